@@ -1,0 +1,360 @@
+/** @file memvect.h
+ * The MEM function vector: every service of the library, slot by slot, and the binding entry.
+ *
+ * The vector is a table of at least 52 pointers that the host owns. Slots 0 to 3 are the host's.
+ * Binding fills slots 4 to 51, unbinding clears them. Callers reach the library through the vector
+ * only; the library reaches its own services through it too, so a replaced slot takes effect for
+ * internal users as well. MEM_VECTOR_SLOTS is the one list of slots.
+ *
+ * Conventions of all services (see membase.h too):
+ *  1. A service runs inside a trace frame (MEMTraceFrame) and, unless noted, first clears the
+ *     calling thread's error area. A failure sets `Code` and `ReturnCode` there, mostly with a text
+ *     in `NameText`, and then calls TextServices slot 8.
+ *  2. A missing thread environment, trace buffer or thread block is tolerated: nothing is written.
+ *  3. Handles are addresses of control blocks and are checked by their eye-catcher.
+ *  4. "One thread at a time" means: the caller serialises all calls on one object; different
+ *     objects may be used on different threads at once.
+ */
+#ifndef QJ7MEM00_MEMVECT_H
+#define QJ7MEM00_MEMVECT_H
+
+#include "membase.h"
+#include "memerr.h"
+#include "memhost.h"
+#include "mempack.h"
+#include "memproc.h"
+
+/** Handle of a standard heap ("QQQHEAP1") or an enhanced heap ("ENHHEAP1"). */
+typedef struct MEMHeapObject *HMEMHEAP;
+/** Handle of a cell pool ("QQQCELL1"). */
+typedef struct MEMCellObject *HMEMCELL;
+/** Handle of a hash table ("QQQQHASH"). */
+typedef struct MEMHashObject *HMEMHASH;
+
+/** A caller's hash function: bucket index, 0..Max, of the `KeyLen` bytes at `pKey`. */
+typedef int16_t (*MEMHashFunc)(const void *pKey);
+/** A caller's scan callback: 0, or a code that MEM_HashScan remembers. */
+typedef int16_t (*MEMScanFunc)(void *pRecord, void *pParm);
+
+struct MEMCatCB;
+struct MEMStructDef;
+struct MEMPortChunk;
+
+/** @name Process and thread: none of these writes "Parms" or "Return" lines */
+/** @{ */
+
+/** Makes the process block (subpool 1), registers it and the message table for component 3 and
+ * starts the string sink. Once per process, before any other service, with no other call running.
+ * On failure the cause is in `InnerCode` and `InnerText`, not in `Code` and `NameText`; what was
+ * made so far stays until MEM_ProcessTerm. */
+typedef int16_t MEM_ProcessInitFn(void);
+
+/** Stops the sink, returns the process block and withdraws the anchor and the message table. 0
+ * also when there is no process block. Leaves the error area alone. After the last thread's
+ * MEM_ThreadTerm, with no other call running. */
+typedef int16_t MEM_ProcessTermFn(void);
+
+/** Makes the calling thread's thread block (subpool 2). A second call makes a second block and
+ * loses the first. Without a process block or thread environment: -1, nothing recorded.
+ * MEMERR_TBLKFAIL when there is no storage. Leaves the rest of the error area alone. */
+typedef int16_t MEM_ThreadActFn(void);
+
+/** Returns the calling thread's thread block. 0 also when there is none. Leaves the error area
+ * alone. */
+typedef int16_t MEM_ThreadTermFn(void);
+
+/** Sets the process option when `pOptions->Set` is not 0. Always 0, also with a null record or
+ * without a process block. Leaves the error area alone. */
+typedef int16_t MEMSetProcOptionsFn(const MEMProcOptions *pOptions);
+/** @} */
+
+/** @name Storage by subpool */
+/** @{ */
+
+/** Obtains `Size` bytes, 8-byte aligned, from a subpool; null when the host has none. A negative
+ * `SubPool` names the subpool of its absolute value (-256: subpool 0) and asks for storage kind 2
+ * instead of 1. Records no error of its own. The caller returns the storage through MEM_Free. Any
+ * number of threads. */
+typedef void *MEM_AllocFn(uint32_t Size, int16_t SubPool);
+
+/** Returns storage with the size and subpool with which it was obtained. Leaves the error area
+ * alone. Any number of threads. */
+typedef void MEM_FreeFn(void *pArea, uint32_t Size, int16_t SubPool);
+
+/** Dialog tables of another platform: always -1 with MEMERR_NOT_SUPPORTED. */
+typedef int16_t MEM_InitQTRFTblsFn(void);
+/** @} */
+
+/** @name Standard heap: one thread at a time
+ * Entries are 8-byte aligned, never cleared, never freed singly and live until the heap is closed.
+ * The allocation services take enhanced heaps too and pass them on. */
+/** @{ */
+
+/** Opens a heap with areas of `AreaLen` KB, 1..256, from `SubPool`. The heap belongs to the caller
+ * until MEM_HeapClose. MEMERR_HEAPSIZE, MEMERR_HEAPAMEM. */
+typedef int16_t MEM_HeapOpenFn(HMEMHEAP *phMemHeap, int16_t AreaLen, uint16_t SubPool);
+
+/** Returns all areas and large blocks. MEMERR_HEAPBHDL, also for an enhanced heap. */
+typedef int16_t MEM_HeapCloseFn(HMEMHEAP hMemHeap);
+
+/** Allocates an entry of `Len` bytes, 1 or more. Served by slot 14 or, for an enhanced heap, by
+ * slot 38. MEMERR_HEAPBHDL, MEMERR_HEAPEMIN, MEMERR_HEAPAMEM. */
+typedef int16_t MEM_HeapAllocEntryFn(HMEMHEAP hMemHeap, int16_t Len, void **ppEntry);
+
+/** Allocates `NumEnties` entries of `Len` bytes, each holding at `LinkOff` the address of the
+ * next, the last null, and stores the first. `LinkOff` is not compared with `Len`. Each entry
+ * comes from slot 14. On failure the entries made so far stay in the heap. MEMERR_HEAPBHDL,
+ * MEMERR_HEAPNUME, MEMERR_HEAPLOFF and those of the single allocation. */
+typedef int16_t MEM_HeapAllocMultEntriesFn(HMEMHEAP hMemHeap, int16_t Len, int16_t NumEnties,
+                                           int16_t LinkOff, void **ppEntry);
+
+/** MEM_HeapAllocEntry with a 32-bit length. An entry too large for an area gets a block of its
+ * own. */
+typedef int16_t MEM_HeapAllocEntryLongFn(HMEMHEAP hMemHeap, int32_t Len, void **ppEntry);
+
+/** MEM_HeapAllocMultEntries with 32-bit length and count. */
+typedef int16_t MEM_HeapAllocLongMultEntriesFn(HMEMHEAP hMemHeap, int32_t Len, int32_t NumEnties,
+                                               int16_t LinkOff, void **ppEntry);
+/** @} */
+
+/** @name Enhanced heap: any number of threads, serialised by the heap's gate */
+/** @{ */
+
+/** Opens an enhanced heap; arguments as for MEM_HeapOpen. */
+typedef int16_t MEM_EHeapOpenFn(HMEMHEAP *phMemHeap, int16_t AreaLen, uint16_t SubPool);
+/** Returns all storage and the gate. Enhanced heaps only. */
+typedef int16_t MEM_EHeapCloseFn(HMEMHEAP hMemHeap);
+/** Allocates an entry of at least 16 bytes; any `Len` is accepted. */
+typedef int16_t MEM_EHeapAllocEntryFn(HMEMHEAP hMemHeap, int32_t Len, void **ppEntry);
+/** Gives back an entry with the length with which it was allocated. */
+typedef int16_t MEM_EHeapFreeEntryFn(HMEMHEAP hMemHeap, int32_t Len, void *pEntry);
+/** Allocates a chain of entries; each comes from slot 38. */
+typedef int16_t MEM_EHeapAllocMultEntriesFn(HMEMHEAP hMemHeap, int32_t Len, int16_t NumEnties,
+                                            int16_t LinkOff, void **ppEntry);
+/** MEM_EHeapAllocMultEntries with a 32-bit count. */
+typedef int16_t MEM_EHeapAllocLongMultEntriesFn(HMEMHEAP hMemHeap, int32_t Len, int32_t NumEnties,
+                                                int16_t LinkOff, void **ppEntry);
+/** @} */
+
+/** @name Cell pool: one thread at a time */
+/** @{ */
+
+/** Opens a pool of cells of `CellLen` bytes in areas of `AreaLen` bytes. */
+typedef int16_t MEM_CellOpenFn(HMEMCELL *phMemCell, int32_t AreaLen, int32_t CellLen,
+                               int16_t SubPool);
+/** Returns all areas. */
+typedef int16_t MEM_CellCloseFn(HMEMCELL hMemCell);
+/** Returns the added areas and makes the pool as it was after open. */
+typedef int16_t MEM_CellClearFn(HMEMCELL hMemCell);
+/** Takes a cell; its first 8 bytes are zero. */
+typedef int16_t MEM_CellAllocEntryFn(HMEMCELL hMemCell, void **ppCell);
+/** Gives a cell back, filled with zeros. */
+typedef int16_t MEM_CellFreeEntryFn(HMEMCELL hMemCell, void *pEntry);
+/** @} */
+
+/** @name Hash table: one thread at a time
+ * Records are copies in a standard heap of the table's own and live until MEM_HashClose. Callers
+ * see the copy's address and may change it, but not its key. */
+/** @{ */
+
+/** Opens a table for records with a key of `KeyLen` bytes at offset `KeyOff`, with buckets 0..`Max`
+ * chosen by `pFunc`. `AreaLen` (KB) and `SubPool` are those of the entry heap. A `KeyLen` of 0 or
+ * less makes all keys equal. MEMERR_HASHAMEM (also for `Max` below -1); a heap failure passes up
+ * with the heap's own error and leaves the control block to the host. */
+typedef int16_t MEM_HashOpenFn(HMEMHASH *phHash, int16_t KeyOff, int16_t KeyLen, int16_t Max,
+                               MEMHashFunc pFunc, int16_t AreaLen, uint16_t SubPool);
+
+/** Closes the entry heap and returns the table. MEMERR_HASHBHDL; a heap failure leaves the table
+ * as it was. */
+typedef int16_t MEM_HashCloseFn(HMEMHASH hMemHash);
+
+/** Copies the `Len` bytes at `pInputEntry` into the table and stores the copy's address. When the
+ * key is there already: MEMERR_HASHDKEY as the result (no error recorded), nothing copied, the
+ * address of the record that is there stored. MEMERR_HASHBHDL, MEMERR_HASHFERR, or the heap's. */
+typedef int16_t MEM_HashInsEntryFn(HMEMHASH hMemHash, int16_t Len, const void *pInputEntry,
+                                   void **ppNewEntry);
+
+/** Stores the address of the record with the key, or returns MEMERR_HASHNFND (no error recorded).
+ * MEMERR_HASHBHDL, MEMERR_HASHFERR. */
+typedef int16_t MEM_HashGetEntryFn(HMEMHASH hMemHash, const void *pKey, void **ppEntry);
+
+/** Removes the record with the key; its storage is reused by a later insert. MEMERR_HASHNFND as the
+ * result when there is none. MEMERR_HASHBHDL, MEMERR_HASHFERR. */
+typedef int16_t MEM_HashDelEntryFn(HMEMHASH hMemHash, const void *pKey);
+
+/** Calls `pFct(record, pParm)` for every record, bucket by bucket in order of insertion. The result
+ * is the last non-zero one of `pFct`, else 0; the scan goes on in every case. `pFct` must not
+ * delete records. MEMERR_HASHBHDL. */
+typedef int16_t MEM_HashScanFn(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm);
+/** @} */
+
+/** @name Pack and unpack: any number of threads, each on its own structure and chain */
+/** @{ */
+
+/** Flattens the structure at `pRoot` (segment kind 0 of `pPackCB`) into a chain of blocks of
+ * `BlkLen` bytes from subpool 0. The structure is not changed. `*ppFirstBlk` is stored as soon as
+ * the first block exists, on failures after that point too: the caller returns each block with
+ * MEM_Free(block, BlkLen, 0). The result is the MEMERR code itself (MEMERR_PACK…), -1 after a
+ * failure of a hash service (whose error stands) or for "WideStringOutOfPlace" and a control block
+ * that the old layout cannot hold. */
+typedef int16_t MEM_PackFn(const MemPackCB *pPackCB, const void *pRoot, int32_t BlkLen,
+                           MemPackBlock **ppFirstBlk);
+
+/** Turns a packed chain of any writer back into linked structures and stores the root. In place
+ * when the layouts agree, else `*ppFirstBlk` becomes a new chain laid out by `pPackCB`. */
+typedef int16_t MEM_UnpackFn(MemPackBlock **ppFirstBlk, void **ppRoot, const MemPackCB *pPackCB);
+/** @} */
+
+/** @name Concatenation buffer: one thread at a time */
+/** @{ */
+
+/** Gives the caller's control block its first text storage. */
+typedef int16_t MEM_CatOpenFn(struct MEMCatCB *pCatCB);
+/** Returns the text storage. */
+typedef int16_t MEM_CatCloseFn(struct MEMCatCB *pCatCB);
+/** Appends NUL-terminated wide text through slot 29. */
+typedef int16_t MEM_CatFn(struct MEMCatCB *pCatCB, const char16_t *pText);
+/** Appends `Len` characters of wide text that has a terminator behind them. */
+typedef int16_t MEM_MemCatFn(struct MEMCatCB *pCatCB, const char16_t *pText, int32_t Len);
+/** @} */
+
+/** @name String sink: any number of threads, serialised by the sink gate */
+/** @{ */
+
+/** Starts the process's sink: gate, first block (write-protected) and index. Called by
+ * MEM_ProcessInit. On failure the code and text are in `InnerCode` and `InnerText`, what stood in
+ * `Code` is in `PrevInnerCode`, and what was obtained stays until MEM_SinkTerm. */
+typedef int16_t MEM_SinkInitFn(void);
+/** Returns all that the sink holds, also after a failed start. Called by MEM_ProcessTerm. Always
+ * 0. Leaves the error area alone. */
+typedef int16_t MEM_SinkTermFn(void);
+/** Stores the address of the shared copy of a text and counts one more use. */
+typedef int16_t MEM_SinkStringFn(const char *pText, const char **ppSunk);
+/** Gives up one use of a shared copy. */
+typedef int16_t MEM_SinkDeleteFn(const char *pSunk);
+/** Stores the address of the shared copy of a text if there is one. `pReserved` is not used. */
+typedef int16_t MEM_SinkVerifyFn(const char *pText, const char **ppSunk, void *pReserved);
+/** MEM_SinkString for wide text. */
+typedef int16_t MEM_WSinkStringFn(const char16_t *pText, const char16_t **ppSunk);
+/** MEM_SinkDelete for wide text. */
+typedef int16_t MEM_WSinkDeleteFn(const char16_t *pSunk);
+/** MEM_SinkVerify for wide text. */
+typedef int16_t MEM_WSinkVerifyFn(const char16_t *pText, const char16_t **ppSunk, void *pReserved);
+/** @} */
+
+/** @name Port strings: any number of threads, each on its own heap */
+/** @{ */
+
+/** Writes the structure at `pStruct`, and all that it reaches, as a chain of text chunks in the
+ * caller's heap. */
+typedef int16_t MEM_StructToPortStrFn(const struct MEMStructDef *pDefs, uint32_t StructID,
+                                      const void *pStruct, int32_t ChunkLen, HMEMHEAP hMemHeap,
+                                      uint32_t *pTotalLen, struct MEMPortChunk **ppFirstChunk);
+/** Reads a chunk chain back into structures in the caller's heap. */
+typedef int16_t MEM_PortStrToStructFn(const struct MEMStructDef *pDefs,
+                                      const struct MEMPortChunk *pFirstChunk, HMEMHEAP hMemHeap,
+                                      void **ppStruct);
+/** Reads `Len` characters back into structures in the caller's heap. */
+typedef int16_t MEM_Port1StrToStructFn(const struct MEMStructDef *pDefs, const char *pText,
+                                       uint32_t Len, HMEMHEAP hMemHeap, void **ppStruct);
+/** @} */
+
+/** The slots of the library: SLOT(number, entry point). The order is the host's contract. */
+#define MEM_VECTOR_SLOTS(SLOT)           \
+  SLOT(4, MEM_ProcessInit)               \
+  SLOT(5, MEM_ProcessTerm)               \
+  SLOT(6, MEM_ThreadAct)                 \
+  SLOT(7, MEM_ThreadTerm)                \
+  SLOT(8, MEM_Alloc)                     \
+  SLOT(9, MEM_Free)                      \
+  SLOT(10, MEM_HeapOpen)                 \
+  SLOT(11, MEM_HeapClose)                \
+  SLOT(12, MEM_HeapAllocEntry)           \
+  SLOT(13, MEM_HeapAllocMultEntries)     \
+  SLOT(14, MEM_HeapAllocEntryLong)       \
+  SLOT(15, MEM_CellOpen)                 \
+  SLOT(16, MEM_CellClose)                \
+  SLOT(17, MEM_CellClear)                \
+  SLOT(18, MEM_CellAllocEntry)           \
+  SLOT(19, MEM_CellFreeEntry)            \
+  SLOT(20, MEM_HashOpen)                 \
+  SLOT(21, MEM_HashClose)                \
+  SLOT(22, MEM_HashInsEntry)             \
+  SLOT(23, MEM_HashGetEntry)             \
+  SLOT(24, MEM_Pack)                     \
+  SLOT(25, MEM_Unpack)                   \
+  SLOT(26, MEM_CatOpen)                  \
+  SLOT(27, MEM_CatClose)                 \
+  SLOT(28, MEM_Cat)                      \
+  SLOT(29, MEM_MemCat)                   \
+  SLOT(30, MEM_InitQTRFTbls)             \
+  SLOT(31, MEM_SinkInit)                 \
+  SLOT(32, MEM_SinkTerm)                 \
+  SLOT(33, MEM_SinkString)               \
+  SLOT(34, MEM_SinkDelete)               \
+  SLOT(35, MEM_SinkVerify)               \
+  SLOT(36, MEM_EHeapOpen)                \
+  SLOT(37, MEM_EHeapClose)               \
+  SLOT(38, MEM_EHeapAllocEntry)          \
+  SLOT(39, MEM_EHeapFreeEntry)           \
+  SLOT(40, MEM_EHeapAllocMultEntries)    \
+  SLOT(41, MEM_StructToPortStr)          \
+  SLOT(42, MEM_PortStrToStruct)          \
+  SLOT(43, MEMSetProcOptions)            \
+  SLOT(44, MEM_Port1StrToStruct)         \
+  SLOT(45, MEM_WSinkString)              \
+  SLOT(46, MEM_WSinkDelete)              \
+  SLOT(47, MEM_WSinkVerify)              \
+  SLOT(48, MEM_HashDelEntry)             \
+  SLOT(49, MEM_HashScan)                 \
+  SLOT(50, MEM_HeapAllocLongMultEntries) \
+  SLOT(51, MEM_EHeapAllocLongMultEntries)
+
+enum { MEM_VECTOR_HOST_SLOTS = 4, MEM_VECTOR_LEN = 52 };
+
+/** The MEM function vector. A host's table may go on behind the last slot. */
+typedef struct MEMFunctionVector {
+  void *HostSlots[MEM_VECTOR_HOST_SLOTS]; /**< the host's; never read or written by the library */
+#define MEM_VECTOR_FIELD(slot, name) name##Fn *name;
+  MEM_VECTOR_SLOTS(MEM_VECTOR_FIELD)
+#undef MEM_VECTOR_FIELD
+} MEMFunctionVector;
+
+#define MEM_VECTOR_CHECK(slot, name) MEM_CHECK_SLOT(MEMFunctionVector, name, slot);
+MEM_VECTOR_SLOTS(MEM_VECTOR_CHECK)
+#undef MEM_VECTOR_CHECK
+MEM_CHECK_SIZE(MEMFunctionVector, MEM_VECTOR_LEN * 8);
+
+enum {
+  MEM_HOST_VECTORS = 32,    /**< cells of the first binding list */
+  MEM_SERVICE_VECTORS = 48, /**< cells of the second binding list */
+  MEM_MODE_BIND = 1         /**< any other mode unbinds */
+};
+
+/** Places of the vectors that the library uses in the first binding list. */
+enum {
+  MEM_HOST_RUNTIME = 0, /**< MEMRuntimeServices */
+  MEM_HOST_TRACE = 1,   /**< MEMTraceServices */
+  MEM_HOST_TEXT = 2,    /**< MEMTextServices */
+  MEM_HOST_VECTOR = 3   /**< MEMFunctionVector, filled by binding */
+};
+
+/** Name of the one exported function, for dlsym and GetProcAddress. */
+#define MEM_BIND_ENTRY_NAME "ENV_FWV_V00M00_GFunc"
+
+/** The one exported function: binds (mode 1) or unbinds (any other mode) the library.
+ *
+ * Binding keeps `*ppHostVectors[0..31]`, `*ppServiceVectors[0..47]`, `pSysEnv` and `SysFlags` and
+ * fills slots 4 to 51 of the MEM function vector, inside a trace frame named "PSdynamn". Unbinding
+ * clears those slots, then forgets all that was kept; the lists are not read. Unbinding while
+ * unbound does nothing. Arguments are not checked. Must not overlap any call through the vector.
+ *
+ * @param ppHostVectors     32 addresses of cells that hold the host's service vectors
+ * @param ppServiceVectors  48 addresses of further cells; kept, never called
+ * @param pSysEnv           MEMSysEnv of the host, or null
+ * @param SysFlags          kept, not used
+ * @param Mode              MEM_MODE_BIND or anything else */
+typedef void MEMBindFn(void **const *ppHostVectors, void **const *ppServiceVectors,
+                       const MEMSysEnv *pSysEnv, uint32_t SysFlags, int16_t Mode);
+
+#endif

@@ -1,0 +1,106 @@
+#include "callframe.h"
+
+#include <cstring>
+
+namespace mem {
+
+namespace {
+
+constexpr std::uint16_t kFailed = 0xFFFF;
+
+}  // namespace
+
+void copyText(char *pTo, std::size_t room, const char *pFrom) noexcept {
+  std::size_t length = 0;
+  while (length + 1 < room && pFrom[length] != '\0') ++length;
+  std::memcpy(pTo, pFrom, length);
+  pTo[length] = '\0';
+}
+
+CallFrame::CallFrame(const EntryPoint &entryPoint, ErrorArea errorArea) noexcept
+    : entryPoint_(entryPoint) {
+  frame_.pName = entryPoint.traceName;
+  runtimeServices().EnterFrame(&frame_, MEM_COMPONENT);
+  if (errorArea == ErrorArea::clear) clearErrorArea();
+}
+
+void CallFrame::clearErrorArea() noexcept {
+  if (frame_.pThreadEnv != nullptr) {
+    std::memset(&frame_.pThreadEnv->Error, 0, sizeof(MEMErrorArea));
+  }
+}
+
+MEMTraceBuf *CallFrame::traceBuffer() const noexcept {
+  return frame_.pThreadEnv == nullptr ? nullptr : frame_.pThreadEnv->pTraceBuf;
+}
+
+void CallFrame::writeFixed(const RecordKind &kind, std::int32_t line, const char *text) noexcept {
+  MEMTraceBuf *pBuf = traceBuffer();
+  if (pBuf == nullptr) return;
+  const std::size_t length = std::strlen(text);
+  std::memcpy(pBuf->Text, text, length + 1);
+  pBuf->TextLen = static_cast<std::uint32_t>(length);
+  writeRecord(kind, line);
+}
+
+void CallFrame::writeRecord(const RecordKind &kind, std::int32_t line) noexcept {
+  traceServices().WriteRecord(MEM_COMPONENT, 0, kind.type, entryPoint_.source,
+                              entryPoint_.traceName, line);
+}
+
+std::int16_t CallFrame::succeed() noexcept {
+  traceExit("Return=SUCCESS");
+  return finish(0);
+}
+
+std::int16_t CallFrame::finish(std::int16_t result) noexcept {
+  // The upper half of the field is the host's.
+  frame_.Result = (frame_.Result & 0xFFFF0000U) | static_cast<std::uint16_t>(result);
+  return result;
+}
+
+std::int16_t CallFrame::finishAsHostSet() const noexcept {
+  return static_cast<std::int16_t>(frame_.Result);
+}
+
+std::int16_t CallFrame::fail(const Failure &failure) noexcept {
+  MEMThreadEnv *pThread = thread();
+  if (pThread == nullptr) return finish(failure.result);
+  MEMErrorArea &error = pThread->Error;
+  error.Code = failure.code;
+  error.ReturnCode = kFailed;
+  if (failure.marksComponent) error.Component = MEM_COMPONENT;
+  if (failure.innerCode) error.InnerCode = *failure.innerCode;
+  if (failure.wording == Wording::composed) {
+    copyText(pThread->MessageText, sizeof pThread->MessageText, failure.text);
+  }
+  copyText(error.NameText, sizeof error.NameText,
+           failure.wording == Wording::named ? failure.text : pThread->MessageText);
+  textServices().ReportError(
+      failure.reported == Reported::nameText ? error.NameText : pThread->MessageText, "");
+  return finish(failure.result);
+}
+
+std::int16_t CallFrame::failInside(std::uint32_t innerCode, const char *innerText) noexcept {
+  if (MEMThreadEnv *pThread = thread()) {
+    pThread->Error.InnerCode = innerCode;
+    copyText(pThread->Error.InnerText, sizeof pThread->Error.InnerText, innerText);
+  }
+  return failAsRecorded();
+}
+
+std::int16_t CallFrame::failInsideKeepingCode(std::uint32_t innerCode,
+                                              const char *innerText) noexcept {
+  if (MEMThreadEnv *pThread = thread()) pThread->Error.PrevInnerCode = pThread->Error.Code;
+  return failInside(innerCode, innerText);
+}
+
+std::int16_t CallFrame::failAsRecorded() noexcept {
+  if (MEMThreadEnv *pThread = thread()) {
+    pThread->Error.Component = MEM_COMPONENT;
+    pThread->Error.ReturnCode = kFailed;
+  }
+  return finish(-1);
+}
+
+}  // namespace mem

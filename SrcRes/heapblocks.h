@@ -1,0 +1,73 @@
+// Control blocks of the heaps. Both kinds of heap are chains of areas; handles are told apart by
+// their eye-catchers. The offsets are contract.
+//
+//   first area          | MEMHeapHeader or MEMEHeapHeader | entries ... | free |
+//   further areas       | MEMHeapArea | entries ...                     | free |
+//   large blocks        | MEMHeapLargeBlock | one entry |
+//
+// NextFreeOff + FreeLen is the area size in every area. Only the current area, the last one of the
+// chain, is carved from.
+#pragma once
+
+#include <cstdint>
+
+#include "bytes.h"
+#include "qj7mem00/membase.h"
+
+namespace mem {
+
+inline constexpr Eyecatcher kHeapEye = "QQQHEAP1";
+inline constexpr Eyecatcher kEHeapEye = "ENHHEAP1";
+inline constexpr Eyecatcher kAreaEye = "QQQHEAPN";
+inline constexpr Eyecatcher kLargeBlockEye = "QQQHBLKN";
+
+// Head of every area after the first.
+struct MEMHeapArea {
+  char Eyecatcher[8];
+  MEMHeapArea *pNextArea;     // null in the last area
+  std::uint32_t NextFreeOff;  // offset in this area of the first byte not handed out
+  std::int32_t FreeLen;       // bytes from there to the area's end
+};
+MEM_CHECK_SIZE(MEMHeapArea, 24);
+MEM_CHECK_OFFSET(MEMHeapArea, pNextArea, 8);
+MEM_CHECK_OFFSET(MEMHeapArea, NextFreeOff, 16);
+MEM_CHECK_OFFSET(MEMHeapArea, FreeLen, 20);
+
+// A block of its own for an entry that no area can hold; the entry follows.
+struct MEMHeapLargeBlock {
+  char Eyecatcher[8];
+  MEMHeapLargeBlock *pNextBlock;
+  std::uint32_t BlockSize;  // bytes obtained, this header included
+  std::uint32_t Reserved20;
+};
+MEM_CHECK_SIZE(MEMHeapLargeBlock, 24);
+MEM_CHECK_OFFSET(MEMHeapLargeBlock, pNextBlock, 8);
+MEM_CHECK_OFFSET(MEMHeapLargeBlock, BlockSize, 16);
+
+// Standard heap. Its handle is this block's address.
+struct MEMHeapHeader {
+  MEMHeapArea FirstArea;
+  MEMHeapArea *pCurArea;
+  MEMHeapLargeBlock *pLargeBlocks;  // latest first
+  std::uint32_t AreaSize;
+  std::uint16_t SubPool;
+  std::uint8_t Reserved46[10];
+};
+MEM_CHECK_SIZE(MEMHeapHeader, 56);
+MEM_CHECK_OFFSET(MEMHeapHeader, pCurArea, 24);
+MEM_CHECK_OFFSET(MEMHeapHeader, pLargeBlocks, 32);
+MEM_CHECK_OFFSET(MEMHeapHeader, AreaSize, 40);
+MEM_CHECK_OFFSET(MEMHeapHeader, SubPool, 44);
+
+inline constexpr std::int16_t kMaxAreaKB = 256;
+
+// Entries up to AreaSize less this come from areas, longer ones get a large block. The same for
+// every area of either kind of heap, whatever its header takes.
+inline constexpr std::uint32_t kAreaEntryOverhead = sizeof(MEMHeapHeader);
+
+// Entry lengths are multiples of 8. Wide, so that no length of 32 bits wraps.
+inline std::int64_t alignedEntryLen(std::int32_t Len) noexcept {
+  return (static_cast<std::int64_t>(Len) + 7) & ~std::int64_t{7};
+}
+
+}  // namespace mem

@@ -1,0 +1,90 @@
+#include "memcpack_cb.h"
+
+#include <algorithm>
+
+namespace mem {
+
+namespace {
+
+constexpr std::int64_t kPointerLen = 8;
+
+bool lieWithin(std::int16_t offset, std::int64_t length) noexcept {
+  return offset >= 0 && offset + kPointerLen <= length;
+}
+
+// Offsets in an old descriptor; the first 10 bytes are those of a current one.
+constexpr std::size_t kCommonLen = 10;
+constexpr std::size_t kOldChildrenOff = 10;
+constexpr std::size_t kOldReferencesOff = 42;
+
+void writeOldDescriptor(const MemPackDescriptor &descriptor, std::byte *pTo) noexcept {
+  std::memcpy(pTo, &descriptor, kCommonLen);
+  const auto used = children(descriptor);
+  if (!used.empty()) std::memcpy(pTo + kOldChildrenOff, used.data(), used.size_bytes());
+  const auto usedReferences = references(descriptor);
+  if (!usedReferences.empty()) {
+    std::memcpy(pTo + kOldReferencesOff, usedReferences.data(), usedReferences.size_bytes());
+  }
+}
+
+}  // namespace
+
+bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length) noexcept {
+  if (hasSibling(descriptor) && !lieWithin(descriptor.SiblingOff, length)) return false;
+  for (const MemPackChild &child : children(descriptor)) {
+    if (!lieWithin(child.Offset, length)) return false;
+  }
+  for (const std::int16_t offset : references(descriptor)) {
+    if (!lieWithin(offset, length)) return false;
+  }
+  return true;
+}
+
+const MemPackDescriptor &PackControlBlock::descriptor(std::int32_t index) const noexcept {
+  // The record declares eight descriptors; further ones follow it in the caller's storage.
+  return reinterpret_cast<const MemPackDescriptor *>(
+      bytesAt(pPackCB_, offsetof(MemPackCB, Descriptors)))[index];
+}
+
+bool PackControlBlock::hasValidCounts(const MemPackDescriptor &descriptor) const noexcept {
+  if (isTextKind(descriptor)) return true;
+  if (descriptor.ChildCount < 0 || descriptor.ChildCount > MEM_PACK_MAX_CHILDREN) return false;
+  if (descriptor.ReferenceCount < 0 || descriptor.ReferenceCount > MEM_PACK_MAX_REFERENCES) {
+    return false;
+  }
+  const std::int32_t kinds = std::max<std::int32_t>(count(), MEM_PACK_MIN_DESCRIPTORS);
+  return std::ranges::all_of(children(descriptor), [kinds](const MemPackChild &child) {
+    return child.Descriptor < kinds;
+  });
+}
+
+const MemPackDescriptor *PackControlBlock::firstInvalid() const noexcept {
+  for (std::int32_t i = 0; i < count(); ++i) {
+    if (!hasValidCounts(descriptor(i))) return &descriptor(i);
+  }
+  return nullptr;
+}
+
+std::uint32_t oldControlBlockLen(std::int32_t count) noexcept {
+  const std::int32_t kinds = std::max<std::int32_t>(count, MEM_PACK_MIN_DESCRIPTORS);
+  return static_cast<std::uint32_t>(sizeof(std::int16_t)) +
+         static_cast<std::uint32_t>(kinds) * kOldDescriptorLen;
+}
+
+bool hasTooManyChildrenForOld(const PackControlBlock &controlBlock) noexcept {
+  for (std::int32_t i = 0; i < controlBlock.count(); ++i) {
+    if (children(controlBlock.descriptor(i)).size() > kOldMaxChildren) return true;
+  }
+  return false;
+}
+
+void writeOldControlBlock(const PackControlBlock &controlBlock, void *pTo) noexcept {
+  storeAs(pTo, static_cast<std::int16_t>(controlBlock.count()));
+  std::byte *pDescriptor = bytesAt(pTo, sizeof(std::int16_t));
+  for (std::int32_t i = 0; i < controlBlock.count(); ++i) {
+    writeOldDescriptor(controlBlock.descriptor(i), pDescriptor);
+    pDescriptor += kOldDescriptorLen;
+  }
+}
+
+}  // namespace mem

@@ -1,0 +1,27 @@
+// What the user asks for on the command line.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace catalog {
+
+// A block length that every reader takes: offsets in a block of this length fit 16 signed bits.
+inline constexpr std::int32_t kDefaultBlockLength = 32768;
+
+struct Arguments {
+  bool help = false;
+  std::filesystem::path catalogue;  // empty: the machine's own, else the sample
+  std::filesystem::path output;     // empty: a file in the temp directory
+  std::int32_t blockLength = kDefaultBlockLength;
+};
+
+extern const std::string_view kUsage;
+
+// Throws InputError for an unknown option, a missing or wrong value, or a second catalogue.
+Arguments parseArguments(const std::vector<std::string> &words);
+
+}  // namespace catalog

@@ -1,0 +1,121 @@
+// A host that packs a package catalogue: loads the library, binds it, builds linked records in a
+// heap, packs them into a chain of blocks, writes the chain to a file, ends everything and accounts
+// for every byte. `catalog --help` tells the options.
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "catalog_arguments.hpp"
+#include "catalog_errors.hpp"
+#include "catalog_model.hpp"
+#include "catalog_report.hpp"
+#include "chain_file.hpp"
+#include "refhost.hpp"
+#include "running_library.hpp"
+#include "status_reader.hpp"
+#include "step_clock.hpp"
+#include "utf_text.hpp"
+
+namespace catalog {
+namespace {
+
+constexpr const char *kMachineCatalogue = "/var/lib/dpkg/status";
+constexpr const char *kSampleCatalogue = "sample-status";  // beside the program
+constexpr const char *kDefaultOutput = "qj7mem00-catalog.chain";
+
+// Names the catalogue and the chain file where the user did not. They must be two files.
+void complete(Arguments &arguments, const std::filesystem::path &programFolder) {
+  std::error_code ignored;
+  if (arguments.catalogue.empty()) {
+    arguments.catalogue = std::filesystem::is_regular_file(kMachineCatalogue, ignored)
+                              ? std::filesystem::path(kMachineCatalogue)
+                              : programFolder / kSampleCatalogue;
+  }
+  if (arguments.output.empty()) {
+    std::error_code error;
+    arguments.output = std::filesystem::temp_directory_path(error) / kDefaultOutput;
+    if (error) throw InputError("there is no temp directory; name the chain file with --output");
+  }
+  if (std::filesystem::equivalent(arguments.catalogue, arguments.output, ignored)) {
+    throw InputError("the chain would overwrite " + utf8FromPath(arguments.catalogue));
+  }
+}
+
+// The job itself, between start and stop of the library.
+void packCatalogue(refhost::Host &host, const Arguments &arguments, StepClock &clock,
+                   Report &report) {
+  std::vector<Package> packages;
+  clock.run("read", [&] { packages = readCatalogue(arguments.catalogue); });
+
+  std::optional<CatalogRecords> records;
+  clock.run("build", [&] { records.emplace(host, packages); });
+  report.records = records->counts();
+
+  const MemPackCB packCB = describeRecords();
+  std::optional<PackedChain> chain;
+  clock.run("pack", [&] { chain.emplace(host, packCB, records->root(), arguments.blockLength); });
+  report.chain = chain->size();
+
+  clock.run("write", [&] { chain->write(arguments.output); });
+  chain->release();
+  records->close();
+}
+
+// Whether everything was given back to the host and nothing was misused; tells of it when not.
+bool isHostAtRest(refhost::Host &host) {
+  const std::string leaks = host.leakReport();
+  if (!leaks.empty()) std::cerr << "catalog: storage was not returned\n" << leaks;
+  if (host.gateCount() != 0) std::cerr << "catalog: a gate was not deleted\n";
+  const std::vector<refhost::Misuse> misuses = host.takeMisuses();
+  for (const refhost::Misuse &misuse : misuses) {
+    std::cerr << "catalog: " << refhost::serviceName(misuse.service) << ": " << misuse.what << '\n';
+  }
+  return leaks.empty() && host.gateCount() == 0 && misuses.empty();
+}
+
+ExitCode run(Arguments arguments) {
+  const std::filesystem::path libraryPath = refhost::Library::besideProgram();
+  complete(arguments, libraryPath.parent_path());
+  const refhost::Library library(libraryPath);
+  refhost::Host host;
+  StepClock clock(std::cerr);
+  Report report;
+  {
+    const RunningLibrary running(host, library.bindEntry());
+    packCatalogue(host, arguments, clock, report);
+  }
+  report.catalogue = utf8FromPath(arguments.catalogue);
+  report.chainFile = utf8FromPath(arguments.output);
+  report.blockLength = arguments.blockLength;
+  report.steps = clock.steps();
+  report.account = host.account();
+  printReport(std::cout, report);
+  if (!std::cout.flush()) throw std::runtime_error("the report could not be written");
+  return isHostAtRest(host) ? kExitSuccess : kExitFailure;
+}
+
+ExitCode runWithArguments(const std::vector<std::string> &words) {
+  try {
+    const Arguments arguments = parseArguments(words);
+    if (!arguments.help) return run(arguments);
+    std::cout << kUsage;
+    return kExitSuccess;
+  } catch (const InputError &error) {
+    std::cerr << "catalog: " << error.what() << '\n';
+    return kExitBadInput;
+  } catch (const std::exception &error) {
+    std::cerr << "catalog: " << error.what() << '\n';
+    return kExitFailure;
+  }
+}
+
+}  // namespace
+}  // namespace catalog
+
+int main(int argc, char **argv) {
+  return catalog::runWithArguments(catalog::programArguments(argc, argv));
+}

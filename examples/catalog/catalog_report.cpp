@@ -1,0 +1,77 @@
+#include "catalog_report.hpp"
+
+#include <iomanip>
+#include <ostream>
+#include <sstream>
+
+namespace catalog {
+namespace {
+
+// "1,234,567"
+std::string grouped(std::uint64_t number) {
+  std::string digits = std::to_string(number);
+  for (std::size_t end = digits.size(); end > 3;) {
+    end -= 3;
+    digits.insert(end, 1, ',');
+  }
+  return digits;
+}
+
+constexpr int kNameWidth = 14;
+constexpr int kNumberWidth = 12;
+
+std::ostream &line(std::ostream &stream, const std::string &name, const std::string &value) {
+  return stream << "  " << std::left << std::setw(kNameWidth) << name << std::right
+                << std::setw(kNumberWidth) << value;
+}
+
+std::ostream &line(std::ostream &stream, const std::string &name, std::uint64_t number) {
+  return line(stream, name, grouped(number));
+}
+
+void printRecords(std::ostream &stream, const Report &report) {
+  const RecordCounts &records = report.records;
+  stream << "Catalogue " << report.catalogue << '\n';
+  line(stream, "structures", records.packages + records.dependencies)
+      << "  (" << grouped(records.packages) << " packages, " << grouped(records.dependencies)
+      << " dependencies, " << grouped(records.references) << " resolved to a package)\n";
+  line(stream, "strings", records.narrowStrings + records.wideStrings)
+      << "  (" << grouped(records.narrowStrings) << " narrow, " << grouped(records.wideStrings)
+      << " wide)\n";
+}
+
+void printChain(std::ostream &stream, const Report &report) {
+  stream << "Packed chain " << report.chainFile << '\n';
+  line(stream, "blocks", report.chain.blocks)
+      << "  of " << grouped(static_cast<std::uint64_t>(report.blockLength)) << " bytes\n";
+  line(stream, "bytes", report.chain.bytes) << "  used, written to the file\n";
+}
+
+void printSteps(std::ostream &stream, const Report &report) {
+  stream << "Milliseconds\n";
+  for (const Step &step : report.steps) {
+    std::ostringstream number;
+    number << std::fixed << std::setprecision(1) << step.milliseconds;
+    line(stream, step.name, number.str()) << '\n';
+  }
+}
+
+void printAccount(std::ostream &stream, const refhost::Account &account) {
+  stream << "Storage obtained from the host\n";
+  line(stream, "in all", account.totalBytes)
+      << "  bytes in " << grouped(account.totalCount) << " areas\n";
+  line(stream, "at the peak", account.peakBytes) << "  bytes\n";
+  line(stream, "not returned", account.liveBytes)
+      << "  bytes in " << grouped(account.liveCount) << " areas\n";
+}
+
+}  // namespace
+
+void printReport(std::ostream &stream, const Report &report) {
+  printRecords(stream, report);
+  printChain(stream, report);
+  printSteps(stream, report);
+  printAccount(stream, report.account);
+}
+
+}  // namespace catalog

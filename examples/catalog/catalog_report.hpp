@@ -1,0 +1,28 @@
+// What the program tells about a run.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "catalog_model.hpp"
+#include "chain_file.hpp"
+#include "refhost.hpp"
+#include "step_clock.hpp"
+
+namespace catalog {
+
+struct Report {
+  std::string catalogue;  // name of the file read
+  std::string chainFile;  // name of the file written
+  std::int32_t blockLength = 0;
+  RecordCounts records;
+  ChainSize chain;
+  std::vector<Step> steps;
+  refhost::Account account;  // of all storage, once the library has been unbound
+};
+
+void printReport(std::ostream &stream, const Report &report);
+
+}  // namespace catalog

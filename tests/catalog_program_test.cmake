@@ -1,0 +1,176 @@
+# Runs the catalogue example as a user does: exit codes, messages, the report, the chain file.
+#
+#   cmake -DPROGRAM=… -DWORK=… [-DEMULATOR=…] -P catalog_program_test.cmake
+#
+# PROGRAM   the example
+# WORK      folder for the files of this test; emptied first
+# EMULATOR  command in front of a program for another platform, as a list
+cmake_minimum_required(VERSION 3.25)
+
+# Wine's own messages would stand among the program's, and it reads names in the locale's encoding.
+set(ENV{WINEDEBUG} "-all")
+set(ENV{LC_ALL} "C.UTF-8")
+file(REMOVE_RECURSE ${WORK})
+file(MAKE_DIRECTORY ${WORK})
+
+# Runs the example in WORK and leaves its exit code, stdout and stderr in `code`, `out` and `err`.
+macro(run_catalog)
+  execute_process(
+    COMMAND ${EMULATOR} ${PROGRAM} ${ARGN}
+    WORKING_DIRECTORY ${WORK}
+    RESULT_VARIABLE code
+    OUTPUT_VARIABLE out
+    ERROR_VARIABLE err)
+  string(REPLACE "\r\n" "\n" out "${out}")
+  string(REPLACE "\r\n" "\n" err "${err}")
+endmacro()
+
+function(fail what)
+  message(FATAL_ERROR "${what}\nexit code ${code}\nstdout:\n${out}\nstderr:\n${err}")
+endfunction()
+
+# The arguments must end the program with code `wanted` and one line on stderr that has `text`.
+function(expect_refused wanted text)
+  run_catalog(${ARGN})
+  if(NOT code STREQUAL wanted)
+    fail("catalog ${ARGN}: expected exit code ${wanted}")
+  endif()
+  string(FIND "${err}" "${text}" place)
+  if(NOT err MATCHES "^catalog: [^\n]+\n$" OR place EQUAL -1)
+    fail("catalog ${ARGN}: expected one line with \"${text}\" on stderr")
+  endif()
+  if(NOT out STREQUAL "")
+    fail("catalog ${ARGN}: expected nothing on stdout")
+  endif()
+endfunction()
+
+# The program must succeed, say nothing on stderr and have returned all storage.
+function(expect_packed)
+  run_catalog(${ARGN})
+  if(NOT code STREQUAL "0" OR NOT err STREQUAL "")
+    fail("catalog ${ARGN}: expected success")
+  endif()
+  if(NOT out MATCHES "not returned +0  bytes in 0 areas\n")
+    fail("catalog ${ARGN}: expected a storage account at zero")
+  endif()
+  set(out "${out}" PARENT_SCOPE)
+endfunction()
+
+# Value of the two bytes at `offset` of the hexadecimal text, in little-endian order.
+function(read_u16 hex offset result)
+  math(EXPR at "2 * ${offset}")
+  string(SUBSTRING "${hex}" ${at} 2 low)
+  math(EXPR at "${at} + 2")
+  string(SUBSTRING "${hex}" ${at} 2 high)
+  math(EXPR value "0x${high}${low}")
+  set(${result} ${value} PARENT_SCOPE)
+endfunction()
+
+# The file must be a sequence of used lengths with their bytes, as many as `blocks`, beginning with
+# version, control block and root.
+function(expect_chain path blocks)
+  file(READ ${path} hex HEX)
+  string(LENGTH "${hex}" size)
+  math(EXPR size "${size} / 2")
+  set(at 0)
+  set(found 0)
+  while(at LESS size)
+    read_u16("${hex}" ${at} used)
+    math(EXPR at "${at} + ${used}")
+    math(EXPR found "${found} + 1")
+    if(used LESS 2 OR at GREATER size)
+      message(FATAL_ERROR "${path}: block ${found} has used length ${used}")
+    endif()
+  endwhile()
+  if(NOT found EQUAL blocks)
+    message(FATAL_ERROR "${path}: ${found} blocks, expected ${blocks}")
+  endif()
+
+  string(SUBSTRING "${hex}" 4 8 version)
+  if(NOT version STREQUAL "30323230")
+    message(FATAL_ERROR "${path}: version ${version}, expected 0220")
+  endif()
+  read_u16("${hex}" 6 descriptors)
+  read_u16("${hex}" 8 type)
+  read_u16("${hex}" 10 length)
+  if(NOT descriptors EQUAL 4 OR NOT type EQUAL 0x46 OR NOT length EQUAL 48)
+    message(FATAL_ERROR "${path}: control block ${descriptors}, ${type}, ${length}")
+  endif()
+  # The root is the first package; its name stands right behind it.
+  math(EXPR root "2 + 4 + 978")
+  math(EXPR name "${root} + 8")
+  read_u16("${hex}" ${name} block)
+  math(EXPR name "${name} + 2")
+  read_u16("${hex}" ${name} offset)
+  math(EXPR behind "${root} + 48")
+  if(NOT block EQUAL 0 OR NOT offset EQUAL behind)
+    message(FATAL_ERROR "${path}: the root's name is at ${block}:${offset}")
+  endif()
+endfunction()
+
+cmake_path(GET PROGRAM PARENT_PATH folder)
+set(sample ${folder}/sample-status)
+
+# The sample, in one block and in many.
+expect_packed(${sample} --output sample.chain)
+if(NOT out MATCHES "blocks +1  of 32,768 bytes" OR NOT out MATCHES "\\(26 packages, ")
+  fail("the report on the sample is not what was expected")
+endif()
+foreach(step read build pack write)
+  if(NOT out MATCHES "  ${step} +[0-9]+\\.[0-9]\n")
+    fail("the report does not time the step ${step}")
+  endif()
+endforeach()
+expect_chain(${WORK}/sample.chain 1)
+
+expect_packed(--block-length 1100 --output many.chain ${sample})
+string(REGEX MATCH "blocks +([0-9]+)  of 1,100 bytes" matched "${out}")
+expect_chain(${WORK}/many.chain ${CMAKE_MATCH_1})
+if(CMAKE_MATCH_1 LESS 5)
+  fail("expected several blocks")
+endif()
+
+# Equal input gives equal bytes, also over a longer file that was there before.
+file(RENAME ${WORK}/sample.chain ${WORK}/first.chain)
+file(COPY_FILE ${WORK}/many.chain ${WORK}/sample.chain)
+expect_packed(${sample} --output sample.chain)
+execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files first.chain sample.chain
+                WORKING_DIRECTORY ${WORK} COMMAND_ERROR_IS_FATAL ANY)
+
+# A name that no single code page holds.
+file(COPY_FILE ${sample} "${WORK}/katalog-ä-本.status")
+expect_packed("katalog-ä-本.status" --output "kette-ä-本.chain")
+expect_chain("${WORK}/kette-ä-本.chain" 1)
+
+run_catalog(--help)
+if(NOT code STREQUAL "0" OR NOT err STREQUAL "" OR NOT out MATCHES "^Usage: catalog ")
+  fail("--help does not show the usage")
+endif()
+
+# Wrong input.
+file(WRITE ${WORK}/empty "")
+file(WRITE ${WORK}/blank "\n\n \n")
+file(WRITE ${WORK}/text "Package: a\n\nno field here\n")
+file(WRITE ${WORK}/nameless "Version: 1\n")
+expect_refused(2 "cannot read absent" absent)
+expect_refused(2 "it is a directory" ${WORK})
+expect_refused(2 "empty is empty" empty)
+expect_refused(2 "blank holds no package" blank)
+expect_refused(2 "text, line 3" text)
+expect_refused(2 "without a package name" nameless)
+expect_refused(2 "cannot write" ${sample} --output ${WORK})
+expect_refused(2 "cannot write" ${sample} --output absent/chain)
+file(COPY_FILE ${sample} ${WORK}/both)
+expect_refused(2 "would overwrite both" both --output ./both)
+execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${sample} ${WORK}/both
+                COMMAND_ERROR_IS_FATAL ANY)
+expect_refused(2 "unknown option --unknown" --unknown)
+expect_refused(2 "--output needs a value" --output)
+expect_refused(2 "--block-length needs a number" --block-length many)
+expect_refused(2 "more than one catalogue" ${sample} ${sample})
+
+# A service that fails.
+expect_refused(1 "4066 MEMERR_PACKBMIN" ${sample} --output small.chain --block-length 900)
+if(EXISTS ${WORK}/small.chain)
+  message(FATAL_ERROR "a failed run left a chain file")
+endif()

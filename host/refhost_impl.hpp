@@ -1,0 +1,155 @@
+// The host's inside: its state, the one active host, the service functions and what they share.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "refhost.hpp"
+#include "refhost_calls.hpp"
+#include "refhost_gates.hpp"
+#include "refhost_misuse.hpp"
+#include "refhost_storage.hpp"
+#include "refhost_threads.hpp"
+#include "refhost_trace.hpp"
+
+namespace refhost {
+
+struct Host::Impl {
+  explicit Impl(const Options &options);
+  ~Impl();
+  Impl(const Impl &) = delete;
+  Impl &operator=(const Impl &) = delete;
+
+  void fillTables();
+
+  MisuseLog misuses;
+  StorageAccount storage;
+  GateTable gates{misuses};
+  ThreadTable threads;
+  CallLog calls;
+  TraceOutput trace;
+
+  // Read on every call, changed at any time.
+  std::atomic<std::uint32_t> traceFlags;
+  std::atomic<bool> threadEnvMissing{false};
+  std::atomic<std::int32_t> filterAnswer{1};
+  std::atomic<std::uint16_t> filterResult{0};
+  std::atomic<void *> anchor{nullptr};
+  std::atomic<const MEMMessageRow *> messageTable{nullptr};
+
+  std::mutex reportMutex;  // guards the two texts
+  std::string reportedText;
+  std::string reportedDetail;
+
+  // What the library is bound to. The lists hold the addresses of the cells.
+  MEMRuntimeServices runtimeServices{};
+  MEMTraceServices traceServices{};
+  MEMTextServices textServices{};
+  MEMFunctionVector vector{};
+  MEMFunctionVector boundVector{};  // what binding made of `vector`
+  bool isBound = false;
+  MEMSysEnv sysEnv{};
+  const bool nullSysEnv;
+  std::array<void *, MEM_HOST_VECTORS> hostCells{};
+  std::array<void *, MEM_SERVICE_VECTORS> serviceCells{};
+  std::array<void **, MEM_HOST_VECTORS> hostList{};
+  std::array<void **, MEM_SERVICE_VECTORS> serviceList{};
+};
+
+// The host that all services work for; null while there is none. Set by construction and
+// destruction only, which overlap no service call.
+extern Host::Impl *activeHost;
+
+// One run of a service: counts it, shows it to the recorder and asks whether it is to fail. Costs
+// next to nothing while nobody records and no fault is armed.
+class Call {
+ public:
+  template <class... Args>
+  explicit Call(Service service, Args... args)
+      : host_(*activeHost), thread_(host_.threads.current()), service_(service) {
+    thread_.count(service);
+    if (host_.calls.isWatching()) begin({detail::widen(args)...});
+  }
+  Call(const Call &) = delete;
+  Call &operator=(const Call &) = delete;
+
+  Host::Impl &host() const { return host_; }
+  ThreadState &thread() const { return thread_; }
+
+  // A faulted call does nothing and returns the fault's code.
+  bool faulted() const { return faulted_; }
+  std::uint16_t faultCode() const { return faultCode_; }
+
+  // Completes the record with the service's result, which is passed on.
+  template <class T>
+  T finish(T result) {
+    if (number_ != 0) host_.calls.finish(number_, detail::widen(result));
+    return result;
+  }
+
+  // Leaves a refusal in the thread's error area and passes the code on.
+  std::uint16_t refuse(std::uint16_t code, const char *text);
+
+  void misuse(std::string what) { host_.misuses.report(service_, std::move(what)); }
+
+  // Reports a component other than the library's own.
+  void checkComponent(std::int32_t component);
+
+ private:
+  void begin(const std::array<std::uint64_t, 4> &args);
+  void leaveError(std::uint32_t code, const char *text);
+
+  Host::Impl &host_;
+  ThreadState &thread_;
+  const Service service_;
+  bool faulted_ = false;
+  std::uint16_t faultCode_ = 0;
+  std::uint64_t number_ = 0;  // of the record, 0 when there is none
+};
+
+// The functions in the service vectors.
+namespace services {
+
+std::uint16_t getAnchor(std::int32_t zero, std::int32_t component, void **ppAnchor);
+void setAnchor(std::int32_t zero, std::int32_t component, void *pAnchor);
+std::uint16_t createGate(std::uint32_t *phGate);
+void deleteGate(std::uint32_t hGate);
+std::uint16_t acquireGate(std::uint32_t hGate);
+void releaseGate(std::uint32_t hGate);
+std::uint16_t getPoolStorage(std::uint16_t subPool, std::uint32_t length, void **ppArea);
+void freePoolStorage(std::uint16_t subPool, void *pArea);
+std::uint16_t getStorage(void **ppArea, std::uint32_t length, std::uint16_t subPool,
+                         std::uint16_t kind);
+void freeStorage(void *pArea, std::uint32_t length, std::uint16_t subPool);
+void registerMessages(std::int32_t component, const MEMMessageRow *pTable);
+std::uint16_t protectStorage(void *pArea, std::uint32_t length, std::uint16_t subPool,
+                             std::uint16_t mode);
+void enterFrame(MEMTraceFrame *pFrame, std::int32_t component);
+void leaveFrame(MEMTraceFrame *pFrame, std::int32_t component);
+std::uint16_t convertText(std::uint16_t fromPage, std::uint16_t toPage, const void *pIn,
+                          std::int32_t inLen, void *pOut, std::int32_t outLen);
+std::uint16_t checkStorage(const void *pArea, std::uint32_t length);
+
+void writeRecord(std::int32_t component, std::int32_t zero, const char *pType, const char *pSource,
+                 const char *pFunction, std::int32_t line);
+std::int32_t format(char *pDest, const char *pFormat, ...);
+void writeException(std::int32_t component, std::int32_t zero, const char *pType,
+                    const char *pSource, const char *pFunction, std::int32_t line);
+void writeWideRecord(std::int32_t component, std::int32_t zero, const char *pType,
+                     const char *pSource, const char *pFunction, std::int32_t line,
+                     const char16_t *pText);
+
+void reportError(char *pErrorText, const char *pDetail);
+std::int32_t filterException(void *pException, MEMTraceFrame *pFrame);
+
+// Undoes the frames that were entered after `frame` on the thread. False when the thread has not
+// entered `frame`.
+bool unwindTo(ThreadState &thread, MEMTraceFrame *frame);
+
+}  // namespace services
+
+}  // namespace refhost

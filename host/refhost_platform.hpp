@@ -1,0 +1,38 @@
+// What the host needs of the operating system: pages, dynamic libraries and the program's place.
+// Implemented once per platform. All functions may be called on any thread.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <string>
+
+namespace refhost::platform {
+
+// Bytes of a page, a power of two.
+std::size_t pageSize();
+
+// Maps zero-filled writable pages; null when there are none. `bytes` is a multiple of the page
+// size and not 0.
+void *mapPages(std::size_t bytes);
+
+// Returns pages with the length with which they were mapped, whatever their protection.
+void unmapPages(void *pages, std::size_t bytes);
+
+// Makes whole pages read-only or writable. False when the system refuses.
+bool protectPages(void *pages, std::size_t bytes, bool readOnly);
+
+// Loads a library; null on failure, with the loader's words in `reason`.
+void *loadLibrary(const std::filesystem::path &path, std::string &reason);
+
+// Address of an exported name; null when there is none, with the loader's words in `reason`.
+void *findExport(void *library, const char *name, std::string &reason);
+
+void unloadLibrary(void *library);
+
+// The memory services' file name on this platform.
+const char *libraryFileName();
+
+// Full path of the running program.
+std::filesystem::path programPath();
+
+}  // namespace refhost::platform

@@ -1,0 +1,164 @@
+// Threads, trace frames, anchors and the message table.
+#include <cstring>
+#include <new>
+
+#include "refhost_impl.hpp"
+
+namespace refhost {
+
+namespace {
+
+// The host's own bytes 16 to 31 of a frame: whose it is while it is entered, all zero otherwise.
+struct FrameStamp {
+  const ThreadState *thread;
+  std::uint64_t reserved;
+};
+static_assert(sizeof(FrameStamp) == sizeof(MEMTraceFrame::Reserved16));
+
+void stamp(MEMTraceFrame *frame, const ThreadState *thread) {
+  const FrameStamp value{thread, 0};
+  std::memcpy(frame->Reserved16, &value, sizeof(value));
+}
+
+bool isEntered(const MEMTraceFrame *frame, const ThreadState *thread) {
+  FrameStamp value;
+  std::memcpy(&value, frame->Reserved16, sizeof(value));
+  return value.thread == thread;
+}
+
+const char *nameOf(const MEMTraceFrame *frame) {
+  return frame == nullptr || frame->pName == nullptr ? "" : frame->pName;
+}
+
+std::atomic<std::uint64_t> lastGeneration{0};
+
+}  // namespace
+
+ThreadState::ThreadState() {
+  env.pTraceBuf = new (traceBytes_) MEMTraceBuf{};
+}
+
+constinit thread_local ThreadTable::OwnState ThreadTable::ownState_{0, nullptr};
+
+ThreadTable::ThreadTable() : generation_(++lastGeneration) {}
+
+ThreadState &ThreadTable::addThread() {
+  auto made = std::make_unique<ThreadState>();
+  ownState_ = {generation_, made.get()};
+  const std::lock_guard lock(mutex_);
+  threads_.push_back(std::move(made));
+  return *ownState_.state;
+}
+
+// REQUIRES: mutex_ held.
+std::uint64_t ThreadTable::totalCalls(std::size_t service) const {
+  std::uint64_t sum = 0;
+  for (const auto &thread : threads_) sum += thread->calls(static_cast<Service>(service));
+  return sum;
+}
+
+std::uint64_t ThreadTable::calls(Service service) const {
+  const auto index = static_cast<std::size_t>(service);
+  const std::lock_guard lock(mutex_);
+  return totalCalls(index) - callsBeforeReset_[index];
+}
+
+// Counters belong to their threads, so they run on; what they held by now is taken off.
+void ThreadTable::resetCalls() {
+  const std::lock_guard lock(mutex_);
+  for (std::size_t i = 0; i < kServiceCount; ++i) callsBeforeReset_[i] = totalCalls(i);
+}
+
+void Call::begin(const std::array<std::uint64_t, 4> &args) {
+  const bool isFrameCall = service_ == Service::EnterFrame || service_ == Service::LeaveFrame;
+  const MEMTraceFrame *frame =
+      isFrameCall ? reinterpret_cast<const MEMTraceFrame *>(args[0]) : thread_.innermost;
+  const CallLog::Begun begun = host_.calls.begin({service_, nameOf(frame), args, 0});
+  number_ = begun.number;
+  if (!begun.fault) return;
+  faulted_ = true;
+  faultCode_ = begun.fault->code;
+  if (begun.fault->errorCode != 0) {
+    leaveError(begun.fault->errorCode, begun.fault->errorText.c_str());
+  }
+}
+
+void Call::leaveError(std::uint32_t code, const char *text) {
+  if (host_.threadEnvMissing.load(std::memory_order_relaxed)) return;
+  MEMErrorArea &area = thread_.env.Error;
+  area.Code = code;
+  std::size_t length = 0;
+  while (length < sizeof(area.NameText) - 1 && text[length] != '\0') ++length;
+  std::memcpy(area.NameText, text, length);
+  std::memset(area.NameText + length, 0, sizeof(area.NameText) - length);
+}
+
+std::uint16_t Call::refuse(std::uint16_t code, const char *text) {
+  leaveError(code, text);
+  return code;
+}
+
+void Call::checkComponent(std::int32_t component) {
+  if (component != MEM_COMPONENT) misuse(formatText("component %d is not known", component));
+}
+
+namespace services {
+
+void enterFrame(MEMTraceFrame *pFrame, std::int32_t component) {
+  Call call(Service::EnterFrame, pFrame, component);
+  call.checkComponent(component);
+  ThreadState &thread = call.thread();
+  pFrame->pHostLink = thread.innermost;
+  pFrame->pThreadEnv =
+      call.host().threadEnvMissing.load(std::memory_order_relaxed) ? nullptr : &thread.env;
+  pFrame->TraceFlags = call.host().traceFlags.load(std::memory_order_relaxed);
+  stamp(pFrame, &thread);
+  thread.innermost = pFrame;
+}
+
+bool unwindTo(ThreadState &thread, MEMTraceFrame *frame) {
+  // Frames in between may be gone with their functions, so they are not looked at.
+  if (!isEntered(frame, &thread)) return false;
+  thread.innermost = frame;
+  return true;
+}
+
+void leaveFrame(MEMTraceFrame *pFrame, std::int32_t component) {
+  Call call(Service::LeaveFrame, pFrame, component);
+  call.checkComponent(component);
+  ThreadState &thread = call.thread();
+  if (pFrame != thread.innermost) {
+    if (!unwindTo(thread, pFrame)) {
+      return call.misuse(formatText("frame \"%s\" was not entered on this thread", nameOf(pFrame)));
+    }
+    call.misuse(formatText("frame \"%s\" was left before frames inside it", nameOf(pFrame)));
+  }
+  thread.innermost = static_cast<MEMTraceFrame *>(pFrame->pHostLink);
+  stamp(pFrame, nullptr);
+}
+
+std::uint16_t getAnchor(std::int32_t zero, std::int32_t component, void **ppAnchor) {
+  Call call(Service::GetAnchor, zero, component, ppAnchor);
+  if (call.faulted()) return call.faultCode();
+  call.checkComponent(component);
+  *ppAnchor = call.finish(call.host().anchor.load(std::memory_order_acquire));
+  return 0;
+}
+
+void setAnchor(std::int32_t zero, std::int32_t component, void *pAnchor) {
+  Call call(Service::SetAnchor, zero, component, pAnchor);
+  if (call.faulted()) return;
+  call.checkComponent(component);
+  call.host().anchor.store(pAnchor, std::memory_order_release);
+}
+
+void registerMessages(std::int32_t component, const MEMMessageRow *pTable) {
+  Call call(Service::RegisterMessages, component, pTable);
+  if (call.faulted()) return;
+  call.checkComponent(component);
+  call.host().messageTable.store(pTable, std::memory_order_release);
+}
+
+}  // namespace services
+
+}  // namespace refhost

@@ -1,0 +1,305 @@
+#include "refhost_storage.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <iomanip>
+#include <locale>
+#include <sstream>
+
+#include "refhost_impl.hpp"
+#include "refhost_platform.hpp"
+
+namespace refhost {
+
+namespace {
+
+std::size_t roundUpToPages(std::size_t bytes) {
+  const std::size_t page = platform::pageSize();
+  return (std::max<std::size_t>(bytes, 1) + page - 1) / page * page;
+}
+
+bool needsPages(std::uint32_t length, std::uint16_t subPool) {
+  return subPool == kProtectedSubPool || length >= kPagedLength;
+}
+
+std::string kindName(std::uint16_t kind) {
+  return kind == kPoolKind ? "pool" : std::to_string(kind);
+}
+
+void add(Account &account, std::uint64_t length) {
+  account.liveBytes += length;
+  account.liveCount += 1;
+  account.totalBytes += length;
+  account.totalCount += 1;
+  account.peakBytes = std::max(account.peakBytes, account.liveBytes);
+}
+
+void subtract(Account &account, std::uint64_t length) {
+  account.liveBytes -= length;
+  account.liveCount -= 1;
+}
+
+}  // namespace
+
+StorageAccount::~StorageAccount() {
+  for (const auto &[address, area] : areas_) {
+    destroyArea(reinterpret_cast<void *>(address), area);
+  }
+}
+
+// Zero-filled. Every area has at least one byte, so that its address is its own.
+void *StorageAccount::makeArea(const Area &area) {
+  if (area.mappedBytes != 0) return platform::mapPages(area.mappedBytes);
+  return std::calloc(std::max<std::size_t>(area.length, 1), 1);
+}
+
+void StorageAccount::destroyArea(void *address, const Area &area) {
+  if (area.mappedBytes != 0) {
+    platform::unmapPages(address, area.mappedBytes);
+  } else {
+    std::free(address);
+  }
+}
+
+void *StorageAccount::obtain(std::uint32_t length, std::uint16_t subPool, std::uint16_t kind) {
+  if (length > kMaxStorage) return nullptr;
+  const bool paged = needsPages(length, subPool);
+  Area area{length, subPool, kind, paged ? roundUpToPages(length) : 0};
+  void *address = makeArea(area);
+  if (address == nullptr) return nullptr;
+  if (dirty_.load(std::memory_order_relaxed)) std::memset(address, dirtyByte_, length);
+  enter(reinterpret_cast<std::uintptr_t>(address), std::move(area));
+  return address;
+}
+
+template <class Change>
+void StorageAccount::changeAccounts(const Area &area, Change change) {
+  change(byKind_[{area.subPool, area.kind}], area.length);
+  change(bySubPool_[area.subPool], area.length);
+  change(all_, area.length);
+}
+
+void StorageAccount::enter(std::uintptr_t address, Area area) {
+  const std::lock_guard lock(mutex_);
+  changeAccounts(area, add);
+  areas_.emplace(address, std::move(area));
+}
+
+// Takes the area out of the tables; an empty node when the address is none.
+StorageAccount::Areas::node_type StorageAccount::remove(Service service, void *address) {
+  {
+    const std::lock_guard lock(mutex_);
+    auto node = areas_.extract(reinterpret_cast<std::uintptr_t>(address));
+    if (!node.empty()) {
+      changeAccounts(node.mapped(), subtract);
+      return node;
+    }
+  }
+  misuses_.report(
+      service, formatText("%p is not a live area (never obtained or already returned)", address));
+  return {};
+}
+
+void StorageAccount::giveBack(void *address, std::uint32_t length, std::uint16_t subPool) {
+  constexpr Service kService = Service::FreeStorage;
+  const auto node = remove(kService, address);
+  if (node.empty()) return;
+  const Area &area = node.mapped();
+  if (area.kind == kPoolKind) {
+    misuses_.report(kService, formatText("%p was obtained through GetPoolStorage", address));
+  }
+  if (area.length != length) {
+    misuses_.report(kService, formatText("%p was obtained with length %u, returned with %u",
+                                         address, area.length, length));
+  }
+  if (area.subPool != subPool) {
+    misuses_.report(kService, formatText("%p was obtained from subpool %u, returned to %u", address,
+                                         area.subPool, subPool));
+  }
+  destroyArea(address, area);
+}
+
+void StorageAccount::giveBackPool(void *address, std::uint16_t subPool) {
+  constexpr Service kService = Service::FreePoolStorage;
+  const auto node = remove(kService, address);
+  if (node.empty()) return;
+  const Area &area = node.mapped();
+  if (area.kind != kPoolKind) {
+    misuses_.report(kService, formatText("%p was obtained through GetStorage", address));
+  }
+  if (area.subPool != subPool) {
+    misuses_.report(kService, formatText("%p was obtained from subpool %u, returned to %u", address,
+                                         area.subPool, subPool));
+  }
+  destroyArea(address, area);
+}
+
+StorageAccount::Areas::const_iterator StorageAccount::areaAt(std::uintptr_t address) const {
+  const auto next = areas_.upper_bound(address);
+  if (next == areas_.begin()) return areas_.end();
+  const auto candidate = std::prev(next);
+  return address - candidate->first <= candidate->second.length ? candidate : areas_.end();
+}
+
+bool StorageAccount::covers(const void *address, std::uint32_t length) const {
+  const auto first = reinterpret_cast<std::uintptr_t>(address);
+  const std::lock_guard lock(mutex_);
+  const auto found = areaAt(first);
+  return found != areas_.end() && length <= found->second.length - (first - found->first);
+}
+
+std::uint16_t StorageAccount::protect(void *address, std::uint32_t length, std::uint16_t subPool,
+                                      std::uint16_t mode) {
+  if (mode != MEM_PROTECT_READ_ONLY && mode != MEM_PROTECT_WRITABLE) return kBadArgument;
+  const bool readOnly = mode == MEM_PROTECT_READ_ONLY;
+  const auto first = reinterpret_cast<std::uintptr_t>(address);
+  const std::size_t page = platform::pageSize();
+
+  const std::lock_guard lock(mutex_);
+  const auto found = areaAt(first);
+  if (found == areas_.end()) return kNotStorage;
+  const std::uintptr_t base = found->first;
+  Area &area = areas_.at(base);
+  if (length > area.length - (first - base)) return kNotStorage;
+  if (area.subPool != subPool) return kBadArgument;
+  if (area.mappedBytes == 0) return kNotProtectable;
+
+  // Whole pages of the area; its mapping ends on a page boundary, so the widened range stays in it.
+  const std::size_t firstPage = (first - base) / page;
+  const std::size_t endPage = (first - base + length + page - 1) / page;
+  void *pages = reinterpret_cast<void *>(base + firstPage * page);
+  if (endPage > firstPage &&
+      !platform::protectPages(pages, (endPage - firstPage) * page, readOnly)) {
+    return kNotProtectable;
+  }
+  area.readOnlyPages.resize(area.mappedBytes / page);
+  for (std::size_t i = firstPage; i < endPage; ++i) area.readOnlyPages[i] = readOnly;
+  return 0;
+}
+
+bool StorageAccount::isReadOnly(const void *address) const {
+  const auto wanted = reinterpret_cast<std::uintptr_t>(address);
+  const std::lock_guard lock(mutex_);
+  const auto found = areaAt(wanted);
+  if (found == areas_.end()) return false;
+  const std::size_t page = (wanted - found->first) / platform::pageSize();
+  const std::vector<bool> &pages = found->second.readOnlyPages;
+  return page < pages.size() && pages[page];
+}
+
+Account StorageAccount::account(std::uint16_t subPool, std::uint16_t kind) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = byKind_.find({subPool, kind});
+  return found == byKind_.end() ? Account{} : found->second;
+}
+
+Account StorageAccount::account(std::uint16_t subPool) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = bySubPool_.find(subPool);
+  return found == bySubPool_.end() ? Account{} : found->second;
+}
+
+Account StorageAccount::account() const {
+  const std::lock_guard lock(mutex_);
+  return all_;
+}
+
+std::vector<Leak> StorageAccount::leaks() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<Leak> leaks;
+  leaks.reserve(areas_.size());
+  for (const auto &[address, area] : areas_) {
+    leaks.push_back({reinterpret_cast<void *>(address), area.length, area.subPool, area.kind});
+  }
+  return leaks;
+}
+
+std::string StorageAccount::report() const {
+  std::ostringstream out;
+  out.imbue(std::locale::classic());
+  const auto line = [&out](auto subPool, auto kind, auto liveBytes, auto liveCount, auto peakBytes,
+                           auto totalBytes, auto totalCount) {
+    out << std::setw(7) << subPool << std::setw(6) << kind << std::setw(14) << liveBytes
+        << std::setw(12) << liveCount << std::setw(14) << peakBytes << std::setw(16) << totalBytes
+        << std::setw(13) << totalCount << '\n';
+  };
+  line("subpool", "kind", "live bytes", "live areas", "peak bytes", "total bytes", "total areas");
+  const auto account = [&line](auto subPool, auto kind, const Account &sums) {
+    line(subPool, kind, sums.liveBytes, sums.liveCount, sums.peakBytes, sums.totalBytes,
+         sums.totalCount);
+  };
+  const std::lock_guard lock(mutex_);
+  for (const auto &[key, sums] : byKind_) account(key.first, kindName(key.second), sums);
+  account("all", "all", all_);
+  return out.str();
+}
+
+std::string StorageAccount::leakReport() const {
+  std::string report;
+  for (const Leak &leak : leaks()) {
+    report += formatText("%p: %llu bytes of subpool %u, kind %s\n", leak.area, leak.length,
+                         leak.subPool, kindName(leak.kind).c_str());
+  }
+  return report;
+}
+
+namespace services {
+
+std::uint16_t getPoolStorage(std::uint16_t subPool, std::uint32_t length, void **ppArea) {
+  Call call(Service::GetPoolStorage, subPool, length, ppArea);
+  if (call.faulted()) return call.faultCode();
+  void *area = call.host().storage.obtain(length, subPool, kPoolKind);
+  if (area == nullptr) return call.refuse(kNoStorage, "GetPoolStorage");
+  *ppArea = area;
+  call.finish(area);
+  return 0;
+}
+
+void freePoolStorage(std::uint16_t subPool, void *pArea) {
+  Call call(Service::FreePoolStorage, subPool, pArea);
+  if (call.faulted()) return;
+  call.host().storage.giveBackPool(pArea, subPool);
+}
+
+std::uint16_t getStorage(void **ppArea, std::uint32_t length, std::uint16_t subPool,
+                         std::uint16_t kind) {
+  Call call(Service::GetStorage, ppArea, length, subPool, kind);
+  if (call.faulted()) return call.faultCode();
+  if (kind > 2) {
+    call.misuse(formatText("storage kind %u", kind));
+    return call.refuse(kBadArgument, "GetStorage");
+  }
+  void *area = call.host().storage.obtain(length, subPool, kind);
+  if (area == nullptr) return call.refuse(kNoStorage, "GetStorage");
+  *ppArea = area;
+  call.finish(area);
+  return 0;
+}
+
+void freeStorage(void *pArea, std::uint32_t length, std::uint16_t subPool) {
+  Call call(Service::FreeStorage, pArea, length, subPool);
+  if (call.faulted()) return;
+  call.host().storage.giveBack(pArea, length, subPool);
+}
+
+std::uint16_t protectStorage(void *pArea, std::uint32_t length, std::uint16_t subPool,
+                             std::uint16_t mode) {
+  Call call(Service::ProtectStorage, pArea, length, subPool, mode);
+  if (call.faulted()) return call.faultCode();
+  const std::uint16_t code = call.host().storage.protect(pArea, length, subPool, mode);
+  if (code == 0) return call.finish(code);
+  if (code == kBadArgument) call.misuse(formatText("subpool %u, mode %u", subPool, mode));
+  return call.finish(call.refuse(code, "ProtectStorage"));
+}
+
+std::uint16_t checkStorage(const void *pArea, std::uint32_t length) {
+  Call call(Service::CheckStorage, pArea, length);
+  if (call.faulted()) return call.faultCode();
+  if (call.host().storage.covers(pArea, length)) return call.finish<std::uint16_t>(0);
+  return call.finish(call.refuse(kNotStorage, "CheckStorage"));
+}
+
+}  // namespace services
+
+}  // namespace refhost

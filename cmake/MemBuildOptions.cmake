@@ -1,0 +1,42 @@
+# What every target of this tree is built with.
+
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+find_program(MEM_CCACHE ccache)
+if(MEM_CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER ${MEM_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${MEM_CCACHE})
+endif()
+
+# The warnings that this tree's own code keeps to; linked privately by each of its targets.
+add_library(mem_warnings INTERFACE)
+if(MSVC)
+  target_compile_options(mem_warnings INTERFACE /W4 /permissive- $<$<BOOL:${MEM_WERROR}>:/WX>)
+else()
+  target_compile_options(mem_warnings INTERFACE
+    -Wall -Wextra -Wconversion -Wshadow $<$<BOOL:${MEM_WERROR}>:-Werror>)
+endif()
+
+# The public headers, as hosts and callers include them.
+add_library(mem_headers INTERFACE)
+target_include_directories(mem_headers INTERFACE ${CMAKE_SOURCE_DIR}/include)
+
+# A sanitizer has to see the library, the host and the tests alike, so it is no target's own affair.
+if(MEM_SANITIZE)
+  add_compile_options(-fsanitize=${MEM_SANITIZE} -fno-sanitize-recover=all
+    -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${MEM_SANITIZE})
+endif()
+add_compile_definitions($<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
+
+# Windows programs carry the C++ and compiler runtime in themselves: they run on a machine that has
+# nothing but the system's DLLs.
+if(MINGW)
+  add_link_options(-static)
+endif()

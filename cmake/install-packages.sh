@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that a job needs and this machine lacks. Says and does nothing when
+# all of them are there.
+#
+#   cmake/install-packages.sh [linux] [windows] [lint]
+#
+# linux    build and tests on Linux
+# windows  cross build, and Wine to run what it makes
+# lint     clang-format and clang-tidy
+set -euo pipefail
+
+packagesFor() {
+  case $1 in
+    linux) echo cmake ninja-build g++ ccache googletest libbenchmark-dev ;;
+    windows) echo cmake ninja-build ccache googletest clang lld g++-mingw-w64-x86-64-posix wine wine64 ;;
+    lint) echo cmake ninja-build clang lld clang-format clang-tidy ;;
+    *)
+      echo "install-packages.sh: no packages are listed for \"$1\"" >&2
+      exit 2
+      ;;
+  esac
+}
+
+wanted=()
+for job in "$@"; do
+  list=$(packagesFor "$job")
+  read -ra packages <<<"$list"
+  wanted+=("${packages[@]}")
+done
+
+isInstalled() {
+  [[ $(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
+}
+
+if ! command -v dpkg-query >/dev/null; then
+  echo "install-packages.sh: this is no Debian system; install what stands for: ${wanted[*]}" >&2
+  exit 1
+fi
+missing=()
+for package in "${wanted[@]}"; do
+  isInstalled "$package" || missing+=("$package")
+done
+((${#missing[@]})) || exit 0
+
+asRoot=()
+if ((EUID != 0)); then
+  if ! command -v sudo >/dev/null; then
+    echo "install-packages.sh: needs root or sudo to install: ${missing[*]}" >&2
+    exit 1
+  fi
+  asRoot=(sudo)
+fi
+
+echo "== installing ${missing[*]}" >&2
+export DEBIAN_FRONTEND=noninteractive
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+# A fresh machine has no package lists; sudo does not pass the environment on by itself.
+if ! "${asRoot[@]}" apt-get -qq update >"$log" 2>&1 ||
+  ! "${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get -qq install -y --no-install-recommends "${missing[@]}" >>"$log" 2>&1; then
+  tail -n 20 "$log" >&2
+  echo "install-packages.sh: could not install ${missing[*]}" >&2
+  exit 1
+fi

@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Runs a Windows program under Wine, quietly and in a prefix of this tree's own (build/wine), which
+# is made at first use. CTest and run.sh start every Windows program through it.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+export WINEPREFIX=${WINEPREFIX:-$root/build/wine}
+export WINEDEBUG=${WINEDEBUG:--all}
+export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}  # asks for no Mono and no Gecko
+export LC_ALL=C.UTF-8  # file names are UTF-8, whatever the user speaks
+unset DISPLAY
+
+if ! command -v wine >/dev/null; then
+  echo "wine is not installed (Debian packages wine, wine64)" >&2
+  exit 127
+fi
+
+# Programs that start at the same moment must not set the prefix up twice.
+makePrefix() {
+  mkdir -p "$WINEPREFIX"
+  exec 9>"$WINEPREFIX.lock"
+  flock 9
+  if [[ ! -e $WINEPREFIX/complete ]]; then
+    wineboot --init </dev/null >/dev/null 2>&1 9>&-
+    wineserver -w 9>&-  # until the registry is on disk
+    touch "$WINEPREFIX/complete"
+  fi
+  exec 9>&-
+}
+
+[[ -e $WINEPREFIX/complete ]] || makePrefix
+# The first program in a while starts Wine's services, and they keep its output open for some
+# seconds after it has ended. CTest would wait for that, so a program without output goes first.
+wine cmd /c exit </dev/null >/dev/null 2>&1
+exec wine "$@"

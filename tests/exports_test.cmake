@@ -1,0 +1,66 @@
+# The library exports exactly one name and needs only libraries that every system has.
+#
+#   cmake -DMODULE=… -DOBJDUMP=… [-DNM=…] [-DSANITIZE=…] -P exports_test.cmake
+#
+# MODULE    QJ7MEM00.so or QJ7MEM00.dll
+# OBJDUMP   lists the headers of such a module
+# NM        lists the dynamic symbols of a .so
+# SANITIZE  not empty: the module also needs the sanitizers' libraries
+cmake_minimum_required(VERSION 3.25)
+
+set(expected ENV_FWV_V00M00_GFunc)
+
+# Runs a command and makes a list of the lines that it prints. Brackets become angle brackets,
+# because lists of CMake cannot hold one without the other.
+function(list_lines result)
+  execute_process(COMMAND ${CMAKE_COMMAND} -E env LC_ALL=C ${ARGN}
+    OUTPUT_VARIABLE lines COMMAND_ERROR_IS_FATAL ANY)
+  string(REPLACE "[" "<" lines "${lines}")
+  string(REPLACE "]" ">" lines "${lines}")
+  string(REPLACE ";" "," lines "${lines}")
+  string(REPLACE "\n" ";" lines "${lines}")
+  set(${result} "${lines}" PARENT_SCOPE)
+endfunction()
+
+# Collects what the first group of `pattern` matches in each line.
+function(collect result pattern lines)
+  set(found "")
+  foreach(line IN LISTS lines)
+    if(line MATCHES "${pattern}")
+      list(APPEND found "${CMAKE_MATCH_1}")
+    endif()
+  endforeach()
+  set(${result} "${found}" PARENT_SCOPE)
+endfunction()
+
+list_lines(headers ${OBJDUMP} -p ${MODULE})
+if(MODULE MATCHES "\\.dll$")
+  collect(exported "^\t< *([0-9]+)> \\+base<.* Export RVA$" "${headers}")  # nameless ones too
+  collect(names "^\t< *[0-9]+> ([^ +][^ ]*)$" "${headers}")
+  collect(needed "^\tDLL Name: (.+)$" "${headers}")
+  set(allowed KERNEL32.dll msvcrt.dll)
+else()
+  list_lines(symbols ${NM} -D --defined-only --format=posix ${MODULE})
+  collect(exported "^([^ ]+) " "${symbols}")
+  set(names ${exported})
+  collect(needed "^ +NEEDED +(.+)$" "${headers}")
+  set(allowed libc.so.6 libm.so.6 ld-linux-x86-64.so.2)
+  if(SANITIZE)
+    list(FILTER needed EXCLUDE REGEX "^lib([atu]b?san|gcc_s|stdc\\+\\+)\\.so")
+  endif()
+endif()
+
+list(LENGTH exported count)
+if(NOT names STREQUAL expected OR NOT count EQUAL 1)
+  message(FATAL_ERROR "${MODULE} exports ${count} entries, named \"${names}\"; "
+    "expected only \"${expected}\"")
+endif()
+if(NOT needed)
+  message(FATAL_ERROR "${MODULE}: found no list of the libraries that it needs")
+endif()
+set(foreign ${needed})
+list(REMOVE_ITEM foreign ${allowed})
+if(foreign)
+  message(FATAL_ERROR "${MODULE} needs \"${foreign}\"; expected nothing but \"${allowed}\"")
+endif()
+message(STATUS "${MODULE} exports ${names} and needs ${needed}")

@@ -1,0 +1,270 @@
+// Fixtures for contract tests: the real library, loaded at run time and driven through the vector
+// by the reference host, as any host does; and the helpers that tests of several services share.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "refhost.hpp"
+
+namespace memtest {
+
+// The library is loaded once per test program and stays loaded.
+inline refhost::Library &library() {
+  static refhost::Library loaded(refhost::Library::besideProgram());
+  return loaded;
+}
+
+inline constexpr std::int16_t kFailed = -1;
+inline constexpr std::uint16_t kFailedCode = 0xFFFF;  // the same in the error area
+
+// The host must have everything back: no storage, no gate, no wrong use of a service.
+inline void expectNothingLeft(refhost::Host &host) {
+  EXPECT_EQ(host.leakReport(), "");
+  EXPECT_EQ(host.gateCount(), 0U);
+  EXPECT_EQ(host.heldGateCount(), 0U);
+  for (const refhost::Misuse &misuse : host.takeMisuses()) {
+    ADD_FAILURE() << refhost::serviceName(misuse.service) << ": " << misuse.what;
+  }
+}
+
+// A bound library without process and thread blocks. At the end of each test nothing may be left.
+class BoundTest : public ::testing::Test {
+ protected:
+  explicit BoundTest(refhost::Options options = {}) : host(options), mem(host.vector()) {
+    host.bind(library().bindEntry());
+  }
+
+  ~BoundTest() override {
+    host.disarm();
+    host.restoreSlots();
+    stop();
+    host.unbind(library().bindEntry());
+    expectNothingLeft(host);
+  }
+
+  void start() {
+    ASSERT_EQ(mem.MEM_ProcessInit(), 0);
+    ASSERT_EQ(mem.MEM_ThreadAct(), 0);
+    started_ = true;
+  }
+
+  void stop() {
+    if (!started_) return;
+    started_ = false;
+    EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
+    EXPECT_EQ(mem.MEM_ProcessTerm(), 0);
+  }
+
+  MEMThreadEnv &env() { return host.thread(); }
+  MEMErrorArea &error() { return env().Error; }
+  std::string nameText() { return error().NameText; }
+  std::string messageText() { return env().MessageText; }
+
+  refhost::Host host;
+  MEMFunctionVector &mem;
+
+ private:
+  bool started_ = false;
+};
+
+// The usual state of a host: bound, process initialised, this thread active.
+class StartedTest : public BoundTest {
+ protected:
+  explicit StartedTest(refhost::Options options = {}) : BoundTest(options) { start(); }
+};
+
+// A host whose fresh storage is dirty: whatever is zero has been made so by the library.
+inline refhost::Options withDirtyStorage() {
+  refhost::Options options;
+  options.dirtyStorage = true;
+  return options;
+}
+
+// "Invalid Heap Handle=" and the like show addresses as 16 upper-case hexadecimal digits.
+inline std::string hex16(const void *address) {
+  return refhost::formatText("%p", address);
+}
+
+inline std::uint64_t asNumber(const void *address) {
+  return reinterpret_cast<std::uintptr_t>(address);
+}
+
+using Lines = std::vector<std::string>;
+
+// Trace records as lines, "STDX MEM_Free(..\SrcRes\MEMCSERV:182) 2:Return=VOID".
+inline Lines recordLines(const std::vector<refhost::TraceRecord> &records) {
+  Lines lines;
+  for (const refhost::TraceRecord &record : records) lines.push_back(refhost::traceLine(record));
+  return lines;
+}
+
+// Names that callLines shows for addresses.
+using AddressNames = std::map<std::uint64_t, std::string>;
+
+// How callLines shows the arguments of a service: n number, a address, c a cell that the service
+// stores into, f a trace frame. Arguments without a letter are left out.
+inline std::string_view argumentKinds(refhost::Service service) {
+  using refhost::Service;
+  switch (service) {
+    case Service::GetAnchor:
+    case Service::GetPoolStorage:
+      return "nnc";
+    case Service::SetAnchor:
+      return "nna";
+    case Service::CreateGate:
+      return "c";
+    case Service::DeleteGate:
+    case Service::AcquireGate:
+    case Service::ReleaseGate:
+      return "n";
+    case Service::FreePoolStorage:
+    case Service::RegisterMessages:
+      return "na";
+    case Service::GetStorage:
+      return "cnnn";
+    case Service::FreeStorage:
+      return "ann";
+    case Service::ProtectStorage:
+      return "annn";
+    case Service::EnterFrame:
+    case Service::LeaveFrame:
+      return "fn";
+    case Service::ConvertText:
+      return "nn";
+    case Service::CheckStorage:
+      return "an";
+    case Service::ReportError:
+      return "aa";
+    default:
+      return "";
+  }
+}
+
+inline std::string argumentText(char kind, std::uint64_t value, const AddressNames &names) {
+  if (kind == 'n') return std::to_string(value);
+  if (kind == 'c') return "cell";
+  if (kind == 'f') return "frame";
+  if (value == 0) return "null";
+  const auto named = names.find(value);
+  return named == names.end() ? "?" : named->second;
+}
+
+// Recorded host calls as lines, "MEM_SinkInit: GetStorage(cell, 278528, 230, 0)". The name in front
+// is the innermost trace frame's.
+inline Lines callLines(const std::vector<refhost::HostCall> &calls,
+                       const AddressNames &names = {}) {
+  Lines lines;
+  for (const refhost::HostCall &call : calls) {
+    std::string line = call.frame + ": " + std::string(refhost::serviceName(call.service)) + "(";
+    const std::string_view kinds = argumentKinds(call.service);
+    for (std::size_t i = 0; i < kinds.size(); ++i) {
+      if (i > 0) line += ", ";
+      line += argumentText(kinds[i], call.args[i], names);
+    }
+    lines.push_back(line + ")");
+  }
+  return lines;
+}
+
+// How often the host's trace and format services have been called.
+inline std::uint64_t traceCalls(const refhost::Host &host) {
+  using refhost::Service;
+  return host.calls(Service::WriteRecord) + host.calls(Service::Format) +
+         host.calls(Service::WriteException) + host.calls(Service::WriteWideRecord);
+}
+
+// Comparison of storage byte by byte.
+using Bytes = std::vector<std::uint8_t>;
+
+inline Bytes bytesOf(const void *from, std::size_t length) {
+  Bytes bytes(length);
+  std::memcpy(bytes.data(), from, length);
+  return bytes;
+}
+
+// "" when equal, else the ranges of offsets that differ: "76..77 80..83".
+inline std::string changedRanges(const Bytes &before, const Bytes &after) {
+  if (before.size() != after.size()) return "different lengths";
+  std::string ranges;
+  for (std::size_t from = 0; from < before.size(); ++from) {
+    if (before[from] == after[from]) continue;
+    std::size_t to = from;
+    while (to + 1 < before.size() && before[to + 1] != after[to + 1]) ++to;
+    if (!ranges.empty()) ranges += ' ';
+    ranges += std::to_string(from) + ".." + std::to_string(to);
+    from = to;
+  }
+  return ranges;
+}
+
+inline Bytes envBytes(const MEMThreadEnv &env) {
+  return bytesOf(&env, sizeof env);
+}
+inline Bytes errorBytes(const MEMThreadEnv &env) {
+  return bytesOf(&env.Error, sizeof env.Error);
+}
+
+// Fills a thread environment but for its two addresses, so that every byte written shows.
+inline void fillEnv(MEMThreadEnv &env, std::uint8_t pattern) {
+  MEMTraceBuf *const pTraceBuf = env.pTraceBuf;
+  MEMThreadBlock *const pMemThreadBlk = env.pMemThreadBlk;
+  std::memset(static_cast<void *>(&env), pattern, sizeof env);
+  env.pTraceBuf = pTraceBuf;
+  env.pMemThreadBlk = pMemThreadBlk;
+}
+
+// Puts a function of another type into a slot: one that returns 32 bits where the slot promises 16
+// of them, as hosts in other languages do.
+template <class Slot, class Function>
+void putAs(Slot &slot, Function *function) {
+  static_assert(sizeof slot == sizeof function);
+  std::memcpy(&slot, &function, sizeof function);
+}
+
+// The next call of a service fails with its own code 8. With an error code the host leaves that and
+// kHostErrorText in the error area.
+inline constexpr std::uint16_t kHostCode = 8;
+inline constexpr char kHostErrorText[] = "HostErrorText";
+
+inline refhost::Fault faultOf(refhost::Service service, std::uint32_t errorCode = 0) {
+  refhost::Fault fault;
+  fault.service = service;
+  fault.code = kHostCode;
+  fault.errorCode = errorCode;
+  if (errorCode != 0) fault.errorText = kHostErrorText;
+  return fault;
+}
+
+// Runs `attempt` with the first call of the fault's service failing, then the second, and so on
+// until a run reaches no failing call; first with single failures, then with all later calls
+// failing too. Each attempt must bring everything back to where it began; it may disarm the fault
+// for its own cleaning up. Returns how many calls of the service were made to fail in turn.
+template <class Attempt>
+std::uint64_t sweepFaults(refhost::Host &host, refhost::Fault fault, Attempt attempt) {
+  constexpr std::uint64_t kMostCalls = 100000;
+  std::uint64_t failingCalls = 0;
+  for (const bool andAllLater : {false, true}) {
+    fault.andAllLater = andAllLater;
+    for (fault.nth = 1; fault.nth <= kMostCalls; ++fault.nth) {
+      SCOPED_TRACE(std::string(refhost::serviceName(fault.service)) + " call " +
+                   std::to_string(fault.nth) + (andAllLater ? " and all later fail" : " fails"));
+      const std::uint64_t firedBefore = host.faultsFired();
+      host.arm(fault);
+      attempt(fault.nth);
+      host.disarm();
+      if (host.faultsFired() == firedBefore) break;
+      failingCalls = fault.nth;
+      if (::testing::Test::HasFatalFailure()) return failingCalls;
+    }
+  }
+  return failingCalls;
+}
+
+}  // namespace memtest

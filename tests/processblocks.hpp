@@ -1,0 +1,162 @@
+// The library's context blocks as hosts see them, byte by byte, for tests of process and sink
+// start. Offsets are written as numbers here, on purpose: they are what hosts rely on.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+#include <string_view>
+#include <vector>
+
+#include "memtest.hpp"
+
+namespace memtest {
+
+inline constexpr std::uint32_t kSinkBlockLen = 0x44000;
+inline constexpr std::uint32_t kSinkMapLen = 16384;
+inline constexpr std::uint32_t kSinkIndexLen = 16384;
+inline constexpr std::uint16_t kSinkSubPool = 230;
+
+template <class T>
+void put(Bytes &bytes, std::size_t offset, T value) {
+  std::memcpy(&bytes.at(offset), &value, sizeof value);
+}
+
+inline void putText(Bytes &bytes, std::size_t offset, std::string_view text) {
+  std::memcpy(&bytes.at(offset), text.data(), text.size());
+}
+
+// How far the sink has come in its start. Each step includes those before.
+enum class SinkStep { none, gate, segment, index };
+
+// The only storage of a length that the host has given out in the sink's subpool, or null.
+inline std::uint8_t *sinkStorage(const refhost::Host &host, std::uint32_t length) {
+  std::uint8_t *found = nullptr;
+  for (const refhost::Leak &area : host.leaks()) {
+    if (area.subPool == kSinkSubPool && area.kind == 0 && area.length == length) {
+      EXPECT_EQ(found, nullptr) << "more than one area of " << length << " bytes";
+      found = static_cast<std::uint8_t *>(area.area);
+    }
+  }
+  return found;
+}
+
+// A host call that can fail during process start, and what is recorded then.
+struct StartFailure {
+  refhost::Service service;
+  std::uint64_t nth;
+  std::uint32_t innerCode;
+  const char *innerText;
+  SinkStep reached;
+};
+
+inline void PrintTo(const StartFailure &row, std::ostream *out) {
+  *out << refhost::serviceName(row.service) << " call " << row.nth;
+}
+
+inline const std::vector<StartFailure> &sinkStartFailures() {
+  using refhost::Service;
+  static const std::vector<StartFailure> rows = {
+      {Service::CreateGate, 1, 4081, "CreateFailed", SinkStep::none},
+      {Service::GetStorage, 1, 4080, "GetVSTGErr", SinkStep::gate},
+      {Service::ProtectStorage, 1, 4080, "ProtPageErr", SinkStep::segment},
+      {Service::GetStorage, 2, 4080, "GetVSTGErr", SinkStep::segment},
+  };
+  return rows;
+}
+
+inline void putSink(Bytes &image, const refhost::Host &host, SinkStep step) {
+  if (step >= SinkStep::gate) {
+    EXPECT_NE(host.anchor()->Gate, 0U);
+    put(image, 3176, host.anchor()->Gate);
+  }
+  if (step >= SinkStep::segment) {
+    std::uint8_t *const base = sinkStorage(host, kSinkBlockLen);
+    put(image, 96, std::int32_t{1});
+    put(image, 104, base);
+    put(image, 112, base + 16384);
+    put(image, 120, base + 0x43FFF);
+    put(image, 128, base);
+    put(image, 144, std::int32_t{0x40000});
+  }
+  if (step >= SinkStep::index) {
+    put(image, 3184, sinkStorage(host, kSinkIndexLen));
+    put(image, 3192, std::uint32_t{16384});
+    put(image, 3196, std::uint32_t{1024});
+    put(image, 3212, std::int32_t{1023});
+  }
+}
+
+// The process block after an initialisation that came as far as `step`.
+inline Bytes processBlockImage(const refhost::Host &host, SinkStep step) {
+  Bytes image(3248);
+  put(image, 0, std::uint32_t{3248});
+  putText(image, 4, ">PST_MEMProcessBlock    ");
+  put(image, 30, std::uint16_t{1});
+  putSink(image, host, step);
+  if (step == SinkStep::index) image[32] = 3;
+  return image;
+}
+
+// Names of all addresses that start and stop hand to the host.
+inline AddressNames startNames(refhost::Host &host) {
+  AddressNames names;
+  const MEMProcessBlock *const block = host.anchor();
+  if (block == nullptr) return names;
+  names[asNumber(block)] = "block";
+  names[asNumber(host.messageTable())] = "table";
+  if (block->Segments[0].pBase != nullptr) {
+    names[asNumber(block->Segments[0].pBase)] = "base";
+    names[asNumber(block->Segments[0].pBase + kSinkMapLen)] = "space";
+  }
+  if (block->pIndex != nullptr) names[asNumber(block->pIndex)] = "index";
+  return names;
+}
+
+inline Lines sinkStartLines() {
+  return {"MEM_SinkInit: EnterFrame(frame, 3)",
+          "MEM_SinkInit: GetAnchor(0, 3, cell)",
+          "MEM_SinkInit: CreateGate(cell)",
+          "MEM_SinkInit: GetStorage(cell, 278528, 230, 0)",
+          "MEM_SinkInit: ProtectStorage(space, 262144, 230, 16)",
+          "MEM_SinkInit: GetStorage(cell, 16384, 230, 0)",
+          "MEM_SinkInit: LeaveFrame(frame, 3)"};
+}
+
+inline Lines sinkStopLines(SinkStep step, std::uint32_t gate) {
+  Lines lines = {"MEM_SinkTerm: EnterFrame(frame, 3)", "MEM_SinkTerm: GetAnchor(0, 3, cell)"};
+  if (step >= SinkStep::segment) {
+    lines.push_back("MEM_SinkTerm: ProtectStorage(space, 262144, 230, 32)");
+    lines.push_back("MEM_SinkTerm: FreeStorage(base, 278528, 230)");
+  }
+  if (step >= SinkStep::index) lines.push_back("MEM_SinkTerm: FreeStorage(index, 16384, 230)");
+  if (step >= SinkStep::gate) {
+    lines.push_back("MEM_SinkTerm: DeleteGate(" + std::to_string(gate) + ")");
+  }
+  lines.push_back("MEM_SinkTerm: LeaveFrame(frame, 3)");
+  return lines;
+}
+
+// `inner` between the calls of `outer`, from `place` on.
+inline Lines nested(Lines outer, std::ptrdiff_t place, const Lines &inner) {
+  outer.insert(outer.begin() + place, inner.begin(), inner.end());
+  return outer;
+}
+
+inline Lines processStartLines() {
+  return nested(
+      {"MEM_ProcessInit: EnterFrame(frame, 3)", "MEM_ProcessInit: GetPoolStorage(1, 3248, cell)",
+       "MEM_ProcessInit: SetAnchor(0, 3, block)", "MEM_ProcessInit: RegisterMessages(3, table)",
+       "MEM_ProcessInit: LeaveFrame(frame, 3)"},
+      4, sinkStartLines());
+}
+
+inline Lines processStopLines(SinkStep step, std::uint32_t gate) {
+  return nested(
+      {"MEM_ProcessTerm: EnterFrame(frame, 3)", "MEM_ProcessTerm: GetAnchor(0, 3, cell)",
+       "MEM_ProcessTerm: FreePoolStorage(1, block)", "MEM_ProcessTerm: SetAnchor(0, 3, null)",
+       "MEM_ProcessTerm: RegisterMessages(3, null)", "MEM_ProcessTerm: LeaveFrame(frame, 3)"},
+      2, sinkStopLines(step, gate));
+}
+
+}  // namespace memtest

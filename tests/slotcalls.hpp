@@ -1,0 +1,184 @@
+// One call of every service of the library, slot by slot: what the rules that all services share
+// are tested with. The slot numbers are written here a second time, on purpose.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <vector>
+
+#include "memtest.hpp"
+
+namespace memtest {
+
+// What a call needs and leaves.
+struct Scene {
+  explicit Scene(refhost::Host &theHost) : host(theHost), mem(theHost.vector()) {}
+
+  refhost::Host &host;
+  MEMFunctionVector &mem;
+  void *area = nullptr;
+  MEMProcOptions options{};
+};
+
+using Result = std::optional<std::int16_t>;  // nothing for services without a 16-bit result
+
+struct SlotCall {
+  int slot;
+  std::size_t offset;  // of the slot's field in MEMFunctionVector
+  const char *name;
+  const char *traceName;  // name in the frame; null for a service that is not built yet
+  bool clearsErrorArea;
+  Result (*call)(Scene &);
+  void (*prepare)(Scene &) = nullptr;
+  void (*cleanUp)(Scene &) = nullptr;
+
+  bool isBuilt() const { return traceName != nullptr; }
+};
+
+inline void PrintTo(const SlotCall &row, std::ostream *out) {
+  *out << "slot " << row.slot << " " << row.name;
+}
+
+inline std::string slotCallName(const ::testing::TestParamInfo<SlotCall> &info) {
+  return info.param.name;
+}
+
+inline constexpr std::uint32_t kSceneSize = 24;
+inline constexpr std::int16_t kSceneSubPool = 7;
+
+inline void startProcess(Scene &scene) {
+  EXPECT_EQ(scene.mem.MEM_ProcessInit(), 0);
+}
+inline void endProcess(Scene &scene) {
+  EXPECT_EQ(scene.mem.MEM_ProcessTerm(), 0);
+}
+
+inline void startThread(Scene &scene) {
+  startProcess(scene);
+  EXPECT_EQ(scene.mem.MEM_ThreadAct(), 0);
+}
+
+inline void endThread(Scene &scene) {
+  EXPECT_EQ(scene.mem.MEM_ThreadTerm(), 0);
+  endProcess(scene);
+}
+
+inline void stopSink(Scene &scene) {
+  startProcess(scene);
+  EXPECT_EQ(scene.mem.MEM_SinkTerm(), 0);
+}
+
+inline void obtainArea(Scene &scene) {
+  EXPECT_EQ(scene.host.runtime().GetStorage(&scene.area, kSceneSize, kSceneSubPool, 1), 0);
+}
+
+inline void returnArea(Scene &scene) {
+  scene.host.runtime().FreeStorage(scene.area, kSceneSize, kSceneSubPool);
+}
+
+inline Result allocArea(Scene &scene) {
+  scene.area = scene.mem.MEM_Alloc(kSceneSize, kSceneSubPool);
+  return std::nullopt;
+}
+
+inline Result freeArea(Scene &scene) {
+  scene.mem.MEM_Free(scene.area, kSceneSize, kSceneSubPool);
+  return std::nullopt;
+}
+
+inline Result setOptions(Scene &scene) {
+  scene.options.Set = 1;
+  return scene.mem.MEMSetProcOptions(&scene.options);
+}
+
+#define MEMTEST_CALL(entry, ...) [](Scene &scene) -> Result { return scene.mem.entry(__VA_ARGS__); }
+#define MEMTEST_SLOT(number, entry) number, offsetof(MEMFunctionVector, entry), #entry
+
+// A service that is not built yet. The row becomes a built one together with its service.
+#define MEMTEST_UNBUILT(number, entry, ...) \
+  { MEMTEST_SLOT(number, entry), nullptr, true, MEMTEST_CALL(entry, __VA_ARGS__) }
+
+// Services that need a handle are called with none and refuse it. Calls need no process block but
+// where a row makes one; they never need a thread block.
+inline const std::vector<SlotCall> &slotCalls() {
+  static const std::vector<SlotCall> rows = {
+      {MEMTEST_SLOT(4, MEM_ProcessInit), "MEM_ProcessInit", true, MEMTEST_CALL(MEM_ProcessInit),
+       nullptr, endProcess},
+      {MEMTEST_SLOT(5, MEM_ProcessTerm), "MEM_ProcessTerm", false, MEMTEST_CALL(MEM_ProcessTerm),
+       startProcess},
+      {MEMTEST_SLOT(6, MEM_ThreadAct), "MEM_ThreadAct", false, MEMTEST_CALL(MEM_ThreadAct),
+       startProcess, endThread},
+      {MEMTEST_SLOT(7, MEM_ThreadTerm), "MEM_ThreadTerm", false, MEMTEST_CALL(MEM_ThreadTerm),
+       startThread, endThread},
+      {MEMTEST_SLOT(8, MEM_Alloc), "MemAlloc", true, allocArea, nullptr, returnArea},
+      {MEMTEST_SLOT(9, MEM_Free), "MEM_Free", false, freeArea, obtainArea},
+      {MEMTEST_SLOT(10, MEM_HeapOpen), "MEM_HeapOpen", true,
+       MEMTEST_CALL(MEM_HeapOpen, nullptr, 0, 0)},
+      {MEMTEST_SLOT(11, MEM_HeapClose), "MEM_HeapClose", true,
+       MEMTEST_CALL(MEM_HeapClose, nullptr)},
+      {MEMTEST_SLOT(12, MEM_HeapAllocEntry), "MEM_HeapAllocEntry", true,
+       MEMTEST_CALL(MEM_HeapAllocEntry, nullptr, 1, nullptr)},
+      {MEMTEST_SLOT(13, MEM_HeapAllocMultEntries), "MEM_HeapAllocMultEntries", true,
+       MEMTEST_CALL(MEM_HeapAllocMultEntries, nullptr, 8, 1, 0, nullptr)},
+      {MEMTEST_SLOT(14, MEM_HeapAllocEntryLong), "Mem_HeapAllocEntryLong", true,
+       MEMTEST_CALL(MEM_HeapAllocEntryLong, nullptr, 1, nullptr)},
+      MEMTEST_UNBUILT(15, MEM_CellOpen, nullptr, 0, 0, 0),
+      MEMTEST_UNBUILT(16, MEM_CellClose, nullptr),
+      MEMTEST_UNBUILT(17, MEM_CellClear, nullptr),
+      MEMTEST_UNBUILT(18, MEM_CellAllocEntry, nullptr, nullptr),
+      MEMTEST_UNBUILT(19, MEM_CellFreeEntry, nullptr, nullptr),
+      {MEMTEST_SLOT(20, MEM_HashOpen), "MEM_HashOpen", true,
+       MEMTEST_CALL(MEM_HashOpen, nullptr, 0, 4, -2, nullptr, 1, 0)},
+      {MEMTEST_SLOT(21, MEM_HashClose), "MEM_HashClose", true,
+       MEMTEST_CALL(MEM_HashClose, nullptr)},
+      {MEMTEST_SLOT(22, MEM_HashInsEntry), "MEM_HashInsEntry", true,
+       MEMTEST_CALL(MEM_HashInsEntry, nullptr, 8, nullptr, nullptr)},
+      {MEMTEST_SLOT(23, MEM_HashGetEntry), "MEM_HashGetEntry", true,
+       MEMTEST_CALL(MEM_HashGetEntry, nullptr, nullptr, nullptr)},
+      {MEMTEST_SLOT(24, MEM_Pack), "MEM_Pack", true,
+       MEMTEST_CALL(MEM_Pack, nullptr, nullptr, 0, nullptr)},
+      MEMTEST_UNBUILT(25, MEM_Unpack, nullptr, nullptr, nullptr),
+      MEMTEST_UNBUILT(26, MEM_CatOpen, nullptr),
+      MEMTEST_UNBUILT(27, MEM_CatClose, nullptr),
+      MEMTEST_UNBUILT(28, MEM_Cat, nullptr, nullptr),
+      MEMTEST_UNBUILT(29, MEM_MemCat, nullptr, nullptr, 0),
+      {MEMTEST_SLOT(30, MEM_InitQTRFTbls), "MEM_InitQTRFTbls", true,
+       MEMTEST_CALL(MEM_InitQTRFTbls)},
+      {MEMTEST_SLOT(31, MEM_SinkInit), "MEM_SinkInit", true, MEMTEST_CALL(MEM_SinkInit), stopSink,
+       endProcess},
+      {MEMTEST_SLOT(32, MEM_SinkTerm), "MEM_SinkTerm", false, MEMTEST_CALL(MEM_SinkTerm),
+       startProcess, endProcess},
+      MEMTEST_UNBUILT(33, MEM_SinkString, nullptr, nullptr),
+      MEMTEST_UNBUILT(34, MEM_SinkDelete, nullptr),
+      MEMTEST_UNBUILT(35, MEM_SinkVerify, nullptr, nullptr, nullptr),
+      MEMTEST_UNBUILT(36, MEM_EHeapOpen, nullptr, 0, 0),
+      MEMTEST_UNBUILT(37, MEM_EHeapClose, nullptr),
+      MEMTEST_UNBUILT(38, MEM_EHeapAllocEntry, nullptr, 0, nullptr),
+      MEMTEST_UNBUILT(39, MEM_EHeapFreeEntry, nullptr, 0, nullptr),
+      MEMTEST_UNBUILT(40, MEM_EHeapAllocMultEntries, nullptr, 0, 0, 0, nullptr),
+      MEMTEST_UNBUILT(41, MEM_StructToPortStr, nullptr, 0, nullptr, 0, nullptr, nullptr, nullptr),
+      MEMTEST_UNBUILT(42, MEM_PortStrToStruct, nullptr, nullptr, nullptr, nullptr),
+      {MEMTEST_SLOT(43, MEMSetProcOptions), "MEMSetProcOptions", false, setOptions, startProcess,
+       endProcess},
+      MEMTEST_UNBUILT(44, MEM_Port1StrToStruct, nullptr, nullptr, 0, nullptr, nullptr),
+      MEMTEST_UNBUILT(45, MEM_WSinkString, nullptr, nullptr),
+      MEMTEST_UNBUILT(46, MEM_WSinkDelete, nullptr),
+      MEMTEST_UNBUILT(47, MEM_WSinkVerify, nullptr, nullptr, nullptr),
+      {MEMTEST_SLOT(48, MEM_HashDelEntry), "MEM_HashGetEntry", true,
+       MEMTEST_CALL(MEM_HashDelEntry, nullptr, nullptr)},
+      {MEMTEST_SLOT(49, MEM_HashScan), "MEM_HashGetEntry", true,
+       MEMTEST_CALL(MEM_HashScan, nullptr, nullptr, nullptr)},
+      {MEMTEST_SLOT(50, MEM_HeapAllocLongMultEntries), "MEM_HeapAllocLongMultEntries", true,
+       MEMTEST_CALL(MEM_HeapAllocLongMultEntries, nullptr, 8, 1, 0, nullptr)},
+      MEMTEST_UNBUILT(51, MEM_EHeapAllocLongMultEntries, nullptr, 0, 0, 0, nullptr),
+  };
+  return rows;
+}
+
+#undef MEMTEST_UNBUILT
+#undef MEMTEST_SLOT
+#undef MEMTEST_CALL
+
+}  // namespace memtest

@@ -20,6 +20,18 @@ inline void storeAs(void *pTo, T value) noexcept {
   std::memcpy(pTo, &value, sizeof value);
 }
 
+template <class T>
+constexpr T byteSwapped(T value) noexcept {
+  static_assert(sizeof(T) == 2 || sizeof(T) == 4);
+  const auto bits = static_cast<std::uint32_t>(value);
+  if constexpr (sizeof(T) == 2) {
+    return static_cast<T>(((bits & 0xFF) << 8) | ((bits >> 8) & 0xFF));
+  } else {
+    return static_cast<T>((bits << 24) | ((bits & 0xFF00) << 8) | ((bits >> 8) & 0xFF00) |
+                          (bits >> 24));
+  }
+}
+
 inline std::byte *bytesAt(void *pBase, std::size_t offset) noexcept {
   return static_cast<std::byte *>(pBase) + offset;
 }

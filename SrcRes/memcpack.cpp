@@ -1,12 +1,12 @@
 #include "memcpack.h"
 
 #include <cstring>
-#include <optional>
 
 #include "bytes.h"
 #include "callframe.h"
 #include "memcpack_blocks.h"
 #include "memcpack_cb.h"
+#include "memcpack_outcome.h"
 
 namespace mem {
 
@@ -31,25 +31,8 @@ struct PackRecord {
 MEM_CHECK_SIZE(PackRecord, 40);
 MEM_CHECK_OFFSET(PackRecord, Descriptor, 32);
 
-// How a pack ended that did not succeed.
-struct PackFailure {
-  std::int16_t result;
-  std::uint32_t code;
-  ErrorText text;
-  const char *pExitText = nullptr;  // exit record, where the failure has one
-  bool isRecorded = false;          // another service's record stands and is not added to
-};
-
-PackFailure failure(std::uint32_t code, const ErrorText &text) noexcept {
-  return {.result = static_cast<std::int16_t>(code), .code = code, .text = text};
-}
-
 PackFailure hashFailure(const char *pExitText) noexcept {
   return {.result = -1, .code = 0, .text = ErrorText(), .pExitText = pExitText, .isRecorded = true};
-}
-
-PackFailure badDescriptor(const void *pDescriptor) noexcept {
-  return failure(MEMERR_PACKCBID, ErrorText("MemPackCBstructIDInvalid=").pointer(pDescriptor));
 }
 
 PackFailure badSegmentPointer(const void *pSegment) noexcept {
@@ -70,15 +53,9 @@ PackFailure stringTooLarge(std::int64_t length) noexcept {
                  ErrorText("StringLengthTooLarge=").decimal(static_cast<std::int32_t>(length)));
 }
 
-// No value: success.
-using Outcome = std::optional<PackFailure>;
-
 // Why the chain has no further block.
 Outcome failedBlock(Placement placement) noexcept {
-  if (placement == Placement::tooManyBlocks) {
-    const auto shown = static_cast<std::int16_t>(MEM_PACK_MAX_BLOCKS + 1);
-    return failure(MEMERR_PACKBMAX, ErrorText("MaxBlocksValueBad=").decimal(shown));
-  }
+  if (placement == Placement::tooManyBlocks) return badBlockCount(MEM_PACK_MAX_BLOCKS + 1);
   return failure(MEMERR_PACKAMEM, ErrorText("NthBlkMemAllocFail"));
 }
 
@@ -379,6 +356,8 @@ void closeTableKeepingError(const CallFrame &frame, Packer &packer) noexcept {
   if (pThread != nullptr) pThread->Error = saved;
 }
 
+}  // namespace
+
 std::int16_t finishFailed(CallFrame &frame, const PackFailure &failed) noexcept {
   if (failed.pExitText != nullptr) frame.traceExit(failed.pExitText);
   if (failed.isRecorded) return frame.finish(failed.result);
@@ -387,8 +366,6 @@ std::int16_t finishFailed(CallFrame &frame, const PackFailure &failed) noexcept 
                      .marksComponent = true,
                      .result = failed.result});
 }
-
-}  // namespace
 
 std::int16_t MEM_PackHashFunc(const void *pKey) noexcept {
   const std::size_t lowestByte = platformIsBigEndian() ? 3 : 0;

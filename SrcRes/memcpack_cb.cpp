@@ -6,10 +6,8 @@ namespace mem {
 
 namespace {
 
-constexpr std::int64_t kPointerLen = 8;
-
-bool lieWithin(std::int16_t offset, std::int64_t length) noexcept {
-  return offset >= 0 && offset + kPointerLen <= length;
+bool liesWithin(std::int16_t offset, std::uint32_t width, std::int64_t length) noexcept {
+  return offset >= 0 && std::int64_t{offset} + width <= length;
 }
 
 // Offsets in an old descriptor; the first 10 bytes are those of a current one.
@@ -29,13 +27,14 @@ void writeOldDescriptor(const MemPackDescriptor &descriptor, std::byte *pTo) noe
 
 }  // namespace
 
-bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length) noexcept {
-  if (hasSibling(descriptor) && !lieWithin(descriptor.SiblingOff, length)) return false;
+bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length,
+                       std::uint32_t width) noexcept {
+  if (hasSibling(descriptor) && !liesWithin(descriptor.SiblingOff, width, length)) return false;
   for (const MemPackChild &child : children(descriptor)) {
-    if (!lieWithin(child.Offset, length)) return false;
+    if (!liesWithin(child.Offset, width, length)) return false;
   }
   for (const std::int16_t offset : references(descriptor)) {
-    if (!lieWithin(offset, length)) return false;
+    if (!liesWithin(offset, width, length)) return false;
   }
   return true;
 }
@@ -52,9 +51,8 @@ bool PackControlBlock::hasValidCounts(const MemPackDescriptor &descriptor) const
   if (descriptor.ReferenceCount < 0 || descriptor.ReferenceCount > MEM_PACK_MAX_REFERENCES) {
     return false;
   }
-  const std::int32_t kinds = std::max<std::int32_t>(count(), MEM_PACK_MIN_DESCRIPTORS);
-  return std::ranges::all_of(children(descriptor), [kinds](const MemPackChild &child) {
-    return child.Descriptor < kinds;
+  return std::ranges::all_of(children(descriptor), [this](const MemPackChild &child) {
+    return child.Descriptor < present();
   });
 }
 

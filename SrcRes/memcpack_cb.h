@@ -35,8 +35,9 @@ inline void *loadPointer(const void *pSegment, std::int16_t offset) noexcept {
   return loadAs<void *>(bytesAt(pSegment, static_cast<std::size_t>(offset)));
 }
 
-// True when every pointer field lies wholly inside a segment of `length` bytes.
-bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length) noexcept;
+// True when every pointer field of `width` bytes lies wholly inside a segment of `length` bytes.
+bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length,
+                       std::uint32_t width = sizeof(void *)) noexcept;
 
 // View of a caller's control block. Descriptors up to index 7 exist even beyond the count.
 class PackControlBlock {
@@ -48,11 +49,15 @@ class PackControlBlock {
 
   // REQUIRES for the rest: exists().
   std::int32_t count() const noexcept { return pPackCB_->Count; }
+  // Descriptors that there is room for.
+  std::int32_t present() const noexcept {
+    return count() > MEM_PACK_MIN_DESCRIPTORS ? count() : MEM_PACK_MIN_DESCRIPTORS;
+  }
   std::uint32_t length() const noexcept {
     return static_cast<std::uint32_t>(MEM_PACK_CB_LEN(count()));
   }
 
-  // REQUIRES: index < max(count(), 8).
+  // REQUIRES: index < present().
   const MemPackDescriptor &descriptor(std::int32_t index) const noexcept;
 
   // True when the descriptor's counts and child kinds are in range. Text may hold anything there.

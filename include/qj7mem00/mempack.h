@@ -17,7 +17,8 @@ enum {
   MEM_PACK_MAX_LEVELS = 64,     /**< depth of a structure, the root included */
   MEM_PACK_MAX_BLOCKS = 32767,  /**< blocks of a chain */
   MEM_PACK_NO_SIBLING = -1,     /**< SiblingOff of a segment without a sibling chain */
-  MEM_PACK_BLOCK_OVERHEAD = 15  /**< an item is at most the block length less this */
+  MEM_PACK_BLOCK_OVERHEAD = 15, /**< an item is at most the block length less this */
+  MEM_UNPACK_BLOCK_LEN = 33024  /**< bytes of each block of a new chain from MEM_Unpack */
 };
 
 /** Segment types. Any other value is a self-describing segment: it starts with its own total

@@ -1,0 +1,114 @@
+// A packed chain of any writer, as the unpacker reads it. Every byte of it may be hostile: whatever
+// is followed is checked against the used lengths first, and no byte is changed twice.
+#pragma once
+
+#include <cstdint>
+
+#include "bytes.h"
+#include "memcpack_cb.h"
+#include "memcpack_outcome.h"
+#include "memcpack_version.h"
+#include "workstorage.h"
+
+namespace mem {
+
+// A content byte: block number, and offset from block offset 8.
+struct ContentPlace {
+  std::int32_t block;
+  std::uint32_t offset;
+};
+
+inline PackFailure badBlockNumber(std::int32_t block) noexcept {
+  return failure(MEMERR_PACKRBLK,
+                 ErrorText("Invalid Relative Blk=").decimal(static_cast<std::int16_t>(block)));
+}
+
+inline PackFailure badOffset(std::uint32_t offset) noexcept {
+  return failure(MEMERR_PACKROFF,
+                 ErrorText("Invalid Relative Offset=").decimal(static_cast<std::int16_t>(offset)));
+}
+
+inline PackFailure reachedTwice() noexcept {
+  return failure(MEMERR_PACKCYCL, ErrorText("RecursiveStructure"));
+}
+
+// Lengths, block addresses and descriptors are copied out when the chain is opened, since a hostile
+// segment may lie over them.
+class PackedChain {
+ public:
+  // Reads version, control block and block list of the chain at `pFirst`, which may be null.
+  // A current control block of the other byte order is swapped in place.
+  Outcome open(MemPackBlock *pFirst) noexcept;
+
+  // REQUIRES for the rest: opened.
+  const PackVersion &version() const noexcept { return version_; }
+  // True when the writer's numbers are in the other byte order than this host's.
+  bool isSwapped() const noexcept { return isSwapped_; }
+  std::int32_t blockCount() const noexcept { return blockCount_; }
+  // Native copy in the current layout, with the types in ASCII.
+  const PackControlBlock &controlBlock() const noexcept { return controlBlock_; }
+
+  Outcome locateRoot(ContentPlace &root) const noexcept;
+
+  std::uint32_t usedLen(std::int32_t block) const noexcept { return usedLens()[block]; }
+  std::byte *at(const ContentPlace &place) const noexcept {
+    return bytesAt(blocks()[place.block], std::size_t{8} + place.offset);
+  }
+  // True when `length` bytes from `place` on lie within the block's used length.
+  bool holds(const ContentPlace &place, std::uint64_t length) const noexcept {
+    const std::uint32_t used = usedLen(place.block);
+    return place.offset <= used && length <= used - place.offset;
+  }
+
+  template <class T>
+  T number(const void *pFrom) const noexcept {
+    const T value = loadAs<T>(pFrom);
+    return isSwapped_ ? byteSwapped(value) : value;
+  }
+
+  // Reads a relative pointer that is not null and checks where it leads.
+  Outcome follow(const void *pRelPtr, ContentPlace &target) const noexcept;
+
+  // Bytes of the segment at `place`, checked to lie in its block.
+  Outcome measureSegment(const MemPackDescriptor &descriptor, const ContentPlace &place,
+                         std::uint32_t &length) const noexcept;
+
+  // Bytes of the text at `place` with its terminator, checked to lie in its block. Wide units are
+  // those of the writer.
+  Outcome measureText(const ContentPlace &place, std::uint32_t unitLen,
+                      std::uint32_t &length) const noexcept;
+
+  // Reserves bytes for one use. False when one of them has been claimed or sealed before.
+  // REQUIRES: holds(place, length).
+  bool claim(const ContentPlace &place, std::uint32_t length) noexcept;
+  // Makes later claims of a byte fail; shared text may seal its terminator many times.
+  void seal(const ContentPlace &place) noexcept;
+
+ private:
+  // Work area: used lengths, start of each block's bits, control block, bits.
+  void **blocks() const noexcept { return blockTable_.as<void *>(); }
+  std::uint32_t *usedLens() const noexcept { return work_.as<std::uint32_t>(); }
+  std::uint32_t *bitStarts() const noexcept {
+    return work_.as<std::uint32_t>(static_cast<std::size_t>(blockCount_) * 4);
+  }
+
+  Outcome readVersion(const MemPackBlock *pFirst) noexcept;
+  Outcome readControlBlockLen(const MemPackBlock *pFirst) noexcept;
+  Outcome listBlocks(MemPackBlock *pFirst) noexcept;
+  Outcome obtainWork() noexcept;
+  Outcome copyControlBlock(MemPackBlock *pFirst) noexcept;
+  MemPackDescriptor readDescriptor(const std::byte *pFrom) const noexcept;
+  void swapInPlace(std::byte *pControlBlock) const noexcept;
+
+  PackVersion version_{};
+  bool isSwapped_ = false;
+  std::int32_t descriptorCount_ = 0;
+  std::uint32_t controlBlockLen_ = 0;  // in the file
+  std::int32_t blockCount_ = 0;
+  std::uint8_t *pBits_ = nullptr;
+  PackControlBlock controlBlock_{nullptr};
+  WorkStorage blockTable_;
+  WorkStorage work_;
+};
+
+}  // namespace mem

@@ -1,0 +1,74 @@
+#include "memcpack_fields.h"
+
+#include <algorithm>
+
+namespace mem {
+
+namespace {
+
+// Offsets of all pointer fields, ascending.
+class FieldOffsets {
+ public:
+  explicit FieldOffsets(const MemPackDescriptor &descriptor) noexcept {
+    for (const MemPackChild &child : children(descriptor)) add(child.Offset);
+    if (hasSibling(descriptor)) add(descriptor.SiblingOff);
+    for (const std::int16_t offset : references(descriptor)) add(offset);
+    std::sort(offsets_, offsets_ + count_);
+  }
+
+  std::uint32_t count() const noexcept { return count_; }
+  // The end of the run in front of field k, or of the last run.
+  std::uint32_t runEnd(std::uint32_t k, std::uint32_t length) const noexcept {
+    return k < count_ ? offsets_[k] : length;
+  }
+
+ private:
+  void add(std::int16_t offset) noexcept {
+    offsets_[count_++] = static_cast<std::uint32_t>(offset);
+  }
+
+  std::uint32_t offsets_[MEM_PACK_MAX_CHILDREN + 1 + MEM_PACK_MAX_REFERENCES];
+  std::uint32_t count_ = 0;
+};
+
+}  // namespace
+
+bool haveSameFields(const MemPackDescriptor &file, const MemPackDescriptor &callers) noexcept {
+  if (file.Type != callers.Type) return false;
+  if (isTextKind(file)) return true;
+  return hasSibling(file) == hasSibling(callers) &&
+         references(file).size() == references(callers).size() &&
+         std::ranges::equal(children(file), children(callers), {}, &MemPackChild::Descriptor,
+                            &MemPackChild::Descriptor);
+}
+
+std::int16_t rootChildOffset(const PackControlBlock &controlBlock, std::size_t k) noexcept {
+  const MemPackDescriptor &root = controlBlock.descriptor(0);
+  if (!controlBlock.hasValidCounts(root)) return 0;
+  const auto all = children(root);
+  return k < all.size() ? all[k].Offset : std::int16_t{0};
+}
+
+std::uint32_t fieldCount(const MemPackDescriptor &descriptor) noexcept {
+  return static_cast<std::uint32_t>(children(descriptor).size() + references(descriptor).size()) +
+         (hasSibling(descriptor) ? 1U : 0U);
+}
+
+void copyRuns(const SegmentImage &from, const std::byte *pFrom, const SegmentImage &to,
+              std::byte *pTo) noexcept {
+  const FieldOffsets fromFields(from.descriptor);
+  const FieldOffsets toFields(to.descriptor);
+  std::uint32_t fromStart = 0;
+  std::uint32_t toStart = 0;
+  for (std::uint32_t k = 0; k <= fromFields.count(); ++k) {
+    const std::uint32_t fromEnd = fromFields.runEnd(k, from.length);
+    const std::uint32_t toEnd = toFields.runEnd(k, to.length);
+    if (fromStart < fromEnd && toStart < toEnd) {
+      std::memcpy(pTo + toStart, pFrom + fromStart, std::min(fromEnd - fromStart, toEnd - toStart));
+    }
+    fromStart = fromEnd + from.pointerWidth;
+    toStart = toEnd + to.pointerWidth;
+  }
+}
+
+}  // namespace mem

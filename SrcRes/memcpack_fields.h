@@ -1,0 +1,37 @@
+// Pointer fields of a segment under two control blocks: the file's and the caller's.
+#pragma once
+
+#include <cstdint>
+
+#include "memcpack_cb.h"
+
+namespace mem {
+
+// True when both describe the same kind of segment: the same type and the same pointer fields, at
+// whatever offsets.
+bool haveSameFields(const MemPackDescriptor &file, const MemPackDescriptor &callers) noexcept;
+
+// Control blocks are told apart by the root's first child pointer and, in files with so many
+// descriptors, by the second one too.
+inline constexpr std::int32_t kSecondChildCompared = 21;
+
+// The offset of descriptor 0's k-th child pointer, 0 where it has none.
+std::int16_t rootChildOffset(const PackControlBlock &controlBlock, std::size_t k) noexcept;
+
+// Number of pointer fields.
+std::uint32_t fieldCount(const MemPackDescriptor &descriptor) noexcept;
+
+// One side of a copy between layouts.
+struct SegmentImage {
+  const MemPackDescriptor &descriptor;
+  std::uint32_t length;
+  std::uint32_t pointerWidth;
+};
+
+// Copies what lies between the pointer fields, run by run in the order of the offsets. What a new
+// run has beyond the old one stays as it is, what it lacks is cut.
+// REQUIRES: haveSameFields(); the pointer fields of each image lie within its length.
+void copyRuns(const SegmentImage &from, const std::byte *pFrom, const SegmentImage &to,
+              std::byte *pTo) noexcept;
+
+}  // namespace mem

@@ -1,0 +1,123 @@
+#include "memcpack_inplace.h"
+
+#include "memcpack_text.h"
+#include "memcpack_walk.h"
+
+namespace mem {
+
+namespace {
+
+// Pointer fields are claimed when their segment is reached and resolved when the walk follows them,
+// so nothing that was written is read or written again, whatever lies over it.
+class InPlaceVisitor {
+ public:
+  explicit InPlaceVisitor(PackedChain &chain) noexcept : chain_(chain), text_(chain) {}
+
+  Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept;
+  Outcome visitText(const TextUse &use) noexcept {
+    return use.isWide ? takeWide(use.text) : takeNarrow(use.text);
+  }
+  // Replaces a relative pointer by the address that it means. Null stays null.
+  Outcome pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
+                  bool &isNull) noexcept;
+
+ private:
+  Outcome checkLength(const MemPackDescriptor &descriptor,
+                      const ContentPlace &place) const noexcept;
+  Outcome claimSegment(const MemPackDescriptor &descriptor, const ContentPlace &place) noexcept;
+  Outcome claimField(const ContentPlace &segment, std::int16_t offset) noexcept;
+  Outcome takeNarrow(const ContentPlace &place) noexcept;
+  Outcome takeWide(const ContentPlace &place) noexcept;
+
+  PackedChain &chain_;
+  TextConverter text_;
+};
+
+Outcome InPlaceVisitor::visit(std::uint16_t kind, const ContentPlace &place) noexcept {
+  const MemPackDescriptor &descriptor = chain_.controlBlock().descriptor(kind);
+  if (descriptor.Type == MEM_PACK_STRING) return takeNarrow(place);
+  if (descriptor.Type == MEM_PACK_WIDE_STRING) return takeWide(place);
+  // Kinds beyond the count were not looked at before the walk.
+  if (!chain_.controlBlock().hasValidCounts(descriptor)) return badDescriptor(&descriptor);
+  if (Outcome failed = checkLength(descriptor, place)) return failed;
+  if (Outcome failed = claimSegment(descriptor, place)) return failed;
+  for (const std::int16_t offset : references(descriptor)) {
+    ContentPlace target{};
+    bool isNull = false;
+    if (Outcome failed = pointer(place, offset, target, isNull)) return failed;
+  }
+  return {};
+}
+
+// Kinds of some EBCDIC writers, whose lengths lie in fields that only their owners know.
+constexpr std::uint16_t kEbcdicV = 0xE5;
+constexpr std::uint16_t kEbcdicX = 0xE7;
+
+// Callers read a segment whole, so all of it must be there.
+Outcome InPlaceVisitor::checkLength(const MemPackDescriptor &descriptor,
+                                    const ContentPlace &place) const noexcept {
+  if (descriptor.Type == kEbcdicV || descriptor.Type == kEbcdicX) return {};
+  std::uint32_t length = 0;
+  return chain_.measureSegment(descriptor, place, length);
+}
+
+// A segment is known again by its pointer fields, or by its first byte where it has none.
+Outcome InPlaceVisitor::claimSegment(const MemPackDescriptor &descriptor,
+                                     const ContentPlace &place) noexcept {
+  bool hasFields = hasSibling(descriptor);
+  if (hasFields) {
+    if (Outcome failed = claimField(place, descriptor.SiblingOff)) return failed;
+  }
+  for (const MemPackChild &child : children(descriptor)) {
+    if (Outcome failed = claimField(place, child.Offset)) return failed;
+    hasFields = true;
+  }
+  for (const std::int16_t offset : references(descriptor)) {
+    if (Outcome failed = claimField(place, offset)) return failed;
+    hasFields = true;
+  }
+  const bool isEmpty = descriptor.Type == MEM_PACK_FIXED && descriptor.FixedLen == 0;
+  if (hasFields || isEmpty || chain_.claim(place, 1)) return {};
+  return reachedTwice();
+}
+
+Outcome InPlaceVisitor::claimField(const ContentPlace &segment, std::int16_t offset) noexcept {
+  const std::int64_t start = static_cast<std::int64_t>(segment.offset) + offset;
+  const ContentPlace field{segment.block, static_cast<std::uint32_t>(start)};
+  if (start < 0 || !chain_.holds(field, sizeof(void *))) return badOffset(field.offset);
+  return chain_.claim(field, sizeof(void *)) ? Outcome{} : reachedTwice();
+}
+
+// Narrow text must end in its block. Any number of pointers may share it.
+Outcome InPlaceVisitor::takeNarrow(const ContentPlace &place) noexcept {
+  std::uint32_t length = 0;
+  if (Outcome failed = chain_.measureText(place, 1, length)) return failed;
+  chain_.seal({place.block, place.offset + length - 1});
+  return {};
+}
+
+Outcome InPlaceVisitor::takeWide(const ContentPlace &place) noexcept {
+  std::uint32_t length = 0;
+  if (Outcome failed = chain_.measureText(place, chain_.version().wideSize, length)) return failed;
+  if (!chain_.claim(place, length)) return reachedTwice();
+  return text_.convert(chain_.at(place), length);
+}
+
+Outcome InPlaceVisitor::pointer(const ContentPlace &segment, std::int16_t offset,
+                                ContentPlace &target, bool &isNull) noexcept {
+  std::byte *pField = chain_.at(segment) + offset;
+  isNull = loadAs<std::uint64_t>(pField) == 0;
+  if (isNull) return {};
+  if (Outcome failed = chain_.follow(pField, target)) return failed;
+  storeAs<void *>(pField, chain_.at(target));
+  return {};
+}
+
+}  // namespace
+
+Outcome unpackInPlace(PackedChain &chain, const ContentPlace &root) noexcept {
+  InPlaceVisitor visitor(chain);
+  return ChainWalk(chain, visitor).run(root);
+}
+
+}  // namespace mem

@@ -1,0 +1,13 @@
+// Unpacking in place: the blocks themselves become the structure.
+#pragma once
+
+#include "memcpack_chain.h"
+
+namespace mem {
+
+// Replaces every relative pointer that is reached from `root` by the real address and turns wide
+// text into native UTF-16. Each segment and each pointer field is touched once. A failure leaves
+// the blocks partly converted.
+Outcome unpackInPlace(PackedChain &chain, const ContentPlace &root) noexcept;
+
+}  // namespace mem

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Builds the library and runs its main job: packs a package catalogue and prints a report.
+# Builds the library and runs its main job: packs a package catalogue and prints a report; then a
+# second process turns the file back into structures and compares. With arguments the program runs
+# once, with these.
 #
 #   ./run.sh [--windows] [arguments of the program; --help lists them]
 #
@@ -21,4 +23,9 @@ fi
 
 "$root/cmake/install-packages.sh" "$jobs"
 "$root/cmake/build-quietly.sh" "$preset" catalog
+if (($# == 0)); then
+  "${program[@]}"
+  echo
+  set -- --read
+fi
 exec "${program[@]}" "$@"

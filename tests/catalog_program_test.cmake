@@ -123,12 +123,27 @@ foreach(step read build pack write)
 endforeach()
 expect_chain(${WORK}/sample.chain 1)
 
+# The same bytes on every platform, and a second process that knows the structures from them only.
+set(fixture ${CMAKE_CURRENT_LIST_DIR}/fixtures/catalog-sample.chain)
+execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${fixture} ${WORK}/sample.chain
+                COMMAND_ERROR_IS_FATAL ANY)
+expect_packed(${sample} --read-from ${fixture})
+if(NOT out MATCHES "\\(26 packages, " OR NOT out MATCHES "read from the file; all is as it was\n")
+  fail("the report on the chain that was read is not what was expected")
+endif()
+foreach(step read load unpack check)
+  if(NOT out MATCHES "  ${step} +[0-9]+\\.[0-9]\n")
+    fail("the report does not time the step ${step}")
+  endif()
+endforeach()
+
 expect_packed(--block-length 1100 --output many.chain ${sample})
 string(REGEX MATCH "blocks +([0-9]+)  of 1,100 bytes" matched "${out}")
 expect_chain(${WORK}/many.chain ${CMAKE_MATCH_1})
 if(CMAKE_MATCH_1 LESS 5)
   fail("expected several blocks")
 endif()
+expect_packed(${sample} --read-from many.chain)
 
 # Equal input gives equal bytes, also over a longer file that was there before.
 file(RENAME ${WORK}/sample.chain ${WORK}/first.chain)
@@ -168,6 +183,16 @@ expect_refused(2 "unknown option --unknown" --unknown)
 expect_refused(2 "--output needs a value" --output)
 expect_refused(2 "--block-length needs a number" --block-length many)
 expect_refused(2 "more than one catalogue" ${sample} ${sample})
+
+# Chain files that are none, and one of another catalogue.
+file(WRITE ${WORK}/short "abc")
+file(WRITE ${WORK}/lengths "ab0220abcdefgh")
+expect_refused(2 "cannot read absent" ${sample} --read-from absent)
+expect_refused(2 "short is no chain file" ${sample} --read-from short)
+expect_refused(2 "wrong length of block 0" ${sample} --read-from lengths)
+expect_refused(2 "--read-from needs a value" ${sample} --read-from)
+file(WRITE ${WORK}/other "Package: other\nVersion: 1\n")
+expect_refused(1 "the chain differs from the catalogue" other --read-from ${fixture})
 
 # A service that fails.
 expect_refused(1 "4066 MEMERR_PACKBMIN" ${sample} --output small.chain --block-length 900)

@@ -147,7 +147,7 @@ TEST(CatalogArguments, RefusesWhatItDoesNotKnow) {
       catalog::parseArguments({"--block-length", "2147483647", "in", "--output", "out"});
   EXPECT_EQ(arguments.blockLength, 2147483647);
   EXPECT_EQ(arguments.catalogue, "in");
-  EXPECT_EQ(arguments.output, "out");
+  EXPECT_EQ(arguments.chainFile, "out");
 }
 
 // A chain file taken apart by hand. Content offsets count from the used length, as in the file.

@@ -15,11 +15,17 @@ const std::string_view kUsage =
     "Without CATALOGUE it reads /var/lib/dpkg/status or, where there is none, the sample beside\n"
     "the program.\n"
     "\n"
+    "With --read it reads the chain file that an earlier run wrote, on whatever platform, turns\n"
+    "it back into structures and compares them with the catalogue.\n"
+    "\n"
     "  --output FILE      write the chain to FILE instead of a file in the temp directory\n"
+    "  --read             read the chain file of an earlier run from the temp directory\n"
+    "  --read-from FILE   read the chain file FILE\n"
     "  --block-length N   length of the chain's blocks in bytes (32768)\n"
     "  --help             show this text\n"
     "\n"
-    "Exit code: 0 success, 1 a service failed or storage was not returned, 2 wrong input.\n";
+    "Exit code: 0 success, 1 a service failed, storage was not returned or the chain differs from\n"
+    "the catalogue, 2 wrong input.\n";
 
 namespace {
 
@@ -53,7 +59,12 @@ Arguments parseArguments(const std::vector<std::string> &words) {
     if (word == "--help") {
       arguments.help = true;
     } else if (word == "--output") {
-      arguments.output = filePath(optionValue(words, i), "output file");
+      arguments.chainFile = filePath(optionValue(words, i), "output file");
+    } else if (word == "--read") {
+      arguments.reads = true;
+    } else if (word == "--read-from") {
+      arguments.reads = true;
+      arguments.chainFile = filePath(optionValue(words, i), "chain file");
     } else if (word == "--block-length") {
       arguments.blockLength = parseBlockLength(optionValue(words, i));
     } else if (word.starts_with("-")) {

@@ -15,7 +15,8 @@ inline constexpr std::int32_t kDefaultBlockLength = 32768;
 struct Arguments {
   bool help = false;
   std::filesystem::path catalogue;  // empty: the machine's own, else the sample
-  std::filesystem::path output;     // empty: a file in the temp directory
+  std::filesystem::path chainFile;  // empty: a file in the temp directory
+  bool reads = false;               // read the chain file and compare, instead of writing it
   std::int32_t blockLength = kDefaultBlockLength;
 };
 

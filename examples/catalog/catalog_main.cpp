@@ -1,6 +1,7 @@
 // A host that packs a package catalogue: loads the library, binds it, builds linked records in a
 // heap, packs them into a chain of blocks, writes the chain to a file, ends everything and accounts
-// for every byte. `catalog --help` tells the options.
+// for every byte. Run with --read it is the second process, which knows the structures from that
+// file only. `catalog --help` tells the options.
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -35,12 +36,13 @@ void complete(Arguments &arguments, const std::filesystem::path &programFolder) 
                               ? std::filesystem::path(kMachineCatalogue)
                               : programFolder / kSampleCatalogue;
   }
-  if (arguments.output.empty()) {
+  if (arguments.chainFile.empty()) {
     std::error_code error;
-    arguments.output = std::filesystem::temp_directory_path(error) / kDefaultOutput;
+    arguments.chainFile = std::filesystem::temp_directory_path(error) / kDefaultOutput;
     if (error) throw InputError("there is no temp directory; name the chain file with --output");
   }
-  if (std::filesystem::equivalent(arguments.catalogue, arguments.output, ignored)) {
+  if (!arguments.reads &&
+      std::filesystem::equivalent(arguments.catalogue, arguments.chainFile, ignored)) {
     throw InputError("the chain would overwrite " + utf8FromPath(arguments.catalogue));
   }
 }
@@ -60,9 +62,24 @@ void packCatalogue(refhost::Host &host, const Arguments &arguments, StepClock &c
   clock.run("pack", [&] { chain.emplace(host, packCB, records->root(), arguments.blockLength); });
   report.chain = chain->size();
 
-  clock.run("write", [&] { chain->write(arguments.output); });
+  clock.run("write", [&] { chain->write(arguments.chainFile); });
   chain->release();
   records->close();
+}
+
+// The same in a process that knows the structures only from the chain file.
+void readChain(refhost::Host &host, const Arguments &arguments, StepClock &clock, Report &report) {
+  std::vector<Package> packages;
+  clock.run("read", [&] { packages = readCatalogue(arguments.catalogue); });
+
+  std::optional<LoadedChain> chain;
+  clock.run("load", [&] { chain.emplace(host, arguments.chainFile); });
+  report.chain = chain->size();
+
+  const MemPackCB packCB = describeRecords();
+  const PackageRecord *root = nullptr;
+  clock.run("unpack", [&] { root = static_cast<const PackageRecord *>(chain->unpack(packCB)); });
+  clock.run("check", [&] { report.records = checkRecords(root, packages); });
 }
 
 // Whether everything was given back to the host and nothing was misused; tells of it when not.
@@ -86,11 +103,12 @@ ExitCode run(Arguments arguments) {
   Report report;
   {
     const RunningLibrary running(host, library.bindEntry());
-    packCatalogue(host, arguments, clock, report);
+    arguments.reads ? readChain(host, arguments, clock, report)
+                    : packCatalogue(host, arguments, clock, report);
   }
   report.catalogue = utf8FromPath(arguments.catalogue);
-  report.chainFile = utf8FromPath(arguments.output);
-  report.blockLength = arguments.blockLength;
+  report.chainFile = utf8FromPath(arguments.chainFile);
+  report.blockLength = arguments.reads ? 0 : arguments.blockLength;
   report.steps = clock.steps();
   report.account = host.account();
   printReport(std::cout, report);

@@ -37,6 +37,11 @@ MemPackDescriptor stringSegment(std::uint16_t type) {
   return descriptor;
 }
 
+std::uint32_t flagsOf(const Dependency &dependency) {
+  return (dependency.preDepends ? kDependencyPre : 0) |
+         (dependency.alternative ? kDependencyAlternative : 0);
+}
+
 }  // namespace
 
 MemPackCB describeRecords() {
@@ -133,8 +138,7 @@ class CatalogRecords::Builder {
     record.pName = copyNarrow(dependency.name);
     record.pConstraint = copyNarrow(dependency.constraint);
     record.pPackage = nullptr;
-    record.Flags = (dependency.preDepends ? kDependencyPre : 0) |
-                   (dependency.alternative ? kDependencyAlternative : 0);
+    record.Flags = flagsOf(dependency);
     record.Reserved36 = 0;
     ++counts().dependencies;
   }
@@ -158,6 +162,94 @@ class CatalogRecords::Builder {
   CatalogRecords &records_;
   std::unordered_map<std::string_view, PackageRecord *> byName_;
 };
+
+namespace {
+
+template <typename Char>
+bool isText(const Char *pText, std::basic_string_view<Char> expected) {
+  return pText == nullptr ? expected.empty() : expected == pText;
+}
+
+using RecordsByName = std::unordered_map<std::string_view, const PackageRecord *>;
+
+// Checks records against the catalogue; what differs is told by the name of its package.
+class Checker {
+ public:
+  RecordCounts check(const PackageRecord *root, const std::vector<Package> &packages) {
+    index(root, packages);
+    const PackageRecord *record = root;
+    for (const Package &package : packages) {
+      checkPackage(*record, package);
+      record = record->pNext;
+    }
+    return counts_;
+  }
+
+ private:
+  // There must be a record for each package; dependencies refer to them by name.
+  void index(const PackageRecord *root, const std::vector<Package> &packages) {
+    const PackageRecord *record = root;
+    for (const Package &package : packages) {
+      require(record != nullptr, package, "is missing");
+      byName_.emplace(package.name, record);
+      record = record->pNext;
+    }
+    require(record == nullptr, packages.back(), "is not the last one");
+  }
+
+  void checkPackage(const PackageRecord &record, const Package &package) {
+    require(isText<char>(record.pName, package.name), package, "has another name");
+    require(isText<char>(record.pVersion, package.version), package, "has another version");
+    require(isText<char16_t>(record.pSummary, utf16FromUtf8(package.summary)), package,
+            "has another summary");
+    require(record.DependencyCount == package.dependencies.size(), package,
+            "has another number of dependencies");
+    ++counts_.packages;
+    counts_.narrowStrings += countOf(record.pName) + countOf(record.pVersion);
+    counts_.wideStrings += countOf(record.pSummary);
+    checkDependencies(record.pFirstDependency, package);
+  }
+
+  void checkDependencies(const DependencyRecord *record, const Package &package) {
+    for (const Dependency &dependency : package.dependencies) {
+      require(record != nullptr, package, "lacks a dependency");
+      checkDependency(*record, dependency, package);
+      record = record->pNext;
+    }
+    require(record == nullptr, package, "has more dependencies");
+  }
+
+  void checkDependency(const DependencyRecord &record, const Dependency &dependency,
+                       const Package &package) {
+    const auto found = byName_.find(bareName(dependency.name));
+    const PackageRecord *const meant = found == byName_.end() ? nullptr : found->second;
+    require(isText<char>(record.pName, dependency.name) &&
+                isText<char>(record.pConstraint, dependency.constraint) &&
+                record.Flags == flagsOf(dependency) && record.pPackage == meant,
+            package, "has another dependency");
+    ++counts_.dependencies;
+    counts_.references += countOf(record.pPackage);
+    counts_.narrowStrings += countOf(record.pName) + countOf(record.pConstraint);
+  }
+
+  static std::uint64_t countOf(const void *target) { return target == nullptr ? 0U : 1U; }
+
+  static void require(bool holds, const Package &package, const char *difference) {
+    if (!holds) {
+      throw DifferenceError("the chain differs from the catalogue: package " + package.name + " " +
+                            difference);
+    }
+  }
+
+  RecordsByName byName_;
+  RecordCounts counts_;
+};
+
+}  // namespace
+
+RecordCounts checkRecords(const PackageRecord *root, const std::vector<Package> &packages) {
+  return Checker().check(root, packages);
+}
 
 CatalogRecords::CatalogRecords(refhost::Host &host, const std::vector<Package> &packages)
     : host_(host) {

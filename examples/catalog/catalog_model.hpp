@@ -78,6 +78,10 @@ struct RecordCounts {
   std::uint64_t wideStrings = 0;
 };
 
+// Compares records with the catalogue that they were made from, every field and every reference.
+// Throws DifferenceError for the first package that differs.
+RecordCounts checkRecords(const PackageRecord *root, const std::vector<Package> &packages);
+
 // The records of one catalogue and the heap that holds them. One thread at a time.
 class CatalogRecords {
  public:

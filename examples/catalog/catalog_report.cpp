@@ -42,6 +42,11 @@ void printRecords(std::ostream &stream, const Report &report) {
 
 void printChain(std::ostream &stream, const Report &report) {
   stream << "Packed chain " << report.chainFile << '\n';
+  if (report.blockLength == 0) {
+    line(stream, "blocks", report.chain.blocks) << '\n';
+    line(stream, "bytes", report.chain.bytes) << "  used, read from the file; all is as it was\n";
+    return;
+  }
   line(stream, "blocks", report.chain.blocks)
       << "  of " << grouped(static_cast<std::uint64_t>(report.blockLength)) << " bytes\n";
   line(stream, "bytes", report.chain.bytes) << "  used, written to the file\n";

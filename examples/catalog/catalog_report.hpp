@@ -14,9 +14,9 @@
 namespace catalog {
 
 struct Report {
-  std::string catalogue;  // name of the file read
-  std::string chainFile;  // name of the file written
-  std::int32_t blockLength = 0;
+  std::string catalogue;         // name of the file read
+  std::string chainFile;         // name of the file written, or read
+  std::int32_t blockLength = 0;  // 0 for a chain that was read: a file does not tell
   RecordCounts records;
   ChainSize chain;
   std::vector<Step> steps;

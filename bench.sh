@@ -5,5 +5,6 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 "$root/cmake/install-packages.sh" linux
-"$root/cmake/build-quietly.sh" release membench
-exec "$root/build/release/bin/membench" "$@"
+"$root/cmake/build-quietly.sh" release membench unpackbench
+"$root/build/release/bin/membench" "$@"
+exec "$root/build/release/bin/unpackbench" "$@"

@@ -1,6 +1,7 @@
 #include "memcpack_chain.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace mem {
 
@@ -50,6 +51,22 @@ std::int32_t descriptorsPresent(std::int32_t count) noexcept {
   return std::max<std::int32_t>(count, MEM_PACK_MIN_DESCRIPTORS);
 }
 
+// Bytes of the text at `pText` with its terminator, 0 when it does not end within `room` bytes.
+template <class Unit>
+std::uint32_t textLength(const std::byte *pText, std::uint32_t room) noexcept {
+  for (std::uint32_t end = sizeof(Unit); end <= room; end += sizeof(Unit)) {
+    if (loadAs<Unit>(pText + end - sizeof(Unit)) == 0) return end;
+  }
+  return 0;
+}
+
+template <>
+std::uint32_t textLength<std::uint8_t>(const std::byte *pText, std::uint32_t room) noexcept {
+  const void *pEnd = std::memchr(pText, 0, room);
+  if (pEnd == nullptr) return 0;
+  return static_cast<std::uint32_t>(static_cast<const std::byte *>(pEnd) - pText) + 1;
+}
+
 std::uint32_t roundUp(std::uint64_t value, std::uint32_t multiple) noexcept {
   return static_cast<std::uint32_t>((value + multiple - 1) / multiple * multiple);
 }
@@ -62,7 +79,7 @@ Outcome PackedChain::open(MemPackBlock *pFirst) noexcept {
   if (Outcome failed = readControlBlockLen(pFirst)) return failed;
   if (Outcome failed = listBlocks(pFirst)) return failed;
   if (Outcome failed = obtainWork()) return failed;
-  return copyControlBlock(pFirst);
+  return copyControlBlock();
 }
 
 Outcome PackedChain::readVersion(const MemPackBlock *pFirst) noexcept {
@@ -77,16 +94,16 @@ Outcome PackedChain::readVersion(const MemPackBlock *pFirst) noexcept {
   return {};
 }
 
-Outcome PackedChain::readControlBlockLen(const MemPackBlock *pFirst) noexcept {
-  const void *pControlBlock = bytesAt(pFirst, kControlBlockOff);
+Outcome PackedChain::readControlBlockLen(MemPackBlock *pFirst) noexcept {
+  pFileControlBlock_ = bytesAt(pFirst, kControlBlockOff);
   const std::uint32_t used = number<std::uint16_t>(&pFirst->UsedLen);
-  if (used < kHeadLen + sizeof(std::int16_t)) return badDescriptor(pControlBlock);
-  descriptorCount_ = number<std::int16_t>(pControlBlock);
-  if (descriptorCount_ < 1) return badDescriptor(pControlBlock);
+  if (used < kHeadLen + sizeof(std::int16_t)) return badDescriptor(pFileControlBlock_);
+  descriptorCount_ = number<std::int16_t>(pFileControlBlock_);
+  if (descriptorCount_ < 1) return badDescriptor(pFileControlBlock_);
   controlBlockLen_ = static_cast<std::uint32_t>(
       sizeof(std::int16_t) +
       static_cast<std::size_t>(descriptorsPresent(descriptorCount_)) * layoutOf(version_).length);
-  if (controlBlockLen_ > used - kHeadLen) return badDescriptor(pControlBlock);
+  if (controlBlockLen_ > used - kHeadLen) return badDescriptor(pFileControlBlock_);
   return {};
 }
 
@@ -104,7 +121,7 @@ Outcome PackedChain::listBlocks(MemPackBlock *pFirst) noexcept {
   return {};
 }
 
-// At most 32,767 blocks of 65,535 bits: every sum here stays below 2^32.
+// At most 32,767 blocks of 65,535 bytes, two bits each: every sum here stays below 2^32.
 Outcome PackedChain::obtainWork() noexcept {
   std::uint32_t words = 1;  // claims look one byte beyond the last bit
   for (std::int32_t i = 0; i < blockCount_; ++i) {
@@ -115,38 +132,45 @@ Outcome PackedChain::obtainWork() noexcept {
   const std::uint32_t listLen = static_cast<std::uint32_t>(blockCount_) * 8;
   const std::uint32_t cbLen =
       roundUp(static_cast<std::uint64_t>(MEM_PACK_CB_LEN(descriptorCount_)), 8);
-  if (!work_.obtain(listLen + cbLen + words * 8)) {
+  if (!work_.obtain(listLen + cbLen + 2 * words * 8)) {
     return failure(MEMERR_PACKAMEM, ErrorText("UnpackBlkMemAllocFail"));
   }
   controlBlock_ = PackControlBlock(work_.as<MemPackCB>(listLen));
-  pBits_ = work_.as<std::uint8_t>(listLen + cbLen);
+  pClaims_ = work_.as<std::uint8_t>(listLen + cbLen);
+  pTexts_ = work_.as<std::uint64_t>(std::size_t{listLen} + cbLen + std::size_t{words} * 8);
   std::uint32_t word = 0;
   for (std::int32_t i = 0; i < blockCount_; ++i) {
     const std::uint32_t used =
         number<std::uint16_t>(bytesAt(blocks()[i], offsetof(MemPackBlock, UsedLen)));
     usedLens()[i] = used;
-    bitStarts()[i] = word;
+    wordStarts()[i] = word;
     word += roundUp(used, kBitsPerWord) / kBitsPerWord;
   }
   return {};
 }
 
-Outcome PackedChain::copyControlBlock(MemPackBlock *pFirst) noexcept {
+Outcome PackedChain::copyControlBlock() noexcept {
   auto *pCopy = work_.as<std::byte>(static_cast<std::size_t>(blockCount_) * 8);
-  const DescriptorLayout &layout = layoutOf(version_);
-  std::byte *pControlBlock = bytesAt(pFirst, kControlBlockOff);
   storeAs(pCopy, static_cast<std::int16_t>(descriptorCount_));
   for (std::int32_t i = 0; i < descriptorsPresent(descriptorCount_); ++i) {
-    const auto index = static_cast<std::size_t>(i);
-    const std::byte *pFrom = pControlBlock + sizeof(std::int16_t) + index * layout.length;
-    const MemPackDescriptor descriptor = readDescriptor(pFrom);
-    storeAs(pCopy + sizeof(std::int16_t) + index * sizeof descriptor, descriptor);
+    const MemPackDescriptor descriptor = readDescriptor(descriptorInFile(i));
+    storeAs(pCopy + sizeof(std::int16_t) + static_cast<std::size_t>(i) * sizeof descriptor,
+            descriptor);
     if (i < descriptorCount_ && !controlBlock_.hasValidCounts(descriptor)) {
-      return badDescriptor(pFrom);
+      return badDescriptor(descriptorInFile(i));
     }
   }
-  if (isSwapped_ && !version_.isOldLayout) swapInPlace(pControlBlock);
+  if (isSwapped_ && !version_.isOldLayout) swapInPlace();
   return {};
+}
+
+std::byte *PackedChain::descriptorInFile(std::int32_t index) const noexcept {
+  return pFileControlBlock_ + sizeof(std::int16_t) +
+         static_cast<std::size_t>(index) * layoutOf(version_).length;
+}
+
+PackFailure PackedChain::badKind(std::uint16_t kind) const noexcept {
+  return badDescriptor(descriptorInFile(kind));
 }
 
 // A descriptor of either layout as a native one of the current layout. Counts that are out of range
@@ -176,11 +200,10 @@ MemPackDescriptor PackedChain::readDescriptor(const std::byte *pFrom) const noex
 
 // The count, and of each descriptor the five header fields and the used entries.
 // REQUIRES: the copy of the control block is complete and valid.
-void PackedChain::swapInPlace(std::byte *pControlBlock) const noexcept {
-  storeAs(pControlBlock, static_cast<std::int16_t>(descriptorCount_));
+void PackedChain::swapInPlace() const noexcept {
+  storeAs(pFileControlBlock_, static_cast<std::int16_t>(descriptorCount_));
   for (std::int32_t i = 0; i < descriptorCount_; ++i) {
-    std::byte *pTo =
-        pControlBlock + sizeof(std::int16_t) + static_cast<std::size_t>(i) * kCurrentLayout.length;
+    std::byte *pTo = descriptorInFile(i);
     const MemPackDescriptor &native = controlBlock_.descriptor(i);
     for (std::size_t field = 0; field < kCurrentLayout.childrenOff; field += 2) {
       storeAs(pTo + field, byteSwapped(loadAs<std::uint16_t>(pTo + field)));
@@ -221,17 +244,15 @@ Outcome PackedChain::follow(const void *pRelPtr, ContentPlace &target) const noe
 Outcome PackedChain::measureSegment(const MemPackDescriptor &descriptor, const ContentPlace &place,
                                     std::uint32_t &length) const noexcept {
   if (descriptor.Type == MEM_PACK_STRING) return measureText(place, 1, length);
-  std::int32_t measured = 0;
-  if (descriptor.Type == MEM_PACK_FIXED) {
-    measured = descriptor.FixedLen;
-  } else {
-    if (!holds(place, sizeof(std::uint16_t))) return badOffset(place.offset);
-    measured = descriptor.Type == MEM_PACK_COUNTED ? number<std::int16_t>(at(place)) + 2
+  std::int32_t measured = descriptor.FixedLen;
+  if (descriptor.Type != MEM_PACK_FIXED) {
+    constexpr std::int32_t kLengthWord = sizeof(std::uint16_t);
+    if (!holds(place, kLengthWord)) return badOffset(place.offset);
+    measured = descriptor.Type == MEM_PACK_COUNTED ? number<std::int16_t>(at(place)) + kLengthWord
                                                    : number<std::uint16_t>(at(place));
+    if (measured < kLengthWord) return badOffset(place.offset);
   }
-  if (measured < 0 || !holds(place, static_cast<std::uint32_t>(measured))) {
-    return badOffset(place.offset);
-  }
+  if (!holds(place, static_cast<std::uint32_t>(measured))) return badOffset(place.offset);
   length = static_cast<std::uint32_t>(measured);
   return {};
 }
@@ -239,22 +260,25 @@ Outcome PackedChain::measureSegment(const MemPackDescriptor &descriptor, const C
 Outcome PackedChain::measureText(const ContentPlace &place, std::uint32_t unitLen,
                                  std::uint32_t &length) const noexcept {
   const std::uint32_t room = usedLen(place.block) - place.offset;
-  const std::byte *pText = at(place);
-  const std::uint32_t zero = 0;
-  for (std::uint32_t end = unitLen; end <= room; end += unitLen) {
-    if (std::memcmp(pText + end - unitLen, &zero, unitLen) == 0) {
-      length = end;
-      return {};
-    }
+  switch (unitLen) {
+    case 1:
+      length = textLength<std::uint8_t>(at(place), room);
+      break;
+    case 2:
+      length = textLength<std::uint16_t>(at(place), room);
+      break;
+    default:
+      length = textLength<std::uint32_t>(at(place), room);
+      break;
   }
-  return badOffset(place.offset);
+  return length == 0 ? badOffset(place.offset) : Outcome{};
 }
 
 bool PackedChain::claim(const ContentPlace &place, std::uint32_t length) noexcept {
-  std::uint64_t bit = std::uint64_t{bitStarts()[place.block]} * kBitsPerWord + place.offset;
+  std::uint64_t bit = std::uint64_t{wordStarts()[place.block]} * kBitsPerWord + place.offset;
   for (std::uint32_t rest = length; rest > 0;) {
     const std::uint32_t step = std::min<std::uint32_t>(rest, 8);
-    std::uint8_t *pByte = pBits_ + bit / 8;
+    std::uint8_t *pByte = pClaims_ + bit / 8;
     const auto mask = static_cast<std::uint32_t>(((1U << step) - 1) << (bit % 8));
     const auto low = static_cast<std::uint8_t>(mask);
     const auto high = static_cast<std::uint8_t>(mask >> 8);
@@ -267,9 +291,27 @@ bool PackedChain::claim(const ContentPlace &place, std::uint32_t length) noexcep
   return true;
 }
 
-void PackedChain::seal(const ContentPlace &place) noexcept {
-  const std::uint64_t bit = std::uint64_t{bitStarts()[place.block]} * kBitsPerWord + place.offset;
-  pBits_[bit / 8] = static_cast<std::uint8_t>(pBits_[bit / 8] | (1U << (bit % 8)));
+// Goes on word by word of the bits, up to the terminator or to text that is known to end. A claimed
+// terminator stays what it is, whatever becomes of the bytes in front of it.
+Outcome PackedChain::takeNarrowText(const ContentPlace &place) noexcept {
+  const std::uint32_t used = usedLen(place.block);
+  ContentPlace next = place;
+  while (next.offset < used) {
+    std::uint64_t &word = pTexts_[wordStarts()[place.block] + next.offset / kBitsPerWord];
+    const std::uint32_t bit = next.offset % kBitsPerWord;
+    const std::uint32_t inWord = std::min(used - next.offset, kBitsPerWord - bit);
+    const auto unknown =
+        std::min(inWord, static_cast<std::uint32_t>(std::countr_zero(word >> bit)));
+    if (unknown == 0) return {};
+    const std::uint32_t length = textLength<std::uint8_t>(at(next), unknown);
+    const std::uint32_t looked = length == 0 ? unknown : length;
+    word |= (~std::uint64_t{0} >> (kBitsPerWord - looked)) << bit;
+    next.offset += looked;
+    if (length == 0) continue;
+    --next.offset;
+    return claim(next, 1) ? Outcome{} : reachedTwice();
+  }
+  return badOffset(place.offset);
 }
 
 }  // namespace mem

@@ -73,39 +73,48 @@ class PackedChain {
   Outcome measureSegment(const MemPackDescriptor &descriptor, const ContentPlace &place,
                          std::uint32_t &length) const noexcept;
 
-  // Bytes of the text at `place` with its terminator, checked to lie in its block. Wide units are
-  // those of the writer.
+  // Bytes of the text at `place` with its terminator, checked to lie in its block. Units are those
+  // of the writer: 1 byte, or 2 or 4 of wide text.
   Outcome measureText(const ContentPlace &place, std::uint32_t unitLen,
                       std::uint32_t &length) const noexcept;
 
-  // Reserves bytes for one use. False when one of them has been claimed or sealed before.
+  // Reserves bytes for one use. False when one of them has been claimed before.
   // REQUIRES: holds(place, length).
   bool claim(const ContentPlace &place, std::uint32_t length) noexcept;
-  // Makes later claims of a byte fail; shared text may seal its terminator many times.
-  void seal(const ContentPlace &place) noexcept;
+
+  // Checks that narrow text ends in its block and claims its terminator. Any number of pointers may
+  // lead to it, or into it: no byte of text is looked at twice.
+  Outcome takeNarrowText(const ContentPlace &place) noexcept;
+
+  // For a kind without valid counts: names its descriptor in the file.
+  PackFailure badKind(std::uint16_t kind) const noexcept;
 
  private:
-  // Work area: used lengths, start of each block's bits, control block, bits.
+  // Work area: used lengths, start of each block's words, control block, and two bits for each
+  // content byte: claimed, and part of narrow text that is known to end.
   void **blocks() const noexcept { return blockTable_.as<void *>(); }
   std::uint32_t *usedLens() const noexcept { return work_.as<std::uint32_t>(); }
-  std::uint32_t *bitStarts() const noexcept {
+  std::uint32_t *wordStarts() const noexcept {
     return work_.as<std::uint32_t>(static_cast<std::size_t>(blockCount_) * 4);
   }
 
   Outcome readVersion(const MemPackBlock *pFirst) noexcept;
-  Outcome readControlBlockLen(const MemPackBlock *pFirst) noexcept;
+  Outcome readControlBlockLen(MemPackBlock *pFirst) noexcept;
   Outcome listBlocks(MemPackBlock *pFirst) noexcept;
   Outcome obtainWork() noexcept;
-  Outcome copyControlBlock(MemPackBlock *pFirst) noexcept;
+  Outcome copyControlBlock() noexcept;
   MemPackDescriptor readDescriptor(const std::byte *pFrom) const noexcept;
-  void swapInPlace(std::byte *pControlBlock) const noexcept;
+  std::byte *descriptorInFile(std::int32_t index) const noexcept;
+  void swapInPlace() const noexcept;
 
   PackVersion version_{};
   bool isSwapped_ = false;
   std::int32_t descriptorCount_ = 0;
   std::uint32_t controlBlockLen_ = 0;  // in the file
   std::int32_t blockCount_ = 0;
-  std::uint8_t *pBits_ = nullptr;
+  std::byte *pFileControlBlock_ = nullptr;
+  std::uint8_t *pClaims_ = nullptr;
+  std::uint64_t *pTexts_ = nullptr;
   PackControlBlock controlBlock_{nullptr};
   WorkStorage blockTable_;
   WorkStorage work_;

@@ -17,6 +17,7 @@ class FieldOffsets {
   }
 
   std::uint32_t count() const noexcept { return count_; }
+  std::uint32_t operator[](std::uint32_t k) const noexcept { return offsets_[k]; }
   // The end of the run in front of field k, or of the last run.
   std::uint32_t runEnd(std::uint32_t k, std::uint32_t length) const noexcept {
     return k < count_ ? offsets_[k] : length;
@@ -31,10 +32,24 @@ class FieldOffsets {
   std::uint32_t count_ = 0;
 };
 
+// How segments of a type tell their length; all types without a letter do it in one way.
+std::uint16_t lengthRule(std::uint16_t type) noexcept {
+  constexpr std::uint16_t kSelfDescribing = 0;
+  switch (type) {
+    case MEM_PACK_FIXED:
+    case MEM_PACK_COUNTED:
+    case MEM_PACK_STRING:
+    case MEM_PACK_WIDE_STRING:
+      return type;
+    default:
+      return kSelfDescribing;
+  }
+}
+
 }  // namespace
 
 bool haveSameFields(const MemPackDescriptor &file, const MemPackDescriptor &callers) noexcept {
-  if (file.Type != callers.Type) return false;
+  if (lengthRule(file.Type) != lengthRule(callers.Type)) return false;
   if (isTextKind(file)) return true;
   return hasSibling(file) == hasSibling(callers) &&
          references(file).size() == references(callers).size() &&
@@ -52,6 +67,16 @@ std::int16_t rootChildOffset(const PackControlBlock &controlBlock, std::size_t k
 std::uint32_t fieldCount(const MemPackDescriptor &descriptor) noexcept {
   return static_cast<std::uint32_t>(children(descriptor).size() + references(descriptor).size()) +
          (hasSibling(descriptor) ? 1U : 0U);
+}
+
+bool fieldsLieApart(const MemPackDescriptor &descriptor) noexcept {
+  const FieldOffsets fields(descriptor);
+  std::uint32_t end = descriptor.Type == MEM_PACK_FIXED ? 0 : sizeof(std::uint16_t);
+  for (std::uint32_t k = 0; k < fields.count(); ++k) {
+    if (fields[k] < end) return false;
+    end = fields[k] + static_cast<std::uint32_t>(sizeof(void *));
+  }
+  return true;
 }
 
 void copyRuns(const SegmentImage &from, const std::byte *pFrom, const SegmentImage &to,

@@ -7,8 +7,9 @@
 
 namespace mem {
 
-// True when both describe the same kind of segment: the same type and the same pointer fields, at
-// whatever offsets.
+// True when both describe the same kind of segment: the same way to tell its length and the same
+// pointer fields, at whatever offsets. A self-describing kind may have another letter here than in
+// the file of an EBCDIC writer.
 bool haveSameFields(const MemPackDescriptor &file, const MemPackDescriptor &callers) noexcept;
 
 // Control blocks are told apart by the root's first child pointer and, in files with so many
@@ -20,6 +21,11 @@ std::int16_t rootChildOffset(const PackControlBlock &controlBlock, std::size_t k
 
 // Number of pointer fields.
 std::uint32_t fieldCount(const MemPackDescriptor &descriptor) noexcept;
+
+// True when no pointer field lies over another one or over the length word of its segment, so that
+// each can be stored without changing what else is stored.
+// REQUIRES: the fields lie within the segment.
+bool fieldsLieApart(const MemPackDescriptor &descriptor) noexcept;
 
 // One side of a copy between layouts.
 struct SegmentImage {

@@ -15,7 +15,7 @@ class InPlaceVisitor {
 
   Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept;
   Outcome visitText(const TextUse &use) noexcept {
-    return use.isWide ? takeWide(use.text) : takeNarrow(use.text);
+    return use.isWide ? takeWide(use.text) : chain_.takeNarrowText(use.text);
   }
   // Replaces a relative pointer by the address that it means. Null stays null.
   Outcome pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
@@ -26,7 +26,6 @@ class InPlaceVisitor {
                       const ContentPlace &place) const noexcept;
   Outcome claimSegment(const MemPackDescriptor &descriptor, const ContentPlace &place) noexcept;
   Outcome claimField(const ContentPlace &segment, std::int16_t offset) noexcept;
-  Outcome takeNarrow(const ContentPlace &place) noexcept;
   Outcome takeWide(const ContentPlace &place) noexcept;
 
   PackedChain &chain_;
@@ -35,10 +34,10 @@ class InPlaceVisitor {
 
 Outcome InPlaceVisitor::visit(std::uint16_t kind, const ContentPlace &place) noexcept {
   const MemPackDescriptor &descriptor = chain_.controlBlock().descriptor(kind);
-  if (descriptor.Type == MEM_PACK_STRING) return takeNarrow(place);
+  if (descriptor.Type == MEM_PACK_STRING) return chain_.takeNarrowText(place);
   if (descriptor.Type == MEM_PACK_WIDE_STRING) return takeWide(place);
   // Kinds beyond the count were not looked at before the walk.
-  if (!chain_.controlBlock().hasValidCounts(descriptor)) return badDescriptor(&descriptor);
+  if (!chain_.controlBlock().hasValidCounts(descriptor)) return chain_.badKind(kind);
   if (Outcome failed = checkLength(descriptor, place)) return failed;
   if (Outcome failed = claimSegment(descriptor, place)) return failed;
   for (const std::int16_t offset : references(descriptor)) {
@@ -50,35 +49,45 @@ Outcome InPlaceVisitor::visit(std::uint16_t kind, const ContentPlace &place) noe
 }
 
 // Kinds of some EBCDIC writers, whose lengths lie in fields that only their owners know.
-constexpr std::uint16_t kEbcdicV = 0xE5;
-constexpr std::uint16_t kEbcdicX = 0xE7;
+bool hasForeignLength(const MemPackDescriptor &descriptor) noexcept {
+  constexpr std::uint16_t kEbcdicV = 0xE5;
+  constexpr std::uint16_t kEbcdicX = 0xE7;
+  return descriptor.Type == kEbcdicV || descriptor.Type == kEbcdicX;
+}
+
+// Bytes at the start of a segment that nothing else may lie over: its length word, or the byte by
+// which a segment that is reached again is known.
+std::uint32_t headLen(const MemPackDescriptor &descriptor) noexcept {
+  if (descriptor.Type == MEM_PACK_FIXED) return descriptor.FixedLen == 0 ? 0 : 1;
+  return hasForeignLength(descriptor) ? 1 : sizeof(std::uint16_t);
+}
 
 // Callers read a segment whole, so all of it must be there.
 Outcome InPlaceVisitor::checkLength(const MemPackDescriptor &descriptor,
                                     const ContentPlace &place) const noexcept {
-  if (descriptor.Type == kEbcdicV || descriptor.Type == kEbcdicX) return {};
+  if (hasForeignLength(descriptor)) return {};
   std::uint32_t length = 0;
   return chain_.measureSegment(descriptor, place, length);
 }
 
-// A segment is known again by its pointer fields, or by its first byte where it has none.
 Outcome InPlaceVisitor::claimSegment(const MemPackDescriptor &descriptor,
                                      const ContentPlace &place) noexcept {
-  bool hasFields = hasSibling(descriptor);
-  if (hasFields) {
+  bool startsWithField = false;
+  if (hasSibling(descriptor)) {
     if (Outcome failed = claimField(place, descriptor.SiblingOff)) return failed;
+    startsWithField = descriptor.SiblingOff == 0;
   }
   for (const MemPackChild &child : children(descriptor)) {
     if (Outcome failed = claimField(place, child.Offset)) return failed;
-    hasFields = true;
+    startsWithField = startsWithField || child.Offset == 0;
   }
   for (const std::int16_t offset : references(descriptor)) {
     if (Outcome failed = claimField(place, offset)) return failed;
-    hasFields = true;
+    startsWithField = startsWithField || offset == 0;
   }
-  const bool isEmpty = descriptor.Type == MEM_PACK_FIXED && descriptor.FixedLen == 0;
-  if (hasFields || isEmpty || chain_.claim(place, 1)) return {};
-  return reachedTwice();
+  const std::uint32_t head = headLen(descriptor);
+  const bool isClaimed = head <= 1 && startsWithField;
+  return isClaimed || chain_.claim(place, head) ? Outcome{} : reachedTwice();
 }
 
 Outcome InPlaceVisitor::claimField(const ContentPlace &segment, std::int16_t offset) noexcept {
@@ -86,14 +95,6 @@ Outcome InPlaceVisitor::claimField(const ContentPlace &segment, std::int16_t off
   const ContentPlace field{segment.block, static_cast<std::uint32_t>(start)};
   if (start < 0 || !chain_.holds(field, sizeof(void *))) return badOffset(field.offset);
   return chain_.claim(field, sizeof(void *)) ? Outcome{} : reachedTwice();
-}
-
-// Narrow text must end in its block. Any number of pointers may share it.
-Outcome InPlaceVisitor::takeNarrow(const ContentPlace &place) noexcept {
-  std::uint32_t length = 0;
-  if (Outcome failed = chain_.measureText(place, 1, length)) return failed;
-  chain_.seal({place.block, place.offset + length - 1});
-  return {};
 }
 
 Outcome InPlaceVisitor::takeWide(const ContentPlace &place) noexcept {

@@ -76,17 +76,10 @@ class Survey {
       : chain_(chain), callers_(callers), pointers_(pointers), index_(index) {}
 
   Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept {
+    if (Outcome failed = checkKind(kind)) return failed;
     const MemPackDescriptor &file = chain_.controlBlock().descriptor(kind);
-    // Kinds beyond the count were not looked at before the walk.
-    if (!chain_.controlBlock().hasValidCounts(file)) return badDescriptor(&file);
-    if (kind >= callers_.present()) return badDescriptor(callers_.address());
-    const MemPackDescriptor &callers = callers_.descriptor(kind);
-    if (!callers_.hasValidCounts(callers) || !haveSameFields(file, callers)) {
-      return badDescriptor(&callers);
-    }
-    if (file.Type == MEM_PACK_WIDE_STRING) {
-      return failure(MEMERR_PACKCBID, ErrorText("WideStringOutOfPlace"));
-    }
+    // Wide text is no segment of its own; only the root can be given as one.
+    if (file.Type == MEM_PACK_WIDE_STRING) return chain_.badKind(kind);
     std::uint32_t length = 0;
     if (Outcome failed = chain_.measureSegment(file, place, length)) return failed;
     if (!pointersLieWithin(file, length, pointers_.width())) return badOffset(place.offset);
@@ -94,7 +87,10 @@ class Survey {
   }
 
   Outcome visitText(const TextUse &use) noexcept {
-    if (!use.isWide && index_.contains(use.text)) return {};  // shared narrow text
+    const MemPackDescriptor &owner = chain_.controlBlock().descriptor(use.descriptor);
+    if (Outcome failed = checkKind(owner.Children[use.child].Descriptor)) return failed;
+    // Narrow text may be shared. Whether it is text that was there first shows when it is moved.
+    if (!use.isWide && index_.contains(use.text)) return {};
     const std::uint32_t unitLen = use.isWide ? chain_.version().wideSize : 1U;
     std::uint32_t length = 0;
     if (Outcome failed = chain_.measureText(use.text, unitLen, length)) return failed;
@@ -107,6 +103,17 @@ class Survey {
   }
 
  private:
+  // Both control blocks must mean the same by a kind.
+  Outcome checkKind(std::uint16_t kind) const noexcept {
+    const MemPackDescriptor &file = chain_.controlBlock().descriptor(kind);
+    // Kinds beyond the count were not looked at before the walk.
+    if (!chain_.controlBlock().hasValidCounts(file)) return chain_.badKind(kind);
+    if (kind >= callers_.present()) return badDescriptor(callers_.address());
+    const MemPackDescriptor &callers = callers_.descriptor(kind);
+    const bool isSame = callers_.hasValidCounts(callers) && haveSameFields(file, callers);
+    return isSame ? Outcome{} : badDescriptor(&callers);
+  }
+
   Outcome number(const ContentPlace &place, std::uint32_t length) noexcept {
     if (index_.contains(place) || !chain_.claim(place, length)) return reachedTwice();
     index_.add(place);
@@ -119,12 +126,14 @@ class Survey {
   PlaceIndex &index_;
 };
 
+enum class ItemKind : std::uint8_t { segment, narrowText, wideText };
+
 // Where a segment or a text of the old chain went.
 struct Moved {
   ContentPlace from;
   std::byte *pCopy;
   std::uint16_t descriptor;
-  bool isText;
+  ItemKind item;
 };
 
 // The new chain, returned to the host unless it is released to the caller.
@@ -219,7 +228,9 @@ Outcome Mover::visit(std::uint16_t kind, const ContentPlace &place) noexcept {
   std::uint32_t oldLength = 0;
   if (Outcome failed = chain_.measureSegment(file, place, oldLength)) return failed;
   const std::int64_t length = newLength(file, callers, oldLength);
-  if (!pointersLieWithin(callers, length, sizeof(void *))) return badDescriptor(&callers);
+  if (!pointersLieWithin(callers, length) || !fieldsLieApart(callers)) {
+    return badDescriptor(&callers);
+  }
   if (file.Type == MEM_PACK_COUNTED && length - 2 > INT16_MAX) return segmentTooLarge(length);
 
   PlacedItem item;
@@ -229,7 +240,7 @@ Outcome Mover::visit(std::uint16_t kind, const ContentPlace &place) noexcept {
   copyRuns({file, oldLength, pointers_.width()}, chain_.at(place),
            {callers, static_cast<std::uint32_t>(length), sizeof(void *)}, item.pBytes);
   storeLength(file, item.pBytes, length);
-  pMoved_[index_.number(place)] = {place, item.pBytes, kind, false};
+  pMoved_[index_.number(place)] = {place, item.pBytes, kind, ItemKind::segment};
   return {};
 }
 
@@ -237,6 +248,8 @@ Outcome Mover::visitText(const TextUse &use) noexcept {
   Moved &moved = pMoved_[index_.number(use.text)];
   if (moved.pCopy == nullptr) {
     if (Outcome failed = copyText(use, moved)) return failed;
+  } else if (moved.item != ItemKind::narrowText) {
+    return reachedTwice();
   }
   const Moved &owner = pMoved_[index_.number(use.segment)];
   const std::int16_t offset = callers_.descriptor(use.descriptor).Children[use.child].Offset;
@@ -255,7 +268,8 @@ Outcome Mover::copyText(const TextUse &use, Moved &moved) noexcept {
   if (placement == Placement::tooLong) return textTooLarge(length);
   if (placement != Placement::done) return failedBlock(placement);
   std::memcpy(item.pBytes, chain_.at(use.text), length);
-  moved = {use.text, item.pBytes, use.descriptor, true};
+  moved = {use.text, item.pBytes, use.descriptor,
+           use.isWide ? ItemKind::wideText : ItemKind::narrowText};
   return use.isWide ? text_.convert(item.pBytes, length) : Outcome{};
 }
 
@@ -280,7 +294,7 @@ class Linker {
 };
 
 Outcome Linker::link(const Moved &moved) const noexcept {
-  if (moved.isText) return {};
+  if (moved.item != ItemKind::segment) return {};
   const MemPackDescriptor &file = chain_.controlBlock().descriptor(moved.descriptor);
   const MemPackDescriptor &callers = callers_.descriptor(moved.descriptor);
   const auto oldChildren = children(file);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 #include <unordered_map>
 
@@ -170,6 +171,14 @@ bool isText(const Char *pText, std::basic_string_view<Char> expected) {
   return pText == nullptr ? expected.empty() : expected == pText;
 }
 
+// Segments of a chain lie at any address, so records are copied out before they are looked at.
+template <typename Record>
+Record recordAt(const Record *pRecord) {
+  Record record;
+  std::memcpy(&record, static_cast<const void *>(pRecord), sizeof record);
+  return record;
+}
+
 using RecordsByName = std::unordered_map<std::string_view, const PackageRecord *>;
 
 // Checks records against the catalogue; what differs is told by the name of its package.
@@ -177,10 +186,11 @@ class Checker {
  public:
   RecordCounts check(const PackageRecord *root, const std::vector<Package> &packages) {
     index(root, packages);
-    const PackageRecord *record = root;
+    const PackageRecord *next = root;
     for (const Package &package : packages) {
-      checkPackage(*record, package);
-      record = record->pNext;
+      const PackageRecord record = recordAt(next);
+      checkPackage(record, package);
+      next = record.pNext;
     }
     return counts_;
   }
@@ -192,7 +202,7 @@ class Checker {
     for (const Package &package : packages) {
       require(record != nullptr, package, "is missing");
       byName_.emplace(package.name, record);
-      record = record->pNext;
+      record = recordAt(record).pNext;
     }
     require(record == nullptr, packages.back(), "is not the last one");
   }
@@ -210,13 +220,14 @@ class Checker {
     checkDependencies(record.pFirstDependency, package);
   }
 
-  void checkDependencies(const DependencyRecord *record, const Package &package) {
+  void checkDependencies(const DependencyRecord *next, const Package &package) {
     for (const Dependency &dependency : package.dependencies) {
-      require(record != nullptr, package, "lacks a dependency");
-      checkDependency(*record, dependency, package);
-      record = record->pNext;
+      require(next != nullptr, package, "lacks a dependency");
+      const DependencyRecord record = recordAt(next);
+      checkDependency(record, dependency, package);
+      next = record.pNext;
     }
-    require(record == nullptr, package, "has more dependencies");
+    require(next == nullptr, package, "has more dependencies");
   }
 
   void checkDependency(const DependencyRecord &record, const Dependency &dependency,

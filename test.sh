@@ -15,6 +15,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 
 presets=("$@")
 ((${#presets[@]})) || presets=(release debug tsan windows clang)
+jobs=()
 for preset in "${presets[@]}"; do
   case $preset in
     release | debug | tsan) jobs+=(linux) ;;

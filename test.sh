@@ -16,6 +16,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 
 presets=("$@")
 ((${#presets[@]})) || presets=(release debug tsan fuzz windows clang)
+jobs=()
 for preset in "${presets[@]}"; do
   case $preset in
     release | debug | tsan) jobs+=(linux) ;;

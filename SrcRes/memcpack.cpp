@@ -114,7 +114,7 @@ class Packer {
   Outcome writeControlBlock() noexcept;
   Outcome copyStructure() noexcept;
   Outcome copySegment(const Level &level) noexcept;
-  Outcome copyStrings(const MemPackDescriptor &descriptor, std::byte *pCopy) noexcept;
+  Outcome copyStrings(const Level &level, std::byte *pCopy) noexcept;
   Outcome copyString(bool isWide, const void *pText, MemPackRelPtr &relPtr) noexcept;
   Outcome recordSegment(const Level &level, const PlacedItem &item) noexcept;
   Step nextSegment() noexcept;
@@ -225,15 +225,17 @@ Outcome Packer::copySegment(const Level &level) noexcept {
   if (placement == Placement::tooLong) return segmentTooLarge(length);
   if (placement != Placement::done) return failedBlock(placement);
   std::memcpy(item.pBytes, level.pSegment, static_cast<std::size_t>(length));
-  if (Outcome failed = copyStrings(descriptor, item.pBytes)) return failed;
+  if (Outcome failed = copyStrings(level, item.pBytes)) return failed;
   return recordSegment(level, item);
 }
 
-Outcome Packer::copyStrings(const MemPackDescriptor &descriptor, std::byte *pCopy) noexcept {
-  for (const MemPackChild &child : children(descriptor)) {
+// Reads the pointers from the caller's segment: in the copy, one that an earlier entry names too
+// would be a relative pointer already.
+Outcome Packer::copyStrings(const Level &level, std::byte *pCopy) noexcept {
+  for (const MemPackChild &child : children(controlBlock_.descriptor(level.descriptor))) {
     const MemPackDescriptor &kind = controlBlock_.descriptor(child.Descriptor);
     if (!isTextKind(kind)) continue;
-    const void *pText = loadPointer(pCopy, child.Offset);
+    const void *pText = loadPointer(level.pSegment, child.Offset);
     if (pText == nullptr) continue;
     MemPackRelPtr relPtr{};
     if (Outcome failed = copyString(kind.Type == MEM_PACK_WIDE_STRING, pText, relPtr)) {

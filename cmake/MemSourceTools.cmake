@@ -2,7 +2,8 @@
 
 find_program(MEM_CLANG_FORMAT clang-format)
 add_custom_target(format
-  COMMAND sh -c "git ls-files -co --exclude-standard '*.h' '*.hpp' '*.cpp' | xargs '${MEM_CLANG_FORMAT}' -i"
+  COMMAND sh -c "git ls-files -co --exclude-standard '*.h' '*.[ch]pp' | xargs \"$0\" -i"
+    ${MEM_CLANG_FORMAT}
   WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} COMMENT "clang-format over all sources" VERBATIM)
 
 find_program(MEM_RUN_CLANG_TIDY run-clang-tidy)

@@ -12,10 +12,10 @@ set -euo pipefail
 
 packagesFor() {
   case $1 in
-    linux) echo cmake ninja-build g++ ccache googletest libbenchmark-dev ;;
-    windows) echo cmake ninja-build ccache googletest clang lld g++-mingw-w64-x86-64-posix wine wine64 ;;
-    lint) echo cmake ninja-build clang lld clang-format clang-tidy ;;
-    fuzz) echo cmake ninja-build ccache googletest clang libclang-rt-14-dev ;;
+    linux) echo g++ googletest libbenchmark-dev ;;
+    windows) echo clang llvm lld g++-mingw-w64-x86-64-posix googletest wine wine64 ;;
+    lint) echo clang llvm lld clang-format clang-tidy ;;
+    fuzz) echo clang llvm googletest libclang-rt-14-dev ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2
@@ -23,7 +23,7 @@ packagesFor() {
   esac
 }
 
-wanted=()
+wanted=(cmake ninja-build ccache)
 for job in "$@"; do
   list=$(packagesFor "$job")
   read -ra packages <<<"$list"
@@ -39,7 +39,7 @@ if ! command -v dpkg-query >/dev/null; then
   exit 1
 fi
 missing=()
-for package in "${wanted[@]}"; do
+for package in $(printf '%s\n' "${wanted[@]}" | sort -u); do
   isInstalled "$package" || missing+=("$package")
 done
 ((${#missing[@]})) || exit 0
@@ -54,7 +54,6 @@ if ((EUID != 0)); then
 fi
 
 echo "== installing ${missing[*]}" >&2
-export DEBIAN_FRONTEND=noninteractive
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 # A fresh machine has no package lists; sudo does not pass the environment on by itself.

@@ -2,7 +2,7 @@
 # C and C++ runtime of mingw-w64 with POSIX threads; lld as the linker, because GNU ld refuses
 # clang's and GCC's differing section sizes and has no link-time optimisation for clang's objects.
 #
-# Debian packages: clang lld g++-mingw-w64-x86-64-posix wine wine64
+# Debian packages: clang llvm lld g++-mingw-w64-x86-64-posix wine wine64
 
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
@@ -17,6 +17,7 @@ endfunction()
 mem_require_program(MEM_CLANG clang clang)
 mem_require_program(MEM_CLANGXX clang++ clang)
 mem_require_program(MEM_LLD ld.lld lld)
+mem_require_program(MEM_LLVM_AR llvm-ar llvm)
 mem_require_program(MEM_MINGW_GXX x86_64-w64-mingw32-g++-posix g++-mingw-w64-x86-64-posix)
 mem_require_program(MEM_WINDRES x86_64-w64-mingw32-windres binutils-mingw-w64-x86-64)
 mem_require_program(MEM_OBJDUMP x86_64-w64-mingw32-objdump binutils-mingw-w64-x86-64)

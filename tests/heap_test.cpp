@@ -11,8 +11,8 @@ namespace {
 using refhost::Service;
 
 constexpr std::int32_t kLongest = std::numeric_limits<std::int32_t>::max();
-constexpr std::uint32_t kSmallArea = 1024;   // AreaLen 1
-constexpr std::int32_t kSmallMost = 968;     // longest area entry of such a heap
+constexpr std::uint32_t kSmallArea = 1024;  // AreaLen 1
+constexpr std::int32_t kSmallMost = 968;    // longest area entry of such a heap
 constexpr char kSource[] = "(..\\SrcRes\\MEMCHEAP) ";
 
 std::string invalidHandle(const void *handle) {
@@ -110,7 +110,7 @@ TEST_P(HeapOpenTest, AsksForOneAreaAndReturnsItAtClose) {
 }
 
 TEST_F(HeapTest, OpenRefusesAreaLengthsOutside1To256) {
-  for (const std::int16_t areaLen : {0, -1, 257, -32768, 32767, -255, 512}) {
+  for (const std::int16_t areaLen : Shorts{0, -1, 257, -32768, 32767, -255, 512}) {
     SCOPED_TRACE(areaLen);
     auto *heap = static_cast<HMEMHEAP>(untouched());
     expectFails(4050, "Invalid Area Length=" + std::to_string(areaLen), NameBy::kMessage,
@@ -170,10 +170,6 @@ void PrintTo(const Variant &variant, std::ostream *out) {
   *out << variant.name;
 }
 
-std::string variantName(const ::testing::TestParamInfo<Variant> &info) {
-  return info.param.name;
-}
-
 class HeapEntryTest : public HeapTest, public ::testing::WithParamInterface<Variant> {
  protected:
   std::uint8_t *take(HMEMHEAP heap, std::int32_t len) {
@@ -184,15 +180,16 @@ class HeapEntryTest : public HeapTest, public ::testing::WithParamInterface<Vari
 };
 
 INSTANTIATE_TEST_SUITE_P(Lengths, HeapEntryTest,
-                         ::testing::Values(Variant{"Short", allocShort}, Variant{"Long", allocLong}),
-                         variantName);
+                         ::testing::Values(Variant{"Short", allocShort},
+                                           Variant{"Long", allocLong}),
+                         caseName<Variant>);
 
 TEST_P(HeapEntryTest, EntriesFollowEachOtherRoundedUpTo8) {
   HMEMHEAP heap = open();
   const struct {
     std::int32_t len;
     std::uint32_t offset;
-  } cases[] = {{1, 56},  {1, 64},   {7, 72},   {8, 80},   {9, 88},  {15, 104},
+  } cases[] = {{1, 56},   {1, 64},   {7, 72},    {8, 80},  {9, 88},  {15, 104},
                {16, 120}, {17, 136}, {100, 160}, {2, 264}, {3, 272}, {1, 280}};
   for (const auto &row : cases) {
     EXPECT_EQ(take(heap, row.len), at(heap, row.offset)) << "length " << row.len;
@@ -234,8 +231,7 @@ TEST_P(HeapEntryTest, EntryOneLongerThanTheThresholdBecomesALargeBlock) {
   std::uint8_t *block = obtained();
   EXPECT_EQ(entry, block + 24);
   EXPECT_EQ(host.account(kSubPool).liveBytes, kSmallArea + 1000);
-  const Layout expected =
-      Layout().text("QQQHBLKN").address(nullptr).field(std::uint32_t{1000});
+  const Layout expected = Layout().text("QQQHBLKN").address(nullptr).field(std::uint32_t{1000});
   EXPECT_EQ(changedRanges(expected.bytes(), bytesOf(block, 20)), "");
   EXPECT_EQ(pointerAt<std::uint8_t>(heap, 32), block);
   store<void *>(heap, 32, nullptr);
@@ -388,7 +384,7 @@ TEST_F(HeapTest, ThresholdOfTheFirstAreaHoldsInFurtherAreas) {
 }
 
 TEST_F(HeapTest, ThresholdGrowsWithTheArea) {
-  for (const std::int16_t areaLen : {1, 2, 7, 64, 256}) {
+  for (const std::int16_t areaLen : Shorts{1, 2, 7, 64, 256}) {
     SCOPED_TRACE(areaLen);
     const std::int32_t most = areaLen * 1024 - 56;
     HMEMHEAP heap = open(areaLen);
@@ -396,8 +392,8 @@ TEST_F(HeapTest, ThresholdGrowsWithTheArea) {
     EXPECT_EQ(host.account(kSubPool).liveCount, 1U);
     alloc(heap, most + 1);
     EXPECT_EQ(eyecatcher(pointerAt<void>(heap, 32)), "QQQHBLKN");
-    EXPECT_EQ(host.account(kSubPool).liveBytes,
-              static_cast<std::uint64_t>(areaLen) * 1024 + 24 + static_cast<std::uint64_t>(most) + 8);
+    EXPECT_EQ(host.account(kSubPool).liveBytes, static_cast<std::uint64_t>(areaLen) * 1024 + 24 +
+                                                    static_cast<std::uint64_t>(most) + 8);
     close(heap);
   }
 }
@@ -533,8 +529,7 @@ class HeapHandleTest : public HeapTest, public ::testing::WithParamInterface<Han
  protected:
   void expectRefused(const void *handle, NameBy nameBy) {
     void *entry = untouched();
-    const std::string name =
-        nameBy == NameBy::kStanding ? kStandingText : invalidHandle(handle);
+    const std::string name = nameBy == NameBy::kStanding ? kStandingText : invalidHandle(handle);
     auto *heap = const_cast<HMEMHEAP>(static_cast<const MEMHeapObject *>(handle));
     expectFails(4056, name, nameBy, [&] { return GetParam().call(mem, heap, &entry); });
     EXPECT_EQ(entry, untouched());
@@ -552,9 +547,7 @@ class HeapHandleTest : public HeapTest, public ::testing::WithParamInterface<Han
 };
 
 INSTANTIATE_TEST_SUITE_P(Operations, HeapHandleTest, ::testing::ValuesIn(kHandleCases),
-                         [](const ::testing::TestParamInfo<HandleCase> &info) {
-                           return std::string(info.param.name);
-                         });
+                         caseName<HandleCase>);
 
 TEST_P(HeapHandleTest, NullIsRefused) {
   expectRefused(nullptr, GetParam().nullBy);
@@ -650,9 +643,7 @@ class HeapChainTest : public HeapTest, public ::testing::WithParamInterface<Chai
 INSTANTIATE_TEST_SUITE_P(Lengths, HeapChainTest,
                          ::testing::Values(ChainVariant{"Short", chainShort},
                                            ChainVariant{"Long", chainLong}),
-                         [](const ::testing::TestParamInfo<ChainVariant> &info) {
-                           return std::string(info.param.name);
-                         });
+                         caseName<ChainVariant>);
 
 TEST_P(HeapChainTest, OneEntryHasANullLink) {
   HMEMHEAP heap = open();
@@ -667,7 +658,7 @@ TEST_P(HeapChainTest, OneEntryHasANullLink) {
 }
 
 TEST_P(HeapChainTest, EntriesAreConsecutiveAndOnlyLinksAreWritten) {
-  for (const std::int16_t linkOff : {0, 3, 12, 16}) {  // any offset, aligned or not
+  for (const std::int16_t linkOff : Shorts{0, 3, 12, 16}) {  // any offset, aligned or not
     SCOPED_TRACE(linkOff);
     HMEMHEAP heap = open();
     const auto entries = take(heap, 21, 5, linkOff);
@@ -745,7 +736,7 @@ TEST_P(HeapChainTest, CountBelow1IsRefused) {
 TEST_P(HeapChainTest, NegativeLinkOffsetIsRefused) {
   HMEMHEAP heap = open();
   const Bytes before = bytesOf(heap, kSmallArea);
-  for (const std::int16_t linkOff : {-1, -8, -32768}) {
+  for (const std::int16_t linkOff : Shorts{-1, -8, -32768}) {
     void *entry = untouched();
     expectFails(4054, "Link offset=" + std::to_string(linkOff) + " less than zero",
                 NameBy::kMessage,
@@ -870,7 +861,7 @@ TEST_F(HeapCloseTest, FreesLargeBlocksNewestFirstThenAreasOldestFirst) {
                              {asNumber(area3), "area3"},
                              {asNumber(block1), "block1"},
                              {asNumber(block2), "block2"}}),
-            (Lines{"9(block2, 1000, -5)", "9(block1, 2024, -5)", "9(heap, 1024, -5)",
+            (Lines{"11(heap)", "9(block2, 1000, -5)", "9(block1, 2024, -5)", "9(heap, 1024, -5)",
                    "9(area2, 1024, -5)", "9(area3, 1024, -5)"}));
   watch.releaseKept();
   EXPECT_EQ(host.account(5, 2).liveCount, 0U);
@@ -916,6 +907,7 @@ TEST_F(HeapCloseTest, EnhancedHeapIsRefused) {
 
 // Slots.
 
+// The watch notes the test's own calls too, as the first of each list.
 class HeapRoutingTest : public HeapTest {
  protected:
   HeapRoutingTest() : watch(mem) { std::memcpy(enhancedBlock_, "ENHHEAP1", 8); }
@@ -933,8 +925,8 @@ TEST_F(HeapRoutingTest, StorageComesThroughSlots8And9) {
   alloc(heap, 2000 - 8);
   alloc(heap, 16);
   alloc(heap, 3000);
-  EXPECT_EQ(watch.takeLines(), (Lines{"8(2048, -5)", "14(?, 1992)", "14(?, 16)", "8(2048, -5)",
-                                      "14(?, 3000)", "8(3024, -5)"}));
+  EXPECT_EQ(watch.takeLines(), (Lines{"10(2, 65531)", "8(2048, -5)", "14(?, 1992)", "14(?, 16)",
+                                      "8(2048, -5)", "14(?, 3000)", "8(3024, -5)"}));
   close(heap);
   EXPECT_EQ(watch.takeUsesOf(9).size(), 3U);
 }
@@ -962,18 +954,18 @@ TEST_F(HeapRoutingTest, ShortEntryGoesToSlot14AndPassesItsResultBack) {
   HMEMHEAP heap = open();
   watch.uses.clear();
   const AddressNames names = {{asNumber(heap), "heap"}};
-  for (const std::int16_t result : {0, -1, 1, 4056, 32767, -32768}) {
+  for (const std::int16_t result : Shorts{0, -1, 1, 4056, 32767, -32768}) {
     void *entry = untouched();
     watch.longResult = result;
     expectEnds(result, [&] { return mem.MEM_HeapAllocEntry(heap, -2, &entry); });
-    EXPECT_EQ(watch.takeLines(names), (Lines{"14(heap, -2)"}));
+    EXPECT_EQ(watch.takeLines(names), (Lines{"12(heap, -2)", "14(heap, -2)"}));
     EXPECT_EQ(watch.lastEntryCell, &entry);
     EXPECT_EQ(entry, untouched());
   }
   watch.longResult.reset();
   void *entry = nullptr;
   EXPECT_EQ(mem.MEM_HeapAllocEntry(heap, 32767, &entry), 0);
-  EXPECT_EQ(watch.takeLines(names), (Lines{"14(heap, 32767)", "8(32792, 7)"}));
+  EXPECT_EQ(watch.takeLines(names), (Lines{"12(heap, 32767)", "14(heap, 32767)", "8(32792, 7)"}));
   close(heap);
 }
 
@@ -981,22 +973,20 @@ TEST_F(HeapRoutingTest, UnknownHandleGoesToSlot14) {
   alignas(8) char block[128] = "QQQNONE1";
   watch.longResult = 77;
   void *entry = untouched();
-  expectEnds(77, [&] {
-    return mem.MEM_HeapAllocEntry(reinterpret_cast<HMEMHEAP>(block), 8, &entry);
-  });
-  EXPECT_EQ(watch.takeLines({{asNumber(block), "block"}}), (Lines{"14(block, 8)"}));
+  expectEnds(77,
+             [&] { return mem.MEM_HeapAllocEntry(reinterpret_cast<HMEMHEAP>(block), 8, &entry); });
+  EXPECT_EQ(watch.takeLines({{asNumber(block), "block"}}), (Lines{"12(block, 8)", "14(block, 8)"}));
 }
 
 TEST_F(HeapRoutingTest, EnhancedHeapGoesToSlot38) {
   const AddressNames names = {{asNumber(enhanced()), "heap"}};
-  for (const std::int16_t result : {0, -1, 77, -32768}) {
+  for (const std::int16_t result : Shorts{0, -1, 77, -32768}) {
     watch.enhancedResult = result;
     void *entry = untouched();
     expectEnds(result, [&] { return mem.MEM_HeapAllocEntry(enhanced(), -3, &entry); });
-    EXPECT_EQ(watch.takeLines(names), (Lines{"38(heap, -3)"}));
+    EXPECT_EQ(watch.takeLines(names), (Lines{"12(heap, -3)", "38(heap, -3)"}));
     EXPECT_EQ(watch.lastEntryCell, &entry);
 
-    // The call itself came in through slot 14.
     expectEnds(result, [&] { return mem.MEM_HeapAllocEntryLong(enhanced(), -70000, &entry); });
     EXPECT_EQ(watch.takeLines(names), (Lines{"14(heap, -70000)", "38(heap, -70000)"}));
     EXPECT_EQ(watch.lastEntryCell, &entry);
@@ -1039,7 +1029,7 @@ TEST_F(HeapRoutingTest, ChainsTakeEachEntryThroughSlot14) {
 
 TEST_F(HeapRoutingTest, ChainsEndAtTheFirstFailureOfSlot14) {
   HMEMHEAP heap = open();
-  for (const std::int16_t result : {-1, 5, -32768}) {
+  for (const std::int16_t result : Shorts{-1, 5, -32768}) {
     watch.uses.clear();
     watch.longResult = result;
     void *entry = untouched();
@@ -1086,13 +1076,13 @@ constexpr char kLongName[] = "Mem_HeapAllocEntryLong";  // as it is
 
 TEST_F(HeapTraceTest, OpenAndClose) {
   HMEMHEAP heap = nullptr;
-  EXPECT_EQ(heapTraced(kBoth, [&] { heap = open(3, 0xFFFB); }),
-            (Lines{entryLine("MEM_HeapOpen", "phMemHeap=" + lowHex(&heap) +
-                                                 ", AreaLen=3, SubPool=-5"),
-                   exitLine("MEM_HeapOpen")}));
-  EXPECT_EQ(heapTraced(kBoth, [&] { close(heap); }),
-            (Lines{entryLine("MEM_HeapClose", "hMemHeap=" + lowHex(heap)),
-                   exitLine("MEM_HeapClose")}));
+  EXPECT_EQ(
+      heapTraced(kBoth, [&] { mem.MEM_HeapOpen(&heap, 3, 0xFFFB); }),
+      (Lines{entryLine("MEM_HeapOpen", "phMemHeap=" + lowHex(&heap) + ", AreaLen=3, SubPool=-5"),
+             exitLine("MEM_HeapOpen")}));
+  EXPECT_EQ(
+      heapTraced(kBoth, [&] { close(heap); }),
+      (Lines{entryLine("MEM_HeapClose", "hMemHeap=" + lowHex(heap)), exitLine("MEM_HeapClose")}));
 }
 
 TEST_F(HeapTraceTest, OpenCallsStorageBetweenItsRecords) {
@@ -1102,8 +1092,8 @@ TEST_F(HeapTraceTest, OpenCallsStorageBetweenItsRecords) {
   EXPECT_EQ(lines[0].substr(0, 17), "STDE MEM_HeapOpen");
   EXPECT_EQ(lines[1].substr(0, 13), "STDE MemAlloc");
   EXPECT_EQ(lines[2].substr(0, 13), "STDX MemAlloc");
-  EXPECT_EQ(lines[3], storageLine("MEM_HeapOpen", "Allocating Standard Heap header block" +
-                                                      atLine(heap, 1024)));
+  EXPECT_EQ(lines[3], storageLine("MEM_HeapOpen",
+                                  "Allocating Standard Heap header block" + atLine(heap, 1024)));
   EXPECT_EQ(lines[4], exitLine("MEM_HeapOpen"));
   close(heap);
 }
@@ -1139,8 +1129,7 @@ TEST_F(HeapTraceTest, Chains) {
   }
   EXPECT_EQ(lines[5], exitLine("MEM_HeapAllocMultEntries"));
 
-  lines = heapTraced(kBoth,
-                     [&] { mem.MEM_HeapAllocLongMultEntries(heap, 70000, 1, 12, &entry); });
+  lines = heapTraced(kBoth, [&] { mem.MEM_HeapAllocLongMultEntries(heap, 70000, 1, 12, &entry); });
   ASSERT_EQ(lines.size(), 4U);
   EXPECT_EQ(lines[0], entryLine("MEM_HeapAllocLongMultEntries",
                                 handle + ", Len=70000, NumEnties= 1, LinkOff=12" + cell));
@@ -1156,8 +1145,8 @@ TEST_F(HeapTraceTest, FailuresHaveNoExitRecord) {
   const std::string handle = "hMemHeap=" + lowHex(heap);
   HMEMHEAP other = nullptr;
   EXPECT_EQ(traced(kBoth, [&] { mem.MEM_HeapOpen(&other, -32768, 0x8000); }),
-            (Lines{entryLine("MEM_HeapOpen", "phMemHeap=" + lowHex(&other) +
-                                                 ", AreaLen=-32768, SubPool=-32768")}));
+            (Lines{entryLine("MEM_HeapOpen",
+                             "phMemHeap=" + lowHex(&other) + ", AreaLen=-32768, SubPool=-32768")}));
   EXPECT_EQ(traced(kBoth, [&] { mem.MEM_HeapClose(nullptr); }),
             (Lines{entryLine("MEM_HeapClose", "hMemHeap=0")}));
   EXPECT_EQ(traced(kBoth, [&] { mem.MEM_HeapAllocEntry(nullptr, -7, &entry); }),
@@ -1177,38 +1166,41 @@ TEST_F(HeapTraceTest, FailuresHaveNoExitRecord) {
   EXPECT_EQ(heapTraced(MEM_TRACE_EXIT, [&] { mem.MEM_HeapAllocEntry(heap, 500, &entry); }),
             (Lines{}));
   host.arm(faultOf(Service::GetStorage));
-  EXPECT_EQ(heapTraced(MEM_TRACE_EXIT, [&] { mem.MEM_HeapAllocMultEntries(heap, 60, 3, 0, &entry); }),
-            (Lines{exitLine(kLongName)}));
+  EXPECT_EQ(
+      heapTraced(MEM_TRACE_EXIT, [&] { mem.MEM_HeapAllocMultEntries(heap, 60, 3, 0, &entry); }),
+      (Lines{exitLine(kLongName)}));
   close(heap);
 }
 
 TEST_F(HeapTraceTest, StorageLinesOfOneLife) {
   HMEMHEAP heap = nullptr;
   void *entry = nullptr;
-  const std::uint32_t flags = MEM_TRACE_STORAGE;
-  EXPECT_EQ(traced(flags, [&] { heap = open(2); }),
-            (Lines{storageLine("MEM_HeapOpen",
-                               "Allocating Standard Heap header block" + atLine(heap, 2048))}));
-  EXPECT_EQ(traced(flags, [&] { mem.MEM_HeapAllocEntry(heap, 1992, &entry); }),
-            (Lines{storageLine(kLongName, "Regular heap")}));
-  EXPECT_EQ(traced(flags, [&] { mem.MEM_HeapAllocEntry(heap, 8, &entry); }),
-            (Lines{storageLine(kLongName, "Regular heap"),
-                   storageLine(kLongName, "Allocating Std Heap area" +
-                                              atLine(at(entry, 0) - 24, 2048))}));
+  const std::string regular = storageLine(kLongName, "Regular heap");
+  const auto linesOf = [this](auto call) { return traced(MEM_TRACE_STORAGE, call); };
+
+  Lines lines = linesOf([&] { heap = open(2); });
+  EXPECT_EQ(lines, (Lines{storageLine("MEM_HeapOpen", "Allocating Standard Heap header block" +
+                                                          atLine(heap, 2048))}));
+  lines = linesOf([&] { mem.MEM_HeapAllocEntry(heap, 1992, &entry); });
+  EXPECT_EQ(lines, (Lines{regular}));
+
+  lines = linesOf([&] { mem.MEM_HeapAllocEntry(heap, 8, &entry); });
   void *const area = at(entry, 0) - 24;
-  EXPECT_EQ(traced(flags, [&] { mem.MEM_HeapAllocEntryLong(heap, 1993, &entry); }),
-            (Lines{storageLine(kLongName, "Regular heap"),
-                   storageLine(kLongName, "Allocating Large Heap block" +
-                                              atLine(at(entry, 0) - 24, 2024))}));
+  EXPECT_EQ(
+      lines,
+      (Lines{regular, storageLine(kLongName, "Allocating Std Heap area" + atLine(area, 2048))}));
+  lines = linesOf([&] { mem.MEM_HeapAllocEntryLong(heap, 1993, &entry); });
   void *const block = at(entry, 0) - 24;
-  EXPECT_EQ(traced(flags, [&] { mem.MEM_HeapAllocMultEntries(heap, 8, 2, 0, &entry); }),
-            (Lines{storageLine("MEM_HeapAllocMultEntries", "Regular heap"),
-                   storageLine(kLongName, "Regular heap"),
-                   storageLine(kLongName, "Regular heap")}));
-  EXPECT_EQ(traced(flags, [&] { mem.MEM_HeapAllocLongMultEntries(heap, 8, 1, 0, &entry); }),
-            (Lines{storageLine("MEM_HeapAllocLongMultEntries", "Regular heap"),
-                   storageLine(kLongName, "Regular heap")}));
-  EXPECT_EQ(traced(flags, [&] { close(heap); }),
+  EXPECT_EQ(lines, (Lines{regular, storageLine(kLongName, "Allocating Large Heap block" +
+                                                              atLine(block, 2024))}));
+  lines = linesOf([&] { mem.MEM_HeapAllocMultEntries(heap, 8, 2, 0, &entry); });
+  EXPECT_EQ(lines,
+            (Lines{storageLine("MEM_HeapAllocMultEntries", "Regular heap"), regular, regular}));
+  lines = linesOf([&] { mem.MEM_HeapAllocLongMultEntries(heap, 8, 1, 0, &entry); });
+  EXPECT_EQ(lines, (Lines{storageLine("MEM_HeapAllocLongMultEntries", "Regular heap"), regular}));
+
+  lines = linesOf([&] { close(heap); });
+  EXPECT_EQ(lines,
             (Lines{storageLine("MEM_HeapClose", "Freeing Large Heap Block" + atLine(block, 2024)),
                    storageLine("MEM_HeapClose", "Freeing Std Heap Area" + atLine(heap, 2048)),
                    storageLine("MEM_HeapClose", "Freeing Std Heap Area" + atLine(area, 2048))}));
@@ -1285,8 +1277,7 @@ TEST_F(HeapTraceTest, EnhancedHeap) {
   alignas(8) char block[128] = "ENHHEAP1";
   auto *heap = reinterpret_cast<HMEMHEAP>(block);
   void *entry = nullptr;
-  const std::string parms =
-      "hMemHeap=" + lowHex(heap) + ", Len=8, ppEntry=" + lowHex(&entry);
+  const std::string parms = "hMemHeap=" + lowHex(heap) + ", Len=8, ppEntry=" + lowHex(&entry);
   const std::uint32_t flags = kBoth | MEM_TRACE_STORAGE;
   watch.enhancedResult = std::int16_t{0};
   EXPECT_EQ(traced(flags, [&] { mem.MEM_HeapAllocEntryLong(heap, 8, &entry); }),
@@ -1301,8 +1292,7 @@ TEST_F(HeapTraceTest, EnhancedHeap) {
   for (const auto &chain : {chainShort, chainLong}) {
     const std::string name =
         chain == chainShort ? "MEM_HeapAllocMultEntries" : "MEM_HeapAllocLongMultEntries";
-    const Lines lines =
-        traced(MEM_TRACE_STORAGE, [&] { chain(mem, heap, 8, 1, 0, &entry); });
+    const Lines lines = traced(MEM_TRACE_STORAGE, [&] { chain(mem, heap, 8, 1, 0, &entry); });
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines[0], storageLine(name, "Enhanced heap"));
   }

@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "memtest.hpp"
@@ -47,22 +50,32 @@ inline bool allBytesAre(const void *from, std::size_t length, std::uint8_t value
 // Builds the expected bytes of a block field by field.
 class Layout {
  public:
-  Layout &text(const char *characters) {
-    bytes_.insert(bytes_.end(), characters, characters + std::strlen(characters));
-    return *this;
-  }
+  Layout &text(const char *characters) { return append(characters, std::strlen(characters)); }
   template <class T>
   Layout &field(T value) {
-    const Bytes bytes = bytesOf(&value, sizeof value);
-    bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
-    return *this;
+    return append(&value, sizeof value);
   }
   Layout &address(const void *value) { return field(asNumber(value)); }
   const Bytes &bytes() const { return bytes_; }
 
  private:
+  Layout &append(const void *from, std::size_t length) {
+    bytes_.resize(bytes_.size() + length);
+    std::memcpy(bytes_.data() + bytes_.size() - length, from, length);
+    return *this;
+  }
+
   Bytes bytes_;
 };
+
+// Values of 16 bits to loop over.
+using Shorts = std::initializer_list<std::int16_t>;
+
+// Names a case of a parameterised test by its `name`.
+template <class Case>
+std::string caseName(const ::testing::TestParamInfo<Case> &info) {
+  return info.param.name;
+}
 
 // The address in a cell that a failing call must leave alone.
 inline void *untouched() {
@@ -263,7 +276,8 @@ enum class NameBy {
 inline constexpr char kStandingText[] = "what an earlier call left";
 
 // The line numbers in trace records are the library's own choice, but different trace points of a
-// source have different ones. A point is an operation's entry, its exit or one of its storage lines.
+// source have different ones. A point is an operation's entry, its exit or one of its storage
+// lines.
 class TracePoints {
  public:
   // Records under `sharedName` belong to the operation that is called, all others to the service
@@ -301,8 +315,8 @@ class HeapHashTest : public StartedTest {
     reports_ = &reports;
     thread_ = &env();
     host.text().ReportError = [](char *pErrorText, const char *pDetail) {
-      reports_->push_back({pErrorText, pErrorText, pDetail, thread_->Error.Code,
-                           thread_->Error.ReturnCode});
+      reports_->push_back(
+          {pErrorText, pErrorText, pDetail, thread_->Error.Code, thread_->Error.ReturnCode});
     };
   }
 

@@ -8,7 +8,7 @@ namespace memtest {
 namespace {
 
 constexpr std::size_t kPointerLen = 8;
-constexpr std::size_t kMaxFixed = 65533;        // no block can use more than 65535 bytes
+constexpr std::size_t kMaxFixed = 65533;  // no block can use more than 65535 bytes
 constexpr std::size_t kMaxCounted = 32767 + 2;
 constexpr std::size_t kMaxTextRoom = 65531;
 constexpr std::size_t kOverhead = MEM_PACK_BLOCK_OVERHEAD;
@@ -115,8 +115,8 @@ void RandomStructure::makeSegmentShape(Shape &shape) {
   const std::size_t references = fewOf(MEM_PACK_MAX_REFERENCES);
   const bool hasSibling = !random_.oneIn(3);
   const std::size_t prefix = shape.kind.type == MEM_PACK_FIXED ? 0 : 2;
-  std::vector<std::int16_t> offsets = fieldOffsets(
-      random_, prefix, children + references + (hasSibling ? 1 : 0), shape.minLength);
+  std::vector<std::int16_t> offsets =
+      fieldOffsets(random_, prefix, children + references + (hasSibling ? 1 : 0), shape.minLength);
   if (hasSibling) shape.kind.siblingOff = takeLast(offsets);
   for (std::size_t i = 0; i < children; ++i) {
     const auto kind = static_cast<std::uint16_t>(random_.below(shapes_.size()));
@@ -153,7 +153,7 @@ void RandomStructure::chooseBlockLen() {
   } else if (choice < 95) {
     blockLen_ = random_.between(smallest, 32000);
   } else {
-    blockLen_ = random_.between(32000, 70000);
+    blockLen_ = random_.between(random_.oneIn(2) ? 32000 : 65000, 70000);
     isRoomy_ = true;
     nodesLeft_ = std::min<std::size_t>(nodesLeft_, 25);
   }
@@ -191,8 +191,8 @@ RandomStructure::Node RandomStructure::makeNode(std::size_t kind) {
   }
   const bool isCounted = shape.kind.type == MEM_PACK_COUNTED;
   const std::size_t most = isCounted ? kMaxCounted : kMaxFixed;
-  const std::size_t length = std::max<std::size_t>(
-      shape.kind.type == MEM_PACK_FIXED ? 0 : 2, std::min(most, segmentLength(shape)));
+  const std::size_t length = std::max<std::size_t>(shape.kind.type == MEM_PACK_FIXED ? 0 : 2,
+                                                   std::min(most, segmentLength(shape)));
   std::uint8_t *const segment = items_.make(length, 0, random_.below(8));
   for (std::size_t i = 0; i < length; ++i) segment[i] = static_cast<std::uint8_t>(random_.bits());
   if (shape.kind.type != MEM_PACK_FIXED) {
@@ -203,8 +203,7 @@ RandomStructure::Node RandomStructure::makeNode(std::size_t kind) {
 }
 
 bool RandomStructure::wantsNode(std::size_t level) {
-  return nodesLeft_ > 0 && level <= maxLevel_ &&
-         (defect_ == Defect::TooDeep || !random_.oneIn(3));
+  return nodesLeft_ > 0 && level <= maxLevel_ && (defect_ == Defect::TooDeep || !random_.oneIn(3));
 }
 
 void RandomStructure::grow(const Node &node, std::size_t level) {

@@ -67,7 +67,7 @@ class RandomStructure {
   Random random_;
   packmodel::Settings settings_;
   Defect defect_ = Defect::None;
-  std::size_t count_;        // descriptors that the control block counts
+  std::size_t count_;          // descriptors that the control block counts
   std::vector<Shape> shapes_;  // may be more than counted, up to the eight that always have room
   ControlBlock controlBlock_;
   std::size_t blockLen_ = 0;

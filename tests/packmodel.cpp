@@ -12,12 +12,12 @@ using memtest::getPointer;
 using memtest::numberAt;
 using memtest::putNumber;
 
-constexpr std::int64_t kMaxStart = 32767;   // start of an item: a signed 16-bit offset
-constexpr std::int64_t kMaxUsed = 65535;    // the used length: an unsigned 16-bit number
-constexpr std::size_t kMaxBlocks = 32767;   // block numbers are signed 16-bit numbers
-constexpr std::size_t kMaxLevels = 64;      // root included
-constexpr std::int64_t kSegmentStart = 2;   // first item of a fresh block
-constexpr std::int64_t kStringStart = 4;    // the same for a string
+constexpr std::int64_t kMaxStart = 32767;  // start of an item: a signed 16-bit offset
+constexpr std::int64_t kMaxUsed = 65535;   // the used length: an unsigned 16-bit number
+constexpr std::size_t kMaxBlocks = 32767;  // block numbers are signed 16-bit numbers
+constexpr std::size_t kMaxLevels = 64;     // root included
+constexpr std::int64_t kSegmentStart = 2;  // first item of a fresh block
+constexpr std::int64_t kStringStart = 4;   // the same for a string
 constexpr std::size_t kOldChildren = 8;
 constexpr std::size_t kHeadLen = 10;  // bytes of a descriptor that both layouts share
 
@@ -206,7 +206,9 @@ class Packer {
       refuse(4066, "BlockTooSmallforMemPackCB=" + std::to_string(blockLen_));
     }
     const Bytes block = settings_.oldControlBlock ? kinds_.old() : current;
-    const char *version = settings_.oldControlBlock ? "0100" : settings_.bigEndian ? "0221" : "0220";
+    const char *version = settings_.oldControlBlock ? "0100"
+                          : settings_.bigEndian     ? "0221"
+                                                    : "0220";
     put(version, 4);
     put(block.data(), block.size());
   }
@@ -299,9 +301,7 @@ class Packer {
     putPlace(fieldAt(owner, kind.childOff(c)), place);
   }
 
-  std::uint8_t *fieldAt(Place segment, std::int16_t offset) {
-    return chain_.at(segment) + offset;
-  }
+  std::uint8_t *fieldAt(Place segment, std::int16_t offset) { return chain_.at(segment) + offset; }
 
   void fixPointers(const Segment &segment) {
     const Descriptor &kind = segment.kind;

@@ -92,7 +92,8 @@ class Items {
  public:
   // `length` bytes, all `filler`.
   std::uint8_t *make(std::size_t length, std::uint8_t filler = 0, std::size_t misalignment = 0) {
-    areas_.push_back({std::make_unique<std::uint8_t[]>(misalignment + length), misalignment, length});
+    areas_.push_back(
+        {std::make_unique<std::uint8_t[]>(misalignment + length), misalignment, length});
     std::uint8_t *const item = areas_.back().item();
     std::memset(item, filler, length);
     return item;

@@ -126,7 +126,7 @@ class PackTest : public StartedTest {
     const packmodel::Outcome expected =
         packmodel::pack(controlBlock.get(), root, blockLen, settings());
     EXPECT_EQ(expected.name, "");
-    const Blocks actual = blocks();
+    Blocks actual = blocks();
     EXPECT_EQ(blockDifference(actual, expected.blocks), "");
     return actual;
   }

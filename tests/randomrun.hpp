@@ -26,8 +26,8 @@ class Random {
   std::mt19937_64 engine_;
 };
 
-// The first seed of a random test: its own fixed one, or what MEM_TEST_SEED in the environment says,
-// so that a failing run starts with the case that failed.
+// The first seed of a random test: its own fixed one, or what MEM_TEST_SEED in the environment
+// says, so that a failing run starts with the case that failed.
 inline std::uint64_t firstSeed(std::uint64_t fixedSeed) {
   const char *override = std::getenv("MEM_TEST_SEED");
   return override == nullptr ? fixedSeed : std::strtoull(override, nullptr, 0);

@@ -62,7 +62,7 @@ namespace {
 
 constexpr std::size_t kUsedLenSize = 2;  // in front of each block's other bytes
 constexpr std::size_t kVersionOff = 2;   // in the file
-constexpr std::size_t kLeastFile = 6;    // used length and version of the first block
+constexpr std::size_t kLeastFile = 6;    // used length and version, in the first block
 constexpr std::size_t kFileOff = offsetof(MemPackBlock, UsedLen);  // in a block
 
 // The version's last character tells the order; EBCDIC versions are big-endian throughout.
@@ -105,7 +105,8 @@ void LoadedChain::load(const std::string &bytes) {
   for (std::size_t at = 0; at < bytes.size();) {
     const std::size_t left = bytes.size() - at;
     const std::size_t used = left < kUsedLenSize ? 0 : usedLength(bytes, at, bigEndian);
-    if (used < kUsedLenSize || used > left) {
+    const std::size_t least = blocks_.empty() ? kLeastFile : kUsedLenSize;
+    if (used < least || used > left) {
       throw InputError(name_ + " is no chain file: wrong length of block " +
                        std::to_string(blocks_.size()));
     }

@@ -200,8 +200,16 @@ typedef int16_t MEM_HashScanFn(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm)
 typedef int16_t MEM_PackFn(const MemPackCB *pPackCB, const void *pRoot, int32_t BlkLen,
                            MemPackBlock **ppFirstBlk);
 
-/** Turns a packed chain of any writer back into linked structures and stores the root. In place
- * when the layouts agree, else `*ppFirstBlk` becomes a new chain laid out by `pPackCB`. */
+/** Turns a packed chain of any writer back into linked structures and stores the root. The bytes of
+ * the chain need not be trusted: whatever they are, nothing outside the blocks is touched. Each
+ * block must have room for its used length + 8 bytes, block 0 for 14 and the others for 10 at
+ * least.
+ *
+ * Where the first child offsets of `pPackCB` agree with the file's, the blocks themselves become
+ * the structure, with segments at any alignment. Otherwise `*ppFirstBlk` becomes a new chain of
+ * blocks of MEM_UNPACK_BLOCK_LEN bytes from subpool 0, laid out by `pPackCB`; the old chain stays
+ * the caller's. On failure both cells are untouched, and blocks that were being unpacked in place
+ * are of no further use. The result is the MEMERR code itself (MEMERR_PACK…). */
 typedef int16_t MEM_UnpackFn(MemPackBlock **ppFirstBlk, void **ppRoot, const MemPackCB *pPackCB);
 /** @} */
 

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iomanip>
+#include <iterator>
 #include <locale>
 #include <sstream>
 

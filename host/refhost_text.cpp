@@ -1,4 +1,6 @@
 // Character conversion, error reports and the exception filter.
+#include <cstring>
+
 #include "refhost_impl.hpp"
 #include "refhost_unicode.hpp"
 

@@ -1,6 +1,5 @@
 #include "refhost_trace.hpp"
 
-#include <algorithm>
 #include <ostream>
 #include <stdexcept>
 #include <utility>
@@ -36,7 +35,7 @@ std::string traceLine(const TraceRecord &record) {
   return line;
 }
 
-void TraceOutput::write(TraceRecord record) {
+void TraceOutput::write(const TraceRecord &record) {
   std::shared_ptr<const Callback> callback;
   {
     const std::lock_guard lock(mutex_);
@@ -101,7 +100,7 @@ std::string traceBufferText(Call &call) {
 void write(Call &call, Service service, std::int32_t component, TraceRecord record) {
   call.checkComponent(component);
   record.writtenBy = service;
-  call.host().trace.write(std::move(record));
+  call.host().trace.write(record);
 }
 
 TraceRecord makeRecord(const char *type, const char *source, const char *function,

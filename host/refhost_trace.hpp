@@ -1,7 +1,6 @@
 // Where trace records go. Any thread may call any member; lines of several threads do not mix.
 #pragma once
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -15,7 +14,7 @@ namespace refhost {
 
 class TraceOutput {
  public:
-  void write(TraceRecord record);
+  void write(const TraceRecord &record);
 
   void keep(bool on);
   std::vector<TraceRecord> take();

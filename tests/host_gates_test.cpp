@@ -114,6 +114,7 @@ TEST_F(HostGatesTest, AGateExcludesAllOtherThreads) {
   const std::uint32_t gate = create();
   int guarded = 0;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&] {
       for (int round = 0; round < kRounds; ++round) {
@@ -159,6 +160,7 @@ TEST_F(HostGatesTest, AllServicesRunOnSeveralThreadsWhileTheyAreWatched) {
   host_.arm({.service = Service::GetStorage, .nth = 100, .andAllLater = true});
 
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (std::uint64_t i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
       for (std::uint64_t round = 0; round < kRounds; ++round) {

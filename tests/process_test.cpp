@@ -261,6 +261,16 @@ TEST_P(StartFailureTest, IsTheSameWithoutAThreadEnvironment) {
   expectNothingLeft(host);
 }
 
+TEST_F(ProcessTest, AnyNonZeroResultOfTheSinkStartFailsTheStart) {
+  mem.MEM_SinkInit = [] { return std::int16_t{1}; };
+  EXPECT_EQ(mem.MEM_ProcessInit(), kFailed);
+  EXPECT_EQ(error().Component, 3);
+  EXPECT_EQ(error().ReturnCode, 0xFFFF);
+  EXPECT_EQ(host.anchor()->Flags, 0);
+  EXPECT_EQ(host.calls(Service::ReportError), 0U);
+  termProcess();
+}
+
 // The result decides, not what a failing service has stored.
 
 std::uint64_t strayStorage[512];

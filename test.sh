@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Builds and tests everything, or only the presets that are named.
 #
-#   ./test.sh [release] [debug] [tsan] [windows] [clang]
+#   ./test.sh [release] [debug] [tsan] [fuzz] [windows] [clang]
 #
 # release  Linux, as it is shipped
 # debug    Linux, under the address and undefined-behaviour sanitizers
 # tsan     Linux, under the thread sanitizer: the tests that run several threads
+# fuzz     Linux, the fuzz targets for a minute each
 # windows  Windows, cross-built, under Wine
 # clang    Linux, compiled with clang for its warnings; runs nothing
 #
@@ -14,14 +15,15 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
 presets=("$@")
-((${#presets[@]})) || presets=(release debug tsan windows clang)
+((${#presets[@]})) || presets=(release debug tsan fuzz windows clang)
 for preset in "${presets[@]}"; do
   case $preset in
     release | debug | tsan) jobs+=(linux) ;;
+    fuzz) jobs+=(fuzz) ;;
     windows) jobs+=(windows) ;;
     clang) jobs+=(linux lint) ;;
     *)
-      echo "test.sh: there is no preset \"$preset\" (release, debug, tsan, windows, clang)" >&2
+      echo "test.sh: there is no preset \"$preset\" (release, debug, tsan, fuzz, windows, clang)" >&2
       exit 2
       ;;
   esac

@@ -1,7 +1,6 @@
 #include "memcport_input.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace mem {
 
@@ -21,9 +20,9 @@ std::string_view head(std::string_view text, std::size_t room) noexcept {
 }
 
 void join(char *pTo, std::string_view first, std::string_view second) noexcept {
-  std::memcpy(pTo, first.data(), first.size());
-  std::memcpy(pTo + first.size(), second.data(), second.size());
-  pTo[first.size() + second.size()] = '\0';
+  pTo = std::copy(first.begin(), first.end(), pTo);
+  pTo = std::copy(second.begin(), second.end(), pTo);
+  *pTo = '\0';
 }
 
 }  // namespace

@@ -42,23 +42,30 @@ std::int16_t PortWriter::run() noexcept {
   return 0;
 }
 
-// The area size lies at different places in the two kinds of heap.
+// What the caller asks for or what fills an area of its heap, whose size lies at different places
+// in the two kinds of heap. Without a heap any capacity does: the heap's own services refuse the
+// handle, unless the host has replaced them.
 std::int32_t PortWriter::chunkCapacity() const noexcept {
-  if (chunkLen_ != 0 || hMemHeap_ == nullptr) return chunkLen_;
-  const std::size_t offset = hasEyecatcher(hMemHeap_, kEHeapEye)
-                                 ? offsetof(MEMEHeapHeader, AreaSize)
-                                 : offsetof(MEMHeapHeader, AreaSize);
-  return loadAs<std::int32_t>(bytesAt(hMemHeap_, offset)) - kAreaOverhead;
+  if (chunkLen_ != 0) return chunkLen_;
+  if (hMemHeap_ == nullptr) return MEM_PORT_HEADER_LEN;
+  if (hasEyecatcher(hMemHeap_, kEHeapEye)) {
+    return areaSizeAt(offsetof(MEMEHeapHeader, AreaSize)) - kAreaOverhead;
+  }
+  if (hasEyecatcher(hMemHeap_, kHeapEye)) {
+    return areaSizeAt(offsetof(MEMHeapHeader, AreaSize)) - kAreaOverhead;
+  }
+  return MEM_PORT_HEADER_LEN;
+}
+
+std::int32_t PortWriter::areaSizeAt(std::size_t offset) const noexcept {
+  return loadAs<std::int32_t>(bytesAt(hMemHeap_, offset));
 }
 
 std::int16_t PortWriter::start() noexcept {
   *pTotalLen_ = 0;
   *ppFirstChunk_ = nullptr;
-  // A heap that does not exist, or is none, is refused by its own services.
-  const bool isForeign = hMemHeap_ == nullptr || (!hasEyecatcher(hMemHeap_, kHeapEye) &&
-                                                  !hasEyecatcher(hMemHeap_, kEHeapEye));
-  const std::int32_t capacity = isForeign ? MEM_PORT_HEADER_LEN : chunkCapacity();
-  if (chunkLen_ < 0 || capacity < MEM_PORT_HEADER_LEN) {
+  const std::int32_t capacity = chunkCapacity();
+  if (capacity < MEM_PORT_HEADER_LEN) {
     return report(kPointCapacity, "Chunk capacity too small!");
   }
   if (!output_.start(hMemHeap_, capacity)) {

@@ -42,6 +42,7 @@ class PortWriter {
 
  private:
   std::int32_t chunkCapacity() const noexcept;
+  std::int32_t areaSizeAt(std::size_t offset) const noexcept;
   std::int16_t start() noexcept;
   std::int16_t writeAll() noexcept;
   std::int16_t MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept;

@@ -1,5 +1,6 @@
 #include <setjmp.h>
 #include <signal.h>
+#include <ucontext.h>
 
 #include <cstring>
 #include <mutex>
@@ -52,7 +53,11 @@ void onSignal(int signal, siginfo_t *pInfo, void *pMachine) noexcept {
   const GuardedWork &work = *pGuard->pWork;
   pThreadGuard = pGuard->pOuter;  // faults of the filter itself are not ours
   const std::int32_t answer = work.filter(pInfo, work.pContext);
-  if (answer == kFaultEndsWork) siglongjmp(pGuard->end, 1);
+  if (answer == kFaultEndsWork) {
+    // Whoever called this handler may have blocked signals; the work had this mask.
+    pthread_sigmask(SIG_SETMASK, &static_cast<ucontext_t *>(pMachine)->uc_sigmask, nullptr);
+    siglongjmp(pGuard->end, 1);
+  }
   pThreadGuard = pGuard;
   if (answer != kFaultIsMended) passOn(signal, pInfo, pMachine);
 }
@@ -63,16 +68,21 @@ void install() noexcept {
   struct sigaction ours;
   std::memset(&ours, 0, sizeof ours);
   ours.sa_sigaction = onSignal;
-  // Nothing is blocked while the handler runs, so leaving it by a jump restores no signal mask.
+  // Nothing is blocked while the handler runs: a fault of the filter reaches the process.
   ours.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
   sigemptyset(&ours.sa_mask);
   for (int i = 0; i < kSignalCount; ++i) sigaction(kSignals[i], &ours, &processHandlers[i]);
 }
 
+// A handler that the process has installed meanwhile stays.
 void uninstall() noexcept {
   const std::lock_guard lock(installMutex);
   if (--runningCalls > 0) return;
-  for (int i = 0; i < kSignalCount; ++i) sigaction(kSignals[i], &processHandlers[i], nullptr);
+  for (int i = 0; i < kSignalCount; ++i) {
+    struct sigaction current;
+    sigaction(kSignals[i], nullptr, &current);
+    if (current.sa_sigaction == onSignal) sigaction(kSignals[i], &processHandlers[i], nullptr);
+  }
 }
 
 }  // namespace

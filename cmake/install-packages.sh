@@ -2,11 +2,12 @@
 # Installs the Debian packages that a job needs and this machine lacks. Says and does nothing when
 # all of them are there.
 #
-#   cmake/install-packages.sh [linux] [windows] [lint]
+#   cmake/install-packages.sh [linux] [windows] [lint] [fuzz]
 #
 # linux    build and tests on Linux
 # windows  cross build, and Wine to run what it makes
 # lint     clang-format and clang-tidy
+# fuzz     clang with libFuzzer and the sanitizers' runtime
 set -euo pipefail
 
 packagesFor() {
@@ -14,6 +15,7 @@ packagesFor() {
     linux) echo cmake ninja-build g++ ccache googletest libbenchmark-dev ;;
     windows) echo cmake ninja-build ccache googletest clang lld g++-mingw-w64-x86-64-posix wine wine64 ;;
     lint) echo cmake ninja-build clang lld clang-format clang-tidy ;;
+    fuzz) echo cmake ninja-build ccache googletest clang libclang-rt-14-dev ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2

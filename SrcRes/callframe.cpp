@@ -34,13 +34,25 @@ MEMTraceBuf *CallFrame::traceBuffer() const noexcept {
   return frame_.pThreadEnv == nullptr ? nullptr : frame_.pThreadEnv->pTraceBuf;
 }
 
+void CallFrame::setText(MEMTraceBuf &buf, const char *text) noexcept {
+  const std::size_t length = std::strlen(text);
+  std::memcpy(buf.Text, text, length + 1);
+  buf.TextLen = static_cast<std::uint32_t>(length);
+}
+
 void CallFrame::writeFixed(const RecordKind &kind, std::int32_t line, const char *text) noexcept {
   MEMTraceBuf *pBuf = traceBuffer();
   if (pBuf == nullptr) return;
-  const std::size_t length = std::strlen(text);
-  std::memcpy(pBuf->Text, text, length + 1);
-  pBuf->TextLen = static_cast<std::uint32_t>(length);
+  setText(*pBuf, text);
   writeRecord(kind, line);
+}
+
+void CallFrame::traceException(std::int32_t line, const char *text) noexcept {
+  MEMTraceBuf *pBuf = traceBuffer();
+  if (pBuf == nullptr) return;
+  setText(*pBuf, text);
+  traceServices().WriteException(MEM_COMPONENT, 0, "EXCP", entryPoint_.source,
+                                 entryPoint_.traceName, line);
 }
 
 void CallFrame::writeRecord(const RecordKind &kind, std::int32_t line) noexcept {

@@ -28,6 +28,7 @@ inline constexpr char kSourceDynm[] = "..\\SrcRes\\MEMCDYNM";
 inline constexpr char kSourceHash[] = "..\\SrcRes\\MEMCHASH";
 inline constexpr char kSourceHeap[] = "..\\SrcRes\\MEMCHEAP";
 inline constexpr char kSourcePack[] = "..\\SrcRes\\MEMCPACK";
+inline constexpr char kSourcePort[] = "..\\SrcRes\\MEMCPORT";
 inline constexpr char kSourceProc[] = "..\\SrcRes\\MEMCPROC";
 inline constexpr char kSourceServ[] = "..\\SrcRes\\MEMCSERV";
 inline constexpr char kSourceStrg[] = "..\\SrcRes\\MEMCSTRG";
@@ -85,6 +86,11 @@ class CallFrame {
   CallFrame(const CallFrame &) = delete;
   CallFrame &operator=(const CallFrame &) = delete;
 
+  // The host's record of this call, for its exception filter.
+  MEMTraceFrame &record() noexcept { return frame_; }
+
+  bool isTraced(std::uint32_t flag) const noexcept { return (frame_.TraceFlags & flag) != 0; }
+
   // Null when the host has no environment for the thread.
   MEMThreadEnv *thread() const noexcept { return frame_.pThreadEnv; }
 
@@ -114,6 +120,22 @@ class CallFrame {
     }
   }
 
+  // An exception record of an internal routine, written whatever the flags are. `format` has
+  // arguments.
+  template <class... Args>
+  void traceException(const char *routine, std::int32_t line, const char *format,
+                      Args... args) noexcept {
+    static_assert(sizeof...(Args) > 0);
+    MEMTraceBuf *pBuf = traceBuffer();
+    if (pBuf == nullptr) return;
+    pBuf->TextLen =
+        static_cast<std::uint32_t>(traceServices().Format(pBuf->Text, format, widened(args)...));
+    traceServices().WriteException(MEM_COMPONENT, 0, "EXCP", entryPoint_.source, routine, line);
+  }
+
+  // The same with a fixed text, under the call's own name.
+  void traceException(std::int32_t line, const char *text) noexcept;
+
   // Ways to end. Each stores the result in the frame and returns it.
   std::int16_t succeed() noexcept;                    // 0, traced as "Return=SUCCESS"
   std::int16_t finish(std::int16_t result) noexcept;  // untraced
@@ -136,9 +158,28 @@ class CallFrame {
   MEM_NOINLINE void writeFixed(const RecordKind &kind, std::int32_t line,
                                const char *text) noexcept;
   void writeRecord(const RecordKind &kind, std::int32_t line) noexcept;
+  void setText(MEMTraceBuf &buf, const char *text) noexcept;
 
   MEMTraceFrame frame_{};
   const EntryPoint &entryPoint_;
+};
+
+// Keeps what a failing call has recorded while cleaning up, since nested calls clear the error
+// area.
+class ErrorAreaKeeper {
+ public:
+  explicit ErrorAreaKeeper(const CallFrame &frame) noexcept : pThread_(frame.thread()) {
+    if (pThread_ != nullptr) kept_ = pThread_->Error;
+  }
+  ~ErrorAreaKeeper() noexcept {
+    if (pThread_ != nullptr) pThread_->Error = kept_;
+  }
+  ErrorAreaKeeper(const ErrorAreaKeeper &) = delete;
+  ErrorAreaKeeper &operator=(const ErrorAreaKeeper &) = delete;
+
+ private:
+  MEMThreadEnv *const pThread_;
+  MEMErrorArea kept_;  // set when there is a thread environment
 };
 
 // Copies at most `room - 1` characters and terminates them.

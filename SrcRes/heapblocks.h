@@ -44,6 +44,14 @@ MEM_CHECK_SIZE(MEMHeapLargeBlock, 24);
 MEM_CHECK_OFFSET(MEMHeapLargeBlock, pNextBlock, 8);
 MEM_CHECK_OFFSET(MEMHeapLargeBlock, BlockSize, 16);
 
+// What an enhanced heap writes over an area entry that is given back.
+struct MEMEHeapFreeItem {
+  MEMEHeapFreeItem *pNextFree;
+  std::uint32_t EntrySize;
+  std::uint32_t Reserved12;
+};
+MEM_CHECK_OFFSET(MEMEHeapFreeItem, EntrySize, 8);
+
 // Standard heap. Its handle is this block's address.
 struct MEMHeapHeader {
   MEMHeapArea FirstArea;
@@ -58,6 +66,29 @@ MEM_CHECK_OFFSET(MEMHeapHeader, pCurArea, 24);
 MEM_CHECK_OFFSET(MEMHeapHeader, pLargeBlocks, 32);
 MEM_CHECK_OFFSET(MEMHeapHeader, AreaSize, 40);
 MEM_CHECK_OFFSET(MEMHeapHeader, SubPool, 44);
+
+// Enhanced heap. Its first fields are those of an area; the others lie elsewhere than a standard
+// heap's.
+struct MEMEHeapHeader {
+  MEMHeapArea FirstArea;
+  std::uint32_t hGate;
+  std::uint16_t SubPool;
+  std::uint8_t Flags;  // bit 0: a running operation holds the gate; bit 1: has a large block
+  std::uint8_t Reserved31;
+  MEMEHeapFreeItem *pFreeEntries;
+  MEMHeapArea *pCurArea;
+  MEMHeapLargeBlock *pLargeBlocks;
+  std::uint32_t AreaSize;
+  std::uint8_t Reserved60[4];
+};
+MEM_CHECK_SIZE(MEMEHeapHeader, 64);
+MEM_CHECK_OFFSET(MEMEHeapHeader, hGate, 24);
+MEM_CHECK_OFFSET(MEMEHeapHeader, SubPool, 28);
+MEM_CHECK_OFFSET(MEMEHeapHeader, Flags, 30);
+MEM_CHECK_OFFSET(MEMEHeapHeader, pFreeEntries, 32);
+MEM_CHECK_OFFSET(MEMEHeapHeader, pCurArea, 40);
+MEM_CHECK_OFFSET(MEMEHeapHeader, pLargeBlocks, 48);
+MEM_CHECK_OFFSET(MEMEHeapHeader, AreaSize, 56);
 
 inline constexpr std::int16_t kMaxAreaKB = 256;
 

@@ -4,6 +4,7 @@
 #include "memchash.h"
 #include "memcheap.h"
 #include "memcpack.h"
+#include "memcport.h"
 #include "memcproc.h"
 #include "memcserv.h"
 #include "memcstrg.h"

@@ -349,15 +349,6 @@ Outcome Packer::fixPointer(std::byte *pCopy, std::int16_t offset) noexcept {
   return {};
 }
 
-// Closing the table clears the error area; what a failing service left there must stay.
-void closeTableKeepingError(const CallFrame &frame, Packer &packer) noexcept {
-  if (!packer.hasTable()) return;
-  MEMThreadEnv *pThread = frame.thread();
-  const MEMErrorArea saved = pThread == nullptr ? MEMErrorArea{} : pThread->Error;
-  packer.closeTable();
-  if (pThread != nullptr) pThread->Error = saved;
-}
-
 }  // namespace
 
 std::int16_t finishFailed(CallFrame &frame, const PackFailure &failed) noexcept {
@@ -380,7 +371,10 @@ std::int16_t MEM_Pack(const MemPackCB *pPackCB, const void *pRoot, std::int32_t 
   frame.traceEntry("Parms: BlkLen=%ld", BlkLen);
   Packer packer(pPackCB, pRoot, BlkLen, ppFirstBlk);
   if (const Outcome failed = packer.run()) {
-    closeTableKeepingError(frame, packer);
+    {
+      const ErrorAreaKeeper keeper(frame);
+      if (packer.hasTable()) packer.closeTable();
+    }
     return finishFailed(frame, *failed);
   }
   if (packer.closeTable() != 0) {

@@ -1,5 +1,8 @@
-// The only header with words that differ between compilers and platforms.
+// The only header with words that differ between compilers and platforms, and what they do
+// differently: platform_posix.cpp and platform_windows.cpp.
 #pragma once
+
+#include <cstdint>
 
 #if defined(_MSC_VER) && !defined(__clang__)
 #define MEM_NOINLINE __declspec(noinline)
@@ -14,3 +17,25 @@
 #else
 #define MEM_EXPORT __attribute__((visibility("default")))
 #endif
+
+namespace mem {
+
+// Answers of a fault filter.
+inline constexpr std::int32_t kFaultEndsWork = 1;
+inline constexpr std::int32_t kFaultIsNotOurs = 0;  // goes on to the process
+inline constexpr std::int32_t kFaultIsMended = -1;  // the faulting instruction runs again
+
+// Work that may fault, and who decides then. Both get the context. The filter runs where the fault
+// happened; `pException` is the platform's exception information.
+struct GuardedWork {
+  void (*run)(void *pContext) noexcept;
+  std::int32_t (*filter)(void *pException, void *pContext) noexcept;
+  void *pContext;
+};
+
+// Runs the work and returns true, or false when a fault (an access violation or the like) ended it.
+// Nothing is unwound then: the work must have no object with a destructor. Calls nest and run on
+// any number of threads; outside of them nothing is installed.
+bool runGuarded(const GuardedWork &work) noexcept;
+
+}  // namespace mem

@@ -2,6 +2,7 @@
 // are tested with. The slot numbers are written here a second time, on purpose.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -20,6 +21,9 @@ struct Scene {
   MEMFunctionVector &mem;
   void *area = nullptr;
   MEMProcOptions options{};
+  std::uint32_t totalLen = 0;
+  MEMPortChunk *chunk = nullptr;
+  std::array<char, offsetof(MEMPortChunk, Text) + MEM_PORT_HEADER_LEN> chunkBytes{};
 };
 
 using Result = std::optional<std::int16_t>;  // nothing for services without a 16-bit result
@@ -93,6 +97,17 @@ inline Result setOptions(Scene &scene) {
   return scene.mem.MEMSetProcOptions(&scene.options);
 }
 
+// A port string that is refused before anything is obtained, and without a record of its own.
+inline constexpr char kNoStructures[] = "(0000000023,0000000000)";
+
+inline const MEMPortChunk *chunkWithoutStructures(Scene &scene) {
+  auto *chunk = reinterpret_cast<MEMPortChunk *>(scene.chunkBytes.data());
+  chunk->Used = MEM_PORT_HEADER_LEN;
+  std::memcpy(scene.chunkBytes.data() + offsetof(MEMPortChunk, Text), kNoStructures,
+              MEM_PORT_HEADER_LEN);
+  return chunk;
+}
+
 #define MEMTEST_CALL(entry, ...) [](Scene &scene) -> Result { return scene.mem.entry(__VA_ARGS__); }
 #define MEMTEST_SLOT(number, entry) number, offsetof(MEMFunctionVector, entry), #entry
 
@@ -159,11 +174,19 @@ inline const std::vector<SlotCall> &slotCalls() {
       MEMTEST_UNBUILT(38, MEM_EHeapAllocEntry, nullptr, 0, nullptr),
       MEMTEST_UNBUILT(39, MEM_EHeapFreeEntry, nullptr, 0, nullptr),
       MEMTEST_UNBUILT(40, MEM_EHeapAllocMultEntries, nullptr, 0, 0, 0, nullptr),
-      MEMTEST_UNBUILT(41, MEM_StructToPortStr, nullptr, 0, nullptr, 0, nullptr, nullptr, nullptr),
-      MEMTEST_UNBUILT(42, MEM_PortStrToStruct, nullptr, nullptr, nullptr, nullptr),
+      {MEMTEST_SLOT(41, MEM_StructToPortStr), "MEM_StructToPortStr", true,
+       MEMTEST_CALL(MEM_StructToPortStr, nullptr, 0, nullptr, 0, nullptr, &scene.totalLen,
+                    &scene.chunk)},
+      {MEMTEST_SLOT(42, MEM_PortStrToStruct), "MEM_StructToPortStr", true,
+       [](Scene &scene) -> Result {
+         return scene.mem.MEM_PortStrToStruct(nullptr, chunkWithoutStructures(scene), nullptr,
+                                              nullptr);
+       }},
       {MEMTEST_SLOT(43, MEMSetProcOptions), "MEMSetProcOptions", false, setOptions, startProcess,
        endProcess},
-      MEMTEST_UNBUILT(44, MEM_Port1StrToStruct, nullptr, nullptr, 0, nullptr, nullptr),
+      {MEMTEST_SLOT(44, MEM_Port1StrToStruct), "MEM_StructToPortStr", true,
+       MEMTEST_CALL(MEM_Port1StrToStruct, nullptr, kNoStructures, MEM_PORT_HEADER_LEN, nullptr,
+                    nullptr)},
       MEMTEST_UNBUILT(45, MEM_WSinkString, nullptr, nullptr),
       MEMTEST_UNBUILT(46, MEM_WSinkDelete, nullptr),
       MEMTEST_UNBUILT(47, MEM_WSinkVerify, nullptr, nullptr, nullptr),

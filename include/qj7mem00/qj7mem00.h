@@ -7,6 +7,7 @@
 #include "memerr.h"
 #include "memhost.h"
 #include "mempack.h"
+#include "memport.h"
 #include "memproc.h"
 #include "memvect.h"
 

@@ -1,0 +1,31 @@
+// Definition tables. They are the caller's and are read in place, at every look-up.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "qj7mem00/memport.h"
+
+namespace mem {
+
+// The first definition of the structure, or null. The table ends with an identifier below 1.
+const MEMStructDef *MEM_Find_Struct_Def(const MEMStructDef *pDefs, std::uint32_t StructID) noexcept;
+
+inline std::int32_t fieldCount(const MEMStructDef &def) noexcept {
+  return def.FieldCount > 0 ? def.FieldCount : 0;
+}
+
+// True when the definition has a repeat field, its last one.
+inline bool hasRepeatField(const MEMStructDef &def) noexcept {
+  return def.CountField != MEM_PORT_NO_COUNT;
+}
+
+// Bytes that the library reads or writes at a field of a structure. Negative for a definition whose
+// Length is.
+std::int64_t storedLength(const MEMFieldDef &field) noexcept;
+
+// Gives an absent field its default. False when a text is too long for a field that must not be
+// truncated. REQUIRES: storedLength(field) bytes at `pField`.
+bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept;
+
+}  // namespace mem

@@ -1,0 +1,80 @@
+#include "memcport_input.h"
+
+#include <algorithm>
+
+namespace mem {
+
+namespace {
+
+std::string_view textOf(const MEMPortChunk &chunk) noexcept {
+  return {static_cast<const char *>(chunk.Text),
+          chunk.Used > 0 ? static_cast<std::size_t>(chunk.Used) : std::size_t{0}};
+}
+
+// The last `room` characters, or the first ones.
+std::string_view tail(std::string_view text, std::size_t room) noexcept {
+  return text.substr(text.size() - std::min(room, text.size()));
+}
+std::string_view head(std::string_view text, std::size_t room) noexcept {
+  return text.substr(0, room);
+}
+
+void join(char *pTo, std::string_view first, std::string_view second) noexcept {
+  pTo = std::copy(first.begin(), first.end(), pTo);
+  pTo = std::copy(second.begin(), second.end(), pTo);
+  *pTo = '\0';
+}
+
+}  // namespace
+
+// On to the next chunk that holds anything. At the end everything stays as it is.
+bool PortInput::step() noexcept {
+  const MEMPortChunk *pNext = pCurrent_ == nullptr ? pFirst_ : pCurrent_->pNext;
+  for (const MEMPortChunk *pChunk = pNext; pChunk != nullptr; pChunk = pChunk->pNext) {
+    if (pChunk->Used <= 0) continue;
+    pCurrent_ = pChunk;
+    current_ = textOf(*pChunk);
+    position_ = 0;
+    return true;
+  }
+  return false;
+}
+
+std::uint64_t PortInput::length() const noexcept {
+  if (pFirst_ == nullptr) return current_.size();
+  std::uint64_t sum = 0;
+  for (const MEMPortChunk *pChunk = pFirst_; pChunk != nullptr; pChunk = pChunk->pNext) {
+    sum += textOf(*pChunk).size();
+  }
+  return sum;
+}
+
+// The chunk in front of the current one, or null.
+const MEMPortChunk *PortInput::previous() const noexcept {
+  if (pCurrent_ == nullptr) return nullptr;
+  const MEMPortChunk *pBefore = nullptr;
+  for (const MEMPortChunk *pChunk = pFirst_; pChunk != pCurrent_; pChunk = pChunk->pNext) {
+    pBefore = pChunk;
+  }
+  return pBefore;
+}
+
+Excerpts PortInput::excerpts() const noexcept {
+  Excerpts made;
+  made.position = static_cast<std::int32_t>(position_);
+  const std::string_view read = tail(current_.substr(0, position_), Excerpts::kLen);
+  const std::string_view next = head(current_.substr(position_), Excerpts::kLen);
+  std::string_view before;
+  std::string_view after;
+  if (const MEMPortChunk *pBefore = previous()) {
+    before = tail(textOf(*pBefore), Excerpts::kLen - read.size());
+  }
+  if (pCurrent_ != nullptr && pCurrent_->pNext != nullptr) {
+    after = head(textOf(*pCurrent_->pNext), Excerpts::kLen - next.size());
+  }
+  join(made.read, before, read);
+  join(made.next, next, after);
+  return made;
+}
+
+}  // namespace mem

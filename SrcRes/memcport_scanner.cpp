@@ -1,0 +1,74 @@
+#include "memcport_scanner.h"
+
+namespace mem {
+
+namespace {
+
+constexpr MessagePoint kPointEnd{"MEM_PORT2CHAR", 1188};
+constexpr MessagePoint kPointPushBack{"MEM_PUSHBACK", 1227};
+
+}  // namespace
+
+bool PortScanner::get(char &c) noexcept {
+  return input_.next(c) || fail(kPointEnd, "End of port string reached!");
+}
+
+bool PortScanner::unget() noexcept {
+  return input_.pushBack() || fail(kPointPushBack, "Cannot push back more than one char!");
+}
+
+bool PortScanner::expect(char expected, const MessagePoint &point, const char *pMessage) noexcept {
+  char c = 0;
+  if (!get(c)) return false;
+  return c == expected || fail(point, pMessage);
+}
+
+bool PortScanner::atFieldEnd(char c, bool &isEnd) noexcept {
+  isEnd = c == '/' || c == '>';
+  return !isEnd || unget();
+}
+
+std::string_view PortScanner::run() noexcept {
+  const std::string_view text = input_.rest();
+  if (text.empty()) fail(kPointEnd, "End of port string reached!");
+  return text;
+}
+
+template <class Number>
+bool PortScanner::digits(Number &value) noexcept {
+  value = 0;
+  Number weight = 1;
+  for (;;) {
+    const std::string_view text = run();
+    if (text.empty()) return false;
+    std::size_t i = 0;
+    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
+      value += static_cast<Number>(text[i] - '0') * weight;
+      weight *= 10;
+    }
+    skip(i);
+    if (i < text.size()) return true;
+  }
+}
+template bool PortScanner::digits(std::uint32_t &value) noexcept;
+template bool PortScanner::digits(std::uint64_t &value) noexcept;
+
+std::uint64_t PortScanner::inputLength() noexcept {
+  if (inputLength_ == 0) inputLength_ = input_.length();
+  return inputLength_;
+}
+
+void *PortScanner::allocate(std::int64_t length) noexcept {
+  if (length > INT32_MAX || length < INT32_MIN) return nullptr;
+  void *pEntry = nullptr;
+  const std::int16_t status = functionVector().MEM_HeapAllocEntryLong(
+      hMemHeap_, static_cast<std::int32_t>(length), &pEntry);
+  return status == 0 ? pEntry : nullptr;
+}
+
+bool PortScanner::fail(const MessagePoint &point, const char *pMessage) noexcept {
+  reportReading(frame_, point, pMessage, input_.excerpts());
+  return false;
+}
+
+}  // namespace mem

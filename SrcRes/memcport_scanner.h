@@ -1,0 +1,56 @@
+// What the structure reader and the field readers share: the primitives over the input, each with
+// its message, and the caller's heap.
+#pragma once
+
+#include <cstdint>
+
+#include "callframe.h"
+#include "memcport_input.h"
+#include "qj7mem00/memvect.h"
+
+namespace mem {
+
+class PortScanner {
+ public:
+  PortScanner(CallFrame &frame, const PortInput &input, HMEMHEAP hMemHeap) noexcept
+      : frame_(frame), input_(input), hMemHeap_(hMemHeap) {}
+
+  // The next character. False, reported, at the end of the input.
+  bool get(char &c) noexcept;
+  // Steps back one character. False, reported, at the start of the current chunk.
+  bool unget() noexcept;
+  // Reads a character that must be `expected`. When it is another one, reports `pMessage`.
+  bool expect(char expected, const MessagePoint &point, const char *pMessage) noexcept;
+  // Reads a character and puts it back when it ends a field ("/" or ">"), which sets `isEnd`.
+  bool atFieldEnd(char c, bool &isEnd) noexcept;
+
+  // Reversed digits, as many as there are; none is 0. Excess digits wrap in the type.
+  bool number(std::uint32_t &value) noexcept { return digits(value); }
+  bool number(std::uint64_t &value) noexcept { return digits(value); }
+
+  // Unread characters that lie together; empty, reported, at the end of the input.
+  std::string_view run() noexcept;
+  void skip(std::size_t count) noexcept { input_.skip(count); }
+
+  // Characters of the whole input, counted once.
+  std::uint64_t inputLength() noexcept;
+
+  // An entry of the caller's heap, or null with the heap's error standing.
+  void *allocate(std::int64_t length) noexcept;
+
+  // Reports a message; always false.
+  bool fail(const MessagePoint &point, const char *pMessage) noexcept;
+
+  bool tracesSkipped() const noexcept { return frame_.isTraced(MEM_TRACE_SKIPPED); }
+
+ private:
+  template <class Number>
+  bool digits(Number &value) noexcept;
+
+  CallFrame &frame_;
+  PortInput input_;
+  const HMEMHEAP hMemHeap_;
+  std::uint64_t inputLength_ = 0;
+};
+
+}  // namespace mem

@@ -1,0 +1,195 @@
+#include "memcport_towire.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "bytes.h"
+
+namespace mem {
+
+namespace {
+
+std::string_view bytesOf(std::int32_t length, const std::byte *pField) noexcept {
+  return {reinterpret_cast<const char *>(pField),
+          length > 0 ? static_cast<std::size_t>(length) : std::size_t{0}};
+}
+
+bool isPlain(char c) noexcept {
+  return c != '"' && c != '/' && c != '\0';
+}
+
+// Narrow text between double quotes: runs of plain characters as they are, the others behind "/".
+bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
+  if (!output.append('"')) return false;
+  while (!text.empty()) {
+    const auto special = std::find_if_not(text.begin(), text.end(), isPlain);
+    const auto run = static_cast<std::size_t>(special - text.begin());
+    if (!output.append(text.substr(0, run))) return false;
+    text.remove_prefix(run);
+    if (text.empty()) break;
+    const char escape[] = {'/', text.front() == '\0' ? '0' : text.front()};
+    if (!output.append(std::string_view(escape, sizeof escape))) return false;
+    text.remove_prefix(1);
+  }
+  return output.append('"');
+}
+
+// Text of UTF-16 units at any alignment.
+class WideView {
+ public:
+  WideView(const std::byte *pText, std::size_t units) noexcept : pText_(pText), units_(units) {}
+
+  // Units up to the first zero, at most `limit`.
+  static WideView terminated(const std::byte *pText, std::size_t limit) noexcept {
+    std::size_t units = 0;
+    while (units < limit && loadAs<char16_t>(pText + 2 * units) != 0) ++units;
+    return {pText, units};
+  }
+
+  std::size_t size() const noexcept { return units_; }
+  std::uint32_t operator[](std::size_t i) const noexcept {
+    return loadAs<char16_t>(pText_ + 2 * i);
+  }
+
+ private:
+  const std::byte *pText_;
+  std::size_t units_;
+};
+
+std::size_t wideUnits(std::int32_t length) noexcept {
+  return length > 0 ? static_cast<std::size_t>(length) / 2 : 0;
+}
+
+// One unit as its text: at most "/", a digit and three groups of 6 bits. Returns the end.
+char *putUnit(char *pTo, std::uint32_t unit) noexcept {
+  if (unit == '\'' || unit == '/' || unit == 0) {
+    *pTo++ = '/';
+    *pTo++ = unit == 0 ? '0' : static_cast<char>(unit);
+    return pTo;
+  }
+  if (unit < 128) {
+    *pTo++ = static_cast<char>(unit);
+    return pTo;
+  }
+  const std::uint32_t groups = unit < 4096 ? 2 : 3;
+  *pTo++ = '/';
+  *pTo++ = static_cast<char>('0' + groups);
+  for (std::uint32_t shift = groups * 6; shift > 0;) {
+    shift -= 6;
+    *pTo++ = static_cast<char>('0' + ((unit >> shift) & 63));
+  }
+  return pTo;
+}
+
+// Wide text between single quotes, collected in pieces.
+bool appendWideQuoted(PortOutput &output, const WideView &text) noexcept {
+  constexpr std::size_t kPiece = 240;
+  constexpr std::size_t kLongestUnit = 5;
+  char piece[kPiece];
+  char *pEnd = piece;
+  *pEnd++ = '\'';
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (pEnd + kLongestUnit > piece + kPiece) {
+      if (!output.append(std::string_view(piece, static_cast<std::size_t>(pEnd - piece)))) {
+        return false;
+      }
+      pEnd = piece;
+    }
+    pEnd = putUnit(pEnd, text[i]);
+  }
+  return output.append(std::string_view(piece, static_cast<std::size_t>(pEnd - piece))) &&
+         output.append('\'');
+}
+
+std::size_t highSurrogates(const WideView &text) noexcept {
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] >= 0xD800 && text[i] <= 0xDBFF) ++count;
+  }
+  return count;
+}
+
+std::uint64_t loadUnsigned(std::uint32_t width, const std::byte *pField) noexcept {
+  if (width == 2) return loadAs<std::uint16_t>(pField);
+  return width == 4 ? loadAs<std::uint32_t>(pField) : loadAs<std::uint64_t>(pField);
+}
+
+std::int64_t loadSigned(std::uint32_t width, const std::byte *pField) noexcept {
+  if (width == 2) return loadAs<std::int16_t>(pField);
+  return width == 4 ? loadAs<std::int32_t>(pField) : loadAs<std::int64_t>(pField);
+}
+
+}  // namespace
+
+bool MEM_Char2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+  return appendQuoted(output, bytesOf(length, pField));
+}
+
+bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+  const std::string_view field = bytesOf(length, pField);
+  return appendQuoted(output, field.substr(0, field.find('\0')));
+}
+
+bool MEM_PStr2PortStr(PortOutput &output, const char *pText) noexcept {
+  if (!output.append('X')) return false;
+  if (pText == nullptr) return true;
+  const std::string_view text(pText);
+  return output.appendReversed(text.size()) && appendQuoted(output, text);
+}
+
+bool MEM_Bin2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+  constexpr std::size_t kPiece = 256;
+  if (!output.append('H')) return false;
+  char piece[kPiece];
+  std::size_t filled = 0;
+  for (const char c : bytesOf(length, pField)) {
+    const auto byte = static_cast<unsigned char>(c);
+    piece[filled++] = "0123456789ABCDEF"[byte >> 4];
+    piece[filled++] = "0123456789ABCDEF"[byte & 0xF];
+    if (filled == kPiece) {
+      if (!output.append(std::string_view(piece, filled))) return false;
+      filled = 0;
+    }
+  }
+  return output.append(std::string_view(piece, filled));
+}
+
+bool MEM_Bit2PortStr(PortOutput &output, const std::byte *pField) noexcept {
+  char text[] = "B00000000";
+  const auto flags = std::to_integer<std::uint32_t>(*pField);
+  for (std::uint32_t bit = 0; bit < 8; ++bit) {
+    if ((flags >> bit & 1U) != 0) text[1 + bit] = '1';
+  }
+  return output.append(std::string_view(text, 9));
+}
+
+bool MEM_WChar2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+  return appendWideQuoted(output, WideView(pField, wideUnits(length)));
+}
+
+bool MEM_WCharSZ2PortStr(PortOutput &output, std::int32_t length,
+                         const std::byte *pField) noexcept {
+  return appendWideQuoted(output, WideView::terminated(pField, wideUnits(length)));
+}
+
+bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept {
+  if (!output.append('x')) return false;
+  if (pText == nullptr) return true;
+  const WideView text =
+      WideView::terminated(reinterpret_cast<const std::byte *>(pText), SIZE_MAX / 2);
+  const std::size_t pairs = highSurrogates(text);
+  return output.appendReversed(text.size() - pairs) && output.append(';') &&
+         output.appendReversed(pairs) && appendWideQuoted(output, text);
+}
+
+bool numberToPortStr(PortOutput &output, std::uint32_t width, bool isSigned,
+                     const std::byte *pField) noexcept {
+  if (!output.append('N')) return false;
+  if (!isSigned) return output.appendReversed(loadUnsigned(width, pField));
+  const std::int64_t value = loadSigned(width, pField);
+  if (value >= 0) return output.appendReversed(static_cast<std::uint64_t>(value));
+  // Negation in unsigned arithmetic gives the magnitude of the most negative value as well.
+  return output.append('-') && output.appendReversed(0 - static_cast<std::uint64_t>(value));
+}
+
+}  // namespace mem

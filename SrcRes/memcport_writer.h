@@ -1,0 +1,85 @@
+// Writer of port strings: one structure text after the other, for every structure that is reached.
+#pragma once
+
+#include <cstdint>
+
+#include "callframe.h"
+#include "memcport_message.h"
+#include "memcport_output.h"
+
+namespace mem {
+
+// A structure that has a place in the port string. The address is the registry's key.
+struct MEMPortRef {
+  const void *pStruct;
+  std::uint32_t StructID;
+  std::uint32_t sequence;  // from 1, in the order in which structures are found
+  MEMPortRef *pNext;       // the one found next
+};
+MEM_CHECK_SIZE(MEMPortRef, 24);
+
+// One call of MEM_StructToPortStr. Without a destructor: a fault may end run() anywhere, so the
+// caller closes the registry.
+class PortWriter {
+ public:
+  PortWriter(CallFrame &frame, const MEMStructDef *pDefs, std::uint32_t structID,
+             const void *pStruct, std::int32_t chunkLen, HMEMHEAP hMemHeap,
+             std::uint32_t *pTotalLen, MEMPortChunk **ppFirstChunk) noexcept
+      : frame_(frame),
+        pDefs_(pDefs),
+        structID_(structID),
+        pStruct_(pStruct),
+        chunkLen_(chunkLen),
+        hMemHeap_(hMemHeap),
+        pTotalLen_(pTotalLen),
+        ppFirstChunk_(ppFirstChunk) {}
+
+  // 0, or the status with which the call fails.
+  std::int16_t run() noexcept;
+
+  // The registry while it is open, else null.
+  HMEMHASH registry() const noexcept { return hRegistry_; }
+
+ private:
+  std::int32_t chunkCapacity() const noexcept;
+  std::int32_t areaSizeAt(std::size_t offset) const noexcept;
+  std::int16_t start() noexcept;
+  std::int16_t writeAll() noexcept;
+  std::int16_t MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept;
+  std::int16_t writeCount(const MEMStructDef &def, const std::byte *pStruct,
+                          std::uint32_t &elements) noexcept;
+  std::int16_t writeFields(const MEMStructDef &def, const std::byte *pStruct,
+                           std::uint32_t elements, int nesting) noexcept;
+  std::int16_t writeField(const MEMStructDef &def, const MEMFieldDef &field,
+                          const std::byte *pField, bool isFirst, int nesting) noexcept;
+  std::int16_t writeValue(const MEMStructDef &def, const MEMFieldDef &field,
+                          const std::byte *pField, int nesting) noexcept;
+  std::int16_t writeEmbedded(const MEMFieldDef &field, const std::byte *pField,
+                             int nesting) noexcept;
+  std::int16_t convert(const MEMStructDef &def, const MEMFieldDef &field,
+                       const std::byte *pField) noexcept;
+  std::int16_t reportField(const MEMStructDef &def, const MEMFieldDef &field) noexcept;
+  std::int16_t writePointer(const MEMFieldDef &field, const void *pTarget) noexcept;
+  std::int16_t enter(const void *pStruct, std::uint32_t structID, MEMPortRef *&pRef) noexcept;
+
+  std::int16_t append(std::string_view text) noexcept;
+  std::int16_t appendReversed(std::uint64_t value) noexcept;
+  std::int16_t checked(bool isAppended) noexcept;
+  std::int16_t report(const MessagePoint &point, const char *pMessage) noexcept;
+
+  CallFrame &frame_;
+  const MEMStructDef *const pDefs_;
+  const std::uint32_t structID_;
+  const void *const pStruct_;
+  const std::int32_t chunkLen_;
+  const HMEMHEAP hMemHeap_;
+  std::uint32_t *const pTotalLen_;
+  MEMPortChunk **const ppFirstChunk_;
+
+  PortOutput output_;
+  HMEMHASH hRegistry_ = nullptr;
+  MEMPortRef *pTail_ = nullptr;
+  std::uint32_t structures_ = 0;
+};
+
+}  // namespace mem

@@ -1,0 +1,123 @@
+// Every call of the host's storage service failing in turn, while writing and while reading.
+
+#include <string>
+
+#include "portgraph.hpp"
+#include "porttest.hpp"
+
+namespace memtest {
+namespace {
+
+using refhost::Service;
+
+// Messages with which a call ends that got no storage. The writer may add the field it was at, the
+// reader the field and those around it.
+bool isStorageMessage(const std::string &message) {
+  constexpr const char *kKnown[] = {"Allocation Failure!", "Allocaton failed in MEM_CHAR2PORT!",
+                                    "Pointer to string field allocation failed!",
+                                    "Field conversion failed!", "Failed port of FieldID "};
+  return std::any_of(std::begin(kKnown), std::end(kKnown),
+                     [&](const char *known) { return message.rfind(known, 0) == 0; });
+}
+
+// The caller's heap has 1 KB areas, so that storage is asked for again and again.
+class PortFaultTest : public PortTest {
+ protected:
+  PortFaultTest() {
+    closeHeap();
+    defs_.add(1, 48,
+              {Field(1, MEM_PORT_LONG, 4, 0), Field(2, MEM_PORT_PNT, 8, 4).of(1),
+               Field(3, MEM_PORT_PNT, 8, 12).of(1), Field(4, MEM_PORT_PSTR, 8, 20),
+               Field(5, MEM_PORT_WPSTR, 8, 28), Field(6, MEM_PORT_CHAR, 12, 36)});
+    for (int i = 0; i < 60; ++i) records_.emplace_back(48U, static_cast<std::uint8_t>('a'));
+    for (std::size_t i = 0; i < records_.size(); ++i) {
+      const void *next = i + 1 < records_.size() ? records_[i + 1].data() : nullptr;
+      const void *back = records_[i / 2].data();
+      records_[i].set(0, static_cast<std::int32_t>(i)).set(4, next).set(12, back);
+      records_[i].set(20, narrow_.c_str()).set(28, wide_.c_str());
+    }
+    text_ = portmodel::write(defs_.table(), 1, records_[0].data());
+  }
+
+  // One attempt on a heap of its own. What a failed call leaves in the caller's heap goes with it.
+  template <class Call>
+  void attempt(Call call) {
+    HMEMHEAP made = nullptr;
+    // The heap itself is the caller's affair: its first area may be the one that is refused.
+    if (mem.MEM_HeapOpen(&made, 1, kSubPool) != 0) return;
+    heap = made;
+    const std::uint64_t firedBefore = host.faultsFired();
+    const std::int16_t result = call();
+    const bool failed = host.faultsFired() != firedBefore;
+    EXPECT_EQ(result, failed ? -1 : 0);
+    for (const std::string &message : messages()) {
+      EXPECT_TRUE(failed && isStorageMessage(message)) << message;
+    }
+    host.disarm();
+    if (failed) {
+      EXPECT_EQ(error().ReturnCode, kFailedCode);
+      EXPECT_NE(error().Code, 0U) << "the error of the heap or the hash table stands";
+    }
+    returnRegistry();
+    EXPECT_EQ(host.account().liveBytes - host.account(kSubPool).liveBytes, outside_)
+        << "nothing but the caller's heap may have grown";
+    closeHeap();
+  }
+
+  // A hash table whose heap could not be opened leaves its control block to the host.
+  void returnRegistry() {
+    constexpr std::uint32_t kControlBlockLen = 16040;
+    for (const refhost::Leak &leak : host.leaks()) {
+      if (leak.length == kControlBlockLen) {
+        mem.MEM_Free(leak.area, kControlBlockLen, static_cast<std::int16_t>(leak.subPool));
+      }
+    }
+  }
+
+  void SetUp() override { outside_ = host.account().liveBytes; }
+
+  Defs defs_;
+  std::vector<Record> records_;
+  std::string narrow_ = "a text of some length, so that areas are used up";
+  std::u16string wide_ = u"another one \xE9\xD83D\xDE00";
+  std::string text_;
+  std::uint64_t outside_ = 0;  // bytes of the process and the thread
+};
+
+TEST_F(PortFaultTest, WritingFailsCleanly) {
+  for (const std::int32_t capacity : {23, 200, 0}) {
+    const std::uint64_t calls = sweepFaults(host, faultOf(Service::GetStorage), [&](std::uint64_t) {
+      attempt([&] {
+        const std::int16_t result = write(defs_.table(), 1, records_[0].data(), capacity);
+        if (result == 0) {
+          EXPECT_EQ(textOf(firstChunk), text_);
+        } else {
+          EXPECT_EQ(totalLen, 0U);
+        }
+        return result;
+      });
+    });
+    EXPECT_GT(calls, 5U);
+  }
+}
+
+TEST_F(PortFaultTest, ReadingFailsCleanly) {
+  const Chain chain = Chain::cut(text_, 100);
+  const std::uint64_t ofChain = sweepFaults(host, faultOf(Service::GetStorage), [&](std::uint64_t) {
+    attempt([&] {
+      const std::int16_t result = readChain(defs_.table(), chain.first());
+      if (result == 0) {
+        EXPECT_EQ(portmodel::difference(defs_.table(), 1, records_[0].data(), read), "");
+      }
+      return result;
+    });
+  });
+  EXPECT_GT(ofChain, 5U);
+  const std::uint64_t ofBlock = sweepFaults(host, faultOf(Service::GetStorage), [&](std::uint64_t) {
+    attempt([&] { return readBlock(defs_.table(), text_); });
+  });
+  EXPECT_EQ(ofBlock, ofChain);
+}
+
+}  // namespace
+}  // namespace memtest

@@ -1,0 +1,258 @@
+#include "portmutants.hpp"
+
+#include <algorithm>
+#include <array>
+
+#include "portmodel.hpp"
+
+namespace memtest {
+
+namespace {
+
+constexpr char kBinDefault[] = "0123456789ABCDEF";
+
+Defs makeRichDefs() {
+  Defs defs;
+  defs.add(1, 140,
+           {Field(1, MEM_PORT_CHAR, 9, 0),
+            Field(2, MEM_PORT_CHARSZ, 8, 9).byDefault("by default"),
+            Field(3, MEM_PORT_PSTR, 8, 17).byDefault("shared"),
+            Field(4, MEM_PORT_BIN, 6, 25).byDefault(static_cast<const void *>(kBinDefault)),
+            Field(5, MEM_PORT_SHORT, 2, 31).byDefaultNumber(5),
+            Field(6, MEM_PORT_USHORT, 2, 33),
+            Field(7, MEM_PORT_LONG, 4, 35).required(),
+            Field(8, MEM_PORT_ULONG, 4, 39),
+            Field(9, MEM_PORT_PNT, 8, 43).of(1),
+            Field(10, MEM_PORT_SUBSTRUCTURE, 12, 51).of(30),
+            Field(11, MEM_PORT_BIT, 1, 63),
+            Field(12, MEM_PORT_UBIGINT, 8, 64),
+            Field(13, MEM_PORT_BIGINT, 8, 72),
+            Field(14, MEM_PORT_WCHAR, 7, 80),
+            Field(15, MEM_PORT_WCHARSZ, 10, 87).byDefault(u"by default"),
+            Field(16, MEM_PORT_WPSTR, 8, 97),
+            Field(17, MEM_PORT_PNT, 8, 105).of(2),
+            Field(18, MEM_PORT_BIN, 4, 113).noTruncate(),
+            Field(20, MEM_PORT_CHARSZ, 5, 117).noTruncate(),
+            Field(21, MEM_PORT_WCHARSZ, 8, 122).noTruncate(),
+            Field(22, MEM_PORT_LONG, 4, 130).notPorted().byDefaultNumber(7),
+            Field(30, MEM_PORT_CHAR, 3, 137).noTruncate()});
+  defs.add(
+      2, 20,
+      {Field(1, MEM_PORT_SHORT, 2, 0), Field(2, MEM_PORT_LONG, 4, 2).required(),
+       Field(3, MEM_PORT_BIN, 4, 2).required().notPorted(), Field(4, MEM_PORT_PNT, 8, 12).of(1)},
+      0);
+  defs.add(30, 12, {Field(1, MEM_PORT_LONG, 4, 0), Field(2, MEM_PORT_SUBSTRUCTURE, 6, 6).of(31)}, 0,
+           true);
+  defs.add(31, 6, {Field(1, MEM_PORT_BIT, 1, 0), Field(2, MEM_PORT_SHORT, 2, 2)});
+  return defs;
+}
+
+template <class T>
+void fillRandom(Record &record, std::size_t offset, Random &random) {
+  record.set(offset, static_cast<T>(random.bits()));
+}
+
+const char *anyText(Random &random) {
+  constexpr const char *kTexts[] = {nullptr, "", "a", "with \"quotes\" and / slashes",
+                                    "a longer text that goes on and on, <in>(brackets)/"};
+  return kTexts[random.below(std::size(kTexts))];
+}
+
+const char16_t *anyWideText(Random &random) {
+  constexpr const char16_t *kTexts[] = {nullptr, u"", u"a'/", u"\xE9\xFFFF\xD83D\xDE00", u"\x80"};
+  return kTexts[random.below(std::size(kTexts))];
+}
+
+struct Graph {
+  std::vector<Record> ones;
+  std::vector<Record> twos;
+};
+
+const void *pick(const std::vector<Record> &records, Random &random) {
+  return random.oneIn(4) ? nullptr : records[random.below(records.size())].data();
+}
+
+void fillOne(Record &record, const Graph &graph, Random &random) {
+  for (std::size_t i = 0; i < record.size(); ++i) {
+    record.set(i, static_cast<std::uint8_t>(random.oneIn(2) ? random.below(256)
+                                                            : random.between(' ', 'z')));
+  }
+  for (const std::size_t end : {16U, 121U}) record.set(end, std::uint8_t{0});
+  for (const std::size_t end : {95U, 128U}) record.set(end, std::uint16_t{0});
+  record.set(17, anyText(random)).set(97, anyWideText(random));
+  record.set(43, pick(graph.ones, random)).set(105, pick(graph.twos, random));
+  record.set(51, std::int32_t{12});  // the embedded structure has one element
+}
+
+void fillTwo(Record &record, std::int16_t count, const Graph &graph, Random &random) {
+  record.set(0, count);
+  fillRandom<std::int32_t>(record, 2, random);
+  for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+    record.set(12 + 8 * i, pick(graph.ones, random));
+  }
+}
+
+std::string soundText(Random &random) {
+  Graph graph;
+  for (std::size_t i = random.between(1, 4); i > 0; --i) graph.ones.emplace_back(140U);
+  std::vector<std::int16_t> counts;
+  for (std::size_t i = random.between(1, 3); i > 0; --i) {
+    counts.push_back(static_cast<std::int16_t>(random.below(4)));
+    graph.twos.emplace_back(12U + 8U * static_cast<std::size_t>(counts.back()));
+  }
+  for (Record &record : graph.ones) fillOne(record, graph, random);
+  for (std::size_t i = 0; i < counts.size(); ++i) fillTwo(graph.twos[i], counts[i], graph, random);
+  return portmodel::write(richDefs().table(), kRichID, graph.ones[0].data());
+}
+
+// Characters that mean something in a port string.
+char telling(Random &random) {
+  constexpr std::string_view kTelling = "0123456789()<>/,;\"'XxHNSEBA-~\x80\xFF";
+  return random.oneIn(8) ? static_cast<char>(random.below(256))
+                         : kTelling[random.below(kTelling.size())];
+}
+
+}  // namespace
+
+const Defs &richDefs() {
+  static const Defs defs = makeRichDefs();
+  return defs;
+}
+
+std::vector<std::string> soundTexts(std::uint64_t seed, std::size_t count) {
+  Random random(seed);
+  std::vector<std::string> texts;
+  while (texts.size() < count) texts.push_back(soundText(random));
+  return texts;
+}
+
+std::string mutant(const std::string &text, const std::string &other, Random &random) {
+  std::string made = text;
+  for (std::size_t changes = random.between(1, 4); changes > 0 && !made.empty(); --changes) {
+    const std::size_t at = random.below(made.size());
+    const std::size_t length = random.between(1, random.oneIn(4) ? 60 : 6);
+    switch (random.below(7)) {
+      case 0:
+      case 1:
+        made[at] = telling(random);
+        break;
+      case 2:
+        made.insert(at, 1, telling(random));
+        break;
+      case 3:
+        made.erase(at, length);
+        break;
+      case 4:
+        made.insert(at, made.substr(random.below(made.size()), length));
+        break;
+      case 5:
+        made.insert(at, other.substr(random.below(other.size()), length));
+        break;
+      default:
+        made.insert(at, length, static_cast<char>(random.between('0', '9')));
+    }
+  }
+  return made;
+}
+
+ExactHeap::ExactHeap(MEMFunctionVector &mem) {
+  exact_ = this;
+  mem.MEM_HeapAllocEntryLong = allocate;
+}
+
+void ExactHeap::release() {
+  entries_.clear();
+  taken_ = 0;
+}
+
+std::int16_t ExactHeap::allocate(HMEMHEAP, std::int32_t length, void **entry) {
+  if (length < 1 || length > kLimit - exact_->taken_) return -1;
+  exact_->taken_ += length;
+  exact_->entries_.emplace_back(static_cast<std::size_t>(length), std::uint8_t{0xA5});
+  *entry = exact_->entries_.back().data();
+  return 0;
+}
+
+HostileReader::HostileReader(refhost::Host &host)
+    : host_(host), mem_(host.vector()), exact_(host.vector()) {}
+
+ReadOutcome HostileReader::readBlock(std::string_view text) {
+  Record exact(text.size());
+  exact.setBytes(0, text.data(), text.size());
+  void *root = nullptr;
+  return finish(mem_.MEM_Port1StrToStruct(richDefs().table(),
+                                          reinterpret_cast<const char *>(exact.data()),
+                                          static_cast<std::uint32_t>(text.size()), heap_, &root));
+}
+
+ReadOutcome HostileReader::readChain(std::string_view text, std::size_t chunkLen) {
+  constexpr std::size_t kTextOff = 12;
+  std::vector<Record> chunks;
+  for (std::size_t at = 0; at == 0 || at < text.size(); at += chunkLen) {
+    const std::string_view piece = text.substr(at, chunkLen);
+    Record &chunk = chunks.emplace_back(kTextOff + std::max<std::size_t>(piece.size(), 1));
+    chunk.set(8, static_cast<std::int32_t>(piece.size()));
+    chunk.setBytes(kTextOff, piece.data(), piece.size());
+  }
+  for (std::size_t i = 0; i + 1 < chunks.size(); ++i) {
+    chunks[i].set(0, static_cast<const void *>(chunks[i + 1].data()));
+  }
+  void *root = nullptr;
+  return finish(mem_.MEM_PortStrToStruct(
+      richDefs().table(), reinterpret_cast<const MEMPortChunk *>(chunks[0].data()), heap_, &root));
+}
+
+ReadOutcome HostileReader::finish(std::int16_t status) {
+  ReadOutcome outcome{status, {}};
+  exact_.release();
+  const auto records = host_.takeRecords();
+  if (!records.empty()) {
+    const std::string &text = records.front().text;
+    const std::size_t begin = std::min(text.find("ERROR:"), text.size() - 6) + 6;
+    outcome.message = text.substr(begin, text.find('\n') - begin);
+  }
+  return outcome;
+}
+
+std::string HostileReader::fault(const ReadOutcome &outcome) {
+  constexpr std::array<std::string_view, 26> kKnown = {
+      "Cannot find ( beginning a structure!",
+      "Unknown StructID: ",
+      "StructureID ",
+      "Cannot find < at the beginning of StructID ",
+      "Allocation Failure!",
+      "Size mismatch between field length (",
+      "Maximum no. of fields exceeded!",
+      "FieldID ",
+      "Unsupported field type!",
+      "Substructure expected!",
+      "Field conversion failed!",
+      "Closing ) expected at the end of a structure!",
+      "End of port string reached!",
+      "Missing  at the start of a string field",
+      "String too large for this field marked as NoTruncate",
+      "Missing quote at the start of a string field!",
+      "Not a pointer to string field!",
+      "Pointer to string field allocation failed!",
+      "Inconsistent pointer to string data!",
+      "Not a hex field!",
+      "Hex string too large for this field marked as NoTruncate",
+      "Not a numeric field!",
+      "Not a pointer field!",
+      "Not a bit field!",
+      "Missing  at the start of a string field!",
+      "Missing code point count at the start of a string field!"};
+  if (outcome.status != 0 && outcome.status != -1) {
+    return "status " + std::to_string(outcome.status);
+  }
+  if (outcome.status == 0) {
+    return outcome.message.empty() ? "" : "succeeds with \"" + outcome.message + '"';
+  }
+  const bool isKnown = outcome.message.empty() ||
+                       std::any_of(kKnown.begin(), kKnown.end(), [&](std::string_view known) {
+                         return outcome.message.compare(0, known.size(), known) == 0;
+                       });
+  return isKnown ? "" : "fails with \"" + outcome.message + '"';
+}
+
+}  // namespace memtest

@@ -76,6 +76,7 @@ class SinkCall {
   SinkOutcome giveUp(bool &isFound) noexcept;
   SinkOutcome erase(std::uint32_t slot) noexcept;
   SinkRoom reservedRoom(std::uint8_t *pCopy, const MEMSinkSegment &segment) const noexcept;
+  void keepForEcho() noexcept;
   SinkPlace find() noexcept;
 
   // Keeps the host's own error and names the sink's.
@@ -88,6 +89,7 @@ class SinkCall {
   MEMProcessBlock *const pProcess_;
   SinkText text_;  // measured once the pointer is known to be there
   const void *const pText_;
+  std::uint8_t kept_[kEchoedBytes];  // start of a text that is being erased
 };
 
 SinkFailure SinkCall::hostFailure(std::uint32_t code, const char *pName) noexcept {
@@ -99,8 +101,12 @@ SinkFailure SinkCall::spaceFailure(SpaceResult result) noexcept {
   switch (result) {
     case SpaceResult::noStorage:
       return hostFailure(MEMERR_SINKVSTG, "GetVSTGErr");
-    case SpaceResult::noProtection:
-      return hostFailure(MEMERR_SINKVSTG, "ProtPageErr");
+    case SpaceResult::noProtection: {
+      // Kept first: giving the block back may fail, too.
+      const SinkFailure failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErr");
+      releaseBlock(pProcess_->Segments[--pProcess_->SegmentCount]);
+      return failed;
+    }
     default:
       return failure(MEMERR_SINKNOSPACE, "AllSinkBlksFull");
   }
@@ -255,6 +261,7 @@ SinkOutcome SinkCall::erase(std::uint32_t slot) noexcept {
   if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
     return hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadWrite");
   }
+  keepForEcho();
   std::memset(pCopy, 0, static_cast<std::size_t>(room.reservedLen));
   SinkOutcome failed;
   if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY)) {
@@ -280,6 +287,13 @@ SinkRoom SinkCall::reservedRoom(std::uint8_t *pCopy, const MEMSinkSegment &segme
   if (pExtra > segment.pLast || !isGranuleUsed(segment, pExtra)) return oddRoom;
   if (pExtra[0] != 0 || pExtra[1] != 0) return oddRoom;
   return sinkSlots(*pProcess_)[pProcess_->First].pCopy == pExtra ? oddRoom : evenRoom;
+}
+
+// The text of a delete is the copy itself, and a failure echoes it when the copy is gone.
+void SinkCall::keepForEcho() noexcept {
+  if (text_.length > sizeof kept_) text_.length = sizeof kept_;
+  std::memcpy(kept_, text_.pBytes, text_.length);
+  text_.pBytes = kept_;
 }
 
 void releaseIndexAndGate(MEMProcessBlock &process) noexcept {

@@ -138,8 +138,6 @@ SpaceResult reserveRun(MEMProcessBlock &process, const SinkRoom &room, SinkRun &
   for (std::int32_t i = 0; i < MEM_SINK_SEGMENTS; ++i) {
     if (i == process.SegmentCount) {
       const SpaceResult obtained = obtainBlock(process);
-      if (obtained == SpaceResult::noProtection)
-        releaseBlock(process.Segments[--process.SegmentCount]);
       if (obtained != SpaceResult::done) return obtained;
     }
     MEMSinkSegment &segment = process.Segments[i];

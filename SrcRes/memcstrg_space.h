@@ -51,7 +51,8 @@ SpaceResult obtainBlock(MEMProcessBlock &process) noexcept;
 // Makes an entry's string space writable, returns the block and clears the entry.
 void releaseBlock(MEMSinkSegment &segment) noexcept;
 
-// The first run of free granules in table order, its bits set. Obtains further blocks as needed.
+// The first run of free granules in table order, its bits set. Obtains further blocks as needed;
+// one whose protection failed is left to the caller, as the last entry.
 SpaceResult reserveRun(MEMProcessBlock &process, const SinkRoom &room, SinkRun &run) noexcept;
 
 // True when the granule at an address of the segment's string space is in use.

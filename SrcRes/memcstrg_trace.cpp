@@ -29,7 +29,6 @@ constexpr std::int32_t kLineEcho = 1044;
 
 constexpr RecordKind kDetail{MEM_TRACE_SINK, "SL32"};
 constexpr std::size_t kShown = 511;  // characters handed to the host's formatting
-constexpr std::size_t kEchoed = 62;  // characters of a failing input
 
 // The start of a byte string as narrow and as wide text, each up to its own terminator.
 struct ShownText {
@@ -231,8 +230,13 @@ void traceInsertInside(CallFrame &frame, std::uint32_t movedSlots, const SinkSlo
 void echoInput(CallFrame &frame, const SinkText &text, Echo echo) noexcept {
   const bool marksWide = echo == Echo::ofSinking && text.isWide;
   ErrorText record(marksWide ? "Error Exit Text(WIDE)=" : "Error Exit Text=");
-  if (text.length == 0) record.text(" ");
-  text.isWide ? appendWideEcho(record, text) : appendNarrowEcho(record, text);
+  if (text.length == 0) {
+    record.text(" ");
+  } else if (text.isWide) {
+    appendWideEcho(record, text);
+  } else {
+    appendNarrowEcho(record, text);
+  }
   if (echo == Echo::ofSinking) {
     const std::size_t characters = text.isWide ? text.length / 2 : text.length;
     record.text(" ").text(characters > kEchoed ? " (truncated)" : "");

@@ -2,6 +2,7 @@
 // of a failing input. No text handed to the host's formatting is longer than 511 characters.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "callframe.h"
@@ -38,6 +39,10 @@ void traceInsertLast(CallFrame &frame, std::uint32_t slot, std::uint32_t garbage
                      const SinkSlot *pSlot) noexcept;
 void traceInsertInside(CallFrame &frame, std::uint32_t movedSlots, const SinkSlot *pTo,
                        const SinkSlot *pFrom, const SinkSlot *pSlot) noexcept;
+
+// Characters of a failing input that are echoed, and the bytes that hold them in either kind.
+inline constexpr std::size_t kEchoed = 62;
+inline constexpr std::size_t kEchoedBytes = kEchoed * sizeof(char16_t);
 
 // Which call echoes its failing input.
 enum class Echo { ofLookUp, ofSinking };

@@ -75,6 +75,19 @@ std::int16_t CallFrame::finishAsHostSet() const noexcept {
   return static_cast<std::int16_t>(frame_.Result);
 }
 
+void CallFrame::setMessage(const char *text) noexcept {
+  if (MEMThreadEnv *pThread = thread()) {
+    copyText(pThread->MessageText, sizeof pThread->MessageText, text);
+  }
+}
+
+void CallFrame::keepHostError() noexcept {
+  if (MEMThreadEnv *pThread = thread()) {
+    pThread->Error.InnerCode = pThread->Error.Code;
+    copyText(pThread->Error.InnerText, sizeof pThread->Error.InnerText, pThread->Error.NameText);
+  }
+}
+
 std::int16_t CallFrame::fail(const Failure &failure) noexcept {
   MEMThreadEnv *pThread = thread();
   if (pThread == nullptr) return finish(failure.result);

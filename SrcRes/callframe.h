@@ -141,6 +141,12 @@ class CallFrame {
   std::int16_t finish(std::int16_t result) noexcept;  // untraced
   std::int16_t finishAsHostSet() const noexcept;      // the result that the host's frame holds
 
+  // The free message text, for entry points that put more into it than a failure's own text.
+  void setMessage(const char *text) noexcept;
+
+  // Moves the error that a failed host call left in the error area to the inner fields.
+  void keepHostError() noexcept;
+
   // The one place that composes a failure: fills the error area, has the host report it, stores
   // and returns the failure's result.
   MEM_NOINLINE std::int16_t fail(const Failure &failure) noexcept;

@@ -1,91 +1,344 @@
 #include "memcstrg.h"
 
 #include <cstring>
+#include <optional>
 
 #include "bytes.h"
 #include "callframe.h"
+#include "memcstrg_compare.h"
+#include "memcstrg_index.h"
+#include "memcstrg_space.h"
+#include "memcstrg_trace.h"
 
 namespace mem {
 
 namespace {
 
-constexpr EntryPoint kSinkInit{"MEM_SinkInit", kSourceStrg, 0, 231};  // no entry record
-constexpr EntryPoint kSinkTerm{"MEM_SinkTerm", kSourceStrg, 0, 302};  // no entry record
+// Start and stop write no entry records, look-ups none either.
+constexpr EntryPoint kSinkInit{"MEM_SinkInit", kSourceStrg, 0, 231};
+constexpr EntryPoint kSinkTerm{"MEM_SinkTerm", kSourceStrg, 0, 302};
+constexpr EntryPoint kSinkString{"MEM_SinkString", kSourceStrg, 344, 352};
+constexpr EntryPoint kSinkDelete{"MEM_SinkDelete", kSourceStrg, 380, 388};
+constexpr EntryPoint kSinkVerify{"MEM_SinkVerify", kSourceStrg, 0, 424};
+constexpr EntryPoint kWSinkString{"MEM_WSinkString", kSourceStrg, 452, 464};
+constexpr EntryPoint kWSinkDelete{"MEM_WSinkDelete", kSourceStrg, 492, 504};
+constexpr EntryPoint kWSinkVerify{"MEM_WSinkVerify", kSourceStrg, 0, 544};
 
-// A sink block: the allocation map, then the string space.
-//
-//   base            base + 16384                    base + 0x43FFF
-//   | map, 1 bit a 2-byte granule | string space, 0x40000 bytes   |
-constexpr std::uint32_t kMapLen = 16384;
-constexpr std::uint32_t kSpaceLen = 0x40000;
-constexpr std::uint32_t kBlockLen = kMapLen + kSpaceLen;
-static_assert(kMapLen * 8 * 2 == kSpaceLen);
+// How a call ended that did not succeed. A failed host call's own error has been kept as the inner
+// one by then.
+struct SinkFailure {
+  std::uint32_t code;
+  ErrorText name;
+};
+using SinkOutcome = std::optional<SinkFailure>;
 
-constexpr std::uint32_t kIndexLen = 16384;
-constexpr std::uint32_t kIndexSlotLen = 16;
-constexpr std::uint16_t kSinkKind = 0;
-
-// Storage of the sink comes from the host itself, not through the MEM function vector. Null on
-// failure.
-std::uint8_t *getSinkStorage(std::uint32_t length) noexcept {
-  void *pArea = nullptr;
-  const std::uint16_t code =
-      runtimeServices().GetStorage(&pArea, length, MEM_SINK_SUBPOOL, kSinkKind);
-  return code == 0 ? static_cast<std::uint8_t *>(pArea) : nullptr;
+SinkFailure failure(std::uint32_t code, const char *pName) noexcept {
+  return {code, ErrorText(pName)};
 }
 
-bool protectSpace(const MEMSinkSegment &segment, std::uint16_t mode) noexcept {
-  return runtimeServices().ProtectStorage(segment.pSpace, kSpaceLen, MEM_SINK_SUBPOOL, mode) == 0;
+// The sink gate, held from a successful acquire() to the end of the scope.
+class GateHold {
+ public:
+  explicit GateHold(std::uint32_t hGate) noexcept : hGate_(hGate) {}
+  ~GateHold() noexcept {
+    if (isHeld_) runtimeServices().ReleaseGate(hGate_);
+  }
+  GateHold(const GateHold &) = delete;
+  GateHold &operator=(const GateHold &) = delete;
+
+  bool acquire() noexcept {
+    isHeld_ = runtimeServices().AcquireGate(hGate_) == 0;
+    return isHeld_;
+  }
+
+ private:
+  const std::uint32_t hGate_;
+  bool isHeld_ = false;
+};
+
+// One call of a string service, after its frame was entered.
+class SinkCall {
+ public:
+  SinkCall(CallFrame &frame, const void *pText, bool isWide) noexcept
+      : frame_(frame), pProcess_(processBlock()), text_{nullptr, 0, isWide}, pText_(pText) {}
+
+  // The common workers. Each returns the result of the call.
+  std::int16_t MEM_SinkStringCommon(const void **ppSunk) noexcept;
+  std::int16_t MEM_SinkVerifyCommon(const void **ppSunk) noexcept;
+  std::int16_t MEM_SinkDeleteCommon() noexcept;
+
+ private:
+  SinkOutcome sink(const void **ppSunk) noexcept;
+  SinkOutcome addCopy(SinkPlace place, const void **ppSunk) noexcept;
+  SinkOutcome writeCopy(const SinkRun &run, const SinkRoom &room) noexcept;
+  void takeBack(const SinkRun &run, const SinkRoom &room, bool isCounted) noexcept;
+  SinkOutcome verify(const void **ppSunk, bool &isFound) noexcept;
+  SinkOutcome giveUp(bool &isFound) noexcept;
+  SinkOutcome erase(std::uint32_t slot) noexcept;
+  SinkRoom reservedRoom(std::uint8_t *pCopy, const MEMSinkSegment &segment) const noexcept;
+  void keepForEcho() noexcept;
+  SinkPlace find() noexcept;
+
+  // Keeps the host's own error and names the sink's.
+  SinkFailure hostFailure(std::uint32_t code, const char *pName) noexcept;
+  SinkFailure spaceFailure(SpaceResult result) noexcept;
+  std::int16_t fail(const SinkFailure &failed, Echo echo) noexcept;
+  std::int16_t finishNotFound() noexcept { return frame_.finish(MEMERR_SINKNFND); }
+
+  CallFrame &frame_;
+  MEMProcessBlock *const pProcess_;
+  SinkText text_;  // measured once the pointer is known to be there
+  const void *const pText_;
+  std::uint8_t kept_[kEchoedBytes];  // start of a text that is being erased
+};
+
+SinkFailure SinkCall::hostFailure(std::uint32_t code, const char *pName) noexcept {
+  frame_.keepHostError();
+  return failure(code, pName);
 }
 
-// Enters a fresh block with an empty map. Its string space is still writable.
-void adoptBlock(MEMSinkSegment &segment, std::uint8_t *pBase) noexcept {
-  std::memset(pBase, 0, kMapLen);
-  segment = {};
-  segment.pBase = pBase;
-  segment.pSpace = pBase + kMapLen;
-  segment.pLast = pBase + kBlockLen - 1;
-  segment.pMap = pBase;
-  segment.FreeLen = kSpaceLen;
-}
-
-void adoptIndex(MEMProcessBlock &process, std::uint8_t *pIndex) noexcept {
-  std::memset(pIndex, 0, kIndexLen);
-  process.pIndex = pIndex;
-  process.IndexLen = kIndexLen;
-  process.SlotCount = kIndexLen / kIndexSlotLen;
-  process.Free = static_cast<std::int32_t>(process.SlotCount - 1);
-}
-
-void releaseBlocks(MEMProcessBlock &process) noexcept {
-  for (std::int32_t i = 0; i < process.SegmentCount; ++i) {
-    MEMSinkSegment &segment = process.Segments[i];
-    if (segment.pBase != nullptr) {
-      protectSpace(segment, MEM_PROTECT_WRITABLE);
-      runtimeServices().FreeStorage(segment.pBase, kBlockLen, MEM_SINK_SUBPOOL);
+SinkFailure SinkCall::spaceFailure(SpaceResult result) noexcept {
+  switch (result) {
+    case SpaceResult::noStorage:
+      return hostFailure(MEMERR_SINKVSTG, "GetVSTGErr");
+    case SpaceResult::noProtection: {
+      // Kept first: giving the block back may fail, too.
+      const SinkFailure failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErr");
+      releaseBlock(pProcess_->Segments[--pProcess_->SegmentCount]);
+      return failed;
     }
-    segment = {};
-  }
-  process.SegmentCount = 0;
-}
-
-void releaseIndex(MEMProcessBlock &process) noexcept {
-  if (process.pIndex != nullptr) {
-    runtimeServices().FreeStorage(process.pIndex, process.IndexLen, MEM_SINK_SUBPOOL);
+    default:
+      return failure(MEMERR_SINKNOSPACE, "AllSinkBlksFull");
   }
 }
 
-void deleteGate(MEMProcessBlock &process) noexcept {
+std::int16_t SinkCall::fail(const SinkFailure &failed, Echo echo) noexcept {
+  echoInput(frame_, text_, echo);
+  return frame_.fail({.code = failed.code, .text = failed.name.c_str(), .marksComponent = true});
+}
+
+SinkPlace SinkCall::find() noexcept {
+  const SinkPlace place = findText(frame_, *pProcess_, text_);
+  if (place.isFound) {
+    traceFound(frame_, place.slot, sinkSlots(*pProcess_) + place.slot);
+  } else {
+    traceNotFound(frame_, text_);
+  }
+  return place;
+}
+
+std::int16_t SinkCall::MEM_SinkStringCommon(const void **ppSunk) noexcept {
+  if (pText_ == nullptr) {
+    return fail(failure(MEMERR_SINKITEXT, "InputTextPtrNull"), Echo::ofSinking);
+  }
+  text_ = measureText(pText_, text_.isWide);
+  traceSinking(frame_, text_);
+  if (pProcess_ == nullptr) return fail(failure(MEMERR_SINKIERR, ""), Echo::ofSinking);
+  if (ppSunk == nullptr) return fail(failure(MEMERR_SINKIERR, "SinkVerifyErr"), Echo::ofSinking);
+  if (const SinkOutcome failed = sink(ppSunk)) return fail(*failed, Echo::ofSinking);
+  return frame_.succeed();
+}
+
+SinkOutcome SinkCall::sink(const void **ppSunk) noexcept {
+  GateHold gate(pProcess_->Gate);
+  if (!gate.acquire()) return hostFailure(MEMERR_SINKLGATE, "ListGateAcq");
+  const SinkPlace place = find();
+  if (!place.isFound) return addCopy(place, ppSunk);
+  SinkSlot &slot = sinkSlots(*pProcess_)[place.slot];
+  ++slot.uses;
+  *ppSunk = slot.pCopy;
+  return {};
+}
+
+// Reserves, writes and indexes a copy, or leaves everything as it was.
+SinkOutcome SinkCall::addCopy(SinkPlace place, const void **ppSunk) noexcept {
+  const SinkRoom room = roomFor(text_);
+  traceRoom(frame_, text_, room);
+  SinkRun run;
+  const SpaceResult reserved = reserveRun(*pProcess_, room, run);
+  if (reserved == SpaceResult::full) traceOutOfSpace(frame_, text_, room);
+  if (reserved != SpaceResult::done) return spaceFailure(reserved);
+  traceRun(frame_, run, room);
+  if (SinkOutcome failed = writeCopy(run, room)) return failed;
+  if (!makeRoom(*pProcess_, place)) {
+    const SinkFailure failed = hostFailure(MEMERR_SINKVSTG, "GetVSTGErr");
+    takeBack(run, room, true);
+    return failed;
+  }
+  insertSlot(frame_, *pProcess_, place, run.address());
+  *ppSunk = run.address();
+  return {};
+}
+
+// Only the copy's own bytes are writable, and only here and while it is erased.
+SinkOutcome SinkCall::writeCopy(const SinkRun &run, const SinkRoom &room) noexcept {
+  std::uint8_t *pCopy = run.address();
+  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
+    const SinkFailure failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadWrite");
+    releaseRun(run, room);
+    return failed;
+  }
+  std::memset(pCopy, 0, static_cast<std::size_t>(room.reservedLen));
+  std::memcpy(pCopy, text_.pBytes, text_.length);
+  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY)) {
+    const SinkFailure failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadOnly");
+    takeBack(run, room, false);
+    return failed;
+  }
+  countCopy(*run.pSegment, room);
+  return {};
+}
+
+// Undoes a written copy after a failure: bytes, lengths and map bits. The bytes are cleared where
+// the host lets them be.
+void SinkCall::takeBack(const SinkRun &run, const SinkRoom &room, bool isCounted) noexcept {
+  std::uint8_t *pCopy = run.address();
+  if (protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
+    std::memset(pCopy, 0, static_cast<std::size_t>(room.reservedLen));
+    protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY);
+  }
+  if (isCounted) uncountCopy(*run.pSegment, room);
+  releaseRun(run, room);
+}
+
+std::int16_t SinkCall::MEM_SinkVerifyCommon(const void **ppSunk) noexcept {
+  if (pText_ == nullptr) {
+    return fail(failure(MEMERR_SINKITEXT, "InputTextPtrNull"), Echo::ofLookUp);
+  }
+  text_ = measureText(pText_, text_.isWide);
+  if (ppSunk == nullptr) {
+    return fail(failure(MEMERR_SINKSTEXT, "SinkTextPtrNull"), Echo::ofLookUp);
+  }
+  if (pProcess_ == nullptr) return fail(failure(MEMERR_SINKIERR, ""), Echo::ofLookUp);
+  bool isFound = false;
+  if (const SinkOutcome failed = verify(ppSunk, isFound)) return fail(*failed, Echo::ofLookUp);
+  return isFound ? frame_.succeed() : finishNotFound();
+}
+
+SinkOutcome SinkCall::verify(const void **ppSunk, bool &isFound) noexcept {
+  GateHold gate(pProcess_->Gate);
+  if (!gate.acquire()) return hostFailure(MEMERR_SINKLGATE, "ListGateAcq");
+  const SinkPlace place = find();
+  isFound = place.isFound;
+  if (isFound) *ppSunk = sinkSlots(*pProcess_)[place.slot].pCopy;
+  return {};
+}
+
+std::int16_t SinkCall::MEM_SinkDeleteCommon() noexcept {
+  traceDeleting(frame_, pText_);
+  if (pText_ == nullptr) {
+    return fail(failure(MEMERR_SINKIERR, "SinkVerifyErr"), Echo::ofLookUp);
+  }
+  text_ = measureText(pText_, text_.isWide);
+  if (pProcess_ == nullptr) return fail(failure(MEMERR_SINKIERR, ""), Echo::ofLookUp);
+  bool isFound = false;
+  if (const SinkOutcome failed = giveUp(isFound)) return fail(*failed, Echo::ofLookUp);
+  return isFound ? frame_.succeed() : finishNotFound();
+}
+
+SinkOutcome SinkCall::giveUp(bool &isFound) noexcept {
+  GateHold gate(pProcess_->Gate);
+  if (!gate.acquire()) return hostFailure(MEMERR_SINKLGATE, "ListGateAcq");
+  const SinkPlace place = find();
+  isFound = place.isFound;
+  if (!isFound) return {};
+  SinkSlot &slot = sinkSlots(*pProcess_)[place.slot];
+  if (slot.pCopy != pText_) {
+    return SinkFailure{MEMERR_SINKIERR, ErrorText("Bad SinkPtr=").pointer(pText_)};
+  }
+  if (slot.uses == 1) return erase(place.slot);
+  --slot.uses;
+  return {};
+}
+
+// The last use is gone: bytes, map bits, lengths and slot. A refusal to make the copy writable
+// leaves all of it; one to protect it again leaves nothing of it.
+SinkOutcome SinkCall::erase(std::uint32_t slot) noexcept {
+  std::uint8_t *pCopy = sinkSlots(*pProcess_)[slot].pCopy;
+  MEMSinkSegment *pSegment = segmentOf(*pProcess_, pCopy);
+  if (pSegment == nullptr) return failure(MEMERR_SINKIERR, "Bad Sink Block Pointer");
+  const SinkRoom room = reservedRoom(pCopy, *pSegment);
+  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
+    return hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadWrite");
+  }
+  keepForEcho();
+  std::memset(pCopy, 0, static_cast<std::size_t>(room.reservedLen));
+  SinkOutcome failed;
+  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY)) {
+    failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadOnly");
+  }
+  const auto granule = static_cast<std::uint32_t>((pCopy - pSegment->pSpace) / kSinkGranule);
+  releaseRun({pSegment, granule}, room);
+  uncountCopy(*pSegment, room);
+  removeSlot(*pProcess_, slot);
+  return failed;
+}
+
+// What a copy reserved when it was written. Narrow text of odd length and wide text that ends in a
+// unit below 256 look alike, but the wide one reserved a granule more. That granule is the copy's
+// if it is in use, zero, and not the copy of the empty text, which sorts first.
+SinkRoom SinkCall::reservedRoom(std::uint8_t *pCopy, const MEMSinkSegment &segment) const noexcept {
+  const std::size_t end = copyEnd(pCopy);
+  const bool isEvenText = end == 0 || pCopy[end - 1] != 0;
+  const SinkRoom evenRoom{end, end + 2, end + 4};
+  if (isEvenText) return evenRoom;
+  const SinkRoom oddRoom{end - 1, end + 1, end + 2};
+  const std::uint8_t *pExtra = pCopy + end + 2;
+  if (pExtra > segment.pLast || !isGranuleUsed(segment, pExtra)) return oddRoom;
+  if (pExtra[0] != 0 || pExtra[1] != 0) return oddRoom;
+  return sinkSlots(*pProcess_)[pProcess_->First].pCopy == pExtra ? oddRoom : evenRoom;
+}
+
+// The text of a delete is the copy itself, and a failure echoes it when the copy is gone.
+void SinkCall::keepForEcho() noexcept {
+  if (text_.length > sizeof kept_) text_.length = sizeof kept_;
+  std::memcpy(kept_, text_.pBytes, text_.length);
+  text_.pBytes = kept_;
+}
+
+void releaseIndexAndGate(MEMProcessBlock &process) noexcept {
+  if (process.pIndex != nullptr) freeSinkStorage(process.pIndex, process.IndexLen);
   if (process.Gate != 0) runtimeServices().DeleteGate(process.Gate);
-}
-
-void clearGateAndIndex(MEMProcessBlock &process) noexcept {
   process.Gate = 0;
   process.pIndex = nullptr;
   process.IndexLen = process.SlotCount = 0;
   process.Used = process.Act = process.Garbage = 0;
   process.Free = 0;
   process.First = process.End = 0;
+}
+
+template <class Char>
+std::int16_t sinkString(const EntryPoint &entryPoint, const Char *pText,
+                        const Char **ppSunk) noexcept {
+  constexpr bool isWide = sizeof(Char) == sizeof(char16_t);
+  CallFrame frame(entryPoint, ErrorArea::clear);
+  if (isWide && frame.thread() == nullptr) return frame.finish(-1);
+  const void *pSunk = nullptr;
+  SinkCall call(frame, pText, isWide);
+  const std::int16_t result = call.MEM_SinkStringCommon(ppSunk == nullptr ? nullptr : &pSunk);
+  if (result == 0) *ppSunk = static_cast<const Char *>(pSunk);
+  return result;
+}
+
+template <class Char>
+std::int16_t sinkVerify(const EntryPoint &entryPoint, const Char *pText,
+                        const Char **ppSunk) noexcept {
+  constexpr bool isWide = sizeof(Char) == sizeof(char16_t);
+  CallFrame frame(entryPoint, ErrorArea::clear);
+  if (isWide && frame.thread() == nullptr) return frame.finish(-1);
+  const void *pSunk = nullptr;
+  SinkCall call(frame, pText, isWide);
+  const std::int16_t result = call.MEM_SinkVerifyCommon(ppSunk == nullptr ? nullptr : &pSunk);
+  if (result == 0) *ppSunk = static_cast<const Char *>(pSunk);
+  return result;
+}
+
+template <class Char>
+std::int16_t sinkDelete(const EntryPoint &entryPoint, const Char *pSunk) noexcept {
+  constexpr bool isWide = sizeof(Char) == sizeof(char16_t);
+  CallFrame frame(entryPoint, ErrorArea::clear);
+  if (isWide && frame.thread() == nullptr) return frame.finish(-1);
+  return SinkCall(frame, pSunk, isWide).MEM_SinkDeleteCommon();
 }
 
 }  // namespace
@@ -101,17 +354,15 @@ std::int16_t MEM_SinkInit() noexcept {
     pProcessBlk->Gate = 0;
     return frame.failInsideKeepingCode(MEMERR_SINKLGATE, "CreateFailed");
   }
-  std::uint8_t *pBase = getSinkStorage(kBlockLen);
-  if (pBase == nullptr) return frame.failInsideKeepingCode(MEMERR_SINKVSTG, "GetVSTGErr");
-  MEMSinkSegment &segment = pProcessBlk->Segments[0];
-  adoptBlock(segment, pBase);
-  pProcessBlk->SegmentCount = 1;
-  if (!protectSpace(segment, MEM_PROTECT_READ_ONLY)) {
-    return frame.failInsideKeepingCode(MEMERR_SINKVSTG, "ProtPageErr");
+  pProcessBlk->SegmentCount = 0;
+  const SpaceResult obtained = obtainBlock(*pProcessBlk);
+  if (obtained != SpaceResult::done) {
+    return frame.failInsideKeepingCode(
+        MEMERR_SINKVSTG, obtained == SpaceResult::noStorage ? "GetVSTGErr" : "ProtPageErr");
   }
-  std::uint8_t *pIndex = getSinkStorage(kIndexLen);
-  if (pIndex == nullptr) return frame.failInsideKeepingCode(MEMERR_SINKVSTG, "GetVSTGErr");
-  adoptIndex(*pProcessBlk, pIndex);
+  if (!openIndex(*pProcessBlk)) {
+    return frame.failInsideKeepingCode(MEMERR_SINKVSTG, "GetVSTGErr");
+  }
   return frame.succeed();
 }
 
@@ -120,11 +371,35 @@ std::int16_t MEM_SinkTerm() noexcept {
   MEMProcessBlock *pProcessBlk = processBlock();
   if (pProcessBlk == nullptr) return frame.succeed();
 
-  releaseBlocks(*pProcessBlk);
-  releaseIndex(*pProcessBlk);
-  deleteGate(*pProcessBlk);
-  clearGateAndIndex(*pProcessBlk);
+  for (std::int32_t i = 0; i < pProcessBlk->SegmentCount; ++i) {
+    MEMSinkSegment &segment = pProcessBlk->Segments[i];
+    if (segment.pBase != nullptr) releaseBlock(segment);
+    segment = {};
+  }
+  pProcessBlk->SegmentCount = 0;
+  releaseIndexAndGate(*pProcessBlk);
   return frame.succeed();
+}
+
+std::int16_t MEM_SinkString(const char *pText, const char **ppSunk) noexcept {
+  return sinkString(kSinkString, pText, ppSunk);
+}
+std::int16_t MEM_WSinkString(const char16_t *pText, const char16_t **ppSunk) noexcept {
+  return sinkString(kWSinkString, pText, ppSunk);
+}
+
+std::int16_t MEM_SinkVerify(const char *pText, const char **ppSunk, void *) noexcept {
+  return sinkVerify(kSinkVerify, pText, ppSunk);
+}
+std::int16_t MEM_WSinkVerify(const char16_t *pText, const char16_t **ppSunk, void *) noexcept {
+  return sinkVerify(kWSinkVerify, pText, ppSunk);
+}
+
+std::int16_t MEM_SinkDelete(const char *pSunk) noexcept {
+  return sinkDelete(kSinkDelete, pSunk);
+}
+std::int16_t MEM_WSinkDelete(const char16_t *pSunk) noexcept {
+  return sinkDelete(kWSinkDelete, pSunk);
 }
 
 }  // namespace mem

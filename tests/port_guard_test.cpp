@@ -517,7 +517,9 @@ TEST_F(PortSignalTest, HandlerInstalledDuringACallStays) {
 // A handler of the process may stand in front of the library's, with signals blocked.
 TEST_F(PortSignalTest, SignalMaskIsAsBeforeAfterAFault) {
   static struct sigaction librarys;
-  const auto standInFront = [] {
+  bool isInFront = false;
+  const auto standInFront = [&isInFront] {
+    if (std::exchange(isInFront, true)) return;
     struct sigaction ours {};
     ours.sa_sigaction = [](int signal, siginfo_t *info, void *machine) {
       librarys.sa_sigaction(signal, info, machine);

@@ -24,6 +24,8 @@ struct Scene {
   std::uint32_t totalLen = 0;
   MEMPortChunk *chunk = nullptr;
   std::array<char, offsetof(MEMPortChunk, Text) + MEM_PORT_HEADER_LEN> chunkBytes{};
+  const char *sunk = nullptr;
+  const char16_t *wideSunk = nullptr;
 };
 
 using Result = std::optional<std::int16_t>;  // nothing for services without a 16-bit result
@@ -115,7 +117,8 @@ inline const MEMPortChunk *chunkWithoutStructures(Scene &scene) {
 #define MEMTEST_UNBUILT(number, entry, ...) \
   { MEMTEST_SLOT(number, entry), nullptr, true, MEMTEST_CALL(entry, __VA_ARGS__) }
 
-// Services that need a handle are called with none and refuse it. Calls need no process block but
+// Services that need a handle are called with none and refuse it; those of the sink, whose refusals
+// write exception records under any flags, get the empty text. Calls need no process block but
 // where a row makes one; they never need a thread block.
 inline const std::vector<SlotCall> &slotCalls() {
   static const std::vector<SlotCall> rows = {
@@ -166,9 +169,12 @@ inline const std::vector<SlotCall> &slotCalls() {
        endProcess},
       {MEMTEST_SLOT(32, MEM_SinkTerm), "MEM_SinkTerm", false, MEMTEST_CALL(MEM_SinkTerm),
        startProcess, endProcess},
-      MEMTEST_UNBUILT(33, MEM_SinkString, nullptr, nullptr),
-      MEMTEST_UNBUILT(34, MEM_SinkDelete, nullptr),
-      MEMTEST_UNBUILT(35, MEM_SinkVerify, nullptr, nullptr, nullptr),
+      {MEMTEST_SLOT(33, MEM_SinkString), "MEM_SinkString", true,
+       MEMTEST_CALL(MEM_SinkString, "", &scene.sunk), startProcess, endProcess},
+      {MEMTEST_SLOT(34, MEM_SinkDelete), "MEM_SinkDelete", true, MEMTEST_CALL(MEM_SinkDelete, ""),
+       startProcess, endProcess},
+      {MEMTEST_SLOT(35, MEM_SinkVerify), "MEM_SinkVerify", true,
+       MEMTEST_CALL(MEM_SinkVerify, "", &scene.sunk, nullptr), startProcess, endProcess},
       MEMTEST_UNBUILT(36, MEM_EHeapOpen, nullptr, 0, 0),
       MEMTEST_UNBUILT(37, MEM_EHeapClose, nullptr),
       MEMTEST_UNBUILT(38, MEM_EHeapAllocEntry, nullptr, 0, nullptr),
@@ -187,9 +193,12 @@ inline const std::vector<SlotCall> &slotCalls() {
       {MEMTEST_SLOT(44, MEM_Port1StrToStruct), "MEM_StructToPortStr", true,
        MEMTEST_CALL(MEM_Port1StrToStruct, nullptr, kNoStructures, MEM_PORT_HEADER_LEN, nullptr,
                     nullptr)},
-      MEMTEST_UNBUILT(45, MEM_WSinkString, nullptr, nullptr),
-      MEMTEST_UNBUILT(46, MEM_WSinkDelete, nullptr),
-      MEMTEST_UNBUILT(47, MEM_WSinkVerify, nullptr, nullptr, nullptr),
+      {MEMTEST_SLOT(45, MEM_WSinkString), "MEM_WSinkString", true,
+       MEMTEST_CALL(MEM_WSinkString, u"", &scene.wideSunk), startProcess, endProcess},
+      {MEMTEST_SLOT(46, MEM_WSinkDelete), "MEM_WSinkDelete", true,
+       MEMTEST_CALL(MEM_WSinkDelete, u""), startProcess, endProcess},
+      {MEMTEST_SLOT(47, MEM_WSinkVerify), "MEM_WSinkVerify", true,
+       MEMTEST_CALL(MEM_WSinkVerify, u"", &scene.wideSunk, nullptr), startProcess, endProcess},
       {MEMTEST_SLOT(48, MEM_HashDelEntry), "MEM_HashGetEntry", true,
        MEMTEST_CALL(MEM_HashDelEntry, nullptr, nullptr)},
       {MEMTEST_SLOT(49, MEM_HashScan), "MEM_HashGetEntry", true,

@@ -5,6 +5,6 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 "$root/cmake/install-packages.sh" linux
-"$root/cmake/build-quietly.sh" release membench unpackbench
-"$root/build/release/bin/membench" "$@"
-exec "$root/build/release/bin/unpackbench" "$@"
+programs=(membench portbench sinkbench unpackbench)
+"$root/cmake/build-quietly.sh" release "${programs[@]}"
+for program in "${programs[@]}"; do "$root/build/release/bin/$program" "$@"; done

@@ -59,9 +59,9 @@ MEM_CHECK_OFFSET(MEMErrorArea, PrevInnerCode, 88 - 64);
 MEM_CHECK_OFFSET(MEMErrorArea, NameText, 360 - 64);
 MEM_CHECK_OFFSET(MEMErrorArea, InnerText, 424 - 64);
 
-/** A thread's trace buffer: the text of the record that is written next. Only the first field
- * names are the contract's; the room for text is the host's (1,200 bytes hold every line of this
- * library). */
+/** A thread's trace buffer: the text of the record that is written next. Text and
+ * length are the contract's places; the room for text is the host's. 4,096 bytes hold every line of
+ * this library, with texts of 511 wide characters shown twice as UTF-8. */
 typedef struct MEMTraceBuf {
   uint8_t Reserved0[32];
   uint32_t TextLen; /**< bytes of text, without a terminator */

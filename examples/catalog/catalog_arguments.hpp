@@ -16,6 +16,7 @@ struct Arguments {
   bool help = false;
   std::filesystem::path catalogue;  // empty: the machine's own, else the sample
   std::filesystem::path chainFile;  // empty: a file in the temp directory
+  std::filesystem::path portFile;   // beside the chain file; not the user's to name
   bool reads = false;               // read the chain file and compare, instead of writing it
   std::int32_t blockLength = kDefaultBlockLength;
 };

@@ -1,7 +1,8 @@
 // A host that packs a package catalogue: loads the library, binds it, builds linked records in a
-// heap, packs them into a chain of blocks, writes the chain to a file, ends everything and accounts
-// for every byte. Run with --read it is the second process, which knows the structures from that
-// file only. `catalog --help` tells the options.
+// heap, packs them into a chain of blocks, writes the chain to a file and the records as a port
+// string to another, sinks the names, ends everything and accounts for every byte. Run with --read
+// it is the second process, which knows the structures from these files only. `catalog --help`
+// tells the options.
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -15,8 +16,10 @@
 #include "catalog_model.hpp"
 #include "catalog_report.hpp"
 #include "chain_file.hpp"
+#include "port_file.hpp"
 #include "refhost.hpp"
 #include "running_library.hpp"
+#include "shared_names.hpp"
 #include "status_reader.hpp"
 #include "step_clock.hpp"
 #include "utf_text.hpp"
@@ -41,6 +44,8 @@ void complete(Arguments &arguments, const std::filesystem::path &programFolder) 
     arguments.chainFile = std::filesystem::temp_directory_path(error) / kDefaultOutput;
     if (error) throw InputError("there is no temp directory; name the chain file with --output");
   }
+  arguments.portFile = arguments.chainFile;
+  arguments.portFile += ".port";
   if (!arguments.reads &&
       std::filesystem::equivalent(arguments.catalogue, arguments.chainFile, ignored)) {
     throw InputError("the chain would overwrite " + utf8FromPath(arguments.catalogue));
@@ -63,11 +68,15 @@ void packCatalogue(refhost::Host &host, const Arguments &arguments, StepClock &c
   report.chain = chain->size();
 
   clock.run("write", [&] { chain->write(arguments.chainFile); });
+  clock.run("port", [&] {
+    report.portCharacters = writePortFile(host, records->root(), arguments.portFile);
+  });
+  clock.run("sink", [&] { report.names = sinkNames(host, records->root()); });
   chain->release();
   records->close();
 }
 
-// The same in a process that knows the structures only from the chain file.
+// The same in a process that knows the structures only from the files.
 void readChain(refhost::Host &host, const Arguments &arguments, StepClock &clock, Report &report) {
   std::vector<Package> packages;
   clock.run("read", [&] { packages = readCatalogue(arguments.catalogue); });
@@ -80,6 +89,11 @@ void readChain(refhost::Host &host, const Arguments &arguments, StepClock &clock
   const PackageRecord *root = nullptr;
   clock.run("unpack", [&] { root = static_cast<const PackageRecord *>(chain->unpack(packCB)); });
   clock.run("check", [&] { report.records = checkRecords(root, packages); });
+
+  std::optional<PortRecords> port;
+  clock.run("port", [&] { port.emplace(host, arguments.portFile); });
+  report.portCharacters = port->characters();
+  clock.run("check", [&] { checkRecords(port->root(), packages); });
 }
 
 // Whether everything was given back to the host and nothing was misused; tells of it when not.

@@ -52,6 +52,21 @@ void printChain(std::ostream &stream, const Report &report) {
   line(stream, "bytes", report.chain.bytes) << "  used, written to the file\n";
 }
 
+void printPort(std::ostream &stream, const Report &report) {
+  stream << "Port string " << report.chainFile << ".port\n";
+  line(stream, "characters", report.portCharacters)
+      << (report.names.names == 0 ? "  read from the file; all is as it was\n"
+                                  : "  written to the file\n");
+}
+
+void printNames(std::ostream &stream, const NameCounts &names) {
+  stream << "String sink\n";
+  line(stream, "names", names.names)
+      << "  in " << grouped(names.separateBytes) << " bytes as separate copies\n";
+  line(stream, "distinct", names.distinct)
+      << "  in " << grouped(names.sinkBytes) << " bytes of the sink\n";
+}
+
 void printSteps(std::ostream &stream, const Report &report) {
   stream << "Milliseconds\n";
   for (const Step &step : report.steps) {
@@ -75,6 +90,8 @@ void printAccount(std::ostream &stream, const refhost::Account &account) {
 void printReport(std::ostream &stream, const Report &report) {
   printRecords(stream, report);
   printChain(stream, report);
+  printPort(stream, report);
+  if (report.names.names != 0) printNames(stream, report.names);
   printSteps(stream, report);
   printAccount(stream, report.account);
 }

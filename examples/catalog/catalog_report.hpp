@@ -9,6 +9,7 @@
 #include "catalog_model.hpp"
 #include "chain_file.hpp"
 #include "refhost.hpp"
+#include "shared_names.hpp"
 #include "step_clock.hpp"
 
 namespace catalog {
@@ -19,6 +20,8 @@ struct Report {
   std::int32_t blockLength = 0;  // 0 for a chain that was read: a file does not tell
   RecordCounts records;
   ChainSize chain;
+  std::uint64_t portCharacters = 0;
+  NameCounts names;  // of a run that writes
   std::vector<Step> steps;
   refhost::Account account;  // of all storage, once the library has been unbound
 };

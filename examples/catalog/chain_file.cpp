@@ -1,13 +1,9 @@
 #include "chain_file.hpp"
 
-#include <cerrno>
 #include <cstddef>
-#include <fstream>
-#include <sstream>
 #include <string>
-#include <system_error>
-#include <utility>
 
+#include "binary_file.hpp"
 #include "running_library.hpp"
 #include "utf_text.hpp"
 
@@ -15,6 +11,7 @@ namespace catalog {
 namespace {
 
 constexpr std::int16_t kChainSubPool = 0;  // where MEM_Pack and MEM_Unpack obtain their blocks
+constexpr std::size_t kFileOff = offsetof(MemPackBlock, UsedLen);  // of what a file holds
 
 }  // namespace
 
@@ -40,22 +37,11 @@ ChainSize PackedChain::size() const {
 }
 
 void PackedChain::write(const std::filesystem::path &path) const {
-  errno = 0;
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  const bool isOpen = file.is_open();
-  for (const MemPackBlock *block = first_; file && block != nullptr; block = block->pNext) {
-    const char *const bytes = reinterpret_cast<const char *>(block);
-    file.write(bytes + offsetof(MemPackBlock, UsedLen), block->UsedLen);
+  std::string bytes;
+  for (const MemPackBlock *block = first_; block != nullptr; block = block->pNext) {
+    bytes.append(reinterpret_cast<const char *>(block) + kFileOff, block->UsedLen);
   }
-  file.close();
-  if (file) return;
-
-  const std::string reason = std::generic_category().message(errno != 0 ? errno : EIO);
-  std::error_code ignored;
-  if (isOpen && std::filesystem::is_regular_file(path, ignored)) {
-    std::filesystem::remove(path, ignored);
-  }
-  throw InputError("cannot write " + utf8FromPath(path) + ": " + reason);
+  writeBytes(path, bytes);
 }
 
 namespace {
@@ -63,7 +49,6 @@ namespace {
 constexpr std::size_t kUsedLenSize = 2;  // in front of each block's other bytes
 constexpr std::size_t kVersionOff = 2;   // in the file
 constexpr std::size_t kLeastFile = 6;    // used length and version, in the first block
-constexpr std::size_t kFileOff = offsetof(MemPackBlock, UsedLen);  // in a block
 
 // The version's last character tells the order; EBCDIC versions are big-endian throughout.
 bool isBigEndian(const std::string &bytes) {
@@ -74,17 +59,6 @@ std::size_t usedLength(const std::string &bytes, std::size_t at, bool bigEndian)
   const auto first = static_cast<unsigned char>(bytes[at]);
   const auto second = static_cast<unsigned char>(bytes[at + 1]);
   return bigEndian ? first * 256U + second : second * 256U + first;
-}
-
-std::string readBytes(const std::filesystem::path &path) {
-  errno = 0;
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream bytes;
-  if (file) bytes << file.rdbuf();
-  if (file && std::filesystem::is_regular_file(path)) return std::move(bytes).str();
-  const int reason = errno != 0 ? errno : EIO;
-  throw InputError("cannot read " + utf8FromPath(path) + ": " +
-                   std::generic_category().message(reason));
 }
 
 }  // namespace

@@ -378,7 +378,6 @@ void leaveFromHandler() {
 using PortFilterDeathTest = PortFilterTest;
 
 TEST_F(PortFilterDeathTest, FaultThatIsNotOursGoesToTheProcess) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   host.setFilterAnswer(0);
   EXPECT_EXIT(
       {
@@ -397,7 +396,6 @@ TEST_F(PortFilterDeathTest, FaultThatIsNotOursGoesToTheProcess) {
 #if !defined(_WIN32)
 
 TEST_F(PortFilterDeathTest, FaultThatIsNotOursEndsAProcessWithoutHandler) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   host.setFilterAnswer(0);
   EXPECT_EXIT(
       {

@@ -81,25 +81,37 @@ std::size_t findEither(std::string_view text, char a, char b) noexcept {
   return i;
 }
 
-// Narrow text behind its opening quote, into bytes or widened into units.
-template <class Unit>
-bool readQuoted(PortScanner &scanner, const MessagePoint &point,
-                TextTarget<Unit> &target) noexcept {
+// Text behind its opening quote, up to the closing one. `readEscaped` reads the unit behind a "/".
+template <class Unit, class ReadEscaped>
+bool readText(PortScanner &scanner, const MessagePoint &point, char quote, TextTarget<Unit> &target,
+              ReadEscaped readEscaped) noexcept {
   for (;;) {
     const std::string_view text = scanner.run();
     if (text.empty()) return false;
-    const std::size_t plain = findEither(text, '"', '/');
+    const std::size_t plain = findEither(text, quote, '/');
     const std::size_t read = target.readable(plain);
     scanner.skip(read);
     if (!target.put(text.substr(0, read))) return target.report(scanner, point);
     if (plain == text.size()) continue;
     scanner.skip(1);
-    if (text[plain] == '"') return true;
-    char escaped = 0;
-    if (!scanner.get(escaped)) return false;
-    const auto unit = static_cast<unsigned char>(escaped == '0' ? '\0' : escaped);
-    if (!target.put(static_cast<Unit>(unit))) return target.report(scanner, point);
+    if (text[plain] == quote) return true;
+    Unit unit{};
+    if (!readEscaped(scanner, unit)) return false;
+    if (!target.put(unit)) return target.report(scanner, point);
   }
+}
+
+// Narrow text, into bytes or widened into units. Behind a "/", "0" is a zero byte and any other
+// character itself.
+template <class Unit>
+bool readQuoted(PortScanner &scanner, const MessagePoint &point,
+                TextTarget<Unit> &target) noexcept {
+  return readText(scanner, point, '"', target, [](PortScanner &from, Unit &unit) noexcept {
+    char c = 0;
+    if (!from.get(c)) return false;
+    unit = static_cast<Unit>(static_cast<unsigned char>(c == '0' ? '\0' : c));
+    return true;
+  });
 }
 
 // The unit behind a "/": n characters of 6 bits each after a digit n, else the character itself.
@@ -119,23 +131,9 @@ bool readEscapedUnit(PortScanner &scanner, char16_t &unit) noexcept {
   return true;
 }
 
-// Wide text behind its opening quote.
 bool readWideQuoted(PortScanner &scanner, const MessagePoint &point,
                     TextTarget<char16_t> &target) noexcept {
-  for (;;) {
-    const std::string_view text = scanner.run();
-    if (text.empty()) return false;
-    const std::size_t plain = findEither(text, '\'', '/');
-    const std::size_t read = target.readable(plain);
-    scanner.skip(read);
-    if (!target.put(text.substr(0, read))) return target.report(scanner, point);
-    if (plain == text.size()) continue;
-    scanner.skip(1);
-    if (text[plain] == '\'') return true;
-    char16_t unit = 0;
-    if (!readEscapedUnit(scanner, unit)) return false;
-    if (!target.put(unit)) return target.report(scanner, point);
-  }
+  return readText(scanner, point, '\'', target, readEscapedUnit);
 }
 
 template <class Unit>

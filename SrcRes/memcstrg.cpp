@@ -307,28 +307,18 @@ void releaseIndexAndGate(MEMProcessBlock &process) noexcept {
   process.First = process.End = 0;
 }
 
-template <class Char>
-std::int16_t sinkString(const EntryPoint &entryPoint, const Char *pText,
-                        const Char **ppSunk) noexcept {
-  constexpr bool isWide = sizeof(Char) == sizeof(char16_t);
-  CallFrame frame(entryPoint, ErrorArea::clear);
-  if (isWide && frame.thread() == nullptr) return frame.finish(-1);
-  const void *pSunk = nullptr;
-  SinkCall call(frame, pText, isWide);
-  const std::int16_t result = call.MEM_SinkStringCommon(ppSunk == nullptr ? nullptr : &pSunk);
-  if (result == 0) *ppSunk = static_cast<const Char *>(pSunk);
-  return result;
-}
+// A call that stores the address of a copy: sinking or verifying.
+using StoringWorker = std::int16_t (SinkCall::*)(const void **) noexcept;
 
 template <class Char>
-std::int16_t sinkVerify(const EntryPoint &entryPoint, const Char *pText,
-                        const Char **ppSunk) noexcept {
+std::int16_t storeSunk(const EntryPoint &entryPoint, const Char *pText, const Char **ppSunk,
+                       StoringWorker worker) noexcept {
   constexpr bool isWide = sizeof(Char) == sizeof(char16_t);
   CallFrame frame(entryPoint, ErrorArea::clear);
   if (isWide && frame.thread() == nullptr) return frame.finish(-1);
   const void *pSunk = nullptr;
   SinkCall call(frame, pText, isWide);
-  const std::int16_t result = call.MEM_SinkVerifyCommon(ppSunk == nullptr ? nullptr : &pSunk);
+  const std::int16_t result = (call.*worker)(ppSunk == nullptr ? nullptr : &pSunk);
   if (result == 0) *ppSunk = static_cast<const Char *>(pSunk);
   return result;
 }
@@ -382,17 +372,17 @@ std::int16_t MEM_SinkTerm() noexcept {
 }
 
 std::int16_t MEM_SinkString(const char *pText, const char **ppSunk) noexcept {
-  return sinkString(kSinkString, pText, ppSunk);
+  return storeSunk(kSinkString, pText, ppSunk, &SinkCall::MEM_SinkStringCommon);
 }
 std::int16_t MEM_WSinkString(const char16_t *pText, const char16_t **ppSunk) noexcept {
-  return sinkString(kWSinkString, pText, ppSunk);
+  return storeSunk(kWSinkString, pText, ppSunk, &SinkCall::MEM_SinkStringCommon);
 }
 
 std::int16_t MEM_SinkVerify(const char *pText, const char **ppSunk, void *) noexcept {
-  return sinkVerify(kSinkVerify, pText, ppSunk);
+  return storeSunk(kSinkVerify, pText, ppSunk, &SinkCall::MEM_SinkVerifyCommon);
 }
 std::int16_t MEM_WSinkVerify(const char16_t *pText, const char16_t **ppSunk, void *) noexcept {
-  return sinkVerify(kWSinkVerify, pText, ppSunk);
+  return storeSunk(kWSinkVerify, pText, ppSunk, &SinkCall::MEM_SinkVerifyCommon);
 }
 
 std::int16_t MEM_SinkDelete(const char *pSunk) noexcept {

@@ -593,7 +593,9 @@ class ProtectionWatch {
     const std::uint16_t code = own_(pArea, length, subPool, mode);
     line += std::string(" after=") + state() +
             " gates=" + std::to_string(watched_->heldGateCount()) + " text=";
-    line += static_cast<const char *>(pArea);
+    // A run that was never written holds whatever the host's storage held, without an end.
+    const std::string_view run(static_cast<const char *>(pArea), length);
+    line += run.substr(0, run.find('\0'));
     seen_.push_back(line);
     return code;
   }

@@ -7,6 +7,7 @@
 //   memcport_writer    structures and their registry
 //   memcport_towire    field values as text
 //   memcport_input     the text being read
+//   memcport_scanner   what all readers share: characters, numbers, messages, the caller's heap
 //   memcport_reader    structures and the pointers that wait for them
 //   memcport_fromwire  field values from text
 //

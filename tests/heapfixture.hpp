@@ -39,8 +39,9 @@ inline void PrintTo(const OpenCase &row, std::ostream *out) {
 }
 
 inline constexpr OpenCase kOpenCases[] = {
-    {1, 7, 7, 1},         {1, 0, 0, 1},      {2, 230, 230, 1},  {255, 7, 7, 1},       {256, 7, 7, 1},
-    {3, 32767, 32767, 1}, {3, 0xFFFB, 5, 2}, {3, 0xFF00, 0, 2}, {3, 0x8000, 32768, 2}};
+    {1, 7, 7, 1},      {1, 0, 0, 1},      {2, 230, 230, 1},
+    {255, 7, 7, 1},    {256, 7, 7, 1},    {3, 32767, 32767, 1},
+    {3, 0xFFFB, 5, 2}, {3, 0xFF00, 0, 2}, {3, 0x8000, 32768, 2}};
 
 // Single entries and chains through any of the slots that give them. Lengths and counts must fit
 // in what the slot takes.

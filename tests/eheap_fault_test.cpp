@@ -144,7 +144,7 @@ TEST_F(EHeapFaultTest, GateThatTheHostDoesNotReleaseIsReported) {
   void *other = untouched();
   expectFails(4057, "AcquireGate", NameBy::kMessage,
               [&] { return mem.MEM_EHeapAllocEntry(heap, 16, &other); },
-              {3, refhost::kGateOwned, "AcquireGate"});
+              {MEM_COMPONENT, refhost::kGateOwned, "AcquireGate"});
   EXPECT_EQ(other, untouched());
   EXPECT_EQ(host.takeMisuses().size(), 1U) << "the gate asked for twice";
   host.runtime().ReleaseGate(load<std::uint32_t>(heap, 24));

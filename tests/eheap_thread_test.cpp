@@ -193,7 +193,7 @@ class EHeapThreadTest : public HeapHashTest {
       }
     }
     std::uint8_t *area = at(heap, 0);
-    for (std::uint32_t offset = 64; area != nullptr; offset = 24) {
+    for (std::uint32_t offset = kEHeapHeaderLen; area != nullptr; offset = kAreaHeaderLen) {
       const auto used = load<std::uint32_t>(area, 16);
       EXPECT_EQ(used + load<std::uint32_t>(area, 20), kAreaSize);
       while (offset < used) {

@@ -1,5 +1,6 @@
-// Enhanced heaps with the model of heaps: each call is made on the real heap and on its
-// model, and compared, together with the gate and check services that it used, in their order.
+// A driver of enhanced heaps: makes each call on the real heap and on the model of heaps and
+// compares, the gate and check services that the call used included, in their order. Services of
+// the host may fail at any call; their faults leave kHostError.
 #pragma once
 
 #include <cstddef>
@@ -11,13 +12,6 @@
 #include "heapmodel.hpp"
 
 namespace memtest {
-
-// What a failing service of the host leaves: all faults of these tests have this code and text.
-inline constexpr std::uint32_t kHostError = 777;
-
-inline FailureMarks hostMarks() {
-  return {3, kHostError, kHostErrorText};
-}
 
 // The calls of gate and check services that a call of the library has made, taken one by one.
 // Needs a host that records its calls.
@@ -75,7 +69,7 @@ class CheckedEHeap : public HeapDriver {
       EXPECT_EQ(handle, untouched());
       return;
     }
-    recordOpen(result, handle, areaLen, subPool, hostMarks());
+    recordOpen(result, handle, areaLen, subPool, kHostMarks);
     if (isOpen()) {
       gate_ = load<std::uint32_t>(handle_, 24);
     } else {
@@ -166,7 +160,7 @@ class CheckedEHeap : public HeapDriver {
 
   Outcome noGate(const char *service) {
     ++stage_.tally.refused;
-    return {4057, service, hostMarks()};
+    return {4057, service, kHostMarks};
   }
 
   std::int16_t allocThrough(Door door, std::int32_t len, void **ppEntry) {
@@ -221,7 +215,7 @@ class CheckedEHeap : public HeapDriver {
         Service::CheckStorage, {asNumber(address - header), model().rounded(len) + header});
     if (refusal != 0) {
       ++stage_.tally.refused;
-      return {4058, "BuffPtr=" + hex16(address), {3}};
+      return {4058, "BuffPtr=" + hex16(address), kOwnMarks};
     }
     if (isLarge) return {};
     if (gates.take(Service::AcquireGate, {gate_}) != 0) return noGate("AcquireGate");

@@ -18,6 +18,7 @@ namespace memtest {
 
 // The formats of heaps, written here a second time, on purpose.
 inline constexpr std::uint32_t kHeapHeaderLen = 56;
+inline constexpr std::uint32_t kEHeapHeaderLen = 64;
 inline constexpr std::uint32_t kAreaHeaderLen = 24;
 inline constexpr std::uint32_t kBlockHeaderLen = 24;
 
@@ -273,6 +274,13 @@ struct FailureMarks {
   std::uint32_t innerCode = 0;
   std::string innerText = {};
 };
+
+// The code and text of host failures in these tests, as faultOf(service, kHostError) gives them.
+inline constexpr std::uint32_t kHostError = 777;
+
+// Marks of an enhanced heap's failures: of its own, and of those that keep the host's error.
+inline const FailureMarks kOwnMarks = {MEM_COMPONENT};
+inline const FailureMarks kHostMarks = {MEM_COMPONENT, kHostError, kHostErrorText};
 
 // How a failure fills the name field.
 enum class NameBy {

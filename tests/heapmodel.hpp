@@ -112,10 +112,10 @@ struct HeapKind {
   FailureMarks marks;
 };
 
-inline const HeapKind kStandardKind = {"QQQHEAP1", kHeapHeaderLen,     24, 32, 40, 44, 8,
-                                       true,       "MemAllocAreaFail", {}};
-inline const HeapKind kEnhancedKind = {"ENHHEAP1", kEHeapHeaderLen, 40,       48, 56, 28, 16,
-                                       false,      "MemAllocFail",  kOwnMarks};
+inline constexpr HeapKind kStandardKind = {"QQQHEAP1", kHeapHeaderLen,     24, 32, 40, 44, 8,
+                                           true,       "MemAllocAreaFail", {}};
+inline constexpr HeapKind kEnhancedKind = {"ENHHEAP1", kEHeapHeaderLen, 40,       48, 56, 28, 16,
+                                           false,      "MemAllocFail",  kOwnMarks};
 
 // A heap: areas that are filled from one end, and blocks for what is too long for them.
 class HeapModel {

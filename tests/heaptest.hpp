@@ -272,15 +272,15 @@ struct Report {
 struct FailureMarks {
   std::uint16_t component = 0;
   std::uint32_t innerCode = 0;
-  std::string innerText = {};
+  const char *innerText = "";
 };
 
 // The code and text of host failures in these tests, as faultOf(service, kHostError) gives them.
 inline constexpr std::uint32_t kHostError = 777;
 
 // Marks of an enhanced heap's failures: of its own, and of those that keep the host's error.
-inline const FailureMarks kOwnMarks = {MEM_COMPONENT};
-inline const FailureMarks kHostMarks = {MEM_COMPONENT, kHostError, kHostErrorText};
+inline constexpr FailureMarks kOwnMarks = {MEM_COMPONENT};
+inline constexpr FailureMarks kHostMarks = {MEM_COMPONENT, kHostError, kHostErrorText};
 
 // How a failure fills the name field.
 enum class NameBy {
@@ -355,7 +355,7 @@ class HeapHashTest : public StartedTest {
     expected.InnerCode = marks.innerCode;
     MEMErrorArea left = error();
     std::memset(left.NameText, 0, sizeof left.NameText);
-    if (!marks.innerText.empty()) std::memset(left.InnerText, 0, sizeof left.InnerText);
+    if (*marks.innerText != '\0') std::memset(left.InnerText, 0, sizeof left.InnerText);
     EXPECT_EQ(changedRanges(bytesOf(&expected, sizeof expected), bytesOf(&left, sizeof left)), "");
   }
 

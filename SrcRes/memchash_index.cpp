@@ -72,17 +72,20 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
 }
 
 void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-  if (!mayBeIndexed(ctl)) return;
+  if (ctl.IndexState != kNotIndexed || !mayBeIndexed(ctl)) return;
   const std::uint32_t capacity = std::bit_ceil(nodeCount(ctl) * kSlotsPerNode);
   HashIndex *pIndex = create(frame, ctl, capacity);
-  if (pIndex == nullptr) return;
+  if (pIndex == nullptr) {
+    ctl.IndexState = kIndexRefused;
+    return;
+  }
   pIndex->fill(ctl);
-  ctl.IsIndexed = 1;
+  ctl.IndexState = kIndexed;
 }
 
 void HashIndex::drop(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-  if (ctl.IsIndexed == 0) return;
-  ctl.IsIndexed = 0;
+  if (ctl.IndexState != kIndexed) return;
+  ctl.IndexState = kNotIndexed;
   if (HashIndex *pIndex = find(frame, ctl)) release(frame, ctl, pIndex);
 }
 
@@ -128,7 +131,11 @@ void HashIndex::add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pInde
   pIndex->put(keyOf(ctl, pNode), pNode);
   if (pIndex->count_ <= pIndex->capacity_ / 2) return;
   HashIndex *pLarger = create(frame, ctl, pIndex->capacity_ * kSlotsPerNode);
-  if (pLarger == nullptr) return drop(frame, ctl);
+  if (pLarger == nullptr) {
+    drop(frame, ctl);
+    ctl.IndexState = kIndexRefused;
+    return;
+  }
   pLarger->fillFrom(*pIndex);
   release(frame, ctl, pIndex);
 }

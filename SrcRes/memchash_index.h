@@ -20,11 +20,16 @@ namespace mem {
 // Chains up to this long are walked; the table then makes no storage calls of its own.
 inline constexpr std::uint32_t kLongestWalkedChain = 64;
 
+// States of a table: MEMHashCtlBlk.IndexState.
+inline constexpr std::uint16_t kNotIndexed = 0;
+inline constexpr std::uint16_t kIndexed = 1;
+inline constexpr std::uint16_t kIndexRefused = 2;  // there was no storage; not asked for again
+
 class HashIndex {
  public:
   // The table's index, or null.
   static HashIndex *of(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept {
-    return ctl.IsIndexed == 0 ? nullptr : find(frame, ctl);
+    return ctl.IndexState == kIndexed ? find(frame, ctl) : nullptr;
   }
 
   // Makes an index of all that the table holds, if it is a table that may have one and there is

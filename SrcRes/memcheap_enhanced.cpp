@@ -123,7 +123,8 @@ void *takeLargeEntry(CallFrame &frame, MEMEHeapHeader &heap, std::uint32_t align
 bool isLargeEntry(const void *pEntry, std::int64_t aligned) noexcept {
   const auto blockAddress = reinterpret_cast<std::uintptr_t>(pEntry) - sizeof(MEMHeapLargeBlock);
   const auto *pBlock = reinterpret_cast<const void *>(blockAddress);
-  const auto blockSize = static_cast<std::uint32_t>(aligned + sizeof(MEMHeapLargeBlock));
+  const auto blockSize =
+      static_cast<std::uint32_t>(aligned) + static_cast<std::uint32_t>(sizeof(MEMHeapLargeBlock));
   return runtimeServices().CheckStorage(pBlock, blockSize) == 0 &&
          hasEyecatcher(pBlock, kLargeBlockEye);
 }

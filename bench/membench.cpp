@@ -6,22 +6,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "refhost.hpp"
+#include "benchlib.hpp"
 
 namespace {
 
-refhost::Library &library() {
-  static refhost::Library loaded(refhost::Library::besideProgram());
-  return loaded;
-}
-
-void require(std::int16_t result, const char *what) {
-  if (result != 0) throw std::runtime_error(std::string(what) + " failed");
-}
+using bench::library;
+using bench::require;
 
 // What does binding and unbinding cost?
 void BindUnbind(benchmark::State &state) {
@@ -193,14 +186,6 @@ std::vector<NameRecord> nameRecords(std::size_t count) {
   return records;
 }
 
-void freeChain(MEMFunctionVector &mem, MemPackBlock *block, std::uint32_t blockLen) {
-  while (block != nullptr) {
-    MemPackBlock *next = block->pNext;
-    mem.MEM_Free(block, blockLen, 0);
-    block = next;
-  }
-}
-
 void PackSegment(benchmark::State &state) {
   constexpr std::int32_t kBlockLen = 32768;
   refhost::Session session(library().bindEntry());
@@ -210,7 +195,7 @@ void PackSegment(benchmark::State &state) {
   for (auto _ : state) {
     MemPackBlock *first = nullptr;
     require(mem.MEM_Pack(&cb, records.data(), kBlockLen, &first), "MEM_Pack");
-    freeChain(mem, first, kBlockLen);
+    bench::returnChain(mem, first, kBlockLen);
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }

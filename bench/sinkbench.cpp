@@ -6,24 +6,17 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "refhost.hpp"
+#include "benchlib.hpp"
 
 namespace {
 
+using bench::library;
+using bench::require;
+
 using refhost::Service;
-
-refhost::Library &library() {
-  static refhost::Library loaded(refhost::Library::besideProgram());
-  return loaded;
-}
-
-void require(std::int16_t result, const char *what) {
-  if (result != 0) throw std::runtime_error(std::string(what) + " failed");
-}
 
 // A started sink with `count` strings, and their copies. The strings come in no order, as names
 // do: the number is spread over 32 bits.

@@ -1,0 +1,55 @@
+#include "peers_work.hpp"
+
+#include <map>
+#include <stdexcept>
+
+namespace bench {
+
+namespace {
+
+bool failed = false;
+
+}  // namespace
+
+void demand(bool holds, const char *what) {
+  if (!holds) throw std::runtime_error(what);
+}
+
+bool passes(benchmark::State &state, const std::string &name, const std::function<void()> &check) {
+  static std::map<std::string, std::string> outcomes;
+  auto found = outcomes.find(name);
+  if (found == outcomes.end()) {
+    std::string outcome;
+    try {
+      check();
+    } catch (const std::exception &reason) {
+      outcome = reason.what();
+    }
+    found = outcomes.emplace(name, outcome).first;
+  }
+  if (found->second.empty()) return true;
+  failed = true;
+  state.SkipWithError(found->second.c_str());
+  return false;
+}
+
+bool everyCheckPassed() {
+  return !failed;
+}
+
+HostCalls countedCalls(const std::string &name, const std::function<HostCalls()> &count) {
+  static std::map<std::string, HostCalls> counts;
+  auto found = counts.find(name);
+  if (found == counts.end()) found = counts.emplace(name, count()).first;
+  return found->second;
+}
+
+void showCalls(benchmark::State &state, const HostCalls &calls) {
+  state.counters["frames"] = calls.frames;
+  state.counters["anchors"] = calls.anchors;
+  state.counters["gates"] = calls.gates;
+  state.counters["protects"] = calls.protects;
+  state.counters["storage"] = calls.storage;
+}
+
+}  // namespace bench

@@ -3,7 +3,6 @@
 
 #include "peers_tables.hpp"
 #include "peers_work.hpp"
-#include "qj7mem00/memcat.h"
 
 namespace bench {
 
@@ -32,7 +31,7 @@ class LibraryText {
       mem_.MEM_Cat(&cb_, text.c_str());
     }
   }
-  std::u16string_view text() const;
+  std::u16string_view text() const { return {cb_.pText, cb_.Len}; }
   void close() { require(mem_.MEM_CatClose(&cb_), "MEM_CatClose"); }
 
  private:

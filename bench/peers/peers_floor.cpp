@@ -4,6 +4,7 @@
 #include <emmintrin.h>
 
 #include <cstring>
+#include <utility>
 
 #include "peers_tables.hpp"
 #include "peers_work.hpp"
@@ -30,14 +31,18 @@ void clearByCompiler(void *pArea) {
   std::memset(pArea, 0, sizeof(MEMErrorArea));
 }
 
+// One statement a store: a compiler makes a loop of them into its own memset again.
+template <std::size_t... kIndex>
+void storeZeros(char *bytes, std::index_sequence<kIndex...>) {
+  const __m128i zero = _mm_setzero_si128();
+  (_mm_storeu_si128(reinterpret_cast<__m128i *>(bytes) + kIndex, zero), ...);
+}
+
 void clearByVectorStores(void *pArea) {
   constexpr std::size_t kWidth = sizeof(__m128i);
   auto *const bytes = static_cast<char *>(pArea);
-  const __m128i zero = _mm_setzero_si128();
-  for (std::size_t i = 0; i + kWidth <= sizeof(MEMErrorArea); i += kWidth) {
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(bytes + i), zero);
-  }
-  _mm_storeu_si128(reinterpret_cast<__m128i *>(bytes + sizeof(MEMErrorArea) - kWidth), zero);
+  storeZeros(bytes, std::make_index_sequence<sizeof(MEMErrorArea) / kWidth>());
+  storeZeros(bytes + sizeof(MEMErrorArea) - kWidth, std::index_sequence<0>());  // the odd half
 }
 
 // An entry point that does what every one must do, and nothing else.
@@ -45,8 +50,7 @@ std::int16_t emptyEntryPoint() {
   MEMTraceFrame frame{};
   frame.pName = "floor";
   hostTable->EnterFrame(&frame, MEM_COMPONENT);
-  clearByVectorStores(&frame.pThreadEnv->Error);
-  benchmark::ClobberMemory();
+  clearByCall(&frame.pThreadEnv->Error);
   hostTable->LeaveFrame(&frame, MEM_COMPONENT);
   return 0;
 }
@@ -191,8 +195,8 @@ void addClear(const std::string &row, Clear clear) {
 void addFloors() {
   addFloor<Frame>("frame");
   addFloor<EnterLeave>("enter and leave");
-  addClear("clear, explicit vector stores", clearByVectorStores);
   addClear("clear, call of memset", clearByCall);
+  addClear("clear, explicit 16-byte stores", clearByVectorStores);
   addClear("clear, memset expanded by the compiler", clearByCompiler);
   addFloor<Anchor>("anchor");
   addFloor<GatePair>("gate pair");

@@ -7,19 +7,25 @@
 //                        others do it; throws; runs once, before the first measurement; may be
 //                        missing
 //   double size()        bytes that one operation's result takes; may be missing
-// A peer's is made without arguments, the library's from a BenchSession. Batches are long enough
-// (10 us and more) for the clock to be lost in them.
+// A peer's is made without arguments, the library's from a BenchSession. A batch with prepare() is
+// long enough (2 us and more) for the clock, 25 ns, to be lost in it; others are repeated until they
+// are.
+//
+// The figure of a benchmark is its counter "ns": nanoseconds an operation in the median batch. A
+// batch during which the system ran something else does not move it.
 //
 // A benchmark's name is "table/row" or "table/row/column"; the report is made from it.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <stdexcept>
 #include <string>
-#include <utility>
+#include <vector>
 
 #include "peers_host.hpp"
 
@@ -34,6 +40,12 @@ bool everyCheckPassed();
 HostCalls countedCalls(const std::string &name, const std::function<HostCalls()> &count);
 void showCalls(benchmark::State &state, const HostCalls &calls);
 
+// Thrown by a check: the work would take too long to be measured. No failure.
+class TooSlow : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 // Throws std::runtime_error(what) unless it holds.
 void demand(bool holds, const char *what);
 
@@ -47,17 +59,49 @@ void checkWork(Work &&work) {
   if constexpr (requires { work.check(); }) work.check();
 }
 
+// Times batches and keeps the nanoseconds an operation of each.
+class BatchTimes {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // Runs `work` as many times in a row as makes a batch, and returns its seconds.
+  template <class Work>
+  double time(Work &work, std::int64_t times) {
+    std::int64_t operations = 0;
+    const Clock::time_point start = Clock::now();
+    for (std::int64_t i = 0; i < times; ++i) operations += work.run();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    batches_.push_back(seconds * 1e9 / static_cast<double>(operations));
+    return seconds;
+  }
+  double median();
+
+ private:
+  std::vector<double> batches_;
+};
+
+// How often a work is run for a batch of 50 us or more. Works that need preparing run once.
+template <class Work>
+std::int64_t timesInBatch(Work &work) {
+  if constexpr (requires { work.prepare(); }) {
+    return 1;
+  } else {
+    constexpr double kBatchSeconds = 50e-6;
+    BatchTimes trial;
+    trial.time(work, 1);  // warms up
+    return std::max<std::int64_t>(1, static_cast<std::int64_t>(kBatchSeconds / trial.time(work, 1)));
+  }
+}
+
 template <class Work>
 void measure(benchmark::State &state, Work &work) {
-  using Clock = std::chrono::steady_clock;
-  std::int64_t operations = 0;
+  const std::int64_t times = timesInBatch(work);
+  BatchTimes batches;
   for (auto _ : state) {
     prepareWork(work);
-    const Clock::time_point start = Clock::now();
-    operations += work.run();
-    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+    state.SetIterationTime(batches.time(work, times));
   }
-  state.SetItemsProcessed(operations);
+  state.counters["ns"] = batches.median();
   if constexpr (requires { work.size(); }) state.counters["bytes"] = work.size();
 }
 

@@ -15,11 +15,10 @@ class CapnMessage {
  public:
   explicit CapnMessage(const Graph &graph)
       : builder_(std::make_unique<capnp::MallocMessageBuilder>(8192)) {
-    auto packages = builder_->initRoot<cp::Catalogue>().initPackages(
-        static_cast<unsigned>(graph.count()));
-    forEach(graph.root(), [&packages](const PackageRecord &record) {
-      fill(packages[record.Number], record);
-    });
+    auto packages =
+        builder_->initRoot<cp::Catalogue>().initPackages(static_cast<unsigned>(graph.count()));
+    forEach(graph.root(),
+            [&packages](const PackageRecord &record) { fill(packages[record.Number], record); });
   }
 
   std::size_t size() const {

@@ -25,9 +25,8 @@ class FlatForm {
   FlatBuffer encode(const Graph &graph) {
     flatbuffers::FlatBufferBuilder builder(64 * 1024);
     packages_.clear();
-    forEach(graph.root(), [&](const PackageRecord &record) {
-      packages_.push_back(addPackage(builder, record));
-    });
+    forEach(graph.root(),
+            [&](const PackageRecord &record) { packages_.push_back(addPackage(builder, record)); });
     builder.Finish(fb::CreateCatalogue(builder, builder.CreateVector(packages_)));
     return FlatBuffer(builder.Release());
   }
@@ -59,8 +58,8 @@ class FlatForm {
       const auto constraint = dependency.pConstraint == nullptr
                                   ? flatbuffers::Offset<flatbuffers::String>()
                                   : builder.CreateString(dependency.pConstraint);
-      dependencies_.push_back(fb::CreateDependency(builder, dependency.Flags,
-                                                   dependency.pPackage->Number, constraint));
+      dependencies_.push_back(
+          fb::CreateDependency(builder, dependency.Flags, dependency.pPackage->Number, constraint));
     });
     const auto name = builder.CreateString(record.pName);
     const auto version = builder.CreateString(record.pVersion);

@@ -1,5 +1,5 @@
-// Hash tables: records of 16 bytes under a key of 8. The library's table has 1,023 buckets for ever,
-// so the number of records sets the length of its chains; the others grow.
+// Hash tables: records of 16 bytes under a key of 8. The library's table has 1,023 buckets for
+// ever, so the number of records sets the length of its chains; the others grow.
 #include <absl/container/flat_hash_map.h>
 
 #include <algorithm>

@@ -215,6 +215,8 @@ constexpr std::int64_t kLiveEntries = 1000;
 template <class Arena>
 class TwoThreads {
  public:
+  static constexpr bool kUsesThreads = true;
+
   template <class... Args>
   explicit TwoThreads(Args &...args) : arena_(args...) {}
 

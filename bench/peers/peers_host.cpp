@@ -101,8 +101,7 @@ void freePoolStorage(std::uint16_t, void *pArea) {
   std::free(pArea);
 }
 
-std::uint16_t protectStorage(void *pArea, std::uint32_t length, std::uint16_t,
-                             std::uint16_t mode) {
+std::uint16_t protectStorage(void *pArea, std::uint32_t length, std::uint16_t, std::uint16_t mode) {
   const auto first = reinterpret_cast<std::uintptr_t>(pArea);
   const std::uintptr_t start = first / pageSize() * pageSize();
   const int access = mode == MEM_PROTECT_READ_ONLY ? PROT_READ : PROT_READ | PROT_WRITE;

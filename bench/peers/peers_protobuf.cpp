@@ -28,9 +28,8 @@ void fill(pb::Package &package, const PackageRecord &record) {
 
 void fill(pb::Catalogue &catalogue, const Graph &graph) {
   catalogue.mutable_packages()->Reserve(static_cast<int>(graph.count()));
-  forEach(graph.root(), [&catalogue](const PackageRecord &record) {
-    fill(*catalogue.add_packages(), record);
-  });
+  forEach(graph.root(),
+          [&catalogue](const PackageRecord &record) { fill(*catalogue.add_packages(), record); });
 }
 
 template <class Visitor>

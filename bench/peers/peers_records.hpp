@@ -101,7 +101,8 @@ class Digest {
  private:
   void add(std::uint64_t value) { hash_ = (hash_ ^ value) * 1099511628211U; }
   void add(const char *text) {
-    for (; *text != '\0'; ++text) add(static_cast<std::uint64_t>(static_cast<unsigned char>(*text)));
+    for (; *text != '\0'; ++text)
+      add(static_cast<std::uint64_t>(static_cast<unsigned char>(*text)));
     add(std::uint64_t{256});
   }
   std::uint64_t hash_ = 14695981039346656037U;

@@ -126,8 +126,7 @@ template <class Store>
 class KnownStrings : public SinkWork<Store> {
  public:
   template <class... Args>
-  explicit KnownStrings(std::size_t count, Args &...args)
-      : SinkWork<Store>(count, args...) {
+  explicit KnownStrings(std::size_t count, Args &...args) : SinkWork<Store>(count, args...) {
     this->keepAll();
   }
   void prepare() { this->store_.forgetUses(); }

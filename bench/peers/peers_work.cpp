@@ -1,5 +1,7 @@
 #include "peers_work.hpp"
 
+#include <time.h>
+
 #include <map>
 
 namespace bench {
@@ -32,6 +34,12 @@ bool passes(benchmark::State &state, const std::string &name, const std::functio
   if (found->second.empty()) return true;
   state.SkipWithError(found->second.c_str());
   return false;
+}
+
+double threadSeconds() {
+  timespec time;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
 double BatchTimes::median() {

@@ -8,11 +8,12 @@
 //                        missing
 //   double size()        bytes that one operation's result takes; may be missing
 // A peer's is made without arguments, the library's from a BenchSession. A batch with prepare() is
-// long enough (2 us and more) for the clock, 25 ns, to be lost in it; others are repeated until they
-// are.
+// long enough (2 us and more) for the clock, 25 ns, to be lost in it; others are repeated until
+// they are.
 //
 // The figure of a benchmark is its counter "ns": nanoseconds an operation in the median batch. A
-// batch during which the system ran something else does not move it.
+// short batch during which the system ran something else does not move it. A work that starts
+// threads says so with a static member kUsesThreads.
 //
 // A benchmark's name is "table/row" or "table/row/column"; the report is made from it.
 #pragma once
@@ -59,18 +60,28 @@ void checkWork(Work &&work) {
   if constexpr (requires { work.check(); }) work.check();
 }
 
+// Seconds of the calling thread on a processor. Reading it is a system call of almost 1 us.
+double threadSeconds();
+
 // Times batches and keeps the nanoseconds an operation of each.
 class BatchTimes {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Runs `work` as many times in a row as makes a batch, and returns its seconds.
+  // Runs `work` as many times in a row as makes a batch, and returns its seconds. Long batches of
+  // one thread get the thread's own time instead of the clock's: the system would surely run
+  // something else in between on a busy machine.
   template <class Work>
   double time(Work &work, std::int64_t times) {
     std::int64_t operations = 0;
+    const double threadStart = threadSeconds();
     const Clock::time_point start = Clock::now();
     for (std::int64_t i = 0; i < times; ++i) operations += work.run();
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if constexpr (!requires { Work::kUsesThreads; }) {
+      constexpr double kLongBatch = 500e-6;
+      if (seconds > kLongBatch) seconds = threadSeconds() - threadStart;
+    }
     batches_.push_back(seconds * 1e9 / static_cast<double>(operations));
     return seconds;
   }
@@ -89,7 +100,8 @@ std::int64_t timesInBatch(Work &work) {
     constexpr double kBatchSeconds = 50e-6;
     BatchTimes trial;
     trial.time(work, 1);  // warms up
-    return std::max<std::int64_t>(1, static_cast<std::int64_t>(kBatchSeconds / trial.time(work, 1)));
+    return std::max<std::int64_t>(1,
+                                  static_cast<std::int64_t>(kBatchSeconds / trial.time(work, 1)));
   }
 }
 

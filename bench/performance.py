@@ -95,7 +95,11 @@ def number(value):
 
 
 def times(value):
-    return "–" if value is None else f"{value:.2f}" if value < 10 else f"{value:,.0f}"
+    if value is None:
+        return "–"
+    if value < 0.1:
+        return f"{value:.1g}" if value >= 0.0001 else "0"
+    return f"{value:.2f}" if value < 10 else f"{value:,.0f}"
 
 
 def markdown(head, rows):
@@ -109,7 +113,7 @@ def comparison(figures, table):
     base = rows[0]
     head = ["nanoseconds per operation"]
     for column in columns:
-        head += ["" if column is None else f"{int(column):,}", "to the library"]
+        head += ["" if column is None else f"{int(column):,}", "× library"]
     lines = []
     for row in rows:
         line = [f"**{row}**" if is_library(row) else row]

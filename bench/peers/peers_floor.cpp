@@ -4,8 +4,8 @@
 #include <emmintrin.h>
 
 #include <cstring>
-#include <utility>
 
+#include "peers_clear.hpp"
 #include "peers_tables.hpp"
 #include "peers_work.hpp"
 
@@ -31,18 +31,10 @@ void clearByCompiler(void *pArea) {
   std::memset(pArea, 0, sizeof(MEMErrorArea));
 }
 
-// One statement a store: a compiler makes a loop of them into its own memset again.
-template <std::size_t... kIndex>
-void storeZeros(char *bytes, std::index_sequence<kIndex...>) {
-  const __m128i zero = _mm_setzero_si128();
-  (_mm_storeu_si128(reinterpret_cast<__m128i *>(bytes) + kIndex, zero), ...);
-}
-
 void clearByVectorStores(void *pArea) {
-  constexpr std::size_t kWidth = sizeof(__m128i);
-  auto *const bytes = static_cast<char *>(pArea);
-  storeZeros(bytes, std::make_index_sequence<sizeof(MEMErrorArea) / kWidth>());
-  storeZeros(bytes + sizeof(MEMErrorArea) - kWidth, std::index_sequence<0>());  // the odd half
+  storeZeros<__m128i>(pArea, [](char *at) {
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(at), _mm_setzero_si128());
+  });
 }
 
 // An entry point that does what every one must do, and nothing else.
@@ -197,6 +189,7 @@ void addFloors() {
   addFloor<EnterLeave>("enter and leave");
   addClear("clear, call of memset", clearByCall);
   addClear("clear, explicit 16-byte stores", clearByVectorStores);
+  if (hasWideStores()) addClear("clear, explicit 32-byte stores", clearByWideStores);
   addClear("clear, memset expanded by the compiler", clearByCompiler);
   addFloor<Anchor>("anchor");
   addFloor<GatePair>("gate pair");

@@ -5,22 +5,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "refhost.hpp"
+#include "benchlib.hpp"
 
 namespace {
 
-refhost::Library &library() {
-  static refhost::Library loaded(refhost::Library::besideProgram());
-  return loaded;
-}
-
-void require(std::int16_t result, const char *what) {
-  if (result != 0) throw std::runtime_error(std::string(what) + " failed");
-}
+using bench::library;
+using bench::OpenHeap;
+using bench::require;
 
 MEMFieldDef fieldDef(std::uint32_t fieldID, MEMFieldType type, std::int32_t length,
                      std::int32_t offset, std::uint32_t structID = 0) {
@@ -115,26 +109,11 @@ std::string textOf(const Written &written) {
   return text;
 }
 
-class HeapOf {
- public:
-  explicit HeapOf(MEMFunctionVector &mem) : mem_(mem) {
-    require(mem_.MEM_HeapOpen(&heap_, 256, 0), "MEM_HeapOpen");
-  }
-  ~HeapOf() { mem_.MEM_HeapClose(heap_); }
-  HeapOf(const HeapOf &) = delete;
-  HeapOf &operator=(const HeapOf &) = delete;
-  HMEMHEAP get() const { return heap_; }
-
- private:
-  MEMFunctionVector &mem_;
-  HMEMHEAP heap_ = nullptr;
-};
-
 void measureWriting(benchmark::State &state, const Case &made) {
   refhost::Session session(library().bindEntry());
   std::int64_t length = 0;
   for (auto _ : state) {
-    const HeapOf heap(session.vector());
+    const OpenHeap heap(session.vector());
     length = write(session.vector(), made, heap.get()).length;
   }
   state.SetBytesProcessed(state.iterations() * length);
@@ -143,11 +122,11 @@ void measureWriting(benchmark::State &state, const Case &made) {
 void measureReading(benchmark::State &state, const Case &made, bool inChunks) {
   refhost::Session session(library().bindEntry());
   MEMFunctionVector &mem = session.vector();
-  const HeapOf source(mem);
+  const OpenHeap source(mem);
   const Written written = write(mem, made, source.get());
   const std::string text = textOf(written);
   for (auto _ : state) {
-    const HeapOf heap(mem);
+    const OpenHeap heap(mem);
     void *root = nullptr;
     require(inChunks ? mem.MEM_PortStrToStruct(made.defs.data(), written.first, heap.get(), &root)
                      : mem.MEM_Port1StrToStruct(made.defs.data(), text.data(), written.length,
@@ -161,7 +140,7 @@ void measureReading(benchmark::State &state, const Case &made, bool inChunks) {
 // The floor: a copy of the text.
 void measureCopy(benchmark::State &state, const Case &made) {
   refhost::Session session(library().bindEntry());
-  const HeapOf source(session.vector());
+  const OpenHeap source(session.vector());
   const std::string text = textOf(write(session.vector(), made, source.get()));
   std::string copy(text.size(), ' ');
   for (auto _ : state) {

@@ -1,6 +1,7 @@
 // What all benchmark programs share: the library, loaded once, and the check of a service's result.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -24,6 +25,31 @@ inline void returnChain(MEMFunctionVector &mem, MemPackBlock *block, std::uint32
     mem.MEM_Free(block, blockLen, 0);
     block = next;
   }
+}
+
+// Definitions for port strings: fields that must be there, and structures without a repeat field.
+constexpr MEMFieldDef portField(std::uint32_t id, MEMFieldType type, std::int32_t length,
+                                std::size_t offset, std::uint32_t target = 0) {
+  MEMFieldDef made{};
+  made.FieldID = id;
+  made.Type = static_cast<std::uint8_t>(type);
+  made.Required = 1;
+  made.Length = length;
+  made.SubStructID = target;
+  made.Offset = static_cast<std::int32_t>(offset);
+  return made;
+}
+
+template <std::size_t count>
+constexpr MEMStructDef portStruct(std::uint32_t id, std::size_t length,
+                                  const MEMFieldDef (&fields)[count]) {
+  MEMStructDef made{};
+  made.StructID = id;
+  made.Length = static_cast<std::int32_t>(length);
+  made.CountField = MEM_PORT_NO_COUNT;
+  made.FieldCount = count;
+  made.Fields = fields;
+  return made;
 }
 
 // A heap of the library, closed at the end of its scope.

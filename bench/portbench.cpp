@@ -14,18 +14,8 @@ namespace {
 
 using bench::library;
 using bench::OpenHeap;
+using bench::portField;
 using bench::require;
-
-MEMFieldDef fieldDef(std::uint32_t fieldID, MEMFieldType type, std::int32_t length,
-                     std::int32_t offset, std::uint32_t structID = 0) {
-  MEMFieldDef field{};
-  field.FieldID = fieldID;
-  field.Type = static_cast<std::uint8_t>(type);
-  field.Length = length;
-  field.SubStructID = structID;
-  field.Offset = offset;
-  return field;
-}
 
 // Definition table and structures of one case.
 struct Case {
@@ -49,7 +39,7 @@ constexpr std::size_t kElements = 10000;
 
 // One structure with a count and elements of 8 bytes from byte 8 on.
 void makeRepeated(Case &made, MEMFieldType type) {
-  made.fields = {fieldDef(1, MEM_PORT_LONG, 4, 0), fieldDef(2, type, 8, 8)};
+  made.fields = {portField(1, MEM_PORT_LONG, 4, 0), portField(2, type, 8, 8)};
   made.define(16, 0);
   made.storage.assign(1 + kElements, 0);
   made.storage[0] = kElements;
@@ -74,8 +64,8 @@ void makeStrings(Case &made) {
 
 // A list of `count` structures, each with a number, the next one and one on the way.
 void makePointers(Case &made, std::size_t count) {
-  made.fields = {fieldDef(1, MEM_PORT_LONG, 4, 0), fieldDef(2, MEM_PORT_PNT, 8, 8, 1),
-                 fieldDef(3, MEM_PORT_PNT, 8, 16, 1)};
+  made.fields = {portField(1, MEM_PORT_LONG, 4, 0), portField(2, MEM_PORT_PNT, 8, 8, 1),
+                 portField(3, MEM_PORT_PNT, 8, 16, 1)};
   made.define(24);
   made.storage.assign(3 * count, 0);
   for (std::size_t i = 0; i < count; ++i) {

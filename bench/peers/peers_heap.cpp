@@ -95,47 +95,31 @@ class Remembered {
   std::vector<void *> entries_;
 };
 
-class LongEntries {
+// A heap of the library, by the slots that serve it.
+template <class Length, auto kOpen, auto kTake, auto kClose>
+class LibraryEntries {
  public:
-  explicit LongEntries(BenchSession &session) : mem_(session.mem()) {}
-  void open() { require(mem_.MEM_HeapOpen(&heap_, 64, 0), "MEM_HeapOpen"); }
+  explicit LibraryEntries(BenchSession &session) : mem_(session.mem()) {}
+  void open() { require((mem_.*kOpen)(&heap_, 64, 0), "opening the heap"); }
   void *take(std::uint32_t length) {
     void *entry = nullptr;
-    mem_.MEM_HeapAllocEntryLong(heap_, static_cast<std::int32_t>(length), &entry);
+    (mem_.*kTake)(heap_, static_cast<Length>(length), &entry);
     return entry;
   }
-  void close() { require(mem_.MEM_HeapClose(heap_), "MEM_HeapClose"); }
-
- protected:
-  MEMFunctionVector &mem_;
-  HMEMHEAP heap_ = nullptr;
-};
-
-class ShortEntries : public LongEntries {
- public:
-  using LongEntries::LongEntries;
-  void *take(std::uint32_t length) {
-    void *entry = nullptr;
-    mem_.MEM_HeapAllocEntry(heap_, static_cast<std::int16_t>(length), &entry);
-    return entry;
-  }
-};
-
-class EnhancedEntries {
- public:
-  explicit EnhancedEntries(BenchSession &session) : mem_(session.mem()) {}
-  void open() { require(mem_.MEM_EHeapOpen(&heap_, 64, 0), "MEM_EHeapOpen"); }
-  void *take(std::uint32_t length) {
-    void *entry = nullptr;
-    mem_.MEM_EHeapAllocEntry(heap_, static_cast<std::int32_t>(length), &entry);
-    return entry;
-  }
-  void close() { require(mem_.MEM_EHeapClose(heap_), "MEM_EHeapClose"); }
+  void close() { require((mem_.*kClose)(heap_), "closing the heap"); }
 
  private:
   MEMFunctionVector &mem_;
   HMEMHEAP heap_ = nullptr;
 };
+
+using Vector = MEMFunctionVector;
+using LongEntries = LibraryEntries<std::int32_t, &Vector::MEM_HeapOpen,
+                                   &Vector::MEM_HeapAllocEntryLong, &Vector::MEM_HeapClose>;
+using ShortEntries = LibraryEntries<std::int16_t, &Vector::MEM_HeapOpen,
+                                    &Vector::MEM_HeapAllocEntry, &Vector::MEM_HeapClose>;
+using EnhancedEntries = LibraryEntries<std::int32_t, &Vector::MEM_EHeapOpen,
+                                       &Vector::MEM_EHeapAllocEntry, &Vector::MEM_EHeapClose>;
 
 class CLibrary : public Remembered {
  public:

@@ -6,54 +6,32 @@
 #include <random>
 #include <string_view>
 
+#include "benchlib.hpp"
+
 namespace bench {
 
 namespace {
 
 constexpr std::uint32_t kDependencyStruct = 2;
 
-constexpr MEMFieldDef field(std::uint32_t id, MEMFieldType type, std::size_t offset,
-                            std::int32_t length, std::uint32_t target = 0) {
-  MEMFieldDef made{};
-  made.FieldID = id;
-  made.Type = static_cast<std::uint8_t>(type);
-  made.Required = 1;
-  made.Length = length;
-  made.SubStructID = target;
-  made.Offset = static_cast<std::int32_t>(offset);
-  return made;
-}
-
 constexpr MEMFieldDef kPackageFields[] = {
-    field(1, MEM_PORT_PNT, offsetof(PackageRecord, pNext), 8, kPackageStruct),
-    field(2, MEM_PORT_PSTR, offsetof(PackageRecord, pName), 8),
-    field(3, MEM_PORT_PSTR, offsetof(PackageRecord, pVersion), 8),
-    field(4, MEM_PORT_PSTR, offsetof(PackageRecord, pSummary), 8),
-    field(5, MEM_PORT_PNT, offsetof(PackageRecord, pFirstDependency), 8, kDependencyStruct),
-    field(6, MEM_PORT_ULONG, offsetof(PackageRecord, Number), 4),
-    field(7, MEM_PORT_ULONG, offsetof(PackageRecord, DependencyCount), 4)};
+    portField(1, MEM_PORT_PNT, 8, offsetof(PackageRecord, pNext), kPackageStruct),
+    portField(2, MEM_PORT_PSTR, 8, offsetof(PackageRecord, pName)),
+    portField(3, MEM_PORT_PSTR, 8, offsetof(PackageRecord, pVersion)),
+    portField(4, MEM_PORT_PSTR, 8, offsetof(PackageRecord, pSummary)),
+    portField(5, MEM_PORT_PNT, 8, offsetof(PackageRecord, pFirstDependency), kDependencyStruct),
+    portField(6, MEM_PORT_ULONG, 4, offsetof(PackageRecord, Number)),
+    portField(7, MEM_PORT_ULONG, 4, offsetof(PackageRecord, DependencyCount))};
 
 constexpr MEMFieldDef kDependencyFields[] = {
-    field(1, MEM_PORT_PNT, offsetof(DependencyRecord, pNext), 8, kDependencyStruct),
-    field(2, MEM_PORT_PSTR, offsetof(DependencyRecord, pConstraint), 8),
-    field(3, MEM_PORT_PNT, offsetof(DependencyRecord, pPackage), 8, kPackageStruct),
-    field(4, MEM_PORT_ULONG, offsetof(DependencyRecord, Flags), 4)};
-
-template <std::size_t count>
-constexpr MEMStructDef structure(std::uint32_t id, std::size_t length,
-                                 const MEMFieldDef (&fields)[count]) {
-  MEMStructDef made{};
-  made.StructID = id;
-  made.Length = static_cast<std::int32_t>(length);
-  made.CountField = MEM_PORT_NO_COUNT;
-  made.FieldCount = count;
-  made.Fields = fields;
-  return made;
-}
+    portField(1, MEM_PORT_PNT, 8, offsetof(DependencyRecord, pNext), kDependencyStruct),
+    portField(2, MEM_PORT_PSTR, 8, offsetof(DependencyRecord, pConstraint)),
+    portField(3, MEM_PORT_PNT, 8, offsetof(DependencyRecord, pPackage), kPackageStruct),
+    portField(4, MEM_PORT_ULONG, 4, offsetof(DependencyRecord, Flags))};
 
 constexpr MEMStructDef kDefinitions[] = {
-    structure(kPackageStruct, sizeof(PackageRecord), kPackageFields),
-    structure(kDependencyStruct, sizeof(DependencyRecord), kDependencyFields),
+    portStruct(kPackageStruct, sizeof(PackageRecord), kPackageFields),
+    portStruct(kDependencyStruct, sizeof(DependencyRecord), kDependencyFields),
     MEMStructDef{},  // the end
 };
 

@@ -44,8 +44,11 @@ class TextTarget {
   // Stores what fits. False when there is an excess that must not be.
   bool put(std::string_view text) noexcept {
     const std::size_t count = std::min(text.size(), room_ - stored_);
-    for (std::size_t i = 0; i < count; ++i) {
-      putUnit(static_cast<Unit>(static_cast<unsigned char>(text[i])));
+    if constexpr (sizeof(Unit) == 1) {
+      if (count > 0) std::memcpy(pText_ + stored_, text.data(), count);
+      stored_ += count;
+    } else {
+      for (std::size_t i = 0; i < count; ++i) putUnit(static_cast<unsigned char>(text[i]));
     }
     return count == text.size() || excess_ == Excess::dropped;
   }
@@ -77,7 +80,8 @@ class TextTarget {
 // Characters up to the first of the two; the whole of the text when there is none.
 std::size_t findEither(std::string_view text, char a, char b) noexcept {
   std::size_t i = 0;
-  while (i < text.size() && text[i] != a && text[i] != b) ++i;
+  const char *const pText = text.data();
+  while (i < text.size() && pText[i] != a && pText[i] != b) ++i;
   return i;
 }
 

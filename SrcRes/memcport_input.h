@@ -26,7 +26,7 @@ class PortInput {
   // What is left of the current chunk, or of the next one that holds anything; empty at the end.
   std::string_view rest() noexcept {
     if (position_ == current_.size() && !step()) return {};
-    return current_.substr(position_);
+    return {current_.data() + position_, current_.size() - position_};
   }
   // REQUIRES: count <= rest().size().
   void skip(std::size_t count) noexcept { position_ += count; }

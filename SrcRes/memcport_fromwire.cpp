@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "bytes.h"
+#include "textparts.h"
 
 namespace mem {
 
@@ -95,7 +96,7 @@ bool readText(PortScanner &scanner, const MessagePoint &point, char quote, TextT
     const std::size_t plain = findEither(text, quote, '/');
     const std::size_t read = target.readable(plain);
     scanner.skip(read);
-    if (!target.put(text.substr(0, read))) return target.report(scanner, point);
+    if (!target.put(firstOf(text, read))) return target.report(scanner, point);
     if (plain == text.size()) continue;
     scanner.skip(1);
     if (text[plain] == quote) return true;

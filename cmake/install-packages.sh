@@ -2,12 +2,14 @@
 # Installs the Debian packages that a job needs and this machine lacks. Says and does nothing when
 # all of them are there.
 #
-#   cmake/install-packages.sh [linux] [windows] [lint] [fuzz]
+#   cmake/install-packages.sh [linux] [windows] [lint] [fuzz] [coverage] [memcheck]
 #
 # linux    build and tests on Linux
 # windows  cross build, and Wine to run what it makes
 # lint     clang-format and clang-tidy
 # fuzz     clang with libFuzzer and the sanitizers' runtime
+# coverage the report of covered lines and branches
+# memcheck valgrind
 set -euo pipefail
 
 packagesFor() {
@@ -16,6 +18,8 @@ packagesFor() {
     windows) echo clang llvm lld g++-mingw-w64-x86-64-posix googletest wine wine64 ;;
     lint) echo clang llvm lld clang-format clang-tidy ;;
     fuzz) echo clang llvm googletest libclang-rt-14-dev ;;
+    coverage) echo gcovr ;;
+    memcheck) echo valgrind ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2

@@ -1,8 +1,10 @@
 // A host that packs a package catalogue: loads the library, binds it, builds linked records in a
-// heap, packs them into a chain of blocks, writes the chain to a file and the records as a port
+// heap with the help of a cell pool, puts a part of its report together in a concatenation buffer,
+// packs the records into a chain of blocks, writes the chain to a file and the records as a port
 // string to another, sinks the names, ends everything and accounts for every byte. Run with --read
 // it is the second process, which knows the structures from these files only. `catalog --help`
 // tells the options.
+#include <cstddef>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -16,6 +18,7 @@
 #include "catalog_model.hpp"
 #include "catalog_report.hpp"
 #include "chain_file.hpp"
+#include "most_needed.hpp"
 #include "port_file.hpp"
 #include "refhost.hpp"
 #include "running_library.hpp"
@@ -30,6 +33,8 @@ namespace {
 constexpr const char *kMachineCatalogue = "/var/lib/dpkg/status";
 constexpr const char *kSampleCatalogue = "sample-status";  // beside the program
 constexpr const char *kDefaultOutput = "qj7mem00-catalog.chain";
+
+constexpr std::size_t kMostNeeded = 3;  // packages that the report names
 
 // Names the catalogue and the chain file where the user did not. They must be two files.
 void complete(Arguments &arguments, const std::filesystem::path &programFolder) {
@@ -61,6 +66,7 @@ void packCatalogue(refhost::Host &host, const Arguments &arguments, StepClock &c
   std::optional<CatalogRecords> records;
   clock.run("build", [&] { records.emplace(host, packages); });
   report.records = records->counts();
+  report.mostNeeded = neededLines(host, mostNeeded(records->root(), kMostNeeded));
 
   const MemPackCB packCB = describeRecords();
   std::optional<PackedChain> chain;

@@ -8,6 +8,7 @@
 
 #include "running_library.hpp"
 #include "utf_text.hpp"
+#include "waiting_list.hpp"
 
 namespace catalog {
 namespace {
@@ -71,19 +72,14 @@ MemPackCB describeRecords() {
 // Fills the heap. Its entries come with whatever the host's storage held, so every field is set.
 class CatalogRecords::Builder {
  public:
-  explicit Builder(CatalogRecords &records) : records_(records) {}
+  explicit Builder(CatalogRecords &records) : records_(records), waiting_(records.host_) {}
 
   PackageRecord *build(const std::vector<Package> &packages) {
     PackageRecord *const root = makeChain<PackageRecord>(packages.size());
     PackageRecord *record = root;
     for (const Package &package : packages) {
       fillPackage(*record, package);
-      byName_.emplace(package.name, record);  // of packages with one name the first is meant
-      record = record->pNext;
-    }
-    record = root;
-    for (const Package &package : packages) {
-      resolve(*record, package);
+      announce(*record, package.name);
       record = record->pNext;
     }
     return root;
@@ -138,22 +134,28 @@ class CatalogRecords::Builder {
   void fillDependency(DependencyRecord &record, const Dependency &dependency) {
     record.pName = copyNarrow(dependency.name);
     record.pConstraint = copyNarrow(dependency.constraint);
-    record.pPackage = nullptr;
     record.Flags = flagsOf(dependency);
     record.Reserved36 = 0;
     ++counts().dependencies;
+    resolve(record, bareName(dependency.name));
   }
 
-  // Once every package has its record: points the dependencies at them.
-  void resolve(PackageRecord &record, const Package &package) {
-    DependencyRecord *entry = record.pFirstDependency;
-    for (const Dependency &dependency : package.dependencies) {
-      const auto found = byName_.find(bareName(dependency.name));
-      if (found != byName_.end()) {
-        entry->pPackage = found->second;
-        ++counts().references;
-      }
-      entry = entry->pNext;
+  // Points the dependency at its package, now or when that has its record.
+  void resolve(DependencyRecord &record, std::string_view packageName) {
+    const auto found = byName_.find(packageName);
+    if (found != byName_.end()) {
+      record.pPackage = found->second;
+      ++counts().references;
+    } else {
+      record.pPackage = nullptr;
+      waiting_.add(packageName, record);
+    }
+  }
+
+  // Of packages with one name the first is meant.
+  void announce(PackageRecord &record, std::string_view name) {
+    if (byName_.emplace(name, &record).second) {
+      counts().references += waiting_.resolve(name, record);
     }
   }
 
@@ -162,6 +164,7 @@ class CatalogRecords::Builder {
 
   CatalogRecords &records_;
   std::unordered_map<std::string_view, PackageRecord *> byName_;
+  WaitingList waiting_;
 };
 
 namespace {

@@ -4,6 +4,9 @@
 #include <ostream>
 #include <sstream>
 
+#include "utf_text.hpp"
+#include "wide_text.hpp"
+
 namespace catalog {
 namespace {
 
@@ -87,8 +90,24 @@ void printAccount(std::ostream &stream, const refhost::Account &account) {
 
 }  // namespace
 
+std::string neededLines(refhost::Host &host, const std::vector<NeededPackage> &packages) {
+  WideText lines(host);
+  for (const NeededPackage &needed : packages) {
+    std::ostringstream count;
+    line(count, needed.package->pName, needed.dependencies) << "  dependencies";
+    lines.append(utf16FromUtf8(count.str()).c_str());
+    if (needed.package->pSummary != nullptr) {
+      lines.append(u": ");
+      lines.append(needed.package->pSummary);
+    }
+    lines.append(u"\n");
+  }
+  return utf8FromUtf16(lines.view());
+}
+
 void printReport(std::ostream &stream, const Report &report) {
   printRecords(stream, report);
+  if (!report.mostNeeded.empty()) stream << "Most needed packages\n" << report.mostNeeded;
   printChain(stream, report);
   printPort(stream, report);
   if (report.names.names != 0) printNames(stream, report.names);

@@ -3,9 +3,9 @@
 #
 #   ./coverage.sh [ctest argument...]     for example: ./coverage.sh -R sink
 #
-# Installs what is missing. Prints a table by file and leaves build/coverage/report: index.html with
-# every line, summary.txt with the table. A call that cannot throw has a branch for the exception in
-# the compiler's eyes; such branches and unreachable ones are left out.
+# Installs what is missing. Prints two tables by file, lines and branches, and leaves them in
+# build/coverage/report beside index.html, which shows every line. Branches that only the compiler
+# sees, those of exceptions behind calls that cannot throw among them, are left out.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
@@ -19,12 +19,11 @@ ctest --preset coverage "$@" || failed=1
 
 report=build/coverage/report
 mkdir -p "$report"
-gcovr --root . --filter 'SrcRes/' --object-directory build/coverage \
-  --exclude-throw-branches --exclude-unreachable-branches \
-  --html-details "$report/index.html" build/coverage/SrcRes
-common=(--root . --filter 'SrcRes/' --object-directory build/coverage
-  --exclude-throw-branches --exclude-unreachable-branches build/coverage/SrcRes)
-gcovr "${common[@]}" --output "$report/lines.txt"
-gcovr "${common[@]}" --branches --output "$report/branches.txt"
+measure() {
+  gcovr --root . --filter 'SrcRes/' --exclude-throw-branches --exclude-unreachable-branches \
+    "$@" build/coverage/SrcRes
+}
+measure --txt "$report/lines.txt" --html-details "$report/index.html"
+measure --branches --txt "$report/branches.txt"
 cat "$report/lines.txt" "$report/branches.txt"
 exit $failed

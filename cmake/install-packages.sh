@@ -2,13 +2,15 @@
 # Installs the Debian packages that a job needs and this machine lacks. Says and does nothing when
 # all of them are there.
 #
-#   cmake/install-packages.sh [linux] [windows] [lint] [fuzz] [bench]
+#   cmake/install-packages.sh <job>...
 #
 # linux    build and tests on Linux
 # windows  cross build, and Wine to run what it makes
 # lint     clang-format and clang-tidy
 # fuzz     clang with libFuzzer and the sanitizers' runtime
 # bench    what the benchmarks compare the library with
+# coverage the report of covered lines and branches
+# memcheck valgrind
 set -euo pipefail
 
 packagesFor() {
@@ -22,6 +24,8 @@ packagesFor() {
         libapr1-dev libabsl-dev libflatbuffers-dev flatbuffers-compiler capnproto libcapnp-dev \
         protobuf-compiler libprotobuf-dev rapidjson-dev python3
       ;;
+    coverage) echo gcovr ;;
+    memcheck) echo valgrind ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2

@@ -1,5 +1,6 @@
-// What tests of heaps and hash tables share: views of control blocks byte by byte, a watch over the
-// slots through which services call each other, and a fixture that checks how a call ends.
+// What tests of heaps, hash tables, cell pools and concatenation buffers share: views of control
+// blocks byte by byte, a watch over the slots through which services call each other, and a fixture
+// that checks how a call ends.
 #pragma once
 
 #include <algorithm>
@@ -289,6 +290,12 @@ enum class NameBy {
   kStanding  // whatever free message text stands is copied
 };
 
+// What the host is told about a failure.
+struct Told {
+  std::string detail = {};
+  bool messageText = false;  // the free message text instead of the name field
+};
+
 // The free message text before each call that is expected to fail.
 inline constexpr char kStandingText[] = "what an earlier call left";
 
@@ -364,7 +371,7 @@ class HeapHashTest : public StartedTest {
   // `call` fails with -1 and this error, reports it once, and traces nothing.
   template <class Call>
   void expectFails(std::uint32_t code, const std::string &name, NameBy nameBy, Call call,
-                   const FailureMarks &marks = {}) {
+                   const FailureMarks &marks = {}, const Told &told = {}) {
     std::memset(&error(), 0xEE, sizeof error());
     setMessageText(kStandingText);
     reports.clear();
@@ -375,9 +382,10 @@ class HeapHashTest : public StartedTest {
     expectError(code, name, marks);
     EXPECT_EQ(messageText(), nameBy == NameBy::kMessage ? name : kStandingText);
     ASSERT_EQ(reports.size(), 1U);
-    EXPECT_EQ(static_cast<const void *>(reports[0].pErrorText), error().NameText);
+    EXPECT_EQ(static_cast<const void *>(reports[0].pErrorText),
+              told.messageText ? env().MessageText : error().NameText);
     EXPECT_EQ(reports[0].errorText, name);
-    EXPECT_EQ(reports[0].detail, "");
+    EXPECT_EQ(reports[0].detail, told.detail);
     EXPECT_EQ(reports[0].code, code) << "reported before the error area is filled";
     EXPECT_EQ(reports[0].returnCode, kFailedCode);
     EXPECT_EQ(reports[0].component, marks.component);

@@ -3,7 +3,6 @@
 // that checks how a call ends.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -44,8 +43,9 @@ inline std::string eyecatcher(const void *block) {
 }
 
 inline bool allBytesAre(const void *from, std::size_t length, std::uint8_t value) {
+  if (length == 0) return true;
   const auto *bytes = static_cast<const std::uint8_t *>(from);
-  return std::all_of(bytes, bytes + length, [value](std::uint8_t byte) { return byte == value; });
+  return bytes[0] == value && std::memcmp(bytes, bytes + 1, length - 1) == 0;  // each as the next
 }
 
 // Builds the expected bytes of a block field by field.

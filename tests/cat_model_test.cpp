@@ -1,6 +1,7 @@
 // Concatenation buffers against texts of the standard library, with random appends to several
 // buffers at once.
 
+#include <algorithm>
 #include <array>
 #include <memory>
 

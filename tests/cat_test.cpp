@@ -315,6 +315,8 @@ TEST_P(CatAppendTest, StorageGrowsToTheNextStepAboveTheNeed) {
     ASSERT_EQ(cat.BlkLen, row.storage);
     const AddressNames names = {{asNumber(cat.pText), "old"}};
     char16_t *const old = cat.pText;
+    const std::uint32_t usedBefore = neededFor(row.before);
+    std::memset(at(old, usedBefore), kBlockFilling, row.storage - usedBefore);
     append(std::u16string(row.appended, u'y'));
     if (row.after == row.storage) {
       EXPECT_EQ(watch.takeLines(names), Lines{});
@@ -329,8 +331,9 @@ TEST_P(CatAppendTest, StorageGrowsToTheNextStepAboveTheNeed) {
         std::u16string(row.before, u'x') + std::u16string(row.appended, u'y');
     EXPECT_TRUE(std::u16string(cat.pText) == expected);
     const std::uint32_t used = neededFor(expected.size());
-    EXPECT_TRUE(allBytesAre(at(cat.pText, used), row.after - used, kDirty))
-        << "what is behind the text is not copied";
+    EXPECT_TRUE(allBytesAre(at(cat.pText, used), row.after - used,
+                            row.after == row.storage ? kBlockFilling : kDirty))
+        << "what is behind the text is neither copied nor written";
     close();
   }
 }
@@ -811,6 +814,17 @@ TEST_F(CatTraceTest, EveryServiceWritesItsRecords) {
       catTraced(kBoth, [&] { close(); }),
       (Lines{record("STDE", "MEM_CatClose", 181, "MEM_CAT_CB=" + hex8(&cat) + ",String=00000000"),
              success("MEM_CatClose", 196)}));
+}
+
+// What a short address does not show: how many digits there are at least.
+TEST_F(CatTraceTest, FormatsOfTexts) {
+  host.setTraceFlags(kBoth);
+  EXPECT_EQ(formats([&] { mem.MEM_CatOpen(&cat); }), (Lines{"MEM_CatOpen: MEM_CAT_CB=%08X"}));
+  EXPECT_EQ(formats([&] { mem.MEM_Cat(&cat, u"abc"); }), (Lines{"MEM_Cat: %S"}));
+  EXPECT_EQ(formats([&] { mem.MEM_Cat(&cat, std::u16string(512, u'x').c_str()); }), (Lines{}));
+  EXPECT_EQ(formats([&] { mem.MEM_MemCat(&cat, u"abc", 3); }), (Lines{}));
+  EXPECT_EQ(formats([&] { close(); }), (Lines{"MEM_CatClose: MEM_CAT_CB=%08X,String=%08X"}));
+  host.setTraceFlags(0);
 }
 
 TEST_F(CatTraceTest, StorageCallsLieBetweenTheRecords) {

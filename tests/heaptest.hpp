@@ -408,6 +408,22 @@ class HeapHashTest : public StartedTest {
     return callLines(host.takeCalls(), names);
   }
 
+  // Format texts of the trace lines that `call` writes, "MEM_CellClear: Parms: hMemCell=%lx",
+  // without those of storage services.
+  template <class Call>
+  Lines formats(Call call) {
+    host.recordCalls(true);
+    call();
+    host.recordCalls(false);
+    Lines lines;
+    for (const refhost::HostCall &made : host.takeCalls()) {
+      if (made.service != refhost::Service::Format) continue;
+      if (made.frame == "MemAlloc" || made.frame == "MEM_Free") continue;
+      lines.push_back(made.frame + ": " + reinterpret_cast<const char *>(made.args[1]));
+    }
+    return lines;
+  }
+
   std::vector<Report> reports;
 
  private:

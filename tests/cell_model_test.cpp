@@ -1,6 +1,7 @@
 // Cell pools against a model: every pair of lengths that a pool may have, and random operations on
 // several pools at once.
 
+#include <algorithm>
 #include <array>
 #include <memory>
 

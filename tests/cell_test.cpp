@@ -902,6 +902,24 @@ TEST_F(CellTraceTest, FailuresHaveNoExitRecord) {
   close(pool);
 }
 
+// What a short address does not show: how many digits there are at least.
+TEST_F(CellTraceTest, FormatsOfTexts) {
+  HMEMCELL pool = nullptr;
+  void *cell = nullptr;
+  host.setTraceFlags(kBoth);
+  EXPECT_EQ(formats([&] { pool = open(256, 88); }),
+            (Lines{"MEM_CellOpen: Parms: phMemCell=%lX, AreaLen=%ld, CellLen=%ld, SubPool=%hd",
+                   "MEM_CellOpen: Cell Object=%08X"}));
+  EXPECT_EQ(formats([&] { mem.MEM_CellAllocEntry(pool, &cell); }),
+            (Lines{"MemCellAllocEntry: Parms: hMemCell=%lX, ppCell=%lX"}));
+  EXPECT_EQ(formats([&] { free(pool, cell); }),
+            (Lines{"MEM_CellFreeEntry: Parms: hMemCell=%lX, pEntry=%lX"}));
+  EXPECT_EQ(formats([&] { mem.MEM_CellClear(pool); }),
+            (Lines{"MEM_CellClear: Parms: hMemCell=%lx"}));
+  EXPECT_EQ(formats([&] { close(pool); }), (Lines{"MemCellClose: Parms: hMemCell=%lX"}));
+  host.setTraceFlags(0);
+}
+
 TEST_F(CellTraceTest, OnlyExitTextsWithAnAddressAreFormatted) {
   host.setTraceFlags(MEM_TRACE_EXIT);
   HMEMCELL pool = open(1024, 100);

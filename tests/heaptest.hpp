@@ -3,7 +3,6 @@
 // that checks how a call ends.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -45,8 +44,9 @@ inline std::string eyecatcher(const void *block) {
 }
 
 inline bool allBytesAre(const void *from, std::size_t length, std::uint8_t value) {
+  if (length == 0) return true;
   const auto *bytes = static_cast<const std::uint8_t *>(from);
-  return std::all_of(bytes, bytes + length, [value](std::uint8_t byte) { return byte == value; });
+  return bytes[0] == value && std::memcmp(bytes, bytes + 1, length - 1) == 0;  // each as the next
 }
 
 // Builds the expected bytes of a block field by field.
@@ -431,6 +431,22 @@ class HeapHashTest : public StartedTest {
     call();
     host.recordCalls(false);
     return callLines(host.takeCalls(), names);
+  }
+
+  // Format texts of the trace lines that `call` writes, "MEM_CellClear: Parms: hMemCell=%lx",
+  // without those of storage services.
+  template <class Call>
+  Lines formats(Call call) {
+    host.recordCalls(true);
+    call();
+    host.recordCalls(false);
+    Lines lines;
+    for (const refhost::HostCall &made : host.takeCalls()) {
+      if (made.service != refhost::Service::Format) continue;
+      if (made.frame == "MemAlloc" || made.frame == "MEM_Free") continue;
+      lines.push_back(made.frame + ": " + reinterpret_cast<const char *>(made.args[1]));
+    }
+    return lines;
   }
 
   std::vector<Report> reports;

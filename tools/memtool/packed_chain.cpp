@@ -29,9 +29,17 @@ constexpr std::array<std::uint8_t, 256> kCodePage037 = {
     0x30, 0x31, 0x32, 0x33, 0x34, 0x35, 0x36, 0x37, 0x38, 0x39, 0xB3, 0xDB, 0xDC, 0xD9, 0xDA, 0x9F,
 };
 
+}  // namespace
+
+std::uint8_t latin1FromEbcdic(std::uint8_t byte) {
+  return kCodePage037[byte];
+}
+
+namespace {
+
 std::string utf8FromEbcdic(std::string_view text) {
   std::string utf8;
-  for (const char byte : text) appendUtf8(utf8, kCodePage037[static_cast<std::uint8_t>(byte)]);
+  for (const char byte : text) appendUtf8(utf8, latin1FromEbcdic(static_cast<std::uint8_t>(byte)));
   return utf8;
 }
 

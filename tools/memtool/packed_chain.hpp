@@ -42,6 +42,9 @@ struct Block {
   std::uint32_t used = 0;  // bytes from block offset 8 on
 };
 
+// The character of a byte of code page 037.
+std::uint8_t latin1FromEbcdic(std::uint8_t byte);
+
 enum class Form { Fixed, Counted, SelfDescribing, NarrowText, WideText, Unknown };
 
 constexpr bool isText(Form form) {
@@ -51,7 +54,7 @@ constexpr bool isText(Form form) {
 // A kind of segment: one descriptor of the control block, in numbers of this machine.
 struct Kind {
   bool isDescribed = true;     // false: beyond the count, and what stands there makes no sense
-  std::uint16_t typeCode = 0;  // as in the file
+  std::uint16_t typeCode = 0;  // as in the file, but the letter of an own length is ASCII
   Form form = Form::Fixed;
   std::uint16_t fixedLen = 0;
   std::int16_t siblingOff = MEM_PACK_NO_SIBLING;

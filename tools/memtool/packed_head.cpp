@@ -125,6 +125,9 @@ Kind readKind(const PackedChain &chain, std::uint32_t offset) {
   Kind kind;
   kind.typeCode = chain.number(at(0));
   kind.form = formOf(kind.typeCode);
+  if (kind.form == Form::SelfDescribing && chain.version->isEbcdic && kind.typeCode <= 0xFF) {
+    kind.typeCode = latin1FromEbcdic(static_cast<std::uint8_t>(kind.typeCode));
+  }
   kind.fixedLen = chain.number(at(2));
   kind.siblingOff = chain.signedNumber(at(4));
   const std::size_t children =

@@ -22,5 +22,6 @@ struct Tool {
 // which may throw ToolError and UsageError. Both arguments outlive the command.
 void addChainCommand(CLI::App &app, Tool &tool);
 void addErrorsCommand(CLI::App &app, Tool &tool);
+void addHeapmapCommand(CLI::App &app, Tool &tool);
 
 }  // namespace memtool

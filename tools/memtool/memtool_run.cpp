@@ -38,6 +38,7 @@ void describe(CLI::App &app, Tool &tool) {
   app.footer(kFooter);
   addChainCommand(app, tool);
   addErrorsCommand(app, tool);
+  addHeapmapCommand(app, tool);
 }
 
 ExitCode parseAndRun(CLI::App &app, Tool &tool, std::vector<std::string> words) {

@@ -86,10 +86,10 @@ struct Gutter {
 class ChainPicture {
  public:
   ChainPicture(const std::string &name, const PackedChain &chain)
-      : name_(name),
+      : name_(name.substr(name.find_last_of("/\\") + 1)),
         chain_(chain),
         drawn_(std::min(chain.blocks.size(), kMostDrawnBlocks)),
-        svg_("Packed chain " + name, kStyles) {}
+        svg_("Packed chain " + name_, kStyles) {}
 
   std::string draw();
 
@@ -116,7 +116,7 @@ class ChainPicture {
   double topOf(std::size_t block) const { return bandTops_[block / kBandBlocks]; }
   double leftOf(std::size_t block) const { return columnLefts_[columnOf(block)]; }
 
-  const std::string &name_;
+  const std::string name_;  // of the file, without its folder
   const PackedChain &chain_;
   std::size_t drawn_;
   Svg svg_;
@@ -370,8 +370,9 @@ double ChainPicture::drawLegend(double y) {
   };
   note("Numbers in front are offsets as in relative pointers; +n is a field of the segment.");
   if (writtenOnly_ > 0) {
-    note(fmt::format("{} pointer{} written without an arrow.", grouped(writtenOnly_),
-                     writtenOnly_ == 1 ? " is" : "s are"));
+    note(fmt::format(
+        "{} further than to what is drawn next to it, without an arrow.",
+        writtenOnly_ == 1 ? "1 pointer leads" : grouped(writtenOnly_) + " pointers lead"));
   }
   if (drawn_ < chain_.blocks.size()) {
     note(fmt::format("Blocks 0 to {} of {} are drawn.", drawn_ - 1, grouped(chain_.blocks.size())));

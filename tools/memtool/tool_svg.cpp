@@ -11,8 +11,7 @@ namespace {
 
 constexpr const char *kBaseStyles =
     "  text { font-family: Helvetica, Arial, sans-serif; font-size: 12px; fill: #222; }\n"
-    "  .mono { font-family: 'DejaVu Sans Mono', Consolas, Menlo, monospace; font-size: 11px;\n"
-    "          white-space: pre; }\n"
+    "  .mono { font-family: 'DejaVu Sans Mono', Consolas, Menlo, monospace; font-size: 11px; }\n"
     "  .label { font-weight: bold; }\n"
     "  .dim { fill: #777; }\n"
     "  .ground { fill: #fff; }\n";
@@ -133,7 +132,8 @@ std::string Svg::finish(double width, double height) const {
   return fmt::format(
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
       "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"{0}\" height=\"{1}\" "
-      "viewBox=\"0 0 {0} {1}\" role=\"img\">\n"
+      "viewBox=\"0 0 {0} {1}\" role=\"img\" "
+      "xml:space=\"preserve\">\n"
       "<title>{2}</title>\n<style>\n{3}{4}</style>\n<defs>\n{5}</defs>\n"
       "<rect width=\"{0}\" height=\"{1}\" class=\"ground\"/>\n{6}</svg>\n",
       number(width), number(height), escaped(title_), kBaseStyles, styles_, definitions_, body_);

@@ -17,7 +17,7 @@ constexpr double kTickRow = 16;
 constexpr double kLine = 20;
 constexpr double kPanelGap = 22;
 constexpr double kAreaGap = 10;
-constexpr double kTextPad = 4;  // beside a label
+constexpr double kTextPad = 2.5;  // beside a label
 constexpr std::size_t kEntryColours = 5;
 
 constexpr const char *kStyles =
@@ -41,7 +41,7 @@ class HeapPicture {
   void drawSnapshot(const Snapshot &snapshot);
   void drawStore(const Store &store);
   void drawArea(const Store &store, const StoreArea &area, std::size_t number);
-  void drawPart(const AreaPart &part, std::size_t number);
+  bool drawPart(const AreaPart &part, std::size_t number);
   void drawTicks(const std::vector<AreaPart> &parts, std::uint32_t length);
   void drawLegend();
 
@@ -78,18 +78,20 @@ void HeapPicture::findScale(const std::vector<Snapshot> &snapshots) {
   scale_ = kBarWidth / longest;
 }
 
-// The label stands in its part where it fits; every part is in the text form in any case.
-void HeapPicture::drawPart(const AreaPart &part, std::size_t number) {
+// The label stands in its part, with what else there is to say where it fits. False when not even
+// the label does.
+bool HeapPicture::drawPart(const AreaPart &part, std::size_t number) {
   const double width = part.length * scale_;
   svg_.rect(xOf(part.offset), y_, width, kBarHeight, classOf(part, number));
   const std::size_t columns = columnsIn(width - 2 * kTextPad);
   const std::string length = grouped(part.length);
-  if (displayColumns(part.text) <= columns) {
-    svg_.text(xOf(part.offset) + kTextPad, y_ + 14, "mono", part.text);
-  }
+  const std::string &text = displayColumns(part.text) <= columns ? part.text : part.label;
+  const bool fits = displayColumns(text) <= columns;
+  if (fits) svg_.text(xOf(part.offset) + kTextPad, y_ + 14, "mono", text);
   if (length.size() <= columns) {
     svg_.text(xOf(part.offset) + kTextPad, y_ + 28, "mono dim", length);
   }
+  return fits;
 }
 
 // Offsets below the bar, as many as have room.
@@ -116,9 +118,19 @@ void HeapPicture::drawArea(const Store &store, const StoreArea &area, std::size_
   svg_.text(kMargin, y_ + 12, "dim", fmt::format("{}, {} bytes", what, grouped(area.length)));
   y_ += kLine;
   const std::vector<AreaPart> parts = partsOf(store, area);
-  for (std::size_t i = 0; i < parts.size(); ++i) drawPart(parts[i], i);
+  std::string outside;
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    if (drawPart(parts[i], i) || parts[i].what == AreaPart::What::Head) continue;
+    outside +=
+        fmt::format("{}{}: {}", outside.empty() ? "at " : ", ", parts[i].offset, parts[i].text);
+  }
   drawTicks(parts, area.length);
-  y_ += kBarHeight + kTickRow + kAreaGap;
+  y_ += kBarHeight + kTickRow;
+  if (!outside.empty()) {
+    svg_.text(kMargin, y_ + 14, "mono", fitted(outside, columnsIn(kBarWidth)));
+    y_ += kTickRow;
+  }
+  y_ += kAreaGap;
 }
 
 void HeapPicture::drawStore(const Store &store) {

@@ -17,10 +17,10 @@ const std::string_view kExampleScript =
     "open names heap 1\n"
     "entry names root 120\n"
     "entry names key 20\n"
-    "chain names node 64 4\n"
+    "chain names n 64 4\n"
     "show a standard heap, its entries end to end\n"
     "entry names table 600\n"
-    "entry names picture 1500\n"
+    "entry names picture 1200\n"
     "show what does not fit opens an area; what fits none gets a block of its own\n"
     "close names\n"
     "\n"
@@ -477,8 +477,8 @@ void addFreeCells(std::vector<AreaPart> &parts, std::uint32_t from, std::uint32_
                   std::uint32_t cellLen) {
   if (from >= to) return;
   const std::uint32_t count = (to - from) / cellLen;
-  parts.push_back({AreaPart::What::Free, from, to - from,
-                   count == 1 ? "1 free cell" : fmt::format("{} free cells", count)});
+  const std::string text = count == 1 ? "1 free cell" : fmt::format("{} free cells", count);
+  parts.push_back({AreaPart::What::Free, from, to - from, "free", text});
 }
 
 }  // namespace
@@ -506,12 +506,12 @@ std::vector<AreaPart> partsOf(const Store &store, const StoreArea &area) {
             [](const StoreEntry &a, const StoreEntry &b) { return a.offset < b.offset; });
 
   std::vector<AreaPart> parts;
-  if (area.headLen > 0) parts.push_back({What::Head, 0, area.headLen, "head"});
+  if (area.headLen > 0) parts.push_back({What::Head, 0, area.headLen, "head", "head"});
   std::uint32_t at = area.headLen;
   for (const StoreEntry &entry : entries) {
     if (isPool) addFreeCells(parts, at, entry.offset, store.cellLen);
-    parts.push_back(
-        {entry.isFreed ? What::Freed : What::Entry, entry.offset, entry.taken, entryText(entry)});
+    parts.push_back({entry.isFreed ? What::Freed : What::Entry, entry.offset, entry.taken,
+                     entry.label, entryText(entry)});
     at = entry.offset + entry.taken;
   }
   std::uint32_t end = area.length;
@@ -519,10 +519,10 @@ std::vector<AreaPart> partsOf(const Store &store, const StoreArea &area) {
     end = at + (area.length - at) / store.cellLen * store.cellLen;
     addFreeCells(parts, at, end, store.cellLen);
   } else if (at < end) {
-    parts.push_back({What::Free, at, end - at, "free"});
+    parts.push_back({What::Free, at, end - at, "free", "free"});
   }
   if (isPool && end < area.length) {
-    parts.push_back({What::Rest, end, area.length - end, "rest"});
+    parts.push_back({What::Rest, end, area.length - end, "rest", "rest"});
   }
   return parts;
 }

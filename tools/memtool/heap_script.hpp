@@ -55,7 +55,8 @@ struct AreaPart {
   What what;
   std::uint32_t offset;
   std::uint32_t length;
-  std::string text;
+  std::string label;
+  std::string text;  // the label with what else there is to say
 };
 std::vector<AreaPart> partsOf(const Store &store, const StoreArea &area);
 

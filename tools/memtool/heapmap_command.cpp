@@ -54,7 +54,7 @@ Ink inkOf(AreaPart::What what) {
 void printArea(Console &console, const Store &store, const StoreArea &area, std::size_t number) {
   const std::string what = area.isLarge ? "large block" : "area " + std::to_string(number);
   console.print("  {}, {} bytes\n", what, grouped(area.length));
-  Table table({{"offset", true}, {"bytes", true}, {""}});
+  Table table({{"offset", true}, {"bytes", true}, {"what"}});
   for (const AreaPart &part : partsOf(store, area)) {
     table.add({{std::to_string(part.offset), Ink::Place},
                {std::to_string(part.length)},

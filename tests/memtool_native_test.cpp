@@ -17,7 +17,7 @@ using chainwriter::Tree;
 using chainwriter::Writer;
 
 constexpr std::uint64_t kSeed = 20260117;
-constexpr int kTreesOfAWriter = 25;
+constexpr int kTreesOfAWriter = 8;
 
 std::string fixturePath(const std::string &name) {
   return (std::filesystem::path(MEM_FIXTURES) / "chains" / (name + ".chain")).string();
@@ -45,7 +45,8 @@ Json structureOf(const Json &chain, bool hasNarrowText = true) {
   }
   Json structure = Json::array();
   for (const Json &segment : chain["segments"]) {
-    const std::string form = chain["controlBlock"]["kinds"][segment["kind"].get<int>()]["form"];
+    const std::string form =
+        chain["controlBlock"]["kinds"][segment["kind"].get<std::size_t>()]["form"];
     Json said{{"kind", segment["kind"]}, {"level", segment["level"]}};
     for (const Json &pointer : segment["pointers"]) {
       if (pointer.contains("text")) {

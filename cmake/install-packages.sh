@@ -13,12 +13,17 @@
 # memcheck valgrind
 set -euo pipefail
 
+# Headers that the tools are compiled with, on and for every platform.
+toolHeaders=(libcli11-dev libfmt-dev nlohmann-json3-dev)
+
 packagesFor() {
   case $1 in
-    linux) echo g++ googletest libbenchmark-dev ;;
-    windows) echo clang llvm lld g++-mingw-w64-x86-64-posix googletest wine wine64 ;;
-    lint) echo clang llvm lld clang-format clang-tidy ;;
-    fuzz) echo clang llvm googletest libclang-rt-14-dev ;;
+    linux) echo g++ googletest libbenchmark-dev "${toolHeaders[@]}" ;;
+    windows)
+      echo clang llvm lld g++-mingw-w64-x86-64-posix googletest wine wine64 "${toolHeaders[@]}"
+      ;;
+    lint) echo clang llvm lld clang-format clang-tidy "${toolHeaders[@]}" ;;
+    fuzz) echo clang llvm googletest libclang-rt-14-dev "${toolHeaders[@]}" ;;
     bench)
       echo g++ pkg-config libbenchmark-dev libmimalloc-dev libboost-dev libboost-serialization-dev \
         libapr1-dev libabsl-dev libflatbuffers-dev flatbuffers-compiler capnproto libcapnp-dev \

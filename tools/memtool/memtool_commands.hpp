@@ -21,5 +21,6 @@ struct Tool {
 // Each adds its sub-command to `app`. When the user names it, its callback sets `tool.command`,
 // which may throw ToolError and UsageError. Both arguments outlive the command.
 void addErrorsCommand(CLI::App &app, Tool &tool);
+void addPortCommand(CLI::App &app, Tool &tool);
 
 }  // namespace memtool

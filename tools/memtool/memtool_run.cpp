@@ -37,6 +37,7 @@ void describe(CLI::App &app, Tool &tool) {
   app.fallthrough();  // --library may stand behind the command's name, too
   app.footer(kFooter);
   addErrorsCommand(app, tool);
+  addPortCommand(app, tool);
 }
 
 ExitCode parseAndRun(CLI::App &app, Tool &tool, std::vector<std::string> words) {

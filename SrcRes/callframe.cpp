@@ -55,6 +55,13 @@ void CallFrame::traceException(std::int32_t line, const char *text) noexcept {
                                  entryPoint_.traceName, line);
 }
 
+void CallFrame::traceWide(const RecordKind &kind, std::int32_t line,
+                          const char16_t *text) noexcept {
+  if (!isTraced(kind.flag) || traceBuffer() == nullptr) return;
+  traceServices().WriteWideRecord(MEM_COMPONENT, 0, kind.type, entryPoint_.source,
+                                  entryPoint_.traceName, line, text);
+}
+
 void CallFrame::writeRecord(const RecordKind &kind, std::int32_t line) noexcept {
   traceServices().WriteRecord(MEM_COMPONENT, 0, kind.type, entryPoint_.source,
                               entryPoint_.traceName, line);
@@ -102,8 +109,22 @@ std::int16_t CallFrame::fail(const Failure &failure) noexcept {
   copyText(error.NameText, sizeof error.NameText,
            failure.wording == Wording::named ? failure.text : pThread->MessageText);
   textServices().ReportError(
-      failure.reported == Reported::nameText ? error.NameText : pThread->MessageText, "");
+      failure.reported == Reported::nameText ? error.NameText : pThread->MessageText,
+      failure.detail);
   return finish(failure.result);
+}
+
+std::int16_t CallFrame::failForCaller(std::uint32_t innerCode, const char *innerText) noexcept {
+  MEMThreadEnv *pThread = thread();
+  if (pThread == nullptr) return finish(-1);
+  MEMErrorArea &error = pThread->Error;
+  error.ReturnCode = kFailed;
+  error.PrevInnerCode = error.InnerCode;
+  error.InnerCode = innerCode;
+  setMessage(innerText);
+  copyText(error.InnerText, sizeof error.InnerText, pThread->MessageText);
+  textServices().ReportError(pThread->MessageText, "");
+  return finish(-1);
 }
 
 std::int16_t CallFrame::failInside(std::uint32_t innerCode, const char *innerText) noexcept {

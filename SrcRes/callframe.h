@@ -23,6 +23,7 @@ struct EntryPoint {
 };
 
 // Source paths of the trace records, by unit.
+inline constexpr char kSourceCat[] = "..\\SrcRes\\MEMCSCAT";
 inline constexpr char kSourceCell[] = "..\\SrcRes\\MEMCCELL";
 inline constexpr char kSourceDynm[] = "..\\SrcRes\\MEMCDYNM";
 inline constexpr char kSourceHash[] = "..\\SrcRes\\MEMCHASH";
@@ -53,6 +54,7 @@ struct Failure {
   bool marksComponent = false;                  // sets the component number, too
   std::optional<std::uint32_t> innerCode = {};  // the nested service's code, where one failed
   Reported reported = Reported::nameText;
+  const char *detail = "";  // for the report only
   std::int16_t result = -1;
 };
 
@@ -120,6 +122,9 @@ class CallFrame {
     }
   }
 
+  // A record whose text is a wide one too long for the trace buffer.
+  void traceWide(const RecordKind &kind, std::int32_t line, const char16_t *text) noexcept;
+
   // An exception record of an internal routine, written whatever the flags are. `format` has
   // arguments.
   template <class... Args>
@@ -150,6 +155,10 @@ class CallFrame {
   // The one place that composes a failure: fills the error area, has the host report it, stores
   // and returns the failure's result.
   MEM_NOINLINE std::int16_t fail(const Failure &failure) noexcept;
+
+  // A failure that the service which called this one reports as its own: code and text become the
+  // inner ones, what stood as the inner code the previous one.
+  std::int16_t failForCaller(std::uint32_t innerCode, const char *innerText) noexcept;
 
   // A failure of process start: code and text go to the inner fields and the host is not asked to
   // report, since its message table may not be registered yet.

@@ -1,14 +1,16 @@
 #include "memcdynm.h"
 
 #include "callframe.h"
+#include "memccell.h"
 #include "memchash.h"
 #include "memcheap.h"
+#include "memcheap_enhanced.h"
 #include "memcpack.h"
 #include "memcport.h"
 #include "memcproc.h"
+#include "memcscat.h"
 #include "memcserv.h"
 #include "memcstrg.h"
-#include "unbuilt.h"
 
 namespace mem {
 

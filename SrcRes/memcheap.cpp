@@ -1,9 +1,7 @@
 #include "memcheap.h"
 
-#include "bytes.h"
-#include "callframe.h"
-#include "heapblocks.h"
-#include "unbuilt.h"
+#include "memcheap_enhanced.h"
+#include "memcheap_parts.h"
 
 namespace mem {
 
@@ -30,16 +28,10 @@ MEMHeapHeader *header(HMEMHEAP hMemHeap) noexcept {
   return reinterpret_cast<MEMHeapHeader *>(hMemHeap);
 }
 
-bool isStandardHeap(HMEMHEAP hMemHeap) noexcept {
-  return hMemHeap != nullptr && hasEyecatcher(hMemHeap, kHeapEye);
-}
-
-bool isEnhancedHeap(HMEMHEAP hMemHeap) noexcept {
-  return hMemHeap != nullptr && hasEyecatcher(hMemHeap, kEHeapEye);
-}
+constexpr EntrySource kStandardEntries{&MEMFunctionVector::MEM_HeapAllocEntryLong, false};
 
 std::int16_t failComposed(CallFrame &frame, std::uint32_t code, const ErrorText &text) noexcept {
-  return frame.fail({.code = code, .text = text.c_str(), .wording = Wording::composed});
+  return failComposed(frame, code, text, false);
 }
 
 std::int16_t failStorage(CallFrame &frame, const char *pText) noexcept {
@@ -57,118 +49,6 @@ std::int16_t failHandleWithStandingText(CallFrame &frame) noexcept {
   return frame.fail({.code = MEMERR_HEAPBHDL, .wording = Wording::standing});
 }
 
-void *getStorage(const MEMHeapHeader &heap, std::uint32_t size) noexcept {
-  return functionVector().MEM_Alloc(size, static_cast<std::int16_t>(heap.SubPool));
-}
-
-void freeStorage(void *pArea, std::uint32_t size, std::uint16_t subPool) noexcept {
-  functionVector().MEM_Free(pArea, size, static_cast<std::int16_t>(subPool));
-}
-
-void initArea(MEMHeapArea &area, const Eyecatcher &eye, std::uint32_t headerLen,
-              std::uint32_t areaSize) noexcept {
-  writeEyecatcher(area.Eyecatcher, eye);
-  area.pNextArea = nullptr;
-  area.NextFreeOff = headerLen;
-  area.FreeLen = static_cast<std::int32_t>(areaSize - headerLen);
-}
-
-// Puts a new area behind the current one and makes it current; what is left of the old one is
-// abandoned. False, with nothing changed, when there is no storage.
-bool addArea(CallFrame &frame, MEMHeapHeader &heap) noexcept {
-  auto *pArea = static_cast<MEMHeapArea *>(getStorage(heap, heap.AreaSize));
-  if (pArea == nullptr) return false;
-  frame.trace(kStorageRecord, kLineAreaObtained, "Allocating Std Heap area, ptr=%p, size=%lu",
-              pArea, heap.AreaSize);
-  initArea(*pArea, kAreaEye, sizeof(MEMHeapArea), heap.AreaSize);
-  heap.pCurArea->pNextArea = pArea;
-  heap.pCurArea = pArea;
-  return true;
-}
-
-void *carveEntry(MEMHeapArea &area, std::uint32_t aligned) noexcept {
-  void *pEntry = bytesAt(&area, area.NextFreeOff);
-  area.NextFreeOff += aligned;
-  area.FreeLen -= static_cast<std::int32_t>(aligned);
-  return pEntry;
-}
-
-// An entry in a block of its own, or null when there is no storage.
-void *addLargeBlock(CallFrame &frame, MEMHeapHeader &heap, std::uint32_t aligned) noexcept {
-  const auto blockSize = static_cast<std::uint32_t>(sizeof(MEMHeapLargeBlock) + aligned);
-  auto *pBlock = static_cast<MEMHeapLargeBlock *>(getStorage(heap, blockSize));
-  if (pBlock == nullptr) return nullptr;
-  frame.trace(kStorageRecord, kLineBlockObtained, "Allocating Large Heap block, ptr=%p, size=%lu",
-              pBlock, blockSize);
-  writeEyecatcher(pBlock->Eyecatcher, kLargeBlockEye);
-  pBlock->pNextBlock = heap.pLargeBlocks;
-  pBlock->BlockSize = blockSize;
-  heap.pLargeBlocks = pBlock;
-  return bytesAt(pBlock, sizeof(MEMHeapLargeBlock));
-}
-
-void freeLargeBlocks(CallFrame &frame, const MEMHeapHeader &heap) noexcept {
-  MEMHeapLargeBlock *pBlock = heap.pLargeBlocks;
-  while (pBlock != nullptr) {
-    MEMHeapLargeBlock *pNext = pBlock->pNextBlock;
-    frame.trace(kStorageRecord, kLineBlockFreed, "Freeing Large Heap Block, ptr=%p, size=%lu",
-                pBlock, pBlock->BlockSize);
-    freeStorage(pBlock, pBlock->BlockSize, heap.SubPool);
-    pBlock = pNext;
-  }
-}
-
-// Frees the header first, so everything still needed of it is read before.
-void freeAreas(CallFrame &frame, MEMHeapHeader &heap) noexcept {
-  const std::uint32_t areaSize = heap.AreaSize;
-  const std::uint16_t subPool = heap.SubPool;
-  MEMHeapArea *pArea = &heap.FirstArea;
-  while (pArea != nullptr) {
-    MEMHeapArea *pNext = pArea->pNextArea;
-    frame.trace(kStorageRecord, kLineAreaFreed, "Freeing Std Heap Area, ptr=%p, size=%lu", pArea,
-                areaSize);
-    freeStorage(pArea, areaSize, subPool);
-    pArea = pNext;
-  }
-}
-
-// The chain behind both multiple allocations: `NumEnties` entries from slot 14, each holding the
-// address of the next at `LinkOff`.
-std::int16_t allocChain(CallFrame &frame, HMEMHEAP hMemHeap, std::int32_t Len,
-                        std::int32_t NumEnties, std::int16_t LinkOff, void **ppEntry) noexcept {
-  if (NumEnties < 1) {
-    return failComposed(frame, MEMERR_HEAPNUME,
-                        ErrorText("Num of entries=").decimal(NumEnties).text(" too small"));
-  }
-  if (LinkOff < 0) {
-    return failComposed(frame, MEMERR_HEAPLOFF,
-                        ErrorText("Link offset=").decimal(LinkOff).text(" less than zero"));
-  }
-  const auto linkOff = static_cast<std::size_t>(LinkOff);
-  void *pFirst = nullptr;
-  void *pLast = nullptr;
-  for (std::int32_t i = 0; i < NumEnties; ++i) {
-    void *pEntry = nullptr;
-    if (functionVector().MEM_HeapAllocEntryLong(hMemHeap, Len, &pEntry) != 0) {
-      return frame.finish(-1);  // the allocation's error stands
-    }
-    if (pFirst == nullptr) {
-      pFirst = pEntry;
-    } else {
-      storeAs(bytesAt(pLast, linkOff), pEntry);
-    }
-    pLast = pEntry;
-  }
-  storeAs<void *>(bytesAt(pLast, linkOff), nullptr);
-  *ppEntry = pFirst;
-  return frame.succeed();
-}
-
-// A result that another service of the vector returned for this call; its error stands.
-std::int16_t passOn(CallFrame &frame, std::int16_t result) noexcept {
-  return result == 0 ? frame.succeed() : frame.finish(result);
-}
-
 }  // namespace
 
 std::int16_t MEM_HeapOpen(HMEMHEAP *phMemHeap, std::int16_t AreaLen,
@@ -179,8 +59,7 @@ std::int16_t MEM_HeapOpen(HMEMHEAP *phMemHeap, std::int16_t AreaLen,
     return failComposed(frame, MEMERR_HEAPSIZE, ErrorText("Invalid Area Length=").decimal(AreaLen));
   }
   const std::uint32_t areaSize = static_cast<std::uint32_t>(AreaLen) * 1024;
-  auto *pHeap = static_cast<MEMHeapHeader *>(
-      functionVector().MEM_Alloc(areaSize, static_cast<std::int16_t>(SubPool)));
+  auto *pHeap = static_cast<MEMHeapHeader *>(getHeapStorage(areaSize, SubPool));
   if (pHeap == nullptr) return failStorage(frame, "MemAllocFail");
   frame.trace(kStorageRecord, kLineHeaderObtained,
               "Allocating Standard Heap header block, ptr=%p, size=%lu", pHeap, areaSize);
@@ -198,10 +77,8 @@ std::int16_t MEM_HeapClose(HMEMHEAP hMemHeap) noexcept {
   frame.traceEntry("Parms: hMemHeap=%lX", hMemHeap);
   if (!isStandardHeap(hMemHeap)) return failHandle(frame, hMemHeap);
   MEMHeapHeader &heap = *header(hMemHeap);
-  freeLargeBlocks(frame, heap);
-  // A stale handle fails the eye-catcher test as long as the storage is not reused.
-  std::memset(heap.FirstArea.Eyecatcher, 0, sizeof heap.FirstArea.Eyecatcher);
-  freeAreas(frame, heap);
+  freeLargeBlocks(frame, heap, kLineBlockFreed, "Freeing Large Heap Block, ptr=%p, size=%lu");
+  freeAreas(frame, heap, kLineAreaFreed, "Freeing Std Heap Area, ptr=%p, size=%lu");
   return frame.succeed();
 }
 
@@ -232,13 +109,15 @@ std::int16_t MEM_HeapAllocEntryLong(HMEMHEAP hMemHeap, std::int32_t Len, void **
   MEMHeapHeader &heap = *header(hMemHeap);
   const std::int64_t aligned = alignedEntryLen(Len);
   const auto entryLen = static_cast<std::uint32_t>(aligned);
-  if (aligned <= static_cast<std::int64_t>(heap.AreaSize) - kAreaEntryOverhead) {
-    if (aligned > heap.pCurArea->FreeLen && !addArea(frame, heap)) {
+  if (fitsInArea(aligned, heap.AreaSize)) {
+    if (aligned > heap.pCurArea->FreeLen &&
+        !addArea(frame, heap, kLineAreaObtained, "Allocating Std Heap area, ptr=%p, size=%lu")) {
       return failStorage(frame, "MemAllocAreaFail");
     }
     *ppEntry = carveEntry(*heap.pCurArea, entryLen);
   } else {
-    void *pEntry = addLargeBlock(frame, heap, entryLen);
+    void *pEntry = addLargeBlock(frame, heap, entryLen, kLineBlockObtained,
+                                 "Allocating Large Heap block, ptr=%p, size=%lu");
     if (pEntry == nullptr) return failStorage(frame, "MemAllocBlkFail");
     *ppEntry = pEntry;
   }
@@ -257,7 +136,7 @@ std::int16_t MEM_HeapAllocMultEntries(HMEMHEAP hMemHeap, std::int16_t Len, std::
   }
   frame.trace(kStorageRecord, kLineMultDispatch, "Regular heap");
   if (!isStandardHeap(hMemHeap)) return failHandleWithStandingText(frame);
-  return allocChain(frame, hMemHeap, Len, NumEnties, LinkOff, ppEntry);
+  return allocChain(frame, hMemHeap, {Len, NumEnties, LinkOff}, kStandardEntries, ppEntry);
 }
 
 std::int16_t MEM_HeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,
@@ -273,7 +152,7 @@ std::int16_t MEM_HeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,
   }
   frame.trace(kStorageRecord, kLineLongMultDispatch, "Regular heap");
   if (!isStandardHeap(hMemHeap)) return failHandleWithStandingText(frame);
-  return allocChain(frame, hMemHeap, Len, NumEnties, LinkOff, ppEntry);
+  return allocChain(frame, hMemHeap, {Len, NumEnties, LinkOff}, kStandardEntries, ppEntry);
 }
 
 }  // namespace mem

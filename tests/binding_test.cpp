@@ -379,11 +379,7 @@ TEST_P(SlotOrderTest, EntryPointEntersAFrameUnderItsTraceName) {
 
   ASSERT_FALSE(calls.empty());
   EXPECT_EQ(calls.front().service, Service::EnterFrame);
-  if (row.isBuilt()) {
-    EXPECT_EQ(calls.front().frame, row.traceName);
-  } else {
-    EXPECT_NE(calls.front().frame, "");
-  }
+  EXPECT_EQ(calls.front().frame, row.traceName);
 }
 
 INSTANTIATE_TEST_SUITE_P(EverySlot, SlotOrderTest, ::testing::ValuesIn(slotCalls()), slotCallName);
@@ -393,29 +389,6 @@ TEST(SlotTable, CoversSlots4To51InOrder) {
   for (const SlotCall &row : slotCalls()) EXPECT_EQ(row.slot, next++) << row.name;
   EXPECT_EQ(next, kLastSlot + 1);
 }
-
-class UnbuiltServiceTest : public BoundTest, public ::testing::WithParamInterface<SlotCall> {};
-
-TEST_P(UnbuiltServiceTest, FailsAsNotSupported) {
-  Scene scene(host);
-  const Result result = GetParam().call(scene);
-  EXPECT_EQ(result, kFailed);
-  EXPECT_EQ(error().Code, 4096U);
-  EXPECT_EQ(error().ReturnCode, kFailedCode);
-  EXPECT_EQ(host.calls(Service::ReportError), 1U);
-}
-
-std::vector<SlotCall> unbuiltServices() {
-  std::vector<SlotCall> rows;
-  for (const SlotCall &row : slotCalls()) {
-    if (!row.isBuilt()) rows.push_back(row);
-  }
-  return rows;
-}
-
-INSTANTIATE_TEST_SUITE_P(NotBuiltYet, UnbuiltServiceTest, ::testing::ValuesIn(unbuiltServices()),
-                         slotCallName);
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(UnbuiltServiceTest);
 
 // Slots that the host patches after binding.
 

@@ -34,13 +34,11 @@ struct SlotCall {
   int slot;
   std::size_t offset;  // of the slot's field in MEMFunctionVector
   const char *name;
-  const char *traceName;  // name in the frame; null for a service that is not built yet
+  const char *traceName;  // name in the frame
   bool clearsErrorArea;
   Result (*call)(Scene &);
   void (*prepare)(Scene &) = nullptr;
   void (*cleanUp)(Scene &) = nullptr;
-
-  bool isBuilt() const { return traceName != nullptr; }
 };
 
 inline void PrintTo(const SlotCall &row, std::ostream *out) {
@@ -113,10 +111,6 @@ inline const MEMPortChunk *chunkWithoutStructures(Scene &scene) {
 #define MEMTEST_CALL(entry, ...) [](Scene &scene) -> Result { return scene.mem.entry(__VA_ARGS__); }
 #define MEMTEST_SLOT(number, entry) number, offsetof(MEMFunctionVector, entry), #entry
 
-// A service that is not built yet. The row becomes a built one together with its service.
-#define MEMTEST_UNBUILT(number, entry, ...) \
-  { MEMTEST_SLOT(number, entry), nullptr, true, MEMTEST_CALL(entry, __VA_ARGS__) }
-
 // Services that need a handle are called with none and refuse it; those of the sink, whose refusals
 // write exception records under any flags, get the empty text. Calls need no process block but
 // where a row makes one; they never need a thread block.
@@ -142,11 +136,15 @@ inline const std::vector<SlotCall> &slotCalls() {
        MEMTEST_CALL(MEM_HeapAllocMultEntries, nullptr, 8, 1, 0, nullptr)},
       {MEMTEST_SLOT(14, MEM_HeapAllocEntryLong), "Mem_HeapAllocEntryLong", true,
        MEMTEST_CALL(MEM_HeapAllocEntryLong, nullptr, 1, nullptr)},
-      MEMTEST_UNBUILT(15, MEM_CellOpen, nullptr, 0, 0, 0),
-      MEMTEST_UNBUILT(16, MEM_CellClose, nullptr),
-      MEMTEST_UNBUILT(17, MEM_CellClear, nullptr),
-      MEMTEST_UNBUILT(18, MEM_CellAllocEntry, nullptr, nullptr),
-      MEMTEST_UNBUILT(19, MEM_CellFreeEntry, nullptr, nullptr),
+      {MEMTEST_SLOT(15, MEM_CellOpen), "MEM_CellOpen", true,
+       MEMTEST_CALL(MEM_CellOpen, nullptr, 0, 0, 0)},
+      {MEMTEST_SLOT(16, MEM_CellClose), "MemCellClose", true, MEMTEST_CALL(MEM_CellClose, nullptr)},
+      {MEMTEST_SLOT(17, MEM_CellClear), "MEM_CellClear", true,
+       MEMTEST_CALL(MEM_CellClear, nullptr)},
+      {MEMTEST_SLOT(18, MEM_CellAllocEntry), "MemCellAllocEntry", true,
+       MEMTEST_CALL(MEM_CellAllocEntry, nullptr, nullptr)},
+      {MEMTEST_SLOT(19, MEM_CellFreeEntry), "MEM_CellFreeEntry", true,
+       MEMTEST_CALL(MEM_CellFreeEntry, nullptr, nullptr)},
       {MEMTEST_SLOT(20, MEM_HashOpen), "MEM_HashOpen", true,
        MEMTEST_CALL(MEM_HashOpen, nullptr, 0, 4, -2, nullptr, 1, 0)},
       {MEMTEST_SLOT(21, MEM_HashClose), "MEM_HashClose", true,
@@ -159,10 +157,11 @@ inline const std::vector<SlotCall> &slotCalls() {
        MEMTEST_CALL(MEM_Pack, nullptr, nullptr, 0, nullptr)},
       {MEMTEST_SLOT(25, MEM_Unpack), "MEM_Unpack", true,
        MEMTEST_CALL(MEM_Unpack, nullptr, nullptr, nullptr)},
-      MEMTEST_UNBUILT(26, MEM_CatOpen, nullptr),
-      MEMTEST_UNBUILT(27, MEM_CatClose, nullptr),
-      MEMTEST_UNBUILT(28, MEM_Cat, nullptr, nullptr),
-      MEMTEST_UNBUILT(29, MEM_MemCat, nullptr, nullptr, 0),
+      {MEMTEST_SLOT(26, MEM_CatOpen), "MEM_CatOpen", true, MEMTEST_CALL(MEM_CatOpen, nullptr)},
+      {MEMTEST_SLOT(27, MEM_CatClose), "MEM_CatClose", true, MEMTEST_CALL(MEM_CatClose, nullptr)},
+      {MEMTEST_SLOT(28, MEM_Cat), "MEM_Cat", true, MEMTEST_CALL(MEM_Cat, nullptr, nullptr)},
+      {MEMTEST_SLOT(29, MEM_MemCat), "MEM_MemCat", true,
+       MEMTEST_CALL(MEM_MemCat, nullptr, nullptr, 0)},
       {MEMTEST_SLOT(30, MEM_InitQTRFTbls), "MEM_InitQTRFTbls", true,
        MEMTEST_CALL(MEM_InitQTRFTbls)},
       {MEMTEST_SLOT(31, MEM_SinkInit), "MEM_SinkInit", true, MEMTEST_CALL(MEM_SinkInit), stopSink,
@@ -175,11 +174,16 @@ inline const std::vector<SlotCall> &slotCalls() {
        startProcess, endProcess},
       {MEMTEST_SLOT(35, MEM_SinkVerify), "MEM_SinkVerify", true,
        MEMTEST_CALL(MEM_SinkVerify, "", &scene.sunk, nullptr), startProcess, endProcess},
-      MEMTEST_UNBUILT(36, MEM_EHeapOpen, nullptr, 0, 0),
-      MEMTEST_UNBUILT(37, MEM_EHeapClose, nullptr),
-      MEMTEST_UNBUILT(38, MEM_EHeapAllocEntry, nullptr, 0, nullptr),
-      MEMTEST_UNBUILT(39, MEM_EHeapFreeEntry, nullptr, 0, nullptr),
-      MEMTEST_UNBUILT(40, MEM_EHeapAllocMultEntries, nullptr, 0, 0, 0, nullptr),
+      {MEMTEST_SLOT(36, MEM_EHeapOpen), "MEM_EHeapOpen", true,
+       MEMTEST_CALL(MEM_EHeapOpen, nullptr, 0, 0)},
+      {MEMTEST_SLOT(37, MEM_EHeapClose), "MEM_EHeapClose", true,
+       MEMTEST_CALL(MEM_EHeapClose, nullptr)},
+      {MEMTEST_SLOT(38, MEM_EHeapAllocEntry), "MEM_EHeapAllocEntry", true,
+       MEMTEST_CALL(MEM_EHeapAllocEntry, nullptr, 0, nullptr)},
+      {MEMTEST_SLOT(39, MEM_EHeapFreeEntry), "MEM_EHeapFreeEntry", true,
+       MEMTEST_CALL(MEM_EHeapFreeEntry, nullptr, 0, nullptr)},
+      {MEMTEST_SLOT(40, MEM_EHeapAllocMultEntries), "MEM_EHeapAllocMultEntries", true,
+       MEMTEST_CALL(MEM_EHeapAllocMultEntries, nullptr, 0, 0, 0, nullptr)},
       {MEMTEST_SLOT(41, MEM_StructToPortStr), "MEM_StructToPortStr", true,
        MEMTEST_CALL(MEM_StructToPortStr, nullptr, 0, nullptr, 0, nullptr, &scene.totalLen,
                     &scene.chunk)},
@@ -205,12 +209,12 @@ inline const std::vector<SlotCall> &slotCalls() {
        MEMTEST_CALL(MEM_HashScan, nullptr, nullptr, nullptr)},
       {MEMTEST_SLOT(50, MEM_HeapAllocLongMultEntries), "MEM_HeapAllocLongMultEntries", true,
        MEMTEST_CALL(MEM_HeapAllocLongMultEntries, nullptr, 8, 1, 0, nullptr)},
-      MEMTEST_UNBUILT(51, MEM_EHeapAllocLongMultEntries, nullptr, 0, 0, 0, nullptr),
+      {MEMTEST_SLOT(51, MEM_EHeapAllocLongMultEntries), "MEM_EHeapAllocLongMultEntries", true,
+       MEMTEST_CALL(MEM_EHeapAllocLongMultEntries, nullptr, 0, 0, 0, nullptr)},
   };
   return rows;
 }
 
-#undef MEMTEST_UNBUILT
 #undef MEMTEST_SLOT
 #undef MEMTEST_CALL
 

@@ -19,6 +19,7 @@
 #define QJ7MEM00_MEMVECT_H
 
 #include "membase.h"
+#include "memcat.h"
 #include "memerr.h"
 #include "memhost.h"
 #include "mempack.h"
@@ -36,7 +37,6 @@ typedef int16_t (*MEMHashFunc)(const void *pKey);
 /** A caller's scan callback: 0, or a code that MEM_HashScan remembers. */
 typedef int16_t (*MEMScanFunc)(void *pRecord, void *pParm);
 
-struct MEMCatCB;
 struct MEMStructDef;
 struct MEMPortChunk;
 
@@ -117,18 +117,34 @@ typedef int16_t MEM_HeapAllocLongMultEntriesFn(HMEMHEAP hMemHeap, int32_t Len, i
                                                int16_t LinkOff, void **ppEntry);
 /** @} */
 
-/** @name Enhanced heap: any number of threads, serialised by the heap's gate */
+/** @name Enhanced heap: any number of threads, serialised by the heap's gate
+ * Entries are those of a standard heap but for their size: 16 bytes at least. Each call takes and
+ * releases the gate (RuntimeServices 29 and 30) itself; no failure leaves it held. Where a gate
+ * service or, at open, storage failed, the host's own code and text are in `InnerCode` and
+ * `InnerText`. Failures set `Component`, too. */
 /** @{ */
 
-/** Opens an enhanced heap; arguments as for MEM_HeapOpen. */
+/** Opens an enhanced heap with a gate of its own; arguments as for MEM_HeapOpen. The heap belongs
+ * to the caller until MEM_EHeapClose. MEMERR_HEAPSIZE, MEMERR_HEAPGATE, MEMERR_HEAPAMEM. */
 typedef int16_t MEM_EHeapOpenFn(HMEMHEAP *phMemHeap, int16_t AreaLen, uint16_t SubPool);
-/** Returns all storage and the gate. Enhanced heaps only. */
+
+/** Returns all areas and large blocks, then the gate. No other call on the heap may be running or
+ * follow. MEMERR_HEAPBHDL, also for a standard heap; MEMERR_HEAPGATE leaves the heap as it was. */
 typedef int16_t MEM_EHeapCloseFn(HMEMHEAP hMemHeap);
-/** Allocates an entry of at least 16 bytes; any `Len` is accepted. */
+
+/** Allocates an entry of `Len` bytes, rounded up to a multiple of 8; any `Len` of less than 16, 0
+ * and negative ones among them, gives 16 bytes. An entry too large for an area gets a block of its
+ * own. MEMERR_HEAPBHDL, MEMERR_HEAPGATE, MEMERR_HEAPAMEM. */
 typedef int16_t MEM_EHeapAllocEntryFn(HMEMHEAP hMemHeap, int32_t Len, void **ppEntry);
-/** Gives back an entry with the length with which it was allocated. */
+
+/** Gives back an entry with the length with which it was allocated. An area entry is cleared; its
+ * storage is not handed out again and returns to the host at close, as does a large entry's.
+ * MEMERR_HEAPBHDL, MEMERR_HEAPGATE, MEMERR_HEAPENTRY (the host's storage check refuses the address,
+ * or a large entry does not have this length). */
 typedef int16_t MEM_EHeapFreeEntryFn(HMEMHEAP hMemHeap, int32_t Len, void *pEntry);
-/** Allocates a chain of entries; each comes from slot 38. */
+
+/** Allocates a chain of entries as MEM_HeapAllocMultEntries does; each comes from slot 38 under the
+ * gate of its own, so other threads' entries may lie between them. */
 typedef int16_t MEM_EHeapAllocMultEntriesFn(HMEMHEAP hMemHeap, int32_t Len, int16_t NumEnties,
                                             int16_t LinkOff, void **ppEntry);
 /** MEM_EHeapAllocMultEntries with a 32-bit count. */
@@ -136,19 +152,28 @@ typedef int16_t MEM_EHeapAllocLongMultEntriesFn(HMEMHEAP hMemHeap, int32_t Len, 
                                                 int16_t LinkOff, void **ppEntry);
 /** @} */
 
-/** @name Cell pool: one thread at a time */
+/** @name Cell pool: one thread at a time
+ * Cells of one length from areas of one length. Areas are obtained one by one as cells run out and
+ * are returned together. Cells follow each other without gaps, so a cell is as aligned as its
+ * length makes it. */
 /** @{ */
 
-/** Opens a pool of cells of `CellLen` bytes in areas of `AreaLen` bytes. */
+/** Opens a pool. `AreaLen` is 256 to 1,048,576 bytes and at least `CellLen` + 168; `CellLen` is 8
+ * or more. The pool belongs to the caller until MEM_CellClose. Checked in this order:
+ * MEMERR_CELLBNDS, MEMERR_CELLSIZE, MEMERR_CELLELEN; then MEMERR_CELLAMEM. */
 typedef int16_t MEM_CellOpenFn(HMEMCELL *phMemCell, int32_t AreaLen, int32_t CellLen,
                                int16_t SubPool);
-/** Returns all areas. */
+/** Returns all areas, whatever cells are still out. MEMERR_CELLBHDL. */
 typedef int16_t MEM_CellCloseFn(HMEMCELL hMemCell);
-/** Returns the added areas and makes the pool as it was after open. */
+/** Returns the areas added since open and makes the pool as it was after open; all cells are gone.
+ * MEMERR_CELLBHDL. */
 typedef int16_t MEM_CellClearFn(HMEMCELL hMemCell);
-/** Takes a cell; its first 8 bytes are zero. */
+/** Takes the cell that was given back last, or the next fresh one. Its first 8 bytes are zero; the
+ * others are zero in a cell given back before and as the host delivered them in a fresh one.
+ * MEMERR_CELLBHDL, MEMERR_CELLAMEM (the pool stays as it was). */
 typedef int16_t MEM_CellAllocEntryFn(HMEMCELL hMemCell, void **ppCell);
-/** Gives a cell back, filled with zeros. */
+/** Gives a cell back, filled with zeros. That it is one of the pool's and given back once is the
+ * caller's to keep; null is ignored. MEMERR_CELLBHDL. */
 typedef int16_t MEM_CellFreeEntryFn(HMEMCELL hMemCell, void *pEntry);
 /** @} */
 
@@ -216,14 +241,24 @@ typedef int16_t MEM_UnpackFn(MemPackBlock **ppFirstBlk, void **ppRoot, const Mem
 /** @name Concatenation buffer: one thread at a time */
 /** @{ */
 
-/** Gives the caller's control block its first text storage. */
-typedef int16_t MEM_CatOpenFn(struct MEMCatCB *pCatCB);
-/** Returns the text storage. */
-typedef int16_t MEM_CatCloseFn(struct MEMCatCB *pCatCB);
-/** Appends NUL-terminated wide text through slot 29. */
-typedef int16_t MEM_CatFn(struct MEMCatCB *pCatCB, const char16_t *pText);
-/** Appends `Len` characters of wide text that has a terminator behind them. */
-typedef int16_t MEM_MemCatFn(struct MEMCatCB *pCatCB, const char16_t *pText, int32_t Len);
+/** Gives the caller's control block its first text storage, 1,024 bytes without text. On failure
+ * `pText` is null and nothing else of the block is written. MEMERR_CATAMEM. */
+typedef int16_t MEM_CatOpenFn(MEMCatCB *pCatCB);
+
+/** Returns the text storage, if there is any, and makes `pText` null; the other fields stay.
+ * MEM_CAT_CLOSE_ERROR when `BlkLen` is 0x80000000 or more. */
+typedef int16_t MEM_CatCloseFn(MEMCatCB *pCatCB);
+
+/** Appends NUL-terminated wide text through slot 29. On failure the error is MEMERR_CATSTDSTR with
+ * slot 29's code and text as the inner ones (where the thread has no thread block: without). */
+typedef int16_t MEM_CatFn(MEMCatCB *pCatCB, const char16_t *pText);
+
+/** Appends `Len` characters of wide text; `pText[Len]` is copied, too, and has to be the
+ * terminator. The text may lie in the buffer itself. Storage that is too small is replaced by the
+ * next multiple of 2,048 bytes above the need. MEMERR_CATSTRSIZE (more than 2,147,483,647 bytes,
+ * a negative `Len` among them), MEMERR_CATAMEM (also for a buffer without storage),
+ * MEMERR_CATSTDSTR (null text); a failure leaves the buffer as it was. */
+typedef int16_t MEM_MemCatFn(MEMCatCB *pCatCB, const char16_t *pText, int32_t Len);
 /** @} */
 
 /** @name String sink: any number of threads, serialised by the sink gate */

@@ -4,6 +4,7 @@
 #define QJ7MEM00_QJ7MEM00_H
 
 #include "membase.h"
+#include "memcat.h"
 #include "memerr.h"
 #include "memhost.h"
 #include "mempack.h"

@@ -36,7 +36,9 @@ void describe(CLI::App &app, Tool &tool) {
   app.require_subcommand(1);
   app.fallthrough();  // --library may stand behind the command's name, too
   app.footer(kFooter);
+  addChainCommand(app, tool);
   addErrorsCommand(app, tool);
+  addHeapmapCommand(app, tool);
   addPortCommand(app, tool);
 }
 

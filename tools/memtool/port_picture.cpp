@@ -7,9 +7,10 @@
 //      └─►│       │  └─┘   │     ──┼───┘     │       │
 //         └───────┘        └───────┘         └───────┘
 //
-// Every arrow has a track of its own in each gutter that it passes, so that upright parts never
-// overlap. Level parts that meet in a gutter end at heights that differ by their kind: rows on
-// the right and on the left, and the left and the right side of heads.
+// Every arrow has a track of its own in the gutter where it begins, so that upright parts never
+// overlap; arrows over a lane share the lane and the track at its end with those to the same box.
+// Level parts that meet in a gutter end at heights that differ by their kind: rows on the right and
+// on the left, and the left and the right side of heads.
 #include "port_picture.hpp"
 
 #include <fmt/format.h>
@@ -17,11 +18,14 @@
 #include <algorithm>
 #include <cmath>
 #include <deque>
+#include <map>
+#include <set>
 #include <utility>
 #include <vector>
 
 #include "port_defs.hpp"
 #include "port_values.hpp"
+#include "tool_svg.hpp"
 #include "tool_text.hpp"
 
 namespace memtool {
@@ -31,10 +35,9 @@ constexpr int kRow = 18;   // height of a row; boxes stand on multiples of it
 constexpr int kHead = 36;  // of a structure's head, two rows
 constexpr int kGap = 36;   // between boxes of a column
 constexpr int kMargin = 18;
-constexpr int kTrack = 8;  // between arrows
-constexpr int kPad = 9;    // between a box's border and its text
-constexpr int kBend = 4;   // radius of an arrow's corners
-constexpr double kLetter = 7.3;
+constexpr int kTrack = 8;              // between arrows
+constexpr int kPad = 9;                // between a box's border and its text
+constexpr int kBend = 4;               // radius of an arrow's corners
 constexpr std::size_t kMostText = 32;  // characters of a value
 
 // Heights within a row or head; see above.
@@ -43,10 +46,20 @@ constexpr int kRowLeft = 13;
 constexpr int kHeadLeft = 18;
 constexpr int kHeadRight = 23;
 
+constexpr const char *kAheadColour = "#1f5a9c";
+constexpr const char *kBackColour = "#b0562a";
+constexpr const char *kStyles =
+    "  .words { fill: #276738; }\n"
+    "  .place { fill: #1f5a9c; }\n"
+    "  .box { fill: #fff; stroke: #8895a3; }\n"
+    "  .head { fill: #e6edf4; stroke: #8895a3; }\n"
+    "  .ahead { fill: none; stroke: #1f5a9c; stroke-width: 1.3; }\n"
+    "  .back { fill: none; stroke: #b0562a; stroke-width: 1.3; stroke-dasharray: 5 3; }\n";
+
 struct Row {
   std::string name;
   std::string value;
-  std::string inkClass;
+  const char *inkClass = "mono";
   std::size_t depth = 0;     // in embedded structures
   std::uint32_t target = 0;  // of a pointer; 0 for none
 };
@@ -75,36 +88,8 @@ struct Point {
   int y;
 };
 
-// Letters of other scripts may take the room of two.
 int widthOf(std::string_view utf8) {
-  std::size_t cells = 0;
-  for (const char byte : utf8) {
-    const auto value = static_cast<std::uint8_t>(byte);
-    if ((value & 0xC0U) != 0x80) cells += value >= 0xE1 ? 2U : 1U;
-  }
-  return static_cast<int>(std::lround(static_cast<double>(cells) * kLetter));
-}
-
-std::string escaped(std::string_view utf8) {
-  std::string made;
-  for (std::size_t i = 0; i < utf8.size(); ++i) {
-    const char c = utf8[i];
-    const bool isNonCharacter = utf8.substr(i, 3) == "\xEF\xBF\xBE" ||
-                                utf8.substr(i, 3) == "\xEF\xBF\xBF";  // XML has no U+FFFE, U+FFFF
-    if (isNonCharacter) {
-      made += "\xEF\xBF\xBD";
-      i += 2;
-    } else if (c == '&') {
-      made += "&amp;";
-    } else if (c == '<') {
-      made += "&lt;";
-    } else if (c == '>') {
-      made += "&gt;";
-    } else {
-      made += c;
-    }
-  }
-  return made;
+  return static_cast<int>(std::lround(static_cast<double>(displayColumns(utf8)) * kCharWidth));
 }
 
 std::string rowName(const PortField &field) {
@@ -114,13 +99,13 @@ std::string rowName(const PortField &field) {
 const char *classOf(Ink ink) {
   switch (ink) {
     case Ink::Text:
-      return " class=\"t\"";
+      return "mono words";
     case Ink::Dim:
-      return " class=\"d\"";
+      return "mono dim";
     case Ink::Place:
-      return " class=\"p\"";
+      return "mono place";
     default:
-      return "";
+      return "mono";
   }
 }
 
@@ -130,25 +115,36 @@ std::string structureName(const PortStructure &structure) {
   return isNamed ? structure.definition->name : fmt::format("StructID {}", structure.id);
 }
 
+// A file name may hold anything.
+std::string titleOf(const std::string &name) {
+  const std::string shown = inQuotes(validUtf8(name), 60);
+  return shown.substr(1, shown.rfind('"') - 1);
+}
+
 class Picture {
  public:
   Picture(const std::string &name, const PortDocument &document)
-      : name_(name), document_(document) {}
+      : name_(name), document_(document), svg_(titleOf(name), kStyles) {}
 
   std::string draw();
 
  private:
+  struct Lane {
+    int y = 0;
+    int track = 0;  // where it goes down to the box
+  };
+
   void addBoxes();
   void addRows(Box &box, const PortStructure &structure, std::size_t depth);
   void addArrows();
   void setColumns();
   void setPlaces();
   void setArrows();
-  int laneCount() const;
   bool isLong(const Arrow &arrow) const;
   std::size_t gutterOfStart(const Arrow &arrow) const;
   std::size_t gutterOfEnd(const Arrow &arrow) const;
   int trackIn(std::size_t gutter);
+  Lane laneTo(std::size_t box, std::size_t gutter);
   void drawBox(const Box &box);
   void drawArrow(const Arrow &arrow);
   void drawPath(const std::vector<Point> &points, bool leadsBack);
@@ -160,12 +156,12 @@ class Picture {
   std::vector<Arrow> arrows_;
   std::vector<int> gutterX_;  // left edge of gutter k, which is left of column k
   std::vector<int> gutterWidth_;
-  std::vector<int> tracksTaken_;  // by gutter
-  int lanesTaken_ = 0;
-  int top_ = 0;  // of the boxes
+  std::vector<int> tracksTaken_;                               // by gutter
+  std::map<std::pair<std::size_t, std::size_t>, Lane> lanes_;  // by box and gutter of its end
+  int top_ = 0;                                                // of the boxes
   int width_ = 0;
   int height_ = 0;
-  std::string svg_;
+  Svg svg_;
 };
 
 void Picture::addRows(Box &box, const PortStructure &structure, std::size_t depth) {
@@ -201,7 +197,7 @@ void Picture::addBoxes() {
     if (box.rows.size() > kMostDrawnFields) {
       const std::size_t more = box.rows.size() - (kMostDrawnFields - 1);
       box.rows.resize(kMostDrawnFields - 1);
-      box.rows.push_back({fmt::format("… {} more", grouped(more)), "", " class=\"d\"", 0, 0});
+      box.rows.push_back({fmt::format("… {} more", grouped(more)), "", "mono dim", 0, 0});
     }
     int valueWidth = 0;
     for (const Row &row : box.rows) {
@@ -259,24 +255,21 @@ std::size_t Picture::gutterOfEnd(const Arrow &arrow) const {
   return boxes_[arrow.from].column < column ? column : column + 1;
 }
 
-int Picture::laneCount() const {
-  return static_cast<int>(std::count_if(arrows_.begin(), arrows_.end(),
-                                        [this](const Arrow &arrow) { return isLong(arrow); }));
-}
-
 void Picture::setPlaces() {
   std::size_t columns = 1;
   for (const Box &box : boxes_) columns = std::max(columns, box.column + 1);
   std::vector<int> tracks(columns + 1, 0);
+  std::set<std::pair<std::size_t, std::size_t>> lanes;
   for (const Arrow &arrow : arrows_) {
     ++tracks[gutterOfStart(arrow)];
-    if (isLong(arrow)) ++tracks[gutterOfEnd(arrow)];
+    const std::size_t end = gutterOfEnd(arrow);
+    if (isLong(arrow) && lanes.insert({arrow.to, end}).second) ++tracks[end];
   }
   std::vector<int> widths(columns, 0);
   for (const Box &box : boxes_) widths[box.column] = std::max(widths[box.column], box.width);
 
-  const int lanes = laneCount();
-  top_ = (kMargin + 2 * kRow + lanes * kTrack + kRow + kRow - 1) / kRow * kRow;
+  const int laneRoom = static_cast<int>(lanes.size()) * kTrack;
+  top_ = (kMargin + 4 * kRow + laneRoom) / kRow * kRow;
   int x = kMargin;
   std::vector<int> columnX;
   for (std::size_t k = 0; k <= columns; ++k) {
@@ -305,6 +298,14 @@ int Picture::trackIn(std::size_t gutter) {
   return gutterX_[gutter] + kRow + kTrack * tracksTaken_[gutter]++;
 }
 
+// Arrows to one box share the lane and the track at its end.
+Picture::Lane Picture::laneTo(std::size_t box, std::size_t gutter) {
+  const auto known = lanes_.find({box, gutter});
+  if (known != lanes_.end()) return known->second;
+  const int y = top_ - kRow - kTrack * static_cast<int>(lanes_.size());
+  return lanes_[{box, gutter}] = {y, trackIn(gutter)};
+}
+
 // From the row's side over a track, or over a track, a lane and a track, to the head's side.
 void Picture::drawArrow(const Arrow &arrow) {
   const Box &from = boxes_[arrow.from];
@@ -321,9 +322,8 @@ void Picture::drawArrow(const Arrow &arrow) {
   const int firstTrack = trackIn(start);
   std::vector<Point> points{first, {firstTrack, first.y}};
   if (isLong(arrow)) {
-    const int lane = top_ - kRow - kTrack * ++lanesTaken_;
-    const int lastTrack = trackIn(end);
-    points.insert(points.end(), {{firstTrack, lane}, {lastTrack, lane}, {lastTrack, last.y}});
+    const Lane lane = laneTo(arrow.to, end);
+    points.insert(points.end(), {{firstTrack, lane.y}, {lane.track, lane.y}, {lane.track, last.y}});
   } else {
     points.push_back({firstTrack, last.y});
   }
@@ -337,8 +337,7 @@ int signOf(int value) {
 
 // Straight parts with round corners.
 void Picture::drawPath(const std::vector<Point> &points, bool leadsBack) {
-  svg_ +=
-      fmt::format("<path class=\"{}\" d=\"M{} {}", leadsBack ? "b" : "a", points[0].x, points[0].y);
+  std::string data = fmt::format("M{} {}", points[0].x, points[0].y);
   for (std::size_t i = 1; i + 1 < points.size(); ++i) {
     const auto towards = [&points, i](const Point &other) {
       const int dx = other.x - points[i].x;
@@ -348,38 +347,30 @@ void Picture::drawPath(const std::vector<Point> &points, bool leadsBack) {
     };
     const Point in = towards(points[i - 1]);
     const Point out = towards(points[i + 1]);
-    svg_ += fmt::format("L{} {}Q{} {} {} {}", in.x, in.y, points[i].x, points[i].y, out.x, out.y);
+    data += fmt::format("L{} {}Q{} {} {} {}", in.x, in.y, points[i].x, points[i].y, out.x, out.y);
   }
-  svg_ += fmt::format("L{} {}\" marker-end=\"url(#{})\"/>\n", points.back().x, points.back().y,
-                      leadsBack ? "mb" : "ma");
+  data += fmt::format("L{} {}", points.back().x, points.back().y);
+  svg_.path(data, leadsBack ? "back" : "ahead", true);
 }
 
 void Picture::drawBox(const Box &box) {
-  svg_ += fmt::format("<rect class=\"f\" x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" rx=\"4\"/>\n",
-                      box.x, box.y, box.width, box.height());
-  svg_ += fmt::format("<rect class=\"h\" x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" rx=\"4\"/>\n",
-                      box.x, box.y, box.width, kHead);
-  svg_ += fmt::format("<text class=\"n\" x=\"{}\" y=\"{}\">{}</text>\n", box.x + kPad, box.y + 15,
-                      escaped(box.title));
-  svg_ += fmt::format("<text class=\"d\" x=\"{}\" y=\"{}\">{}</text>\n", box.x + kPad, box.y + 30,
-                      escaped(box.subtitle));
+  svg_.rect(box.x, box.y, box.width, box.height(), "box");
+  svg_.rect(box.x, box.y, box.width, kHead, "head");
+  svg_.text(box.x + kPad, box.y + 15, "mono label", box.title);
+  svg_.text(box.x + kPad, box.y + 30, "mono dim", box.subtitle);
   int y = box.y + kHead + 13;
   for (const Row &row : box.rows) {
     const int x = box.x + kPad;
-    svg_ += fmt::format("<text x=\"{}\" y=\"{}\">{}</text>", x + kRow * static_cast<int>(row.depth),
-                        y, escaped(row.name));
-    svg_ += fmt::format("<text{} x=\"{}\" y=\"{}\">{}</text>\n", row.inkClass,
-                        x + box.nameWidth + kRow, y, escaped(row.value));
+    svg_.text(x + kRow * static_cast<int>(row.depth), y, "mono", row.name);
+    svg_.text(x + box.nameWidth + kRow, y, row.inkClass, row.value);
     y += kRow;
   }
 }
 
 std::string Picture::titleText() const {
-  const std::string shown = inQuotes(validUtf8(name_), 60);
-  std::string text =
-      fmt::format("{}: {} characters, {} structure{}", shown.substr(1, shown.rfind('"') - 1),
-                  grouped(document_.characters), grouped(document_.promised),
-                  document_.promised == 1 ? "" : "s");
+  std::string text = fmt::format("{}: {} characters, {} structure{}", titleOf(name_),
+                                 grouped(document_.characters), grouped(document_.promised),
+                                 document_.promised == 1 ? "" : "s");
   if (boxes_.size() < document_.promised) {
     text += fmt::format("; the first {} are drawn", boxes_.size());
   }
@@ -391,26 +382,12 @@ std::string Picture::draw() {
   addArrows();
   setColumns();
   setPlaces();
-  svg_ = fmt::format(
-      "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"{0}\" height=\"{1}\" "
-      "viewBox=\"0 0 {0} {1}\">\n",
-      width_, height_);
-  svg_ +=
-      "<style>text{font:12px monospace;fill:#222;white-space:pre}.n{font-weight:bold}"
-      ".d{fill:#666}.t{fill:#276738}.p{fill:#1f5a9c}.f{fill:#fff;stroke:#8895a3}"
-      ".h{fill:#e6edf4;stroke:#8895a3}.a,.b{fill:none;stroke-width:1.3}.a{stroke:#1f5a9c}"
-      ".b{stroke:#b0562a;stroke-dasharray:5 3}</style>\n"
-      "<defs><marker id=\"ma\" markerWidth=\"8\" markerHeight=\"8\" refX=\"7\" refY=\"4\" "
-      "orient=\"auto\"><path d=\"M0 1L7 4L0 7z\" fill=\"#1f5a9c\"/></marker>"
-      "<marker id=\"mb\" markerWidth=\"8\" markerHeight=\"8\" refX=\"7\" refY=\"4\" "
-      "orient=\"auto\"><path d=\"M0 1L7 4L0 7z\" fill=\"#b0562a\"/></marker></defs>\n"
-      "<rect width=\"100%\" height=\"100%\" fill=\"#fff\"/>\n";
-  svg_ += fmt::format("<text class=\"n\" x=\"{}\" y=\"{}\">{}</text>\n", kMargin, kMargin + 9,
-                      escaped(titleText()));
+  svg_.defineArrow("ahead", kAheadColour);
+  svg_.defineArrow("back", kBackColour);
+  svg_.text(kMargin, kMargin + 9, "mono label", titleText());
   for (const Box &box : boxes_) drawBox(box);
   for (const Arrow &arrow : arrows_) drawArrow(arrow);
-  svg_ += "</svg>\n";
-  return std::move(svg_);
+  return svg_.finish(width_, height_);
 }
 
 }  // namespace

@@ -96,9 +96,7 @@ std::int32_t readLength(const PortFieldDefinition &field, const PortJsonNode &no
   const bool isWide = field.type == MEM_PORT_WCHAR || field.type == MEM_PORT_WCHARSZ;
   const std::int64_t least = std::max(width, isWide ? kWideUnit : 1);
   const std::int64_t most = field.type == MEM_PORT_BIT ? 1 : INT32_MAX;
-  const auto value = static_cast<std::int32_t>(length.integer(least, most));
-  if (isWide && value % kWideUnit != 0) length.fail("wide text has an even number of bytes");
-  return value;
+  return static_cast<std::int32_t>(length.integer(least, most));
 }
 
 void checkPlace(const PortStructDefinition &definition, const PortFieldDefinition &field,

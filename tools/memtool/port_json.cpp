@@ -12,13 +12,15 @@
 namespace memtool {
 namespace {
 
-// Text as bytes, filled up to the field's length with `fill`. `room` is what it may take of it.
+// Text as bytes, filled up with `fill` to the whole characters of the field and with zeros to its
+// length. `room` is what the text may take of it.
 std::string padded(const PortJsonNode &node, std::string bytes, std::size_t room,
                    std::size_t length, std::string_view fill) {
   if (bytes.size() > room) {
     node.fail(fmt::format("{} bytes; the field has room for {}", bytes.size(), room));
   }
-  while (bytes.size() < length) bytes += fill;
+  while (bytes.size() + fill.size() <= length) bytes += fill;
+  bytes.resize(length, '\0');
   return bytes;
 }
 
@@ -141,7 +143,8 @@ std::string portFieldBytes(MEMFieldType type, std::int32_t length, const PortJso
     case MEM_PORT_WCHARSZ: {
       const std::u16string text = portUnitsOf(node);
       refuseZero(node, text.find(u'\0') != std::u16string::npos);
-      return padded(node, bytesOf(text), size - sizeof(char16_t), size, std::string_view("", 1));
+      const std::size_t room = size - size % sizeof(char16_t) - sizeof(char16_t);
+      return padded(node, bytesOf(text), room, size, std::string_view("", 1));
     }
     case MEM_PORT_BIT:
       return std::string(1, static_cast<char>(node.integer(0, UINT8_MAX)));

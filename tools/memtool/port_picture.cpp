@@ -23,7 +23,6 @@
 #include <utility>
 #include <vector>
 
-#include "port_defs.hpp"
 #include "port_values.hpp"
 #include "tool_svg.hpp"
 #include "tool_text.hpp"
@@ -92,10 +91,6 @@ int widthOf(std::string_view utf8) {
   return static_cast<int>(std::lround(static_cast<double>(displayColumns(utf8)) * kCharWidth));
 }
 
-std::string rowName(const PortField &field) {
-  return field.definition == nullptr ? fmt::format("field {}", field.id) : field.definition->name;
-}
-
 const char *classOf(Ink ink) {
   switch (ink) {
     case Ink::Text:
@@ -107,12 +102,6 @@ const char *classOf(Ink ink) {
     default:
       return "mono";
   }
-}
-
-std::string structureName(const PortStructure &structure) {
-  const bool isNamed =
-      structure.definition != nullptr && structure.definition->name != std::to_string(structure.id);
-  return isNamed ? structure.definition->name : fmt::format("StructID {}", structure.id);
 }
 
 // A file name may hold anything.
@@ -165,12 +154,15 @@ class Picture {
 };
 
 void Picture::addRows(Box &box, const PortStructure &structure, std::size_t depth) {
-  for (const PortField &field : structure.fields) {
+  const std::vector<std::string> names = portFieldNames(structure);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const PortField &field = structure.fields[i];
+    const std::string name = (field.definition == nullptr ? "field " : "") + names[i];
     const auto *embedded = std::get_if<PortEmbedded>(&field.value);
     const auto *pointer = std::get_if<PortPointer>(&field.value);
     PortShown shown = showPortValue(field.value, kMostText);
-    if (embedded != nullptr) shown.text = structureName(*embedded->structure);
-    Row row{rowName(field), shown.text, classOf(shown.ink), depth, 0};
+    if (embedded != nullptr) shown.text = portStructureName(*embedded->structure);
+    Row row{name, shown.text, classOf(shown.ink), depth, 0};
     if (pointer != nullptr && pointer->number != 0) {
       row.target = pointer->number;
       row.value = fmt::format("→ {}", pointer->number);
@@ -186,7 +178,7 @@ void Picture::addBoxes() {
   for (std::size_t i = 0; i < boxes_.size(); ++i) {
     const PortStructure &structure = document_.structures[i];
     Box &box = boxes_[i];
-    box.title = fmt::format("{}  {}", i + 1, structureName(structure));
+    box.title = fmt::format("{}  {}", i + 1, portStructureName(structure));
     box.subtitle = structure.offset ? fmt::format("at character {}", *structure.offset)
                                     : fmt::format("StructID {}", structure.id);
     if (structure.elements) {
@@ -269,7 +261,7 @@ void Picture::setPlaces() {
   for (const Box &box : boxes_) widths[box.column] = std::max(widths[box.column], box.width);
 
   const int laneRoom = static_cast<int>(lanes.size()) * kTrack;
-  top_ = (kMargin + 4 * kRow + laneRoom) / kRow * kRow;
+  top_ = (4 * kRow + laneRoom - 1) / kRow * kRow;  // title, lanes and a row
   int x = kMargin;
   std::vector<int> columnX;
   for (std::size_t k = 0; k <= columns; ++k) {

@@ -14,21 +14,15 @@ namespace {
 constexpr std::size_t kMostShown = 200;  // characters of a value
 constexpr std::size_t kIndent = 4;       // of fields, and of a structure in a structure
 
-std::string nameOf(const PortField &field) {
-  return field.definition == nullptr ? std::to_string(field.id) : field.definition->name;
-}
-
 std::string typeOf(const PortField &field) {
   return field.definition == nullptr ? portFormName(field.value)
                                      : portTypeName(field.definition->type);
 }
 
 std::string titleOf(const PortStructure &structure) {
-  if (structure.definition == nullptr) return fmt::format("StructID {}", structure.id);
-  if (structure.definition->name == std::to_string(structure.id)) {
-    return fmt::format("StructID {}", structure.id);
-  }
-  return fmt::format("{} (StructID {})", structure.definition->name, structure.id);
+  const std::string id = fmt::format("StructID {}", structure.id);
+  const std::string name = portStructureName(structure);
+  return name == id ? id : fmt::format("{} ({})", name, id);
 }
 
 std::string elementsOf(const PortStructure &structure) {
@@ -53,22 +47,22 @@ class Printer {
 
  private:
   void fields(const PortStructure &structure, std::size_t indent) {
+    const std::vector<std::string> names = portFieldNames(structure);
     std::size_t nameWidth = 0;
     std::size_t typeWidth = 0;
-    for (const PortField &field : structure.fields) {
-      nameWidth = std::max(nameWidth, columnsOf(nameOf(field)));
-      typeWidth = std::max(typeWidth, columnsOf(typeOf(field)));
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      nameWidth = std::max(nameWidth, columnsOf(names[i]));
+      typeWidth = std::max(typeWidth, columnsOf(typeOf(structure.fields[i])));
     }
-    for (const PortField &field : structure.fields) {
-      const std::string name = nameOf(field);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      const PortField &field = structure.fields[i];
       const std::string type = typeOf(field);
-      const std::string blanks(indent + (field.definition == nullptr ? nameWidth - name.size() : 0),
-                               ' ');
-      const std::string behindName(
-          2 + (field.definition == nullptr ? 0 : nameWidth - columnsOf(name)), ' ');
-      const std::string behindType(2 + typeWidth - columnsOf(type), ' ');
-      console_.print("{}{}{}{}{}", blanks, console_.paint(Ink::Name, name), behindName,
-                     console_.paint(Ink::Dim, type), behindType);
+      // Identifiers stand at the right of their column.
+      const std::size_t missing = nameWidth - columnsOf(names[i]);
+      const std::size_t left = field.definition == nullptr ? missing : 0;
+      console_.print("{:{}}{}{:{}}{}{:{}}", "", indent + left, console_.paint(Ink::Name, names[i]),
+                     "", 2 + missing - left, console_.paint(Ink::Dim, type), "",
+                     2 + typeWidth - columnsOf(type));
       value(field, indent);
     }
   }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "port_defs.hpp"
 #include "tool_text.hpp"
 
 namespace memtool {
@@ -114,6 +115,29 @@ std::optional<std::u16string> portWideOf(std::string_view utf8) {
     }
   }
   return units;
+}
+
+std::string portStructureName(const PortStructure &structure) {
+  const std::string id = std::to_string(structure.id);
+  const bool isNamed = structure.definition != nullptr && structure.definition->name != id;
+  return isNamed ? structure.definition->name : "StructID " + id;
+}
+
+std::vector<std::string> portFieldNames(const PortStructure &structure) {
+  const PortStructDefinition *const definition = structure.definition;
+  const bool repeats = definition != nullptr && definition->hasRepeatField();
+  std::vector<std::string> names;
+  std::size_t element = 0;
+  for (const PortField &field : structure.fields) {
+    if (field.definition == nullptr) {
+      names.push_back(std::to_string(field.id));
+    } else if (repeats && field.definition == &definition->repeatField()) {
+      names.push_back(fmt::format("{}[{}]", field.definition->name, element++));
+    } else {
+      names.push_back(field.definition->name);
+    }
+  }
+  return names;
 }
 
 const char *portFormName(const PortValue &value) {

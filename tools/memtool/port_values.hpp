@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "port_model.hpp"
 #include "tool_console.hpp"
@@ -20,6 +21,12 @@ std::optional<std::string> portBytesOfHex(std::string_view hex);
 
 // UTF-16 of valid UTF-8; nothing for other bytes.
 std::optional<std::u16string> portWideOf(std::string_view utf8);
+
+// The definition's name where there is one, else "StructID 7".
+std::string portStructureName(const PortStructure &structure);
+
+// For each field the definition's name, with an index for elements, or the identifier.
+std::vector<std::string> portFieldNames(const PortStructure &structure);
 
 // Kind of value as the text alone tells it: "number", "text", "string", "wide text", …
 const char *portFormName(const PortValue &value);

@@ -65,7 +65,9 @@ void showSound(Console &console, const PortOptions &options, const PortDocument 
 
 // What readers let pass is a fault for --check only.
 void checkText(const PortOptions &options, const PortDocument &document) {
-  if (document.deviation) throwFault(options, *document.deviation);
+  const bool hasDeviation = document.deviation && (!document.fault || document.deviation->offset <
+                                                                          document.fault->offset);
+  if (hasDeviation) throwFault(options, *document.deviation);
   if (document.fault) throwFault(options, *document.fault);
 }
 

@@ -251,7 +251,7 @@ const PortFieldDefinition *PortStructDefinition::find(std::string_view field) co
 
 PortDefinitions::PortDefinitions(const std::string &name, std::string_view json) {
   const PortJson document = parsePortJson(name, json);
-  const PortJsonNode top(document, name + ":");
+  const PortJsonNode top(document, name);
   top.requireKeys({"structures"});
   const std::vector<PortJsonNode> nodes = top.at("structures").elements();
   if (nodes.empty()) top.fail("no structure is defined");

@@ -386,7 +386,7 @@ bool GraphMaker::isSound(const PortFieldDefinition &field, const void *address) 
 std::string encodePortText(RunningLibrary &library, const PortDefinitions &definitions,
                            const std::string &name, std::string_view json) {
   const PortJson document = parsePortJson(name, json);
-  const PortJsonNode top(document, name + ":");
+  const PortJsonNode top(document, name);
   GraphMaker maker(definitions, top);
   const MadeStructure &root = maker.run();
 

@@ -60,8 +60,7 @@ void PortJsonNode::requireKeys(std::initializer_list<std::string_view> known) co
 }
 
 PortJsonNode PortJsonNode::member(const std::string &key, const PortJson &value) const {
-  const bool isTop = place_.ends_with(':');
-  return {value, place_ + (isTop ? " " : ".") + key};
+  return {value, place_ + separator_ + key, "."};
 }
 
 std::optional<PortJsonNode> PortJsonNode::find(const std::string &key) const {
@@ -82,7 +81,7 @@ std::vector<PortJsonNode> PortJsonNode::elements() const {
   std::vector<PortJsonNode> nodes;
   nodes.reserve(json_->size());
   for (const PortJson &element : *json_) {
-    nodes.emplace_back(element, fmt::format("{}[{}]", place_, nodes.size()));
+    nodes.push_back({element, fmt::format("{}[{}]", place_, nodes.size()), "."});
   }
   return nodes;
 }

@@ -20,7 +20,9 @@ PortJson parsePortJson(const std::string &name, std::string_view bytes);
 // ToolError that names the place: "defs.json: structures[0].id: …".
 class PortJsonNode {
  public:
-  PortJsonNode(const PortJson &json, std::string place) : json_(&json), place_(std::move(place)) {}
+  // A whole document.
+  PortJsonNode(const PortJson &json, std::string name)
+      : PortJsonNode(json, std::move(name), ": ") {}
 
   const PortJson &json() const { return *json_; }
   [[noreturn]] void fail(std::string_view what) const;
@@ -37,8 +39,12 @@ class PortJsonNode {
   bool flag() const;
 
  private:
+  PortJsonNode(const PortJson &json, std::string place, const char *separator)
+      : json_(&json), place_(std::move(place)), separator_(separator) {}
+
   const PortJson *json_;
   std::string place_;
+  const char *separator_;  // in front of a member's name
 };
 
 // The forms that portValueJson writes. `node` holds text, {"hex": …} or {"units": […]}.

@@ -17,7 +17,7 @@ namespace {
 using chainwriter::Fixture;
 
 constexpr std::uint64_t kSeed = 20260605;
-constexpr int kMutantsOfAFixture = 120;
+constexpr int kMutantsOfAFixture = 15;
 constexpr std::uint8_t kInteresting[] = {0, 1, 2, 3, 4, 8, 0x18, 0x7F, 0x80, 0xE5, 0xFE, 0xFF};
 
 std::string mutantOf(const std::string &original, Random &random) {
@@ -77,8 +77,8 @@ TEST_F(MemtoolMutationTest, DamagedFilesEndWithOneLineAtMost) {
       std::filesystem::remove("out.svg");
     }
   }
-  EXPECT_GT(sound, 100);
-  EXPECT_GT(faulty, 1000);
+  EXPECT_GT(sound, 20);
+  EXPECT_GT(faulty, 100);
 }
 
 // With the file's own control block the library unpacks every chain of 8-byte pointers in place.
@@ -96,7 +96,7 @@ TEST_F(MemtoolMutationTest, WhatIsSoundTheLibraryTakes) {
     const chainwriter::Bytes bytes = fixture.chain.file();
     const std::string original(bytes.begin(), bytes.end());
     const chainwriter::Bytes callers = chainwriter::readersControlBlock(fixture.tree);
-    for (int i = 0; i < kMutantsOfAFixture * 4; ++i) {
+    for (int i = 0; i < kMutantsOfAFixture * 25; ++i) {
       SCOPED_TRACE(fixture.name + " mutant " + std::to_string(i) + ", " +
                    seedNote(firstSeed(kSeed)));
       const std::string mutant = mutantOf(original, random);
@@ -133,7 +133,7 @@ TEST_F(MemtoolMutationTest, SoundChainsAreRewrittenOrRefused) {
   for (const Fixture &fixture : chainwriter::allFixtures()) {
     const chainwriter::Bytes bytes = fixture.chain.file();
     const std::string original(bytes.begin(), bytes.end());
-    for (int i = 0; i < kMutantsOfAFixture / 2; ++i) {
+    for (int i = 0; i < kMutantsOfAFixture; ++i) {
       SCOPED_TRACE(fixture.name + " mutant " + std::to_string(i) + ", " +
                    seedNote(firstSeed(kSeed)));
       writeBytes("in", mutantOf(original, random));
@@ -145,7 +145,7 @@ TEST_F(MemtoolMutationTest, SoundChainsAreRewrittenOrRefused) {
       ASSERT_EQ(runTool({"chain", "out", "--check"}).err, "");
     }
   }
-  EXPECT_GT(rewritten, 50);
+  EXPECT_GT(rewritten, 20);
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ using chainwriter::Tree;
 using chainwriter::Writer;
 
 constexpr std::uint64_t kSeed = 20260117;
-constexpr int kTreesOfAWriter = 25;
+constexpr int kTreesOfAWriter = 8;
 
 std::string fixturePath(const std::string &name) {
   return (std::filesystem::path(MEM_FIXTURES) / "chains" / (name + ".chain")).string();
@@ -35,19 +35,23 @@ Json chainJson(const std::string &name) {
 
 // What a chain says without where it says so: each segment with its kind, its level and, of each
 // pointer, the number of the segment that it leads to, or the text; and its other bytes, without a
-// length at its start and without zeros at the end of a run, which a wider layout may add.
-Json structureOf(const Json &chain) {
+// length at its start and without zeros at the end of a run, which a wider layout may add. Narrow
+// text of EBCDIC writers stays what it is, and so is shown as something else once the writer is
+// native.
+Json structureOf(const Json &chain, bool hasNarrowText = true) {
   std::map<std::pair<int, int>, std::size_t> numbers;
   for (const Json &segment : chain["segments"]) {
     numbers.emplace(std::pair<int, int>(segment["block"], segment["offset"]), numbers.size());
   }
   Json structure = Json::array();
   for (const Json &segment : chain["segments"]) {
-    const std::string form = chain["controlBlock"]["kinds"][segment["kind"].get<int>()]["form"];
+    const std::string form =
+        chain["controlBlock"]["kinds"][segment["kind"].get<std::size_t>()]["form"];
     Json said{{"kind", segment["kind"]}, {"level", segment["level"]}};
     for (const Json &pointer : segment["pointers"]) {
       if (pointer.contains("text")) {
-        said["pointers"].push_back({pointer["text"], pointer["isWide"]});
+        const bool isSame = hasNarrowText || pointer["isWide"].get<bool>();
+        said["pointers"].push_back({isSame ? pointer["text"] : Json(), pointer["isWide"]});
       } else if (pointer["target"].is_null()) {
         said["pointers"].push_back(nullptr);
       } else {
@@ -214,7 +218,8 @@ TEST_F(MemtoolNativeTest, TreesOfEveryShapeAndWriter) {
       words = {"chain", "in", "--json", "--data"};
       words.insert(words.end(), width.begin(), width.end());
       const Json from = Json::parse(outputOf(words));
-      EXPECT_EQ(structureOf(from), structureOf(chainJson("out")));
+      EXPECT_EQ(structureOf(from, !writer.isEbcdic),
+                structureOf(chainJson("out"), !writer.isEbcdic));
       if (HasFailure()) return;
     }
   }
@@ -233,7 +238,7 @@ TEST_F(MemtoolNativeTest, GivesAllStorageBack) {
     memtool::NativeRequest request;
     memtool::toNative(library, chain, request, console);
     EXPECT_EQ(live(), before);
-    request.blockLength = 1000;
+    request.blockLength = 900;
     EXPECT_THROW(memtool::toNative(library, chain, request, console), memtool::ToolError);
     EXPECT_EQ(live(), before);
   }

@@ -64,7 +64,9 @@ inline std::string readBytes(const std::filesystem::path &path) {
   return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
+// Writes a new file: some file systems wait for the disk when an old one is written over.
 inline void writeBytes(const std::filesystem::path &path, std::string_view bytes) {
+  std::filesystem::remove(path);
   std::ofstream file(path, std::ios::binary);
   file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   file.close();

@@ -38,11 +38,23 @@ struct ChainOptions {
   std::int32_t blockLength = 0;
 };
 
+const char *nameOfCode(std::uint32_t code) {
+  switch (code) {
+#define MEM_NAME_OF_CODE(name, number, message) \
+  case number:                                  \
+    return #name;
+    MEMERR_LIST(MEM_NAME_OF_CODE)
+#undef MEM_NAME_OF_CODE
+    default:
+      return "";
+  }
+}
+
 [[noreturn]] void throwFault(const ChainOptions &options, const Fault &fault) {
-  const std::string name =
-      fault.code == 0 ? ""
-                      : " (the library refuses it with code " + std::to_string(fault.code) + ")";
-  throw ToolError(options.file + ": " + fault.text() + name);
+  const std::string refusal = fault.code == 0 ? ""
+                                              : fmt::format(" (the library's code is {} {})",
+                                                            fault.code, nameOfCode(fault.code));
+  throw ToolError(options.file + ": " + fault.text() + refusal);
 }
 
 PackedChain readSound(const std::string &file, std::uint32_t pointerWidth, Console &console) {
@@ -73,7 +85,8 @@ void writeNative(Tool &tool, const ChainOptions &options, const PackedChain &cha
   if (options.asJson) return;
   tool.console.print("{}: {} bytes in {} block{} of {}, version {}\n", options.native,
                      grouped(native.bytes.size()), grouped(native.blocks),
-                     native.blocks == 1 ? "" : "s", grouped(native.blockLength), native.version);
+                     native.blocks == 1 ? "" : "s",
+                     grouped(static_cast<std::uint64_t>(native.blockLength)), native.version);
   if (!native.remark.empty()) tool.console.print("{}\n", native.remark);
 }
 

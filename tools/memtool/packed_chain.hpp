@@ -2,7 +2,7 @@
 // its bytes. docs/packed-chain.md describes the format.
 #pragma once
 
-#include <array>
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -138,6 +138,9 @@ class PackedChain {
   std::size_t fileOffset(Place place) const {
     return blocks[place.block].fileOffset + place.offset;
   }
+
+  // Counted kinds up to the first fault.
+  std::size_t readKindCount() const { return std::min<std::size_t>(kindCount, kinds.size()); }
 
   // The text as UTF-8. Narrow text of EBCDIC writers is read in code page 037, unless it is ASCII.
   std::string utf8Of(const Text &text) const;

@@ -9,7 +9,7 @@ namespace memtool {
 
 // Blocks beyond these, and rows of a block beyond these, are counted instead of drawn.
 inline constexpr std::size_t kMostDrawnBlocks = 24;
-inline constexpr std::size_t kMostDrawnRows = 48;
+inline constexpr std::size_t kMostDrawnRows = 64;
 
 // SVG with the first blocks side by side, their segments and texts in order, and an arrow for each
 // pointer that stays in its block or leads to the next or previous one; others are written.

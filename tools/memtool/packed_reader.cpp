@@ -194,7 +194,7 @@ void Walk::checkKind(std::uint16_t kind, Place place, std::uint32_t length) {
   if (offsets.back() + width > static_cast<std::int32_t>(length)) {
     refuse(chain_, place,
            fmt::format("a segment of kind {} and {} bytes begins here, too short for its pointer "
-                       "at offset {}",
+                       "at {}",
                        kind, length, offsets.back()),
            MEMERR_PACKROFF);
   }

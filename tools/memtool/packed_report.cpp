@@ -69,7 +69,7 @@ void printKinds(Console &console, const PackedChain &chain) {
                {"sibling", true},
                {"children"},
                {"references"}});
-  for (std::size_t i = 0; i < chain.kindCount; ++i) {
+  for (std::size_t i = 0; i < chain.readKindCount(); ++i) {
     const Kind &kind = chain.kinds[i];
     std::vector<std::string> children;
     for (const MemPackChild &child : kind.children) {
@@ -301,7 +301,7 @@ Json chainJson(const std::string &name, const PackedChain &chain, bool withData)
         {"pointerWidth", chain.pointerWidth == 0 ? Json() : Json(chain.pointerWidth)}};
   }
   json["controlBlock"] = {{"length", chain.controlBlockLen}, {"kinds", Json::array()}};
-  for (std::size_t i = 0; i < chain.kindCount && i < chain.kinds.size(); ++i) {
+  for (std::size_t i = 0; i < chain.readKindCount(); ++i) {
     json["controlBlock"]["kinds"].push_back(kindJson(i, chain.kinds[i]));
   }
   json["blocks"] = blocksJson(chain);

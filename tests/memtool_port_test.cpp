@@ -114,6 +114,29 @@ TEST_F(MemtoolPortTest, ExampleIsAsItWas) {
             readBytes(fixture("all.defs.txt")));
 }
 
+// The manual's example is the program's output, and its picture was drawn by the program.
+TEST_F(MemtoolPortTest, ManualShowsWhatTheProgramWrites) {
+  const std::filesystem::path docs = MEM_DOCS;
+  const std::string manual = readBytes(docs / "memtool-port.md");
+  for (const char *name :
+       {"order.port", "order.txt", "order.defs.txt", "order.defs.json", "order.graph.json"}) {
+    EXPECT_NE(manual.find(readBytes(fixture(name))), std::string::npos) << name;
+  }
+  const std::string json = readBytes(fixture("order.json"));
+  EXPECT_NE(manual.find(json.substr(0, json.find("        {\n          \"id\": 2"))),
+            std::string::npos);
+  writeBytes("broken.port", "(0000000064,0000000002)(21<1N-503/2Xab//c\"/3S2>)(7<1N04/2H1FA0>)");
+  const std::string fault = runTool({"port", "broken.port", "--check"}).err;
+  EXPECT_NE(manual.find("$ memtool port broken.port --check\n" + fault), std::string::npos)
+      << fault;
+  std::filesystem::copy_file(fixture("shop.port"), "shop.port");
+  outputOf({"port", "shop.port", "--defs", fixture("shop.defs.json").string(), "--svg", "out.svg"});
+  EXPECT_EQ(readBytes("out.svg"), readBytes(docs / "pictures" / "memtool-port.svg"));
+  EXPECT_EQ(outputOf({"port", "--encode", fixture("shop.json").string(), "--defs",
+                      fixture("shop.defs.json").string()}),
+            readBytes("shop.port"));
+}
+
 TEST_F(MemtoolPortTest, ColoursOnlyWhereTheConsoleHasThem) {
   const ToolRun plain = runTool({"port", "order.port"});
   const ToolRun coloured = runTool({"port", "order.port"}, true);

@@ -17,8 +17,9 @@
 #include "catalog_arguments.hpp"
 #include "catalog_errors.hpp"
 #include "catalog_model.hpp"
-#include "chain_file.hpp"
 #include "memtest.hpp"
+#include "record_files.hpp"
+#include "running_library.hpp"
 #include "status_reader.hpp"
 #include "utf_text.hpp"
 
@@ -283,22 +284,29 @@ class CatalogChain : public memtest::StartedTest {
  protected:
   void packAndCompare(std::int32_t blockLength, std::size_t leastBlocks) {
     const std::vector<Package> packages = catalog::readCatalogue(samplePath());
-    catalog::CatalogRecords records(host, packages);
-    const MemPackCB packCB = catalog::describeRecords();
-    catalog::PackedChain chain(host, packCB, records.root(), blockLength);
+    mem::Heap heap = openHeap();
+    const catalog::PackageRecord *const root = catalog::buildRecords(context, heap, packages);
+    const mem::PackedChain chain = pack(*root, blockLength);
     const std::filesystem::path path = chainPath();
-    chain.write(path);
+    catalog::writeChainFile(chain, path);
 
     const ChainFile file(path);
     ASSERT_EQ(std::filesystem::file_size(path), chain.size().bytes);
     ASSERT_EQ(file.blocks().size(), chain.size().blocks);
     EXPECT_GE(file.blocks().size(), leastBlocks);
     const std::string &first = file.blocks()[0];
+    const MemPackCB &packCB = catalog::kPackTable.controlBlock();
     EXPECT_EQ(first.substr(2, 4), "0220");
     EXPECT_EQ(std::memcmp(first.data() + 6, &packCB, sizeof(packCB)), 0);
     const std::int16_t rootOffset = 6 + static_cast<std::int16_t>(sizeof(packCB));
     ChainComparison(file).compare({0, rootOffset, 0}, packages);
     std::filesystem::remove(path);
+  }
+
+  mem::Heap openHeap() { return catalog::need(mem::Heap::open(context, {.subPool = 20})); }
+
+  mem::PackedChain pack(const catalog::PackageRecord &root, std::int32_t blockLength) {
+    return catalog::need(mem::PackedChain::pack(context, catalog::kPackTable, root, blockLength));
   }
 
   static std::filesystem::path samplePath() {
@@ -320,6 +328,8 @@ class CatalogChain : public memtest::StartedTest {
     const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
     return refhost::Library::besideProgram().parent_path() / ("catalog_test_" + name + ".chain");
   }
+
+  const mem::Context context = catalog::contextOf(host);
 };
 
 TEST_F(CatalogChain, HoldsTheSampleInOneBlock) {
@@ -332,10 +342,10 @@ TEST_F(CatalogChain, HoldsTheSampleInManyBlocks) {
 
 TEST_F(CatalogChain, FailureToPackIsReportedWithCodeNameMessageAndText) {
   const std::vector<Package> packages = catalog::readCatalogue(samplePath());
-  catalog::CatalogRecords records(host, packages);
-  const MemPackCB packCB = catalog::describeRecords();
+  mem::Heap heap = openHeap();
+  const catalog::PackageRecord *const root = catalog::buildRecords(context, heap, packages);
   try {
-    catalog::PackedChain chain(host, packCB, records.root(), 900);
+    const mem::PackedChain chain = pack(*root, 900);
     FAIL() << "a block of 900 bytes cannot hold the control block";
   } catch (const catalog::ServiceError &error) {
     EXPECT_STREQ(error.what(),
@@ -347,7 +357,6 @@ TEST_F(CatalogChain, FailureToPackIsReportedWithCodeNameMessageAndText) {
 
 TEST_F(CatalogChain, LackOfStorageReturnsWhatWasObtained) {
   const std::vector<Package> packages = catalog::readCatalogue(samplePath());
-  const MemPackCB packCB = catalog::describeRecords();
   const std::uint64_t liveBefore = host.account().liveCount;
   for (std::uint64_t nth = 1;; ++nth) {
     refhost::Fault fault;
@@ -356,8 +365,9 @@ TEST_F(CatalogChain, LackOfStorageReturnsWhatWasObtained) {
     host.arm(fault);
     const std::uint64_t firedBefore = host.faultsFired();
     try {
-      catalog::CatalogRecords records(host, packages);
-      catalog::PackedChain chain(host, packCB, records.root(), 1100);
+      mem::Heap heap = openHeap();
+      const catalog::PackageRecord *const root = catalog::buildRecords(context, heap, packages);
+      const mem::PackedChain chain = pack(*root, 1100);
     } catch (const catalog::ServiceError &) {
     }
     host.disarm();

@@ -3,6 +3,10 @@
 #include <iomanip>
 #include <ostream>
 #include <sstream>
+#include <string_view>
+
+#include "catalog_errors.hpp"
+#include "utf_text.hpp"
 
 namespace catalog {
 namespace {
@@ -17,83 +21,100 @@ std::string grouped(std::uint64_t number) {
   return digits;
 }
 
-constexpr int kNameWidth = 14;
-constexpr int kNumberWidth = 12;
+constexpr std::size_t kNameWidth = 14;
+constexpr std::size_t kNumberWidth = 12;
 
-std::ostream &line(std::ostream &stream, const std::string &name, const std::string &value) {
-  return stream << "  " << std::left << std::setw(kNameWidth) << name << std::right
-                << std::setw(kNumberWidth) << value;
+std::string line(std::string name, const std::string &value) {
+  name.resize(kNameWidth, ' ');
+  if (value.size() < kNumberWidth) name.append(kNumberWidth - value.size(), ' ');
+  return "  " + name + value;
 }
 
-std::ostream &line(std::ostream &stream, const std::string &name, std::uint64_t number) {
-  return line(stream, name, grouped(number));
+std::string line(const std::string &name, std::uint64_t number) {
+  return line(name, grouped(number));
 }
 
-void printRecords(std::ostream &stream, const Report &report) {
-  const RecordCounts &records = report.records;
-  stream << "Catalogue " << report.catalogue << '\n';
-  line(stream, "structures", records.packages + records.dependencies)
-      << "  (" << grouped(records.packages) << " packages, " << grouped(records.dependencies)
-      << " dependencies, " << grouped(records.references) << " resolved to a package)\n";
-  line(stream, "strings", records.narrowStrings + records.wideStrings)
-      << "  (" << grouped(records.narrowStrings) << " narrow, " << grouped(records.wideStrings)
-      << " wide)\n";
-}
+// Wide text, put together piece by piece.
+class WideReport {
+ public:
+  explicit WideReport(const mem::Context &context)
+      : buffer_(need(mem::ConcatBuffer::open(context))) {}
 
-void printChain(std::ostream &stream, const Report &report) {
-  stream << "Packed chain " << report.chainFile << '\n';
-  if (report.blockLength == 0) {
-    line(stream, "blocks", report.chain.blocks) << '\n';
-    line(stream, "bytes", report.chain.bytes) << "  used, read from the file; all is as it was\n";
-    return;
+  WideReport &operator<<(std::string_view text) {
+    need(buffer_.append(utf16FromUtf8(text)));
+    return *this;
   }
-  line(stream, "blocks", report.chain.blocks)
-      << "  of " << grouped(static_cast<std::uint64_t>(report.blockLength)) << " bytes\n";
-  line(stream, "bytes", report.chain.bytes) << "  used, written to the file\n";
+
+  // Ends the buffer.
+  std::string takeUtf8() {
+    std::string text = utf8FromUtf16(buffer_.text());
+    need(buffer_.close());
+    return text;
+  }
+
+ private:
+  mem::ConcatBuffer buffer_;
+};
+
+void addRecords(WideReport &text, const Report &report) {
+  const RecordCounts &records = report.records;
+  text << "Catalogue " << report.catalogue << "\n"
+       << line("structures", records.packages + records.dependencies) << "  ("
+       << grouped(records.packages) << " packages, " << grouped(records.dependencies)
+       << " dependencies, " << grouped(records.references) << " resolved to a package)\n"
+       << line("strings", records.narrowStrings + records.wideStrings) << "  ("
+       << grouped(records.narrowStrings) << " narrow, " << grouped(records.wideStrings)
+       << " wide)\n";
 }
 
-void printPort(std::ostream &stream, const Report &report) {
-  stream << "Port string " << report.chainFile << ".port\n";
-  line(stream, "characters", report.portCharacters)
-      << (report.names.names == 0 ? "  read from the file; all is as it was\n"
-                                  : "  written to the file\n");
+void addFiles(WideReport &text, const Report &report) {
+  const bool isRead = report.blockLength == 0;
+  text << "Packed chain " << report.chainFile << "\n" << line("blocks", report.chain.blocks);
+  if (!isRead)
+    text << "  of " << grouped(static_cast<std::uint64_t>(report.blockLength)) << " bytes";
+  text << "\n"
+       << line("bytes", report.chain.bytes) << "  used, "
+       << (isRead ? "read from the file; all is as it was\n" : "written to the file\n")
+       << "Port string " << report.chainFile << ".port\n"
+       << line("characters", report.portCharacters)
+       << (isRead ? "  read from the file; all is as it was\n" : "  written to the file\n");
 }
 
-void printNames(std::ostream &stream, const NameCounts &names) {
-  stream << "String sink\n";
-  line(stream, "names", names.names)
-      << "  in " << grouped(names.separateBytes) << " bytes as separate copies\n";
-  line(stream, "distinct", names.distinct)
-      << "  in " << grouped(names.sinkBytes) << " bytes of the sink\n";
+void addNames(WideReport &text, const NameCounts &names) {
+  text << "String sink\n"
+       << line("names", names.names) << "  in " << grouped(names.separateBytes)
+       << " bytes as separate copies\n"
+       << line("distinct", names.distinct) << "  in " << grouped(names.sinkBytes)
+       << " bytes of the sink\n";
 }
 
-void printSteps(std::ostream &stream, const Report &report) {
-  stream << "Milliseconds\n";
-  for (const Step &step : report.steps) {
+void addSteps(WideReport &text, const std::vector<Step> &steps) {
+  text << "Milliseconds\n";
+  for (const Step &step : steps) {
     std::ostringstream number;
     number << std::fixed << std::setprecision(1) << step.milliseconds;
-    line(stream, step.name, number.str()) << '\n';
+    text << line(step.name, number.str()) << "\n";
   }
-}
-
-void printAccount(std::ostream &stream, const refhost::Account &account) {
-  stream << "Storage obtained from the host\n";
-  line(stream, "in all", account.totalBytes)
-      << "  bytes in " << grouped(account.totalCount) << " areas\n";
-  line(stream, "at the peak", account.peakBytes) << "  bytes\n";
-  line(stream, "not returned", account.liveBytes)
-      << "  bytes in " << grouped(account.liveCount) << " areas\n";
 }
 
 }  // namespace
 
-void printReport(std::ostream &stream, const Report &report) {
-  printRecords(stream, report);
-  printChain(stream, report);
-  printPort(stream, report);
-  if (report.names.names != 0) printNames(stream, report.names);
-  printSteps(stream, report);
-  printAccount(stream, report.account);
+std::string composeReport(const mem::Context &context, const Report &report) {
+  WideReport text(context);
+  addRecords(text, report);
+  addFiles(text, report);
+  if (report.names.names != 0) addNames(text, report.names);
+  addSteps(text, report.steps);
+  return text.takeUtf8();
+}
+
+void printAccount(std::ostream &stream, const refhost::Account &account) {
+  stream << "Storage obtained from the host\n"
+         << line("in all", account.totalBytes) << "  bytes in " << grouped(account.totalCount)
+         << " areas\n"
+         << line("at the peak", account.peakBytes) << "  bytes\n"
+         << line("not returned", account.liveBytes) << "  bytes in " << grouped(account.liveCount)
+         << " areas\n";
 }
 
 }  // namespace catalog

@@ -115,8 +115,11 @@ class Error {
  public:
   /** What failed: the service's name ("MEM_HeapOpen"), a constant. */
   const char *service() const noexcept { return service_; }
-  /** The call's own result; 0 where no service failed, but this header refused the arguments. */
+  /** The call's own result, 0 for a refusal. */
   std::int16_t result() const noexcept { return result_; }
+  /** Whether no service was called, because this header refuses what it was given; nameText()
+   * tells why. */
+  bool isRefusal() const noexcept { return result_ == 0; }
   /** MEMERR code, or 0: the port string services set none, and the start of the process leaves its
    * code as the inner one. */
   std::uint32_t code() const noexcept { return code_; }
@@ -136,7 +139,7 @@ class Error {
       writeLine(made, code_, nameText_);
     } else if (innerCode_ != 0) {
       writeLine(made, innerCode_, innerText_);
-    } else if (result_ == 0) {
+    } else if (isRefusal()) {
       std::snprintf(made.text, sizeof made.text, "%s failed: %s", service_, nameText_);
     } else {
       const Detail detail(nameText_);

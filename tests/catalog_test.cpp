@@ -19,7 +19,6 @@
 #include "catalog_model.hpp"
 #include "memtest.hpp"
 #include "record_files.hpp"
-#include "running_library.hpp"
 #include "status_reader.hpp"
 #include "utf_text.hpp"
 
@@ -329,7 +328,7 @@ class CatalogChain : public memtest::StartedTest {
     return refhost::Library::besideProgram().parent_path() / ("catalog_test_" + name + ".chain");
   }
 
-  const mem::Context context = catalog::contextOf(host);
+  const mem::Context context = mem::contextOf(host);
 };
 
 TEST_F(CatalogChain, HoldsTheSampleInOneBlock) {

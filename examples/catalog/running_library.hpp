@@ -6,12 +6,6 @@
 
 namespace catalog {
 
-// How the services and the calling thread's error area of a reference host are reached.
-inline mem::Context contextOf(refhost::Host &host) {
-  return {host.vector(), [](void *pHost) { return &static_cast<refhost::Host *>(pHost)->thread(); },
-          &host};
-}
-
 // Start and stop in their order: bind, process, thread; thread, process, unbind. Everything that
 // uses the vector lives inside this object's lifetime, on the thread that made it.
 class RunningLibrary {
@@ -20,7 +14,7 @@ class RunningLibrary {
   // then has been ended.
   RunningLibrary(refhost::Host &host, MEMBindFn *entry)
       : binding_(host, entry),
-        context_(contextOf(host)),
+        context_(mem::contextOf(host)),
         process_(need(mem::RunningProcess::start(context_))),
         thread_(need(mem::ActiveThread::activate(context_))) {}
 

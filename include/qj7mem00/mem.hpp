@@ -23,6 +23,7 @@
 #define QJ7MEM00_MEM_HPP
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -69,6 +70,15 @@ class Context {
   ThreadEnvFn *pThreadEnv_;
   void *pHost_;
 };
+
+/** The context of a host object that hands out its vector and the calling thread's environment by
+ * vector() and thread(), as the reference host does. The object outlives the context. */
+template <class Host>
+Context contextOf(Host &host) noexcept {
+  return Context(
+      host.vector(),
+      [](void *pHost) -> MEMThreadEnv * { return &static_cast<Host *>(pHost)->thread(); }, &host);
+}
 
 /** A context as an argument. Owners keep its address, so a temporary one is refused. */
 class ContextRef {
@@ -1118,6 +1128,7 @@ namespace detail {
 struct ChainHandle {
   MemPackBlock *pFirst = nullptr;
   std::uint32_t blockLen = 0;  // of every block, as it was obtained
+  bool isBigEndian = false;    // order of the used lengths
   explicit operator bool() const noexcept { return pFirst != nullptr; }
 };
 
@@ -1140,6 +1151,93 @@ inline std::size_t usedLength(const std::byte *pUsed, bool isBigEndian) noexcept
   const unsigned first = byteAt(pUsed, 0);
   const unsigned second = byteAt(pUsed, 1);
   return isBigEndian ? first * 256 + second : second * 256 + first;
+}
+
+// The control block of an unpacked chain, in either layout. One of the current layout is in the
+// machine's order by then, one of the old layout still in its writer's.
+class ChainControlBlock {
+ public:
+  ChainControlBlock(const std::byte *pFirstUsed, bool isSwapped) noexcept
+      : pBytes_(pFirstUsed + kLeastChain),
+        isOld_((byteAt(pFirstUsed, kVersionOff + 1) & 0x0F) == 1),  // in ASCII and in EBCDIC
+        isSwapped_(isSwapped) {}
+
+  bool isOld() const noexcept { return isOld_; }
+
+  template <class Table>
+  bool isSameAs(const Table &table) const noexcept {
+    if (numberAt(0) != Table::count()) return false;
+    for (std::size_t i = 0; i < Table::count(); ++i) {
+      if (!isSame(2 + i * (isOld_ ? kOldDescriptorLen : sizeof(MemPackDescriptor)),
+                  table.descriptor(i))) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+ private:
+  static constexpr std::size_t kOldDescriptorLen = 58;
+  static constexpr std::size_t kOldReferences = 42;
+
+  unsigned numberAt(std::size_t at) const noexcept {
+    std::uint16_t number = 0;
+    std::memcpy(&number, pBytes_ + at, sizeof number);
+    return isSwapped_ ? (number & 0xFFU) << 8 | unsigned{number} >> 8 : number;
+  }
+
+  static unsigned asciiType(unsigned type) noexcept {
+    switch (type) {
+      case 0xC6:
+        return MEM_PACK_FIXED;
+      case 0xC3:
+        return MEM_PACK_COUNTED;
+      case 0xE2:
+        return MEM_PACK_STRING;
+      case 0xE6:
+        return MEM_PACK_WIDE_STRING;
+      default:
+        return type;
+    }
+  }
+
+  bool isSigned(std::size_t at, std::int16_t expected) const noexcept {
+    return numberAt(at) == static_cast<std::uint16_t>(expected);
+  }
+
+  bool isSame(std::size_t at, const MemPackDescriptor &expected) const noexcept {
+    if (asciiType(numberAt(at)) != expected.Type || numberAt(at + 2) != expected.FixedLen ||
+        !isSigned(at + 4, expected.SiblingOff) || !isSigned(at + 6, expected.ChildCount) ||
+        !isSigned(at + 8, expected.ReferenceCount)) {
+      return false;
+    }
+    for (int i = 0; i < expected.ChildCount; ++i) {
+      const std::size_t entry = at + 10 + 4 * static_cast<std::size_t>(i);
+      if (numberAt(entry) != expected.Children[i].Descriptor ||
+          !isSigned(entry + 2, expected.Children[i].Offset)) {
+        return false;
+      }
+    }
+    const std::size_t references =
+        at + (isOld_ ? kOldReferences : offsetof(MemPackDescriptor, References));
+    for (int i = 0; i < expected.ReferenceCount; ++i) {
+      if (!isSigned(references + 2 * static_cast<std::size_t>(i), expected.References[i])) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  const std::byte *pBytes_;
+  bool isOld_;
+  bool isSwapped_;
+};
+
+template <class Table>
+bool describesSame(const std::byte *pFirstUsed, const Table &table) noexcept {
+  const ChainControlBlock native(pFirstUsed, false);
+  return native.isSameAs(table) ||
+         (native.isOld() && ChainControlBlock(pFirstUsed, true).isSameAs(table));
 }
 
 }  // namespace detail
@@ -1191,7 +1289,8 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
                                   std::int32_t blockLen = kPackBlockLen) noexcept {
     MemPackBlock *pFirst = nullptr;
     const Status packed = call(context.get(), slots::MEM_Pack, &packCB, pRoot, blockLen, &pFirst);
-    PackedChain chain(context, {pFirst, static_cast<std::uint32_t>(blockLen)});
+    constexpr bool isBigEndian = std::endian::native == std::endian::big;
+    PackedChain chain(context, {pFirst, static_cast<std::uint32_t>(blockLen), isBigEndian});
     if (!packed.isOk()) return packed.error();
     return chain;
   }
@@ -1216,7 +1315,7 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
       at += used;
     }
     const auto blockLen = static_cast<std::uint32_t>(detail::kBlockHead + longest);
-    PackedChain chain(context, {nullptr, blockLen});
+    PackedChain chain(context, {nullptr, blockLen, isBigEndian});
     MemPackBlock **ppEnd = &chain.mutableHandle().pFirst;
     for (std::size_t at = 0; at < file.size();) {
       const std::size_t used = usedLengthAt(file, at, isBigEndian);
@@ -1242,10 +1341,7 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
     return {};
   }
 
-  Iterator begin() const noexcept {
-    if (!isOpen()) return {};
-    return {handle().pFirst, detail::isBigEndianChain(usedBytes(handle().pFirst))};
-  }
+  Iterator begin() const noexcept { return {handle().pFirst, handle().isBigEndian}; }
   Iterator end() const noexcept { return {}; }
 
   Size size() const noexcept {
@@ -1260,8 +1356,8 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
   /** Turns the chain into linked structures and hands out the root. They live in the chain, at any
    * alignment (readRecord). Once only; after a failure the chain can only be closed.
    *
-   * What the chain's pointers lead to has the extent that `packCB` or the file tells, whichever
-   * MEM_Unpack follows; read lengths before what they count. */
+   * Where MEM_Unpack works in place, segments are as long and pointers lie where the file's own
+   * control block says, not `packCB`: the caller has to trust the writer for that. */
   Result<void *> unpack(const MemPackCB &packCB) noexcept {
     MemPackBlock *pFirst = handle().pFirst;
     void *pRoot = nullptr;
@@ -1269,14 +1365,22 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
     if (!unpacked.isOk()) return unpacked.error();
     if (pFirst != handle().pFirst) {  // laid out anew, for a writer of another pointer width
       static_cast<void>(closeHandle(context(), handle()));
-      mutableHandle() = {pFirst, MEM_UNPACK_BLOCK_LEN};
+      mutableHandle() = {pFirst, MEM_UNPACK_BLOCK_LEN, false};
     }
     return pRoot;
   }
+
+  /** The same for structures of a table. A chain of any other control block is refused, so records
+   * of fixed length can be read without trust in the writer. */
   template <class Root, std::size_t kCount>
   Result<Root *> unpack(const PackTable<Root, kCount> &table) noexcept {
+    const MemPackBlock *const pLoaded = handle().pFirst;
     const Result<void *> root = unpack(table.controlBlock());
     if (!root.isOk()) return root.error();
+    const bool isInPlace = handle().pFirst == pLoaded;
+    if (isInPlace && !detail::describesSame(usedBytes(pLoaded), table)) {
+      return Error::refusal("PackedChain::unpack", "the chain describes other structures");
+    }
     return static_cast<Root *>(root.value());
   }
 

@@ -1205,8 +1205,11 @@ class ChainControlBlock {
     return numberAt(at) == static_cast<std::uint16_t>(expected);
   }
 
+  // What a kind does not use, writers may fill as they like: all of a text's but its type.
   bool isSame(std::size_t at, const MemPackDescriptor &expected) const noexcept {
-    if (asciiType(numberAt(at)) != expected.Type || numberAt(at + 2) != expected.FixedLen ||
+    if (asciiType(numberAt(at)) != expected.Type) return false;
+    if (expected.Type == MEM_PACK_STRING || expected.Type == MEM_PACK_WIDE_STRING) return true;
+    if ((expected.Type == MEM_PACK_FIXED && numberAt(at + 2) != expected.FixedLen) ||
         !isSigned(at + 4, expected.SiblingOff) || !isSigned(at + 6, expected.ChildCount) ||
         !isSigned(at + 8, expected.ReferenceCount)) {
       return false;

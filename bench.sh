@@ -5,6 +5,6 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 "$root/cmake/install-packages.sh" linux
-programs=(membench portbench sinkbench unpackbench)
+programs=(heapbench membench portbench sinkbench unpackbench)
 "$root/cmake/build-quietly.sh" release "${programs[@]}"
 for program in "${programs[@]}"; do "$root/build/release/bin/$program" "$@"; done

@@ -17,10 +17,13 @@
 #include "catalog_arguments.hpp"
 #include "catalog_errors.hpp"
 #include "catalog_model.hpp"
+#include "catalog_report.hpp"
 #include "memtest.hpp"
+#include "most_needed.hpp"
 #include "record_files.hpp"
 #include "status_reader.hpp"
 #include "utf_text.hpp"
+#include "waiting_list.hpp"
 
 namespace {
 
@@ -148,6 +151,75 @@ TEST(CatalogArguments, RefusesWhatItDoesNotKnow) {
   EXPECT_EQ(arguments.blockLength, 2147483647);
   EXPECT_EQ(arguments.catalogue, "in");
   EXPECT_EQ(arguments.chainFile, "out");
+}
+
+class CatalogRecordsTest : public memtest::StartedTest {
+ protected:
+  const catalog::PackageRecord *build(const std::vector<Package> &packages) {
+    return catalog::buildRecords(context, heap, packages);
+  }
+
+  const mem::Context context = mem::contextOf(host);
+  mem::Heap heap = catalog::need(mem::Heap::open(context));
+};
+
+TEST_F(CatalogRecordsTest, DependenciesLeadBackwardForwardToThemselvesAndToTheFirstOfAName) {
+  const std::vector<Package> packages = catalog::parseCatalogue(
+      "Package: a\nDepends: b:any, c, absent\n\n"
+      "Package: b\nDepends: a, b, c\n\n"
+      "Package: b\nDepends: b, absent\n\n"
+      "Package: c\nDepends: b\n",
+      "status");
+  const catalog::PackageRecord *const root = build(packages);
+  catalog::checkRecords(root, packages);
+  EXPECT_EQ(catalog::countRecords(root).references, 7U);
+  EXPECT_EQ(catalog::countRecords(root).dependencies, 9U);
+}
+
+TEST_F(CatalogRecordsTest, WaitingListReusesTheCellsOfWhatNoLongerWaits) {
+  constexpr std::size_t kWaiting = 1000;
+  const std::uint64_t liveBefore = host.account().liveCount;
+  std::vector<catalog::DependencyRecord> dependencies(kWaiting);
+  catalog::DependencyRecord other{};
+  catalog::PackageRecord package{};
+  {
+    catalog::WaitingList waiting(context);
+    waiting.add("other", other);
+    std::uint64_t areas = 0;
+    for (int round = 0; round < 3; ++round) {
+      for (catalog::DependencyRecord &dependency : dependencies) {
+        dependency.pPackage = nullptr;
+        waiting.add("a", dependency);
+      }
+      EXPECT_EQ(waiting.resolve("b", package), 0U);
+      EXPECT_EQ(waiting.resolve("a", package), kWaiting);
+      EXPECT_EQ(waiting.resolve("a", package), 0U) << "they wait no longer";
+      for (const catalog::DependencyRecord &dependency : dependencies) {
+        ASSERT_EQ(dependency.pPackage, &package);
+      }
+      if (round == 0) areas = host.account().totalCount;
+      EXPECT_EQ(host.account().totalCount, areas) << "round " << round;
+    }
+  }
+  EXPECT_EQ(other.pPackage, nullptr);
+  EXPECT_EQ(host.account().liveCount, liveBefore);
+}
+
+TEST_F(CatalogRecordsTest, ReportTellsTheMostNeededPackagesWithTheirSummaries) {
+  const std::vector<Package> packages = catalog::parseCatalogue(
+      "Package: a\nDepends: late, absent, absent, absent\n\n"
+      "Package: b\nDescription: \xC3\xA9t\xC3\xA9\nDepends: a, late\n\n"
+      "Package: late\nDescription: comes last\nDepends: b\n",
+      "status");
+  const catalog::PackageRecord *const root = build(packages);
+  EXPECT_EQ(catalog::neededLines(context, catalog::mostNeeded(root, 9)),
+            "  late                     2  dependencies: comes last\n"
+            "  a                        1  dependencies\n"
+            "  b                        1  dependencies: \xC3\xA9t\xC3\xA9\n");
+  const auto first = catalog::mostNeeded(root, 1);
+  ASSERT_EQ(first.size(), 1U);
+  EXPECT_STREQ(first[0].package->pName, "late");
+  EXPECT_TRUE(catalog::mostNeeded(nullptr, 1).empty());
 }
 
 // A chain file taken apart by hand. Content offsets count from the used length, as in the file.
@@ -367,6 +439,7 @@ TEST_F(CatalogChain, LackOfStorageReturnsWhatWasObtained) {
       mem::Heap heap = openHeap();
       const catalog::PackageRecord *const root = catalog::buildRecords(context, heap, packages);
       const mem::PackedChain chain = pack(*root, 1100);
+      catalog::neededLines(context, catalog::mostNeeded(root, packages.size()));
     } catch (const catalog::ServiceError &) {
     }
     host.disarm();

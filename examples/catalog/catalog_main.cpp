@@ -1,8 +1,10 @@
 // A host that packs a package catalogue: loads the library, binds it, builds linked records in a
-// heap, packs them into a chain of blocks, writes the chain to a file and the records as a port
+// heap with the help of a cell pool, puts a part of its report together in a concatenation buffer,
+// packs the records into a chain of blocks, writes the chain to a file and the records as a port
 // string to another, sinks the names, ends everything and accounts for every byte. Run with --read
 // it is the second process, which knows the structures from these files only. `catalog --help`
 // tells the options.
+#include <cstddef>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -14,6 +16,7 @@
 #include "catalog_errors.hpp"
 #include "catalog_model.hpp"
 #include "catalog_report.hpp"
+#include "most_needed.hpp"
 #include "record_files.hpp"
 #include "refhost.hpp"
 #include "running_library.hpp"
@@ -28,6 +31,8 @@ namespace {
 constexpr const char *kMachineCatalogue = "/var/lib/dpkg/status";
 constexpr const char *kSampleCatalogue = "sample-status";  // beside the program
 constexpr const char *kDefaultOutput = "qj7mem00-catalog.chain";
+
+constexpr std::size_t kMostNeeded = 3;  // packages that the report names
 
 // Names the catalogue and the chain file where the user did not. They must be two files.
 void complete(Arguments &arguments, const std::filesystem::path &programFolder) {
@@ -66,6 +71,7 @@ void packCatalogue(refhost::Host &host, const mem::Context &context, const Argum
     root = buildRecords(context, heap, packages);
   });
   report.records = countRecords(root);
+  report.mostNeeded = neededLines(context, mostNeeded(root, kMostNeeded));
 
   mem::PackedChain chain;
   clock.run("pack", [&] {
@@ -120,19 +126,17 @@ ExitCode run(Arguments arguments) {
   refhost::Host host;
   StepClock clock(std::cerr);
   Report report;
-  report.catalogue = utf8FromPath(arguments.catalogue);
-  report.chainFile = utf8FromPath(arguments.chainFile);
-  report.blockLength = arguments.reads ? 0 : arguments.blockLength;
-  std::string text;
   {
     const RunningLibrary running(host, library.bindEntry());
     arguments.reads ? readChain(running.context(), arguments, clock, report)
                     : packCatalogue(host, running.context(), arguments, clock, report);
-    report.steps = clock.steps();
-    text = composeReport(running.context(), report);
   }
-  std::cout << text;
-  printAccount(std::cout, host.account());
+  report.catalogue = utf8FromPath(arguments.catalogue);
+  report.chainFile = utf8FromPath(arguments.chainFile);
+  report.blockLength = arguments.reads ? 0 : arguments.blockLength;
+  report.steps = clock.steps();
+  report.account = host.account();
+  printReport(std::cout, report);
   if (!std::cout.flush()) throw std::runtime_error("the report could not be written");
   return isHostAtRest(host) ? kExitSuccess : kExitFailure;
 }

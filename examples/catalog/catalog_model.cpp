@@ -5,6 +5,7 @@
 
 #include "catalog_errors.hpp"
 #include "utf_text.hpp"
+#include "waiting_list.hpp"
 
 namespace catalog {
 namespace {
@@ -14,27 +15,19 @@ std::uint32_t flagsOf(const Dependency &dependency) {
          (dependency.alternative ? kDependencyAlternative : 0);
 }
 
-// A dependency whose package may not have its record yet.
-struct Unresolved {
-  Unresolved *pNext;
-  DependencyRecord *pDependency;
-};
-
 class Builder {
  public:
-  Builder(const mem::Context &context, mem::Heap &heap)
-      : heap_(heap), pool_(need(mem::CellPool<Unresolved>::open(context, {.areaLen = 16384}))) {}
+  Builder(const mem::Context &context, mem::Heap &heap) : heap_(heap), waiting_(context) {}
 
   PackageRecord *build(const std::vector<Package> &packages) {
     PackageRecord *const root = makeChain<PackageRecord>(packages.size());
     PackageRecord *record = root;
     for (const Package &package : packages) {
       fillPackage(*record, package);
-      byName_.emplace(package.name, record);  // of packages with one name the first is meant
+      // Of packages with one name the first is meant.
+      if (byName_.emplace(package.name, record).second) waiting_.resolve(package.name, *record);
       record = record->pNext;
     }
-    resolve();
-    need(pool_.close());
     return root;
   }
 
@@ -61,26 +54,24 @@ class Builder {
       entry->pName = copyText(dependency.name);
       entry->pConstraint = copyText(dependency.constraint);
       entry->Flags = flagsOf(dependency);
-      unresolved_ = need(pool_.make(unresolved_, entry));
+      resolve(*entry, bareName(dependency.name));
       entry = entry->pNext;
     }
   }
 
-  // Once every package has its record: points the dependencies at them.
-  void resolve() {
-    while (unresolved_ != nullptr) {
-      const Unresolved item = *unresolved_;
-      const auto found = byName_.find(bareName(item.pDependency->pName));
-      if (found != byName_.end()) item.pDependency->pPackage = found->second;
-      need(pool_.free(unresolved_));
-      unresolved_ = item.pNext;
+  // Points the dependency at its package, now or when that has its record.
+  void resolve(DependencyRecord &record, std::string_view packageName) {
+    const auto found = byName_.find(packageName);
+    if (found != byName_.end()) {
+      record.pPackage = found->second;
+    } else {
+      waiting_.add(packageName, record);
     }
   }
 
   mem::Heap &heap_;
-  mem::CellPool<Unresolved> pool_;
-  Unresolved *unresolved_ = nullptr;
   std::unordered_map<std::string_view, PackageRecord *> byName_;
+  WaitingList waiting_;
 };
 
 template <class Char>

@@ -3,7 +3,6 @@
 #include <iomanip>
 #include <ostream>
 #include <sstream>
-#include <string_view>
 
 #include "catalog_errors.hpp"
 #include "utf_text.hpp"
@@ -21,100 +20,99 @@ std::string grouped(std::uint64_t number) {
   return digits;
 }
 
-constexpr std::size_t kNameWidth = 14;
-constexpr std::size_t kNumberWidth = 12;
+constexpr int kNameWidth = 14;
+constexpr int kNumberWidth = 12;
 
-std::string line(std::string name, const std::string &value) {
-  name.resize(kNameWidth, ' ');
-  if (value.size() < kNumberWidth) name.append(kNumberWidth - value.size(), ' ');
-  return "  " + name + value;
+std::ostream &line(std::ostream &stream, const std::string &name, const std::string &value) {
+  return stream << "  " << std::left << std::setw(kNameWidth) << name << std::right
+                << std::setw(kNumberWidth) << value;
 }
 
-std::string line(const std::string &name, std::uint64_t number) {
-  return line(name, grouped(number));
+std::ostream &line(std::ostream &stream, const std::string &name, std::uint64_t number) {
+  return line(stream, name, grouped(number));
 }
 
-// Wide text, put together piece by piece.
-class WideReport {
- public:
-  explicit WideReport(const mem::Context &context)
-      : buffer_(need(mem::ConcatBuffer::open(context))) {}
-
-  WideReport &operator<<(std::string_view text) {
-    need(buffer_.append(utf16FromUtf8(text)));
-    return *this;
-  }
-
-  // Ends the buffer.
-  std::string takeUtf8() {
-    std::string text = utf8FromUtf16(buffer_.text());
-    need(buffer_.close());
-    return text;
-  }
-
- private:
-  mem::ConcatBuffer buffer_;
-};
-
-void addRecords(WideReport &text, const Report &report) {
+void printRecords(std::ostream &stream, const Report &report) {
   const RecordCounts &records = report.records;
-  text << "Catalogue " << report.catalogue << "\n"
-       << line("structures", records.packages + records.dependencies) << "  ("
-       << grouped(records.packages) << " packages, " << grouped(records.dependencies)
-       << " dependencies, " << grouped(records.references) << " resolved to a package)\n"
-       << line("strings", records.narrowStrings + records.wideStrings) << "  ("
-       << grouped(records.narrowStrings) << " narrow, " << grouped(records.wideStrings)
-       << " wide)\n";
+  stream << "Catalogue " << report.catalogue << '\n';
+  line(stream, "structures", records.packages + records.dependencies)
+      << "  (" << grouped(records.packages) << " packages, " << grouped(records.dependencies)
+      << " dependencies, " << grouped(records.references) << " resolved to a package)\n";
+  line(stream, "strings", records.narrowStrings + records.wideStrings)
+      << "  (" << grouped(records.narrowStrings) << " narrow, " << grouped(records.wideStrings)
+      << " wide)\n";
 }
 
-void addFiles(WideReport &text, const Report &report) {
-  const bool isRead = report.blockLength == 0;
-  text << "Packed chain " << report.chainFile << "\n" << line("blocks", report.chain.blocks);
-  if (!isRead)
-    text << "  of " << grouped(static_cast<std::uint64_t>(report.blockLength)) << " bytes";
-  text << "\n"
-       << line("bytes", report.chain.bytes) << "  used, "
-       << (isRead ? "read from the file; all is as it was\n" : "written to the file\n")
-       << "Port string " << report.chainFile << ".port\n"
-       << line("characters", report.portCharacters)
-       << (isRead ? "  read from the file; all is as it was\n" : "  written to the file\n");
+void printChain(std::ostream &stream, const Report &report) {
+  stream << "Packed chain " << report.chainFile << '\n';
+  if (report.blockLength == 0) {
+    line(stream, "blocks", report.chain.blocks) << '\n';
+    line(stream, "bytes", report.chain.bytes) << "  used, read from the file; all is as it was\n";
+    return;
+  }
+  line(stream, "blocks", report.chain.blocks)
+      << "  of " << grouped(static_cast<std::uint64_t>(report.blockLength)) << " bytes\n";
+  line(stream, "bytes", report.chain.bytes) << "  used, written to the file\n";
 }
 
-void addNames(WideReport &text, const NameCounts &names) {
-  text << "String sink\n"
-       << line("names", names.names) << "  in " << grouped(names.separateBytes)
-       << " bytes as separate copies\n"
-       << line("distinct", names.distinct) << "  in " << grouped(names.sinkBytes)
-       << " bytes of the sink\n";
+void printPort(std::ostream &stream, const Report &report) {
+  stream << "Port string " << report.chainFile << ".port\n";
+  line(stream, "characters", report.portCharacters)
+      << (report.names.names == 0 ? "  read from the file; all is as it was\n"
+                                  : "  written to the file\n");
 }
 
-void addSteps(WideReport &text, const std::vector<Step> &steps) {
-  text << "Milliseconds\n";
-  for (const Step &step : steps) {
+void printNames(std::ostream &stream, const NameCounts &names) {
+  stream << "String sink\n";
+  line(stream, "names", names.names)
+      << "  in " << grouped(names.separateBytes) << " bytes as separate copies\n";
+  line(stream, "distinct", names.distinct)
+      << "  in " << grouped(names.sinkBytes) << " bytes of the sink\n";
+}
+
+void printSteps(std::ostream &stream, const Report &report) {
+  stream << "Milliseconds\n";
+  for (const Step &step : report.steps) {
     std::ostringstream number;
     number << std::fixed << std::setprecision(1) << step.milliseconds;
-    text << line(step.name, number.str()) << "\n";
+    line(stream, step.name, number.str()) << '\n';
   }
+}
+
+void printAccount(std::ostream &stream, const refhost::Account &account) {
+  stream << "Storage obtained from the host\n";
+  line(stream, "in all", account.totalBytes)
+      << "  bytes in " << grouped(account.totalCount) << " areas\n";
+  line(stream, "at the peak", account.peakBytes) << "  bytes\n";
+  line(stream, "not returned", account.liveBytes)
+      << "  bytes in " << grouped(account.liveCount) << " areas\n";
 }
 
 }  // namespace
 
-std::string composeReport(const mem::Context &context, const Report &report) {
-  WideReport text(context);
-  addRecords(text, report);
-  addFiles(text, report);
-  if (report.names.names != 0) addNames(text, report.names);
-  addSteps(text, report.steps);
-  return text.takeUtf8();
+std::string neededLines(const mem::Context &context, const std::vector<NeededPackage> &packages) {
+  mem::ConcatBuffer lines = need(mem::ConcatBuffer::open(context));
+  for (const NeededPackage &needed : packages) {
+    std::ostringstream count;
+    line(count, needed.package->pName, needed.dependencies) << "  dependencies";
+    need(lines.append(utf16FromUtf8(count.str())));
+    if (needed.package->pSummary != nullptr) {
+      need(lines.append(u": "));
+      need(lines.append(needed.package->pSummary));
+    }
+    need(lines.append(u"\n"));
+  }
+  return utf8FromUtf16(lines.text());
 }
 
-void printAccount(std::ostream &stream, const refhost::Account &account) {
-  stream << "Storage obtained from the host\n"
-         << line("in all", account.totalBytes) << "  bytes in " << grouped(account.totalCount)
-         << " areas\n"
-         << line("at the peak", account.peakBytes) << "  bytes\n"
-         << line("not returned", account.liveBytes) << "  bytes in " << grouped(account.liveCount)
-         << " areas\n";
+void printReport(std::ostream &stream, const Report &report) {
+  printRecords(stream, report);
+  if (!report.mostNeeded.empty()) stream << "Most needed packages\n" << report.mostNeeded;
+  printChain(stream, report);
+  printPort(stream, report);
+  if (report.names.names != 0) printNames(stream, report.names);
+  printSteps(stream, report);
+  printAccount(stream, report.account);
 }
 
 }  // namespace catalog

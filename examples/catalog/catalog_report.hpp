@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "catalog_model.hpp"
+#include "most_needed.hpp"
 #include "refhost.hpp"
 #include "shared_names.hpp"
 #include "step_clock.hpp"
@@ -18,16 +19,18 @@ struct Report {
   std::string chainFile;         // name of the file written, or read
   std::int32_t blockLength = 0;  // 0 for a chain that was read: a file does not tell
   RecordCounts records;
+  std::string mostNeeded;  // neededLines of a run that writes
   mem::PackedChain::Size chain;
   std::uint64_t portCharacters = 0;
   NameCounts names;  // of a run that writes
   std::vector<Step> steps;
+  refhost::Account account;  // of all storage, once the library has been unbound
 };
 
-// The report on a run as UTF-8. It is put together in a buffer of the library. Throws ServiceError.
-std::string composeReport(const mem::Context &context, const Report &report);
+// The report's lines on these packages, with their summaries. Made in storage of the library, so
+// while it is running. Throws ServiceError when there is none.
+std::string neededLines(const mem::Context &context, const std::vector<NeededPackage> &packages);
 
-// Its last part: all storage, once the library has been unbound.
-void printAccount(std::ostream &stream, const refhost::Account &account);
+void printReport(std::ostream &stream, const Report &report);
 
 }  // namespace catalog

@@ -628,6 +628,11 @@ TEST_F(SinkOwnerTest, FailuresTellWhy) {
 
 class ChainOwnerTest : public ConvenienceTest {
  protected:
+  ChainOwnerTest() {
+    items[0].pNext = &items[1];
+    items[1].pOther = &items[0];
+  }
+
   static std::vector<std::byte> fileOf(const mem::PackedChain &chain) {
     std::vector<std::byte> file;
     for (const std::span<const std::byte> used : chain) {
@@ -664,8 +669,7 @@ class ChainOwnerTest : public ConvenienceTest {
     }
   }
 
-  std::array<Item, 2> items{
-      {{&items[1], "ab", u"Zug", nullptr}, {nullptr, "c", u"\u00E9", &items[0]}}};
+  std::array<Item, 2> items{{{nullptr, "ab", u"Zug", nullptr}, {nullptr, "c", u"\u00E9", nullptr}}};
 };
 
 TEST_F(ChainOwnerTest, TakesItsFileFormOverToStructures) {
@@ -785,7 +789,6 @@ TEST_F(ChainOwnerTest, LackOfStorageLeavesNothing) {
 }
 
 TEST_F(ChainOwnerTest, FailedPackReturnsItsBlocks) {
-  items[1].pOther = reinterpret_cast<Item *>(&items);
   Item stranger{};
   items[1].pOther = &stranger;
   const std::uint64_t before = host.account().liveCount;
@@ -811,6 +814,11 @@ TEST(MarkedChainTest, KnowsItsOwnBlocksUnderThePlatformFlag) {
 
 class PortOwnerTest : public ConvenienceTest {
  protected:
+  PortOwnerTest() {
+    nodes[0].pNext = &nodes[1];
+    nodes[1].pNext = &nodes[0];
+  }
+
   static std::string textOf(const mem::PortString &string) {
     std::string text;
     for (const std::string_view piece : string) text += piece;
@@ -828,7 +836,7 @@ class PortOwnerTest : public ConvenienceTest {
     EXPECT_EQ(first->pNext->pNext, first);
   }
 
-  std::array<Node, 2> nodes{{{&nodes[1], "first", {305}}, {&nodes[0], "second", {0}}}};
+  std::array<Node, 2> nodes{{{nullptr, "first", {305}}, {nullptr, "second", {0}}}};
 };
 
 constexpr char kNodeText[] =

@@ -23,7 +23,6 @@ if ((${#programs[@]} == 0)); then
   done
 fi
 
-suppressions=$PWD/cmake/memcheck.supp
 logs=$PWD/build/logs/memcheck
 mkdir -p "$logs"
 cd build/release/bin
@@ -33,7 +32,7 @@ for program in "${programs[@]}"; do
   outcome=ok
   # Death tests write into protected storage in a child process.
   valgrind --quiet --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite \
-    --suppressions="$suppressions" --fair-sched=yes --log-file="$logs/$program.%p.log" \
+    --fair-sched=yes --log-file="$logs/$program.%p.log" \
     "./$program" --gtest_filter='-*Death*' --gtest_brief=1 \
     >"$logs/$program.out" 2>&1 || outcome=FAILED
   [[ $outcome == ok ]] || failures=$((failures + 1))

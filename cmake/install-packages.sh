@@ -2,20 +2,24 @@
 # Installs the Debian packages that a job needs and this machine lacks. Says and does nothing when
 # all of them are there.
 #
-#   cmake/install-packages.sh [linux] [windows] [lint] [fuzz]
+#   cmake/install-packages.sh [linux] [windows] [lint] [fuzz] [docs] [packages]
 #
-# linux    build and tests on Linux
-# windows  cross build, and Wine to run what it makes
-# lint     clang-format and clang-tidy
-# fuzz     clang with libFuzzer and the sanitizers' runtime
+# linux     build and tests on Linux
+# windows   cross build, and Wine to run what it makes
+# lint      clang-format and clang-tidy
+# fuzz      clang with libFuzzer and the sanitizers' runtime
+# docs      Doxygen, for the reference of the headers
+# packages  what makes and looks into Debian packages
 set -euo pipefail
 
 packagesFor() {
   case $1 in
-    linux) echo g++ googletest libbenchmark-dev ;;
-    windows) echo clang llvm lld g++-mingw-w64-x86-64-posix googletest wine wine64 ;;
+    linux) echo g++ googletest libbenchmark-dev pkg-config ;;
+    windows) echo clang llvm lld g++-mingw-w64-x86-64-posix googletest pkg-config wine wine64 ;;
     lint) echo clang llvm lld clang-format clang-tidy ;;
     fuzz) echo clang llvm googletest libclang-rt-14-dev ;;
+    docs) echo doxygen ;;
+    packages) echo dpkg-dev file ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2

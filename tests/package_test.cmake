@@ -1,12 +1,14 @@
 # The package that cpack makes of this build holds what it should, and a package for Debian says what
 # it needs.
 #
-#   cmake -DBUILD=… -DCONFIG=… -DWORK=… -DLIBDIR=… -DMODULE=… -P package_test.cmake
+#   cmake -DBUILD=… -DCONFIG=… -DWORK=… -DLIBDIR=… -DMODULE=…
+#         [-DTOOL=…] [-DEMULATOR=…] -P package_test.cmake
 #
 # BUILD, CONFIG  the build tree and its build type
 # WORK           folder of this test's own
 # LIBDIR         where libraries lie under the prefix
 # MODULE         path of the module under the prefix
+# TOOL           path of memtool under the prefix
 cmake_minimum_required(VERSION 3.25)
 
 find_program(CPACK NAMES cpack REQUIRED)
@@ -51,4 +53,12 @@ set(expected ${MODULE} ${LIBDIR}/qj7mem00/librefhost.a)
 list(SORT expected)
 if(NOT libraries STREQUAL expected)
   message(FATAL_ERROR "${package} has the libraries ${libraries}; expected ${expected}")
+endif()
+
+if(TOOL)  # it has to find the module
+  execute_process(COMMAND ${EMULATOR} ${top}/${TOOL} errors 4055 OUTPUT_VARIABLE out
+    COMMAND_ERROR_IS_FATAL ANY)
+  if(NOT out MATCHES "MEMERR_HEAPAMEM")
+    message(FATAL_ERROR "${TOOL} printed \"${out}\"")
+  endif()
 endif()

@@ -24,7 +24,7 @@ done
 cmake/install-packages.sh "${jobs[@]}"
 
 for preset in "${presets[@]}"; do
-  cmake/build-quietly.sh "$preset"
+  cmake/build-quietly.sh "$preset" installed_files
   log=build/logs/$preset-package.log
   if ! cpack --preset "$preset" >"$log" 2>&1; then
     tail -n 20 "$log" >&2

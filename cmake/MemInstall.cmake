@@ -2,6 +2,10 @@
 # prefix may be moved.
 include(CMakePackageConfigHelpers)
 
+# Builds what is installed and no tests.
+add_custom_target(installed_files)
+add_dependencies(installed_files QJ7MEM00 refhost)
+
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES host/refhost.hpp DESTINATION ${MEM_INSTALL_HOST_INCLUDEDIR})
 
@@ -36,6 +40,7 @@ foreach(name qj7mem00 qj7mem00-refhost)
 endforeach()
 
 if(TARGET memtool)
+  add_dependencies(installed_files memtool)
   install(TARGETS memtool RUNTIME DESTINATION ${MEM_INSTALL_MODULEDIR})
   install(FILES tools/memtool/memtool.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   if(NOT WIN32)
@@ -47,4 +52,5 @@ if(TARGET memtool)
 endif()
 
 install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN *.md)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR}
+  FILES_MATCHING PATTERN *.md PATTERN *.svg PATTERN reference EXCLUDE)

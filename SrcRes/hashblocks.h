@@ -26,7 +26,7 @@ struct MEMHashCtlBlk {
   std::uint16_t IndexState;  // the library's own: see memchash_index.h
   MEMHashFunc pFunc;
   std::uint16_t SubPool;
-  std::uint8_t Reserved26[2];
+  std::uint16_t WalkedNodes;  // the library's own, too
   std::uint32_t CtlBlkLen;
   HMEMHEAP hMemHeap;
   HashNode *pFreeEntries;  // deleted nodes, latest first

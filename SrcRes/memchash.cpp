@@ -105,7 +105,7 @@ Place findPlace(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexce
 HashNode *findNode(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t index,
                    const void *pKey) noexcept {
   const HashIndex *pIndex = HashIndex::of(frame, ctl);
-  return pIndex != nullptr ? pIndex->node(pKey) : findPlace(ctl, index, pKey).node();
+  return pIndex != nullptr ? pIndex->slotOf(pKey)->pNode : findPlace(ctl, index, pKey).node();
 }
 
 // A node with a null link for a record of `Len` bytes, or null with the heap's error standing. A
@@ -185,6 +185,7 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   if (!isIndex(ctl, index)) return failIndex(frame, index);
 
   HashIndex *pIndex = HashIndex::of(frame, ctl);
+  HashIndex::Slot *pSlot = nullptr;
   Place place{};
   HashNode *pFound = nullptr;
   if (pIndex == nullptr) {
@@ -192,7 +193,8 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
     pFound = place.node();
   } else {
     place.ppLink = pIndex->endOf(ctl, index);
-    pFound = pIndex->node(pKey);
+    pSlot = pIndex->slotOf(pKey);
+    pFound = pSlot->pNode;
   }
   if (pFound != nullptr) {
     *ppNewEntry = pFound->record();
@@ -205,9 +207,9 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   *place.ppLink = pNode;  // at the end: a bucket keeps the order of insertion
   *ppNewEntry = pNode->record();
   if (pIndex != nullptr) {
-    HashIndex::add(frame, ctl, pIndex, index, pNode);
-  } else if (place.passed >= kLongestWalkedChain) {
-    HashIndex::make(frame, ctl);
+    HashIndex::add(frame, ctl, pIndex, pSlot, index, pNode);
+  } else {
+    HashIndex::noteWalked(frame, ctl, place.passed);
   }
   return frame.succeed();
 }

@@ -11,7 +11,7 @@ namespace mem {
 namespace {
 
 constexpr std::uint32_t kMaxCapacity = 0x4000000;  // a gigabyte of slots
-constexpr std::uint32_t kSlotsPerNode = 4;         // of a fresh index
+constexpr std::uint32_t kSlotsPerNode = 2;         // at least, of a fresh index
 
 bool mayBeIndexed(const MEMHashCtlBlk &ctl) noexcept {
   return ctl.KeyLen == sizeof(std::uint64_t) &&
@@ -71,8 +71,14 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
   return pIndex;
 }
 
-void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
+void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
+                           std::uint32_t passed) noexcept {
   if (ctl.IndexState != kNotIndexed || !mayBeIndexed(ctl)) return;
+  if (ctl.WalkedNodes < kMostWalkedNodes) ++ctl.WalkedNodes;
+  if (passed >= kLongestWalkedChain || ctl.WalkedNodes == kMostWalkedNodes) make(frame, ctl);
+}
+
+void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
   const std::uint32_t capacity = std::bit_ceil(nodeCount(ctl) * kSlotsPerNode);
   HashIndex *pIndex = create(frame, ctl, capacity);
   if (pIndex == nullptr) {
@@ -116,21 +122,18 @@ void HashIndex::fillFrom(const HashIndex &smaller) noexcept {
   }
 }
 
-HashNode *HashIndex::node(const void *pKey) const noexcept {
-  return slotOf(loadAs<std::uint64_t>(pKey))->pNode;
-}
-
 HashNode **HashIndex::endOf(MEMHashCtlBlk &ctl, std::int16_t index) noexcept {
   HashNode *pTail = tails()[index];
   return pTail == nullptr ? ctl.bucket(index) : &pTail->pNext;
 }
 
-void HashIndex::add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pIndex,
+void HashIndex::add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pIndex, Slot *pSlot,
                     std::int16_t index, HashNode *pNode) noexcept {
   pIndex->tails()[index] = pNode;
-  pIndex->put(keyOf(ctl, pNode), pNode);
+  *pSlot = {.key = keyOf(ctl, pNode), .pNode = pNode};
+  ++pIndex->count_;
   if (pIndex->count_ <= pIndex->capacity_ / 2) return;
-  HashIndex *pLarger = create(frame, ctl, pIndex->capacity_ * kSlotsPerNode);
+  HashIndex *pLarger = create(frame, ctl, pIndex->capacity_ * 2);
   if (pLarger == nullptr) {
     drop(frame, ctl);
     ctl.IndexState = kIndexRefused;
@@ -150,13 +153,15 @@ HashIndex::Slot *HashIndex::slots() const noexcept {
       const_cast<HashNode **>(reinterpret_cast<HashNode *const *>(this + 1)) + buckets_);
 }
 
-// The slot with the key, or the free one where it belongs. Addresses differ in their middle bits;
-// the multiplication brings them up, where the shift takes them from.
+// The slot with the key, or the free one where it belongs. Structures that lie together are met
+// together, so the addresses of one page have slots side by side; the pages are spread by a
+// multiplication.
 HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
   Slot *pSlots = slots();
   const auto mask = capacity_ - 1;
   const int shift = 64 - std::countr_zero(capacity_);
-  auto place = static_cast<std::uint32_t>((key * 0x9E3779B97F4A7C15U) >> shift);
+  const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * 0x9E3779B97F4A7C15U) >> shift);
+  std::uint32_t place = (ofPage + static_cast<std::uint32_t>(key % 4096 / 16)) & mask;
   while (pSlots[place].pNode != nullptr && pSlots[place].key != key) place = (place + 1) & mask;
   return &pSlots[place];
 }

@@ -17,8 +17,11 @@
 
 namespace mem {
 
-// Chains up to this long are walked; the table then makes no storage calls of its own.
+// A table with chains up to this long is walked, and makes no storage calls of its own, ...
 inline constexpr std::uint32_t kLongestWalkedChain = 64;
+// ... as long as it has no more nodes than this. The port string writer's buckets are many: short
+// chains all over storage take as long to walk as a long one.
+inline constexpr std::uint16_t kMostWalkedNodes = 2048;
 
 // States of a table: MEMHashCtlBlk.IndexState.
 inline constexpr std::uint16_t kNotIndexed = 0;
@@ -32,34 +35,35 @@ class HashIndex {
     return ctl.IndexState == kIndexed ? find(frame, ctl) : nullptr;
   }
 
-  // Makes an index of all that the table holds, if it is a table that may have one and there is
-  // storage for it.
-  static void make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
+  // Takes note of a node that has become the last of a chain with `passed` nodes in front of it.
+  // Makes an index of all that the table holds when it has grown enough, if it is a table that may
+  // have one and there is storage for it.
+  static void noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl, std::uint32_t passed) noexcept;
 
   // Returns the table's index, if it has one.
   static void drop(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
 
-  // The node with the key, or null.
-  HashNode *node(const void *pKey) const noexcept;
+  // A key's place in the index, valid until a node is added.
+  struct Slot {
+    std::uint64_t key;
+    HashNode *pNode;  // null in a free slot: the table does not have the key
+  };
+  Slot *slotOf(const void *pKey) const noexcept { return slotOf(loadAs<std::uint64_t>(pKey)); }
 
   // The null link at the end of a bucket's chain.
   HashNode **endOf(MEMHashCtlBlk &ctl, std::int16_t index) noexcept;
 
-  // Takes note of a node that has just become the last of its bucket. The index may move or, for
-  // want of storage, vanish: it is not to be used afterwards.
-  static void add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pIndex, std::int16_t index,
-                  HashNode *pNode) noexcept;
+  // Takes note of a node that has become the last of its bucket; `pSlot` is its key's. The index
+  // may move or, for want of storage, vanish: it is not to be used afterwards.
+  static void add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pIndex, Slot *pSlot,
+                  std::int16_t index, HashNode *pNode) noexcept;
 
  private:
-  struct Slot {
-    std::uint64_t key;
-    HashNode *pNode;  // null in a free slot
-  };
-
   static HashIndex *find(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept;
   static HashIndex **anchor(const CallFrame &frame) noexcept;
   static HashIndex *create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
                            std::uint32_t capacity) noexcept;
+  static void make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
   static void release(const CallFrame &frame, const MEMHashCtlBlk &ctl, HashIndex *pIndex) noexcept;
   void fill(MEMHashCtlBlk &ctl) noexcept;
   void fillFrom(const HashIndex &smaller) noexcept;

@@ -4,7 +4,7 @@ include(CMakePackageConfigHelpers)
 
 # Builds what is installed and no tests.
 add_custom_target(installed_files)
-add_dependencies(installed_files QJ7MEM00 refhost)
+add_dependencies(installed_files QJ7MEM00 refhost memtool)
 
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES host/refhost.hpp DESTINATION ${MEM_INSTALL_HOST_INCLUDEDIR})
@@ -39,16 +39,14 @@ foreach(name qj7mem00 qj7mem00-refhost)
   install(FILES ${CMAKE_BINARY_DIR}/install/${name}.pc DESTINATION ${MEM_INSTALL_PKGCONFIGDIR})
 endforeach()
 
-if(TARGET memtool)
-  add_dependencies(installed_files memtool)
-  install(TARGETS memtool RUNTIME DESTINATION ${MEM_INSTALL_MODULEDIR})
-  install(FILES tools/memtool/memtool.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-  if(NOT WIN32)
-    cmake_path(RELATIVE_PATH MEM_INSTALL_MODULEDIR BASE_DIRECTORY ${CMAKE_INSTALL_BINDIR}
-      OUTPUT_VARIABLE folder)
-    file(CREATE_LINK ${folder}/memtool ${CMAKE_BINARY_DIR}/install/memtool SYMBOLIC)
-    install(FILES ${CMAKE_BINARY_DIR}/install/memtool DESTINATION ${CMAKE_INSTALL_BINDIR})
-  endif()
+install(TARGETS memtool RUNTIME DESTINATION ${MEM_INSTALL_MODULEDIR})
+configure_file(tools/memtool/memtool.1 ${CMAKE_BINARY_DIR}/install/memtool.1 @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/install/memtool.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+if(NOT WIN32)
+  cmake_path(RELATIVE_PATH MEM_INSTALL_MODULEDIR BASE_DIRECTORY ${CMAKE_INSTALL_BINDIR}
+    OUTPUT_VARIABLE folder)
+  file(CREATE_LINK ${folder}/memtool ${CMAKE_BINARY_DIR}/install/memtool SYMBOLIC)
+  install(FILES ${CMAKE_BINARY_DIR}/install/memtool DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
 install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -18,9 +18,9 @@
 #include "catalog_errors.hpp"
 #include "catalog_model.hpp"
 #include "catalog_report.hpp"
-#include "chain_file.hpp"
 #include "memtest.hpp"
 #include "most_needed.hpp"
+#include "record_files.hpp"
 #include "status_reader.hpp"
 #include "utf_text.hpp"
 #include "waiting_list.hpp"
@@ -153,7 +153,15 @@ TEST(CatalogArguments, RefusesWhatItDoesNotKnow) {
   EXPECT_EQ(arguments.chainFile, "out");
 }
 
-class CatalogRecordsTest : public memtest::StartedTest {};
+class CatalogRecordsTest : public memtest::StartedTest {
+ protected:
+  const catalog::PackageRecord *build(const std::vector<Package> &packages) {
+    return catalog::buildRecords(context, heap, packages);
+  }
+
+  const mem::Context context = mem::contextOf(host);
+  mem::Heap heap = catalog::need(mem::Heap::open(context));
+};
 
 TEST_F(CatalogRecordsTest, DependenciesLeadBackwardForwardToThemselvesAndToTheFirstOfAName) {
   const std::vector<Package> packages = catalog::parseCatalogue(
@@ -162,11 +170,10 @@ TEST_F(CatalogRecordsTest, DependenciesLeadBackwardForwardToThemselvesAndToTheFi
       "Package: b\nDepends: b, absent\n\n"
       "Package: c\nDepends: b\n",
       "status");
-  const catalog::CatalogRecords records(host, packages);
-  const catalog::RecordCounts found = catalog::checkRecords(records.root(), packages);
-  EXPECT_EQ(found.references, 7U);
-  EXPECT_EQ(records.counts().references, 7U);
-  EXPECT_EQ(records.counts().dependencies, 9U);
+  const catalog::PackageRecord *const root = build(packages);
+  catalog::checkRecords(root, packages);
+  EXPECT_EQ(catalog::countRecords(root).references, 7U);
+  EXPECT_EQ(catalog::countRecords(root).dependencies, 9U);
 }
 
 TEST_F(CatalogRecordsTest, WaitingListReusesTheCellsOfWhatNoLongerWaits) {
@@ -176,7 +183,7 @@ TEST_F(CatalogRecordsTest, WaitingListReusesTheCellsOfWhatNoLongerWaits) {
   catalog::DependencyRecord other{};
   catalog::PackageRecord package{};
   {
-    catalog::WaitingList waiting(host);
+    catalog::WaitingList waiting(context);
     waiting.add("other", other);
     std::uint64_t areas = 0;
     for (int round = 0; round < 3; ++round) {
@@ -204,12 +211,12 @@ TEST_F(CatalogRecordsTest, ReportTellsTheMostNeededPackagesWithTheirSummaries) {
       "Package: b\nDescription: \xC3\xA9t\xC3\xA9\nDepends: a, late\n\n"
       "Package: late\nDescription: comes last\nDepends: b\n",
       "status");
-  const catalog::CatalogRecords records(host, packages);
-  EXPECT_EQ(catalog::neededLines(host, catalog::mostNeeded(records.root(), 9)),
+  const catalog::PackageRecord *const root = build(packages);
+  EXPECT_EQ(catalog::neededLines(context, catalog::mostNeeded(root, 9)),
             "  late                     2  dependencies: comes last\n"
             "  a                        1  dependencies\n"
             "  b                        1  dependencies: \xC3\xA9t\xC3\xA9\n");
-  const auto first = catalog::mostNeeded(records.root(), 1);
+  const auto first = catalog::mostNeeded(root, 1);
   ASSERT_EQ(first.size(), 1U);
   EXPECT_STREQ(first[0].package->pName, "late");
   EXPECT_TRUE(catalog::mostNeeded(nullptr, 1).empty());
@@ -348,22 +355,29 @@ class CatalogChain : public memtest::StartedTest {
  protected:
   void packAndCompare(std::int32_t blockLength, std::size_t leastBlocks) {
     const std::vector<Package> packages = catalog::readCatalogue(samplePath());
-    catalog::CatalogRecords records(host, packages);
-    const MemPackCB packCB = catalog::describeRecords();
-    catalog::PackedChain chain(host, packCB, records.root(), blockLength);
+    mem::Heap heap = openHeap();
+    const catalog::PackageRecord *const root = catalog::buildRecords(context, heap, packages);
+    const mem::PackedChain chain = pack(*root, blockLength);
     const std::filesystem::path path = chainPath();
-    chain.write(path);
+    catalog::writeChainFile(chain, path);
 
     const ChainFile file(path);
     ASSERT_EQ(std::filesystem::file_size(path), chain.size().bytes);
     ASSERT_EQ(file.blocks().size(), chain.size().blocks);
     EXPECT_GE(file.blocks().size(), leastBlocks);
     const std::string &first = file.blocks()[0];
+    const MemPackCB &packCB = catalog::kPackTable.controlBlock();
     EXPECT_EQ(first.substr(2, 4), "0220");
     EXPECT_EQ(std::memcmp(first.data() + 6, &packCB, sizeof(packCB)), 0);
     const std::int16_t rootOffset = 6 + static_cast<std::int16_t>(sizeof(packCB));
     ChainComparison(file).compare({0, rootOffset, 0}, packages);
     std::filesystem::remove(path);
+  }
+
+  mem::Heap openHeap() { return catalog::need(mem::Heap::open(context, {.subPool = 20})); }
+
+  mem::PackedChain pack(const catalog::PackageRecord &root, std::int32_t blockLength) {
+    return catalog::need(mem::PackedChain::pack(context, catalog::kPackTable, root, blockLength));
   }
 
   static std::filesystem::path samplePath() {
@@ -385,6 +399,8 @@ class CatalogChain : public memtest::StartedTest {
     const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
     return refhost::Library::besideProgram().parent_path() / ("catalog_test_" + name + ".chain");
   }
+
+  const mem::Context context = mem::contextOf(host);
 };
 
 TEST_F(CatalogChain, HoldsTheSampleInOneBlock) {
@@ -397,10 +413,10 @@ TEST_F(CatalogChain, HoldsTheSampleInManyBlocks) {
 
 TEST_F(CatalogChain, FailureToPackIsReportedWithCodeNameMessageAndText) {
   const std::vector<Package> packages = catalog::readCatalogue(samplePath());
-  catalog::CatalogRecords records(host, packages);
-  const MemPackCB packCB = catalog::describeRecords();
+  mem::Heap heap = openHeap();
+  const catalog::PackageRecord *const root = catalog::buildRecords(context, heap, packages);
   try {
-    catalog::PackedChain chain(host, packCB, records.root(), 900);
+    const mem::PackedChain chain = pack(*root, 900);
     FAIL() << "a block of 900 bytes cannot hold the control block";
   } catch (const catalog::ServiceError &error) {
     EXPECT_STREQ(error.what(),
@@ -412,7 +428,6 @@ TEST_F(CatalogChain, FailureToPackIsReportedWithCodeNameMessageAndText) {
 
 TEST_F(CatalogChain, LackOfStorageReturnsWhatWasObtained) {
   const std::vector<Package> packages = catalog::readCatalogue(samplePath());
-  const MemPackCB packCB = catalog::describeRecords();
   const std::uint64_t liveBefore = host.account().liveCount;
   for (std::uint64_t nth = 1;; ++nth) {
     refhost::Fault fault;
@@ -421,9 +436,10 @@ TEST_F(CatalogChain, LackOfStorageReturnsWhatWasObtained) {
     host.arm(fault);
     const std::uint64_t firedBefore = host.faultsFired();
     try {
-      catalog::CatalogRecords records(host, packages);
-      catalog::PackedChain chain(host, packCB, records.root(), 1100);
-      catalog::neededLines(host, catalog::mostNeeded(records.root(), packages.size()));
+      mem::Heap heap = openHeap();
+      const catalog::PackageRecord *const root = catalog::buildRecords(context, heap, packages);
+      const mem::PackedChain chain = pack(*root, 1100);
+      catalog::neededLines(context, catalog::mostNeeded(root, packages.size()));
     } catch (const catalog::ServiceError &) {
     }
     host.disarm();

@@ -2,7 +2,7 @@
 # it needs.
 #
 #   cmake -DBUILD=… -DCONFIG=… -DWORK=… -DLIBDIR=… -DMODULE=…
-#         [-DTOOL=…] [-DEMULATOR=…] -P package_test.cmake
+#         -DTOOL=… [-DEMULATOR=…] -P package_test.cmake
 #
 # BUILD, CONFIG  the build tree and its build type
 # WORK           folder of this test's own
@@ -55,10 +55,9 @@ if(NOT libraries STREQUAL expected)
   message(FATAL_ERROR "${package} has the libraries ${libraries}; expected ${expected}")
 endif()
 
-if(TOOL)  # it has to find the module
-  execute_process(COMMAND ${EMULATOR} ${top}/${TOOL} errors 4055 OUTPUT_VARIABLE out
-    COMMAND_ERROR_IS_FATAL ANY)
-  if(NOT out MATCHES "MEMERR_HEAPAMEM")
-    message(FATAL_ERROR "${TOOL} printed \"${out}\"")
-  endif()
+# memtool has to find the module.
+execute_process(COMMAND ${EMULATOR} ${top}/${TOOL} errors 4055 OUTPUT_VARIABLE out
+  COMMAND_ERROR_IS_FATAL ANY)
+if(NOT out MATCHES "MEMERR_HEAPAMEM")
+  message(FATAL_ERROR "${TOOL} printed \"${out}\"")
 endif()

@@ -4,8 +4,8 @@
 #include <ostream>
 #include <sstream>
 
+#include "catalog_errors.hpp"
 #include "utf_text.hpp"
-#include "wide_text.hpp"
 
 namespace catalog {
 namespace {
@@ -90,19 +90,19 @@ void printAccount(std::ostream &stream, const refhost::Account &account) {
 
 }  // namespace
 
-std::string neededLines(refhost::Host &host, const std::vector<NeededPackage> &packages) {
-  WideText lines(host);
+std::string neededLines(const mem::Context &context, const std::vector<NeededPackage> &packages) {
+  mem::ConcatBuffer lines = need(mem::ConcatBuffer::open(context));
   for (const NeededPackage &needed : packages) {
     std::ostringstream count;
     line(count, needed.package->pName, needed.dependencies) << "  dependencies";
-    lines.append(utf16FromUtf8(count.str()).c_str());
+    need(lines.append(utf16FromUtf8(count.str())));
     if (needed.package->pSummary != nullptr) {
-      lines.append(u": ");
-      lines.append(needed.package->pSummary);
+      need(lines.append(u": "));
+      need(lines.append(needed.package->pSummary));
     }
-    lines.append(u"\n");
+    need(lines.append(u"\n"));
   }
-  return utf8FromUtf16(lines.view());
+  return utf8FromUtf16(lines.text());
 }
 
 void printReport(std::ostream &stream, const Report &report) {

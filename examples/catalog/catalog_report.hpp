@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "catalog_model.hpp"
-#include "chain_file.hpp"
 #include "most_needed.hpp"
 #include "refhost.hpp"
 #include "shared_names.hpp"
@@ -21,7 +20,7 @@ struct Report {
   std::int32_t blockLength = 0;  // 0 for a chain that was read: a file does not tell
   RecordCounts records;
   std::string mostNeeded;  // neededLines of a run that writes
-  ChainSize chain;
+  mem::PackedChain::Size chain;
   std::uint64_t portCharacters = 0;
   NameCounts names;  // of a run that writes
   std::vector<Step> steps;
@@ -30,7 +29,7 @@ struct Report {
 
 // The report's lines on these packages, with their summaries. Made in storage of the library, so
 // while it is running. Throws ServiceError when there is none.
-std::string neededLines(refhost::Host &host, const std::vector<NeededPackage> &packages);
+std::string neededLines(const mem::Context &context, const std::vector<NeededPackage> &packages);
 
 void printReport(std::ostream &stream, const Report &report);
 

@@ -8,19 +8,15 @@
 #include <unordered_map>
 
 #include "catalog_model.hpp"
-#include "refhost.hpp"
 
 namespace catalog {
 
 // One thread at a time.
 class WaitingList {
  public:
-  // Throws ServiceError when there is no storage.
-  explicit WaitingList(refhost::Host &host);
-  // Those that still wait keep their null pointer.
-  ~WaitingList();
-  WaitingList(const WaitingList &) = delete;
-  WaitingList &operator=(const WaitingList &) = delete;
+  // Throws ServiceError when there is no storage. Those that still wait when it dies keep their
+  // null pointer.
+  explicit WaitingList(const mem::Context &context);
 
   // `package` and `dependency` are kept by address. Throws ServiceError when there is no storage.
   void add(std::string_view package, DependencyRecord &dependency);
@@ -29,10 +25,12 @@ class WaitingList {
   std::uint64_t resolve(std::string_view package, PackageRecord &record);
 
  private:
-  struct Item;
+  struct Item {
+    Item *next;  // waits for the same package
+    DependencyRecord *dependency;
+  };
 
-  refhost::Host &host_;
-  HMEMCELL cells_ = nullptr;
+  mem::CellPool<Item> cells_;
   std::unordered_map<std::string_view, Item *> firstByPackage_;
 };
 

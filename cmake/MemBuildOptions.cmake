@@ -25,7 +25,8 @@ endif()
 
 # The public headers, as hosts and callers include them.
 add_library(mem_headers INTERFACE)
-target_include_directories(mem_headers INTERFACE ${CMAKE_SOURCE_DIR}/include)
+target_include_directories(mem_headers INTERFACE
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
 # A sanitizer has to see the library, the host and the tests alike, so it is no target's own affair.
 if(MEM_SANITIZE)

@@ -4,13 +4,15 @@
 #
 #   cmake/install-packages.sh <job>...
 #
-# linux    build and tests on Linux
-# windows  cross build, and Wine to run what it makes
-# lint     clang-format and clang-tidy
-# fuzz     clang with libFuzzer and the sanitizers' runtime
-# bench    what the benchmarks compare the library with
-# coverage the report of covered lines and branches
-# memcheck valgrind
+# linux     build and tests on Linux
+# windows   cross build, and Wine to run what it makes
+# lint      clang-format and clang-tidy
+# fuzz      clang with libFuzzer and the sanitizers' runtime
+# bench     what the benchmarks compare the library with
+# coverage  the report of covered lines and branches
+# memcheck  valgrind
+# docs      Doxygen, for the reference of the headers
+# packages  what makes and looks into Debian packages
 set -euo pipefail
 
 # Headers that the tools are compiled with, on and for every platform.
@@ -18,9 +20,10 @@ toolHeaders=(libcli11-dev libfmt-dev nlohmann-json3-dev)
 
 packagesFor() {
   case $1 in
-    linux) echo g++ googletest libbenchmark-dev "${toolHeaders[@]}" ;;
+    linux) echo g++ googletest libbenchmark-dev pkg-config "${toolHeaders[@]}" ;;
     windows)
-      echo clang llvm lld g++-mingw-w64-x86-64-posix googletest wine wine64 "${toolHeaders[@]}"
+      echo clang llvm lld g++-mingw-w64-x86-64-posix googletest pkg-config wine wine64 \
+        "${toolHeaders[@]}"
       ;;
     lint) echo clang llvm lld clang-format clang-tidy "${toolHeaders[@]}" ;;
     fuzz) echo clang llvm googletest libclang-rt-14-dev "${toolHeaders[@]}" ;;
@@ -31,6 +34,8 @@ packagesFor() {
       ;;
     coverage) echo gcovr ;;
     memcheck) echo valgrind ;;
+    docs) echo doxygen ;;
+    packages) echo dpkg-dev file ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2

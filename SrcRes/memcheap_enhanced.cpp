@@ -118,12 +118,13 @@ void *takeLargeEntry(CallFrame &frame, MEMEHeapHeader &heap, std::uint32_t align
   return pEntry;
 }
 
-// True when the entry is that of a large block of this length; the block stays until the heap is
-// closed, so there is nothing else to do.
+// True when the entry is a large block's and the block is storage up to this length. The block
+// stays until the heap is closed, so there is nothing else to do.
 bool isLargeEntry(const void *pEntry, std::int64_t aligned) noexcept {
   const auto blockAddress = reinterpret_cast<std::uintptr_t>(pEntry) - sizeof(MEMHeapLargeBlock);
   const auto *pBlock = reinterpret_cast<const void *>(blockAddress);
-  const auto blockSize = static_cast<std::uint32_t>(aligned + sizeof(MEMHeapLargeBlock));
+  const auto blockSize =
+      static_cast<std::uint32_t>(aligned) + static_cast<std::uint32_t>(sizeof(MEMHeapLargeBlock));
   return runtimeServices().CheckStorage(pBlock, blockSize) == 0 &&
          hasEyecatcher(pBlock, kLargeBlockEye);
 }

@@ -33,6 +33,12 @@ if(MEM_SANITIZE)
     -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${MEM_SANITIZE})
 endif()
+
+# Counters for coverage belong to the library; whatever links its objects needs their runtime. The
+# counts of several threads add up.
+if(MEM_COVERAGE)
+  add_link_options(--coverage)
+endif()
 add_compile_definitions($<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
 
 # Windows programs carry the C++ and compiler runtime in themselves: they run on a machine that has

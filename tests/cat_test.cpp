@@ -66,7 +66,7 @@ class CatTest : public HeapHashTest {
   // MEM_MemCat fails by itself: its code and text are the outer ones.
   template <class Call>
   void expectAppendFails(std::uint32_t code, const std::string &name, Call call) {
-    expectFails(code, name, NameBy::kMessage, call, {"", true});
+    expectFails(code, name, NameBy::kMessage, call, {}, {"", true});
   }
 
   // MEM_Cat fails with the failure of MEM_MemCat inside.
@@ -176,7 +176,7 @@ TEST_F(CatTest, CloseAfterAFailedOpenLooksAtTheBlocksOldLength) {
   expectEnds(0, [&] { return mem.MEM_CatClose(&cat); });
   cat.BlkLen = 0x80000000U;
   expectFails(4028, "FreeMemCatExtString", NameBy::kItself, [&] { return mem.MEM_CatClose(&cat); },
-              {"pCatCB->BlkLen>LONG_MAX"});
+              {}, {"pCatCB->BlkLen>LONG_MAX"});
   EXPECT_EQ(watch.takeLines(), (Lines{"8(1024, 0)"}));
 }
 
@@ -201,7 +201,7 @@ TEST_F(CatTest, CloseRefusesALongerBlock) {
     cat.BlkLen = blkLen;
     const Bytes before = bytesOf(&cat, sizeof cat);
     expectFails(4028, "FreeMemCatExtString", NameBy::kItself,
-                [&] { return mem.MEM_CatClose(&cat); }, {"pCatCB->BlkLen>LONG_MAX"});
+                [&] { return mem.MEM_CatClose(&cat); }, {}, {"pCatCB->BlkLen>LONG_MAX"});
     EXPECT_EQ(changedRanges(before, bytesOf(&cat, sizeof cat)), "");
   }
   EXPECT_TRUE(watch.uses.empty());

@@ -18,6 +18,7 @@ namespace memtest {
 
 // The formats of heaps, written here a second time, on purpose.
 inline constexpr std::uint32_t kHeapHeaderLen = 56;
+inline constexpr std::uint32_t kEHeapHeaderLen = 64;
 inline constexpr std::uint32_t kAreaHeaderLen = 24;
 inline constexpr std::uint32_t kBlockHeaderLen = 24;
 
@@ -264,7 +265,23 @@ struct Report {
   std::string detail;
   std::uint32_t code;
   std::uint16_t returnCode;
+  std::uint16_t component;
 };
+
+// What a failure leaves in the error area beside code, name and return code. Enhanced heaps set the
+// component; where the host failed, its own code and text are the inner ones.
+struct FailureMarks {
+  std::uint16_t component = 0;
+  std::uint32_t innerCode = 0;
+  const char *innerText = "";
+};
+
+// The code and text of host failures in these tests, as faultOf(service, kHostError) gives them.
+inline constexpr std::uint32_t kHostError = 777;
+
+// Marks of an enhanced heap's failures: of its own, and of those that keep the host's error.
+inline constexpr FailureMarks kOwnMarks = {MEM_COMPONENT};
+inline constexpr FailureMarks kHostMarks = {MEM_COMPONENT, kHostError, kHostErrorText};
 
 // How a failure fills the name field.
 enum class NameBy {
@@ -321,24 +338,31 @@ class HeapHashTest : public StartedTest {
   explicit HeapHashTest(refhost::Options options = withDirtyStorage()) : StartedTest(options) {
     reports_ = &reports;
     thread_ = &env();
+    hostReport_ = host.text().ReportError;
     host.text().ReportError = [](char *pErrorText, const char *pDetail) {
+      const MEMErrorArea &left = thread_->Error;
       reports_->push_back(
-          {pErrorText, pErrorText, pDetail, thread_->Error.Code, thread_->Error.ReturnCode});
+          {pErrorText, pErrorText, pDetail, left.Code, left.ReturnCode, left.Component});
+      hostReport_(pErrorText, pDetail);
     };
   }
 
   void setMessageText(const std::string &text) { std::strcpy(env().MessageText, text.c_str()); }
 
-  // The error area tells this failure and nothing else. What stands behind the end of the name is
-  // of no meaning.
-  void expectError(std::uint32_t code, const std::string &name) {
+  // The error area tells this failure and nothing else. What stands behind the end of a text is of
+  // no meaning.
+  void expectError(std::uint32_t code, const std::string &name, const FailureMarks &marks = {}) {
     EXPECT_EQ(error().Code, code);
     EXPECT_EQ(nameText(), name);
+    EXPECT_EQ(std::string(error().InnerText), marks.innerText);
     MEMErrorArea expected{};
+    expected.Component = marks.component;
     expected.ReturnCode = kFailedCode;
     expected.Code = code;
+    expected.InnerCode = marks.innerCode;
     MEMErrorArea left = error();
     std::memset(left.NameText, 0, sizeof left.NameText);
+    if (*marks.innerText != '\0') std::memset(left.InnerText, 0, sizeof left.InnerText);
     EXPECT_EQ(changedRanges(bytesOf(&expected, sizeof expected), bytesOf(&left, sizeof left)), "");
   }
 
@@ -347,7 +371,7 @@ class HeapHashTest : public StartedTest {
   // `call` fails with -1 and this error, reports it once, and traces nothing.
   template <class Call>
   void expectFails(std::uint32_t code, const std::string &name, NameBy nameBy, Call call,
-                   const Told &told = {}) {
+                   const FailureMarks &marks = {}, const Told &told = {}) {
     std::memset(&error(), 0xEE, sizeof error());
     setMessageText(kStandingText);
     reports.clear();
@@ -355,7 +379,7 @@ class HeapHashTest : public StartedTest {
 
     EXPECT_EQ(call(), kFailed);
 
-    expectError(code, name);
+    expectError(code, name, marks);
     EXPECT_EQ(messageText(), nameBy == NameBy::kMessage ? name : kStandingText);
     ASSERT_EQ(reports.size(), 1U);
     EXPECT_EQ(static_cast<const void *>(reports[0].pErrorText),
@@ -364,6 +388,7 @@ class HeapHashTest : public StartedTest {
     EXPECT_EQ(reports[0].detail, told.detail);
     EXPECT_EQ(reports[0].code, code) << "reported before the error area is filled";
     EXPECT_EQ(reports[0].returnCode, kFailedCode);
+    EXPECT_EQ(reports[0].component, marks.component);
     EXPECT_EQ(traceCalls(host), 0U);
   }
 
@@ -429,6 +454,7 @@ class HeapHashTest : public StartedTest {
  private:
   inline static std::vector<Report> *reports_ = nullptr;
   inline static MEMThreadEnv *thread_ = nullptr;
+  inline static decltype(MEMTextServices::ReportError) hostReport_ = nullptr;
 };
 
 }  // namespace memtest

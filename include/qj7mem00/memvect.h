@@ -139,8 +139,8 @@ typedef int16_t MEM_EHeapAllocEntryFn(HMEMHEAP hMemHeap, int32_t Len, void **ppE
 
 /** Gives back an entry with the length with which it was allocated. An area entry is cleared; its
  * storage is not handed out again and returns to the host at close, as does a large entry's.
- * MEMERR_HEAPBHDL, MEMERR_HEAPGATE, MEMERR_HEAPENTRY (the host's storage check refuses the address,
- * or a large entry does not have this length). */
+ * MEMERR_HEAPBHDL, MEMERR_HEAPGATE, MEMERR_HEAPENTRY (the host's storage check refuses the range,
+ * or the length is a large entry's and no large block lies in front of the address). */
 typedef int16_t MEM_EHeapFreeEntryFn(HMEMHEAP hMemHeap, int32_t Len, void *pEntry);
 
 /** Allocates a chain of entries as MEM_HeapAllocMultEntries does; each comes from slot 38 under the

@@ -1,0 +1,447 @@
+// memtool chain: what it shows of sound chains and what it says of others.
+
+#include <set>
+
+#include "chainfixtures.hpp"
+#include "memtooltest.hpp"
+#include "packed_picture.hpp"
+#include "packed_reader.hpp"
+
+namespace memtest {
+namespace {
+
+using chainwriter::Chain;
+using chainwriter::Fixture;
+using chainwriter::Place;
+using chainwriter::Tree;
+using chainwriter::Writer;
+
+std::string fixturePath(const std::string &name) {
+  return (std::filesystem::path(MEM_FIXTURES) / "chains" / (name + ".chain")).string();
+}
+
+std::string textOf(const chainwriter::Bytes &bytes) {
+  return std::string(bytes.begin(), bytes.end());
+}
+
+// The expected outputs are kept with CR-less lines under fixtures/memtool.
+std::string expected(const std::string &name) {
+  return readBytes(std::filesystem::path(MEM_FIXTURES) / "memtool" / name);
+}
+
+class MemtoolChainTest : public ToolTest {};
+class MemtoolFixtureTest : public ToolTest, public ::testing::WithParamInterface<Fixture> {};
+
+TEST_P(MemtoolFixtureTest, IsSound) {
+  const std::string path = fixturePath(GetParam().name);
+  EXPECT_EQ(outputOf({"chain", path, "--check"}),
+            path + ": sound, 10 segments and 7 texts in 2 blocks\n");
+}
+
+TEST_P(MemtoolFixtureTest, HeadTellsTheWriter) {
+  const Writer &writer = GetParam().chain.writer();
+  const std::string out = outputOf({"chain", fixturePath(GetParam().name)});
+  const std::string digits = GetParam().name.substr(writer.isEbcdic ? 6 : 0, 4);
+  const auto has = [&](const std::string &text) {
+    EXPECT_NE(out.find(text), std::string::npos) << text << " in\n" << out;
+  };
+  has("  version  " + digits + (writer.isEbcdic ? " in EBCDIC" : "") + ", " +
+      (writer.isOldLayout ? "old" : "current") + " control block\n");
+  has(std::string("  writer   ") + (writer.isBigEndian ? "big" : "little") +
+      "-endian, pointers of " + std::to_string(writer.pointerWidth) +
+      " bytes, wide characters of " + std::to_string(writer.wideSize) + " bytes, " +
+      (writer.isEbcdic ? "EBCDIC" : "ASCII") + "\n");
+}
+
+TEST_P(MemtoolFixtureTest, JsonHoldsEveryNodeOfTheTree) {
+  const Fixture &fixture = GetParam();
+  const Json json = Json::parse(outputOf({"chain", fixturePath(fixture.name), "--json"}));
+  EXPECT_TRUE(json["fault"].is_null());
+  EXPECT_EQ(json["bytes"], fixture.chain.file().size());
+  EXPECT_EQ(json["writer"]["pointerWidth"], fixture.chain.writer().pointerWidth);
+  ASSERT_EQ(json["blocks"].size(), fixture.chain.blocks.size());
+  for (std::size_t i = 0; i < fixture.chain.blocks.size(); ++i) {
+    EXPECT_EQ(json["blocks"][i]["used"], fixture.chain.blocks[i].size());
+  }
+  std::set<std::pair<std::size_t, std::size_t>> places;
+  for (const Json &segment : json["segments"]) {
+    places.emplace(segment["block"], segment["offset"]);
+    for (const Json &pointer : segment["pointers"]) {
+      if (pointer.contains("text")) {
+        places.emplace(pointer["target"]["block"], pointer["target"]["offset"]);
+      }
+    }
+  }
+  std::set<std::pair<std::size_t, std::size_t>> wanted;
+  for (const Place &place : fixture.chain.places) wanted.emplace(place.block, place.offset);
+  EXPECT_EQ(places, wanted);
+}
+
+// The table and the tree say the same as the JSON.
+TEST_P(MemtoolFixtureTest, TextAgreesWithJson) {
+  const std::string path = fixturePath(GetParam().name);
+  const std::string out = outputOf({"chain", path});
+  const Json json = Json::parse(outputOf({"chain", path, "--json"}));
+  const auto has = [&](const std::string &text) {
+    EXPECT_NE(out.find(text), std::string::npos) << text << " in\n" << out;
+  };
+  for (const Json &segment : json["segments"]) {
+    has(std::to_string(segment["block"].get<int>()) + ":" +
+        std::to_string(segment["offset"].get<int>()) + "  kind " +
+        std::to_string(segment["kind"].get<int>()) + ", " +
+        std::to_string(segment["length"].get<int>()) + " bytes\n");
+    for (const Json &pointer : segment["pointers"]) {
+      if (!pointer.contains("text")) continue;
+      has(std::to_string(pointer["target"]["block"].get<int>()) + ":" +
+          std::to_string(pointer["target"]["offset"].get<int>()) + "  \"" +
+          pointer["text"].get<std::string>() + "\"\n");
+    }
+  }
+}
+
+TEST_P(MemtoolFixtureTest, PictureIsWellFormedAndShowsEveryItem) {
+  outputOf({"chain", fixturePath(GetParam().name), "--svg", "out.svg"});
+  const std::string svg = readBytes("out.svg");
+  EXPECT_EQ(XmlCheck::fault(svg), "");
+  for (const Place &place : GetParam().chain.places) {
+    EXPECT_NE(svg.find(" " + std::to_string(place.offset) + "  "), std::string::npos);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, MemtoolFixtureTest, ::testing::ValuesIn(chainwriter::allFixtures()),
+                         [](const ::testing::TestParamInfo<Fixture> &row) {
+                           return row.param.name;
+                         });
+
+TEST_F(MemtoolChainTest, OutputsOfOneChainAreAsTheyWere) {
+  std::filesystem::copy_file(fixturePath("0221_32bit"), "0221_32bit.chain");
+  EXPECT_EQ(outputOf({"chain", "0221_32bit.chain", "--data"}), expected("0221_32bit.txt"));
+  EXPECT_EQ(outputOf({"chain", "0221_32bit.chain", "--data", "--json"}),
+            expected("0221_32bit.json"));
+  outputOf({"chain", "0221_32bit.chain", "--svg", "out.svg"});
+  EXPECT_EQ(readBytes("out.svg"), expected("0221_32bit.svg"));
+}
+
+TEST_F(MemtoolChainTest, ColourAddsNothingButColour) {
+  const std::string path = fixturePath("0220_64bit");
+  const std::string plain = runTool({"chain", path, "--data"}, false).out;
+  const std::string coloured = runTool({"chain", path, "--data"}, true).out;
+  EXPECT_EQ(plain.find('\x1b'), std::string::npos);
+  std::string stripped;
+  for (std::size_t i = 0; i < coloured.size(); ++i) {
+    if (coloured[i] == '\x1b') {
+      i = coloured.find('m', i);
+    } else {
+      stripped += coloured[i];
+    }
+  }
+  EXPECT_EQ(stripped, plain);
+  EXPECT_NE(coloured, plain);
+}
+
+// Every shorter file is refused.
+TEST_F(MemtoolChainTest, TruncatedFilesHaveAFault) {
+  constexpr std::size_t kRunsApart = 41;  // lengths for which the whole command runs
+  std::ostringstream sink;
+  memtool::Console console(sink, sink, {});
+  for (const char *name : {"0220_64bit", "0201_32bit", "ebcdic0100_64bit"}) {
+    const std::string bytes = readBytes(fixturePath(name));
+    for (std::size_t length = 0; length < bytes.size(); ++length) {
+      SCOPED_TRACE(std::string(name) + " cut to " + std::to_string(length));
+      const std::string cut = bytes.substr(0, length);
+      ASSERT_TRUE(memtool::readChain(cut, 0, console).fault);
+      if (length % kRunsApart != 0) continue;
+      writeBytes("cut.chain", cut);
+      const ToolRun run = runTool({"chain", "cut.chain", "--check"});
+      ASSERT_EQ(run.code, 1);
+      ASSERT_TRUE(isOneLine(run.err)) << run.err;
+      ASSERT_EQ(run.out, "");
+      ASSERT_TRUE(run.err.starts_with("memtool: cut.chain: block ")) << run.err;
+    }
+  }
+}
+
+// A chain of the sample tree with one change, and the fault that must be found.
+class FaultTest : public MemtoolChainTest {
+ protected:
+  FaultTest()
+      : tree(chainwriter::sampleTree()),
+        writer(chainwriter::writerOf("0220")),
+        chain(chainwriter::write(tree, writer, chainwriter::smallestBlockLen(tree, writer) + 130)) {
+  }
+
+  // `what` behind "block B, offset O (file offset F): ".
+  void expectFault(Place place, const std::string &what) {
+    writeBytes("bad.chain", textOf(chain.file()));
+    std::size_t fileOffset = place.offset;
+    for (std::size_t i = 0; i < place.block; ++i) fileOffset += chain.blocks[i].size();
+    const std::string text = "bad.chain: block " + std::to_string(place.block) + ", offset " +
+                             std::to_string(place.offset) + " (file offset " +
+                             std::to_string(fileOffset) + "): " + what;
+    expectRefused(1, text, {"chain", "bad.chain", "--check"});
+    // What stands in front of the fault is shown; the exit code is the same.
+    expectRefused(1, text, {"chain", "bad.chain"});
+    const ToolRun run = runTool({"chain", "bad.chain", "--json"});
+    EXPECT_EQ(run.code, 1);
+    const Json fault = Json::parse(run.out)["fault"];
+    EXPECT_EQ(fault["block"], place.block);
+    EXPECT_EQ(fault["offset"], place.offset);
+    EXPECT_EQ(fault["fileOffset"], fileOffset);
+    EXPECT_TRUE(fault["what"].get<std::string>().starts_with(what)) << fault;
+    expectRefused(1, text, {"chain", "bad.chain", "--to-native", "out"});
+    EXPECT_FALSE(std::filesystem::exists("out"));
+  }
+
+  Place root() const { return chain.places[0]; }
+  Place field(std::size_t node, std::size_t part) const {
+    return chain.partPlace(tree, node, part);
+  }
+
+  Tree tree;
+  Writer writer;
+  Chain chain;
+};
+
+TEST_F(FaultTest, BlockNumberTooLarge) {
+  chain.setPointer(field(0, 2), {2, 2});
+  expectFault(field(0, 2), "a child pointer leads to block 2, but the chain has 2 blocks");
+}
+
+TEST_F(FaultTest, OffsetBehindTheUsedPart) {
+  const std::size_t used = chain.blocks[1].size();
+  chain.setPointer(field(1, 0), {1, used});
+  expectFault(field(1, 0), "a sibling pointer leads to offset " + std::to_string(used) +
+                               " of block 1, which has " + std::to_string(used) + " bytes");
+}
+
+TEST_F(FaultTest, NegativeNumbers) {
+  chain.setPointer(field(0, 0), {0xFFFF, 2});
+  expectFault(field(0, 0), "a sibling pointer leads to block -1, ");
+}
+
+TEST_F(FaultTest, SiblingOfItself) {
+  chain.setPointer(field(0, 0), root());
+  expectFault(field(0, 0), "a pointer leads to " + std::to_string(root().block) + ":" +
+                               std::to_string(root().offset) + ", which lies over");
+}
+
+TEST_F(FaultTest, ChildInsideAnotherSegment) {
+  chain.setPointer(field(0, 2), {root().block, root().offset + 3});
+  // The segment that begins there takes in the text behind, or the root; both are taken.
+  writeBytes("bad.chain", textOf(chain.file()));
+  expectRefused(1, "block 0, offset ", {"chain", "bad.chain", "--check"});
+}
+
+TEST_F(FaultTest, PointerIntoTheHead) {
+  chain.setPointer(field(0, 2), {0, 100});
+  expectFault(field(0, 2), "a pointer leads to 0:100, into the block's head");
+}
+
+TEST_F(FaultTest, ReferenceToNoSegment) {
+  const Place target{1, chain.places[1].offset + 1};
+  chain.setPointer(field(0, 7), target);
+  expectFault(field(0, 7), "a reference leads to 1:" + std::to_string(target.offset) +
+                               ", where no segment begins");
+}
+
+TEST_F(FaultTest, BytesBehindARelativePointer) {
+  const Place at = field(0, 2);
+  chain.blocks[at.block][at.offset + 7] = 1;
+  // Such bytes could mean pointers of 4 bytes, so the width is given here.
+  writeBytes("bad.chain", textOf(chain.file()));
+  expectRefused(1, "the bytes behind a relative pointer are not zero",
+                {"chain", "bad.chain", "--check", "--pointers", "8"});
+}
+
+TEST_F(FaultTest, WideTextWithoutEnd) {
+  const Place place = chain.places[16];
+  for (std::size_t at = place.offset; at < chain.blocks[place.block].size(); ++at) {
+    chain.blocks[place.block][at] = 0x41;
+  }
+  expectFault(place, "a wide text begins here and has no end in its block");
+}
+
+TEST_F(FaultTest, WideTextAtAnOddPlace) {
+  const Place target{chain.places[5].block, chain.places[5].offset + 2};
+  chain.setPointer(field(0, 5), target);
+  expectFault(field(0, 5), "a wide text stands at 0:" + std::to_string(target.offset) +
+                               ", not at a multiple of 4");
+}
+
+TEST_F(FaultTest, NarrowTextWithoutEnd) {
+  Place place = chain.places[4];
+  chain.blocks[place.block].resize(place.offset + 3);
+  chain.setUsedLen(place.block, static_cast<std::uint16_t>(chain.blocks[place.block].size()));
+  // The root's wide text lies behind; its pointer is refused first.
+  expectFault(field(0, 5), "a child pointer leads to offset ");
+}
+
+TEST_F(FaultTest, CountedSegmentTooLong) {
+  chain.setNumber(chain.places[10], 5000);
+  expectFault(chain.places[10], "a segment of kind 2 and 5002 bytes begins here");
+}
+
+TEST_F(FaultTest, OwnLengthTooShort) {
+  chain.setNumber(chain.places[6], 1);
+  expectFault(chain.places[6], "a segment of kind 3 tells a length of 1");
+}
+
+TEST_F(FaultTest, FixedLengthTooShortForAPointer) {
+  const Place kind = chain.descriptorPlace(1);
+  chain.setNumber({kind.block, kind.offset + 2}, 40);
+  writeBytes("bad.chain", textOf(chain.file()));
+  // Such a length could mean pointers of 4 bytes, so the width is given here.
+  expectRefused(1, "a segment of kind 1 and 40 bytes begins here, too short for its pointer at 34",
+                {"chain", "bad.chain", "--check", "--pointers", "8"});
+}
+
+TEST_F(FaultTest, NoKinds) {
+  chain.setNumber(Chain::countPlace(), 0);
+  expectFault(Chain::countPlace(), "the control block counts 0 kinds of segments");
+}
+
+TEST_F(FaultTest, TooManyKinds) {
+  chain.setNumber(Chain::countPlace(), 200);
+  expectFault(Chain::countPlace(), "a control block of 200 kinds takes 24402 bytes");
+}
+
+TEST_F(FaultTest, ChildOfAKindThatIsNone) {
+  chain.setNumber(chain.childEntryPlace(1, 0), 8);
+  expectFault(chain.childEntryPlace(1, 0), "a child is of kind 8, but there are 8 kinds");
+}
+
+TEST_F(FaultTest, TooManyChildren) {
+  const Place kind = chain.descriptorPlace(1);
+  chain.setNumber({kind.block, kind.offset + 6}, 25);
+  expectFault({kind.block, kind.offset + 6}, "a kind of segment has 25 children, which cannot be");
+}
+
+TEST_F(FaultTest, NoVersion) {
+  chain.blocks[0][2] = 'x';
+  expectFault({0, 2}, "no version stands here, so this is no packed chain");
+}
+
+TEST_F(FaultTest, UnknownVersion) {
+  chain.blocks[0][3] = '3';
+  expectFault({0, 2}, "there is no version 0320");
+}
+
+TEST_F(FaultTest, UsedLengthBeyondTheFile) {
+  const std::size_t real = chain.blocks[1].size();
+  chain.setUsedLen(1, static_cast<std::uint16_t>(real + 1));
+  expectFault({1, 0}, "the used length is " + std::to_string(real + 1) + ", but the file ends " +
+                          std::to_string(real) + " bytes on");
+}
+
+TEST_F(FaultTest, NoRoot) {
+  chain.blocks.resize(1);
+  chain.blocks[0].resize(6 + 978);
+  chain.setUsedLen(0, 6 + 978);
+  expectFault({0, 0}, "the chain ends behind its control block, without a root");
+}
+
+// Siblings may be as many as they like; children may not.
+TEST_F(MemtoolChainTest, DepthHasALimit) {
+  const Writer writer = chainwriter::writerOf("0220");
+  for (const std::size_t levels : {std::size_t{64}, std::size_t{65}}) {
+    Tree deep;
+    deep.kinds = {{chainwriter::Form::Fixed, {chainwriter::child(0)}}};
+    for (std::size_t i = 0; i < levels; ++i) {
+      deep.nodes.push_back({0, {}, {i + 1 < levels ? i + 1 : chainwriter::kNone}});
+    }
+    writeBytes("deep.chain", textOf(chainwriter::write(deep, writer, 4096).file()));
+    if (levels == 64) {
+      outputOf({"chain", "deep.chain", "--check"});
+    } else {
+      expectRefused(1, "the structure is deeper than 64 levels",
+                    {"chain", "deep.chain", "--check"});
+    }
+  }
+}
+
+// More blocks and rows than are drawn: the picture says so.
+TEST_F(MemtoolChainTest, PictureStatesWhatItLeavesOut) {
+  Tree tree;
+  tree.kinds = {{chainwriter::Form::Fixed, {chainwriter::sibling(), chainwriter::data(60)}}};
+  for (std::size_t i = 0; i < 2000; ++i) {
+    tree.nodes.push_back(
+        {0, chainwriter::Bytes(60, 0x2A), {i + 1 < 2000 ? i + 1 : chainwriter::kNone}});
+  }
+  const Writer writer = chainwriter::writerOf("0220");
+  writeBytes("many.chain", textOf(chainwriter::write(tree, writer, 4096).file()));
+  outputOf({"chain", "many.chain", "--svg", "out.svg"});
+  const std::string svg = readBytes("out.svg");
+  EXPECT_EQ(XmlCheck::fault(svg), "");
+  EXPECT_NE(svg.find("Blocks 0 to " + std::to_string(memtool::kMostDrawnBlocks - 1) + " of "),
+            std::string::npos);
+  EXPECT_NE(svg.find("Of each block the first " + std::to_string(memtool::kMostDrawnRows) +
+                     " rows are drawn."),
+            std::string::npos);
+  EXPECT_EQ(svg.find("Block " + std::to_string(memtool::kMostDrawnBlocks) + "<"),
+            std::string::npos);
+}
+
+TEST_F(MemtoolChainTest, TextMayHoldAnything) {
+  Tree tree;
+  tree.kinds = {{chainwriter::Form::Fixed, {chainwriter::child(1), chainwriter::child(2)}},
+                {chainwriter::Form::Narrow},
+                {chainwriter::Form::Wide}};
+  tree.nodes = {{0, {}, {1, 2}},
+                {1, {}, {}, "<&\"\\>\x01\x1b[31m\xff\xc3"},
+                {2, {}, {}, {}, U"\uFFFE\uFFFF]]>\u0007"}};
+  const Writer writer = chainwriter::writerOf("0221");
+  writeBytes("odd.chain", textOf(chainwriter::write(tree, writer, 4096).file()));
+  const std::string out = outputOf({"chain", "odd.chain"});
+  EXPECT_EQ(out.find('\x1b'), std::string::npos);
+  EXPECT_NE(out.find("\"<&\\\"\\\\>\\x01\\x1B[31m\uFFFD\uFFFD\""), std::string::npos) << out;
+  const Json json = Json::parse(outputOf({"chain", "odd.chain", "--json"}));
+  EXPECT_EQ(json["segments"][0]["pointers"][0]["text"], "<&\"\\>\x01\x1b[31m\uFFFD\uFFFD");
+  outputOf({"chain", "odd.chain", "--svg", "out.svg"});
+  EXPECT_EQ(XmlCheck::fault(readBytes("out.svg")), "");
+}
+
+TEST_F(MemtoolChainTest, EbcdicTextIsReadInItsCodePage) {
+  Tree tree;
+  tree.kinds = {{chainwriter::Form::Fixed, {chainwriter::child(1)}}, {chainwriter::Form::Narrow}};
+  tree.nodes = {{0, {}, {1}}, {1, {}, {}, "\xC8\x85\x93\x93\x96\x40\x84\x43\x94"}};
+  const Writer writer = chainwriter::ebcdicWriterOf("0200");
+  writeBytes("e.chain", textOf(chainwriter::write(tree, writer, 4096).file()));
+  EXPECT_NE(outputOf({"chain", "e.chain"}).find("\"Hello däm\""), std::string::npos);
+}
+
+TEST_F(MemtoolChainTest, WidthOfPointersCanBeGiven) {
+  // Nothing but nulls and room: both widths make sense.
+  Tree tree;
+  tree.kinds = {{chainwriter::Form::Fixed, {chainwriter::data(4), chainwriter::child(0)}}};
+  tree.nodes = {{0, {1, 2, 3, 4}, {chainwriter::kNone}}};
+  const Writer writer = chainwriter::writerOf("0220", 8);
+  writeBytes("null.chain", textOf(chainwriter::write(tree, writer, 4096).file()));
+  const auto width = [](const std::vector<std::string> &words) {
+    return Json::parse(outputOf(words))["writer"]["pointerWidth"].get<int>();
+  };
+  EXPECT_EQ(width({"chain", "null.chain", "--json"}), 8);
+  EXPECT_EQ(width({"chain", "null.chain", "--json", "--pointers", "4"}), 4);
+}
+
+TEST_F(MemtoolChainTest, WrongUseEndsWithTwo) {
+  const std::string path = fixturePath("0220_64bit");
+  expectRefused(2, "FILE is required", {"chain"});
+  expectRefused(2, "--pointers", {"chain", path, "--pointers", "5"});
+  expectRefused(2, "--unknown", {"chain", path, "--unknown"});
+  expectRefused(2, "go with --to-native", {"chain", path, "--block-length", "2000"});
+  expectRefused(2, "--block-length", {"chain", path, "--to-native", "out", "--block-length", "0"});
+  expectRefused(2, "other", {"chain", path, "other"});
+}
+
+TEST_F(MemtoolChainTest, FilesThatAreNoneEndWithOne) {
+  expectRefused(1, "cannot read absent", {"chain", "absent"});
+  expectRefused(1, "it is a folder", {"chain", "."});
+  writeBytes("empty", "");
+  expectRefused(1, "the file has 0 bytes, too few for a packed chain", {"chain", "empty"});
+  const std::string path = fixturePath("0220_64bit");
+  expectRefused(1, "cannot write absent/out.svg", {"chain", path, "--svg", "absent/out.svg"});
+  expectRefused(1, "cannot write absent/out", {"chain", path, "--to-native", "absent/out"});
+}
+
+}  // namespace
+}  // namespace memtest

@@ -1,0 +1,253 @@
+// memtool as a whole: arguments, help, progress; and the commands errors and heapmap.
+
+#include <chrono>
+#include <thread>
+
+#include "heap_script.hpp"
+#include "memtooltest.hpp"
+#include "qj7mem00/memerr.h"
+#include "tool_progress.hpp"
+#include "tool_svg.hpp"
+#include "tool_text.hpp"
+
+namespace memtest {
+namespace {
+
+class MemtoolCommandsTest : public ToolTest {};
+
+TEST_F(MemtoolCommandsTest, WrongUseEndsWithTwo) {
+  expectRefused(2, "A subcommand is required", {});
+  expectRefused(2, "--help", {"nonsense"});
+  expectRefused(2, "--nonsense", {"errors", "--nonsense"});
+  expectRefused(2, "more", {"errors", "4033", "more"});
+  expectRefused(2, "--library", {"errors", "--library"});
+}
+
+TEST_F(MemtoolCommandsTest, HelpHasExamplesForEachCommand) {
+  EXPECT_NE(outputOf({"--help"}).find("Exit codes: 0"), std::string::npos);
+  for (const char *command : {"chain", "errors", "heapmap"}) {
+    const std::string help = outputOf({command, "--help"});
+    EXPECT_NE(help.find(std::string("Usage: memtool ") + command), std::string::npos) << help;
+    EXPECT_NE(help.find("Examples:\n  memtool " + std::string(command)), std::string::npos) << help;
+  }
+  EXPECT_TRUE(outputOf({"--version"}).starts_with("memtool "));
+}
+
+TEST_F(MemtoolCommandsTest, LibraryThatIsNone) {
+  expectRefused(1, "there is no library absent.so; name it with --library PATH",
+                {"errors", "--library", "absent.so"});
+  expectRefused(1, "there is no library absent.so", {"--library", "absent.so", "errors"});
+  writeBytes("text.so", "this is no library");
+  expectRefused(1, "cannot load", {"errors", "--library", "text.so"});
+}
+
+TEST_F(MemtoolCommandsTest, ErrorsAreTheMessageTable) {
+  Json wanted = Json::array();
+#define MEM_WANTED_ROW(row, number, text) \
+  wanted.push_back({{"code", number}, {"name", #row}, {"message", text}});
+  MEMERR_LIST(MEM_WANTED_ROW)
+#undef MEM_WANTED_ROW
+  EXPECT_EQ(Json::parse(outputOf({"errors", "--json"})), wanted);
+  const std::string table = outputOf({"errors"});
+  EXPECT_EQ(static_cast<std::size_t>(std::count(table.begin(), table.end(), '\n')),
+            wanted.size() + 1);
+}
+
+TEST_F(MemtoolCommandsTest, ErrorsByCodeAndName) {
+  const std::string row =
+      "code  name             message\n"
+      "4072  MEMERR_PACKCYCL  Recursive Structure\n";
+  EXPECT_EQ(outputOf({"errors", "4072"}), row);
+  EXPECT_EQ(outputOf({"errors", "MEMERR_PACKCYCL"}), row);
+  EXPECT_EQ(outputOf({"errors", "packcycl"}), row);
+  expectRefused(1, "no message has the code or name \"40720\"", {"errors", "40720"});
+}
+
+TEST_F(MemtoolCommandsTest, HeapmapOfTheExampleIsAsItWas) {
+  const std::filesystem::path fixtures = std::filesystem::path(MEM_FIXTURES) / "memtool";
+  EXPECT_EQ(outputOf({"heapmap"}), readBytes(fixtures / "heapmap.txt"));
+  outputOf({"heapmap", "--svg", "out.svg"});
+  const std::string svg = readBytes("out.svg");
+  EXPECT_EQ(XmlCheck::fault(svg), "");
+  EXPECT_EQ(svg, readBytes(fixtures / "heapmap.svg"));
+  // The script that it prints is the one that it runs.
+  writeBytes("script", outputOf({"heapmap", "--example"}));
+  EXPECT_EQ(outputOf({"heapmap", "script"}), readBytes(fixtures / "heapmap.txt"));
+}
+
+std::vector<memtool::Snapshot> runScript(const std::string &script) {
+  memtool::RunningLibrary library({});
+  const std::uint64_t before = library.host().account().liveBytes;
+  std::vector<memtool::Snapshot> snapshots = memtool::runHeapScript(library, "script", script);
+  EXPECT_EQ(library.host().account().liveBytes, before);
+  EXPECT_TRUE(library.host().takeMisuses().empty());
+  return snapshots;
+}
+
+// The parts of an area as "0+56 head, 56+120 root".
+std::string partsText(const memtool::Store &store, std::size_t area) {
+  std::string text;
+  for (const memtool::AreaPart &part : memtool::partsOf(store, store.areas.at(area))) {
+    text += (text.empty() ? "" : ", ") + std::to_string(part.offset) + "+" +
+            std::to_string(part.length) + " " + part.text;
+  }
+  return text;
+}
+
+TEST_F(MemtoolCommandsTest, WhatIsOpenAtTheEndIsShown) {
+  const auto snapshots = runScript("open h heap 1\nentry h a 968\n");
+  ASSERT_EQ(snapshots.size(), 1U);
+  EXPECT_EQ(partsText(snapshots[0].stores[0], 0), "0+56 head, 56+968 a");
+  EXPECT_EQ(runScript("open h heap 1\nshow\nclose h\n").size(), 1U);
+  EXPECT_TRUE(runScript("").empty());
+}
+
+TEST_F(MemtoolCommandsTest, EntryTooLargeGetsABlock) {
+  const auto snapshots = runScript("open h heap 1\nentry h a 969\nentry h b 1");
+  const memtool::Store &store = snapshots.at(0).stores.at(0);
+  ASSERT_EQ(store.areas.size(), 2U);
+  EXPECT_TRUE(store.areas[1].isLarge);
+  EXPECT_EQ(partsText(store, 0), "0+56 head, 56+8 b (1), 64+960 free");
+  EXPECT_EQ(partsText(store, 1), "0+24 head, 24+976 a (969)");
+}
+
+TEST_F(MemtoolCommandsTest, EnhancedHeapKeepsFreedEntries) {
+  const auto snapshots =
+      runScript("open e eheap 1\nentry e a 1\nentry e b 40\nfree e a\nentry e a 16\n");
+  EXPECT_EQ(partsText(snapshots.at(0).stores.at(0), 0),
+            "0+64 head, 64+16 a (1), freed, 80+40 b, 120+16 a, 136+888 free");
+}
+
+TEST_F(MemtoolCommandsTest, PoolUsesCellsAgain) {
+  const auto snapshots = runScript(
+      "open p pool 1024 100\nshow\ncell p a 8\ncell p b\nfree p a.3\nshow\nclear p\nshow\n");
+  ASSERT_EQ(snapshots.size(), 3U);
+  EXPECT_EQ(partsText(snapshots[0].stores[0], 0), "0+216 head, 216+800 8 free cells, 1016+8 rest");
+  EXPECT_EQ(snapshots[1].stores[0].areas.size(), 2U);
+  EXPECT_EQ(partsText(snapshots[1].stores[0], 0),
+            "0+216 head, 216+100 a.1, 316+100 a.2, 416+100 1 free cell, 516+100 a.4, "
+            "616+100 a.5, 716+100 a.6, 816+100 a.7, 916+100 a.8, 1016+8 rest");
+  EXPECT_EQ(snapshots[2].stores[0].areas.size(), 1U);
+  EXPECT_EQ(partsText(snapshots[2].stores[0], 0), partsText(snapshots[0].stores[0], 0));
+}
+
+TEST_F(MemtoolCommandsTest, ScriptMistakesNameTheLine) {
+  const auto refused = [](const std::string &script, const std::string &text) {
+    writeBytes("script", script);
+    expectRefused(1, text, {"heapmap", "script"});
+  };
+  refused("\n# comment\nfly h\n", "script, line 3: there is no \"fly\"; a line begins with open");
+  refused("open h heap\n", "line 1: the form is: open NAME heap|eheap AREA_KB");
+  refused("open h box 1\n", "line 1: the form is: open");
+  refused("open h heap 1\nopen h heap 1\n", "line 2: \"h\" is open already");
+  refused("open h heap 257\n", "line 1: MEM_HeapOpen failed: 4050 MEMERR_HEAPSIZE");
+  refused("open p pool 100 10\n", "line 1: MEM_CellOpen failed: 4010 MEMERR_CELLBNDS");
+  refused("entry h a 1\n", "line 1: no heap or pool \"h\" is open");
+  refused("open h heap 1\nentry h a x\n", "line 2: \"x\" is no number");
+  refused("open h heap 1\nentry h a 0\n", "line 2: MEM_HeapAllocEntryLong failed: 4051");
+  refused("open h heap 1\nentry h a 1\nentry h a 1\n", "line 3: h has an entry a already");
+  refused("open h heap 1\nentry h a 1\nfree h a\n", "line 3: a standard heap takes no entry back");
+  refused("open h eheap 1\nfree h a\n", "line 2: h has no entry \"a\"");
+  refused("open h heap 1\nchain h a 4 2\n", "line 2: the entries of a chain hold a pointer");
+  refused("open h heap 1\ncell h a\n", "line 2: a heap has entries");
+  refused("open p pool 512 32\nentry p a 1\n", "line 2: a pool has cells");
+  refused("open h heap 1\nclear h\n", "line 2: only a pool can be cleared");
+  refused("show\n", "line 1: nothing is open");
+  refused("close h\n", "line 1: no heap or pool \"h\" is open");
+  expectRefused(1, "cannot read absent", {"heapmap", "absent"});
+}
+
+// A failing script leaves nothing open.
+TEST_F(MemtoolCommandsTest, FailedScriptGivesAllStorageBack) {
+  memtool::RunningLibrary library({});
+  const std::uint64_t before = library.host().account().liveBytes;
+  EXPECT_THROW(memtool::runHeapScript(library, "script",
+                                      "open h heap 1\nopen e eheap 1\nopen p pool 512 32\n"
+                                      "entry e a 100000\nfly\n"),
+               memtool::ToolError);
+  EXPECT_EQ(library.host().account().liveBytes, before);
+  EXPECT_EQ(library.host().leaks().size(), library.host().account().liveCount);
+}
+
+// Text between two marks, from `at` on; `at` moves behind it. "" when there is none.
+std::string takeBetween(const std::string &text, std::size_t &at, const std::string &from,
+                        const std::string &to) {
+  const std::size_t start = text.find(from, at);
+  if (start == std::string::npos) return "";
+  const std::size_t end = text.find(to, start + from.size());
+  at = end + to.size();
+  return text.substr(start + from.size(), end - start - from.size());
+}
+
+// What docs/memtool.md shows is what the program writes, and its pictures are the program's.
+TEST_F(MemtoolCommandsTest, ManualShowsRealOutput) {
+  const std::filesystem::path fixtures(MEM_FIXTURES);
+  std::filesystem::copy_file(fixtures / "memtool" / "items.chain", "items.chain");
+  std::filesystem::copy_file(fixtures / "chains" / "ebcdic0200_32bit.chain", "mainframe.chain");
+  std::string damaged = readBytes("items.chain");
+  damaged[984] = 7;  // the block number of the root's sibling
+  writeBytes("damaged.chain", damaged);
+
+  const std::filesystem::path docs = fixtures.parent_path().parent_path() / "docs";
+  const std::string manual = readBytes(docs / "memtool.md");
+  std::size_t at = 0;
+  writeBytes("jobs.script", takeBetween(manual, at, "`jobs.script` is\n\n```\n", "```\n"));
+  int shown = 0;
+  for (at = 0;; ++shown) {
+    const std::string arguments = takeBetween(manual, at, "```\n$ memtool ", "\n");
+    if (arguments.empty()) break;
+    --at;
+    const std::string output = takeBetween(manual, at, "\n", "```\n");
+    std::istringstream stream(arguments);
+    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+    const ToolRun run = runTool(words);
+    EXPECT_EQ(run.out + run.err, output) << arguments;
+  }
+  EXPECT_GE(shown, 8);
+  EXPECT_EQ(readBytes("items.svg"), readBytes(docs / "pictures" / "items.svg"));
+  EXPECT_EQ(readBytes(docs / "pictures" / "heapmap.svg"),
+            readBytes(fixtures / "memtool" / "heapmap.svg"));
+}
+
+TEST_F(MemtoolCommandsTest, ProgressShowsOnATerminalOnly) {
+  for (const bool isTerminal : {true, false}) {
+    std::ostringstream out;
+    std::ostringstream err;
+    memtool::Console console(out, err, {false, isTerminal, 60});
+    {
+      memtool::Progress progress(console, "reading", 200);
+      progress.redraw(10);  // too early
+      EXPECT_EQ(err.str(), "");
+      std::this_thread::sleep_for(std::chrono::milliseconds(600));
+      progress.redraw(100);
+    }
+    EXPECT_EQ(out.str(), "");
+    if (isTerminal) {
+      EXPECT_NE(err.str().find("reading [====="), std::string::npos) << err.str();
+      EXPECT_NE(err.str().find(" 50 %"), std::string::npos) << err.str();
+      EXPECT_TRUE(err.str().ends_with("\r\x1b[K"));
+    } else {
+      EXPECT_EQ(err.str(), "");
+    }
+  }
+}
+
+TEST_F(MemtoolCommandsTest, TextHelpers) {
+  EXPECT_EQ(memtool::validUtf8("a\xC3\xA4\xFF\xC0\x80\xED\xA0\x80"),
+            "aä\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD");
+  EXPECT_EQ(memtool::inQuotes("äöü", 2), "\"äö\"…");
+  EXPECT_EQ(memtool::inQuotes("a\"\\\n\x7F"), "\"a\\\"\\\\\\x0A\\x7F\"");
+  EXPECT_EQ(memtool::columnsOf("äb"), 2U);
+  EXPECT_EQ(memtool::grouped(0), "0");
+  EXPECT_EQ(memtool::grouped(999), "999");
+  EXPECT_EQ(memtool::grouped(1000), "1,000");
+  EXPECT_EQ(memtool::grouped(12345678), "12,345,678");
+  EXPECT_EQ(memtool::utf8FromUtf16(u"a\xD83D\xDE00\xD800"), "a\U0001F600\uFFFD");
+  EXPECT_EQ(memtool::displayColumns("日本a😀"), 7U);
+  EXPECT_EQ(memtool::fitted("日本語", 5), "日本…");
+  EXPECT_EQ(memtool::fitted("abc", 3), "abc");
+  EXPECT_EQ(memtool::fitted("abcd", 3), "ab…");
+}
+
+}  // namespace
+}  // namespace memtest

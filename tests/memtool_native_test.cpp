@@ -1,0 +1,248 @@
+// memtool chain --to-native: any writer's chain becomes one that this library writes, with the same
+// structure in it.
+
+#include <map>
+
+#include "chainfixtures.hpp"
+#include "memtooltest.hpp"
+#include "packed_native.hpp"
+#include "packed_reader.hpp"
+#include "randomrun.hpp"
+
+namespace memtest {
+namespace {
+
+using chainwriter::Fixture;
+using chainwriter::Tree;
+using chainwriter::Writer;
+
+constexpr std::uint64_t kSeed = 20260117;
+constexpr int kTreesOfAWriter = 8;
+
+std::string fixturePath(const std::string &name) {
+  return (std::filesystem::path(MEM_FIXTURES) / "chains" / (name + ".chain")).string();
+}
+
+void writeChain(const std::string &name, const Tree &tree, const Writer &writer,
+                std::size_t blockLen) {
+  const chainwriter::Bytes bytes = chainwriter::write(tree, writer, blockLen).file();
+  writeBytes(name, std::string(bytes.begin(), bytes.end()));
+}
+
+Json chainJson(const std::string &name) {
+  return Json::parse(outputOf({"chain", name, "--json", "--data"}));
+}
+
+// What a chain says without where it says so: each segment with its kind, its level and, of each
+// pointer, the number of the segment that it leads to, or the text; and its other bytes, without a
+// length at its start and without zeros at the end of a run, which a wider layout may add. Narrow
+// text of EBCDIC writers stays what it is, and so is shown as something else once the writer is
+// native.
+Json structureOf(const Json &chain, bool hasNarrowText = true) {
+  std::map<std::pair<int, int>, std::size_t> numbers;
+  for (const Json &segment : chain["segments"]) {
+    numbers.emplace(std::pair<int, int>(segment["block"], segment["offset"]), numbers.size());
+  }
+  Json structure = Json::array();
+  for (const Json &segment : chain["segments"]) {
+    const std::string form =
+        chain["controlBlock"]["kinds"][segment["kind"].get<std::size_t>()]["form"];
+    Json said{{"kind", segment["kind"]}, {"level", segment["level"]}};
+    for (const Json &pointer : segment["pointers"]) {
+      if (pointer.contains("text")) {
+        const bool isSame = hasNarrowText || pointer["isWide"].get<bool>();
+        said["pointers"].push_back({isSame ? pointer["text"] : Json(), pointer["isWide"]});
+      } else if (pointer["target"].is_null()) {
+        said["pointers"].push_back(nullptr);
+      } else {
+        said["pointers"].push_back(
+            numbers.at({pointer["target"]["block"], pointer["target"]["offset"]}));
+      }
+    }
+    std::string data;
+    for (const Json &run : segment["data"]) {
+      std::string bytes = run["bytes"];
+      if (run["offset"] == 0 && form != "fixed") bytes.erase(0, 4);
+      while (bytes.ends_with("00")) bytes.resize(bytes.size() - 2);
+      data += bytes + " ";
+    }
+    while (data.ends_with(' ')) data.pop_back();
+    said["data"] = data;
+    structure.push_back(said);
+  }
+  return structure;
+}
+
+void expectSameStructure(const std::string &from, const std::string &to) {
+  const Json native = chainJson(to);
+  EXPECT_EQ(native["version"], "0220");
+  EXPECT_EQ(native["writer"]["pointerWidth"], 8);
+  EXPECT_FALSE(native["writer"]["isEbcdic"]);
+  EXPECT_EQ(structureOf(chainJson(from)), structureOf(native));
+}
+
+class MemtoolNativeTest : public ToolTest {};
+
+// Whoever wrote the sample tree, the result is one and the same file.
+TEST_F(MemtoolNativeTest, AllWritersBecomeTheSameChain) {
+  outputOf({"chain", fixturePath("0220_64bit"), "--to-native", "first"});
+  const std::string first = readBytes("first");
+  for (const Fixture &fixture : chainwriter::allFixtures()) {
+    SCOPED_TRACE(fixture.name);
+    outputOf({"chain", fixturePath(fixture.name), "--to-native", "out"});
+    EXPECT_EQ(readBytes("out"), first);
+    expectSameStructure(fixturePath(fixture.name), "out");
+  }
+}
+
+TEST_F(MemtoolNativeTest, NativeChainStaysAsItIs) {
+  outputOf({"chain", fixturePath("0221_32bit"), "--to-native", "once"});
+  outputOf({"chain", "once", "--to-native", "twice"});
+  EXPECT_EQ(readBytes("once"), readBytes("twice"));
+  const std::string sample =
+      (std::filesystem::path(MEM_FIXTURES) / "catalog-sample.chain").string();
+  outputOf({"chain", sample, "--to-native", "catalog"});
+  EXPECT_EQ(readBytes("catalog"), readBytes(sample));
+}
+
+TEST_F(MemtoolNativeTest, BlockLengthIsTheUsers) {
+  const std::string path = fixturePath("0240_64bit");
+  const std::string out = outputOf({"chain", path, "--to-native", "out", "--block-length", "1100"});
+  EXPECT_NE(out.find(" in 2 blocks of 1,100, version 0220\n"), std::string::npos) << out;
+  expectSameStructure(path, "out");
+  expectRefused(1, "MEM_Pack failed: 4066 MEMERR_PACKBMIN",
+                {"chain", path, "--to-native", "none", "--block-length", "900"});
+  EXPECT_FALSE(std::filesystem::exists("none"));
+}
+
+TEST_F(MemtoolNativeTest, RemarksTellWhatWasLeftAsItWas) {
+  const auto remark = [](const std::string &name) {
+    return outputOf({"chain", fixturePath(name), "--to-native", "out"});
+  };
+  EXPECT_NE(remark("0221_64bit").find("still in the writer's byte order"), std::string::npos);
+  EXPECT_NE(remark("ebcdic0200_32bit").find("still EBCDIC"), std::string::npos);
+  EXPECT_EQ(remark("0220_32bit").find("still"), std::string::npos);
+}
+
+// The root's only pointers lie where the library cannot see their width.
+TEST_F(MemtoolNativeTest, WidthThatTheLibraryCannotSee) {
+  using chainwriter::child;
+  using chainwriter::data;
+  using chainwriter::sibling;
+  const std::vector<std::vector<chainwriter::Part>> roots = {
+      {child(1), sibling(), data(4)},  // the first child at offset 0
+      {sibling(), data(8)},            // no child
+      {child(0), child(1), data(3)}};
+  for (const std::vector<chainwriter::Part> &parts : roots) {
+    Tree tree;
+    tree.kinds = {{chainwriter::Form::Fixed, parts}, {chainwriter::Form::Narrow}};
+    const std::size_t pointers = parts.size() - 1;
+    tree.nodes = {{0, {}, std::vector<std::size_t>(pointers, chainwriter::kNone)},
+                  {0, {}, std::vector<std::size_t>(pointers, chainwriter::kNone)},
+                  {1, {}, {}, "text"}};
+    tree.nodes[0].data = tree.nodes[1].data = {9, 8, 7, 6, 5, 4, 3, 2};
+    tree.nodes[0].data.resize(parts.back().number);
+    tree.nodes[1].data.resize(parts.back().number);
+    for (std::size_t i = 0; i < pointers; ++i) {
+      const bool isText = parts[i].what == chainwriter::Part::What::Child && parts[i].number == 1;
+      tree.nodes[0].targets[i] = isText ? 2 : 1;
+    }
+    if (pointers == 1) tree.nodes.resize(2);
+    for (const char *version : {"0220", "0221", "0100"}) {
+      SCOPED_TRACE(version);
+      writeChain("in", tree, chainwriter::writerOf(version, 4), 2000);
+      outputOf({"chain", "in", "--pointers", "4", "--to-native", "out"});
+      const Json native = chainJson("out");
+      EXPECT_EQ(structureOf(
+                    Json::parse(outputOf({"chain", "in", "--pointers", "4", "--json", "--data"}))),
+                structureOf(native));
+      EXPECT_EQ(native["blocks"].size(), 1U);
+    }
+  }
+}
+
+// Pointers at multiples of 4 come to lie at multiples of 8, as compilers place them.
+TEST_F(MemtoolNativeTest, AlignedLayoutsStayAligned) {
+  Tree tree;
+  tree.kinds = {
+      {chainwriter::Form::Fixed,
+       {chainwriter::data(4), chainwriter::child(1), chainwriter::data(8), chainwriter::sibling()}},
+      {chainwriter::Form::Narrow}};
+  tree.nodes = {{0, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}, {1, chainwriter::kNone}},
+                {1, {}, {}, "text"}};
+  writeChain("in", tree, chainwriter::writerOf("0220", 4), 2000);
+  outputOf({"chain", "in", "--to-native", "out"});
+  const Json kind = chainJson("out")["controlBlock"]["kinds"][0];
+  EXPECT_EQ(kind["children"][0]["offset"], 8);
+  EXPECT_EQ(kind["siblingOffset"], 24);
+  EXPECT_EQ(kind["fixedLength"], 32);
+  expectSameStructure("in", "out");
+}
+
+TEST_F(MemtoolNativeTest, LaidOutLikeAnotherChain) {
+  const std::string from = fixturePath("0201_32bit");
+  const std::string like = fixturePath("0241_64bit");
+  outputOf({"chain", from, "--to-native", "out", "--like", like});
+  const Json wanted = chainJson(like)["controlBlock"]["kinds"];
+  EXPECT_EQ(chainJson("out")["controlBlock"]["kinds"], wanted);
+  expectSameStructure(from, "out");
+  expectRefused(1, "--like is for chains with 4-byte pointers",
+                {"chain", like, "--to-native", "none", "--like", like});
+  expectRefused(1, "--like needs a chain with 8-byte pointers",
+                {"chain", from, "--to-native", "none", "--like", from});
+}
+
+TEST_F(MemtoolNativeTest, LengthsThatOnlyTheWriterKnows) {
+  const Fixture fixture = chainwriter::allFixtures().back();
+  ASSERT_TRUE(fixture.chain.writer().isEbcdic);
+  chainwriter::Chain chain = fixture.chain;
+  chain.setNumber(chain.descriptorPlace(3), 0xE5);
+  const chainwriter::Bytes bytes = chain.file();
+  writeBytes("in", std::string(bytes.begin(), bytes.end()));
+  EXPECT_NE(outputOf({"chain", "in"}).find("at least "), std::string::npos);
+  expectRefused(1, "segments of type 0xE5 cannot be rewritten",
+                {"chain", "in", "--to-native", "o"});
+}
+
+TEST_F(MemtoolNativeTest, TreesOfEveryShapeAndWriter) {
+  for (const Writer &writer : chainwriter::allWriters()) {
+    for (std::uint64_t seed = firstSeed(kSeed); seed < firstSeed(kSeed) + kTreesOfAWriter; ++seed) {
+      SCOPED_TRACE(writer.name() + ", " + seedNote(seed));
+      const Tree tree = chainwriter::randomTree(seed);
+      const std::size_t room = seed % 2 == 0 ? 0 : 500;
+      writeChain("in", tree, writer, chainwriter::smallestBlockLen(tree, writer) + room);
+      const std::vector<std::string> width{"--pointers", std::to_string(writer.pointerWidth)};
+      std::vector<std::string> words{"chain", "in", "--to-native", "out"};
+      words.insert(words.end(), width.begin(), width.end());
+      outputOf(words);
+      words = {"chain", "in", "--json", "--data"};
+      words.insert(words.end(), width.begin(), width.end());
+      const Json from = Json::parse(outputOf(words));
+      EXPECT_EQ(structureOf(from, !writer.isEbcdic),
+                structureOf(chainJson("out"), !writer.isEbcdic));
+      if (HasFailure()) return;
+    }
+  }
+}
+
+// Nothing stays in the host's storage, whether it succeeds or not.
+TEST_F(MemtoolNativeTest, GivesAllStorageBack) {
+  std::ostringstream sink;
+  memtool::Console console(sink, sink, {});
+  memtool::RunningLibrary library({});
+  const auto live = [&] { return library.host().account().liveBytes; };
+  const std::uint64_t before = live();
+  for (const Fixture &fixture : chainwriter::allFixtures()) {
+    const memtool::PackedChain chain =
+        memtool::readChain(readBytes(fixturePath(fixture.name)), 0, console);
+    memtool::NativeRequest request;
+    memtool::toNative(library, chain, request, console);
+    EXPECT_EQ(live(), before);
+    request.blockLength = 900;
+    EXPECT_THROW(memtool::toNative(library, chain, request, console), memtool::ToolError);
+    EXPECT_EQ(live(), before);
+  }
+}
+
+}  // namespace
+}  // namespace memtest

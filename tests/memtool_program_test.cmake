@@ -1,0 +1,143 @@
+# Runs memtool as a user does: the process's exit codes, its streams, pipes and terminals.
+#
+#   cmake -DPROGRAM=… -DCHAINS=… -DWORK=… [-DEMULATOR=…] -P memtool_program_test.cmake
+#
+# PROGRAM   memtool
+# CHAINS    folder with chains
+# WORK      folder for the files of this test; emptied first
+# EMULATOR  command in front of a program for another platform, as a list
+cmake_minimum_required(VERSION 3.25)
+
+set(ENV{WINEDEBUG} "-all")
+set(ENV{LC_ALL} "C.UTF-8")
+file(REMOVE_RECURSE ${WORK})
+file(MAKE_DIRECTORY ${WORK})
+string(ASCII 27 ESC)
+
+# Runs memtool in WORK and leaves its exit code, stdout and stderr in `code`, `out` and `err`.
+macro(run_memtool)
+  execute_process(
+    COMMAND ${EMULATOR} ${PROGRAM} ${ARGN}
+    WORKING_DIRECTORY ${WORK}
+    RESULT_VARIABLE code
+    OUTPUT_VARIABLE out
+    ERROR_VARIABLE err)
+  string(REPLACE "\r\n" "\n" out "${out}")
+  string(REPLACE "\r\n" "\n" err "${err}")
+endmacro()
+
+function(fail what)
+  message(FATAL_ERROR "${what}\nexit code ${code}\nstdout:\n${out}\nstderr:\n${err}")
+endfunction()
+
+function(expect_fine)
+  run_memtool(${ARGN})
+  if(NOT code STREQUAL "0" OR NOT err STREQUAL "")
+    fail("memtool ${ARGN}: expected success")
+  endif()
+  string(FIND "${out}" "${ESC}" place)
+  if(NOT place EQUAL -1)
+    fail("memtool ${ARGN}: colours in a pipe")
+  endif()
+  set(out "${out}" PARENT_SCOPE)
+endfunction()
+
+# The arguments must end the program with code `wanted` and one line on stderr that has `text`.
+function(expect_refused wanted text)
+  run_memtool(${ARGN})
+  string(FIND "${err}" "${text}" place)
+  if(NOT code STREQUAL wanted OR NOT err MATCHES "^memtool: [^\n]+\n$" OR place EQUAL -1)
+    fail("memtool ${ARGN}: expected exit code ${wanted} and one line with \"${text}\" on stderr")
+  endif()
+endfunction()
+
+expect_fine(--help)
+expect_fine(--version)
+expect_refused(2 "A subcommand is required")
+expect_refused(2 "--nonsense" errors --nonsense)
+expect_fine(errors)
+if(NOT out MATCHES "\n4072  MEMERR_PACKCYCL +Recursive Structure\n")
+  fail("the message table is not what was expected")
+endif()
+expect_refused(1 "no message has the code or name \"1\"" errors 1)
+
+# Every chain, as text and as JSON.
+file(GLOB chains ${CHAINS}/*.chain)
+list(LENGTH chains count)
+if(count LESS 22)
+  message(FATAL_ERROR "${count} chains in ${CHAINS}")
+endif()
+foreach(chain IN LISTS chains)
+  expect_fine(chain ${chain} --check)
+endforeach()
+list(GET chains 0 chain)
+expect_fine(chain ${chain})
+expect_fine(chain ${chain} --json)
+string(JSON segments LENGTH "${out}" segments)
+if(NOT segments EQUAL 10)
+  fail("the JSON has ${segments} segments")
+endif()
+expect_fine(chain ${chain} --svg picture.svg)
+file(READ ${WORK}/picture.svg svg)
+if(NOT svg MATCHES "^<\\?xml .*</svg>\n$")
+  message(FATAL_ERROR "picture.svg is no picture")
+endif()
+expect_fine(chain ${chain} --to-native native.chain)
+expect_fine(chain native.chain --check)
+
+# Names that no single code page holds.
+file(COPY_FILE ${chain} "${WORK}/kette-ä-本.chain")
+expect_fine(chain "kette-ä-本.chain" --to-native "neu-ä-本.chain")
+expect_fine(chain "neu-ä-本.chain")
+if(NOT out MATCHES "^neu-ä-本\\.chain\n")
+  fail("the name of the file is not shown as it is")
+endif()
+
+file(WRITE ${WORK}/none "no chain at all")
+expect_refused(1 "none: block 0, offset 2 (file offset 2): no version stands here" chain none)
+expect_refused(1 "cannot read absent" chain absent)
+expect_refused(1 "there is no library" errors --library absent)
+
+# A library by its path, from another folder.
+cmake_path(GET PROGRAM PARENT_PATH folder)
+file(GLOB module ${folder}/QJ7MEM00.so ${folder}/QJ7MEM00.dll)
+expect_fine(errors 3073 --library ${module})
+
+# A script from stdin.
+file(WRITE ${WORK}/script "open h heap 1\nentry h a 100\n")
+execute_process(COMMAND ${EMULATOR} ${PROGRAM} heapmap - INPUT_FILE ${WORK}/script
+  RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(NOT code STREQUAL "0" OR NOT out MATCHES "56 +104  a \\(100\\)")
+  fail("memtool heapmap -: expected an entry")
+endif()
+expect_fine(heapmap --svg heaps.svg)
+
+# Terminals, and streams that end: only here, where there are the means.
+find_program(SCRIPT_PROGRAM script)
+if(EMULATOR OR NOT SCRIPT_PROGRAM OR NOT UNIX)
+  return()
+endif()
+function(expect_colours wanted)
+  execute_process(
+    COMMAND ${CMAKE_COMMAND} -E env --unset=NO_COLOR TERM=xterm ${ARGN}
+      ${SCRIPT_PROGRAM} -qec "'${PROGRAM}' errors" /dev/null
+    RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  string(FIND "${out}" "${ESC}[" place)
+  if(place EQUAL -1)
+    set(found OFF)
+  else()
+    set(found ON)
+  endif()
+  if(NOT code STREQUAL "0" OR NOT found STREQUAL wanted OR NOT out MATCHES "MEMERR_PACKCYCL")
+    fail("on a terminal with ${ARGN}: colours ${found}, expected ${wanted}")
+  endif()
+endfunction()
+expect_colours(ON)
+expect_colours(OFF NO_COLOR=1)
+expect_colours(OFF TERM=dumb)
+
+execute_process(COMMAND ${PROGRAM} errors OUTPUT_FILE /dev/full
+  RESULT_VARIABLE code ERROR_VARIABLE err)
+if(NOT code STREQUAL "1" OR NOT err MATCHES "^memtool: the output could not be written\n$")
+  fail("a full disk goes unnoticed")
+endif()

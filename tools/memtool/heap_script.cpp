@@ -1,0 +1,547 @@
+#include "heap_script.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "tool_text.hpp"
+
+namespace memtool {
+
+const std::string_view kExampleScript =
+    "# A standard heap with areas of 1 KB: entries stand one behind the other.\n"
+    "open names heap 1\n"
+    "entry names root 120\n"
+    "entry names key 20\n"
+    "chain names n 64 4\n"
+    "show a standard heap, its entries end to end\n"
+    "entry names table 600\n"
+    "entry names picture 1200\n"
+    "show what does not fit opens an area; what fits none gets a block of its own\n"
+    "close names\n"
+    "\n"
+    "# An enhanced heap takes entries back, but hands none of them out again.\n"
+    "open jobs eheap 1\n"
+    "entry jobs first 200\n"
+    "entry jobs second 100\n"
+    "free jobs first\n"
+    "entry jobs third 200\n"
+    "show an enhanced heap: a freed entry stays where it is\n"
+    "close jobs\n"
+    "\n"
+    "# A pool hands out cells of one length and uses them again, the last one freed first.\n"
+    "open slots pool 512 48\n"
+    "cell slots a 3\n"
+    "free slots a.2\n"
+    "cell slots b\n"
+    "cell slots c 4\n"
+    "show a cell pool: a.2 was freed and is b now\n"
+    "close slots\n";
+
+namespace {
+
+constexpr std::uint32_t kMostAtOnce = 1000;  // entries of a chain, cells of a line
+// What the library keeps at the start of the first area, as long as no entry shows where it ends.
+constexpr std::uint32_t kHeapHead = 56;
+constexpr std::uint32_t kEnhancedHeapHead = 64;
+constexpr std::uint32_t kEntryAlignment = 8;
+constexpr std::uint32_t kLeastEnhancedEntry = 16;
+constexpr char kLargeBlockMark[] = "QQQHBLKN";
+
+// Sees what the library obtains and returns: it does so through the vector, whose slots are
+// replaced while the object lives. Slots carry no context, so one object exists at a time.
+class StorageWatch {
+ public:
+  explicit StorageWatch(MEMFunctionVector &vector)
+      : vector_(vector), alloc_(vector.MEM_Alloc), free_(vector.MEM_Free) {
+    active_ = this;
+    vector_.MEM_Alloc = &StorageWatch::alloc;
+    vector_.MEM_Free = &StorageWatch::free;
+  }
+  ~StorageWatch() {
+    vector_.MEM_Alloc = alloc_;
+    vector_.MEM_Free = free_;
+    active_ = nullptr;
+  }
+  StorageWatch(const StorageWatch &) = delete;
+  StorageWatch &operator=(const StorageWatch &) = delete;
+
+  // Storage that is obtained from now on belongs to `store`; null: to nobody.
+  void assign(Store *store) { store_ = store; }
+
+ private:
+  static void *alloc(std::uint32_t size, std::int16_t subPool) {
+    void *const area = active_->alloc_(size, subPool);
+    if (area != nullptr && active_->store_ != nullptr) {
+      StoreArea made;
+      made.address = static_cast<const char *>(area);
+      made.length = size;
+      active_->store_->areas.push_back(made);
+    }
+    return area;
+  }
+
+  static void free(void *area, std::uint32_t size, std::int16_t subPool) {
+    if (active_->store_ != nullptr) {
+      std::erase_if(active_->store_->areas,
+                    [area](const StoreArea &old) { return old.address == area; });
+    }
+    active_->free_(area, size, subPool);
+  }
+
+  static constinit StorageWatch *active_;
+
+  MEMFunctionVector &vector_;
+  MEM_AllocFn *alloc_;
+  MEM_FreeFn *free_;
+  Store *store_ = nullptr;
+};
+
+constinit StorageWatch *StorageWatch::active_ = nullptr;
+
+std::vector<std::string> wordsOf(std::string_view line) {
+  std::vector<std::string> words;
+  for (std::size_t at = 0; at < line.size();) {
+    const std::size_t start = line.find_first_not_of(" \t\r", at);
+    if (start == std::string_view::npos || line[start] == '#') break;
+    const std::size_t end = std::min(line.find_first_of(" \t\r", start), line.size());
+    words.emplace_back(line.substr(start, end - start));
+    at = end;
+  }
+  return words;
+}
+
+// A mistake in the script; the line is told by whoever catches it.
+class ScriptError : public ToolError {
+ public:
+  using ToolError::ToolError;
+};
+
+class Runner {
+ public:
+  explicit Runner(RunningLibrary &library) : library_(library), watch_(library.vector()) {}
+  ~Runner() {
+    while (!stores_.empty()) closeStore(0);
+  }
+  Runner(const Runner &) = delete;
+  Runner &operator=(const Runner &) = delete;
+
+  void runLine(const std::vector<std::string> &words);
+  // Shows the end of the script unless it was just shown or nothing is open.
+  std::vector<Snapshot> finish();
+
+ private:
+  using Words = std::vector<std::string>;
+
+  void open(const Words &words);
+  void entry(const Words &words);
+  void chain(const Words &words);
+  void cell(const Words &words);
+  void free(const Words &words);
+  void clear(const Words &words);
+  void show(const Words &words);
+  void close(const Words &words);
+
+  void openStore(Store &store);
+  std::int16_t closeStore(std::size_t index);
+  void *allocateEntry(Store &store, std::int32_t length);
+  void addEntry(Store &store, const std::string &label, const void *address, std::uint32_t asked);
+  void takeCells(Store &store, const std::string &label, std::uint32_t count);
+  void findFirstCell(Store &store);
+
+  std::size_t indexOf(const std::string &name) const;
+  Store &named(const std::string &name);
+  static void expectWords(const Words &words, std::size_t least, std::size_t most,
+                          const char *form);
+  static std::int32_t number(const std::string &word, std::int32_t most);
+  static void expectNewLabel(const Store &store, const std::string &label);
+
+  RunningLibrary &library_;
+  StorageWatch watch_;
+  std::vector<Store> stores_;
+  std::vector<Snapshot> snapshots_;
+  bool isShown_ = true;
+};
+
+void Runner::expectWords(const Words &words, std::size_t least, std::size_t most,
+                         const char *form) {
+  if (words.size() < least || words.size() > most) {
+    throw ScriptError(fmt::format("the form is: {}", form));
+  }
+}
+
+std::int32_t Runner::number(const std::string &word, std::int32_t most) {
+  std::int32_t value = 0;
+  const char *const end = word.data() + word.size();
+  const auto [stop, error] = std::from_chars(word.data(), end, value);
+  if (error == std::errc() && stop == end && value >= -most - 1 && value <= most) return value;
+  throw ScriptError(fmt::format("{} is no number up to {}", inQuotes(validUtf8(word)), most));
+}
+
+std::size_t Runner::indexOf(const std::string &name) const {
+  const auto isIt = [&](const Store &store) { return store.name == name; };
+  return static_cast<std::size_t>(std::find_if(stores_.begin(), stores_.end(), isIt) -
+                                  stores_.begin());
+}
+
+Store &Runner::named(const std::string &name) {
+  const std::size_t index = indexOf(name);
+  if (index < stores_.size()) return stores_[index];
+  throw ScriptError(fmt::format("no heap or pool {} is open", inQuotes(validUtf8(name))));
+}
+
+void Runner::expectNewLabel(const Store &store, const std::string &label) {
+  for (const StoreArea &area : store.areas) {
+    for (const StoreEntry &entry : area.entries) {
+      if (entry.label == label && !entry.isFreed) {
+        throw ScriptError(fmt::format("{} has an entry {} already", store.name, label));
+      }
+    }
+  }
+}
+
+void Runner::runLine(const Words &words) {
+  struct Verb {
+    const char *name;
+    void (Runner::*run)(const Words &words);
+  };
+  constexpr Verb kVerbs[] = {{"open", &Runner::open},   {"entry", &Runner::entry},
+                             {"chain", &Runner::chain}, {"cell", &Runner::cell},
+                             {"free", &Runner::free},   {"clear", &Runner::clear},
+                             {"show", &Runner::show},   {"close", &Runner::close}};
+  const auto isIt = [&](const Verb &verb) { return words[0] == verb.name; };
+  const auto *const verb = std::find_if(std::begin(kVerbs), std::end(kVerbs), isIt);
+  if (verb == std::end(kVerbs)) {
+    throw ScriptError(fmt::format(
+        "there is no {}; a line begins with open, entry, chain, cell, free, clear, show or close",
+        inQuotes(validUtf8(words[0]))));
+  }
+  (this->*verb->run)(words);
+  watch_.assign(nullptr);
+}
+
+void Runner::open(const Words &words) {
+  constexpr const char *kForm =
+      "open NAME heap|eheap AREA_KB [SUBPOOL]   or   open NAME pool AREA_BYTES CELL_BYTES "
+      "[SUBPOOL]";
+  expectWords(words, 4, 6, kForm);
+  if (indexOf(words[1]) < stores_.size()) {
+    throw ScriptError(fmt::format("{} is open already", inQuotes(validUtf8(words[1]))));
+  }
+  Store store;
+  store.name = validUtf8(words[1]);
+  std::size_t used = 4;
+  constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
+  if (words[2] == "heap" || words[2] == "eheap") {
+    store.type = words[2] == "heap" ? StoreType::Heap : StoreType::EnhancedHeap;
+    store.areaLen = static_cast<std::uint32_t>(number(words[3], 0x7FFF)) * 1024;
+  } else if (words[2] == "pool" && words.size() > 4) {
+    store.type = StoreType::Pool;
+    store.areaLen = static_cast<std::uint32_t>(number(words[3], kMost));
+    store.cellLen = static_cast<std::uint32_t>(number(words[4], kMost));
+    used = 5;
+  } else {
+    throw ScriptError(fmt::format("the form is: {}", kForm));
+  }
+  expectWords(words, used, used + 1, kForm);
+  if (words.size() > used) store.subPool = static_cast<std::uint16_t>(number(words[used], 0x7FFF));
+  stores_.push_back(std::move(store));
+  watch_.assign(&stores_.back());
+  try {
+    openStore(stores_.back());
+  } catch (...) {
+    watch_.assign(nullptr);
+    stores_.pop_back();
+    throw;
+  }
+  isShown_ = false;
+}
+
+void Runner::openStore(Store &store) {
+  MEMFunctionVector &mem = library_.vector();
+  const auto areaKb = static_cast<std::int16_t>(static_cast<std::int32_t>(store.areaLen) / 1024);
+  HMEMHEAP heap = nullptr;
+  HMEMCELL pool = nullptr;
+  switch (store.type) {
+    case StoreType::Heap:
+      library_.check("MEM_HeapOpen", mem.MEM_HeapOpen(&heap, areaKb, store.subPool));
+      store.handle = heap;
+      store.areas.front().headLen = kHeapHead;
+      break;
+    case StoreType::EnhancedHeap:
+      library_.check("MEM_EHeapOpen", mem.MEM_EHeapOpen(&heap, areaKb, store.subPool));
+      store.handle = heap;
+      store.areas.front().headLen = kEnhancedHeapHead;
+      break;
+    case StoreType::Pool:
+      library_.check("MEM_CellOpen",
+                     mem.MEM_CellOpen(&pool, static_cast<std::int32_t>(store.areaLen),
+                                      static_cast<std::int32_t>(store.cellLen),
+                                      static_cast<std::int16_t>(store.subPool)));
+      store.handle = pool;
+      findFirstCell(store);
+      break;
+  }
+}
+
+// A cell that is taken and given back leaves a pool as it was, and tells where its cells begin.
+void Runner::findFirstCell(Store &store) {
+  void *cell = nullptr;
+  const auto pool = static_cast<HMEMCELL>(store.handle);
+  library_.check("MEM_CellAllocEntry", library_.vector().MEM_CellAllocEntry(pool, &cell));
+  StoreArea &first = store.areas.front();
+  first.headLen = static_cast<std::uint32_t>(static_cast<const char *>(cell) - first.address);
+  library_.check("MEM_CellFreeEntry", library_.vector().MEM_CellFreeEntry(pool, cell));
+}
+
+void *Runner::allocateEntry(Store &store, std::int32_t length) {
+  void *entry = nullptr;
+  library_.check("MEM_HeapAllocEntryLong",
+                 library_.vector().MEM_HeapAllocEntryLong(static_cast<HMEMHEAP>(store.handle),
+                                                          length, &entry));
+  return entry;
+}
+
+// Notes an entry in the area where it lies; the first one of an area shows how long its head is.
+void Runner::addEntry(Store &store, const std::string &label, const void *address,
+                      std::uint32_t asked) {
+  const auto *const start = static_cast<const char *>(address);
+  for (StoreArea &area : store.areas) {
+    const auto at = reinterpret_cast<std::uintptr_t>(start);
+    const auto from = reinterpret_cast<std::uintptr_t>(area.address);
+    if (at < from || at - from >= area.length) continue;
+    StoreEntry entry;
+    entry.label = label;
+    entry.offset = static_cast<std::uint32_t>(at - from);
+    entry.asked = asked;
+    const std::uint32_t least = store.type == StoreType::EnhancedHeap ? kLeastEnhancedEntry : 1;
+    const std::uint32_t length = std::max(asked, least);
+    entry.taken = store.type == StoreType::Pool
+                      ? store.cellLen
+                      : (length + kEntryAlignment - 1) / kEntryAlignment * kEntryAlignment;
+    if (area.entries.empty() || entry.offset < area.headLen) area.headLen = entry.offset;
+    area.isLarge = std::memcmp(area.address, kLargeBlockMark, 8) == 0;
+    std::erase_if(area.entries, [&](const StoreEntry &old) { return old.offset == entry.offset; });
+    area.entries.push_back(std::move(entry));
+    return;
+  }
+  throw ScriptError(fmt::format("{} does not lie in any area of {}", label, store.name));
+}
+
+void Runner::entry(const Words &words) {
+  expectWords(words, 4, 4, "entry HEAP LABEL LENGTH");
+  Store &store = named(words[1]);
+  if (store.type == StoreType::Pool) throw ScriptError("a pool has cells: cell POOL LABEL [COUNT]");
+  const std::string label = validUtf8(words[2]);
+  expectNewLabel(store, label);
+  const std::int32_t length = number(words[3], std::numeric_limits<std::int32_t>::max());
+  watch_.assign(&store);
+  addEntry(store, label, allocateEntry(store, length),
+           static_cast<std::uint32_t>(std::max(length, 0)));
+  isShown_ = false;
+}
+
+void Runner::chain(const Words &words) {
+  expectWords(words, 5, 5, "chain HEAP LABEL LENGTH COUNT");
+  Store &store = named(words[1]);
+  if (store.type == StoreType::Pool) throw ScriptError("a pool has cells: cell POOL LABEL [COUNT]");
+  const std::int32_t length = number(words[3], std::numeric_limits<std::int32_t>::max());
+  const std::int32_t count = number(words[4], static_cast<std::int32_t>(kMostAtOnce));
+  const std::string label = validUtf8(words[2]);
+  if (length < static_cast<std::int32_t>(sizeof(void *))) {
+    throw ScriptError("the entries of a chain hold a pointer, so they have 8 bytes or more");
+  }
+  for (std::int32_t i = 1; i <= count; ++i) expectNewLabel(store, fmt::format("{}.{}", label, i));
+  watch_.assign(&store);
+  void *entry = nullptr;
+  library_.check("MEM_HeapAllocLongMultEntries",
+                 library_.vector().MEM_HeapAllocLongMultEntries(static_cast<HMEMHEAP>(store.handle),
+                                                                length, count, 0, &entry));
+  for (std::int32_t i = 1; entry != nullptr; ++i) {
+    addEntry(store, fmt::format("{}.{}", label, i), entry, static_cast<std::uint32_t>(length));
+    std::memcpy(&entry, entry, sizeof entry);
+  }
+  isShown_ = false;
+}
+
+void Runner::cell(const Words &words) {
+  expectWords(words, 3, 4, "cell POOL LABEL [COUNT]");
+  Store &store = named(words[1]);
+  if (store.type != StoreType::Pool)
+    throw ScriptError("a heap has entries: entry HEAP LABEL LENGTH");
+  const std::string label = validUtf8(words[2]);
+  const std::int32_t count =
+      words.size() > 3 ? number(words[3], static_cast<std::int32_t>(kMostAtOnce)) : 1;
+  watch_.assign(&store);
+  for (std::int32_t i = 1; i <= count; ++i) {
+    const std::string full = words.size() > 3 ? fmt::format("{}.{}", label, i) : label;
+    expectNewLabel(store, full);
+    void *cell = nullptr;
+    library_.check("MEM_CellAllocEntry", library_.vector().MEM_CellAllocEntry(
+                                             static_cast<HMEMCELL>(store.handle), &cell));
+    addEntry(store, full, cell, store.cellLen);
+  }
+  isShown_ = false;
+}
+
+void Runner::free(const Words &words) {
+  expectWords(words, 3, 3, "free NAME LABEL");
+  Store &store = named(words[1]);
+  if (store.type == StoreType::Heap) {
+    throw ScriptError("a standard heap takes no entry back; it is closed as a whole");
+  }
+  const std::string label = validUtf8(words[2]);
+  for (StoreArea &area : store.areas) {
+    for (StoreEntry &entry : area.entries) {
+      if (entry.label != label || entry.isFreed) continue;
+      void *const address = const_cast<char *>(area.address) + entry.offset;
+      if (store.type == StoreType::Pool) {
+        library_.check("MEM_CellFreeEntry", library_.vector().MEM_CellFreeEntry(
+                                                static_cast<HMEMCELL>(store.handle), address));
+      } else {
+        library_.check("MEM_EHeapFreeEntry", library_.vector().MEM_EHeapFreeEntry(
+                                                 static_cast<HMEMHEAP>(store.handle),
+                                                 static_cast<std::int32_t>(entry.asked), address));
+      }
+      entry.isFreed = true;
+      isShown_ = false;
+      return;
+    }
+  }
+  throw ScriptError(fmt::format("{} has no entry {}", store.name, inQuotes(label)));
+}
+
+void Runner::clear(const Words &words) {
+  expectWords(words, 2, 2, "clear POOL");
+  Store &store = named(words[1]);
+  if (store.type != StoreType::Pool) throw ScriptError("only a pool can be cleared");
+  watch_.assign(&store);
+  library_.check("MEM_CellClear",
+                 library_.vector().MEM_CellClear(static_cast<HMEMCELL>(store.handle)));
+  for (StoreArea &area : store.areas) area.entries.clear();
+  isShown_ = false;
+}
+
+void Runner::show(const Words &words) {
+  std::string caption;
+  for (std::size_t i = 1; i < words.size(); ++i) caption += (i > 1 ? " " : "") + words[i];
+  if (stores_.empty()) throw ScriptError("nothing is open that could be shown");
+  snapshots_.push_back({validUtf8(caption), stores_});
+  isShown_ = true;
+}
+
+std::int16_t Runner::closeStore(std::size_t index) {
+  MEMFunctionVector &mem = library_.vector();
+  const Store store = std::move(stores_[index]);
+  stores_.erase(stores_.begin() + static_cast<std::ptrdiff_t>(index));
+  watch_.assign(nullptr);
+  switch (store.type) {
+    case StoreType::Heap:
+      return mem.MEM_HeapClose(static_cast<HMEMHEAP>(store.handle));
+    case StoreType::EnhancedHeap:
+      return mem.MEM_EHeapClose(static_cast<HMEMHEAP>(store.handle));
+    case StoreType::Pool:
+      break;
+  }
+  return mem.MEM_CellClose(static_cast<HMEMCELL>(store.handle));
+}
+
+void Runner::close(const Words &words) {
+  expectWords(words, 2, 2, "close NAME");
+  named(words[1]);
+  library_.check("the close", closeStore(indexOf(words[1])));
+  isShown_ = stores_.empty() || isShown_;
+}
+
+std::vector<Snapshot> Runner::finish() {
+  if (!isShown_ && !stores_.empty()) snapshots_.push_back({"at the end", stores_});
+  return std::move(snapshots_);
+}
+
+const char *whatOf(const StoreEntry &entry) {
+  return entry.isFreed ? ", freed" : "";
+}
+
+std::string entryText(const StoreEntry &entry) {
+  const bool isExact = entry.asked == entry.taken;
+  return isExact ? entry.label + whatOf(entry)
+                 : fmt::format("{} ({}){}", entry.label, entry.asked, whatOf(entry));
+}
+
+// The cells from `from` to `to`, none of which is in use.
+void addFreeCells(std::vector<AreaPart> &parts, std::uint32_t from, std::uint32_t to,
+                  std::uint32_t cellLen) {
+  if (from >= to) return;
+  const std::uint32_t count = (to - from) / cellLen;
+  const std::string text = count == 1 ? "1 free cell" : fmt::format("{} free cells", count);
+  parts.push_back({AreaPart::What::Free, from, to - from, "free", text});
+}
+
+}  // namespace
+
+const char *nameOf(StoreType type) {
+  switch (type) {
+    case StoreType::Heap:
+      return "standard heap";
+    case StoreType::EnhancedHeap:
+      return "enhanced heap";
+    case StoreType::Pool:
+      break;
+  }
+  return "cell pool";
+}
+
+std::vector<AreaPart> partsOf(const Store &store, const StoreArea &area) {
+  using What = AreaPart::What;
+  const bool isPool = store.type == StoreType::Pool;
+  std::vector<StoreEntry> entries;
+  for (const StoreEntry &entry : area.entries) {
+    if (!isPool || !entry.isFreed) entries.push_back(entry);  // a freed cell is a free cell
+  }
+  std::sort(entries.begin(), entries.end(),
+            [](const StoreEntry &a, const StoreEntry &b) { return a.offset < b.offset; });
+
+  std::vector<AreaPart> parts;
+  if (area.headLen > 0) parts.push_back({What::Head, 0, area.headLen, "head", "head"});
+  std::uint32_t at = area.headLen;
+  for (const StoreEntry &entry : entries) {
+    if (isPool) addFreeCells(parts, at, entry.offset, store.cellLen);
+    parts.push_back({entry.isFreed ? What::Freed : What::Entry, entry.offset, entry.taken,
+                     entry.label, entryText(entry)});
+    at = entry.offset + entry.taken;
+  }
+  std::uint32_t end = area.length;
+  if (isPool) {
+    end = at + (area.length - at) / store.cellLen * store.cellLen;
+    addFreeCells(parts, at, end, store.cellLen);
+  } else if (at < end) {
+    parts.push_back({What::Free, at, end - at, "free", "free"});
+  }
+  if (isPool && end < area.length) {
+    parts.push_back({What::Rest, end, area.length - end, "rest", "rest"});
+  }
+  return parts;
+}
+
+std::vector<Snapshot> runHeapScript(RunningLibrary &library, const std::string &name,
+                                    std::string_view script) {
+  Runner runner(library);
+  for (std::size_t line = 1; !script.empty(); ++line) {
+    const std::size_t end = std::min(script.find('\n'), script.size());
+    const std::vector<std::string> words = wordsOf(script.substr(0, end));
+    script.remove_prefix(std::min(end + 1, script.size()));
+    if (words.empty()) continue;
+    try {
+      runner.runLine(words);
+    } catch (const ToolError &error) {
+      throw ToolError(fmt::format("{}, line {}: {}", name, line, error.what()));
+    }
+  }
+  return runner.finish();
+}
+
+}  // namespace memtool

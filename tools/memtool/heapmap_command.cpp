@@ -1,0 +1,127 @@
+// memtool heapmap: runs a script of heap and cell calls and shows where everything lies.
+#include <iostream>
+#include <iterator>
+#include <memory>
+
+#include "heap_picture.hpp"
+#include "heap_script.hpp"
+#include "memtool_commands.hpp"
+#include "tool_file.hpp"
+#include "tool_table.hpp"
+#include "tool_text.hpp"
+
+namespace memtool {
+namespace {
+
+constexpr const char *kFooter =
+    "A script has one call on a line; # begins a comment.\n"
+    "  open NAME heap AREA_KB [SUBPOOL]                open a standard heap\n"
+    "  open NAME eheap AREA_KB [SUBPOOL]               open an enhanced heap\n"
+    "  open NAME pool AREA_BYTES CELL_BYTES [SUBPOOL]  open a cell pool\n"
+    "  entry HEAP LABEL LENGTH                         allocate an entry\n"
+    "  chain HEAP LABEL LENGTH COUNT                   allocate linked entries LABEL.1, LABEL.2 …\n"
+    "  cell POOL LABEL [COUNT]                         take a cell, or LABEL.1, LABEL.2 …\n"
+    "  free NAME LABEL                                 give an entry or a cell back\n"
+    "  clear POOL                                      give all cells back\n"
+    "  show [CAPTION]                                  show what is open\n"
+    "  close NAME                                      close a heap or a pool\n"
+    "What is still open at the end is shown and closed.\n"
+    "\n"
+    "Examples:\n"
+    "  memtool heapmap --svg OUT.svg           the example, as text and as a picture\n"
+    "  memtool heapmap --example > SCRIPT      the example's script, to change it\n"
+    "  memtool heapmap SCRIPT                  another script\n"
+    "  echo 'open a heap 1' | memtool heapmap -";
+
+struct HeapmapOptions {
+  std::string script;
+  std::string picture;
+  bool showsExample = false;
+};
+
+Ink inkOf(AreaPart::What what) {
+  switch (what) {
+    case AreaPart::What::Entry:
+      return Ink::Name;
+    case AreaPart::What::Freed:
+      return Ink::Bad;
+    default:
+      break;
+  }
+  return Ink::Dim;
+}
+
+void printArea(Console &console, const Store &store, const StoreArea &area, std::size_t number) {
+  const std::string what = area.isLarge ? "large block" : "area " + std::to_string(number);
+  console.print("  {}, {} bytes\n", what, grouped(area.length));
+  Table table({{"offset", true}, {"bytes", true}, {"what"}});
+  for (const AreaPart &part : partsOf(store, area)) {
+    table.add({{std::to_string(part.offset), Ink::Place},
+               {std::to_string(part.length)},
+               {part.text, inkOf(part.what)}});
+  }
+  console.write(table.text(console, 4));
+}
+
+void printStore(Console &console, const Store &store) {
+  console.print("{}: {}, areas of {} bytes", console.paint(Ink::Heading, store.name),
+                nameOf(store.type), grouped(store.areaLen));
+  if (store.type == StoreType::Pool) console.print(", cells of {} bytes", grouped(store.cellLen));
+  console.print(", subpool {}\n", store.subPool);
+  std::size_t number = 0;
+  for (const StoreArea &area : store.areas) {
+    if (!area.isLarge) ++number;
+    printArea(console, store, area, number);
+  }
+}
+
+void printSnapshots(Console &console, const std::vector<Snapshot> &snapshots) {
+  bool isFirst = true;
+  for (const Snapshot &snapshot : snapshots) {
+    if (!isFirst) console.write("\n");
+    isFirst = false;
+    if (!snapshot.caption.empty()) {
+      console.print("{}\n", console.paint(Ink::Heading, "== " + snapshot.caption));
+    }
+    for (const Store &store : snapshot.stores) printStore(console, store);
+  }
+}
+
+std::string scriptText(const std::string &file) {
+  if (file.empty()) return std::string(kExampleScript);
+  if (file != "-") return readFile(file);
+  return std::string(std::istreambuf_iterator<char>(std::cin), {});
+}
+
+ExitCode runHeapmap(Tool &tool, const HeapmapOptions &options) {
+  if (options.showsExample) {
+    tool.console.write(kExampleScript);
+    return kExitFine;
+  }
+  const std::string name = options.script.empty() ? "the example" : options.script;
+  const std::string script = scriptText(options.script);
+  RunningLibrary library(pathFromUtf8(tool.library));
+  const std::vector<Snapshot> snapshots = runHeapScript(library, name, script);
+  printSnapshots(tool.console, snapshots);
+  if (options.picture.empty()) return kExitFine;
+  writeFile(options.picture, heapPicture(name, snapshots));
+  tool.console.print("\n{}: the picture is written\n", options.picture);
+  return kExitFine;
+}
+
+}  // namespace
+
+void addHeapmapCommand(CLI::App &app, Tool &tool) {
+  const auto options = std::make_shared<HeapmapOptions>();
+  CLI::App *const command =
+      app.add_subcommand("heapmap", "Run heap and cell calls and show where everything lies");
+  command->add_option("SCRIPT", options->script, "The calls; - reads stdin; none: an example")
+      ->type_name("");
+  command->add_option("--svg", options->picture, "Draw the areas")->type_name("OUT.svg");
+  command->add_flag("--example", options->showsExample, "Write the example's script");
+  command->footer(kFooter);
+  command->callback(
+      [&tool, options] { tool.command = [&tool, options] { return runHeapmap(tool, *options); }; });
+}
+
+}  // namespace memtool

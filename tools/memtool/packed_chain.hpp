@@ -1,0 +1,156 @@
+// A packed chain as memtool sees it: everything that the file says, found without trust in any of
+// its bytes. docs/packed-chain.md describes the format.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qj7mem00/memerr.h"
+#include "qj7mem00/mempack.h"
+
+namespace memtool {
+
+// A content byte: block number, and offset from block offset 8, as in relative pointers.
+struct Place {
+  std::uint32_t block = 0;
+  std::uint32_t offset = 0;
+
+  bool operator==(const Place &) const = default;
+  auto operator<=>(const Place &) const = default;
+};
+
+// "1:34".
+std::string textOf(Place place);
+
+// What the four characters of a version tell of the writer.
+struct Version {
+  std::string text;  // in ASCII, whatever the writer's code
+  bool isEbcdic = false;
+  bool isOldLayout = false;
+  bool isBigEndian = false;
+  std::uint32_t wideSize = 2;  // bytes of a wide character
+};
+
+struct Block {
+  std::size_t fileOffset = 0;
+  std::uint32_t used = 0;  // bytes from block offset 8 on
+};
+
+// The character of a byte of code page 037.
+std::uint8_t latin1FromEbcdic(std::uint8_t byte);
+
+enum class Form { Fixed, Counted, SelfDescribing, NarrowText, WideText, Unknown };
+
+constexpr bool isText(Form form) {
+  return form == Form::NarrowText || form == Form::WideText;
+}
+
+// A kind of segment: one descriptor of the control block, in numbers of this machine.
+struct Kind {
+  bool isDescribed = true;     // false: beyond the count, and what stands there makes no sense
+  std::uint16_t typeCode = 0;  // as in the file, but the letter of an own length is ASCII
+  Form form = Form::Fixed;
+  std::uint16_t fixedLen = 0;
+  std::int16_t siblingOff = MEM_PACK_NO_SIBLING;
+  std::vector<MemPackChild> children;
+  std::vector<std::int16_t> references;
+
+  bool hasSibling() const { return !isText(form) && siblingOff != MEM_PACK_NO_SIBLING; }
+  // Offsets of all pointer fields, from the lowest.
+  std::vector<std::int32_t> pointerOffsets() const;
+};
+
+enum class Field { Child, Sibling, Reference };
+const char *nameOf(Field field);
+
+inline constexpr std::size_t kNoText = std::numeric_limits<std::size_t>::max();
+
+// A pointer field of a segment.
+struct Pointer {
+  Field field = Field::Child;
+  std::int16_t offset = 0;  // of the field in its segment
+  std::uint16_t kind = 0;   // of a child
+  bool isNull = true;
+  Place target;
+  std::size_t text = kNoText;  // index of the text that the target is
+};
+
+struct Segment {
+  Place place;
+  std::uint16_t kind = 0;
+  std::uint32_t level = 0;   // of the tree, 0 is the root's
+  std::uint32_t length = 0;  // for a form that is not known: up to its last pointer field
+  std::size_t firstPointer = 0;
+  std::size_t pointerCount = 0;
+};
+
+struct Text {
+  Place place;
+  std::uint32_t length = 0;  // bytes with the terminator
+  bool isWide = false;
+};
+
+// The first thing that is wrong.
+struct Fault {
+  Place place;
+  std::size_t fileOffset = 0;
+  std::string what;
+  std::uint32_t code = 0;  // MEMERR code with which the library would refuse it, 0: it would not
+
+  // "block 1, offset 34 (file offset 1070): …".
+  std::string text() const;
+};
+
+// All of a chain up to its first fault. What stands behind a fault is not there.
+class PackedChain {
+ public:
+  std::string bytes;  // of the file
+  std::optional<Version> version;
+  std::vector<Block> blocks;
+  std::uint32_t controlBlockLen = 0;
+  std::uint16_t kindCount = 0;  // as the file counts them
+  std::vector<Kind> kinds;      // at least 8 where there is no fault: those beyond the count exist
+  std::uint32_t pointerWidth = 0;
+  std::optional<Place> root;
+  std::vector<Segment> segments;  // depth first: a segment, its children, its sibling
+  std::vector<Pointer> pointers;  // of the segments in turn
+  std::vector<Text> texts;
+  std::optional<Fault> fault;
+
+  // The bytes of a block from block offset 8 on.
+  std::string_view content(std::size_t block) const {
+    return std::string_view(bytes).substr(blocks[block].fileOffset, blocks[block].used);
+  }
+  std::string_view bytesAt(Place place, std::size_t length) const {
+    return content(place.block).substr(place.offset, length);
+  }
+  // A 16-bit number in the writer's order. REQUIRES: version, two bytes at the file offset.
+  std::uint16_t number(std::size_t fileOffset) const;
+  std::int16_t signedNumber(std::size_t fileOffset) const {
+    return static_cast<std::int16_t>(number(fileOffset));
+  }
+  std::size_t fileOffset(Place place) const {
+    return blocks[place.block].fileOffset + place.offset;
+  }
+
+  // Counted kinds up to the first fault.
+  std::size_t readKindCount() const { return std::min<std::size_t>(kindCount, kinds.size()); }
+
+  // The text as UTF-8. Narrow text of EBCDIC writers is read in code page 037, unless it is ASCII.
+  std::string utf8Of(const Text &text) const;
+
+  // Bytes of a segment that are no pointer fields, run by run.
+  struct Run {
+    std::uint32_t offset;  // in the segment
+    std::string_view bytes;
+  };
+  std::vector<Run> dataRuns(const Segment &segment) const;
+};
+
+}  // namespace memtool

@@ -1,0 +1,61 @@
+#include "packed_claims.hpp"
+
+#include <algorithm>
+
+#include "packed_head.hpp"
+
+namespace memtool {
+
+Claims::Claims(const PackedChain &chain) : chain_(chain), blocks_(chain.blocks.size()) {
+  for (std::size_t i = 0; i < blocks_.size(); ++i) {
+    blocks_[i].owners.resize(chain.blocks[i].used, Owner::None);
+    const std::uint32_t head = i == 0 ? kHeadLen + chain.controlBlockLen : kFirstContent;
+    take({static_cast<std::uint32_t>(i), 0}, head, Owner::Head);
+  }
+}
+
+Owner Claims::take(Place place, std::uint32_t length, Owner owner) {
+  const auto first = blocks_[place.block].owners.begin() + place.offset;
+  const auto last = first + length;
+  const auto taken = std::find_if(first, last, [](Owner old) { return old != Owner::None; });
+  if (taken != last) return *taken;
+  std::fill(first, last, owner == Owner::SegmentStart ? Owner::Segment : owner);
+  if (length > 0) *first = owner;
+  taken_ += length;
+  return Owner::None;
+}
+
+Owner Claims::takeNarrow(Place place, std::uint32_t &length) {
+  BlockClaims &block = blocks_[place.block];
+  const auto behind = block.narrow.upper_bound(place.offset);
+  if (behind != block.narrow.begin()) {
+    const auto before = std::prev(behind);
+    if (place.offset < before->second) {
+      length = before->second - place.offset;
+      return Owner::None;
+    }
+  }
+  // Up to the NUL, or to a text that is known: that one's NUL ends this one, too.
+  const std::string_view content = chain_.content(place.block);
+  const std::uint32_t stop =
+      behind == block.narrow.end() ? static_cast<std::uint32_t>(content.size()) : behind->first;
+  const std::size_t nul = content.substr(0, stop).find('\0', place.offset);
+  std::uint32_t end = stop;
+  if (nul != std::string_view::npos) {
+    end = static_cast<std::uint32_t>(nul) + 1;
+  } else if (behind == block.narrow.end()) {
+    length = 0;
+    return Owner::None;
+  }
+  const Owner other = take(place, end - place.offset, Owner::Narrow);
+  if (other != Owner::None) return other;
+  if (nul == std::string_view::npos) {
+    end = behind->second;
+    block.narrow.erase(behind);
+  }
+  block.narrow.emplace(place.offset, end);
+  length = end - place.offset;
+  return Owner::None;
+}
+
+}  // namespace memtool

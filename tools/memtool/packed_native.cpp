@@ -1,0 +1,456 @@
+#include "packed_native.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "packed_head.hpp"
+#include "tool_progress.hpp"
+
+namespace memtool {
+namespace {
+
+constexpr std::int32_t kUsualBlockLen = 32768;
+constexpr std::int16_t kChainSubPool = 0;  // where MEM_Pack and MEM_Unpack obtain their blocks
+constexpr std::size_t kContentOff = offsetof(MemPackBlock, UsedLen);  // of what a file holds
+constexpr std::uint32_t kNativeWidth = 8;
+
+template <class Number>
+void store(std::string &bytes, std::size_t at, Number value) {
+  std::memcpy(bytes.data() + at, &value, sizeof value);
+}
+
+// Where the pointer fields of a kind lie when they are 8 bytes wide. The fields keep their order,
+// and what is between them is as long as before. Where a fixed kind is laid out as compilers do it,
+// with 4-byte pointers at multiples of 4, so it is here, with multiples of 8.
+class WideLayout {
+ public:
+  WideLayout(const Kind &kind, std::uint32_t width) : offsets_(kind.pointerOffsets()) {
+    const auto oldWidth = static_cast<std::int32_t>(width);
+    const auto grown = static_cast<std::int32_t>(kNativeWidth) - oldWidth;
+    const auto isAligned = [](std::int32_t offset) { return offset % 4 == 0; };
+    const bool aligns = grown > 0 && kind.form == Form::Fixed && isAligned(kind.fixedLen) &&
+                        std::all_of(offsets_.begin(), offsets_.end(), isAligned);
+    for (const std::int32_t offset : offsets_) {
+      if (aligns) shift_ += (8 - (offset + shift_) % 8) % 8;
+      newOffsets_.push_back(offset + shift_);
+      shift_ += grown;
+    }
+    if (aligns && !offsets_.empty()) shift_ += (8 - (kind.fixedLen + shift_) % 8) % 8;
+  }
+
+  std::int16_t offset(std::int32_t old) const {
+    const auto at = std::find(offsets_.begin(), offsets_.end(), old) - offsets_.begin();
+    return checked(newOffsets_[static_cast<std::size_t>(at)], 0x7FFF);
+  }
+  std::uint16_t length(std::uint16_t old) const {
+    return static_cast<std::uint16_t>(checked(old + shift_, 0xFFFF));
+  }
+
+ private:
+  static std::int16_t checked(std::int32_t value, std::int32_t most) {
+    if (value <= most) return static_cast<std::int16_t>(value);
+    throw ToolError("a segment of this chain would be too long with pointers of 8 bytes");
+  }
+
+  std::vector<std::int32_t> offsets_;
+  std::vector<std::int32_t> newOffsets_;
+  std::int32_t shift_ = 0;
+};
+
+std::uint16_t nativeType(const Kind &kind) {
+  switch (kind.form) {
+    case Form::Fixed:
+      return MEM_PACK_FIXED;
+    case Form::Counted:
+      return MEM_PACK_COUNTED;
+    case Form::NarrowText:
+      return MEM_PACK_STRING;
+    case Form::WideText:
+      return MEM_PACK_WIDE_STRING;
+    default:
+      return kind.typeCode;
+  }
+}
+
+MemPackDescriptor nativeDescriptor(const Kind &kind, std::uint32_t width) {
+  MemPackDescriptor native{};
+  native.SiblingOff = MEM_PACK_NO_SIBLING;
+  if (!kind.isDescribed) return native;
+  native.Type = nativeType(kind);
+  if (isText(kind.form)) return native;
+  const WideLayout layout(kind, width);
+  if (kind.form == Form::Fixed) native.FixedLen = layout.length(kind.fixedLen);
+  if (kind.hasSibling()) native.SiblingOff = layout.offset(kind.siblingOff);
+  native.ChildCount = static_cast<std::int16_t>(kind.children.size());
+  for (std::size_t i = 0; i < kind.children.size(); ++i) {
+    native.Children[i] = {kind.children[i].Descriptor, layout.offset(kind.children[i].Offset)};
+  }
+  native.ReferenceCount = static_cast<std::int16_t>(kind.references.size());
+  for (std::size_t i = 0; i < kind.references.size(); ++i) {
+    native.References[i] = layout.offset(kind.references[i]);
+  }
+  return native;
+}
+
+// True when a child of a kind that counts is of one beyond the count.
+bool usesUncounted(const std::vector<Kind> &kinds, std::size_t count) {
+  const auto isBeyond = [count](const MemPackChild &child) { return child.Descriptor >= count; };
+  return std::any_of(kinds.begin(), kinds.begin() + static_cast<std::ptrdiff_t>(count),
+                     [&isBeyond](const Kind &kind) {
+                       return std::any_of(kind.children.begin(), kind.children.end(), isBeyond);
+                     });
+}
+
+// A control block as callers pass it, of any number of kinds. Kinds beyond the count are left out
+// where they cannot matter.
+class NativeControlBlock {
+ public:
+  NativeControlBlock(const std::vector<Kind> &kinds, std::size_t count, std::uint32_t width)
+      : bytes_(static_cast<std::size_t>(MEM_PACK_CB_LEN(count)), '\0') {
+    store(bytes_, 0, static_cast<std::int16_t>(count));
+    const std::size_t present = usesUncounted(kinds, count) ? kinds.size() : count;
+    for (std::size_t i = 0; i < present; ++i) {
+      store(bytes_, offsetof(MemPackCB, Descriptors) + i * sizeof(MemPackDescriptor),
+            nativeDescriptor(kinds[i], width));
+    }
+  }
+
+  const MemPackCB *get() const { return reinterpret_cast<const MemPackCB *>(bytes_.data()); }
+
+ private:
+  std::string bytes_;
+};
+
+// Writes numbers in the order of a chain's writer.
+class WriterBytes {
+ public:
+  explicit WriterBytes(bool isBigEndian) : isBigEndian_(isBigEndian) {}
+
+  void put(std::uint32_t value) {
+    const auto high = static_cast<char>(value >> 8 & 0xFF);
+    const auto low = static_cast<char>(value & 0xFF);
+    bytes += isBigEndian_ ? high : low;
+    bytes += isBigEndian_ ? low : high;
+  }
+  void putAt(std::size_t at, std::uint32_t value) {
+    WriterBytes number(isBigEndian_);
+    number.put(value);
+    bytes.replace(at, 2, number.bytes);
+  }
+
+  std::string bytes;
+
+ private:
+  bool isBigEndian_;
+};
+
+// The library tells a writer with 4-byte pointers by the root's first child pointer, which lies at
+// a lower offset there than in its own layout. Where both are the same, the chain gets another root
+// in front: one that holds four bytes and then a pointer to the real root.
+class RootInFront {
+ public:
+  explicit RootInFront(const PackedChain &chain) : chain_(chain) {}
+
+  static Kind kind(std::uint32_t width) {
+    Kind made;
+    made.typeCode = MEM_PACK_FIXED;
+    made.fixedLen = static_cast<std::uint16_t>(4 + width);
+    made.children.push_back({1, 4});
+    return made;
+  }
+
+  // The kinds with the new root's as the first.
+  std::vector<Kind> kinds() const {
+    std::vector<Kind> all{kind(chain_.pointerWidth)};
+    all.insert(all.end(), chain_.kinds.begin(), chain_.kinds.end());
+    for (std::size_t i = 1; i < all.size(); ++i) {
+      for (MemPackChild &child : all[i].children) ++child.Descriptor;
+    }
+    return all;
+  }
+
+  // The blocks' contents: one with the control block, one with the new root, then those of the
+  // chain, whose first block keeps its old head as bytes that nothing leads to.
+  std::vector<std::string> contents() const {
+    if (chain_.blocks.size() + kNewBlocks > MEM_PACK_MAX_BLOCKS) {
+      throw ToolError("the chain has too many blocks to be turned into one of this platform");
+    }
+    const bool isBigEndian = chain_.version->isBigEndian;
+    WriterBytes root(isBigEndian);
+    root.put(kFirstContent + 4 + chain_.pointerWidth);
+    root.bytes.append(4, '\0');
+    root.put(chain_.root->block + kNewBlocks);
+    root.put(chain_.root->offset);
+    root.bytes.append(chain_.pointerWidth - 4, '\0');
+
+    std::vector<std::string> all{head(), root.bytes};
+    for (std::size_t i = 0; i < chain_.blocks.size(); ++i) all.emplace_back(chain_.content(i));
+    for (const Segment &segment : chain_.segments) moveTargets(segment, all);
+    return all;
+  }
+
+ private:
+  static constexpr std::uint32_t kNewBlocks = 2;
+
+  std::string head() const {
+    const std::vector<Kind> kinds = this->kinds();
+    const std::size_t count = chain_.kindCount + std::size_t{1};
+    const bool isOld = chain_.version->isOldLayout;
+    const DescriptorLayout &layout = descriptorLayout(isOld);
+    const std::uint32_t length = controlBlockLength(static_cast<std::int32_t>(count), isOld);
+    WriterBytes writer(chain_.version->isBigEndian);
+    writer.put(kHeadLen + length);
+    writer.bytes += chain_.bytes.substr(2, 4);
+    writer.put(static_cast<std::uint32_t>(count));
+    writer.bytes.append(length - 2, '\0');
+    const std::size_t present = (length - 2) / layout.length;
+    for (std::size_t i = 0; i < present && i < kinds.size(); ++i) {
+      putKind(writer, kHeadLen + 2 + i * layout.length, layout, kinds[i]);
+    }
+    return writer.bytes;
+  }
+
+  static std::uint32_t unsignedOf(std::int16_t value) { return static_cast<std::uint16_t>(value); }
+
+  static void putKind(WriterBytes &writer, std::size_t at, const DescriptorLayout &layout,
+                      const Kind &kind) {
+    writer.putAt(at, kind.typeCode);
+    writer.putAt(at + 2, kind.fixedLen);
+    writer.putAt(at + 4, unsignedOf(kind.siblingOff));
+    writer.putAt(at + 6, static_cast<std::uint32_t>(kind.children.size()));
+    writer.putAt(at + 8, static_cast<std::uint32_t>(kind.references.size()));
+    for (std::size_t i = 0; i < kind.children.size(); ++i) {
+      writer.putAt(at + layout.childrenOff + i * 4, kind.children[i].Descriptor);
+      writer.putAt(at + layout.childrenOff + i * 4 + 2, unsignedOf(kind.children[i].Offset));
+    }
+    for (std::size_t i = 0; i < kind.references.size(); ++i) {
+      writer.putAt(at + layout.referencesOff + i * 2, unsignedOf(kind.references[i]));
+    }
+  }
+
+  void moveTargets(const Segment &segment, std::vector<std::string> &contents) const {
+    for (std::size_t i = 0; i < segment.pointerCount; ++i) {
+      const Pointer &pointer = chain_.pointers[segment.firstPointer + i];
+      if (pointer.isNull) continue;
+      WriterBytes block(chain_.version->isBigEndian);
+      block.put(pointer.target.block + kNewBlocks);
+      const std::size_t at = segment.place.offset + static_cast<std::size_t>(pointer.offset);
+      contents[segment.place.block + kNewBlocks].replace(at, 2, block.bytes);
+    }
+  }
+
+  const PackedChain &chain_;
+};
+
+// A chain in storage of the host. Everything goes back when the object dies.
+class StoredChain {
+ public:
+  StoredChain(RunningLibrary &library, const std::vector<std::string> &contents)
+      : library_(library) {
+    for (const std::string &content : contents) {
+      const auto length = static_cast<std::uint32_t>(
+          std::max<std::size_t>(kContentOff + content.size(), blocks_.empty() ? 14 : 10));
+      auto *const block =
+          static_cast<MemPackBlock *>(library_.vector().MEM_Alloc(length, kChainSubPool));
+      if (block == nullptr) throw ToolError("there is no storage for the chain");
+      block->pNext = nullptr;
+      content.copy(reinterpret_cast<char *>(block) + kContentOff, content.size());
+      if (!blocks_.empty()) blocks_.back().first->pNext = block;
+      blocks_.emplace_back(block, length);
+    }
+  }
+  ~StoredChain() {
+    for (const auto &[block, length] : blocks_) {
+      library_.vector().MEM_Free(block, length, kChainSubPool);
+    }
+    while (made_ != nullptr) {
+      MemPackBlock *const next = made_->pNext;
+      library_.vector().MEM_Free(made_, MEM_UNPACK_BLOCK_LEN, kChainSubPool);
+      made_ = next;
+    }
+  }
+  StoredChain(const StoredChain &) = delete;
+  StoredChain &operator=(const StoredChain &) = delete;
+
+  void *unpack(const MemPackCB *controlBlock) {
+    MemPackBlock *first = blocks_.front().first;
+    void *root = nullptr;
+    library_.check("MEM_Unpack", library_.vector().MEM_Unpack(&first, &root, controlBlock));
+    if (first != blocks_.front().first) made_ = first;
+    return root;
+  }
+
+  bool isInPlace() const { return made_ == nullptr; }
+  char *at(Place place) {
+    return reinterpret_cast<char *>(blocks_[place.block].first) + kContentOff + place.offset;
+  }
+
+ private:
+  RunningLibrary &library_;
+  std::vector<std::pair<MemPackBlock *, std::uint32_t>> blocks_;
+  MemPackBlock *made_ = nullptr;  // the chain that MEM_Unpack made
+};
+
+// Shows how far MEM_Pack is: it inserts each segment into a hash table, through the vector. Service
+// functions carry no context, so one object exists at a time.
+class PackProgress {
+ public:
+  PackProgress(RunningLibrary &library, std::uint64_t segments, Console &console)
+      : vector_(library.vector()), progress_(console, "packing", segments) {
+    active_ = this;
+    insert_ = vector_.MEM_HashInsEntry;
+    vector_.MEM_HashInsEntry = &PackProgress::insertEntry;
+  }
+  ~PackProgress() {
+    vector_.MEM_HashInsEntry = insert_;
+    active_ = nullptr;
+  }
+  PackProgress(const PackProgress &) = delete;
+  PackProgress &operator=(const PackProgress &) = delete;
+
+ private:
+  static std::int16_t insertEntry(HMEMHASH table, std::int16_t length, const void *record,
+                                  void **copy) {
+    active_->progress_.update(++active_->done_);
+    return active_->insert_(table, length, record, copy);
+  }
+
+  static constinit PackProgress *active_;
+
+  MEMFunctionVector &vector_;
+  Progress progress_;
+  MEM_HashInsEntryFn *insert_ = nullptr;
+  std::uint64_t done_ = 0;
+};
+
+constinit PackProgress *PackProgress::active_ = nullptr;
+
+NativeChain pack(RunningLibrary &library, const MemPackCB *controlBlock, const void *root,
+                 std::int32_t blockLength) {
+  MemPackBlock *first = nullptr;
+  const std::int16_t result = library.vector().MEM_Pack(controlBlock, root, blockLength, &first);
+  NativeChain native;
+  native.blockLength = blockLength;
+  while (first != nullptr) {  // a failed call may leave the blocks that it had obtained
+    MemPackBlock *const next = first->pNext;
+    native.bytes.append(reinterpret_cast<const char *>(first) + kContentOff, first->UsedLen);
+    ++native.blocks;
+    library.vector().MEM_Free(first, static_cast<std::uint32_t>(blockLength), kChainSubPool);
+    first = next;
+  }
+  library.check("MEM_Pack", result);
+  native.version = native.bytes.substr(2, 4);
+  return native;
+}
+
+// The longest item after its pointers have grown, and the control block, have to fit a block.
+std::int32_t sufficientBlockLen(const PackedChain &chain) {
+  constexpr std::uint32_t kMostGrowth =
+      4 * 2 * (1 + MEM_PACK_MAX_CHILDREN + MEM_PACK_MAX_REFERENCES);
+  std::uint32_t longest = MEM_PACK_CB_LEN(std::uint32_t{chain.kindCount}) + 4;
+  for (const Segment &segment : chain.segments) {
+    longest = std::max(longest, segment.length + kMostGrowth);
+  }
+  for (const Text &text : chain.texts) {
+    longest = std::max(longest, text.isWide ? 2 * text.length : text.length);
+  }
+  return std::max(kUsualBlockLen, static_cast<std::int32_t>(longest) + MEM_PACK_BLOCK_OVERHEAD);
+}
+
+void refuseUnknownKinds(const PackedChain &chain) {
+  for (const Segment &segment : chain.segments) {
+    const Kind &kind = chain.kinds[segment.kind];
+    if (kind.form != Form::Unknown) continue;
+    throw ToolError(fmt::format(
+        "segments of type 0x{:02X} cannot be rewritten: only their writer knows their length",
+        kind.typeCode));
+  }
+}
+
+// A segment that tells its own length has it in the writer's order after it was unpacked in place.
+void turnLengths(const PackedChain &chain, StoredChain &stored) {
+  for (const Segment &segment : chain.segments) {
+    const Form form = chain.kinds[segment.kind].form;
+    if (form != Form::Counted && form != Form::SelfDescribing) continue;
+    const std::uint32_t told = form == Form::Counted ? segment.length - 2 : segment.length;
+    const auto number = static_cast<std::uint16_t>(told);
+    std::memcpy(stored.at(segment.place), &number, sizeof number);
+  }
+}
+
+const PackedChain &checkedLike(const PackedChain &chain, const PackedChain &like) {
+  if (chain.pointerWidth == kNativeWidth) {
+    throw ToolError("--like is for chains with 4-byte pointers; this one keeps its own layout");
+  }
+  if (like.pointerWidth != kNativeWidth || like.kindCount != chain.kindCount) {
+    throw ToolError(fmt::format(
+        "--like needs a chain with 8-byte pointers and {} kinds of segments", chain.kindCount));
+  }
+  return like;
+}
+
+bool isTurned(const PackedChain &chain) {
+  const std::uint16_t one = 1;
+  char first = 0;
+  std::memcpy(&first, &one, 1);
+  return chain.version->isBigEndian == (first == 1);
+}
+
+std::string remarkOn(const PackedChain &chain) {
+  if (chain.version->isEbcdic) {
+    return "Narrow text is still EBCDIC, and numbers within segments are still big-endian.";
+  }
+  return isTurned(chain) ? "Numbers within segments are still in the writer's byte order." : "";
+}
+
+std::int16_t firstChildOffset(const std::vector<Kind> &kinds) {
+  return kinds[0].children.empty() ? std::int16_t{0} : kinds[0].children[0].Offset;
+}
+
+}  // namespace
+
+NativeChain toNative(RunningLibrary &library, const PackedChain &chain,
+                     const NativeRequest &request, Console &console) {
+  refuseUnknownKinds(chain);
+  const PackedChain &layout = request.like ? checkedLike(chain, *request.like) : chain;
+  const NativeControlBlock packCB(layout.kinds, layout.kindCount, layout.pointerWidth);
+  const bool looksNative =
+      chain.pointerWidth != kNativeWidth &&
+      packCB.get()->Descriptors[0].Children[0].Offset <= firstChildOffset(chain.kinds);
+
+  const RootInFront inFront(chain);
+  std::vector<std::string> contents;
+  std::vector<Kind> kinds = layout.kinds;
+  std::size_t kindCount = layout.kindCount;
+  if (looksNative) {
+    contents = inFront.contents();
+    kinds = RootInFront(layout).kinds();
+    ++kindCount;
+  } else {
+    for (std::size_t i = 0; i < chain.blocks.size(); ++i) contents.emplace_back(chain.content(i));
+  }
+  const NativeControlBlock unpackCB(kinds, kindCount, layout.pointerWidth);
+  StoredChain stored(library, contents);
+  void *root = stored.unpack(unpackCB.get());
+  if (looksNative) {
+    const auto *const pointer =
+        static_cast<const char *>(root) + unpackCB.get()->Descriptors[0].Children[0].Offset;
+    std::memcpy(&root, pointer, sizeof root);
+  }
+  if (stored.isInPlace() && isTurned(chain)) turnLengths(chain, stored);
+
+  const PackProgress progress(library, chain.segments.size(), console);
+  const std::int32_t blockLength =
+      request.blockLength == 0 ? sufficientBlockLen(chain) : request.blockLength;
+  NativeChain native = pack(library, packCB.get(), root, blockLength);
+  native.remark = remarkOn(chain);
+  return native;
+}
+
+}  // namespace memtool

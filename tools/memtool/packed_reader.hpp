@@ -1,0 +1,17 @@
+// Reads a chain file. Whatever the bytes are, nothing outside of them is looked at, every part of
+// a block is claimed by one item only, and the time is proportional to the file's length.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "packed_chain.hpp"
+#include "tool_console.hpp"
+
+namespace memtool {
+
+// The file does not tell the width of the writer's pointers. With 0 it is found: 4 where pointer
+// fields lie too close for 8, or where only so the segments make sense.
+PackedChain readChain(std::string bytes, std::uint32_t pointerWidth, Console &console);
+
+}  // namespace memtool

@@ -1,0 +1,35 @@
+// A packed chain in words: tables and a tree for people, JSON for programs.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "packed_chain.hpp"
+#include "tool_console.hpp"
+
+namespace memtool {
+
+// "F", "C", …: a type code as its letter, where it has one; else "0xE5".
+std::string typeName(const Kind &kind);
+
+// What a kind is made of: "fixed", "counted", "own length", "text", "wide text", "unknown".
+const char *formName(Form form);
+
+// "little-endian, pointers of 8 bytes, wide characters of 2 bytes, ASCII".
+std::string writerText(const PackedChain &chain);
+
+// Items of each block.
+struct BlockCount {
+  std::uint64_t segments = 0;
+  std::uint64_t texts = 0;
+};
+std::vector<BlockCount> countItems(const PackedChain &chain);
+
+// Prints all that was read. `withData`: the bytes between the pointer fields as well.
+void printChain(Console &console, const std::string &name, const PackedChain &chain, bool withData);
+
+nlohmann::ordered_json chainJson(const std::string &name, const PackedChain &chain, bool withData);
+
+}  // namespace memtool

@@ -1,0 +1,57 @@
+#include "tool_console.hpp"
+
+#include <cstdlib>
+#include <iostream>
+
+#include "tool_platform.hpp"
+
+namespace memtool {
+namespace {
+
+const char *codeOf(Ink ink) {
+  switch (ink) {
+    case Ink::Heading:
+      return "1";
+    case Ink::Name:
+      return "36";
+    case Ink::Place:
+      return "33";
+    case Ink::Text:
+      return "32";
+    case Ink::Dim:
+      return "2";
+    case Ink::Good:
+      return "1;32";
+    case Ink::Bad:
+      return "1;31";
+    case Ink::Plain:
+      break;
+  }
+  return nullptr;
+}
+
+std::string_view environment(const char *name) {
+  const char *const value = std::getenv(name);
+  return value == nullptr ? std::string_view() : std::string_view(value);
+}
+
+}  // namespace
+
+Console Console::ofProcess() {
+  using platform::Stream;
+  platform::prepareTerminal();
+  Traits traits;
+  traits.hasColour = platform::isTerminal(Stream::Out) && environment("NO_COLOR").empty() &&
+                     environment("TERM") != "dumb";
+  traits.showsProgress = platform::isTerminal(Stream::Err);
+  traits.width = platform::terminalWidth();
+  return Console(std::cout, std::cerr, traits);
+}
+
+std::string Console::paint(Ink ink, std::string_view text) const {
+  const char *const code = codeOf(ink);
+  if (!traits_.hasColour || code == nullptr || text.empty()) return std::string(text);
+  return fmt::format("\x1b[{}m{}\x1b[0m", code, text);
+}
+
+}  // namespace memtool

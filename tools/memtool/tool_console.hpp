@@ -1,0 +1,50 @@
+// Where the program writes, and whether a person reads it.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace memtool {
+
+// What a piece of text is; each kind has its colour.
+enum class Ink { Plain, Heading, Name, Place, Text, Dim, Good, Bad };
+
+// One thread at a time.
+class Console {
+ public:
+  struct Traits {
+    bool hasColour = false;      // stdout shows colours
+    bool showsProgress = false;  // stderr is a terminal
+    int width = 80;              // columns of that terminal
+  };
+
+  // The streams must outlive the console.
+  Console(std::ostream &out, std::ostream &err, Traits traits)
+      : out_(out), err_(err), traits_(traits) {}
+
+  // The console of this process: its streams, its terminal, and NO_COLOR.
+  static Console ofProcess();
+
+  template <class... Args>
+  void print(fmt::format_string<Args...> format, Args &&...args) {
+    out_ << fmt::format(format, std::forward<Args>(args)...);
+  }
+  void write(std::string_view text) { out_ << text; }
+  std::ostream &out() { return out_; }
+  std::ostream &err() { return err_; }
+  const Traits &traits() const { return traits_; }
+
+  // `text` in its kind's colour where the terminal shows colours.
+  std::string paint(Ink ink, std::string_view text) const;
+
+ private:
+  std::ostream &out_;
+  std::ostream &err_;
+  Traits traits_;
+};
+
+}  // namespace memtool

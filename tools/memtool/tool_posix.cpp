@@ -1,0 +1,24 @@
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "tool_platform.hpp"
+
+namespace memtool::platform {
+
+bool isTerminal(Stream stream) {
+  return isatty(stream == Stream::Out ? STDOUT_FILENO : STDERR_FILENO) == 1;
+}
+
+int terminalWidth() {
+  winsize size{};
+  return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+void prepareTerminal() {}
+
+std::vector<std::string> programArguments(int count, const char *const *values) {
+  if (count < 2) return {};
+  return std::vector<std::string>(values + 1, values + count);
+}
+
+}  // namespace memtool::platform

@@ -1,0 +1,38 @@
+// Tables of aligned columns.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tool_console.hpp"
+
+namespace memtool {
+
+struct Cell {
+  std::string text;
+  Ink ink = Ink::Plain;
+};
+
+struct Column {
+  std::string title;
+  bool isRight = false;  // numbers stand at the right
+};
+
+class Table {
+ public:
+  explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
+
+  // A row may be shorter than the table.
+  void add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
+
+  // Titles and rows, each on a line that begins with `indent` blanks and ends without any.
+  std::string text(const Console &console, std::size_t indent = 2) const;
+
+ private:
+  std::vector<std::size_t> widths() const;
+
+  std::vector<Column> columns_;
+  std::vector<std::vector<Cell>> rows_;
+};
+
+}  // namespace memtool

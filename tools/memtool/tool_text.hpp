@@ -1,0 +1,34 @@
+// Text between UTF-8, which the program writes, and what libraries and files hold; and how text
+// that may hold anything is shown.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace memtool {
+
+void appendUtf8(std::string &text, char32_t codePoint);
+
+// A surrogate without its partner becomes U+FFFD.
+std::string utf8FromUtf16(std::u16string_view text);
+
+std::filesystem::path pathFromUtf8(std::string_view text);
+std::string utf8FromPath(const std::filesystem::path &path);
+
+// `text`, which may be any bytes, as valid UTF-8: bytes that belong to no character become U+FFFD.
+std::string validUtf8(std::string_view text);
+
+// Text in quotes on one line: quotes and backslashes escaped, control characters as "\x0A". Longer
+// texts are cut to `most` characters and end with an ellipsis behind the quotes.
+std::string inQuotes(std::string_view utf8, std::size_t most = SIZE_MAX);
+
+// Length in characters of valid UTF-8; each of them is taken to be one column wide.
+std::size_t columnsOf(std::string_view utf8);
+
+// "1,234,567".
+std::string grouped(std::uint64_t number);
+
+}  // namespace memtool

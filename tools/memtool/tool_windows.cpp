@@ -1,0 +1,54 @@
+#define WIN32_LEAN_AND_MEAN
+#define NOMINMAX
+#include <windows.h>
+
+#include <shellapi.h>  // needs what windows.h declares
+
+#include "tool_platform.hpp"
+#include "tool_text.hpp"
+
+namespace memtool::platform {
+namespace {
+
+HANDLE handleOf(Stream stream) {
+  return GetStdHandle(stream == Stream::Out ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE);
+}
+
+}  // namespace
+
+// Only a console has a mode.
+bool isTerminal(Stream stream) {
+  DWORD mode = 0;
+  return GetConsoleMode(handleOf(stream), &mode) != 0;
+}
+
+int terminalWidth() {
+  CONSOLE_SCREEN_BUFFER_INFO info;
+  if (GetConsoleScreenBufferInfo(handleOf(Stream::Err), &info) == 0) return 80;
+  return info.srWindow.Right - info.srWindow.Left + 1;
+}
+
+void prepareTerminal() {
+  for (const Stream stream : {Stream::Out, Stream::Err}) {
+    DWORD mode = 0;
+    if (GetConsoleMode(handleOf(stream), &mode) == 0) continue;
+    SetConsoleOutputCP(CP_UTF8);
+    SetConsoleMode(handleOf(stream), mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+  }
+}
+
+// `main` gets its arguments in the process's code page, which cannot hold every path.
+std::vector<std::string> programArguments(int, const char *const *) {
+  static_assert(sizeof(wchar_t) == sizeof(char16_t), "Windows hands over UTF-16");
+  int count = 0;
+  LPWSTR *values = CommandLineToArgvW(GetCommandLineW(), &count);
+  std::vector<std::string> arguments;
+  for (int i = 1; values != nullptr && i < count; ++i) {
+    const std::wstring_view value(values[i]);
+    arguments.push_back(utf8FromUtf16(std::u16string(value.begin(), value.end())));
+  }
+  LocalFree(values);
+  return arguments;
+}
+
+}  // namespace memtool::platform

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "catmodel.hpp"
+#include "guardpages.hpp"
 
 namespace memtest {
 namespace {
@@ -382,6 +383,33 @@ TEST_P(CatAppendTest, OldStorageIsCopiedBeforeItIsReturnedAndNotChanged) {
   EXPECT_EQ(atReturn.BlkLen, 4096U);
   EXPECT_TRUE(text() == std::u16string(500, u'x') + std::u16string(600, u'y'));
   close();
+}
+
+// Both texts end where readable storage ends, the buffer's in front of its storage's end.
+TEST_P(CatAppendTest, OnlyTextsAndTheirTerminatorsAreRead) {
+  GuardPages buffer(2);
+  GuardPages added(2);
+  buffer.forbid(1);
+  added.forbid(1);
+  const auto atEnd = [](const GuardPages &pages, const std::u16string &text) {
+    const std::size_t length = neededFor(text.size());
+    std::memcpy(pages.behind(0) - length, text.c_str(), length);
+    return reinterpret_cast<char16_t *>(pages.behind(0) - length);
+  };
+  const std::u16string appended(300, u'y');
+  const char16_t *pAppended = atEnd(added, appended);
+  for (const std::size_t length : {0U, 250U, 511U}) {
+    const std::u16string before(length, u'x');
+    cat = {atEnd(buffer, before), 598, static_cast<std::uint32_t>(length), 'A'};
+    MEM_FreeFn *const ownFree = mem.MEM_Free;
+    mem.MEM_Free = [](void *, std::uint32_t, std::int16_t) {};  // the storage is the test's
+    EXPECT_EQ(GetParam().by == Append::kText ? mem.MEM_Cat(&cat, pAppended)
+                                             : mem.MEM_MemCat(&cat, pAppended, 300),
+              0);
+    mem.MEM_Free = ownFree;
+    EXPECT_TRUE(text() == before + appended);
+    close();
+  }
 }
 
 TEST_P(CatAppendTest, RefusedGrowthChangesNothing) {

@@ -12,8 +12,6 @@ namespace {
 
 using refhost::Service;
 
-constexpr std::uint32_t kHostError = 777;
-
 class CellCatFaultTest : public HeapHashTest {
  protected:
   CellCatFaultTest() : watch(mem), stage{host, mem, watch, kDirty} {}

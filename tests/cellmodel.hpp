@@ -40,8 +40,8 @@ inline AreaShape shapeWithoutNodes(std::size_t areaLen, std::size_t cellLen) {
   return {0, 0, areaLen / cellLen};
 }
 
-// Slots 15 to 19 take the pool apart only through its bytes: the nodes in the order in which they
-// were made record the areas in the order in which they were obtained, and free cells are a stack.
+// Nodes, in the order in which they were made, record the areas in the order in which those were
+// obtained; free cells are a stack.
 class PoolModel {
  public:
   // What a cell holds behind its first 8 bytes.

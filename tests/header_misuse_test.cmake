@@ -3,10 +3,11 @@
 #
 #   cmake -DCOMPILERS=… -DINCLUDE=… -P header_misuse_test.cmake
 #
-# COMPILERS  C++ compilers, as a list
+# COMPILERS  C++ compilers, with commas between them
 # INCLUDE    folder of the public headers
 cmake_minimum_required(VERSION 3.25)
 
+string(REPLACE "," ";" COMPILERS "${COMPILERS}")
 set(flags -std=c++20 -Wall -Wextra -Wconversion -Wshadow -Werror -I${INCLUDE} -fsyntax-only)
 set(misuse ${CMAKE_CURRENT_LIST_DIR}/header_misuse.cpp)
 set(use ${CMAKE_CURRENT_LIST_DIR}/header_use.cpp)

@@ -839,7 +839,9 @@ TEST_F(MemtoolPortTest, PicturesOfHostileText) {
                                   std::string(5000, '<') + "\">)"));
   outputOf({"port", "one.port", "--svg", "out.svg"});
   expectReadable(readBytes("out.svg"));
-  outputOf({"port", "order.port", "--svg", "a & b <c>.svg"});
+  std::filesystem::copy_file("order.port", "a & b.port");
+  outputOf({"port", "a & b.port", "--svg", "out.svg"});
+  expectReadable(readBytes("out.svg"));
 }
 
 }  // namespace

@@ -366,7 +366,7 @@ void GraphMaker::verify(const PortStructDefinition &definition, const PortJsonNo
       if (field.type == MEM_PORT_SUBSTRUCTURE) {
         verify(*field.target, node, place.within(at));
       } else if (field.isAddress() && !isSound(field, load<const void *>(place.bytes + at))) {
-        node.fail(fmt::format("field {} shares its bytes with another, and is no pointer now",
+        node.fail(fmt::format("field {} has bytes of another field or a default, and is no pointer",
                               field.name));
       }
     }

@@ -1,10 +1,37 @@
 #!/usr/bin/env bash
-# Builds the release library and runs its benchmarks; arguments go to Google Benchmark
-# (--benchmark_filter=REGEX, --benchmark_repetitions=N, …).
+# Measures the library beside what programmers use instead, and writes the figures into
+# docs/performance.md and its charts. Takes some minutes; the machine should do nothing else.
+#
+#   ./bench.sh
+#
+# With the name of a benchmark program it runs that one only and writes nothing; further arguments go
+# to Google Benchmark (--benchmark_filter=REGEX, --benchmark_repetitions=N, …).
+#
+#   ./bench.sh heapbench|membench|portbench|sinkbench|unpackbench|peerbench [arguments]
+#
+# Installs what is missing.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+build=$root/build/bench
 
-"$root/cmake/install-packages.sh" linux
-programs=(membench portbench sinkbench unpackbench)
-"$root/cmake/build-quietly.sh" release "${programs[@]}"
-for program in "${programs[@]}"; do "$root/build/release/bin/$program" "$@"; done
+"$root/cmake/install-packages.sh" linux bench
+
+if (($#)); then
+  program=$1
+  shift
+  "$root/cmake/build-quietly.sh" bench "$program"
+  exec "$build/bin/$program" "$@"
+fi
+
+"$root/cmake/build-quietly.sh" bench peerbench
+figures=$build/peerbench.json
+echo "== measuring" >&2
+"$build/bin/peerbench" --benchmark_out="$figures" --benchmark_out_format=json \
+  --benchmark_repetitions=5 --benchmark_min_time=0.05 \
+  --benchmark_enable_random_interleaving=true \
+  >"$build/peerbench.log" || {
+  grep -a 'ERROR' "$build/peerbench.log" >&2
+  exit 1
+}
+python3 "$root/bench/performance.py" "$figures" "$root/docs/performance.md"
+echo "== wrote docs/performance.md" >&2

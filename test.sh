@@ -19,7 +19,8 @@ presets=("$@")
 jobs=()
 for preset in "${presets[@]}"; do
   case $preset in
-    release | debug | tsan) jobs+=(linux) ;;
+    release) jobs+=(linux docs packages) ;;
+    debug | tsan) jobs+=(linux) ;;
     fuzz) jobs+=(fuzz) ;;
     windows) jobs+=(windows) ;;
     clang) jobs+=(linux lint) ;;

@@ -23,10 +23,10 @@ struct MEMHashCtlBlk {
   std::int16_t KeyOff;
   std::int16_t KeyLen;
   std::int16_t Max;  // highest bucket index
-  std::uint8_t Reserved14[2];
+  std::uint16_t IndexState;  // the library's own: see memchash_index.h
   MEMHashFunc pFunc;
   std::uint16_t SubPool;
-  std::uint8_t Reserved26[2];
+  std::uint16_t WalkedNodes;  // the library's own, too
   std::uint32_t CtlBlkLen;
   HMEMHEAP hMemHeap;
   HashNode *pFreeEntries;  // deleted nodes, latest first

@@ -5,6 +5,7 @@
 #include "bytes.h"
 #include "callframe.h"
 #include "hashblocks.h"
+#include "memchash_index.h"
 
 namespace mem {
 
@@ -69,13 +70,42 @@ bool keysEqual(const MEMHashCtlBlk &ctl, const void *pKey, const void *pOther) n
   return ctl.KeyLen <= 0 || std::memcmp(pKey, pOther, static_cast<std::size_t>(ctl.KeyLen)) == 0;
 }
 
-// The link that points at the node with the key, or else the null link at the chain's end.
-HashNode **findLink(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexcept {
-  HashNode **ppLink = ctl.bucket(index);
-  while (*ppLink != nullptr && !keysEqual(ctl, pKey, keyIn(ctl, (*ppLink)->record()))) {
-    ppLink = &(*ppLink)->pNext;
+// Where a walk of a chain has ended: at the link that points at the node with the key, or else at
+// the null link at the chain's end.
+struct Place {
+  HashNode **ppLink;
+  std::uint32_t passed;  // nodes in front of it
+
+  HashNode *node() const noexcept { return *ppLink; }
+};
+
+template <class IsEqual>
+Place walkChain(MEMHashCtlBlk &ctl, std::int16_t index, IsEqual isEqual) noexcept {
+  Place place{ctl.bucket(index), 0};
+  while (*place.ppLink != nullptr && !isEqual((*place.ppLink)->record())) {
+    place.ppLink = &(*place.ppLink)->pNext;
+    ++place.passed;
   }
-  return ppLink;
+  return place;
+}
+
+// Addresses and numbers as keys are compared as one word.
+Place findPlace(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexcept {
+  if (ctl.KeyLen == sizeof(std::uint64_t)) {
+    const auto key = loadAs<std::uint64_t>(pKey);
+    return walkChain(ctl, index, [&ctl, key](const void *pRecord) noexcept {
+      return loadAs<std::uint64_t>(keyIn(ctl, pRecord)) == key;
+    });
+  }
+  return walkChain(ctl, index, [&ctl, pKey](const void *pRecord) noexcept {
+    return keysEqual(ctl, pKey, keyIn(ctl, pRecord));
+  });
+}
+
+HashNode *findNode(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t index,
+                   const void *pKey) noexcept {
+  const HashIndex *pIndex = HashIndex::of(frame, ctl);
+  return pIndex != nullptr ? pIndex->slotOf(pKey)->pNode : findPlace(ctl, index, pKey).node();
 }
 
 // A node with a null link for a record of `Len` bytes, or null with the heap's error standing. A
@@ -137,6 +167,7 @@ std::int16_t MEM_HashClose(HMEMHASH hMemHash) noexcept {
   if (functionVector().MEM_HeapClose(pCtl->hMemHeap) != 0) {
     return finishFailed(frame, "HeapClose Return=FAILED");
   }
+  HashIndex::drop(frame, *pCtl);
   pCtl->Eyecatcher[0] = ' ';  // a stale handle fails the eye-catcher test
   functionVector().MEM_Free(pCtl, pCtl->CtlBlkLen, static_cast<std::int16_t>(pCtl->SubPool));
   return frame.succeed();
@@ -153,17 +184,33 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   const std::int16_t index = ctl.pFunc(pKey);
   if (!isIndex(ctl, index)) return failIndex(frame, index);
 
-  HashNode **ppLink = findLink(ctl, index, pKey);
-  if (*ppLink != nullptr) {
-    *ppNewEntry = (*ppLink)->record();
+  HashIndex *pIndex = HashIndex::of(frame, ctl);
+  HashIndex::Slot *pSlot = nullptr;
+  Place place{};
+  HashNode *pFound = nullptr;
+  if (pIndex == nullptr) {
+    place = findPlace(ctl, index, pKey);
+    pFound = place.node();
+  } else {
+    place.ppLink = pIndex->endOf(ctl, index);
+    pSlot = pIndex->slotOf(pKey);
+    pFound = pSlot->pNode;
+  }
+  if (pFound != nullptr) {
+    *ppNewEntry = pFound->record();
     frame.traceExit("Return=MEMERR_HASHDKEY");
     return frame.finish(MEMERR_HASHDKEY);
   }
   HashNode *pNode = MemHashAllocEntry(ctl, Len);
   if (pNode == nullptr) return finishFailed(frame, "MemHashAllocEntry Return=FAILED");
   std::memcpy(pNode->record(), pInputEntry, static_cast<std::size_t>(Len));
-  *ppLink = pNode;  // at the end: a bucket keeps the order of insertion
+  *place.ppLink = pNode;  // at the end: a bucket keeps the order of insertion
   *ppNewEntry = pNode->record();
+  if (pIndex != nullptr) {
+    HashIndex::add(frame, ctl, pIndex, pSlot, index, pNode);
+  } else {
+    HashIndex::noteWalked(frame, ctl, place.passed);
+  }
   return frame.succeed();
 }
 
@@ -175,7 +222,7 @@ std::int16_t MEM_HashGetEntry(HMEMHASH hMemHash, const void *pKey, void **ppEntr
   const std::int16_t index = ctl.pFunc(pKey);
   if (!isIndex(ctl, index)) return failIndex(frame, index);
 
-  HashNode *pNode = *findLink(ctl, index, pKey);
+  HashNode *pNode = findNode(frame, ctl, index, pKey);
   if (pNode == nullptr) return finishNotFound(frame);
   *ppEntry = pNode->record();
   return frame.succeed();
@@ -189,10 +236,11 @@ std::int16_t MEM_HashDelEntry(HMEMHASH hMemHash, const void *pKey) noexcept {
   const std::int16_t index = ctl.pFunc(pKey);
   if (!isIndex(ctl, index)) return failIndex(frame, index);
 
-  HashNode **ppLink = findLink(ctl, index, pKey);
-  HashNode *pNode = *ppLink;
+  HashIndex::drop(frame, ctl);  // an index does not follow deletions
+  const Place place = findPlace(ctl, index, pKey);
+  HashNode *pNode = place.node();
   if (pNode == nullptr) return finishNotFound(frame);
-  *ppLink = pNode->pNext;
+  *place.ppLink = pNode->pNext;
   pNode->pNext = ctl.pFreeEntries;
   ctl.pFreeEntries = pNode;
   return frame.succeed();

@@ -123,7 +123,7 @@ Outcome PackedChain::listBlocks(MemPackBlock *pFirst) noexcept {
 
 // At most 32,767 blocks of 65,535 bytes, two bits each: every sum here stays below 2^32.
 Outcome PackedChain::obtainWork() noexcept {
-  std::uint32_t words = 1;  // claims look one byte beyond the last bit
+  std::uint32_t words = 0;
   for (std::int32_t i = 0; i < blockCount_; ++i) {
     const std::uint32_t used =
         number<std::uint16_t>(bytesAt(blocks()[i], offsetof(MemPackBlock, UsedLen)));
@@ -136,7 +136,7 @@ Outcome PackedChain::obtainWork() noexcept {
     return failure(MEMERR_PACKAMEM, ErrorText("UnpackBlkMemAllocFail"));
   }
   controlBlock_ = PackControlBlock(work_.as<MemPackCB>(listLen));
-  pClaims_ = work_.as<std::uint8_t>(listLen + cbLen);
+  pClaims_ = work_.as<std::uint64_t>(listLen + cbLen);
   pTexts_ = work_.as<std::uint64_t>(std::size_t{listLen} + cbLen + std::size_t{words} * 8);
   std::uint32_t word = 0;
   for (std::int32_t i = 0; i < blockCount_; ++i) {
@@ -275,17 +275,13 @@ Outcome PackedChain::measureText(const ContentPlace &place, std::uint32_t unitLe
 }
 
 bool PackedChain::claim(const ContentPlace &place, std::uint32_t length) noexcept {
-  std::uint64_t bit = std::uint64_t{wordStarts()[place.block]} * kBitsPerWord + place.offset;
-  for (std::uint32_t rest = length; rest > 0;) {
-    const std::uint32_t step = std::min<std::uint32_t>(rest, 8);
-    std::uint8_t *pByte = pClaims_ + bit / 8;
-    const auto mask = static_cast<std::uint32_t>(((1U << step) - 1) << (bit % 8));
-    const auto low = static_cast<std::uint8_t>(mask);
-    const auto high = static_cast<std::uint8_t>(mask >> 8);
-    if ((pByte[0] & low) != 0 || (pByte[1] & high) != 0) return false;
-    pByte[0] = static_cast<std::uint8_t>(pByte[0] | low);
-    pByte[1] = static_cast<std::uint8_t>(pByte[1] | high);
-    bit += step;
+  std::uint64_t *pWord = pClaims_ + wordStarts()[place.block] + place.offset / kBitsPerWord;
+  std::uint32_t bit = place.offset % kBitsPerWord;
+  for (std::uint32_t rest = length; rest > 0; ++pWord, bit = 0) {
+    const std::uint32_t step = std::min(rest, kBitsPerWord - bit);
+    const std::uint64_t mask = (~std::uint64_t{0} >> (kBitsPerWord - step)) << bit;
+    if ((*pWord & mask) != 0) return false;
+    *pWord |= mask;
     rest -= step;
   }
   return true;

@@ -113,7 +113,7 @@ class PackedChain {
   std::uint32_t controlBlockLen_ = 0;  // in the file
   std::int32_t blockCount_ = 0;
   std::byte *pFileControlBlock_ = nullptr;
-  std::uint8_t *pClaims_ = nullptr;
+  std::uint64_t *pClaims_ = nullptr;
   std::uint64_t *pTexts_ = nullptr;
   PackControlBlock controlBlock_{nullptr};
   WorkStorage blockTable_;

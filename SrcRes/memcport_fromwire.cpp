@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "bytes.h"
+#include "textparts.h"
 
 namespace mem {
 
@@ -44,8 +45,11 @@ class TextTarget {
   // Stores what fits. False when there is an excess that must not be.
   bool put(std::string_view text) noexcept {
     const std::size_t count = std::min(text.size(), room_ - stored_);
-    for (std::size_t i = 0; i < count; ++i) {
-      putUnit(static_cast<Unit>(static_cast<unsigned char>(text[i])));
+    if constexpr (sizeof(Unit) == 1) {
+      if (count > 0) std::memcpy(pText_ + stored_, text.data(), count);
+      stored_ += count;
+    } else {
+      for (std::size_t i = 0; i < count; ++i) putUnit(static_cast<unsigned char>(text[i]));
     }
     return count == text.size() || excess_ == Excess::dropped;
   }
@@ -77,7 +81,8 @@ class TextTarget {
 // Characters up to the first of the two; the whole of the text when there is none.
 std::size_t findEither(std::string_view text, char a, char b) noexcept {
   std::size_t i = 0;
-  while (i < text.size() && text[i] != a && text[i] != b) ++i;
+  const char *const pText = text.data();
+  while (i < text.size() && pText[i] != a && pText[i] != b) ++i;
   return i;
 }
 
@@ -91,7 +96,7 @@ bool readText(PortScanner &scanner, const MessagePoint &point, char quote, TextT
     const std::size_t plain = findEither(text, quote, '/');
     const std::size_t read = target.readable(plain);
     scanner.skip(read);
-    if (!target.put(text.substr(0, read))) return target.report(scanner, point);
+    if (!target.put(firstOf(text, read))) return target.report(scanner, point);
     if (plain == text.size()) continue;
     scanner.skip(1);
     if (text[plain] == quote) return true;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "textparts.h"
+
 namespace mem {
 
 namespace {
@@ -13,10 +15,10 @@ std::string_view textOf(const MEMPortChunk &chunk) noexcept {
 
 // The last `room` characters, or the first ones.
 std::string_view tail(std::string_view text, std::size_t room) noexcept {
-  return text.substr(text.size() - std::min(room, text.size()));
+  return behind(text, text.size() - std::min(room, text.size()));
 }
 std::string_view head(std::string_view text, std::size_t room) noexcept {
-  return text.substr(0, room);
+  return firstOf(text, std::min(room, text.size()));
 }
 
 void join(char *pTo, std::string_view first, std::string_view second) noexcept {
@@ -62,8 +64,8 @@ const MEMPortChunk *PortInput::previous() const noexcept {
 Excerpts PortInput::excerpts() const noexcept {
   Excerpts made;
   made.position = static_cast<std::int32_t>(position_);
-  const std::string_view read = tail(current_.substr(0, position_), Excerpts::kLen);
-  const std::string_view next = head(current_.substr(position_), Excerpts::kLen);
+  const std::string_view read = tail(firstOf(current_, position_), Excerpts::kLen);
+  const std::string_view next = head(behind(current_, position_), Excerpts::kLen);
   std::string_view before;
   std::string_view after;
   if (const MEMPortChunk *pBefore = previous()) {

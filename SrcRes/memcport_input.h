@@ -7,6 +7,7 @@
 
 #include "memcport_message.h"
 #include "qj7mem00/memport.h"
+#include "textparts.h"
 
 namespace mem {
 
@@ -26,7 +27,7 @@ class PortInput {
   // What is left of the current chunk, or of the next one that holds anything; empty at the end.
   std::string_view rest() noexcept {
     if (position_ == current_.size() && !step()) return {};
-    return current_.substr(position_);
+    return behind(current_, position_);
   }
   // REQUIRES: count <= rest().size().
   void skip(std::size_t count) noexcept { position_ += count; }

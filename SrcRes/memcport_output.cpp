@@ -1,7 +1,6 @@
 #include "memcport_output.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "hostaccess.h"
 
@@ -33,41 +32,50 @@ bool PortOutput::start(HMEMHEAP hMemHeap, std::int32_t capacity) noexcept {
   if (capacity > INT32_MAX - MEM_PORT_CHUNK_OVERHEAD) return false;
   hMemHeap_ = hMemHeap;
   capacity_ = capacity;
-  pFirst_ = pCurrent_ = obtainChunk();
-  return pFirst_ != nullptr;
+  pFirst_ = obtainChunk();
+  if (pFirst_ == nullptr) return false;
+  begin(pFirst_);
+  return true;
 }
 
-bool PortOutput::append(std::string_view text) noexcept {
-  if (text.size() > UINT32_MAX - total_) return false;  // no header could tell the length
+void PortOutput::begin(MEMPortChunk *pChunk) noexcept {
+  pCurrent_ = pChunk;
+  pNext_ = pChunk->Text;
+  // The header tells at most 2^32 - 1 characters.
+  room_ = std::min<std::size_t>(static_cast<std::size_t>(capacity_), UINT32_MAX - total_);
+}
+
+bool PortOutput::addChunk() noexcept {
+  if (total() == UINT32_MAX) return false;
+  MEMPortChunk *pChunk = obtainChunk();
+  if (pChunk == nullptr) return false;
+  total_ = total();
+  pCurrent_->pNext = pChunk;
+  begin(pChunk);
+  return true;
+}
+
+bool PortOutput::appendAcross(std::string_view text) noexcept {
   while (!text.empty()) {
-    if (pCurrent_->Used == capacity_) {
-      MEMPortChunk *pChunk = obtainChunk();
-      if (pChunk == nullptr) return false;
-      pCurrent_->pNext = pChunk;
-      pCurrent_ = pChunk;
-    }
-    const auto used = static_cast<std::size_t>(pCurrent_->Used);
-    const std::size_t step = std::min(text.size(), static_cast<std::size_t>(capacity_) - used);
-    std::memcpy(static_cast<char *>(pCurrent_->Text) + used, text.data(), step);
-    pCurrent_->Used += static_cast<std::int32_t>(step);
-    total_ += static_cast<std::uint32_t>(step);
+    if (room_ == 0 && !addChunk()) return false;
+    const std::size_t step = std::min(text.size(), room_);
+    std::memcpy(pNext_, text.data(), step);
+    advance(step);
     text.remove_prefix(step);
   }
   return true;
 }
 
-bool PortOutput::appendReversed(std::uint64_t value) noexcept {
-  char digits[20];
-  std::size_t count = 0;
-  for (; value != 0; value /= 10) digits[count++] = static_cast<char>('0' + value % 10);
-  return append(std::string_view(digits, count));
+bool PortOutput::appendReversedAcross(std::uint64_t value) noexcept {
+  char digits[kMostDigits];
+  return appendAcross(std::string_view(digits, putReversed(digits, value)));
 }
 
 // "(" total "," structures ")"
 void PortOutput::writeHeader(std::uint32_t structures) noexcept {
   char *pText = pFirst_->Text;
   pText[0] = '(';
-  putNumber(pText + 1, total_);
+  putNumber(pText + 1, total());
   pText[1 + kDigits] = ',';
   putNumber(pText + 2 + kDigits, structures);
   pText[2 + 2 * kDigits] = ')';

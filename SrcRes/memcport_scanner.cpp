@@ -9,29 +9,17 @@ constexpr MessagePoint kPointPushBack{"MEM_PUSHBACK", 1227};
 
 }  // namespace
 
-bool PortScanner::get(char &c) noexcept {
-  return input_.next(c) || fail(kPointEnd, "End of port string reached!");
+bool PortScanner::failAtEnd() noexcept {
+  return fail(kPointEnd, "End of port string reached!");
 }
 
 bool PortScanner::unget() noexcept {
   return input_.pushBack() || fail(kPointPushBack, "Cannot push back more than one char!");
 }
 
-bool PortScanner::expect(char expected, const MessagePoint &point, const char *pMessage) noexcept {
-  char c = 0;
-  if (!get(c)) return false;
-  return c == expected || fail(point, pMessage);
-}
-
 bool PortScanner::atFieldEnd(char c, bool &isEnd) noexcept {
   isEnd = c == '/' || c == '>';
   return !isEnd || unget();
-}
-
-std::string_view PortScanner::run() noexcept {
-  const std::string_view text = input_.rest();
-  if (text.empty()) fail(kPointEnd, "End of port string reached!");
-  return text;
 }
 
 template <class Number>

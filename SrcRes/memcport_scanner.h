@@ -16,11 +16,15 @@ class PortScanner {
       : frame_(frame), input_(input), hMemHeap_(hMemHeap) {}
 
   // The next character. False, reported, at the end of the input.
-  bool get(char &c) noexcept;
+  bool get(char &c) noexcept { return input_.next(c) || failAtEnd(); }
   // Steps back one character. False, reported, at the start of the current chunk.
   bool unget() noexcept;
   // Reads a character that must be `expected`. When it is another one, reports `pMessage`.
-  bool expect(char expected, const MessagePoint &point, const char *pMessage) noexcept;
+  bool expect(char expected, const MessagePoint &point, const char *pMessage) noexcept {
+    char c = 0;
+    if (!get(c)) return false;
+    return c == expected || fail(point, pMessage);
+  }
   // Reads a character and puts it back when it ends a field ("/" or ">"), which sets `isEnd`.
   bool atFieldEnd(char c, bool &isEnd) noexcept;
 
@@ -29,7 +33,11 @@ class PortScanner {
   bool number(std::uint64_t &value) noexcept { return digits(value); }
 
   // Unread characters that lie together; empty, reported, at the end of the input.
-  std::string_view run() noexcept;
+  std::string_view run() noexcept {
+    const std::string_view text = input_.rest();
+    if (text.empty()) failAtEnd();
+    return text;
+  }
   void skip(std::size_t count) noexcept { input_.skip(count); }
 
   // Characters of the whole input, counted once.
@@ -39,11 +47,12 @@ class PortScanner {
   void *allocate(std::int64_t length) noexcept;
 
   // Reports a message; always false.
-  bool fail(const MessagePoint &point, const char *pMessage) noexcept;
+  MEM_NOINLINE bool fail(const MessagePoint &point, const char *pMessage) noexcept;
 
   bool tracesSkipped() const noexcept { return frame_.isTraced(MEM_TRACE_SKIPPED); }
 
  private:
+  MEM_NOINLINE bool failAtEnd() noexcept;
   template <class Number>
   bool digits(Number &value) noexcept;
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "bytes.h"
+#include "textparts.h"
 
 namespace mem {
 
@@ -24,7 +25,7 @@ bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
   while (!text.empty()) {
     const auto special = std::find_if_not(text.begin(), text.end(), isPlain);
     const auto run = static_cast<std::size_t>(special - text.begin());
-    if (!output.append(text.substr(0, run))) return false;
+    if (!output.append(firstOf(text, run))) return false;
     text.remove_prefix(run);
     if (text.empty()) break;
     const char escape[] = {'/', text.front() == '\0' ? '0' : text.front()};
@@ -127,7 +128,7 @@ bool MEM_Char2PortStr(PortOutput &output, std::int32_t length, const std::byte *
 
 bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
   const std::string_view field = bytesOf(length, pField);
-  return appendQuoted(output, field.substr(0, field.find('\0')));
+  return appendQuoted(output, firstOf(field, std::min(field.find('\0'), field.size())));
 }
 
 bool MEM_PStr2PortStr(PortOutput &output, const char *pText) noexcept {

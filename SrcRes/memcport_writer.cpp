@@ -93,6 +93,8 @@ std::int16_t PortWriter::writeAll() noexcept {
   MEMPortRef *pRef = nullptr;
   if (const std::int16_t status = enter(pStruct_, structID_, pRef); status != 0) return status;
   for (; pRef != nullptr; pRef = pRef->pNext) {
+    // Structures are met in the order of the graph, not of storage.
+    if (pRef->pNext != nullptr) MEM_PREFETCH(pRef->pNext->pStruct);
     if (const std::int16_t status = MEM_Struct2Port(*pRef, 0); status != 0) return status;
   }
   return 0;
@@ -125,10 +127,10 @@ std::int16_t PortWriter::MEM_Struct2Port(const MEMPortRef &ref, int nesting) noe
   }
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
   std::uint32_t elements = 1;
-  std::int16_t status = append("(");
+  std::int16_t status = append('(');
   if (status == 0) status = appendReversed(ref.StructID);
   if (status == 0) status = writeCount(*pDef, pStruct, elements);
-  if (status == 0) status = append("<");
+  if (status == 0) status = append('<');
   if (status == 0) status = writeFields(*pDef, pStruct, elements, nesting);
   if (status == 0) status = append(">)");
   return status;
@@ -139,7 +141,7 @@ std::int16_t PortWriter::MEM_Struct2Port(const MEMPortRef &ref, int nesting) noe
 std::int16_t PortWriter::writeCount(const MEMStructDef &def, const std::byte *pStruct,
                                     std::uint32_t &elements) noexcept {
   if (!hasRepeatField(def)) return 0;
-  if (const std::int16_t status = append(","); status != 0) return status;
+  if (const std::int16_t status = append(','); status != 0) return status;
   const bool isField = def.CountField >= 0 && def.CountField < fieldCount(def);
   const MEMFieldDef *pField = isField ? &def.Fields[def.CountField] : nullptr;
   std::int64_t count = 0;
@@ -191,7 +193,7 @@ std::int16_t PortWriter::writeFields(const MEMStructDef &def, const std::byte *p
 
 std::int16_t PortWriter::writeField(const MEMStructDef &def, const MEMFieldDef &field,
                                     const std::byte *pField, bool isFirst, int nesting) noexcept {
-  std::int16_t status = isFirst ? std::int16_t{0} : append("/");
+  std::int16_t status = isFirst ? std::int16_t{0} : append('/');
   if (status == 0) status = appendReversed(field.FieldID);
   if (status == 0) status = writeValue(def, field, pField, nesting);
   return status;
@@ -225,14 +227,14 @@ std::int16_t PortWriter::writeValue(const MEMStructDef &def, const MEMFieldDef &
 std::int16_t PortWriter::writeEmbedded(const MEMFieldDef &field, const std::byte *pField,
                                        int nesting) noexcept {
   if (nesting == MEM_PORT_MAX_NESTING) return -1;
-  if (const std::int16_t status = append("E"); status != 0) return status;
+  if (const std::int16_t status = append('E'); status != 0) return status;
   const MEMPortRef embedded{
       .pStruct = pField, .StructID = field.SubStructID, .sequence = 0, .pNext = nullptr};
   return MEM_Struct2Port(embedded, nesting + 1);
 }
 
 std::int16_t PortWriter::writePointer(const MEMFieldDef &field, const void *pTarget) noexcept {
-  if (const std::int16_t status = append("S"); status != 0) return status;
+  if (const std::int16_t status = append('S'); status != 0) return status;
   if (pTarget == nullptr) return 0;
   MEMPortRef *pRef = nullptr;
   if (const std::int16_t status = enter(pTarget, field.SubStructID, pRef); status != 0) {
@@ -286,6 +288,10 @@ std::int16_t PortWriter::reportField(const MEMStructDef &def, const MEMFieldDef 
 
 std::int16_t PortWriter::append(std::string_view text) noexcept {
   return checked(output_.append(text));
+}
+
+std::int16_t PortWriter::append(char c) noexcept {
+  return checked(output_.append(c));
 }
 
 std::int16_t PortWriter::appendReversed(std::uint64_t value) noexcept {

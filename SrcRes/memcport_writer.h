@@ -63,6 +63,7 @@ class PortWriter {
   std::int16_t enter(const void *pStruct, std::uint32_t structID, MEMPortRef *&pRef) noexcept;
 
   std::int16_t append(std::string_view text) noexcept;
+  std::int16_t append(char c) noexcept;
   std::int16_t appendReversed(std::uint64_t value) noexcept;
   std::int16_t checked(bool isAppended) noexcept;
   std::int16_t report(const MessagePoint &point, const char *pMessage) noexcept;

@@ -40,9 +40,11 @@ bool grow(MEMProcessBlock &process) noexcept {
   std::uint8_t *pArea = getSinkStorage(newLen);
   if (pArea == nullptr) return false;
   std::memset(pArea, 0, newLen);
-  const std::size_t activeLen = std::size_t{process.Act} * sizeof(SinkSlot);
-  std::memcpy(pArea + newLen - activeLen, sinkSlots(process) + process.First, activeLen);
-  freeSinkStorage(process.pIndex, process.IndexLen);
+  if (process.pIndex != nullptr) {  // else the sink's start has failed before it got one
+    const std::size_t activeLen = std::size_t{process.Act} * sizeof(SinkSlot);
+    std::memcpy(pArea + newLen - activeLen, sinkSlots(process) + process.First, activeLen);
+    freeSinkStorage(process.pIndex, process.IndexLen);
+  }
   process.pIndex = pArea;
   process.IndexLen = newLen;
   process.SlotCount = slotsIn(newLen);

@@ -10,6 +10,14 @@
 #define MEM_NOINLINE __attribute__((noinline))
 #endif
 
+// Asks for a line of storage that will be read soon. Any address will do.
+#if defined(_MSC_VER) && !defined(__clang__)
+#include <intrin.h>
+#define MEM_PREFETCH(address) _mm_prefetch(reinterpret_cast<const char *>(address), _MM_HINT_T0)
+#else
+#define MEM_PREFETCH(address) __builtin_prefetch(address)
+#endif
+
 // The binding entry is exported by name: QJ7MEM00.def does it on Windows, QJ7MEM00.map together
 // with default visibility elsewhere.
 #if defined(_WIN32)

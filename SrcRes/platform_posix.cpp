@@ -1,9 +1,9 @@
+#include <pthread.h>
 #include <setjmp.h>
 #include <signal.h>
 #include <ucontext.h>
 
 #include <cstring>
-#include <mutex>
 
 #include "platform.h"
 
@@ -24,9 +24,18 @@ constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
 constexpr int kSignalCount = sizeof kSignals / sizeof kSignals[0];
 
 // Handlers are installed while at least one guarded call runs in the process.
-constinit std::mutex installMutex;
+// (A std::mutex can throw, and what can throw brings storage that is obtained at loading.)
+pthread_mutex_t installMutex = PTHREAD_MUTEX_INITIALIZER;
 int runningCalls = 0;                            // guarded by installMutex
 struct sigaction processHandlers[kSignalCount];  // what stood before; constant while installed
+
+class InstallLock {
+ public:
+  InstallLock() noexcept { pthread_mutex_lock(&installMutex); }
+  ~InstallLock() noexcept { pthread_mutex_unlock(&installMutex); }
+  InstallLock(const InstallLock &) = delete;
+  InstallLock &operator=(const InstallLock &) = delete;
+};
 
 const struct sigaction &processHandler(int signal) noexcept {
   int i = 0;
@@ -63,7 +72,7 @@ void onSignal(int signal, siginfo_t *pInfo, void *pMachine) noexcept {
 }
 
 void install() noexcept {
-  const std::lock_guard lock(installMutex);
+  const InstallLock lock;
   if (runningCalls++ > 0) return;
   struct sigaction ours;
   std::memset(&ours, 0, sizeof ours);
@@ -76,7 +85,7 @@ void install() noexcept {
 
 // A handler that the process has installed meanwhile stays.
 void uninstall() noexcept {
-  const std::lock_guard lock(installMutex);
+  const InstallLock lock;
   if (--runningCalls > 0) return;
   for (int i = 0; i < kSignalCount; ++i) {
     struct sigaction current;

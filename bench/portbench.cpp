@@ -5,33 +5,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "refhost.hpp"
+#include "benchlib.hpp"
 
 namespace {
 
-refhost::Library &library() {
-  static refhost::Library loaded(refhost::Library::besideProgram());
-  return loaded;
-}
-
-void require(std::int16_t result, const char *what) {
-  if (result != 0) throw std::runtime_error(std::string(what) + " failed");
-}
-
-MEMFieldDef fieldDef(std::uint32_t fieldID, MEMFieldType type, std::int32_t length,
-                     std::int32_t offset, std::uint32_t structID = 0) {
-  MEMFieldDef field{};
-  field.FieldID = fieldID;
-  field.Type = static_cast<std::uint8_t>(type);
-  field.Length = length;
-  field.SubStructID = structID;
-  field.Offset = offset;
-  return field;
-}
+using bench::library;
+using bench::OpenHeap;
+using bench::portField;
+using bench::require;
 
 // Definition table and structures of one case.
 struct Case {
@@ -55,7 +39,7 @@ constexpr std::size_t kElements = 10000;
 
 // One structure with a count and elements of 8 bytes from byte 8 on.
 void makeRepeated(Case &made, MEMFieldType type) {
-  made.fields = {fieldDef(1, MEM_PORT_LONG, 4, 0), fieldDef(2, type, 8, 8)};
+  made.fields = {portField(1, MEM_PORT_LONG, 4, 0), portField(2, type, 8, 8)};
   made.define(16, 0);
   made.storage.assign(1 + kElements, 0);
   made.storage[0] = kElements;
@@ -80,8 +64,8 @@ void makeStrings(Case &made) {
 
 // A list of `count` structures, each with a number, the next one and one on the way.
 void makePointers(Case &made, std::size_t count) {
-  made.fields = {fieldDef(1, MEM_PORT_LONG, 4, 0), fieldDef(2, MEM_PORT_PNT, 8, 8, 1),
-                 fieldDef(3, MEM_PORT_PNT, 8, 16, 1)};
+  made.fields = {portField(1, MEM_PORT_LONG, 4, 0), portField(2, MEM_PORT_PNT, 8, 8, 1),
+                 portField(3, MEM_PORT_PNT, 8, 16, 1)};
   made.define(24);
   made.storage.assign(3 * count, 0);
   for (std::size_t i = 0; i < count; ++i) {
@@ -115,26 +99,11 @@ std::string textOf(const Written &written) {
   return text;
 }
 
-class HeapOf {
- public:
-  explicit HeapOf(MEMFunctionVector &mem) : mem_(mem) {
-    require(mem_.MEM_HeapOpen(&heap_, 256, 0), "MEM_HeapOpen");
-  }
-  ~HeapOf() { mem_.MEM_HeapClose(heap_); }
-  HeapOf(const HeapOf &) = delete;
-  HeapOf &operator=(const HeapOf &) = delete;
-  HMEMHEAP get() const { return heap_; }
-
- private:
-  MEMFunctionVector &mem_;
-  HMEMHEAP heap_ = nullptr;
-};
-
 void measureWriting(benchmark::State &state, const Case &made) {
   refhost::Session session(library().bindEntry());
   std::int64_t length = 0;
   for (auto _ : state) {
-    const HeapOf heap(session.vector());
+    const OpenHeap heap(session.vector());
     length = write(session.vector(), made, heap.get()).length;
   }
   state.SetBytesProcessed(state.iterations() * length);
@@ -143,11 +112,11 @@ void measureWriting(benchmark::State &state, const Case &made) {
 void measureReading(benchmark::State &state, const Case &made, bool inChunks) {
   refhost::Session session(library().bindEntry());
   MEMFunctionVector &mem = session.vector();
-  const HeapOf source(mem);
+  const OpenHeap source(mem);
   const Written written = write(mem, made, source.get());
   const std::string text = textOf(written);
   for (auto _ : state) {
-    const HeapOf heap(mem);
+    const OpenHeap heap(mem);
     void *root = nullptr;
     require(inChunks ? mem.MEM_PortStrToStruct(made.defs.data(), written.first, heap.get(), &root)
                      : mem.MEM_Port1StrToStruct(made.defs.data(), text.data(), written.length,
@@ -161,7 +130,7 @@ void measureReading(benchmark::State &state, const Case &made, bool inChunks) {
 // The floor: a copy of the text.
 void measureCopy(benchmark::State &state, const Case &made) {
   refhost::Session session(library().bindEntry());
-  const HeapOf source(session.vector());
+  const OpenHeap source(session.vector());
   const std::string text = textOf(write(session.vector(), made, source.get()));
   std::string copy(text.size(), ' ');
   for (auto _ : state) {

@@ -1,29 +1,22 @@
-// Cost of the string sink by the number of strings that it holds: a new string, a known one, a
-// look-up and a delete. The host's protection calls, which change page tables, are most of what a
-// new string costs; `protect` counts them per call, and HostProtectionFloor shows what one costs
-// alone. New strings must not become dearer with the space already used.
+// Cost of the string sink by the number of strings that it holds, where peerbench has no peers for
+// it: a new string with its delete, strings in order, a look-up and a delete. The host's protection
+// calls, which change page tables, are most of what a new string costs; `protect` counts them per
+// call. New strings must not become dearer with the space already used.
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "refhost.hpp"
+#include "benchlib.hpp"
 
 namespace {
 
+using bench::library;
+using bench::require;
+
 using refhost::Service;
-
-refhost::Library &library() {
-  static refhost::Library loaded(refhost::Library::besideProgram());
-  return loaded;
-}
-
-void require(std::int16_t result, const char *what) {
-  if (result != 0) throw std::runtime_error(std::string(what) + " failed");
-}
 
 // A started sink with `count` strings, and their copies. The strings come in no order, as names
 // do: the number is spread over 32 bits.
@@ -60,18 +53,6 @@ void countProtection(benchmark::State &state, refhost::Host &host, std::uint64_t
       benchmark::Counter(static_cast<double>(calls), benchmark::Counter::kAvgIterations);
 }
 
-// What do the host's two protection calls around a write cost by themselves?
-void HostProtectionFloor(benchmark::State &state) {
-  FilledSink sink(1);
-  const MEMRuntimeServices &runtime = sink.host().runtime();
-  std::uint8_t *const space = sink.host().anchor()->Segments[0].pSpace;
-  for (auto _ : state) {
-    runtime.ProtectStorage(space, 24, MEM_SINK_SUBPOOL, MEM_PROTECT_WRITABLE);
-    runtime.ProtectStorage(space, 24, MEM_SINK_SUBPOOL, MEM_PROTECT_READ_ONLY);
-  }
-}
-BENCHMARK(HostProtectionFloor);
-
 // How dear is a new string, with its delete, in a sink of this many?
 void SinkNewAndDelete(benchmark::State &state) {
   const auto count = static_cast<std::size_t>(state.range(0));
@@ -85,30 +66,6 @@ void SinkNewAndDelete(benchmark::State &state) {
   countProtection(state, sink.host(), before);
 }
 BENCHMARK(SinkNewAndDelete)->Arg(1000)->Arg(10000)->Arg(100000);
-
-// What does one of `count` new strings cost while the sink fills? The time of a run is that of all.
-void SinkNew(benchmark::State &state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
-  std::vector<std::string> texts;
-  for (std::size_t i = 0; i < count; ++i) texts.push_back(FilledSink::text(i));
-  std::uint64_t protection = 0;
-  for (auto _ : state) {
-    state.PauseTiming();
-    {
-      FilledSink sink(0);
-      const std::uint64_t before = sink.host().calls(Service::ProtectStorage);
-      state.ResumeTiming();
-      for (const std::string &text : texts) benchmark::DoNotOptimize(sink.sink(text));
-      state.PauseTiming();
-      protection += sink.host().calls(Service::ProtectStorage) - before;
-    }
-    state.ResumeTiming();
-  }
-  state.SetItemsProcessed(state.iterations() * state.range(0));
-  const auto strings = static_cast<double>(state.iterations() * state.range(0));
-  state.counters["protect"] = static_cast<double>(protection) / strings;
-}
-BENCHMARK(SinkNew)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 // What does one more of strings in the order of their bytes cost, the best case for the index?
 void SinkNewInOrder(benchmark::State &state) {
@@ -130,20 +87,6 @@ void SinkNewInOrder(benchmark::State &state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(SinkNewInOrder)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
-
-// A known string: search and count, no write into the string space.
-void SinkKnown(benchmark::State &state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
-  FilledSink sink(count);
-  const std::uint64_t before = sink.host().calls(Service::ProtectStorage);
-  std::size_t i = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(sink.sink(sink.copies()[i]));
-    i = i + 1 < count ? i + 1 : 0;
-  }
-  countProtection(state, sink.host(), before);
-}
-BENCHMARK(SinkKnown)->Arg(1000)->Arg(10000)->Arg(100000);
 
 void SinkVerify(benchmark::State &state) {
   const auto count = static_cast<std::size_t>(state.range(0));

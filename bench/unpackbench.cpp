@@ -7,14 +7,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "benchlib.hpp"
 #include "chainwriter.hpp"
-#include "refhost.hpp"
 
 namespace {
+
+using bench::library;
+using bench::require;
 
 using chainwriter::Bytes;
 using chainwriter::Chain;
@@ -27,11 +29,6 @@ using chainwriter::Tree;
 using chainwriter::Writer;
 
 constexpr std::size_t kBlockLen = 2048;
-
-refhost::Library &library() {
-  static refhost::Library loaded(refhost::Library::besideProgram());
-  return loaded;
-}
 
 // A chain of records, each with a narrow and a wide text of its own, in about `blocks` blocks.
 Tree recordsFor(std::size_t blocks, const Writer &writer) {
@@ -113,13 +110,9 @@ void unpackChain(benchmark::State &state, const Writer &writer) {
     const std::int16_t result =
         mem.MEM_Unpack(&first, &root, reinterpret_cast<const MemPackCB *>(callers.data()));
     const auto end = std::chrono::steady_clock::now();
-    if (result != 0) throw std::runtime_error("MEM_Unpack failed");
+    require(result, "MEM_Unpack");
     state.SetIterationTime(std::chrono::duration<double>(end - start).count());
-    while (first != loaded.first() && first != nullptr) {
-      MemPackBlock *const next = first->pNext;
-      mem.MEM_Free(first, MEM_UNPACK_BLOCK_LEN, 0);
-      first = next;
-    }
+    if (first != loaded.first()) bench::returnChain(mem, first, MEM_UNPACK_BLOCK_LEN);
   }
   setCounters(state, loaded, tree.nodes.size());
   state.counters["blocks"] = static_cast<double>(chain.blocks.size());

@@ -25,13 +25,20 @@ endif()
 
 # The public headers, as hosts and callers include them.
 add_library(mem_headers INTERFACE)
-target_include_directories(mem_headers INTERFACE ${CMAKE_SOURCE_DIR}/include)
+target_include_directories(mem_headers INTERFACE
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
 # A sanitizer has to see the library, the host and the tests alike, so it is no target's own affair.
 if(MEM_SANITIZE)
   add_compile_options(-fsanitize=${MEM_SANITIZE} -fno-sanitize-recover=all
     -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${MEM_SANITIZE})
+endif()
+
+# Counters for coverage belong to the library; whatever links its objects needs their runtime. The
+# counts of several threads add up.
+if(MEM_COVERAGE)
+  add_link_options(--coverage)
 endif()
 add_compile_definitions($<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
 

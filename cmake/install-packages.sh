@@ -2,12 +2,17 @@
 # Installs the Debian packages that a job needs and this machine lacks. Says and does nothing when
 # all of them are there.
 #
-#   cmake/install-packages.sh [linux] [windows] [lint] [fuzz]
+#   cmake/install-packages.sh <job>...
 #
-# linux    build and tests on Linux
-# windows  cross build, and Wine to run what it makes
-# lint     clang-format and clang-tidy
-# fuzz     clang with libFuzzer and the sanitizers' runtime
+# linux     build and tests on Linux
+# windows   cross build, and Wine to run what it makes
+# lint      clang-format and clang-tidy
+# fuzz      clang with libFuzzer and the sanitizers' runtime
+# bench     what the benchmarks compare the library with
+# coverage  the report of covered lines and branches
+# memcheck  valgrind
+# docs      Doxygen, for the reference of the headers
+# packages  what makes and looks into Debian packages
 set -euo pipefail
 
 # Headers that the tools are compiled with, on and for every platform.
@@ -15,12 +20,22 @@ toolHeaders=(libcli11-dev libfmt-dev nlohmann-json3-dev)
 
 packagesFor() {
   case $1 in
-    linux) echo g++ googletest libbenchmark-dev "${toolHeaders[@]}" ;;
+    linux) echo g++ googletest libbenchmark-dev pkg-config "${toolHeaders[@]}" ;;
     windows)
-      echo clang llvm lld g++-mingw-w64-x86-64-posix googletest wine wine64 "${toolHeaders[@]}"
+      echo clang llvm lld g++-mingw-w64-x86-64-posix googletest pkg-config wine wine64 \
+        "${toolHeaders[@]}"
       ;;
     lint) echo clang llvm lld clang-format clang-tidy "${toolHeaders[@]}" ;;
     fuzz) echo clang llvm googletest libclang-rt-14-dev "${toolHeaders[@]}" ;;
+    bench)
+      echo g++ pkg-config libbenchmark-dev libmimalloc-dev libboost-dev libboost-serialization-dev \
+        libapr1-dev libabsl-dev libflatbuffers-dev flatbuffers-compiler capnproto libcapnp-dev \
+        protobuf-compiler libprotobuf-dev rapidjson-dev python3
+      ;;
+    coverage) echo gcovr ;;
+    memcheck) echo valgrind ;;
+    docs) echo doxygen ;;
+    packages) echo dpkg-dev file ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2

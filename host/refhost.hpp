@@ -1,18 +1,20 @@
-// The reference host: an embeddable host runtime for tests, tools, examples and for developers of
-// components who do not have the real one.
-//
-// It implements every service that the library calls, on Linux and Windows. A Host owns the service
-// vectors, the MEM function vector, one thread environment per thread, the storage account and the
-// message table. Service functions carry no context argument, so at most one Host exists per
-// process at a time (constructing a second one is a logic_error).
-// It keeps the rules of the real runtime strictly: a wrong use of a service is refused where that
-// is possible and is reported as a Misuse in any case.
-//
-// Threading: services may be called on any number of threads at once. The members of Host that
-// read state (account, calls, records, message, …) may be called at any time; those that change
-// settings (setTraceFlags, arm, record…, onTrace) may too, and take effect at the next call.
-// Construction, destruction, bind, unbind and restoreSlots must not overlap any call through the
-// vector.
+/** @file refhost.hpp
+ * The reference host: an embeddable host runtime for tests, tools, examples and for developers of
+ * components who do not have the real one.
+ *
+ * It implements every service that the library calls, on Linux and Windows. A Host owns the service
+ * vectors, the MEM function vector, one thread environment per thread, the storage account and the
+ * message table. Service functions carry no context argument, so at most one Host exists per
+ * process at a time (constructing a second one is a logic_error).
+ * It keeps the rules of the real runtime strictly: a wrong use of a service is refused where that
+ * is possible and is reported as a Misuse in any case.
+ *
+ * Threading: services may be called on any number of threads at once. The members of Host that
+ * read state (account, calls, records, message, …) may be called at any time; those that change
+ * settings (setTraceFlags, arm, record…, onTrace) may too, and take effect at the next call.
+ * Construction, destruction, bind, unbind and restoreSlots must not overlap any call through the
+ * vector.
+ */
 #pragma once
 
 #include <array>
@@ -32,7 +34,7 @@
 
 namespace refhost {
 
-// Every service that the library calls, in the order of vectors and slots.
+/** Every service that the library calls, in the order of vectors and slots. */
 enum class Service {
   GetAnchor,
   SetAnchor,
@@ -61,40 +63,43 @@ inline constexpr std::size_t kServiceCount = 22;
 
 std::string_view serviceName(Service service);
 
-// Results of a service that refuses a call by itself. The same number is left in the calling
-// thread's error area at offset 80, with a short text in the name field (offset 360).
-inline constexpr std::uint16_t kNoStorage = 8;        // more than kMaxStorage, or none left
-inline constexpr std::uint16_t kBadArgument = 12;     // a value that the service does not know
-inline constexpr std::uint16_t kNoGate = 16;          // gate not made, or deleted
-inline constexpr std::uint16_t kGateOwned = 20;       // acquired again by the thread that holds it
-inline constexpr std::uint16_t kNotStorage = 24;      // range not inside one live area
-inline constexpr std::uint16_t kNotProtectable = 28;  // area without pages of its own
-inline constexpr std::uint16_t kBadText = 32;         // text that is not valid in its code page
-inline constexpr std::uint16_t kNoRoom = 36;          // result of a conversion does not fit
+/** @name Results of a service that refuses a call by itself
+ * The same number is left in the calling thread's error area at offset 80, with a short text in the
+ * name field (offset 360). */
+/** @{ */
+inline constexpr std::uint16_t kNoStorage = 8;    /**< more than kMaxStorage, or none left */
+inline constexpr std::uint16_t kBadArgument = 12; /**< a value that the service does not know */
+inline constexpr std::uint16_t kNoGate = 16;      /**< gate not made, or deleted */
+inline constexpr std::uint16_t kGateOwned = 20;   /**< acquired again by the thread that holds it */
+inline constexpr std::uint16_t kNotStorage = 24;  /**< range not inside one live area */
+inline constexpr std::uint16_t kNotProtectable = 28; /**< area without pages of its own */
+inline constexpr std::uint16_t kBadText = 32;        /**< text that is not valid in its code page */
+inline constexpr std::uint16_t kNoRoom = 36;         /**< result of a conversion does not fit */
+/** @} */
 
-// Longest storage request that is served, in bytes. It keeps a test with a wild length from
-// bringing its machine down.
+/** Longest storage request that is served, in bytes. It keeps a test with a wild length from
+ * bringing its machine down. */
 inline constexpr std::uint32_t kMaxStorage = 0x40000000;
 
-// Storage of this subpool, and any area of at least kPagedLength bytes, has whole pages of its own,
-// so that it can be protected.
+/** Storage of this subpool, and any area of at least kPagedLength bytes, has whole pages of its
+ * own, so that it can be protected. */
 inline constexpr std::uint16_t kProtectedSubPool = MEM_SINK_SUBPOOL;
 inline constexpr std::uint32_t kPagedLength = 0x10000;
 
-// Room for text in a thread's trace buffer, and the room that Format takes for granted at any other
-// destination; both in bytes with the terminator. Longer texts are cut.
+/** Room for text in a thread's trace buffer, and the room that Format takes for granted at any
+ * other destination; both in bytes with the terminator. Longer texts are cut. */
 inline constexpr std::size_t kTraceTextRoom = 8192;
 inline constexpr std::size_t kFormatRoom = 4096;
 
 struct Options {
-  bool dirtyStorage = false;  // storage is filled with dirtyByte instead of zeros
+  bool dirtyStorage = false; /**< storage is filled with dirtyByte instead of zeros */
   std::uint8_t dirtyByte = 0xA5;
-  bool bigEndian = false;        // platform flag that pSysEnv carries
-  bool nullSysEnv = false;       // bind with a null pSysEnv
-  std::uint32_t traceFlags = 0;  // flags of every frame until setTraceFlags
+  bool bigEndian = false;       /**< platform flag that pSysEnv carries */
+  bool nullSysEnv = false;      /**< bind with a null pSysEnv */
+  std::uint32_t traceFlags = 0; /**< flags of every frame until setTraceFlags */
 };
 
-// Storage account of one subpool and kind, or of all. Lengths are those asked for.
+/** Storage account of one subpool and kind, or of all. Lengths are those asked for. */
 struct Account {
   std::uint64_t liveBytes = 0;
   std::uint64_t liveCount = 0;
@@ -103,10 +108,10 @@ struct Account {
   std::uint64_t totalCount = 0;
 };
 
-// Kind under which storage of the pool services (slots 48 and 49) is kept in the account.
+/** Kind under which storage of the pool services (slots 48 and 49) is kept in the account. */
 inline constexpr std::uint16_t kPoolKind = 0xFFFF;
 
-// A storage area that was not returned.
+/** A storage area that was not returned. */
 struct Leak {
   void *area;
   std::uint64_t length;
@@ -114,45 +119,46 @@ struct Leak {
   std::uint16_t kind;
 };
 
-// A return of storage that does not match how it was obtained, or another wrong use of a service
-// (a gate released by a thread that does not hold it, frames left out of order). Kept until read.
+/** A return of storage that does not match how it was obtained, or another wrong use of a service
+ * (a gate released by a thread that does not hold it, frames left out of order). Kept until read.
+ */
 struct Misuse {
   Service service;
   std::string what;
 };
 
-// One recorded service call. The first four arguments are widened to 64 bits (signed ones with
-// their sign) in the order of the slot's signature; addresses are kept as numbers. Of Format only
-// the destination and the format are kept.
+/** One recorded service call. The first four arguments are widened to 64 bits (signed ones with
+ * their sign) in the order of the slot's signature; addresses are kept as numbers. Of Format only
+ * the destination and the format are kept. */
 struct HostCall {
   Service service;
-  std::string frame;  // name of the innermost frame at the time of the call;
-                      // for EnterFrame and LeaveFrame: of that frame itself
+  std::string frame; /**< name of the innermost frame at the time of the call;
+                          for EnterFrame and LeaveFrame: of that frame itself */
   std::array<std::uint64_t, 4> args{};
-  std::uint64_t result = 0;  // GetAnchor and the storage services: the address obtained, or 0;
-                             // Format: the length; else the code; 0 while the call runs
+  std::uint64_t result = 0; /**< GetAnchor and the storage services: the address obtained, or 0;
+                                 Format: the length; else the code; 0 while the call runs */
 };
 
-// One trace record, with the text copied.
+/** One trace record, with the text copied. */
 struct TraceRecord {
-  std::string type;  // "STDE", "STDX", "EXCP", "SL05" or "SL32"
+  std::string type; /**< "STDE", "STDX", "EXCP", "SL05" or "SL32" */
   std::string source;
   std::string function;
   std::int32_t line = 0;
-  std::string text;  // wide text is kept as UTF-8
+  std::string text; /**< wide text is kept as UTF-8 */
   Service writtenBy = Service::WriteRecord;
 };
 
-// A failure to inject: the nth next call of a service (1 = the next one) fails. It does none of the
-// service's work and returns `code`; a service without a result just does nothing. Cells that the
-// service would have stored into are left alone.
+/** A failure to inject: the nth next call of a service (1 = the next one) fails. It does none of
+ * the service's work and returns `code`; a service without a result just does nothing. Cells that
+ * the service would have stored into are left alone. */
 struct Fault {
   Service service = Service::GetStorage;
   std::uint64_t nth = 1;
-  bool andAllLater = false;     // every call from the nth on fails
-  std::uint16_t code = 8;       // the service's own result
-  std::uint32_t errorCode = 0;  // left at offset 80 of the thread environment, 0 = nothing
-  std::string errorText = {};   // left in the name field (offset 360) when errorCode is set
+  bool andAllLater = false;    /**< every call from the nth on fails */
+  std::uint16_t code = 8;      /**< the service's own result */
+  std::uint32_t errorCode = 0; /**< left at offset 80 of the thread environment, 0 = nothing */
+  std::string errorText = {};  /**< left in the name field (offset 360) when errorCode is set */
 };
 
 struct Message {
@@ -167,77 +173,103 @@ class Host {
   Host(const Host &) = delete;
   Host &operator=(const Host &) = delete;
 
-  // Binding. The lists handed over hold the vectors below; the cells beyond the four used ones hold
-  // tables of functions that end the program with a message, and so do all reserved slots.
-  // Unbind before destruction: a bound library keeps the addresses of the host's tables.
+  /** @name Binding
+   * The lists handed over hold the vectors below; the cells beyond the four used ones hold tables
+   * of functions that end the program with a message, and so do all reserved slots. Unbind before
+   * destruction: a bound library keeps the addresses of the host's tables. */
+  /** @{ */
   void bind(MEMBindFn *entry);
   void unbind(MEMBindFn *entry, std::int16_t mode = 0);
+  /** @} */
 
-  // The host's tables. Slots may be replaced at any time. restoreSlots puts the host's own services
-  // back, and in the MEM function vector, while bound, what binding filled in.
+  /** @name The host's tables
+   * Slots may be replaced at any time. restoreSlots puts the host's own services back, and in the
+   * MEM function vector, while bound, what binding filled in. */
+  /** @{ */
   MEMFunctionVector &vector();
   MEMRuntimeServices &runtime();
   MEMTraceServices &trace();
   MEMTextServices &text();
   MEMSysEnv &sysEnv();
   void restoreSlots();
+  /** @} */
 
-  // The calling thread's environment, made at first use, all zero but for its trace buffer. It
-  // lives as long as the host, also when its thread has ended. With withoutThreadEnv(true) frames
-  // entered from then on get a null environment, on all threads.
+  /** @name The calling thread's environment
+   * Made at first use, all zero but for its trace buffer. It lives as long as the host, also when
+   * its thread has ended. With withoutThreadEnv(true) frames entered from then on get a null
+   * environment, on all threads. */
+  /** @{ */
   MEMThreadEnv &thread();
   void withoutThreadEnv(bool missing);
+  /** @} */
 
-  // Process anchor of component 3, and the registered message table.
+  /** @name Process anchor of component 3, and the registered message table */
+  /** @{ */
   MEMProcessBlock *anchor() const;
   const MEMMessageRow *messageTable() const;
   std::optional<Message> message(std::uint32_t code) const;
+  /** @} */
 
-  // Storage.
+  /** @name Storage */
+  /** @{ */
   Account account(std::uint16_t subPool, std::uint16_t kind) const;
-  Account account(std::uint16_t subPool) const;  // all kinds of a subpool
-  Account account() const;                       // everything
+  Account account(std::uint16_t subPool) const; /**< all kinds of a subpool */
+  Account account() const;                      /**< everything */
   std::vector<Leak> leaks() const;
-  std::string accountReport() const;           // a table, one line a subpool and kind
-  std::string leakReport() const;              // empty when all storage has been returned
-  bool isReadOnly(const void *address) const;  // under protection mode 16
+  std::string accountReport() const;          /**< a table, one line a subpool and kind */
+  std::string leakReport() const;             /**< empty when all storage has been returned */
+  bool isReadOnly(const void *address) const; /**< under protection mode 16 */
   void setDirtyStorage(bool dirty);
+  /** @} */
 
-  // Gates.
-  std::size_t gateCount() const;  // gates made and not deleted
+  /** @name Gates */
+  /** @{ */
+  std::size_t gateCount() const; /**< gates made and not deleted */
   std::size_t heldGateCount() const;
+  /** @} */
 
   std::vector<Misuse> takeMisuses();
 
-  // Fault injection. Arming replaces an earlier fault of the same service. Frames cannot fail:
-  // arming EnterFrame or LeaveFrame, or an nth of 0, is a logic_error.
+  /** @name Fault injection
+   * Arming replaces an earlier fault of the same service. Frames cannot fail: arming EnterFrame or
+   * LeaveFrame, or an nth of 0, is a logic_error. */
+  /** @{ */
   void arm(Fault fault);
-  void disarm();                      // all services
-  std::uint64_t faultsFired() const;  // since construction
+  void disarm();                     /**< all services */
+  std::uint64_t faultsFired() const; /**< since construction */
+  /** @} */
 
-  // Counts since construction or resetCalls, and, while recording, the calls in order.
+  /** @name Counts since construction or resetCalls, and, while recording, the calls in order */
+  /** @{ */
   std::uint64_t calls(Service service) const;
   void resetCalls();
   void recordCalls(bool on);
   std::vector<HostCall> takeCalls();
+  /** @} */
 
-  // Tracing. Records go to every sink that is set: kept in memory, one line each to a stream or a
-  // file, or to a callback. setTraceFlags takes effect at the next frame entered. A null stream, an
-  // empty path or an empty callback ends that sink. The stream must outlive its use. The callback
-  // runs on the thread that writes the record, on several at once, and may use the library.
+  /** @name Tracing
+   * Records go to every sink that is set: kept in memory, one line each to a stream or a file, or
+   * to a callback. setTraceFlags takes effect at the next frame entered. A null stream, an empty
+   * path or an empty callback ends that sink. The stream must outlive its use. The callback runs on
+   * the thread that writes the record, on several at once, and may use the library. */
+  /** @{ */
   void setTraceFlags(std::uint32_t flags);
   void keepRecords(bool on);
   std::vector<TraceRecord> takeRecords();
   void traceToStream(std::ostream *stream);
-  void traceToFile(const std::filesystem::path &path);  // throws std::runtime_error
+  void traceToFile(const std::filesystem::path &path); /**< throws std::runtime_error */
   void onTrace(std::function<void(const TraceRecord &)> callback);
+  /** @} */
 
-  // What FilterException answers (1 unless set) and, when not 0, stores in the frame. On answer 1
-  // the frames inside the one given count as left.
+  /** What FilterException answers (1 unless set) and, when not 0, stores in the frame. On answer 1
+   * the frames inside the one given count as left. */
   void setFilterAnswer(std::int32_t answer, std::uint16_t result = 0);
-  // Text and detail of the last ReportError call on any thread, empty before the first.
+
+  /** @name Text and detail of the last ReportError call on any thread, empty before the first */
+  /** @{ */
   std::string lastReportedText() const;
   std::string lastReportedDetail() const;
+  /** @} */
 
   struct Impl;
 
@@ -247,7 +279,7 @@ class Host {
 
 namespace detail {
 
-// A scalar as the eight bytes in which Windows passes it.
+/** A scalar as the eight bytes in which Windows passes it. */
 template <class T>
 std::uint64_t widen(T value) {
   if constexpr (std::is_pointer_v<T>) {
@@ -264,24 +296,24 @@ std::string formatWidened(const char *format, const std::uint64_t *args, std::si
 
 }  // namespace detail
 
-// Formats integers and pointers by the printf rules of 64-bit Windows, as the host's Format service
-// does: `h` is 16 bits, `l` and no size 32, `ll`, `I64` and pointers 64; %S (and %ls, %ws) is
-// UTF-16 and comes out as UTF-8; %p is 16 upper-case digits. Each argument is widened to 64 bits
-// first, so any integer may stand for any integer conversion. %n and floating point do not exist:
-// an unknown conversion is copied as it stands. Texts are cut at 65,535 bytes. Throws
-// std::invalid_argument when there are fewer arguments than conversions.
+/** Formats integers and pointers by the printf rules of 64-bit Windows, as the host's Format
+ * service does: `h` is 16 bits, `l` and no size 32, `ll`, `I64` and pointers 64; %S (and %ls, %ws)
+ * is UTF-16 and comes out as UTF-8; %p is 16 upper-case digits. Each argument is widened to 64 bits
+ * first, so any integer may stand for any integer conversion. %n and floating point do not exist:
+ * an unknown conversion is copied as it stands. Texts are cut at 65,535 bytes. Throws
+ * std::invalid_argument when there are fewer arguments than conversions. */
 template <class... Args>
 std::string formatText(const char *format, Args... args) {
   const std::array<std::uint64_t, sizeof...(Args)> widened{detail::widen(args)...};
   return detail::formatWidened(format, widened.data(), widened.size());
 }
 
-// One line per record: "STDE MEM_HeapOpen(..\SrcRes\MEMCHEAP:101) text". Control characters are
-// shown as "\x0A".
+/** One line per record: "STDE MEM_HeapOpen(..\SrcRes\MEMCHEAP:101) text". Control characters are
+ * shown as "\x0A". */
 std::string traceLine(const TraceRecord &record);
 
-// The dynamic library, loaded at run time and unloaded at destruction. Throws std::runtime_error
-// with the loader's reason. Unbind before destruction.
+/** The dynamic library, loaded at run time and unloaded at destruction. Throws std::runtime_error
+ * with the loader's reason. Unbind before destruction. */
 class Library {
  public:
   explicit Library(const std::filesystem::path &path);
@@ -290,8 +322,8 @@ class Library {
   Library &operator=(const Library &) = delete;
   MEMBindFn *bindEntry() const { return bindEntry_; }
 
-  // The library's file name on this platform ("QJ7MEM00.so", "QJ7MEM00.dll") in the folder of the
-  // running program.
+  /** The library's file name on this platform ("QJ7MEM00.so", "QJ7MEM00.dll") in the folder of the
+   * running program. */
   static std::filesystem::path besideProgram();
 
  private:
@@ -299,12 +331,12 @@ class Library {
   MEMBindFn *bindEntry_ = nullptr;
 };
 
-// A host that is bound to a loaded library, with the process and the calling thread started.
-// Destruction ends the thread and the process and unbinds; it belongs on the same thread. Further
-// threads call MEM_ThreadAct and MEM_ThreadTerm themselves.
+/** A host that is bound to a loaded library, with the process and the calling thread started.
+ * Destruction ends the thread and the process and unbinds; it belongs on the same thread. Further
+ * threads call MEM_ThreadAct and MEM_ThreadTerm themselves. */
 class Session {
  public:
-  // Throws std::runtime_error with the failing step, its code and text; nothing is left behind.
+  /** Throws std::runtime_error with the failing step, its code and text; nothing is left behind. */
   explicit Session(MEMBindFn *entry, Options options = {});
   ~Session();
   Host &host() { return host_; }

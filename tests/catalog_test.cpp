@@ -17,10 +17,13 @@
 #include "catalog_arguments.hpp"
 #include "catalog_errors.hpp"
 #include "catalog_model.hpp"
-#include "chain_file.hpp"
+#include "catalog_report.hpp"
 #include "memtest.hpp"
+#include "most_needed.hpp"
+#include "record_files.hpp"
 #include "status_reader.hpp"
 #include "utf_text.hpp"
+#include "waiting_list.hpp"
 
 namespace {
 
@@ -148,6 +151,75 @@ TEST(CatalogArguments, RefusesWhatItDoesNotKnow) {
   EXPECT_EQ(arguments.blockLength, 2147483647);
   EXPECT_EQ(arguments.catalogue, "in");
   EXPECT_EQ(arguments.chainFile, "out");
+}
+
+class CatalogRecordsTest : public memtest::StartedTest {
+ protected:
+  const catalog::PackageRecord *build(const std::vector<Package> &packages) {
+    return catalog::buildRecords(context, heap, packages);
+  }
+
+  const mem::Context context = mem::contextOf(host);
+  mem::Heap heap = catalog::need(mem::Heap::open(context));
+};
+
+TEST_F(CatalogRecordsTest, DependenciesLeadBackwardForwardToThemselvesAndToTheFirstOfAName) {
+  const std::vector<Package> packages = catalog::parseCatalogue(
+      "Package: a\nDepends: b:any, c, absent\n\n"
+      "Package: b\nDepends: a, b, c\n\n"
+      "Package: b\nDepends: b, absent\n\n"
+      "Package: c\nDepends: b\n",
+      "status");
+  const catalog::PackageRecord *const root = build(packages);
+  catalog::checkRecords(root, packages);
+  EXPECT_EQ(catalog::countRecords(root).references, 7U);
+  EXPECT_EQ(catalog::countRecords(root).dependencies, 9U);
+}
+
+TEST_F(CatalogRecordsTest, WaitingListReusesTheCellsOfWhatNoLongerWaits) {
+  constexpr std::size_t kWaiting = 1000;
+  const std::uint64_t liveBefore = host.account().liveCount;
+  std::vector<catalog::DependencyRecord> dependencies(kWaiting);
+  catalog::DependencyRecord other{};
+  catalog::PackageRecord package{};
+  {
+    catalog::WaitingList waiting(context);
+    waiting.add("other", other);
+    std::uint64_t areas = 0;
+    for (int round = 0; round < 3; ++round) {
+      for (catalog::DependencyRecord &dependency : dependencies) {
+        dependency.pPackage = nullptr;
+        waiting.add("a", dependency);
+      }
+      EXPECT_EQ(waiting.resolve("b", package), 0U);
+      EXPECT_EQ(waiting.resolve("a", package), kWaiting);
+      EXPECT_EQ(waiting.resolve("a", package), 0U) << "they wait no longer";
+      for (const catalog::DependencyRecord &dependency : dependencies) {
+        ASSERT_EQ(dependency.pPackage, &package);
+      }
+      if (round == 0) areas = host.account().totalCount;
+      EXPECT_EQ(host.account().totalCount, areas) << "round " << round;
+    }
+  }
+  EXPECT_EQ(other.pPackage, nullptr);
+  EXPECT_EQ(host.account().liveCount, liveBefore);
+}
+
+TEST_F(CatalogRecordsTest, ReportTellsTheMostNeededPackagesWithTheirSummaries) {
+  const std::vector<Package> packages = catalog::parseCatalogue(
+      "Package: a\nDepends: late, absent, absent, absent\n\n"
+      "Package: b\nDescription: \xC3\xA9t\xC3\xA9\nDepends: a, late\n\n"
+      "Package: late\nDescription: comes last\nDepends: b\n",
+      "status");
+  const catalog::PackageRecord *const root = build(packages);
+  EXPECT_EQ(catalog::neededLines(context, catalog::mostNeeded(root, 9)),
+            "  late                     2  dependencies: comes last\n"
+            "  a                        1  dependencies\n"
+            "  b                        1  dependencies: \xC3\xA9t\xC3\xA9\n");
+  const auto first = catalog::mostNeeded(root, 1);
+  ASSERT_EQ(first.size(), 1U);
+  EXPECT_STREQ(first[0].package->pName, "late");
+  EXPECT_TRUE(catalog::mostNeeded(nullptr, 1).empty());
 }
 
 // A chain file taken apart by hand. Content offsets count from the used length, as in the file.
@@ -283,22 +355,29 @@ class CatalogChain : public memtest::StartedTest {
  protected:
   void packAndCompare(std::int32_t blockLength, std::size_t leastBlocks) {
     const std::vector<Package> packages = catalog::readCatalogue(samplePath());
-    catalog::CatalogRecords records(host, packages);
-    const MemPackCB packCB = catalog::describeRecords();
-    catalog::PackedChain chain(host, packCB, records.root(), blockLength);
+    mem::Heap heap = openHeap();
+    const catalog::PackageRecord *const root = catalog::buildRecords(context, heap, packages);
+    const mem::PackedChain chain = pack(*root, blockLength);
     const std::filesystem::path path = chainPath();
-    chain.write(path);
+    catalog::writeChainFile(chain, path);
 
     const ChainFile file(path);
     ASSERT_EQ(std::filesystem::file_size(path), chain.size().bytes);
     ASSERT_EQ(file.blocks().size(), chain.size().blocks);
     EXPECT_GE(file.blocks().size(), leastBlocks);
     const std::string &first = file.blocks()[0];
+    const MemPackCB &packCB = catalog::kPackTable.controlBlock();
     EXPECT_EQ(first.substr(2, 4), "0220");
     EXPECT_EQ(std::memcmp(first.data() + 6, &packCB, sizeof(packCB)), 0);
     const std::int16_t rootOffset = 6 + static_cast<std::int16_t>(sizeof(packCB));
     ChainComparison(file).compare({0, rootOffset, 0}, packages);
     std::filesystem::remove(path);
+  }
+
+  mem::Heap openHeap() { return catalog::need(mem::Heap::open(context, {.subPool = 20})); }
+
+  mem::PackedChain pack(const catalog::PackageRecord &root, std::int32_t blockLength) {
+    return catalog::need(mem::PackedChain::pack(context, catalog::kPackTable, root, blockLength));
   }
 
   static std::filesystem::path samplePath() {
@@ -320,6 +399,8 @@ class CatalogChain : public memtest::StartedTest {
     const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
     return refhost::Library::besideProgram().parent_path() / ("catalog_test_" + name + ".chain");
   }
+
+  const mem::Context context = mem::contextOf(host);
 };
 
 TEST_F(CatalogChain, HoldsTheSampleInOneBlock) {
@@ -332,10 +413,10 @@ TEST_F(CatalogChain, HoldsTheSampleInManyBlocks) {
 
 TEST_F(CatalogChain, FailureToPackIsReportedWithCodeNameMessageAndText) {
   const std::vector<Package> packages = catalog::readCatalogue(samplePath());
-  catalog::CatalogRecords records(host, packages);
-  const MemPackCB packCB = catalog::describeRecords();
+  mem::Heap heap = openHeap();
+  const catalog::PackageRecord *const root = catalog::buildRecords(context, heap, packages);
   try {
-    catalog::PackedChain chain(host, packCB, records.root(), 900);
+    const mem::PackedChain chain = pack(*root, 900);
     FAIL() << "a block of 900 bytes cannot hold the control block";
   } catch (const catalog::ServiceError &error) {
     EXPECT_STREQ(error.what(),
@@ -347,7 +428,6 @@ TEST_F(CatalogChain, FailureToPackIsReportedWithCodeNameMessageAndText) {
 
 TEST_F(CatalogChain, LackOfStorageReturnsWhatWasObtained) {
   const std::vector<Package> packages = catalog::readCatalogue(samplePath());
-  const MemPackCB packCB = catalog::describeRecords();
   const std::uint64_t liveBefore = host.account().liveCount;
   for (std::uint64_t nth = 1;; ++nth) {
     refhost::Fault fault;
@@ -356,8 +436,10 @@ TEST_F(CatalogChain, LackOfStorageReturnsWhatWasObtained) {
     host.arm(fault);
     const std::uint64_t firedBefore = host.faultsFired();
     try {
-      catalog::CatalogRecords records(host, packages);
-      catalog::PackedChain chain(host, packCB, records.root(), 1100);
+      mem::Heap heap = openHeap();
+      const catalog::PackageRecord *const root = catalog::buildRecords(context, heap, packages);
+      const mem::PackedChain chain = pack(*root, 1100);
+      catalog::neededLines(context, catalog::mostNeeded(root, packages.size()));
     } catch (const catalog::ServiceError &) {
     }
     host.disarm();

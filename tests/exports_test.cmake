@@ -64,3 +64,13 @@ if(foreign)
   message(FATAL_ERROR "${MODULE} needs \"${foreign}\"; expected nothing but \"${allowed}\"")
 endif()
 message(STATUS "${MODULE} exports ${names} and needs ${needed}")
+
+# Nothing runs when the module is loaded, and no storage is obtained then. (The sanitizers and the
+# coverage counters do both.)
+if(NOT MODULE MATCHES "\\.dll$" AND NOT SANITIZE)
+  list_lines(symbols ${NM} --defined-only --format=posix ${MODULE})
+  collect(initialisers "^(_GLOBAL__sub_I_[^ ]+) " "${symbols}")
+  if(initialisers)
+    message(FATAL_ERROR "${MODULE} has initialisers that run when it is loaded: ${initialisers}")
+  endif()
+endif()

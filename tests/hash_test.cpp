@@ -1,5 +1,6 @@
 // Hash tables: layout, chains and reuse, results and exit texts, and the slots they use.
 
+#include <algorithm>
 #include <limits>
 #include <memory>
 #include <ostream>

@@ -1,5 +1,6 @@
 // Standard heaps against a model, with random operations on several heaps at once.
 
+#include <algorithm>
 #include <array>
 #include <memory>
 

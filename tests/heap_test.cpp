@@ -1,28 +1,14 @@
 // The standard heap: layouts, addresses, limits, failures, trace records and the slots it uses.
 
-#include <limits>
-#include <ostream>
-
-#include "heaptest.hpp"
+#include "heapfixture.hpp"
 
 namespace memtest {
 namespace {
 
 using refhost::Service;
 
-constexpr std::int32_t kLongest = std::numeric_limits<std::int32_t>::max();
-constexpr std::uint32_t kSmallArea = 1024;  // AreaLen 1
-constexpr std::int32_t kSmallMost = 968;    // longest area entry of such a heap
-constexpr char kSource[] = "(..\\SrcRes\\MEMCHEAP) ";
-
-std::string invalidHandle(const void *handle) {
-  return "Invalid Heap Handle=" + hex16(handle);
-}
-
-class HeapTest : public HeapHashTest {
+class HeapTest : public HeapFixture {
  protected:
-  explicit HeapTest(refhost::Options options = withDirtyStorage()) : HeapHashTest(options) {}
-
   HMEMHEAP open(std::int16_t areaLen = 1, std::uint16_t subPool = kSubPool) {
     HMEMHEAP heap = nullptr;
     EXPECT_EQ(mem.MEM_HeapOpen(&heap, areaLen, subPool), 0);
@@ -36,43 +22,13 @@ class HeapTest : public HeapHashTest {
     EXPECT_EQ(mem.MEM_HeapAllocEntryLong(heap, len, &entry), 0);
     return static_cast<std::uint8_t *>(entry);
   }
-
-  // The start of the area or block that the last storage call delivered.
-  std::uint8_t *obtained() {
-    void *last = nullptr;
-    for (const refhost::HostCall &call : host.takeCalls()) {
-      if (call.service == Service::GetStorage) last = reinterpret_cast<void *>(call.result);
-    }
-    return static_cast<std::uint8_t *>(last);
-  }
 };
-
-template <class T>
-T *pointerAt(const void *base, std::size_t offset) {
-  return load<T *>(base, offset);
-}
 
 // Opening.
 
-struct OpenCase {
-  std::int16_t areaLen;
-  std::uint16_t subPool;
-  std::uint16_t hostSubPool;
-  std::uint16_t hostKind;
-};
-
-void PrintTo(const OpenCase &row, std::ostream *out) {
-  *out << "AreaLen " << row.areaLen << ", SubPool " << row.subPool;
-}
-
 class HeapOpenTest : public HeapTest, public ::testing::WithParamInterface<OpenCase> {};
 
-INSTANTIATE_TEST_SUITE_P(Arguments, HeapOpenTest,
-                         ::testing::Values(OpenCase{1, 7, 7, 1}, OpenCase{1, 0, 0, 1},
-                                           OpenCase{2, 230, 230, 1}, OpenCase{255, 7, 7, 1},
-                                           OpenCase{256, 7, 7, 1}, OpenCase{3, 32767, 32767, 1},
-                                           OpenCase{3, 0xFFFB, 5, 2}, OpenCase{3, 0xFF00, 0, 2},
-                                           OpenCase{3, 0x8000, 32768, 2}));
+INSTANTIATE_TEST_SUITE_P(Arguments, HeapOpenTest, ::testing::ValuesIn(kOpenCases));
 
 TEST_P(HeapOpenTest, HeaderIsWrittenWholeAndTheRestIsLeftAsObtained) {
   const std::uint32_t areaSize = static_cast<std::uint32_t>(GetParam().areaLen) * 1024;
@@ -151,26 +107,7 @@ TEST_F(HeapTest, HeapsAreIndependent) {
 
 // Single entries. Both entry points give the same for the same length.
 
-using AllocFn = std::int16_t(MEMFunctionVector &, HMEMHEAP, std::int32_t, void **);
-
-struct Variant {
-  const char *name;
-  AllocFn *alloc;
-};
-
-std::int16_t allocShort(MEMFunctionVector &mem, HMEMHEAP heap, std::int32_t len, void **ppEntry) {
-  return mem.MEM_HeapAllocEntry(heap, static_cast<std::int16_t>(len), ppEntry);
-}
-
-std::int16_t allocLong(MEMFunctionVector &mem, HMEMHEAP heap, std::int32_t len, void **ppEntry) {
-  return mem.MEM_HeapAllocEntryLong(heap, len, ppEntry);
-}
-
-void PrintTo(const Variant &variant, std::ostream *out) {
-  *out << variant.name;
-}
-
-class HeapEntryTest : public HeapTest, public ::testing::WithParamInterface<Variant> {
+class HeapEntryTest : public HeapTest, public ::testing::WithParamInterface<AllocVariant> {
  protected:
   std::uint8_t *take(HMEMHEAP heap, std::int32_t len) {
     void *entry = nullptr;
@@ -180,9 +117,9 @@ class HeapEntryTest : public HeapTest, public ::testing::WithParamInterface<Vari
 };
 
 INSTANTIATE_TEST_SUITE_P(Lengths, HeapEntryTest,
-                         ::testing::Values(Variant{"Short", allocShort},
-                                           Variant{"Long", allocLong}),
-                         caseName<Variant>);
+                         ::testing::Values(AllocVariant{"Short", allocShort},
+                                           AllocVariant{"Long", allocLong}),
+                         caseName<AllocVariant>);
 
 TEST_P(HeapEntryTest, EntriesFollowEachOtherRoundedUpTo8) {
   HMEMHEAP heap = open();
@@ -419,32 +356,8 @@ TEST_F(HeapTest, LargeBlocksAreChainedNewestFirst) {
   close(heap);
 }
 
-// Stands in for storage that no test machine should have to provide.
-struct HugeStorage {
-  static constexpr std::uint32_t kRealLen = 64;
-  inline static std::uint32_t askedSize = 0;
-  inline static std::uint32_t freedSize = 0;
-  alignas(8) inline static std::uint8_t bytes[kRealLen];
-  inline static MEMFunctionVector own{};
-
-  static void *alloc(std::uint32_t size, std::int16_t subPool) {
-    if (size < 0x40000000U) return own.MEM_Alloc(size, subPool);
-    askedSize = size;
-    return bytes;
-  }
-  static void release(void *area, std::uint32_t size, std::int16_t subPool) {
-    if (area == bytes) {
-      freedSize = size;
-    } else {
-      own.MEM_Free(area, size, subPool);
-    }
-  }
-};
-
 TEST_F(HeapTest, LengthsUpToTheLimitDoNotWrap) {
-  HugeStorage::own = mem;
-  mem.MEM_Alloc = HugeStorage::alloc;
-  mem.MEM_Free = HugeStorage::release;
+  HugeStorage::standIn(mem);
   const struct {
     std::int32_t len;
     std::uint32_t blockSize;
@@ -598,29 +511,6 @@ TEST_P(HeapHandleTest, StandingMessageIsCutAt63Characters) {
 
 // Chains.
 
-using ChainFn = std::int16_t(MEMFunctionVector &, HMEMHEAP, std::int32_t len, std::int32_t count,
-                             std::int16_t linkOff, void **);
-
-struct ChainVariant {
-  const char *name;
-  ChainFn *alloc;
-};
-
-void PrintTo(const ChainVariant &variant, std::ostream *out) {
-  *out << variant.name;
-}
-
-std::int16_t chainShort(MEMFunctionVector &mem, HMEMHEAP heap, std::int32_t len, std::int32_t count,
-                        std::int16_t linkOff, void **ppEntry) {
-  return mem.MEM_HeapAllocMultEntries(heap, static_cast<std::int16_t>(len),
-                                      static_cast<std::int16_t>(count), linkOff, ppEntry);
-}
-
-std::int16_t chainLong(MEMFunctionVector &mem, HMEMHEAP heap, std::int32_t len, std::int32_t count,
-                       std::int16_t linkOff, void **ppEntry) {
-  return mem.MEM_HeapAllocLongMultEntries(heap, len, count, linkOff, ppEntry);
-}
-
 class HeapChainTest : public HeapTest, public ::testing::WithParamInterface<ChainVariant> {
  protected:
   bool isShort() const { return GetParam().alloc == chainShort; }
@@ -629,12 +519,7 @@ class HeapChainTest : public HeapTest, public ::testing::WithParamInterface<Chai
                                    std::int16_t linkOff) {
     void *first = nullptr;
     EXPECT_EQ(GetParam().alloc(mem, heap, len, count, linkOff, &first), 0);
-    std::vector<std::uint8_t *> entries;
-    auto *entry = static_cast<std::uint8_t *>(first);
-    while (entry != nullptr && entries.size() <= static_cast<std::size_t>(count)) {
-      entries.push_back(entry);
-      entry = pointerAt<std::uint8_t>(entry, static_cast<std::size_t>(linkOff));
-    }
+    const auto entries = entriesOf(first, static_cast<std::size_t>(count), linkOff);
     EXPECT_EQ(entries.size(), static_cast<std::size_t>(count));
     return entries;
   }
@@ -1044,35 +929,7 @@ TEST_F(HeapRoutingTest, ChainsEndAtTheFirstFailureOfSlot14) {
 
 // Trace records.
 
-class HeapTraceTest : public HeapTest {
- protected:
-  static constexpr std::uint32_t kBoth = MEM_TRACE_ENTRY | MEM_TRACE_EXIT;
-
-  static std::string entryLine(const std::string &name, const std::string &text) {
-    return "STDE " + name + kSource + "Parms: " + text;
-  }
-  static std::string exitLine(const std::string &name) {
-    return "STDX " + name + kSource + "Return=SUCCESS";
-  }
-  static std::string storageLine(const std::string &name, const std::string &text) {
-    return "SL05 " + name + kSource + text;
-  }
-  static std::string atLine(const void *address, std::uint32_t size) {
-    return ", ptr=" + hex16(address) + ", size=" + std::to_string(size);
-  }
-
-  // The lines of heaps only.
-  template <class Call>
-  Lines heapTraced(std::uint32_t flags, Call call) {
-    Lines lines;
-    for (const std::string &line : traced(flags, call)) {
-      if (line.find(kSource) != std::string::npos) lines.push_back(line);
-    }
-    return lines;
-  }
-};
-
-constexpr char kLongName[] = "Mem_HeapAllocEntryLong";  // as it is
+using HeapTraceTest = HeapTest;
 
 TEST_F(HeapTraceTest, OpenAndClose) {
   HMEMHEAP heap = nullptr;

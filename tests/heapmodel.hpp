@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <string>
 #include <utility>
@@ -78,7 +79,8 @@ class StorageTrail {
 // How a call is to end: code 0 is success.
 struct Outcome {
   std::uint32_t code = 0;
-  std::string text;
+  std::string text = {};
+  FailureMarks marks = {};
 };
 
 inline void expectOutcome(Stage &stage, std::int16_t result, const Outcome &expected) {
@@ -91,47 +93,79 @@ inline void expectOutcome(Stage &stage, std::int16_t result, const Outcome &expe
   EXPECT_EQ(error.ReturnCode, kFailedCode);
   EXPECT_EQ(error.Code, expected.code);
   EXPECT_EQ(std::string(error.NameText), expected.text);
+  EXPECT_EQ(error.Component, expected.marks.component);
+  EXPECT_EQ(error.InnerCode, expected.marks.innerCode);
+  EXPECT_EQ(std::string(error.InnerText), expected.marks.innerText);
 }
 
-// A standard heap: areas that are filled from one end, and blocks for what is too long for them.
+// In what the two kinds of heap differ.
+struct HeapKind {
+  const char *eyecatcher;
+  std::uint32_t headerLen;
+  std::size_t curAreaAt;  // offsets in the header
+  std::size_t largeBlocksAt;
+  std::size_t areaSizeAt;
+  std::size_t subPoolAt;
+  std::uint32_t leastLen;  // of an entry
+  bool refusesLenBelow1;
+  const char *noAreaText;
+  FailureMarks marks;
+};
+
+inline constexpr HeapKind kStandardKind = {"QQQHEAP1", kHeapHeaderLen,     24, 32, 40, 44, 8,
+                                           true,       "MemAllocAreaFail", {}};
+inline constexpr HeapKind kEnhancedKind = {"ENHHEAP1", kEHeapHeaderLen, 40,       48, 56, 28, 16,
+                                           false,      "MemAllocFail",  kOwnMarks};
+
+// A heap: areas that are filled from one end, and blocks for what is too long for them.
 class HeapModel {
  public:
-  HeapModel(std::uint8_t *header, std::uint32_t areaSize, std::uint16_t subPool)
-      : areaSize_(areaSize), subPool_(subPool), areas_{{header, kHeapHeaderLen}} {}
+  HeapModel(std::uint8_t *header, std::uint32_t areaSize, std::uint16_t subPool,
+            const HeapKind &kind = kStandardKind)
+      : kind_(&kind), areaSize_(areaSize), subPool_(subPool), areas_{{header, kind.headerLen}} {}
+
+  // Bytes that an entry of this length takes.
+  std::uint32_t rounded(std::int32_t len) const {
+    if (len < 1) return kind_->leastLen;
+    return std::max((static_cast<std::uint32_t>(len) + 7) / 8 * 8, kind_->leastLen);
+  }
+
+  // The limit is the standard heap's for either kind.
+  bool isLarge(std::int32_t len) const { return rounded(len) > areaSize_ - kHeapHeaderLen; }
 
   // The entry that an allocation is to give, and how the allocation is to end. Fresh storage is
   // taken from the trail.
   std::uint8_t *alloc(std::int32_t len, StorageTrail &trail, Outcome &outcome) {
     outcome = {};
-    if (len < 1) {
+    if (len < 1 && kind_->refusesLenBelow1) {
       outcome = {4051, "Entry Length=" + std::to_string(len) + " too small"};
       return nullptr;
     }
-    const std::uint32_t rounded = (static_cast<std::uint32_t>(len) + 7) / 8 * 8;
-    if (rounded > areaSize_ - kHeapHeaderLen) return allocBlock(rounded, trail, outcome);
-    if (rounded > areaSize_ - areas_.back().used && !addArea(trail, outcome)) return nullptr;
+    const std::uint32_t taken = rounded(len);
+    if (isLarge(len)) return allocBlock(taken, trail, outcome);
+    if (taken > areaSize_ - areas_.back().used && !addArea(trail, outcome)) return nullptr;
     Area &current = areas_.back();
     std::uint8_t *entry = current.base + current.used;
-    current.used += rounded;
+    current.used += taken;
     return entry;
   }
 
   // All chains in memory are as modelled.
   void expectChains() const {
     const std::uint8_t *header = areas_.front().base;
-    EXPECT_EQ(load<std::uint32_t>(header, 40), areaSize_);
-    EXPECT_EQ(load<std::uint16_t>(header, 44), subPool_);
-    EXPECT_EQ(load<std::uint8_t *>(header, 24), areas_.back().base);
+    EXPECT_EQ(load<std::uint32_t>(header, kind_->areaSizeAt), areaSize_);
+    EXPECT_EQ(load<std::uint16_t>(header, kind_->subPoolAt), subPool_);
+    EXPECT_EQ(load<std::uint8_t *>(header, kind_->curAreaAt), areas_.back().base);
     const std::uint8_t *area = header;
     for (const Area &expected : areas_) {
       ASSERT_EQ(area, expected.base);
-      EXPECT_EQ(eyecatcher(area), area == header ? "QQQHEAP1" : "QQQHEAPN");
+      EXPECT_EQ(eyecatcher(area), area == header ? kind_->eyecatcher : "QQQHEAPN");
       EXPECT_EQ(load<std::uint32_t>(area, 16), expected.used);
       EXPECT_EQ(load<std::uint32_t>(area, 20), areaSize_ - expected.used);
       area = load<std::uint8_t *>(area, 8);
     }
     EXPECT_EQ(area, nullptr);
-    const std::uint8_t *block = load<std::uint8_t *>(header, 32);
+    const std::uint8_t *block = load<std::uint8_t *>(header, kind_->largeBlocksAt);
     for (auto expected = blocks_.rbegin(); expected != blocks_.rend(); ++expected) {
       ASSERT_EQ(block, expected->base);
       EXPECT_EQ(eyecatcher(block), "QQQHBLKN");
@@ -176,81 +210,92 @@ class HeapModel {
   bool addArea(StorageTrail &trail, Outcome &outcome) {
     std::uint8_t *base = trail.take(areaSize_, subPool_);
     if (base == nullptr) {
-      outcome = {4055, "MemAllocAreaFail"};
+      outcome = {4055, kind_->noAreaText, kind_->marks};
       return false;
     }
     areas_.push_back({base, kAreaHeaderLen});
     return true;
   }
 
-  std::uint8_t *allocBlock(std::uint32_t rounded, StorageTrail &trail, Outcome &outcome) {
-    const std::uint32_t size = kBlockHeaderLen + rounded;
+  std::uint8_t *allocBlock(std::uint32_t taken, StorageTrail &trail, Outcome &outcome) {
+    const std::uint32_t size = kBlockHeaderLen + taken;
     std::uint8_t *base = trail.take(size, subPool_);
     if (base == nullptr) {
-      outcome = {4055, "MemAllocBlkFail"};
+      outcome = {4055, "MemAllocBlkFail", kind_->marks};
       return nullptr;
     }
     blocks_.push_back({base, size});
     return base + kBlockHeaderLen;
   }
 
+  const HeapKind *kind_;
   std::uint32_t areaSize_;
   std::uint16_t subPool_;
   std::vector<Area> areas_;   // oldest first, the last is the current one
   std::vector<Area> blocks_;  // oldest first
 };
 
-// A heap of the library with its model and what a caller has written into its entries.
-class CheckedHeap {
+// What the drivers of both kinds of heap do: they compare with the model what the library's calls
+// have given, and remember what a caller has written into the entries.
+class HeapDriver {
  public:
-  CheckedHeap(Stage &stage, std::int16_t areaLen, std::uint16_t subPool) : stage_(stage) {
-    stage_.watch.uses.clear();
+  bool isOpen() const { return handle_ != nullptr; }
+  std::size_t entryCount() const { return entries_.size(); }
+
+ protected:
+  static constexpr std::int16_t kNoLink = -1;
+
+  struct Entry {
+    std::uint8_t *address;
+    std::int32_t askedLen;
+    std::uint32_t len;  // bytes that the caller may use
+    std::int16_t linkOff;
+    const std::uint8_t *link;
+    std::uint8_t fill;
+    bool isFreed = false;
+  };
+
+  HeapDriver(Stage &stage, const HeapKind &kind) : stage_(stage), kind_(kind) {}
+
+  // A heap has been opened, or not. `marks` are those of a refusal of storage.
+  void recordOpen(std::int16_t result, HMEMHEAP handle, std::int16_t areaLen, std::uint16_t subPool,
+                  const FailureMarks &marks) {
     const auto areaSize = static_cast<std::uint32_t>(areaLen) * 1024;
-    auto *handle = static_cast<HMEMHEAP>(untouched());
-    const std::int16_t result = stage_.mem.MEM_HeapOpen(&handle, areaLen, subPool);
     StorageTrail trail(stage_);
     std::uint8_t *header = trail.take(areaSize, subPool);
     if (header == nullptr) {
-      expectOutcome(stage_, result, {4055, "MemAllocFail"});
+      expectOutcome(stage_, result, {4055, "MemAllocFail", marks});
       EXPECT_EQ(handle, untouched());
       return;
     }
     expectOutcome(stage_, result, {});
     EXPECT_EQ(static_cast<void *>(handle), header);
     handle_ = handle;
-    model_.emplace_back(header, areaSize, subPool);
+    model_.emplace_back(header, areaSize, subPool, kind_);
   }
-
-  bool isOpen() const { return handle_ != nullptr; }
-  std::size_t entryCount() const { return entries_.size(); }
 
   // REQUIRES for all below: isOpen()
 
-  void alloc(std::int32_t len, bool asShort) {
-    void *entry = untouched();
-    const std::int16_t result =
-        asShort ? stage_.mem.MEM_HeapAllocEntry(handle_, static_cast<std::int16_t>(len), &entry)
-                : stage_.mem.MEM_HeapAllocEntryLong(handle_, len, &entry);
+  // The entry that an allocation is to give, and the allocation's outcome.
+  using EntryOfModel = std::function<std::uint8_t *(StorageTrail &, Outcome &)>;
+
+  void recordAlloc(std::int16_t result, void *entry, std::int32_t len,
+                   const EntryOfModel &expected) {
     StorageTrail trail(stage_);
     Outcome outcome;
-    std::uint8_t *expected = model().alloc(len, trail, outcome);
+    std::uint8_t *modelled = expected(trail, outcome);
     expectOutcome(stage_, result, outcome);
-    EXPECT_EQ(entry, outcome.code == 0 ? expected : untouched());
-    if (entry == expected && outcome.code == 0) use(expected, len, kNoLink, nullptr);
+    EXPECT_EQ(entry, outcome.code == 0 ? modelled : untouched());
+    if (entry == modelled && outcome.code == 0) use(modelled, len, kNoLink, nullptr);
   }
 
-  void chain(std::int32_t len, std::int32_t count, std::int16_t linkOff, bool asShort) {
-    void *first = untouched();
-    const std::int16_t result =
-        asShort
-            ? stage_.mem.MEM_HeapAllocMultEntries(handle_, static_cast<std::int16_t>(len),
-                                                  static_cast<std::int16_t>(count), linkOff, &first)
-            : stage_.mem.MEM_HeapAllocLongMultEntries(handle_, len, count, linkOff, &first);
+  void recordChain(std::int16_t result, void *first, std::int32_t len, std::int32_t count,
+                   std::int16_t linkOff, const EntryOfModel &expected) {
     StorageTrail trail(stage_);
     Outcome outcome;
     std::vector<std::uint8_t *> entries;
     while (outcome.code == 0 && static_cast<std::int32_t>(entries.size()) < count) {
-      std::uint8_t *entry = model().alloc(len, trail, outcome);
+      std::uint8_t *entry = expected(trail, outcome);
       if (outcome.code == 0) entries.push_back(entry);
     }
     expectOutcome(stage_, result, outcome);
@@ -264,38 +309,50 @@ class CheckedHeap {
   }
 
   // The heap's own records and all that callers have written are as they should be.
-  void check() const {
+  void expectIntact() const {
     model().expectChains();
     for (const Entry &entry : entries_) expectIntact(entry);
   }
 
-  void close() {
-    check();
+  // Around a close: the lines of the storage that it is to return, and the comparison.
+  Lines beginClose() {
     stage_.tally.areas += static_cast<int>(model().areaCount());
     stage_.tally.blocks += static_cast<int>(model().blockCount());
     stage_.watch.uses.clear();
-    const AddressNames names = model().names();
-    Lines expected = model().closingLines();
-    expected.insert(expected.begin(), "11(" + hex16(handle_) + ")");
-    EXPECT_EQ(stage_.mem.MEM_HeapClose(handle_), 0);
-    EXPECT_EQ(stage_.watch.takeLines(names), expected);
-    handle_ = nullptr;
+    return model().closingLines();
   }
 
- private:
-  static constexpr std::int16_t kNoLink = -1;
-
-  struct Entry {
-    std::uint8_t *address;
-    std::uint32_t len;
-    std::int16_t linkOff;
-    const std::uint8_t *link;
-    std::uint8_t fill;
-  };
+  void endClose(const Lines &expected) {
+    EXPECT_EQ(stage_.watch.takeLines(model().names()), expected);
+    handle_ = nullptr;
+  }
 
   HeapModel &model() { return model_.front(); }
   const HeapModel &model() const { return model_.front(); }
 
+  static void expectIntact(const Entry &entry) {
+    if (entry.isFreed) return expectFreed(entry);
+    forFreeParts(entry, [&](const std::uint8_t *part, std::size_t length) {
+      EXPECT_TRUE(allBytesAre(part, length, entry.fill));
+    });
+    if (entry.linkOff == kNoLink) return;
+    EXPECT_EQ(load<std::uint8_t *>(entry.address, static_cast<std::size_t>(entry.linkOff)),
+              entry.link);
+  }
+
+  // An area entry that was given back: no link, its size, zeros.
+  static void expectFreed(const Entry &entry) {
+    const std::uint32_t size = (entry.len + 7) / 8 * 8;
+    EXPECT_TRUE(allBytesAre(entry.address, 8, 0));
+    EXPECT_EQ(load<std::uint32_t>(entry.address, 8), size);
+    EXPECT_TRUE(allBytesAre(entry.address + 12, size - 12, 0));
+  }
+
+  Stage &stage_;
+  HMEMHEAP handle_ = nullptr;
+  std::vector<Entry> entries_;
+
+ private:
   // Bytes of an entry before and behind its link.
   template <class Visit>
   static void forFreeParts(const Entry &entry, Visit visit) {
@@ -312,7 +369,9 @@ class CheckedHeap {
   void use(std::uint8_t *address, std::int32_t len, std::int16_t linkOff,
            const std::uint8_t *link) {
     const auto fill = static_cast<std::uint8_t>(entries_.size() * 7 + 1);
-    const Entry entry = {address, static_cast<std::uint32_t>(len), linkOff, link, fill};
+    const auto usable = static_cast<std::uint32_t>(
+        std::max(len, kind_.refusesLenBelow1 ? 1 : static_cast<std::int32_t>(kind_.leastLen)));
+    const Entry entry = {address, len, usable, linkOff, link, fill};
     forFreeParts(entry, [&](std::uint8_t *part, std::size_t length) {
       EXPECT_TRUE(allBytesAre(part, length, stage_.dirty));
       std::memset(part, fill, length);
@@ -320,19 +379,57 @@ class CheckedHeap {
     entries_.push_back(entry);
   }
 
-  static void expectIntact(const Entry &entry) {
-    forFreeParts(entry, [&](const std::uint8_t *part, std::size_t length) {
-      EXPECT_TRUE(allBytesAre(part, length, entry.fill));
-    });
-    if (entry.linkOff == kNoLink) return;
-    EXPECT_EQ(load<std::uint8_t *>(entry.address, static_cast<std::size_t>(entry.linkOff)),
-              entry.link);
+  const HeapKind &kind_;
+  std::vector<HeapModel> model_;  // one, once the heap is open
+};
+
+// A standard heap of the library with its model.
+class CheckedHeap : public HeapDriver {
+ public:
+  CheckedHeap(Stage &stage, std::int16_t areaLen, std::uint16_t subPool)
+      : HeapDriver(stage, kStandardKind) {
+    stage_.watch.uses.clear();
+    auto *handle = static_cast<HMEMHEAP>(untouched());
+    const std::int16_t result = stage_.mem.MEM_HeapOpen(&handle, areaLen, subPool);
+    recordOpen(result, handle, areaLen, subPool, {});
   }
 
-  Stage &stage_;
-  HMEMHEAP handle_ = nullptr;
-  std::vector<HeapModel> model_;  // one, once the heap is open
-  std::vector<Entry> entries_;
+  // REQUIRES for all below: isOpen()
+
+  void alloc(std::int32_t len, bool asShort) {
+    void *entry = untouched();
+    const std::int16_t result =
+        asShort ? stage_.mem.MEM_HeapAllocEntry(handle_, static_cast<std::int16_t>(len), &entry)
+                : stage_.mem.MEM_HeapAllocEntryLong(handle_, len, &entry);
+    recordAlloc(result, entry, len, entryOfModel(len));
+  }
+
+  void chain(std::int32_t len, std::int32_t count, std::int16_t linkOff, bool asShort) {
+    void *first = untouched();
+    const std::int16_t result =
+        asShort
+            ? stage_.mem.MEM_HeapAllocMultEntries(handle_, static_cast<std::int16_t>(len),
+                                                  static_cast<std::int16_t>(count), linkOff, &first)
+            : stage_.mem.MEM_HeapAllocLongMultEntries(handle_, len, count, linkOff, &first);
+    recordChain(result, first, len, count, linkOff, entryOfModel(len));
+  }
+
+  void check() const { expectIntact(); }
+
+  void close() {
+    check();
+    Lines expected = beginClose();
+    expected.insert(expected.begin(), "11(" + hex16(handle_) + ")");
+    EXPECT_EQ(stage_.mem.MEM_HeapClose(handle_), 0);
+    endClose(expected);
+  }
+
+ private:
+  EntryOfModel entryOfModel(std::int32_t len) {
+    return [this, len](StorageTrail &trail, Outcome &outcome) {
+      return model().alloc(len, trail, outcome);
+    };
+  }
 };
 
 // Hash functions for keys of any length: by the first byte.

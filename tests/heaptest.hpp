@@ -1,8 +1,8 @@
-// What tests of heaps and hash tables share: views of control blocks byte by byte, a watch over the
-// slots through which services call each other, and a fixture that checks how a call ends.
+// What tests of heaps, hash tables, cell pools and concatenation buffers share: views of control
+// blocks byte by byte, a watch over the slots through which services call each other, and a fixture
+// that checks how a call ends.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -18,6 +18,7 @@ namespace memtest {
 
 // The formats of heaps, written here a second time, on purpose.
 inline constexpr std::uint32_t kHeapHeaderLen = 56;
+inline constexpr std::uint32_t kEHeapHeaderLen = 64;
 inline constexpr std::uint32_t kAreaHeaderLen = 24;
 inline constexpr std::uint32_t kBlockHeaderLen = 24;
 
@@ -43,8 +44,9 @@ inline std::string eyecatcher(const void *block) {
 }
 
 inline bool allBytesAre(const void *from, std::size_t length, std::uint8_t value) {
+  if (length == 0) return true;
   const auto *bytes = static_cast<const std::uint8_t *>(from);
-  return std::all_of(bytes, bytes + length, [value](std::uint8_t byte) { return byte == value; });
+  return bytes[0] == value && std::memcmp(bytes, bytes + 1, length - 1) == 0;  // each as the next
 }
 
 // Builds the expected bytes of a block field by field.
@@ -263,13 +265,35 @@ struct Report {
   std::string detail;
   std::uint32_t code;
   std::uint16_t returnCode;
+  std::uint16_t component;
 };
+
+// What a failure leaves in the error area beside code, name and return code. Enhanced heaps set the
+// component; where the host failed, its own code and text are the inner ones.
+struct FailureMarks {
+  std::uint16_t component = 0;
+  std::uint32_t innerCode = 0;
+  const char *innerText = "";
+};
+
+// The code and text of host failures in these tests, as faultOf(service, kHostError) gives them.
+inline constexpr std::uint32_t kHostError = 777;
+
+// Marks of an enhanced heap's failures: of its own, and of those that keep the host's error.
+inline constexpr FailureMarks kOwnMarks = {MEM_COMPONENT};
+inline constexpr FailureMarks kHostMarks = {MEM_COMPONENT, kHostError, kHostErrorText};
 
 // How a failure fills the name field.
 enum class NameBy {
   kMessage,  // composed in the free message text and copied from there
   kItself,   // composed in place, the free message text stays
   kStanding  // whatever free message text stands is copied
+};
+
+// What the host is told about a failure.
+struct Told {
+  std::string detail = {};
+  bool messageText = false;  // the free message text instead of the name field
 };
 
 // The free message text before each call that is expected to fail.
@@ -314,24 +338,31 @@ class HeapHashTest : public StartedTest {
   explicit HeapHashTest(refhost::Options options = withDirtyStorage()) : StartedTest(options) {
     reports_ = &reports;
     thread_ = &env();
+    hostReport_ = host.text().ReportError;
     host.text().ReportError = [](char *pErrorText, const char *pDetail) {
+      const MEMErrorArea &left = thread_->Error;
       reports_->push_back(
-          {pErrorText, pErrorText, pDetail, thread_->Error.Code, thread_->Error.ReturnCode});
+          {pErrorText, pErrorText, pDetail, left.Code, left.ReturnCode, left.Component});
+      hostReport_(pErrorText, pDetail);
     };
   }
 
   void setMessageText(const std::string &text) { std::strcpy(env().MessageText, text.c_str()); }
 
-  // The error area tells this failure and nothing else. What stands behind the end of the name is
-  // of no meaning.
-  void expectError(std::uint32_t code, const std::string &name) {
+  // The error area tells this failure and nothing else. What stands behind the end of a text is of
+  // no meaning.
+  void expectError(std::uint32_t code, const std::string &name, const FailureMarks &marks = {}) {
     EXPECT_EQ(error().Code, code);
     EXPECT_EQ(nameText(), name);
+    EXPECT_EQ(std::string(error().InnerText), marks.innerText);
     MEMErrorArea expected{};
+    expected.Component = marks.component;
     expected.ReturnCode = kFailedCode;
     expected.Code = code;
+    expected.InnerCode = marks.innerCode;
     MEMErrorArea left = error();
     std::memset(left.NameText, 0, sizeof left.NameText);
+    if (*marks.innerText != '\0') std::memset(left.InnerText, 0, sizeof left.InnerText);
     EXPECT_EQ(changedRanges(bytesOf(&expected, sizeof expected), bytesOf(&left, sizeof left)), "");
   }
 
@@ -339,7 +370,8 @@ class HeapHashTest : public StartedTest {
 
   // `call` fails with -1 and this error, reports it once, and traces nothing.
   template <class Call>
-  void expectFails(std::uint32_t code, const std::string &name, NameBy nameBy, Call call) {
+  void expectFails(std::uint32_t code, const std::string &name, NameBy nameBy, Call call,
+                   const FailureMarks &marks = {}, const Told &told = {}) {
     std::memset(&error(), 0xEE, sizeof error());
     setMessageText(kStandingText);
     reports.clear();
@@ -347,14 +379,16 @@ class HeapHashTest : public StartedTest {
 
     EXPECT_EQ(call(), kFailed);
 
-    expectError(code, name);
+    expectError(code, name, marks);
     EXPECT_EQ(messageText(), nameBy == NameBy::kMessage ? name : kStandingText);
     ASSERT_EQ(reports.size(), 1U);
-    EXPECT_EQ(static_cast<const void *>(reports[0].pErrorText), error().NameText);
+    EXPECT_EQ(static_cast<const void *>(reports[0].pErrorText),
+              told.messageText ? env().MessageText : error().NameText);
     EXPECT_EQ(reports[0].errorText, name);
-    EXPECT_EQ(reports[0].detail, "");
+    EXPECT_EQ(reports[0].detail, told.detail);
     EXPECT_EQ(reports[0].code, code) << "reported before the error area is filled";
     EXPECT_EQ(reports[0].returnCode, kFailedCode);
+    EXPECT_EQ(reports[0].component, marks.component);
     EXPECT_EQ(traceCalls(host), 0U);
   }
 
@@ -399,11 +433,28 @@ class HeapHashTest : public StartedTest {
     return callLines(host.takeCalls(), names);
   }
 
+  // Format texts of the trace lines that `call` writes, "MEM_CellClear: Parms: hMemCell=%lx",
+  // without those of storage services.
+  template <class Call>
+  Lines formats(Call call) {
+    host.recordCalls(true);
+    call();
+    host.recordCalls(false);
+    Lines lines;
+    for (const refhost::HostCall &made : host.takeCalls()) {
+      if (made.service != refhost::Service::Format) continue;
+      if (made.frame == "MemAlloc" || made.frame == "MEM_Free") continue;
+      lines.push_back(made.frame + ": " + reinterpret_cast<const char *>(made.args[1]));
+    }
+    return lines;
+  }
+
   std::vector<Report> reports;
 
  private:
   inline static std::vector<Report> *reports_ = nullptr;
   inline static MEMThreadEnv *thread_ = nullptr;
+  inline static decltype(MEMTextServices::ReportError) hostReport_ = nullptr;
 };
 
 }  // namespace memtest

@@ -119,5 +119,79 @@ TEST_F(PortFaultTest, ReadingFailsCleanly) {
   EXPECT_EQ(ofBlock, ofChain);
 }
 
+// Structures over all forms of text, numbers and structures that a port string has.
+class PortPlaceTest : public PortFaultTest {
+ protected:
+  PortPlaceTest() {
+    all_.add(10, 100,
+             {Field(1, MEM_PORT_LONG, 4, 0), Field(2, MEM_PORT_BIGINT, 8, 4),
+              Field(3, MEM_PORT_CHAR, 4, 12), Field(4, MEM_PORT_CHARSZ, 6, 16),
+              Field(5, MEM_PORT_BIN, 5, 22), Field(6, MEM_PORT_BIT, 1, 27),
+              Field(7, MEM_PORT_WCHAR, 8, 28), Field(8, MEM_PORT_WCHARSZ, 10, 36),
+              Field(9, MEM_PORT_PSTR, 8, 46), Field(10, MEM_PORT_WPSTR, 8, 54),
+              Field(11, MEM_PORT_PSTR, 8, 62), Field(12, MEM_PORT_PNT, 8, 70).of(10),
+              Field(13, MEM_PORT_USHORT, 2, 78), Field(14, MEM_PORT_SUBSTRUCTURE, 4, 80).of(11)},
+             12);
+    all_.add(11, 4, {Field(1, MEM_PORT_SHORT, 2, 0), Field(2, MEM_PORT_USHORT, 2, 2)});
+    record_.set(0, std::int32_t{-123456789}).set(4, std::int64_t{-5}).setBytes(12, "a\"/", 4);
+    record_.setBytes(16, "text", 5).setBytes(22, "\x00\x01\xFE\x80\x7F", 5);
+    record_.set(27, std::uint8_t{5}).setBytes(28, u"w\xD83D\xDE00\x4E00", 8);
+    record_.setBytes(36, u"w\"/\xFFFF", 10).set(46, shortText_.c_str()).set(54, shortWide_.c_str());
+    record_.set(70, record_.data()).set(78, std::uint16_t{3});
+    allText_ = portmodel::write(all_.table(), 10, record_.data());
+  }
+
+  Defs all_;
+  Record record_{100U};
+  const std::string shortText_ = "quoted \" and / and \x01";
+  const std::u16string shortWide_ = u"\xE9\"\xD83D\xDE00/\xD800";
+  std::string allText_;
+};
+
+// A chunk of this many characters takes an area of the heap for itself, so that the character
+// behind it asks for storage. Each character of the text is that one for some capacity.
+TEST_F(PortPlaceTest, EveryCharacterMayFindNoNewChunk) {
+  constexpr std::size_t kFewest = 500;  // half of an area and more
+  std::vector<Record> chain;
+  constexpr std::size_t kCount = 6;
+  for (std::size_t i = 0; i < kCount; ++i) {
+    chain.emplace_back(100U);
+    chain.back().setBytes(0, record_.data(), record_.size());
+  }
+  for (std::size_t i = 0; i < kCount; ++i) chain[i].set(70, chain[(i + 1) % kCount].data());
+  const std::string text = portmodel::write(all_.table(), 10, chain[0].data());
+  const std::size_t each = allText_.size() - MEM_PORT_HEADER_LEN;
+  ASSERT_GT(text.size(), kFewest + each);
+  for (std::size_t capacity = kFewest; capacity < kFewest + each; ++capacity) {
+    SCOPED_TRACE("capacity " + std::to_string(capacity));
+    refhost::Fault fault = faultOf(Service::GetStorage);
+    fault.nth = 3;  // behind the registry and its heap; the first chunk has room in the first area
+    const std::uint64_t firedBefore = host.faultsFired();
+    attempt([&] {
+      host.arm(fault);
+      return write(all_.table(), 10, chain[0].data(), static_cast<std::int32_t>(capacity));
+    });
+    EXPECT_EQ(host.faultsFired(), firedBefore + 1);
+    if (HasFailure()) return;
+  }
+}
+
+// A text that ends anywhere is refused where it ends, in one piece and in chunks.
+TEST_F(PortPlaceTest, EveryCutIsRefused) {
+  attempt([&] { return readBlock(all_.table(), allText_); });
+  for (std::size_t length = 0; length < allText_.size(); ++length) {
+    SCOPED_TRACE("cut after " + std::to_string(length));
+    const std::string text = allText_.substr(0, length);
+    renewHeap();
+    EXPECT_EQ(readBlock(all_.table(), text), kFailed);
+    EXPECT_FALSE(messages().empty());
+    const Chain chain = Chain::cut(text, 7);
+    if (chain.first() == nullptr) continue;
+    EXPECT_EQ(readChain(all_.table(), chain.first()), kFailed);
+    EXPECT_FALSE(messages().empty());
+  }
+  closeHeap();
+}
+
 }  // namespace
 }  // namespace memtest

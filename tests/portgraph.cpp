@@ -20,7 +20,7 @@ void put(std::uint8_t *place, T value) {
 
 }  // namespace
 
-PortGraph::PortGraph(std::uint64_t seed) : random_(seed) {
+PortGraph::PortGraph(Random random) : random_(random) {
   const std::size_t count = random_.between(1, kMostKinds);
   std::uint32_t structID = 0;
   for (std::size_t i = 0; i < count; ++i) {

@@ -15,7 +15,8 @@ namespace memtest {
 // reader cannot restore is left out: full CharSZ fields, unions of different storage.
 class PortGraph {
  public:
-  explicit PortGraph(std::uint64_t seed);
+  explicit PortGraph(std::uint64_t seed) : PortGraph(Random(seed)) {}
+  explicit PortGraph(Random random);
 
   const MEMStructDef *defs() const { return defs_.table(); }
   std::uint32_t rootID() const { return kinds_[rootKind_].structID; }

@@ -628,5 +628,24 @@ TEST_F(ProcessTest, SetProcOptionsWithoutAProcessSucceeds) {
   termProcess();
 }
 
+// A host that reports success without storing an address has given no storage.
+TEST_F(ProcessTest, StorageWithoutAnAddressIsNone) {
+  const auto own = host.runtime().GetPoolStorage;
+  const auto lie = [](std::uint16_t, std::uint32_t, void **) -> std::uint16_t { return 0; };
+  host.runtime().GetPoolStorage = lie;
+  EXPECT_EQ(mem.MEM_ProcessInit(), kFailed);
+  EXPECT_EQ(error().InnerCode, 3073U);
+  EXPECT_STREQ(error().InnerText, "MEMProcessBlock");
+  host.runtime().GetPoolStorage = own;
+  initProcess();
+  host.runtime().GetPoolStorage = lie;
+  EXPECT_EQ(mem.MEM_ThreadAct(), kFailed);
+  EXPECT_EQ(error().Code, 3074U);
+  EXPECT_EQ(error().InnerCode, 0U);
+  EXPECT_EQ(env().pMemThreadBlk, nullptr);
+  host.runtime().GetPoolStorage = own;
+  termProcess();
+}
+
 }  // namespace
 }  // namespace memtest

@@ -5,6 +5,7 @@
 #include <ostream>
 #include <utility>
 
+#include <map>
 #include "sinktest.hpp"
 
 namespace memtest {
@@ -1205,6 +1206,27 @@ TEST_F(SinkCallTest, FormatServiceNeverSeesALongerText) {
   // The longest line is a comparison: the input as wide, the copy as narrow and as wide text.
   EXPECT_LE(longest, 511U * 3 + 511U * 3 + 511U + 40U);
   EXPECT_GT(longest, 511U * 3);
+}
+
+// The echo of a failing wide input in the free message text is UTF-8; what is no character shows as
+// the replacement character.
+TEST_F(SinkTest, EchoOfWideInputIsUtf8) {
+  const std::string replaced = "\xEF\xBF\xBD";
+  const std::u16string longest(61, u'a');
+  const std::map<std::u16string, std::string> echoes = {
+      {u"a\u00E9\u4E00", "a\xC3\xA9\xE4\xB8\x80 "},
+      {u"\xD83D\xDE00!", "\xF0\x9F\x98\x80! "},
+      {u"\xD800\xDC00\xDBFF\xDFFF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF "},
+      {u"\xD83D", replaced + " "},  // a high half at the end
+      {u"\xD83Dx\xD83D\xE000", replaced + "x" + replaced + "\xEE\x80\x80 "},
+      {u"\xDE00\xFFFD", replaced + replaced + " "},
+      {longest + u"\xD83D\xDE00",  // the pair does not fit the 62 units shown
+       std::string(61, 'a') + replaced + "  (truncated)"},
+  };
+  for (const auto &[text, echo] : echoes) {
+    EXPECT_EQ(mem.MEM_WSinkString(text.c_str(), nullptr), kFailed);
+    EXPECT_EQ(messageText(), "Error Exit Text(WIDE)=" + echo);
+  }
 }
 
 }  // namespace

@@ -3,6 +3,9 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
+
+#include "qj7mem00/mem.hpp"
 
 namespace catalog {
 
@@ -29,7 +32,14 @@ class DifferenceError : public std::runtime_error {
 // A service of the library failed. The text names the service, the code and what is known of it.
 class ServiceError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit ServiceError(const mem::Error &error) : std::runtime_error(error.line().text) {}
 };
+
+// The value of a call that must succeed, else a ServiceError.
+template <class Value>
+Value need(mem::Result<Value> result) {
+  if (!result.isOk()) throw ServiceError(result.error());
+  if constexpr (!std::is_void_v<Value>) return std::move(result).value();
+}
 
 }  // namespace catalog

@@ -1,12 +1,13 @@
 // A host that packs a package catalogue: loads the library, binds it, builds linked records in a
-// heap, packs them into a chain of blocks, writes the chain to a file and the records as a port
+// heap with the help of a cell pool, puts a part of its report together in a concatenation buffer,
+// packs the records into a chain of blocks, writes the chain to a file and the records as a port
 // string to another, sinks the names, ends everything and accounts for every byte. Run with --read
 // it is the second process, which knows the structures from these files only. `catalog --help`
 // tells the options.
+#include <cstddef>
 #include <exception>
 #include <filesystem>
 #include <iostream>
-#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -15,8 +16,8 @@
 #include "catalog_errors.hpp"
 #include "catalog_model.hpp"
 #include "catalog_report.hpp"
-#include "chain_file.hpp"
-#include "port_file.hpp"
+#include "most_needed.hpp"
+#include "record_files.hpp"
 #include "refhost.hpp"
 #include "running_library.hpp"
 #include "shared_names.hpp"
@@ -30,6 +31,8 @@ namespace {
 constexpr const char *kMachineCatalogue = "/var/lib/dpkg/status";
 constexpr const char *kSampleCatalogue = "sample-status";  // beside the program
 constexpr const char *kDefaultOutput = "qj7mem00-catalog.chain";
+
+constexpr std::size_t kMostNeeded = 3;  // packages that the report names
 
 // Names the catalogue and the chain file where the user did not. They must be two files.
 void complete(Arguments &arguments, const std::filesystem::path &programFolder) {
@@ -52,48 +55,56 @@ void complete(Arguments &arguments, const std::filesystem::path &programFolder) 
   }
 }
 
+constexpr mem::HeapSettings kRecordHeap = {.areaKb = 64,
+                                           .subPool = 20};  // any number of the host's
+
 // The job itself, between start and stop of the library.
-void packCatalogue(refhost::Host &host, const Arguments &arguments, StepClock &clock,
-                   Report &report) {
+void packCatalogue(refhost::Host &host, const mem::Context &context, const Arguments &arguments,
+                   StepClock &clock, Report &report) {
   std::vector<Package> packages;
   clock.run("read", [&] { packages = readCatalogue(arguments.catalogue); });
 
-  std::optional<CatalogRecords> records;
-  clock.run("build", [&] { records.emplace(host, packages); });
-  report.records = records->counts();
-
-  const MemPackCB packCB = describeRecords();
-  std::optional<PackedChain> chain;
-  clock.run("pack", [&] { chain.emplace(host, packCB, records->root(), arguments.blockLength); });
-  report.chain = chain->size();
-
-  clock.run("write", [&] { chain->write(arguments.chainFile); });
-  clock.run("port", [&] {
-    report.portCharacters = writePortFile(host, records->root(), arguments.portFile);
+  mem::Heap heap;
+  const PackageRecord *root = nullptr;
+  clock.run("build", [&] {
+    heap = need(mem::Heap::open(context, kRecordHeap));
+    root = buildRecords(context, heap, packages);
   });
-  clock.run("sink", [&] { report.names = sinkNames(host, records->root()); });
-  chain->release();
-  records->close();
+  report.records = countRecords(root);
+  report.mostNeeded = neededLines(context, mostNeeded(root, kMostNeeded));
+
+  mem::PackedChain chain;
+  clock.run("pack", [&] {
+    chain = need(mem::PackedChain::pack(context, kPackTable, *root, arguments.blockLength));
+  });
+  report.chain = chain.size();
+
+  clock.run("write", [&] { writeChainFile(chain, arguments.chainFile); });
+  clock.run("port",
+            [&] { report.portCharacters = writePortFile(context, *root, arguments.portFile); });
+  clock.run("sink", [&] { report.names = sinkNames(context, *host.anchor(), root); });
+  need(heap.close());
 }
 
 // The same in a process that knows the structures only from the files.
-void readChain(refhost::Host &host, const Arguments &arguments, StepClock &clock, Report &report) {
+void readChain(const mem::Context &context, const Arguments &arguments, StepClock &clock,
+               Report &report) {
   std::vector<Package> packages;
   clock.run("read", [&] { packages = readCatalogue(arguments.catalogue); });
 
-  std::optional<LoadedChain> chain;
-  clock.run("load", [&] { chain.emplace(host, arguments.chainFile); });
-  report.chain = chain->size();
+  mem::PackedChain chain;
+  clock.run("load", [&] { chain = readChainFile(context, arguments.chainFile); });
+  report.chain = chain.size();
 
-  const MemPackCB packCB = describeRecords();
   const PackageRecord *root = nullptr;
-  clock.run("unpack", [&] { root = static_cast<const PackageRecord *>(chain->unpack(packCB)); });
-  clock.run("check", [&] { report.records = checkRecords(root, packages); });
+  clock.run("unpack", [&] { root = unpackRecords(chain, arguments.chainFile); });
+  clock.run("check", [&] { checkRecords(root, packages); });
+  report.records = countRecords(root);
 
-  std::optional<PortRecords> port;
-  clock.run("port", [&] { port.emplace(host, arguments.portFile); });
-  report.portCharacters = port->characters();
-  clock.run("check", [&] { checkRecords(port->root(), packages); });
+  PortRecords port;
+  clock.run("port", [&] { port = readPortFile(context, arguments.portFile); });
+  report.portCharacters = port.characters;
+  clock.run("check", [&] { checkRecords(port.root, packages); });
 }
 
 // Whether everything was given back to the host and nothing was misused; tells of it when not.
@@ -117,8 +128,8 @@ ExitCode run(Arguments arguments) {
   Report report;
   {
     const RunningLibrary running(host, library.bindEntry());
-    arguments.reads ? readChain(host, arguments, clock, report)
-                    : packCatalogue(host, arguments, clock, report);
+    arguments.reads ? readChain(running.context(), arguments, clock, report)
+                    : packCatalogue(host, running.context(), arguments, clock, report);
   }
   report.catalogue = utf8FromPath(arguments.catalogue);
   report.chainFile = utf8FromPath(arguments.chainFile);

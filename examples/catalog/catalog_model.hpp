@@ -1,4 +1,5 @@
-// The catalogue as linked records in a heap of the library, and their description for MEM_Pack.
+// The catalogue as linked records in a heap of the library, and their description for packed chains
+// and port strings.
 //
 //   PackageRecord ──pNext──▶ PackageRecord ──pNext──▶ … null
 //     │ pName, pVersion: narrow strings      ▲
@@ -11,17 +12,16 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
-#include "refhost.hpp"
+#include "qj7mem00/mem.hpp"
 #include "status_reader.hpp"
 
 namespace catalog {
 
 struct PackageRecord;
 
-// One dependency of a package, 40 bytes.
+// One dependency of a package.
 struct DependencyRecord {
   DependencyRecord *pNext;  // the same package's next dependency
   char *pName;
@@ -30,17 +30,12 @@ struct DependencyRecord {
   std::uint32_t Flags;      // kDependency…
   std::uint32_t Reserved36;
 };
+MEM_CHECK_SIZE(DependencyRecord, 40);
 
 inline constexpr std::uint32_t kDependencyPre = 0x1;          // from Pre-Depends
 inline constexpr std::uint32_t kDependencyAlternative = 0x2;  // may stand for the one before it
 
-MEM_CHECK_SIZE(DependencyRecord, 40);
-MEM_CHECK_OFFSET(DependencyRecord, pName, 8);
-MEM_CHECK_OFFSET(DependencyRecord, pConstraint, 16);
-MEM_CHECK_OFFSET(DependencyRecord, pPackage, 24);
-MEM_CHECK_OFFSET(DependencyRecord, Flags, 32);
-
-// One package, 48 bytes.
+// One package.
 struct PackageRecord {
   PackageRecord *pNext;
   char *pName;
@@ -50,25 +45,55 @@ struct PackageRecord {
   std::uint32_t DependencyCount;
   std::uint32_t Reserved44;
 };
-
 MEM_CHECK_SIZE(PackageRecord, 48);
-MEM_CHECK_OFFSET(PackageRecord, pName, 8);
-MEM_CHECK_OFFSET(PackageRecord, pVersion, 16);
-MEM_CHECK_OFFSET(PackageRecord, pSummary, 24);
-MEM_CHECK_OFFSET(PackageRecord, pFirstDependency, 32);
-MEM_CHECK_OFFSET(PackageRecord, DependencyCount, 40);
 
-// Kinds of segment: places in the control block.
-enum SegmentKind : std::uint16_t {
-  kPackageSegment,
-  kDependencySegment,
-  kNarrowString,
-  kWideString,
-  kSegmentKinds
-};
+// The records as segments of a packed chain.
+inline constexpr auto kPackTable = mem::packTable(
+    mem::segment<PackageRecord>(mem::sibling(MEM_FIELD(PackageRecord, pNext)),
+                                mem::child(MEM_FIELD(PackageRecord, pName)),
+                                mem::child(MEM_FIELD(PackageRecord, pVersion)),
+                                mem::child(MEM_FIELD(PackageRecord, pSummary)),
+                                mem::child(MEM_FIELD(PackageRecord, pFirstDependency))),
+    mem::segment<DependencyRecord>(mem::sibling(MEM_FIELD(DependencyRecord, pNext)),
+                                   mem::child(MEM_FIELD(DependencyRecord, pName)),
+                                   mem::child(MEM_FIELD(DependencyRecord, pConstraint)),
+                                   mem::reference(MEM_FIELD(DependencyRecord, pPackage))));
 
-// The control block that describes the records above.
-MemPackCB describeRecords();
+// The records as structures of a port string. Identifiers keep their meaning for as long as files
+// are read.
+inline constexpr mem::PortTable kPortTable{
+    mem::structure<PackageRecord, 1>(
+        mem::field<1>(MEM_FIELD(PackageRecord, pNext)).required(),
+        mem::field<2>(MEM_FIELD(PackageRecord, pName)).required(),
+        mem::field<3>(MEM_FIELD(PackageRecord, pVersion)).required(),
+        mem::field<4>(MEM_FIELD(PackageRecord, pSummary)).required(),
+        mem::field<5>(MEM_FIELD(PackageRecord, pFirstDependency)).required(),
+        mem::field<6>(MEM_FIELD(PackageRecord, DependencyCount)).required()),
+    mem::structure<DependencyRecord, 2>(
+        mem::field<1>(MEM_FIELD(DependencyRecord, pNext)).required(),
+        mem::field<2>(MEM_FIELD(DependencyRecord, pName)).required(),
+        mem::field<3>(MEM_FIELD(DependencyRecord, pConstraint)).required(),
+        mem::field<4>(MEM_FIELD(DependencyRecord, pPackage)).required(),
+        mem::field<5>(MEM_FIELD(DependencyRecord, Flags)).required())};
+
+// Builds the records of one package or more in the heap and returns the first. Throws ServiceError.
+PackageRecord *buildRecords(const mem::Context &context, mem::Heap &heap,
+                            const std::vector<Package> &packages);
+
+// Compares records with the catalogue that they were made from, every field and every reference.
+// Throws DifferenceError for the first package that differs.
+void checkRecords(const PackageRecord *root, const std::vector<Package> &packages);
+
+// Calls `visit` with a copy of each record of a chain: those of an unpacked chain lie at any
+// address.
+template <class Record, class Visit>
+void forEachRecord(const Record *first, Visit visit) {
+  while (first != nullptr) {
+    const Record record = mem::readRecord(first);
+    visit(record);
+    first = record.pNext;
+  }
+}
 
 struct RecordCounts {
   std::uint64_t packages = 0;
@@ -78,32 +103,6 @@ struct RecordCounts {
   std::uint64_t wideStrings = 0;
 };
 
-// Compares records with the catalogue that they were made from, every field and every reference.
-// Throws DifferenceError for the first package that differs.
-RecordCounts checkRecords(const PackageRecord *root, const std::vector<Package> &packages);
-
-// The records of one catalogue and the heap that holds them. One thread at a time.
-class CatalogRecords {
- public:
-  // Throws ServiceError when the heap gives no storage. REQUIRES: one package or more.
-  CatalogRecords(refhost::Host &host, const std::vector<Package> &packages);
-  ~CatalogRecords();
-  CatalogRecords(const CatalogRecords &) = delete;
-  CatalogRecords &operator=(const CatalogRecords &) = delete;
-
-  const PackageRecord *root() const { return root_; }
-  const RecordCounts &counts() const { return counts_; }
-
-  // Ends the records' life. Throws ServiceError when the heap cannot be closed.
-  void close();
-
- private:
-  class Builder;
-
-  refhost::Host &host_;
-  HMEMHEAP heap_ = nullptr;
-  PackageRecord *root_ = nullptr;
-  RecordCounts counts_;
-};
+RecordCounts countRecords(const PackageRecord *root);
 
 }  // namespace catalog

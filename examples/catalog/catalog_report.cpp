@@ -4,6 +4,9 @@
 #include <ostream>
 #include <sstream>
 
+#include "catalog_errors.hpp"
+#include "utf_text.hpp"
+
 namespace catalog {
 namespace {
 
@@ -87,8 +90,24 @@ void printAccount(std::ostream &stream, const refhost::Account &account) {
 
 }  // namespace
 
+std::string neededLines(const mem::Context &context, const std::vector<NeededPackage> &packages) {
+  mem::ConcatBuffer lines = need(mem::ConcatBuffer::open(context));
+  for (const NeededPackage &needed : packages) {
+    std::ostringstream count;
+    line(count, needed.package->pName, needed.dependencies) << "  dependencies";
+    need(lines.append(utf16FromUtf8(count.str())));
+    if (needed.package->pSummary != nullptr) {
+      need(lines.append(u": "));
+      need(lines.append(needed.package->pSummary));
+    }
+    need(lines.append(u"\n"));
+  }
+  return utf8FromUtf16(lines.text());
+}
+
 void printReport(std::ostream &stream, const Report &report) {
   printRecords(stream, report);
+  if (!report.mostNeeded.empty()) stream << "Most needed packages\n" << report.mostNeeded;
   printChain(stream, report);
   printPort(stream, report);
   if (report.names.names != 0) printNames(stream, report.names);

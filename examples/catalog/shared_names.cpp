@@ -2,29 +2,24 @@
 
 #include <cstring>
 
-#include "running_library.hpp"
+#include "catalog_errors.hpp"
 
 namespace catalog {
-namespace {
 
-void sinkName(refhost::Host &host, const char *name, NameCounts &counts) {
-  if (name == nullptr) return;
-  const char *sunk = nullptr;
-  check(host, "MEM_SinkString", host.vector().MEM_SinkString(name, &sunk));
-  ++counts.names;
-  counts.separateBytes += std::strlen(name) + 1;
-}
-
-}  // namespace
-
-NameCounts sinkNames(refhost::Host &host, const PackageRecord *root) {
+NameCounts sinkNames(const mem::Context &context, const MEMProcessBlock &process,
+                     const PackageRecord *root) {
   NameCounts counts;
-  for (const PackageRecord *package = root; package != nullptr; package = package->pNext) {
-    sinkName(host, package->pName, counts);
-    const DependencyRecord *entry = package->pFirstDependency;
-    for (; entry != nullptr; entry = entry->pNext) sinkName(host, entry->pName, counts);
-  }
-  const MEMProcessBlock &process = *host.anchor();
+  const auto sinkName = [&](const char *name) {
+    if (name == nullptr) return;
+    static_cast<void>(need(mem::SunkString::sink(context, name)).release());
+    ++counts.names;
+    counts.separateBytes += std::strlen(name) + 1;
+  };
+  forEachRecord(root, [&](const PackageRecord &package) {
+    sinkName(package.pName);
+    forEachRecord(package.pFirstDependency,
+                  [&](const DependencyRecord &dependency) { sinkName(dependency.pName); });
+  });
   counts.distinct = process.Act;
   for (const MEMSinkSegment &segment : process.Segments) counts.sinkBytes += segment.UsedLen;
   return counts;

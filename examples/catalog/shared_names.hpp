@@ -4,7 +4,6 @@
 #include <cstdint>
 
 #include "catalog_model.hpp"
-#include "refhost.hpp"
 
 namespace catalog {
 
@@ -15,8 +14,9 @@ struct NameCounts {
   std::uint64_t sinkBytes = 0;      // that they reserve
 };
 
-// Sinks every name of the records at `root`. The copies live until the process is ended. Throws
-// ServiceError.
-NameCounts sinkNames(refhost::Host &host, const PackageRecord *root);
+// Sinks every name of the records at `root`. The copies live until the process, whose block is
+// given, is ended. Throws ServiceError.
+NameCounts sinkNames(const mem::Context &context, const MEMProcessBlock &process,
+                     const PackageRecord *root);
 
 }  // namespace catalog

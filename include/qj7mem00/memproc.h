@@ -109,7 +109,9 @@ typedef struct MEMThreadBlock {
   MEMBlockHeader Header;
   void *Pointers[7]; /**< the process block's pointers when this block was made */
   uint32_t Flags;    /**< MEM_THREAD_IN_CAT */
-  uint8_t Reserved92[188];
+  uint8_t Reserved92[4];
+  void *pHashIndexes; /**< the library's own: indexes of tables that this thread has open */
+  uint8_t Reserved104[176];
   MEMProcessBlock *pProcessBlk; /**< the process block, not owned */
   uint8_t Reserved288[8];
 } MEMThreadBlock;

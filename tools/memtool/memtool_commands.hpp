@@ -23,5 +23,6 @@ struct Tool {
 void addChainCommand(CLI::App &app, Tool &tool);
 void addErrorsCommand(CLI::App &app, Tool &tool);
 void addHeapmapCommand(CLI::App &app, Tool &tool);
+void addPortCommand(CLI::App &app, Tool &tool);
 
 }  // namespace memtool

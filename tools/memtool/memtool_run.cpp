@@ -40,6 +40,7 @@ void describe(CLI::App &app, Tool &tool) {
   addChainCommand(app, tool);
   addErrorsCommand(app, tool);
   addHeapmapCommand(app, tool);
+  addPortCommand(app, tool);
 }
 
 ExitCode parseAndRun(CLI::App &app, Tool &tool, std::vector<std::string> words) {

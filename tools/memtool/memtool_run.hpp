@@ -9,7 +9,7 @@
 
 namespace memtool {
 
-inline constexpr const char *kVersion = "1.0";
+inline constexpr const char *kVersion = MEMTOOL_VERSION;
 
 // Runs the program. Failures are one line on the console's stderr. Nothing is thrown.
 ExitCode runMemtool(const std::vector<std::string> &words, Console &console) noexcept;

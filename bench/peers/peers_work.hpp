@@ -1,0 +1,166 @@
+// A piece of work, done by the library or by a peer, and how it is measured.
+//
+// A work is a class with
+//   std::int64_t run()   does a batch and returns the number of operations; timed
+//   void prepare()       makes ready for the next batch; not timed; may be missing
+//   void check()         proves on a fresh object that the work is really done, and done as the
+//                        others do it; throws; runs once, before the first measurement; may be
+//                        missing
+//   double size()        bytes that one operation's result takes; may be missing
+// A peer's is made without arguments, the library's from a BenchSession. A batch with prepare() is
+// long enough (2 us and more) for the clock, 25 ns, to be lost in it; others are repeated until
+// they are.
+//
+// The figure of a benchmark is its counter "ns": nanoseconds an operation in the median batch. A
+// short batch during which the system ran something else does not move it. A work that starts
+// threads says so with a static member kUsesThreads.
+//
+// A benchmark's name is "table/row" or "table/row/column"; the report is made from it.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "peers_host.hpp"
+
+namespace bench {
+
+// Runs `check` unless it has run under this name. On failure the benchmark is marked as failed and
+// the program's end result is a failure.
+bool passes(benchmark::State &state, const std::string &name, const std::function<void()> &check);
+bool everyCheckPassed();
+
+// The host calls of a work, counted once per name.
+HostCalls countedCalls(const std::string &name, const std::function<HostCalls()> &count);
+void showCalls(benchmark::State &state, const HostCalls &calls);
+
+// Thrown by a check: the work would take too long to be measured. No failure.
+class TooSlow : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Throws std::runtime_error(what) unless it holds.
+void demand(bool holds, const char *what);
+
+template <class Work>
+void prepareWork(Work &work) {
+  if constexpr (requires { work.prepare(); }) work.prepare();
+}
+
+template <class Work>
+void checkWork(Work &&work) {
+  if constexpr (requires { work.check(); }) work.check();
+}
+
+// Seconds of the calling thread on a processor. Reading it is a system call of almost 1 us.
+double threadSeconds();
+
+// Times batches and keeps the nanoseconds an operation of each.
+class BatchTimes {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // Runs `work` as many times in a row as makes a batch, and returns its seconds. Long batches of
+  // one thread get the thread's own time instead of the clock's: the system would surely run
+  // something else in between on a busy machine.
+  template <class Work>
+  double time(Work &work, std::int64_t times) {
+    std::int64_t operations = 0;
+    const double threadStart = threadSeconds();
+    const Clock::time_point start = Clock::now();
+    for (std::int64_t i = 0; i < times; ++i) operations += work.run();
+    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if constexpr (!requires { Work::kUsesThreads; }) {
+      constexpr double kLongBatch = 500e-6;
+      if (seconds > kLongBatch) seconds = threadSeconds() - threadStart;
+    }
+    batches_.push_back(seconds * 1e9 / static_cast<double>(operations));
+    return seconds;
+  }
+  double median();
+
+ private:
+  std::vector<double> batches_;
+};
+
+// How often a work is run for a batch of 50 us or more. Works that need preparing run once.
+template <class Work>
+std::int64_t timesInBatch(Work &work) {
+  if constexpr (requires { work.prepare(); }) {
+    return 1;
+  } else {
+    constexpr double kBatchSeconds = 50e-6;
+    BatchTimes trial;
+    trial.time(work, 1);  // warms up
+    return std::max<std::int64_t>(1,
+                                  static_cast<std::int64_t>(kBatchSeconds / trial.time(work, 1)));
+  }
+}
+
+template <class Work>
+void measure(benchmark::State &state, Work &work) {
+  const std::int64_t times = timesInBatch(work);
+  BatchTimes batches;
+  for (auto _ : state) {
+    prepareWork(work);
+    state.SetIterationTime(batches.time(work, times));
+  }
+  state.counters["ns"] = batches.median();
+  if constexpr (requires { work.size(); }) state.counters["bytes"] = work.size();
+}
+
+// A peer's work; `make` returns it.
+template <class Make>
+void addPeer(const std::string &name, Make make) {
+  const auto run = [name, make](benchmark::State &state) {
+    if (!passes(state, name, [&make] { checkWork(make()); })) return;
+    auto work = make();
+    measure(state, work);
+  };
+  benchmark::RegisterBenchmark(name.c_str(), run)->UseManualTime();
+}
+
+template <class Make>
+HostCalls countCalls(Make make) {
+  BenchSession session(HostKind::reference);
+  auto work = make(session);
+  prepareWork(work);
+  const HostCalls before = callsSoFar(session.host());
+  const auto operations = static_cast<double>(work.run());
+  return callsPerOperation(before, callsSoFar(session.host()), operations);
+}
+
+// The library's work under one host; `make` returns it for a session.
+template <class Make>
+void addLibrary(const std::string &name, HostKind kind, Make make) {
+  const auto run = [name, kind, make](benchmark::State &state) {
+    const auto check = [kind, &make] {
+      BenchSession session(kind);
+      checkWork(make(session));
+    };
+    if (!passes(state, name, check)) return;
+    const HostCalls calls = countedCalls(name, [&make] { return countCalls(make); });
+    BenchSession session(kind);
+    auto work = make(session);
+    measure(state, work);
+    showCalls(state, calls);
+  };
+  benchmark::RegisterBenchmark(name.c_str(), run)->UseManualTime();
+}
+
+// The same under both hosts: "table/row" and "table/row (reference host)".
+template <class Make>
+void addLibraryUnderBothHosts(const std::string &name, Make make) {
+  addLibrary(name, HostKind::bench, make);
+  addLibrary(name + " (reference host)", HostKind::reference, make);
+}
+
+}  // namespace bench

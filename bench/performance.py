@@ -1,0 +1,445 @@
+#!/usr/bin/env python3
+"""Writes the figures of a peerbench run into docs/performance.md and draws its charts.
+
+    bench/performance.py FIGURES.json DOCUMENT.md
+
+FIGURES.json is what peerbench writes with --benchmark_out. In the document everything between a line
+"<!-- figures: NAME -->" and the next "<!-- end -->" is replaced; all else is prose and stays. Charts
+go to the folder "pictures" beside the document. Ends with 1 when the figures and the document do not
+fit together.
+"""
+
+import datetime
+import html
+import json
+import math
+import pathlib
+import re
+import statistics
+import subprocess
+import sys
+
+REFERENCE = " (reference host)"
+TABLES = ["heap-48", "heap-mixed", "heap-threads", "cell-churn", "cell-pair", "hash-insert",
+          "hash-get", "hash-delete", "graph-encode", "graph-decode", "text-encode", "text-decode",
+          "sink-new", "sink-known", "concat"]
+HOST_COSTS = [("frames", "frame"), ("anchors", "anchor"), ("gates", "gate pair"),
+              ("protects", "protection pair"), ("storage", "storage pair")]
+PACKAGES = ["libbenchmark-dev", "libmimalloc-dev", "libboost-dev", "libapr1-dev", "libabsl-dev",
+            "libflatbuffers-dev", "libcapnp-dev", "libprotobuf-dev", "rapidjson-dev"]
+
+
+class Figures:
+    """Medians of the repetitions, by name: "table/row" or "table/row/column"."""
+
+    def __init__(self, path):
+        with open(path, encoding="utf-8") as file:
+            data = json.load(file)
+        self.context = data["context"]
+        runs, self.skipped = {}, {}
+        for run in sorted(data["benchmarks"], key=lambda run: run["family_index"]):
+            if run["run_type"] != "iteration":
+                continue
+            name = run["name"].removesuffix("/manual_time")
+            if run.get("error_occurred"):
+                self.skipped[name] = run["error_message"]
+            else:
+                runs.setdefault(name, []).append(run)
+        self.repetitions = max(len(group) for group in runs.values())
+        self.order = list(runs)
+        self.medians = {name: {key: statistics.median(run[key] for run in group)
+                               for key, value in group[0].items() if isinstance(value, (int, float))}
+                        for name, group in runs.items()}
+
+    def ns(self, name):
+        return self.medians[name]["ns"] if name in self.medians else None
+
+    def parts(self, table):
+        """Rows and columns of a table, in the order of the run, the library's first."""
+        rows, columns = [], []
+        for name in list(self.order) + list(self.skipped):
+            parts = name.split("/")
+            if parts[0] != table or parts[1].endswith(REFERENCE):
+                continue
+            rows += [parts[1]] if parts[1] not in rows else []
+            column = parts[2] if len(parts) > 2 else None
+            columns += [column] if column not in columns else []
+        columns.sort(key=lambda column: 0 if column is None else int(column))
+        rows.sort(key=lambda row: not is_library(row))
+        return rows, columns
+
+    def floor(self, name):
+        """What the host calls of one operation cost by themselves, under the same host."""
+        medians = self.medians[name]
+        host = REFERENCE if REFERENCE in name else ""
+        total = sum(medians[calls] * self.ns(f"floor/{cost}{host}") for calls, cost in HOST_COSTS)
+        if name.startswith("hash-"):
+            total += self.ns("floor-hash/chain walk/" + name.rsplit("/", 1)[1])
+        return total
+
+
+def is_library(row):
+    return row.startswith("MEM_")
+
+
+def full_name(table, row, column):
+    return f"{table}/{row}" + ("" if column is None else f"/{column}")
+
+
+def number(value):
+    if value is None:
+        return "–"
+    if value >= 100:
+        return f"{value:,.0f}"
+    return f"{value:.1f}" if value >= 10 else f"{value:.2f}"
+
+
+def times(value):
+    if value is None:
+        return "–"
+    if value < 0.1:
+        return f"{value:.1g}" if value >= 0.0001 else "0"
+    return f"{value:.2f}" if value < 10 else f"{value:,.0f}"
+
+
+def markdown(head, rows):
+    lines = ["| " + " | ".join(head) + " |", "|---" + "|--:" * (len(head) - 1) + "|"]
+    return "\n".join(lines + ["| " + " | ".join(row) + " |" for row in rows]) + "\n"
+
+
+def comparison(figures, table):
+    """A row for each way to do the work: nanoseconds, and in relation to the library's first row."""
+    rows, columns = figures.parts(table)
+    base = rows[0]
+    head = ["nanoseconds per operation"]
+    for column in columns:
+        head += ["" if column is None else f"{int(column):,}", "× library"]
+    lines = []
+    for row in rows:
+        line = [f"**{row}**" if is_library(row) else row]
+        for column in columns:
+            ns = figures.ns(full_name(table, row, column))
+            own = figures.ns(full_name(table, base, column))
+            line += [number(ns), times(ns / own if ns and own else None)]
+        lines.append(line)
+    return markdown(head, lines)
+
+
+def sizes(figures, table):
+    rows, columns = figures.parts(table)
+    head = ["bytes per package"] + [f"{int(column):,}" for column in columns]
+    return markdown(head, [
+        [f"**{row}**" if is_library(row) else row] +
+        [number(figures.medians.get(full_name(table, row, column), {}).get("bytes"))
+         for column in columns] for row in rows])
+
+
+def floors(figures):
+    rows, _ = figures.parts("floor")
+    lines = [[row, number(figures.ns(f"floor/{row}")), number(figures.ns(f"floor/{row}{REFERENCE}"))]
+             for row in rows]
+    for column in (1000, 3000, 10000):
+        lines.append([f"caller's hash function and walk of a chain, {column:,} records",
+                      number(figures.ns(f"floor-hash/chain walk/{column}")), "–"])
+    return markdown(["nanoseconds", "bench host", "reference host"], lines)
+
+
+# Service, benchmark, and the multiple of the floor that is wished for.
+SERVICES = [
+    ("heap entry, slot 14", "heap-48/MEM_HeapAllocEntryLong", 1.5),
+    ("heap entry, slot 12", "heap-48/MEM_HeapAllocEntry", 1.5),
+    ("enhanced heap entry", "heap-48/MEM_EHeapAllocEntry", None),
+    ("cell alloc", "cell-half/MEM_CellAllocEntry", 1.3),
+    ("cell free", "cell-half/MEM_CellFreeEntry", 1.3),
+    ("hash get, chains of 1", "hash-get/MEM_HashGetEntry/1000", 1.5),
+    ("hash get, chains of 3", "hash-get/MEM_HashGetEntry/3000", 1.5),
+    ("hash get, chains of 10", "hash-get/MEM_HashGetEntry/10000", None),
+    ("hash insert, chains of 1", "hash-insert/MEM_HashInsEntry/1000", None),
+    ("hash delete, chains of 1", "hash-delete/MEM_HashDelEntry/1000", None),
+    ("pack, a package of 1,000", "graph-encode/MEM_Pack/1000", None),
+    ("pack, a package of 10,000", "graph-encode/MEM_Pack/10000", None),
+    ("pack, a package of 100,000", "graph-encode/MEM_Pack/100000", None),
+    ("port string write, a package of 10,000", "text-encode/MEM_StructToPortStr/10000", None),
+    ("port string read, a package of 10,000", "text-decode/MEM_Port1StrToStruct/10000", None),
+    ("sink, new string of 10,000", "sink-new/MEM_SinkString/10000", None),
+    ("sink, known string of 10,000", "sink-known/MEM_SinkString/10000", None),
+    ("append of 10 units, slot 29", "concat/MEM_MemCat/10", None),
+    ("append of 10 units, slot 28", "concat/MEM_Cat/10", None),
+]
+
+
+def under_reference_host(name):
+    table, row, *column = name.split("/")
+    return "/".join([table, row + REFERENCE, *column])
+
+
+def host_calls(medians):
+    words = [("frames", "frame"), ("anchors", "anchor"), ("gates", "gate pair"),
+             ("protects", "protection pair"), ("storage", "storage pair")]
+    named = [f"{word}: {medians[key]:.3g}" for key, word in words if medians[key] >= 0.01]
+    return ", ".join(named)
+
+
+def multiples(figures):
+    head = ["service", "host calls of one operation", "floor", "measured", "multiple", "wished",
+            "multiple, reference host"]
+    lines = []
+    for label, name, wished in SERVICES:
+        if name not in figures.medians:
+            continue
+        reference = under_reference_host(name)
+        other = figures.ns(reference)
+        lines.append([label, host_calls(figures.medians[name]), number(figures.floor(name)),
+                      number(figures.ns(name)), times(figures.ns(name) / figures.floor(name)),
+                      "–" if wished is None else f"{wished}",
+                      "–" if other is None else times(other / figures.floor(reference))])
+    return markdown(head, lines)
+
+
+def best_peer(figures, table, column, without=()):
+    rows, _ = figures.parts(table)
+    peers = {row: figures.ns(full_name(table, row, column)) for row in rows
+             if not is_library(row) and row not in without}
+    return min(((ns, row) for row, ns in peers.items() if ns is not None))
+
+
+def aims(figures):
+    ns = figures.ns
+    lines = []
+
+    def add(aim, name, limit, what):
+        own = ns(name)
+        floor = figures.floor(name) if own is not None else None
+        met = "not measured" if own is None or limit is None else "yes" if own <= limit else "no"
+        if met == "no" and floor > limit:
+            met = "no: below the floor"
+        lines.append([aim, number(own), f"{number(limit)} ({what})", number(floor), met])
+
+    for label, name, wished in SERVICES:
+        if wished is not None:
+            add(f"{label}: at most {wished} times its floor", name, wished * figures.floor(name),
+                f"{wished} × floor")
+    add("heap entry, slot 14: no more than mimalloc's malloc (and free)",
+        "heap-48/MEM_HeapAllocEntryLong", ns("heap-48/mi_malloc and mi_free"), "mimalloc")
+    add("cell alloc and free: at most 2.5 times mimalloc",
+        "cell-churn/MEM_CellAllocEntry, MEM_CellFreeEntry",
+        2.5 * ns("cell-churn/mi_malloc and mi_free"), "2.5 × mimalloc")
+    for count in (1000, 10000, 100000):
+        pack = f"graph-encode/MEM_Pack/{count}"
+        add(f"pack, {count:,} packages: at most 2.5 times Cap'n Proto", pack,
+            2.5 * ns(f"graph-encode/Cap'n Proto/{count}"), "2.5 × Cap'n Proto")
+        best, row = best_peer(figures, "graph-encode", str(count), without=("Cap'n Proto",))
+        add(f"pack, {count:,} packages: below every other peer's encode", pack, best, row)
+    small = ns("graph-encode/MEM_Pack/1000")
+    add("pack: flat in the size of the graph", "graph-encode/MEM_Pack/100000",
+        1.5 * small if small else None, "1.5 × 1,000 packages")
+    for count in (1000, 10000, 100000):
+        best, row = best_peer(figures, "graph-decode", str(count))
+        add(f"unpack in place, {count:,} packages: below every peer's decode",
+            f"graph-decode/MEM_Unpack in place/{count}", best, row)
+    for count in (1000, 10000, 100000):
+        add(f"port string write, {count:,} packages: below RapidJSON",
+            f"text-encode/MEM_StructToPortStr/{count}", ns(f"text-encode/RapidJSON/{count}"),
+            "RapidJSON")
+        best, row = best_peer(figures, "text-decode", str(count), without=("protobuf TextFormat",))
+        add(f"port string read, {count:,} packages: below RapidJSON",
+            f"text-decode/MEM_Port1StrToStruct/{count}", best, row)
+    return markdown(["aim", "measured", "limit", "floor", "met"], lines)
+
+
+def command_output(command):
+    try:
+        return subprocess.run(command, capture_output=True, text=True, check=True).stdout
+    except (OSError, subprocess.CalledProcessError):
+        return ""
+
+
+def machine(figures):
+    cpu = re.search(r"^model name\s*:\s*(.*)$", pathlib.Path("/proc/cpuinfo").read_text(), re.M)
+    caches = ", ".join(f"{'L' + str(cache['level'])} {cache['type'].lower()} "
+                       f"{cache['size'] // 1024:,} KB" for cache in figures.context["caches"])
+    system = re.search(r'^PRETTY_NAME="(.*)"$', pathlib.Path("/etc/os-release").read_text(), re.M)
+    versions = [line.split("\t") for line in command_output(
+        ["dpkg-query", "-W", "-f", "${Package}\t${Version}\n", *PACKAGES]).splitlines()]
+    load = figures.context.get("load_avg", [])
+    lines = [
+        ["date", datetime.date.today().isoformat()],
+        ["processor", f"{figures.context['num_cpus']} × {cpu.group(1) if cpu else 'unknown'}, "
+                      f"{figures.context['mhz_per_cpu']:,} MHz"],
+        ["caches", caches],
+        ["load when the run began", f"{load[0]:.1f}" if load else "unknown"],
+        ["system", system.group(1) if system else "unknown"],
+        ["compiler", f"g++ {figures.context.get('compiler', '')}, `-O2 -DNDEBUG` for the library "
+                     "and for all peers that are compiled here"],
+        ["peers", ", ".join(f"{name} {version}" for name, version in versions)],
+        ["repetitions", f"{figures.repetitions}, in mixed order; each figure is the median"],
+    ]
+    return markdown(["", ""], lines).replace("|--:|", "|---|")
+
+
+# Charts. The library is drawn in one strong colour, the peers in quiet ones.
+LIBRARY_COLOUR = "#c0392b"
+PEER_COLOURS = ["#34699a", "#6b8e4e", "#8e6bab", "#b8860b", "#5f9ea0", "#777777", "#444444"]
+
+
+class Drawing:
+    def __init__(self, width, height, title):
+        self.width, self.height = width, height
+        self.items = []
+        self.text(12, 22, title, size=15, weight="bold")
+
+    def text(self, x, y, text, anchor="start", size=12, weight="normal", colour="#222"):
+        self.items.append(f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" '
+                          f'font-size="{size}" font-weight="{weight}" fill="{colour}">'
+                          f"{html.escape(text)}</text>")
+
+    def bar(self, x, y, width, height, colour):
+        self.items.append(f'<rect x="{x:.1f}" y="{y:.1f}" width="{width:.1f}" '
+                          f'height="{height:.1f}" fill="{colour}"/>')
+
+    def line(self, points, colour, width=1.0):
+        path = " ".join(f"{x:.1f},{y:.1f}" for x, y in points)
+        self.items.append(f'<polyline points="{path}" fill="none" stroke="{colour}" '
+                          f'stroke-width="{width}"/>')
+
+    def svg(self):
+        return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {self.width} {self.height}" '
+                f'width="{self.width}" height="{self.height}" font-family="sans-serif">\n'
+                f'<rect width="100%" height="100%" fill="white"/>\n' + "\n".join(self.items) +
+                "\n</svg>\n")
+
+
+def bar_chart(title, bars):
+    """Bars of (label, value), the smallest on top."""
+    bars = sorted(bars, key=lambda bar: bar[1])
+    left, right, row = 290, 80, 24
+    drawing = Drawing(760, 40 + row * len(bars) + 12, title)
+    scale = (drawing.width - left - right) / max(value for _, value in bars)
+    for i, (label, value) in enumerate(bars):
+        y = 36 + i * row
+        own = is_library(label)
+        drawing.text(left - 8, y + 15, label, "end", weight="bold" if own else "normal")
+        drawing.bar(left, y + 3, max(1, value * scale), row - 7,
+                    LIBRARY_COLOUR if own else PEER_COLOURS[0])
+        drawing.text(left + value * scale + 6, y + 15, number(value))
+    return drawing.svg()
+
+
+def line_chart(title, axis, series):
+    """Lines of (label, [(x, value)]) on logarithmic axes. Labels stand at the lines' ends."""
+    values = [value for _, points in series for _, value in points]
+    xs = sorted({x for _, points in series for x, _ in points})
+    drawing = Drawing(760, 400, title)
+    left, right, top, bottom = 70, 250, 40, 46
+    low, high = math.floor(math.log10(min(values))), math.ceil(math.log10(max(values)))
+    high = max(high, low + 1)
+
+    def place(x, value):
+        across = math.log(x / xs[0]) / math.log(xs[-1] / xs[0])
+        up = (math.log10(value) - low) / (high - low)
+        return (left + across * (drawing.width - left - right),
+                drawing.height - bottom - up * (drawing.height - top - bottom))
+
+    for power in range(low, high + 1):
+        points = [place(xs[0], 10 ** power), place(xs[-1], 10 ** power)]
+        drawing.line(points, "#ddd")
+        drawing.text(left - 8, points[0][1] + 4, f"{10 ** power:,}", "end", size=11)
+    for x in xs:
+        drawing.text(place(x, 1)[0], drawing.height - bottom + 18, f"{x:,}", "middle", size=11)
+    drawing.text((left + drawing.width - right) / 2, drawing.height - 8, axis, "middle", size=11)
+
+    ends = []
+    peers = 0
+    for label, points in series:
+        own = is_library(label)
+        colour = LIBRARY_COLOUR if own else PEER_COLOURS[peers % len(PEER_COLOURS)]
+        peers += not own
+        drawing.line([place(*point) for point in points], colour, 3 if own else 1.8)
+        ends.append([place(*points[-1])[1], label, colour, place(*points[-1])[0]])
+    ends.sort()
+    for i, end in enumerate(ends):  # labels keep a distance from each other
+        if i > 0 and end[0] < ends[i - 1][0] + 15:
+            end[0] = ends[i - 1][0] + 15
+        drawing.text(drawing.width - right + 8, end[0] + 4, end[1],
+                     weight="bold" if is_library(end[1]) else "normal", colour=end[2])
+    return drawing.svg()
+
+
+def bars_of(figures, table, column=None):
+    rows, _ = figures.parts(table)
+    values = [(row, figures.ns(full_name(table, row, column))) for row in rows]
+    return [(row, value) for row, value in values if value is not None]
+
+
+def lines_of(figures, table):
+    rows, columns = figures.parts(table)
+    series = []
+    for row in rows:
+        points = [(int(column), figures.ns(full_name(table, row, column))) for column in columns]
+        points = [point for point in points if point[1] is not None]
+        if points:
+            series.append((row, points))
+    return series
+
+
+def charts(figures):
+    per = "nanoseconds, less is better"
+    yield "floor", bar_chart("Services as multiples of their floor, less is better",
+                             [(label, figures.ns(name) / figures.floor(name))
+                              for label, name, _ in SERVICES if name in figures.medians])
+    yield "heap", bar_chart(f"10,000 entries of 48 bytes, all given back: an entry, {per}",
+                            bars_of(figures, "heap-48"))
+    yield "cell", bar_chart(f"A cell of 64 bytes taken and given back, {per}",
+                            bars_of(figures, "cell-churn"))
+    yield "hash", line_chart(f"Hash tables: a look-up, {per}", "records in the table",
+                             lines_of(figures, "hash-get"))
+    yield "pack", line_chart(f"Encoding a package, {per}", "packages in the graph",
+                             lines_of(figures, "graph-encode"))
+    yield "unpack", line_chart(f"Decoding and traversing a package, {per}", "packages in the graph",
+                               lines_of(figures, "graph-decode"))
+    yield "text", bar_chart(f"Text of a package of 10,000: write, {per}",
+                            bars_of(figures, "text-encode", "10000"))
+    yield "text-read", bar_chart(f"Text of a package of 10,000: read and traverse, {per}",
+                                 bars_of(figures, "text-decode", "10000"))
+    yield "sink", line_chart(f"Shared strings: a new one, {per}", "strings",
+                             lines_of(figures, "sink-new"))
+    yield "sink-known", line_chart(f"Shared strings: a known one, {per}", "strings",
+                                   lines_of(figures, "sink-known"))
+    yield "concat", line_chart(f"Concatenation: an append, {per}", "units in an append",
+                               lines_of(figures, "concat"))
+
+
+def sections(figures):
+    made = {"machine": machine(figures), "aims": aims(figures), "floor": floors(figures),
+            "multiples": multiples(figures), "graph-size": sizes(figures, "graph-encode"),
+            "text-size": sizes(figures, "text-encode")}
+    made.update({table: comparison(figures, table) for table in TABLES})
+    return made
+
+
+def fill(document, made):
+    """The document with every section's figures replaced."""
+    wanted = re.findall(r"<!-- figures: ([\w-]+) -->", document)
+    if sorted(wanted) != sorted(made):
+        raise SystemExit("performance.py: the document has no place, or more than one, for: " +
+                         ", ".join(sorted(set(made) ^ set(wanted)) or ["a figure named twice"]))
+    pattern = r"(<!-- figures: ([\w-]+) -->\n).*?(<!-- end -->)"
+    return re.sub(pattern, lambda match: f"{match[1]}\n{made[match[2]]}\n{match[3]}", document,
+                  flags=re.S)
+
+
+def main():
+    if len(sys.argv) != 3:
+        raise SystemExit(__doc__)
+    figures = Figures(sys.argv[1])
+    document = pathlib.Path(sys.argv[2])
+    document.write_text(fill(document.read_text(encoding="utf-8"), sections(figures)),
+                        encoding="utf-8")
+    pictures = document.parent / "pictures"
+    pictures.mkdir(exist_ok=True)
+    for name, svg in charts(figures):
+        (pictures / f"performance-{name}.svg").write_text(svg, encoding="utf-8")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,362 @@
+// Long chains in tables of the library's own packer and port string writer: whatever answers, the
+// table must be the one that a walk of its chains would give, and storage must be accounted for.
+
+#include <algorithm>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "heaptest.hpp"
+
+namespace memtest {
+namespace {
+
+constexpr std::int16_t kDuplicate = 4033;
+constexpr std::int16_t kNotFound = 4034;
+constexpr std::size_t kLongestWalked = 64;
+
+struct Record {
+  std::uint64_t value;
+  std::uint64_t key;
+};
+constexpr std::int16_t kKeyOff = 8;
+
+// A hash function of a caller's own that puts everything into one bucket.
+std::int16_t oneBucket(const void *) {
+  return 0;
+}
+
+// Where the library's own tables put an address on a little-endian host: by its lowest byte.
+std::int16_t packerBucket(std::uint64_t key) {
+  return static_cast<std::int16_t>((key & 0xFF) >> 1);
+}
+
+struct Structure {
+  std::uint64_t number;
+};
+
+class HashIndexTest : public HeapHashTest {
+ protected:
+  HashIndexTest() {
+    packerFunction = functionUsedBy([this] { packOne(); });
+    EXPECT_NE(packerFunction, nullptr);
+  }
+
+  ~HashIndexTest() override {
+    if (table != nullptr) close();
+  }
+
+  // The hash function of the table that a service opens.
+  template <class Call>
+  MEMHashFunc functionUsedBy(Call call) {
+    static MEMHashFunc seen;
+    static MEM_HashOpenFn *own;
+    seen = nullptr;
+    own = mem.MEM_HashOpen;
+    mem.MEM_HashOpen = [](HMEMHASH *phHash, std::int16_t keyOff, std::int16_t keyLen,
+                          std::int16_t max, MEMHashFunc pFunc, std::int16_t areaLen,
+                          std::uint16_t subPool) {
+      seen = pFunc;
+      return own(phHash, keyOff, keyLen, max, pFunc, areaLen, subPool);
+    };
+    call();
+    mem.MEM_HashOpen = own;
+    return seen;
+  }
+
+  void packOne() {
+    MemPackCB cb{};
+    cb.Count = 1;
+    cb.Descriptors[0].Type = MEM_PACK_FIXED;
+    cb.Descriptors[0].FixedLen = sizeof(Structure);
+    cb.Descriptors[0].SiblingOff = MEM_PACK_NO_SIBLING;
+    const Structure structure{1};
+    MemPackBlock *first = nullptr;
+    ASSERT_EQ(mem.MEM_Pack(&cb, &structure, 1024, &first), 0);
+    mem.MEM_Free(first, 1024, 0);
+  }
+
+  void open(MEMHashFunc function, std::int16_t keyLen = 8) {
+    ASSERT_EQ(mem.MEM_HashOpen(&table, kKeyOff, keyLen, 127, function, 64, kSubPool), 0);
+  }
+
+  void close() {
+    ASSERT_EQ(mem.MEM_HashClose(table), 0);
+    table = nullptr;
+  }
+
+  void insert(std::uint64_t key) {
+    const Record record{key * 3, key};
+    void *stored = nullptr;
+    ASSERT_EQ(mem.MEM_HashInsEntry(table, sizeof record, &record, &stored), 0);
+    expectNoError();
+    EXPECT_EQ(static_cast<Record *>(stored)->key, key);
+    chains[static_cast<std::size_t>(bucketOf(key))].push_back(key);
+  }
+
+  void expectKnown(std::uint64_t key) {
+    void *found = nullptr;
+    ASSERT_EQ(mem.MEM_HashGetEntry(table, &key, &found), 0) << key;
+    EXPECT_EQ(static_cast<Record *>(found)->value, key * 3);
+    const Record again{0, key};
+    void *there = nullptr;
+    ASSERT_EQ(mem.MEM_HashInsEntry(table, sizeof again, &again, &there), kDuplicate) << key;
+    EXPECT_EQ(there, found);
+    EXPECT_EQ(static_cast<Record *>(found)->value, key * 3) << "nothing is copied";
+  }
+
+  void expectUnknown(std::uint64_t key) {
+    void *found = untouched();
+    EXPECT_EQ(mem.MEM_HashGetEntry(table, &key, &found), kNotFound) << key;
+    EXPECT_EQ(found, untouched());
+  }
+
+  void remove(std::uint64_t key) {
+    ASSERT_EQ(mem.MEM_HashDelEntry(table, &key), 0) << key;
+    std::vector<std::uint64_t> &chain = chains[static_cast<std::size_t>(bucketOf(key))];
+    chain.erase(std::find(chain.begin(), chain.end(), key));
+  }
+
+  // The chains in storage hold exactly what was inserted, in that order.
+  void expectChains() {
+    for (std::size_t bucket = 0; bucket < 128; ++bucket) {
+      std::vector<std::uint64_t> keys;
+      void *node = load<void *>(table, 48 + 8 * bucket);
+      for (; node != nullptr; node = load<void *>(node, 0)) {
+        keys.push_back(load<std::uint64_t>(node, 8 + kKeyOff));
+      }
+      EXPECT_EQ(keys, chains[bucket]) << "bucket " << bucket;
+    }
+  }
+
+  std::int16_t bucketOf(std::uint64_t key) const { return isOneBucket ? 0 : packerBucket(key); }
+
+  MEMHashFunc packerFunction = nullptr;
+  HMEMHASH table = nullptr;
+  std::vector<std::uint64_t> chains[128];
+  bool isOneBucket = false;
+};
+
+// Storage areas of the table's subpool: control block and heap areas; anything more is an index.
+class Areas {
+ public:
+  Areas(refhost::Host &host, std::uint16_t subPool) : host_(host), subPool_(subPool) {}
+  std::uint64_t obtained() const { return host_.account(subPool_).totalCount; }
+  std::uint64_t live() const { return host_.account(subPool_).liveCount; }
+
+ private:
+  refhost::Host &host_;
+  std::uint16_t subPool_;
+};
+
+TEST_F(HashIndexTest, ChainsUpTo64NodesObtainNothing) {
+  const Areas areas(host, kSubPool);
+  open(packerFunction);
+  const std::uint64_t before = areas.obtained();
+  for (std::uint64_t i = 0; i < kLongestWalked; ++i) insert(0x1000 + 256 * i);
+  EXPECT_EQ(areas.obtained(), before);
+  insert(0x1000 + 256 * kLongestWalked);
+  EXPECT_EQ(areas.obtained(), before + 1) << "the chain has grown past 64";
+  expectChains();
+}
+
+TEST_F(HashIndexTest, ClosingReturnsTheIndex) {
+  const Areas areas(host, kSubPool);
+  const std::uint64_t before = areas.live();
+  open(packerFunction);
+  for (std::uint64_t i = 0; i < 5000; ++i) insert(0x1000 + 8 * i);
+  EXPECT_NE(env().pMemThreadBlk->pHashIndexes, nullptr);
+  close();
+  EXPECT_EQ(areas.live(), before);
+  EXPECT_EQ(env().pMemThreadBlk->pHashIndexes, nullptr);
+}
+
+TEST_F(HashIndexTest, ManyAddressesInAnyOrderStayFindable) {
+  open(packerFunction);
+  std::mt19937_64 random(20261121);
+  std::vector<std::uint64_t> keys;
+  for (std::uint64_t i = 0; i < 20000; ++i) keys.push_back(0x7F0000000000 + 8 * i);
+  std::shuffle(keys.begin(), keys.end(), random);
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    insert(keys[i]);
+    if (i % 97 == 0) expectKnown(keys[random() % (i + 1)]);
+    if (i % 101 == 0) expectUnknown(keys[i] + 4);
+  }
+  for (const std::uint64_t key : keys) expectKnown(key);
+  expectChains();
+}
+
+TEST_F(HashIndexTest, ZeroAndExtremeKeysAreKeysLikeOthers) {
+  open(packerFunction);
+  for (std::uint64_t i = 1; i <= 100; ++i) insert(256 * i);
+  expectUnknown(0);
+  expectUnknown(~std::uint64_t{0});
+  insert(0);
+  insert(~std::uint64_t{0});
+  expectKnown(0);
+  expectKnown(~std::uint64_t{0});
+  expectChains();
+}
+
+TEST_F(HashIndexTest, DeletingGivesTheIndexUpAndKeepsTheTable) {
+  open(packerFunction);
+  for (std::uint64_t i = 0; i < 3000; ++i) insert(0x2000 + 8 * i);
+  ASSERT_NE(env().pMemThreadBlk->pHashIndexes, nullptr);
+  remove(0x2000 + 8 * 500);
+  EXPECT_EQ(env().pMemThreadBlk->pHashIndexes, nullptr);
+  expectUnknown(0x2000 + 8 * 500);
+  expectKnown(0x2000);
+  insert(0x2000 + 8 * 3500);
+  insert(0x2000 + 8 * 500);  // at its chain's end now
+  expectKnown(0x2000 + 8 * 3500);
+  expectChains();
+  for (std::uint64_t i = 4000; i < 6000; ++i) insert(0x2000 + 8 * i);
+  expectChains();
+}
+
+TEST_F(HashIndexTest, TwoTablesOfAThreadKeepApart) {
+  open(packerFunction);
+  for (std::uint64_t i = 0; i < 3000; ++i) insert(0x1000 + 8 * i);
+  const HMEMHASH first = table;
+  HMEMHASH second = nullptr;
+  ASSERT_EQ(mem.MEM_HashOpen(&second, kKeyOff, 8, 127, packerFunction, 64, kSubPool), 0);
+  for (std::uint64_t i = 0; i < 3000; ++i) {
+    const Record record{7, 0x1000 + 8 * i};
+    void *stored = nullptr;
+    ASSERT_EQ(mem.MEM_HashInsEntry(second, sizeof record, &record, &stored), 0);
+  }
+  for (std::uint64_t i = 3000; i < 3100; ++i) insert(0x1000 + 8 * i);
+  const std::uint64_t key = 0x1000;
+  void *found = nullptr;
+  ASSERT_EQ(mem.MEM_HashGetEntry(second, &key, &found), 0);
+  EXPECT_EQ(static_cast<Record *>(found)->value, 7U);
+  table = first;
+  expectKnown(key);
+  close();
+  ASSERT_EQ(mem.MEM_HashGetEntry(second, &key, &found), 0);
+  EXPECT_EQ(static_cast<Record *>(found)->value, 7U);
+  ASSERT_EQ(mem.MEM_HashClose(second), 0);
+}
+
+// A caller's keys may change in place, so its chains are always walked.
+TEST_F(HashIndexTest, CallersTablesNeverGetOne) {
+  isOneBucket = true;
+  const Areas areas(host, kSubPool);
+  open(oneBucket);
+  const std::uint64_t before = areas.obtained();
+  for (std::uint64_t i = 0; i < 1000; ++i) insert(i);
+  EXPECT_EQ(areas.obtained(), before);
+  std::uint64_t key = 900;
+  void *found = nullptr;
+  ASSERT_EQ(mem.MEM_HashGetEntry(table, &key, &found), 0);
+  static_cast<Record *>(found)->key = 5000;
+  key = 5000;
+  void *moved = nullptr;
+  EXPECT_EQ(mem.MEM_HashGetEntry(table, &key, &moved), 0);
+  EXPECT_EQ(moved, found);
+}
+
+TEST_F(HashIndexTest, KeysOfAnotherLengthNeverGetOne) {
+  const Areas areas(host, kSubPool);
+  open(packerFunction, 7);
+  const std::uint64_t before = areas.obtained();
+  for (std::uint64_t i = 0; i < 200; ++i) insert(0x1000 + 256 * i);
+  EXPECT_EQ(areas.obtained(), before);
+  expectChains();
+}
+
+TEST_F(HashIndexTest, WithoutAThreadBlockChainsAreWalked) {
+  const Areas areas(host, kSubPool);
+  open(packerFunction);
+  MEMThreadBlock *const block = env().pMemThreadBlk;
+  env().pMemThreadBlk = nullptr;
+  const std::uint64_t before = areas.obtained();
+  for (std::uint64_t i = 0; i < 1000; ++i) insert(0x1000 + 8 * i);
+  EXPECT_EQ(areas.obtained(), before);
+  expectKnown(0x1000);
+  expectChains();
+  env().pMemThreadBlk = block;
+}
+
+// An index that appears, or is asked for, while its thread block is away.
+TEST_F(HashIndexTest, ATableWhoseThreadBlockIsAwayIsWalked) {
+  open(packerFunction);
+  for (std::uint64_t i = 0; i < 3000; ++i) insert(0x1000 + 8 * i);
+  MEMThreadBlock *const block = env().pMemThreadBlk;
+  env().pMemThreadBlk = nullptr;
+  expectKnown(0x1000 + 8 * 2999);
+  expectUnknown(0x1000 + 8 * 3000);
+  env().pMemThreadBlk = block;
+  expectKnown(0x1000 + 8 * 2999);
+  expectChains();
+}
+
+// Storage that is refused costs speed only: no result and no error area shows it.
+TEST_F(HashIndexTest, RefusedStorageLeavesTheTableAsItWouldBe) {
+  constexpr std::uint64_t kKeys = 40000;  // three areas in turn
+  for (std::uint64_t refused = 1; refused <= 3; ++refused) {
+    for (std::vector<std::uint64_t> &chain : chains) chain.clear();
+    open(packerFunction);
+    static std::uint64_t asked;
+    static std::uint64_t refusedNow;
+    static MEMThreadEnv *thread;
+    static MEM_AllocFn *own;
+    asked = 0;
+    refusedNow = refused;
+    thread = &env();
+    own = mem.MEM_Alloc;
+    mem.MEM_Alloc = [](std::uint32_t size, std::int16_t subPool) -> void * {
+      constexpr std::uint32_t kHeapArea = 64 * 1024;
+      if (size != kHeapArea && ++asked >= refusedNow) {
+        thread->Error.Code = 99;  // as a host does
+        return nullptr;
+      }
+      return own(size, subPool);
+    };
+    for (std::uint64_t i = 0; i < kKeys; ++i) insert(0x1000 + 8 * i);
+    mem.MEM_Alloc = own;
+    EXPECT_EQ(asked, refused) << "a refusal is final";
+    for (std::uint64_t i = 0; i < kKeys; i += 501) expectKnown(0x1000 + 8 * i);
+    expectUnknown(0x1000 + 8 * kKeys);
+    expectChains();
+    close();
+    EXPECT_EQ(env().pMemThreadBlk->pHashIndexes, nullptr);
+  }
+}
+
+// Both services that own such tables, with graphs that need an index.
+TEST_F(HashIndexTest, PackingALongListComesOutInOrder) {
+  struct Link {
+    Link *next;
+    std::uint64_t number;
+  };
+  constexpr std::size_t kLinks = 20000;
+  std::vector<Link> links(kLinks);
+  for (std::size_t i = 0; i < kLinks; ++i) {
+    links[i] = {i + 1 < kLinks ? &links[i + 1] : nullptr, i};
+  }
+  MemPackCB cb{};
+  cb.Count = 1;
+  cb.Descriptors[0].Type = MEM_PACK_FIXED;
+  cb.Descriptors[0].FixedLen = sizeof(Link);
+  cb.Descriptors[0].SiblingOff = offsetof(Link, next);
+  MemPackBlock *first = nullptr;
+  ASSERT_EQ(mem.MEM_Pack(&cb, links.data(), 30000, &first), 0);
+  MemPackBlock *unpacked = first;
+  void *root = nullptr;
+  ASSERT_EQ(mem.MEM_Unpack(&unpacked, &root, &cb), 0);
+  std::size_t count = 0;
+  for (const char *at = static_cast<char *>(root); at != nullptr; at = load<const char *>(at, 0)) {
+    ASSERT_EQ(load<std::uint64_t>(at, 8), count++);
+  }
+  EXPECT_EQ(count, kLinks);
+  while (first != nullptr) {
+    MemPackBlock *next = first->pNext;
+    mem.MEM_Free(first, 30000, 0);
+    first = next;
+  }
+  EXPECT_EQ(env().pMemThreadBlk->pHashIndexes, nullptr);
+}
+
+}  // namespace
+}  // namespace memtest

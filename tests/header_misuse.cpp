@@ -1,0 +1,160 @@
+// Wrong uses of the C++ header, one a case. header_misuse_test compiles the cases one by one: case 0
+// must compile, every other one must fail with the text behind its number.
+#include "qj7mem00/mem.hpp"
+
+struct Leaf {
+  std::uint32_t id;
+};
+struct Node {
+  Node *pNext;
+  Node *pSecond;
+  Leaf *pLeaf;
+  const char *pName;
+  std::uint32_t id;
+  double weight;
+  std::int64_t big;
+  char text[8];
+  Leaf leaf;
+  std::uint16_t elements[1];
+};
+struct Derived : Leaf {
+  int more;
+};
+struct Padded {
+  std::uint8_t small;
+  std::uint32_t large;
+};
+struct Keyed {
+  Padded key;
+};
+struct Destroyed {
+  ~Destroyed() {}
+};
+
+using mem::child;
+using mem::field;
+using mem::reference;
+using mem::segment;
+using mem::sibling;
+using mem::structure;
+
+#define NODE(member) MEM_FIELD(Node, member)
+
+[[maybe_unused]] static void use(const mem::Context &context, mem::Heap &heap) {
+  static_cast<void>(context);
+  static_cast<void>(heap);
+#if CASE == 0  // compiles
+  constexpr auto table = mem::packTable(segment<Node>(sibling(NODE(pNext)), child(NODE(pLeaf))),
+                                        segment<Leaf>());
+  static_assert(table.count() == 2);
+  static constexpr mem::PortTable kPort{
+      structure<Node, 1>(field<1>(NODE(pNext)), field<2>(NODE(leaf)), field<3>(NODE(id))),
+      structure<Leaf, 2>(field<1>(MEM_FIELD(Leaf, id)))};
+  static_assert(kPort.table()[0].FieldCount == 3);
+
+#elif CASE == 1  // mem: a structure for the library must have standard layout
+  static_cast<void>(mem::Member<Derived, int, 4>{});
+#elif CASE == 2  // mem: a sibling, child or reference must be a pointer
+  static_cast<void>(child(NODE(id)));
+#elif CASE == 3  // mem: a segment has one sibling at most
+  static_cast<void>(segment<Node>(sibling(NODE(pNext)), sibling(NODE(pSecond))));
+#elif CASE == 4  // mem: a sibling points to a structure of its own kind
+  static_cast<void>(mem::packTable(segment<Node>(sibling(NODE(pLeaf))), segment<Leaf>()));
+#elif CASE == 5  // mem: a child of a kind that the control block does not describe
+  static_cast<void>(mem::packTable(segment<Node>(child(NODE(pLeaf)))));
+#elif CASE == 6  // mem: a reference to a kind that the control block does not describe
+  static_cast<void>(mem::packTable(segment<Node>(reference(NODE(pLeaf)))));
+#elif CASE == 7  // mem: a structure is described twice
+  static_cast<void>(mem::packTable(segment<Node>(), segment<Node>()));
+#elif CASE == 8  // mem: a member of another structure in this segment
+  static_cast<void>(segment<Leaf>(sibling(NODE(pNext))));
+#elif CASE == 9  // mem: a segment has 24 children at most
+  const auto c = child(NODE(pName));
+  static_cast<void>(segment<Node>(c, c, c, c, c, c, c, c, c, c, c, c, c, c, c, c, c, c, c, c, c, c,
+                                  c, c, c));
+#elif CASE == 10  // mem: a segment has 8 references at most
+  const auto r = reference(NODE(pNext));
+  static_cast<void>(segment<Node>(r, r, r, r, r, r, r, r, r));
+#elif CASE == 11  // mem: a segment is 65,535 bytes long at most
+  static_cast<void>(segment<std::array<char, 65536>>());
+#elif CASE == 12  // mem: the pointer lies too far into the structure
+  static_cast<void>(child(mem::Member<Node, Node *, 32768>{}));
+#elif CASE == 13  // mem: too many descriptors for a control block
+  [&]<int... kNumbers>(std::integer_sequence<int, kNumbers...>) {
+    static_cast<void>(mem::packTable(segment<std::integral_constant<int, kNumbers>>()...));
+  }(std::make_integer_sequence<int, 249>());
+#elif CASE == 14  // mem: the count is the first member of its segment
+  static_cast<void>(mem::countedSegment(mem::Member<Node, std::int16_t, 2>{}));
+#elif CASE == 15  // mem: the length is the first member of its segment
+  static_cast<void>(mem::selfSizedSegment<'D'>(NODE(elements[0])));
+#elif CASE == 16  // mem: this type letter has a meaning of its own
+  static_cast<void>(mem::selfSizedSegment<'S'>(mem::Member<Node, std::uint16_t, 0>{}));
+
+#elif CASE == 20  // mem: this member's type has no type code (use fieldAs to choose one)
+  static_cast<void>(field<1>(NODE(weight)));
+#elif CASE == 21  // mem: this member cannot hold a field of this type
+  static_cast<void>(mem::fieldAs<1, MEM_PORT_SHORT>(NODE(id)));
+#elif CASE == 22  // mem: field identifiers are 1 or more and ascend
+  static_cast<void>(structure<Node, 1>(field<2>(NODE(id)), field<1>(NODE(text))));
+#elif CASE == 23  // mem: field identifiers are 1 or more and ascend
+  static_cast<void>(structure<Node, 1>(field<0>(NODE(id))));
+#elif CASE == 24  // mem: structure identifiers are 1 to 2,147,483,647
+  static_cast<void>(structure<Node, 0x80000000U>(field<1>(NODE(id))));
+#elif CASE == 25  // mem: a structure without fields cannot be read back
+  static_cast<void>(structure<Node, 1>());
+#elif CASE == 26  // mem: a field of another structure
+  static_cast<void>(structure<Leaf, 1>(field<1>(NODE(id))));
+#elif CASE == 27  // mem: a field leads to a structure that the table does not describe
+  static constexpr mem::PortTable kTable{structure<Node, 1>(field<1>(NODE(pLeaf)))};
+#elif CASE == 28  // mem: a field leads to a structure that the table does not describe
+  static constexpr mem::PortTable kTable{structure<Node, 1>(field<1>(NODE(leaf)))};
+#elif CASE == 29  // mem: a structure is described twice
+  static constexpr mem::PortTable kTable{structure<Node, 1>(field<1>(NODE(id))),
+                                         structure<Node, 2>(field<1>(NODE(id)))};
+#elif CASE == 30  // mem: two structures have one identifier
+  static constexpr mem::PortTable kTable{structure<Node, 1>(field<1>(NODE(id))),
+                                         structure<Leaf, 1>(field<1>(MEM_FIELD(Leaf, id)))};
+#elif CASE == 31  // mem: the repeat field is the last one
+  static_cast<void>(structure<Node, 1>(field<1>(NODE(id)),
+                                       mem::repeatedField<2, 1>(NODE(elements)),
+                                       field<3>(NODE(text))));
+#elif CASE == 32  // mem: the count field must be a 16- or 32-bit number of the same structure
+  static_cast<void>(structure<Node, 1>(field<1>(NODE(text)),
+                                       mem::repeatedField<2, 1>(NODE(elements))));
+#elif CASE == 33  // mem: the repeated member's type has no type code
+  static_cast<void>(mem::repeatedField<2, 1>(NODE(weight)));
+#elif CASE == 34  // mem: the default does not fit its field
+  static_cast<void>(field<1>(NODE(elements[0])).defaultNumber<65536>());
+#elif CASE == 35  // mem: the default does not fit its field
+  static_cast<void>(field<1>(NODE(id)).defaultNumber<-1>());
+#elif CASE == 36  // mem: this field has no number as its default
+  static_cast<void>(field<1>(NODE(big)).defaultNumber<1>());
+#elif CASE == 37  // mem: this field has no narrow text as its default
+  static_cast<void>(field<1>(NODE(id)).defaultText("text"));
+#elif CASE == 38  // mem: this field has no wide text as its default
+  static_cast<void>(field<1>(NODE(pName)).defaultText(u"text"));
+#elif CASE == 39  // mem: this field has no bytes as its default
+  static_cast<void>(field<1>(NODE(big)).defaultBytes(nullptr));
+
+#elif CASE == 50  // mem: a key is compared byte by byte and must not have padding
+  static_cast<void>(mem::HashTable<Keyed, Padded>());
+#elif CASE == 51  // mem: a record of a hash table is at most 32,752 bytes long
+  static_cast<void>(mem::HashTable<std::array<char, 32753>, std::uint32_t>());
+#elif CASE == 52  // mem: a table has 1 to 32,768 buckets
+  static_cast<void>(mem::HashTable<Leaf, std::uint32_t>::open<0>(context, MEM_FIELD(Leaf, id)));
+#elif CASE == 53  // mem: a heap or pool is closed as a whole and runs no destructors
+  static_cast<void>(heap.make<Destroyed>());
+#elif CASE == 54  // mem: entries are aligned to 8 bytes
+  struct alignas(16) Aligned {
+    char bytes[16];
+  };
+  static_cast<void>(mem::CellPool<Aligned>::open(context));
+#elif CASE == 55  // use of deleted function
+  static_cast<void>(mem::Heap::open(mem::contextOf(heap)));
+#elif CASE == 56  // mem: a structure that the table does not describe
+  static constexpr mem::PortTable kTable{structure<Leaf, 1>(field<1>(MEM_FIELD(Leaf, id)))};
+  static_cast<void>(mem::readPortString<Node>(context, heap, kTable, ""));
+#else
+#error "no such case"
+#endif
+}

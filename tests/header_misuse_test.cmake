@@ -1,0 +1,61 @@
+# Wrong uses of mem.hpp must not compile, and tell why; its right use must, with every compiler that
+# is there.
+#
+#   cmake -DCOMPILERS=… -DINCLUDE=… -P header_misuse_test.cmake
+#
+# COMPILERS  C++ compilers, as a list
+# INCLUDE    folder of the public headers
+cmake_minimum_required(VERSION 3.25)
+
+set(flags -std=c++20 -Wall -Wextra -Wconversion -Wshadow -Werror -I${INCLUDE} -fsyntax-only)
+set(misuse ${CMAKE_CURRENT_LIST_DIR}/header_misuse.cpp)
+set(use ${CMAKE_CURRENT_LIST_DIR}/header_use.cpp)
+file(STRINGS ${misuse} cases REGEX "^#(el)?if CASE == ")
+set(ENV{LC_ALL} "C")
+
+# Compiles a file; leaves the exit code and the messages in `code` and `messages`.
+macro(compile)
+  execute_process(COMMAND ${compiler} ${flags} ${ARGN}
+    RESULT_VARIABLE code OUTPUT_VARIABLE messages ERROR_VARIABLE messages)
+endmacro()
+
+foreach(compiler ${COMPILERS})
+  foreach(options "" "-fno-exceptions;-fno-rtti")
+    compile(${options} ${use})
+    if(NOT code STREQUAL "0")
+      message(FATAL_ERROR "${compiler} ${options} ${use}:\n${messages}")
+    endif()
+  endforeach()
+endforeach()
+
+set(checked 0)
+foreach(compiler ${COMPILERS})
+  # What the compilers for other platforms refuse is no different.
+  if(compiler MATCHES "mingw")
+    continue()
+  endif()
+  foreach(case ${cases})
+    if(NOT case MATCHES "CASE == ([0-9]+)  // (.+)$")
+      message(FATAL_ERROR "${misuse}: ${case}")
+    endif()
+    set(number ${CMAKE_MATCH_1})
+    set(wanted "${CMAKE_MATCH_2}")
+    compile(-DCASE=${number} ${misuse})
+    if(number EQUAL 0)
+      if(NOT code STREQUAL "0")
+        message(FATAL_ERROR "${compiler} refuses what is right:\n${messages}")
+      endif()
+      continue()
+    endif()
+    if(wanted STREQUAL "use of deleted function" AND compiler MATCHES "clang")
+      set(wanted "deleted")
+    endif()
+    string(FIND "${messages}" "${wanted}" place)
+    if(code STREQUAL "0" OR place EQUAL -1)
+      message(FATAL_ERROR
+        "${compiler}, case ${number}: expected \"${wanted}\", exit code ${code}\n${messages}")
+    endif()
+    math(EXPR checked "${checked} + 1")
+  endforeach()
+endforeach()
+message(STATUS "${checked} wrong uses refused")

@@ -1,0 +1,34 @@
+# Examples in pages of the manual. A page marks its example, and what it prints, by comments that
+# readers do not see:
+#
+#   <!-- example -->
+#   ```c
+#   int example(const MEMFunctionVector *mem) { … }
+#   ```
+#   <!-- output -->
+#   ```
+#   …
+#   ```
+
+# mem_marked_block(<page> <mark> <result>)
+# Leaves in <result> the text of the fenced block behind the line `<!-- mark -->` of a page; empty
+# when the page has no such line.
+function(mem_marked_block page mark result)
+  file(READ ${page} text)
+  string(REPLACE "\r\n" "\n" text "${text}")
+  set(line "\n<!-- ${mark} -->\n```")
+  string(FIND "${text}" "${line}" place)
+  if(place EQUAL -1)
+    set(${result} "" PARENT_SCOPE)
+    return()
+  endif()
+  string(LENGTH "${line}" length)
+  math(EXPR place "${place} + ${length}")
+  string(SUBSTRING "${text}" ${place} -1 text)
+  string(FIND "${text}" "\n" begin)  # the end of the fence, which may name a language
+  string(FIND "${text}" "\n```\n" end)
+  math(EXPR length "${end} - ${begin}")
+  math(EXPR begin "${begin} + 1")
+  string(SUBSTRING "${text}" ${begin} ${length} text)
+  set(${result} "${text}" PARENT_SCOPE)
+endfunction()

@@ -1,0 +1,152 @@
+// memtool port: looks into the file of a port string, and writes one.
+#include <memory>
+
+#include "memtool_commands.hpp"
+#include "port_decode.hpp"
+#include "port_defs.hpp"
+#include "port_encode.hpp"
+#include "port_picture.hpp"
+#include "port_report.hpp"
+#include "port_text.hpp"
+#include "tool_file.hpp"
+#include "tool_text.hpp"
+
+namespace memtool {
+namespace {
+
+constexpr const char *kFooter =
+    "Examples:\n"
+    "  memtool port FILE                             structures, fields and values\n"
+    "  memtool port FILE --json | jq .structures     the same for programs\n"
+    "  memtool port FILE --check                     is it sound? Tells the first fault\n"
+    "  memtool port FILE --svg OUT.svg               a picture of its first structures\n"
+    "  memtool port FILE --defs DEFS.json            with names, as the library reads it\n"
+    "  memtool port FILE --defs DEFS.json --json > GRAPH.json\n"
+    "  memtool port --encode GRAPH.json --defs DEFS.json -o FILE\n"
+    "\n"
+    "Characters are counted from 0. A port string that has a fault is shown up to there, and the\n"
+    "exit code is 1.";
+
+struct PortOptions {
+  std::string file;
+  bool asJson = false;
+  bool checks = false;
+  std::string picture;
+  std::string definitions;
+  std::string graph;
+  std::string output;
+};
+
+[[noreturn]] void throwFault(const PortOptions &options, const PortFault &fault) {
+  throw ToolError(options.file + ": " + fault.text());
+}
+
+void show(Console &console, const PortOptions &options, const PortDocument &document) {
+  if (!options.picture.empty()) {
+    writeFile(options.picture, portPicture(options.file, document));
+    if (!options.asJson) console.print("{}: the picture is written\n", options.picture);
+  }
+  const bool isQuiet = options.checks || !options.picture.empty();
+  if (options.asJson) {
+    const bool isGraph = !options.definitions.empty();
+    const PortJson json = isGraph ? portGraphJson(document) : portTextJson(options.file, document);
+    console.print("{}\n", json.dump(2));
+  } else if (!isQuiet) {
+    printPort(console, options.file, document);
+  }
+}
+
+void showSound(Console &console, const PortOptions &options, const PortDocument &document) {
+  if (!options.checks || options.asJson) return;
+  console.print("{}: {}, {} characters, {} structure{}\n", options.file,
+                console.paint(Ink::Good, "sound"), grouped(document.characters),
+                grouped(document.promised), document.promised == 1 ? "" : "s");
+}
+
+// What readers let pass is a fault for --check only.
+void checkText(const PortOptions &options, const PortDocument &document) {
+  const bool hasDeviation = document.deviation && (!document.fault || document.deviation->offset <
+                                                                          document.fault->offset);
+  if (hasDeviation) throwFault(options, *document.deviation);
+  if (document.fault) throwFault(options, *document.fault);
+}
+
+ExitCode showText(Tool &tool, const PortOptions &options) {
+  const PortDocument document = readPortText(readFile(options.file), tool.console);
+  show(tool.console, options, document);
+  tool.console.out().flush();
+  if (options.checks) checkText(options, document);
+  if (document.fault) throwFault(options, *document.fault);
+  showSound(tool.console, options, document);
+  return kExitFine;
+}
+
+PortDocument decode(Tool &tool, const PortOptions &options, const PortDefinitions &definitions,
+                    const std::string &text) {
+  RunningLibrary library(pathFromUtf8(tool.library));
+  try {
+    return decodePortText(library, definitions, text, tool.console);
+  } catch (const ToolError &error) {
+    throw ToolError(options.file + ": " + error.what());
+  }
+}
+
+ExitCode showDecoded(Tool &tool, const PortOptions &options) {
+  const PortDefinitions definitions(options.definitions, readFile(options.definitions));
+  const std::string text = readFile(options.file);
+  if (options.checks) checkText(options, readPortText(text, tool.console));
+  const PortDocument document = decode(tool, options, definitions, text);
+  show(tool.console, options, document);
+  showSound(tool.console, options, document);
+  return kExitFine;
+}
+
+ExitCode encode(Tool &tool, const PortOptions &options) {
+  const PortDefinitions definitions(options.definitions, readFile(options.definitions));
+  const std::string graph = readFile(options.graph);
+  RunningLibrary library(pathFromUtf8(tool.library));
+  const std::string text = encodePortText(library, definitions, options.graph, graph);
+  if (options.output.empty()) {
+    tool.console.write(text);
+    return kExitFine;
+  }
+  writeFile(options.output, text);
+  tool.console.print("{}: {} characters\n", options.output, grouped(text.size()));
+  return kExitFine;
+}
+
+ExitCode runPort(Tool &tool, const PortOptions &options) {
+  if (options.graph.empty()) {
+    if (options.file.empty()) throw UsageError("port needs a FILE, or --encode");
+    if (!options.output.empty()) throw UsageError("--output goes with --encode");
+    return options.definitions.empty() ? showText(tool, options) : showDecoded(tool, options);
+  }
+  if (options.definitions.empty()) throw UsageError("--encode needs --defs");
+  if (!options.file.empty() || options.asJson || options.checks || !options.picture.empty()) {
+    throw UsageError("--encode takes --defs and --output only");
+  }
+  return encode(tool, options);
+}
+
+}  // namespace
+
+void addPortCommand(CLI::App &app, Tool &tool) {
+  const auto options = std::make_shared<PortOptions>();
+  CLI::App *const command = app.add_subcommand("port", "Look into a port string, or write one");
+  command->add_option("FILE", options->file, "The port string")->type_name("");
+  command->add_flag("--json", options->asJson, "Write JSON instead of text");
+  command->add_flag("--check", options->checks, "Only tell whether the port string is sound");
+  command->add_option("--svg", options->picture, "Draw structures and pointers")
+      ->type_name("OUT.svg");
+  command->add_option("--defs", options->definitions, "Definitions of the structures, as JSON")
+      ->type_name("DEFS.json");
+  command->add_option("--encode", options->graph, "Write the port string of these structures")
+      ->type_name("GRAPH.json");
+  command->add_option("-o,--output", options->output, "With --encode: the file; else stdout")
+      ->type_name("OUT");
+  command->footer(kFooter);
+  command->callback(
+      [&tool, options] { tool.command = [&tool, options] { return runPort(tool, *options); }; });
+}
+
+}  // namespace memtool

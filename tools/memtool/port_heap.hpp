@@ -1,0 +1,72 @@
+// A heap for one call of the port string services, and what a call tells beyond its result.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "tool_library.hpp"
+
+namespace memtool {
+
+// The heap that a call works in. Closed at destruction, on the thread of construction.
+class PortHeap {
+ public:
+  explicit PortHeap(RunningLibrary &library);
+  ~PortHeap();
+  PortHeap(const PortHeap &) = delete;
+  PortHeap &operator=(const PortHeap &) = delete;
+
+  HMEMHEAP handle() const { return handle_; }
+
+ private:
+  RunningLibrary &library_;
+  HMEMHEAP handle_ = nullptr;
+};
+
+// Addresses of entries, with their lengths in bytes.
+using PortEntries = std::map<const void *, std::int64_t>;
+
+// Takes note of all entries of a heap while it lives: the library calls the heap through the vector
+// of its host, and the host may replace a slot. So every structure and string that a reading call
+// makes is known by address and length, whatever the text made of the pointers. Refuses entries
+// when all together pass a limit, because a text of a few characters can ask for any length. One
+// lives at a time.
+class PortHeapWatch {
+ public:
+  PortHeapWatch(RunningLibrary &library, const PortHeap &heap);
+  ~PortHeapWatch();
+  PortHeapWatch(const PortHeapWatch &) = delete;
+  PortHeapWatch &operator=(const PortHeapWatch &) = delete;
+
+  PortEntries takeEntries() { return std::move(entries_); }
+
+ private:
+  static MEM_HeapAllocEntryLongFn allocate;
+  std::int16_t allocateNoting(HMEMHEAP heap, std::int32_t length, void **entry);
+
+  MEM_HeapAllocEntryLongFn **slot_;
+  MEM_HeapAllocEntryLongFn *before_;
+  HMEMHEAP heap_;
+  PortEntries entries_;
+  std::int64_t total_ = 0;
+};
+
+// Keeps the records of a call to tell why it failed.
+class PortMessages {
+ public:
+  explicit PortMessages(RunningLibrary &library);
+  ~PortMessages();
+  PortMessages(const PortMessages &) = delete;
+  PortMessages &operator=(const PortMessages &) = delete;
+
+  // The first message with its place in the text; without one, that `service` failed.
+  std::string reason(std::string_view service);
+
+ private:
+  RunningLibrary &library_;
+};
+
+}  // namespace memtool

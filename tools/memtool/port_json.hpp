@@ -1,0 +1,57 @@
+// Reading of JSON that a user wrote: what is wrong with it is told together with its place.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "port_values.hpp"
+#include "qj7mem00/memport.h"
+
+namespace memtool {
+
+// Throws ToolError with the byte where the text stops being JSON.
+PortJson parsePortJson(const std::string &name, std::string_view bytes);
+
+// A value within a document, which must outlive it. What does not have the wanted form is a
+// ToolError that names the place: "defs.json: structures[0].id: …".
+class PortJsonNode {
+ public:
+  // A whole document.
+  PortJsonNode(const PortJson &json, std::string name)
+      : PortJsonNode(json, std::move(name), ": ") {}
+
+  const PortJson &json() const { return *json_; }
+  [[noreturn]] void fail(std::string_view what) const;
+
+  // For objects.
+  void requireKeys(std::initializer_list<std::string_view> known) const;
+  PortJsonNode at(const std::string &key) const;
+  std::optional<PortJsonNode> find(const std::string &key) const;
+  PortJsonNode member(const std::string &key, const PortJson &value) const;
+
+  std::vector<PortJsonNode> elements() const;
+  const std::string &text() const;
+  std::int64_t integer(std::int64_t least, std::int64_t most) const;
+  bool flag() const;
+
+ private:
+  PortJsonNode(const PortJson &json, std::string place, const char *separator)
+      : json_(&json), place_(std::move(place)), separator_(separator) {}
+
+  const PortJson *json_;
+  std::string place_;
+  const char *separator_;  // in front of a member's name
+};
+
+// The forms that portValueJson writes. `node` holds text, {"hex": …} or {"units": […]}.
+std::string portTextOf(const PortJsonNode &node);
+std::u16string portUnitsOf(const PortJsonNode &node);
+
+// All `length` bytes of a field of type Char, CharSZ, Bin, Bit, WChar or WCharSZ.
+std::string portFieldBytes(MEMFieldType type, std::int32_t length, const PortJsonNode &node);
+
+}  // namespace memtool

@@ -1,0 +1,18 @@
+// A picture of the graph in a port string.
+#pragma once
+
+#include <string>
+
+#include "port_model.hpp"
+
+namespace memtool {
+
+// Structures and rows of a structure beyond these are counted instead of drawn.
+inline constexpr std::size_t kMostDrawnStructures = 40;
+inline constexpr std::size_t kMostDrawnFields = 24;
+
+// SVG with a box for each of the first structures and an arrow for each pointer between them. The
+// columns are the steps that it takes from the first structure.
+std::string portPicture(const std::string &name, const PortDocument &document);
+
+}  // namespace memtool

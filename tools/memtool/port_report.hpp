@@ -1,0 +1,21 @@
+// Port strings as text and as JSON.
+#pragma once
+
+#include <string>
+
+#include "port_model.hpp"
+#include "port_values.hpp"
+#include "tool_console.hpp"
+
+namespace memtool {
+
+// Structures with their numbers, fields and values, by name where definitions were at hand.
+void printPort(Console &console, const std::string &name, const PortDocument &document);
+
+// What the text alone tells: {"file", "characters", "structures": […], "fault"}.
+PortJson portTextJson(const std::string &name, const PortDocument &document);
+
+// A document that was read with definitions, in the form that encodePortText takes.
+PortJson portGraphJson(const PortDocument &document);
+
+}  // namespace memtool

@@ -28,6 +28,7 @@ ExitCode fail(Console &console, const std::string &what, ExitCode code) {
 
 void describe(CLI::App &app, Tool &tool) {
   app.name("memtool");
+  app.allow_windows_style_options(false);  // /name is a path on every platform
   app.set_version_flag("--version", std::string("memtool ") + kVersion, "Show the version");
   app.set_help_flag("-h,--help", "Show this help");
   app.add_option("--library", tool.library,

@@ -246,7 +246,8 @@ typedef int16_t MEM_UnpackFn(MemPackBlock **ppFirstBlk, void **ppRoot, const Mem
 typedef int16_t MEM_CatOpenFn(MEMCatCB *pCatCB);
 
 /** Returns the text storage, if there is any, and makes `pText` null; the other fields stay.
- * MEM_CAT_CLOSE_ERROR when `BlkLen` is 0x80000000 or more. */
+ * MEM_CAT_CLOSE_ERROR when `BlkLen` is 0x80000000 or more, whatever `pText` is: a block whose open
+ * failed holds what the caller left there. */
 typedef int16_t MEM_CatCloseFn(MEMCatCB *pCatCB);
 
 /** Appends NUL-terminated wide text through slot 29. On failure the error is MEMERR_CATSTDSTR with

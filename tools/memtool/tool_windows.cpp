@@ -2,7 +2,10 @@
 #define NOMINMAX
 #include <windows.h>
 
+#include <fcntl.h>
+#include <io.h>
 #include <shellapi.h>  // needs what windows.h declares
+#include <stdio.h>
 
 #include "tool_platform.hpp"
 #include "tool_text.hpp"
@@ -29,6 +32,8 @@ int terminalWidth() {
 }
 
 void prepareTerminal() {
+  // What is written is what comes out: a line end in an encoded text is part of it.
+  _setmode(_fileno(stdout), _O_BINARY);
   for (const Stream stream : {Stream::Out, Stream::Err}) {
     DWORD mode = 0;
     if (GetConsoleMode(handleOf(stream), &mode) == 0) continue;

@@ -88,14 +88,17 @@ void runSound(refhost::Host &host, std::span<const std::uint8_t> choices, std::i
 // Definitions in one page, structures in others; forbidden pages behind each.
 class HostileWorld {
  public:
-  HostileWorld() : definitions_(2), structures_(kPages + 1) {
+  HostileWorld() : definitions_(2), structures_(kGuards + kPages + kGuards) {
     definitions_.forbid(1);
-    structures_.forbid(kPages);
+    for (std::size_t i = 0; i < kGuards; ++i) {
+      structures_.forbid(i);
+      structures_.forbid(kGuards + kPages + i);
+    }
   }
 
   void make(Random &random) {
     std::memset(definitions_.page(0), 0, GuardPages::pageLength());
-    std::memset(structures_.page(0), 0, kPages * GuardPages::pageLength());
+    std::memset(structures(), 0, kPages * GuardPages::pageLength());
     const std::size_t rows = random.between(1, kMostRows);
     for (std::size_t i = 0; i < rows; ++i) makeRow(random, i);
     row(rows).StructID = 0;
@@ -107,6 +110,10 @@ class HostileWorld {
 
  private:
   static constexpr std::size_t kPages = 2;
+  // Around the structures nothing may be read. What is a field's own storage is the definition's to
+  // say, so offsets stay small enough to lead nowhere else: embedded structures add theirs up.
+  static constexpr std::size_t kGuards = 1024;
+  static_assert(kGuards * 4096 > (MEM_PORT_MAX_NESTING + 2) * std::size_t{0x8000});
   static constexpr std::size_t kMostRows = 4;
   static constexpr std::size_t kMostFields = 6;
 
@@ -117,6 +124,14 @@ class HostileWorld {
   }
   MEMFieldDef *fieldsOf(std::size_t i) const {
     return reinterpret_cast<MEMFieldDef *>(definitions_.page(0)) + i * kMostFields;
+  }
+
+  std::uint8_t *structures() const { return structures_.page(kGuards); }
+  std::uint8_t *behindStructures() const { return structures_.page(kGuards + kPages); }
+
+  static std::int32_t anyShort(Random &random) {
+    return random.oneIn(4) ? static_cast<std::int16_t>(random.bits())
+                           : static_cast<std::int32_t>(random.below(64));
   }
 
   static std::int32_t anyNumber(Random &random) {
@@ -145,14 +160,14 @@ class HostileWorld {
   static void makeField(Random &random, MEMFieldDef &made) {
     made.FieldID = static_cast<std::uint32_t>(random.below(30));
     made.Type = static_cast<std::uint8_t>(random.oneIn(10) ? random.bits() : random.below(18));
-    made.Length = anyNumber(random);
-    made.Offset = random.oneIn(6) ? anyNumber(random) : static_cast<std::int32_t>(random.below(64));
+    made.Length = anyShort(random);
+    made.Offset = anyShort(random);
     made.SubStructID = static_cast<std::uint32_t>(random.below(kMostRows + 2));
     made.NotPorted = static_cast<std::uint8_t>(random.oneIn(8));
   }
 
   void makeStructures(Random &random) {
-    std::uint8_t *bytes = structures_.page(0);
+    std::uint8_t *bytes = structures();
     const std::size_t length = random.below(256);
     for (std::size_t i = 0; i < length; ++i) {
       bytes[random.below(kPages * GuardPages::pageLength())] =
@@ -161,17 +176,15 @@ class HostileWorld {
     const std::size_t pointers = random.below(40);
     for (std::size_t i = 0; i < pointers; ++i) {
       const void *target = random.oneIn(8) ? wildAddress(random) : anyPlace(random);
-      std::uint8_t *cell = const_cast<std::uint8_t *>(anyPlace(random));
-      if (cell + sizeof target <= structures_.behind(kPages - 1)) {
-        std::memcpy(cell, &target, sizeof target);
-      }
+      // Aligned, so that no two of them make a third that leads to somebody else's storage.
+      std::memcpy(structures() + random.below(kPages * GuardPages::pageLength() / 8) * 8, &target,
+                  sizeof target);
     }
   }
 
   const std::uint8_t *anyPlace(Random &random) const {
     const std::size_t step = random.oneIn(4) ? 1 : 8;
-    return structures_.page(0) + random.below(64) * step +
-           random.below(kPages) * GuardPages::pageLength();
+    return structures() + random.below(64) * step + random.below(kPages) * GuardPages::pageLength();
   }
 
   // The lowest and highest pages are nobody's, and so is what is behind the structures.
@@ -183,7 +196,7 @@ class HostileWorld {
       case 1:
         return reinterpret_cast<const void *>(~static_cast<std::uintptr_t>(offset));
       default:
-        return structures_.behind(kPages - 1) + offset;
+        return behindStructures() + offset;
     }
   }
 

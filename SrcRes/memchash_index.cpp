@@ -74,8 +74,9 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
 void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
                            std::uint32_t passed) noexcept {
   if (ctl.IndexState != kNotIndexed || !mayBeIndexed(ctl)) return;
-  if (ctl.WalkedNodes < kMostWalkedNodes) ++ctl.WalkedNodes;
-  if (passed >= kLongestWalkedChain || ctl.WalkedNodes == kMostWalkedNodes) make(frame, ctl);
+  const bool isFull = ctl.WalkedNodes == kMostWalkedNodes;
+  if (!isFull) ++ctl.WalkedNodes;
+  if (isFull || passed >= kLongestWalkedChain) make(frame, ctl);
 }
 
 void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {

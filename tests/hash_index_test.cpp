@@ -160,6 +160,20 @@ TEST_F(HashIndexTest, ChainsUpTo64NodesObtainNothing) {
   expectChains();
 }
 
+TEST_F(HashIndexTest, ManyShortChainsObtainNothingUpTo2048Nodes) {
+  const Areas areas(host, kSubPool);
+  open(packerFunction);
+  const std::uint64_t before = areas.obtained();
+  const auto indexes = [&] { return env().pMemThreadBlk->pHashIndexes; };
+  for (std::uint64_t i = 0; i < 2048; ++i) insert(0x1000 + 2 * i);  // 16 in each of 128 buckets
+  EXPECT_EQ(indexes(), nullptr);
+  insert(0x1000 + 2 * 2048);
+  EXPECT_NE(indexes(), nullptr);
+  EXPECT_GT(areas.obtained(), before);
+  for (std::uint64_t i = 0; i <= 2048; ++i) expectKnown(0x1000 + 2 * i);
+  expectChains();
+}
+
 TEST_F(HashIndexTest, ClosingReturnsTheIndex) {
   const Areas areas(host, kSubPool);
   const std::uint64_t before = areas.live();

@@ -1,7 +1,5 @@
 #include "memcpack_repack.h"
 
-#include <algorithm>
-
 #include "memcpack_blocks.h"
 #include "memcpack_fields.h"
 #include "memcpack_text.h"

@@ -154,16 +154,21 @@ HashIndex::Slot *HashIndex::slots() const noexcept {
       const_cast<HashNode **>(reinterpret_cast<HashNode *const *>(this + 1)) + buckets_);
 }
 
-// The slot with the key, or the free one where it belongs. Structures that lie together are met
-// together, so the addresses of one page have slots side by side; the pages are spread by a
-// multiplication.
-HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
-  Slot *pSlots = slots();
-  const auto mask = capacity_ - 1;
+// Where a key belongs. Structures that lie together are met together, so the addresses of one page
+// have places side by side; the pages are spread by a multiplication.
+std::uint32_t HashIndex::placeOf(std::uint64_t key) const noexcept {
   const int shift = 64 - std::countr_zero(capacity_);
   const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * 0x9E3779B97F4A7C15U) >> shift);
-  std::uint32_t place = (ofPage + static_cast<std::uint32_t>(key % 4096 / 16)) & mask;
-  while (pSlots[place].pNode != nullptr && pSlots[place].key != key) place = (place + 1) & mask;
+  return (ofPage + static_cast<std::uint32_t>(key % 4096 / 16)) & (capacity_ - 1);
+}
+
+// The slot with the key, or the free one where it belongs.
+HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
+  Slot *pSlots = slots();
+  std::uint32_t place = placeOf(key);
+  while (pSlots[place].pNode != nullptr && pSlots[place].key != key) {
+    place = (place + 1) & (capacity_ - 1);
+  }
   return &pSlots[place];
 }
 

@@ -4,6 +4,8 @@
 
 #include "bytes.h"
 #include "callframe.h"
+#include "memchash.h"
+#include "memchash_index.h"
 #include "memcpack_blocks.h"
 #include "memcpack_cb.h"
 #include "memcpack_outcome.h"
@@ -19,6 +21,11 @@ constexpr EntryPoint kPack{"MEM_Pack", kSourcePack, 402, 911};
 constexpr std::int16_t kTableMax = 127;
 constexpr std::int16_t kTableAreaKB = 4;
 constexpr std::uint16_t kTableSubPool = 0;
+
+// Records by which the fix-up asks for storage ahead: for slots of the table's index, and for the
+// nodes that these lead to.
+constexpr int kFarAhead = 16;
+constexpr int kNearAhead = 8;
 
 // What the table keeps of a packed segment. The key comes first.
 struct PackRecord {
@@ -80,6 +87,12 @@ std::int64_t segmentLength(const MemPackDescriptor &descriptor, const void *pSeg
   }
 }
 
+// The record that was made `count` records before this one, or null.
+const PackRecord *recordBefore(const PackRecord *pRecord, int count) noexcept {
+  for (; pRecord != nullptr && count > 0; --count) pRecord = pRecord->pPrevious;
+  return pRecord;
+}
+
 bool hasNegativeCount(const MemPackDescriptor &descriptor, const void *pSegment) noexcept {
   return descriptor.Type == MEM_PACK_COUNTED && loadAs<std::int16_t>(pSegment) < 0;
 }
@@ -88,9 +101,10 @@ bool hasNegativeCount(const MemPackDescriptor &descriptor, const void *pSegment)
 // pointers in the copies (fixPointers). The caller's structure is only read.
 class Packer {
  public:
-  Packer(const MemPackCB *pPackCB, const void *pRoot, std::int32_t blockLen,
+  Packer(const CallFrame &frame, const MemPackCB *pPackCB, const void *pRoot, std::int32_t blockLen,
          MemPackBlock **ppFirstBlk) noexcept
-      : controlBlock_(pPackCB),
+      : frame_(frame),
+        controlBlock_(pPackCB),
         pRoot_(pRoot),
         blockLen_(blockLen),
         ppFirstBlk_(ppFirstBlk),
@@ -122,6 +136,8 @@ class Packer {
   bool copyString(bool isWide, const void *pText, MemPackRelPtr &relPtr) noexcept;
   bool recordSegment(const Level &level, const PlacedItem &item) noexcept;
   bool fixPointers() noexcept;
+  template <class Use>
+  void forEachTarget(const PackRecord &record, Use use) noexcept;
   bool fixRecord(const PackRecord &record) noexcept;
   bool fixPointer(std::byte *pCopy, std::int16_t offset) noexcept;
 
@@ -133,6 +149,7 @@ class Packer {
   Step nextSegment() noexcept;
   static Level takeChild(const SegmentPlan &plan, Level &level) noexcept;
 
+  const CallFrame &frame_;
   const PackControlBlock controlBlock_;
   const void *const pRoot_;
   const std::int32_t blockLen_;
@@ -311,11 +328,31 @@ Packer::Level Packer::takeChild(const SegmentPlan &plan, Level &level) noexcept 
   return {};
 }
 
+// In a large graph the table's index and records are met all over storage: what a record's pointers
+// lead to is asked for some records ahead.
 bool Packer::fixPointers() noexcept {
+  const HashIndex *pIndex = indexToAskAhead(frame_, hTable_);
+  const PackRecord *pFar = pIndex == nullptr ? nullptr : recordBefore(pLastRecord_, kFarAhead);
+  const PackRecord *pNear = pIndex == nullptr ? nullptr : recordBefore(pLastRecord_, kNearAhead);
   for (const PackRecord *pRecord = pLastRecord_; pRecord != nullptr; pRecord = pRecord->pPrevious) {
+    if (pFar != nullptr) {
+      forEachTarget(*pFar, [pIndex](const void *pTarget) { pIndex->wantSlot(&pTarget); });
+      pFar = pFar->pPrevious;
+    }
+    if (pNear != nullptr) {
+      forEachTarget(*pNear, [pIndex](const void *pTarget) { pIndex->wantNode(&pTarget); });
+      pNear = pNear->pPrevious;
+    }
     if (!fixRecord(*pRecord)) return false;
   }
   return true;
+}
+
+template <class Use>
+void Packer::forEachTarget(const PackRecord &record, Use use) noexcept {
+  for (const std::int16_t offset : plans_.of(record.Descriptor).links()) {
+    if (const void *pTarget = loadPointer(record.pCopy, offset)) use(pTarget);
+  }
 }
 
 // Pointers to text were replaced when the text was copied.
@@ -358,7 +395,7 @@ std::int16_t MEM_Pack(const MemPackCB *pPackCB, const void *pRoot, std::int32_t 
                       MemPackBlock **ppFirstBlk) noexcept {
   CallFrame frame(kPack, ErrorArea::clear);
   frame.traceEntry("Parms: BlkLen=%ld", BlkLen);
-  Packer packer(pPackCB, pRoot, BlkLen, ppFirstBlk);
+  Packer packer(frame, pPackCB, pRoot, BlkLen, ppFirstBlk);
   if (!packer.run()) {
     {
       const ErrorAreaKeeper keeper(frame);

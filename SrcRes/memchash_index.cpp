@@ -66,6 +66,7 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
   pIndex->size_ = size;
   pIndex->buckets_ = buckets;
   pIndex->capacity_ = capacity;
+  pIndex->shift_ = 64 - static_cast<std::uint32_t>(std::countr_zero(capacity));
   pIndex->pNext_ = *ppAnchor;
   *ppAnchor = pIndex;
   return pIndex;
@@ -157,8 +158,7 @@ HashIndex::Slot *HashIndex::slots() const noexcept {
 // Where a key belongs. Structures that lie together are met together, so the addresses of one page
 // have places side by side; the pages are spread by a multiplication.
 std::uint32_t HashIndex::placeOf(std::uint64_t key) const noexcept {
-  const int shift = 64 - std::countr_zero(capacity_);
-  const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * 0x9E3779B97F4A7C15U) >> shift);
+  const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * 0x9E3779B97F4A7C15U) >> shift_);
   return (ofPage + static_cast<std::uint32_t>(key % 4096 / 16)) & (capacity_ - 1);
 }
 

@@ -93,6 +93,7 @@ class HashIndex {
   std::uint32_t buckets_;   // entries of tails()
   std::uint32_t capacity_;  // entries of slots(), a power of 2, at most half of them in use
   std::uint32_t count_;
+  std::uint32_t shift_;  // leaves the bits of a place of a 64-bit product
 };
 
 }  // namespace mem

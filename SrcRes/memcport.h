@@ -8,6 +8,7 @@
 //   memcport_towire    field values as text
 //   memcport_input     the text being read
 //   memcport_scanner   what all readers share: characters, numbers, messages, the caller's heap
+//   memcport_words     digits and plain text, eight characters at a time
 //   memcport_reader    structures and the pointers that wait for them
 //   memcport_fromwire  field values from text
 //

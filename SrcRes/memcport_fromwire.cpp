@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "bytes.h"
+#include "memcport_words.h"
 #include "textparts.h"
 
 namespace mem {
@@ -78,14 +79,6 @@ class TextTarget {
   std::size_t stored_ = 0;
 };
 
-// Characters up to the first of the two; the whole of the text when there is none.
-std::size_t findEither(std::string_view text, char a, char b) noexcept {
-  std::size_t i = 0;
-  const char *const pText = text.data();
-  while (i < text.size() && pText[i] != a && pText[i] != b) ++i;
-  return i;
-}
-
 // Text behind its opening quote, up to the closing one. `readEscaped` reads the unit behind a "/".
 template <class Unit, class ReadEscaped>
 bool readText(PortScanner &scanner, const MessagePoint &point, char quote, TextTarget<Unit> &target,
@@ -93,7 +86,7 @@ bool readText(PortScanner &scanner, const MessagePoint &point, char quote, TextT
   for (;;) {
     const std::string_view text = scanner.run();
     if (text.empty()) return false;
-    const std::size_t plain = findEither(text, quote, '/');
+    const std::size_t plain = plainLength(text, quote);
     const std::size_t read = target.readable(plain);
     scanner.skip(read);
     if (!target.put(firstOf(text, read))) return target.report(scanner, point);
@@ -204,16 +197,11 @@ bool MEM_PortStr2WCharSZ(PortScanner &scanner, const MEMFieldDef &field,
   return true;
 }
 
-// A string of `units` in the caller's heap, its address stored in the field. Null, reported, on
+// `length` bytes in the caller's heap, their address stored in the field. Null, reported, on
 // failure.
-template <class Unit>
-std::byte *allocateText(PortScanner &scanner, const MessagePoint &point, std::uint64_t units,
-                        std::byte *pField) noexcept {
-  if (units > scanner.inputLength()) {
-    scanner.fail(point, kInconsistent);
-    return nullptr;
-  }
-  void *pText = scanner.allocate(static_cast<std::int64_t>((units + 1) * sizeof(Unit)));
+std::byte *allocateBytes(PortScanner &scanner, const MessagePoint &point, std::uint64_t length,
+                         std::byte *pField) noexcept {
+  void *pText = scanner.allocate(static_cast<std::int64_t>(length));
   if (pText == nullptr) {
     scanner.fail(point, kAllocationFailed);
     return nullptr;
@@ -222,7 +210,28 @@ std::byte *allocateText(PortScanner &scanner, const MessagePoint &point, std::ui
   return static_cast<std::byte *>(pText);
 }
 
-// The length is read first, then the quoted text, which must have exactly that length.
+// The same for a string of `units`, which cannot be longer than the input.
+template <class Unit>
+std::byte *allocateText(PortScanner &scanner, const MessagePoint &point, std::uint64_t units,
+                        std::byte *pField) noexcept {
+  if (units > scanner.inputLength()) {
+    scanner.fail(point, kInconsistent);
+    return nullptr;
+  }
+  return allocateBytes(scanner, point, (units + 1) * sizeof(Unit), pField);
+}
+
+// The quoted text of a fresh string, which must have exactly the string's length.
+template <class Unit>
+bool fillString(PortScanner &scanner, const MessagePoint &point, std::byte *pText,
+                std::uint32_t length) noexcept {
+  TextTarget<Unit> target(pText, length, Excess::inconsistent);
+  if (!readQuoted(scanner, point, target)) return false;
+  if (target.stored() != length) return scanner.fail(point, kInconsistent);
+  target.terminate();
+  return true;
+}
+
 template <class Unit>
 bool readNarrowString(PortScanner &scanner, const MessagePoint &point, std::byte *pField) noexcept {
   char c = 0;
@@ -236,12 +245,7 @@ bool readNarrowString(PortScanner &scanner, const MessagePoint &point, std::byte
   if (!scanner.unget() || !scanner.number(length)) return false;
   if (!scanner.expect('"', point, kMissingQuote)) return false;
   std::byte *pText = allocateText<Unit>(scanner, point, length, pField);
-  if (pText == nullptr) return false;
-  TextTarget<Unit> target(pText, length, Excess::inconsistent);
-  if (!readQuoted(scanner, point, target)) return false;
-  if (target.stored() != length) return scanner.fail(point, kInconsistent);
-  target.terminate();
-  return true;
+  return pText != nullptr && fillString<Unit>(scanner, point, pText, length);
 }
 
 bool MEM_PortStr2PStr(PortScanner &scanner, std::byte *pField) noexcept {
@@ -372,6 +376,18 @@ bool readFieldValue(PortScanner &scanner, const MEMFieldDef &field, std::byte *p
     default:
       return MEM_PortStr2WPStr(scanner, pField);
   }
+}
+
+bool readStringText(PortScanner &scanner, std::uint32_t length, std::byte *pField) noexcept {
+  const char *const pFrom = scanner.at();
+  std::byte *pText = allocateBytes(scanner, kPointPStr, std::uint64_t{length} + 1, pField);
+  if (pText == nullptr) return false;
+  if (!copyPlain(pText, pFrom, length, '"') || pFrom[length] != '"') {
+    return fillString<char>(scanner, kPointPStr, pText, length);
+  }
+  pText[length] = std::byte{0};
+  scanner.moveTo(pFrom + length + 1);
+  return true;
 }
 
 }  // namespace mem

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "memcport_scanner.h"
 #include "qj7mem00/memport.h"
@@ -13,5 +14,10 @@ namespace mem {
 // stored before a failure stays. REQUIRES: a type of 1 to 16 other than those, storedLength(field)
 // bytes at `pField`.
 bool readFieldValue(PortScanner &scanner, const MEMFieldDef &field, std::byte *pField) noexcept;
+
+// The rest of a PStr value, of which "X", the length and the opening quote have been read. Quick
+// for text without escapes. REQUIRES: more than `length` characters, and a word of them, in the
+// current chunk.
+bool readStringText(PortScanner &scanner, std::uint32_t length, std::byte *pField) noexcept;
 
 }  // namespace mem

@@ -35,15 +35,16 @@ bool PortInput::step() noexcept {
   for (const MEMPortChunk *pChunk = pNext; pChunk != nullptr; pChunk = pChunk->pNext) {
     if (pChunk->Used <= 0) continue;
     pCurrent_ = pChunk;
-    current_ = textOf(*pChunk);
-    position_ = 0;
+    pStart_ = pChunk->Text;
+    pNext_ = pStart_;
+    pEnd_ = pStart_ + pChunk->Used;
     return true;
   }
   return false;
 }
 
 std::uint64_t PortInput::length() const noexcept {
-  if (pFirst_ == nullptr) return current_.size();
+  if (pFirst_ == nullptr) return static_cast<std::uint64_t>(pEnd_ - pStart_);
   std::uint64_t sum = 0;
   for (const MEMPortChunk *pChunk = pFirst_; pChunk != nullptr; pChunk = pChunk->pNext) {
     sum += textOf(*pChunk).size();
@@ -63,9 +64,9 @@ const MEMPortChunk *PortInput::previous() const noexcept {
 
 Excerpts PortInput::excerpts() const noexcept {
   Excerpts made;
-  made.position = static_cast<std::int32_t>(position_);
-  const std::string_view read = tail(firstOf(current_, position_), Excerpts::kLen);
-  const std::string_view next = head(behind(current_, position_), Excerpts::kLen);
+  made.position = static_cast<std::int32_t>(consumed().size());
+  const std::string_view read = tail(consumed(), Excerpts::kLen);
+  const std::string_view next = head(unread(), Excerpts::kLen);
   std::string_view before;
   std::string_view after;
   if (const MEMPortChunk *pBefore = previous()) {

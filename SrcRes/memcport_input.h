@@ -7,7 +7,6 @@
 
 #include "memcport_message.h"
 #include "qj7mem00/memport.h"
-#include "textparts.h"
 
 namespace mem {
 
@@ -15,27 +14,37 @@ class PortInput {
  public:
   // Nothing is read here: construction is safe outside the fault guard.
   explicit PortInput(const MEMPortChunk *pFirst) noexcept : pFirst_(pFirst) {}
-  PortInput(const char *pText, std::uint32_t length) noexcept : current_(pText, length) {}
+  PortInput(const char *pText, std::uint32_t length) noexcept
+      : pStart_(pText), pNext_(pText), pEnd_(pText + length) {}
 
   // The next character; false at the end.
   bool next(char &c) noexcept {
-    if (position_ == current_.size() && !step()) return false;
-    c = current_[position_++];
+    if (pNext_ == pEnd_ && !step()) return false;
+    c = *pNext_++;
     return true;
   }
 
   // What is left of the current chunk, or of the next one that holds anything; empty at the end.
   std::string_view rest() noexcept {
-    if (position_ == current_.size() && !step()) return {};
-    return behind(current_, position_);
+    if (pNext_ == pEnd_) step();
+    return unread();
   }
   // REQUIRES: count <= rest().size().
-  void skip(std::size_t count) noexcept { position_ += count; }
+  void skip(std::size_t count) noexcept { pNext_ += count; }
+
+  // What is left of the current chunk, which may be nothing.
+  std::string_view unread() const noexcept {
+    return {pNext_, static_cast<std::size_t>(pEnd_ - pNext_)};
+  }
+  // The same as two places. Reading goes on at any place between them, or at the end.
+  const char *at() const noexcept { return pNext_; }
+  const char *end() const noexcept { return pEnd_; }
+  void moveTo(const char *pNext) noexcept { pNext_ = pNext; }
 
   // False at the start of the current chunk.
   bool pushBack() noexcept {
-    if (position_ == 0) return false;
-    --position_;
+    if (pNext_ == pStart_) return false;
+    --pNext_;
     return true;
   }
 
@@ -48,11 +57,17 @@ class PortInput {
  private:
   bool step() noexcept;
   const MEMPortChunk *previous() const noexcept;
+  std::string_view consumed() const noexcept {
+    return {pStart_, static_cast<std::size_t>(pNext_ - pStart_)};
+  }
 
   const MEMPortChunk *pFirst_ = nullptr;    // null for one block of characters
   const MEMPortChunk *pCurrent_ = nullptr;  // null before the first chunk, too
-  std::string_view current_;
-  std::size_t position_ = 0;  // in current_
+
+  // The current chunk's characters and the next one to be read.
+  const char *pStart_ = nullptr;
+  const char *pNext_ = nullptr;
+  const char *pEnd_ = nullptr;
 };
 
 }  // namespace mem

@@ -5,6 +5,7 @@
 #include "bytes.h"
 #include "memcport_defs.h"
 #include "memcport_fromwire.h"
+#include "memcport_words.h"
 
 namespace mem {
 
@@ -48,25 +49,74 @@ std::int64_t decimal(const char *pText) noexcept {
   return isNegative ? -value : value;
 }
 
-// First field with the identifier, or -1. Texts mostly name fields in the order of the definition,
-// so the one behind the last one found is tried first; identifiers ascend.
-std::int32_t findField(const MEMStructDef &def, std::uint32_t fieldID, std::int32_t hint) noexcept {
-  const std::int32_t count = fieldCount(def);
-  if (hint < count && def.Fields[hint].FieldID == fieldID &&
-      (hint == 0 || def.Fields[hint - 1].FieldID < fieldID)) {
-    return hint;
-  }
-  for (std::int32_t i = 0; i < count; ++i) {
+// First field with the identifier, or -1.
+std::int32_t findField(const MEMStructDef &def, std::uint32_t fieldID) noexcept {
+  for (std::int32_t i = 0; i < fieldCount(def); ++i) {
     if (def.Fields[i].FieldID == fieldID) return i;
   }
   return -1;
 }
 
+// True when a field is surely the first with its identifier, since identifiers ascend.
+bool isFirst(const MEMStructDef &def, std::int32_t fieldIndex) noexcept {
+  const MEMFieldDef *const pField = &def.Fields[fieldIndex];
+  return fieldIndex == 0 || pField[-1].FieldID < pField->FieldID;
+}
+
+// What may be looked at of a field text without a further look at the end: an identifier, the
+// value's opening, a sign, and a word that begins with digits.
+constexpr std::ptrdiff_t kFieldStartLen = 10 + 1 + 1 + static_cast<std::ptrdiff_t>(kTextWordLen);
+
+// How a value of a type begins, and the bytes of a number. For types that are not taken, what no
+// character is.
+struct TakenType {
+  std::int16_t opening = 0x100;
+  std::uint8_t numberLen = 0;
+};
+struct TakenTypes {
+  TakenType of[UINT8_MAX + 1];
+};
+constexpr TakenTypes kTakenTypes = [] {
+  TakenTypes types{};
+  types.of[MEM_PORT_PNT] = {'S'};
+  types.of[MEM_PORT_PSTR] = {'X'};
+  types.of[MEM_PORT_SHORT] = types.of[MEM_PORT_USHORT] = {'N', 2};
+  types.of[MEM_PORT_LONG] = types.of[MEM_PORT_ULONG] = {'N', 4};
+  types.of[MEM_PORT_BIGINT] = types.of[MEM_PORT_UBIGINT] = {'N', 8};
+  return types;
+}();
+
+// Behind an identifier and the opening of the value, as a writer puts them; null when there is
+// anything else at `p`.
+const char *behindStart(const char *p, const MEMFieldDef &field) noexcept {
+  std::uint32_t number = field.FieldID;
+  for (; number >= 10; number /= 10) {
+    if (*p++ != static_cast<char>('0' + number % 10)) return nullptr;
+  }
+  if (*p++ != static_cast<char>('0' + number)) return nullptr;
+  return *p == kTakenTypes.of[field.Type].opening ? p + 1 : nullptr;
+}
+
+bool isSignedNumber(std::uint8_t type) noexcept {
+  return type == MEM_PORT_SHORT || type == MEM_PORT_LONG || type == MEM_PORT_BIGINT;
+}
+
+void storeNumber(std::byte *pField, std::int64_t length, std::uint64_t value) noexcept {
+  if (length == 4) {
+    storeAs(pField, static_cast<std::uint32_t>(value));
+  } else if (length == 2) {
+    storeAs(pField, static_cast<std::uint16_t>(value));
+  } else {
+    storeAs(pField, value);
+  }
+}
+
 }  // namespace
 
-bool PortReader::Place::holds(std::int64_t structOffset, std::int64_t length) const noexcept {
-  const std::int64_t start = offset + structOffset;
-  return start >= 0 && length >= 0 && start <= entryLen && length <= entryLen - start;
+void PortReader::SeenFields::mark(std::int32_t i) noexcept {
+  if (!hasBits_) std::memset(bits_, 0, sizeof bits_);
+  hasBits_ = true;
+  bits_[i / 64] |= std::uint64_t{1} << (i % 64);
 }
 
 bool PortReader::run() noexcept {
@@ -119,17 +169,18 @@ bool PortReader::openIndex() noexcept {
 
 // One structure text of the top level: allocated, announced to the fields that wait for it, filled.
 bool PortReader::readTop(std::uint32_t index) noexcept {
-  StructText text{};
+  StructText text;
   std::int64_t size = 0;
-  if (!readHead(text.pDef, size) || !place(index, size, text.place)) return false;
+  if (!takeHead(text.pDef, size) && !readHead(text.pDef, size)) return false;
+  if (!place(index, size, text.place)) return false;
   return readBody(text);
 }
 
 // A structure text inside another one, read in place.
 bool PortReader::readEmbedded(const MEMFieldDef &field, const Place &place, int nesting) noexcept {
-  StructText text{};
+  StructText text;
   std::int64_t size = 0;
-  if (!readHead(text.pDef, size)) return false;
+  if (!takeHead(text.pDef, size) && !readHead(text.pDef, size)) return false;
   if (field.Length > size) {
     const ErrorText message = ErrorText("Size mismatch between field length (")
                                   .decimal(field.Length)
@@ -143,6 +194,18 @@ bool PortReader::readEmbedded(const MEMFieldDef &field, const Place &place, int 
   text.place = place;
   text.nesting = nesting;
   return readBody(text);
+}
+
+// Takes "(", an identifier of one digit and "<" in one chunk. False, with nothing read, when
+// anything else stands there.
+bool PortReader::takeHead(const MEMStructDef *&pDef, std::int64_t &size) noexcept {
+  const char *p = scanner_.at();
+  if (scanner_.end() - p < 3 || p[0] != '(' || !isDigit(p[1]) || p[2] != '<') return false;
+  pDef = MEM_Find_Struct_Def(pDefs_, static_cast<std::uint32_t>(p[1] - '0'));
+  if (pDef == nullptr) return false;
+  size = pDef->Length;
+  scanner_.moveTo(p + 3);
+  return true;
 }
 
 // "(", the identifier, an element count and "<". `size` is that of the structure with its elements.
@@ -199,39 +262,187 @@ bool PortReader::readBody(StructText &text) noexcept {
   }
   return readFields(text) &&
          scanner_.expect(')', kPointClose, "Closing ) expected at the end of a structure!") &&
-         completeAbsent(text);
+         (text.seen.hasFront(fieldCount(*text.pDef)) || completeAbsent(text));
 }
 
 bool PortReader::readFields(StructText &text) noexcept {
-  std::int32_t hint = 0;
   for (;;) {
+    const Taken taken = takeFields(text);
+    if (taken != Taken::some) return taken == Taken::all;
     std::uint32_t fieldID = 0;
     if (!scanner_.number(fieldID)) return false;
-    const std::int32_t fieldIndex = findField(*text.pDef, fieldID, hint);
+    const std::int32_t fieldIndex = indexOf(text, fieldID);
     if (fieldIndex < 0) return skipNewer(text, fieldID);
-    hint = fieldIndex + 1;
-    if (!readField(text, fieldIndex)) return false;
+    const std::int64_t offset = startField(text, fieldIndex);
+    if (!readField(text, text.pDef->Fields[fieldIndex], offset)) return false;
     char c = 0;
     if (!scanner_.get(c)) return false;
     if (c == '>') return true;  // any other character separates
   }
 }
 
-bool PortReader::readField(StructText &text, std::int32_t fieldIndex) noexcept {
-  const MEMFieldDef &field = text.pDef->Fields[fieldIndex];
-  text.seen.add(fieldIndex);
-  std::int64_t offset = field.Offset;
-  if (fieldIndex + 1 == fieldCount(*text.pDef)) {
-    offset += text.lastCount++ * field.Length;  // elements land one behind the other
+// First field with the identifier, or -1. Texts mostly name fields in the order of the definition,
+// so the expected one is tried first. What is learned of the last field is noted.
+std::int32_t PortReader::indexOf(StructText &text, std::uint32_t fieldID) const noexcept {
+  const MEMStructDef &def = *text.pDef;
+  const std::int32_t expected = text.expected;
+  if (expected < fieldCount(def) && def.Fields[expected].FieldID == fieldID &&
+      isFirst(def, expected)) {
+    return expected;
   }
+  const std::int32_t found = findField(def, fieldID);
+  if (found + 1 == fieldCount(def)) text.lastIsFirst = true;
+  return found;
+}
+
+// Notes that a field is present. Returns its offset: elements of the last field land one behind the
+// other.
+std::int64_t PortReader::startField(StructText &text, std::int32_t fieldIndex) noexcept {
+  const MEMFieldDef &field = text.pDef->Fields[fieldIndex];
+  const bool isLast = fieldIndex + 1 == fieldCount(*text.pDef);
+  text.seen.add(fieldIndex);
+  text.expected = isLast && text.lastIsFirst ? fieldIndex : fieldIndex + 1;
+  return isLast ? field.Offset + text.lastCount++ * field.Length : field.Offset;
+}
+
+// Takes field texts as a writer puts them: in the order of the definition, each with the start of
+// its value in one chunk. In front of any other it stops, with nothing of it read and no host
+// called, so that readFields() finds whatever is wrong with it. The place in the text is a
+// variable, since what is stored in a structure might be the scanner's own for all that the
+// compiler knows.
+PortReader::Taken PortReader::takeFields(StructText &text) noexcept {
+  const MEMStructDef &def = *text.pDef;
+  const std::int32_t last = fieldCount(def) - 1;
+  if (scanner_.end() - scanner_.at() < kFieldStartLen) return Taken::some;
+  if (text.expected > last || !isFirst(def, text.expected)) return Taken::some;
+  const MEMFieldDef *pField = &def.Fields[text.expected];
+  const MEMFieldDef *const pLast = &def.Fields[last];
+  const char *p = scanner_.at();
+  Taken taken = Taken::some;
+  while (scanner_.end() - p >= kFieldStartLen) {
+    const char *const pValue = behindStart(p, *pField);
+    if (pValue == nullptr) break;
+    std::int64_t offset = pField->Offset;
+    if (pField == pLast) offset += text.lastCount * pField->Length;
+    const TakenValue value = takeValue(text.place, *pField, offset, pValue);
+    if (value.isFailed) {
+      failField();
+      return Taken::failed;
+    }
+    if (value.pBehind == nullptr) break;
+    p = value.pBehind;
+    if (p == scanner_.end()) {
+      p = nextChunk(p);
+      if (p == nullptr) return Taken::failed;
+    }
+    const char separator = *p++;
+    const bool hasNext = toNext(text, pField, pLast);
+    if (separator == '>') {
+      taken = Taken::all;
+      break;
+    }
+    if (!hasNext) break;
+  }
+  scanner_.moveTo(p);
+  const auto expected = static_cast<std::int32_t>(pField - def.Fields);
+  text.seen.addRange(text.expected, expected);
+  text.expected = expected;
+  return taken;
+}
+
+// From a field that was taken to the one that comes next. False when there is none that surely
+// does.
+bool PortReader::toNext(StructText &text, const MEMFieldDef *&pField,
+                        const MEMFieldDef *pLast) noexcept {
+  if (pField != pLast) {
+    ++pField;
+    return pField[-1].FieldID < pField->FieldID;
+  }
+  ++text.lastCount;
+  if (!text.lastIsFirst) ++pField;
+  return text.lastIsFirst;
+}
+
+// From the end of a chunk to the next one's first character. Null, reported, at the end of the
+// input.
+const char *PortReader::nextChunk(const char *pEnd) noexcept {
+  char c = 0;
+  scanner_.moveTo(pEnd);
+  return scanner_.get(c) && scanner_.unget() ? scanner_.at() : nullptr;
+}
+
+// Takes many digits. What wraps in 64 bits is right in fewer, too.
+PortReader::TakenValue PortReader::takeLongNumber(std::uint8_t type, const char *p,
+                                                  std::byte *pField) const noexcept {
+  const bool isNegative = p[-1] == '-';
+  ReversedDigits<std::uint64_t> magnitude;
+  p = magnitude.take(p, scanner_.end());
+  if (p == scanner_.end()) return {};
+  storeNumber(pField, kTakenTypes.of[type].numberLen,
+              isNegative ? 0 - magnitude.value() : magnitude.value());
+  return {p};
+}
+
+// Takes a value behind its opening. REQUIRES: a type of kTakenTypes, kFieldStartLen characters from
+// the field text's start.
+PortReader::TakenValue PortReader::takeValue(const Place &place, const MEMFieldDef &field,
+                                             std::int64_t offset, const char *p) noexcept {
+  if (field.Type == MEM_PORT_PNT || field.Type == MEM_PORT_PSTR) {
+    if (!place.holds(offset, sizeof(void *))) return {};
+    return field.Type == MEM_PORT_PNT ? takePointer(p, place.at(offset))
+                                      : takeString(p, place.at(offset));
+  }
+  const std::int64_t length = kTakenTypes.of[field.Type].numberLen;
+  const bool isNegative = *p == '-';
+  if (!place.holds(offset, length) || (isNegative && !isSignedNumber(field.Type))) return {};
+  const ShortNumber number = shortNumber(isNegative ? p + 1 : p);
+  if (number.pBehind == nullptr) {
+    return takeLongNumber(field.Type, isNegative ? p + 1 : p, place.at(offset));
+  }
+  const std::uint64_t magnitude = number.value;
+  storeNumber(place.at(offset), length, isNegative ? 0 - magnitude : magnitude);
+  return {number.pBehind};
+}
+
+PortReader::TakenValue PortReader::takePointer(const char *p, std::byte *pField) noexcept {
+  const ShortNumber number = shortNumber(p);
+  if (number.pBehind == nullptr) return {};
+  if (number.value <= current_) {
+    storeAs<void *>(pField, number.value == 0 ? nullptr : pIndex_[number.value - 1]);
+    return {number.pBehind};
+  }
+  scanner_.moveTo(number.pBehind);
+  return {number.pBehind, !link(number.value, pField)};
+}
+
+PortReader::TakenValue PortReader::takeString(const char *p, std::byte *pField) noexcept {
+  if (isFieldEnd(*p)) {
+    storeAs<void *>(pField, nullptr);
+    return {p};
+  }
+  const ShortNumber length = shorterNumber(p);
+  if (length.pBehind == nullptr || *length.pBehind != '"') return {};
+  const char *const pText = length.pBehind + 1;
+  const auto ahead = static_cast<std::size_t>(scanner_.end() - pText);
+  if (length.value >= ahead || ahead < kTextWordLen) return {};
+  scanner_.moveTo(pText);
+  const bool isRead = readStringText(scanner_, length.value, pField);
+  return {scanner_.at(), !isRead};
+}
+
+bool PortReader::failField() noexcept {
+  return scanner_.fail(kPointField, "Field conversion failed!");
+}
+
+bool PortReader::readField(const StructText &text, const MEMFieldDef &field,
+                           std::int64_t offset) noexcept {
   if (field.Type < MEM_PORT_CHAR || field.Type > MEM_PORT_WPSTR) {
     return scanner_.fail(kPointType, "Unsupported field type!");
   }
   if (field.Type == MEM_PORT_SUBSTRUCTURE) {
     if (!scanner_.expect('E', kPointEmbedded, "Substructure expected!")) return false;
   }
-  return readValue(field, text.place, offset, text.nesting) ||
-         scanner_.fail(kPointField, "Field conversion failed!");
+  return readValue(field, text.place, offset, text.nesting) || failField();
 }
 
 // Whatever the definition says, only bytes of the structure's own entry are written.
@@ -247,11 +458,15 @@ bool PortReader::readValue(const MEMFieldDef &field, const Place &place, std::in
   return field.Type == MEM_PORT_PNT ? readPointer(pField) : readFieldValue(scanner_, field, pField);
 }
 
-// "S" and the number of a structure: linked at once when the structure is there already.
+// "S" and the number of a structure.
 bool PortReader::readPointer(std::byte *pField) noexcept {
   if (!scanner_.expect('S', kPointPointer, "Not a pointer field!")) return false;
   std::uint32_t number = 0;
-  if (!scanner_.number(number)) return false;
+  return scanner_.number(number) && link(number, pField);
+}
+
+// Links to a structure by its number: at once when the structure is there already.
+bool PortReader::link(std::uint32_t number, std::byte *pField) noexcept {
   if (number == 0) {
     storeAs<void *>(pField, nullptr);
     return true;

@@ -1,5 +1,7 @@
 #include "memcport_scanner.h"
 
+#include "memcport_words.h"
+
 namespace mem {
 
 namespace {
@@ -18,24 +20,22 @@ bool PortScanner::unget() noexcept {
 }
 
 bool PortScanner::atFieldEnd(char c, bool &isEnd) noexcept {
-  isEnd = c == '/' || c == '>';
+  isEnd = isFieldEnd(c);
   return !isEnd || unget();
 }
 
 template <class Number>
 bool PortScanner::digits(Number &value) noexcept {
-  value = 0;
-  Number weight = 1;
+  ReversedDigits<Number> digits;
   for (;;) {
     const std::string_view text = run();
     if (text.empty()) return false;
-    std::size_t i = 0;
-    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
-      value += static_cast<Number>(text[i] - '0') * weight;
-      weight *= 10;
-    }
-    skip(i);
-    if (i < text.size()) return true;
+    const char *const pEnd = text.data() + text.size();
+    const char *const pBehind = digits.take(text.data(), pEnd);
+    moveTo(pBehind);
+    if (pBehind == pEnd) continue;
+    value = digits.value();
+    return true;
   }
 }
 template bool PortScanner::digits(std::uint32_t &value) noexcept;

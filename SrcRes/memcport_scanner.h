@@ -10,6 +10,11 @@
 
 namespace mem {
 
+// What ends a field's text: its separator or the end of the fields.
+constexpr bool isFieldEnd(char c) noexcept {
+  return c == '/' || c == '>';
+}
+
 class PortScanner {
  public:
   PortScanner(CallFrame &frame, const PortInput &input, HMEMHEAP hMemHeap) noexcept
@@ -39,6 +44,13 @@ class PortScanner {
     return text;
   }
   void skip(std::size_t count) noexcept { input_.skip(count); }
+
+  // Unread characters of the current chunk, maybe none; where they begin and end. Who looks at many
+  // of them keeps the place in a variable of its own and moves there before anything else reads.
+  std::string_view unread() const noexcept { return input_.unread(); }
+  const char *at() const noexcept { return input_.at(); }
+  const char *end() const noexcept { return input_.end(); }
+  void moveTo(const char *pNext) noexcept { input_.moveTo(pNext); }
 
   // Characters of the whole input, counted once.
   std::uint64_t inputLength() noexcept;

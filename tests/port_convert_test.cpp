@@ -235,6 +235,7 @@ TEST_P(ReadValueTest, IsReadInEveryForm) {
             Field(2, MEM_PORT_BIT, 1, kOffset + row.length)});
   const std::string text = portString("(1<1" + row.value + "/2B10000000>)");
   expectOutcome(readBlock(defs.table(), text), "one block");
+  expectOutcome(readBlock(defs.table(), text + std::string(64, '5')), "one block and more behind");
   for (std::size_t length = 1; length <= 9; ++length) {
     expectOutcome(readChain(defs.table(), Chain::cut(text, length).first()), "chunks");
   }

@@ -31,12 +31,15 @@ class PortReadTest : public PortTest {
 
   void expectRead(
       const Defs &defs, const std::string &text, const std::function<void()> &look = [] {}) {
-    forEveryForm(defs, text, [&](std::int16_t result) {
+    const auto check = [&](std::int16_t result) {
       EXPECT_EQ(messages(), Lines());
       ASSERT_EQ(result, 0) << text;
       ASSERT_NE(read, nullptr);
       look();
-    });
+    };
+    forEveryForm(defs, text, check);
+    SCOPED_TRACE("one block and more behind");
+    check(readBlock(defs.table(), text + std::string(64, '5')));
   }
 
   void expectRefused(const Defs &defs, const std::string &text, const Lines &expected) {

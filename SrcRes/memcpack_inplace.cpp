@@ -1,5 +1,6 @@
 #include "memcpack_inplace.h"
 
+#include "memcpack_inorder.h"
 #include "memcpack_text.h"
 #include "memcpack_walk.h"
 
@@ -46,13 +47,6 @@ Outcome InPlaceVisitor::visit(std::uint16_t kind, const ContentPlace &place) noe
     if (Outcome failed = pointer(place, offset, target, isNull)) return failed;
   }
   return {};
-}
-
-// Kinds of some EBCDIC writers, whose lengths lie in fields that only their owners know.
-bool hasForeignLength(const MemPackDescriptor &descriptor) noexcept {
-  constexpr std::uint16_t kEbcdicV = 0xE5;
-  constexpr std::uint16_t kEbcdicX = 0xE7;
-  return descriptor.Type == kEbcdicV || descriptor.Type == kEbcdicX;
 }
 
 // Bytes at the start of a segment that nothing else may lie over: its length word, or the byte by
@@ -117,6 +111,8 @@ Outcome InPlaceVisitor::pointer(const ContentPlace &segment, std::int16_t offset
 }  // namespace
 
 Outcome unpackInPlace(PackedChain &chain, const ContentPlace &root) noexcept {
+  if (unpackInOrder(chain, root)) return {};
+  chain.startClaims();
   InPlaceVisitor visitor(chain);
   return ChainWalk(chain, visitor).run(root);
 }

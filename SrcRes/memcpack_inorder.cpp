@@ -1,0 +1,389 @@
+#include "memcpack_inorder.h"
+
+#include <algorithm>
+
+#include "memcpack_fields.h"
+#include "memcpack_text.h"
+#include "memcpack_textlength.h"
+#include "memcpack_walk.h"
+#include "platform.h"
+
+namespace mem {
+
+namespace {
+
+// How a kind of segment tells its length. Chains with kinds of no form are not unpacked here.
+enum class Form : std::uint8_t { none, fixed, counted, selfDescribing, narrowText, wideText };
+
+// What is known of a kind before the walk.
+struct KindRule {
+  std::uint16_t reach;  // bytes that a segment has at least: fixed length, length word, fields
+  Form form;
+};
+
+Form formOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexcept {
+  constexpr std::uint8_t kNativeWideSize = 2;
+  switch (descriptor.Type) {
+    case MEM_PACK_FIXED:
+      return Form::fixed;
+    case MEM_PACK_COUNTED:
+      return Form::counted;
+    case MEM_PACK_STRING:
+      return Form::narrowText;
+    case MEM_PACK_WIDE_STRING:
+      // What is converted to another length cannot be put back.
+      return chain.version().wideSize == kNativeWideSize ? Form::wideText : Form::none;
+    default:
+      return hasForeignLength(descriptor) ? Form::none : Form::selfDescribing;
+  }
+}
+
+// The end of the last pointer field, or of the head in front of them.
+std::uint32_t reachOf(const MemPackDescriptor &descriptor) noexcept {
+  std::int32_t last = -1;
+  if (hasSibling(descriptor)) last = std::max<std::int32_t>(last, descriptor.SiblingOff);
+  for (const MemPackChild &child : children(descriptor)) {
+    last = std::max<std::int32_t>(last, child.Offset);
+  }
+  for (const std::int16_t offset : references(descriptor)) {
+    last = std::max<std::int32_t>(last, offset);
+  }
+  const std::uint32_t head =
+      descriptor.Type == MEM_PACK_FIXED ? descriptor.FixedLen : sizeof(std::uint16_t);
+  const std::uint32_t fieldsEnd =
+      last < 0 ? 0 : static_cast<std::uint32_t>(last) + static_cast<std::uint32_t>(sizeof(void *));
+  return std::max(head, fieldsEnd);
+}
+
+KindRule ruleOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexcept {
+  const Form form = formOf(chain, descriptor);
+  if (form == Form::narrowText || form == Form::wideText) return {0, form};
+  const bool isUsable = chain.controlBlock().hasValidCounts(descriptor) &&
+                        pointersLieWithin(descriptor, UINT16_MAX) && fieldsLieApart(descriptor);
+  if (!isUsable) return {0, Form::none};
+  return {static_cast<std::uint16_t>(reachOf(descriptor)), form};
+}
+
+// Content places in the order of the chain: block, then offset.
+using PlaceKey = std::uint32_t;
+
+PlaceKey keyOf(std::uint32_t block, std::uint32_t offset) noexcept {
+  return block << 16 | offset;
+}
+
+// Where a pointer leads to.
+struct Target {
+  std::byte *pBytes;
+  PlaceKey key;
+  std::uint32_t room;  // bytes from there to the end of the block's content, never 0
+};
+
+enum class Link : std::uint8_t { null, made, refused };
+enum class Step : std::uint8_t { deeper, done, refused };
+
+// Walks as ChainWalk does. All that was reached lies below `end_`, and nothing of it lies in the gap
+// of a level: the part between a segment's own texts and its first child that is a segment, where
+// texts lie that the walk reaches after that child. So nothing overlaps as long as each item lies
+// beyond the end or in the gap of its level.
+template <bool isSwapped>
+class InOrderWalk {
+ public:
+  InOrderWalk(const PackedChain &chain, const KindRule *pRules) noexcept
+      : pBlocks_(chain.blocks()),
+        pExtents_(chain.extents()),
+        blockCount_(static_cast<std::uint32_t>(chain.blockCount())),
+        pRules_(pRules),
+        pKinds_(&chain.controlBlock().descriptor(0)),
+        text_(chain) {}
+
+  bool run(const ContentPlace &root) noexcept;
+  // How often a byte of the chain was changed: pointers made, wide texts converted.
+  std::uint64_t changes() const noexcept { return changes_; }
+
+ private:
+  struct Level {
+    const MemPackDescriptor *pKind;
+    const MemPackChild *pNextChild;
+    std::byte *pSegment;
+    PlaceKey gapStart;
+    PlaceKey gapEnd;
+    std::uint16_t kind;
+  };
+
+  static std::uint16_t number(const std::byte *pFrom) noexcept {
+    const auto value = loadAs<std::uint16_t>(pFrom);
+    return isSwapped ? byteSwapped(value) : value;
+  }
+  const Target targetAt(std::uint32_t block, std::uint32_t offset) const noexcept {
+    return {bytesAt(pBlocks_[block], std::size_t{8} + offset), keyOf(block, offset),
+            pExtents_[block].used - offset};
+  }
+
+  Link link(std::byte *pField, Target &target) noexcept;
+  bool enter(std::uint16_t kind, const Target &target) noexcept;
+  bool takeRange(const Target &target, std::uint32_t length) noexcept;
+  bool takeSegment(const KindRule &rule, const Target &target) noexcept;
+  bool linkReferences(const Level &level) noexcept;
+  Step takeChildren() noexcept;
+  bool goDown(std::uint16_t kind, const Target &target) noexcept;
+  Step takeSibling() noexcept;
+  bool takeText(Form form, const Target &target) noexcept;
+  bool takeWideText(const Target &target) noexcept;
+
+  void *const *const pBlocks_;
+  const BlockExtent *const pExtents_;
+  const std::uint32_t blockCount_;
+  const KindRule *const pRules_;
+  const MemPackDescriptor *const pKinds_;
+  TextConverter text_;
+  std::uint64_t changes_ = 0;
+  PlaceKey end_ = 0;
+  Level *pLevel_ = levels_;
+  Level levels_[MEM_PACK_MAX_LEVELS];
+};
+
+template <bool isSwapped>
+bool InOrderWalk<isSwapped>::run(const ContentPlace &root) noexcept {
+  if (!enter(0, targetAt(static_cast<std::uint32_t>(root.block), root.offset))) return false;
+  for (;;) {
+    Step step = takeChildren();
+    if (step == Step::done) step = takeSibling();
+    if (step == Step::refused) return false;
+    if (step == Step::deeper) continue;
+    if (pLevel_ == levels_) return true;
+    --pLevel_;
+  }
+}
+
+// Replaces a relative pointer by the address that it means.
+template <bool isSwapped>
+inline Link InOrderWalk<isSwapped>::link(std::byte *pField, Target &target) noexcept {
+  if (loadAs<std::uint64_t>(pField) == 0) return Link::null;
+  const std::uint32_t block = number(pField);
+  const std::uint32_t offset = number(pField + 2);
+  // Fields that hold more could not be put back.
+  if (loadAs<std::uint32_t>(pField + 4) != 0 || block >= blockCount_) return Link::refused;
+  if (offset >= pExtents_[block].reachable) return Link::refused;
+  target = targetAt(block, offset);
+  storeAs<void *>(pField, target.pBytes);
+  ++changes_;
+  return Link::made;
+}
+
+// Begins with a segment at the current level.
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::enter(std::uint16_t kind, const Target &target) noexcept {
+  if (!takeSegment(pRules_[kind], target)) return false;
+  const MemPackDescriptor &descriptor = pKinds_[kind];
+  *pLevel_ = {&descriptor, descriptor.Children, target.pBytes, 0, 0, kind};
+  return linkReferences(*pLevel_);
+}
+
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::takeSegment(const KindRule &rule,
+                                                const Target &target) noexcept {
+  std::uint32_t length = rule.reach;
+  if (length > target.room) return false;
+  if (rule.form != Form::fixed) {
+    if (rule.form != Form::counted && rule.form != Form::selfDescribing) return false;
+    constexpr std::int32_t kLengthWord = sizeof(std::uint16_t);
+    const std::uint16_t word = number(target.pBytes);
+    const std::int32_t told =
+        rule.form == Form::counted ? static_cast<std::int16_t>(word) + kLengthWord : word;
+    if (told < kLengthWord) return false;
+    length = std::max(length, static_cast<std::uint32_t>(told));
+    if (length > target.room) return false;
+  }
+  if (target.key < end_) return false;
+  end_ = target.key + length;
+  return true;
+}
+
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::linkReferences(const Level &level) noexcept {
+  for (std::int32_t i = 0; i < level.pKind->ReferenceCount; ++i) {
+    Target target;
+    if (link(level.pSegment + level.pKind->References[i], target) == Link::refused) return false;
+  }
+  return true;
+}
+
+// Children up to the next one that is a segment.
+template <bool isSwapped>
+inline Step InOrderWalk<isSwapped>::takeChildren() noexcept {
+  const Level &level = *pLevel_;
+  const MemPackChild *const pEnd = level.pKind->Children + level.pKind->ChildCount;
+  std::byte *const pSegment = level.pSegment;
+  for (const MemPackChild *pChild = level.pNextChild; pChild != pEnd; ++pChild) {
+    Target target;
+    const Link made = link(pSegment + pChild->Offset, target);
+    if (made == Link::null) continue;
+    if (made == Link::refused) return Step::refused;
+    const Form form = pRules_[pChild->Descriptor].form;
+    if (form == Form::narrowText || form == Form::wideText) {
+      if (!takeText(form, target)) return Step::refused;
+      continue;
+    }
+    pLevel_->pNextChild = pChild + 1;
+    return goDown(pChild->Descriptor, target) ? Step::deeper : Step::refused;
+  }
+  pLevel_->pNextChild = pEnd;
+  return Step::done;
+}
+
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::goDown(std::uint16_t kind, const Target &target) noexcept {
+  if (pLevel_ == levels_ + MEM_PACK_MAX_LEVELS - 1) return false;
+  if (pLevel_->gapStart == pLevel_->gapEnd) {
+    pLevel_->gapStart = end_;
+    pLevel_->gapEnd = target.key;
+  }
+  ++pLevel_;
+  return enter(kind, target);
+}
+
+template <bool isSwapped>
+inline Step InOrderWalk<isSwapped>::takeSibling() noexcept {
+  const MemPackDescriptor &descriptor = *pLevel_->pKind;
+  if (!hasSibling(descriptor)) return Step::done;
+  Target target;
+  const Link made = link(pLevel_->pSegment + descriptor.SiblingOff, target);
+  if (made == Link::null) return Step::done;
+  if (made == Link::refused) return Step::refused;
+  return enter(pLevel_->kind, target) ? Step::deeper : Step::refused;
+}
+
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::takeRange(const Target &target, std::uint32_t length) noexcept {
+  if (target.key >= end_) {
+    end_ = target.key + length;
+    return true;
+  }
+  if (target.key < pLevel_->gapStart || target.key + length > pLevel_->gapEnd) return false;
+  pLevel_->gapStart = target.key + length;
+  return true;
+}
+
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::takeText(Form form, const Target &target) noexcept {
+  if (form == Form::wideText) return takeWideText(target);
+  const std::uint32_t length = textLength<std::uint8_t>(target.pBytes, target.room);
+  return length != 0 && takeRange(target, length);
+}
+
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::takeWideText(const Target &target) noexcept {
+  const std::uint32_t length = textLength<std::uint16_t>(target.pBytes, target.room);
+  if (length == 0 || !takeRange(target, length)) return false;
+  if (!isSwapped) return true;
+  ++changes_;
+  return !text_.convert(target.pBytes, length);
+}
+
+// Blocks with content by their addresses, to tell the place that an address means.
+class BlockFinder {
+ public:
+  explicit BlockFinder(const PackedChain &chain) noexcept
+      : chain_(chain), pOrder_(static_cast<std::int32_t *>(chain.scratch())) {
+    for (std::int32_t i = 0; i < chain.blockCount(); ++i) {
+      if (chain.usedLen(i) != 0) pOrder_[count_++] = i;
+    }
+    std::sort(pOrder_, pOrder_ + count_,
+              [this](std::int32_t one, std::int32_t other) { return start(one) < start(other); });
+  }
+
+  // REQUIRES: `address` is that of a content byte.
+  ContentPlace placeOf(std::uintptr_t address) const noexcept {
+    const std::int32_t *pBehind = std::upper_bound(
+        pOrder_, pOrder_ + count_, address,
+        [this](std::uintptr_t wanted, std::int32_t block) { return wanted < start(block); });
+    const std::int32_t block = pBehind[-1];
+    return {block, static_cast<std::uint32_t>(address - start(block))};
+  }
+
+ private:
+  std::uintptr_t start(std::int32_t block) const noexcept {
+    return reinterpret_cast<std::uintptr_t>(chain_.at({block, 0}));
+  }
+
+  const PackedChain &chain_;
+  std::int32_t *pOrder_;
+  std::size_t count_ = 0;
+};
+
+// Goes the way of the walk once more and takes its changes back, as many as there were.
+class Restorer {
+ public:
+  Restorer(const PackedChain &chain, std::uint64_t changes) noexcept
+      : chain_(chain), finder_(chain), text_(chain), left_(changes) {}
+
+  Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept;
+  Outcome visitText(const TextUse &use) noexcept;
+  Outcome pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
+                  bool &isNull) noexcept;
+
+ private:
+  // Ends the walk. Nobody reads it.
+  static Outcome allRestored() noexcept { return failure(0, ErrorText()); }
+
+  const PackedChain &chain_;
+  const BlockFinder finder_;
+  TextConverter text_;
+  std::uint64_t left_;
+};
+
+Outcome Restorer::visit(std::uint16_t kind, const ContentPlace &place) noexcept {
+  if (left_ == 0) return allRestored();
+  for (const std::int16_t offset : references(chain_.controlBlock().descriptor(kind))) {
+    ContentPlace target{};
+    bool isNull = false;
+    if (Outcome over = pointer(place, offset, target, isNull)) return over;
+  }
+  return {};
+}
+
+Outcome Restorer::visitText(const TextUse &use) noexcept {
+  if (left_ == 0) return allRestored();
+  if (!use.isWide || !chain_.isSwapped()) return {};
+  --left_;
+  std::byte *pText = chain_.at(use.text);
+  const std::uint32_t room = chain_.usedLen(use.text.block) - use.text.offset;
+  // Swapping the bytes of each unit is undone by doing it again.
+  return text_.convert(pText, textLength<std::uint16_t>(pText, room));
+}
+
+Outcome Restorer::pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
+                          bool &isNull) noexcept {
+  std::byte *pField = chain_.at(segment) + offset;
+  isNull = loadAs<std::uint64_t>(pField) == 0;
+  if (isNull) return {};
+  if (left_ == 0) return allRestored();
+  --left_;
+  target = finder_.placeOf(loadAs<std::uintptr_t>(pField));
+  chain_.storeRelative(pField, target);
+  return {};
+}
+
+template <bool isSwapped>
+bool walkInOrder(const PackedChain &chain, const KindRule *pRules,
+                 const ContentPlace &root) noexcept {
+  InOrderWalk<isSwapped> walk(chain, pRules);
+  if (walk.run(root)) return true;
+  if (walk.changes() == 0) return false;
+  Restorer restorer(chain, walk.changes());
+  static_cast<void>(ChainWalk(chain, restorer).run(root));
+  return false;
+}
+
+}  // namespace
+
+bool unpackInOrder(const PackedChain &chain, const ContentPlace &root) noexcept {
+  auto *pRules = static_cast<KindRule *>(chain.scratch());
+  for (std::int32_t i = 0; i < chain.controlBlock().present(); ++i) {
+    pRules[i] = ruleOf(chain, chain.controlBlock().descriptor(i));
+  }
+  return chain.isSwapped() ? walkInOrder<true>(chain, pRules, root)
+                           : walkInOrder<false>(chain, pRules, root);
+}
+
+}  // namespace mem

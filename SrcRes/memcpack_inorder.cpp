@@ -79,54 +79,62 @@ struct Target {
 };
 
 enum class Link : std::uint8_t { null, made, refused };
-enum class Step : std::uint8_t { deeper, done, refused };
+enum class Step : std::uint8_t { toSegment, up, refused };
+
+// A segment of the walk with what is left to do there.
+struct Level {
+  const MemPackDescriptor *pKind;
+  const MemPackChild *pNextChild;
+  std::byte *pSegment;
+  PlaceKey gapStart;
+  PlaceKey gapEnd;
+  std::uint16_t kind;
+};
 
 // Walks as ChainWalk does. All that was reached lies below `end_`, and nothing of it lies in the gap
 // of a level: the part between a segment's own texts and its first child that is a segment, where
 // texts lie that the walk reaches after that child. So nothing overlaps as long as each item lies
 // beyond the end or in the gap of its level.
+//
+// The next address hangs on what was read at the last one; so that as little as possible has to be
+// waited for in between, the level and the block at hand are kept apart from their tables.
 template <bool isSwapped>
 class InOrderWalk {
  public:
-  InOrderWalk(const PackedChain &chain, const KindRule *pRules) noexcept
+  // `pLevels` has room for all levels of a walk.
+  InOrderWalk(const PackedChain &chain, const KindRule *pRules, Level *pLevels,
+              TextConverter &text) noexcept
       : pBlocks_(chain.blocks()),
         pExtents_(chain.extents()),
         blockCount_(static_cast<std::uint32_t>(chain.blockCount())),
         pRules_(pRules),
         pKinds_(&chain.controlBlock().descriptor(0)),
-        text_(chain) {}
+        text_(text),
+        pLevels_(pLevels) {}
 
   bool run(const ContentPlace &root) noexcept;
   // How often a byte of the chain was changed: pointers made, wide texts converted.
   std::uint64_t changes() const noexcept { return changes_; }
 
  private:
-  struct Level {
-    const MemPackDescriptor *pKind;
-    const MemPackChild *pNextChild;
-    std::byte *pSegment;
-    PlaceKey gapStart;
-    PlaceKey gapEnd;
-    std::uint16_t kind;
-  };
-
   static std::uint16_t number(const std::byte *pFrom) noexcept {
     const auto value = loadAs<std::uint16_t>(pFrom);
     return isSwapped ? byteSwapped(value) : value;
   }
-  const Target targetAt(std::uint32_t block, std::uint32_t offset) const noexcept {
-    return {bytesAt(pBlocks_[block], std::size_t{8} + offset), keyOf(block, offset),
-            pExtents_[block].used - offset};
-  }
 
+  bool goToBlock(std::uint32_t block) noexcept;
+  Target targetAt(std::uint32_t offset) const noexcept {
+    return {pContent_ + offset, keyOf(block_, offset), extent_.used - offset};
+  }
   Link link(std::byte *pField, Target &target) noexcept;
+  bool linkReference(std::byte *pField) noexcept;
   bool enter(std::uint16_t kind, const Target &target) noexcept;
   bool takeRange(const Target &target, std::uint32_t length) noexcept;
   bool takeSegment(const KindRule &rule, const Target &target) noexcept;
-  bool linkReferences(const Level &level) noexcept;
-  Step takeChildren() noexcept;
-  bool goDown(std::uint16_t kind, const Target &target) noexcept;
-  Step takeSibling() noexcept;
+  Step leave(std::uint16_t &kind, Target &target) noexcept;
+  Step takeChildren(std::uint16_t &kind, Target &target) noexcept;
+  bool goDown(const MemPackChild *pNextChild, const Target &target) noexcept;
+  Step takeSibling(std::uint16_t &kind, Target &target) noexcept;
   bool takeText(Form form, const Target &target) noexcept;
   bool takeWideText(const Target &target) noexcept;
 
@@ -135,24 +143,47 @@ class InOrderWalk {
   const std::uint32_t blockCount_;
   const KindRule *const pRules_;
   const MemPackDescriptor *const pKinds_;
-  TextConverter text_;
-  std::uint64_t changes_ = 0;
+  TextConverter &text_;
+  Level *const pLevels_;  // those above the current one
+  std::uint32_t depth_ = 0;
+  Level level_{};
+  std::uint32_t block_ = 0;
+  std::byte *pContent_ = nullptr;  // of the block, from block offset 8 on
+  BlockExtent extent_{};
   PlaceKey end_ = 0;
-  Level *pLevel_ = levels_;
-  Level levels_[MEM_PACK_MAX_LEVELS];
+  std::uint64_t changes_ = 0;
 };
 
 template <bool isSwapped>
 bool InOrderWalk<isSwapped>::run(const ContentPlace &root) noexcept {
-  if (!enter(0, targetAt(static_cast<std::uint32_t>(root.block), root.offset))) return false;
-  for (;;) {
-    Step step = takeChildren();
-    if (step == Step::done) step = takeSibling();
+  if (!goToBlock(static_cast<std::uint32_t>(root.block))) return false;
+  Target target = targetAt(root.offset);
+  std::uint16_t kind = 0;
+  while (enter(kind, target)) {
+    Step step = leave(kind, target);
+    while (step == Step::up) {
+      if (depth_ == 0) return true;
+      level_ = pLevels_[--depth_];
+      step = leave(kind, target);
+    }
     if (step == Step::refused) return false;
-    if (step == Step::deeper) continue;
-    if (pLevel_ == levels_) return true;
-    --pLevel_;
   }
+  return false;
+}
+
+template <bool isSwapped>
+inline Step InOrderWalk<isSwapped>::leave(std::uint16_t &kind, Target &target) noexcept {
+  const Step step = takeChildren(kind, target);
+  return step == Step::up ? takeSibling(kind, target) : step;
+}
+
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::goToBlock(std::uint32_t block) noexcept {
+  if (block >= blockCount_) return false;
+  block_ = block;
+  pContent_ = bytesAt(pBlocks_[block], 8);
+  extent_ = pExtents_[block];
+  return true;
 }
 
 // Replaces a relative pointer by the address that it means.
@@ -162,21 +193,39 @@ inline Link InOrderWalk<isSwapped>::link(std::byte *pField, Target &target) noex
   const std::uint32_t block = number(pField);
   const std::uint32_t offset = number(pField + 2);
   // Fields that hold more could not be put back.
-  if (loadAs<std::uint32_t>(pField + 4) != 0 || block >= blockCount_) return Link::refused;
-  if (offset >= pExtents_[block].reachable) return Link::refused;
-  target = targetAt(block, offset);
+  if (loadAs<std::uint32_t>(pField + 4) != 0) return Link::refused;
+  if (block != block_ && !goToBlock(block)) return Link::refused;
+  if (offset >= extent_.reachable) return Link::refused;
+  target = targetAt(offset);
   storeAs<void *>(pField, target.pBytes);
   ++changes_;
   return Link::made;
 }
 
+// The same where it may lead anywhere.
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::linkReference(std::byte *pField) noexcept {
+  if (loadAs<std::uint64_t>(pField) == 0) return true;
+  const std::uint32_t block = number(pField);
+  const std::uint32_t offset = number(pField + 2);
+  if (loadAs<std::uint32_t>(pField + 4) != 0 || block >= blockCount_) return false;
+  if (offset >= pExtents_[block].reachable) return false;
+  storeAs<void *>(pField, bytesAt(pBlocks_[block], std::size_t{8} + offset));
+  ++changes_;
+  return true;
+}
+
 // Begins with a segment at the current level.
 template <bool isSwapped>
 inline bool InOrderWalk<isSwapped>::enter(std::uint16_t kind, const Target &target) noexcept {
+  MEM_PREFETCH(target.pBytes + 512);
   if (!takeSegment(pRules_[kind], target)) return false;
   const MemPackDescriptor &descriptor = pKinds_[kind];
-  *pLevel_ = {&descriptor, descriptor.Children, target.pBytes, 0, 0, kind};
-  return linkReferences(*pLevel_);
+  level_ = {&descriptor, descriptor.Children, target.pBytes, 0, 0, kind};
+  for (std::int32_t i = 0; i < descriptor.ReferenceCount; ++i) {
+    if (!linkReference(target.pBytes + descriptor.References[i])) return false;
+  }
+  return true;
 }
 
 template <bool isSwapped>
@@ -199,24 +248,12 @@ inline bool InOrderWalk<isSwapped>::takeSegment(const KindRule &rule,
   return true;
 }
 
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::linkReferences(const Level &level) noexcept {
-  for (std::int32_t i = 0; i < level.pKind->ReferenceCount; ++i) {
-    Target target;
-    if (link(level.pSegment + level.pKind->References[i], target) == Link::refused) return false;
-  }
-  return true;
-}
-
 // Children up to the next one that is a segment.
 template <bool isSwapped>
-inline Step InOrderWalk<isSwapped>::takeChildren() noexcept {
-  const Level &level = *pLevel_;
-  const MemPackChild *const pEnd = level.pKind->Children + level.pKind->ChildCount;
-  std::byte *const pSegment = level.pSegment;
-  for (const MemPackChild *pChild = level.pNextChild; pChild != pEnd; ++pChild) {
-    Target target;
-    const Link made = link(pSegment + pChild->Offset, target);
+inline Step InOrderWalk<isSwapped>::takeChildren(std::uint16_t &kind, Target &target) noexcept {
+  const MemPackChild *const pEnd = level_.pKind->Children + level_.pKind->ChildCount;
+  for (const MemPackChild *pChild = level_.pNextChild; pChild != pEnd; ++pChild) {
+    const Link made = link(level_.pSegment + pChild->Offset, target);
     if (made == Link::null) continue;
     if (made == Link::refused) return Step::refused;
     const Form form = pRules_[pChild->Descriptor].form;
@@ -224,33 +261,38 @@ inline Step InOrderWalk<isSwapped>::takeChildren() noexcept {
       if (!takeText(form, target)) return Step::refused;
       continue;
     }
-    pLevel_->pNextChild = pChild + 1;
-    return goDown(pChild->Descriptor, target) ? Step::deeper : Step::refused;
+    kind = pChild->Descriptor;
+    return goDown(pChild + 1, target) ? Step::toSegment : Step::refused;
   }
-  pLevel_->pNextChild = pEnd;
-  return Step::done;
+  return Step::up;
 }
 
 template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::goDown(std::uint16_t kind, const Target &target) noexcept {
-  if (pLevel_ == levels_ + MEM_PACK_MAX_LEVELS - 1) return false;
-  if (pLevel_->gapStart == pLevel_->gapEnd) {
-    pLevel_->gapStart = end_;
-    pLevel_->gapEnd = target.key;
+inline bool InOrderWalk<isSwapped>::goDown(const MemPackChild *pNextChild,
+                                           const Target &target) noexcept {
+  if (depth_ == MEM_PACK_MAX_LEVELS - 1) return false;
+  level_.pNextChild = pNextChild;
+  if (level_.gapStart == level_.gapEnd) {
+    level_.gapStart = end_;
+    level_.gapEnd = target.key;
   }
-  ++pLevel_;
-  return enter(kind, target);
+  pLevels_[depth_++] = level_;
+  return true;
 }
 
 template <bool isSwapped>
-inline Step InOrderWalk<isSwapped>::takeSibling() noexcept {
-  const MemPackDescriptor &descriptor = *pLevel_->pKind;
-  if (!hasSibling(descriptor)) return Step::done;
-  Target target;
-  const Link made = link(pLevel_->pSegment + descriptor.SiblingOff, target);
-  if (made == Link::null) return Step::done;
-  if (made == Link::refused) return Step::refused;
-  return enter(pLevel_->kind, target) ? Step::deeper : Step::refused;
+inline Step InOrderWalk<isSwapped>::takeSibling(std::uint16_t &kind, Target &target) noexcept {
+  const std::int16_t offset = level_.pKind->SiblingOff;
+  if (offset == MEM_PACK_NO_SIBLING) return Step::up;
+  kind = level_.kind;
+  switch (link(level_.pSegment + offset, target)) {
+    case Link::null:
+      return Step::up;
+    case Link::made:
+      return Step::toSegment;
+    default:
+      return Step::refused;
+  }
 }
 
 template <bool isSwapped>
@@ -259,8 +301,8 @@ inline bool InOrderWalk<isSwapped>::takeRange(const Target &target, std::uint32_
     end_ = target.key + length;
     return true;
   }
-  if (target.key < pLevel_->gapStart || target.key + length > pLevel_->gapEnd) return false;
-  pLevel_->gapStart = target.key + length;
+  if (target.key < level_.gapStart || target.key + length > level_.gapEnd) return false;
+  level_.gapStart = target.key + length;
   return true;
 }
 
@@ -367,7 +409,9 @@ Outcome Restorer::pointer(const ContentPlace &segment, std::int16_t offset, Cont
 template <bool isSwapped>
 bool walkInOrder(const PackedChain &chain, const KindRule *pRules,
                  const ContentPlace &root) noexcept {
-  InOrderWalk<isSwapped> walk(chain, pRules);
+  Level levels[MEM_PACK_MAX_LEVELS];
+  TextConverter text(chain);
+  InOrderWalk<isSwapped> walk(chain, pRules, levels, text);
   if (walk.run(root)) return true;
   if (walk.changes() == 0) return false;
   Restorer restorer(chain, walk.changes());

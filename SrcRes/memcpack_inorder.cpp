@@ -3,10 +3,9 @@
 #include <algorithm>
 
 #include "memcpack_fields.h"
+#include "memcpack_restore.h"
 #include "memcpack_text.h"
 #include "memcpack_textlength.h"
-#include "memcpack_walk.h"
-#include "platform.h"
 
 namespace mem {
 
@@ -15,11 +14,12 @@ namespace {
 // How a kind of segment tells its length. Chains with kinds of no form are not unpacked here.
 enum class Form : std::uint8_t { none, fixed, counted, selfDescribing, narrowText, wideText };
 
-// What is known of a kind before the walk.
+// What is known of a kind before the walk. The rules lie in the chain's scratch.
 struct KindRule {
   std::uint16_t reach;  // bytes that a segment has at least: fixed length, length word, fields
   Form form;
 };
+static_assert(sizeof(KindRule) <= 8);
 
 Form formOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexcept {
   constexpr std::uint8_t kNativeWideSize = 2;
@@ -91,13 +91,13 @@ struct Level {
   std::uint16_t kind;
 };
 
-// Walks as ChainWalk does. All that was reached lies below `end_`, and nothing of it lies in the gap
-// of a level: the part between a segment's own texts and its first child that is a segment, where
-// texts lie that the walk reaches after that child. So nothing overlaps as long as each item lies
-// beyond the end or in the gap of its level.
+// Walks as ChainWalk does. All that was reached lies below `end_`, and nothing of it lies in the
+// gap of a level: the part between a segment's own texts and its first child that is a segment,
+// where texts lie that the walk reaches after that child. So nothing overlaps as long as each item
+// lies beyond the end or in the gap of its level.
 //
-// The next address hangs on what was read at the last one; so that as little as possible has to be
-// waited for in between, the level and the block at hand are kept apart from their tables.
+// Each address hangs on what was read at the one before. So that little has to be waited for in
+// between, the level and the block at hand are kept apart from their tables.
 template <bool isSwapped>
 class InOrderWalk {
  public:
@@ -126,12 +126,15 @@ class InOrderWalk {
   Target targetAt(std::uint32_t offset) const noexcept {
     return {pContent_ + offset, keyOf(block_, offset), extent_.used - offset};
   }
+  static bool read(const std::byte *pField, std::uint32_t &block, std::uint32_t &offset) noexcept;
+  void replace(std::byte *pField, std::byte *pTarget) noexcept;
   Link link(std::byte *pField, Target &target) noexcept;
   bool linkReference(std::byte *pField) noexcept;
   bool enter(std::uint16_t kind, const Target &target) noexcept;
   bool takeRange(const Target &target, std::uint32_t length) noexcept;
+  static std::uint32_t toldLength(Form form, const std::byte *pSegment) noexcept;
   bool takeSegment(const KindRule &rule, const Target &target) noexcept;
-  Step leave(std::uint16_t &kind, Target &target) noexcept;
+  Step goOn(std::uint16_t &kind, Target &target) noexcept;
   Step takeChildren(std::uint16_t &kind, Target &target) noexcept;
   bool goDown(const MemPackChild *pNextChild, const Target &target) noexcept;
   Step takeSibling(std::uint16_t &kind, Target &target) noexcept;
@@ -160,11 +163,11 @@ bool InOrderWalk<isSwapped>::run(const ContentPlace &root) noexcept {
   Target target = targetAt(root.offset);
   std::uint16_t kind = 0;
   while (enter(kind, target)) {
-    Step step = leave(kind, target);
+    Step step = goOn(kind, target);
     while (step == Step::up) {
       if (depth_ == 0) return true;
       level_ = pLevels_[--depth_];
-      step = leave(kind, target);
+      step = goOn(kind, target);
     }
     if (step == Step::refused) return false;
   }
@@ -172,7 +175,7 @@ bool InOrderWalk<isSwapped>::run(const ContentPlace &root) noexcept {
 }
 
 template <bool isSwapped>
-inline Step InOrderWalk<isSwapped>::leave(std::uint16_t &kind, Target &target) noexcept {
+inline Step InOrderWalk<isSwapped>::goOn(std::uint16_t &kind, Target &target) noexcept {
   const Step step = takeChildren(kind, target);
   return step == Step::up ? takeSibling(kind, target) : step;
 }
@@ -186,39 +189,50 @@ inline bool InOrderWalk<isSwapped>::goToBlock(std::uint32_t block) noexcept {
   return true;
 }
 
-// Replaces a relative pointer by the address that it means.
+// Reads a relative pointer. Fields that hold more than one could not be put back: false.
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::read(const std::byte *pField, std::uint32_t &block,
+                                         std::uint32_t &offset) noexcept {
+  block = number(pField);
+  offset = number(pField + 2);
+  return loadAs<std::uint32_t>(pField + 4) == 0;
+}
+
+template <bool isSwapped>
+inline void InOrderWalk<isSwapped>::replace(std::byte *pField, std::byte *pTarget) noexcept {
+  storeAs<void *>(pField, pTarget);
+  ++changes_;
+}
+
+// Replaces a relative pointer to a child or sibling by the address that it means.
 template <bool isSwapped>
 inline Link InOrderWalk<isSwapped>::link(std::byte *pField, Target &target) noexcept {
   if (loadAs<std::uint64_t>(pField) == 0) return Link::null;
-  const std::uint32_t block = number(pField);
-  const std::uint32_t offset = number(pField + 2);
-  // Fields that hold more could not be put back.
-  if (loadAs<std::uint32_t>(pField + 4) != 0) return Link::refused;
+  std::uint32_t block = 0;
+  std::uint32_t offset = 0;
+  if (!read(pField, block, offset)) return Link::refused;
   if (block != block_ && !goToBlock(block)) return Link::refused;
   if (offset >= extent_.reachable) return Link::refused;
   target = targetAt(offset);
-  storeAs<void *>(pField, target.pBytes);
-  ++changes_;
+  replace(pField, target.pBytes);
   return Link::made;
 }
 
-// The same where it may lead anywhere.
+// References lead anywhere and leave the block at hand.
 template <bool isSwapped>
 inline bool InOrderWalk<isSwapped>::linkReference(std::byte *pField) noexcept {
   if (loadAs<std::uint64_t>(pField) == 0) return true;
-  const std::uint32_t block = number(pField);
-  const std::uint32_t offset = number(pField + 2);
-  if (loadAs<std::uint32_t>(pField + 4) != 0 || block >= blockCount_) return false;
+  std::uint32_t block = 0;
+  std::uint32_t offset = 0;
+  if (!read(pField, block, offset) || block >= blockCount_) return false;
   if (offset >= pExtents_[block].reachable) return false;
-  storeAs<void *>(pField, bytesAt(pBlocks_[block], std::size_t{8} + offset));
-  ++changes_;
+  replace(pField, bytesAt(pBlocks_[block], std::size_t{8} + offset));
   return true;
 }
 
 // Begins with a segment at the current level.
 template <bool isSwapped>
 inline bool InOrderWalk<isSwapped>::enter(std::uint16_t kind, const Target &target) noexcept {
-  MEM_PREFETCH(target.pBytes + 512);
   if (!takeSegment(pRules_[kind], target)) return false;
   const MemPackDescriptor &descriptor = pKinds_[kind];
   level_ = {&descriptor, descriptor.Children, target.pBytes, 0, 0, kind};
@@ -228,6 +242,18 @@ inline bool InOrderWalk<isSwapped>::enter(std::uint16_t kind, const Target &targ
   return true;
 }
 
+// Bytes that a segment tells of itself, 0 when its length word is too small.
+// REQUIRES: the length word lies in its block.
+template <bool isSwapped>
+inline std::uint32_t InOrderWalk<isSwapped>::toldLength(Form form,
+                                                        const std::byte *pSegment) noexcept {
+  constexpr std::int32_t kLengthWord = sizeof(std::uint16_t);
+  const std::uint16_t word = number(pSegment);
+  const std::int32_t told =
+      form == Form::counted ? static_cast<std::int16_t>(word) + kLengthWord : word;
+  return told < kLengthWord ? 0 : static_cast<std::uint32_t>(told);
+}
+
 template <bool isSwapped>
 inline bool InOrderWalk<isSwapped>::takeSegment(const KindRule &rule,
                                                 const Target &target) noexcept {
@@ -235,13 +261,9 @@ inline bool InOrderWalk<isSwapped>::takeSegment(const KindRule &rule,
   if (length > target.room) return false;
   if (rule.form != Form::fixed) {
     if (rule.form != Form::counted && rule.form != Form::selfDescribing) return false;
-    constexpr std::int32_t kLengthWord = sizeof(std::uint16_t);
-    const std::uint16_t word = number(target.pBytes);
-    const std::int32_t told =
-        rule.form == Form::counted ? static_cast<std::int16_t>(word) + kLengthWord : word;
-    if (told < kLengthWord) return false;
-    length = std::max(length, static_cast<std::uint32_t>(told));
-    if (length > target.room) return false;
+    const std::uint32_t told = toldLength(rule.form, target.pBytes);
+    if (told == 0 || told > target.room) return false;
+    length = std::max(length, told);
   }
   if (target.key < end_) return false;
   end_ = target.key + length;
@@ -271,12 +293,15 @@ template <bool isSwapped>
 inline bool InOrderWalk<isSwapped>::goDown(const MemPackChild *pNextChild,
                                            const Target &target) noexcept {
   if (depth_ == MEM_PACK_MAX_LEVELS - 1) return false;
-  level_.pNextChild = pNextChild;
-  if (level_.gapStart == level_.gapEnd) {
-    level_.gapStart = end_;
-    level_.gapEnd = target.key;
-  }
-  pLevels_[depth_++] = level_;
+  // Part by part: a copy would read together what has just been stored apart, and wait for it.
+  const bool hasGap = level_.gapStart != level_.gapEnd;
+  Level &saved = pLevels_[depth_++];
+  saved.pKind = level_.pKind;
+  saved.pNextChild = pNextChild;
+  saved.pSegment = level_.pSegment;
+  saved.gapStart = hasGap ? level_.gapStart : end_;
+  saved.gapEnd = hasGap ? level_.gapEnd : target.key;
+  saved.kind = level_.kind;
   return true;
 }
 
@@ -322,90 +347,6 @@ inline bool InOrderWalk<isSwapped>::takeWideText(const Target &target) noexcept 
   return !text_.convert(target.pBytes, length);
 }
 
-// Blocks with content by their addresses, to tell the place that an address means.
-class BlockFinder {
- public:
-  explicit BlockFinder(const PackedChain &chain) noexcept
-      : chain_(chain), pOrder_(static_cast<std::int32_t *>(chain.scratch())) {
-    for (std::int32_t i = 0; i < chain.blockCount(); ++i) {
-      if (chain.usedLen(i) != 0) pOrder_[count_++] = i;
-    }
-    std::sort(pOrder_, pOrder_ + count_,
-              [this](std::int32_t one, std::int32_t other) { return start(one) < start(other); });
-  }
-
-  // REQUIRES: `address` is that of a content byte.
-  ContentPlace placeOf(std::uintptr_t address) const noexcept {
-    const std::int32_t *pBehind = std::upper_bound(
-        pOrder_, pOrder_ + count_, address,
-        [this](std::uintptr_t wanted, std::int32_t block) { return wanted < start(block); });
-    const std::int32_t block = pBehind[-1];
-    return {block, static_cast<std::uint32_t>(address - start(block))};
-  }
-
- private:
-  std::uintptr_t start(std::int32_t block) const noexcept {
-    return reinterpret_cast<std::uintptr_t>(chain_.at({block, 0}));
-  }
-
-  const PackedChain &chain_;
-  std::int32_t *pOrder_;
-  std::size_t count_ = 0;
-};
-
-// Goes the way of the walk once more and takes its changes back, as many as there were.
-class Restorer {
- public:
-  Restorer(const PackedChain &chain, std::uint64_t changes) noexcept
-      : chain_(chain), finder_(chain), text_(chain), left_(changes) {}
-
-  Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept;
-  Outcome visitText(const TextUse &use) noexcept;
-  Outcome pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
-                  bool &isNull) noexcept;
-
- private:
-  // Ends the walk. Nobody reads it.
-  static Outcome allRestored() noexcept { return failure(0, ErrorText()); }
-
-  const PackedChain &chain_;
-  const BlockFinder finder_;
-  TextConverter text_;
-  std::uint64_t left_;
-};
-
-Outcome Restorer::visit(std::uint16_t kind, const ContentPlace &place) noexcept {
-  if (left_ == 0) return allRestored();
-  for (const std::int16_t offset : references(chain_.controlBlock().descriptor(kind))) {
-    ContentPlace target{};
-    bool isNull = false;
-    if (Outcome over = pointer(place, offset, target, isNull)) return over;
-  }
-  return {};
-}
-
-Outcome Restorer::visitText(const TextUse &use) noexcept {
-  if (left_ == 0) return allRestored();
-  if (!use.isWide || !chain_.isSwapped()) return {};
-  --left_;
-  std::byte *pText = chain_.at(use.text);
-  const std::uint32_t room = chain_.usedLen(use.text.block) - use.text.offset;
-  // Swapping the bytes of each unit is undone by doing it again.
-  return text_.convert(pText, textLength<std::uint16_t>(pText, room));
-}
-
-Outcome Restorer::pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
-                          bool &isNull) noexcept {
-  std::byte *pField = chain_.at(segment) + offset;
-  isNull = loadAs<std::uint64_t>(pField) == 0;
-  if (isNull) return {};
-  if (left_ == 0) return allRestored();
-  --left_;
-  target = finder_.placeOf(loadAs<std::uintptr_t>(pField));
-  chain_.storeRelative(pField, target);
-  return {};
-}
-
 template <bool isSwapped>
 bool walkInOrder(const PackedChain &chain, const KindRule *pRules,
                  const ContentPlace &root) noexcept {
@@ -413,9 +354,7 @@ bool walkInOrder(const PackedChain &chain, const KindRule *pRules,
   TextConverter text(chain);
   InOrderWalk<isSwapped> walk(chain, pRules, levels, text);
   if (walk.run(root)) return true;
-  if (walk.changes() == 0) return false;
-  Restorer restorer(chain, walk.changes());
-  static_cast<void>(ChainWalk(chain, restorer).run(root));
+  restoreChain(chain, root, walk.changes());
   return false;
 }
 

@@ -1,7 +1,6 @@
 // Lengths of text that must end within a given room.
 #pragma once
 
-#include <emmintrin.h>
 #include <bit>
 #include <cstdint>
 #include <cstring>
@@ -22,19 +21,9 @@ std::uint32_t textLength(const std::byte *pText, std::uint32_t room) noexcept {
 
 template <>
 inline std::uint32_t textLength<std::uint8_t>(const std::byte *pText, std::uint32_t room) noexcept {
-  std::uint32_t offset = 0;
-  const __m128i zero = _mm_setzero_si128();
-  for (; room - offset >= 32; offset += 32) {
-    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(pText + offset));
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(pText + offset + 16));
-    const auto ends = static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, zero))) |
-                      static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, zero))) << 16;
-    if (ends != 0) return offset + static_cast<std::uint32_t>(std::countr_zero(ends)) + 1;
-  }
-  for (; offset < room; ++offset) {
-    if (pText[offset] == std::byte{0}) return offset + 1;
-  }
-  return 0;
+  const void *pEnd = std::memchr(pText, 0, room);
+  if (pEnd == nullptr) return 0;
+  return static_cast<std::uint32_t>(static_cast<const std::byte *>(pEnd) - pText) + 1;
 }
 
 }  // namespace mem

@@ -112,7 +112,14 @@ class InOrderWalk {
         text_(text),
         pLevels_(pLevels) {}
 
-  bool run(const ContentPlace &root) noexcept;
+  Target start(const ContentPlace &root) noexcept;
+  // Begins with a segment.
+  bool enter(std::uint16_t kind, const Target &target) noexcept;
+  // Goes on with the current segment, up to the next one.
+  Step goOn(std::uint16_t &kind, Target &target) noexcept;
+  // Back to the segment above. False when there is none.
+  bool goUp() noexcept;
+
   // How often a byte of the chain was changed: pointers made, wide texts converted.
   std::uint64_t changes() const noexcept { return changes_; }
 
@@ -130,11 +137,9 @@ class InOrderWalk {
   void replace(std::byte *pField, std::byte *pTarget) noexcept;
   Link link(std::byte *pField, Target &target) noexcept;
   bool linkReference(std::byte *pField) noexcept;
-  bool enter(std::uint16_t kind, const Target &target) noexcept;
   bool takeRange(const Target &target, std::uint32_t length) noexcept;
   static std::uint32_t toldLength(Form form, const std::byte *pSegment) noexcept;
   bool takeSegment(const KindRule &rule, const Target &target) noexcept;
-  Step goOn(std::uint16_t &kind, Target &target) noexcept;
   Step takeChildren(std::uint16_t &kind, Target &target) noexcept;
   bool goDown(const MemPackChild *pNextChild, const Target &target) noexcept;
   Step takeSibling(std::uint16_t &kind, Target &target) noexcept;
@@ -158,26 +163,22 @@ class InOrderWalk {
 };
 
 template <bool isSwapped>
-bool InOrderWalk<isSwapped>::run(const ContentPlace &root) noexcept {
-  if (!goToBlock(static_cast<std::uint32_t>(root.block))) return false;
-  Target target = targetAt(root.offset);
-  std::uint16_t kind = 0;
-  while (enter(kind, target)) {
-    Step step = goOn(kind, target);
-    while (step == Step::up) {
-      if (depth_ == 0) return true;
-      level_ = pLevels_[--depth_];
-      step = goOn(kind, target);
-    }
-    if (step == Step::refused) return false;
-  }
-  return false;
+inline Target InOrderWalk<isSwapped>::start(const ContentPlace &root) noexcept {
+  goToBlock(static_cast<std::uint32_t>(root.block));
+  return targetAt(root.offset);
 }
 
 template <bool isSwapped>
 inline Step InOrderWalk<isSwapped>::goOn(std::uint16_t &kind, Target &target) noexcept {
   const Step step = takeChildren(kind, target);
   return step == Step::up ? takeSibling(kind, target) : step;
+}
+
+template <bool isSwapped>
+inline bool InOrderWalk<isSwapped>::goUp() noexcept {
+  if (depth_ == 0) return false;
+  level_ = pLevels_[--depth_];
+  return true;
 }
 
 template <bool isSwapped>
@@ -230,7 +231,6 @@ inline bool InOrderWalk<isSwapped>::linkReference(std::byte *pField) noexcept {
   return true;
 }
 
-// Begins with a segment at the current level.
 template <bool isSwapped>
 inline bool InOrderWalk<isSwapped>::enter(std::uint16_t kind, const Target &target) noexcept {
   if (!takeSegment(pRules_[kind], target)) return false;
@@ -347,15 +347,25 @@ inline bool InOrderWalk<isSwapped>::takeWideText(const Target &target) noexcept 
   return !text_.convert(target.pBytes, length);
 }
 
+// The walk is in this function as a whole, so that its state can stay in registers.
 template <bool isSwapped>
-bool walkInOrder(const PackedChain &chain, const KindRule *pRules,
-                 const ContentPlace &root) noexcept {
+bool linkInOrder(const PackedChain &chain, const KindRule *pRules, const ContentPlace &root,
+                 std::uint64_t &changes) noexcept {
   Level levels[MEM_PACK_MAX_LEVELS];
   TextConverter text(chain);
   InOrderWalk<isSwapped> walk(chain, pRules, levels, text);
-  if (walk.run(root)) return true;
-  restoreChain(chain, root, walk.changes());
-  return false;
+  Target target = walk.start(root);
+  std::uint16_t kind = 0;
+  bool isAtEnd = false;
+  for (Step step = Step::toSegment; step != Step::refused && !isAtEnd;) {
+    if (step == Step::toSegment && !walk.enter(kind, target)) break;
+    if (step == Step::up && !walk.goUp())
+      isAtEnd = true;
+    else
+      step = walk.goOn(kind, target);
+  }
+  changes = walk.changes();
+  return isAtEnd;
 }
 
 }  // namespace
@@ -365,8 +375,11 @@ bool unpackInOrder(const PackedChain &chain, const ContentPlace &root) noexcept 
   for (std::int32_t i = 0; i < chain.controlBlock().present(); ++i) {
     pRules[i] = ruleOf(chain, chain.controlBlock().descriptor(i));
   }
-  return chain.isSwapped() ? walkInOrder<true>(chain, pRules, root)
-                           : walkInOrder<false>(chain, pRules, root);
+  std::uint64_t changes = 0;
+  const bool isDone = chain.isSwapped() ? linkInOrder<true>(chain, pRules, root, changes)
+                                        : linkInOrder<false>(chain, pRules, root, changes);
+  if (!isDone) restoreChain(chain, root, changes);
+  return isDone;
 }
 
 }  // namespace mem

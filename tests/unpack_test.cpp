@@ -762,6 +762,26 @@ TEST_F(UnpackInPlaceTest, ReferenceMayLeadToAnyUsedByte) {
   EXPECT_EQ(target, blockBytes(0) + 8 + last);
 }
 
+// The end of text is looked for in steps, none of which may go beyond the block.
+TEST_F(UnpackInPlaceTest, NarrowTextOfAnyLengthEndsInItsBlock) {
+  tree.nodes[0].targets = {kNone, kNone, 2, kNone, kNone};
+  for (std::size_t length = 0; length <= 130; ++length) {
+    SCOPED_TRACE(length);
+    tree.nodes[2].narrow.assign(length, 'x');
+    for (const bool isFollowed : {false, true}) {
+      tree.nodes[0].targets[kTitlePart] = isFollowed ? 3 : kNone;
+      chain = chainwriter::write(tree, writerOf("0220"), kRoomy);
+      load(chain);
+      expectTree(tree, writerOf("0220"));
+    }
+    tree.nodes[0].targets[kTitlePart] = kNone;
+    chain = chainwriter::write(tree, writerOf("0220"), kRoomy);
+    chain.blocks[0].pop_back();
+    chain.setUsedLen(0, static_cast<std::uint16_t>(chain.blocks[0].size()));
+    expectRefusal(tree, chain, MEMERR_PACKROFF, offText(chain.places[2].offset));
+  }
+}
+
 TEST_F(UnpackInPlaceTest, WholePointerFieldIsReplaced) {
   // The bytes behind block and offset mean nothing to a reader.
   for (std::size_t i = 4; i < 8; ++i) {

@@ -20,9 +20,7 @@ constexpr std::uint32_t kWordLen = kBitsPerWord / 8;
 constexpr std::uint16_t kEbcdicC = 0xC3;
 constexpr std::uint16_t kEbcdicF = 0xC6;
 constexpr std::uint16_t kEbcdicS = 0xE2;
-constexpr std::uint16_t kEbcdicV = 0xE5;
 constexpr std::uint16_t kEbcdicW = 0xE6;
-constexpr std::uint16_t kEbcdicX = 0xE7;
 
 std::uint16_t asciiKind(std::uint16_t type) noexcept {
   switch (type) {
@@ -66,10 +64,6 @@ std::uint32_t wordsFor(std::uint32_t used) noexcept {
 }
 
 }  // namespace
-
-bool hasForeignLength(const MemPackDescriptor &descriptor) noexcept {
-  return descriptor.Type == kEbcdicV || descriptor.Type == kEbcdicX;
-}
 
 Outcome PackedChain::open(MemPackBlock *pFirst) noexcept {
   if (pFirst == nullptr) return badBlockCount(0);

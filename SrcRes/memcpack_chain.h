@@ -32,9 +32,6 @@ inline PackFailure reachedTwice() noexcept {
   return failure(MEMERR_PACKCYCL, ErrorText("RecursiveStructure"));
 }
 
-// True for kinds of some EBCDIC writers, whose lengths lie in fields that only their owners know.
-bool hasForeignLength(const MemPackDescriptor &descriptor) noexcept;
-
 // What the chain knows of a block besides its address.
 struct BlockExtent {
   std::uint32_t firstWord;  // of the block's bits among those of all blocks

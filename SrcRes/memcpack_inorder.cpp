@@ -34,7 +34,8 @@ Form formOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexc
       // What is converted to another length cannot be put back.
       return chain.version().wideSize == kNativeWideSize ? Form::wideText : Form::none;
     default:
-      return hasForeignLength(descriptor) ? Form::none : Form::selfDescribing;
+      // Foreign lengths, too: those that look like lengths of their own do no harm.
+      return Form::selfDescribing;
   }
 }
 

@@ -49,6 +49,13 @@ Outcome InPlaceVisitor::visit(std::uint16_t kind, const ContentPlace &place) noe
   return {};
 }
 
+// Kinds of some EBCDIC writers, whose lengths lie in fields that only their owners know.
+bool hasForeignLength(const MemPackDescriptor &descriptor) noexcept {
+  constexpr std::uint16_t kEbcdicV = 0xE5;
+  constexpr std::uint16_t kEbcdicX = 0xE7;
+  return descriptor.Type == kEbcdicV || descriptor.Type == kEbcdicX;
+}
+
 // Bytes at the start of a segment that nothing else may lie over: its length word, or the byte by
 // which a segment that is reached again is known.
 std::uint32_t headLen(const MemPackDescriptor &descriptor) noexcept {

@@ -890,6 +890,14 @@ TEST_F(UnpackInPlaceTest, NothingOverwritesALengthWordOrATerminator) {
   }
 }
 
+TEST_F(UnpackInPlaceTest, NothingOverliesAFieldBehindTheLength) {
+  chain.setNumber({0, chain.descriptorPlace(kRoot).offset + 2}, 8);
+  load(chain);
+  expectTree(tree, writerOf("0220"));
+  chain.setPointer(part(kChildPart), part(kTitlePart));
+  expectRefusal(tree, chain, MEMERR_PACKCYCL, kRecursive);
+}
+
 // A pointer that begins at the end of a text: had it become an address, the text would go on.
 TEST_F(UnpackInPlaceTest, NoPointerFieldLiesOverTheEndOfText) {
   tree.kinds.push_back({Form::Fixed, {data(2), sibling(), data(3)}});
@@ -963,6 +971,7 @@ TEST_F(UnpackInPlaceTest, RootTextHasNoFields) {
   block.resize(start + 40);
   std::fill(block.begin() + static_cast<std::ptrdiff_t>(start) + 2, block.end(), std::uint8_t{0});
   chain.setPointer({0, start + 2}, {0, start + 20});
+  chain.setNumber({0, start + 20}, 12);
   chain.setUsedLen(0, static_cast<std::uint16_t>(block.size()));
   load(chain);
   expectUnpacked(unpack(readersControlBlock(text)), Became::Structure);

@@ -27,7 +27,7 @@ class BackwardBlocks {
   explicit BackwardBlocks(const Chain &chain) : starts_(chain.blocks.size()) {
     for (std::size_t i = chain.blocks.size(); i-- > 0;) {
       starts_[i] = area_.size();
-      area_.resize(area_.size() + 8 + chain.blocks[i].size());
+      area_.resize(area_.size() + (8 + chain.blocks[i].size() + 7) / 8 * 8);
       std::copy(chain.blocks[i].begin(), chain.blocks[i].end(), content(i));
     }
     for (std::size_t i = 0; i + 1 < starts_.size(); ++i) {

@@ -965,7 +965,8 @@ TEST_F(UnpackInPlaceTest, RootTextHasNoFields) {
   const Tree text{.kinds = {{Form::Narrow}}, .nodes = {{0, {}, {}, "\x10"}}};
   chain = chainwriter::write(text, writerOf("0220"), kRoomy);
   const std::size_t header = chain.descriptorPlace(0).offset;
-  chain.setNumber({0, header + 4}, 2);
+  const std::uint16_t fields[] = {2, 0, 0};  // sibling, numbers of children and references
+  for (std::size_t i = 0; i < 3; ++i) chain.setNumber({0, header + 4 + 2 * i}, fields[i]);
   const std::size_t start = chain.places[0].offset;
   Bytes &block = chain.blocks[0];
   block.resize(start + 40);

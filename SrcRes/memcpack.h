@@ -14,7 +14,7 @@
 //   memcpack_chain     a chain of any writer, read with every check
 //   memcpack_walk      the walk over such a chain
 //   memcpack_text      its wide text
-//   memcpack_textlength  where text ends
+//   memcpack_textlength where text ends
 #pragma once
 
 #include <cstdint>

@@ -3,6 +3,8 @@
 //   memcpack           MEM_Pack: walk over the structure, fix-up of the pointers
 //   memcpack_unpack    MEM_Unpack: choice between the two ways of unpacking
 //   memcpack_inplace   unpacking in place
+//   memcpack_inorder   the same, fast, for chains that lie as writers leave them
+//   memcpack_restore   takes back what that has changed in other chains
 //   memcpack_repack    unpacking into a new chain, for another pointer width
 //   memcpack_outcome   failures inside the unit
 //   memcpack_cb        control blocks, and the old layout
@@ -13,6 +15,7 @@
 //   memcpack_chain     a chain of any writer, read with every check
 //   memcpack_walk      the walk over such a chain
 //   memcpack_text      its wide text
+//   memcpack_textlength where text ends
 #pragma once
 
 #include <cstdint>

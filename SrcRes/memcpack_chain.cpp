@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <bit>
 
+#include "memcpack_textlength.h"
+
 namespace mem {
 
 namespace {
@@ -11,7 +13,9 @@ constexpr std::uint32_t kVersionOff = 10;  // block offsets in block 0
 constexpr std::uint32_t kControlBlockOff = 14;
 constexpr std::uint32_t kHeadLen = 6;  // used length and version, in used-length terms
 constexpr std::uint32_t kFirstContentOff = 2;
+constexpr std::uint16_t kOffsetsEnd = 0x8000;  // offsets in relative pointers have 15 bits
 constexpr std::uint32_t kBitsPerWord = 64;
+constexpr std::uint32_t kWordLen = kBitsPerWord / 8;
 
 constexpr std::uint16_t kEbcdicC = 0xC3;
 constexpr std::uint16_t kEbcdicF = 0xC6;
@@ -51,24 +55,12 @@ std::int32_t descriptorsPresent(std::int32_t count) noexcept {
   return std::max<std::int32_t>(count, MEM_PACK_MIN_DESCRIPTORS);
 }
 
-// Bytes of the text at `pText` with its terminator, 0 when it does not end within `room` bytes.
-template <class Unit>
-std::uint32_t textLength(const std::byte *pText, std::uint32_t room) noexcept {
-  for (std::uint32_t end = sizeof(Unit); end <= room; end += sizeof(Unit)) {
-    if (loadAs<Unit>(pText + end - sizeof(Unit)) == 0) return end;
-  }
-  return 0;
-}
-
-template <>
-std::uint32_t textLength<std::uint8_t>(const std::byte *pText, std::uint32_t room) noexcept {
-  const void *pEnd = std::memchr(pText, 0, room);
-  if (pEnd == nullptr) return 0;
-  return static_cast<std::uint32_t>(static_cast<const std::byte *>(pEnd) - pText) + 1;
-}
-
 std::uint32_t roundUp(std::uint64_t value, std::uint32_t multiple) noexcept {
   return static_cast<std::uint32_t>((value + multiple - 1) / multiple * multiple);
+}
+
+std::uint32_t wordsFor(std::uint32_t used) noexcept {
+  return roundUp(used, kBitsPerWord) / kBitsPerWord;
 }
 
 }  // namespace
@@ -116,41 +108,43 @@ Outcome PackedChain::listBlocks(MemPackBlock *pFirst) noexcept {
   if (!blockTable_.obtain(static_cast<std::uint32_t>(count) * 8)) {
     return failure(MEMERR_PACKAMEM, ErrorText("BlockPtrTblCallocFail"));
   }
-  void **pEntry = blocks();
+  void **pEntry = blockTable_.as<void *>();
   for (MemPackBlock *pBlock = pFirst; pBlock != nullptr; pBlock = pBlock->pNext) *pEntry++ = pBlock;
   return {};
 }
 
 // At most 32,767 blocks of 65,535 bytes, two bits each: every sum here stays below 2^32.
 Outcome PackedChain::obtainWork() noexcept {
-  std::uint32_t words = 0;
-  for (std::int32_t i = 0; i < blockCount_; ++i) {
-    const std::uint32_t used =
-        number<std::uint16_t>(bytesAt(blocks()[i], offsetof(MemPackBlock, UsedLen)));
-    words += roundUp(used, kBitsPerWord) / kBitsPerWord;
-  }
-  const std::uint32_t listLen = static_cast<std::uint32_t>(blockCount_) * 8;
+  for (std::int32_t i = 0; i < blockCount_; ++i) wordCount_ += wordsFor(usedLenInFile(i));
+  const std::uint32_t listLen = static_cast<std::uint32_t>(blockCount_) * sizeof(BlockExtent);
   const std::uint32_t cbLen =
       roundUp(static_cast<std::uint64_t>(MEM_PACK_CB_LEN(descriptorCount_)), 8);
-  if (!work_.obtain(listLen + cbLen + 2 * words * 8)) {
+  if (!work_.obtainUnset(listLen + cbLen + 2 * wordCount_ * kWordLen)) {
     return failure(MEMERR_PACKAMEM, ErrorText("UnpackBlkMemAllocFail"));
   }
   controlBlock_ = PackControlBlock(work_.as<MemPackCB>(listLen));
   pClaims_ = work_.as<std::uint64_t>(listLen + cbLen);
-  pTexts_ = work_.as<std::uint64_t>(std::size_t{listLen} + cbLen + std::size_t{words} * 8);
-  std::uint32_t word = 0;
-  for (std::int32_t i = 0; i < blockCount_; ++i) {
-    const std::uint32_t used =
-        number<std::uint16_t>(bytesAt(blocks()[i], offsetof(MemPackBlock, UsedLen)));
-    usedLens()[i] = used;
-    wordStarts()[i] = word;
-    word += roundUp(used, kBitsPerWord) / kBitsPerWord;
-  }
+  pTexts_ = pClaims_ + wordCount_;
+  listExtents();
   return {};
 }
 
+void PackedChain::listExtents() noexcept {
+  auto *pExtents = work_.as<BlockExtent>();
+  std::uint32_t word = 0;
+  for (std::int32_t i = 0; i < blockCount_; ++i) {
+    const std::uint16_t used = usedLenInFile(i);
+    pExtents[i] = {word, used, std::min(used, kOffsetsEnd)};
+    word += wordsFor(used);
+  }
+}
+
+std::uint16_t PackedChain::usedLenInFile(std::int32_t block) const noexcept {
+  return number<std::uint16_t>(bytesAt(blocks()[block], offsetof(MemPackBlock, UsedLen)));
+}
+
 Outcome PackedChain::copyControlBlock() noexcept {
-  auto *pCopy = work_.as<std::byte>(static_cast<std::size_t>(blockCount_) * 8);
+  auto *pCopy = work_.as<std::byte>(static_cast<std::size_t>(blockCount_) * sizeof(BlockExtent));
   storeAs(pCopy, static_cast<std::int16_t>(descriptorCount_));
   for (std::int32_t i = 0; i < descriptorsPresent(descriptorCount_); ++i) {
     const MemPackDescriptor descriptor = readDescriptor(descriptorInFile(i));
@@ -241,6 +235,16 @@ Outcome PackedChain::follow(const void *pRelPtr, ContentPlace &target) const noe
   return {};
 }
 
+void PackedChain::storeRelative(void *pRelPtr, const ContentPlace &target) const noexcept {
+  const auto inOrder = [this](std::uint32_t value) {
+    const auto half = static_cast<std::int16_t>(value);
+    return isSwapped_ ? byteSwapped(half) : half;
+  };
+  const MemPackRelPtr relative{inOrder(static_cast<std::uint32_t>(target.block)),
+                               inOrder(target.offset), 0};
+  storeAs(pRelPtr, relative);
+}
+
 Outcome PackedChain::measureSegment(const MemPackDescriptor &descriptor, const ContentPlace &place,
                                     std::uint32_t &length) const noexcept {
   if (descriptor.Type == MEM_PACK_STRING) return measureText(place, 1, length);
@@ -274,8 +278,12 @@ Outcome PackedChain::measureText(const ContentPlace &place, std::uint32_t unitLe
   return length == 0 ? badOffset(place.offset) : Outcome{};
 }
 
+void PackedChain::startClaims() noexcept {
+  std::memset(pClaims_, 0, std::size_t{2} * wordCount_ * kWordLen);
+}
+
 bool PackedChain::claim(const ContentPlace &place, std::uint32_t length) noexcept {
-  std::uint64_t *pWord = pClaims_ + wordStarts()[place.block] + place.offset / kBitsPerWord;
+  std::uint64_t *pWord = pClaims_ + firstWord(place.block) + place.offset / kBitsPerWord;
   std::uint32_t bit = place.offset % kBitsPerWord;
   for (std::uint32_t rest = length; rest > 0; ++pWord, bit = 0) {
     const std::uint32_t step = std::min(rest, kBitsPerWord - bit);
@@ -293,7 +301,7 @@ Outcome PackedChain::takeNarrowText(const ContentPlace &place) noexcept {
   const std::uint32_t used = usedLen(place.block);
   ContentPlace next = place;
   while (next.offset < used) {
-    std::uint64_t &word = pTexts_[wordStarts()[place.block] + next.offset / kBitsPerWord];
+    std::uint64_t &word = pTexts_[firstWord(place.block) + next.offset / kBitsPerWord];
     const std::uint32_t bit = next.offset % kBitsPerWord;
     const std::uint32_t inWord = std::min(used - next.offset, kBitsPerWord - bit);
     const auto unknown =

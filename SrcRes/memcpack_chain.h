@@ -32,6 +32,14 @@ inline PackFailure reachedTwice() noexcept {
   return failure(MEMERR_PACKCYCL, ErrorText("RecursiveStructure"));
 }
 
+// What the chain knows of a block besides its address.
+struct BlockExtent {
+  std::uint32_t firstWord;  // of the block's bits among those of all blocks
+  std::uint16_t used;
+  std::uint16_t
+      reachable;  // content offsets that a relative pointer can name begin at 0 and end here
+};
+
 // Lengths, block addresses and descriptors are copied out when the chain is opened, since a hostile
 // segment may lie over them.
 class PackedChain {
@@ -50,7 +58,11 @@ class PackedChain {
 
   Outcome locateRoot(ContentPlace &root) const noexcept;
 
-  std::uint32_t usedLen(std::int32_t block) const noexcept { return usedLens()[block]; }
+  // One for each block.
+  void *const *blocks() const noexcept { return blockTable_.as<void *>(); }
+  const BlockExtent *extents() const noexcept { return work_.as<BlockExtent>(); }
+
+  std::uint32_t usedLen(std::int32_t block) const noexcept { return extents()[block].used; }
   std::byte *at(const ContentPlace &place) const noexcept {
     return bytesAt(blocks()[place.block], std::size_t{8} + place.offset);
   }
@@ -69,6 +81,9 @@ class PackedChain {
   // Reads a relative pointer that is not null and checks where it leads.
   Outcome follow(const void *pRelPtr, ContentPlace &target) const noexcept;
 
+  // Writes the relative pointer that leads to `target`: the reverse of follow().
+  void storeRelative(void *pRelPtr, const ContentPlace &target) const noexcept;
+
   // Bytes of the segment at `place`, checked to lie in its block.
   Outcome measureSegment(const MemPackDescriptor &descriptor, const ContentPlace &place,
                          std::uint32_t &length) const noexcept;
@@ -77,6 +92,13 @@ class PackedChain {
   // of the writer: 1 byte, or 2 or 4 of wide text.
   Outcome measureText(const ContentPlace &place, std::uint32_t unitLen,
                       std::uint32_t &length) const noexcept;
+
+  // The storage of the bits below, for other use until startClaims(): at least 16 bytes for each
+  // block with content, and 8 for each descriptor.
+  void *scratch() const noexcept { return pClaims_; }
+
+  // Forgets all claims. REQUIRED once before claim() and takeNarrowText().
+  void startClaims() noexcept;
 
   // Reserves bytes for one use. False when one of them has been claimed before.
   // REQUIRES: holds(place, length).
@@ -90,18 +112,16 @@ class PackedChain {
   PackFailure badKind(std::uint16_t kind) const noexcept;
 
  private:
-  // Work area: used lengths, start of each block's words, control block, and two bits for each
-  // content byte: claimed, and part of narrow text that is known to end.
-  void **blocks() const noexcept { return blockTable_.as<void *>(); }
-  std::uint32_t *usedLens() const noexcept { return work_.as<std::uint32_t>(); }
-  std::uint32_t *wordStarts() const noexcept {
-    return work_.as<std::uint32_t>(static_cast<std::size_t>(blockCount_) * 4);
-  }
+  // Work area: extents of the blocks, control block, and two bits for each content byte: claimed,
+  // and part of narrow text that is known to end.
+  std::uint32_t firstWord(std::int32_t block) const noexcept { return extents()[block].firstWord; }
 
   Outcome readVersion(const MemPackBlock *pFirst) noexcept;
   Outcome readControlBlockLen(MemPackBlock *pFirst) noexcept;
   Outcome listBlocks(MemPackBlock *pFirst) noexcept;
   Outcome obtainWork() noexcept;
+  void listExtents() noexcept;
+  std::uint16_t usedLenInFile(std::int32_t block) const noexcept;
   Outcome copyControlBlock() noexcept;
   MemPackDescriptor readDescriptor(const std::byte *pFrom) const noexcept;
   std::byte *descriptorInFile(std::int32_t index) const noexcept;
@@ -113,6 +133,7 @@ class PackedChain {
   std::uint32_t controlBlockLen_ = 0;  // in the file
   std::int32_t blockCount_ = 0;
   std::byte *pFileControlBlock_ = nullptr;
+  std::uint32_t wordCount_ = 0;  // of the claims, and of the texts
   std::uint64_t *pClaims_ = nullptr;
   std::uint64_t *pTexts_ = nullptr;
   PackControlBlock controlBlock_{nullptr};

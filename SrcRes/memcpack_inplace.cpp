@@ -1,5 +1,6 @@
 #include "memcpack_inplace.h"
 
+#include "memcpack_inorder.h"
 #include "memcpack_text.h"
 #include "memcpack_walk.h"
 
@@ -117,6 +118,8 @@ Outcome InPlaceVisitor::pointer(const ContentPlace &segment, std::int16_t offset
 }  // namespace
 
 Outcome unpackInPlace(PackedChain &chain, const ContentPlace &root) noexcept {
+  if (unpackInOrder(chain, root)) return {};
+  chain.startClaims();
   InPlaceVisitor visitor(chain);
   return ChainWalk(chain, visitor).run(root);
 }

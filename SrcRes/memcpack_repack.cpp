@@ -365,6 +365,7 @@ Outcome repack(CallFrame &frame, PackedChain &chain, const ContentPlace &root,
   const OldPointers pointers(chain, writersPointerWidth(chain.controlBlock(), callers));
   traceDirection(frame, pointers.width());
 
+  chain.startClaims();
   Survey survey(chain, callers, pointers, index);
   if (Outcome failed = ChainWalk(chain, survey).run(root)) return failed;
   const std::uint32_t count = index.seal();

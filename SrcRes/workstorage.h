@@ -21,9 +21,15 @@ class WorkStorage {
 
   // Obtains `size` zero bytes. REQUIRES: nothing obtained yet. False when there is no storage.
   bool obtain(std::uint32_t size) noexcept {
+    if (!obtainUnset(size)) return false;
+    std::memset(pArea_, 0, size);
+    return true;
+  }
+
+  // The same with bytes of any value.
+  bool obtainUnset(std::uint32_t size) noexcept {
     pArea_ = functionVector().MEM_Alloc(size, 0);
     size_ = size;
-    if (pArea_ != nullptr) std::memset(pArea_, 0, size);
     return pArea_ != nullptr;
   }
 

@@ -451,6 +451,27 @@ TEST_F(UnpackInPlaceTest, KindsBeyondTheCountAreCheckedWhenReached) {
   }
 }
 
+// Its pointers are null, so that nothing but its descriptor is wrong.
+TEST_F(UnpackInPlaceTest, KindBeyondTheCountNeedsKindsForItsChildren) {
+  tree.kinds[kChild] = {Form::Fixed, {child(kName), data(5)}};
+  tree.nodes[kChild].targets = {kNone};
+  chain = chainwriter::write(tree, writerOf("0220"), kRoomy);
+  chain.setNumber(chain.childEntryPlace(kRoot, 0), 7);
+  const std::size_t descriptor = chain.descriptorPlace(7).offset;
+  for (const std::uint16_t kind : {std::uint16_t{kName}, std::uint16_t{200}}) {
+    const std::uint16_t fields[] = {'F', 13, 0xFFFF, 1, 0, kind, 0};
+    for (std::size_t i = 0; i < std::size(fields); ++i) {
+      chain.setNumber({0, descriptor + 2 * i}, fields[i]);
+    }
+    load(chain);
+    if (kind == kName) {
+      expectTree(tree, writerOf("0220"));
+    } else {
+      expectRefused(unpack(callers), MEMERR_PACKCBID, idText(blockBytes(0) + 8 + descriptor));
+    }
+  }
+}
+
 TEST_F(UnpackInPlaceTest, FieldsOfTextDescriptorsAreNeverLookedAt) {
   for (const char *version : {"0220", "0101"}) {
     Chain odd = chainwriter::write(tree, writerOf(version), kRoomy);
@@ -752,6 +773,40 @@ INSTANTIATE_TEST_SUITE_P(Writers, UnpackPointerTest,
                                .name();
                          });
 
+// Blocks may be longer than the offsets in relative pointers.
+TEST_F(UnpackInPlaceTest, OffsetsHaveFifteenBits) {
+  const std::size_t used = 40000;
+  chain.blocks[0].resize(used);
+  chain.setUsedLen(0, static_cast<std::uint16_t>(used));
+  for (const std::size_t index :
+       {kSiblingPart, kChildPart, kNamePart, kTitlePart, kReferencePart}) {
+    Chain changed = chain;
+    changed.setPointer(part(index), {0, 0x8001});
+    expectRefusal(tree, changed, MEMERR_PACKROFF, offText(0x8001));
+  }
+  chain.setPointer(part(kReferencePart), {0, 0x7FFF});
+  load(chain);
+  expectUnpacked(unpack(callers), Became::Structure);
+}
+
+// A pointer to the very start of the chain is null but for the bytes that mean nothing. It stays a
+// pointer, also where the way leads back to texts that were reached before.
+TEST_F(UnpackInPlaceTest, ReferenceMayLeadToTheFirstByte) {
+  tree.kinds[kRoot].parts[kTitlePart] = child(kName);
+  tree.nodes[0].targets[kTitlePart] = 2;
+  for (const bool isShared : {true, false}) {
+    if (!isShared) tree.nodes[0].targets[kTitlePart] = kNone;
+    chain = chainwriter::write(tree, writerOf("0220"), kRoomy);
+    chain.setPointer(part(kReferencePart), {0, 0});
+    chain.blocks[0][part(kReferencePart).offset + 7] = 1;
+    load(chain);
+    expectUnpacked(unpack(callers), Became::Structure);
+    const std::uint8_t *target = nullptr;
+    std::memcpy(&target, static_cast<const std::uint8_t *>(root) + 32, sizeof target);
+    EXPECT_EQ(target, blockBytes(0) + 8);
+  }
+}
+
 TEST_F(UnpackInPlaceTest, ReferenceMayLeadToAnyUsedByte) {
   const std::size_t last = chain.blocks[0].size() - 1;
   chain.setPointer(part(kReferencePart), {0, last});
@@ -760,6 +815,26 @@ TEST_F(UnpackInPlaceTest, ReferenceMayLeadToAnyUsedByte) {
   const std::uint8_t *target = nullptr;
   std::memcpy(&target, static_cast<const std::uint8_t *>(root) + 32, sizeof target);
   EXPECT_EQ(target, blockBytes(0) + 8 + last);
+}
+
+// The end of text is looked for in steps, none of which may go beyond the block.
+TEST_F(UnpackInPlaceTest, NarrowTextOfAnyLengthEndsInItsBlock) {
+  tree.nodes[0].targets = {kNone, kNone, 2, kNone, kNone};
+  for (std::size_t length = 0; length <= 130; ++length) {
+    SCOPED_TRACE(length);
+    tree.nodes[2].narrow.assign(length, 'x');
+    for (const bool isFollowed : {false, true}) {
+      tree.nodes[0].targets[kTitlePart] = isFollowed ? 3 : kNone;
+      chain = chainwriter::write(tree, writerOf("0220"), kRoomy);
+      load(chain);
+      expectTree(tree, writerOf("0220"));
+    }
+    tree.nodes[0].targets[kTitlePart] = kNone;
+    chain = chainwriter::write(tree, writerOf("0220"), kRoomy);
+    chain.blocks[0].pop_back();
+    chain.setUsedLen(0, static_cast<std::uint16_t>(chain.blocks[0].size()));
+    expectRefusal(tree, chain, MEMERR_PACKROFF, offText(chain.places[2].offset));
+  }
 }
 
 TEST_F(UnpackInPlaceTest, WholePointerFieldIsReplaced) {
@@ -813,6 +888,14 @@ TEST_F(UnpackInPlaceTest, NothingOverwritesALengthWordOrATerminator) {
       expectRefused(unpack(callers), MEMERR_PACKCYCL, kRecursive);
     }
   }
+}
+
+TEST_F(UnpackInPlaceTest, NothingOverliesAFieldBehindTheLength) {
+  chain.setNumber({0, chain.descriptorPlace(kRoot).offset + 2}, 8);
+  load(chain);
+  expectTree(tree, writerOf("0220"));
+  chain.setPointer(part(kChildPart), part(kTitlePart));
+  expectRefusal(tree, chain, MEMERR_PACKCYCL, kRecursive);
 }
 
 // A pointer that begins at the end of a text: had it become an address, the text would go on.
@@ -875,6 +958,25 @@ TEST_F(UnpackInPlaceTest, RootMayBeNarrowText) {
   Tree text{.kinds = {{Form::Narrow}}, .nodes = {{0, {}, {}, "all there is"}}};
   load(chainwriter::write(text, writerOf("0221"), kRoomy));
   expectTree(text, writerOf("0221"));
+}
+
+// What looks like a length word and a pointer behind it is none.
+TEST_F(UnpackInPlaceTest, RootTextHasNoFields) {
+  const Tree text{.kinds = {{Form::Narrow}}, .nodes = {{0, {}, {}, "\x10"}}};
+  chain = chainwriter::write(text, writerOf("0220"), kRoomy);
+  const std::size_t header = chain.descriptorPlace(0).offset;
+  const std::uint16_t fields[] = {2, 0, 0};  // sibling, numbers of children and references
+  for (std::size_t i = 0; i < 3; ++i) chain.setNumber({0, header + 4 + 2 * i}, fields[i]);
+  const std::size_t start = chain.places[0].offset;
+  Bytes &block = chain.blocks[0];
+  block.resize(start + 40);
+  std::fill(block.begin() + static_cast<std::ptrdiff_t>(start) + 2, block.end(), std::uint8_t{0});
+  chain.setPointer({0, start + 2}, {0, start + 20});
+  chain.setNumber({0, start + 20}, 12);
+  chain.setUsedLen(0, static_cast<std::uint16_t>(block.size()));
+  load(chain);
+  expectUnpacked(unpack(readersControlBlock(text)), Became::Structure);
+  EXPECT_EQ(bytesOf(root, 40), Bytes(block.end() - 40, block.end()));
 }
 
 // ---- Depth.

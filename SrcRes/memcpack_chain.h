@@ -36,8 +36,7 @@ inline PackFailure reachedTwice() noexcept {
 struct BlockExtent {
   std::uint32_t firstWord;  // of the block's bits among those of all blocks
   std::uint16_t used;
-  std::uint16_t
-      reachable;  // content offsets that a relative pointer can name begin at 0 and end here
+  std::uint16_t reachable;  // the end of the content offsets that a relative pointer can name
 };
 
 // Lengths, block addresses and descriptors are copied out when the chain is opened, since a hostile

@@ -5,16 +5,12 @@
 #include <cstdint>
 #include <cstring>
 
-#if defined(__SSE2__) || defined(_M_X64)
-#include <emmintrin.h>
-#define MEM_TEXT_HAS_SSE2 1
-#endif
-
 #include "bytes.h"
+#include "platform.h"
 
 namespace mem {
 
-#ifdef MEM_TEXT_HAS_SSE2
+#if MEM_HAS_SSE2
 // One bit for each of 32 bytes that is zero.
 inline std::uint32_t zerosOf32(const std::byte *pText) noexcept {
   const auto *pHalves = reinterpret_cast<const __m128i *>(pText);
@@ -38,7 +34,7 @@ std::uint32_t textLength(const std::byte *pText, std::uint32_t room) noexcept {
 template <>
 inline std::uint32_t textLength<std::uint8_t>(const std::byte *pText, std::uint32_t room) noexcept {
   std::uint32_t looked = 0;
-#ifdef MEM_TEXT_HAS_SSE2
+#if MEM_HAS_SSE2
   // Most texts are short: calling for them would cost more than looking at them.
   for (; room - looked >= 32; looked += 32) {
     const std::uint32_t zeros = zerosOf32(pText + looked);

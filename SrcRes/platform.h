@@ -18,6 +18,14 @@
 #define MEM_PREFETCH(address) __builtin_prefetch(address)
 #endif
 
+// Every processor of the platform has these.
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define MEM_HAS_SSE2 1
+#else
+#define MEM_HAS_SSE2 0
+#endif
+
 // Code for processors with AVX in a library that runs on others, too. Clang would make a call of
 // memset of a row of stores.
 #if defined(_M_X64) && defined(_MSC_VER) && !defined(__clang__)

@@ -65,6 +65,7 @@ std::int16_t MEM_StructToPortStr(const MEMStructDef *pDefs, std::uint32_t Struct
   std::int16_t status = 0;
   auto work = [&writer, &status]() noexcept { status = writer.run(); };
   const bool isDone = runUnderGuard(frame, work);
+  writer.noteUsed();
   {
     const ErrorAreaKeeper keeper(frame);
     if (writer.registry() != nullptr) functionVector().MEM_HashClose(writer.registry());

@@ -15,24 +15,135 @@ std::string_view bytesOf(std::int32_t length, const std::byte *pField) noexcept 
           length > 0 ? static_cast<std::size_t>(length) : std::size_t{0}};
 }
 
-bool isPlain(char c) noexcept {
+// The bytes of a text as words of eight, the first byte in the low place.
+using Word = std::uint64_t;
+constexpr std::size_t kWordLen = sizeof(Word);
+constexpr Word kEveryByte = 0x0101010101010101U;
+
+Word loadHalf(const char *pFrom) noexcept {
+  const auto byteAt = [pFrom](int i) noexcept {
+    return Word{static_cast<unsigned char>(pFrom[i])} << 8 * i;
+  };
+  return byteAt(0) | byteAt(1) | byteAt(2) | byteAt(3);
+}
+
+Word loadWord(const char *pFrom) noexcept {
+  return loadHalf(pFrom) | loadHalf(pFrom + kWordLen / 2) << 32;
+}
+
+// A text shorter than a word, with zeros behind it. Nothing outside the text is read.
+Word loadShort(const char *pFrom, std::size_t length) noexcept {
+  if (length >= 4) return loadHalf(pFrom) | loadHalf(pFrom + length - 4) << 8 * (length - 4);
+  if (length == 0) return 0;
+  const auto byteAt = [pFrom](std::size_t i) noexcept {
+    return Word{static_cast<unsigned char>(pFrom[i])} << 8 * i;
+  };
+  return byteAt(0) | byteAt(length / 2) | byteAt(length - 1);
+}
+
+// Not zero when a byte of the word is `c`.
+constexpr Word marksOf(Word word, char c) noexcept {
+  const Word difference = word ^ kEveryByte * static_cast<unsigned char>(c);
+  return (difference - kEveryByte) & ~difference & kEveryByte << 7;
+}
+
+constexpr bool hasSpecial(Word word) noexcept {
+  return (marksOf(word, '"') | marksOf(word, '/') | marksOf(word, '\0')) != 0;
+}
+
+constexpr bool isPlain(char c) noexcept {
   return c != '"' && c != '/' && c != '\0';
 }
 
-// Narrow text between double quotes: runs of plain characters as they are, the others behind "/".
-bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
+// Characters in front of the first that is not plain.
+std::size_t plainLength(std::string_view text) noexcept {
+  std::size_t length = 0;
+  while (text.size() - length >= kWordLen && !hasSpecial(loadWord(text.data() + length))) {
+    length += kWordLen;
+  }
+  while (length < text.size() && isPlain(text[length])) ++length;
+  return length;
+}
+
+char *putEscape(char *pTo, char c) noexcept {
+  *pTo++ = '/';
+  *pTo++ = c == '\0' ? '0' : c;
+  return pTo;
+}
+
+// Narrow text between double quotes where a chunk ends soon: runs of plain characters as they are,
+// the others behind "/".
+bool appendQuotedAcross(PortOutput &output, std::string_view text) noexcept {
   if (!output.append('"')) return false;
   while (!text.empty()) {
-    const auto special = std::find_if_not(text.begin(), text.end(), isPlain);
-    const auto run = static_cast<std::size_t>(special - text.begin());
+    const std::size_t run = plainLength(text);
     if (!output.append(firstOf(text, run))) return false;
-    text.remove_prefix(run);
+    text = behind(text, run);
     if (text.empty()) break;
-    const char escape[] = {'/', text.front() == '\0' ? '0' : text.front()};
+    char escape[2];
+    putEscape(escape, text.front());
     if (!output.append(std::string_view(escape, sizeof escape))) return false;
     text.remove_prefix(1);
   }
   return output.append('"');
+}
+
+// The same with room for all of it: words of plain characters are stored as they are.
+class Quoter {
+ public:
+  Quoter(PortOutput &output, char *pTo) noexcept : output_(output), pTo_(pTo) {}
+
+  static constexpr std::size_t mostOf(std::size_t length) noexcept {
+    return 2 * length + 2 + PortOutput::kSpill;
+  }
+
+  // REQUIRES: room for mostOf(text.size()) characters.
+  void put(std::string_view text) noexcept {
+    *pTo_++ = '"';
+    output_.advanceTo(pTo_);
+    const char *pFrom = text.data();
+    std::size_t left = text.size();
+    for (; left >= kWordLen; left -= kWordLen, pFrom += kWordLen) {
+      putWord(loadWord(pFrom), pFrom, kWordLen);
+    }
+    // The rest is the end of the text's last word. With blanks behind it, it has no zeros but its
+    // own.
+    const Word rest = text.size() < kWordLen
+                          ? loadShort(pFrom, left)
+                          : loadWord(pFrom + left - kWordLen) >> 1 >> (63 - 8 * left);
+    putWord(rest | kEveryByte * ' ' << 8 * left, pFrom, left);
+    *pTo_++ = '"';
+    output_.advanceTo(pTo_);
+  }
+
+ private:
+  // `word` begins with the `length` characters at `pFrom`.
+  void putWord(Word word, const char *pFrom, std::size_t length) noexcept {
+    if (hasSpecial(word)) return putEach(pFrom, length);
+    putBytes(pTo_, word);
+    pTo_ += length;
+  }
+
+  void putEach(const char *pFrom, std::size_t length) noexcept {
+    for (std::size_t i = 0; i < length; ++i) {
+      if (isPlain(pFrom[i])) {
+        *pTo_++ = pFrom[i];
+      } else {
+        pTo_ = putEscape(pTo_, pFrom[i]);
+        output_.advanceTo(pTo_);  // a fault behind it leaves it appended
+      }
+    }
+  }
+
+  PortOutput &output_;
+  char *pTo_;
+};
+
+bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
+  char *pTo = output.roomFor(Quoter::mostOf(text.size()));
+  if (pTo == nullptr) return appendQuotedAcross(output, text);
+  Quoter(output, pTo).put(text);
+  return true;
 }
 
 // Text of UTF-16 units at any alignment.
@@ -110,16 +221,6 @@ std::size_t highSurrogates(const WideView &text) noexcept {
   return count;
 }
 
-std::uint64_t loadUnsigned(std::uint32_t width, const std::byte *pField) noexcept {
-  if (width == 2) return loadAs<std::uint16_t>(pField);
-  return width == 4 ? loadAs<std::uint32_t>(pField) : loadAs<std::uint64_t>(pField);
-}
-
-std::int64_t loadSigned(std::uint32_t width, const std::byte *pField) noexcept {
-  if (width == 2) return loadAs<std::int16_t>(pField);
-  return width == 4 ? loadAs<std::int32_t>(pField) : loadAs<std::int64_t>(pField);
-}
-
 }  // namespace
 
 bool MEM_Char2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
@@ -132,7 +233,10 @@ bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte
 }
 
 bool MEM_PStr2PortStr(PortOutput &output, const char *pText) noexcept {
-  if (!output.append('X')) return false;
+  return output.append('X') && appendText(output, pText);
+}
+
+bool appendText(PortOutput &output, const char *pText) noexcept {
   if (pText == nullptr) return true;
   const std::string_view text(pText);
   return output.appendReversed(text.size()) && appendQuoted(output, text);
@@ -183,14 +287,15 @@ bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept {
          output.appendReversed(pairs) && appendWideQuoted(output, text);
 }
 
-bool numberToPortStr(PortOutput &output, std::uint32_t width, bool isSigned,
-                     const std::byte *pField) noexcept {
+bool appendNumber(PortOutput &output, std::uint8_t type, const std::byte *pField) noexcept {
   if (!output.append('N')) return false;
-  if (!isSigned) return output.appendReversed(loadUnsigned(width, pField));
-  const std::int64_t value = loadSigned(width, pField);
-  if (value >= 0) return output.appendReversed(static_cast<std::uint64_t>(value));
-  // Negation in unsigned arithmetic gives the magnitude of the most negative value as well.
-  return output.append('-') && output.appendReversed(0 - static_cast<std::uint64_t>(value));
+  if (char *pTo = output.roomFor(kMostNumber)) {
+    output.advanceTo(putNumber(pTo, type, pField));
+    return true;
+  }
+  char text[kMostNumber];
+  const char *pEnd = putNumber(text, type, pField);
+  return output.append(std::string_view(text, static_cast<std::size_t>(pEnd - text)));
 }
 
 }  // namespace mem

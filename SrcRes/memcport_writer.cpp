@@ -36,6 +36,7 @@ std::int16_t MEM_PortHash(const void *pKey) noexcept {
 std::int16_t PortWriter::run() noexcept {
   if (const std::int16_t status = start(); status != 0) return status;
   const std::int16_t status = writeAll();
+  output_.clearSpill();
   if (status != 0) return status;
   output_.writeHeader(structures_);
   *pTotalLen_ = output_.total();
@@ -119,29 +120,104 @@ std::int16_t PortWriter::enter(const void *pStruct, std::uint32_t structID,
 }
 
 std::int16_t PortWriter::MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept {
+  const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
+  const StructPlan *pPlan = plans_.find(ref.StructID);
+  if (pPlan != nullptr) return writePlanned(*pPlan, pStruct, nesting);
   const MEMStructDef *pDef = MEM_Find_Struct_Def(pDefs_, ref.StructID);
   if (pDef == nullptr) {
     const ErrorText text =
         ErrorText("No such StructID:").decimal(static_cast<std::int32_t>(ref.StructID)).text("!");
     return report(kPointStruct, text.c_str());
   }
-  const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
+  const std::int16_t status = writeUnplanned(*pDef, pStruct, nesting);
+  if (status == 0) plans_.add(*pDef);
+  return status;
+}
+
+std::int16_t PortWriter::writeUnplanned(const MEMStructDef &def, const std::byte *pStruct,
+                                        int nesting) noexcept {
   std::uint32_t elements = 1;
   std::int16_t status = append('(');
-  if (status == 0) status = appendReversed(ref.StructID);
-  if (status == 0) status = writeCount(*pDef, pStruct, elements);
+  if (status == 0) status = appendReversed(def.StructID);
+  if (status == 0 && hasRepeatField(def)) {
+    status = append(',');
+    if (status == 0) status = writeCount(def, pStruct, elements);
+  }
   if (status == 0) status = append('<');
-  if (status == 0) status = writeFields(*pDef, pStruct, elements, nesting);
+  if (status == 0) status = writeFields(def, pStruct, elements, nesting);
   if (status == 0) status = append(">)");
   return status;
 }
 
-// "," and the number of elements, for a structure with a repeat field. A negative count writes no
-// digits and no elements.
+std::int16_t PortWriter::writePlanned(const StructPlan &plan, const std::byte *pStruct,
+                                      int nesting) noexcept {
+  std::int16_t status = appendHead(plan);
+  std::uint32_t elements = 1;
+  if (status == 0 && plan.isCounted) {
+    status = writeCount(*plan.pDef, pStruct, elements);
+    if (status == 0) status = append('<');
+  }
+  const FieldStep *pStep = plan.pSteps;
+  const FieldStep *const pEnd = pStep + plan.steps;
+  for (; status == 0 && pStep != pEnd; ++pStep) {
+    status = writeStep(plan, *pStep, pStruct + pStep->offset, nesting);
+  }
+  if (plan.isRepeated) {
+    for (std::uint32_t k = 0; status == 0 && k < elements; ++k) {
+      const std::int64_t offset = pStep->offset + std::int64_t{k} * pStep->pField->Length;
+      status = writeStep(plan, *pStep, pStruct + offset, nesting);
+    }
+  }
+  return status == 0 ? append(">)") : status;
+}
+
+std::int16_t PortWriter::appendHead(const StructPlan &plan) noexcept {
+  char *pTo = output_.roomFor(StructPlan::kHeadLen);
+  if (pTo == nullptr) return append(std::string_view(plan.head, plan.headLen));
+  std::memcpy(pTo, plan.head, StructPlan::kHeadLen);
+  output_.advanceTo(pTo + plan.headLen);
+  return 0;
+}
+
+// The same as writeField. With room for any prefix, number or sequence the field's characters are
+// stored one behind the other; they are appended in front of every read that may fault.
+std::int16_t PortWriter::writeStep(const StructPlan &plan, const FieldStep &step,
+                                   const std::byte *pField, int nesting) noexcept {
+  constexpr std::size_t kMost = FieldStep::kPrefixLen + kMostNumber;
+  char *pTo = output_.roomFor(kMost);
+  if (pTo == nullptr) return writeField(*plan.pDef, *step.pField, pField, step.isFirst, nesting);
+  std::memcpy(pTo, step.prefix, FieldStep::kPrefixLen);
+  output_.advanceTo(pTo + step.readyLen);
+  pTo += step.prefixLen;
+  switch (step.type) {
+    case MEM_PORT_SHORT:
+    case MEM_PORT_USHORT:
+    case MEM_PORT_LONG:
+    case MEM_PORT_ULONG:
+    case MEM_PORT_UBIGINT:
+    case MEM_PORT_BIGINT:
+      output_.advanceTo(putNumber(pTo, step.type, pField));
+      return 0;
+    case MEM_PORT_PNT: {
+      const auto *pTarget = loadAs<const void *>(pField);
+      output_.advanceTo(pTo);
+      return writeSequence(*step.pField, pTarget);
+    }
+    case MEM_PORT_PSTR: {
+      const auto *pText = loadAs<const char *>(pField);
+      output_.advanceTo(pTo);
+      const std::int16_t status = checked(appendText(output_, pText));
+      return status == 0 ? status : reportField(*plan.pDef, *step.pField);
+    }
+    default:
+      return writeValue(*plan.pDef, *step.pField, pField, nesting);
+  }
+}
+
+// The number of elements of a structure with a repeat field. A negative count writes no digits and
+// no elements.
 std::int16_t PortWriter::writeCount(const MEMStructDef &def, const std::byte *pStruct,
                                     std::uint32_t &elements) noexcept {
-  if (!hasRepeatField(def)) return 0;
-  if (const std::int16_t status = append(','); status != 0) return status;
   const bool isField = def.CountField >= 0 && def.CountField < fieldCount(def);
   const MEMFieldDef *pField = isField ? &def.Fields[def.CountField] : nullptr;
   std::int64_t count = 0;
@@ -204,17 +280,12 @@ std::int16_t PortWriter::writeValue(const MEMStructDef &def, const MEMFieldDef &
                                     const std::byte *pField, int nesting) noexcept {
   switch (field.Type) {
     case MEM_PORT_SHORT:
-      return checked(numberToPortStr(output_, 2, true, pField));
     case MEM_PORT_USHORT:
-      return checked(numberToPortStr(output_, 2, false, pField));
     case MEM_PORT_LONG:
-      return checked(numberToPortStr(output_, 4, true, pField));
     case MEM_PORT_ULONG:
-      return checked(numberToPortStr(output_, 4, false, pField));
     case MEM_PORT_UBIGINT:
-      return checked(numberToPortStr(output_, 8, false, pField));
     case MEM_PORT_BIGINT:
-      return checked(numberToPortStr(output_, 8, true, pField));
+      return checked(appendNumber(output_, field.Type, pField));
     case MEM_PORT_PNT:
       return writePointer(field, loadAs<const void *>(pField));
     case MEM_PORT_SUBSTRUCTURE:
@@ -235,6 +306,10 @@ std::int16_t PortWriter::writeEmbedded(const MEMFieldDef &field, const std::byte
 
 std::int16_t PortWriter::writePointer(const MEMFieldDef &field, const void *pTarget) noexcept {
   if (const std::int16_t status = append('S'); status != 0) return status;
+  return writeSequence(field, pTarget);
+}
+
+std::int16_t PortWriter::writeSequence(const MEMFieldDef &field, const void *pTarget) noexcept {
   if (pTarget == nullptr) return 0;
   MEMPortRef *pRef = nullptr;
   if (const std::int16_t status = enter(pTarget, field.SubStructID, pRef); status != 0) {

@@ -6,6 +6,7 @@
 #include "callframe.h"
 #include "memcport_message.h"
 #include "memcport_output.h"
+#include "memcport_plan.h"
 
 namespace mem {
 
@@ -40,12 +41,21 @@ class PortWriter {
   // The registry while it is open, else null.
   HMEMHASH registry() const noexcept { return hRegistry_; }
 
+  // Brings the chunks up to date, in whatever state the work has ended.
+  void noteUsed() noexcept { output_.noteUsed(); }
+
  private:
   std::int32_t chunkCapacity() const noexcept;
   std::int32_t areaSizeAt(std::size_t offset) const noexcept;
   std::int16_t start() noexcept;
   std::int16_t writeAll() noexcept;
   std::int16_t MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept;
+  std::int16_t writeUnplanned(const MEMStructDef &def, const std::byte *pStruct,
+                              int nesting) noexcept;
+  std::int16_t writePlanned(const StructPlan &plan, const std::byte *pStruct, int nesting) noexcept;
+  std::int16_t appendHead(const StructPlan &plan) noexcept;
+  std::int16_t writeStep(const StructPlan &plan, const FieldStep &step, const std::byte *pField,
+                         int nesting) noexcept;
   std::int16_t writeCount(const MEMStructDef &def, const std::byte *pStruct,
                           std::uint32_t &elements) noexcept;
   std::int16_t writeFields(const MEMStructDef &def, const std::byte *pStruct,
@@ -60,6 +70,7 @@ class PortWriter {
                        const std::byte *pField) noexcept;
   std::int16_t reportField(const MEMStructDef &def, const MEMFieldDef &field) noexcept;
   std::int16_t writePointer(const MEMFieldDef &field, const void *pTarget) noexcept;
+  std::int16_t writeSequence(const MEMFieldDef &field, const void *pTarget) noexcept;
   std::int16_t enter(const void *pStruct, std::uint32_t structID, MEMPortRef *&pRef) noexcept;
 
   std::int16_t append(std::string_view text) noexcept;
@@ -81,6 +92,7 @@ class PortWriter {
   HMEMHASH hRegistry_ = nullptr;
   MEMPortRef *pTail_ = nullptr;
   std::uint32_t structures_ = 0;
+  PortPlans plans_;
 };
 
 }  // namespace mem

@@ -1,6 +1,7 @@
 #include "memcport_towire.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "bytes.h"
@@ -29,6 +30,14 @@ Word loadHalf(const char *pFrom) noexcept {
 
 Word loadWord(const char *pFrom) noexcept {
   return loadHalf(pFrom) | loadHalf(pFrom + kWordLen / 2) << 32;
+}
+
+void storeWord(char *pTo, Word word) noexcept {
+  if constexpr (std::endian::native == std::endian::little) {
+    storeAs(pTo, word);
+  } else {
+    for (std::size_t i = 0; i < kWordLen; ++i) pTo[i] = static_cast<char>(word >> 8 * i & 0xFF);
+  }
 }
 
 // A text shorter than a word, with zeros behind it. Nothing outside the text is read.
@@ -120,7 +129,7 @@ class Quoter {
   // `word` begins with the `length` characters at `pFrom`.
   void putWord(Word word, const char *pFrom, std::size_t length) noexcept {
     if (hasSpecial(word)) return putEach(pFrom, length);
-    putBytes(pTo_, word);
+    storeWord(pTo_, word);
     pTo_ += length;
   }
 
@@ -233,11 +242,10 @@ bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte
 }
 
 bool MEM_PStr2PortStr(PortOutput &output, const char *pText) noexcept {
-  return output.append('X') && appendText(output, pText);
+  return output.append('X') && (pText == nullptr || appendText(output, pText));
 }
 
 bool appendText(PortOutput &output, const char *pText) noexcept {
-  if (pText == nullptr) return true;
   const std::string_view text(pText);
   return output.appendReversed(text.size()) && appendQuoted(output, text);
 }

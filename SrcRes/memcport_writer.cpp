@@ -157,15 +157,12 @@ std::int16_t PortWriter::writePlanned(const StructPlan &plan, const std::byte *p
     status = writeCount(*plan.pDef, pStruct, elements);
     if (status == 0) status = append('<');
   }
-  const FieldStep *pStep = plan.pSteps;
-  const FieldStep *const pEnd = pStep + plan.steps;
-  for (; status == 0 && pStep != pEnd; ++pStep) {
-    status = writeStep(plan, *pStep, pStruct + pStep->offset, nesting);
-  }
+  if (status == 0) status = writeSteps(plan, plan.pSteps, plan.steps, pStruct, nesting);
   if (plan.isRepeated) {
+    const FieldStep &step = plan.pSteps[plan.steps];
     for (std::uint32_t k = 0; status == 0 && k < elements; ++k) {
-      const std::int64_t offset = pStep->offset + std::int64_t{k} * pStep->pField->Length;
-      status = writeStep(plan, *pStep, pStruct + offset, nesting);
+      const std::int64_t offset = std::int64_t{k} * step.pField->Length;
+      status = writeSteps(plan, &step, 1, pStruct + offset, nesting);
     }
   }
   return status == 0 ? append(">)") : status;
@@ -179,39 +176,60 @@ std::int16_t PortWriter::appendHead(const StructPlan &plan) noexcept {
   return 0;
 }
 
-// The same as writeField. With room for any prefix, number or sequence the field's characters are
-// stored one behind the other; they are appended in front of every read that may fault.
-std::int16_t PortWriter::writeStep(const StructPlan &plan, const FieldStep &step,
-                                   const std::byte *pField, int nesting) noexcept {
+// Writes fields one behind the other, as writeField does. With room for any prefix, number or
+// sequence their characters are stored without further checks. They are appended in front of every
+// read that may fault.
+std::int16_t PortWriter::writeSteps(const StructPlan &plan, const FieldStep *pStep,
+                                    std::uint32_t count, const std::byte *pStruct,
+                                    int nesting) noexcept {
   constexpr std::size_t kMost = FieldStep::kPrefixLen + kMostNumber;
-  char *pTo = output_.roomFor(kMost);
-  if (pTo == nullptr) return writeField(*plan.pDef, *step.pField, pField, step.isFirst, nesting);
-  std::memcpy(pTo, step.prefix, FieldStep::kPrefixLen);
-  output_.advanceTo(pTo + step.readyLen);
-  pTo += step.prefixLen;
-  switch (step.type) {
-    case MEM_PORT_SHORT:
-    case MEM_PORT_USHORT:
-    case MEM_PORT_LONG:
-    case MEM_PORT_ULONG:
-    case MEM_PORT_UBIGINT:
-    case MEM_PORT_BIGINT:
-      output_.advanceTo(putNumber(pTo, step.type, pField));
-      return 0;
-    case MEM_PORT_PNT: {
-      const auto *pTarget = loadAs<const void *>(pField);
-      output_.advanceTo(pTo);
-      return writeSequence(*step.pField, pTarget);
+  std::int16_t status = 0;
+  for (const FieldStep *const pEnd = pStep + count; status == 0 && pStep != pEnd; ++pStep) {
+    const std::byte *pField = pStruct + pStep->offset;
+    char *pTo = output_.roomFor(kMost);
+    if (pTo == nullptr) {
+      status = writeField(*plan.pDef, *pStep->pField, pField, pStep->isFirst, nesting);
+      continue;
     }
-    case MEM_PORT_PSTR: {
-      const auto *pText = loadAs<const char *>(pField);
-      output_.advanceTo(pTo);
-      const std::int16_t status = checked(appendText(output_, pText));
-      return status == 0 ? status : reportField(*plan.pDef, *step.pField);
+    std::memcpy(pTo, pStep->prefix, FieldStep::kPrefixLen);
+    output_.advanceTo(pTo + pStep->readyLen);
+    pTo += pStep->prefixLen;
+    switch (pStep->type) {
+      case MEM_PORT_SHORT:
+        output_.advanceTo(putSigned(pTo, loadAs<std::int16_t>(pField)));
+        break;
+      case MEM_PORT_USHORT:
+        output_.advanceTo(putReversed(pTo, loadAs<std::uint16_t>(pField)));
+        break;
+      case MEM_PORT_LONG:
+        output_.advanceTo(putSigned(pTo, loadAs<std::int32_t>(pField)));
+        break;
+      case MEM_PORT_ULONG:
+        output_.advanceTo(putReversed(pTo, loadAs<std::uint32_t>(pField)));
+        break;
+      case MEM_PORT_UBIGINT:
+        output_.advanceTo(putReversed(pTo, loadAs<std::uint64_t>(pField)));
+        break;
+      case MEM_PORT_BIGINT:
+        output_.advanceTo(putSigned(pTo, loadAs<std::int64_t>(pField)));
+        break;
+      case MEM_PORT_PNT: {
+        const auto *pTarget = loadAs<const void *>(pField);
+        output_.advanceTo(pTo);
+        if (pTarget != nullptr) status = writeSequence(*pStep->pField, pTarget);
+        break;
+      }
+      case MEM_PORT_PSTR: {
+        const auto *pText = loadAs<const char *>(pField);
+        output_.advanceTo(pTo);
+        if (pText != nullptr) status = writeText(*plan.pDef, *pStep->pField, pText);
+        break;
+      }
+      default:
+        status = writeValue(*plan.pDef, *pStep->pField, pField, nesting);
     }
-    default:
-      return writeValue(*plan.pDef, *step.pField, pField, nesting);
   }
+  return status;
 }
 
 // The number of elements of a structure with a repeat field. A negative count writes no digits and
@@ -306,16 +324,21 @@ std::int16_t PortWriter::writeEmbedded(const MEMFieldDef &field, const std::byte
 
 std::int16_t PortWriter::writePointer(const MEMFieldDef &field, const void *pTarget) noexcept {
   if (const std::int16_t status = append('S'); status != 0) return status;
-  return writeSequence(field, pTarget);
+  return pTarget == nullptr ? std::int16_t{0} : writeSequence(field, pTarget);
 }
 
 std::int16_t PortWriter::writeSequence(const MEMFieldDef &field, const void *pTarget) noexcept {
-  if (pTarget == nullptr) return 0;
   MEMPortRef *pRef = nullptr;
   if (const std::int16_t status = enter(pTarget, field.SubStructID, pRef); status != 0) {
     return status;
   }
   return appendReversed(pRef->sequence);
+}
+
+std::int16_t PortWriter::writeText(const MEMStructDef &def, const MEMFieldDef &field,
+                                   const char *pText) noexcept {
+  const std::int16_t status = checked(appendText(output_, pText));
+  return status == 0 ? status : reportField(def, field);
 }
 
 std::int16_t PortWriter::convert(const MEMStructDef &def, const MEMFieldDef &field,

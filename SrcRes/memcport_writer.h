@@ -54,8 +54,8 @@ class PortWriter {
                               int nesting) noexcept;
   std::int16_t writePlanned(const StructPlan &plan, const std::byte *pStruct, int nesting) noexcept;
   std::int16_t appendHead(const StructPlan &plan) noexcept;
-  std::int16_t writeStep(const StructPlan &plan, const FieldStep &step, const std::byte *pField,
-                         int nesting) noexcept;
+  std::int16_t writeSteps(const StructPlan &plan, const FieldStep *pStep, std::uint32_t count,
+                          const std::byte *pStruct, int nesting) noexcept;
   std::int16_t writeCount(const MEMStructDef &def, const std::byte *pStruct,
                           std::uint32_t &elements) noexcept;
   std::int16_t writeFields(const MEMStructDef &def, const std::byte *pStruct,
@@ -71,6 +71,8 @@ class PortWriter {
   std::int16_t reportField(const MEMStructDef &def, const MEMFieldDef &field) noexcept;
   std::int16_t writePointer(const MEMFieldDef &field, const void *pTarget) noexcept;
   std::int16_t writeSequence(const MEMFieldDef &field, const void *pTarget) noexcept;
+  std::int16_t writeText(const MEMStructDef &def, const MEMFieldDef &field,
+                         const char *pText) noexcept;
   std::int16_t enter(const void *pStruct, std::uint32_t structID, MEMPortRef *&pRef) noexcept;
 
   std::int16_t append(std::string_view text) noexcept;

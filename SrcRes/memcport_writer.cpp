@@ -18,6 +18,8 @@ constexpr std::uint64_t kRegistryModulus = 1999;
 // What a heap area offers behind the header of a standard heap, less a chunk's own bytes.
 constexpr std::int32_t kAreaOverhead = 72;
 
+constexpr std::uint32_t kMostInCaches = 4096;
+
 constexpr MessagePoint kPointCapacity{"MEM_StructToPortStr", 412};
 constexpr MessagePoint kPointAppend{"MEM_CHAR2PORT", 498};
 constexpr MessagePoint kPointStruct{"MEM_Struct2Port", 561};
@@ -85,6 +87,7 @@ std::int16_t PortWriter::start() noexcept {
     return -1;
   }
   hRegistry_ = hRegistry;
+  lookahead_.open(hRegistry);
   return 0;
 }
 
@@ -94,8 +97,7 @@ std::int16_t PortWriter::writeAll() noexcept {
   MEMPortRef *pRef = nullptr;
   if (const std::int16_t status = enter(pStruct_, structID_, pRef); status != 0) return status;
   for (; pRef != nullptr; pRef = pRef->pNext) {
-    // Structures are met in the order of the graph, not of storage.
-    if (pRef->pNext != nullptr) MEM_PREFETCH(pRef->pNext->pStruct);
+    if (structures_ > kMostInCaches) lookahead_.ask(*pRef);
     if (const std::int16_t status = MEM_Struct2Port(*pRef, 0); status != 0) return status;
   }
   return 0;

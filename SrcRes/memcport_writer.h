@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "callframe.h"
+#include "memcport_lookahead.h"
 #include "memcport_message.h"
 #include "memcport_output.h"
 #include "memcport_plan.h"
@@ -95,6 +96,7 @@ class PortWriter {
   MEMPortRef *pTail_ = nullptr;
   std::uint32_t structures_ = 0;
   PortPlans plans_;
+  PortLookahead lookahead_{frame_, plans_};
 };
 
 }  // namespace mem

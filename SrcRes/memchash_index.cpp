@@ -1,5 +1,6 @@
 #include "memchash_index.h"
 
+#include <atomic>
 #include <bit>
 #include <cstring>
 
@@ -154,15 +155,25 @@ HashIndex::Slot *HashIndex::slots() const noexcept {
       const_cast<HashNode **>(reinterpret_cast<HashNode *const *>(this + 1)) + buckets_);
 }
 
-// The slot with the key, or the free one where it belongs. Structures that lie together are met
-// together, so the addresses of one page have slots side by side; the pages are spread by a
-// multiplication.
+// Where the search for a key begins. Structures that lie together are met together, so the
+// addresses of one page have slots side by side; the pages are spread by a multiplication.
+std::uint32_t HashIndex::placeOf(std::uint64_t key) const noexcept {
+  const int shift = 64 - std::countr_zero(capacity_);
+  const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * 0x9E3779B97F4A7C15U) >> shift);
+  return (ofPage + static_cast<std::uint32_t>(key % 4096 / 16)) & (capacity_ - 1);
+}
+
+void HashIndex::ask(const void *pKey) const noexcept {
+  MEM_PREFETCH(&slots()[placeOf(loadAs<std::uint64_t>(pKey))]);
+  // Compilers drop calls of a function that only asks, as one without effect.
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+// The slot with the key, or the free one where it belongs.
 HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
   Slot *pSlots = slots();
   const auto mask = capacity_ - 1;
-  const int shift = 64 - std::countr_zero(capacity_);
-  const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * 0x9E3779B97F4A7C15U) >> shift);
-  std::uint32_t place = (ofPage + static_cast<std::uint32_t>(key % 4096 / 16)) & mask;
+  std::uint32_t place = placeOf(key);
   while (pSlots[place].pNode != nullptr && pSlots[place].key != key) place = (place + 1) & mask;
   return &pSlots[place];
 }

@@ -50,6 +50,9 @@ class HashIndex {
   };
   Slot *slotOf(const void *pKey) const noexcept { return slotOf(loadAs<std::uint64_t>(pKey)); }
 
+  // Asks for the storage of a key's place, which will be looked at soon.
+  void ask(const void *pKey) const noexcept;
+
   // The null link at the end of a bucket's chain.
   HashNode **endOf(MEMHashCtlBlk &ctl, std::int16_t index) noexcept;
 
@@ -69,6 +72,7 @@ class HashIndex {
   void fillFrom(const HashIndex &smaller) noexcept;
   void put(std::uint64_t key, HashNode *pNode) noexcept;
   Slot *slotOf(std::uint64_t key) const noexcept;
+  std::uint32_t placeOf(std::uint64_t key) const noexcept;
   Slot *slots() const noexcept;
   HashNode **tails() noexcept { return reinterpret_cast<HashNode **>(this + 1); }
 

@@ -1,5 +1,11 @@
-// Asks for the storage that the writer will read soon. In a large graph the structures, their texts
-// and their registry entries lie far apart, and each would be waited for.
+// Asks for the storage that the writer will read soon: structures of the queue to come, their texts
+// and the registry's entries of those that they point to. In a large graph all of these lie far
+// apart, and each would be waited for.
+//
+// To know what a structure points to it must be read ahead of its turn. A fault then is none of the
+// call's: it may fail before it comes to that structure, and what it has written by then must not
+// depend on this. So whoever catches a fault asks isAsking(), and if it was one of these has the
+// writer go on where it was, without looking ahead any more.
 #pragma once
 
 #include "callframe.h"
@@ -15,18 +21,28 @@ class PortLookahead {
   PortLookahead(const CallFrame &frame, const PortPlans &plans) noexcept
       : frame_(frame), plans_(plans) {}
 
-  // To be called when the registry has been opened. Only the library's own tables are looked into.
+  // Takes note of the registry when it has been opened. Only the library's own is looked into.
   void open(HMEMHASH hRegistry) noexcept;
 
   // Asks for what the structures behind `ref` in the queue need.
   void ask(const MEMPortRef &ref) noexcept;
 
+  // True when a fault that ended the work is one of looking ahead.
+  bool isAsking() const noexcept { return isAsking_; }
+  void giveUp() noexcept {
+    isAsking_ = false;
+    isGivenUp_ = true;
+  }
+
  private:
-  void askForTargets(const MEMPortRef &ref) const noexcept;
+  void askForTexts(const MEMPortRef &ref) const noexcept;
+  void askForEntries(const MEMPortRef &ref) const noexcept;
 
   const CallFrame &frame_;
   const PortPlans &plans_;
   const MEMHashCtlBlk *pRegistry_ = nullptr;
+  bool isAsking_ = false;
+  bool isGivenUp_ = false;
 };
 
 }  // namespace mem

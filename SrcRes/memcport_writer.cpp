@@ -18,6 +18,7 @@ constexpr std::uint64_t kRegistryModulus = 1999;
 // What a heap area offers behind the header of a standard heap, less a chunk's own bytes.
 constexpr std::int32_t kAreaOverhead = 72;
 
+// A graph with more structures than this leaves the processor's near caches.
 constexpr std::uint32_t kMostInCaches = 4096;
 
 constexpr MessagePoint kPointCapacity{"MEM_StructToPortStr", 412};
@@ -36,13 +37,22 @@ std::int16_t MEM_PortHash(const void *pKey) noexcept {
 }
 
 std::int16_t PortWriter::run() noexcept {
-  if (const std::int16_t status = start(); status != 0) return status;
+  if (pRef_ == nullptr) {
+    if (const std::int16_t status = start(); status != 0) return status;
+    if (const std::int16_t status = enter(pStruct_, structID_, pRef_); status != 0) return status;
+  }
   const std::int16_t status = writeAll();
   output_.clearSpill();
   if (status != 0) return status;
   output_.writeHeader(structures_);
   *pTotalLen_ = output_.total();
   return 0;
+}
+
+bool PortWriter::canGoOn() noexcept {
+  if (!lookahead_.isAsking()) return false;
+  lookahead_.giveUp();
+  return true;
 }
 
 // What the caller asks for or what fills an area of its heap, whose size lies at different places
@@ -94,11 +104,9 @@ std::int16_t PortWriter::start() noexcept {
 // The queue grows at its tail while it is walked: structures are written in the order in which
 // pointers to them are met.
 std::int16_t PortWriter::writeAll() noexcept {
-  MEMPortRef *pRef = nullptr;
-  if (const std::int16_t status = enter(pStruct_, structID_, pRef); status != 0) return status;
-  for (; pRef != nullptr; pRef = pRef->pNext) {
-    if (structures_ > kMostInCaches) lookahead_.ask(*pRef);
-    if (const std::int16_t status = MEM_Struct2Port(*pRef, 0); status != 0) return status;
+  for (; pRef_ != nullptr; pRef_ = pRef_->pNext) {
+    if (structures_ > kMostInCaches) lookahead_.ask(*pRef_);
+    if (const std::int16_t status = MEM_Struct2Port(*pRef_, 0); status != 0) return status;
   }
   return 0;
 }

@@ -36,8 +36,14 @@ class PortWriter {
         pTotalLen_(pTotalLen),
         ppFirstChunk_(ppFirstChunk) {}
 
-  // 0, or the status with which the call fails.
+  // 0, or the status with which the call fails. May be called again when a fault has ended it and
+  // canGoOn() is true.
   std::int16_t run() noexcept;
+
+  // For whoever catches a fault: true when it is none of the call's, which goes on as if it had not
+  // been.
+  bool isOwnFault() const noexcept { return lookahead_.isAsking(); }
+  bool canGoOn() noexcept;
 
   // The registry while it is open, else null.
   HMEMHASH registry() const noexcept { return hRegistry_; }
@@ -93,6 +99,7 @@ class PortWriter {
 
   PortOutput output_;
   HMEMHASH hRegistry_ = nullptr;
+  MEMPortRef *pRef_ = nullptr;  // the structure that is written
   MEMPortRef *pTail_ = nullptr;
   std::uint32_t structures_ = 0;
   PortPlans plans_;

@@ -31,9 +31,13 @@ class PortOutput {
   // Obtains the first chunk. False when there is no storage. REQUIRES: capacity >= 1.
   bool start(HMEMHEAP hMemHeap, std::int32_t capacity) noexcept;
 
-  // Characters that the current chunk still takes.
-  std::size_t room() const noexcept { return static_cast<std::size_t>(pEnd_ - pNext_); }
-  // Where the current chunk goes on, or null when it does not take `most` characters.
+  // Where the current chunk goes on, and how many characters it takes from there on.
+  char *next() const noexcept { return pNext_; }
+  std::size_t roomAt(const char *pTo) const noexcept {
+    return static_cast<std::size_t>(pEnd_ - pTo);
+  }
+  std::size_t room() const noexcept { return roomAt(pNext_); }
+  // next(), or null when the chunk does not take `most` characters.
   char *roomFor(std::size_t most) const noexcept { return most <= room() ? pNext_ : nullptr; }
   void advanceTo(char *pNext) noexcept { pNext_ = pNext; }
 

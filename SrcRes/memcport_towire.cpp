@@ -21,15 +21,21 @@ using Word = std::uint64_t;
 constexpr std::size_t kWordLen = sizeof(Word);
 constexpr Word kEveryByte = 0x0101010101010101U;
 
-Word loadHalf(const char *pFrom) noexcept {
-  const auto byteAt = [pFrom](int i) noexcept {
-    return Word{static_cast<unsigned char>(pFrom[i])} << 8 * i;
-  };
-  return byteAt(0) | byteAt(1) | byteAt(2) | byteAt(3);
+template <class T>
+T loadLittle(const char *pFrom) noexcept {
+  if constexpr (std::endian::native == std::endian::little) {
+    return loadAs<T>(pFrom);
+  } else {
+    T value = 0;
+    for (std::size_t i = sizeof(T); i-- > 0;) {
+      value = static_cast<T>(value << 8 | static_cast<unsigned char>(pFrom[i]));
+    }
+    return value;
+  }
 }
 
 Word loadWord(const char *pFrom) noexcept {
-  return loadHalf(pFrom) | loadHalf(pFrom + kWordLen / 2) << 32;
+  return loadLittle<Word>(pFrom);
 }
 
 void storeWord(char *pTo, Word word) noexcept {
@@ -42,7 +48,12 @@ void storeWord(char *pTo, Word word) noexcept {
 
 // A text shorter than a word, with zeros behind it. Nothing outside the text is read.
 Word loadShort(const char *pFrom, std::size_t length) noexcept {
-  if (length >= 4) return loadHalf(pFrom) | loadHalf(pFrom + length - 4) << 8 * (length - 4);
+  constexpr std::size_t kHalfLen = sizeof(std::uint32_t);
+  if (length >= kHalfLen) {
+    const std::size_t second = length - kHalfLen;  // overlaps the first
+    return loadLittle<std::uint32_t>(pFrom) |
+           Word{loadLittle<std::uint32_t>(pFrom + second)} << 8 * second;
+  }
   if (length == 0) return 0;
   const auto byteAt = [pFrom](std::size_t i) noexcept {
     return Word{static_cast<unsigned char>(pFrom[i])} << 8 * i;
@@ -148,13 +159,6 @@ class Quoter {
   char *pTo_;
 };
 
-bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
-  char *pTo = output.roomFor(Quoter::mostOf(text.size()));
-  if (pTo == nullptr) return appendQuotedAcross(output, text);
-  Quoter(output, pTo).put(text);
-  return true;
-}
-
 // Text of UTF-16 units at any alignment.
 class WideView {
  public:
@@ -232,6 +236,13 @@ std::size_t highSurrogates(const WideView &text) noexcept {
 
 }  // namespace
 
+bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
+  char *pTo = output.roomFor(Quoter::mostOf(text.size()));
+  if (pTo == nullptr) return appendQuotedAcross(output, text);
+  Quoter(output, pTo).put(text);
+  return true;
+}
+
 bool MEM_Char2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
   return appendQuoted(output, bytesOf(length, pField));
 }
@@ -242,10 +253,8 @@ bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte
 }
 
 bool MEM_PStr2PortStr(PortOutput &output, const char *pText) noexcept {
-  return output.append('X') && (pText == nullptr || appendText(output, pText));
-}
-
-bool appendText(PortOutput &output, const char *pText) noexcept {
+  if (!output.append('X')) return false;
+  if (pText == nullptr) return true;
   const std::string_view text(pText);
   return output.appendReversed(text.size()) && appendQuoted(output, text);
 }

@@ -19,8 +19,8 @@ bool MEM_WChar2PortStr(PortOutput &output, std::int32_t length, const std::byte 
 bool MEM_WCharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept;
 bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept;
 
-// What follows the letter of a pointer to a string that is not null.
-bool appendText(PortOutput &output, const char *pText) noexcept;
+// Narrow text between double quotes.
+bool appendQuoted(PortOutput &output, std::string_view text) noexcept;
 
 // Characters that putNumber may store.
 inline constexpr std::size_t kMostNumber = 1 + kMostStoredDigits;

@@ -194,11 +194,13 @@ std::int16_t PortWriter::writeSteps(const StructPlan &plan, const FieldStep *pSt
                                     int nesting) noexcept {
   constexpr std::size_t kMost = FieldStep::kPrefixLen + kMostNumber;
   std::int16_t status = 0;
+  char *pTo = output_.next();
   for (const FieldStep *const pEnd = pStep + count; status == 0 && pStep != pEnd; ++pStep) {
     const std::byte *pField = pStruct + pStep->offset;
-    char *pTo = output_.roomFor(kMost);
-    if (pTo == nullptr) {
+    if (output_.roomAt(pTo) < kMost) {
+      output_.advanceTo(pTo);
       status = writeField(*plan.pDef, *pStep->pField, pField, pStep->isFirst, nesting);
+      pTo = output_.next();
       continue;
     }
     std::memcpy(pTo, pStep->prefix, FieldStep::kPrefixLen);
@@ -206,40 +208,61 @@ std::int16_t PortWriter::writeSteps(const StructPlan &plan, const FieldStep *pSt
     pTo += pStep->prefixLen;
     switch (pStep->type) {
       case MEM_PORT_SHORT:
-        output_.advanceTo(putSigned(pTo, loadAs<std::int16_t>(pField)));
+        pTo = putSigned(pTo, loadAs<std::int16_t>(pField));
         break;
       case MEM_PORT_USHORT:
-        output_.advanceTo(putReversed(pTo, loadAs<std::uint16_t>(pField)));
+        pTo = putReversed(pTo, loadAs<std::uint16_t>(pField));
         break;
       case MEM_PORT_LONG:
-        output_.advanceTo(putSigned(pTo, loadAs<std::int32_t>(pField)));
+        pTo = putSigned(pTo, loadAs<std::int32_t>(pField));
         break;
       case MEM_PORT_ULONG:
-        output_.advanceTo(putReversed(pTo, loadAs<std::uint32_t>(pField)));
+        pTo = putReversed(pTo, loadAs<std::uint32_t>(pField));
         break;
       case MEM_PORT_UBIGINT:
-        output_.advanceTo(putReversed(pTo, loadAs<std::uint64_t>(pField)));
+        pTo = putReversed(pTo, loadAs<std::uint64_t>(pField));
         break;
       case MEM_PORT_BIGINT:
-        output_.advanceTo(putSigned(pTo, loadAs<std::int64_t>(pField)));
+        pTo = putSigned(pTo, loadAs<std::int64_t>(pField));
         break;
-      case MEM_PORT_PNT: {
-        const auto *pTarget = loadAs<const void *>(pField);
-        output_.advanceTo(pTo);
-        if (pTarget != nullptr) status = writeSequence(*pStep->pField, pTarget);
+      case MEM_PORT_PNT:
+        status = putSequence(pTo, *pStep->pField, loadAs<const void *>(pField));
         break;
-      }
-      case MEM_PORT_PSTR: {
-        const auto *pText = loadAs<const char *>(pField);
-        output_.advanceTo(pTo);
-        if (pText != nullptr) status = writeText(*plan.pDef, *pStep->pField, pText);
+      case MEM_PORT_PSTR:
+        status = putText(pTo, plan, *pStep->pField, loadAs<const char *>(pField));
         break;
-      }
       default:
         status = writeValue(*plan.pDef, *pStep->pField, pField, nesting);
+        pTo = output_.next();
     }
   }
+  output_.advanceTo(pTo);
   return status;
+}
+
+// The sequence number of a structure that is pointed to. REQUIRES: room for it.
+std::int16_t PortWriter::putSequence(char *&pTo, const MEMFieldDef &field,
+                                     const void *pTarget) noexcept {
+  if (pTarget == nullptr) return 0;
+  output_.advanceTo(pTo);
+  MEMPortRef *pRef = nullptr;
+  const std::int16_t status = enter(pTarget, field.SubStructID, pRef);
+  if (status == 0) pTo = putReversed(pTo, pRef->sequence);
+  return status;
+}
+
+// A text that is pointed to. REQUIRES: room for its length.
+std::int16_t PortWriter::putText(char *&pTo, const StructPlan &plan, const MEMFieldDef &field,
+                                 const char *pText) noexcept {
+  if (pText == nullptr) return 0;
+  output_.advanceTo(pTo);
+  const std::string_view text(pText);
+  output_.advanceTo(putReversed(pTo, text.size()));
+  const bool isAppended = appendQuoted(output_, text);
+  pTo = output_.next();
+  if (isAppended) return 0;
+  checked(false);
+  return reportField(*plan.pDef, field);
 }
 
 // The number of elements of a structure with a repeat field. A negative count writes no digits and
@@ -334,21 +357,12 @@ std::int16_t PortWriter::writeEmbedded(const MEMFieldDef &field, const std::byte
 
 std::int16_t PortWriter::writePointer(const MEMFieldDef &field, const void *pTarget) noexcept {
   if (const std::int16_t status = append('S'); status != 0) return status;
-  return pTarget == nullptr ? std::int16_t{0} : writeSequence(field, pTarget);
-}
-
-std::int16_t PortWriter::writeSequence(const MEMFieldDef &field, const void *pTarget) noexcept {
+  if (pTarget == nullptr) return 0;
   MEMPortRef *pRef = nullptr;
   if (const std::int16_t status = enter(pTarget, field.SubStructID, pRef); status != 0) {
     return status;
   }
   return appendReversed(pRef->sequence);
-}
-
-std::int16_t PortWriter::writeText(const MEMStructDef &def, const MEMFieldDef &field,
-                                   const char *pText) noexcept {
-  const std::int16_t status = checked(appendText(output_, pText));
-  return status == 0 ? status : reportField(def, field);
 }
 
 std::int16_t PortWriter::convert(const MEMStructDef &def, const MEMFieldDef &field,

@@ -77,9 +77,9 @@ class PortWriter {
                        const std::byte *pField) noexcept;
   std::int16_t reportField(const MEMStructDef &def, const MEMFieldDef &field) noexcept;
   std::int16_t writePointer(const MEMFieldDef &field, const void *pTarget) noexcept;
-  std::int16_t writeSequence(const MEMFieldDef &field, const void *pTarget) noexcept;
-  std::int16_t writeText(const MEMStructDef &def, const MEMFieldDef &field,
-                         const char *pText) noexcept;
+  std::int16_t putSequence(char *&pTo, const MEMFieldDef &field, const void *pTarget) noexcept;
+  std::int16_t putText(char *&pTo, const StructPlan &plan, const MEMFieldDef &field,
+                       const char *pText) noexcept;
   std::int16_t enter(const void *pStruct, std::uint32_t structID, MEMPortRef *&pRef) noexcept;
 
   std::int16_t append(std::string_view text) noexcept;

@@ -28,7 +28,7 @@ bool runUnderGuard(CallFrame &frame, Work &work) noexcept {
   const GuardedWork guarded{
       [](void *pContext) noexcept { static_cast<Context *>(pContext)->work(); },
       [](void *pException, void *pContext) noexcept -> std::int32_t {
-        if constexpr (requires(Work &faulted) { faulted.isShown(); }) {
+        if constexpr (requires(Work & faulted) { faulted.isShown(); }) {
           if (!static_cast<Context *>(pContext)->work.isShown()) return kFaultEndsWork;
         }
         const auto filter = textServices().FilterException;

@@ -1,5 +1,5 @@
-// What the writer keeps of a definition while a call runs: the fixed characters of each field, ready
-// to be stored.
+// What the writer keeps of a definition while a call runs: the fixed characters of each field,
+// ready to be stored.
 //
 // A definition gets a plan when a structure of it has been written without one, so its rows are
 // read one by one the first time, and as far as they are needed. Plans have a fixed place and go

@@ -51,8 +51,8 @@ Word loadShort(const char *pFrom, std::size_t length) noexcept {
   constexpr std::size_t kHalfLen = sizeof(std::uint32_t);
   if (length >= kHalfLen) {
     const std::size_t second = length - kHalfLen;  // overlaps the first
-    return loadLittle<std::uint32_t>(pFrom) |
-           Word{loadLittle<std::uint32_t>(pFrom + second)} << 8 * second;
+    return loadLittle<std::uint32_t>(pFrom) | Word{loadLittle<std::uint32_t>(pFrom + second)}
+                                                  << 8 * second;
   }
   if (length == 0) return 0;
   const auto byteAt = [pFrom](std::size_t i) noexcept {
@@ -67,8 +67,9 @@ constexpr Word marksOf(Word word, char c) noexcept {
   return (difference - kEveryByte) & ~difference & kEveryByte << 7;
 }
 
-constexpr bool hasSpecial(Word word) noexcept {
-  return (marksOf(word, '"') | marksOf(word, '/') | marksOf(word, '\0')) != 0;
+// Not zero when a byte of the word stands behind "/" in any text.
+constexpr Word marksOfEscaped(Word word) noexcept {
+  return marksOf(word, '"') | marksOf(word, '/');
 }
 
 constexpr bool isPlain(char c) noexcept {
@@ -78,86 +79,63 @@ constexpr bool isPlain(char c) noexcept {
 // Characters in front of the first that is not plain.
 std::size_t plainLength(std::string_view text) noexcept {
   std::size_t length = 0;
-  while (text.size() - length >= kWordLen && !hasSpecial(loadWord(text.data() + length))) {
-    length += kWordLen;
+  for (; text.size() - length >= kWordLen; length += kWordLen) {
+    const Word word = loadWord(text.data() + length);
+    if ((marksOfEscaped(word) | marksOf(word, '\0')) != 0) break;
   }
   while (length < text.size() && isPlain(text[length])) ++length;
   return length;
 }
 
-char *putEscape(char *pTo, char c) noexcept {
-  *pTo++ = '/';
-  *pTo++ = c == '\0' ? '0' : c;
-  return pTo;
-}
-
-// Narrow text between double quotes where a chunk ends soon: runs of plain characters as they are,
-// the others behind "/".
-bool appendQuotedAcross(PortOutput &output, std::string_view text) noexcept {
+// Narrow text between double quotes: runs of plain characters as they are, the others behind "/".
+bool appendEscaped(PortOutput &output, std::string_view text) noexcept {
   if (!output.append('"')) return false;
   while (!text.empty()) {
     const std::size_t run = plainLength(text);
     if (!output.append(firstOf(text, run))) return false;
     text = behind(text, run);
     if (text.empty()) break;
-    char escape[2];
-    putEscape(escape, text.front());
+    const char escape[] = {'/', text.front() == '\0' ? '0' : text.front()};
     if (!output.append(std::string_view(escape, sizeof escape))) return false;
     text.remove_prefix(1);
   }
   return output.append('"');
 }
 
-// The same with room for all of it: words of plain characters are stored as they are.
-class Quoter {
- public:
-  Quoter(PortOutput &output, char *pTo) noexcept : output_(output), pTo_(pTo) {}
-
-  static constexpr std::size_t mostOf(std::size_t length) noexcept {
-    return 2 * length + 2 + PortOutput::kSpill;
-  }
-
-  // REQUIRES: room for mostOf(text.size()) characters.
-  void put(std::string_view text) noexcept {
-    *pTo_++ = '"';
-    output_.advanceTo(pTo_);
-    const char *pFrom = text.data();
-    std::size_t left = text.size();
-    for (; left >= kWordLen; left -= kWordLen, pFrom += kWordLen) {
-      putWord(loadWord(pFrom), pFrom, kWordLen);
-    }
-    // The rest is the end of the text's last word. With blanks behind it, it has no zeros but its
-    // own.
-    const Word rest = text.size() < kWordLen
-                          ? loadShort(pFrom, left)
-                          : loadWord(pFrom + left - kWordLen) >> 1 >> (63 - 8 * left);
-    putWord(rest | kEveryByte * ' ' << 8 * left, pFrom, left);
-    *pTo_++ = '"';
-    output_.advanceTo(pTo_);
-  }
-
- private:
-  // `word` begins with the `length` characters at `pFrom`.
-  void putWord(Word word, const char *pFrom, std::size_t length) noexcept {
-    if (hasSpecial(word)) return putEach(pFrom, length);
-    storeWord(pTo_, word);
-    pTo_ += length;
-  }
-
-  void putEach(const char *pFrom, std::size_t length) noexcept {
-    for (std::size_t i = 0; i < length; ++i) {
-      if (isPlain(pFrom[i])) {
-        *pTo_++ = pFrom[i];
-      } else {
-        pTo_ = putEscape(pTo_, pFrom[i]);
-        output_.advanceTo(pTo_);  // a fault behind it leaves it appended
+// Stores escaped text, whole words of it where nothing is to be escaped, and returns its end.
+char *storeEscaped(char *pTo, std::string_view text) noexcept {
+  const char *pFrom = text.data();
+  const char *const pEnd = pFrom + text.size();
+  while (pFrom != pEnd) {
+    const auto left = static_cast<std::size_t>(pEnd - pFrom);
+    const Word word = left < kWordLen ? loadShort(pFrom, left) : loadWord(pFrom);
+    const std::size_t step = std::min(left, kWordLen);
+    if (marksOfEscaped(word) == 0) {
+      storeWord(pTo, word);
+      pTo += step;
+    } else {
+      for (const char c : std::string_view(pFrom, step)) {
+        if (!isPlain(c)) *pTo++ = '/';
+        *pTo++ = c;
       }
     }
+    pFrom += step;
   }
+  return pTo;
+}
 
-  PortOutput &output_;
-  char *pTo_;
-};
+// Copies text word by word, at least one. Returns zero when no character of it is to be escaped.
+Word copyWords(char *pTo, const char *pFrom, std::size_t length) noexcept {
+  const auto copyWord = [](char *pWordTo, Word word) noexcept {
+    storeWord(pWordTo, word);
+    return marksOfEscaped(word);
+  };
+  if (length < kWordLen) return copyWord(pTo, loadShort(pFrom, length));
+  const std::size_t last = length - kWordLen;  // overlaps the word before it
+  Word marks = copyWord(pTo + last, loadWord(pFrom + last));
+  for (std::size_t i = 0; i < last; i += kWordLen) marks |= copyWord(pTo + i, loadWord(pFrom + i));
+  return marks;
+}
 
 // Text of UTF-16 units at any alignment.
 class WideView {
@@ -236,15 +214,21 @@ std::size_t highSurrogates(const WideView &text) noexcept {
 
 }  // namespace
 
+// Most texts are plain, and copied while they are looked through.
 bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
-  char *pTo = output.roomFor(Quoter::mostOf(text.size()));
-  if (pTo == nullptr) return appendQuotedAcross(output, text);
-  Quoter(output, pTo).put(text);
+  constexpr std::size_t kQuotes = 2;
+  char *pTo = output.roomFor(2 * text.size() + kQuotes + PortOutput::kSpill);
+  if (pTo == nullptr) return appendEscaped(output, text);
+  const bool isPlainText = copyWords(pTo + 1, text.data(), text.size()) == 0;
+  char *pEnd = isPlainText ? pTo + 1 + text.size() : storeEscaped(pTo + 1, text);
+  *pTo = '"';
+  *pEnd = '"';
+  output.advanceTo(pEnd + 1);
   return true;
 }
 
 bool MEM_Char2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
-  return appendQuoted(output, bytesOf(length, pField));
+  return appendEscaped(output, bytesOf(length, pField));
 }
 
 bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {

@@ -19,7 +19,7 @@ constexpr std::uint64_t kRegistryModulus = 1999;
 constexpr std::int32_t kAreaOverhead = 72;
 
 // A graph with more structures than this leaves the processor's near caches.
-constexpr std::uint32_t kMostInCaches = 4096;
+constexpr std::uint32_t kMostInCaches = 8192;
 
 constexpr MessagePoint kPointCapacity{"MEM_StructToPortStr", 412};
 constexpr MessagePoint kPointAppend{"MEM_CHAR2PORT", 498};

@@ -188,7 +188,8 @@ class PortAheadTest : public PortGuardTest {
   static std::string bodyUpTo(std::size_t end) {
     std::string body;
     for (std::size_t i = 0; i < end; ++i) {
-      body += "(1<1N" + reversed(i) + "/2S" + pointer(2 * i + 1) + "/3S" + pointer(2 * i + 2) + ">)";
+      body +=
+          "(1<1N" + reversed(i) + "/2S" + pointer(2 * i + 1) + "/3S" + pointer(2 * i + 2) + ">)";
     }
     return body;
   }
@@ -221,8 +222,8 @@ TEST_F(PortAheadTest, FaultThatDoesNotComeToItsTurnIsNone) {
   };
   host.resetCalls();
   const std::string body = bodyUpTo(kWild - 1) + "(1<";
-  EXPECT_EQ(write(defs_.table(), 1, records_[0].data(), static_cast<std::int32_t>(23 + body.size())),
-            -1);
+  EXPECT_EQ(
+      write(defs_.table(), 1, records_[0].data(), static_cast<std::int32_t>(23 + body.size())), -1);
   EXPECT_EQ(messages(), Lines{"Allocaton failed in MEM_CHAR2PORT!"});
   EXPECT_EQ(textOf(firstChunk), std::string(23, ' ') + body);
   EXPECT_EQ(host.calls(Service::FilterException), 0U);

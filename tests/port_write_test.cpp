@@ -154,10 +154,10 @@ TEST_F(PortPlanTest, IdentifiersOfEveryLength) {
     for (const std::uint32_t structID : {id, 9 * id, 0x7FFFFFFFU}) {
       SCOPED_TRACE(structID);
       Defs defs;
-      const Record &root =
-          addPair(defs, structID,
-                  {Field(id, MEM_PORT_PNT, 8, 0).of(structID), Field(id + 1, MEM_PORT_PSTR, 8, 8),
-                   Field(9 * id + 2, MEM_PORT_LONG, 4, 16), Field(0xFFFFFFFFU, MEM_PORT_BIT, 1, 20)});
+      const Record &root = addPair(
+          defs, structID,
+          {Field(id, MEM_PORT_PNT, 8, 0).of(structID), Field(id + 1, MEM_PORT_PSTR, 8, 8),
+           Field(9 * id + 2, MEM_PORT_LONG, 4, 16), Field(0xFFFFFFFFU, MEM_PORT_BIT, 1, 20)});
       expectAsModel(defs, structID, root);
     }
   }
@@ -170,12 +170,11 @@ TEST_F(PortPlanTest, EveryTypeAsFirstFieldAndAsLaterOne) {
     const auto length = static_cast<std::int32_t>(type == MEM_PORT_BIT ? 1 : 8);
     const std::int32_t offset = type == MEM_PORT_PSTR ? 8 : type == MEM_PORT_PNT ? 0 : 16;
     Defs defs;
-    const Record &root = addPair(
-        defs, 5,
-        {Field(3, MEM_PORT_LONG, 4, 16).notPorted(),
-         Field(4, MEM_PORT_LONG, length, offset).typeCode(type).of(5),
-         Field(5, MEM_PORT_PNT, 8, 0).of(5),
-         Field(6, MEM_PORT_LONG, length, offset).typeCode(type).of(5)});
+    const Record &root = addPair(defs, 5,
+                                 {Field(3, MEM_PORT_LONG, 4, 16).notPorted(),
+                                  Field(4, MEM_PORT_LONG, length, offset).typeCode(type).of(5),
+                                  Field(5, MEM_PORT_PNT, 8, 0).of(5),
+                                  Field(6, MEM_PORT_LONG, length, offset).typeCode(type).of(5)});
     expectAsModel(defs, 5, root);
   }
 }
@@ -185,9 +184,10 @@ TEST_F(PortPlanTest, MoreDefinitionsThanThereArePlacesFor) {
   constexpr std::uint32_t kLast = 70;
   Record *root = nullptr;
   for (std::uint32_t id = 1; id <= kLast; ++id) {
-    Record &first = addPair(defs, id,
-                            {Field(1, MEM_PORT_PNT, 8, 0).of(id), Field(2, MEM_PORT_PSTR, 8, 8),
-                             Field(3, MEM_PORT_PNT, 8, 16).of(id - 1), Field(id + 3, MEM_PORT_LONG, 4, 24)});
+    Record &first =
+        addPair(defs, id,
+                {Field(1, MEM_PORT_PNT, 8, 0).of(id), Field(2, MEM_PORT_PSTR, 8, 8),
+                 Field(3, MEM_PORT_PNT, 8, 16).of(id - 1), Field(id + 3, MEM_PORT_LONG, 4, 24)});
     first.set(16, static_cast<const void *>(root == nullptr ? nullptr : root->data()));
     const_cast<std::uint8_t *>(load<std::uint8_t *>(first.data(), 0))[16] = 0;
     std::memset(load<std::uint8_t *>(first.data(), 0) + 16, 0, 8);
@@ -214,13 +214,12 @@ TEST_F(PortPlanTest, RepeatFields) {
     for (const bool isAlone : {false, true}) {
       SCOPED_TRACE(std::to_string(elements) + (isAlone ? " alone" : ""));
       Defs defs;
-      Record &first =
-          addPair(defs, 1,
-                  {Field(1, MEM_PORT_LONG, 4, 16).notPorted(isAlone ? 1 : 0),
-                   Field(2, MEM_PORT_PNT, 8, 0).of(1).notPorted(0),
-                   Field(3, MEM_PORT_PSTR, 8, 8).notPorted(isAlone ? 1 : 0),
-                   Field(4, MEM_PORT_SHORT, 2, 20)},
-                  0);
+      Record &first = addPair(defs, 1,
+                              {Field(1, MEM_PORT_LONG, 4, 16).notPorted(isAlone ? 1 : 0),
+                               Field(2, MEM_PORT_PNT, 8, 0).of(1).notPorted(0),
+                               Field(3, MEM_PORT_PSTR, 8, 8).notPorted(isAlone ? 1 : 0),
+                               Field(4, MEM_PORT_SHORT, 2, 20)},
+                              0);
       first.set(16, count(elements));
       store(load<std::uint8_t *>(first.data(), 0), 16, std::int32_t{3});
       expectAsModel(defs, 1, first);
@@ -235,8 +234,7 @@ TEST_F(PortPlanTest, RepeatFields) {
   Record top(28);
   top.set(0, std::int32_t{3}).set(4, static_cast<const void *>(last.data()));
   top.set(12, static_cast<const void *>(top.data()));
-  EXPECT_EQ(written(defs, 2, top.data()),
-            portString("(2,3<2S2/2S1/2S>)(2,2<2S2/2S>)", 2));
+  EXPECT_EQ(written(defs, 2, top.data()), portString("(2,3<2S2/2S1/2S>)(2,2<2S2/2S>)", 2));
 }
 
 // Repeat fields.
@@ -524,8 +522,7 @@ class PortRoomTest : public PortWriteTest {
     for (const auto &entry : entries_) {
       const auto used = static_cast<std::size_t>(load<std::int32_t>(entry->data(), 8));
       const std::size_t behind = 12 + static_cast<std::size_t>(capacity) + 4;
-      ASSERT_EQ(bytesOf(entry->data() + 12 + used, behind - 12 - used),
-                Bytes(behind - 12 - used));
+      ASSERT_EQ(bytesOf(entry->data() + 12 + used, behind - 12 - used), Bytes(behind - 12 - used));
       ASSERT_EQ(bytesOf(entry->data() + behind, kMark), Bytes(kMark, 0xA5));
     }
     entries_.clear();

@@ -3,7 +3,6 @@
 #include <atomic>
 
 #include "bytes.h"
-#include "memchash.h"
 #include "memchash_index.h"
 #include "memcport_writer.h"
 #include "platform.h"
@@ -33,12 +32,6 @@ void keepOrder() noexcept {
 }
 
 }  // namespace
-
-void PortLookahead::open(HMEMHASH hRegistry) noexcept {
-  if (functionVector().MEM_HashOpen == MEM_HashOpen) {
-    pRegistry_ = reinterpret_cast<const MEMHashCtlBlk *>(hRegistry);
-  }
-}
 
 // Each structure is asked for, then what it points to, then the registry's entries of that, always
 // a few structures later.

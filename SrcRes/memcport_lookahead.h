@@ -21,8 +21,10 @@ class PortLookahead {
   PortLookahead(const CallFrame &frame, const PortPlans &plans) noexcept
       : frame_(frame), plans_(plans) {}
 
-  // Takes note of the registry when it has been opened. Only the library's own is looked into.
-  void open(HMEMHASH hRegistry) noexcept;
+  // Takes note of the registry. REQUIRES: it is a table of the library's own.
+  void lookInto(HMEMHASH hRegistry) noexcept {
+    pRegistry_ = reinterpret_cast<const MEMHashCtlBlk *>(hRegistry);
+  }
 
   // Asks for what the structures behind `ref` in the queue need.
   void ask(const MEMPortRef &ref) noexcept;

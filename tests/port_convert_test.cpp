@@ -128,6 +128,7 @@ class WriteStringTest : public PortTest {
     record.set(kOffset, text);
     const std::string all = written(defs, 1, record.data(), 23);
     EXPECT_EQ(all, portString(all.substr(23)));
+    EXPECT_EQ(written(defs, 1, record.data(), 1000), all);
     return all.substr(27, all.size() - 29);
   }
 };

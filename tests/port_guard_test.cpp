@@ -164,7 +164,11 @@ class PortAheadTest : public PortGuardTest {
   static constexpr std::size_t kWild = 7000;
 
   // A tree, written level by level: structure i points to 2i + 1 and 2i + 2. Number kWild is wild.
-  PortAheadTest() {
+  PortAheadTest() { makeTree(wild<const void>()); }
+  void makeTree(const void *wildPlace) {
+    wild_ = wildPlace;
+    records_.clear();
+    defs_ = Defs();
     defs_.add(1, 20,
               {Field(1, MEM_PORT_LONG, 4, 0), Field(2, MEM_PORT_PNT, 8, 4).of(1),
                Field(3, MEM_PORT_PNT, 8, 12).of(1)});
@@ -176,7 +180,7 @@ class PortAheadTest : public PortGuardTest {
 
   const void *at(std::size_t i) {
     if (i >= kCount) return nullptr;
-    return i == kWild ? wild<const void>() : records_[i].data();
+    return i == kWild ? wild_ : records_[i].data();
   }
   static std::string reversed(std::size_t number) {
     std::string digits = number == 0 ? "" : std::to_string(number);
@@ -194,6 +198,7 @@ class PortAheadTest : public PortGuardTest {
     return body;
   }
 
+  const void *wild_ = nullptr;
   Defs defs_;
   std::vector<Record> records_;
 };
@@ -209,6 +214,29 @@ TEST_F(PortAheadTest, FaultComesInItsTurn) {
     const std::int16_t result = write(defs_.table(), 1, records_[0].data(), 1000);
     EXPECT_EQ(textOf(firstChunk), std::string(23, ' ') + bodyUpTo(kWild) + "(1<1N");
     EXPECT_EQ(inserts, 1 + kCount - 1) << "all but the last level have been met";
+    return result;
+  });
+}
+
+// What stands in front of a field's value is written before the field is read.
+TEST_F(PortAheadTest, FaultInALaterField) {
+  store(edge(4), 0, std::int32_t{305});
+  makeTree(edge(4));
+  expectFault([&] {
+    const std::int16_t result = write(defs_.table(), 1, records_[0].data(), 1000);
+    EXPECT_EQ(textOf(firstChunk), std::string(23, ' ') + bodyUpTo(kWild) + "(1<1N503/2");
+    return result;
+  });
+  defs_.field(0, 1).Type = MEM_PORT_CHAR;
+  defs_.field(0, 1).Length = 1;
+  Record second(20);
+  Record first(20);
+  first.set(12, static_cast<const void *>(second.data()));
+  second.set(12, static_cast<const void *>(edge(4)));
+  expectFault([&] {
+    const std::int16_t result = write(defs_.table(), 1, first.data(), 1000);
+    EXPECT_EQ(textOf(firstChunk),
+              std::string(23, ' ') + "(1<1N/2\"/0\"/3S2>)(1<1N/2\"/0\"/3S3>)(1<1N503/2\"");
     return result;
   });
 }

@@ -539,8 +539,8 @@ TEST_F(PortRoomTest, EveryFieldMayMeetTheEndOfAChunk) {
   Defs defs;
   defs.add(1, 44,
            {Field(1, MEM_PORT_PNT, 8, 0).of(1), Field(2, MEM_PORT_PSTR, 8, 8),
-            Field(3, MEM_PORT_BIGINT, 8, 16), Field(4, MEM_PORT_LONG, 4, 24),
-            Field(5, MEM_PORT_CHAR, 16, 28)});
+            Field(3, MEM_PORT_BIGINT, 8, 16), Field(4, MEM_PORT_CHAR, 16, 28),
+            Field(5, MEM_PORT_LONG, 4, 24)});
   std::vector<Record> records;
   for (std::size_t i = 0; i < 4; ++i) records.emplace_back(44U, 0x2F);
   for (std::size_t i = 0; i < 4; ++i) {

@@ -25,9 +25,7 @@ CallFrame::CallFrame(const EntryPoint &entryPoint, ErrorArea errorArea) noexcept
 }
 
 void CallFrame::clearErrorArea() noexcept {
-  if (frame_.pThreadEnv != nullptr) {
-    std::memset(&frame_.pThreadEnv->Error, 0, sizeof(MEMErrorArea));
-  }
+  if (frame_.pThreadEnv != nullptr) binding.clearErrorArea(frame_.pThreadEnv->Error);
 }
 
 MEMTraceBuf *CallFrame::traceBuffer() const noexcept {

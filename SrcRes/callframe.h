@@ -73,7 +73,7 @@ auto widened(T value) noexcept {
   if constexpr (std::is_pointer_v<T> && std::is_function_v<std::remove_pointer_t<T>>) {
     return reinterpret_cast<std::uintptr_t>(value);
   } else if constexpr (std::is_pointer_v<T>) {
-    return value;
+    return static_cast<const void *>(value);
   } else if constexpr (std::is_signed_v<T>) {
     return static_cast<std::int64_t>(value);
   } else {
@@ -114,11 +114,7 @@ class CallFrame {
     if constexpr (sizeof...(Args) == 0) {
       writeFixed(kind, line, format);
     } else {
-      MEMTraceBuf *pBuf = traceBuffer();
-      if (pBuf == nullptr) return;
-      pBuf->TextLen =
-          static_cast<std::uint32_t>(traceServices().Format(pBuf->Text, format, widened(args)...));
-      writeRecord(kind, line);
+      writeFormatted(kind, line, format, widened(args)...);
     }
   }
 
@@ -170,6 +166,14 @@ class CallFrame {
 
  private:
   MEMTraceBuf *traceBuffer() const noexcept;
+  template <class... Args>
+  MEM_NOINLINE void writeFormatted(const RecordKind &kind, std::int32_t line, const char *format,
+                                   Args... args) noexcept {
+    MEMTraceBuf *pBuf = traceBuffer();
+    if (pBuf == nullptr) return;
+    pBuf->TextLen = static_cast<std::uint32_t>(traceServices().Format(pBuf->Text, format, args...));
+    writeRecord(kind, line);
+  }
   MEM_NOINLINE void writeFixed(const RecordKind &kind, std::int32_t line,
                                const char *text) noexcept;
   void writeRecord(const RecordKind &kind, std::int32_t line) noexcept;

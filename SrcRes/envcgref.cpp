@@ -18,6 +18,7 @@ void bind(void **const *ppHostVectors, void **const *ppServiceVectors, const MEM
           std::uint32_t SysFlags) noexcept {
   binding.SysFlags = SysFlags;
   binding.pSysEnv = pSysEnv;
+  binding.clearErrorArea = fastestErrorAreaClear();
   keepVectors(binding.HostVector, ppHostVectors, MEM_HOST_VECTORS);
   keepVectors(binding.ServiceVector, ppServiceVectors, MEM_SERVICE_VECTORS);
   PSdynamn(kFillVector);

@@ -22,7 +22,7 @@ struct MEMHashCtlBlk {
   char Eyecatcher[8];  // first byte blank once closed
   std::int16_t KeyOff;
   std::int16_t KeyLen;
-  std::int16_t Max;  // highest bucket index
+  std::int16_t Max;          // highest bucket index
   std::uint16_t IndexState;  // the library's own: see memchash_index.h
   MEMHashFunc pFunc;
   std::uint16_t SubPool;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "errorclear.h"
 #include "qj7mem00/qj7mem00.h"
 
 namespace mem {
@@ -15,6 +16,7 @@ struct Binding {
   const MEMSysEnv *pSysEnv;
   void *HostVector[MEM_HOST_VECTORS];
   void *ServiceVector[MEM_SERVICE_VECTORS];
+  ErrorAreaClear clearErrorArea;
 };
 
 extern Binding binding;

@@ -195,7 +195,7 @@ std::int16_t MEM_CellFreeEntry(HMEMCELL hMemCell, void *pEntry) noexcept {
   if (!isPool(hMemCell)) return failHandle(frame, hMemCell, Wording::named);
   MEMCellCtlBlk &ctl = pool(hMemCell);
   if (pEntry != nullptr) {
-    std::memset(pEntry, 0, static_cast<std::size_t>(ctl.CellLen));
+    clearBytes(pEntry, static_cast<std::size_t>(ctl.CellLen));
     storeAs(pEntry, ctl.pFreeCells);
     ctl.pFreeCells = pEntry;
   }

@@ -130,6 +130,16 @@ HashNode *MemHashAllocEntry(MEMHashCtlBlk &ctl, std::int16_t Len) noexcept {
 
 }  // namespace
 
+const HashIndex *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) noexcept {
+  const MEMFunctionVector &slots = functionVector();
+  const bool isOwn = slots.MEM_HashOpen == MEM_HashOpen &&
+                     slots.MEM_HashInsEntry == MEM_HashInsEntry &&
+                     slots.MEM_HashGetEntry == MEM_HashGetEntry;
+  if (!isOwn || !isTable(hMemHash)) return nullptr;
+  const HashIndex *pIndex = HashIndex::of(frame, *table(hMemHash));
+  return pIndex != nullptr && pIndex->isLarge() ? pIndex : nullptr;
+}
+
 std::int16_t MEM_HashOpen(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t KeyLen,
                           std::int16_t Max, MEMHashFunc pFunc, std::int16_t AreaLen,
                           std::uint16_t SubPool) noexcept {

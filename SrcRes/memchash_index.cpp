@@ -1,6 +1,5 @@
 #include "memchash_index.h"
 
-#include <atomic>
 #include <bit>
 #include <cstring>
 
@@ -67,6 +66,7 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
   pIndex->size_ = size;
   pIndex->buckets_ = buckets;
   pIndex->capacity_ = capacity;
+  pIndex->shift_ = 64 - static_cast<std::uint32_t>(std::countr_zero(capacity));
   pIndex->pNext_ = *ppAnchor;
   *ppAnchor = pIndex;
   return pIndex;
@@ -155,26 +155,20 @@ HashIndex::Slot *HashIndex::slots() const noexcept {
       const_cast<HashNode **>(reinterpret_cast<HashNode *const *>(this + 1)) + buckets_);
 }
 
-// Where the search for a key begins. Structures that lie together are met together, so the
-// addresses of one page have slots side by side; the pages are spread by a multiplication.
+// Where a key belongs. Structures that lie together are met together, so the addresses of one page
+// have places side by side; the pages are spread by a multiplication.
 std::uint32_t HashIndex::placeOf(std::uint64_t key) const noexcept {
-  const int shift = 64 - std::countr_zero(capacity_);
-  const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * 0x9E3779B97F4A7C15U) >> shift);
+  const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * 0x9E3779B97F4A7C15U) >> shift_);
   return (ofPage + static_cast<std::uint32_t>(key % 4096 / 16)) & (capacity_ - 1);
-}
-
-void HashIndex::ask(const void *pKey) const noexcept {
-  MEM_PREFETCH(&slots()[placeOf(loadAs<std::uint64_t>(pKey))]);
-  // Compilers drop calls of a function that only asks, as one without effect.
-  std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
 // The slot with the key, or the free one where it belongs.
 HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
   Slot *pSlots = slots();
-  const auto mask = capacity_ - 1;
   std::uint32_t place = placeOf(key);
-  while (pSlots[place].pNode != nullptr && pSlots[place].key != key) place = (place + 1) & mask;
+  while (pSlots[place].pNode != nullptr && pSlots[place].key != key) {
+    place = (place + 1) & (capacity_ - 1);
+  }
   return &pSlots[place];
 }
 

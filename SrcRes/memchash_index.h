@@ -14,6 +14,7 @@
 
 #include "callframe.h"
 #include "hashblocks.h"
+#include "platform.h"
 
 namespace mem {
 
@@ -50,9 +51,6 @@ class HashIndex {
   };
   Slot *slotOf(const void *pKey) const noexcept { return slotOf(loadAs<std::uint64_t>(pKey)); }
 
-  // Asks for the storage of a key's place, which will be looked at soon.
-  void ask(const void *pKey) const noexcept;
-
   // The null link at the end of a bucket's chain.
   HashNode **endOf(MEMHashCtlBlk &ctl, std::int16_t index) noexcept;
 
@@ -61,7 +59,17 @@ class HashIndex {
   static void add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pIndex, Slot *pSlot,
                   std::int16_t index, HashNode *pNode) noexcept;
 
+  // Asks for a key's slot, and a little later for the node behind it, some time before the key is
+  // looked up.
+  void wantSlot(const void *pKey) const noexcept { MEM_PREFETCH(firstSlotOf(pKey)); }
+  void wantNode(const void *pKey) const noexcept { MEM_PREFETCH(firstSlotOf(pKey)->pNode); }
+
+  // True when look-ups are likely to wait for storage: the slots are more than near caches hold.
+  bool isLarge() const noexcept { return capacity_ >= kLargeCapacity; }
+
  private:
+  static constexpr std::uint32_t kLargeCapacity = 0x20000;  // 2 MB of slots
+
   static HashIndex *find(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept;
   static HashIndex **anchor(const CallFrame &frame) noexcept;
   static HashIndex *create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
@@ -73,6 +81,9 @@ class HashIndex {
   void put(std::uint64_t key, HashNode *pNode) noexcept;
   Slot *slotOf(std::uint64_t key) const noexcept;
   std::uint32_t placeOf(std::uint64_t key) const noexcept;
+  Slot *firstSlotOf(const void *pKey) const noexcept {
+    return &slots()[placeOf(loadAs<std::uint64_t>(pKey))];
+  }
   Slot *slots() const noexcept;
   HashNode **tails() noexcept { return reinterpret_cast<HashNode **>(this + 1); }
 
@@ -82,6 +93,7 @@ class HashIndex {
   std::uint32_t buckets_;   // entries of tails()
   std::uint32_t capacity_;  // entries of slots(), a power of 2, at most half of them in use
   std::uint32_t count_;
+  std::uint32_t shift_;  // leaves the bits of a place of a 64-bit product
 };
 
 }  // namespace mem

@@ -4,9 +4,12 @@
 
 #include "bytes.h"
 #include "callframe.h"
+#include "memchash.h"
+#include "memchash_index.h"
 #include "memcpack_blocks.h"
 #include "memcpack_cb.h"
 #include "memcpack_outcome.h"
+#include "memcpack_plan.h"
 
 namespace mem {
 
@@ -18,6 +21,11 @@ constexpr EntryPoint kPack{"MEM_Pack", kSourcePack, 402, 911};
 constexpr std::int16_t kTableMax = 127;
 constexpr std::int16_t kTableAreaKB = 4;
 constexpr std::uint16_t kTableSubPool = 0;
+
+// Records by which the fix-up asks for storage ahead: for slots of the table's index, and for the
+// nodes that these lead to.
+constexpr int kFarAhead = 16;
+constexpr int kNearAhead = 8;
 
 // What the table keeps of a packed segment. The key comes first.
 struct PackRecord {
@@ -54,7 +62,7 @@ PackFailure stringTooLarge(std::int64_t length) noexcept {
 }
 
 // Why the chain has no further block.
-Outcome failedBlock(Placement placement) noexcept {
+PackFailure failedBlock(Placement placement) noexcept {
   if (placement == Placement::tooManyBlocks) return badBlockCount(MEM_PACK_MAX_BLOCKS + 1);
   return failure(MEMERR_PACKAMEM, ErrorText("NthBlkMemAllocFail"));
 }
@@ -79,6 +87,12 @@ std::int64_t segmentLength(const MemPackDescriptor &descriptor, const void *pSeg
   }
 }
 
+// The record that was made `count` records before this one, or null.
+const PackRecord *recordBefore(const PackRecord *pRecord, int count) noexcept {
+  for (; pRecord != nullptr && count > 0; --count) pRecord = pRecord->pPrevious;
+  return pRecord;
+}
+
 bool hasNegativeCount(const MemPackDescriptor &descriptor, const void *pSegment) noexcept {
   return descriptor.Type == MEM_PACK_COUNTED && loadAs<std::int16_t>(pSegment) < 0;
 }
@@ -87,15 +101,18 @@ bool hasNegativeCount(const MemPackDescriptor &descriptor, const void *pSegment)
 // pointers in the copies (fixPointers). The caller's structure is only read.
 class Packer {
  public:
-  Packer(const MemPackCB *pPackCB, const void *pRoot, std::int32_t blockLen,
+  Packer(const CallFrame &frame, const MemPackCB *pPackCB, const void *pRoot, std::int32_t blockLen,
          MemPackBlock **ppFirstBlk) noexcept
-      : controlBlock_(pPackCB),
+      : frame_(frame),
+        controlBlock_(pPackCB),
         pRoot_(pRoot),
         blockLen_(blockLen),
         ppFirstBlk_(ppFirstBlk),
         chain_(blockLen) {}
 
-  Outcome run() noexcept;
+  // False when packing failed, and failed() says why.
+  bool run() noexcept;
+  const PackFailure &failed() const noexcept { return *failed_; }
 
   bool hasTable() const noexcept { return hTable_ != nullptr; }
   std::int16_t closeTable() noexcept { return functionVector().MEM_HashClose(hTable_); }
@@ -108,160 +125,160 @@ class Packer {
   };
   enum class Step { segment, finished, overflow };
 
-  Outcome checkArguments() const noexcept;
-  Outcome openTable() noexcept;
-  Outcome startChain() noexcept;
-  Outcome writeControlBlock() noexcept;
-  Outcome copyStructure() noexcept;
-  Outcome copySegment(const Level &level) noexcept;
-  Outcome copyStrings(const Level &level, std::byte *pCopy) noexcept;
-  Outcome copyString(bool isWide, const void *pText, MemPackRelPtr &relPtr) noexcept;
-  Outcome recordSegment(const Level &level, const PlacedItem &item) noexcept;
-  Step nextSegment() noexcept;
-  Level takeChild(Level &level) const noexcept;
-  const void *sibling(const Level &level) const noexcept;
-  Outcome fixPointers() noexcept;
-  Outcome fixRecord(const PackRecord &record) noexcept;
-  Outcome fixPointer(std::byte *pCopy, std::int16_t offset) noexcept;
+  // Each of these is done, or returns false with the failure set.
+  bool checkArguments() noexcept;
+  bool openTable() noexcept;
+  bool startChain() noexcept;
+  bool writeControlBlock() noexcept;
+  bool copyStructure() noexcept;
+  bool copySegment(const Level &level) noexcept;
+  bool copyStrings(const SegmentPlan &plan, const void *pSegment, std::byte *pCopy) noexcept;
+  bool copyString(bool isWide, const void *pText, MemPackRelPtr &relPtr) noexcept;
+  bool recordSegment(const Level &level, const PlacedItem &item) noexcept;
+  bool fixPointers() noexcept;
+  template <class Use>
+  void forEachTarget(const PackRecord &record, Use use) noexcept;
+  bool fixRecord(const PackRecord &record) noexcept;
+  bool fixPointer(std::byte *pCopy, std::int16_t offset) noexcept;
 
-  bool isText(const MemPackChild &child) const noexcept {
-    return isTextKind(controlBlock_.descriptor(child.Descriptor));
+  MEM_NOINLINE bool fail(const PackFailure &failed) noexcept {
+    failed_ = failed;
+    return false;
   }
 
+  Step nextSegment() noexcept;
+  static Level takeChild(const SegmentPlan &plan, Level &level) noexcept;
+
+  const CallFrame &frame_;
   const PackControlBlock controlBlock_;
   const void *const pRoot_;
   const std::int32_t blockLen_;
   MemPackBlock **const ppFirstBlk_;
 
+  Outcome failed_;
   BlockChain chain_;
+  PlanTable plans_{controlBlock_};
   HMEMHASH hTable_ = nullptr;
   PackRecord *pLastRecord_ = nullptr;
   Level levels_[MEM_PACK_MAX_LEVELS];
   std::int32_t depth_ = 0;  // current level; -1 once the walk is over
 };
 
-Outcome Packer::run() noexcept {
-  if (Outcome failed = checkArguments()) return failed;
-  if (Outcome failed = openTable()) return failed;
-  if (Outcome failed = startChain()) return failed;
-  if (Outcome failed = writeControlBlock()) return failed;
-  if (Outcome failed = copyStructure()) return failed;
-  return fixPointers();
+bool Packer::run() noexcept {
+  return checkArguments() && openTable() && startChain() && writeControlBlock() &&
+         copyStructure() && fixPointers();
 }
 
-Outcome Packer::checkArguments() const noexcept {
-  if (!controlBlock_.exists()) return badDescriptor(controlBlock_.address());
-  if (pRoot_ == nullptr || ppFirstBlk_ == nullptr) return badSegmentPointer(nullptr);
+bool Packer::checkArguments() noexcept {
+  if (!controlBlock_.exists()) return fail(badDescriptor(controlBlock_.address()));
+  if (pRoot_ == nullptr || ppFirstBlk_ == nullptr) return fail(badSegmentPointer(nullptr));
   if (const MemPackDescriptor *pInvalid = controlBlock_.firstInvalid()) {
-    return badDescriptor(pInvalid);
+    return fail(badDescriptor(pInvalid));
   }
-  return {};
+  return true;
 }
 
-Outcome Packer::openTable() noexcept {
+bool Packer::openTable() noexcept {
   const std::int16_t result =
       functionVector().MEM_HashOpen(&hTable_, offsetof(PackRecord, pSegment), sizeof(void *),
                                     kTableMax, MEM_PackHashFunc, kTableAreaKB, kTableSubPool);
-  if (result == 0) return {};
+  if (result == 0) return true;
   hTable_ = nullptr;
-  return hashFailure("HashOpen Return=FAILED");
+  return fail(hashFailure("HashOpen Return=FAILED"));
 }
 
-Outcome Packer::startChain() noexcept {
-  if (!chain_.canHoldHeader()) return blockTooSmall(blockLen_);  // no block to hand out either
+bool Packer::startChain() noexcept {
+  if (!chain_.canHoldHeader())
+    return fail(blockTooSmall(blockLen_));  // no block to hand out either
   MemPackBlock *pFirst = chain_.start();
-  if (pFirst == nullptr) return failure(MEMERR_PACKAMEM, ErrorText("1stBlkMemAllocFail"));
+  if (pFirst == nullptr) return fail(failure(MEMERR_PACKAMEM, ErrorText("1stBlkMemAllocFail")));
   *ppFirstBlk_ = pFirst;
-  if (!chain_.canHoldControlBlock(controlBlock_.length())) return blockTooSmall(blockLen_);
-  return {};
+  if (!chain_.canHoldControlBlock(controlBlock_.length())) return fail(blockTooSmall(blockLen_));
+  return true;
 }
 
-Outcome Packer::writeControlBlock() noexcept {
+bool Packer::writeControlBlock() noexcept {
   const MEMProcessBlock *pProcessBlk = processBlock();
   if (pProcessBlk == nullptr || pProcessBlk->OldPackCB == 0) {
     std::memcpy(chain_.append(4), platformIsBigEndian() ? "0221" : "0220", 4);
     std::memcpy(chain_.append(controlBlock_.length()), controlBlock_.address(),
                 controlBlock_.length());
-    return {};
+    return true;
   }
   std::memcpy(chain_.append(4), "0100", 4);
   if (hasTooManyChildrenForOld(controlBlock_)) {
-    return PackFailure{.result = -1,
-                       .code = 0,
-                       .text = ErrorText(),
-                       .pExitText = "Too many Child Ptrs for Old MemPackCB, rc=FAILED"};
+    return fail({.result = -1,
+                 .code = 0,
+                 .text = ErrorText(),
+                 .pExitText = "Too many Child Ptrs for Old MemPackCB, rc=FAILED"});
   }
   writeOldControlBlock(controlBlock_, chain_.append(oldControlBlockLen(controlBlock_.count())));
-  return {};
+  return true;
 }
 
 // Depth first, from the root: each segment, then its strings, then its children, then its sibling.
-Outcome Packer::copyStructure() noexcept {
+bool Packer::copyStructure() noexcept {
   depth_ = 0;
   levels_[0] = {.descriptor = 0, .nextChild = 0, .pSegment = pRoot_};
   Step step = Step::segment;
   while (step == Step::segment) {
-    if (Outcome failed = copySegment(levels_[depth_])) return failed;
+    if (!copySegment(levels_[depth_])) return false;
     step = nextSegment();
   }
-  if (step == Step::finished) return {};
-  return failure(MEMERR_PACKSTAK, ErrorText("TraversalStackOverflow"));
+  if (step == Step::finished) return true;
+  return fail(failure(MEMERR_PACKSTAK, ErrorText("TraversalStackOverflow")));
 }
 
-Outcome Packer::copySegment(const Level &level) noexcept {
+bool Packer::copySegment(const Level &level) noexcept {
   const MemPackDescriptor &descriptor = controlBlock_.descriptor(level.descriptor);
   if (descriptor.Type == MEM_PACK_WIDE_STRING) {
-    return PackFailure{.result = -1, .code = 0, .text = ErrorText("WideStringOutOfPlace")};
+    return fail({.result = -1, .code = 0, .text = ErrorText("WideStringOutOfPlace")});
   }
   // Kinds beyond the count were not looked at before the walk.
-  if (!controlBlock_.hasValidCounts(descriptor)) return badDescriptor(&descriptor);
+  const SegmentPlan &plan = plans_.of(level.descriptor);
+  if (!plan.isValid()) return fail(badDescriptor(&descriptor));
 
   const std::int64_t length = segmentLength(descriptor, level.pSegment);
-  if (hasNegativeCount(descriptor, level.pSegment)) return segmentTooLarge(length);
-  if (!pointersLieWithin(descriptor, length)) return badDescriptor(&descriptor);
+  if (hasNegativeCount(descriptor, level.pSegment)) return fail(segmentTooLarge(length));
+  if (!plan.pointersLieWithin(length)) return fail(badDescriptor(&descriptor));
 
   PlacedItem item;
   const Placement placement = chain_.placeSegment(length, item);
-  if (placement == Placement::tooLong) return segmentTooLarge(length);
-  if (placement != Placement::done) return failedBlock(placement);
+  if (placement == Placement::tooLong) return fail(segmentTooLarge(length));
+  if (placement != Placement::done) return fail(failedBlock(placement));
   std::memcpy(item.pBytes, level.pSegment, static_cast<std::size_t>(length));
-  if (Outcome failed = copyStrings(level, item.pBytes)) return failed;
-  return recordSegment(level, item);
+  return copyStrings(plan, level.pSegment, item.pBytes) && recordSegment(level, item);
 }
 
 // Reads the pointers from the caller's segment: in the copy, one that an earlier entry names too
 // would be a relative pointer already.
-Outcome Packer::copyStrings(const Level &level, std::byte *pCopy) noexcept {
-  for (const MemPackChild &child : children(controlBlock_.descriptor(level.descriptor))) {
-    const MemPackDescriptor &kind = controlBlock_.descriptor(child.Descriptor);
-    if (!isTextKind(kind)) continue;
-    const void *pText = loadPointer(level.pSegment, child.Offset);
+bool Packer::copyStrings(const SegmentPlan &plan, const void *pSegment, std::byte *pCopy) noexcept {
+  for (const TextField &field : plan.texts()) {
+    const void *pText = loadPointer(pSegment, field.Offset);
     if (pText == nullptr) continue;
     MemPackRelPtr relPtr{};
-    if (Outcome failed = copyString(kind.Type == MEM_PACK_WIDE_STRING, pText, relPtr)) {
-      return failed;
-    }
-    storeAs(bytesAt(pCopy, static_cast<std::size_t>(child.Offset)), relPtr);
+    if (!copyString(field.isWide, pText, relPtr)) return false;
+    storeAs(bytesAt(pCopy, static_cast<std::size_t>(field.Offset)), relPtr);
   }
-  return {};
+  return true;
 }
 
 // Wide text gets twice its room, so that a reader with 4-byte characters can widen it in place.
-Outcome Packer::copyString(bool isWide, const void *pText, MemPackRelPtr &relPtr) noexcept {
+bool Packer::copyString(bool isWide, const void *pText, MemPackRelPtr &relPtr) noexcept {
   const std::int64_t length =
       isWide ? 2 * wideLength(pText) + 2
              : static_cast<std::int64_t>(std::strlen(static_cast<const char *>(pText))) + 1;
   const std::int64_t reserved = isWide ? 2 * length : length;
   PlacedItem item;
   const Placement placement = chain_.placeString(reserved, isWide, item);
-  if (placement == Placement::tooLong) return stringTooLarge(length);
-  if (placement != Placement::done) return failedBlock(placement);
+  if (placement == Placement::tooLong) return fail(stringTooLarge(length));
+  if (placement != Placement::done) return fail(failedBlock(placement));
   std::memcpy(item.pBytes, pText, static_cast<std::size_t>(length));
   relPtr = item.relPtr;
-  return {};
+  return true;
 }
 
-Outcome Packer::recordSegment(const Level &level, const PlacedItem &item) noexcept {
+bool Packer::recordSegment(const Level &level, const PlacedItem &item) noexcept {
   const PackRecord record{.pSegment = level.pSegment,
                           .pCopy = item.pBytes,
                           .relPtr = item.relPtr,
@@ -272,24 +289,26 @@ Outcome Packer::recordSegment(const Level &level, const PlacedItem &item) noexce
   const std::int16_t result = functionVector().MEM_HashInsEntry(
       hTable_, static_cast<std::int16_t>(sizeof record), &record, &pStored);
   if (result == MEMERR_HASHDKEY) {
-    return failure(MEMERR_PACKCYCL, ErrorText("RecursiveStructure"));
+    return fail(failure(MEMERR_PACKCYCL, ErrorText("RecursiveStructure")));
   }
-  if (result != 0) return hashFailure("HashInsEntry Return=FAILED");
+  if (result != 0) return fail(hashFailure("HashInsEntry Return=FAILED"));
   pLastRecord_ = static_cast<PackRecord *>(pStored);
-  return {};
+  return true;
 }
 
 // Moves on to the segment that is copied next. Sibling chains do not deepen the stack.
 Packer::Step Packer::nextSegment() noexcept {
   for (; depth_ >= 0; --depth_) {
     Level &level = levels_[depth_];
-    const Level child = takeChild(level);
+    const SegmentPlan &plan = plans_.of(level.descriptor);
+    const Level child = takeChild(plan, level);
     if (child.pSegment != nullptr) {
       if (depth_ + 1 == MEM_PACK_MAX_LEVELS) return Step::overflow;
       levels_[++depth_] = child;
       return Step::segment;
     }
-    if (const void *pSibling = sibling(level)) {
+    if (!plan.hasSibling()) continue;
+    if (const void *pSibling = loadPointer(level.pSegment, plan.sibling())) {
       level = {.descriptor = level.descriptor, .nextChild = 0, .pSegment = pSibling};
       return Step::segment;
     }
@@ -298,11 +317,10 @@ Packer::Step Packer::nextSegment() noexcept {
 }
 
 // The level's next child that is a segment of its own, or a level without a segment.
-Packer::Level Packer::takeChild(Level &level) const noexcept {
-  const auto all = children(controlBlock_.descriptor(level.descriptor));
+Packer::Level Packer::takeChild(const SegmentPlan &plan, Level &level) noexcept {
+  const auto all = plan.children();
   while (level.nextChild < all.size()) {
     const MemPackChild &child = all[level.nextChild++];
-    if (isText(child)) continue;
     if (const void *pChild = loadPointer(level.pSegment, child.Offset)) {
       return {.descriptor = child.Descriptor, .nextChild = 0, .pSegment = pChild};
     }
@@ -310,43 +328,51 @@ Packer::Level Packer::takeChild(Level &level) const noexcept {
   return {};
 }
 
-const void *Packer::sibling(const Level &level) const noexcept {
-  const MemPackDescriptor &descriptor = controlBlock_.descriptor(level.descriptor);
-  return hasSibling(descriptor) ? loadPointer(level.pSegment, descriptor.SiblingOff) : nullptr;
-}
-
-Outcome Packer::fixPointers() noexcept {
+// In a large graph the table's index and records are met all over storage: what a record's pointers
+// lead to is asked for some records ahead.
+bool Packer::fixPointers() noexcept {
+  const HashIndex *pIndex = indexToAskAhead(frame_, hTable_);
+  const PackRecord *pFar = pIndex == nullptr ? nullptr : recordBefore(pLastRecord_, kFarAhead);
+  const PackRecord *pNear = pIndex == nullptr ? nullptr : recordBefore(pLastRecord_, kNearAhead);
   for (const PackRecord *pRecord = pLastRecord_; pRecord != nullptr; pRecord = pRecord->pPrevious) {
-    if (Outcome failed = fixRecord(*pRecord)) return failed;
+    if (pFar != nullptr) {
+      forEachTarget(*pFar, [pIndex](const void *pTarget) { pIndex->wantSlot(&pTarget); });
+      pFar = pFar->pPrevious;
+    }
+    if (pNear != nullptr) {
+      forEachTarget(*pNear, [pIndex](const void *pTarget) { pIndex->wantNode(&pTarget); });
+      pNear = pNear->pPrevious;
+    }
+    if (!fixRecord(*pRecord)) return false;
   }
-  return {};
+  return true;
 }
 
-Outcome Packer::fixRecord(const PackRecord &record) noexcept {
-  const MemPackDescriptor &descriptor = controlBlock_.descriptor(record.Descriptor);
-  if (hasSibling(descriptor)) {
-    if (Outcome failed = fixPointer(record.pCopy, descriptor.SiblingOff)) return failed;
+template <class Use>
+void Packer::forEachTarget(const PackRecord &record, Use use) noexcept {
+  for (const std::int16_t offset : plans_.of(record.Descriptor).links()) {
+    if (const void *pTarget = loadPointer(record.pCopy, offset)) use(pTarget);
   }
-  for (const MemPackChild &child : children(descriptor)) {
-    if (isText(child)) continue;  // done when the text was copied
-    if (Outcome failed = fixPointer(record.pCopy, child.Offset)) return failed;
-  }
-  for (const std::int16_t offset : references(descriptor)) {
-    if (Outcome failed = fixPointer(record.pCopy, offset)) return failed;
-  }
-  return {};
 }
 
-Outcome Packer::fixPointer(std::byte *pCopy, std::int16_t offset) noexcept {
+// Pointers to text were replaced when the text was copied.
+bool Packer::fixRecord(const PackRecord &record) noexcept {
+  for (const std::int16_t offset : plans_.of(record.Descriptor).links()) {
+    if (!fixPointer(record.pCopy, offset)) return false;
+  }
+  return true;
+}
+
+bool Packer::fixPointer(std::byte *pCopy, std::int16_t offset) noexcept {
   const void *pTarget = loadPointer(pCopy, offset);
-  if (pTarget == nullptr) return {};
+  if (pTarget == nullptr) return true;
   void *pFound = nullptr;
   const std::int16_t result = functionVector().MEM_HashGetEntry(hTable_, &pTarget, &pFound);
-  if (result == MEMERR_HASHNFND) return badSegmentPointer(pTarget);
-  if (result != 0) return hashFailure("HashGetEntry Return=FAILED");
+  if (result == MEMERR_HASHNFND) return fail(badSegmentPointer(pTarget));
+  if (result != 0) return fail(hashFailure("HashGetEntry Return=FAILED"));
   storeAs(bytesAt(pCopy, static_cast<std::size_t>(offset)),
           static_cast<const PackRecord *>(pFound)->relPtr);
-  return {};
+  return true;
 }
 
 }  // namespace
@@ -369,13 +395,13 @@ std::int16_t MEM_Pack(const MemPackCB *pPackCB, const void *pRoot, std::int32_t 
                       MemPackBlock **ppFirstBlk) noexcept {
   CallFrame frame(kPack, ErrorArea::clear);
   frame.traceEntry("Parms: BlkLen=%ld", BlkLen);
-  Packer packer(pPackCB, pRoot, BlkLen, ppFirstBlk);
-  if (const Outcome failed = packer.run()) {
+  Packer packer(frame, pPackCB, pRoot, BlkLen, ppFirstBlk);
+  if (!packer.run()) {
     {
       const ErrorAreaKeeper keeper(frame);
       if (packer.hasTable()) packer.closeTable();
     }
-    return finishFailed(frame, *failed);
+    return finishFailed(frame, packer.failed());
   }
   if (packer.closeTable() != 0) {
     // The chain is complete; only the table's storage is in doubt.

@@ -6,6 +6,7 @@
 //   memcpack_repack    unpacking into a new chain, for another pointer width
 //   memcpack_outcome   failures inside the unit
 //   memcpack_cb        control blocks, and the old layout
+//   memcpack_plan      what packing a segment takes, by descriptor
 //   memcpack_fields    pointer fields under two control blocks
 //   memcpack_blocks    a chain under construction
 //   memcpack_version   the version table

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "bytes.h"
+#include "memchash.h"
 #include "memchash_index.h"
 #include "memcport_writer.h"
 #include "platform.h"
@@ -52,7 +53,7 @@ void PortLookahead::ask(const MEMPortRef &ref) noexcept {
 void PortLookahead::askForTexts(const MEMPortRef &ref) const noexcept {
   const StructPlan *pPlan = plans_.find(ref.StructID);
   if (pPlan == nullptr) return;
-  const HashIndex *pIndex = pRegistry_ == nullptr ? nullptr : HashIndex::of(frame_, *pRegistry_);
+  const HashIndex *pIndex = indexToAskAhead(frame_, hRegistry_);
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
   const FieldStep *pStep = pPlan->pSteps;
   for (const FieldStep *const pEnd = pStep + pPlan->steps; pStep != pEnd; ++pStep) {
@@ -60,7 +61,7 @@ void PortLookahead::askForTexts(const MEMPortRef &ref) const noexcept {
     if (pStep->type == MEM_PORT_PSTR) {
       MEM_PREFETCH(orElse(loadAs<const void *>(pField), pStruct));
     } else if (pStep->type == MEM_PORT_PNT && pIndex != nullptr) {
-      pIndex->ask(pField);
+      pIndex->wantSlot(pField);
     }
   }
   keepOrder();  // compilers drop calls of functions that only ask
@@ -68,13 +69,12 @@ void PortLookahead::askForTexts(const MEMPortRef &ref) const noexcept {
 
 void PortLookahead::askForEntries(const MEMPortRef &ref) const noexcept {
   const StructPlan *pPlan = plans_.find(ref.StructID);
-  const HashIndex *pIndex = pRegistry_ == nullptr ? nullptr : HashIndex::of(frame_, *pRegistry_);
+  const HashIndex *pIndex = indexToAskAhead(frame_, hRegistry_);
   if (pPlan == nullptr || pIndex == nullptr) return;
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
   const FieldStep *pStep = pPlan->pSteps;
   for (const FieldStep *const pEnd = pStep + pPlan->steps; pStep != pEnd; ++pStep) {
-    if (pStep->type != MEM_PORT_PNT) continue;
-    MEM_PREFETCH(orElse(pIndex->slotOf(pStruct + pStep->offset)->pNode, pStruct));
+    if (pStep->type == MEM_PORT_PNT) pIndex->wantNode(pStruct + pStep->offset);
   }
   keepOrder();  // as above
 }

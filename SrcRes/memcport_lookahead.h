@@ -9,7 +9,6 @@
 #pragma once
 
 #include "callframe.h"
-#include "hashblocks.h"
 #include "memcport_plan.h"
 
 namespace mem {
@@ -21,10 +20,8 @@ class PortLookahead {
   PortLookahead(const CallFrame &frame, const PortPlans &plans) noexcept
       : frame_(frame), plans_(plans) {}
 
-  // Takes note of the registry. REQUIRES: it is a table of the library's own.
-  void lookInto(HMEMHASH hRegistry) noexcept {
-    pRegistry_ = reinterpret_cast<const MEMHashCtlBlk *>(hRegistry);
-  }
+  // To be called when the registry is open.
+  void lookInto(HMEMHASH hRegistry) noexcept { hRegistry_ = hRegistry; }
 
   // Asks for what the structures behind `ref` in the queue need.
   void ask(const MEMPortRef &ref) noexcept;
@@ -42,7 +39,7 @@ class PortLookahead {
 
   const CallFrame &frame_;
   const PortPlans &plans_;
-  const MEMHashCtlBlk *pRegistry_ = nullptr;
+  HMEMHASH hRegistry_ = nullptr;
   bool isAsking_ = false;
   bool isGivenUp_ = false;
 };

@@ -2,7 +2,6 @@
 
 #include "bytes.h"
 #include "heapblocks.h"
-#include "memchash.h"
 #include "memcport.h"
 #include "memcport_defs.h"
 #include "memcport_towire.h"
@@ -92,14 +91,13 @@ std::int16_t PortWriter::start() noexcept {
   output_.append(kBlankHeader);  // fits: the capacity was checked
 
   HMEMHASH hRegistry = nullptr;
-  const auto open = functionVector().MEM_HashOpen;
-  if (open(&hRegistry, offsetof(MEMPortRef, pStruct), sizeof(void *), kRegistryMax, MEM_PortHash,
-           kRegistryAreaKB, 0) != 0) {
+  if (functionVector().MEM_HashOpen(&hRegistry, offsetof(MEMPortRef, pStruct), sizeof(void *),
+                                    kRegistryMax, MEM_PortHash, kRegistryAreaKB, 0) != 0) {
     frame_.traceExit("MEM_HashOpen Return=FAILED");
     return -1;
   }
   hRegistry_ = hRegistry;
-  if (open == MEM_HashOpen) lookahead_.lookInto(hRegistry);
+  lookahead_.lookInto(hRegistry);
   return 0;
 }
 

@@ -39,9 +39,9 @@ bool grow(MEMProcessBlock &process) noexcept {
   const std::uint32_t newLen = process.IndexLen + kSinkIndexGrowth;
   std::uint8_t *pArea = getSinkStorage(newLen);
   if (pArea == nullptr) return false;
-  std::memset(pArea, 0, newLen);
+  const std::size_t activeLen = std::size_t{process.Act} * sizeof(SinkSlot);
+  std::memset(pArea, 0, newLen - activeLen);
   if (process.pIndex != nullptr) {  // else the sink's start has failed before it got one
-    const std::size_t activeLen = std::size_t{process.Act} * sizeof(SinkSlot);
     std::memcpy(pArea + newLen - activeLen, sinkSlots(process) + process.First, activeLen);
     freeSinkStorage(process.pIndex, process.IndexLen);
   }

@@ -1,5 +1,5 @@
 // The only header with words that differ between compilers and platforms, and what they do
-// differently: platform_posix.cpp and platform_windows.cpp.
+// differently: platform_posix.cpp and platform_windows.cpp, and platform_processor.cpp.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +18,16 @@
 #define MEM_PREFETCH(address) __builtin_prefetch(address)
 #endif
 
+// Code for processors with AVX in a library that runs on others, too. Clang would make a call of
+// memset of a row of stores.
+#if defined(_M_X64) && defined(_MSC_VER) && !defined(__clang__)
+#define MEM_AVX_CODE
+#elif defined(__x86_64__) && defined(__clang__)
+#define MEM_AVX_CODE __attribute__((target("avx"), no_builtin("memset")))
+#elif defined(__x86_64__)
+#define MEM_AVX_CODE __attribute__((target("avx")))
+#endif
+
 // The binding entry is exported by name: QJ7MEM00.def does it on Windows, QJ7MEM00.map together
 // with default visibility elsewhere.
 #if defined(_WIN32)
@@ -27,6 +37,9 @@
 #endif
 
 namespace mem {
+
+// Whether MEM_AVX_CODE may run: the processor has AVX, and the system keeps its registers.
+bool processorHasAvx() noexcept;
 
 // Answers of a fault filter.
 inline constexpr std::int32_t kFaultEndsWork = 1;

@@ -338,38 +338,95 @@ TEST_F(HashIndexTest, RefusedStorageLeavesTheTableAsItWouldBe) {
   }
 }
 
-// Both services that own such tables, with graphs that need an index.
-TEST_F(HashIndexTest, PackingALongListComesOutInOrder) {
+// A list whose links each refer to some other link, too: long enough for the packer to ask for what
+// it looks up ahead.
+class LongListTest : public HashIndexTest {
+ protected:
   struct Link {
     Link *next;
+    Link *other;
     std::uint64_t number;
   };
-  constexpr std::size_t kLinks = 20000;
-  std::vector<Link> links(kLinks);
-  for (std::size_t i = 0; i < kLinks; ++i) {
-    links[i] = {i + 1 < kLinks ? &links[i + 1] : nullptr, i};
+  static constexpr std::uint64_t kLinks = 60000;
+  static constexpr std::int32_t kBlockLen = 30000;
+
+  LongListTest() : links_(kLinks) {
+    std::mt19937_64 random(41);
+    for (std::uint64_t i = 0; i < kLinks; ++i) {
+      links_[i] = {i + 1 < kLinks ? &links_[i + 1] : nullptr, &links_[random() % kLinks], i};
+    }
+    cb_.Count = 1;
+    cb_.Descriptors[0].Type = MEM_PACK_FIXED;
+    cb_.Descriptors[0].FixedLen = sizeof(Link);
+    cb_.Descriptors[0].SiblingOff = offsetof(Link, next);
+    cb_.Descriptors[0].ReferenceCount = 1;
+    cb_.Descriptors[0].References[0] = offsetof(Link, other);
   }
-  MemPackCB cb{};
-  cb.Count = 1;
-  cb.Descriptors[0].Type = MEM_PACK_FIXED;
-  cb.Descriptors[0].FixedLen = sizeof(Link);
-  cb.Descriptors[0].SiblingOff = offsetof(Link, next);
-  MemPackBlock *first = nullptr;
-  ASSERT_EQ(mem.MEM_Pack(&cb, links.data(), 30000, &first), 0);
-  MemPackBlock *unpacked = first;
-  void *root = nullptr;
-  ASSERT_EQ(mem.MEM_Unpack(&unpacked, &root, &cb), 0);
-  std::size_t count = 0;
-  for (const char *at = static_cast<char *>(root); at != nullptr; at = load<const char *>(at, 0)) {
-    ASSERT_EQ(load<std::uint64_t>(at, 8), count++);
+
+  ~LongListTest() override {
+    while (first_ != nullptr) {
+      MemPackBlock *next = first_->pNext;
+      mem.MEM_Free(first_, kBlockLen, 0);
+      first_ = next;
+    }
   }
-  EXPECT_EQ(count, kLinks);
-  while (first != nullptr) {
-    MemPackBlock *next = first->pNext;
-    mem.MEM_Free(first, 30000, 0);
-    first = next;
+
+  void pack() { ASSERT_EQ(mem.MEM_Pack(&cb_, links_.data(), kBlockLen, &first_), 0); }
+
+  void expectTheList() {
+    MemPackBlock *unpacked = first_;
+    void *root = nullptr;
+    ASSERT_EQ(mem.MEM_Unpack(&unpacked, &root, &cb_), 0);
+    const char *at = static_cast<char *>(root);
+    for (const Link &link : links_) {
+      ASSERT_NE(at, nullptr);
+      ASSERT_EQ(load<std::uint64_t>(at, offsetof(Link, number)), link.number);
+      const char *other = load<const char *>(at, offsetof(Link, other));
+      ASSERT_EQ(load<std::uint64_t>(other, offsetof(Link, number)), link.other->number);
+      at = load<const char *>(at, offsetof(Link, next));
+    }
+    EXPECT_EQ(at, nullptr);
   }
+
+ private:
+  std::vector<Link> links_;
+  MemPackCB cb_{};
+  MemPackBlock *first_ = nullptr;
+};
+
+TEST_F(LongListTest, IsPackedInOrder) {
+  pack();
+  expectTheList();
   EXPECT_EQ(env().pMemThreadBlk->pHashIndexes, nullptr);
+}
+
+// A host whose hash service has handles of its own: the packer must not look behind them.
+TEST_F(LongListTest, IsPackedWithAHostsOwnHandles) {
+  static MEMFunctionVector own;
+  static HMEMHASH real;
+  static const auto kDisguise = reinterpret_cast<HMEMHASH>(std::uintptr_t{8});
+  own = mem;
+  mem.MEM_HashOpen = [](HMEMHASH *phHash, std::int16_t keyOff, std::int16_t keyLen,
+                        std::int16_t max, MEMHashFunc pFunc, std::int16_t areaLen,
+                        std::uint16_t subPool) {
+    *phHash = kDisguise;
+    return own.MEM_HashOpen(&real, keyOff, keyLen, max, pFunc, areaLen, subPool);
+  };
+  mem.MEM_HashInsEntry = [](HMEMHASH hash, std::int16_t len, const void *record, void **ppNew) {
+    EXPECT_EQ(hash, kDisguise);
+    return own.MEM_HashInsEntry(real, len, record, ppNew);
+  };
+  mem.MEM_HashGetEntry = [](HMEMHASH hash, const void *key, void **ppEntry) {
+    EXPECT_EQ(hash, kDisguise);
+    return own.MEM_HashGetEntry(real, key, ppEntry);
+  };
+  mem.MEM_HashClose = [](HMEMHASH hash) {
+    EXPECT_EQ(hash, kDisguise);
+    return own.MEM_HashClose(real);
+  };
+  pack();
+  mem = own;
+  expectTheList();
 }
 
 }  // namespace

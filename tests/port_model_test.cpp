@@ -96,7 +96,7 @@ TEST_F(PortModelTest, LongChainComesBack) {
   EXPECT_EQ(portmodel::difference(defs.table(), 7, records[0].data(), read), "");
 }
 
-// So many structures, all over storage, that the writer looks ahead and the registry gets an index.
+// So many structures, all over storage, that the writer looks ahead, in the registry's index as well.
 TEST_F(PortModelTest, LargeGraphIsTheModels) {
   Defs defs;
   defs.add(7, 44,
@@ -104,7 +104,7 @@ TEST_F(PortModelTest, LargeGraphIsTheModels) {
             Field(3, MEM_PORT_PNT, 8, 16).of(8), Field(4, MEM_PORT_PSTR, 8, 24),
             Field(5, MEM_PORT_LONG, 4, 40)});
   defs.add(8, 20, {Field(1, MEM_PORT_PNT, 8, 4).of(7), Field(2, MEM_PORT_PNT, 8, 12).of(8)});
-  constexpr std::size_t kCount = 3500;
+  constexpr std::size_t kCount = 17500;
   std::vector<Record> ones;
   std::vector<Record> others;
   for (std::size_t i = 0; i < kCount; ++i) {

@@ -37,12 +37,15 @@ void clearByVectorStores(void *pArea) {
   });
 }
 
+// The fastest way there is, so that the floor is one.
+const Clear fastestClear = hasWideStores() ? clearByWideStores : clearByCall;
+
 // An entry point that does what every one must do, and nothing else.
 std::int16_t emptyEntryPoint() {
   MEMTraceFrame frame{};
   frame.pName = "floor";
   hostTable->EnterFrame(&frame, MEM_COMPONENT);
-  clearByCall(&frame.pThreadEnv->Error);
+  fastestClear(&frame.pThreadEnv->Error);
   hostTable->LeaveFrame(&frame, MEM_COMPONENT);
   return 0;
 }

@@ -96,7 +96,8 @@ TEST_F(PortModelTest, LongChainComesBack) {
   EXPECT_EQ(portmodel::difference(defs.table(), 7, records[0].data(), read), "");
 }
 
-// So many structures, all over storage, that the writer looks ahead, in the registry's index as well.
+// So many structures, all over storage, that the writer looks ahead, in the registry's index as
+// well.
 TEST_F(PortModelTest, LargeGraphIsTheModels) {
   Defs defs;
   defs.add(7, 44,

@@ -17,7 +17,8 @@ constexpr std::int32_t kLineNullChunk = 2117;
 constexpr std::int32_t kLineNullText = 2265;
 
 // Runs the work of a call under the fault guard. A fault is shown to the host's filter, with the
-// call's frame. False when a fault ended the work.
+// call's frame, unless the work says that it is none of the call's. False when a fault ended the
+// work.
 template <class Work>
 bool runUnderGuard(CallFrame &frame, Work &work) noexcept {
   struct Context {
@@ -27,6 +28,9 @@ bool runUnderGuard(CallFrame &frame, Work &work) noexcept {
   const GuardedWork guarded{
       [](void *pContext) noexcept { static_cast<Context *>(pContext)->work(); },
       [](void *pException, void *pContext) noexcept -> std::int32_t {
+        if constexpr (requires(Work & faulted) { faulted.isShown(); }) {
+          if (!static_cast<Context *>(pContext)->work.isShown()) return kFaultEndsWork;
+        }
         const auto filter = textServices().FilterException;
         if (filter == nullptr) return kFaultEndsWork;
         return filter(pException, &static_cast<Context *>(pContext)->frame.record());
@@ -40,6 +44,17 @@ std::int16_t finishFaulted(CallFrame &frame) noexcept {
   const std::int16_t stored = frame.finishAsHostSet();
   return stored != 0 ? stored : frame.finish(-1);
 }
+
+struct Writing {
+  PortWriter &writer;
+  std::int16_t status = 0;
+
+  void operator()() noexcept { status = writer.run(); }
+  bool isShown() const noexcept {
+    writer.noteUsed();
+    return !writer.isOwnFault();
+  }
+};
 
 std::int16_t readInto(CallFrame &frame, PortReader &reader) noexcept {
   bool isRead = false;
@@ -62,15 +77,16 @@ std::int16_t MEM_StructToPortStr(const MEMStructDef *pDefs, std::uint32_t Struct
   frame.traceEntry("Parms: pDefs=%lX, StructID=%ld, pStruct=%lX, ChunkLen=%ld, hMemHeap=%lX", pDefs,
                    StructID, pStruct, ChunkLen, hMemHeap);
   PortWriter writer(frame, pDefs, StructID, pStruct, ChunkLen, hMemHeap, pTotalLen, ppFirstChunk);
-  std::int16_t status = 0;
-  auto work = [&writer, &status]() noexcept { status = writer.run(); };
-  const bool isDone = runUnderGuard(frame, work);
+  Writing work{writer};
+  bool isDone = runUnderGuard(frame, work);
+  if (!isDone && writer.canGoOn()) isDone = runUnderGuard(frame, work);
+  writer.noteUsed();
   {
     const ErrorAreaKeeper keeper(frame);
     if (writer.registry() != nullptr) functionVector().MEM_HashClose(writer.registry());
   }
   if (!isDone) return finishFaulted(frame);
-  return status == 0 ? frame.succeed() : frame.finish(status);
+  return work.status == 0 ? frame.succeed() : frame.finish(work.status);
 }
 
 std::int16_t MEM_PortStrToStruct(const MEMStructDef *pDefs, const MEMPortChunk *pFirstChunk,

@@ -4,6 +4,9 @@
 //   memcport_defs      definition tables: look-up, element counts, defaults
 //   memcport_message   error records of both directions
 //   memcport_output    the text under construction, a chain of chunks
+//   memcport_digits    numbers as text
+//   memcport_plan      definitions as the writer has prepared them
+//   memcport_lookahead storage that the writer will need soon
 //   memcport_writer    structures and their registry
 //   memcport_towire    field values as text
 //   memcport_input     the text being read

@@ -42,10 +42,11 @@ void PortOutput::begin(MEMPortChunk *pChunk) noexcept {
   pCurrent_ = pChunk;
   pNext_ = pChunk->Text;
   // The header tells at most 2^32 - 1 characters.
-  room_ = std::min<std::size_t>(static_cast<std::size_t>(capacity_), UINT32_MAX - total_);
+  pEnd_ = pNext_ + std::min<std::size_t>(static_cast<std::size_t>(capacity_), UINT32_MAX - total_);
 }
 
 bool PortOutput::addChunk() noexcept {
+  noteUsed();
   if (total() == UINT32_MAX) return false;
   MEMPortChunk *pChunk = obtainChunk();
   if (pChunk == nullptr) return false;
@@ -57,18 +58,23 @@ bool PortOutput::addChunk() noexcept {
 
 bool PortOutput::appendAcross(std::string_view text) noexcept {
   while (!text.empty()) {
-    if (room_ == 0 && !addChunk()) return false;
-    const std::size_t step = std::min(text.size(), room_);
+    if (pNext_ == pEnd_ && !addChunk()) return false;
+    const std::size_t step = std::min(text.size(), room());
     std::memcpy(pNext_, text.data(), step);
-    advance(step);
+    pNext_ += step;
     text.remove_prefix(step);
   }
   return true;
 }
 
 bool PortOutput::appendReversedAcross(std::uint64_t value) noexcept {
-  char digits[kMostDigits];
-  return appendAcross(std::string_view(digits, putReversed(digits, value)));
+  char digits[kMostStoredDigits];
+  const char *pEnd = putReversed(digits, value);
+  return appendAcross(std::string_view(digits, static_cast<std::size_t>(pEnd - digits)));
+}
+
+void PortOutput::clearSpill() noexcept {
+  if (pCurrent_ != nullptr) std::memset(pNext_, 0, std::min(kSpill, room()));
 }
 
 // "(" total "," structures ")"

@@ -1,6 +1,7 @@
 #include "memcport_towire.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "bytes.h"
@@ -15,24 +16,125 @@ std::string_view bytesOf(std::int32_t length, const std::byte *pField) noexcept 
           length > 0 ? static_cast<std::size_t>(length) : std::size_t{0}};
 }
 
-bool isPlain(char c) noexcept {
+// The bytes of a text as words of eight, the first byte in the low place.
+using Word = std::uint64_t;
+constexpr std::size_t kWordLen = sizeof(Word);
+constexpr Word kEveryByte = 0x0101010101010101U;
+
+template <class T>
+T loadLittle(const char *pFrom) noexcept {
+  if constexpr (std::endian::native == std::endian::little) {
+    return loadAs<T>(pFrom);
+  } else {
+    T value = 0;
+    for (std::size_t i = sizeof(T); i-- > 0;) {
+      value = static_cast<T>(value << 8 | static_cast<unsigned char>(pFrom[i]));
+    }
+    return value;
+  }
+}
+
+Word loadWord(const char *pFrom) noexcept {
+  return loadLittle<Word>(pFrom);
+}
+
+void storeWord(char *pTo, Word word) noexcept {
+  if constexpr (std::endian::native == std::endian::little) {
+    storeAs(pTo, word);
+  } else {
+    for (std::size_t i = 0; i < kWordLen; ++i) pTo[i] = static_cast<char>(word >> 8 * i & 0xFF);
+  }
+}
+
+// A text shorter than a word, with zeros behind it. Nothing outside the text is read.
+Word loadShort(const char *pFrom, std::size_t length) noexcept {
+  constexpr std::size_t kHalfLen = sizeof(std::uint32_t);
+  if (length >= kHalfLen) {
+    const std::size_t second = length - kHalfLen;  // overlaps the first
+    return loadLittle<std::uint32_t>(pFrom) | Word{loadLittle<std::uint32_t>(pFrom + second)}
+                                                  << 8 * second;
+  }
+  if (length == 0) return 0;
+  const auto byteAt = [pFrom](std::size_t i) noexcept {
+    return Word{static_cast<unsigned char>(pFrom[i])} << 8 * i;
+  };
+  return byteAt(0) | byteAt(length / 2) | byteAt(length - 1);
+}
+
+// Not zero when a byte of the word is `c`.
+constexpr Word marksOf(Word word, char c) noexcept {
+  const Word difference = word ^ kEveryByte * static_cast<unsigned char>(c);
+  return (difference - kEveryByte) & ~difference & kEveryByte << 7;
+}
+
+// Not zero when a byte of the word stands behind "/" in any text.
+constexpr Word marksOfEscaped(Word word) noexcept {
+  return marksOf(word, '"') | marksOf(word, '/');
+}
+
+constexpr bool isPlain(char c) noexcept {
   return c != '"' && c != '/' && c != '\0';
 }
 
+// Characters in front of the first that is not plain.
+std::size_t plainLength(std::string_view text) noexcept {
+  std::size_t length = 0;
+  for (; text.size() - length >= kWordLen; length += kWordLen) {
+    const Word word = loadWord(text.data() + length);
+    if ((marksOfEscaped(word) | marksOf(word, '\0')) != 0) break;
+  }
+  while (length < text.size() && isPlain(text[length])) ++length;
+  return length;
+}
+
 // Narrow text between double quotes: runs of plain characters as they are, the others behind "/".
-bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
+bool appendEscaped(PortOutput &output, std::string_view text) noexcept {
   if (!output.append('"')) return false;
   while (!text.empty()) {
-    const auto special = std::find_if_not(text.begin(), text.end(), isPlain);
-    const auto run = static_cast<std::size_t>(special - text.begin());
+    const std::size_t run = plainLength(text);
     if (!output.append(firstOf(text, run))) return false;
-    text.remove_prefix(run);
+    text = behind(text, run);
     if (text.empty()) break;
     const char escape[] = {'/', text.front() == '\0' ? '0' : text.front()};
     if (!output.append(std::string_view(escape, sizeof escape))) return false;
     text.remove_prefix(1);
   }
   return output.append('"');
+}
+
+// Stores escaped text, whole words of it where nothing is to be escaped, and returns its end.
+char *storeEscaped(char *pTo, std::string_view text) noexcept {
+  const char *pFrom = text.data();
+  const char *const pEnd = pFrom + text.size();
+  while (pFrom != pEnd) {
+    const auto left = static_cast<std::size_t>(pEnd - pFrom);
+    const Word word = left < kWordLen ? loadShort(pFrom, left) : loadWord(pFrom);
+    const std::size_t step = std::min(left, kWordLen);
+    if (marksOfEscaped(word) == 0) {
+      storeWord(pTo, word);
+      pTo += step;
+    } else {
+      for (const char c : std::string_view(pFrom, step)) {
+        if (!isPlain(c)) *pTo++ = '/';
+        *pTo++ = c;
+      }
+    }
+    pFrom += step;
+  }
+  return pTo;
+}
+
+// Copies text word by word, at least one. Returns zero when no character of it is to be escaped.
+Word copyWords(char *pTo, const char *pFrom, std::size_t length) noexcept {
+  const auto copyWord = [](char *pWordTo, Word word) noexcept {
+    storeWord(pWordTo, word);
+    return marksOfEscaped(word);
+  };
+  if (length < kWordLen) return copyWord(pTo, loadShort(pFrom, length));
+  const std::size_t last = length - kWordLen;  // overlaps the word before it
+  Word marks = copyWord(pTo + last, loadWord(pFrom + last));
+  for (std::size_t i = 0; i < last; i += kWordLen) marks |= copyWord(pTo + i, loadWord(pFrom + i));
+  return marks;
 }
 
 // Text of UTF-16 units at any alignment.
@@ -110,20 +212,23 @@ std::size_t highSurrogates(const WideView &text) noexcept {
   return count;
 }
 
-std::uint64_t loadUnsigned(std::uint32_t width, const std::byte *pField) noexcept {
-  if (width == 2) return loadAs<std::uint16_t>(pField);
-  return width == 4 ? loadAs<std::uint32_t>(pField) : loadAs<std::uint64_t>(pField);
-}
-
-std::int64_t loadSigned(std::uint32_t width, const std::byte *pField) noexcept {
-  if (width == 2) return loadAs<std::int16_t>(pField);
-  return width == 4 ? loadAs<std::int32_t>(pField) : loadAs<std::int64_t>(pField);
-}
-
 }  // namespace
 
+// Most texts are plain, and copied while they are looked through.
+bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
+  constexpr std::size_t kQuotes = 2;
+  char *pTo = output.roomFor(2 * text.size() + kQuotes + PortOutput::kSpill);
+  if (pTo == nullptr) return appendEscaped(output, text);
+  const bool isPlainText = copyWords(pTo + 1, text.data(), text.size()) == 0;
+  char *pEnd = isPlainText ? pTo + 1 + text.size() : storeEscaped(pTo + 1, text);
+  *pTo = '"';
+  *pEnd = '"';
+  output.advanceTo(pEnd + 1);
+  return true;
+}
+
 bool MEM_Char2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
-  return appendQuoted(output, bytesOf(length, pField));
+  return appendEscaped(output, bytesOf(length, pField));
 }
 
 bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
@@ -183,14 +288,15 @@ bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept {
          output.appendReversed(pairs) && appendWideQuoted(output, text);
 }
 
-bool numberToPortStr(PortOutput &output, std::uint32_t width, bool isSigned,
-                     const std::byte *pField) noexcept {
+bool appendNumber(PortOutput &output, std::uint8_t type, const std::byte *pField) noexcept {
   if (!output.append('N')) return false;
-  if (!isSigned) return output.appendReversed(loadUnsigned(width, pField));
-  const std::int64_t value = loadSigned(width, pField);
-  if (value >= 0) return output.appendReversed(static_cast<std::uint64_t>(value));
-  // Negation in unsigned arithmetic gives the magnitude of the most negative value as well.
-  return output.append('-') && output.appendReversed(0 - static_cast<std::uint64_t>(value));
+  if (char *pTo = output.roomFor(kMostNumber)) {
+    output.advanceTo(putNumber(pTo, type, pField));
+    return true;
+  }
+  char text[kMostNumber];
+  const char *pEnd = putNumber(text, type, pField);
+  return output.append(std::string_view(text, static_cast<std::size_t>(pEnd - text)));
 }
 
 }  // namespace mem

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "bytes.h"
+#include "memcport_digits.h"
 #include "memcport_output.h"
 
 namespace mem {
@@ -17,8 +19,41 @@ bool MEM_WChar2PortStr(PortOutput &output, std::int32_t length, const std::byte 
 bool MEM_WCharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept;
 bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept;
 
-// A number of any of the six types, of `width` bytes.
-bool numberToPortStr(PortOutput &output, std::uint32_t width, bool isSigned,
-                     const std::byte *pField) noexcept;
+// Narrow text between double quotes. REQUIRES: no zeros in it.
+bool appendQuoted(PortOutput &output, std::string_view text) noexcept;
+
+// Characters that putNumber may store.
+inline constexpr std::size_t kMostNumber = 1 + kMostStoredDigits;
+
+inline char *putSigned(char *pTo, std::int64_t value) noexcept {
+  // Without a branch, since signs come in any order. Negation in unsigned arithmetic gives the
+  // magnitude of the most negative value as well.
+  const auto bits = static_cast<std::uint64_t>(value);
+  const std::uint64_t isNegative = bits >> 63;
+  *pTo = '-';
+  return putReversed(pTo + isNegative, (bits ^ (0 - isNegative)) + isNegative);
+}
+
+// Stores the sign and digits of a number and returns their end. REQUIRES: one of the six types;
+// room for kMostNumber characters.
+inline char *putNumber(char *pTo, std::uint8_t type, const std::byte *pField) noexcept {
+  switch (type) {
+    case MEM_PORT_SHORT:
+      return putSigned(pTo, loadAs<std::int16_t>(pField));
+    case MEM_PORT_USHORT:
+      return putReversed(pTo, loadAs<std::uint16_t>(pField));
+    case MEM_PORT_LONG:
+      return putSigned(pTo, loadAs<std::int32_t>(pField));
+    case MEM_PORT_ULONG:
+      return putReversed(pTo, loadAs<std::uint32_t>(pField));
+    case MEM_PORT_BIGINT:
+      return putSigned(pTo, loadAs<std::int64_t>(pField));
+    default:
+      return putReversed(pTo, loadAs<std::uint64_t>(pField));
+  }
+}
+
+// The whole value of a number.
+bool appendNumber(PortOutput &output, std::uint8_t type, const std::byte *pField) noexcept;
 
 }  // namespace mem

@@ -18,6 +18,9 @@ constexpr std::uint64_t kRegistryModulus = 1999;
 // What a heap area offers behind the header of a standard heap, less a chunk's own bytes.
 constexpr std::int32_t kAreaOverhead = 72;
 
+// A graph with more structures than this leaves the processor's near caches.
+constexpr std::uint32_t kMostInCaches = 8192;
+
 constexpr MessagePoint kPointCapacity{"MEM_StructToPortStr", 412};
 constexpr MessagePoint kPointAppend{"MEM_CHAR2PORT", 498};
 constexpr MessagePoint kPointStruct{"MEM_Struct2Port", 561};
@@ -34,12 +37,22 @@ std::int16_t MEM_PortHash(const void *pKey) noexcept {
 }
 
 std::int16_t PortWriter::run() noexcept {
-  if (const std::int16_t status = start(); status != 0) return status;
+  if (pRef_ == nullptr) {
+    if (const std::int16_t status = start(); status != 0) return status;
+    if (const std::int16_t status = enter(pStruct_, structID_, pRef_); status != 0) return status;
+  }
   const std::int16_t status = writeAll();
+  output_.clearSpill();
   if (status != 0) return status;
   output_.writeHeader(structures_);
   *pTotalLen_ = output_.total();
   return 0;
+}
+
+bool PortWriter::canGoOn() noexcept {
+  if (!lookahead_.isAsking()) return false;
+  lookahead_.giveUp();
+  return true;
 }
 
 // What the caller asks for or what fills an area of its heap, whose size lies at different places
@@ -84,18 +97,16 @@ std::int16_t PortWriter::start() noexcept {
     return -1;
   }
   hRegistry_ = hRegistry;
+  lookahead_.lookInto(hRegistry);
   return 0;
 }
 
 // The queue grows at its tail while it is walked: structures are written in the order in which
 // pointers to them are met.
 std::int16_t PortWriter::writeAll() noexcept {
-  MEMPortRef *pRef = nullptr;
-  if (const std::int16_t status = enter(pStruct_, structID_, pRef); status != 0) return status;
-  for (; pRef != nullptr; pRef = pRef->pNext) {
-    // Structures are met in the order of the graph, not of storage.
-    if (pRef->pNext != nullptr) MEM_PREFETCH(pRef->pNext->pStruct);
-    if (const std::int16_t status = MEM_Struct2Port(*pRef, 0); status != 0) return status;
+  for (; pRef_ != nullptr; pRef_ = pRef_->pNext) {
+    if (structures_ > kMostInCaches) lookahead_.ask(*pRef_);
+    if (const std::int16_t status = MEM_Struct2Port(*pRef_, 0); status != 0) return status;
   }
   return 0;
 }
@@ -119,29 +130,145 @@ std::int16_t PortWriter::enter(const void *pStruct, std::uint32_t structID,
 }
 
 std::int16_t PortWriter::MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept {
+  const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
+  const StructPlan *pPlan = plans_.find(ref.StructID);
+  if (pPlan != nullptr) return writePlanned(*pPlan, pStruct, nesting);
   const MEMStructDef *pDef = MEM_Find_Struct_Def(pDefs_, ref.StructID);
   if (pDef == nullptr) {
     const ErrorText text =
         ErrorText("No such StructID:").decimal(static_cast<std::int32_t>(ref.StructID)).text("!");
     return report(kPointStruct, text.c_str());
   }
-  const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
+  const std::int16_t status = writeUnplanned(*pDef, pStruct, nesting);
+  if (status == 0) plans_.add(*pDef);
+  return status;
+}
+
+std::int16_t PortWriter::writeUnplanned(const MEMStructDef &def, const std::byte *pStruct,
+                                        int nesting) noexcept {
   std::uint32_t elements = 1;
   std::int16_t status = append('(');
-  if (status == 0) status = appendReversed(ref.StructID);
-  if (status == 0) status = writeCount(*pDef, pStruct, elements);
+  if (status == 0) status = appendReversed(def.StructID);
+  if (status == 0 && hasRepeatField(def)) {
+    status = append(',');
+    if (status == 0) status = writeCount(def, pStruct, elements);
+  }
   if (status == 0) status = append('<');
-  if (status == 0) status = writeFields(*pDef, pStruct, elements, nesting);
+  if (status == 0) status = writeFields(def, pStruct, elements, nesting);
   if (status == 0) status = append(">)");
   return status;
 }
 
-// "," and the number of elements, for a structure with a repeat field. A negative count writes no
-// digits and no elements.
+std::int16_t PortWriter::writePlanned(const StructPlan &plan, const std::byte *pStruct,
+                                      int nesting) noexcept {
+  std::int16_t status = appendHead(plan);
+  std::uint32_t elements = 1;
+  if (status == 0 && plan.isCounted) {
+    status = writeCount(*plan.pDef, pStruct, elements);
+    if (status == 0) status = append('<');
+  }
+  if (status == 0) status = writeSteps(plan, plan.pSteps, plan.steps, pStruct, nesting);
+  if (plan.isRepeated) {
+    const FieldStep &step = plan.pSteps[plan.steps];
+    for (std::uint32_t k = 0; status == 0 && k < elements; ++k) {
+      const std::int64_t offset = std::int64_t{k} * step.pField->Length;
+      status = writeSteps(plan, &step, 1, pStruct + offset, nesting);
+    }
+  }
+  return status == 0 ? append(">)") : status;
+}
+
+std::int16_t PortWriter::appendHead(const StructPlan &plan) noexcept {
+  char *pTo = output_.roomFor(StructPlan::kHeadLen);
+  if (pTo == nullptr) return append(std::string_view(plan.head, plan.headLen));
+  std::memcpy(pTo, plan.head, StructPlan::kHeadLen);
+  output_.advanceTo(pTo + plan.headLen);
+  return 0;
+}
+
+// Writes fields one behind the other, as writeField does. With room for any prefix, number or
+// sequence their characters are stored without further checks. They are appended in front of every
+// read that may fault.
+std::int16_t PortWriter::writeSteps(const StructPlan &plan, const FieldStep *pStep,
+                                    std::uint32_t count, const std::byte *pStruct,
+                                    int nesting) noexcept {
+  constexpr std::size_t kMost = FieldStep::kPrefixLen + kMostNumber;
+  std::int16_t status = 0;
+  char *pTo = output_.next();
+  for (const FieldStep *const pEnd = pStep + count; status == 0 && pStep != pEnd; ++pStep) {
+    const std::byte *pField = pStruct + pStep->offset;
+    if (output_.roomAt(pTo) < kMost) {
+      output_.advanceTo(pTo);
+      status = writeField(*plan.pDef, *pStep->pField, pField, pStep->isFirst, nesting);
+      pTo = output_.next();
+      continue;
+    }
+    std::memcpy(pTo, pStep->prefix, FieldStep::kPrefixLen);
+    output_.advanceTo(pTo + pStep->readyLen);
+    pTo += pStep->prefixLen;
+    switch (pStep->type) {
+      case MEM_PORT_SHORT:
+        pTo = putSigned(pTo, loadAs<std::int16_t>(pField));
+        break;
+      case MEM_PORT_USHORT:
+        pTo = putReversed(pTo, loadAs<std::uint16_t>(pField));
+        break;
+      case MEM_PORT_LONG:
+        pTo = putSigned(pTo, loadAs<std::int32_t>(pField));
+        break;
+      case MEM_PORT_ULONG:
+        pTo = putReversed(pTo, loadAs<std::uint32_t>(pField));
+        break;
+      case MEM_PORT_UBIGINT:
+        pTo = putReversed(pTo, loadAs<std::uint64_t>(pField));
+        break;
+      case MEM_PORT_BIGINT:
+        pTo = putSigned(pTo, loadAs<std::int64_t>(pField));
+        break;
+      case MEM_PORT_PNT:
+        status = putSequence(pTo, *pStep->pField, loadAs<const void *>(pField));
+        break;
+      case MEM_PORT_PSTR:
+        status = putText(pTo, plan, *pStep->pField, loadAs<const char *>(pField));
+        break;
+      default:
+        status = writeValue(*plan.pDef, *pStep->pField, pField, nesting);
+        pTo = output_.next();
+    }
+  }
+  output_.advanceTo(pTo);
+  return status;
+}
+
+// The sequence number of a structure that is pointed to. REQUIRES: room for it.
+std::int16_t PortWriter::putSequence(char *&pTo, const MEMFieldDef &field,
+                                     const void *pTarget) noexcept {
+  if (pTarget == nullptr) return 0;
+  output_.advanceTo(pTo);
+  MEMPortRef *pRef = nullptr;
+  const std::int16_t status = enter(pTarget, field.SubStructID, pRef);
+  if (status == 0) pTo = putReversed(pTo, pRef->sequence);
+  return status;
+}
+
+// A text that is pointed to. REQUIRES: room for its length.
+std::int16_t PortWriter::putText(char *&pTo, const StructPlan &plan, const MEMFieldDef &field,
+                                 const char *pText) noexcept {
+  if (pText == nullptr) return 0;
+  output_.advanceTo(pTo);
+  const std::string_view text(pText);
+  output_.advanceTo(putReversed(pTo, text.size()));
+  const bool isAppended = appendQuoted(output_, text);
+  pTo = output_.next();
+  if (isAppended) return 0;
+  checked(false);
+  return reportField(*plan.pDef, field);
+}
+
+// The number of elements of a structure with a repeat field. A negative count writes no digits and
+// no elements.
 std::int16_t PortWriter::writeCount(const MEMStructDef &def, const std::byte *pStruct,
                                     std::uint32_t &elements) noexcept {
-  if (!hasRepeatField(def)) return 0;
-  if (const std::int16_t status = append(','); status != 0) return status;
   const bool isField = def.CountField >= 0 && def.CountField < fieldCount(def);
   const MEMFieldDef *pField = isField ? &def.Fields[def.CountField] : nullptr;
   std::int64_t count = 0;
@@ -204,17 +331,12 @@ std::int16_t PortWriter::writeValue(const MEMStructDef &def, const MEMFieldDef &
                                     const std::byte *pField, int nesting) noexcept {
   switch (field.Type) {
     case MEM_PORT_SHORT:
-      return checked(numberToPortStr(output_, 2, true, pField));
     case MEM_PORT_USHORT:
-      return checked(numberToPortStr(output_, 2, false, pField));
     case MEM_PORT_LONG:
-      return checked(numberToPortStr(output_, 4, true, pField));
     case MEM_PORT_ULONG:
-      return checked(numberToPortStr(output_, 4, false, pField));
     case MEM_PORT_UBIGINT:
-      return checked(numberToPortStr(output_, 8, false, pField));
     case MEM_PORT_BIGINT:
-      return checked(numberToPortStr(output_, 8, true, pField));
+      return checked(appendNumber(output_, field.Type, pField));
     case MEM_PORT_PNT:
       return writePointer(field, loadAs<const void *>(pField));
     case MEM_PORT_SUBSTRUCTURE:

@@ -4,8 +4,10 @@
 #include <cstdint>
 
 #include "callframe.h"
+#include "memcport_lookahead.h"
 #include "memcport_message.h"
 #include "memcport_output.h"
+#include "memcport_plan.h"
 
 namespace mem {
 
@@ -34,11 +36,20 @@ class PortWriter {
         pTotalLen_(pTotalLen),
         ppFirstChunk_(ppFirstChunk) {}
 
-  // 0, or the status with which the call fails.
+  // 0, or the status with which the call fails. May be called again when a fault has ended it and
+  // canGoOn() is true.
   std::int16_t run() noexcept;
+
+  // For whoever catches a fault: true when it is none of the call's, which goes on as if it had not
+  // been.
+  bool isOwnFault() const noexcept { return lookahead_.isAsking(); }
+  bool canGoOn() noexcept;
 
   // The registry while it is open, else null.
   HMEMHASH registry() const noexcept { return hRegistry_; }
+
+  // Brings the chunks up to date, in whatever state the work has ended.
+  void noteUsed() noexcept { output_.noteUsed(); }
 
  private:
   std::int32_t chunkCapacity() const noexcept;
@@ -46,6 +57,12 @@ class PortWriter {
   std::int16_t start() noexcept;
   std::int16_t writeAll() noexcept;
   std::int16_t MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept;
+  std::int16_t writeUnplanned(const MEMStructDef &def, const std::byte *pStruct,
+                              int nesting) noexcept;
+  std::int16_t writePlanned(const StructPlan &plan, const std::byte *pStruct, int nesting) noexcept;
+  std::int16_t appendHead(const StructPlan &plan) noexcept;
+  std::int16_t writeSteps(const StructPlan &plan, const FieldStep *pStep, std::uint32_t count,
+                          const std::byte *pStruct, int nesting) noexcept;
   std::int16_t writeCount(const MEMStructDef &def, const std::byte *pStruct,
                           std::uint32_t &elements) noexcept;
   std::int16_t writeFields(const MEMStructDef &def, const std::byte *pStruct,
@@ -60,6 +77,9 @@ class PortWriter {
                        const std::byte *pField) noexcept;
   std::int16_t reportField(const MEMStructDef &def, const MEMFieldDef &field) noexcept;
   std::int16_t writePointer(const MEMFieldDef &field, const void *pTarget) noexcept;
+  std::int16_t putSequence(char *&pTo, const MEMFieldDef &field, const void *pTarget) noexcept;
+  std::int16_t putText(char *&pTo, const StructPlan &plan, const MEMFieldDef &field,
+                       const char *pText) noexcept;
   std::int16_t enter(const void *pStruct, std::uint32_t structID, MEMPortRef *&pRef) noexcept;
 
   std::int16_t append(std::string_view text) noexcept;
@@ -79,8 +99,11 @@ class PortWriter {
 
   PortOutput output_;
   HMEMHASH hRegistry_ = nullptr;
+  MEMPortRef *pRef_ = nullptr;  // the structure that is written
   MEMPortRef *pTail_ = nullptr;
   std::uint32_t structures_ = 0;
+  PortPlans plans_;
+  PortLookahead lookahead_{frame_, plans_};
 };
 
 }  // namespace mem

@@ -1,5 +1,7 @@
 // The value of a single field of every type, as text and back.
 
+#include <algorithm>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -126,6 +128,7 @@ class WriteStringTest : public PortTest {
     record.set(kOffset, text);
     const std::string all = written(defs, 1, record.data(), 23);
     EXPECT_EQ(all, portString(all.substr(23)));
+    EXPECT_EQ(written(defs, 1, record.data(), 1000), all);
     return all.substr(27, all.size() - 29);
   }
 };
@@ -135,6 +138,63 @@ TEST_F(WriteStringTest, PStrHasItsLengthInFront) {
   EXPECT_EQ(valueOf(MEM_PORT_PSTR, "a"), "X1\"a\"");
   EXPECT_EQ(valueOf(MEM_PORT_PSTR, "ten chars/"), "X01\"ten chars//\"");
   EXPECT_EQ(valueOf(MEM_PORT_PSTR, "\"\x80"), "X2\"/\"\x80\"");
+}
+
+// Every length, every special character in every place; nothing behind the text is read.
+TEST_F(WriteStringTest, SpecialCharactersInEveryPlace) {
+  for (std::size_t length = 0; length <= 35; ++length) {
+    for (std::size_t place = 0; place <= length; ++place) {
+      for (const char special : {'"', '/', '!', '.', '0', '\xA2', '\xAF', '\x80'}) {
+        const std::unique_ptr<char[]> text(new char[length + 1]);
+        std::memset(text.get(), 'x', length);
+        text[length] = '\0';
+        if (place < length) text[place] = special;
+        std::string expected = text.get();
+        if (place < length && (special == '"' || special == '/')) expected.insert(place, "/");
+        std::string digits = length == 0 ? "" : std::to_string(length);
+        std::reverse(digits.begin(), digits.end());
+        ASSERT_EQ(valueOf(MEM_PORT_PSTR, text.get()), "X" + digits + "\"" + expected + "\"");
+        if (place == length) break;
+      }
+    }
+  }
+}
+
+TEST_F(WriteStringTest, CharFieldsWithZerosInEveryPlace) {
+  for (std::size_t length = 1; length <= 35; ++length) {
+    for (std::size_t place = 0; place < length; ++place) {
+      Defs defs;
+      const auto fieldLen = static_cast<std::int32_t>(length);
+      defs.add(1, fieldLen, {Field(1, MEM_PORT_CHAR, fieldLen, 0)});
+      Record record(length, 'x');
+      record.set(place, std::uint8_t{0});
+      std::string expected(length, 'x');
+      expected.replace(place, 1, "/0");
+      ASSERT_EQ(written(defs, 1, record.data()), portString("(1<1\"" + expected + "\">)"));
+    }
+  }
+}
+
+// Numbers of every length, around all that they are divided by.
+TEST_F(WriteStringTest, NumbersOfEveryLength) {
+  Defs defs;
+  defs.add(1, 8, {Field(1, MEM_PORT_UBIGINT, 8, 0)});
+  std::vector<std::uint64_t> values;
+  for (std::uint64_t value = 0; value < 1100; ++value) values.push_back(value);
+  for (std::uint64_t power = 1000; power < UINT64_MAX / 10; power *= 10) {
+    for (const std::uint64_t value : {power - 1, power, power + 1, 9 * power + 99, power / 7}) {
+      values.push_back(value);
+    }
+  }
+  values.push_back(10000000000000000000U);
+  values.push_back(UINT64_MAX);
+  for (const std::uint64_t value : values) {
+    Record record(8);
+    record.set(0, value);
+    std::string digits = value == 0 ? "" : std::to_string(value);
+    std::reverse(digits.begin(), digits.end());
+    ASSERT_EQ(written(defs, 1, record.data(), 1000), portString("(1<1N" + digits + ">)"));
+  }
 }
 
 TEST_F(WriteStringTest, WPStrHasCodePointsAndPairsInFront) {

@@ -1,6 +1,7 @@
 // Faults inside the port string calls: wild addresses in what the caller hands over. The call ends,
 // everything that it opened is closed again, and the process goes on.
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <string>
@@ -102,7 +103,6 @@ class PortGuardTest : public PortTest {
   GuardPages pages_;
   int open_ = 0;  // hash tables and heaps of the library
 
- private:
   inline static PortGuardTest *test_ = nullptr;
   inline static MEMFunctionVector own_;
 };
@@ -155,6 +155,130 @@ TEST_F(PortGuardTest, TableThatLiesAboutLengthsWhileWriting) {
     defs.add(1, 8, {Field(1, type, 100000, 0)});
     expectWriteFaults(defs, edge(8));
   }
+}
+
+// A graph so large that the writer looks ahead in it. It must not show.
+class PortAheadTest : public PortGuardTest {
+ protected:
+  static constexpr std::size_t kCount = 9000;
+  static constexpr std::size_t kWild = 7000;
+
+  // A tree, written level by level: structure i points to 2i + 1 and 2i + 2. Number kWild is wild.
+  PortAheadTest() { makeTree(wild<const void>()); }
+  void makeTree(const void *wildPlace) {
+    wild_ = wildPlace;
+    records_.clear();
+    defs_ = Defs();
+    defs_.add(1, 20,
+              {Field(1, MEM_PORT_LONG, 4, 0), Field(2, MEM_PORT_PNT, 8, 4).of(1),
+               Field(3, MEM_PORT_PNT, 8, 12).of(1)});
+    for (std::size_t i = 0; i < kCount; ++i) records_.emplace_back(20U);
+    for (std::size_t i = 0; i < kCount; ++i) {
+      records_[i].set(0, static_cast<std::int32_t>(i)).set(4, at(2 * i + 1)).set(12, at(2 * i + 2));
+    }
+  }
+
+  const void *at(std::size_t i) {
+    if (i >= kCount) return nullptr;
+    return i == kWild ? wild_ : records_[i].data();
+  }
+  static std::string reversed(std::size_t number) {
+    std::string digits = number == 0 ? "" : std::to_string(number);
+    std::reverse(digits.begin(), digits.end());
+    return digits;
+  }
+  static std::string pointer(std::size_t i) { return i < kCount ? reversed(i + 1) : ""; }
+  // The structure texts in front of number `end`.
+  static std::string bodyUpTo(std::size_t end) {
+    std::string body;
+    for (std::size_t i = 0; i < end; ++i) {
+      body +=
+          "(1<1N" + reversed(i) + "/2S" + pointer(2 * i + 1) + "/3S" + pointer(2 * i + 2) + ">)";
+    }
+    return body;
+  }
+
+  const void *wild_ = nullptr;
+  Defs defs_;
+  std::vector<Record> records_;
+};
+
+TEST_F(PortAheadTest, FaultComesInItsTurn) {
+  static std::size_t inserts;
+  inserts = 0;
+  mem.MEM_HashInsEntry = [](HMEMHASH hash, std::int16_t length, const void *entry, void **stored) {
+    ++inserts;
+    return own_.MEM_HashInsEntry(hash, length, entry, stored);
+  };
+  expectFault([&] {
+    const std::int16_t result = write(defs_.table(), 1, records_[0].data(), 1000);
+    EXPECT_EQ(textOf(firstChunk), std::string(23, ' ') + bodyUpTo(kWild) + "(1<1N");
+    EXPECT_EQ(inserts, 1 + kCount - 1) << "all but the last level have been met";
+    return result;
+  });
+}
+
+// What stands in front of a field's value is written before the field is read.
+TEST_F(PortAheadTest, FaultInALaterField) {
+  store(edge(4), 0, std::int32_t{305});
+  makeTree(edge(4));
+  expectFault([&] {
+    const std::int16_t result = write(defs_.table(), 1, records_[0].data(), 1000);
+    EXPECT_EQ(textOf(firstChunk), std::string(23, ' ') + bodyUpTo(kWild) + "(1<1N503/2");
+    return result;
+  });
+  defs_.field(0, 1).Type = MEM_PORT_CHAR;
+  defs_.field(0, 1).Length = 1;
+  Record second(20);
+  Record first(20);
+  first.set(12, static_cast<const void *>(second.data()));
+  second.set(12, static_cast<const void *>(edge(4)));
+  expectFault([&] {
+    const std::int16_t result = write(defs_.table(), 1, first.data(), 1000);
+    EXPECT_EQ(textOf(firstChunk),
+              std::string(23, ' ') + "(1<1N/2\"/0\"/3S2>)(1<1N/2\"/0\"/3S3>)(1<1N503/2\"");
+    return result;
+  });
+}
+
+TEST_F(PortAheadTest, FaultThatDoesNotComeToItsTurnIsNone) {
+  static std::int32_t left;
+  left = 1;
+  mem.MEM_HeapAllocEntryLong = [](HMEMHEAP handle, std::int32_t length, void **entry) {
+    if (length < 10000 || left-- > 0) return own_.MEM_HeapAllocEntryLong(handle, length, entry);
+    return std::int16_t{-1};
+  };
+  host.resetCalls();
+  const std::string body = bodyUpTo(kWild - 1) + "(1<";
+  EXPECT_EQ(
+      write(defs_.table(), 1, records_[0].data(), static_cast<std::int32_t>(23 + body.size())), -1);
+  EXPECT_EQ(messages(), Lines{"Allocaton failed in MEM_CHAR2PORT!"});
+  EXPECT_EQ(textOf(firstChunk), std::string(23, ' ') + body);
+  EXPECT_EQ(host.calls(Service::FilterException), 0U);
+}
+
+// With the library's own table, whose index is looked into as well.
+TEST_F(PortAheadTest, FaultIsMendedInItsTurn) {
+  static GuardPages *pages;
+  static std::string written;
+  static MEMPortChunk **chunk;
+  pages = &pages_;
+  chunk = &firstChunk;
+  mem.MEM_HashOpen = own_.MEM_HashOpen;
+  mem.MEM_HashClose = own_.MEM_HashClose;
+  mem.MEM_HeapOpen = own_.MEM_HeapOpen;
+  mem.MEM_HeapClose = own_.MEM_HeapClose;
+  host.text().FilterException = [](void *, MEMTraceFrame *) -> std::int32_t {
+    pages->allow(1);
+    written = textOf(*chunk);
+    return -1;
+  };
+  pages_.allow(1);
+  std::memcpy(pages_.page(1), records_[kWild].data(), 20);
+  pages_.forbid(1);
+  EXPECT_EQ(write(defs_.table(), 1, records_[0].data(), 1000), 0);
+  EXPECT_EQ(textOf(firstChunk), portString(bodyUpTo(kCount), kCount));
+  EXPECT_EQ(written, std::string(23, ' ') + bodyUpTo(kWild) + "(1<1N");
 }
 
 TEST_F(PortGuardTest, WildTables) {

@@ -96,5 +96,37 @@ TEST_F(PortModelTest, LongChainComesBack) {
   EXPECT_EQ(portmodel::difference(defs.table(), 7, records[0].data(), read), "");
 }
 
+// So many structures, all over storage, that the writer looks ahead, in the registry's index as
+// well.
+TEST_F(PortModelTest, LargeGraphIsTheModels) {
+  Defs defs;
+  defs.add(7, 44,
+           {Field(1, MEM_PORT_PNT, 8, 0).of(7), Field(2, MEM_PORT_PSTR, 8, 8),
+            Field(3, MEM_PORT_PNT, 8, 16).of(8), Field(4, MEM_PORT_PSTR, 8, 24),
+            Field(5, MEM_PORT_LONG, 4, 40)});
+  defs.add(8, 20, {Field(1, MEM_PORT_PNT, 8, 4).of(7), Field(2, MEM_PORT_PNT, 8, 12).of(8)});
+  constexpr std::size_t kCount = 17500;
+  std::vector<Record> ones;
+  std::vector<Record> others;
+  for (std::size_t i = 0; i < kCount; ++i) {
+    ones.emplace_back(44U);
+    others.emplace_back(20U);
+  }
+  Random random(firstSeed(8));
+  const auto anyOf = [&](std::vector<Record> &all) -> const void * {
+    return random.oneIn(5) ? nullptr : all[random.below(kCount)].data();
+  };
+  const char *const texts[] = {nullptr, "", "some text", "a \"text\" that is somewhat/longer"};
+  for (std::size_t i = 0; i < kCount; ++i) {
+    const void *next = i + 1 < kCount ? ones[i + 1].data() : nullptr;
+    ones[i].set(0, next).set(8, texts[random.below(4)]).set(16, others[i].data());
+    ones[i].set(24, texts[random.below(4)]).set(40, static_cast<std::int32_t>(i));
+    others[i].set(4, anyOf(ones)).set(12, anyOf(others));
+  }
+  const std::string expected = portmodel::write(defs.table(), 7, ones[0].data());
+  ASSERT_EQ(written(defs, 7, ones[0].data(), 0), expected);
+  ASSERT_EQ(written(defs, 7, ones[0].data(), 1000000), expected);
+}
+
 }  // namespace
 }  // namespace memtest

@@ -122,6 +122,121 @@ TEST_F(PortWriteTest, EmbeddedStructuresAreWrittenInPlace) {
   EXPECT_EQ(written(defs, 1, record.data()), portString("(1<1E(02<1N5/2N-6>)/2B11000000>)"));
 }
 
+// Fields that are written again and again.
+
+// Two structures of every definition, the second behind the first. The first field points there.
+class PortPlanTest : public PortWriteTest {
+ protected:
+  static constexpr std::int32_t kLength = 64;
+
+  Record &addPair(Defs &defs, std::uint32_t structID, std::vector<Field> fields,
+                  std::int32_t countField = kNoRepeat) {
+    defs.add(structID, kLength, fields, countField);
+    Record &second = records_.emplace_back(static_cast<std::size_t>(kLength), 0x21);
+    Record &first = records_.emplace_back(static_cast<std::size_t>(kLength), 0x22);
+    second.set(0, static_cast<const void *>(nullptr)).set(8, static_cast<const char *>(nullptr));
+    first.set(0, static_cast<const void *>(second.data())).set(8, "text");
+    return first;
+  }
+  void expectAsModel(const Defs &defs, std::uint32_t structID, const Record &root) {
+    const std::string expected = portmodel::write(defs.table(), structID, root.data());
+    for (const std::int32_t capacity : {0, 23, 60}) {
+      EXPECT_EQ(written(defs, structID, root.data(), capacity), expected);
+    }
+  }
+
+ private:
+  std::deque<Record> records_;
+};
+
+TEST_F(PortPlanTest, IdentifiersOfEveryLength) {
+  for (std::uint32_t id = 1; id < 0x7FFFFFFFU / 10; id *= 10) {
+    for (const std::uint32_t structID : {id, 9 * id, 0x7FFFFFFFU}) {
+      SCOPED_TRACE(structID);
+      Defs defs;
+      const Record &root = addPair(
+          defs, structID,
+          {Field(id, MEM_PORT_PNT, 8, 0).of(structID), Field(id + 1, MEM_PORT_PSTR, 8, 8),
+           Field(9 * id + 2, MEM_PORT_LONG, 4, 16), Field(0xFFFFFFFFU, MEM_PORT_BIT, 1, 20)});
+      expectAsModel(defs, structID, root);
+    }
+  }
+}
+
+TEST_F(PortPlanTest, EveryTypeAsFirstFieldAndAsLaterOne) {
+  for (std::uint8_t type = 1; type <= 16; ++type) {
+    if (type == MEM_PORT_SUBSTRUCTURE || type == MEM_PORT_WPSTR) continue;  // the model test's
+    SCOPED_TRACE(static_cast<int>(type));
+    const auto length = static_cast<std::int32_t>(type == MEM_PORT_BIT ? 1 : 8);
+    const std::int32_t offset = type == MEM_PORT_PSTR ? 8 : type == MEM_PORT_PNT ? 0 : 16;
+    Defs defs;
+    const Record &root = addPair(defs, 5,
+                                 {Field(3, MEM_PORT_LONG, 4, 16).notPorted(),
+                                  Field(4, MEM_PORT_LONG, length, offset).typeCode(type).of(5),
+                                  Field(5, MEM_PORT_PNT, 8, 0).of(5),
+                                  Field(6, MEM_PORT_LONG, length, offset).typeCode(type).of(5)});
+    expectAsModel(defs, 5, root);
+  }
+}
+
+TEST_F(PortPlanTest, MoreDefinitionsThanThereArePlacesFor) {
+  Defs defs;
+  constexpr std::uint32_t kLast = 70;
+  Record *root = nullptr;
+  for (std::uint32_t id = 1; id <= kLast; ++id) {
+    Record &first =
+        addPair(defs, id,
+                {Field(1, MEM_PORT_PNT, 8, 0).of(id), Field(2, MEM_PORT_PSTR, 8, 8),
+                 Field(3, MEM_PORT_PNT, 8, 16).of(id - 1), Field(id + 3, MEM_PORT_LONG, 4, 24)});
+    first.set(16, static_cast<const void *>(root == nullptr ? nullptr : root->data()));
+    const_cast<std::uint8_t *>(load<std::uint8_t *>(first.data(), 0))[16] = 0;
+    std::memset(load<std::uint8_t *>(first.data(), 0) + 16, 0, 8);
+    root = &first;
+  }
+  expectAsModel(defs, kLast, *root);
+}
+
+TEST_F(PortPlanTest, DefinitionsWithMoreFieldsThanThereIsRoomFor) {
+  for (const std::uint32_t count : {255U, 256U, 257U, 2000U}) {
+    SCOPED_TRACE(count);
+    Defs defs;
+    std::vector<Field> fields = {Field(1, MEM_PORT_PNT, 8, 0).of(1)};
+    for (std::uint32_t id = 2; id <= count; ++id) {
+      fields.push_back(Field(id, MEM_PORT_USHORT, 2, static_cast<std::int32_t>(8 + id % 40)));
+    }
+    expectAsModel(defs, 1, addPair(defs, 1, fields));
+  }
+}
+
+TEST_F(PortPlanTest, RepeatFields) {
+  const auto count = [](std::int32_t value) { return value; };
+  for (const std::int32_t elements : {-1, 0, 1, 2, 6}) {
+    for (const bool isAlone : {false, true}) {
+      SCOPED_TRACE(std::to_string(elements) + (isAlone ? " alone" : ""));
+      Defs defs;
+      Record &first = addPair(defs, 1,
+                              {Field(1, MEM_PORT_LONG, 4, 16).notPorted(isAlone ? 1 : 0),
+                               Field(2, MEM_PORT_PNT, 8, 0).of(1).notPorted(0),
+                               Field(3, MEM_PORT_PSTR, 8, 8).notPorted(isAlone ? 1 : 0),
+                               Field(4, MEM_PORT_SHORT, 2, 20)},
+                              0);
+      first.set(16, count(elements));
+      store(load<std::uint8_t *>(first.data(), 0), 16, std::int32_t{3});
+      expectAsModel(defs, 1, first);
+    }
+  }
+  // Nothing but elements: the first is not separated.
+  Defs defs;
+  defs.add(2, 12, {Field(1, MEM_PORT_LONG, 4, 0).notPorted(), Field(2, MEM_PORT_PNT, 8, 4).of(2)},
+           0);
+  Record last(20);
+  last.set(0, std::int32_t{2}).set(4, static_cast<const void *>(last.data()));
+  Record top(28);
+  top.set(0, std::int32_t{3}).set(4, static_cast<const void *>(last.data()));
+  top.set(12, static_cast<const void *>(top.data()));
+  EXPECT_EQ(written(defs, 2, top.data()), portString("(2,3<2S2/2S1/2S>)(2,2<2S2/2S>)", 2));
+}
+
 // Repeat fields.
 
 struct CountCase {
@@ -383,6 +498,62 @@ TEST_F(PortWriteTest, ChunkThatCannotBeObtainedEndsTheWriting) {
     expectFailed(write(defs.table(), 305, record.data(), row.capacity), row.expected);
     EXPECT_EQ(firstChunk->Used, row.capacity) << "what was written stays";
     EXPECT_EQ(firstChunk->pNext, nullptr);
+  }
+}
+
+// Entries of exactly their length, each with a mark behind it that nothing may change.
+class PortRoomTest : public PortWriteTest {
+ protected:
+  PortRoomTest() {
+    callers_ = heap;
+    own_ = mem.MEM_HeapAllocEntryLong;
+    entries_.clear();
+    mem.MEM_HeapAllocEntryLong = [](HMEMHEAP handle, std::int32_t length, void **entry) {
+      if (handle != callers_) return own_(handle, length, entry);
+      entries_.push_back(std::make_unique<Record>(static_cast<std::size_t>(length) + kMark, 0xA5));
+      std::memset(entries_.back()->data(), 0, static_cast<std::size_t>(length));
+      *entry = entries_.back()->data();
+      return std::int16_t{0};
+    };
+  }
+
+  // A chunk's text ends 4 bytes in front of its entry's end.
+  void expectNothingBehindTheText(std::int32_t capacity) {
+    for (const auto &entry : entries_) {
+      const auto used = static_cast<std::size_t>(load<std::int32_t>(entry->data(), 8));
+      const std::size_t behind = 12 + static_cast<std::size_t>(capacity) + 4;
+      ASSERT_EQ(bytesOf(entry->data() + 12 + used, behind - 12 - used), Bytes(behind - 12 - used));
+      ASSERT_EQ(bytesOf(entry->data() + behind, kMark), Bytes(kMark, 0xA5));
+    }
+    entries_.clear();
+  }
+
+ private:
+  static constexpr std::size_t kMark = 32;
+  inline static HMEMHEAP callers_;
+  inline static MEM_HeapAllocEntryLongFn *own_;
+  inline static std::vector<std::unique_ptr<Record>> entries_;
+};
+
+TEST_F(PortRoomTest, EveryFieldMayMeetTheEndOfAChunk) {
+  Defs defs;
+  defs.add(1, 44,
+           {Field(1, MEM_PORT_PNT, 8, 0).of(1), Field(2, MEM_PORT_PSTR, 8, 8),
+            Field(3, MEM_PORT_BIGINT, 8, 16), Field(4, MEM_PORT_CHAR, 16, 28),
+            Field(5, MEM_PORT_LONG, 4, 24)});
+  std::vector<Record> records;
+  for (std::size_t i = 0; i < 4; ++i) records.emplace_back(44U, 0x2F);
+  for (std::size_t i = 0; i < 4; ++i) {
+    const void *next = i < 3 ? records[i + 1].data() : nullptr;
+    records[i].set(0, next).set(8, i == 2 ? "" : "a \"text\" of more than a word/");
+    records[i].set(16, INT64_MIN).set(24, static_cast<std::int32_t>(i) - 1);
+  }
+  const std::string expected = portmodel::write(defs.table(), 1, records[0].data());
+  for (std::int32_t capacity = 23; capacity < 400; ++capacity) {
+    SCOPED_TRACE(capacity);
+    ASSERT_EQ(written(defs, 1, records[0].data(), capacity), expected);
+    expectNothingBehindTheText(capacity);
+    if (HasFatalFailure()) return;
   }
 }
 

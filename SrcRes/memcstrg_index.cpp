@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "memcstrg_space.h"
+#include "platform.h"
 #include "memcstrg_trace.h"
 
 namespace mem {
@@ -121,6 +122,9 @@ SinkPlace findText(CallFrame &frame, MEMProcessBlock &process, const SinkText &t
   while (low <= high) {
     traceSearchStep(frame, low, high);
     const std::int64_t middle = (low + high) / 2;
+    // One of these two comes next; both lie between the first and the last.
+    MEM_PREFETCH(sinkSlots(process)[(low + middle) / 2].pCopy);
+    MEM_PREFETCH(sinkSlots(process)[(middle + high + 1) / 2].pCopy);
     const int order = compareAt(frame, process, text, static_cast<std::uint32_t>(middle));
     if (order == 0) return {true, static_cast<std::uint32_t>(middle)};
     if (order > 0) {

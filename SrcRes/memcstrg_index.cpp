@@ -3,8 +3,8 @@
 #include <cstring>
 
 #include "memcstrg_space.h"
-#include "platform.h"
 #include "memcstrg_trace.h"
+#include "platform.h"
 
 namespace mem {
 

@@ -11,7 +11,7 @@ namespace mem {
 namespace {
 
 constexpr std::uint32_t kMaxCapacity = 0x4000000;  // a gigabyte of slots
-constexpr std::uint32_t kSlotsPerNode = 2;         // at least, of a fresh index
+constexpr std::uint32_t kSlotsPerNode = 8;  // at least, of a fresh index: it is about to grow
 
 bool mayBeIndexed(const MEMHashCtlBlk &ctl) noexcept {
   return ctl.KeyLen == sizeof(std::uint64_t) &&
@@ -26,8 +26,8 @@ std::int16_t subPoolOf(const MEMHashCtlBlk &ctl) noexcept {
   return static_cast<std::int16_t>(ctl.SubPool);
 }
 
-std::uint32_t nodeCount(MEMHashCtlBlk &ctl) noexcept {
-  std::uint32_t count = 0;
+std::uint64_t nodeCount(MEMHashCtlBlk &ctl) noexcept {
+  std::uint64_t count = 0;
   for (std::int32_t i = 0; i <= ctl.Max; ++i) {
     const HashNode *pNode = *ctl.bucket(static_cast<std::int16_t>(i));
     for (; pNode != nullptr; pNode = pNode->pNext) ++count;
@@ -51,9 +51,10 @@ HashIndex *HashIndex::find(const CallFrame &frame, const MEMHashCtlBlk &ctl) noe
 }
 
 HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
-                             std::uint32_t capacity) noexcept {
+                             std::uint64_t slots) noexcept {
   HashIndex **ppAnchor = anchor(frame);
-  if (ppAnchor == nullptr || capacity > kMaxCapacity) return nullptr;
+  if (ppAnchor == nullptr || slots > kMaxCapacity) return nullptr;
+  const auto capacity = static_cast<std::uint32_t>(slots);
   const auto buckets = static_cast<std::uint32_t>(ctl.Max + 1);
   const auto size = static_cast<std::uint32_t>(sizeof(HashIndex) + buckets * sizeof(HashNode *) +
                                                capacity * sizeof(Slot));
@@ -81,8 +82,7 @@ void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
 }
 
 void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-  const std::uint32_t capacity = std::bit_ceil(nodeCount(ctl) * kSlotsPerNode);
-  HashIndex *pIndex = create(frame, ctl, capacity);
+  HashIndex *pIndex = create(frame, ctl, std::bit_ceil(nodeCount(ctl) * kSlotsPerNode));
   if (pIndex == nullptr) {
     ctl.IndexState = kIndexRefused;
     return;
@@ -135,7 +135,7 @@ void HashIndex::add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pInde
   *pSlot = {.key = keyOf(ctl, pNode), .pNode = pNode};
   ++pIndex->count_;
   if (pIndex->count_ <= pIndex->capacity_ / 2) return;
-  HashIndex *pLarger = create(frame, ctl, pIndex->capacity_ * 2);
+  HashIndex *pLarger = create(frame, ctl, std::uint64_t{pIndex->capacity_} * 2);
   if (pLarger == nullptr) {
     drop(frame, ctl);
     ctl.IndexState = kIndexRefused;

@@ -73,7 +73,7 @@ class HashIndex {
   static HashIndex *find(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept;
   static HashIndex **anchor(const CallFrame &frame) noexcept;
   static HashIndex *create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
-                           std::uint32_t capacity) noexcept;
+                           std::uint64_t slots) noexcept;
   static void make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
   static void release(const CallFrame &frame, const MEMHashCtlBlk &ctl, HashIndex *pIndex) noexcept;
   void fill(MEMHashCtlBlk &ctl) noexcept;

@@ -178,12 +178,12 @@ MemPackDescriptor PackedChain::readDescriptor(const std::byte *pFrom) const noex
   native.ChildCount = number<std::int16_t>(pFrom + 6);
   native.ReferenceCount = number<std::int16_t>(pFrom + 8);
   if (native.ChildCount > layout.maxChildren) native.ChildCount = MEM_PACK_MAX_CHILDREN + 1;
-  const std::int16_t childCount = native.ChildCount <= layout.maxChildren ? native.ChildCount : 0;
+  const std::int32_t childCount = native.ChildCount <= layout.maxChildren ? native.ChildCount : 0;
   for (std::int32_t i = 0; i < childCount; ++i) {
     const std::byte *pChild = pFrom + layout.childrenOff + static_cast<std::size_t>(i) * 4;
     native.Children[i] = {number<std::uint16_t>(pChild), number<std::int16_t>(pChild + 2)};
   }
-  const std::int16_t referenceCount =
+  const std::int32_t referenceCount =
       native.ReferenceCount <= MEM_PACK_MAX_REFERENCES ? native.ReferenceCount : 0;
   for (std::int32_t i = 0; i < referenceCount; ++i) {
     native.References[i] =

@@ -129,7 +129,7 @@ class PortPlanTest : public PortWriteTest {
  protected:
   static constexpr std::int32_t kLength = 64;
 
-  Record &addPair(Defs &defs, std::uint32_t structID, std::vector<Field> fields,
+  Record &addPair(Defs &defs, std::uint32_t structID, const std::vector<Field> &fields,
                   std::int32_t countField = kNoRepeat) {
     defs.add(structID, kLength, fields, countField);
     Record &second = records_.emplace_back(static_cast<std::size_t>(kLength), 0x21);

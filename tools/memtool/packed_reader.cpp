@@ -389,11 +389,11 @@ PackedChain readChain(std::string bytes, std::uint32_t pointerWidth, Console &co
                                        needsNarrowPointers)) {
     pointerWidth = 4;
   }
-  if (pointerWidth != 0) return readWith(std::move(chain), pointerWidth, console);
+  if (pointerWidth != 0) return readWith(chain, pointerWidth, console);
 
   PackedChain wide = readWith(chain, 8, console);
   if (!wide.fault) return wide;
-  PackedChain narrow = readWith(std::move(chain), 4, console);
+  PackedChain narrow = readWith(chain, 4, console);
   return !narrow.fault || narrow.segments.size() > wide.segments.size() ? narrow : wide;
 }
 

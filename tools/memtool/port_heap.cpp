@@ -71,7 +71,7 @@ std::string PortMessages::reason(std::string_view service) {
     constexpr std::string_view kPosition = "\nPosition: ";
     const std::size_t mark = record.text.find(kMark);
     if (record.type != "EXCP" || mark == std::string::npos) continue;
-    const std::string text = record.text.substr(mark + kMark.size());
+    std::string text = record.text.substr(mark + kMark.size());
     const std::size_t lineEnd = text.find(kPosition);
     if (lineEnd == std::string::npos) return text;
     const std::string rest = text.substr(lineEnd + kPosition.size());

@@ -160,8 +160,9 @@ TEST_F(PortGuardTest, TableThatLiesAboutLengthsWhileWriting) {
 // A graph so large that the writer looks ahead in it. It must not show.
 class PortAheadTest : public PortGuardTest {
  protected:
-  static constexpr std::size_t kCount = 9000;
-  static constexpr std::size_t kWild = 7000;
+  static constexpr std::size_t kCount = 40000;
+  static constexpr std::size_t kWild = 33000;
+  static constexpr std::int32_t kLength = 28;
 
   // A tree, written level by level: structure i points to 2i + 1 and 2i + 2. Number kWild is wild.
   PortAheadTest() { makeTree(wild<const void>()); }
@@ -169,10 +170,10 @@ class PortAheadTest : public PortGuardTest {
     wild_ = wildPlace;
     records_.clear();
     defs_ = Defs();
-    defs_.add(1, 20,
+    defs_.add(1, kLength,
               {Field(1, MEM_PORT_LONG, 4, 0), Field(2, MEM_PORT_PNT, 8, 4).of(1),
-               Field(3, MEM_PORT_PNT, 8, 12).of(1)});
-    for (std::size_t i = 0; i < kCount; ++i) records_.emplace_back(20U);
+               Field(3, MEM_PORT_PNT, 8, 12).of(1), Field(4, MEM_PORT_PSTR, 0, 20)});
+    for (std::size_t i = 0; i < kCount; ++i) records_.emplace_back(std::size_t{kLength});
     for (std::size_t i = 0; i < kCount; ++i) {
       records_[i].set(0, static_cast<std::int32_t>(i)).set(4, at(2 * i + 1)).set(12, at(2 * i + 2));
     }
@@ -193,7 +194,7 @@ class PortAheadTest : public PortGuardTest {
     std::string body;
     for (std::size_t i = 0; i < end; ++i) {
       body +=
-          "(1<1N" + reversed(i) + "/2S" + pointer(2 * i + 1) + "/3S" + pointer(2 * i + 2) + ">)";
+          "(1<1N" + reversed(i) + "/2S" + pointer(2 * i + 1) + "/3S" + pointer(2 * i + 2) + "/4X>)";
     }
     return body;
   }
@@ -229,14 +230,14 @@ TEST_F(PortAheadTest, FaultInALaterField) {
   });
   defs_.field(0, 1).Type = MEM_PORT_CHAR;
   defs_.field(0, 1).Length = 1;
-  Record second(20);
-  Record first(20);
+  Record second(std::size_t{kLength});
+  Record first(std::size_t{kLength});
   first.set(12, static_cast<const void *>(second.data()));
   second.set(12, static_cast<const void *>(edge(4)));
   expectFault([&] {
     const std::int16_t result = write(defs_.table(), 1, first.data(), 1000);
     EXPECT_EQ(textOf(firstChunk),
-              std::string(23, ' ') + "(1<1N/2\"/0\"/3S2>)(1<1N/2\"/0\"/3S3>)(1<1N503/2\"");
+              std::string(23, ' ') + "(1<1N/2\"/0\"/3S2/4X>)(1<1N/2\"/0\"/3S3/4X>)(1<1N503/2\"");
     return result;
   });
 }
@@ -245,7 +246,7 @@ TEST_F(PortAheadTest, FaultThatDoesNotComeToItsTurnIsNone) {
   static std::int32_t left;
   left = 1;
   mem.MEM_HeapAllocEntryLong = [](HMEMHEAP handle, std::int32_t length, void **entry) {
-    if (length < 10000 || left-- > 0) return own_.MEM_HeapAllocEntryLong(handle, length, entry);
+    if (length < 100000 || left-- > 0) return own_.MEM_HeapAllocEntryLong(handle, length, entry);
     return std::int16_t{-1};
   };
   host.resetCalls();
@@ -274,7 +275,7 @@ TEST_F(PortAheadTest, FaultIsMendedInItsTurn) {
     return -1;
   };
   pages_.allow(1);
-  std::memcpy(pages_.page(1), records_[kWild].data(), 20);
+  std::memcpy(pages_.page(1), records_[kWild].data(), kLength);
   pages_.forbid(1);
   EXPECT_EQ(write(defs_.table(), 1, records_[0].data(), 1000), 0);
   EXPECT_EQ(textOf(firstChunk), portString(bodyUpTo(kCount), kCount));

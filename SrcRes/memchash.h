@@ -22,7 +22,7 @@ class CallFrame;
 class HashIndex;
 
 // The index of a table when it is so large that its user had better ask for keys ahead (wantSlot(),
-// wantNode()), else null: also when the host has put other services into the table's slots, since
+// wantRecord()), else null: also when the host has put other services into the table's slots, since
 // nothing is known of its handle then. Valid until the table is changed or closed.
 const HashIndex *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) noexcept;
 

@@ -59,10 +59,16 @@ class HashIndex {
   static void add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pIndex, Slot *pSlot,
                   std::int16_t index, HashNode *pNode) noexcept;
 
-  // Asks for a key's slot, and a little later for the node behind it, some time before the key is
-  // looked up.
+  // Asks for a key's slot, and a little later for what the user will read of the record behind it,
+  // some time before the key is looked up.
   void wantSlot(const void *pKey) const noexcept { MEM_PREFETCH(firstSlotOf(pKey)); }
-  void wantNode(const void *pKey) const noexcept { MEM_PREFETCH(firstSlotOf(pKey)->pNode); }
+  void wantRecord(const void *pKey, std::size_t offset) const noexcept {
+    const Slot *pSlot = firstSlotOf(pKey);
+    // To ask for an address that is not there takes long.
+    const void *pWanted = pSlot;
+    if (pSlot->pNode != nullptr) pWanted = bytesAt(pSlot->pNode->record(), offset);
+    MEM_PREFETCH(pWanted);
+  }
 
   // True when look-ups are likely to wait for storage: the slots are more than near caches hold.
   bool isLarge() const noexcept { return capacity_ >= kLargeCapacity; }

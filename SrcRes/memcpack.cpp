@@ -23,9 +23,9 @@ constexpr std::int16_t kTableAreaKB = 4;
 constexpr std::uint16_t kTableSubPool = 0;
 
 // Records by which the fix-up asks for storage ahead: for slots of the table's index, and for the
-// nodes that these lead to.
-constexpr int kFarAhead = 16;
-constexpr int kNearAhead = 8;
+// records that these lead to.
+constexpr int kFarAhead = 8;
+constexpr int kNearAhead = 4;
 
 // What the table keeps of a packed segment. The key comes first.
 struct PackRecord {
@@ -340,7 +340,9 @@ bool Packer::fixPointers() noexcept {
       pFar = pFar->pPrevious;
     }
     if (pNear != nullptr) {
-      forEachTarget(*pNear, [pIndex](const void *pTarget) { pIndex->wantNode(&pTarget); });
+      forEachTarget(*pNear, [pIndex](const void *pTarget) {
+        pIndex->wantRecord(&pTarget, offsetof(PackRecord, relPtr));
+      });
       pNear = pNear->pPrevious;
     }
     if (!fixRecord(*pRecord)) return false;

@@ -74,7 +74,9 @@ void PortLookahead::askForEntries(const MEMPortRef &ref) const noexcept {
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
   const FieldStep *pStep = pPlan->pSteps;
   for (const FieldStep *const pEnd = pStep + pPlan->steps; pStep != pEnd; ++pStep) {
-    if (pStep->type == MEM_PORT_PNT) pIndex->wantNode(pStruct + pStep->offset);
+    if (pStep->type == MEM_PORT_PNT) {
+      pIndex->wantRecord(pStruct + pStep->offset, offsetof(MEMPortRef, sequence));
+    }
   }
   keepOrder();  // as above
 }

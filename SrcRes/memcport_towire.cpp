@@ -1,10 +1,10 @@
 #include "memcport_towire.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 
 #include "bytes.h"
+#include "memcport_words.h"
 #include "textparts.h"
 
 namespace mem {
@@ -16,60 +16,24 @@ std::string_view bytesOf(std::int32_t length, const std::byte *pField) noexcept 
           length > 0 ? static_cast<std::size_t>(length) : std::size_t{0}};
 }
 
-// The bytes of a text as words of eight, the first byte in the low place.
-using Word = std::uint64_t;
-constexpr std::size_t kWordLen = sizeof(Word);
-constexpr Word kEveryByte = 0x0101010101010101U;
-
-template <class T>
-T loadLittle(const char *pFrom) noexcept {
-  if constexpr (std::endian::native == std::endian::little) {
-    return loadAs<T>(pFrom);
-  } else {
-    T value = 0;
-    for (std::size_t i = sizeof(T); i-- > 0;) {
-      value = static_cast<T>(value << 8 | static_cast<unsigned char>(pFrom[i]));
-    }
-    return value;
-  }
-}
-
-Word loadWord(const char *pFrom) noexcept {
-  return loadLittle<Word>(pFrom);
-}
-
-void storeWord(char *pTo, Word word) noexcept {
-  if constexpr (std::endian::native == std::endian::little) {
-    storeAs(pTo, word);
-  } else {
-    for (std::size_t i = 0; i < kWordLen; ++i) pTo[i] = static_cast<char>(word >> 8 * i & 0xFF);
-  }
-}
-
 // A text shorter than a word, with zeros behind it. Nothing outside the text is read.
-Word loadShort(const char *pFrom, std::size_t length) noexcept {
+TextWord loadShort(const char *pFrom, std::size_t length) noexcept {
   constexpr std::size_t kHalfLen = sizeof(std::uint32_t);
   if (length >= kHalfLen) {
     const std::size_t second = length - kHalfLen;  // overlaps the first
-    return loadLittle<std::uint32_t>(pFrom) | Word{loadLittle<std::uint32_t>(pFrom + second)}
-                                                  << 8 * second;
+    return loadAs<std::uint32_t>(pFrom) | TextWord{loadAs<std::uint32_t>(pFrom + second)}
+                                              << 8 * second;
   }
   if (length == 0) return 0;
   const auto byteAt = [pFrom](std::size_t i) noexcept {
-    return Word{static_cast<unsigned char>(pFrom[i])} << 8 * i;
+    return TextWord{static_cast<unsigned char>(pFrom[i])} << 8 * i;
   };
   return byteAt(0) | byteAt(length / 2) | byteAt(length - 1);
 }
 
-// Not zero when a byte of the word is `c`.
-constexpr Word marksOf(Word word, char c) noexcept {
-  const Word difference = word ^ kEveryByte * static_cast<unsigned char>(c);
-  return (difference - kEveryByte) & ~difference & kEveryByte << 7;
-}
-
 // Not zero when a byte of the word stands behind "/" in any text.
-constexpr Word marksOfEscaped(Word word) noexcept {
-  return marksOf(word, '"') | marksOf(word, '/');
+constexpr TextWord marksOfEscaped(TextWord word) noexcept {
+  return marksOfSpecials(word, '"');
 }
 
 constexpr bool isPlain(char c) noexcept {
@@ -79,9 +43,9 @@ constexpr bool isPlain(char c) noexcept {
 // Characters in front of the first that is not plain.
 std::size_t plainLength(std::string_view text) noexcept {
   std::size_t length = 0;
-  for (; text.size() - length >= kWordLen; length += kWordLen) {
-    const Word word = loadWord(text.data() + length);
-    if ((marksOfEscaped(word) | marksOf(word, '\0')) != 0) break;
+  for (; text.size() - length >= kTextWordLen; length += kTextWordLen) {
+    const TextWord word = loadAs<TextWord>(text.data() + length);
+    if ((marksOfEscaped(word) | marksOfZeros(word)) != 0) break;
   }
   while (length < text.size() && isPlain(text[length])) ++length;
   return length;
@@ -108,10 +72,10 @@ char *storeEscaped(char *pTo, std::string_view text) noexcept {
   const char *const pEnd = pFrom + text.size();
   while (pFrom != pEnd) {
     const auto left = static_cast<std::size_t>(pEnd - pFrom);
-    const Word word = left < kWordLen ? loadShort(pFrom, left) : loadWord(pFrom);
-    const std::size_t step = std::min(left, kWordLen);
+    const TextWord word = left < kTextWordLen ? loadShort(pFrom, left) : loadAs<TextWord>(pFrom);
+    const std::size_t step = std::min(left, kTextWordLen);
     if (marksOfEscaped(word) == 0) {
-      storeWord(pTo, word);
+      storeAs(pTo, word);
       pTo += step;
     } else {
       for (const char c : std::string_view(pFrom, step)) {
@@ -125,15 +89,17 @@ char *storeEscaped(char *pTo, std::string_view text) noexcept {
 }
 
 // Copies text word by word, at least one. Returns zero when no character of it is to be escaped.
-Word copyWords(char *pTo, const char *pFrom, std::size_t length) noexcept {
-  const auto copyWord = [](char *pWordTo, Word word) noexcept {
-    storeWord(pWordTo, word);
+TextWord copyWords(char *pTo, const char *pFrom, std::size_t length) noexcept {
+  const auto copyWord = [](char *pWordTo, TextWord word) noexcept {
+    storeAs(pWordTo, word);
     return marksOfEscaped(word);
   };
-  if (length < kWordLen) return copyWord(pTo, loadShort(pFrom, length));
-  const std::size_t last = length - kWordLen;  // overlaps the word before it
-  Word marks = copyWord(pTo + last, loadWord(pFrom + last));
-  for (std::size_t i = 0; i < last; i += kWordLen) marks |= copyWord(pTo + i, loadWord(pFrom + i));
+  if (length < kTextWordLen) return copyWord(pTo, loadShort(pFrom, length));
+  const std::size_t last = length - kTextWordLen;  // overlaps the word before it
+  TextWord marks = copyWord(pTo + last, loadAs<TextWord>(pFrom + last));
+  for (std::size_t i = 0; i < last; i += kTextWordLen) {
+    marks |= copyWord(pTo + i, loadAs<TextWord>(pFrom + i));
+  }
   return marks;
 }
 

@@ -1,6 +1,7 @@
 // The chains that are kept under tests/fixtures/chains: one of every writer, of the sample tree.
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,9 @@ struct Fixture {
   Tree tree;
   Chain chain;
 };
+inline void PrintTo(const Fixture &fixture, std::ostream *out) {
+  *out << fixture.name;
+}
 
 // Chains of writers with 8-byte pointers have their root in block 0, the others in block 1.
 inline std::vector<Fixture> allFixtures() {

@@ -45,9 +45,8 @@ class PortScanner {
   }
   void skip(std::size_t count) noexcept { input_.skip(count); }
 
-  // Unread characters of the current chunk, maybe none; where they begin and end. Who looks at many
+  // Where the unread characters of the current chunk, maybe none, begin and end. Who looks at many
   // of them keeps the place in a variable of its own and moves there before anything else reads.
-  std::string_view unread() const noexcept { return input_.unread(); }
   const char *at() const noexcept { return input_.at(); }
   const char *end() const noexcept { return input_.end(); }
   void moveTo(const char *pNext) noexcept { input_.moveTo(pNext); }

@@ -27,7 +27,7 @@ fi
 figures=$build/peerbench.json
 echo "== measuring" >&2
 "$build/bin/peerbench" --benchmark_out="$figures" --benchmark_out_format=json \
-  --benchmark_repetitions=5 --benchmark_min_time=0.05 \
+  --benchmark_repetitions=9 --benchmark_min_time=0.05 \
   --benchmark_enable_random_interleaving=true \
   >"$build/peerbench.log" || {
   grep -a 'ERROR' "$build/peerbench.log" >&2

@@ -30,7 +30,7 @@ PACKAGES = ["libbenchmark-dev", "libmimalloc-dev", "libboost-dev", "libapr1-dev"
 
 
 class Figures:
-    """Medians of the repetitions, by name: "table/row" or "table/row/column"."""
+    """The quietest repetition of each benchmark, by name: "table/row" or "table/row/column"."""
 
     def __init__(self, path):
         with open(path, encoding="utf-8") as file:
@@ -47,12 +47,14 @@ class Figures:
                 runs.setdefault(name, []).append(run)
         self.repetitions = max(len(group) for group in runs.values())
         self.order = list(runs)
-        self.medians = {name: {key: statistics.median(run[key] for run in group)
-                               for key, value in group[0].items() if isinstance(value, (int, float))}
-                        for name, group in runs.items()}
+        self.quietest = {name: min(group, key=lambda run: run["ns"])
+                         for name, group in runs.items()}
+        self.disturbance = statistics.median(
+            statistics.median(run["median"] for run in group) / self.quietest[name]["ns"]
+            for name, group in runs.items())
 
     def ns(self, name):
-        return self.medians[name]["ns"] if name in self.medians else None
+        return self.quietest[name]["ns"] if name in self.quietest else None
 
     def parts(self, table):
         """Rows and columns of a table, in the order of the run, the library's first."""
@@ -70,9 +72,9 @@ class Figures:
 
     def floor(self, name):
         """What the host calls of one operation cost by themselves, under the same host."""
-        medians = self.medians[name]
+        run = self.quietest[name]
         host = REFERENCE if REFERENCE in name else ""
-        total = sum(medians[calls] * self.ns(f"floor/{cost}{host}") for calls, cost in HOST_COSTS)
+        total = sum(run[calls] * self.ns(f"floor/{cost}{host}") for calls, cost in HOST_COSTS)
         if name.startswith("hash-"):
             total += self.ns("floor-hash/chain walk/" + name.rsplit("/", 1)[1])
         return total
@@ -130,7 +132,7 @@ def sizes(figures, table):
     head = ["bytes per package"] + [f"{int(column):,}" for column in columns]
     return markdown(head, [
         [f"**{row}**" if is_library(row) else row] +
-        [number(figures.medians.get(full_name(table, row, column), {}).get("bytes"))
+        [number(figures.quietest.get(full_name(table, row, column), {}).get("bytes"))
          for column in columns] for row in rows])
 
 
@@ -173,10 +175,10 @@ def under_reference_host(name):
     return "/".join([table, row + REFERENCE, *column])
 
 
-def host_calls(medians):
+def host_calls(run):
     words = [("frames", "frame"), ("anchors", "anchor"), ("gates", "gate pair"),
              ("protects", "protection pair"), ("storage", "storage pair")]
-    named = [f"{word}: {medians[key]:.3g}" for key, word in words if medians[key] >= 0.01]
+    named = [f"{word}: {run[key]:.3g}" for key, word in words if run[key] >= 0.01]
     return ", ".join(named)
 
 
@@ -185,11 +187,11 @@ def multiples(figures):
             "multiple, reference host"]
     lines = []
     for label, name, wished in SERVICES:
-        if name not in figures.medians:
+        if name not in figures.quietest:
             continue
         reference = under_reference_host(name)
         other = figures.ns(reference)
-        lines.append([label, host_calls(figures.medians[name]), number(figures.floor(name)),
+        lines.append([label, host_calls(figures.quietest[name]), number(figures.floor(name)),
                       number(figures.ns(name)), times(figures.ns(name) / figures.floor(name)),
                       "–" if wished is None else f"{wished}",
                       "–" if other is None else times(other / figures.floor(reference))])
@@ -272,7 +274,9 @@ def machine(figures):
         ["compiler", f"g++ {figures.context.get('compiler', '')}, `-O2 -DNDEBUG` for the library "
                      "and for all peers that are compiled here"],
         ["peers", ", ".join(f"{name} {version}" for name, version in versions)],
-        ["repetitions", f"{figures.repetitions}, in mixed order; each figure is the median"],
+        ["repetitions", f"{figures.repetitions}, in mixed order; each figure is the quietest one's"],
+        ["disturbance", f"half of the benchmarks' median batches took more than "
+                        f"{figures.disturbance:.2f} times the figure"],
     ]
     return markdown(["", ""], lines).replace("|--:|", "|---|")
 
@@ -386,7 +390,7 @@ def charts(figures):
     per = "nanoseconds, less is better"
     yield "floor", bar_chart("Services as multiples of their floor, less is better",
                              [(label, figures.ns(name) / figures.floor(name))
-                              for label, name, _ in SERVICES if name in figures.medians])
+                              for label, name, _ in SERVICES if name in figures.quietest])
     yield "heap", bar_chart(f"10,000 entries of 48 bytes, all given back: an entry, {per}",
                             bars_of(figures, "heap-48"))
     yield "cell", bar_chart(f"A cell of 64 bytes taken and given back, {per}",

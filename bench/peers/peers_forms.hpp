@@ -80,7 +80,8 @@ class FormWork {
     const Graph &smaller = Graph::ofPackages(kLarge / 10);
     const double start = threadSeconds();
     form_.encode(smaller);
-    if (threadSeconds() - start > kMostSeconds) throw TooSlow("10,000 packages take too long already");
+    if (threadSeconds() - start > kMostSeconds)
+      throw TooSlow("10,000 packages take too long already");
   }
 
   const Graph &graph_;

@@ -40,25 +40,6 @@ inline const std::byte *bytesAt(const void *pBase, std::size_t offset) noexcept 
   return static_cast<const std::byte *>(pBase) + offset;
 }
 
-// Clears a piece of storage that is mostly short: a pair of stores that may overlap takes less than
-// a call of memset.
-inline void clearBytes(void *pTo, std::size_t length) noexcept {
-  struct Block {
-    std::uint64_t words[2];
-  };
-  std::byte *pLast = bytesAt(pTo, length);
-  if (length < sizeof(Block) || length > 4 * sizeof(Block)) {
-    std::memset(pTo, 0, length);
-  } else {
-    storeAs(pTo, Block{});
-    storeAs(pLast - sizeof(Block), Block{});
-    if (length > 2 * sizeof(Block)) {
-      storeAs(bytesAt(pTo, sizeof(Block)), Block{});
-      storeAs(pLast - 2 * sizeof(Block), Block{});
-    }
-  }
-}
-
 // An eye-catcher is eight characters without a terminator at the start of a control block.
 inline constexpr std::size_t kEyecatcherLen = 8;
 using Eyecatcher = char[kEyecatcherLen + 1];

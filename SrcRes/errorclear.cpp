@@ -20,22 +20,47 @@ void clearByCall(MEMErrorArea &area) noexcept {
 
 #if defined(MEM_AVX_CODE)
 
-constexpr std::size_t kStoreLen = sizeof(__m256i);
+constexpr std::size_t kWideLen = sizeof(__m256);
+constexpr std::size_t kBlocks = sizeof(MEMErrorArea) / kWideLen;
+constexpr std::size_t kTail = sizeof(MEMErrorArea) - kWideLen;  // overlaps the last whole block
 
 MEM_AVX_CODE inline void storeZeros(std::byte *pTo) noexcept {
-  _mm256_storeu_si256(reinterpret_cast<__m256i *>(pTo), _mm256_setzero_si256());
+  _mm256_storeu_ps(reinterpret_cast<float *>(pTo), _mm256_setzero_ps());
 }
 
 // A statement for each store, since a compiler makes a call of memset of a loop.
 template <std::size_t... kIndex>
 MEM_AVX_CODE inline void storeZeros(std::byte *pTo, std::index_sequence<kIndex...>) noexcept {
-  (storeZeros(pTo + kIndex * kStoreLen), ...);
+  (storeZeros(pTo + kIndex * kWideLen), ...);
 }
 
+// All bits of some neighbouring blocks in one, joined as a tree: no join waits for all before it.
+template <std::size_t kCount>
+MEM_AVX_CODE inline __m256 joinedBlocks(const std::byte *pFrom) noexcept {
+  if constexpr (kCount == 1) {
+    return _mm256_loadu_ps(reinterpret_cast<const float *>(pFrom));
+  } else {
+    constexpr std::size_t kHalf = kCount / 2;
+    return _mm256_or_ps(joinedBlocks<kHalf>(pFrom),
+                        joinedBlocks<kCount - kHalf>(pFrom + kHalf * kWideLen));
+  }
+}
+
+// Stores zeros into one part and looks at the rest, which is nearly always clean, since few calls
+// fail. A processor loads and stores at the same time, and more of the former: this is quicker than
+// either alone.
 MEM_AVX_CODE void clearByWideStores(MEMErrorArea &area) noexcept {
+  constexpr std::size_t kStored = 7;
+  constexpr std::size_t kSeen = kBlocks - kStored;
   auto *const pArea = reinterpret_cast<std::byte *>(&area);
-  storeZeros(pArea, std::make_index_sequence<sizeof area / kStoreLen>());
-  storeZeros(pArea + sizeof area - kStoreLen);  // overlaps the one before
+  std::byte *const pRest = pArea + kStored * kWideLen;
+  storeZeros(pArea, std::make_index_sequence<kStored>());
+  const __m256i rest =
+      _mm256_castps_si256(_mm256_or_ps(joinedBlocks<kSeen>(pRest), joinedBlocks<1>(pArea + kTail)));
+  if (_mm256_testz_si256(rest, rest) == 0) [[unlikely]] {
+    storeZeros(pRest, std::make_index_sequence<kSeen>());
+    storeZeros(pArea + kTail);
+  }
 }
 
 #endif

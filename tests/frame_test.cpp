@@ -372,6 +372,21 @@ TEST_P(EverySlotTest, GivesTheSameResultWhateverTheFlags) {
   EXPECT_EQ(traced, usual);
 }
 
+// A clean area takes another way than a used one.
+class ErrorAreaTest : public BoundTest {};
+
+TEST_F(ErrorAreaTest, OneUsedByteAnywhereIsCleared) {
+  const Bytes clean(sizeof error());
+  for (std::size_t place = 0; place < clean.size(); ++place) {
+    for (const std::uint8_t value : {std::uint8_t{0x01}, std::uint8_t{0x80}}) {
+      std::memset(&error(), 0, sizeof error());
+      reinterpret_cast<std::uint8_t *>(&error())[place] = value;
+      mem.MEM_Free(mem.MEM_Alloc(24, 7), 24, 7);
+      ASSERT_EQ(changedRanges(clean, errorBytes(env())), "") << "used: " << place;
+    }
+  }
+}
+
 // Trace records in detail, with services whose records are fixed.
 
 struct TraceCase {

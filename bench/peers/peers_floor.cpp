@@ -70,6 +70,25 @@ class Frame : public FloorWork {
   }
 };
 
+// The library's frame: nothing is left to do for a null cell.
+class LibraryFrame : public FloorWork {
+ public:
+  explicit LibraryFrame(BenchSession &session) : FloorWork(session), mem_(session.mem()) {
+    require(mem_.MEM_CellOpen(&pool_, 256, 8, 0), "MEM_CellOpen");
+  }
+  ~LibraryFrame() { mem_.MEM_CellClose(pool_); }
+  LibraryFrame(const LibraryFrame &) = delete;
+  LibraryFrame &operator=(const LibraryFrame &) = delete;
+  std::int64_t run() {
+    for (std::int64_t i = 0; i < kBatch; ++i) mem_.MEM_CellFreeEntry(pool_, nullptr);
+    return kBatch;
+  }
+
+ private:
+  MEMFunctionVector &mem_;
+  HMEMCELL pool_ = nullptr;
+};
+
 class EnterLeave : public FloorWork {
  public:
   using FloorWork::FloorWork;
@@ -189,6 +208,7 @@ void addClear(const std::string &row, Clear clear) {
 
 void addFloors() {
   addFloor<Frame>("frame");
+  addFloor<LibraryFrame>("a call of the library without work");
   addFloor<EnterLeave>("enter and leave");
   addClear("clear, call of memset", clearByCall);
   addClear("clear, explicit 16-byte stores", clearByVectorStores);

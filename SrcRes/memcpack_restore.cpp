@@ -41,11 +41,11 @@ class BlockFinder {
   std::size_t count_ = 0;
 };
 
-// Goes the way of the walk once more and takes its changes back, as many as there were.
+// Goes the way of the walk once more and takes its steps back, as many as there were.
 class Restorer {
  public:
-  Restorer(const PackedChain &chain, std::uint64_t changes) noexcept
-      : chain_(chain), finder_(chain), text_(chain), left_(changes) {}
+  Restorer(const PackedChain &chain, std::uint64_t steps) noexcept
+      : chain_(chain), finder_(chain), text_(chain), left_(steps) {}
 
   Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept;
   Outcome visitText(const TextUse &use) noexcept;
@@ -85,10 +85,10 @@ Outcome Restorer::visitText(const TextUse &use) noexcept {
 Outcome Restorer::pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
                           bool &isNull) noexcept {
   std::byte *pField = chain_.at(segment) + offset;
-  isNull = loadAs<std::uint64_t>(pField) == 0;
-  if (isNull) return {};
   if (left_ == 0) return allRestored();
   --left_;
+  isNull = loadAs<std::uint64_t>(pField) == 0;
+  if (isNull) return {};
   target = finder_.placeOf(loadAs<std::uintptr_t>(pField));
   chain_.storeRelative(pField, target);
   return {};
@@ -97,9 +97,9 @@ Outcome Restorer::pointer(const ContentPlace &segment, std::int16_t offset, Cont
 }  // namespace
 
 void restoreChain(const PackedChain &chain, const ContentPlace &root,
-                  std::uint64_t changes) noexcept {
-  if (changes == 0) return;
-  Restorer restorer(chain, changes);
+                  std::uint64_t steps) noexcept {
+  if (steps == 0) return;
+  Restorer restorer(chain, steps);
   static_cast<void>(ChainWalk(chain, restorer).run(root));
 }
 

@@ -7,10 +7,10 @@
 
 namespace mem {
 
-// Takes back the first `changes` changes of a walk from `root`: every pointer made, and each wide
-// text whose bytes were swapped. Uses the chain's scratch. REQUIRES: the pointer fields held
-// nothing but block and offset, no two things reached overlap, wide text has kept its length.
-void restoreChain(const PackedChain &chain, const ContentPlace &root,
-                  std::uint64_t changes) noexcept;
+// Takes back the first `steps` steps of a walk from `root`: each pointer field that it passed,
+// where null stays null, and each wide text whose bytes it swapped. Uses the chain's scratch.
+// REQUIRES: the pointer fields held nothing but block and offset, no two things reached overlap,
+// wide text has kept its length.
+void restoreChain(const PackedChain &chain, const ContentPlace &root, std::uint64_t steps) noexcept;
 
 }  // namespace mem

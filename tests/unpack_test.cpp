@@ -927,6 +927,84 @@ TEST_F(UnpackInPlaceTest, NoPointerFieldLiesOverTheEndOfText) {
   }
 }
 
+// Texts that come first among the children, each in front of a segment. In the chain: root, title,
+// first entry, "one", second entry, "two".
+class UnpackLeadingTextTest : public UnpackTest {
+ protected:
+  enum : std::size_t { kEntry = 1, kText = 2 };
+  enum : std::size_t { kFirstEntry = 1, kSecondEntry, kTitleText, kFirstText, kSecondText };
+
+  Tree tree{.kinds = {{Form::Fixed, {child(kText), child(kEntry)}},
+                      {Form::Fixed, {sibling(), child(kText), data(4)}},
+                      {Form::Narrow}},
+            .nodes = {{0, {}, {kTitleText, kFirstEntry}},
+                      {kEntry, {1, 2, 3, 4}, {kSecondEntry, kFirstText}},
+                      {kEntry, {5, 6, 7, 8}, {kNone, kSecondText}},
+                      {kText, {}, {}, "title"},
+                      {kText, {}, {}, "one"},
+                      {kText, {}, {}, "two"}}};
+  Chain chain = chainwriter::write(tree, writerOf("0220"), kRoomy);
+
+  std::uint8_t &terminatorOf(std::size_t text) {
+    const Place place = chain.places[text];
+    return chain.blocks[place.block][place.offset + tree.nodes[text].narrow.size()];
+  }
+};
+
+TEST_F(UnpackLeadingTextTest, TextMayEndBeforeTheNextItem) {
+  for (const std::size_t text : {kTitleText, kFirstText, kSecondText}) {
+    tree.nodes[text].narrow.pop_back();
+    terminatorOf(text) = 0;
+  }
+  load(chain);
+  expectTree(tree, writerOf("0220"));
+}
+
+TEST_F(UnpackLeadingTextTest, TextMustNotEndInASegment) {
+  for (const std::size_t text : {kTitleText, kFirstText}) {
+    SCOPED_TRACE(text);
+    terminatorOf(text) = 'x';
+    expectRefusal(tree, chain, MEMERR_PACKCYCL, kRecursive);
+    terminatorOf(text) = 0;
+  }
+}
+
+TEST_F(UnpackLeadingTextTest, TextMustNotBeginWithASegment) {
+  chain.setPointer(chain.partPlace(tree, 0, 0), chain.places[kFirstEntry]);
+  expectRefusal(tree, chain, MEMERR_PACKCYCL, kRecursive);
+}
+
+TEST_F(UnpackLeadingTextTest, LastTextMustEnd) {
+  terminatorOf(kSecondText) = 'x';
+  expectRefusal(tree, chain, MEMERR_PACKROFF, offText(chain.places[kSecondText].offset));
+}
+
+TEST_F(UnpackLeadingTextTest, LastTextOfABlockMustEnd) {
+  const std::size_t blockLen = chain.places[kSecondEntry].offset + 8;
+  chain = chainwriter::write(tree, writerOf("0220"), blockLen);
+  ASSERT_EQ(chain.places[kSecondEntry].block, 1U);
+  load(chain);
+  expectTree(tree, writerOf("0220"));
+  terminatorOf(kFirstText) = 'x';
+  expectRefusal(tree, chain, MEMERR_PACKROFF, offText(chain.places[kFirstText].offset));
+}
+
+// Wide text that the walk reaches behind a segment lies in front of it, but not over narrow text.
+TEST_F(UnpackLeadingTextTest, WideTextMustNotLieOverTheEndOfNarrowText) {
+  tree.kinds.push_back({Form::Wide});
+  tree.kinds[0].parts.push_back(child(3));
+  tree.nodes[0].targets.push_back(tree.nodes.size());
+  tree.nodes.push_back({3, {}, {}, {}, U"wide"});
+  chain = chainwriter::write(tree, writerOf("0220"), kRoomy);
+  load(chain);
+  expectTree(tree, writerOf("0220"));
+  std::uint8_t *const terminator = &terminatorOf(kTitleText);
+  terminator[1] = 0;
+  const Place title = chain.places[kTitleText];
+  chain.setPointer(chain.partPlace(tree, 0, 2), {title.block, title.offset + 3});
+  expectRefusal(tree, chain, MEMERR_PACKCYCL, kRecursive);
+}
+
 TEST_F(UnpackInPlaceTest, EmptySegmentsShareTheirPlace) {
   tree.kinds[kChild] = {Form::Fixed, {}};
   tree.nodes[1].data.clear();
@@ -1004,6 +1082,26 @@ TEST_F(UnpackInPlaceTest, SixtyFourLevelsWithTextBelowAreTheLimit) {
     expectTree(deepTree(64), writer);
     expectRefusal(deepTree(65), chainwriter::write(deepTree(65), writer, kRoomy), MEMERR_PACKSTAK,
                   "TraversalStackOverflow");
+  }
+}
+
+// The last level has nothing below it.
+TEST_F(UnpackInPlaceTest, SegmentWithoutChildrenTakesALevel) {
+  for (const std::size_t levels : {std::size_t{64}, std::size_t{65}}) {
+    Tree deep{.kinds = {{Form::Fixed, {child(0), child(1)}}, {Form::Fixed, {data(3)}}},
+              .nodes = {}};
+    for (std::size_t i = 0; i + 1 < levels; ++i) {
+      const bool isAboveLast = i + 2 == levels;
+      deep.nodes.push_back({0, {}, {isAboveLast ? kNone : i + 1, isAboveLast ? i + 1 : kNone}});
+    }
+    deep.nodes.push_back({1, {7, 8, 9}});
+    chain = chainwriter::write(deep, writerOf("0220"), kRoomy);
+    load(chain);
+    if (levels == 64) {
+      expectTree(deep, writerOf("0220"));
+    } else {
+      expectRefusal(deep, chain, MEMERR_PACKSTAK, "TraversalStackOverflow");
+    }
   }
 }
 

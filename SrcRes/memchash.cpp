@@ -102,12 +102,6 @@ Place findPlace(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexce
   });
 }
 
-HashNode *findNode(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t index,
-                   const void *pKey) noexcept {
-  const HashIndex *pIndex = HashIndex::of(frame, ctl);
-  return pIndex != nullptr ? pIndex->slotOf(pKey)->pNode : findPlace(ctl, index, pKey).node();
-}
-
 // A node with a null link for a record of `Len` bytes, or null with the heap's error standing. A
 // deleted node is taken without a look at its size: all records of a table have one length.
 HashNode *MemHashAllocEntry(MEMHashCtlBlk &ctl, std::int16_t Len) noexcept {
@@ -229,10 +223,14 @@ std::int16_t MEM_HashGetEntry(HMEMHASH hMemHash, const void *pKey, void **ppEntr
   frame.traceEntry("Parms: hMemHash=%lX, pKey=%lX", hMemHash, pKey);
   if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::composed);
   MEMHashCtlBlk &ctl = *table(hMemHash);
-  const std::int16_t index = ctl.pFunc(pKey);
-  if (!isIndex(ctl, index)) return failIndex(frame, index);
-
-  HashNode *pNode = findNode(frame, ctl, index, pKey);
+  const HashIndex *pIndex = HashIndex::of(frame, ctl);
+  HashNode *pNode = pIndex == nullptr ? nullptr : pIndex->slotOf(pKey)->pNode;
+  if (pNode == nullptr) {
+    // A key in an index has a bucket: the hash function is the library's own, and was asked for it.
+    const std::int16_t index = ctl.pFunc(pKey);
+    if (!isIndex(ctl, index)) return failIndex(frame, index);
+    if (pIndex == nullptr) pNode = findPlace(ctl, index, pKey).node();
+  }
   if (pNode == nullptr) return finishNotFound(frame);
   *ppEntry = pNode->record();
   return frame.succeed();

@@ -4,6 +4,7 @@
 
 #include "bytes.h"
 #include "callframe.h"
+#include "copybytes.h"
 #include "hashblocks.h"
 #include "memchash_index.h"
 
@@ -207,7 +208,7 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   }
   HashNode *pNode = MemHashAllocEntry(ctl, Len);
   if (pNode == nullptr) return finishFailed(frame, "MemHashAllocEntry Return=FAILED");
-  std::memcpy(pNode->record(), pInputEntry, static_cast<std::size_t>(Len));
+  copyBytes(pNode->record(), pInputEntry, static_cast<std::size_t>(Len));
   *place.ppLink = pNode;  // at the end: a bucket keeps the order of insertion
   *ppNewEntry = pNode->record();
   if (pIndex != nullptr) {

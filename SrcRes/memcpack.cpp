@@ -4,6 +4,7 @@
 
 #include "bytes.h"
 #include "callframe.h"
+#include "copybytes.h"
 #include "memchash.h"
 #include "memchash_index.h"
 #include "memcpack_blocks.h"
@@ -246,7 +247,7 @@ bool Packer::copySegment(const Level &level) noexcept {
   const Placement placement = chain_.placeSegment(length, item);
   if (placement == Placement::tooLong) return fail(segmentTooLarge(length));
   if (placement != Placement::done) return fail(failedBlock(placement));
-  std::memcpy(item.pBytes, level.pSegment, static_cast<std::size_t>(length));
+  copyBytes(item.pBytes, level.pSegment, static_cast<std::size_t>(length));
   return copyStrings(plan, level.pSegment, item.pBytes) && recordSegment(level, item);
 }
 
@@ -273,7 +274,7 @@ bool Packer::copyString(bool isWide, const void *pText, MemPackRelPtr &relPtr) n
   const Placement placement = chain_.placeString(reserved, isWide, item);
   if (placement == Placement::tooLong) return fail(stringTooLarge(length));
   if (placement != Placement::done) return fail(failedBlock(placement));
-  std::memcpy(item.pBytes, pText, static_cast<std::size_t>(length));
+  copyBytes(item.pBytes, pText, static_cast<std::size_t>(length));
   relPtr = item.relPtr;
   return true;
 }

@@ -18,10 +18,15 @@ enum class Placement {
   tooManyBlocks  // the chain would pass MEM_PACK_MAX_BLOCKS
 };
 
+// A MemPackRelPtr as one word: put together from parts in storage it could not be read as a whole
+// before these are there.
+using RelPtrWord = std::uint64_t;
+static_assert(sizeof(RelPtrWord) == sizeof(MemPackRelPtr));
+
 // Where an item was put: its bytes, and its relative pointer for the pointer fields.
 struct PlacedItem {
   std::byte *pBytes = nullptr;
-  MemPackRelPtr relPtr{};
+  RelPtrWord relPtr = 0;
 };
 
 // A packed chain under construction. The blocks belong to the caller of the library from the moment
@@ -77,11 +82,9 @@ class BlockChain {
   bool fits(std::uint32_t offset, std::int64_t length) const noexcept {
     return offset + length <= end_ && offset <= kMaxItemOff;
   }
-  // Put together as one word: to be read as one, it would have to wait for stores of its parts.
-  MemPackRelPtr relPtrTo(std::uint32_t offset) const noexcept {
+  RelPtrWord relPtrTo(std::uint32_t offset) const noexcept {
     static_assert(std::endian::native == std::endian::little);
-    const std::uint32_t block = static_cast<std::uint16_t>(blockNumber_);
-    return std::bit_cast<MemPackRelPtr>(std::uint64_t{offset << 16 | block});
+    return static_cast<std::uint16_t>(blockNumber_) | offset << 16;
   }
   Placement put(std::uint32_t offset, std::int64_t length, PlacedItem &item) noexcept {
     item.pBytes = bytesAt(pCurrent_, static_cast<std::size_t>(kUsedStart) + offset);

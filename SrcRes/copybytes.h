@@ -1,4 +1,4 @@
-// Copies of storage that is mostly short.
+// Copies of short pieces of storage.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@
 
 namespace mem {
 
-// Two loads and two stores of a kind, which may overlap.
+// Copies a piece by its ends, which may overlap.
 // REQUIRES: sizeof(Piece) <= length <= 2 * sizeof(Piece).
 template <class Piece>
 inline void copyEnds(void *pTo, const void *pFrom, std::size_t length) noexcept {
@@ -18,19 +18,21 @@ inline void copyEnds(void *pTo, const void *pFrom, std::size_t length) noexcept 
   storeAs(bytesAt(pTo, length - sizeof(Piece)), last);
 }
 
-// Copies what takes less time than a call of memcpy. The two do not overlap.
+// Copies a piece of storage that is mostly short: pairs of stores that may overlap take less than a
+// call of memcpy. The two pieces do not overlap.
 inline void copyBytes(void *pTo, const void *pFrom, std::size_t length) noexcept {
-  struct Half {
+  struct Block {
     std::uint64_t words[2];
   };
-  if (length > 4 * sizeof(Half)) {
+  constexpr std::size_t kPairLen = 2 * sizeof(Block);
+  if (length > 2 * kPairLen) {
     std::memcpy(pTo, pFrom, length);
-  } else if (length > 2 * sizeof(Half)) {
-    copyEnds<Half>(pTo, pFrom, 2 * sizeof(Half));
-    copyEnds<Half>(bytesAt(pTo, length - 2 * sizeof(Half)),
-                   bytesAt(pFrom, length - 2 * sizeof(Half)), 2 * sizeof(Half));
-  } else if (length >= sizeof(Half)) {
-    copyEnds<Half>(pTo, pFrom, length);
+  } else if (length > kPairLen) {
+    const std::size_t second = length - kPairLen;
+    copyEnds<Block>(pTo, pFrom, kPairLen);
+    copyEnds<Block>(bytesAt(pTo, second), bytesAt(pFrom, second), kPairLen);
+  } else if (length >= sizeof(Block)) {
+    copyEnds<Block>(pTo, pFrom, length);
   } else if (length >= sizeof(std::uint64_t)) {
     copyEnds<std::uint64_t>(pTo, pFrom, length);
   } else if (length >= sizeof(std::uint32_t)) {

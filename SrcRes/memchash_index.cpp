@@ -1,5 +1,6 @@
 #include "memchash_index.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -12,6 +13,7 @@ namespace {
 
 constexpr std::uint32_t kMaxCapacity = 0x4000000;  // a gigabyte of slots
 constexpr std::uint32_t kSlotsPerNode = 16;  // at least, of a fresh index: it is about to grow
+constexpr std::uint32_t kGrowth = 4;         // of one that is full, as long as there may be so many
 
 bool mayBeIndexed(const MEMHashCtlBlk &ctl) noexcept {
   return ctl.KeyLen == sizeof(std::uint64_t) &&
@@ -121,7 +123,10 @@ void HashIndex::fillFrom(const HashIndex &smaller) noexcept {
 }
 
 void HashIndex::grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-  HashIndex *pLarger = create(frame, ctl, std::uint64_t{capacity()} * 2);
+  // At the limit not even twice as many are to be had.
+  const std::uint64_t slots =
+      std::max(std::min(capacity() * kGrowth, kMaxCapacity), capacity() * 2);
+  HashIndex *pLarger = create(frame, ctl, slots);
   if (pLarger == nullptr) {
     drop(frame, ctl);
     ctl.IndexState = kIndexRefused;

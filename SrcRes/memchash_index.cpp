@@ -80,7 +80,8 @@ void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
 }
 
 void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-  HashIndex *pIndex = create(frame, ctl, std::bit_ceil(nodeCount(ctl) * kSlotsPerNode));
+  // The last node is the one that was too many, of a power of two as a rule.
+  HashIndex *pIndex = create(frame, ctl, std::bit_ceil((nodeCount(ctl) - 1) * kSlotsPerNode));
   if (pIndex == nullptr) {
     ctl.IndexState = kIndexRefused;
     return;

@@ -307,7 +307,7 @@ TEST_F(HashIndexTest, ATableWhoseThreadBlockIsAwayIsWalked) {
 
 // Storage that is refused costs speed only: no result and no error area shows it.
 TEST_F(HashIndexTest, RefusedStorageLeavesTheTableAsItWouldBe) {
-  constexpr std::uint64_t kKeys = 40000;  // three areas in turn
+  constexpr std::uint64_t kKeys = 70000;  // three areas in turn
   for (std::uint64_t refused = 1; refused <= 3; ++refused) {
     for (std::vector<std::uint64_t> &chain : chains) chain.clear();
     open(packerFunction);

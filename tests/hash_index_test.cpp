@@ -200,6 +200,23 @@ TEST_F(HashIndexTest, ManyAddressesInAnyOrderStayFindable) {
   expectChains();
 }
 
+// Neighbours crowd the index, and some of the crowds reach its end. What is put beyond it is lost
+// when it grows.
+TEST_F(HashIndexTest, NeighboursAtTheIndexsEndStayFindable) {
+  for (std::uint64_t base = 0x1000000; base < 0x3000000; base += 0x123000) {
+    for (std::vector<std::uint64_t> &chain : chains) chain.clear();
+    open(packerFunction);
+    for (std::uint64_t i = 0; i <= kLongestWalked; ++i) insert(base + 256 * i);
+    for (std::uint64_t i = 0; i < 400; ++i) insert(base + 0x10000 + 4096 * (i / 50) + 2 * (i % 50));
+    for (std::uint64_t i = 0; i < 100; ++i) insert(base + 0x20000 + 4096 * i);
+    for (const std::vector<std::uint64_t> &chain : chains) {
+      for (const std::uint64_t key : chain) expectKnown(key);
+    }
+    expectChains();
+    close();
+  }
+}
+
 TEST_F(HashIndexTest, ZeroAndExtremeKeysAreKeysLikeOthers) {
   open(packerFunction);
   for (std::uint64_t i = 1; i <= 100; ++i) insert(256 * i);

@@ -4,6 +4,7 @@
 
 #include "bytes.h"
 #include "callframe.h"
+#include "copybytes.h"
 #include "hashblocks.h"
 #include "memchash_index.h"
 
@@ -100,12 +101,6 @@ Place findPlace(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexce
   return walkChain(ctl, index, [&ctl, pKey](const void *pRecord) noexcept {
     return keysEqual(ctl, pKey, keyIn(ctl, pRecord));
   });
-}
-
-HashNode *findNode(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t index,
-                   const void *pKey) noexcept {
-  const HashIndex *pIndex = HashIndex::of(frame, ctl);
-  return pIndex != nullptr ? pIndex->slotOf(pKey)->pNode : findPlace(ctl, index, pKey).node();
 }
 
 // A node with a null link for a record of `Len` bytes, or null with the heap's error standing. A
@@ -213,7 +208,7 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   }
   HashNode *pNode = MemHashAllocEntry(ctl, Len);
   if (pNode == nullptr) return finishFailed(frame, "MemHashAllocEntry Return=FAILED");
-  std::memcpy(pNode->record(), pInputEntry, static_cast<std::size_t>(Len));
+  copyBytes(pNode->record(), pInputEntry, static_cast<std::size_t>(Len));
   *place.ppLink = pNode;  // at the end: a bucket keeps the order of insertion
   *ppNewEntry = pNode->record();
   if (pIndex != nullptr) {
@@ -229,10 +224,14 @@ std::int16_t MEM_HashGetEntry(HMEMHASH hMemHash, const void *pKey, void **ppEntr
   frame.traceEntry("Parms: hMemHash=%lX, pKey=%lX", hMemHash, pKey);
   if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::composed);
   MEMHashCtlBlk &ctl = *table(hMemHash);
-  const std::int16_t index = ctl.pFunc(pKey);
-  if (!isIndex(ctl, index)) return failIndex(frame, index);
-
-  HashNode *pNode = findNode(frame, ctl, index, pKey);
+  const HashIndex *pIndex = HashIndex::of(frame, ctl);
+  HashNode *pNode = pIndex == nullptr ? nullptr : pIndex->slotOf(pKey)->pNode;
+  if (pNode == nullptr) {
+    // A key in an index has a bucket: the hash function is the library's own, and was asked for it.
+    const std::int16_t index = ctl.pFunc(pKey);
+    if (!isIndex(ctl, index)) return failIndex(frame, index);
+    if (pIndex == nullptr) pNode = findPlace(ctl, index, pKey).node();
+  }
   if (pNode == nullptr) return finishNotFound(frame);
   *ppEntry = pNode->record();
   return frame.succeed();

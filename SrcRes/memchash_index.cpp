@@ -1,5 +1,6 @@
 #include "memchash_index.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -11,15 +12,12 @@ namespace mem {
 namespace {
 
 constexpr std::uint32_t kMaxCapacity = 0x4000000;  // a gigabyte of slots
-constexpr std::uint32_t kSlotsPerNode = 8;  // at least, of a fresh index: it is about to grow
+constexpr std::uint32_t kSlotsPerNode = 16;  // at least, of a fresh index: it is about to grow
+constexpr std::uint32_t kGrowth = 4;         // of one that is full, as long as there may be so many
 
 bool mayBeIndexed(const MEMHashCtlBlk &ctl) noexcept {
   return ctl.KeyLen == sizeof(std::uint64_t) &&
          (ctl.pFunc == MEM_PackHashFunc || ctl.pFunc == MEM_PortHash);
-}
-
-std::uint64_t keyOf(const MEMHashCtlBlk &ctl, HashNode *pNode) noexcept {
-  return loadAs<std::uint64_t>(static_cast<const std::byte *>(pNode->record()) + ctl.KeyOff);
 }
 
 std::int16_t subPoolOf(const MEMHashCtlBlk &ctl) noexcept {
@@ -65,8 +63,8 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
   std::memset(static_cast<void *>(pIndex), 0, size);
   pIndex->pTable_ = &ctl;
   pIndex->size_ = size;
-  pIndex->buckets_ = buckets;
-  pIndex->capacity_ = capacity;
+  pIndex->pSlots_ = reinterpret_cast<Slot *>(pIndex->tails() + buckets);
+  pIndex->lastPlace_ = capacity - 1;
   pIndex->shift_ = 64 - static_cast<std::uint32_t>(std::countr_zero(capacity));
   pIndex->pNext_ = *ppAnchor;
   *ppAnchor = pIndex;
@@ -82,7 +80,8 @@ void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
 }
 
 void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-  HashIndex *pIndex = create(frame, ctl, std::bit_ceil(nodeCount(ctl) * kSlotsPerNode));
+  // The last node is the one that was too many, of a power of two as a rule.
+  HashIndex *pIndex = create(frame, ctl, std::bit_ceil((nodeCount(ctl) - 1) * kSlotsPerNode));
   if (pIndex == nullptr) {
     ctl.IndexState = kIndexRefused;
     return;
@@ -117,59 +116,30 @@ void HashIndex::fill(MEMHashCtlBlk &ctl) noexcept {
 }
 
 void HashIndex::fillFrom(const HashIndex &smaller) noexcept {
-  std::memcpy(tails(), &smaller + 1, buckets_ * sizeof(HashNode *));
-  const Slot *pSlots = smaller.slots();
-  for (std::uint32_t i = 0; i < smaller.capacity_; ++i) {
-    if (pSlots[i].pNode != nullptr) put(pSlots[i].key, pSlots[i].pNode);
+  std::memcpy(tails(), &smaller + 1, tailsLen());
+  for (std::uint32_t i = 0; i <= smaller.lastPlace_; ++i) {
+    const Slot &slot = smaller.pSlots_[i];
+    if (slot.pNode != nullptr) put(slot.key, slot.pNode);
   }
 }
 
-HashNode **HashIndex::endOf(MEMHashCtlBlk &ctl, std::int16_t index) noexcept {
-  HashNode *pTail = tails()[index];
-  return pTail == nullptr ? ctl.bucket(index) : &pTail->pNext;
-}
-
-void HashIndex::add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pIndex, Slot *pSlot,
-                    std::int16_t index, HashNode *pNode) noexcept {
-  pIndex->tails()[index] = pNode;
-  *pSlot = {.key = keyOf(ctl, pNode), .pNode = pNode};
-  ++pIndex->count_;
-  if (pIndex->count_ <= pIndex->capacity_ / 2) return;
-  HashIndex *pLarger = create(frame, ctl, std::uint64_t{pIndex->capacity_} * 2);
+void HashIndex::grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
+  // At the limit not even twice as many are to be had.
+  const std::uint64_t slots =
+      std::max(std::min(capacity() * kGrowth, kMaxCapacity), capacity() * 2);
+  HashIndex *pLarger = create(frame, ctl, slots);
   if (pLarger == nullptr) {
     drop(frame, ctl);
     ctl.IndexState = kIndexRefused;
     return;
   }
-  pLarger->fillFrom(*pIndex);
-  release(frame, ctl, pIndex);
+  pLarger->fillFrom(*this);
+  release(frame, ctl, this);
 }
 
 void HashIndex::put(std::uint64_t key, HashNode *pNode) noexcept {
   *slotOf(key) = {.key = key, .pNode = pNode};
   ++count_;
-}
-
-HashIndex::Slot *HashIndex::slots() const noexcept {
-  return reinterpret_cast<Slot *>(
-      const_cast<HashNode **>(reinterpret_cast<HashNode *const *>(this + 1)) + buckets_);
-}
-
-// Where a key belongs. Structures that lie together are met together, so the addresses of one page
-// have places side by side; the pages are spread by a multiplication.
-std::uint32_t HashIndex::placeOf(std::uint64_t key) const noexcept {
-  const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * 0x9E3779B97F4A7C15U) >> shift_);
-  return (ofPage + static_cast<std::uint32_t>(key % 4096 / 16)) & (capacity_ - 1);
-}
-
-// The slot with the key, or the free one where it belongs.
-HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
-  Slot *pSlots = slots();
-  std::uint32_t place = placeOf(key);
-  while (pSlots[place].pNode != nullptr && pSlots[place].key != key) {
-    place = (place + 1) & (capacity_ - 1);
-  }
-  return &pSlots[place];
 }
 
 }  // namespace mem

@@ -4,6 +4,7 @@
 
 #include "bytes.h"
 #include "callframe.h"
+#include "copybytes.h"
 #include "memchash.h"
 #include "memchash_index.h"
 #include "memcpack_blocks.h"
@@ -31,7 +32,7 @@ constexpr int kNearAhead = 4;
 struct PackRecord {
   const void *pSegment;   // in the caller's structure
   std::byte *pCopy;       // in the blocks
-  MemPackRelPtr relPtr;   // of the copy
+  RelPtrWord relPtr;      // of the copy
   PackRecord *pPrevious;  // segment packed before this one
   std::uint16_t Descriptor;
   std::uint8_t Reserved34[6];
@@ -133,7 +134,7 @@ class Packer {
   bool copyStructure() noexcept;
   bool copySegment(const Level &level) noexcept;
   bool copyStrings(const SegmentPlan &plan, const void *pSegment, std::byte *pCopy) noexcept;
-  bool copyString(bool isWide, const void *pText, MemPackRelPtr &relPtr) noexcept;
+  bool copyString(bool isWide, const void *pText, RelPtrWord &relPtr) noexcept;
   bool recordSegment(const Level &level, const PlacedItem &item) noexcept;
   bool fixPointers() noexcept;
   template <class Use>
@@ -246,7 +247,7 @@ bool Packer::copySegment(const Level &level) noexcept {
   const Placement placement = chain_.placeSegment(length, item);
   if (placement == Placement::tooLong) return fail(segmentTooLarge(length));
   if (placement != Placement::done) return fail(failedBlock(placement));
-  std::memcpy(item.pBytes, level.pSegment, static_cast<std::size_t>(length));
+  copyBytes(item.pBytes, level.pSegment, static_cast<std::size_t>(length));
   return copyStrings(plan, level.pSegment, item.pBytes) && recordSegment(level, item);
 }
 
@@ -256,7 +257,7 @@ bool Packer::copyStrings(const SegmentPlan &plan, const void *pSegment, std::byt
   for (const TextField &field : plan.texts()) {
     const void *pText = loadPointer(pSegment, field.Offset);
     if (pText == nullptr) continue;
-    MemPackRelPtr relPtr{};
+    RelPtrWord relPtr = 0;
     if (!copyString(field.isWide, pText, relPtr)) return false;
     storeAs(bytesAt(pCopy, static_cast<std::size_t>(field.Offset)), relPtr);
   }
@@ -264,7 +265,7 @@ bool Packer::copyStrings(const SegmentPlan &plan, const void *pSegment, std::byt
 }
 
 // Wide text gets twice its room, so that a reader with 4-byte characters can widen it in place.
-bool Packer::copyString(bool isWide, const void *pText, MemPackRelPtr &relPtr) noexcept {
+bool Packer::copyString(bool isWide, const void *pText, RelPtrWord &relPtr) noexcept {
   const std::int64_t length =
       isWide ? 2 * wideLength(pText) + 2
              : static_cast<std::int64_t>(std::strlen(static_cast<const char *>(pText))) + 1;
@@ -273,7 +274,7 @@ bool Packer::copyString(bool isWide, const void *pText, MemPackRelPtr &relPtr) n
   const Placement placement = chain_.placeString(reserved, isWide, item);
   if (placement == Placement::tooLong) return fail(stringTooLarge(length));
   if (placement != Placement::done) return fail(failedBlock(placement));
-  std::memcpy(item.pBytes, pText, static_cast<std::size_t>(length));
+  copyBytes(item.pBytes, pText, static_cast<std::size_t>(length));
   relPtr = item.relPtr;
   return true;
 }

@@ -200,6 +200,23 @@ TEST_F(HashIndexTest, ManyAddressesInAnyOrderStayFindable) {
   expectChains();
 }
 
+// Neighbours crowd the index, and some of the crowds reach its end. What is put beyond it is lost
+// when it grows.
+TEST_F(HashIndexTest, NeighboursAtTheIndexsEndStayFindable) {
+  for (std::uint64_t base = 0x1000000; base < 0x3000000; base += 0x123000) {
+    for (std::vector<std::uint64_t> &chain : chains) chain.clear();
+    open(packerFunction);
+    for (std::uint64_t i = 0; i <= kLongestWalked; ++i) insert(base + 256 * i);
+    for (std::uint64_t i = 0; i < 400; ++i) insert(base + 0x10000 + 4096 * (i / 50) + 2 * (i % 50));
+    for (std::uint64_t i = 0; i < 100; ++i) insert(base + 0x20000 + 4096 * i);
+    for (const std::vector<std::uint64_t> &chain : chains) {
+      for (const std::uint64_t key : chain) expectKnown(key);
+    }
+    expectChains();
+    close();
+  }
+}
+
 TEST_F(HashIndexTest, ZeroAndExtremeKeysAreKeysLikeOthers) {
   open(packerFunction);
   for (std::uint64_t i = 1; i <= 100; ++i) insert(256 * i);
@@ -307,7 +324,7 @@ TEST_F(HashIndexTest, ATableWhoseThreadBlockIsAwayIsWalked) {
 
 // Storage that is refused costs speed only: no result and no error area shows it.
 TEST_F(HashIndexTest, RefusedStorageLeavesTheTableAsItWouldBe) {
-  constexpr std::uint64_t kKeys = 40000;  // three areas in turn
+  constexpr std::uint64_t kKeys = 70000;  // three areas in turn
   for (std::uint64_t refused = 1; refused <= 3; ++refused) {
     for (std::vector<std::uint64_t> &chain : chains) chain.clear();
     open(packerFunction);

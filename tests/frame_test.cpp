@@ -372,18 +372,39 @@ TEST_P(EverySlotTest, GivesTheSameResultWhateverTheFlags) {
   EXPECT_EQ(traced, usual);
 }
 
-// A clean area takes another way than a used one.
-class ErrorAreaTest : public BoundTest {};
+// How the area is cleared hangs on where it lies and on what is used in it.
+class ErrorAreaTest : public BoundTest, public ::testing::WithParamInterface<std::size_t> {
+ protected:
+  // Entry points see a thread environment that lies the parameter behind a multiple of 64.
+  ErrorAreaTest() {
+    ownRuntime = host.runtime();
+    placed = reinterpret_cast<MEMThreadEnv *>(storage_ + GetParam());
+    host.runtime().EnterFrame = [](MEMTraceFrame *pFrame, std::int32_t component) {
+      ownRuntime.EnterFrame(pFrame, component);
+      pFrame->pThreadEnv = placed;
+    };
+  }
 
-TEST_F(ErrorAreaTest, OneUsedByteAnywhereIsCleared) {
-  const Bytes clean(sizeof error());
-  for (std::size_t place = 0; place < clean.size(); ++place) {
-    for (const std::uint8_t value : {std::uint8_t{0x01}, std::uint8_t{0x80}}) {
-      std::memset(&error(), 0, sizeof error());
-      reinterpret_cast<std::uint8_t *>(&error())[place] = value;
-      mem.MEM_Free(mem.MEM_Alloc(24, 7), 24, 7);
-      ASSERT_EQ(changedRanges(clean, errorBytes(env())), "") << "used: " << place;
-    }
+  static MEMRuntimeServices ownRuntime;
+  static MEMThreadEnv *placed;
+
+ private:
+  alignas(64) std::uint8_t storage_[sizeof(MEMThreadEnv) + 64] = {};
+};
+
+MEMRuntimeServices ErrorAreaTest::ownRuntime;
+MEMThreadEnv *ErrorAreaTest::placed;
+
+INSTANTIATE_TEST_SUITE_P(Places, ErrorAreaTest, ::testing::Range<std::size_t>(0, 64, 8));
+
+TEST_P(ErrorAreaTest, OneUsedByteAnywhereIsClearedAndNothingElse) {
+  fillEnv(*placed, 0xEE);
+  std::memset(&placed->Error, 0, sizeof placed->Error);
+  const Bytes clean = envBytes(*placed);
+  for (std::size_t place = 0; place < sizeof placed->Error; ++place) {
+    reinterpret_cast<std::uint8_t *>(&placed->Error)[place] = place % 2 == 0 ? 0x01 : 0x80;
+    mem.MEM_Free(mem.MEM_Alloc(24, 7), 24, 7);
+    ASSERT_EQ(changedRanges(clean, envBytes(*placed)), "") << "used: " << place;
   }
 }
 

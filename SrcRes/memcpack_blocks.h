@@ -83,8 +83,9 @@ class BlockChain {
     return offset + length <= end_ && offset <= kMaxItemOff;
   }
   RelPtrWord relPtrTo(std::uint32_t offset) const noexcept {
-    static_assert(std::endian::native == std::endian::little);
-    return static_cast<std::uint16_t>(blockNumber_) | offset << 16;
+    return std::bit_cast<RelPtrWord>(MemPackRelPtr{.Block = static_cast<std::int16_t>(blockNumber_),
+                                                   .Offset = static_cast<std::int16_t>(offset),
+                                                   .Reserved4 = 0});
   }
   Placement put(std::uint32_t offset, std::int64_t length, PlacedItem &item) noexcept {
     item.pBytes = bytesAt(pCurrent_, static_cast<std::size_t>(kUsedStart) + offset);

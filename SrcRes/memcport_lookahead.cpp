@@ -55,12 +55,11 @@ void PortLookahead::askForTexts(const MEMPortRef &ref) const noexcept {
   if (pPlan == nullptr) return;
   const HashIndex *pIndex = indexToAskAhead(frame_, hRegistry_);
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
-  const FieldStep *pStep = pPlan->pSteps;
-  for (const FieldStep *const pEnd = pStep + pPlan->steps; pStep != pEnd; ++pStep) {
+  for (const FieldStep *pStep = pPlan->pSteps; !pStep->endsRow(); ++pStep) {
     const std::byte *pField = pStruct + pStep->offset;
-    if (pStep->type == MEM_PORT_PSTR) {
+    if (pStep->kind == StepKind::text) {
       MEM_PREFETCH(orElse(loadAs<const void *>(pField), pStruct));
-    } else if (pStep->type == MEM_PORT_PNT && pIndex != nullptr) {
+    } else if (pStep->kind == StepKind::pointer && pIndex != nullptr) {
       pIndex->wantSlot(pField);
     }
   }
@@ -72,9 +71,8 @@ void PortLookahead::askForEntries(const MEMPortRef &ref) const noexcept {
   const HashIndex *pIndex = indexToAskAhead(frame_, hRegistry_);
   if (pPlan == nullptr || pIndex == nullptr) return;
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
-  const FieldStep *pStep = pPlan->pSteps;
-  for (const FieldStep *const pEnd = pStep + pPlan->steps; pStep != pEnd; ++pStep) {
-    if (pStep->type == MEM_PORT_PNT) {
+  for (const FieldStep *pStep = pPlan->pSteps; !pStep->endsRow(); ++pStep) {
+    if (pStep->kind == StepKind::pointer) {
       pIndex->wantRecord(pStruct + pStep->offset, offsetof(MEMPortRef, sequence));
     }
   }

@@ -8,72 +8,142 @@ namespace mem {
 
 namespace {
 
-// The letter that opens every value of a type, or 0 where a converter writes it.
-char letterOf(std::uint8_t type) noexcept {
+StepKind kindOf(std::uint8_t type) noexcept {
   switch (type) {
     case MEM_PORT_SHORT:
+      return StepKind::int16;
     case MEM_PORT_USHORT:
+      return StepKind::uint16;
     case MEM_PORT_LONG:
+      return StepKind::int32;
     case MEM_PORT_ULONG:
-    case MEM_PORT_UBIGINT:
+      return StepKind::uint32;
     case MEM_PORT_BIGINT:
-      return 'N';
+      return StepKind::int64;
+    case MEM_PORT_UBIGINT:
+      return StepKind::uint64;
     case MEM_PORT_PNT:
-      return 'S';
+      return StepKind::pointer;
     case MEM_PORT_PSTR:
-      return 'X';
+      return StepKind::text;
     default:
-      return 0;
+      return StepKind::other;
   }
 }
 
-bool isNumber(std::uint8_t type) noexcept {
-  return letterOf(type) == 'N';
+// The letter that opens every value of a kind.
+std::string_view letterOf(StepKind kind) noexcept {
+  switch (kind) {
+    case StepKind::pointer:
+      return "S";
+    case StepKind::text:
+      return "X";
+    case StepKind::end:
+    case StepKind::close:
+    case StepKind::fixed:
+    case StepKind::other:
+      return "";
+    default:
+      return "N";
+  }
 }
+
+// Characters that are put together for a step. At most "(", two numbers of 32 bits and "<".
+class FixedText {
+ public:
+  FixedText &add(std::string_view text) noexcept {
+    std::memcpy(text_ + length_, text.data(), text.size());
+    length_ += text.size();
+    return *this;
+  }
+  FixedText &addReversed(std::uint32_t value) noexcept {
+    length_ = static_cast<std::size_t>(putReversed(text_ + length_, value) - text_);
+    return *this;
+  }
+  std::string_view view() const noexcept { return {text_, length_}; }
+
+ private:
+  static constexpr std::size_t kMostInFront = 12;
+
+  char text_[kMostInFront + kMostStoredDigits];
+  std::size_t length_ = 0;
+};
 
 }  // namespace
 
 void PortPlans::add(const MEMStructDef &def) noexcept {
   const std::size_t place = def.StructID % kPlaces;
-  const std::int32_t fields = fieldCount(def);
-  if (ids_[place] != 0 || fields > kMostSteps - stepsInUse_) return;
-  StructPlan &plan = plans_[place];
-  char head[1 + kMostStoredDigits + 1] = {'('};
-  char *pEnd = putReversed(head + 1, def.StructID);
-  plan.isCounted = hasRepeatField(def);
-  *pEnd++ = plan.isCounted ? ',' : '<';
-  plan.headLen = static_cast<std::uint8_t>(pEnd - head);
-  std::memcpy(plan.head, head, sizeof plan.head);
-  plan.pDef = &def;
-  plan.pSteps = steps_ + stepsInUse_;
-  plan.steps = 0;
-  for (std::int32_t i = 0; i < fields; ++i) {
-    if (def.Fields[i].NotPorted == 0) addStep(plan, def.Fields[i]);
+  const std::int32_t usedBefore = stepsInUse_;
+  if (ids_[place] != 0 || fieldCount(def) > kMostSteps - kExtraSteps - usedBefore) return;
+  if (make(def, plans_[place])) {
+    ids_[place] = def.StructID;
+  } else {
+    stepsInUse_ = usedBefore;
   }
-  plan.isRepeated = plan.isCounted && fields > 0 && def.Fields[fields - 1].NotPorted == 0;
-  if (plan.isRepeated) {
-    if (plan.steps == 1) return;  // odd: the first element has another prefix than the rest
-    --plan.steps;
-  }
-  stepsInUse_ += fields;
-  ids_[place] = def.StructID;
 }
 
-void PortPlans::addStep(StructPlan &plan, const MEMFieldDef &field) noexcept {
-  FieldStep &step = steps_[stepsInUse_ + plan.steps];
-  char prefix[1 + kMostStoredDigits + 1] = {'/'};
-  step.isFirst = plan.steps == 0;
-  char *pEnd = putReversed(prefix + (step.isFirst ? 0 : 1), field.FieldID);
-  const char letter = letterOf(field.Type);
-  const auto length = static_cast<std::uint8_t>(pEnd - prefix);
-  *pEnd = letter;
-  std::memcpy(step.prefix, prefix, sizeof step.prefix);
+bool PortPlans::make(const MEMStructDef &def, StructPlan &plan) noexcept {
+  const std::int32_t fields = fieldCount(def);
+  const bool isRepeated =
+      hasRepeatField(def) && fields > 0 && def.Fields[fields - 1].NotPorted == 0;
+  plan = {.pDef = &def, .pSteps = nullptr, .pHead = nullptr, .pRepeated = nullptr};
+  FixedText inFront = FixedText().add("(").addReversed(def.StructID);
+  if (hasRepeatField(def)) {
+    plan.pHead = &addStep(StepKind::fixed, inFront.add(",").view());
+    addStep(StepKind::end, "");
+    inFront = FixedText();
+  }
+  inFront.add("<");
+  plan.pSteps = nextStep();
+  for (std::int32_t i = 0; i < fields - (isRepeated ? 1 : 0); ++i) {
+    if (def.Fields[i].NotPorted != 0) continue;
+    addField(def.Fields[i], inFront.view());
+    inFront = FixedText().add("/");
+  }
+  const bool isWritten = nextStep() != plan.pSteps;
+  if (isRepeated && !isWritten) return false;  // odd: the first element's "<" is not the others'
+  if (!isRepeated) {
+    addStep(StepKind::close, (isWritten ? FixedText() : inFront).add(">)").view());
+    return true;
+  }
+  addStep(StepKind::end, "");
+  plan.pRepeated = nextStep();
+  addField(def.Fields[fields - 1], inFront.view());
+  addStep(StepKind::end, "");
+  return true;
+}
+
+// A field, with what stands in front of its identifier.
+void PortPlans::addField(const MEMFieldDef &field, std::string_view before) noexcept {
+  const StepKind kind = kindOf(field.Type);
+  const std::string_view letter = letterOf(kind);
+  FixedText fixed = FixedText().add(before).addReversed(field.FieldID);
+  if (fixed.view().size() + letter.size() > FieldStep::kPrefixLen) {
+    addStep(StepKind::fixed, before);
+    fixed = FixedText().addReversed(field.FieldID);
+  }
+  FieldStep &step = addStep(kind, fixed.view());
+  std::memcpy(step.prefix + step.fixedLen, letter.data(), letter.size());
   step.pField = &field;
   step.offset = field.Offset;
-  step.type = field.Type;
-  step.prefixLen = static_cast<std::uint8_t>(letter == 0 ? length : length + 1);
-  step.readyLen = isNumber(field.Type) ? step.prefixLen : length;
-  ++plan.steps;
+  step.prefixLen = static_cast<std::uint8_t>(step.fixedLen + letter.size());
+  // A number's letter is written before the number is read, other letters behind.
+  if (letter == "N") step.readyLen = step.prefixLen;
+}
+
+// REQUIRES: a step that is free; no more characters than a prefix takes.
+FieldStep &PortPlans::addStep(StepKind kind, std::string_view fixed) noexcept {
+  FieldStep &step = steps_[stepsInUse_++];
+  const auto length = static_cast<std::uint8_t>(fixed.size());
+  step = {.prefix = {},
+          .pField = nullptr,
+          .offset = 0,
+          .kind = kind,
+          .prefixLen = length,
+          .readyLen = length,
+          .fixedLen = length};
+  std::memcpy(step.prefix, fixed.data(), fixed.size());
+  return step;
 }
 
 }  // namespace mem

@@ -8,35 +8,54 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "memcport_defs.h"
 
 namespace mem {
 
-// A field that is written: "/" (unless it is the first), its identifier and the letter of its type
-// if that is always the same.
+// What a step has to write behind its fixed characters.
+enum class StepKind : std::uint8_t {
+  end,    // nothing, and the row ends
+  close,  // nothing, and with the row ends the structure
+  fixed,  // nothing
+  int16,
+  uint16,
+  int32,
+  uint32,
+  int64,
+  uint64,
+  pointer,
+  text,  // that is pointed to
+  other  // what a converter writes, with its letter
+};
+
+// A field that is written: "/" (unless it is the first), its identifier and the letter of its kind.
+// The structure's own characters, in front of its fields and behind them, are steps as well; those
+// in front are joined with the first field's where there is room for both.
 struct FieldStep {
   static constexpr std::size_t kPrefixLen = 16;
 
   char prefix[kPrefixLen];
-  const MEMFieldDef *pField;
+  const MEMFieldDef *pField;  // null when there is none
   std::int32_t offset;
-  std::uint8_t type;
+  StepKind kind;
   std::uint8_t prefixLen;
   std::uint8_t readyLen;  // characters that stand before the field is read
-  bool isFirst;
+  std::uint8_t fixedLen;  // characters in front of the letter
+
+  bool endsRow() const noexcept { return kind == StepKind::end || kind == StepKind::close; }
 };
 
+// Rows of steps.
 struct StructPlan {
-  static constexpr std::size_t kHeadLen = 16;
-
-  char head[kHeadLen];  // "(", the identifier, and "<" unless a count comes first
   const MEMStructDef *pDef;
-  const FieldStep *pSteps;  // of the fields that are written once
-  std::uint16_t steps;
-  std::uint8_t headLen;
-  bool isCounted;
-  bool isRepeated;  // one more step, for each element of the repeat field
+  const FieldStep *pSteps;     // of all that is written once, but for the next
+  const FieldStep *pHead;      // of what comes in front of the count, or null without a count
+  const FieldStep *pRepeated;  // of an element of the repeat field, or null without elements
+
+  // Whether one row is all that the structure takes.
+  bool isOneRow() const noexcept { return pHead == nullptr; }
 };
 
 class PortPlans {
@@ -55,7 +74,12 @@ class PortPlans {
   static constexpr std::size_t kPlaces = 32;
   static constexpr std::int32_t kMostSteps = 256;
 
-  void addStep(StructPlan &plan, const MEMFieldDef &field) noexcept;
+  static constexpr std::int32_t kExtraSteps = 5;  // of a plan, beyond those of its fields
+
+  bool make(const MEMStructDef &def, StructPlan &plan) noexcept;
+  const FieldStep *nextStep() const noexcept { return steps_ + stepsInUse_; }
+  FieldStep &addStep(StepKind kind, std::string_view fixed) noexcept;
+  void addField(const MEMFieldDef &field, std::string_view before) noexcept;
 
   std::uint32_t ids_[kPlaces] = {};  // 0 in a free place; no definition has that identifier
   std::int32_t stepsInUse_ = 0;

@@ -178,9 +178,8 @@ std::size_t highSurrogates(const WideView &text) noexcept {
   return count;
 }
 
-}  // namespace
-
-// Most texts are plain, and copied while they are looked through.
+// Narrow text between double quotes. Most is plain, and copied while it is looked through.
+// REQUIRES: no zeros in it.
 bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
   constexpr std::size_t kQuotes = 2;
   char *pTo = output.roomFor(2 * text.size() + kQuotes + PortOutput::kSpill);
@@ -191,6 +190,13 @@ bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
   *pEnd = '"';
   output.advanceTo(pEnd + 1);
   return true;
+}
+
+}  // namespace
+
+bool appendText(PortOutput &output, const char *pText) noexcept {
+  const std::string_view text(pText);
+  return output.appendReversed(text.size()) && appendQuoted(output, text);
 }
 
 bool MEM_Char2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
@@ -205,8 +211,7 @@ bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte
 bool MEM_PStr2PortStr(PortOutput &output, const char *pText) noexcept {
   if (!output.append('X')) return false;
   if (pText == nullptr) return true;
-  const std::string_view text(pText);
-  return output.appendReversed(text.size()) && appendQuoted(output, text);
+  return appendText(output, pText);
 }
 
 bool MEM_Bin2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {

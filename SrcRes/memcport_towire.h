@@ -19,8 +19,8 @@ bool MEM_WChar2PortStr(PortOutput &output, std::int32_t length, const std::byte 
 bool MEM_WCharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept;
 bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept;
 
-// Narrow text between double quotes. REQUIRES: no zeros in it.
-bool appendQuoted(PortOutput &output, std::string_view text) noexcept;
+// A text's length, and the text between double quotes.
+bool appendText(PortOutput &output, const char *pText) noexcept;
 
 // Characters that putNumber may store.
 inline constexpr std::size_t kMostNumber = 1 + kMostStoredDigits;

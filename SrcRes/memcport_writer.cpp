@@ -4,7 +4,9 @@
 #include "heapblocks.h"
 #include "memcport.h"
 #include "memcport_defs.h"
+#include "memcport_shorttext.h"
 #include "memcport_towire.h"
+#include "platform.h"
 
 namespace mem {
 
@@ -36,6 +38,24 @@ std::int16_t MEM_PortHash(const void *pKey) noexcept {
   return static_cast<std::int16_t>(hashed % kRegistryModulus);
 }
 
+// The structure's entry, made at its first mention.
+inline std::int16_t PortWriter::enter(const void *pStruct, std::uint32_t structID,
+                                      MEMPortRef *&pRef) noexcept {
+  fresh_.pStruct = pStruct;
+  fresh_.StructID = structID;
+  void *pStored = nullptr;
+  const std::int16_t status = functionVector().MEM_HashInsEntry(
+      hRegistry_, static_cast<std::int16_t>(sizeof fresh_), &fresh_, &pStored);
+  if (status != 0 && status != MEMERR_HASHDKEY) return status;
+  pRef = static_cast<MEMPortRef *>(pStored);
+  if (status == 0) {
+    ++fresh_.sequence;
+    if (pTail_ != nullptr) pTail_->pNext = pRef;
+    pTail_ = pRef;
+  }
+  return 0;
+}
+
 std::int16_t PortWriter::run() noexcept {
   if (pRef_ == nullptr) {
     if (const std::int16_t status = start(); status != 0) return status;
@@ -44,7 +64,7 @@ std::int16_t PortWriter::run() noexcept {
   const std::int16_t status = writeAll();
   output_.clearSpill();
   if (status != 0) return status;
-  output_.writeHeader(structures_);
+  output_.writeHeader(structures());
   *pTotalLen_ = output_.total();
   return 0;
 }
@@ -102,31 +122,34 @@ std::int16_t PortWriter::start() noexcept {
 }
 
 // The queue grows at its tail while it is walked: structures are written in the order in which
-// pointers to them are met.
+// pointers to them are met. writeSteps may take several of them at once.
 std::int16_t PortWriter::writeAll() noexcept {
   for (; pRef_ != nullptr; pRef_ = pRef_->pNext) {
-    if (structures_ > kMostInCaches) lookahead_.ask(*pRef_);
+    askAhead();
     if (const std::int16_t status = MEM_Struct2Port(*pRef_, 0); status != 0) return status;
   }
   return 0;
 }
 
-// The structure's entry, made at its first mention.
-std::int16_t PortWriter::enter(const void *pStruct, std::uint32_t structID,
-                               MEMPortRef *&pRef) noexcept {
-  const MEMPortRef fresh{
-      .pStruct = pStruct, .StructID = structID, .sequence = structures_ + 1, .pNext = nullptr};
-  void *pStored = nullptr;
-  const std::int16_t status = functionVector().MEM_HashInsEntry(
-      hRegistry_, static_cast<std::int16_t>(sizeof fresh), &fresh, &pStored);
-  if (status != 0 && status != MEMERR_HASHDKEY) return status;
-  pRef = static_cast<MEMPortRef *>(pStored);
-  if (status == 0) {
-    ++structures_;
-    if (pTail_ != nullptr) pTail_->pNext = pRef;
-    pTail_ = pRef;
+// In a small graph most of what comes next is in the near caches, but not the structures.
+void PortWriter::askAhead() noexcept {
+  if (structures() > kMostInCaches) {
+    lookahead_.ask(*pRef_);
+  } else if (pRef_->pNext != nullptr) {
+    MEM_PREFETCH(pRef_->pNext->pStruct);
   }
-  return 0;
+}
+
+// The plan of the next structure in the queue, which becomes the one that is written, when a row is
+// all that it takes. Else null, and nothing changes.
+const StructPlan *PortWriter::goOn() noexcept {
+  MEMPortRef *pNext = pRef_->pNext;
+  if (pNext == nullptr) return nullptr;
+  const StructPlan *pPlan = plans_.find(pNext->StructID);
+  if (pPlan == nullptr || !pPlan->isOneRow()) return nullptr;
+  pRef_ = pNext;
+  askAhead();
+  return pPlan;
 }
 
 std::int16_t PortWriter::MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept {
@@ -161,83 +184,93 @@ std::int16_t PortWriter::writeUnplanned(const MEMStructDef &def, const std::byte
 
 std::int16_t PortWriter::writePlanned(const StructPlan &plan, const std::byte *pStruct,
                                       int nesting) noexcept {
-  std::int16_t status = appendHead(plan);
-  std::uint32_t elements = 1;
-  if (status == 0 && plan.isCounted) {
-    status = writeCount(*plan.pDef, pStruct, elements);
-    if (status == 0) status = append('<');
+  std::int16_t status = 0;
+  std::uint32_t elements = 0;
+  if (plan.pHead != nullptr) {
+    status = writeSteps(&plan, plan.pHead, pStruct, nesting);
+    if (status == 0) status = writeCount(*plan.pDef, pStruct, elements);
   }
-  if (status == 0) status = writeSteps(plan, plan.pSteps, plan.steps, pStruct, nesting);
-  if (plan.isRepeated) {
-    const FieldStep &step = plan.pSteps[plan.steps];
-    for (std::uint32_t k = 0; status == 0 && k < elements; ++k) {
-      const std::int64_t offset = std::int64_t{k} * step.pField->Length;
-      status = writeSteps(plan, &step, 1, pStruct + offset, nesting);
-    }
+  if (status == 0) status = writeSteps(&plan, plan.pSteps, pStruct, nesting);
+  if (plan.pRepeated == nullptr || status != 0) return status;
+  for (std::uint32_t k = 0; status == 0 && k < elements; ++k) {
+    const std::int64_t offset = std::int64_t{k} * plan.pRepeated->pField->Length;
+    status = writeSteps(&plan, plan.pRepeated, pStruct + offset, nesting);
   }
   return status == 0 ? append(">)") : status;
 }
 
-std::int16_t PortWriter::appendHead(const StructPlan &plan) noexcept {
-  char *pTo = output_.roomFor(StructPlan::kHeadLen);
-  if (pTo == nullptr) return append(std::string_view(plan.head, plan.headLen));
-  std::memcpy(pTo, plan.head, StructPlan::kHeadLen);
-  output_.advanceTo(pTo + plan.headLen);
-  return 0;
-}
-
-// Writes fields one behind the other, as writeField does. With room for any prefix, number or
-// sequence their characters are stored without further checks. They are appended in front of every
-// read that may fault.
-std::int16_t PortWriter::writeSteps(const StructPlan &plan, const FieldStep *pStep,
-                                    std::uint32_t count, const std::byte *pStruct,
-                                    int nesting) noexcept {
+// Writes a row of steps. With room for any prefix, number or sequence their characters are stored
+// without further checks. They are appended in front of every read that may fault.
+//
+// The row that closes a structure of the queue leads to that of the next one, if it has no other.
+std::int16_t PortWriter::writeSteps(const StructPlan *pPlan, const FieldStep *pStep,
+                                    const std::byte *pStruct, int nesting) noexcept {
   constexpr std::size_t kMost = FieldStep::kPrefixLen + kMostNumber;
   std::int16_t status = 0;
   char *pTo = output_.next();
-  for (const FieldStep *const pEnd = pStep + count; status == 0 && pStep != pEnd; ++pStep) {
-    const std::byte *pField = pStruct + pStep->offset;
-    if (output_.roomAt(pTo) < kMost) {
+  while (status == 0) {
+    const FieldStep &step = *pStep++;
+    const std::byte *pField = pStruct + step.offset;
+    if (output_.roomAt(pTo) >= kMost) {
+      std::memcpy(pTo, step.prefix, FieldStep::kPrefixLen);
+      output_.advanceTo(pTo + step.readyLen);
+      pTo += step.prefixLen;
+    } else {
       output_.advanceTo(pTo);
-      status = writeField(*plan.pDef, *pStep->pField, pField, pStep->isFirst, nesting);
+      status = writeStep(*pPlan, step, pField, nesting);
+      if (status != 0) return status;
       pTo = output_.next();
-      continue;
+      if (step.pField != nullptr) continue;
     }
-    std::memcpy(pTo, pStep->prefix, FieldStep::kPrefixLen);
-    output_.advanceTo(pTo + pStep->readyLen);
-    pTo += pStep->prefixLen;
-    switch (pStep->type) {
-      case MEM_PORT_SHORT:
+    switch (step.kind) {
+      case StepKind::end:
+        return 0;
+      case StepKind::close:
+        pPlan = nesting == 0 ? goOn() : nullptr;
+        if (pPlan == nullptr) return 0;
+        pStep = pPlan->pSteps;
+        pStruct = static_cast<const std::byte *>(pRef_->pStruct);
+        break;
+      case StepKind::fixed:
+        break;
+      case StepKind::int16:
         pTo = putSigned(pTo, loadAs<std::int16_t>(pField));
         break;
-      case MEM_PORT_USHORT:
+      case StepKind::uint16:
         pTo = putReversed(pTo, loadAs<std::uint16_t>(pField));
         break;
-      case MEM_PORT_LONG:
+      case StepKind::int32:
         pTo = putSigned(pTo, loadAs<std::int32_t>(pField));
         break;
-      case MEM_PORT_ULONG:
+      case StepKind::uint32:
         pTo = putReversed(pTo, loadAs<std::uint32_t>(pField));
         break;
-      case MEM_PORT_UBIGINT:
-        pTo = putReversed(pTo, loadAs<std::uint64_t>(pField));
-        break;
-      case MEM_PORT_BIGINT:
+      case StepKind::int64:
         pTo = putSigned(pTo, loadAs<std::int64_t>(pField));
         break;
-      case MEM_PORT_PNT:
-        status = putSequence(pTo, *pStep->pField, loadAs<const void *>(pField));
+      case StepKind::uint64:
+        pTo = putReversed(pTo, loadAs<std::uint64_t>(pField));
         break;
-      case MEM_PORT_PSTR:
-        status = putText(pTo, plan, *pStep->pField, loadAs<const char *>(pField));
+      case StepKind::pointer:
+        status = putSequence(pTo, *step.pField, loadAs<const void *>(pField));
         break;
-      default:
-        status = writeValue(*plan.pDef, *pStep->pField, pField, nesting);
+      case StepKind::text:
+        status = putText(pTo, *pPlan, *step.pField, loadAs<const char *>(pField));
+        break;
+      case StepKind::other:
+        status = writeValue(*pPlan->pDef, *step.pField, pField, nesting);
         pTo = output_.next();
     }
   }
-  output_.advanceTo(pTo);
   return status;
+}
+
+// A step for which the chunk may have no room.
+std::int16_t PortWriter::writeStep(const StructPlan &plan, const FieldStep &step,
+                                   const std::byte *pField, int nesting) noexcept {
+  const std::int16_t status = append(std::string_view(step.prefix, step.fixedLen));
+  if (status != 0 || step.pField == nullptr) return status;
+  return writeValue(*plan.pDef, *step.pField, pField, nesting);
 }
 
 // The sequence number of a structure that is pointed to. REQUIRES: room for it.
@@ -256,9 +289,13 @@ std::int16_t PortWriter::putText(char *&pTo, const StructPlan &plan, const MEMFi
                                  const char *pText) noexcept {
   if (pText == nullptr) return 0;
   output_.advanceTo(pTo);
-  const std::string_view text(pText);
-  output_.advanceTo(putReversed(pTo, text.size()));
-  const bool isAppended = appendQuoted(output_, text);
+  if (output_.roomAt(pTo) >= kMostShortText) {
+    if (char *pEnd = putShortText(pTo, pText)) {
+      pTo = pEnd;
+      return 0;
+    }
+  }
+  const bool isAppended = appendText(output_, pText);
   pTo = output_.next();
   if (isAppended) return 0;
   checked(false);

@@ -55,14 +55,18 @@ class PortWriter {
   std::int32_t chunkCapacity() const noexcept;
   std::int32_t areaSizeAt(std::size_t offset) const noexcept;
   std::int16_t start() noexcept;
+  std::uint32_t structures() const noexcept { return fresh_.sequence - 1; }
   std::int16_t writeAll() noexcept;
+  void askAhead() noexcept;
+  const StructPlan *goOn() noexcept;
   std::int16_t MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept;
   std::int16_t writeUnplanned(const MEMStructDef &def, const std::byte *pStruct,
                               int nesting) noexcept;
   std::int16_t writePlanned(const StructPlan &plan, const std::byte *pStruct, int nesting) noexcept;
-  std::int16_t appendHead(const StructPlan &plan) noexcept;
-  std::int16_t writeSteps(const StructPlan &plan, const FieldStep *pStep, std::uint32_t count,
-                          const std::byte *pStruct, int nesting) noexcept;
+  std::int16_t writeSteps(const StructPlan *pPlan, const FieldStep *pStep, const std::byte *pStruct,
+                          int nesting) noexcept;
+  std::int16_t writeStep(const StructPlan &plan, const FieldStep &step, const std::byte *pField,
+                         int nesting) noexcept;
   std::int16_t writeCount(const MEMStructDef &def, const std::byte *pStruct,
                           std::uint32_t &elements) noexcept;
   std::int16_t writeFields(const MEMStructDef &def, const std::byte *pStruct,
@@ -101,7 +105,8 @@ class PortWriter {
   HMEMHASH hRegistry_ = nullptr;
   MEMPortRef *pRef_ = nullptr;  // the structure that is written
   MEMPortRef *pTail_ = nullptr;
-  std::uint32_t structures_ = 0;
+  // The entry of the next structure that is found.
+  MEMPortRef fresh_{.pStruct = nullptr, .StructID = 0, .sequence = 1, .pNext = nullptr};
   PortPlans plans_;
   PortLookahead lookahead_{frame_, plans_};
 };

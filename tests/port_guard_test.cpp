@@ -133,6 +133,26 @@ TEST_F(PortGuardTest, TextsWithoutEnd) {
   }
 }
 
+// Where a text may end and nothing behind it can be read, the text of the second structure as well.
+TEST_F(PortGuardTest, TextsInFrontOfAFault) {
+  Defs defs;
+  defs.add(1, 16, {Field(1, MEM_PORT_PSTR, 8, 0), Field(2, MEM_PORT_PNT, 8, 8).of(1)});
+  for (std::size_t length = 0; length <= 70; ++length) {
+    for (std::size_t behind = 0; behind <= 70; ++behind) {
+      std::uint8_t *text = edge(length + 1 + behind);
+      std::memset(text, 'x', length);
+      text[length] = 0;
+      Record second(16);
+      second.set(0, text);
+      Record first(16);
+      first.set(0, text).set(8, static_cast<const void *>(second.data()));
+      ASSERT_EQ(written(defs, 1, first.data()), portmodel::write(defs.table(), 1, first.data()))
+          << length << ", " << behind;
+    }
+  }
+  EXPECT_EQ(host.calls(Service::FilterException), 0U);
+}
+
 TEST_F(PortGuardTest, TopLevelStructureThatEndsTooEarly) {
   expectWriteFaults(list(), wild<void>());
   expectWriteFaults(list(), edge(8));

@@ -179,6 +179,31 @@ TEST_F(PortPlanTest, EveryTypeAsFirstFieldAndAsLaterOne) {
   }
 }
 
+// Every length around those that are stored at once, the characters to escape in every place, and
+// more of them behind the text.
+TEST_F(PortPlanTest, TextsOfEveryLength) {
+  Defs defs;
+  defs.add(5, 16, {Field(1, MEM_PORT_PSTR, 8, 0), Field(2, MEM_PORT_PNT, 8, 8).of(5)});
+  for (std::size_t length = 0; length <= 140; ++length) {
+    SCOPED_TRACE(length);
+    std::deque<std::string> texts;
+    for (std::size_t place = 0; place <= length; ++place) {
+      for (const char special : {'"', '/'}) {
+        std::string &text = texts.emplace_back(length, 'x');
+        if (place < length) text[place] = special;
+        text.append(1, '\0').append(80, special);
+      }
+    }
+    std::deque<Record> records;
+    const void *next = nullptr;
+    for (const std::string &text : texts) {
+      next = records.emplace_back(16U).set(0, text.c_str()).set(8, next).data();
+    }
+    expectAsModel(defs, 5, records.back());
+    if (HasFailure()) return;
+  }
+}
+
 TEST_F(PortPlanTest, MoreDefinitionsThanThereArePlacesFor) {
   Defs defs;
   constexpr std::uint32_t kLast = 70;
@@ -553,6 +578,23 @@ TEST_F(PortRoomTest, EveryFieldMayMeetTheEndOfAChunk) {
     SCOPED_TRACE(capacity);
     ASSERT_EQ(written(defs, 1, records[0].data(), capacity), expected);
     expectNothingBehindTheText(capacity);
+    if (HasFatalFailure()) return;
+  }
+}
+
+TEST_F(PortRoomTest, NothingBehindATextIsLeftInTheChunk) {
+  Defs defs;
+  defs.add(1, 16, {Field(1, MEM_PORT_PNT, 8, 0).of(1), Field(2, MEM_PORT_PSTR, 8, 8)});
+  for (std::size_t length = 0; length <= 70; ++length) {
+    SCOPED_TRACE(length);
+    const std::string text = std::string(length, 'x') + '\0' + std::string(80, '!');
+    Record second(16);
+    second.set(8, text.c_str());
+    Record first(16);
+    first.set(0, static_cast<const void *>(second.data()));
+    const std::string expected = portmodel::write(defs.table(), 1, first.data());
+    ASSERT_EQ(written(defs, 1, first.data(), 500), expected);
+    expectNothingBehindTheText(500);
     if (HasFatalFailure()) return;
   }
 }

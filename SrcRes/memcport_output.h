@@ -26,7 +26,7 @@ namespace mem {
 class PortOutput {
  public:
   // Characters that a caller may store in excess of those that it appends.
-  static constexpr std::size_t kSpill = 32;
+  static constexpr std::size_t kSpill = 16;
 
   // Obtains the first chunk. False when there is no storage. REQUIRES: capacity >= 1.
   bool start(HMEMHEAP hMemHeap, std::int32_t capacity) noexcept;

@@ -1,13 +1,11 @@
-// Short texts that are pointed to, as most are: where they end, whether all of their characters
-// stand for themselves, and their copy, from a few wide loads.
-//
-// The loads may reach beyond a text, but not out of the page in which it begins. So they fault when
-// reading the text does, and only then.
+// Short texts that are pointed to, as most are: their copy, and whether all of their characters
+// stand for themselves, from a few wide loads. Nothing behind a text is read.
 #pragma once
 
-#include <bit>
 #include <cstdint>
+#include <cstring>
 
+#include "bytes.h"
 #include "memcport_digits.h"
 #include "platform.h"
 
@@ -15,73 +13,78 @@ namespace mem {
 
 #if MEM_HAS_SSE2
 
-// Characters of a text and what follows it.
-class TextBlock {
+// Copies a text piece by piece, and looks for characters that stand behind "/".
+class ShortTextCopy {
  public:
-  static constexpr std::uint32_t kLen = 32;
+  static constexpr std::size_t kMostLen = 64;
 
-  // REQUIRES: kLen characters that can be read, though they may be somebody else's.
-  MEM_READS_BEYOND explicit TextBlock(const char *pFrom) noexcept
-      : low_(_mm_loadu_si128(reinterpret_cast<const __m128i *>(pFrom))),
-        high_(_mm_loadu_si128(reinterpret_cast<const __m128i *>(pFrom) + 1)) {}
+  // REQUIRES: length <= kMostLen.
+  ShortTextCopy(char *pTo, const char *pFrom, std::size_t length) noexcept
+      : pTo_(pTo), pFrom_(pFrom) {
+    if (length > 2 * kBlockLen) {
+      copyBlock(kBlockLen);
+      copyBlock(length - 2 * kBlockLen);
+    }
+    if (length >= kBlockLen) {
+      copyBlock(0);
+      copyBlock(length - kBlockLen);
+    } else if (length >= sizeof(std::uint64_t)) {
+      copyPair<std::uint64_t>(length);
+    } else if (length >= sizeof(std::uint32_t)) {
+      copyPair<std::uint32_t>(length);
+    } else {
+      for (std::size_t i = 0; i < length; ++i) copyOne(i);
+    }
+  }
 
-  bool hasEnd() const noexcept { return ends() != 0; }
-  // REQUIRES: the text ends in the block.
-  std::uint32_t length() const noexcept {
-    return static_cast<std::uint32_t>(std::countr_zero(ends()));
-  }
-  // True when no character of the text, as far as the block has it, stands behind "/".
-  bool isPlain() const noexcept {
-    const std::uint32_t inFront = (ends() - 1) & ~ends();  // all of them without an end
-    return ((places('"') | places('/')) & inFront) == 0;
-  }
-
-  void store(char *pTo) const noexcept {
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(pTo), low_);
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(pTo) + 1, high_);
-  }
+  bool isPlain() const noexcept { return _mm_movemask_epi8(specials_) == 0; }
 
  private:
-  std::uint32_t ends() const noexcept { return places('\0'); }
-  // One bit for each character that is `c`.
-  std::uint32_t places(char c) const noexcept {
-    const __m128i wanted = _mm_set1_epi8(c);
-    const int low = _mm_movemask_epi8(_mm_cmpeq_epi8(low_, wanted));
-    const int high = _mm_movemask_epi8(_mm_cmpeq_epi8(high_, wanted));
-    return static_cast<std::uint32_t>(low) | static_cast<std::uint32_t>(high) << 16;
+  static constexpr std::size_t kBlockLen = sizeof(__m128i);
+
+  void look(__m128i characters) noexcept {
+    const __m128i quotes = _mm_cmpeq_epi8(characters, _mm_set1_epi8('"'));
+    const __m128i slashes = _mm_cmpeq_epi8(characters, _mm_set1_epi8('/'));
+    specials_ = _mm_or_si128(specials_, _mm_or_si128(quotes, slashes));
+  }
+  void copyBlock(std::size_t place) noexcept {
+    const auto block = loadAs<__m128i>(pFrom_ + place);
+    storeAs(pTo_ + place, block);
+    look(block);
+  }
+  // A piece of one to two words, by its ends.
+  template <class Word>
+  void copyPair(std::size_t length) noexcept {
+    const std::size_t last = length - sizeof(Word);
+    const auto low = loadAs<Word>(pFrom_);
+    const auto high = loadAs<Word>(pFrom_ + last);
+    storeAs(pTo_, low);
+    storeAs(pTo_ + last, high);
+    look(_mm_set_epi64x(static_cast<std::int64_t>(high), static_cast<std::int64_t>(low)));
+  }
+  void copyOne(std::size_t place) noexcept {
+    pTo_[place] = pFrom_[place];
+    look(_mm_cvtsi32_si128(pFrom_[place]));
   }
 
-  __m128i low_;
-  __m128i high_;
+  char *pTo_;
+  const char *pFrom_;
+  __m128i specials_ = _mm_setzero_si128();
 };
 
 // Characters that putShortText may store, with those behind the end that it returns.
-inline constexpr std::size_t kMostShortText = kMostStoredDigits + 1 + 2 * TextBlock::kLen;
+inline constexpr std::size_t kMostShortText = kMostStoredDigits + 2 + ShortTextCopy::kMostLen;
 
 // Stores the length of a text and the text between double quotes, and returns the end of that.
-// Null when the text is not short or has characters to escape, or lies at the end of a page.
+// Null when the text is not short or has characters to escape.
 // REQUIRES: room for kMostShortText characters.
 inline char *putShortText(char *pTo, const char *pText) noexcept {
-  constexpr std::uintptr_t kPageLen = 4096;  // of the smallest pages of these processors
-  constexpr std::uintptr_t kLastPlace = kPageLen - 2 * TextBlock::kLen;
-  if (reinterpret_cast<std::uintptr_t>(pText) % kPageLen > kLastPlace) return nullptr;
-  const TextBlock first(pText);
-  if (!first.isPlain()) return nullptr;
-  if (first.hasEnd()) {
-    pTo = putReversed(pTo, first.length());
-    first.store(pTo + 1);
-    *pTo = '"';
-    pTo += 1 + first.length();
-  } else {
-    const TextBlock second(pText + TextBlock::kLen);
-    if (!second.hasEnd() || !second.isPlain()) return nullptr;
-    const std::uint32_t length = TextBlock::kLen + second.length();
-    pTo = putReversed(pTo, length);
-    first.store(pTo + 1);
-    second.store(pTo + 1 + TextBlock::kLen);
-    *pTo = '"';
-    pTo += 1 + length;
-  }
+  const std::size_t length = std::strlen(pText);
+  if (length > ShortTextCopy::kMostLen) return nullptr;
+  pTo = putReversed(pTo, length);
+  if (!ShortTextCopy(pTo + 1, pText, length).isPlain()) return nullptr;
+  *pTo = '"';
+  pTo += 1 + length;
   *pTo = '"';
   return pTo + 1;
 }

@@ -26,14 +26,6 @@
 #define MEM_HAS_SSE2 0
 #endif
 
-// A function that reads whole blocks of bytes, of which those at the end may be somebody else's.
-// Sanitizers are not to look at its loads.
-#if defined(_MSC_VER) && !defined(__clang__)
-#define MEM_READS_BEYOND __declspec(no_sanitize_address)
-#else
-#define MEM_READS_BEYOND __attribute__((no_sanitize("address", "thread")))
-#endif
-
 // Code for processors with AVX in a library that runs on others, too. Clang would make a call of
 // memset of a row of stores.
 #if defined(_M_X64) && defined(_MSC_VER) && !defined(__clang__)

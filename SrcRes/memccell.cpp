@@ -1,7 +1,12 @@
 #include "memccell.h"
 
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
 #include "callframe.h"
 #include "cellblocks.h"
+#include "platform.h"
 
 namespace mem {
 

@@ -12,8 +12,9 @@ namespace mem {
 namespace {
 
 constexpr std::uint32_t kMaxCapacity = 0x4000000;  // a gigabyte of slots
-constexpr std::uint32_t kSlotsPerNode = 16;  // at least, of a fresh index: it is about to grow
-constexpr std::uint32_t kGrowth = 4;         // of one that is full, as long as there may be so many
+constexpr std::uint32_t kSlotsPerNode = 16;        // of a fresh index: it is about to grow
+constexpr std::uint32_t kGrowth = 4;               // of one that is full
+constexpr std::uint32_t kLeastGrowth = 2;          // when so much is not to be had
 
 bool mayBeIndexed(const MEMHashCtlBlk &ctl) noexcept {
   return ctl.KeyLen == sizeof(std::uint64_t) &&
@@ -80,8 +81,10 @@ void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
 }
 
 void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-  // The last node is the one that was too many, of a power of two as a rule.
-  HashIndex *pIndex = create(frame, ctl, std::bit_ceil((nodeCount(ctl) - 1) * kSlotsPerNode));
+  // The last node does not count: mostly it is the one behind a power of two, and is not to double
+  // the slots. After deletions it may be the only one.
+  const std::uint64_t nodes = std::max<std::uint64_t>(nodeCount(ctl), 2) - 1;
+  HashIndex *pIndex = create(frame, ctl, std::bit_ceil(nodes * kSlotsPerNode));
   if (pIndex == nullptr) {
     ctl.IndexState = kIndexRefused;
     return;
@@ -124,10 +127,8 @@ void HashIndex::fillFrom(const HashIndex &smaller) noexcept {
 }
 
 void HashIndex::grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-  // At the limit not even twice as many are to be had.
-  const std::uint64_t slots =
-      std::max(std::min(capacity() * kGrowth, kMaxCapacity), capacity() * 2);
-  HashIndex *pLarger = create(frame, ctl, slots);
+  HashIndex *pLarger = create(frame, ctl, std::uint64_t{capacity()} * kGrowth);
+  if (pLarger == nullptr) pLarger = create(frame, ctl, std::uint64_t{capacity()} * kLeastGrowth);
   if (pLarger == nullptr) {
     drop(frame, ctl);
     ctl.IndexState = kIndexRefused;

@@ -86,7 +86,7 @@ bool PortPlans::make(const MEMStructDef &def, StructPlan &plan) noexcept {
   const std::int32_t fields = fieldCount(def);
   const bool isRepeated =
       hasRepeatField(def) && fields > 0 && def.Fields[fields - 1].NotPorted == 0;
-  plan = {.pDef = &def, .pSteps = nullptr, .pHead = nullptr, .pRepeated = nullptr};
+  plan = {.pDef = &def, .pHead = nullptr, .pSteps = nullptr, .pRepeated = nullptr};
   FixedText inFront = FixedText().add("(").addReversed(def.StructID);
   if (hasRepeatField(def)) {
     plan.pHead = &addStep(StepKind::fixed, inFront.add(",").view());

@@ -7,6 +7,7 @@
 // place each time; the text is the same.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -47,12 +48,12 @@ struct FieldStep {
   bool endsRow() const noexcept { return kind == StepKind::end || kind == StepKind::close; }
 };
 
-// Rows of steps.
+// Rows of steps, of which each ends with `end` or `close`.
 struct StructPlan {
   const MEMStructDef *pDef;
-  const FieldStep *pSteps;     // of all that is written once, but for the next
-  const FieldStep *pHead;      // of what comes in front of the count, or null without a count
-  const FieldStep *pRepeated;  // of an element of the repeat field, or null without elements
+  const FieldStep *pHead;      // null, or the row in front of the number of elements
+  const FieldStep *pSteps;     // the row of the fields; ends with `close` unless there are elements
+  const FieldStep *pRepeated;  // null, or the row of each element of the repeat field
 
   // Whether one row is all that the structure takes.
   bool isOneRow() const noexcept { return pHead == nullptr; }

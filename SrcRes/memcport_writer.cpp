@@ -200,9 +200,11 @@ std::int16_t PortWriter::writePlanned(const StructPlan &plan, const std::byte *p
 }
 
 // Writes a row of steps. With room for any prefix, number or sequence their characters are stored
-// without further checks. They are appended in front of every read that may fault.
+// without further checks, numbers as putNumber does. They are appended in front of every read that
+// may fault.
 //
-// The row that closes a structure of the queue leads to that of the next one, if it has no other.
+// The row that closes a structure of the queue leads on to that of the next one, if it has no
+// other: then pRef_ has moved to the last one that was written.
 std::int16_t PortWriter::writeSteps(const StructPlan *pPlan, const FieldStep *pStep,
                                     const std::byte *pStruct, int nesting) noexcept {
   constexpr std::size_t kMost = FieldStep::kPrefixLen + kMostNumber;

@@ -80,7 +80,7 @@ class HashIndex {
   }
 
   // True when look-ups are likely to wait for storage: the slots are more than near caches hold.
-  bool isLarge() const noexcept { return lastPlace_ >= kLargeCapacity - 1; }
+  bool isLarge() const noexcept { return capacity() >= kLargeCapacity; }
 
  private:
   static constexpr std::uint32_t kLargeCapacity = 0x20000;  // 2 MB of slots

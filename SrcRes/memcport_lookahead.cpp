@@ -76,7 +76,6 @@ void PortLookahead::askForEntries(const MEMPortRef &ref) const noexcept {
       pIndex->wantRecord(pStruct + pStep->offset, offsetof(MEMPortRef, sequence));
     }
   }
-  keepOrder();  // as above
 }
 
 }  // namespace mem

@@ -2,6 +2,7 @@
 // stand for themselves, from a few wide loads. Nothing behind a text is read.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 

@@ -220,8 +220,8 @@ typedef int16_t MEM_HashScanFn(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm)
  * `BlkLen` bytes from subpool 0. The structure is not changed. `*ppFirstBlk` is stored as soon as
  * the first block exists, on failures after that point too: the caller returns each block with
  * MEM_Free(block, BlkLen, 0). The result is the MEMERR code itself (MEMERR_PACK…), -1 after a
- * failure of a hash service (whose error stands) or for "WideStringOutOfPlace" and a control block
- * that the old layout cannot hold. */
+ * failure of a hash service but its closing (the service's error stands) or for
+ * "WideStringOutOfPlace" and a control block that the old layout cannot hold. */
 typedef int16_t MEM_PackFn(const MemPackCB *pPackCB, const void *pRoot, int32_t BlkLen,
                            MemPackBlock **ppFirstBlk);
 

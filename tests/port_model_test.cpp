@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "port_check.h"
 #include "portgraph.hpp"
 #include "porttest.hpp"
 
@@ -35,6 +36,8 @@ class PortModelTest : public PortTest {
 
   void roundTrip(const PortGraph &graph) {
     const std::string expected = portmodel::write(graph.defs(), graph.rootID(), graph.root());
+    EXPECT_TRUE(isAsDefined(graph.defs(), graph.rootID(), expected.data(), expected.size()))
+        << expected;
     for (const std::int32_t capacity : kCapacities) {
       SCOPED_TRACE("capacity " + std::to_string(capacity));
       ASSERT_EQ(write(graph.defs(), graph.rootID(), graph.root(), capacity), 0);

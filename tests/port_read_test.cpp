@@ -5,6 +5,7 @@
 #include <string>
 
 #include "heaptest.hpp"
+#include "port_check.h"
 #include "porttest.hpp"
 
 namespace memtest {
@@ -714,6 +715,180 @@ TEST_F(PortReadTest, OutAddressOnFailure) {
   EXPECT_EQ(read, nullptr);
   EXPECT_EQ(readBlock(list().table(), portString("(1<1N/2S2>)(2", 2)), -1);
   EXPECT_EQ(load<std::int32_t>(read, 0), 0);
+}
+
+// What success does not promise: a text is taken that no writer with these definitions makes. The
+// check that callers are given refuses it.
+
+class PortPromiseTest : public PortReadTest {
+ protected:
+  static bool isDefined(const Defs &defs, const std::string &text) {
+    return isAsDefined(defs.table(), 1, text.data(), text.size()) != 0;
+  }
+  // Read without a message, although the check refuses it.
+  void expectTaken(const Defs &defs, const std::string &text, const std::function<void()> &look) {
+    forEveryForm(defs, text, [&](std::int16_t result) {
+      EXPECT_EQ(messages(), Lines());
+      ASSERT_EQ(result, 0) << text;
+      look();
+    });
+    EXPECT_FALSE(isDefined(defs, text)) << text;
+  }
+
+  // A structure 1 with a pointer to a structure 2 and a number behind it; 2 and 3 differ.
+  static Defs owner() {
+    Defs defs;
+    defs.add(1, 16, {Field(1, MEM_PORT_PNT, 8, 0).of(2), Field(2, MEM_PORT_LONG, 4, 8)});
+    defs.add(2, 4, {Field(1, MEM_PORT_LONG, 4, 0)});
+    defs.add(3, 1, {Field(1, MEM_PORT_BIT, 1, 0)});
+    return defs;
+  }
+};
+
+TEST_F(PortPromiseTest, PointerMayLeadToAnotherKind) {
+  EXPECT_TRUE(isDefined(owner(), portString("(1<1S2/2N5>)(2<1N7>)", 2)));
+  expectTaken(owner(), portString("(1<1S2/2N5>)(3<1B10100000>)", 2),
+              [&] { EXPECT_EQ(load<std::uint8_t>(readAt<const void *>(0), 0), 5); });
+  expectTaken(owner(), portString("(1<1S1/2N5>)"),
+              [&] { EXPECT_EQ(readAt<const void *>(0), read); });
+  expectTaken(owner(), portString("(2<1N7>)"), [&] { EXPECT_EQ(readAt<std::int32_t>(0), 7); });
+}
+
+TEST_F(PortPromiseTest, EmbeddedTextMayBeOfAnotherKindAndLieOverOtherFields) {
+  Defs defs;
+  defs.add(1, 16,
+           {Field(1, MEM_PORT_SUBSTRUCTURE, 4, 0).of(2), Field(2, MEM_PORT_PNT, 8, 8).of(1)});
+  defs.add(2, 4, {Field(1, MEM_PORT_LONG, 4, 0)});
+  defs.add(3, 16, {Field(1, MEM_PORT_BIT, 1, 3), Field(2, MEM_PORT_UBIGINT, 8, 8)});
+  EXPECT_TRUE(isDefined(defs, portString("(1<1E(2<1N7>)/2S1>)")));
+  expectTaken(defs, portString("(1<1E(3<1B10100000>)/2S1>)"),
+              [&] { EXPECT_EQ(readAt<std::uint8_t>(3), 5); });
+  expectTaken(defs, portString("(1<2S1/1E(3<2N654321>)>)"),
+              [&] { EXPECT_EQ(readAt<std::uint64_t>(8), 123456U); });
+}
+
+TEST_F(PortPromiseTest, CountFieldMayDifferFromTheElements) {
+  Defs defs;
+  defs.add(1, 8, {Field(1, MEM_PORT_LONG, 4, 0), Field(2, MEM_PORT_SHORT, 2, 4)}, 0);
+  EXPECT_TRUE(isDefined(defs, portString("(1,2<1N2/2N7/2N8>)")));
+  expectTaken(defs, portString("(1,2<1N99/2N7/2N8>)"),
+              [&] { EXPECT_EQ(readAt<std::int32_t>(0), 99); });
+  expectTaken(defs, portString("(1,2<1N-2/2N7/2N8>)"),
+              [&] { EXPECT_EQ(readAt<std::int32_t>(0), -2); });
+  expectTaken(defs, portString("(1,3<1N3/2N7>)"), [&] {
+    EXPECT_EQ(readAt<std::uint16_t>(6), 0xA5A5U) << "an element that never came";
+  });
+  expectTaken(defs, portString("(1<1N1/2N7>)"), [&] { EXPECT_EQ(readAt<std::int32_t>(0), 1); });
+}
+
+TEST_F(PortPromiseTest, CountMayWrapInItsField) {
+  Defs defs;
+  defs.add(1, 4, {Field(1, MEM_PORT_SHORT, 2, 0), Field(2, MEM_PORT_BIT, 1, 2)}, 0);
+  std::string text = "(1,96723<1N96723";
+  for (int i = 0; i < 32769; ++i) text += "/2B00000000";
+  text = portString(text + ">)");
+  ASSERT_EQ(readBlock(defs.table(), text), 0);
+  EXPECT_EQ(readAt<std::int16_t>(0), -32767);
+  EXPECT_FALSE(isDefined(defs, text));
+}
+
+// One occurrence too many of the last field lands on what lies behind the field.
+TEST_F(PortPromiseTest, LastFieldMayComeAgainOverOtherFields) {
+  Defs defs;
+  defs.add(1, 16, {Field(1, MEM_PORT_PNT, 8, 8).of(1), Field(2, MEM_PORT_UBIGINT, 8, 0)});
+  EXPECT_TRUE(isDefined(defs, portString("(1<1S1/2N7>)")));
+  expectTaken(defs, portString("(1<1S1/2N7/2N654321>)"),
+              [&] { EXPECT_EQ(readAt<std::uint64_t>(8), 123456U); });
+}
+
+TEST_F(PortPromiseTest, AlternativeMayLieOverAPointer) {
+  Defs defs;
+  defs.add(1, 8, {Field(1, MEM_PORT_PNT, 8, 0).of(1), Field(2, MEM_PORT_UBIGINT, 8, 0)});
+  const std::string text = portString("(1<1S1/2N654321>)");
+  ASSERT_EQ(readBlock(defs.table(), text), 0);
+  EXPECT_EQ(readAt<std::uint64_t>(0), 123456U);
+  EXPECT_TRUE(isDefined(defs, text)) << "writers write all alternatives";
+}
+
+// Only a default, or Required, gives an absent pointer a value.
+TEST_F(PortPromiseTest, AbsentPointerWithoutDefaultHoldsWhatTheStorageHeld) {
+  const std::string text = portString("(1<2N5>)");
+  ASSERT_EQ(readBlock(owner().table(), text), 0);
+  EXPECT_EQ(readAt<std::uint64_t>(0), 0xA5A5A5A5A5A5A5A5U);
+  EXPECT_TRUE(isDefined(owner(), text)) << "older writers leave fields out";
+  static constexpr const void *kNull = nullptr;
+  const void *pointsToNull = &kNull;
+  Defs defs;
+  defs.add(
+      1, 16,
+      {Field(1, MEM_PORT_PNT, 8, 0).of(1).byDefault(pointsToNull), Field(2, MEM_PORT_LONG, 4, 8)});
+  ASSERT_EQ(readBlock(defs.table(), text), 0);
+  EXPECT_EQ(readAt<const void *>(0), nullptr);
+}
+
+TEST_F(PortPromiseTest, ShortTextMayAskForTwoGigabytes) {
+  Defs defs;
+  defs.add(1, 3, {Field(1, MEM_PORT_SHORT, 2, 0), Field(2, MEM_PORT_BIN, 1, 2)}, 0);
+  const std::string text = portString("(1,5463847412<1N5/2H>)");
+  ASSERT_EQ(text.size(), 45U);
+  static std::vector<std::int32_t> asked;
+  asked.clear();
+  static MEM_HeapAllocEntryLongFn *own;
+  own = mem.MEM_HeapAllocEntryLong;
+  static HMEMHEAP callers;
+  callers = heap;
+  mem.MEM_HeapAllocEntryLong = [](HMEMHEAP handle, std::int32_t length, void **entry) {
+    if (handle != callers) return own(handle, length, entry);
+    asked.push_back(length);
+    return own(handle, 3, entry);  // all that will be written
+  };
+  EXPECT_EQ(readBlock(defs.table(), text), 0);
+  mem.MEM_HeapAllocEntryLong = own;
+  EXPECT_EQ(asked, std::vector<std::int32_t>{INT32_MAX});
+  EXPECT_FALSE(isDefined(defs, text));
+}
+
+// All types as writers write them, and what readers let pass.
+TEST_F(PortPromiseTest, CheckKnowsEveryTypeAndIsStricterThanReaders) {
+  Defs defs;
+  defs.add(1, 80,
+           {Field(1, MEM_PORT_CHAR, 4, 0), Field(2, MEM_PORT_CHARSZ, 4, 4),
+            Field(3, MEM_PORT_PSTR, 8, 8), Field(4, MEM_PORT_BIN, 2, 16),
+            Field(5, MEM_PORT_SHORT, 2, 18), Field(6, MEM_PORT_USHORT, 2, 20),
+            Field(7, MEM_PORT_LONG, 4, 24), Field(8, MEM_PORT_ULONG, 4, 28),
+            Field(9, MEM_PORT_UBIGINT, 8, 32), Field(10, MEM_PORT_BIGINT, 8, 40),
+            Field(11, MEM_PORT_BIT, 1, 48), Field(12, MEM_PORT_WCHAR, 4, 50),
+            Field(13, MEM_PORT_WCHARSZ, 4, 54), Field(14, MEM_PORT_WPSTR, 8, 64),
+            Field(15, MEM_PORT_PNT, 8, 72).of(1)});
+  const std::string all = portString(
+      "(1<1\"/0//\"/2\"a/\"b\"/3X3\"a>b\"/4H1FA0/5N-86723/6N53556/7N-8463847412/8N5927694924/"
+      "9N51615590737044764481/01N-8085774586302733229/11B10100000/21'/23Y/''/31'/''/41x1;'/3?oo'/"
+      "51S1>)");
+  EXPECT_TRUE(isDefined(defs, all));
+  EXPECT_EQ(readBlock(defs.table(), all), 0);
+  for (const char *body :
+       {"(1<3X/4H/5N/41x/51S>)", "(1<3X>)", "(1<3X\"\">)", "(1<51S0>)", "(1<41x;''>)", "(1<4H>)"}) {
+    EXPECT_TRUE(isDefined(defs, portString(body))) << body;
+    EXPECT_EQ(readBlock(defs.table(), portString(body)), 0) << body;
+  }
+  for (const char *body :
+       {"(1<2\"a\"/1\"b\">)", "(1<1\"a\"/1\"b\">)", "(1<51S/51S>)", "(1<5N1#6N2>)", "(1<6N-5>)",
+        "(1<9N-5>)", "(1<5N86723>)", "(1<6N63556>)", "(1<7N8463847412>)", "(1<8N6927694924>)",
+        "(1<21\"a\">)", "(1<41X1\"a\">)", "(1<5N1/61S>)", "(1<5N1>)x", "(1<5N1>)(1<5N1>)"}) {
+    EXPECT_FALSE(isDefined(defs, portString(body))) << body;
+  }
+  for (const char *body :
+       {"",         "(",       "(1",        "(1<5N1>",   "(1<5N1",   "(1<5N",           "(1<5",
+        "(1<21'/9", "(1<21'/", "(1<21'",    "(1<1\"/",   "(1<1\"",   "(1<3X",           "(1<3X1",
+        "(1<41x",   "(1<4H1",  "(1<51S",    "(1<51S2>)", "(1<4H1>)", "(1<11B1010000>)", "(2<5N1>)",
+        "(1<>)",    "(1<N>)",  "(1,1<5N1>)"}) {
+    EXPECT_FALSE(isDefined(defs, portString(body))) << body;
+    EXPECT_EQ(readBlock(defs.table(), portString(body)), -1) << body;
+  }
+  for (const char *header : {"(0000000031,0000000000)", "(0000000031,0000000002)", "(0000000031",
+                             "(0000000031,9999999999)", "(0000000031,        +1)"}) {
+    EXPECT_FALSE(isDefined(defs, std::string(header) + "(1<5N1>)")) << header;
+  }
 }
 
 // What a reader asks of heaps.

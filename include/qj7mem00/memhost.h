@@ -117,7 +117,8 @@ typedef struct MEMSysEnv {
 
 MEM_CHECK_OFFSET(MEMSysEnv, PlatformFlags, 176);
 
-/** Platform flag: chains are marked as a big-endian writer's and the packer hashes byte 3. */
+/** Platform flag: this machine is big-endian. Chains are marked so, those of the other byte order
+ * are swapped when they are unpacked, and the packer hashes byte 3. */
 #define MEM_PLATFORM_BIG_ENDIAN 0x00000001U
 
 /** A slot that the library neither calls nor changes. */

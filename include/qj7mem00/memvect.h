@@ -220,8 +220,8 @@ typedef int16_t MEM_HashScanFn(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm)
  * `BlkLen` bytes from subpool 0. The structure is not changed. `*ppFirstBlk` is stored as soon as
  * the first block exists, on failures after that point too: the caller returns each block with
  * MEM_Free(block, BlkLen, 0). The result is the MEMERR code itself (MEMERR_PACK…), -1 after a
- * failure of a hash service (whose error stands) or for "WideStringOutOfPlace" and a control block
- * that the old layout cannot hold. */
+ * failure of a hash service but its closing (the service's error stands) or for
+ * "WideStringOutOfPlace" and a control block that the old layout cannot hold. */
 typedef int16_t MEM_PackFn(const MemPackCB *pPackCB, const void *pRoot, int32_t BlkLen,
                            MemPackBlock **ppFirstBlk);
 
@@ -234,7 +234,23 @@ typedef int16_t MEM_PackFn(const MemPackCB *pPackCB, const void *pRoot, int32_t 
  * the structure, with segments at any alignment. Otherwise `*ppFirstBlk` becomes a new chain of
  * blocks of MEM_UNPACK_BLOCK_LEN bytes from subpool 0, laid out by `pPackCB`; the old chain stays
  * the caller's. On failure both cells are untouched, and blocks that were being unpacked in place
- * are of no further use. The result is the MEMERR code itself (MEMERR_PACK…). */
+ * are of no further use. The result is the MEMERR code itself (MEMERR_PACK…).
+ *
+ * Success promises that child and sibling pointers lead to segments and texts of the kinds that the
+ * descriptors tell, each reached once (narrow text may be shared), and that these end in their
+ * blocks, as far as their lengths are known (those of the EBCDIC types 0xE5 and 0xE7 are not). It
+ * does not promise:
+ *  - in place, that the descriptors are the caller's. The file's own control block (offset 14 of
+ *    the first block) is followed; of `pPackCB` only the first child offset is compared, and the
+ *    second one in files of 21 or more descriptors. A segment may be shorter than the caller's
+ *    structure, and bytes that the caller takes for a pointer may be any. Who does not trust the
+ *    writer compares the two control blocks before it reads a segment, as PackedChain::unpack of
+ *    mem.hpp does with a table;
+ *  - where references lead: in place to any byte in use of any block, in a new chain to any segment
+ *    or text;
+ *  - in place, that segments and narrow texts lie apart: a write to one may change another;
+ *  - an amount of storage. `FixedLen` of `pPackCB` is the length of a new chain's segments: with
+ *    33,009 a chain of 257 KB becomes one of 1 GB. The host's limit for subpool 0 is the guard. */
 typedef int16_t MEM_UnpackFn(MemPackBlock **ppFirstBlk, void **ppRoot, const MemPackCB *pPackCB);
 /** @} */
 
@@ -262,7 +278,10 @@ typedef int16_t MEM_CatFn(MEMCatCB *pCatCB, const char16_t *pText);
 typedef int16_t MEM_MemCatFn(MEMCatCB *pCatCB, const char16_t *pText, int32_t Len);
 /** @} */
 
-/** @name String sink: any number of threads, serialised by the sink gate */
+/** @name String sink: any number of threads, serialised by the sink gate
+ * Failures of the six calls for strings set `Component`, echo the start of the text in the free
+ * message text and in an "EXCP" record, and have the code and text of a host service that failed in
+ * `InnerCode` and `InnerText`. */
 /** @{ */
 
 /** Starts the process's sink: gate, first block (write-protected) and index. Called by
@@ -272,33 +291,75 @@ typedef int16_t MEM_SinkInitFn(void);
 /** Returns all that the sink holds, also after a failed start. Called by MEM_ProcessTerm. Always
  * 0. Leaves the error area alone. */
 typedef int16_t MEM_SinkTermFn(void);
-/** Stores the address of the shared copy of a text and counts one more use. */
+/** Stores the address of the shared copy of a text, made if there is none yet, and counts one more
+ * use. The copy stays where it is until its last use is given up or the sink ends; it is
+ * write-protected storage of the sink's: never write to it or free it. MEMERR_SINKITEXT (null
+ * text), MEMERR_SINKIERR (null `ppSunk`, or no sink), MEMERR_SINKLGATE, MEMERR_SINKVSTG,
+ * MEMERR_SINKNOSPACE (also a text that no block can hold); a failure leaves sink and `*ppSunk` as
+ * they were. */
 typedef int16_t MEM_SinkStringFn(const char *pText, const char **ppSunk);
-/** Gives up one use of a shared copy. */
+/** Gives up one use of a shared copy. `pSunk` is the address that MEM_SinkString has stored; with
+ * the last use the copy is erased and the address is dead. The text at `pSunk` is read, and
+ * MEMERR_SINKNFND is the result (no error recorded) when no such text is sunk. MEMERR_SINKIERR
+ * (null, the address of an equal text that is not the copy, or no sink), MEMERR_SINKLGATE,
+ * MEMERR_SINKVSTG: where the copy could not be made writable it stays with its uses, where it could
+ * not be protected again it is gone. */
 typedef int16_t MEM_SinkDeleteFn(const char *pSunk);
-/** Stores the address of the shared copy of a text if there is one. `pReserved` is not used. */
+/** Stores the address of the shared copy of a text if there is one, else MEMERR_SINKNFND is the
+ * result (no error recorded). Counts no use: the address is good only as long as another's use
+ * lasts. `pReserved` is not used. MEMERR_SINKITEXT (null text), MEMERR_SINKSTEXT (null `ppSunk`),
+ * MEMERR_SINKIERR (no sink), MEMERR_SINKLGATE; but for success `*ppSunk` stays as it was. */
 typedef int16_t MEM_SinkVerifyFn(const char *pText, const char **ppSunk, void *pReserved);
-/** MEM_SinkString for wide text. */
+/** MEM_SinkString for wide text, which ends with a zero unit. A narrow and a wide text of the same
+ * bytes share one copy. Without a thread environment: -1, nothing done. */
 typedef int16_t MEM_WSinkStringFn(const char16_t *pText, const char16_t **ppSunk);
-/** MEM_SinkDelete for wide text. */
+/** MEM_SinkDelete for wide text. Without a thread environment: -1, nothing done. */
 typedef int16_t MEM_WSinkDeleteFn(const char16_t *pSunk);
-/** MEM_SinkVerify for wide text. */
+/** MEM_SinkVerify for wide text. Without a thread environment: -1, nothing done. */
 typedef int16_t MEM_WSinkVerifyFn(const char16_t *pText, const char16_t **ppSunk, void *pReserved);
 /** @} */
 
-/** @name Port strings: any number of threads, each on its own heap */
+/** @name Port strings: any number of threads, each on its own heap
+ * A failing call returns -1, or the result that the host's exception filter has stored. It sets no
+ * code of its own: the reason is an "EXCP" record (a wrong count in the header and a default that
+ * is too long leave none), and a heap's error stands. All that a call has allocated in `hMemHeap`,
+ * a heap of either kind, stays there until the heap is closed. */
 /** @{ */
 
-/** Writes the structure at `pStruct`, and all that it reaches, as a chain of text chunks in the
- * caller's heap. */
+/** Writes the structure at `pStruct`, described by the definition `StructID`, and all that it
+ * reaches through pointers, as a chain of text chunks in the caller's heap. Each chunk is filled to
+ * `ChunkLen` characters, 23 or more; 0 takes what fills an area of the heap. `*pTotalLen` and
+ * `*ppFirstChunk` become 0 and null first; after a failure the latter may be the first chunk of a
+ * text without a header. The structures are only read and must not change meanwhile. */
 typedef int16_t MEM_StructToPortStrFn(const struct MEMStructDef *pDefs, uint32_t StructID,
                                       const void *pStruct, int32_t ChunkLen, HMEMHEAP hMemHeap,
                                       uint32_t *pTotalLen, struct MEMPortChunk **ppFirstChunk);
-/** Reads a chunk chain back into structures in the caller's heap. */
+
+/** Reads a chunk chain back into structures in the caller's heap and stores the address of the
+ * top-level one. The text need not be trusted: whatever it is, nothing is written but the
+ * structures and strings being made, and nothing is read but the chunks and the definitions.
+ *
+ * Success does not promise that the structures are what the definitions say:
+ *  - a pointer field may lead to a structure of another kind than its `SubStructID`, an embedded
+ *    text may be of another kind and lie over fields behind it, the top-level structure may be of
+ *    any kind in the table;
+ *  - the count field may hold another number than that of the elements that there is room for, and
+ *    fewer elements than that may have come;
+ *  - fields of one offset, and further occurrences of the last field, may lie over each other: a
+ *    pointer field holds what was stored there last;
+ *  - an absent field without a default is as the storage came;
+ *  - the storage is what element counts ask for, up to 2 GB for a text of 45 characters. The host's
+ *    limit for the heap's subpool is the guard.
+ * docs/port-strings.md tells what a careful caller does.
+ *
+ * After a failure `*ppStruct` is as it was, null, or the top-level structure, not complete and with
+ * pointer fields that lead elsewhere: it is not to be followed. */
 typedef int16_t MEM_PortStrToStructFn(const struct MEMStructDef *pDefs,
                                       const struct MEMPortChunk *pFirstChunk, HMEMHEAP hMemHeap,
                                       void **ppStruct);
-/** Reads `Len` characters back into structures in the caller's heap. */
+
+/** MEM_PortStrToStruct for `Len` characters that lie together. What is behind the last structure is
+ * not read. */
 typedef int16_t MEM_Port1StrToStructFn(const struct MEMStructDef *pDefs, const char *pText,
                                        uint32_t Len, HMEMHEAP hMemHeap, void **ppStruct);
 /** @} */

@@ -99,6 +99,13 @@ std::uint64_t CaseLog::digest() const {
   return hashOf(text_.data(), text_.size(), text_.size());
 }
 
+void CaseLog::writeOn() {
+  if (stream_ == nullptr) return;
+  std::fwrite(text_.data(), 1, text_.size(), stream_);
+  std::fflush(stream_);
+  clear();
+}
+
 CaseLog &CaseLog::operator<<(std::int64_t number) {
   char digits[24];
   const auto end = std::to_chars(digits, digits + sizeof digits, number);
@@ -171,7 +178,7 @@ void CaseLog::bytes(std::string_view what, const void *from, std::size_t length)
   *this << what << " ";
   *this << static_cast<std::int64_t>(length) << " bytes " << hex(hashOf(from, length, length));
   end();
-  if (!showsBytes_) return;
+  if (stream_ == nullptr) return;
   const auto *const bytes = static_cast<const std::uint8_t *>(from);
   for (std::size_t at = 0; at < length; at += kOnALine) {
     const bool isLikeLast = at >= kOnALine && length - at >= kOnALine &&
@@ -192,6 +199,7 @@ void Watch::finish() {
   log_.end();
   showHostCalls();
   showEnvironment();
+  log_.writeOn();
 }
 
 void Watch::showHostCalls() {

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <string_view>
 
@@ -12,18 +13,19 @@
 
 namespace replay {
 
-// The lines of a case. Bytes are always in the digest, and shown in full when the log is to be
-// read.
+// The lines of a case, for a digest of them. With a stream to write them to, bytes are shown in
+// full, and lines are written after each call, so that they tell how far a case came that ends the
+// process.
 class CaseLog {
  public:
-  explicit CaseLog(bool showsBytes) : showsBytes_(showsBytes) {}
+  explicit CaseLog(std::FILE *stream = nullptr) : stream_(stream) {}
 
   // Whose addresses are not comparable: a module is somewhere else in every run.
   void setModule(const void *start, std::size_t length);
 
   void clear() { text_.clear(); }
-  const std::string &text() const { return text_; }
   std::uint64_t digest() const;
+  void writeOn();  // what there is so far
 
   CaseLog &operator<<(std::string_view text) {
     text_ += text;
@@ -45,7 +47,7 @@ class CaseLog {
   std::size_t hexLength(std::string_view text) const;
   bool isIncomparable(std::string_view digits, bool isFunction) const;
 
-  const bool showsBytes_;
+  std::FILE *const stream_;
   std::uint64_t moduleStart_ = 0;
   std::size_t moduleLen_ = 0;
   std::string text_;

@@ -10,8 +10,7 @@ namespace replay {
 
 CaseHeap::CaseHeap(Watch &watch, std::int16_t areaKb, std::uint16_t subPool)
     : watch_(watch), subPool_(subPool) {
-  watch_.did("MEM_HeapOpen",
-             watch_.mem().MEM_HeapOpen(&heap_, areaKb, static_cast<std::int16_t>(subPool_)));
+  watch_.did("MEM_HeapOpen", watch_.mem().MEM_HeapOpen(&heap_, areaKb, subPool_));
 }
 
 CaseHeap::~CaseHeap() {

@@ -2,8 +2,12 @@
 // a watch. A case leaves nothing behind that the next one could see.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "caselog.hpp"
 #include "casestorage.hpp"

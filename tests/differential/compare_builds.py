@@ -93,10 +93,14 @@ def first_difference(old, new):
     return call, NONE, NONE
 
 
+def without_addresses(line):
+    line = re.sub(r"0x[0-9a-f]+", "@", line)
+    return re.sub(r"\b[0-9A-F]{8,16}\b", "@", line)
+
+
 def without_numbers(line):
     """A line without what is another in every case; results and codes stay."""
-    line = re.sub(r"0x[0-9a-f]+", "@", line)
-    line = re.sub(r"\b[0-9A-F]{8,16}\b", "@", line)
+    line = without_addresses(line)
     line = re.sub(r"bytes [0-9a-f]+", "bytes of other contents", line)
     line = re.sub(r"\(\D+SrcRes\D+:\d+\)", "", line)
     if not called(line) and not line.startswith("  error "):
@@ -104,14 +108,44 @@ def without_numbers(line):
     return re.sub(r"\([-\d, ]+\)", "(#)", line)[:160]
 
 
+def in_short(difference):
+    """What differences with the same cause have in common: the call and the two lines without
+    numbers, as far as that tells them apart."""
+    call, one, other = difference
+    one, other = without_numbers(one), without_numbers(other)
+    return call, one, other if one != other else "the same with other numbers"
+
+
+def is_host_call(line):
+    return re.match(r"  \w+: \w+\(", line) is not None
+
+
+def outcomes(log):
+    """What is left without host calls and addresses, which move with every call of the host."""
+    return [without_addresses(line) for line in log
+            if not is_host_call(line) and not line.startswith("    +")]
+
+
 def sort_of(old, new):
-    """What cases with the same cause have in common: the call and the two lines without numbers, as
-    far as that tells them apart."""
-    call, one, other = first_difference(old, new)
-    plain = without_numbers(one), without_numbers(other)
-    if plain[0] == plain[1]:
-        plain = plain[0], "the same with other numbers"
-    return (call, *plain)
+    """The sort of a case: its first difference, and when that is in host calls or addresses, the
+    first one in all the rest."""
+    first = first_difference(old, new)
+    is_outcome = first[1] != NONE and not is_host_call(first[1]) and not is_host_call(first[2])
+    if is_outcome and without_addresses(first[1]) != without_addresses(first[2]):
+        return in_short(first), None
+    return in_short(first), in_short(first_difference(outcomes(old), outcomes(new)))
+
+
+def show_sort(sort, count, case):
+    (call, one, other), rest = sort
+    print(f"  {count} x in {call}, for example case {case}\n      old: {one}\n      new: {other}")
+    if rest is None:
+        return
+    if rest[1] == NONE:
+        print("      all but host calls and addresses is the same")
+    else:
+        print(f"      besides host calls and addresses, in {rest[0]}\n"
+              f"      old: {rest[1]}\n      new: {rest[2]}")
 
 
 def show_example(old, new, lines):
@@ -136,14 +170,13 @@ def compare(runner, kind, arguments, differences):
             sort = sort_of(*pair)
             sorts[sort] += 1
             examples.setdefault(sort, (case, pair))
-            print(f"{kind} {case}: in {sort[0]}: {' | '.join(first_difference(*pair)[1:])[:300]}",
-                  file=differences)
+            call, one, other = first_difference(*pair)
+            print(f"{kind} {case}: in {call}: {one[:150]} | {other[:150]}", file=differences)
     if len(looked_at) < len(cases):
         print(f"  looked at the first {len(looked_at)} of them")
     for sort, count in sorts.most_common():
         case, pair = examples[sort]
-        print(f"  {count} x in {sort[0]}, for example case {case}\n"
-              f"      old: {sort[1]}\n      new: {sort[2]}")
+        show_sort(sort, count, case)
         show_example(*pair, arguments.examples)
     return len(cases)
 

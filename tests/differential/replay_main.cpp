@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -192,13 +193,15 @@ void runCase(std::uint64_t number, CaseLog &log) {
   }
 }
 
-void writeCase(std::uint64_t number, const CaseLog &log) {
-  const auto shown = static_cast<unsigned long long>(number);
-  if (arguments.isFull) {
-    std::fprintf(out, "== case %llu\n%s", shown, log.text().c_str());
-  } else {
-    std::fprintf(out, "%llu %016llx\n", shown, static_cast<unsigned long long>(log.digest()));
-  }
+void writeHead(std::uint64_t number) {
+  if (arguments.isFull)
+    std::fprintf(out, "== case %llu\n", static_cast<unsigned long long>(number));
+}
+
+void writeCase(std::uint64_t number, CaseLog &log) {
+  if (arguments.isFull) return log.writeOn();
+  std::fprintf(out, "%llu %016llx\n", static_cast<unsigned long long>(number),
+               static_cast<unsigned long long>(log.digest()));
   std::fflush(out);
 }
 
@@ -206,18 +209,19 @@ void writeEnd(std::uint64_t number, int status) {
   const std::string how = WIFSIGNALED(status)
                               ? "ends with signal " + std::to_string(WTERMSIG(status))
                               : "ends with status " + std::to_string(WEXITSTATUS(status));
-  std::fprintf(out, arguments.isFull ? "== case %llu\n%s\n" : "%llu %s\n",
-               static_cast<unsigned long long>(number), how.c_str());
+  if (!arguments.isFull) std::fprintf(out, "%llu ", static_cast<unsigned long long>(number));
+  std::fprintf(out, "%s\n", how.c_str());
   std::fflush(out);
 }
 
 // Cases from the one that `next` tells on, which is kept up to date.
 void runCases(volatile std::uint64_t &next) {
-  CaseLog log(arguments.isFull);
+  CaseLog log(arguments.isFull ? out : nullptr);
   tellModule(log, reinterpret_cast<const void *>(entry));
   while (next < arguments.cases.size()) {
     alarm(kMostSeconds);
     const std::uint64_t number = arguments.cases[next];
+    writeHead(number);
     runCase(number, log);
     writeCase(number, log);
     next = next + 1;

@@ -17,6 +17,23 @@ CaseHeap::~CaseHeap() {
   if (isOpen()) watch_.did("MEM_HeapClose", watch_.mem().MEM_HeapClose(heap_));
 }
 
+Leaves::Leaves(Random &random) {
+  constexpr std::size_t kStrides[] = {1, 1, 2, 3, 8, 16, 24, 64};
+  const std::size_t count = random.between(500, random.oneIn(4) ? 12000 : 3000);
+  const std::size_t stride = kStrides[random.below(std::size(kStrides))];
+  storage_.resize(count * stride);
+  branches_.resize((count + kOfBranch - 1) / kOfBranch);
+  const auto leafAt = [&](std::size_t i) { return &storage_[i * stride]; };
+  for (std::uint8_t &byte : storage_) byte = static_cast<std::uint8_t>(random.bits());
+  for (std::size_t i = 0; i < branches_.size(); ++i) {
+    branches_[i].next = i + 1 < branches_.size() ? &branches_[i + 1] : nullptr;
+    branches_[i].seen = random.oneIn(3) ? nullptr : leafAt(random.below(count));
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    branches_[i / kOfBranch].leaves[i % kOfBranch] = leafAt(i);
+  }
+}
+
 void showChain(Watch &watch, std::string_view what, const MemPackBlock *first, std::size_t blockLen,
                bool isSwapped) {
   constexpr int kMost = 40000;

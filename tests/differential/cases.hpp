@@ -8,6 +8,7 @@
 #include <optional>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "caselog.hpp"
 #include "casestorage.hpp"
@@ -70,6 +71,25 @@ template <class Made>
 void copyFixed(std::optional<Made> &place, const Made &from) {
   makeFixed(place, from);
 }
+
+// Leaves of one byte at addresses some bytes apart, below a list of branches. So many that the
+// library looks them up by an index.
+class Leaves {
+ public:
+  static constexpr std::size_t kOfBranch = 24;
+  struct Branch {
+    Branch *next;
+    const std::uint8_t *leaves[kOfBranch];
+    const std::uint8_t *seen;  // some leaf, or none
+  };
+
+  explicit Leaves(Random &random);
+  const Branch *root() const { return branches_.data(); }
+
+ private:
+  std::vector<std::uint8_t> storage_;
+  std::vector<Branch> branches_;
+};
 
 // The blocks of a chain, each of `blockLen` bytes; 0: each as long as its used length tells.
 void showChain(Watch &watch, std::string_view what, const MemPackBlock *first, std::size_t blockLen,

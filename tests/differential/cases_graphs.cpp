@@ -1,4 +1,5 @@
 // Structures packed and unpacked in place, and the chains of all foreign writers.
+#include <cstddef>
 #include <vector>
 
 #include "cases.hpp"
@@ -63,6 +64,41 @@ void packAndUnpack(Watch &watch, Random &random, const Settings &settings) {
   returnChain(watch, first, blockLen);
 }
 
+void packLeaves(Watch &watch, Random &random) {
+  std::optional<Leaves> leaves;
+  makeFixed(leaves, random);
+  MemPackCB controlBlock{};
+  controlBlock.Count = 2;
+  MemPackDescriptor &branch = controlBlock.Descriptors[0];
+  branch.Type = MEM_PACK_FIXED;
+  branch.FixedLen = sizeof(Leaves::Branch);
+  branch.SiblingOff = offsetof(Leaves::Branch, next);
+  branch.ChildCount = Leaves::kOfBranch;
+  for (std::size_t i = 0; i < Leaves::kOfBranch; ++i) {
+    branch.Children[i] = {
+        1, static_cast<std::int16_t>(offsetof(Leaves::Branch, leaves) + i * sizeof(void *))};
+  }
+  branch.ReferenceCount = 1;
+  branch.References[0] = offsetof(Leaves::Branch, seen);
+  controlBlock.Descriptors[1].Type = MEM_PACK_FIXED;
+  controlBlock.Descriptors[1].FixedLen = 1;
+  controlBlock.Descriptors[1].SiblingOff = MEM_PACK_NO_SIBLING;
+
+  if (random.oneIn(6)) watch.host().setTraceFlags(anyTraceFlags(random));
+  if (random.oneIn(4)) failOnce(watch, random, Service::GetStorage, 30);
+  const auto blockLen = static_cast<std::int32_t>(random.between(1200, 33000));
+  MemPackBlock *first = nullptr;
+  const std::int16_t result = watch.did(
+      "MEM_Pack of leaves", watch.mem().MEM_Pack(&controlBlock, leaves->root(), blockLen, &first));
+  watch.host().disarm();
+  showChain(watch, "packed", first, static_cast<std::size_t>(blockLen));
+  if (result == 0) {
+    unpack(watch, first, &controlBlock);
+    showChain(watch, "unpacked", first, static_cast<std::size_t>(blockLen));
+  }
+  returnChain(watch, first, static_cast<std::uint32_t>(blockLen));
+}
+
 void unpackForeign(Watch &watch, Random &random) {
   const std::vector<chainwriter::Writer> &writers = chainwriter::allWriters();
   const chainwriter::Writer &writer = writers[random.below(writers.size())];
@@ -101,7 +137,9 @@ void unpackForeign(Watch &watch, Random &random) {
 }  // namespace
 
 void graphsCase(Watch &watch, Random &random, const Settings &settings) {
-  if (random.oneIn(2)) {
+  if (random.oneIn(300)) {
+    packLeaves(watch, random);
+  } else if (random.oneIn(2)) {
     packAndUnpack(watch, random, settings);
   } else {
     unpackForeign(watch, random);

@@ -85,9 +85,49 @@ void read(Watch &watch, Random &random, const MEMStructDef *defs, const PortGrap
   heap.show();
 }
 
+// A branch and its leaves, as the tables of port strings tell them.
+memtest::Defs leavesTable() {
+  using memtest::Field;
+  constexpr auto kPointer = static_cast<std::int32_t>(sizeof(void *));
+  std::vector<Field> fields = {
+      Field(1, MEM_PORT_PNT, kPointer, offsetof(Leaves::Branch, next)).of(1)};
+  for (std::size_t i = 0; i < Leaves::kOfBranch; ++i) {
+    const std::size_t offset = offsetof(Leaves::Branch, leaves) + i * sizeof(void *);
+    fields.push_back(Field(static_cast<std::uint32_t>(2 + i), MEM_PORT_PNT, kPointer,
+                           static_cast<std::int32_t>(offset))
+                         .of(2));
+  }
+  fields.push_back(Field(99, MEM_PORT_PNT, kPointer, offsetof(Leaves::Branch, seen)).of(2));
+  memtest::Defs defs;
+  defs.add(1, sizeof(Leaves::Branch), fields);
+  defs.add(2, 1, {Field(1, MEM_PORT_BIT, 1, 0)});
+  return defs;
+}
+
+void writeAndReadLeaves(Watch &watch, Random &random) {
+  std::optional<Leaves> leaves;
+  makeFixed(leaves, random);
+  std::optional<memtest::Defs> defs;
+  {
+    const FixedPlace fixed;
+    defs.emplace(leavesTable());
+  }
+  if (random.oneIn(6)) watch.host().setTraceFlags(anyTraceFlags(random));
+  CaseHeap heap(watch, anyAreaKb(random), kWriting);
+  const std::string text =
+      writeText(watch, defs->table(), 1, leaves->root(), anyCapacity(random), heap);
+  if (text.empty()) return;
+  CaseHeap other(watch, 16, kReading);
+  void *root = nullptr;
+  readText(watch, defs->table(), text, random.below(3000), other, &root);
+  heap.show();
+  other.show();
+}
+
 }  // namespace
 
 void textsCase(Watch &watch, Random &random, const Settings &) {
+  if (random.oneIn(300)) return writeAndReadLeaves(watch, random);
   std::optional<PortGraph> graph;
   makeFixed(graph, random.bits());
   std::optional<OlderTable> older;

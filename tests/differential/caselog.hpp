@@ -62,6 +62,13 @@ class Watch {
   MEMFunctionVector &mem() { return host_.vector(); }
   CaseLog &log() { return log_; }
 
+  // A line about what comes next.
+  void note(std::string_view what) {
+    log_ << what;
+    log_.end();
+    log_.writeOn();
+  }
+
   // Shows a call that has just been made, and all that came of it.
   template <class Result>
   Result did(std::string_view what, Result result) {

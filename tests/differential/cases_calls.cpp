@@ -450,9 +450,8 @@ void mayFail(Watch &watch, Random &random) {
     fault.errorCode = 1234;
     fault.errorText = "HostErrorText";
   }
-  watch.log() << "fault " << refhost::serviceName(fault.service) << " "
-              << static_cast<std::int64_t>(fault.nth);
-  watch.log().end();
+  watch.note("fault " + std::string(refhost::serviceName(fault.service)) + " " +
+             std::to_string(fault.nth));
   watch.host().arm(fault);
 }
 

@@ -1,5 +1,6 @@
 // Structures packed and unpacked in place, and the chains of all foreign writers.
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include "cases.hpp"
@@ -23,9 +24,8 @@ void failOnce(Watch &watch, Random &random, Service service, std::size_t atMost)
   Fault fault;
   fault.service = service;
   fault.nth = random.between(1, atMost);
-  watch.log() << "fault " << refhost::serviceName(service) << " "
-              << static_cast<std::int64_t>(fault.nth);
-  watch.log().end();
+  watch.note("fault " + std::string(refhost::serviceName(service)) + " " +
+             std::to_string(fault.nth));
   watch.host().arm(fault);
 }
 
@@ -41,6 +41,7 @@ std::int16_t unpack(Watch &watch, MemPackBlock *&first, const MemPackCB *control
 }
 
 void packAndUnpack(Watch &watch, Random &random, const Settings &settings) {
+  watch.note("packed here");
   std::optional<RandomStructure> structure;
   makeFixed(structure, random.bits());
   setOldControlBlock(watch, structure->settings().oldControlBlock || settings.oldControlBlock);
@@ -65,6 +66,7 @@ void packAndUnpack(Watch &watch, Random &random, const Settings &settings) {
 }
 
 void packLeaves(Watch &watch, Random &random) {
+  watch.note("many leaves, packed here");
   std::optional<Leaves> leaves;
   makeFixed(leaves, random);
   MemPackCB controlBlock{};
@@ -88,8 +90,8 @@ void packLeaves(Watch &watch, Random &random) {
   if (random.oneIn(4)) failOnce(watch, random, Service::GetStorage, 30);
   const auto blockLen = static_cast<std::int32_t>(random.between(1200, 33000));
   MemPackBlock *first = nullptr;
-  const std::int16_t result = watch.did(
-      "MEM_Pack of leaves", watch.mem().MEM_Pack(&controlBlock, leaves->root(), blockLen, &first));
+  const std::int16_t result =
+      watch.did("MEM_Pack", watch.mem().MEM_Pack(&controlBlock, leaves->root(), blockLen, &first));
   watch.host().disarm();
   showChain(watch, "packed", first, static_cast<std::size_t>(blockLen));
   if (result == 0) {
@@ -120,15 +122,13 @@ void unpackForeign(Watch &watch, Random &random) {
   if (random.oneIn(12)) {
     failOnce(watch, random, random.oneIn(2) ? Service::GetStorage : Service::ConvertText, 4);
   }
-  watch.log() << "writer " << writer.name();
-  watch.log().end();
+  watch.note("writer " + writer.name());
   MemPackBlock *first = areas->first();
   const auto *controlBlock = reinterpret_cast<const MemPackCB *>(callers->data());
   const std::int16_t result = unpack(watch, first, random.oneIn(30) ? nullptr : controlBlock);
   watch.host().disarm();
   showChain(watch, "given", areas->first(), 0, isSwapped);
-  watch.log() << "damage " << areas->damage();
-  watch.log().end();
+  watch.note("damage " + areas->damage());
   if (first == areas->first()) return;
   showChain(watch, "new", first, MEM_UNPACK_BLOCK_LEN);
   if (result == 0) returnChain(watch, first, MEM_UNPACK_BLOCK_LEN);

@@ -25,6 +25,7 @@ std::vector<std::string> &soundTexts() {
 }
 
 void unpackMutant(Watch &watch, Random &random) {
+  watch.note("damaged chain");
   const std::vector<chainwriter::Writer> &writers = chainwriter::allWriters();
   const chainwriter::Writer &writer = writers[random.below(writers.size())];
   const chainwriter::Tree tree =
@@ -49,8 +50,7 @@ void unpackMutant(Watch &watch, Random &random) {
   watch.log().address(root) << " first ";
   watch.log().address(first).end();
   showChain(watch, "given", areas->first(), 0, isSwapped);
-  watch.log() << "damage " << areas->damage();
-  watch.log().end();
+  watch.note("damage " + areas->damage());
   if (first == areas->first()) return;
   showChain(watch, "new", first, MEM_UNPACK_BLOCK_LEN);
   if (result == 0) returnChain(watch, first, MEM_UNPACK_BLOCK_LEN);
@@ -75,6 +75,7 @@ void damage(Random &random, memtest::Bytes &controlBlock) {
 // A packer believes its caller about storage, so a damaged control block may lead it anywhere: the
 // case may end in a fault, which is an outcome like others.
 void packMutant(Watch &watch, Random &random) {
+  watch.note("damaged control block for the packer");
   std::optional<memtest::RandomStructure> structure;
   makeFixed(structure, random.bits());
   const auto *sound = reinterpret_cast<const std::uint8_t *>(structure->controlBlock());
@@ -95,6 +96,7 @@ void packMutant(Watch &watch, Random &random) {
 }
 
 void readMutant(Watch &watch, Random &random) {
+  watch.note("damaged text");
   const std::vector<std::string> &texts = soundTexts();
   const std::string &text = texts[random.below(texts.size())];
   const std::string made = memtest::mutant(text, texts[random.below(texts.size())], random);
@@ -172,6 +174,7 @@ class WrongTable {
 };
 
 void writeAndReadByWrongTables(Watch &watch, Random &random) {
+  watch.note("wrong definition table");
   std::optional<memtest::PortGraph> graph;
   makeFixed(graph, random.bits());
   std::optional<WrongTable> wrong;
@@ -185,8 +188,7 @@ void writeAndReadByWrongTables(Watch &watch, Random &random) {
       "MEM_StructToPortStr",
       watch.mem().MEM_StructToPortStr(writesWrong ? wrong->table() : graph->defs(), graph->rootID(),
                                       graph->root(), 0, heap.get(), &length, &first));
-  watch.log() << "length " << std::int64_t{length};
-  watch.log().end();
+  watch.note("length " + std::to_string(length));
   if (first != nullptr) {
     int untouched = 0;
     void *root = &untouched;

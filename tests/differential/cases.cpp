@@ -46,8 +46,9 @@ void showChain(Watch &watch, std::string_view what, const MemPackBlock *first, s
       length = 8U + (isSwapped ? static_cast<std::uint16_t>(used << 8 | used >> 8) : used);
     }
     watch.log() << what << " block ";
-    watch.log().address(block);
-    watch.log().bytes("", block, std::max<std::size_t>(length, 10));
+    watch.log().address(block) << " next ";
+    watch.log().address(block->pNext).end();
+    watch.log().bytes("  from 8 on", &block->UsedLen, std::max<std::size_t>(length, 10) - 8);
   }
 }
 

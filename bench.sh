@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Measures the library beside what programmers use instead, and writes the figures into
-# docs/performance.md and its charts. Takes some minutes; the machine should do nothing else.
+# Measures the library beside what programmers use instead, and some workloads of its own, and writes
+# the figures into docs/performance.md and its charts. Takes some minutes; the machine should do nothing else.
 #
 #   ./bench.sh
 #
 # With the name of a benchmark program it runs that one only and writes nothing; further arguments go
 # to Google Benchmark (--benchmark_filter=REGEX, --benchmark_repetitions=N, …).
 #
-#   ./bench.sh heapbench|membench|portbench|sinkbench|unpackbench|peerbench [arguments]
+#   ./bench.sh heapbench|membench|portbench|sinkbench|unpackbench|workloadbench|peerbench [arguments]
 #
 # Installs what is missing.
 set -euo pipefail
@@ -23,15 +23,19 @@ if (($#)); then
   exec "$build/bin/$program" "$@"
 fi
 
-"$root/cmake/build-quietly.sh" bench peerbench
-figures=$build/peerbench.json
-echo "== measuring" >&2
-"$build/bin/peerbench" --benchmark_out="$figures" --benchmark_out_format=json \
-  --benchmark_repetitions=9 --benchmark_min_time=0.05 \
-  --benchmark_enable_random_interleaving=true \
-  >"$build/peerbench.log" || {
-  grep -a 'ERROR' "$build/peerbench.log" >&2
-  exit 1
+"$root/cmake/build-quietly.sh" bench peerbench workloadbench
+measure() {
+  echo "== measuring: $1" >&2
+  "$build/bin/$1" --benchmark_out="$build/$1.json" --benchmark_out_format=json \
+    --benchmark_repetitions=9 --benchmark_min_time=0.05 \
+    --benchmark_enable_random_interleaving=true \
+    >"$build/$1.log" || {
+    grep -a 'ERROR' "$build/$1.log" >&2
+    exit 1
+  }
 }
-python3 "$root/bench/performance.py" "$figures" "$root/docs/performance.md"
+measure peerbench
+measure workloadbench
+python3 "$root/bench/performance.py" "$build/peerbench.json" "$build/workloadbench.json" \
+  "$root/docs/performance.md"
 echo "== wrote docs/performance.md" >&2

@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""Writes the figures of a peerbench run into docs/performance.md and draws its charts.
+"""Writes the figures of a benchmark run into docs/performance.md and draws its charts.
 
-    bench/performance.py FIGURES.json DOCUMENT.md
+    bench/performance.py FIGURES.json WORKLOADS.json DOCUMENT.md
 
-FIGURES.json is what peerbench writes with --benchmark_out. In the document everything between a line
+FIGURES.json is what peerbench writes with --benchmark_out, WORKLOADS.json what workloadbench writes.
+In the document everything between a line
 "<!-- figures: NAME -->" and the next "<!-- end -->" is replaced; all else is prose and stays. Charts
 go to the folder "pictures" beside the document. Ends with 1 when the figures and the document do not
 fit together.
@@ -252,6 +253,46 @@ def aims(figures):
     return markdown(["aim", "measured", "limit", "floor", "met"], lines)
 
 
+# Work, benchmark, what it stands beside, its benchmark, and the wished ratio.
+WORKLOADS = [
+    ("read a structure with a union of 1,024 required alternatives",
+     "alternatives/MEM_Port1StrToStruct/1024",
+     "of 256", "alternatives/MEM_Port1StrToStruct/256", "at most 5"),
+    ("read 20,000 structures in chunks, newer fields skipped and traced",
+     "skips/MEM_PortStrToStruct/20000", "10,000", "skips/MEM_PortStrToStruct/10000", "about 2"),
+    ("pack a structure of 20,000, addresses 1 byte apart", "pack-leaves/1 apart/20000",
+     "16 bytes apart", "pack-leaves/16 apart/20000", "at most 3"),
+    ("pack a structure of 400,000, addresses 1 byte apart", "pack-leaves/1 apart/400000",
+     "16 bytes apart", "pack-leaves/16 apart/400000", "at most 3"),
+    ("write a structure of 20,000, addresses 1 byte apart", "write-leaves/1 apart/20000",
+     "16 bytes apart", "write-leaves/16 apart/20000", "at most 3"),
+    ("write a structure of 400,000, addresses 1 byte apart", "write-leaves/1 apart/400000",
+     "16 bytes apart", "write-leaves/16 apart/400000", "at most 3"),
+    ("append 10 units, slot 28", "append/MEM_Cat/10", "slot 29", "append/MEM_MemCat/10", "–"),
+    ("append 1,000 units, slot 28", "append/MEM_Cat/1000",
+     "slot 29", "append/MEM_MemCat/1000", "at most 1.25"),
+    ("unpack an item in place, other byte order", "unpack/other order",
+     "native order", "unpack/native", "–"),
+]
+
+
+def workloads(figures):
+    head = ["nanoseconds per operation", "measured", "beside", "measured", "ratio", "wished"]
+    lines = []
+    for label, name, other_label, other, wished in WORKLOADS:
+        own, beside = figures.ns(name), figures.ns(other)
+        lines.append([label, number(own), other_label, number(beside),
+                      times(own / beside if own and beside else None), wished])
+    return markdown(head, lines).replace("|--:|--:|--:|--:|--:|", "|--:|---|--:|--:|---|")
+
+
+def catalogues(figures):
+    _, columns = figures.parts("pack-catalogue")
+    head = ["packages in the catalogue"] + columns
+    return markdown(head, [["nanoseconds per package"] + [
+        number(figures.ns(f"pack-catalogue/MEM_Pack/{column}")) for column in columns]])
+
+
 def command_output(command):
     try:
         return subprocess.run(command, capture_output=True, text=True, check=True).stdout
@@ -416,10 +457,11 @@ def charts(figures):
                                lines_of(figures, "concat"))
 
 
-def sections(figures):
+def sections(figures, own):
     made = {"machine": machine(figures), "aims": aims(figures), "floor": floors(figures),
             "multiples": multiples(figures), "graph-size": sizes(figures, "graph-encode"),
-            "text-size": sizes(figures, "text-encode")}
+            "text-size": sizes(figures, "text-encode"),
+            "workloads": workloads(own), "pack-catalogue": catalogues(own)}
     made.update({table: comparison(figures, table) for table in TABLES})
     return made
 
@@ -436,12 +478,12 @@ def fill(document, made):
 
 
 def main():
-    if len(sys.argv) != 3:
+    if len(sys.argv) != 4:
         raise SystemExit(__doc__)
     figures = Figures(sys.argv[1])
-    document = pathlib.Path(sys.argv[2])
-    document.write_text(fill(document.read_text(encoding="utf-8"), sections(figures)),
-                        encoding="utf-8")
+    document = pathlib.Path(sys.argv[3])
+    made = sections(figures, Figures(sys.argv[2]))
+    document.write_text(fill(document.read_text(encoding="utf-8"), made), encoding="utf-8")
     pictures = document.parent / "pictures"
     pictures.mkdir(exist_ok=True)
     for name, svg in charts(figures):

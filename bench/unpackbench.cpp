@@ -2,80 +2,25 @@
 // segment must not grow with the chain. Read the figures as ratios within one run.
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
 
+#include "benchchain.hpp"
 #include "benchlib.hpp"
 #include "chainwriter.hpp"
 
 namespace {
 
+using bench::kForeignBlockLen;
 using bench::library;
+using bench::LoadedChain;
+using bench::recordsFor;
 using bench::require;
-
 using chainwriter::Bytes;
 using chainwriter::Chain;
-using chainwriter::child;
-using chainwriter::data;
-using chainwriter::Form;
-using chainwriter::kNone;
-using chainwriter::sibling;
 using chainwriter::Tree;
 using chainwriter::Writer;
-
-constexpr std::size_t kBlockLen = 2048;
-
-// A chain of records, each with a narrow and a wide text of its own, in about `blocks` blocks.
-Tree recordsFor(std::size_t blocks, const Writer &writer) {
-  const std::size_t record = 3 * writer.pointerWidth + 16 + 15 + 4 * 9;
-  const std::size_t room = blocks * (kBlockLen - 40) - chainwriter::smallestBlockLen({}, writer);
-  Tree tree;
-  tree.kinds = {
-      {Form::Fixed, {sibling(), child(1), child(2), data(16)}}, {Form::Narrow}, {Form::Wide}};
-  const std::size_t count = std::max<std::size_t>(room / record, 1);
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t node = tree.nodes.size();
-    const std::size_t next = i + 1 < count ? node + 3 : kNone;
-    tree.nodes.push_back({0, Bytes(16, 7), {next, node + 1, node + 2}});
-    tree.nodes.push_back({1, {}, {}, "a-package-name"});
-    tree.nodes.push_back({2, {}, {}, {}, U"describe"});
-  }
-  return tree;
-}
-
-// The blocks of a chain in one area, so that they can be made as they were by one copy.
-class LoadedChain {
- public:
-  explicit LoadedChain(const Chain &chain) {
-    std::vector<std::size_t> starts;
-    std::size_t end = 0;
-    for (const Bytes &block : chain.blocks) {
-      starts.push_back(end);
-      end += (8 + block.size() + 7) / 8 * 8;
-    }
-    area_.resize(end);
-    fresh_.resize(end);
-    for (std::size_t i = 0; i < starts.size(); ++i) {
-      const std::uint8_t *const next =
-          i + 1 < starts.size() ? area_.data() + starts[i + 1] : nullptr;
-      std::memcpy(fresh_.data() + starts[i], &next, sizeof next);
-      std::memcpy(fresh_.data() + starts[i] + 8, chain.blocks[i].data(), chain.blocks[i].size());
-    }
-  }
-
-  void restore() { std::memcpy(area_.data(), fresh_.data(), fresh_.size()); }
-  MemPackBlock *first() { return reinterpret_cast<MemPackBlock *>(area_.data()); }
-  std::size_t size() const { return area_.size(); }
-
- private:
-  std::vector<std::uint8_t> area_;
-  std::vector<std::uint8_t> fresh_;
-};
 
 void setCounters(benchmark::State &state, const LoadedChain &loaded, std::size_t items) {
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(items));
@@ -86,7 +31,7 @@ void setCounters(benchmark::State &state, const LoadedChain &loaded, std::size_t
 void CopyChain(benchmark::State &state) {
   const Writer writer = chainwriter::writerOf("0220");
   const Tree tree = recordsFor(static_cast<std::size_t>(state.range(0)), writer);
-  LoadedChain loaded(chainwriter::write(tree, writer, kBlockLen));
+  LoadedChain loaded(chainwriter::write(tree, writer, kForeignBlockLen));
   for (auto _ : state) {
     loaded.restore();
     benchmark::ClobberMemory();
@@ -99,7 +44,7 @@ void unpackChain(benchmark::State &state, const Writer &writer) {
   refhost::Session session(library().bindEntry());
   MEMFunctionVector &mem = session.vector();
   const Tree tree = recordsFor(static_cast<std::size_t>(state.range(0)), writer);
-  const Chain chain = chainwriter::write(tree, writer, kBlockLen);
+  const Chain chain = chainwriter::write(tree, writer, kForeignBlockLen);
   LoadedChain loaded(chain);
   const Bytes callers = chainwriter::readersControlBlock(tree);
   for (auto _ : state) {

@@ -1,5 +1,6 @@
 #include "peers_work.hpp"
 
+#include <malloc.h>
 #include <time.h>
 
 #include <map>
@@ -11,6 +12,11 @@ namespace {
 bool failed = false;
 
 }  // namespace
+
+void keepMemory() {
+  mallopt(M_MMAP_THRESHOLD, 1 << 30);
+  mallopt(M_TRIM_THRESHOLD, -1);
+}
 
 void demand(bool holds, const char *what) {
   if (!holds) throw std::runtime_error(what);

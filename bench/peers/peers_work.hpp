@@ -34,6 +34,10 @@
 
 namespace bench {
 
+// The C library would give large blocks back to the system with every free, and take them again as
+// pages of zeros. That would be most of what some works cost, so for all of them memory stays.
+void keepMemory();
+
 // Runs `check` unless it has run under this name. On failure the benchmark is marked as failed and
 // the program's end result is a failure.
 bool passes(benchmark::State &state, const std::string &name, const std::function<void()> &check);

@@ -161,9 +161,15 @@ void HashIndex::grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
   release(ppLink);
 }
 
-// Another key has the key's place.
+// Another key has the key's place. Keys less than 16 bytes apart, which would fill the places of
+// their page many times over, go on where their lowest bits lead: those with the same ones stay
+// side by side for 256 bytes. Others go on at the next place.
 HashIndex::Slot *HashIndex::seekElsewhere(std::uint64_t key) const noexcept {
-  const std::uint32_t place = placeOf(key) + 1;
+  std::uint32_t place = placeOf(key) + 1;
+  if (key % 16 != 0) {
+    const std::uint64_t group = key / 256 * 16 + key % 16;
+    place = static_cast<std::uint32_t>(((group * kSpread) >> shift_) + key % 256 / 16);
+  }
   Slot *pSlot = &pSlots_[place & lastPlace_];
   while (pSlot->pNode != nullptr && pSlot->key != key) {
     pSlot = pSlot == &pSlots_[lastPlace_] ? pSlots_ : pSlot + 1;

@@ -219,6 +219,21 @@ TEST_F(HashIndexTest, NeighboursAtTheIndexsEndStayFindable) {
   }
 }
 
+// More keys than the index has places for in their pages, as it is made and while it grows.
+TEST_F(HashIndexTest, KeysCloseTogetherStayFindable) {
+  for (const std::uint64_t apart : {1, 2, 3, 4, 8, 12, 17}) {
+    for (std::vector<std::uint64_t> &chain : chains) chain.clear();
+    open(packerFunction);
+    const auto keyAt = [apart](std::uint64_t i) { return 0x1003 + apart * i; };
+    for (std::uint64_t i = 0; i < 20000; ++i) insert(keyAt(i * 7 % 20000));
+    for (std::uint64_t i = 0; i < 20000; ++i) expectKnown(keyAt(i));
+    expectUnknown(keyAt(20000));
+    if (apart > 1) expectUnknown(keyAt(10000) + 1);
+    expectChains();
+    close();
+  }
+}
+
 TEST_F(HashIndexTest, ZeroAndExtremeKeysAreKeysLikeOthers) {
   open(packerFunction);
   for (std::uint64_t i = 1; i <= 100; ++i) insert(256 * i);

@@ -191,17 +191,20 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   if (!isIndex(ctl, index)) return failIndex(frame, index);
 
   HashIndex *pIndex = HashIndex::of(frame, ctl);
-  HashIndex::Slot *pSlot = pIndex == nullptr ? nullptr : pIndex->slotOf(pKey);
+  HashIndex::Slot *pSlot = nullptr;
   Place place{};
   HashNode *pFound = nullptr;
-  if (pIndex != nullptr && pIndex->canTell(ctl, *pSlot, index)) {
-    place.ppLink = pIndex->endOf(ctl, index);
-    pFound = pSlot->pNode;
-  } else {
+  if (pIndex != nullptr) {
+    pSlot = pIndex->slotOf(pKey);
+    if (!pIndex->canTell(ctl, *pSlot, index)) pIndex = nullptr;
+  }
+  if (pIndex == nullptr) {
     HashIndex::lose(frame, ctl);
-    pIndex = nullptr;
     place = findPlace(ctl, index, pKey);
     pFound = place.node();
+  } else {
+    place.ppLink = pIndex->endOf(ctl, index);
+    pFound = pSlot->pNode;
   }
   if (pFound != nullptr) {
     *ppNewEntry = pFound->record();

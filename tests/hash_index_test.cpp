@@ -221,7 +221,7 @@ TEST_F(HashIndexTest, NeighboursAtTheIndexsEndStayFindable) {
 
 // More keys than the index has places for in their pages, as it is made and while it grows.
 TEST_F(HashIndexTest, KeysCloseTogetherStayFindable) {
-  for (const std::uint64_t apart : {1, 2, 3, 4, 8, 12, 17}) {
+  for (const std::uint64_t apart : {1U, 2U, 3U, 4U, 8U, 12U, 17U}) {
     for (std::vector<std::uint64_t> &chain : chains) chain.clear();
     open(packerFunction);
     const auto keyAt = [apart](std::uint64_t i) { return 0x1003 + apart * i; };
@@ -472,7 +472,7 @@ class PastTheIndexTest : public HashIndexTest {
   static constexpr By kAll[] = {By::library, By::host, By::noEnvironment, By::noThreadBlock,
                                 By::otherThread};
   static constexpr std::uint64_t kFirst = 0x2000;
-  static constexpr std::uint64_t kCount = 2500;  // enough for an index
+  static constexpr std::uint64_t kCount = 210;  // in three chains: enough for an index
 
   PastTheIndexTest() {
     OwnServices::allocEntry = mem.MEM_HeapAllocEntry;
@@ -512,9 +512,11 @@ class PastTheIndexTest : public HashIndexTest {
     records_.clear();
     deleted_.clear();
     open(packerFunction);
-    for (std::uint64_t i = 0; i < kCount; ++i) put(kFirst + 8 * i);
+    for (std::uint64_t i = 0; i < kCount; ++i) put(keyAt(i));
     ASSERT_NE(indexes(), nullptr);
   }
+
+  static std::uint64_t keyAt(std::uint64_t i) { return kFirst + 256 * (i / 3) + 8 * (i % 3); }
 
   void put(std::uint64_t key, By who = By::library) {
     const Record record{key * 3, key};
@@ -575,10 +577,8 @@ class PastTheIndexTest : public HashIndexTest {
     for (const std::uint64_t key : expected) look(key);
   }
 
-  // The last key of a bucket's chain, and keys for the bucket that the table does not have.
-  static std::uint64_t lastOf(std::uint64_t bucketOfKey) {
-    return kFirst + 8 * (kCount - 32 + bucketOfKey);
-  }
+  // The last key of one of the chains, and keys for the same bucket that the table does not have.
+  static std::uint64_t lastOf(std::uint64_t chain) { return keyAt(kCount - 3 + chain); }
   static std::uint64_t fresh(std::uint64_t like, std::uint64_t n) {
     return like + 0x100000 * (n + 1);
   }
@@ -668,7 +668,7 @@ TEST_F(PastTheIndexTest, OfTwoRecordsWithOneKeyTheFirstIsFound) {
   };
   put(kFirst);
   insertAnyway(kFirst);
-  for (std::uint64_t i = 1; i < kCount; ++i) put(kFirst + 8 * i);
+  for (std::uint64_t i = 1; i < kCount; ++i) put(keyAt(i));
   ASSERT_NE(indexes(), nullptr);
   look(kFirst);
   put(kFirst);
@@ -748,10 +748,10 @@ TEST_F(PastTheIndexTest, ATableAtTheAddressOfAClosedOneHasNothingOfIt) {
     if (opener == By::library) {
       EXPECT_EQ(indexes(), nullptr);
     }
-    for (std::uint64_t i = 0; i < kCount; ++i) put(kFirst + 24 * i, opener);
-    look(kFirst + 8);
-    put(kFirst + 8);
-    put(kFirst + 16);
+    for (std::uint64_t i = 0; i < kCount; ++i) put(fresh(keyAt(i), 0), opener);
+    look(kFirst);
+    put(kFirst);
+    put(lastOf(1));
     expectTable();
     close();
     EXPECT_EQ(indexes(), nullptr);

@@ -149,6 +149,7 @@ std::int16_t MEM_HashOpen(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t Ke
       functionVector().MEM_Alloc(ctlBlkLen, static_cast<std::int16_t>(SubPool)));
   if (pCtl == nullptr) return failControlBlock(frame);
 
+  HashIndex::forget(frame, pCtl);  // of a table that this thread did not see closed
   std::memset(static_cast<void *>(pCtl), 0, ctlBlkLen);
   writeEyecatcher(pCtl->Eyecatcher, kHashEye);
   pCtl->KeyOff = KeyOff;
@@ -172,7 +173,7 @@ std::int16_t MEM_HashClose(HMEMHASH hMemHash) noexcept {
   if (functionVector().MEM_HeapClose(pCtl->hMemHeap) != 0) {
     return finishFailed(frame, "HeapClose Return=FAILED");
   }
-  HashIndex::drop(frame, *pCtl);
+  HashIndex::forget(frame, pCtl);
   pCtl->Eyecatcher[0] = ' ';  // a stale handle fails the eye-catcher test
   functionVector().MEM_Free(pCtl, pCtl->CtlBlkLen, static_cast<std::int16_t>(pCtl->SubPool));
   return frame.succeed();
@@ -193,12 +194,16 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   HashIndex::Slot *pSlot = nullptr;
   Place place{};
   HashNode *pFound = nullptr;
+  if (pIndex != nullptr) {
+    pSlot = pIndex->slotOf(pKey);
+    if (!pIndex->canTell(ctl, *pSlot, index)) pIndex = nullptr;
+  }
   if (pIndex == nullptr) {
+    HashIndex::lose(frame, ctl);
     place = findPlace(ctl, index, pKey);
     pFound = place.node();
   } else {
     place.ppLink = pIndex->endOf(ctl, index);
-    pSlot = pIndex->slotOf(pKey);
     pFound = pSlot->pNode;
   }
   if (pFound != nullptr) {
@@ -225,12 +230,12 @@ std::int16_t MEM_HashGetEntry(HMEMHASH hMemHash, const void *pKey, void **ppEntr
   if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::composed);
   MEMHashCtlBlk &ctl = *table(hMemHash);
   const HashIndex *pIndex = HashIndex::of(frame, ctl);
-  HashNode *pNode = pIndex == nullptr ? nullptr : pIndex->slotOf(pKey)->pNode;
+  HashNode *pNode = pIndex == nullptr ? nullptr : pIndex->nodeWith(ctl, pKey);
   if (pNode == nullptr) {
     // A key in an index has a bucket: the hash function is the library's own, and was asked for it.
     const std::int16_t index = ctl.pFunc(pKey);
     if (!isIndex(ctl, index)) return failIndex(frame, index);
-    if (pIndex == nullptr) pNode = findPlace(ctl, index, pKey).node();
+    pNode = findPlace(ctl, index, pKey).node();
   }
   if (pNode == nullptr) return finishNotFound(frame);
   *ppEntry = pNode->record();

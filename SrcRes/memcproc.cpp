@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "callframe.h"
+#include "memchash_index.h"
 #include "msgtable.h"
 
 namespace mem {
@@ -96,6 +97,7 @@ std::int16_t MEM_ThreadTerm() noexcept {
   if (processBlock() == nullptr || pThread == nullptr || pThread->pMemThreadBlk == nullptr) {
     return frame.finish(0);
   }
+  HashIndex::forgetAll(frame);
   runtimeServices().FreePoolStorage(MEM_THREAD_BLOCK_SUBPOOL, pThread->pMemThreadBlk);
   pThread->pMemThreadBlk = nullptr;
   return frame.finishAsHostSet();

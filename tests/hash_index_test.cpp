@@ -3,10 +3,12 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <map>
 #include <random>
 #include <vector>
 
 #include "heaptest.hpp"
+#include "randomrun.hpp"
 
 namespace memtest {
 namespace {
@@ -217,6 +219,21 @@ TEST_F(HashIndexTest, NeighboursAtTheIndexsEndStayFindable) {
   }
 }
 
+// More keys than the index has places for in their pages, as it is made and while it grows.
+TEST_F(HashIndexTest, KeysCloseTogetherStayFindable) {
+  for (const std::uint64_t apart : {1U, 2U, 3U, 4U, 8U, 12U, 17U}) {
+    for (std::vector<std::uint64_t> &chain : chains) chain.clear();
+    open(packerFunction);
+    const auto keyAt = [apart](std::uint64_t i) { return 0x1003 + apart * i; };
+    for (std::uint64_t i = 0; i < 20000; ++i) insert(keyAt(i * 7 % 20000));
+    for (std::uint64_t i = 0; i < 20000; ++i) expectKnown(keyAt(i));
+    expectUnknown(keyAt(20000));
+    if (apart > 1) expectUnknown(keyAt(10000) + 1);
+    expectChains();
+    close();
+  }
+}
+
 TEST_F(HashIndexTest, ZeroAndExtremeKeysAreKeysLikeOthers) {
   open(packerFunction);
   for (std::uint64_t i = 1; i <= 100; ++i) insert(256 * i);
@@ -399,6 +416,431 @@ TEST_F(HashIndexTest, AnIndexOfFewNodesAnswers) {
     expectChains();
     close();
   }
+}
+
+// A host's own services for the same tables, which know nothing of an index: the table's blocks are
+// public.
+
+struct OwnServices {
+  inline static MEM_HeapAllocEntryFn *allocEntry;
+
+  static void **linkTo(HMEMHASH table, const void *key) {
+    const auto bucket = static_cast<std::size_t>(load<MEMHashFunc>(table, 16)(key));
+    void **link = reinterpret_cast<void **>(at(table, 48 + 8 * bucket));
+    while (*link != nullptr && std::memcmp(at(*link, 8 + kKeyOff), key, 8) != 0) {
+      link = static_cast<void **>(*link);
+    }
+    return link;
+  }
+
+  static std::int16_t insert(HMEMHASH table, std::int16_t len, const void *record, void **ppNew) {
+    void **link = linkTo(table, static_cast<const std::uint8_t *>(record) + kKeyOff);
+    const bool isThere = *link != nullptr;
+    if (!isThere) {
+      void *node = load<void *>(table, 40);
+      if (node != nullptr) {
+        store(table, 40, load<void *>(node, 0));
+      } else {
+        allocEntry(load<HMEMHEAP>(table, 32), static_cast<std::int16_t>(len + 15), &node);
+      }
+      store<void *>(node, 0, nullptr);
+      std::memcpy(at(node, 8), record, static_cast<std::size_t>(len));
+      *link = node;
+    }
+    *ppNew = at(*link, 8);
+    return isThere ? kDuplicate : std::int16_t{0};
+  }
+
+  static std::int16_t remove(HMEMHASH table, const void *key) {
+    void **link = linkTo(table, key);
+    void *node = *link;
+    if (node == nullptr) return kNotFound;
+    *link = load<void *>(node, 0);
+    store(node, 0, load<void *>(table, 40));
+    store(table, 40, node);
+    return 0;
+  }
+};
+
+// A table that is changed past its index, against a model of plain chains: results, addresses, the
+// order of the chains and of a scan, and storage.
+class PastTheIndexTest : public HashIndexTest {
+ protected:
+  // Who works on the table: the library as usual, the host's own services, the library in a frame
+  // without thread environment, in one without thread block, and on another thread.
+  enum class By { library, host, noEnvironment, noThreadBlock, otherThread };
+  static constexpr By kAll[] = {By::library, By::host, By::noEnvironment, By::noThreadBlock,
+                                By::otherThread};
+  static constexpr std::uint64_t kFirst = 0x2000;
+  static constexpr std::uint64_t kCount = 210;  // in three chains: enough for an index
+
+  PastTheIndexTest() {
+    OwnServices::allocEntry = mem.MEM_HeapAllocEntry;
+    firstBlock_ = env().pMemThreadBlk;
+    env().pMemThreadBlk = nullptr;
+    EXPECT_EQ(mem.MEM_ThreadAct(), 0);
+    otherBlock_ = env().pMemThreadBlk;
+    env().pMemThreadBlk = firstBlock_;
+  }
+
+  ~PastTheIndexTest() override {
+    if (table != nullptr) close();
+    firstBlock_ = env().pMemThreadBlk;
+    env().pMemThreadBlk = otherBlock_;
+    EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
+    env().pMemThreadBlk = firstBlock_;
+  }
+
+  template <class Call>
+  void by(By who, Call call) {
+    const MEMFunctionVector own = mem;
+    MEMThreadBlock *const block = env().pMemThreadBlk;
+    if (who == By::host) mem.MEM_HashInsEntry = OwnServices::insert;
+    if (who == By::host) mem.MEM_HashDelEntry = OwnServices::remove;
+    if (who == By::noThreadBlock) env().pMemThreadBlk = nullptr;
+    if (who == By::otherThread) env().pMemThreadBlk = otherBlock_;
+    host.withoutThreadEnv(who == By::noEnvironment);
+    call();
+    host.withoutThreadEnv(false);
+    env().pMemThreadBlk = block;
+    mem.MEM_HashInsEntry = own.MEM_HashInsEntry;
+    mem.MEM_HashDelEntry = own.MEM_HashDelEntry;
+  }
+
+  void openIndexed() {
+    for (std::vector<std::uint64_t> &chain : chains) chain.clear();
+    records_.clear();
+    deleted_.clear();
+    open(packerFunction);
+    for (std::uint64_t i = 0; i < kCount; ++i) put(keyAt(i));
+    ASSERT_NE(indexes(), nullptr);
+  }
+
+  static std::uint64_t keyAt(std::uint64_t i) { return kFirst + 256 * (i / 3) + 8 * (i % 3); }
+
+  void put(std::uint64_t key, By who = By::library) {
+    const Record record{key * 3, key};
+    void *stored = untouched();
+    std::int16_t result = kFailed;
+    by(who, [&] { result = mem.MEM_HashInsEntry(table, sizeof record, &record, &stored); });
+    const auto known = records_.find(key);
+    if (known != records_.end()) {
+      ASSERT_EQ(result, kDuplicate) << key;
+      ASSERT_EQ(stored, known->second) << key;
+      return;
+    }
+    ASSERT_EQ(result, 0) << key;
+    if (!deleted_.empty()) {
+      ASSERT_EQ(stored, deleted_.back()) << "deleted nodes are used first, the latest one first";
+      deleted_.pop_back();
+    }
+    records_[key] = stored;
+    chains[static_cast<std::size_t>(packerBucket(key))].push_back(key);
+  }
+
+  void take(std::uint64_t key, By who = By::library) {
+    std::int16_t result = kFailed;
+    by(who, [&] { result = mem.MEM_HashDelEntry(table, &key); });
+    const auto known = records_.find(key);
+    ASSERT_EQ(result, known == records_.end() ? kNotFound : 0) << key;
+    if (known == records_.end()) return;
+    deleted_.push_back(known->second);
+    records_.erase(known);
+    std::vector<std::uint64_t> &chain = chains[static_cast<std::size_t>(packerBucket(key))];
+    chain.erase(std::find(chain.begin(), chain.end(), key));
+  }
+
+  void look(std::uint64_t key, By who = By::library) {
+    void *found = untouched();
+    std::int16_t result = kFailed;
+    by(who, [&] { result = mem.MEM_HashGetEntry(table, &key, &found); });
+    const auto known = records_.find(key);
+    ASSERT_EQ(result, known == records_.end() ? kNotFound : 0) << key;
+    ASSERT_EQ(found, known == records_.end() ? untouched() : known->second) << key;
+  }
+
+  // Everything is where plain chains have it, and found there.
+  void expectTable() {
+    expectChains();
+    std::vector<std::uint64_t> expected;
+    for (const std::vector<std::uint64_t> &chain : chains) {
+      expected.insert(expected.end(), chain.begin(), chain.end());
+    }
+    static std::vector<std::uint64_t> scanned;
+    scanned.clear();
+    const auto see = [](void *record, void *) -> std::int16_t {
+      scanned.push_back(static_cast<Record *>(record)->key);
+      return 0;
+    };
+    EXPECT_EQ(mem.MEM_HashScan(table, see, nullptr), 0);
+    EXPECT_EQ(scanned, expected);
+    for (const std::uint64_t key : expected) look(key);
+  }
+
+  // The last key of one of the chains, and keys for the same bucket that the table does not have.
+  static std::uint64_t lastOf(std::uint64_t chain) { return keyAt(kCount - 3 + chain); }
+  static std::uint64_t fresh(std::uint64_t like, std::uint64_t n) {
+    return like + 0x100000 * (n + 1);
+  }
+
+  void *indexes() { return env().pMemThreadBlk->pHashIndexes; }
+  void *otherIndexes() const { return otherBlock_->pHashIndexes; }
+
+  MEMThreadBlock *firstBlock_;
+  MEMThreadBlock *otherBlock_;
+  std::map<std::uint64_t, void *> records_;
+  std::vector<void *> deleted_;  // the last is used first
+};
+
+TEST_F(PastTheIndexTest, AnInsertIsFound) {
+  for (const By who : kAll) {
+    openIndexed();
+    const std::uint64_t key = fresh(kFirst, 0);
+    put(key, who);
+    look(key);
+    put(key);
+    const std::uint64_t ofEmptyBucket = kFirst + 3;
+    put(ofEmptyBucket, who);
+    put(ofEmptyBucket);
+    look(ofEmptyBucket);
+    expectTable();
+    close();
+  }
+}
+
+TEST_F(PastTheIndexTest, AnInsertIsNotLostByTheNextOne) {
+  for (const By who : kAll) {
+    openIndexed();
+    put(fresh(kFirst, 0), who);
+    put(fresh(kFirst, 1));
+    put(kFirst + 3, who);
+    put(fresh(kFirst + 3, 1));
+    expectTable();
+    close();
+  }
+}
+
+TEST_F(PastTheIndexTest, ADeletedKeyIsAbsent) {
+  for (const By who : kAll) {
+    for (const std::uint64_t key : {kFirst, lastOf(0)}) {
+      openIndexed();
+      take(key, who);
+      look(key);
+      put(fresh(key, 0));
+      put(key);
+      expectTable();
+      close();
+    }
+  }
+}
+
+// The deleted node is in use again when the library comes next, and the list of deleted nodes is
+// what it was.
+TEST_F(PastTheIndexTest, ANodeInUseAgainHasItsNewKey) {
+  for (const By who : kAll) {
+    for (const std::uint64_t key : {kFirst, lastOf(0)}) {
+      for (const std::uint64_t next : {fresh(key, 0), fresh(key + 8, 0), key + 3, key}) {
+        for (const std::uint64_t then : {next, key, fresh(key, 1), fresh(next, 2)}) {
+          openIndexed();
+          take(key, who);
+          put(next, who);
+          look(key);
+          look(next);
+          put(then);
+          expectTable();
+          close();
+        }
+      }
+    }
+  }
+}
+
+// A host's own insert need not look for the key.
+TEST_F(PastTheIndexTest, OfTwoRecordsWithOneKeyTheFirstIsFound) {
+  open(packerFunction);
+  const auto insertAnyway = [&](std::uint64_t key) {
+    void *first = *OwnServices::linkTo(table, &key);
+    store<std::uint64_t>(first, 8 + kKeyOff, ~key);
+    const Record record{0, key};
+    void *stored = nullptr;
+    EXPECT_EQ(OwnServices::insert(table, sizeof record, &record, &stored), 0);
+    store<std::uint64_t>(first, 8 + kKeyOff, key);
+  };
+  put(kFirst);
+  insertAnyway(kFirst);
+  for (std::uint64_t i = 1; i < kCount; ++i) put(keyAt(i));
+  ASSERT_NE(indexes(), nullptr);
+  look(kFirst);
+  put(kFirst);
+}
+
+// What the library does past its index without a thread block costs the index, and no storage.
+TEST_F(PastTheIndexTest, AnIndexThatIsGivenUpIsReturned) {
+  const Areas areas(host, kSubPool);
+  for (const By who : {By::host, By::noEnvironment, By::noThreadBlock, By::otherThread}) {
+    openIndexed();
+    const std::uint64_t live = areas.live();
+    put(fresh(kFirst, 0), who);
+    put(fresh(kFirst, 1));
+    EXPECT_EQ(indexes(), nullptr);
+    EXPECT_EQ(areas.live(), live - 1);
+    // It takes as many nodes again for the next one.
+    for (std::uint64_t i = 0; i < 3000; ++i) put(fresh(kFirst, 2) + 8 * i);
+    EXPECT_NE(indexes(), nullptr);
+    expectTable();
+    close();
+    EXPECT_EQ(areas.live(), 0U);
+  }
+}
+
+// The index of another thread that has the table for a while is no help to the first one.
+TEST_F(PastTheIndexTest, ATableThatComesBackFromAnotherThreadIsWhole) {
+  openIndexed();
+  for (std::uint64_t i = 0; i < 4000; ++i) put(fresh(kFirst, 0) + 8 * i, By::otherThread);
+  EXPECT_NE(otherIndexes(), nullptr);
+  put(fresh(kFirst, 0));
+  put(fresh(lastOf(0), 9));
+  expectTable();
+  for (std::uint64_t i = 0; i < 4000; ++i) put(fresh(kFirst, 1) + 8 * i);
+  take(kFirst, By::otherThread);
+  EXPECT_EQ(otherIndexes(), nullptr);
+  put(fresh(kFirst, 7));
+  expectTable();
+  close();
+  EXPECT_EQ(indexes(), nullptr);
+}
+
+// Without a thread block the library does not come to the index of a table that it closes. The
+// thread that made it returns it, when a table is opened in the same place or when the thread ends.
+TEST_F(PastTheIndexTest, AnIndexOfAClosedTableGoesWithItsThread) {
+  for (const By who : {By::noEnvironment, By::noThreadBlock, By::otherThread}) {
+    openIndexed();
+    by(who, [&] { close(); });
+    EXPECT_NE(indexes(), nullptr);
+    EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
+    EXPECT_EQ(host.account(kSubPool).liveCount, 0U);
+    EXPECT_EQ(mem.MEM_ThreadAct(), 0);
+  }
+}
+
+TEST_F(PastTheIndexTest, ATableAtTheAddressOfAClosedOneHasNothingOfIt) {
+  static void *block;
+  static MEM_AllocFn *ownAlloc;
+  static MEM_FreeFn *ownFree;
+  constexpr std::uint32_t kBlockLen = 127 * 8 + 56;
+  ownAlloc = mem.MEM_Alloc;
+  ownFree = mem.MEM_Free;
+  block = ownAlloc(kBlockLen, kSubPool);
+  mem.MEM_Alloc = [](std::uint32_t size, std::int16_t subPool) {
+    return size == kBlockLen ? block : ownAlloc(size, subPool);
+  };
+  mem.MEM_Free = [](void *area, std::uint32_t size, std::int16_t subPool) {
+    if (area != block) ownFree(area, size, subPool);
+  };
+  // Opened on the thread of the index, and on another one.
+  for (const By opener : {By::library, By::otherThread, By::noThreadBlock}) {
+    openIndexed();
+    by(By::noEnvironment, [&] { close(); });
+    ASSERT_NE(indexes(), nullptr);
+    for (std::vector<std::uint64_t> &chain : chains) chain.clear();
+    records_.clear();
+    by(opener, [&] { open(packerFunction); });
+    if (opener == By::library) {
+      EXPECT_EQ(indexes(), nullptr);
+    }
+    for (std::uint64_t i = 0; i < kCount; ++i) put(fresh(keyAt(i), 0), opener);
+    look(kFirst);
+    put(kFirst);
+    put(lastOf(1));
+    expectTable();
+    close();
+    EXPECT_EQ(indexes(), nullptr);
+    EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
+    EXPECT_EQ(mem.MEM_ThreadAct(), 0);
+  }
+  mem.MEM_Free = ownFree;
+  mem.MEM_Alloc = ownAlloc;
+  mem.MEM_Free(block, kBlockLen, kSubPool);
+}
+
+TEST_F(PastTheIndexTest, AThreadThatEndsReturnsTheIndexAndLeavesTheTable) {
+  const Areas areas(host, kSubPool);
+  openIndexed();
+  const std::uint64_t live = areas.live();
+  EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
+  EXPECT_EQ(areas.live(), live - 1);
+  EXPECT_EQ(mem.MEM_ThreadAct(), 0);
+  look(kFirst);
+  put(kFirst);
+  put(fresh(kFirst, 0));
+  put(fresh(lastOf(0), 0));
+  take(kFirst);
+  expectTable();
+}
+
+// Random work by all of them on the ends of a few chains, on a table that has an index each time.
+class PastTheIndexRandomTest : public PastTheIndexTest,
+                               public ::testing::WithParamInterface<std::uint64_t> {
+ protected:
+  std::uint64_t someKey() {
+    const std::uint64_t bucket = 8 * random_.below(3);
+    switch (random_.below(4)) {
+      case 0:
+        return kFirst + 256 * random_.below(3) + bucket;
+      case 1:
+        return lastOf(bucket / 8) - 256 * random_.below(2);
+      case 2:
+        return fresh(kFirst + bucket, random_.below(3));
+      default:
+        return kFirst + random_.below(24);
+    }
+  }
+
+  // Of two deletions between two inserts of the library all may go unseen.
+  void step() {
+    const By who = kAll[random_.below(std::size(kAll))];
+    const std::uint64_t key = someKey();
+    const std::size_t kind = random_.below(8);
+    if (kind < 4) {
+      put(key, who);
+      if (who != By::host) isDeletedByHost_ = false;
+    } else if (kind < 6) {
+      look(key, who);
+    } else if (who != By::host || !isDeletedByHost_) {
+      take(key, who);
+      isDeletedByHost_ = who == By::host;
+    }
+  }
+
+  Random random_{GetParam()};
+  bool isDeletedByHost_ = false;
+};
+
+INSTANTIATE_TEST_SUITE_P(Seeds, PastTheIndexRandomTest,
+                         ::testing::Range(firstSeed(1), firstSeed(1) + 6));
+
+TEST_P(PastTheIndexRandomTest, TheTableIsThatOfPlainChains) {
+  SCOPED_TRACE(seedNote(GetParam()));
+  const Areas areas(host, kSubPool);
+  for (int run = 0; run < 25; ++run) {
+    openIndexed();
+    isDeletedByHost_ = false;
+    for (int i = 0; i < 40; ++i) {
+      step();
+      ASSERT_FALSE(HasFailure()) << "run " << run << ", step " << i;
+    }
+    expectTable();
+    by(kAll[random_.below(std::size(kAll))], [&] { close(); });
+    if (random_.oneIn(3)) {
+      EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
+      EXPECT_EQ(mem.MEM_ThreadAct(), 0);
+    }
+  }
+  EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
+  by(By::otherThread, [&] { EXPECT_EQ(mem.MEM_ThreadTerm(), 0); });
+  EXPECT_EQ(areas.live(), 0U);
+  EXPECT_EQ(mem.MEM_ThreadAct(), 0);
+  otherBlock_ = nullptr;
 }
 
 // A list whose links each refer to some other link, too: long enough for the packer to ask for what

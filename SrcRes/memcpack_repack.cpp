@@ -203,12 +203,11 @@ class Mover {
   TextConverter text_;
 };
 
-// A segment that tells its own length grows by what its pointer fields grow.
+// A segment that tells its own length keeps all that lies behind its last pointer field.
 std::int64_t Mover::newLength(const MemPackDescriptor &file, const MemPackDescriptor &callers,
                               std::uint32_t oldLength) const noexcept {
   if (file.Type == MEM_PACK_FIXED) return callers.FixedLen;
-  const auto growth = static_cast<std::uint32_t>(sizeof(void *)) - pointers_.width();
-  return std::int64_t{oldLength} + fieldCount(file) * growth;
+  return oldLength - lastFieldEnd(file, pointers_.width()) + lastFieldEnd(callers, sizeof(void *));
 }
 
 // The length word of a segment that has one, in native order.

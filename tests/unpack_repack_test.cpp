@@ -179,6 +179,125 @@ TEST_F(UnpackRepackTest, LengthWordsGrowByTheFields) {
   }
 }
 
+// A root that tells its length, with one child pointer and a tail behind it.
+Tree tailTree(Form form, std::size_t dataLen, std::size_t tailLen) {
+  Tree tree{.kinds = {{form, {data(dataLen), child(kChild)}}, {Form::Fixed, {data(5)}}},
+            .nodes = {{kRoot, Bytes(dataLen, 0x11), {1}}, {kChild, {21, 22, 23, 24, 25}}}};
+  for (std::size_t i = 0; i < tailLen; ++i) {
+    tree.nodes[0].data.push_back(static_cast<std::uint8_t>(100 + i % 100));
+  }
+  return tree;
+}
+
+class UnpackTailTest : public UnpackRepackTest {
+ protected:
+  // The caller has the child at another offset than the file with its pointers' width would.
+  void use(const Tree &with, std::size_t childOff) {
+    tree = with;
+    callers = readersControlBlock(tree);
+    callersKind(kRoot).Children[0].Offset = static_cast<std::int16_t>(childOff);
+  }
+  std::uint16_t toldLen() const {
+    std::uint16_t told;
+    std::memcpy(&told, rootBytes(), sizeof told);
+    return told;
+  }
+  // `length` bytes in all, of which `tailLen` lie behind the child.
+  void expectTail(std::size_t length, std::size_t tailLen) {
+    const bool isCounted = tree.kinds[kRoot].form == Form::Counted;
+    EXPECT_EQ(toldLen(), isCounted ? length - 2 : length);
+    const Bytes &all = tree.nodes[0].data;
+    EXPECT_EQ(bytesOf(rootBytes() + length - tailLen, tailLen),
+              Bytes(all.end() - static_cast<std::ptrdiff_t>(tailLen), all.end()));
+    const std::uint8_t *moved = nullptr;
+    std::memcpy(&moved, rootBytes() + length - tailLen - 8, sizeof moved);
+    ASSERT_EQ(moved, rootBytes() + length);
+    EXPECT_EQ(bytesOf(moved, 5), (Bytes{21, 22, 23, 24, 25}));
+  }
+};
+
+// A 32-bit writer's {length, 2 bytes, pointer, tail} has four bytes of padding here.
+TEST_F(UnpackTailTest, PaddingBeforeAPointerCostsNoTail) {
+  for (const Form form : {Form::Counted, Form::SelfDescribing}) {
+    for (const char *version : {"0220", "0221", "0100"}) {
+      for (const std::size_t tailLen : {std::size_t{0}, std::size_t{3}, std::size_t{20}}) {
+        SCOPED_TRACE(std::string(version) + " tail " + std::to_string(tailLen));
+        writer = writerOf(version, 4);
+        use(tailTree(form, 2, tailLen), 8);
+        load(written());
+        expectNewChain();
+        if (HasFatalFailure()) return;
+        EXPECT_EQ(bytesOf(rootBytes() + 2, 6), (Bytes{0x11, 0x11, 0, 0, 0, 0}));
+        expectTail(16 + tailLen, tailLen);
+      }
+    }
+  }
+}
+
+// The ends count, not the number of pointers: of several, those that end last.
+TEST_F(UnpackTailTest, LastFieldsOfBothSidesCount) {
+  tree = {.kinds = {{Form::Counted, {data(2), child(kChild), sibling(), reference()}},
+                    {Form::Fixed, {data(5)}}},
+          .nodes = {{kRoot, {1, 2, 3, 4, 5, 6, 7}, {1, kNone, 1}}, {kChild, {1, 2, 3, 4, 5}}}};
+  callers = readersControlBlock(tree);
+  // File: 4 + 3 * 4 = 16. Caller: reference at 8, sibling at 24, child last at 40.
+  callersKind(kRoot).References[0] = 8;
+  callersKind(kRoot).SiblingOff = 24;
+  callersKind(kRoot).Children[0].Offset = 40;
+  load(written());
+  expectNewChain();
+  EXPECT_EQ(toldLen(), 48 + 5 - 2);
+  EXPECT_EQ(bytesOf(rootBytes() + 48, 5), (Bytes{3, 4, 5, 6, 7}));
+}
+
+TEST_F(UnpackTailTest, SegmentsShrinkWithTheirFields) {
+  for (const Form form : {Form::Counted, Form::SelfDescribing}) {
+    writer = writerOf("0221", 8);
+    use(tailTree(form, 14, 5), 10);
+    load(written());
+    expectNewChain();
+    expectTail(18 + 5, 5);
+  }
+}
+
+TEST_F(UnpackTailTest, KindsWithoutPointersKeepTheirLength) {
+  for (const Form form : {Form::Counted, Form::SelfDescribing}) {
+    tree.kinds[kChild] = {form, {data(5)}};
+    tree.nodes[1].data = {21, 22, 23, 24, 25, 26, 27};
+    callers = readersControlBlock(tree);
+    expectTreeInNewChain();
+  }
+}
+
+TEST_F(UnpackTailTest, GrownLengthsAreChecked) {
+  struct Row {
+    Form form;
+    std::size_t childOff;
+    std::size_t tailLen;
+    const char *refusal;
+  };
+  const Row rows[] = {
+      {Form::Counted, 32000, 769 - 8, nullptr},  // the largest count
+      {Form::Counted, 32000, 770 - 8, "SegmentLengthTooLargeinUnpack=-32766"},
+      {Form::SelfDescribing, 32000, 1009 - 8, nullptr},  // the longest segment of a new block
+      {Form::SelfDescribing, 32000, 1010 - 8, "SegmentLengthTooLargeinUnpack=-32526"},
+      {Form::SelfDescribing, 32759, 60000, "SegmentLengthTooLargeinUnpack=27231"},  // 92767
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.tailLen);
+    use(tailTree(row.form, 2, row.tailLen), row.childOff);
+    load(chainwriter::write(tree, writer, 65000));
+    const std::int16_t result = unpack(callers);
+    if (row.refusal == nullptr) {
+      expectUnpacked(result, Became::NewChain);
+      if (HasFatalFailure()) return;
+      EXPECT_EQ(toldLen(), row.childOff + 8 + row.tailLen - (row.form == Form::Counted ? 2 : 0));
+    } else {
+      expectRefused(result, MEMERR_PACKBMIN, row.refusal);
+    }
+  }
+}
+
 // Nothing grows when only the offsets differ.
 TEST_F(UnpackRepackTest, WritersOfTheSameWidthAreMovedToo) {
   writer = writerOf("0221", 8);

@@ -12,6 +12,8 @@ namespace {
 // so nothing that was written is read or written again, whatever lies over it.
 class InPlaceVisitor {
  public:
+  static constexpr char kTooDeep[] = "TraversalStackOverflow";
+
   explicit InPlaceVisitor(PackedChain &chain) noexcept : chain_(chain), text_(chain) {}
 
   Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept;

@@ -338,6 +338,24 @@ TEST_F(UnpackRepackTest, ReferenceToNothingIsRefused) {
   }
 }
 
+// Bytes of a further block, to which only the reference leads.
+TEST_F(UnpackRepackTest, ReferenceToABlockWithoutItemsIsRefused) {
+  Chain chain = written();
+  ASSERT_EQ(chain.blocks.size(), 1U);
+  chain.blocks.emplace_back(60, std::uint8_t{0});
+  chain.setUsedLen(1, 60);
+  for (const std::size_t offset : {std::size_t{0}, std::size_t{2}, std::size_t{59}}) {
+    chain.setPointer(chain.partPlace(tree, 0, 6), {1, offset});
+    load(chain);
+    expectRefused(unpack(callers), MEMERR_PACKRBLK, "RepackNewBlockTblBlkErr");
+  }
+  // The name is there now: other places of the block are wrong offsets.
+  chain.setPointer(chain.partPlace(tree, 0, 5), {1, 50});
+  chain.setPointer(chain.partPlace(tree, 0, 6), {1, 49});
+  load(chain);
+  expectRefused(unpack(callers), MEMERR_PACKROFF, "RepackNewBlockTblOffsetErr");
+}
+
 TEST_F(UnpackRepackTest, SharedNarrowTextIsCopiedOnce) {
   for (int i = 0; i < 50; ++i) {
     const std::size_t last = i == 0 ? 0 : tree.nodes.size() - 1;
@@ -524,7 +542,29 @@ TEST_F(UnpackRepackTest, TextMustFitANewBlock) {
   expectTree(tree, writer);
   tree.nodes[2].wide += U'w';
   load(chainwriter::write(tree, writer, 60000));
-  expectRefused(unpack(callers), MEMERR_PACKBMIN, "StrBufLengthTooLargeinUnpack=16506");
+  expectRefused(unpack(callers), MEMERR_PACKBMIN, "StrBufLengthTooLargeinRepack=16506");
+
+  // Beyond this the text itself is too long, as text with 4-byte characters is from the start.
+  // These texts lie without room for widening, which no reader looks for.
+  tree.nodes[2].wide.assign(1, U'w');
+  for (const std::size_t units : {std::size_t{16504}, std::size_t{16505}}) {
+    Chain chain = written();
+    chain.setPointer(chain.partPlace(tree, 0, 3), {0, 0});
+    chain.setPointer(chain.partPlace(tree, 0, 6), {0, 0});
+    Bytes &block = chain.blocks[0];
+    block.resize(chain.places[2].offset);
+    for (std::size_t i = 1; i < units; ++i) block.insert(block.end(), {'w', 'w'});
+    block.resize(block.size() + 2);
+    chain.setUsedLen(0, static_cast<std::uint16_t>(block.size()));
+    load(chain);
+    expectRefused(unpack(callers), MEMERR_PACKBMIN,
+                  units == 16504 ? "StrBufLengthTooLargeinRepack=-32528"
+                                 : "StrBufLengthTooLargeinUnpack=-32526");
+  }
+  writer = writerOf("0240", 4);
+  tree.nodes[2].wide.assign(8252, U'w');
+  load(chainwriter::write(tree, writer, 60000));
+  expectRefused(unpack(callers), MEMERR_PACKBMIN, "StrBufLengthTooLargeinUnpack=-32524");
 }
 
 TEST_F(UnpackRepackTest, ControlBlockMustFitTheNewBlock) {

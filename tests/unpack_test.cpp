@@ -1081,7 +1081,7 @@ TEST_F(UnpackInPlaceTest, SixtyFourLevelsWithTextBelowAreTheLimit) {
     load(chainwriter::write(deepTree(64), writer, kRoomy));
     expectTree(deepTree(64), writer);
     expectRefusal(deepTree(65), chainwriter::write(deepTree(65), writer, kRoomy), MEMERR_PACKSTAK,
-                  "TraversalStackOverflow");
+                  width == 8 ? "TraversalStackOverflow" : "UnpackStackOverflow");
   }
 }
 

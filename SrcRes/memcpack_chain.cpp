@@ -154,7 +154,6 @@ Outcome PackedChain::copyControlBlock() noexcept {
       return badDescriptor(descriptorInFile(i));
     }
   }
-  if (isSwapped_ && !version_.isOldLayout) swapInPlace();
   return {};
 }
 
@@ -168,7 +167,7 @@ PackFailure PackedChain::badKind(std::uint16_t kind) const noexcept {
 }
 
 // A descriptor of either layout as a native one of the current layout. Counts that are out of range
-// are kept, so that the checks see them; their entries are not read.
+// are kept, so that the checks see them; their entries are not used.
 MemPackDescriptor PackedChain::readDescriptor(const std::byte *pFrom) const noexcept {
   const DescriptorLayout &layout = layoutOf(version_);
   MemPackDescriptor native{};
@@ -192,25 +191,27 @@ MemPackDescriptor PackedChain::readDescriptor(const std::byte *pFrom) const noex
   return native;
 }
 
-// The count, and of each descriptor the five header fields and the used entries.
-// REQUIRES: the copy of the control block is complete and valid.
-void PackedChain::swapInPlace() const noexcept {
+// The count, and of each used kind the five header fields and the used entries.
+void PackedChain::swapControlBlock() const noexcept {
+  if (!isSwapped_ || version_.isOldLayout) return;
   storeAs(pFileControlBlock_, static_cast<std::int16_t>(descriptorCount_));
-  for (std::int32_t i = 0; i < descriptorCount_; ++i) {
-    std::byte *pTo = descriptorInFile(i);
-    const MemPackDescriptor &native = controlBlock_.descriptor(i);
-    for (std::size_t field = 0; field < kCurrentLayout.childrenOff; field += 2) {
-      storeAs(pTo + field, byteSwapped(loadAs<std::uint16_t>(pTo + field)));
-    }
-    const auto used = children(native);
-    if (!used.empty()) {
-      std::memcpy(pTo + kCurrentLayout.childrenOff, used.data(), used.size_bytes());
-    }
-    const auto usedReferences = references(native);
-    if (!usedReferences.empty()) {
-      std::memcpy(pTo + kCurrentLayout.referencesOff, usedReferences.data(),
-                  usedReferences.size_bytes());
-    }
+  const UsedKinds used(controlBlock_);
+  for (std::int32_t i = 0; i < controlBlock_.present(); ++i) {
+    if (used.contains(i)) swapDescriptor(controlBlock_.descriptor(i), descriptorInFile(i));
+  }
+}
+
+void PackedChain::swapDescriptor(const MemPackDescriptor &native, std::byte *pTo) noexcept {
+  for (std::size_t field = 0; field < kCurrentLayout.childrenOff; field += 2) {
+    storeAs(pTo + field, byteSwapped(loadAs<std::uint16_t>(pTo + field)));
+  }
+  const auto children = usedChildren(native);
+  if (!children.empty()) {
+    std::memcpy(pTo + kCurrentLayout.childrenOff, children.data(), children.size_bytes());
+  }
+  const auto references = usedReferences(native);
+  if (!references.empty()) {
+    std::memcpy(pTo + kCurrentLayout.referencesOff, references.data(), references.size_bytes());
   }
 }
 

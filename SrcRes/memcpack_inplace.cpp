@@ -120,6 +120,7 @@ Outcome InPlaceVisitor::pointer(const ContentPlace &segment, std::int16_t offset
 }  // namespace
 
 Outcome unpackInPlace(PackedChain &chain, const ContentPlace &root) noexcept {
+  chain.swapControlBlock();
   if (unpackInOrder(chain, root)) return {};
   chain.startClaims();
   InPlaceVisitor visitor(chain);

@@ -371,6 +371,56 @@ TEST_F(UnpackInPlaceTest, UnusedEntriesAreNotSwapped) {
   }
 }
 
+// Entries are used when the counts say so, of texts as well.
+TEST_F(UnpackInPlaceTest, UsedEntriesOfTextAreSwapped) {
+  Chain big = chainwriter::write(tree, writerOf("0221"), kRoomy);
+  const std::size_t name = big.descriptorPlace(kName).offset;
+  big.setNumber({0, name + 6}, 2);
+  big.setNumber({0, name + 8}, 9);  // out of range: no entry is used
+  for (std::size_t at = name + 10; at < name + 122; at += 2) big.setNumber({0, at}, 0x1234);
+  load(big);
+  EXPECT_EQ(unpack(callers), 0);
+  for (std::size_t at = name + 10; at < name + 122; at += 2) {
+    EXPECT_EQ(bytesOf(blockBytes(0) + 8 + at, 2),
+              (at < name + 18 ? Bytes{0x34, 0x12} : Bytes{0x12, 0x34}));
+  }
+}
+
+// Kinds beyond the count are swapped when a kind that is swapped names them.
+TEST_F(UnpackInPlaceTest, NamedKindsBeyondTheCountAreSwapped) {
+  chain = chainwriter::write(tree, writerOf("0221"), kRoomy);
+  const auto describe = [this](std::size_t kind, std::uint16_t children, std::uint16_t named) {
+    const std::uint16_t fields[] = {'F', 8, 0xFFFF, children, 0, named, 0, 0x1234, 0x1234};
+    for (std::size_t i = 0; i < std::size(fields); ++i) {
+      chain.setNumber({0, chain.descriptorPlace(kind).offset + 2 * i}, fields[i]);
+    }
+  };
+  for (std::size_t kind = 4; kind < 8; ++kind) describe(kind, 0, 0);
+  chain.setNumber(chain.childEntryPlace(kRoot, 0), 6);
+  chain.setPointer(part(kChildPart), {0, 0});
+  describe(6, 1, 5);
+  describe(5, 1, 6);
+  load(chain);
+  EXPECT_EQ(unpack(callers), 0);
+  const auto swapped = [this](std::size_t kind, std::size_t field) {
+    const std::size_t at = chain.descriptorPlace(kind).offset + field;
+    const Bytes before(chain.blocks[0].begin() + static_cast<std::ptrdiff_t>(at),
+                       chain.blocks[0].begin() + static_cast<std::ptrdiff_t>(at + 2));
+    const Bytes after = bytesOf(blockBytes(0) + 8 + at, 2);
+    EXPECT_TRUE(after == before || after == (Bytes{before[1], before[0]}));
+    return after != before;
+  };
+  for (std::size_t kind = 4; kind < 8; ++kind) {
+    SCOPED_TRACE(kind);
+    const bool isNamed = kind == 5 || kind == 6;
+    EXPECT_EQ(swapped(kind, 0), isNamed);
+    EXPECT_EQ(swapped(kind, 2), isNamed);
+    EXPECT_EQ(swapped(kind, 10), isNamed);
+    EXPECT_FALSE(swapped(kind, 14));
+    EXPECT_FALSE(swapped(kind, 16));
+  }
+}
+
 TEST_F(UnpackInPlaceTest, OtherControlBlocksStayAsTheyAre) {
   for (const Writer &writer : {writerOf("0220"), writerOf("0100"), writerOf("0101"),
                                chainwriter::ebcdicWriterOf("0100")}) {

@@ -171,6 +171,7 @@ PackFailure PackedChain::badKind(std::uint16_t kind) const noexcept {
 MemPackDescriptor PackedChain::readDescriptor(const std::byte *pFrom) const noexcept {
   const DescriptorLayout &layout = layoutOf(version_);
   MemPackDescriptor native{};
+  if (!version_.isOldLayout) std::memcpy(&native, pFrom, sizeof native);
   native.Type = asciiKind(number<std::uint16_t>(pFrom));
   native.FixedLen = number<std::uint16_t>(pFrom + 2);
   native.SiblingOff = number<std::int16_t>(pFrom + 4);

@@ -52,7 +52,8 @@ class PackedChain {
   // True when the writer's numbers are in the other byte order than this host's.
   bool isSwapped() const noexcept { return isSwapped_; }
   std::int32_t blockCount() const noexcept { return blockCount_; }
-  // Native copy in the current layout, with the types in ASCII.
+  // Native copy in the current layout, with the types in ASCII. Entries that are not used are those
+  // of the file, or zero when the file has the old layout.
   const PackControlBlock &controlBlock() const noexcept { return controlBlock_; }
 
   // Swaps a current control block of the other byte order in the chain itself. Once, when the chain

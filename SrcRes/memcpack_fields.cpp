@@ -57,13 +57,6 @@ bool haveSameFields(const MemPackDescriptor &file, const MemPackDescriptor &call
                             &MemPackChild::Descriptor);
 }
 
-std::int16_t rootChildOffset(const PackControlBlock &controlBlock, std::size_t k) noexcept {
-  const MemPackDescriptor &root = controlBlock.descriptor(0);
-  if (!controlBlock.hasValidCounts(root)) return 0;
-  const auto all = children(root);
-  return k < all.size() ? all[k].Offset : std::int16_t{0};
-}
-
 std::int64_t lastFieldEnd(const MemPackDescriptor &descriptor, std::uint32_t width) noexcept {
   std::int64_t end = 0;
   const auto extendTo = [&end, width](std::int16_t offset) {

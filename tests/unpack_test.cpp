@@ -650,6 +650,85 @@ TEST_F(UnpackLayoutTest, FirstChildTellsTheDirection) {
   EXPECT_EQ(direction(), k32);
 }
 
+// The entries count as they are stored, whether anything uses them or not.
+TEST_F(UnpackLayoutTest, UnusedEntriesCountAsTheyAreStored) {
+  struct Row {
+    int by;
+    const char *direction;
+  };
+  const Row rows[] = {{0, "in place"}, {4, k32}, {-4, k64}};
+  for (const std::size_t entry : {std::size_t{0}, std::size_t{1}}) {
+    for (const Row &row : rows) {
+      SCOPED_TRACE(std::to_string(entry) + " by " + std::to_string(row.by));
+      tree = smallTree();
+      tree.kinds[0].parts = entry == 0 ? std::vector<chainwriter::Part>{sibling(), data(9)}
+                                       : std::vector<chainwriter::Part>{child(1), data(9)};
+      tree.nodes = {{kRoot, Bytes(9), {kNone}}};
+      makeKinds(21);
+      chain.setNumber({0, chain.childEntryPlace(0, entry).offset + 2}, 0x40);
+      load(chain);
+      descriptorOf(callers, 0).Children[entry].Offset = static_cast<std::int16_t>(0x40 + row.by);
+      EXPECT_EQ(direction(), row.direction);
+    }
+  }
+}
+
+TEST_F(UnpackLayoutTest, TypesAndCountsOfTheCallerDoNotMatter) {
+  makeKinds(4);
+  descriptorOf(callers, 0).Type = MEM_PACK_STRING;
+  EXPECT_EQ(direction(), "in place");
+  for (const int count : {0, -1, 25}) {
+    makeKinds(4);
+    descriptorOf(callers, 0).ChildCount = static_cast<std::int16_t>(count);
+    descriptorOf(callers, 0).ReferenceCount = 9;
+    EXPECT_EQ(direction(), "in place");
+  }
+  makeKinds(4);
+  moveCallersChild(0, 1);
+  descriptorOf(callers, 0).Type = MEM_PACK_STRING;
+  EXPECT_EQ(direction(), k32);
+}
+
+// Of the other order, used entries are compared swapped and others as they are in the file.
+TEST_F(UnpackLayoutTest, UnusedEntriesOfTheOtherOrderAreNotSwapped) {
+  tree.kinds[0].parts = {sibling(), data(9)};
+  tree.nodes = {{kRoot, Bytes(9), {kNone}}};
+  makeKinds(4);
+  Chain big = chainwriter::write(tree, writerOf("0221"), kRoomy);
+  big.setNumber({0, big.childEntryPlace(0, 0).offset + 2}, 0x0120);
+  load(big);
+  descriptorOf(callers, 0).Children[0].Offset = 0x2001;
+  EXPECT_EQ(direction(), "in place");
+  load(big);
+  descriptorOf(callers, 0).Children[0].Offset = 0x0120;
+  EXPECT_EQ(direction(), k64);
+  // Text has used entries, too, when its counts say so.
+  const std::size_t header = big.descriptorPlace(0).offset;
+  big.setNumber({0, header}, MEM_PACK_STRING);
+  big.setNumber({0, header + 6}, 1);
+  load(big);
+  EXPECT_EQ(direction(), "in place");
+  big.setNumber({0, header + 6}, 25);
+  load(big);
+  EXPECT_EQ(direction(), k64);
+}
+
+TEST_F(UnpackLayoutTest, UnusedEntriesOfTheOldLayoutAreZero) {
+  tree.kinds[0].parts = {sibling(), data(9)};
+  tree.nodes = {{kRoot, Bytes(9), {kNone}}};
+  makeKinds(4);
+  for (const char *version : {"0100", "0101"}) {
+    Chain old = chainwriter::write(tree, writerOf(version), kRoomy);
+    old.setNumber({0, old.childEntryPlace(0, 0).offset + 2}, 0x40);
+    load(old);
+    descriptorOf(callers, 0).Children[0].Offset = 0;
+    EXPECT_EQ(direction(), "in place");
+    load(old);
+    descriptorOf(callers, 0).Children[0].Offset = 0x40;
+    EXPECT_EQ(direction(), k32);
+  }
+}
+
 TEST_F(UnpackLayoutTest, CallersControlBlockIsNeeded) {
   load(chain);
   expectRefused(unpack(nullptr), MEMERR_PACKAMEM, "NewPackCBInvalid");

@@ -21,7 +21,10 @@ constexpr std::uint16_t kEbcdicC = 0xC3;
 constexpr std::uint16_t kEbcdicF = 0xC6;
 constexpr std::uint16_t kEbcdicS = 0xE2;
 constexpr std::uint16_t kEbcdicW = 0xE6;
+constexpr std::uint16_t kEbcdicV = 0xE5;
+constexpr std::uint16_t kEbcdicX = 0xE7;
 
+// The ASCII letter of an EBCDIC one that has a meaning.
 std::uint16_t asciiKind(std::uint16_t type) noexcept {
   switch (type) {
     case kEbcdicC:
@@ -167,12 +170,15 @@ PackFailure PackedChain::badKind(std::uint16_t kind) const noexcept {
 }
 
 // A descriptor of either layout as a native one of the current layout. Counts that are out of range
-// are kept, so that the checks see them; their entries are not used.
+// are kept, so that the checks see them; their entries are not used. All writers with EBCDIC
+// letters are big-endian, whatever their version is written in; elsewhere these are numbers like
+// others.
 MemPackDescriptor PackedChain::readDescriptor(const std::byte *pFrom) const noexcept {
   const DescriptorLayout &layout = layoutOf(version_);
   MemPackDescriptor native{};
   if (!version_.isOldLayout) std::memcpy(&native, pFrom, sizeof native);
-  native.Type = asciiKind(number<std::uint16_t>(pFrom));
+  const auto type = number<std::uint16_t>(pFrom);
+  native.Type = version_.isBigEndian ? asciiKind(type) : type;
   native.FixedLen = number<std::uint16_t>(pFrom + 2);
   native.SiblingOff = number<std::int16_t>(pFrom + 4);
   native.ChildCount = number<std::int16_t>(pFrom + 6);
@@ -190,6 +196,10 @@ MemPackDescriptor PackedChain::readDescriptor(const std::byte *pFrom) const noex
         number<std::int16_t>(pFrom + layout.referencesOff + static_cast<std::size_t>(i) * 2);
   }
   return native;
+}
+
+bool PackedChain::hasForeignLength(const MemPackDescriptor &descriptor) const noexcept {
+  return version_.isBigEndian && (descriptor.Type == kEbcdicV || descriptor.Type == kEbcdicX);
 }
 
 // The count, and of each used kind the five header fields and the used entries.

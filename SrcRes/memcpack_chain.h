@@ -60,6 +60,10 @@ class PackedChain {
   // is to be unpacked in place.
   void swapControlBlock() const noexcept;
 
+  // True for the kinds of some EBCDIC writers whose lengths lie in fields that only their owners
+  // know.
+  bool hasForeignLength(const MemPackDescriptor &descriptor) const noexcept;
+
   Outcome locateRoot(ContentPlace &root) const noexcept;
 
   // One for each block.

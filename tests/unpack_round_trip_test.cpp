@@ -253,5 +253,26 @@ TEST_F(UnpackOwnChainTest, OldLayoutKeepsKindsBeyondTheCount) {
   EXPECT_EQ(textAt(follow(follow(root, 8), 8), 0), "far beyond");
 }
 
+// What is no letter to the packer is none to a reader of its chains.
+TEST_F(UnpackOwnChainTest, EbcdicLettersAreNumbersHere) {
+  for (const int type : {0xC3, 0xC6, 0xE2, 0xE5, 0xE6, 0xE7}) {
+    SCOPED_TRACE(type);
+    ControlBlock controlBlock{
+        {.type = static_cast<std::uint16_t>(type), .children = {{1, 2}, {0, 10}}}, stringKind()};
+    std::uint8_t *const from = items.make(20);
+    std::uint8_t *const below = items.make(18);
+    putNumber(from, std::uint16_t{20});
+    putNumber(below, std::uint16_t{18});
+    putPointer(from, 10, below);
+    putPointer(below, 2, items.text("below"));
+    packRoot(controlBlock, from);
+    unpackRoot(controlBlock);
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(textAt(follow(root, 10), 2), "below");
+    returnChain(first, kBlockLen);
+    first = nullptr;
+  }
+}
+
 }  // namespace
 }  // namespace memtest

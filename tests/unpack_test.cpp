@@ -1161,6 +1161,41 @@ TEST_F(UnpackInPlaceTest, ForeignLengthsAreNotMeasured) {
   }
 }
 
+// All writers with EBCDIC letters are big-endian, in whatever characters their version is written.
+TEST_F(UnpackInPlaceTest, BigEndianWritersMayUseEbcdicLetters) {
+  tree.kinds[kChild].form = Form::Counted;
+  const Tree &sample = tree;
+  for (const Writer &writer : chainwriter::allWriters()) {
+    if (!writer.isBigEndian) continue;
+    SCOPED_TRACE(writer.name());
+    Chain letters = chainwriter::write(sample, writer, kRoomy);
+    const std::uint16_t ebcdic[] = {0xC6, 0xC3, 0xE2, 0xE6};
+    for (std::size_t kind = 0; kind < std::size(ebcdic); ++kind) {
+      letters.setNumber(letters.descriptorPlace(kind), ebcdic[kind]);
+    }
+    load(letters);
+    expectTree(sample, writer);
+  }
+}
+
+TEST_F(UnpackInPlaceTest, EbcdicLettersOfLittleEndianWritersAreNumbers) {
+  tree.kinds[kChild] = {Form::SelfDescribing, {child(kName), data(5)}};
+  tree.nodes[1].targets = {2};
+  for (const Writer &writer : chainwriter::allWriters()) {
+    if (writer.isBigEndian) continue;
+    for (const int type : {0xC3, 0xC6, 0xE2, 0xE5, 0xE6, 0xE7}) {
+      SCOPED_TRACE(writer.name() + " type " + std::to_string(type));
+      Chain numbers = chainwriter::write(tree, writer, kRoomy);
+      numbers.setNumber(numbers.descriptorPlace(kChild), static_cast<std::uint16_t>(type));
+      load(numbers);
+      expectTree(tree, writer);
+      // They are measured as such.
+      numbers.setNumber(numbers.places[1], 0x7FFF);
+      expectRefusal(tree, numbers, MEMERR_PACKROFF, offText(numbers.places[1].offset));
+    }
+  }
+}
+
 TEST_F(UnpackInPlaceTest, RootMayBeNarrowText) {
   Tree text{.kinds = {{Form::Narrow}}, .nodes = {{0, {}, {}, "all there is"}}};
   load(chainwriter::write(text, writerOf("0221"), kRoomy));

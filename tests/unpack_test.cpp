@@ -371,18 +371,32 @@ TEST_F(UnpackInPlaceTest, UnusedEntriesAreNotSwapped) {
   }
 }
 
-// Entries are used when the counts say so, of texts as well.
+// Entries are used when the counts say so, of texts as well; a count that is out of range uses
+// none.
 TEST_F(UnpackInPlaceTest, UsedEntriesOfTextAreSwapped) {
-  Chain big = chainwriter::write(tree, writerOf("0221"), kRoomy);
-  const std::size_t name = big.descriptorPlace(kName).offset;
-  big.setNumber({0, name + 6}, 2);
-  big.setNumber({0, name + 8}, 9);  // out of range: no entry is used
-  for (std::size_t at = name + 10; at < name + 122; at += 2) big.setNumber({0, at}, 0x1234);
-  load(big);
-  EXPECT_EQ(unpack(callers), 0);
-  for (std::size_t at = name + 10; at < name + 122; at += 2) {
-    EXPECT_EQ(bytesOf(blockBytes(0) + 8 + at, 2),
-              (at < name + 18 ? Bytes{0x34, 0x12} : Bytes{0x12, 0x34}));
+  struct Row {
+    std::uint16_t children;
+    std::uint16_t references;
+    std::size_t childrenUsed;
+    std::size_t referencesUsed;
+  };
+  const Row rows[] = {{2, 9, 2, 0}, {24, 8, 24, 8}, {25, 3, 0, 3}, {0xFFFF, 0xFFFF, 0, 0}};
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.children);
+    Chain big = chainwriter::write(tree, writerOf("0221"), kRoomy);
+    const std::size_t name = big.descriptorPlace(kName).offset;
+    big.setNumber({0, name + 6}, row.children);
+    big.setNumber({0, name + 8}, row.references);
+    for (std::size_t at = name + 10; at < name + 122; at += 2) big.setNumber({0, at}, 0x1234);
+    load(big);
+    EXPECT_EQ(unpack(callers), 0);
+    for (std::size_t at = 10; at < 122; at += 2) {
+      const bool isUsed =
+          at < 106 ? at < 10 + 4 * row.childrenUsed : at < 106 + 2 * row.referencesUsed;
+      EXPECT_EQ(bytesOf(blockBytes(0) + 8 + name + at, 2),
+                (isUsed ? Bytes{0x34, 0x12} : Bytes{0x12, 0x34}))
+          << at;
+    }
   }
 }
 

@@ -17,11 +17,11 @@ constexpr std::size_t kOldReferencesOff = 42;
 
 void writeOldDescriptor(const MemPackDescriptor &descriptor, std::byte *pTo) noexcept {
   std::memcpy(pTo, &descriptor, kCommonLen);
-  const auto used = children(descriptor);
-  if (!used.empty()) std::memcpy(pTo + kOldChildrenOff, used.data(), used.size_bytes());
-  const auto usedReferences = references(descriptor);
-  if (!usedReferences.empty()) {
-    std::memcpy(pTo + kOldReferencesOff, usedReferences.data(), usedReferences.size_bytes());
+  const auto children = usedChildren(descriptor);
+  if (!children.empty()) std::memcpy(pTo + kOldChildrenOff, children.data(), children.size_bytes());
+  const auto references = usedReferences(descriptor);
+  if (!references.empty()) {
+    std::memcpy(pTo + kOldReferencesOff, references.data(), references.size_bytes());
   }
 }
 
@@ -63,6 +63,21 @@ const MemPackDescriptor *PackControlBlock::firstInvalid() const noexcept {
   return nullptr;
 }
 
+UsedKinds::UsedKinds(const PackControlBlock &controlBlock) noexcept : count_(controlBlock.count()) {
+  if (count_ >= MEM_PACK_MIN_DESCRIPTORS) return;
+  std::uint32_t before = 0;
+  named_ = (1U << count_) - 1;
+  while (named_ != before) {
+    before = named_;
+    for (std::int32_t i = 0; i < MEM_PACK_MIN_DESCRIPTORS; ++i) {
+      if ((before >> i & 1U) == 0) continue;
+      for (const MemPackChild &child : usedChildren(controlBlock.descriptor(i))) {
+        if (child.Descriptor < MEM_PACK_MIN_DESCRIPTORS) named_ |= 1U << child.Descriptor;
+      }
+    }
+  }
+}
+
 std::uint32_t oldControlBlockLen(std::int32_t count) noexcept {
   const std::int32_t kinds = std::max<std::int32_t>(count, MEM_PACK_MIN_DESCRIPTORS);
   return static_cast<std::uint32_t>(sizeof(std::int16_t)) +
@@ -70,17 +85,20 @@ std::uint32_t oldControlBlockLen(std::int32_t count) noexcept {
 }
 
 bool hasTooManyChildrenForOld(const PackControlBlock &controlBlock) noexcept {
-  for (std::int32_t i = 0; i < controlBlock.count(); ++i) {
-    if (children(controlBlock.descriptor(i)).size() > kOldMaxChildren) return true;
+  const UsedKinds used(controlBlock);
+  for (std::int32_t i = 0; i < controlBlock.present(); ++i) {
+    if (!used.contains(i)) continue;
+    if (usedChildren(controlBlock.descriptor(i)).size() > kOldMaxChildren) return true;
   }
   return false;
 }
 
 void writeOldControlBlock(const PackControlBlock &controlBlock, void *pTo) noexcept {
   storeAs(pTo, static_cast<std::int16_t>(controlBlock.count()));
+  const UsedKinds used(controlBlock);
   std::byte *pDescriptor = bytesAt(pTo, sizeof(std::int16_t));
-  for (std::int32_t i = 0; i < controlBlock.count(); ++i) {
-    writeOldDescriptor(controlBlock.descriptor(i), pDescriptor);
+  for (std::int32_t i = 0; i < controlBlock.present(); ++i) {
+    if (used.contains(i)) writeOldDescriptor(controlBlock.descriptor(i), pDescriptor);
     pDescriptor += kOldDescriptorLen;
   }
 }

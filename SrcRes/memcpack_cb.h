@@ -26,6 +26,20 @@ inline std::span<const std::int16_t> references(const MemPackDescriptor &descrip
   return {descriptor.References, static_cast<std::size_t>(count)};
 }
 
+// Entries that a descriptor's counts name, of text as well: with these conversions and byte swaps
+// deal. A count that is out of range names none.
+inline std::span<const MemPackChild> usedChildren(const MemPackDescriptor &descriptor) noexcept {
+  const std::int16_t count = descriptor.ChildCount;
+  const bool isInRange = count >= 0 && count <= MEM_PACK_MAX_CHILDREN;
+  return {descriptor.Children, isInRange ? static_cast<std::size_t>(count) : std::size_t{0}};
+}
+
+inline std::span<const std::int16_t> usedReferences(const MemPackDescriptor &descriptor) noexcept {
+  const std::int16_t count = descriptor.ReferenceCount;
+  const bool isInRange = count >= 0 && count <= MEM_PACK_MAX_REFERENCES;
+  return {descriptor.References, isInRange ? static_cast<std::size_t>(count) : std::size_t{0}};
+}
+
 inline bool hasSibling(const MemPackDescriptor &descriptor) noexcept {
   return !isTextKind(descriptor) && descriptor.SiblingOff != MEM_PACK_NO_SIBLING;
 }
@@ -70,16 +84,32 @@ class PackControlBlock {
   const MemPackCB *pPackCB_;
 };
 
+// The kinds of a control block that conversions and byte swaps deal with: those that count, and of
+// those beyond the count the ones that such a kind names as a child, and so on.
+class UsedKinds {
+ public:
+  // REQUIRES: controlBlock.exists().
+  explicit UsedKinds(const PackControlBlock &controlBlock) noexcept;
+
+  bool contains(std::int32_t index) const noexcept {
+    return index < count_ || (index < MEM_PACK_MIN_DESCRIPTORS && (named_ >> index & 1U) != 0);
+  }
+
+ private:
+  std::int32_t count_;
+  std::uint32_t named_ = 0;  // one bit for each kind that is there whatever the count
+};
+
 // The old layout: descriptors of 58 bytes with room for 8 children.
 inline constexpr std::int16_t kOldMaxChildren = 8;
 inline constexpr std::uint32_t kOldDescriptorLen = 58;
 
 std::uint32_t oldControlBlockLen(std::int32_t count) noexcept;
 
-// True when a descriptor has more children than the old layout can hold.
+// True when a used kind has more child entries than the old layout can hold.
 bool hasTooManyChildrenForOld(const PackControlBlock &controlBlock) noexcept;
 
-// Writes the control block in the old layout, native byte order.
+// Writes the used kinds in the old layout, native byte order.
 // REQUIRES: pTo has oldControlBlockLen() zero bytes, !hasTooManyChildrenForOld(controlBlock).
 void writeOldControlBlock(const PackControlBlock &controlBlock, void *pTo) noexcept;
 

@@ -21,7 +21,10 @@ constexpr std::uint16_t kEbcdicC = 0xC3;
 constexpr std::uint16_t kEbcdicF = 0xC6;
 constexpr std::uint16_t kEbcdicS = 0xE2;
 constexpr std::uint16_t kEbcdicW = 0xE6;
+constexpr std::uint16_t kEbcdicV = 0xE5;
+constexpr std::uint16_t kEbcdicX = 0xE7;
 
+// The ASCII letter of an EBCDIC one that has a meaning.
 std::uint16_t asciiKind(std::uint16_t type) noexcept {
   switch (type) {
     case kEbcdicC:
@@ -154,7 +157,6 @@ Outcome PackedChain::copyControlBlock() noexcept {
       return badDescriptor(descriptorInFile(i));
     }
   }
-  if (isSwapped_ && !version_.isOldLayout) swapInPlace();
   return {};
 }
 
@@ -168,11 +170,15 @@ PackFailure PackedChain::badKind(std::uint16_t kind) const noexcept {
 }
 
 // A descriptor of either layout as a native one of the current layout. Counts that are out of range
-// are kept, so that the checks see them; their entries are not read.
+// are kept, so that the checks see them; their entries are not used. All writers with EBCDIC
+// letters are big-endian, whatever their version is written in; elsewhere these are numbers like
+// others.
 MemPackDescriptor PackedChain::readDescriptor(const std::byte *pFrom) const noexcept {
   const DescriptorLayout &layout = layoutOf(version_);
   MemPackDescriptor native{};
-  native.Type = asciiKind(number<std::uint16_t>(pFrom));
+  if (!version_.isOldLayout) std::memcpy(&native, pFrom, sizeof native);
+  const auto type = number<std::uint16_t>(pFrom);
+  native.Type = version_.isBigEndian ? asciiKind(type) : type;
   native.FixedLen = number<std::uint16_t>(pFrom + 2);
   native.SiblingOff = number<std::int16_t>(pFrom + 4);
   native.ChildCount = number<std::int16_t>(pFrom + 6);
@@ -192,25 +198,31 @@ MemPackDescriptor PackedChain::readDescriptor(const std::byte *pFrom) const noex
   return native;
 }
 
-// The count, and of each descriptor the five header fields and the used entries.
-// REQUIRES: the copy of the control block is complete and valid.
-void PackedChain::swapInPlace() const noexcept {
+bool PackedChain::hasForeignLength(const MemPackDescriptor &descriptor) const noexcept {
+  return version_.isBigEndian && (descriptor.Type == kEbcdicV || descriptor.Type == kEbcdicX);
+}
+
+// The count, and of each used kind the five header fields and the used entries.
+void PackedChain::swapControlBlock() const noexcept {
+  if (!isSwapped_ || version_.isOldLayout) return;
   storeAs(pFileControlBlock_, static_cast<std::int16_t>(descriptorCount_));
-  for (std::int32_t i = 0; i < descriptorCount_; ++i) {
-    std::byte *pTo = descriptorInFile(i);
-    const MemPackDescriptor &native = controlBlock_.descriptor(i);
-    for (std::size_t field = 0; field < kCurrentLayout.childrenOff; field += 2) {
-      storeAs(pTo + field, byteSwapped(loadAs<std::uint16_t>(pTo + field)));
-    }
-    const auto used = children(native);
-    if (!used.empty()) {
-      std::memcpy(pTo + kCurrentLayout.childrenOff, used.data(), used.size_bytes());
-    }
-    const auto usedReferences = references(native);
-    if (!usedReferences.empty()) {
-      std::memcpy(pTo + kCurrentLayout.referencesOff, usedReferences.data(),
-                  usedReferences.size_bytes());
-    }
+  const UsedKinds used(controlBlock_);
+  for (std::int32_t i = 0; i < controlBlock_.present(); ++i) {
+    if (used.contains(i)) swapDescriptor(controlBlock_.descriptor(i), descriptorInFile(i));
+  }
+}
+
+void PackedChain::swapDescriptor(const MemPackDescriptor &native, std::byte *pTo) noexcept {
+  for (std::size_t field = 0; field < kCurrentLayout.childrenOff; field += 2) {
+    storeAs(pTo + field, byteSwapped(loadAs<std::uint16_t>(pTo + field)));
+  }
+  const auto children = usedChildren(native);
+  if (!children.empty()) {
+    std::memcpy(pTo + kCurrentLayout.childrenOff, children.data(), children.size_bytes());
+  }
+  const auto references = usedReferences(native);
+  if (!references.empty()) {
+    std::memcpy(pTo + kCurrentLayout.referencesOff, references.data(), references.size_bytes());
   }
 }
 

@@ -43,8 +43,8 @@ struct BlockExtent {
 // segment may lie over them.
 class PackedChain {
  public:
-  // Reads version, control block and block list of the chain at `pFirst`, which may be null.
-  // A current control block of the other byte order is swapped in place.
+  // Reads version, control block and block list of the chain at `pFirst`, which may be null. No
+  // byte of it is changed.
   Outcome open(MemPackBlock *pFirst) noexcept;
 
   // REQUIRES for the rest: opened.
@@ -52,8 +52,17 @@ class PackedChain {
   // True when the writer's numbers are in the other byte order than this host's.
   bool isSwapped() const noexcept { return isSwapped_; }
   std::int32_t blockCount() const noexcept { return blockCount_; }
-  // Native copy in the current layout, with the types in ASCII.
+  // Native copy in the current layout, with the types in ASCII. Entries that are not used are those
+  // of the file, or zero when the file has the old layout.
   const PackControlBlock &controlBlock() const noexcept { return controlBlock_; }
+
+  // Swaps a current control block of the other byte order in the chain itself. Once, when the chain
+  // is to be unpacked in place.
+  void swapControlBlock() const noexcept;
+
+  // True for the kinds of some EBCDIC writers whose lengths lie in fields that only their owners
+  // know.
+  bool hasForeignLength(const MemPackDescriptor &descriptor) const noexcept;
 
   Outcome locateRoot(ContentPlace &root) const noexcept;
 
@@ -124,7 +133,7 @@ class PackedChain {
   Outcome copyControlBlock() noexcept;
   MemPackDescriptor readDescriptor(const std::byte *pFrom) const noexcept;
   std::byte *descriptorInFile(std::int32_t index) const noexcept;
-  void swapInPlace() const noexcept;
+  static void swapDescriptor(const MemPackDescriptor &native, std::byte *pTo) noexcept;
 
   PackVersion version_{};
   bool isSwapped_ = false;

@@ -57,16 +57,15 @@ bool haveSameFields(const MemPackDescriptor &file, const MemPackDescriptor &call
                             &MemPackChild::Descriptor);
 }
 
-std::int16_t rootChildOffset(const PackControlBlock &controlBlock, std::size_t k) noexcept {
-  const MemPackDescriptor &root = controlBlock.descriptor(0);
-  if (!controlBlock.hasValidCounts(root)) return 0;
-  const auto all = children(root);
-  return k < all.size() ? all[k].Offset : std::int16_t{0};
-}
-
-std::uint32_t fieldCount(const MemPackDescriptor &descriptor) noexcept {
-  return static_cast<std::uint32_t>(children(descriptor).size() + references(descriptor).size()) +
-         (hasSibling(descriptor) ? 1U : 0U);
+std::int64_t lastFieldEnd(const MemPackDescriptor &descriptor, std::uint32_t width) noexcept {
+  std::int64_t end = 0;
+  const auto extendTo = [&end, width](std::int16_t offset) {
+    end = std::max(end, std::int64_t{offset} + width);
+  };
+  if (hasSibling(descriptor)) extendTo(descriptor.SiblingOff);
+  for (const MemPackChild &child : children(descriptor)) extendTo(child.Offset);
+  for (const std::int16_t offset : references(descriptor)) extendTo(offset);
+  return end;
 }
 
 bool fieldsLieApart(const MemPackDescriptor &descriptor) noexcept {

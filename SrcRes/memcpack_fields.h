@@ -16,11 +16,13 @@ bool haveSameFields(const MemPackDescriptor &file, const MemPackDescriptor &call
 // descriptors, by the second one too.
 inline constexpr std::int32_t kSecondChildCompared = 21;
 
-// The offset of descriptor 0's k-th child pointer, 0 where it has none.
-std::int16_t rootChildOffset(const PackControlBlock &controlBlock, std::size_t k) noexcept;
+// The offset in descriptor 0's k-th child entry as it is stored, used or not.
+inline std::int16_t rootChildOffset(const PackControlBlock &controlBlock, std::size_t k) noexcept {
+  return controlBlock.descriptor(0).Children[k].Offset;
+}
 
-// Number of pointer fields.
-std::uint32_t fieldCount(const MemPackDescriptor &descriptor) noexcept;
+// The end of the last pointer field when fields are `width` bytes long, 0 without fields.
+std::int64_t lastFieldEnd(const MemPackDescriptor &descriptor, std::uint32_t width) noexcept;
 
 // True when no pointer field lies over another one or over the length word of its segment, so that
 // each can be stored without changing what else is stored.

@@ -43,20 +43,11 @@ Form formOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexc
 }
 
 // The end of the last pointer field, or of the head in front of them.
+// REQUIRES: the fields lie within 65,535 bytes.
 std::uint32_t reachOf(const MemPackDescriptor &descriptor) noexcept {
-  std::int32_t last = -1;
-  if (hasSibling(descriptor)) last = std::max<std::int32_t>(last, descriptor.SiblingOff);
-  for (const MemPackChild &child : children(descriptor)) {
-    last = std::max<std::int32_t>(last, child.Offset);
-  }
-  for (const std::int16_t offset : references(descriptor)) {
-    last = std::max<std::int32_t>(last, offset);
-  }
   const std::uint32_t head =
       descriptor.Type == MEM_PACK_FIXED ? descriptor.FixedLen : sizeof(std::uint16_t);
-  const std::uint32_t fieldsEnd =
-      last < 0 ? 0 : static_cast<std::uint32_t>(last) + static_cast<std::uint32_t>(sizeof(void *));
-  return std::max(head, fieldsEnd);
+  return std::max(head, static_cast<std::uint32_t>(lastFieldEnd(descriptor, sizeof(void *))));
 }
 
 std::uint8_t leadingTextsOf(const PackControlBlock &controlBlock,

@@ -12,6 +12,8 @@ namespace {
 // so nothing that was written is read or written again, whatever lies over it.
 class InPlaceVisitor {
  public:
+  static constexpr char kTooDeep[] = "TraversalStackOverflow";
+
   explicit InPlaceVisitor(PackedChain &chain) noexcept : chain_(chain), text_(chain) {}
 
   Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept;
@@ -49,24 +51,17 @@ Outcome InPlaceVisitor::visit(std::uint16_t kind, const ContentPlace &place) noe
   return {};
 }
 
-// Kinds of some EBCDIC writers, whose lengths lie in fields that only their owners know.
-bool hasForeignLength(const MemPackDescriptor &descriptor) noexcept {
-  constexpr std::uint16_t kEbcdicV = 0xE5;
-  constexpr std::uint16_t kEbcdicX = 0xE7;
-  return descriptor.Type == kEbcdicV || descriptor.Type == kEbcdicX;
-}
-
 // Bytes at the start of a segment that nothing else may lie over: its length word, or the byte by
 // which a segment that is reached again is known.
-std::uint32_t headLen(const MemPackDescriptor &descriptor) noexcept {
+std::uint32_t headLen(const PackedChain &chain, const MemPackDescriptor &descriptor) noexcept {
   if (descriptor.Type == MEM_PACK_FIXED) return descriptor.FixedLen == 0 ? 0 : 1;
-  return hasForeignLength(descriptor) ? 1 : sizeof(std::uint16_t);
+  return chain.hasForeignLength(descriptor) ? 1 : sizeof(std::uint16_t);
 }
 
 // Callers read a segment whole, so all of it must be there.
 Outcome InPlaceVisitor::checkLength(const MemPackDescriptor &descriptor,
                                     const ContentPlace &place) const noexcept {
-  if (hasForeignLength(descriptor)) return {};
+  if (chain_.hasForeignLength(descriptor)) return {};
   std::uint32_t length = 0;
   return chain_.measureSegment(descriptor, place, length);
 }
@@ -86,7 +81,7 @@ Outcome InPlaceVisitor::claimSegment(const MemPackDescriptor &descriptor,
     if (Outcome failed = claimField(place, offset)) return failed;
     startsWithField = startsWithField || offset == 0;
   }
-  const std::uint32_t head = headLen(descriptor);
+  const std::uint32_t head = headLen(chain_, descriptor);
   const bool isClaimed = head <= 1 && startsWithField;
   return isClaimed || chain_.claim(place, head) ? Outcome{} : reachedTwice();
 }
@@ -118,6 +113,7 @@ Outcome InPlaceVisitor::pointer(const ContentPlace &segment, std::int16_t offset
 }  // namespace
 
 Outcome unpackInPlace(PackedChain &chain, const ContentPlace &root) noexcept {
+  chain.swapControlBlock();
   if (unpackInOrder(chain, root)) return {};
   chain.startClaims();
   InPlaceVisitor visitor(chain);

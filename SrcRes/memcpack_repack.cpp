@@ -12,6 +12,9 @@ namespace {
 
 constexpr std::int32_t kLineDirection = 1341;
 
+// The longest item of a new block.
+constexpr std::int64_t kMostOfABlock = MEM_UNPACK_BLOCK_LEN - MEM_PACK_BLOCK_OVERHEAD;
+
 PackFailure blockTooSmall() noexcept {
   return failure(MEMERR_PACKBMIN,
                  ErrorText("BlockTooSmallforMemPackCBinUnpack=").decimal(MEM_UNPACK_BLOCK_LEN));
@@ -23,10 +26,11 @@ PackFailure segmentTooLarge(std::int64_t length) noexcept {
       ErrorText("SegmentLengthTooLargeinUnpack=").decimal(static_cast<std::int16_t>(length)));
 }
 
+// Of text that no new block can hold: by itself, or with the room that wide text gets.
 PackFailure textTooLarge(std::int64_t length) noexcept {
-  return failure(
-      MEMERR_PACKBMIN,
-      ErrorText("StrBufLengthTooLargeinUnpack=").decimal(static_cast<std::int16_t>(length)));
+  const char *const pText =
+      length > kMostOfABlock ? "StrBufLengthTooLargeinUnpack=" : "StrBufLengthTooLargeinRepack=";
+  return failure(MEMERR_PACKBMIN, ErrorText(pText).decimal(static_cast<std::int16_t>(length)));
 }
 
 PackFailure noStorage(const char *pText) noexcept {
@@ -38,10 +42,25 @@ Outcome failedBlock(Placement placement) noexcept {
   return noStorage("NthBlkMemAllocFail");
 }
 
-// Which pointer of a segment leads where nothing was moved to; each has a text of its own.
-PackFailure missingTarget(const char *pText) noexcept {
-  return failure(MEMERR_PACKROFF, ErrorText(pText));
+// Texts for a pointer that leads where nothing was moved from: to a block of which nothing was
+// moved, or to another offset of one. Each kind of pointer has its own.
+struct MissingTexts {
+  const char *pBlock;
+  const char *pOffset;
+};
+constexpr MissingTexts kMissingChild{"NewBlockTblBlkNumErr", "NewBlockTblOffsetErr"};
+constexpr MissingTexts kMissingSibling{"UnpackSibNewBlockTblBlkErr",
+                                       "UnpackSibNewBlockTblOffsetErr"};
+constexpr MissingTexts kMissingReference{"RepackNewBlockTblBlkErr", "RepackNewBlockTblOffsetErr"};
+
+PackFailure missingTarget(const PlaceIndex &index, const ContentPlace &target,
+                          const MissingTexts &texts) noexcept {
+  return index.containsAnyOf(target.block) ? failure(MEMERR_PACKROFF, ErrorText(texts.pOffset))
+                                           : failure(MEMERR_PACKRBLK, ErrorText(texts.pBlock));
 }
+
+// Both walks over the old chain end with it.
+constexpr char kWalkTooDeep[] = "UnpackStackOverflow";
 
 // Reads the pointer fields of the old chain, which have the writer's width.
 class OldPointers {
@@ -69,6 +88,8 @@ class OldPointers {
 // not overlap, so that what is copied is never more than there is.
 class Survey {
  public:
+  static constexpr const char *kTooDeep = kWalkTooDeep;
+
   Survey(PackedChain &chain, const PackControlBlock &callers, const OldPointers &pointers,
          PlaceIndex &index) noexcept
       : chain_(chain), callers_(callers), pointers_(pointers), index_(index) {}
@@ -172,6 +193,8 @@ class NewChain {
 // Second pass: copies every segment and text and remembers where it went.
 class Mover {
  public:
+  static constexpr const char *kTooDeep = kWalkTooDeep;
+
   Mover(const PackedChain &chain, const PackControlBlock &callers, const OldPointers &pointers,
         const PlaceIndex &index, Moved *pMoved, BlockChain &blocks) noexcept
       : chain_(chain),
@@ -203,12 +226,11 @@ class Mover {
   TextConverter text_;
 };
 
-// A segment that tells its own length grows by what its pointer fields grow.
+// A segment that tells its own length keeps all that lies behind its last pointer field.
 std::int64_t Mover::newLength(const MemPackDescriptor &file, const MemPackDescriptor &callers,
                               std::uint32_t oldLength) const noexcept {
   if (file.Type == MEM_PACK_FIXED) return callers.FixedLen;
-  const auto growth = static_cast<std::uint32_t>(sizeof(void *)) - pointers_.width();
-  return std::int64_t{oldLength} + fieldCount(file) * growth;
+  return oldLength - lastFieldEnd(file, pointers_.width()) + lastFieldEnd(callers, sizeof(void *));
 }
 
 // The length word of a segment that has one, in native order.
@@ -282,7 +304,7 @@ class Linker {
 
  private:
   Outcome linkField(const Moved &moved, std::int16_t oldOffset, std::int16_t newOffset,
-                    const char *pMissing) const noexcept;
+                    const MissingTexts &missing) const noexcept;
 
   const PackedChain &chain_;
   const PackControlBlock &callers_;
@@ -299,22 +321,20 @@ Outcome Linker::link(const Moved &moved) const noexcept {
   const auto newChildren = children(callers);
   for (std::size_t i = 0; i < oldChildren.size(); ++i) {
     if (isTextKind(chain_.controlBlock().descriptor(oldChildren[i].Descriptor))) continue;
-    if (Outcome failed = linkField(moved, oldChildren[i].Offset, newChildren[i].Offset,
-                                   "NewBlockTblOffsetErr")) {
+    if (Outcome failed =
+            linkField(moved, oldChildren[i].Offset, newChildren[i].Offset, kMissingChild)) {
       return failed;
     }
   }
   if (hasSibling(file)) {
-    if (Outcome failed = linkField(moved, file.SiblingOff, callers.SiblingOff,
-                                   "UnpackSibNewBlockTblOffsetErr")) {
+    if (Outcome failed = linkField(moved, file.SiblingOff, callers.SiblingOff, kMissingSibling)) {
       return failed;
     }
   }
   const auto oldReferences = references(file);
   const auto newReferences = references(callers);
   for (std::size_t i = 0; i < oldReferences.size(); ++i) {
-    if (Outcome failed =
-            linkField(moved, oldReferences[i], newReferences[i], "RepackNewBlockTblOffsetErr")) {
+    if (Outcome failed = linkField(moved, oldReferences[i], newReferences[i], kMissingReference)) {
       return failed;
     }
   }
@@ -322,12 +342,12 @@ Outcome Linker::link(const Moved &moved) const noexcept {
 }
 
 Outcome Linker::linkField(const Moved &moved, std::int16_t oldOffset, std::int16_t newOffset,
-                          const char *pMissing) const noexcept {
+                          const MissingTexts &missing) const noexcept {
   ContentPlace target{};
   bool isNull = false;
   if (Outcome failed = pointers_.read(moved.from, oldOffset, target, isNull)) return failed;
   if (isNull) return {};
-  if (!index_.contains(target)) return missingTarget(pMissing);
+  if (!index_.contains(target)) return missingTarget(index_, target, missing);
   storeAs<void *>(moved.pCopy + newOffset, pMoved_[index_.number(target)].pCopy);
   return {};
 }

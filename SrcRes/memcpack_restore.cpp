@@ -44,6 +44,8 @@ class BlockFinder {
 // Goes the way of the walk once more and takes its steps back, as many as there were.
 class Restorer {
  public:
+  static constexpr char kTooDeep[] = "";  // nobody reads it
+
   Restorer(const PackedChain &chain, std::uint64_t steps) noexcept
       : chain_(chain), finder_(chain), text_(chain), left_(steps) {}
 

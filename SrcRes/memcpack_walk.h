@@ -24,6 +24,8 @@ struct TextUse {
 //   Outcome pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
 //                   bool &isNull)
 //       called once for each child and sibling pointer of a visited segment
+//   kTooDeep
+//       text of the failure when the structure has too many levels
 template <class Visitor>
 class ChainWalk {
  public:
@@ -83,7 +85,7 @@ class ChainWalk {
         continue;
       }
       if (depth_ + 1 == MEM_PACK_MAX_LEVELS) {
-        return failure(MEMERR_PACKSTAK, ErrorText("TraversalStackOverflow"));
+        return failure(MEMERR_PACKSTAK, ErrorText(Visitor::kTooDeep));
       }
       isTaken = true;
       levels_[++depth_] = below;

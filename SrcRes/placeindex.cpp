@@ -1,5 +1,7 @@
 #include "placeindex.h"
 
+#include <algorithm>
+
 namespace mem {
 
 // At most 32,767 blocks of 1,024 words: the sizes stay far below 2^32.
@@ -17,6 +19,12 @@ Outcome PlaceIndex::open() noexcept {
     return failure(MEMERR_PACKAMEM, ErrorText("UnpackBlkMemAllocFail"));
   }
   return {};
+}
+
+bool PlaceIndex::containsAnyOf(std::int32_t block) const noexcept {
+  const auto *pFirstWords = firstWords_.as<std::uint32_t>();
+  return std::any_of(words() + pFirstWords[block], words() + pFirstWords[block + 1],
+                     [](std::uint64_t word) { return word != 0; });
 }
 
 std::uint32_t PlaceIndex::seal() noexcept {

@@ -19,6 +19,8 @@ class PlaceIndex {
   bool contains(const ContentPlace &place) const noexcept {
     return (words()[wordOf(place)] & bitOf(place)) != 0;
   }
+  // True when a place of this block has been added.
+  bool containsAnyOf(std::int32_t block) const noexcept;
   void add(const ContentPlace &place) noexcept { words()[wordOf(place)] |= bitOf(place); }
 
   // Numbers the places. No more are added after it. Returns how many there are.

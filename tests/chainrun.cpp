@@ -49,10 +49,16 @@ std::size_t usedLenOf(const Bytes &block, bool isSwapped) {
   return block.size() < 2 ? 0 : numberAt(block.data(), isSwapped);
 }
 
+bool isBigEndian(const std::uint8_t *version) {
+  const bool isEbcdic = version[0] >= 0xF0;
+  return isEbcdic || version[3] == '1';
+}
+
 // A kind of segment, decoded here a second time.
 struct Kind {
   std::uint16_t type = 0;
   std::uint16_t fixedLen = 0;
+  bool hasForeignLength = false;       // told by fields of its owner's
   std::vector<std::int16_t> segments;  // offsets of sibling and child pointers, and their kinds
   std::vector<std::uint16_t> kinds;
   std::vector<std::int16_t> references;
@@ -73,11 +79,20 @@ std::uint16_t asciiLetter(std::uint16_t type) {
   }
 }
 
-Kind decodeKind(const std::uint8_t *from, std::uint16_t index, bool isOldLayout, bool isSwapped) {
-  const auto number = [&](std::size_t offset) { return numberAt(from + offset, isSwapped); };
+// How a control block is stored.
+struct Style {
+  bool isOldLayout;
+  bool isSwapped;
+  bool hasEbcdicLetters;  // big-endian writers may use them
+};
+
+Kind decodeKind(const std::uint8_t *from, std::uint16_t index, const Style &style) {
+  const bool isOldLayout = style.isOldLayout;
+  const auto number = [&](std::size_t offset) { return numberAt(from + offset, style.isSwapped); };
   const auto offset = [&](std::size_t at) { return static_cast<std::int16_t>(number(at)); };
   Kind kind;
-  kind.type = asciiLetter(number(0));
+  kind.type = style.hasEbcdicLetters ? asciiLetter(number(0)) : number(0);
+  kind.hasForeignLength = style.hasEbcdicLetters && (kind.type == 0xE5 || kind.type == 0xE7);
   kind.fixedLen = number(2);
   if (kind.type == 'S' || kind.type == 'W') return kind;
   if (offset(4) != -1) {
@@ -98,12 +113,12 @@ Kind decodeKind(const std::uint8_t *from, std::uint16_t index, bool isOldLayout,
 }
 
 // REQUIRES: the whole control block is there.
-std::vector<Kind> decodeKinds(const std::uint8_t *from, bool isOldLayout, bool isSwapped) {
-  const std::size_t count = numberAt(from, isSwapped);
+std::vector<Kind> decodeKinds(const std::uint8_t *from, const Style &style) {
+  const std::size_t count = numberAt(from, style.isSwapped);
   std::vector<Kind> kinds;
   for (std::size_t i = 0; i < std::max<std::size_t>(count, 8); ++i) {
-    kinds.push_back(decodeKind(from + 2 + i * (isOldLayout ? 58 : 122),
-                               static_cast<std::uint16_t>(i), isOldLayout, isSwapped));
+    kinds.push_back(decodeKind(from + 2 + i * (style.isOldLayout ? 58 : 122),
+                               static_cast<std::uint16_t>(i), style));
   }
   return kinds;
 }
@@ -166,7 +181,7 @@ class StructureCheck {
 
   std::size_t lengthOf(const Kind &kind, const std::uint8_t *at, std::size_t rest) const {
     if (kind.type == 'F') return kind.fixedLen;
-    if (kind.type == 0xE5 || kind.type == 0xE7) return 0;  // told by fields of their owner's
+    if (kind.hasForeignLength) return 0;
     if (rest < 2) return 2;
     const std::uint16_t told = numberAt(at, hasSwappedLengths_);
     return kind.type == 'C' ? std::size_t{told} + 2 : told;
@@ -392,21 +407,19 @@ std::string CheckedUnpack::checkSuccess(const Bytes &firstBlock, const BlockArea
   if (!isAllZero(&error, sizeof error)) return "the error area is not clear";
   if (answer_.isNewChain) {
     const auto *controlBlock = reinterpret_cast<const std::uint8_t *>(callers);
-    const std::vector<Kind> kinds = decodeKinds(controlBlock, false, false);
+    const std::vector<Kind> kinds = decodeKinds(controlBlock, {false, false, false});
     return StructureCheck(kinds, rangesOf(first), false).run(root);
   }
   const bool isOldLayout = (firstBlock[kVersionOff + 1] & 0x0F) == 1;
   const std::vector<Kind> kinds =
-      decodeKinds(firstBlock.data() + kControlBlockOff, isOldLayout, isSwapped);
+      decodeKinds(firstBlock.data() + kControlBlockOff,
+                  {isOldLayout, isSwapped, isBigEndian(firstBlock.data() + kVersionOff)});
   return StructureCheck(kinds, areas.ranges(), isSwapped).run(root);
 }
 
 bool isSwapped(const Bytes &firstBlock, bool platformFlag) {
   if (firstBlock.size() < kControlBlockOff) return false;
-  const std::uint8_t *const version = firstBlock.data() + kVersionOff;
-  const bool isEbcdic = version[0] >= 0xF0;
-  const bool isBigEndian = isEbcdic || version[3] == '1';
-  return isBigEndian != platformFlag;
+  return isBigEndian(firstBlock.data() + kVersionOff) != platformFlag;
 }
 
 Blocks splitFile(const Bytes &file, bool platformFlag) {

@@ -103,7 +103,21 @@ void describe(const Kind &kind, const ControlBlockStyle &style, Bytes &bytes, st
   }
 }
 
-// Old control blocks are zero where they say nothing, current ones may hold anything there.
+// Readers compare the root's first two child entries as they are stored, used or not.
+void clearComparedEntries(Bytes &bytes, const ControlBlockStyle &style, std::size_t used) {
+  constexpr std::size_t kCompared = 2;
+  for (std::size_t i = used; i < kCompared; ++i) {
+    putNumber(bytes, 2 + formOf(style.isOldLayout).children + 4 * i, 0, 4, style.isBigEndian);
+  }
+}
+
+std::size_t childCount(const Kind &kind) {
+  const auto isChild = [](const Part &part) { return part.what == What::Child; };
+  return static_cast<std::size_t>(std::count_if(kind.parts.begin(), kind.parts.end(), isChild));
+}
+
+// Old control blocks are zero where they say nothing, current ones may hold anything there but in
+// the entries that are compared.
 Bytes controlBlock(const Tree &tree, const ControlBlockStyle &style) {
   const std::uint8_t filler = style.isOldLayout ? 0 : kUndefined;
   Bytes bytes(controlBlockLen(tree, style.isOldLayout), filler);
@@ -113,6 +127,7 @@ Bytes controlBlock(const Tree &tree, const ControlBlockStyle &style) {
     describe(kind, style, bytes, at);
     at += formOf(style.isOldLayout).length;
   }
+  clearComparedEntries(bytes, style, childCount(tree.kinds[0]));
   return bytes;
 }
 

@@ -752,6 +752,21 @@ TEST_F(ChainOwnerTest, ComparesEveryNumberOfTheControlBlock) {
   }
 }
 
+// EBCDIC's "F" in a little-endian chain: such segments tell a length of their own.
+TEST_F(ChainOwnerTest, RefusesEbcdicLettersOfLittleEndianWriters) {
+  struct Told {
+    std::uint64_t length;
+    const char *pText;
+  };
+  constexpr auto kTold = mem::packTable(mem::segment<Told>(mem::child(MEM_FIELD(Told, pText))));
+  const Told from{2, "text"};
+  std::vector<std::byte> file = fileOf(taken(mem::PackedChain::pack(context, kTold, from)));
+  file[6 + 2] = std::byte{0xC6};
+  mem::PackedChain chain = taken(mem::PackedChain::load(context, file));
+  EXPECT_EQ(failure(chain.unpack(kTold)),
+            "PackedChain::unpack failed: the chain describes other structures");
+}
+
 TEST_F(ChainOwnerTest, RefusesBytesThatAreNoChain) {
   const auto refused = [&](std::vector<std::byte> bytes) {
     const auto chain = mem::PackedChain::load(context, bytes);

@@ -184,9 +184,8 @@ inline std::uint64_t traceCalls(const refhost::Host &host) {
 using Bytes = std::vector<std::uint8_t>;
 
 inline Bytes bytesOf(const void *from, std::size_t length) {
-  Bytes bytes(length);
-  std::memcpy(bytes.data(), from, length);
-  return bytes;
+  const auto *const bytes = static_cast<const std::uint8_t *>(from);
+  return Bytes(bytes, bytes + length);
 }
 
 // "" when equal, else the ranges of offsets that differ: "76..77 80..83".

@@ -409,6 +409,31 @@ TEST_F(MemtoolChainTest, EbcdicTextIsReadInItsCodePage) {
   EXPECT_NE(outputOf({"chain", "e.chain"}).find("\"Hello däm\""), std::string::npos);
 }
 
+// Letters of EBCDIC writers mean something in chains of big-endian writers, and nowhere else.
+TEST_F(MemtoolChainTest, EbcdicLettersAreThoseOfBigEndianWriters) {
+  Tree tree;
+  tree.kinds = {{chainwriter::Form::Fixed, {chainwriter::child(1)}},
+                {chainwriter::Form::SelfDescribing, {chainwriter::data(3)}}};
+  tree.nodes = {{0, {}, {chainwriter::kNone}}};
+  struct Row {
+    std::uint16_t type;
+    const char *form;  // in a big-endian chain
+  };
+  const Row rows[] = {{0xC6, "fixed"},   {0xC3, "counted"},   {0xE2, "text"},
+                      {0xE5, "unknown"}, {0xE6, "wide text"}, {0xE7, "unknown"}};
+  for (const Writer &writer : chainwriter::allWriters()) {
+    for (const Row &row : rows) {
+      SCOPED_TRACE(writer.name() + " type " + std::to_string(row.type));
+      chainwriter::Chain chain = chainwriter::write(tree, writer, 4096);
+      chain.setNumber(chain.descriptorPlace(1), row.type);
+      writeBytes("in.chain", textOf(chain.file()));
+      const Json json = Json::parse(outputOf({"chain", "in.chain", "--json"}));
+      EXPECT_EQ(json["controlBlock"]["kinds"][1]["form"],
+                writer.isBigEndian ? row.form : "own length");
+    }
+  }
+}
+
 TEST_F(MemtoolChainTest, WidthOfPointersCanBeGiven) {
   // Nothing but nulls and room: both widths make sense.
   Tree tree;

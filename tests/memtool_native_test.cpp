@@ -105,6 +105,36 @@ TEST_F(MemtoolNativeTest, NativeChainStaysAsItIs) {
   EXPECT_EQ(readBytes("catalog"), readBytes(sample));
 }
 
+// What a control block holds in entries that it does not use decides nothing here.
+TEST_F(MemtoolNativeTest, UnusedEntriesOfTheRootDoNotMatter) {
+  using chainwriter::data;
+  using chainwriter::Form;
+  using chainwriter::sibling;
+  Tree tree{.kinds = {{Form::Fixed, {sibling(), data(8)}}},
+            .nodes = {{0, {1, 2, 3, 4, 5, 6, 7, 8}, {1}},
+                      {0, {9, 8, 7, 6, 5, 4, 3, 2}, {chainwriter::kNone}}}};
+  for (const std::size_t kinds : {std::size_t{1}, std::size_t{21}}) {
+    tree.kinds.resize(kinds, {Form::Fixed, {data(4)}});
+    for (const Writer &writer : chainwriter::allWriters()) {
+      for (const std::uint16_t stored : {std::uint16_t{0x0012}, std::uint16_t{0xFFF0}}) {
+        SCOPED_TRACE(writer.name() + " " + std::to_string(stored));
+        chainwriter::Chain chain =
+            chainwriter::write(tree, writer, chainwriter::smallestBlockLen(tree, writer) + 100);
+        for (std::size_t entry = 0; entry < 2; ++entry) {
+          chain.setNumber({0, chain.childEntryPlace(0, entry).offset + 2}, stored);
+        }
+        const chainwriter::Bytes bytes = chain.file();
+        writeBytes("in", std::string(bytes.begin(), bytes.end()));
+        const std::string width = std::to_string(writer.pointerWidth);
+        outputOf({"chain", "in", "--to-native", "out", "--pointers", width});
+        const Json from =
+            Json::parse(outputOf({"chain", "in", "--json", "--data", "--pointers", width}));
+        EXPECT_EQ(structureOf(from), structureOf(chainJson("out")));
+      }
+    }
+  }
+}
+
 TEST_F(MemtoolNativeTest, BlockLengthIsTheUsers) {
   const std::string path = fixturePath("0240_64bit");
   const std::string out = outputOf({"chain", path, "--to-native", "out", "--block-length", "1100"});

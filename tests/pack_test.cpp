@@ -140,6 +140,67 @@ TEST_F(PackTest, OldLayoutTakesEightChildPointers) {
   packed(controlBlock, root, 2000);
 }
 
+// Kinds beyond the count go along when a kind that goes along names them as a child.
+TEST_F(PackTest, OldLayoutTakesNamedKindsBeyondTheCount) {
+  Kind named{.fixedLen = 16, .children = {{6, 0}, {3, 8}}};
+  Kind tooMany = fixedKind(80);
+  for (std::int16_t i = 0; i < 9; ++i) tooMany.children.push_back({7, 0});
+  ControlBlock controlBlock(1);
+  controlBlock.set(0, {.fixedLen = 24, .children = {{3, 0}, {5, 8}}, .references = {16}});
+  controlBlock.set(2, tooMany);  // nobody names it
+  controlBlock.set(3, named);
+  controlBlock.set(5, stringKind());
+  controlBlock.set(6, wideKind());
+  const std::uint8_t *root = items.make(24);
+  setOldControlBlock(mem, true);
+  const Blocks made = packed(controlBlock, root, 2000);
+  ASSERT_EQ(made.size(), 1U);
+  for (std::size_t i = 0; i < 8; ++i) {
+    SCOPED_TRACE(i);
+    Bytes expected(58);
+    if (i == 0 || i == 3 || i == 5 || i == 6) {
+      std::memcpy(expected.data(), &controlBlock[i], 10);
+    }
+    if (i == 0 || i == 3) std::memcpy(expected.data() + 10, controlBlock[i].Children, 8);
+    if (i == 0) std::memcpy(expected.data() + 42, controlBlock[i].References, 2);
+    EXPECT_EQ(changedRanges(cut(made[0], 8 + 58 * i, 58), expected), "");
+  }
+
+  controlBlock.set(3, tooMany);
+  EXPECT_EQ(pack(controlBlock, root, 2000), kFailed);
+  expectRecorded(0, "");
+}
+
+// They mean nothing, but the counts name them.
+TEST_F(PackTest, OldLayoutTakesEntriesOfText) {
+  struct Row {
+    std::int16_t children;
+    std::int16_t references;
+    std::size_t childrenTaken;
+    std::size_t referencesTaken;
+  };
+  const Row rows[] = {{2, 3, 2, 3}, {8, 8, 8, 8}, {-1, 1, 0, 1}, {25, 9, 0, 0}, {1, -1, 1, 0}};
+  ControlBlock controlBlock{fixedKind(8), stringKind()};
+  MemPackDescriptor &text = controlBlock[1];
+  const std::uint8_t *root = items.make(8);
+  setOldControlBlock(mem, true);
+  for (const Row &row : rows) {
+    SCOPED_TRACE(std::to_string(row.children) + " and " + std::to_string(row.references));
+    text.ChildCount = row.children;
+    text.ReferenceCount = row.references;
+    const Blocks made = packed(controlBlock, root, 2000);
+    ASSERT_EQ(made.size(), 1U);
+    Bytes expected(58);
+    std::memcpy(expected.data(), &text, 10);
+    std::memcpy(expected.data() + 10, text.Children, 4 * row.childrenTaken);
+    std::memcpy(expected.data() + 42, text.References, 2 * row.referencesTaken);
+    EXPECT_EQ(changedRanges(cut(made[0], 8 + 58, 58), expected), "");
+  }
+  text.ChildCount = 9;
+  EXPECT_EQ(pack(controlBlock, root, 2000), kFailed);
+  expectRecorded(0, "");
+}
+
 TEST_F(PackTest, OldLayoutRefusesNineChildPointersInAKindThatIsNeverReached) {
   Kind kind = fixedKind(80);
   for (std::int16_t i = 0; i < 9; ++i) {

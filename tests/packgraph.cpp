@@ -83,7 +83,7 @@ Bytes RandomStructure::callerBytes() const {
 }
 
 void RandomStructure::makeShapes() {
-  const bool describesMore = !settings_.oldControlBlock && count_ < 8 && random_.oneIn(4);
+  const bool describesMore = count_ < 8 && random_.oneIn(4);
   shapes_.resize(describesMore ? random_.between(count_, 8) : count_);
   for (std::size_t i = 0; i < shapes_.size(); ++i) shapes_[i].kind.type = randomType(i);
   for (Shape &shape : shapes_) {
@@ -126,7 +126,7 @@ void RandomStructure::makeSegmentShape(Shape &shape) {
 }
 
 // Whatever no kind defines is random: unused entries, all but the type of texts, and descriptors
-// beyond the count.
+// beyond the count. Readers compare the root's first two child entries, used or not.
 void RandomStructure::describe() {
   for (std::size_t i = 0; i < std::max<std::size_t>(count_, 8); ++i) {
     std::uint8_t *const descriptor = reinterpret_cast<std::uint8_t *>(&controlBlock_[i]);
@@ -136,9 +136,23 @@ void RandomStructure::describe() {
     if (i >= shapes_.size()) continue;
     if (shapes_[i].isText()) {
       controlBlock_[i].Type = shapes_[i].kind.type;
+      if (random_.oneIn(4)) nameEntries(controlBlock_[i]);
     } else {
       controlBlock_.set(i, shapes_[i].kind);
     }
+  }
+  MemPackDescriptor &root = controlBlock_[0];
+  const bool usesNone = shapes_[0].isText() || root.ChildCount < 1;
+  if (usesNone) root.Children[0] = {};
+  if (usesNone || root.ChildCount < 2) root.Children[1] = {};
+}
+
+// Gives text counts that are in range. It has no pointers, but conversions take its entries along.
+void RandomStructure::nameEntries(MemPackDescriptor &text) {
+  text.ChildCount = static_cast<std::int16_t>(random_.below(random_.oneIn(50) ? 10 : 9));
+  text.ReferenceCount = static_cast<std::int16_t>(random_.below(9));
+  for (MemPackChild &child : text.Children) {
+    if (random_.oneIn(2)) child.Descriptor = static_cast<std::uint16_t>(random_.below(8));
   }
 }
 

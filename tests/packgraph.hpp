@@ -50,6 +50,7 @@ class RandomStructure {
   void makeSegmentShape(Shape &shape);
   std::size_t fewOf(std::size_t most);
   void describe();
+  void nameEntries(MemPackDescriptor &text);
   void chooseBlockLen();
 
   Node makeNode(std::size_t kind);

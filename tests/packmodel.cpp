@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <set>
 
 namespace packmodel {
 namespace {
@@ -53,7 +54,8 @@ std::size_t wideLength(const std::uint8_t *text) {
 }
 
 // A descriptor with its address, which the texts of failures show. Counts are as they stand.
-struct Descriptor {
+class Descriptor {
+ public:
   const std::uint8_t *address;
 
   std::uint16_t type() const { return numberAt<std::uint16_t>(address); }
@@ -78,6 +80,15 @@ struct Descriptor {
     return isText() ? 0 : static_cast<std::size_t>(referenceCount());
   }
   bool hasSibling() const { return !isText() && siblingOff() != -1; }
+
+  // Entries that a conversion takes along, of texts as well.
+  std::size_t usedChildren() const { return inRange(childCount(), 24); }
+  std::size_t usedReferences() const { return inRange(referenceCount(), 8); }
+
+ private:
+  static std::size_t inRange(std::int16_t count, std::int16_t most) {
+    return count < 0 || count > most ? 0 : static_cast<std::size_t>(count);
+  }
 };
 
 [[noreturn]] void refuseKind(const Descriptor &kind) {
@@ -108,18 +119,24 @@ class Kinds {
   Bytes old() const {
     Bytes bytes(2 + 58 * room());
     std::copy_n(base_, 2, bytes.begin());
-    for (std::size_t i = 0; i < static_cast<std::size_t>(count()); ++i) {
-      convert(at(i), bytes.data() + 2 + 58 * i);
-    }
+    std::set<std::size_t> converted;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(count()); ++i) need(i, converted);
+    for (const std::size_t i : converted) convert(at(i), bytes.data() + 2 + 58 * i);
     return bytes;
   }
 
  private:
+  // A kind with all those that it names as children, directly or not.
+  void need(std::size_t i, std::set<std::size_t> &converted) const {
+    if (i >= room() || !converted.insert(i).second) return;
+    for (std::size_t c = 0; c < at(i).usedChildren(); ++c) need(at(i).childKind(c), converted);
+  }
+
   static void convert(const Descriptor &kind, std::uint8_t *to) {
-    if (kind.children() > kOldChildren) throw Refusal{-1, 0, ""};
+    if (kind.usedChildren() > kOldChildren) throw Refusal{-1, 0, ""};
     std::memcpy(to, kind.address, kHeadLen);
-    std::memcpy(to + 10, kind.address + 10, 4 * kind.children());
-    std::memcpy(to + 42, kind.address + 106, 2 * kind.references());
+    std::memcpy(to + 10, kind.address + 10, 4 * kind.usedChildren());
+    std::memcpy(to + 42, kind.address + 106, 2 * kind.usedReferences());
   }
 
   const std::uint8_t *base_;

@@ -63,6 +63,45 @@ TEST_F(UnpackFaultTest, StorageOfANewChain) {
   }
 }
 
+// What failed for lack of storage before blocks were changed can be called again.
+TEST_F(UnpackFaultTest, CallsWithoutStorageCanBeRepeated) {
+  for (const Writer &writer : chainwriter::allWriters()) {
+    SCOPED_TRACE(writer.name());
+    const std::size_t blockLen = chainwriter::smallestBlockLen(tree, writer) + 100;
+    const Chain chain = chainwriter::write(tree, writer, blockLen);
+    const auto expectUnchanged = [&] {
+      for (std::size_t i = 0; i < chain.blocks.size(); ++i) {
+        EXPECT_EQ(
+            changedRanges(bytesOf(blockBytes(i) + 8, chain.blocks[i].size()), chain.blocks[i]), "")
+            << "block " << i;
+      }
+    };
+    // In place, the third storage is obtained when the work has begun.
+    const bool isInPlace = writer.pointerWidth == 8;
+    sweepFaults(host, faultOf(Service::GetStorage, 77), [&](std::uint64_t call) {
+      load(chain);
+      const std::uint64_t fired = host.faultsFired();
+      const std::int16_t result = unpack(readersControlBlock(tree));
+      const bool hasFailed = host.faultsFired() != fired;
+      host.disarm();
+      EXPECT_EQ(result, hasFailed ? MEMERR_PACKAMEM : 0);
+      if (!isInPlace) expectUnchanged();
+      if (!hasFailed || (isInPlace && call > 2)) return;
+      expectUnchanged();
+      expectTree(tree, writer);
+    });
+  }
+}
+
+TEST_F(UnpackFaultTest, CallsWithoutAControlBlockCanBeRepeated) {
+  for (const Writer &writer : chainwriter::allWriters()) {
+    SCOPED_TRACE(writer.name());
+    loadWritten(writer);
+    expectRefused(unpack(nullptr), MEMERR_PACKAMEM, "NewPackCBInvalid");
+    expectTree(tree, writer);
+  }
+}
+
 TEST_F(UnpackFaultTest, EveryFurtherBlockOfANewChain) {
   const std::size_t last = tree.nodes.size();
   tree.nodes[3].targets[0] = last;

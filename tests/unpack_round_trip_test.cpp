@@ -196,5 +196,83 @@ TEST_F(UnpackRoundTripTest, RandomStructuresComeBackEqual) {
   EXPECT_LT(unreadable, 20);
 }
 
+// Small structures that this library packs itself.
+class UnpackOwnChainTest : public UnpackRoundTripTest {
+ protected:
+  static constexpr std::int32_t kBlockLen = 2000;
+
+  void packRoot(const ControlBlock &controlBlock, const std::uint8_t *from) {
+    ASSERT_EQ(mem.MEM_Pack(controlBlock.get(), from, kBlockLen, &first), 0) << nameText();
+  }
+  // Leaves the root in `root`.
+  void unpackRoot(const ControlBlock &controlBlock) {
+    MemPackBlock *const before = first;
+    void *made = nullptr;
+    ASSERT_EQ(mem.MEM_Unpack(&first, &made, controlBlock.get()), 0) << nameText();
+    EXPECT_EQ(first, before);
+    root = static_cast<const std::uint8_t *>(made);
+  }
+  // The target of a pointer field, null when it lies out of the blocks.
+  const std::uint8_t *follow(const std::uint8_t *segment, std::size_t offset) const {
+    const std::uint8_t *const target = segment == nullptr ? nullptr : getPointer(segment, offset);
+    for (const MemPackBlock *block = first; block != nullptr; block = block->pNext) {
+      const auto *const begin = reinterpret_cast<const std::uint8_t *>(block);
+      if (target > begin && target < begin + kBlockLen) return target;
+    }
+    return nullptr;
+  }
+  std::string textAt(const std::uint8_t *segment, std::size_t offset) const {
+    const std::uint8_t *const text = follow(segment, offset);
+    return text == nullptr ? "a pointer out of the blocks" : reinterpret_cast<const char *>(text);
+  }
+  ~UnpackOwnChainTest() override { returnChain(first, kBlockLen); }
+
+  Items items;
+  MemPackBlock *first = nullptr;
+  const std::uint8_t *root = nullptr;
+};
+
+TEST_F(UnpackOwnChainTest, OldLayoutKeepsKindsBeyondTheCount) {
+  setWriter({.oldControlBlock = true, .bigEndian = false});
+  ControlBlock controlBlock(1);
+  controlBlock.set(0, {.fixedLen = 16, .children = {{1, 0}, {4, 8}}});
+  controlBlock.set(1, stringKind());
+  controlBlock.set(4, {.fixedLen = 16, .children = {{7, 8}}});
+  controlBlock.set(7, {.fixedLen = 8, .children = {{1, 0}}});
+  std::uint8_t *const from = items.make(16);
+  std::uint8_t *const below = items.make(16);
+  std::uint8_t *const deepest = items.make(8);
+  putPointer(from, 0, items.text("beyond"));
+  putPointer(from, 8, below);
+  putPointer(below, 8, deepest);
+  putPointer(deepest, 0, items.text("far beyond"));
+  packRoot(controlBlock, from);
+  unpackRoot(controlBlock);
+  ASSERT_NE(root, nullptr);
+  EXPECT_EQ(textAt(root, 0), "beyond");
+  EXPECT_EQ(textAt(follow(follow(root, 8), 8), 0), "far beyond");
+}
+
+// What is no letter to the packer is none to a reader of its chains.
+TEST_F(UnpackOwnChainTest, EbcdicLettersAreNumbersHere) {
+  for (const int type : {0xC3, 0xC6, 0xE2, 0xE5, 0xE6, 0xE7}) {
+    SCOPED_TRACE(type);
+    ControlBlock controlBlock{
+        {.type = static_cast<std::uint16_t>(type), .children = {{1, 2}, {0, 10}}}, stringKind()};
+    std::uint8_t *const from = items.make(20);
+    std::uint8_t *const below = items.make(18);
+    putNumber(from, std::uint16_t{20});
+    putNumber(below, std::uint16_t{18});
+    putPointer(from, 10, below);
+    putPointer(below, 2, items.text("below"));
+    packRoot(controlBlock, from);
+    unpackRoot(controlBlock);
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(textAt(follow(root, 10), 2), "below");
+    returnChain(first, kBlockLen);
+    first = nullptr;
+  }
+}
+
 }  // namespace
 }  // namespace memtest

@@ -371,6 +371,70 @@ TEST_F(UnpackInPlaceTest, UnusedEntriesAreNotSwapped) {
   }
 }
 
+// Entries are used when the counts say so, of texts as well; a count that is out of range uses
+// none.
+TEST_F(UnpackInPlaceTest, UsedEntriesOfTextAreSwapped) {
+  struct Row {
+    std::uint16_t children;
+    std::uint16_t references;
+    std::size_t childrenUsed;
+    std::size_t referencesUsed;
+  };
+  const Row rows[] = {{2, 9, 2, 0}, {24, 8, 24, 8}, {25, 3, 0, 3}, {0xFFFF, 0xFFFF, 0, 0}};
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.children);
+    Chain big = chainwriter::write(tree, writerOf("0221"), kRoomy);
+    const std::size_t name = big.descriptorPlace(kName).offset;
+    big.setNumber({0, name + 6}, row.children);
+    big.setNumber({0, name + 8}, row.references);
+    for (std::size_t at = name + 10; at < name + 122; at += 2) big.setNumber({0, at}, 0x1234);
+    load(big);
+    EXPECT_EQ(unpack(callers), 0);
+    for (std::size_t at = 10; at < 122; at += 2) {
+      const bool isUsed =
+          at < 106 ? at < 10 + 4 * row.childrenUsed : at < 106 + 2 * row.referencesUsed;
+      EXPECT_EQ(bytesOf(blockBytes(0) + 8 + name + at, 2),
+                (isUsed ? Bytes{0x34, 0x12} : Bytes{0x12, 0x34}))
+          << at;
+    }
+  }
+}
+
+// Kinds beyond the count are swapped when a kind that is swapped names them.
+TEST_F(UnpackInPlaceTest, NamedKindsBeyondTheCountAreSwapped) {
+  chain = chainwriter::write(tree, writerOf("0221"), kRoomy);
+  const auto describe = [this](std::size_t kind, std::uint16_t children, std::uint16_t named) {
+    const std::uint16_t fields[] = {'F', 8, 0xFFFF, children, 0, named, 0, 0x1234, 0x1234};
+    for (std::size_t i = 0; i < std::size(fields); ++i) {
+      chain.setNumber({0, chain.descriptorPlace(kind).offset + 2 * i}, fields[i]);
+    }
+  };
+  for (std::size_t kind = 4; kind < 8; ++kind) describe(kind, 0, 0);
+  chain.setNumber(chain.childEntryPlace(kRoot, 0), 6);
+  chain.setPointer(part(kChildPart), {0, 0});
+  describe(6, 1, 5);
+  describe(5, 1, 6);
+  load(chain);
+  EXPECT_EQ(unpack(callers), 0);
+  const auto swapped = [this](std::size_t kind, std::size_t field) {
+    const std::size_t at = chain.descriptorPlace(kind).offset + field;
+    const Bytes before(chain.blocks[0].begin() + static_cast<std::ptrdiff_t>(at),
+                       chain.blocks[0].begin() + static_cast<std::ptrdiff_t>(at + 2));
+    const Bytes after = bytesOf(blockBytes(0) + 8 + at, 2);
+    EXPECT_TRUE(after == before || after == (Bytes{before[1], before[0]}));
+    return after != before;
+  };
+  for (std::size_t kind = 4; kind < 8; ++kind) {
+    SCOPED_TRACE(kind);
+    const bool isNamed = kind == 5 || kind == 6;
+    EXPECT_EQ(swapped(kind, 0), isNamed);
+    EXPECT_EQ(swapped(kind, 2), isNamed);
+    EXPECT_EQ(swapped(kind, 10), isNamed);
+    EXPECT_FALSE(swapped(kind, 14));
+    EXPECT_FALSE(swapped(kind, 16));
+  }
+}
+
 TEST_F(UnpackInPlaceTest, OtherControlBlocksStayAsTheyAre) {
   for (const Writer &writer : {writerOf("0220"), writerOf("0100"), writerOf("0101"),
                                chainwriter::ebcdicWriterOf("0100")}) {
@@ -598,6 +662,85 @@ TEST_F(UnpackLayoutTest, FirstChildTellsTheDirection) {
   moveCallersChild(0, -1);
   moveCallersChild(1, 1);
   EXPECT_EQ(direction(), k32);
+}
+
+// The entries count as they are stored, whether anything uses them or not.
+TEST_F(UnpackLayoutTest, UnusedEntriesCountAsTheyAreStored) {
+  struct Row {
+    int by;
+    const char *direction;
+  };
+  const Row rows[] = {{0, "in place"}, {4, k32}, {-4, k64}};
+  for (const std::size_t entry : {std::size_t{0}, std::size_t{1}}) {
+    for (const Row &row : rows) {
+      SCOPED_TRACE(std::to_string(entry) + " by " + std::to_string(row.by));
+      tree = smallTree();
+      tree.kinds[0].parts = entry == 0 ? std::vector<chainwriter::Part>{sibling(), data(9)}
+                                       : std::vector<chainwriter::Part>{child(1), data(9)};
+      tree.nodes = {{kRoot, Bytes(9), {kNone}}};
+      makeKinds(21);
+      chain.setNumber({0, chain.childEntryPlace(0, entry).offset + 2}, 0x40);
+      load(chain);
+      descriptorOf(callers, 0).Children[entry].Offset = static_cast<std::int16_t>(0x40 + row.by);
+      EXPECT_EQ(direction(), row.direction);
+    }
+  }
+}
+
+TEST_F(UnpackLayoutTest, TypesAndCountsOfTheCallerDoNotMatter) {
+  makeKinds(4);
+  descriptorOf(callers, 0).Type = MEM_PACK_STRING;
+  EXPECT_EQ(direction(), "in place");
+  for (const int count : {0, -1, 25}) {
+    makeKinds(4);
+    descriptorOf(callers, 0).ChildCount = static_cast<std::int16_t>(count);
+    descriptorOf(callers, 0).ReferenceCount = 9;
+    EXPECT_EQ(direction(), "in place");
+  }
+  makeKinds(4);
+  moveCallersChild(0, 1);
+  descriptorOf(callers, 0).Type = MEM_PACK_STRING;
+  EXPECT_EQ(direction(), k32);
+}
+
+// Of the other order, used entries are compared swapped and others as they are in the file.
+TEST_F(UnpackLayoutTest, UnusedEntriesOfTheOtherOrderAreNotSwapped) {
+  tree.kinds[0].parts = {sibling(), data(9)};
+  tree.nodes = {{kRoot, Bytes(9), {kNone}}};
+  makeKinds(4);
+  Chain big = chainwriter::write(tree, writerOf("0221"), kRoomy);
+  big.setNumber({0, big.childEntryPlace(0, 0).offset + 2}, 0x0120);
+  load(big);
+  descriptorOf(callers, 0).Children[0].Offset = 0x2001;
+  EXPECT_EQ(direction(), "in place");
+  load(big);
+  descriptorOf(callers, 0).Children[0].Offset = 0x0120;
+  EXPECT_EQ(direction(), k64);
+  // Text has used entries, too, when its counts say so.
+  const std::size_t header = big.descriptorPlace(0).offset;
+  big.setNumber({0, header}, MEM_PACK_STRING);
+  big.setNumber({0, header + 6}, 1);
+  load(big);
+  EXPECT_EQ(direction(), "in place");
+  big.setNumber({0, header + 6}, 25);
+  load(big);
+  EXPECT_EQ(direction(), k64);
+}
+
+TEST_F(UnpackLayoutTest, UnusedEntriesOfTheOldLayoutAreZero) {
+  tree.kinds[0].parts = {sibling(), data(9)};
+  tree.nodes = {{kRoot, Bytes(9), {kNone}}};
+  makeKinds(4);
+  for (const char *version : {"0100", "0101"}) {
+    Chain old = chainwriter::write(tree, writerOf(version), kRoomy);
+    old.setNumber({0, old.childEntryPlace(0, 0).offset + 2}, 0x40);
+    load(old);
+    descriptorOf(callers, 0).Children[0].Offset = 0;
+    EXPECT_EQ(direction(), "in place");
+    load(old);
+    descriptorOf(callers, 0).Children[0].Offset = 0x40;
+    EXPECT_EQ(direction(), k32);
+  }
 }
 
 TEST_F(UnpackLayoutTest, CallersControlBlockIsNeeded) {
@@ -1032,6 +1175,41 @@ TEST_F(UnpackInPlaceTest, ForeignLengthsAreNotMeasured) {
   }
 }
 
+// All writers with EBCDIC letters are big-endian, in whatever characters their version is written.
+TEST_F(UnpackInPlaceTest, BigEndianWritersMayUseEbcdicLetters) {
+  tree.kinds[kChild].form = Form::Counted;
+  const Tree &sample = tree;
+  for (const Writer &writer : chainwriter::allWriters()) {
+    if (!writer.isBigEndian) continue;
+    SCOPED_TRACE(writer.name());
+    Chain letters = chainwriter::write(sample, writer, kRoomy);
+    const std::uint16_t ebcdic[] = {0xC6, 0xC3, 0xE2, 0xE6};
+    for (std::size_t kind = 0; kind < std::size(ebcdic); ++kind) {
+      letters.setNumber(letters.descriptorPlace(kind), ebcdic[kind]);
+    }
+    load(letters);
+    expectTree(sample, writer);
+  }
+}
+
+TEST_F(UnpackInPlaceTest, EbcdicLettersOfLittleEndianWritersAreNumbers) {
+  tree.kinds[kChild] = {Form::SelfDescribing, {child(kName), data(5)}};
+  tree.nodes[1].targets = {2};
+  for (const Writer &writer : chainwriter::allWriters()) {
+    if (writer.isBigEndian) continue;
+    for (const int type : {0xC3, 0xC6, 0xE2, 0xE5, 0xE6, 0xE7}) {
+      SCOPED_TRACE(writer.name() + " type " + std::to_string(type));
+      Chain numbers = chainwriter::write(tree, writer, kRoomy);
+      numbers.setNumber(numbers.descriptorPlace(kChild), static_cast<std::uint16_t>(type));
+      load(numbers);
+      expectTree(tree, writer);
+      // They are measured as such.
+      numbers.setNumber(numbers.places[1], 0x7FFF);
+      expectRefusal(tree, numbers, MEMERR_PACKROFF, offText(numbers.places[1].offset));
+    }
+  }
+}
+
 TEST_F(UnpackInPlaceTest, RootMayBeNarrowText) {
   Tree text{.kinds = {{Form::Narrow}}, .nodes = {{0, {}, {}, "all there is"}}};
   load(chainwriter::write(text, writerOf("0221"), kRoomy));
@@ -1081,7 +1259,7 @@ TEST_F(UnpackInPlaceTest, SixtyFourLevelsWithTextBelowAreTheLimit) {
     load(chainwriter::write(deepTree(64), writer, kRoomy));
     expectTree(deepTree(64), writer);
     expectRefusal(deepTree(65), chainwriter::write(deepTree(65), writer, kRoomy), MEMERR_PACKSTAK,
-                  "TraversalStackOverflow");
+                  width == 8 ? "TraversalStackOverflow" : "UnpackStackOverflow");
   }
 }
 

@@ -1160,6 +1160,7 @@ class ChainControlBlock {
   ChainControlBlock(const std::byte *pFirstUsed, bool isSwapped) noexcept
       : pBytes_(pFirstUsed + kLeastChain),
         isOld_((byteAt(pFirstUsed, kVersionOff + 1) & 0x0F) == 1),  // in ASCII and in EBCDIC
+        isBigEndian_(isBigEndianChain(pFirstUsed)),
         isSwapped_(isSwapped) {}
 
   bool isOld() const noexcept { return isOld_; }
@@ -1186,7 +1187,9 @@ class ChainControlBlock {
     return isSwapped_ ? (number & 0xFFU) << 8 | unsigned{number} >> 8 : number;
   }
 
-  static unsigned asciiType(unsigned type) noexcept {
+  // EBCDIC letters are those of big-endian writers; elsewhere they are numbers like others.
+  unsigned asciiType(unsigned type) const noexcept {
+    if (!isBigEndian_) return type;
     switch (type) {
       case 0xC6:
         return MEM_PACK_FIXED;
@@ -1233,6 +1236,7 @@ class ChainControlBlock {
 
   const std::byte *pBytes_;
   bool isOld_;
+  bool isBigEndian_;
   bool isSwapped_;
 };
 

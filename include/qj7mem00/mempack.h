@@ -38,7 +38,8 @@ typedef struct MemPackChild {
 
 MEM_CHECK_SIZE(MemPackChild, 4);
 
-/** Description of one kind of segment. Unused entries may hold anything. */
+/** Description of one kind of segment. Unused entries may hold anything, but MEM_Unpack compares
+ * the offsets in the first two child entries of descriptor 0 as they are stored: clear them. */
 typedef struct MemPackDescriptor {
   uint16_t Type;          /**< MEM_PACK_FIXED, … */
   uint16_t FixedLen;      /**< bytes of a MEM_PACK_FIXED segment */

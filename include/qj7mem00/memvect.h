@@ -230,11 +230,12 @@ typedef int16_t MEM_PackFn(const MemPackCB *pPackCB, const void *pRoot, int32_t 
  * block must have room for its used length + 8 bytes, block 0 for 14 and the others for 10 at
  * least.
  *
- * Where the first child offsets of `pPackCB` agree with the file's, the blocks themselves become
- * the structure, with segments at any alignment. Otherwise `*ppFirstBlk` becomes a new chain of
- * blocks of MEM_UNPACK_BLOCK_LEN bytes from subpool 0, laid out by `pPackCB`; the old chain stays
- * the caller's. On failure both cells are untouched, and blocks that were being unpacked in place
- * are of no further use. The result is the MEMERR code itself (MEMERR_PACK…).
+ * Where the first child offsets of `pPackCB` agree with the file's, used or not, the blocks
+ * themselves become the structure, with segments at any alignment. Otherwise `*ppFirstBlk` becomes
+ * a new chain of blocks of MEM_UNPACK_BLOCK_LEN bytes from subpool 0, laid out by `pPackCB`; the
+ * old chain is only read and stays the caller's. On failure both cells are untouched, and blocks
+ * that were being unpacked in place are of no further use. The result is the MEMERR code itself
+ * (MEMERR_PACK…).
  *
  * Success promises that child and sibling pointers lead to segments and texts of the kinds that the
  * descriptors tell, each reached once (narrow text may be shared), and that these end in their

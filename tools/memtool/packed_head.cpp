@@ -85,18 +85,14 @@ void readBlocks(PackedChain &chain) {
   }
 }
 
-Form formOf(std::uint16_t typeCode) {
+Form formOfEbcdic(std::uint16_t typeCode) {
   switch (typeCode) {
-    case MEM_PACK_FIXED:
     case kEbcdicF:
       return Form::Fixed;
-    case MEM_PACK_COUNTED:
     case kEbcdicC:
       return Form::Counted;
-    case MEM_PACK_STRING:
     case kEbcdicS:
       return Form::NarrowText;
-    case MEM_PACK_WIDE_STRING:
     case kEbcdicW:
       return Form::WideText;
     case kEbcdicV:
@@ -104,6 +100,22 @@ Form formOf(std::uint16_t typeCode) {
       return Form::Unknown;
     default:
       return Form::SelfDescribing;
+  }
+}
+
+// EBCDIC letters are those of big-endian writers, whatever their version is written in.
+Form formOf(std::uint16_t typeCode, bool isBigEndian) {
+  switch (typeCode) {
+    case MEM_PACK_FIXED:
+      return Form::Fixed;
+    case MEM_PACK_COUNTED:
+      return Form::Counted;
+    case MEM_PACK_STRING:
+      return Form::NarrowText;
+    case MEM_PACK_WIDE_STRING:
+      return Form::WideText;
+    default:
+      return isBigEndian ? formOfEbcdic(typeCode) : Form::SelfDescribing;
   }
 }
 
@@ -124,7 +136,7 @@ Kind readKind(const PackedChain &chain, std::uint32_t offset) {
   const auto at = [&](std::size_t field) { return chain.fileOffset({0, offset}) + field; };
   Kind kind;
   kind.typeCode = chain.number(at(0));
-  kind.form = formOf(kind.typeCode);
+  kind.form = formOf(kind.typeCode, chain.version->isBigEndian);
   if (kind.form == Form::SelfDescribing && chain.version->isEbcdic && kind.typeCode <= 0xFF) {
     kind.typeCode = latin1FromEbcdic(static_cast<std::uint8_t>(kind.typeCode));
   }

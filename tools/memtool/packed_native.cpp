@@ -408,6 +408,18 @@ std::string remarkOn(const PackedChain &chain) {
   return isTurned(chain) ? "Numbers within segments are still in the writer's byte order." : "";
 }
 
+// The library compares the root's first two child entries as they are stored, used or not. Those
+// that are not used are zero in the control blocks made here, and so they must be in the chain.
+void clearUnusedRootEntries(const PackedChain &chain, std::string &firstBlock) {
+  constexpr std::size_t kCompared = 2;
+  constexpr std::size_t kEntryLen = 4;
+  const std::size_t entries =
+      kHeadLen + 2 + descriptorLayout(chain.version->isOldLayout).childrenOff;
+  for (std::size_t i = chain.kinds[0].children.size(); i < kCompared; ++i) {
+    firstBlock.replace(entries + i * kEntryLen, kEntryLen, kEntryLen, '\0');
+  }
+}
+
 std::int16_t firstChildOffset(const std::vector<Kind> &kinds) {
   return kinds[0].children.empty() ? std::int16_t{0} : kinds[0].children[0].Offset;
 }
@@ -433,6 +445,7 @@ NativeChain toNative(RunningLibrary &library, const PackedChain &chain,
     ++kindCount;
   } else {
     for (std::size_t i = 0; i < chain.blocks.size(); ++i) contents.emplace_back(chain.content(i));
+    clearUnusedRootEntries(chain, contents[0]);
   }
   const NativeControlBlock unpackCB(kinds, kindCount, layout.pointerWidth);
   StoredChain stored(library, contents);

@@ -67,19 +67,21 @@ bool isFirst(const MEMStructDef &def, std::int32_t fieldIndex) noexcept {
 // value's opening, a sign, and a word that begins with digits.
 constexpr std::ptrdiff_t kFieldStartLen = 10 + 1 + 1 + static_cast<std::ptrdiff_t>(kTextWordLen);
 
-// How a value of a type begins, and the bytes of a number. For types that are not taken, what no
-// character is.
+// How a value of a type begins, and the bytes of a number, 0 for other values. No default values
+// here: compilers have left them out of elements that nothing was assigned to.
 struct TakenType {
-  std::int16_t opening = 0x100;
-  std::uint8_t numberLen = 0;
+  std::int16_t opening;
+  std::uint8_t numberLen;
 };
 struct TakenTypes {
   TakenType of[UINT8_MAX + 1];
 };
+constexpr std::int16_t kNoCharacter = 0x100;
 constexpr TakenTypes kTakenTypes = [] {
   TakenTypes types{};
-  types.of[MEM_PORT_PNT] = {'S'};
-  types.of[MEM_PORT_PSTR] = {'X'};
+  for (TakenType &type : types.of) type = {kNoCharacter, 0};
+  types.of[MEM_PORT_PNT] = {'S', 0};
+  types.of[MEM_PORT_PSTR] = {'X', 0};
   types.of[MEM_PORT_SHORT] = types.of[MEM_PORT_USHORT] = {'N', 2};
   types.of[MEM_PORT_LONG] = types.of[MEM_PORT_ULONG] = {'N', 4};
   types.of[MEM_PORT_BIGINT] = types.of[MEM_PORT_UBIGINT] = {'N', 8};
@@ -101,13 +103,20 @@ bool isSignedNumber(std::uint8_t type) noexcept {
   return type == MEM_PORT_SHORT || type == MEM_PORT_LONG || type == MEM_PORT_BIGINT;
 }
 
-void storeNumber(std::byte *pField, std::int64_t length, std::uint64_t value) noexcept {
-  if (length == 4) {
-    storeAs(pField, static_cast<std::uint32_t>(value));
-  } else if (length == 2) {
-    storeAs(pField, static_cast<std::uint16_t>(value));
-  } else {
-    storeAs(pField, value);
+// False, with nothing stored, for a length that no number has.
+bool storeNumber(std::byte *pField, std::int64_t length, std::uint64_t value) noexcept {
+  switch (length) {
+    case 2:
+      storeAs(pField, static_cast<std::uint16_t>(value));
+      return true;
+    case 4:
+      storeAs(pField, static_cast<std::uint32_t>(value));
+      return true;
+    case 8:
+      storeAs(pField, value);
+      return true;
+    default:
+      return false;
   }
 }
 
@@ -378,8 +387,8 @@ PortReader::TakenValue PortReader::takeLongNumber(std::uint8_t type, const char 
   ReversedDigits<std::uint64_t> magnitude;
   p = magnitude.take(p, scanner_.end());
   if (p == scanner_.end()) return {};
-  storeNumber(pField, kTakenTypes.of[type].numberLen,
-              isNegative ? 0 - magnitude.value() : magnitude.value());
+  const std::uint64_t value = isNegative ? 0 - magnitude.value() : magnitude.value();
+  if (!storeNumber(pField, kTakenTypes.of[type].numberLen, value)) return {};
   return {p};
 }
 
@@ -394,13 +403,14 @@ PortReader::TakenValue PortReader::takeValue(const Place &place, const MEMFieldD
   }
   const std::int64_t length = kTakenTypes.of[field.Type].numberLen;
   const bool isNegative = *p == '-';
-  if (!place.holds(offset, length) || (isNegative && !isSignedNumber(field.Type))) return {};
+  if (length == 0 || !place.holds(offset, length)) return {};
+  if (isNegative && !isSignedNumber(field.Type)) return {};
   const ShortNumber number = shortNumber(isNegative ? p + 1 : p);
   if (number.pBehind == nullptr) {
     return takeLongNumber(field.Type, isNegative ? p + 1 : p, place.at(offset));
   }
   const std::uint64_t magnitude = number.value;
-  storeNumber(place.at(offset), length, isNegative ? 0 - magnitude : magnitude);
+  if (!storeNumber(place.at(offset), length, isNegative ? 0 - magnitude : magnitude)) return {};
   return {number.pBehind};
 }
 

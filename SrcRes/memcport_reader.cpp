@@ -5,6 +5,7 @@
 #include "bytes.h"
 #include "memcport_defs.h"
 #include "memcport_fromwire.h"
+#include "memcport_offsets.h"
 #include "memcport_words.h"
 
 namespace mem {
@@ -97,6 +98,11 @@ const char *behindStart(const char *p, const MEMFieldDef &field) noexcept {
   }
   if (*p++ != static_cast<char>('0' + number)) return nullptr;
   return *p == kTakenTypes.of[field.Type].opening ? p + 1 : nullptr;
+}
+
+// True for a field that a text must not leave out.
+bool isDemanded(const MEMFieldDef &field) noexcept {
+  return field.Required != 0 && field.NotPorted == 0;
 }
 
 bool isSignedNumber(std::uint8_t type) noexcept {
@@ -546,15 +552,31 @@ bool PortReader::skipQuoted() noexcept {
   return false;
 }
 
+// Defaults for what the text left out. From the first field on that must be there, the offsets of
+// those that are there have to be known.
 bool PortReader::completeAbsent(const StructText &text) noexcept {
   const MEMStructDef &def = *text.pDef;
   for (std::int32_t i = 0; i < fieldCount(def); ++i) {
+    if (text.seen.has(i)) continue;
+    if (isDemanded(def.Fields[i])) return completeDemanded(text, i);
+    if (!giveDefault(text, def.Fields[i])) return false;
+  }
+  return true;
+}
+
+// The same from a field on that must be there, unless one of the same offset is.
+bool PortReader::completeDemanded(const StructText &text, std::int32_t first) noexcept {
+  const MEMStructDef &def = *text.pDef;
+  OffsetSet present(def.Fields, fieldCount(def));
+  for (std::int32_t i = 0; i < fieldCount(def); ++i) {
+    if (text.seen.has(i)) present.add(i);
+  }
+  for (std::int32_t i = first; i < fieldCount(def); ++i) {
     const MEMFieldDef &field = def.Fields[i];
     if (text.seen.has(i)) continue;
-    if (field.Required == 0) {
-      const bool exists = text.place.holds(field.Offset, storedLength(field));
-      if (exists && !applyDefault(field, text.place.at(field.Offset))) return false;
-    } else if (field.NotPorted == 0 && !hasAlternative(text, i)) {
+    if (!isDemanded(field)) {
+      if (!giveDefault(text, field)) return false;
+    } else if (!present.has(field.Offset)) {
       return scanner_.fail(kPointRequired, ErrorText("FieldID ")
                                                .decimal(asLong(field.FieldID))
                                                .text(" is required in StructID ")
@@ -566,13 +588,11 @@ bool PortReader::completeAbsent(const StructText &text) noexcept {
   return true;
 }
 
-// A field of the same offset that was present.
-bool PortReader::hasAlternative(const StructText &text, std::int32_t fieldIndex) const noexcept {
-  const MEMStructDef &def = *text.pDef;
-  for (std::int32_t i = 0; i < fieldCount(def); ++i) {
-    if (text.seen.has(i) && def.Fields[i].Offset == def.Fields[fieldIndex].Offset) return true;
-  }
-  return false;
+// False when a text is too long for a field that must not be truncated.
+bool PortReader::giveDefault(const StructText &text, const MEMFieldDef &field) noexcept {
+  if (field.Required != 0) return true;
+  const bool exists = text.place.holds(field.Offset, storedLength(field));
+  return !exists || applyDefault(field, text.place.at(field.Offset));
 }
 
 }  // namespace mem

@@ -100,6 +100,9 @@ const char *behindStart(const char *p, const MEMFieldDef &field) noexcept {
   return *p == kTakenTypes.of[field.Type].opening ? p + 1 : nullptr;
 }
 
+// Fields that are looked through as quickly as a table of them is made.
+constexpr std::int32_t kFewFields = 16;
+
 // True for a field that a text must not leave out.
 bool isDemanded(const MEMFieldDef &field) noexcept {
   return field.Required != 0 && field.NotPorted == 0;
@@ -552,19 +555,25 @@ bool PortReader::skipQuoted() noexcept {
   return false;
 }
 
-// Defaults for what the text left out. From the first field on that must be there, the offsets of
-// those that are there have to be known.
+// Defaults for what the text left out. Where many fields could be an alternative of one that must
+// be there, the offsets of those that are there are put into a table first.
 bool PortReader::completeAbsent(const StructText &text) noexcept {
   const MEMStructDef &def = *text.pDef;
   for (std::int32_t i = 0; i < fieldCount(def); ++i) {
+    const MEMFieldDef &field = def.Fields[i];
     if (text.seen.has(i)) continue;
-    if (isDemanded(def.Fields[i])) return completeDemanded(text, i);
-    if (!giveDefault(text, def.Fields[i])) return false;
+    if (!isDemanded(field)) {
+      if (!giveDefault(text, field)) return false;
+    } else if (fieldCount(def) > kFewFields) {
+      return completeDemanded(text, i);
+    } else if (!hasAlternative(text, field)) {
+      return failMissing(def, field);
+    }
   }
   return true;
 }
 
-// The same from a field on that must be there, unless one of the same offset is.
+// The same from a field on that must be there, with the table.
 bool PortReader::completeDemanded(const StructText &text, std::int32_t first) noexcept {
   const MEMStructDef &def = *text.pDef;
   OffsetSet present(def.Fields, fieldCount(def));
@@ -577,15 +586,28 @@ bool PortReader::completeDemanded(const StructText &text, std::int32_t first) no
     if (!isDemanded(field)) {
       if (!giveDefault(text, field)) return false;
     } else if (!present.has(field.Offset)) {
-      return scanner_.fail(kPointRequired, ErrorText("FieldID ")
-                                               .decimal(asLong(field.FieldID))
-                                               .text(" is required in StructID ")
-                                               .decimal(asLong(def.StructID))
-                                               .text("!")
-                                               .c_str());
+      return failMissing(def, field);
     }
   }
   return true;
+}
+
+// A field of the same offset that was present.
+bool PortReader::hasAlternative(const StructText &text, const MEMFieldDef &field) noexcept {
+  const MEMStructDef &def = *text.pDef;
+  for (std::int32_t i = 0; i < fieldCount(def); ++i) {
+    if (text.seen.has(i) && def.Fields[i].Offset == field.Offset) return true;
+  }
+  return false;
+}
+
+bool PortReader::failMissing(const MEMStructDef &def, const MEMFieldDef &field) noexcept {
+  return scanner_.fail(kPointRequired, ErrorText("FieldID ")
+                                           .decimal(asLong(field.FieldID))
+                                           .text(" is required in StructID ")
+                                           .decimal(asLong(def.StructID))
+                                           .text("!")
+                                           .c_str());
 }
 
 // False when a text is too long for a field that must not be truncated.

@@ -141,6 +141,8 @@ class PortReader {
   bool completeAbsent(const StructText &text) noexcept;
   MEM_NOINLINE bool completeDemanded(const StructText &text, std::int32_t first) noexcept;
   static bool giveDefault(const StructText &text, const MEMFieldDef &field) noexcept;
+  static bool hasAlternative(const StructText &text, const MEMFieldDef &field) noexcept;
+  bool failMissing(const MEMStructDef &def, const MEMFieldDef &field) noexcept;
 
   void *indexEntry(std::int64_t length) noexcept;
 

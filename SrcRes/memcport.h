@@ -13,6 +13,7 @@
 //   memcport_scanner   what all readers share: characters, numbers, messages, the caller's heap
 //   memcport_words     digits and plain text, eight characters at a time
 //   memcport_reader    structures and the pointers that wait for them
+//   memcport_offsets   at which offsets a text had fields
 //   memcport_fromwire  field values from text
 //
 // The work of a call runs inside the fault guard, which may leave it at any instruction. So nothing

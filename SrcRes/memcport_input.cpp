@@ -31,9 +31,11 @@ void join(char *pTo, std::string_view first, std::string_view second) noexcept {
 
 // On to the next chunk that holds anything. At the end everything stays as it is.
 bool PortInput::step() noexcept {
-  const MEMPortChunk *pNext = pCurrent_ == nullptr ? pFirst_ : pCurrent_->pNext;
-  for (const MEMPortChunk *pChunk = pNext; pChunk != nullptr; pChunk = pChunk->pNext) {
+  const MEMPortChunk *pBefore = pCurrent_;
+  const MEMPortChunk *pChunk = pCurrent_ == nullptr ? pFirst_ : pCurrent_->pNext;
+  for (; pChunk != nullptr; pBefore = pChunk, pChunk = pChunk->pNext) {
     if (pChunk->Used <= 0) continue;
+    pBefore_ = pBefore;
     pCurrent_ = pChunk;
     pStart_ = pChunk->Text;
     pNext_ = pStart_;
@@ -52,16 +54,6 @@ std::uint64_t PortInput::length() const noexcept {
   return sum;
 }
 
-// The chunk in front of the current one, or null.
-const MEMPortChunk *PortInput::previous() const noexcept {
-  if (pCurrent_ == nullptr) return nullptr;
-  const MEMPortChunk *pBefore = nullptr;
-  for (const MEMPortChunk *pChunk = pFirst_; pChunk != pCurrent_; pChunk = pChunk->pNext) {
-    pBefore = pChunk;
-  }
-  return pBefore;
-}
-
 Excerpts PortInput::excerpts() const noexcept {
   Excerpts made;
   made.position = static_cast<std::int32_t>(consumed().size());
@@ -69,9 +61,7 @@ Excerpts PortInput::excerpts() const noexcept {
   const std::string_view next = head(unread(), Excerpts::kLen);
   std::string_view before;
   std::string_view after;
-  if (const MEMPortChunk *pBefore = previous()) {
-    before = tail(textOf(*pBefore), Excerpts::kLen - read.size());
-  }
+  if (pBefore_ != nullptr) before = tail(textOf(*pBefore_), Excerpts::kLen - read.size());
   if (pCurrent_ != nullptr && pCurrent_->pNext != nullptr) {
     after = head(textOf(*pCurrent_->pNext), Excerpts::kLen - next.size());
   }

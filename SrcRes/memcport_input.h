@@ -56,13 +56,13 @@ class PortInput {
 
  private:
   bool step() noexcept;
-  const MEMPortChunk *previous() const noexcept;
   std::string_view consumed() const noexcept {
     return {pStart_, static_cast<std::size_t>(pNext_ - pStart_)};
   }
 
   const MEMPortChunk *pFirst_ = nullptr;    // null for one block of characters
   const MEMPortChunk *pCurrent_ = nullptr;  // null before the first chunk, too
+  const MEMPortChunk *pBefore_ = nullptr;   // in front of the current one; may hold nothing
 
   // The current chunk's characters and the next one to be read.
   const char *pStart_ = nullptr;

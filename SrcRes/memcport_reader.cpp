@@ -5,6 +5,7 @@
 #include "bytes.h"
 #include "memcport_defs.h"
 #include "memcport_fromwire.h"
+#include "memcport_offsets.h"
 #include "memcport_words.h"
 
 namespace mem {
@@ -67,19 +68,21 @@ bool isFirst(const MEMStructDef &def, std::int32_t fieldIndex) noexcept {
 // value's opening, a sign, and a word that begins with digits.
 constexpr std::ptrdiff_t kFieldStartLen = 10 + 1 + 1 + static_cast<std::ptrdiff_t>(kTextWordLen);
 
-// How a value of a type begins, and the bytes of a number. For types that are not taken, what no
-// character is.
+// How a value of a type begins, and the bytes of a number, 0 for other values. No default values
+// here: compilers have left them out of elements that nothing was assigned to.
 struct TakenType {
-  std::int16_t opening = 0x100;
-  std::uint8_t numberLen = 0;
+  std::int16_t opening;
+  std::uint8_t numberLen;
 };
 struct TakenTypes {
   TakenType of[UINT8_MAX + 1];
 };
+constexpr std::int16_t kNoCharacter = 0x100;
 constexpr TakenTypes kTakenTypes = [] {
   TakenTypes types{};
-  types.of[MEM_PORT_PNT] = {'S'};
-  types.of[MEM_PORT_PSTR] = {'X'};
+  for (TakenType &type : types.of) type = {kNoCharacter, 0};
+  types.of[MEM_PORT_PNT] = {'S', 0};
+  types.of[MEM_PORT_PSTR] = {'X', 0};
   types.of[MEM_PORT_SHORT] = types.of[MEM_PORT_USHORT] = {'N', 2};
   types.of[MEM_PORT_LONG] = types.of[MEM_PORT_ULONG] = {'N', 4};
   types.of[MEM_PORT_BIGINT] = types.of[MEM_PORT_UBIGINT] = {'N', 8};
@@ -97,17 +100,32 @@ const char *behindStart(const char *p, const MEMFieldDef &field) noexcept {
   return *p == kTakenTypes.of[field.Type].opening ? p + 1 : nullptr;
 }
 
+// Fields that are looked through as quickly as a table of them is made.
+constexpr std::int32_t kFewFields = 16;
+
+// True for a field that a text must not leave out.
+bool isDemanded(const MEMFieldDef &field) noexcept {
+  return field.Required != 0 && field.NotPorted == 0;
+}
+
 bool isSignedNumber(std::uint8_t type) noexcept {
   return type == MEM_PORT_SHORT || type == MEM_PORT_LONG || type == MEM_PORT_BIGINT;
 }
 
-void storeNumber(std::byte *pField, std::int64_t length, std::uint64_t value) noexcept {
-  if (length == 4) {
-    storeAs(pField, static_cast<std::uint32_t>(value));
-  } else if (length == 2) {
-    storeAs(pField, static_cast<std::uint16_t>(value));
-  } else {
-    storeAs(pField, value);
+// False, with nothing stored, for a length that no number has.
+bool storeNumber(std::byte *pField, std::int64_t length, std::uint64_t value) noexcept {
+  switch (length) {
+    case 2:
+      storeAs(pField, static_cast<std::uint16_t>(value));
+      return true;
+    case 4:
+      storeAs(pField, static_cast<std::uint32_t>(value));
+      return true;
+    case 8:
+      storeAs(pField, value);
+      return true;
+    default:
+      return false;
   }
 }
 
@@ -378,8 +396,8 @@ PortReader::TakenValue PortReader::takeLongNumber(std::uint8_t type, const char 
   ReversedDigits<std::uint64_t> magnitude;
   p = magnitude.take(p, scanner_.end());
   if (p == scanner_.end()) return {};
-  storeNumber(pField, kTakenTypes.of[type].numberLen,
-              isNegative ? 0 - magnitude.value() : magnitude.value());
+  const std::uint64_t value = isNegative ? 0 - magnitude.value() : magnitude.value();
+  if (!storeNumber(pField, kTakenTypes.of[type].numberLen, value)) return {};
   return {p};
 }
 
@@ -394,13 +412,14 @@ PortReader::TakenValue PortReader::takeValue(const Place &place, const MEMFieldD
   }
   const std::int64_t length = kTakenTypes.of[field.Type].numberLen;
   const bool isNegative = *p == '-';
-  if (!place.holds(offset, length) || (isNegative && !isSignedNumber(field.Type))) return {};
+  if (length == 0 || !place.holds(offset, length)) return {};
+  if (isNegative && !isSignedNumber(field.Type)) return {};
   const ShortNumber number = shortNumber(isNegative ? p + 1 : p);
   if (number.pBehind == nullptr) {
     return takeLongNumber(field.Type, isNegative ? p + 1 : p, place.at(offset));
   }
   const std::uint64_t magnitude = number.value;
-  storeNumber(place.at(offset), length, isNegative ? 0 - magnitude : magnitude);
+  if (!storeNumber(place.at(offset), length, isNegative ? 0 - magnitude : magnitude)) return {};
   return {number.pBehind};
 }
 
@@ -536,33 +555,66 @@ bool PortReader::skipQuoted() noexcept {
   return false;
 }
 
+// Defaults for what the text left out. Where many fields could be an alternative of one that must
+// be there, the offsets of those that are there are put into a table first.
 bool PortReader::completeAbsent(const StructText &text) noexcept {
   const MEMStructDef &def = *text.pDef;
   for (std::int32_t i = 0; i < fieldCount(def); ++i) {
     const MEMFieldDef &field = def.Fields[i];
     if (text.seen.has(i)) continue;
-    if (field.Required == 0) {
-      const bool exists = text.place.holds(field.Offset, storedLength(field));
-      if (exists && !applyDefault(field, text.place.at(field.Offset))) return false;
-    } else if (field.NotPorted == 0 && !hasAlternative(text, i)) {
-      return scanner_.fail(kPointRequired, ErrorText("FieldID ")
-                                               .decimal(asLong(field.FieldID))
-                                               .text(" is required in StructID ")
-                                               .decimal(asLong(def.StructID))
-                                               .text("!")
-                                               .c_str());
+    if (!isDemanded(field)) {
+      if (!giveDefault(text, field)) return false;
+    } else if (fieldCount(def) > kFewFields) {
+      return completeDemanded(text, i);
+    } else if (!hasAlternative(text, field)) {
+      return failMissing(def, field);
+    }
+  }
+  return true;
+}
+
+// The same from a field on that must be there, with the table.
+bool PortReader::completeDemanded(const StructText &text, std::int32_t first) noexcept {
+  const MEMStructDef &def = *text.pDef;
+  OffsetSet present(def.Fields, fieldCount(def));
+  for (std::int32_t i = 0; i < fieldCount(def); ++i) {
+    if (text.seen.has(i)) present.add(i);
+  }
+  for (std::int32_t i = first; i < fieldCount(def); ++i) {
+    const MEMFieldDef &field = def.Fields[i];
+    if (text.seen.has(i)) continue;
+    if (!isDemanded(field)) {
+      if (!giveDefault(text, field)) return false;
+    } else if (!present.has(field.Offset)) {
+      return failMissing(def, field);
     }
   }
   return true;
 }
 
 // A field of the same offset that was present.
-bool PortReader::hasAlternative(const StructText &text, std::int32_t fieldIndex) const noexcept {
+bool PortReader::hasAlternative(const StructText &text, const MEMFieldDef &field) noexcept {
   const MEMStructDef &def = *text.pDef;
   for (std::int32_t i = 0; i < fieldCount(def); ++i) {
-    if (text.seen.has(i) && def.Fields[i].Offset == def.Fields[fieldIndex].Offset) return true;
+    if (text.seen.has(i) && def.Fields[i].Offset == field.Offset) return true;
   }
   return false;
+}
+
+bool PortReader::failMissing(const MEMStructDef &def, const MEMFieldDef &field) noexcept {
+  return scanner_.fail(kPointRequired, ErrorText("FieldID ")
+                                           .decimal(asLong(field.FieldID))
+                                           .text(" is required in StructID ")
+                                           .decimal(asLong(def.StructID))
+                                           .text("!")
+                                           .c_str());
+}
+
+// False when a text is too long for a field that must not be truncated.
+bool PortReader::giveDefault(const StructText &text, const MEMFieldDef &field) noexcept {
+  if (field.Required != 0) return true;
+  const bool exists = text.place.holds(field.Offset, storedLength(field));
+  return !exists || applyDefault(field, text.place.at(field.Offset));
 }
 
 }  // namespace mem

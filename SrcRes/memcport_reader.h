@@ -139,7 +139,10 @@ class PortReader {
   bool skipRest() noexcept;
   bool skipQuoted() noexcept;
   bool completeAbsent(const StructText &text) noexcept;
-  bool hasAlternative(const StructText &text, std::int32_t fieldIndex) const noexcept;
+  MEM_NOINLINE bool completeDemanded(const StructText &text, std::int32_t first) noexcept;
+  static bool giveDefault(const StructText &text, const MEMFieldDef &field) noexcept;
+  static bool hasAlternative(const StructText &text, const MEMFieldDef &field) noexcept;
+  bool failMissing(const MEMStructDef &def, const MEMFieldDef &field) noexcept;
 
   void *indexEntry(std::int64_t length) noexcept;
 

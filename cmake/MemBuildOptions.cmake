@@ -47,3 +47,28 @@ add_compile_definitions($<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
 if(MINGW)
   add_link_options(-static)
 endif()
+
+# What is linked into a process of somebody else's: all that is resolved at loading is read-only
+# after it, no page is both written and run, and addresses are random. Linked privately by each file
+# that is shipped.
+add_library(mem_hardened INTERFACE)
+if(MINGW)
+  target_link_options(mem_hardened INTERFACE
+    -Wl,--dynamicbase,--nxcompat,--high-entropy-va)
+elseif(NOT WIN32)
+  target_link_options(mem_hardened INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+endif()
+
+# mem_split_debug(<target>)
+# Moves debug information out of a file that is shipped into <file>.debug beside it. There is some
+# even without -g: that of a compiler's runtime.
+function(mem_split_debug target)
+  if(MSVC OR NOT CMAKE_BUILD_TYPE STREQUAL "Release" OR NOT CMAKE_OBJCOPY)
+    return()
+  endif()
+  set(file $<TARGET_FILE:${target}>)
+  add_custom_command(TARGET ${target} POST_BUILD
+    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug ${file} ${file}.debug
+    COMMAND ${CMAKE_OBJCOPY} --strip-debug --add-gnu-debuglink=${file}.debug ${file}
+    COMMENT "Debug information of ${target}" VERBATIM)
+endfunction()

@@ -1,9 +1,11 @@
-# The library exports exactly one name and needs only libraries that every system has.
+# The library exports exactly one name and needs only libraries that every system has. What is
+# shipped is hardened.
 #
-#   cmake -DMODULE=… -DOBJDUMP=… [-DNM=…] [-DSANITIZE=…] [-DCONFIG=…] -P exports_test.cmake
+#   cmake -DMODULE=… -DTOOL=… -DOBJDUMP=… [-DNM=…] [-DSANITIZE=…] [-DCONFIG=…] -P exports_test.cmake
 #
 # MODULE    QJ7MEM00.so or QJ7MEM00.dll
-# OBJDUMP   lists the headers of such a module
+# TOOL      memtool, which is shipped, too
+# OBJDUMP   lists the headers of such files
 # NM        lists the dynamic symbols of a .so
 # SANITIZE  not empty: the module also needs the sanitizers' libraries
 # CONFIG    what the module was built as: Release is what is shipped
@@ -74,4 +76,48 @@ if(NOT MODULE MATCHES "\\.dll$" AND CONFIG STREQUAL "Release")
   if(initialisers)
     message(FATAL_ERROR "${MODULE} has initialisers that run when it is loaded: ${initialisers}")
   endif()
+endif()
+
+# Files as they are shipped: hardened, without debug information, which is in a file beside them.
+function(require_hardened file)
+  list_lines(headers ${OBJDUMP} -p ${file})
+  list_lines(sections ${OBJDUMP} -h ${file})
+  set(missing "")
+  if(MODULE MATCHES "\\.dll$")
+    foreach(flag DYNAMIC_BASE NX_COMPAT HIGH_ENTROPY_VA)
+      if(NOT headers MATCHES "\t${flag};")
+        list(APPEND missing ${flag})
+      endif()
+    endforeach()
+  else()
+    list_lines(undefined ${NM} -D --undefined-only --format=posix ${file})
+    if(NOT headers MATCHES "; +RELRO off ")
+      list(APPEND missing "a part that is read-only after loading (-z relro)")
+    endif()
+    if(NOT headers MATCHES "; +BIND_NOW |; +FLAGS +0x[0-9a-f]*[89a-f];")
+      list(APPEND missing "symbols resolved at loading (-z now)")
+    endif()
+    if(NOT headers MATCHES "; +STACK off [^;]*; +filesz [^;]* flags rw-;")
+      list(APPEND missing "a stack that cannot be run (-z noexecstack)")
+    endif()
+    if(NOT undefined MATCHES "__stack_chk_fail")
+      list(APPEND missing "protected stacks (-fstack-protector-strong)")
+    endif()
+  endif()
+  if(sections MATCHES " \\.debug_")
+    list(APPEND missing "debug information in a file of its own")
+  endif()
+  if(NOT sections MATCHES " \\.gnu_debuglink " OR NOT EXISTS ${file}.debug)
+    list(APPEND missing "its file of debug information")
+  endif()
+  if(missing)
+    list(JOIN missing ", " missing)
+    message(FATAL_ERROR "${file} lacks: ${missing}")
+  endif()
+  message(STATUS "${file} is hardened")
+endfunction()
+
+if(CONFIG STREQUAL "Release" AND NOT SANITIZE)
+  require_hardened(${MODULE})
+  require_hardened(${TOOL})
 endif()

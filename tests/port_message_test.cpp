@@ -5,6 +5,7 @@
 #include <string>
 
 #include "porttest.hpp"
+#include "randomrun.hpp"
 
 namespace memtest {
 namespace {
@@ -218,6 +219,42 @@ TEST_F(PortTest, ExcerptsReachOneChunkFurther) {
   EXPECT_EQ(readChain(defs.table(), chain.first()), -1);
   EXPECT_EQ(messageTexts(host.takeRecords()).at(0),
             "Not a numeric field!\nPosition: 1\nRead:1<1X\nNext:503");
+}
+
+// Records all over a chain of chunks, with empty ones among them: each is that of its place.
+TEST_F(PortTest, EveryRecordOfALongChainTellsItsPlace) {
+  Defs defs;
+  defs.add(1, 4, {Field(1, MEM_PORT_LONG, 4, 0)});
+  host.setTraceFlags(MEM_TRACE_SKIPPED);
+  const std::uint64_t begin = firstSeed(6320000);
+  for (std::uint64_t seed = begin; seed < begin + 200; ++seed) {
+    SCOPED_TRACE(seedNote(seed));
+    Random random(seed);
+    const std::size_t structures = random.between(1, 40);
+    std::string body;
+    std::vector<std::size_t> places;
+    for (std::size_t i = 0; i < structures; ++i) {
+      body += "(1<1N" + std::string(random.below(3), '7') + "/2";
+      places.push_back(23 + body.size());
+      body += "Nskipped\"" + std::string(random.oneIn(4) ? random.below(100) : 0, '>') + "\">)";
+    }
+    const std::string text = portString(body, static_cast<std::uint32_t>(structures));
+    const std::size_t most = random.oneIn(3) ? 1 : random.between(1, 120);
+    std::vector<std::string> pieces;
+    Chain chain;
+    for (std::size_t at = 0; at < text.size(); at += pieces.back().size()) {
+      for (; random.oneIn(4); pieces.emplace_back()) chain.add("", random.oneIn(2) ? 0 : -5);
+      pieces.push_back(text.substr(at, random.between(1, most)));
+      chain.add(pieces.back());
+    }
+    EXPECT_EQ(readChain(defs.table(), chain.first()), 0);
+    Lines expected;
+    for (const std::size_t consumed : places) {
+      expected.push_back(
+          recordText("FieldID 2 cannot be found in StructID 1!", pieces, {consumed, true}));
+    }
+    ASSERT_EQ(messageTexts(host.takeRecords()), expected);
+  }
 }
 
 TEST_F(PortTest, ExcerptsHave80Characters) {

@@ -7,6 +7,7 @@
 #include "heaptest.hpp"
 #include "port_check.h"
 #include "porttest.hpp"
+#include "randomrun.hpp"
 
 namespace memtest {
 namespace {
@@ -364,6 +365,133 @@ TEST_F(PortReadTest, PresentAlternativeCountsForAnAbsentOne) {
              [&] { EXPECT_EQ(readAt<std::uint32_t>(0), 0x44332211U); });
   expectRead(defs, portString("(1<3N5>)"), [&] { EXPECT_EQ(readAt<std::uint16_t>(0), 5); });
   expectRefused(defs, portString("(1<4N5>)"), {"FieldID 1 is required in StructID 1!"});
+}
+
+// Many fields over few offsets or many, some of them in the text: what an absent field gets, and
+// which one is missed first, against a plain look at all pairs of fields.
+class PortAlternativesTest : public PortReadTest {
+ protected:
+  static constexpr std::int32_t kLength = 2048;
+
+  struct Case {
+    Defs defs;
+    std::vector<std::size_t> present;  // indices of the fields in the text, in its order
+    std::string text;
+  };
+
+  static Case randomCase(Random &random, std::size_t fields) {
+    Case made;
+    const std::size_t offsets = random.between(1, random.oneIn(2) ? 4 : fields);
+    const std::size_t step = std::size_t{2} << random.below(3);
+    std::vector<Field> list;
+    for (std::size_t i = 0; i < fields; ++i) {
+      const auto offset = static_cast<std::int32_t>(random.below(offsets) * step % kLength);
+      Field field(static_cast<std::uint32_t>(i + 1), MEM_PORT_SHORT, 2, offset);
+      field.byDefaultNumber(static_cast<std::uint32_t>(0x4000 + i));
+      if (!random.oneIn(4)) field.required();
+      if (random.oneIn(8)) field.notPorted();
+      list.push_back(field);
+    }
+    const std::size_t share = random.between(1, 8);
+    for (std::size_t i = 0; i < fields; ++i) {
+      if (!random.oneIn(share)) made.present.push_back(i);
+    }
+    if (made.present.empty()) made.present.push_back(random.below(fields));
+    return finished(std::move(made), list, random);
+  }
+  // Two required fields at each offset, one of them in the text. Sometimes one is left out;
+  // otherwise none is missed, unless a field of the text is overlooked.
+  static Case pairedCase(Random &random, std::size_t pairs) {
+    Case made;
+    std::vector<Field> list;
+    const std::size_t leftOut = random.below(2 * pairs);
+    for (std::size_t i = 0; i < 2 * pairs; ++i) {
+      const std::size_t pair = i < pairs ? i : 2 * pairs - 1 - i;
+      const auto offset = static_cast<std::int32_t>(2 * pair);
+      list.push_back(
+          Field(static_cast<std::uint32_t>(i + 1), MEM_PORT_SHORT, 2, offset).required());
+    }
+    for (std::size_t pair = 0; pair < pairs; ++pair) {
+      if (pair == leftOut) continue;
+      made.present.push_back(random.oneIn(2) ? pair : 2 * pairs - 1 - pair);
+    }
+    if (made.present.empty()) made.present.push_back(0);
+    std::sort(made.present.begin(), made.present.end());
+    return finished(std::move(made), list, random);
+  }
+  static Case finished(Case made, const std::vector<Field> &list, Random &random) {
+    made.defs.add(1, kLength, list);
+    if (random.oneIn(3)) std::reverse(made.present.begin(), made.present.end());
+    std::string body;
+    for (const std::size_t i : made.present) {
+      body += (body.empty() ? "" : "/") + reversed(i + 1) + "N" + reversed(i);
+    }
+    made.text = portString("(1<" + body + ">)");
+    return made;
+  }
+  static std::string reversed(std::size_t number) {
+    const std::string digits = number == 0 ? "" : std::to_string(number);
+    return {digits.rbegin(), digits.rend()};
+  }
+
+  // What the structure holds after the call, and the message.
+  static Record expected(Case &made, std::string &message) {
+    Record record(kLength, kDirty);
+    const MEMStructDef &def = made.defs.row(0);
+    for (const std::size_t i : made.present) {
+      record.set(static_cast<std::size_t>(def.Fields[i].Offset), static_cast<std::uint16_t>(i));
+    }
+    const auto isPresent = [&](std::size_t i) {
+      return std::find(made.present.begin(), made.present.end(), i) != made.present.end();
+    };
+    for (std::size_t i = 0; i < static_cast<std::size_t>(def.FieldCount); ++i) {
+      const MEMFieldDef &field = def.Fields[i];
+      if (isPresent(i)) continue;
+      if (field.Required == 0) {
+        record.set(static_cast<std::size_t>(field.Offset), field.Default.Short);
+      } else if (field.NotPorted == 0 &&
+                 std::none_of(made.present.begin(), made.present.end(), [&](std::size_t other) {
+                   return def.Fields[other].Offset == field.Offset;
+                 })) {
+        message = "FieldID " + std::to_string(field.FieldID) + " is required in StructID 1!";
+        break;
+      }
+    }
+    return record;
+  }
+};
+
+TEST_F(PortAlternativesTest, AreFoundAsByALookAtAllFields) {
+  int missed = 0;
+  int complete = 0;
+  const std::uint64_t begin = firstSeed(6310000);
+  for (std::uint64_t seed = begin; seed < begin + 400; ++seed) {
+    SCOPED_TRACE(seedNote(seed));
+    Random random(seed);
+    constexpr std::size_t kCounts[] = {1, 2, 3, 5, 8, 15, 16, 17, 18, 31, 33, 255, 256, 1023, 1024};
+    const std::size_t count = kCounts[random.below(std::size(kCounts))];
+    Case made = seed % 2 == 0 ? randomCase(random, count) : pairedCase(random, (count + 1) / 2);
+    std::string message;
+    const Record left = expected(made, message);
+    renewHeap();
+    ASSERT_EQ(readBlock(made.defs.table(), made.text), message.empty() ? 0 : -1);
+    ASSERT_EQ(messages(), message.empty() ? Lines() : Lines{message});
+    ASSERT_EQ(std::memcmp(read, left.data(), left.size()), 0);
+    ++(message.empty() ? complete : missed);
+  }
+  EXPECT_GT(missed, 50);
+  EXPECT_GT(complete, 50);
+}
+
+// Offsets at which no field can be are asked for all the same.
+TEST_F(PortReadTest, RequiredFieldsOfWildOffsets) {
+  for (const std::int32_t offset : {-1, INT32_MIN, INT32_MAX, 65536}) {
+    Defs defs;
+    defs.add(1, 8,
+             {Field(1, MEM_PORT_LONG, 4, 0), Field(2, MEM_PORT_LONG, 4, offset).required(),
+              Field(3, MEM_PORT_BIN, 0, 4)});
+    expectRefused(defs, portString("(1<1N5/3H>)"), {"FieldID 2 is required in StructID 1!"});
+  }
 }
 
 TEST_F(PortReadTest, RequiredFieldThatIsNotPortedIsLeftAsItIs) {

@@ -145,12 +145,20 @@ class HostileWorld {
     }
   }
 
+  // An index of a field in the page of the definitions, or in the forbidden one behind it. Further
+  // away is storage of others, and of a sanitizer's own.
+  static std::int32_t anyCountField(Random &random, std::size_t row) {
+    constexpr std::size_t kInPages = 150;
+    const auto index = static_cast<std::uint32_t>(anyNumber(random)) % kInPages;
+    return static_cast<std::int32_t>(index) - static_cast<std::int32_t>(row * kMostFields);
+  }
+
   void makeRow(Random &random, std::size_t i) {
     const std::size_t fields = random.below(kMostFields + 1);
     MEMStructDef &made = row(i);
     made.StructID = static_cast<std::uint32_t>(i + 1);
     made.Length = anyNumber(random);
-    made.CountField = random.oneIn(2) ? MEM_PORT_NO_COUNT : anyNumber(random);
+    made.CountField = random.oneIn(2) ? MEM_PORT_NO_COUNT : anyCountField(random, i);
     made.FieldCount = random.oneIn(8) ? anyNumber(random) : static_cast<std::int32_t>(fields);
     made.Fields = fieldsOf(i);
     made.CountIsLength = static_cast<std::uint8_t>(random.below(2));

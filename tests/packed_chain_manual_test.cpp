@@ -251,7 +251,7 @@ struct List {
 };
 
 static int describesOurs(const MemPackBlock *chain, const MemPackCB *kinds) {
-  const size_t length = MEM_PACK_CB_LEN(kinds->Count);
+  const size_t length = (size_t)MEM_PACK_CB_LEN(kinds->Count);
   const char *content = (const char *)&chain->UsedLen;
   return chain->UsedLen >= 6 + length && memcmp(content + 2, "0220", 4) == 0 &&
          memcmp(content + 6, kinds, length) == 0;

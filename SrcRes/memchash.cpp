@@ -195,6 +195,7 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   Place place{};
   HashNode *pFound = nullptr;
   if (pIndex != nullptr) {
+    place.ppLink = pIndex->endOf(ctl, index);
     pSlot = pIndex->slotOf(pKey);
     if (!pIndex->canTell(ctl, *pSlot, index)) pIndex = nullptr;
   }
@@ -203,7 +204,6 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
     place = findPlace(ctl, index, pKey);
     pFound = place.node();
   } else {
-    place.ppLink = pIndex->endOf(ctl, index);
     pFound = pSlot->pNode;
   }
   if (pFound != nullptr) {

@@ -94,7 +94,7 @@ class HashIndex {
     return slot.pNode != nullptr ? stillHolds(ctl, slot) : stillEnds(ctl, index);
   }
 
-  // The null link at the end of a bucket's chain. REQUIRES: canTell().
+  // The null link at the end of a bucket's chain, if the index can tell of the bucket.
   HashNode **endOf(MEMHashCtlBlk &ctl, std::int16_t index) const noexcept {
     HashNode *pTail = tails()[index];
     return pTail == nullptr ? ctl.bucket(index) : &pTail->pNext;

@@ -217,7 +217,8 @@ typedef struct MEMTraceServices {
   MEMReservedSlot Reserved10[2];
 
   /** 12: formats by the printf rules of 64-bit Windows and returns the length of the text: every
-   * argument is 8 bytes wide, `l` means 32 bits and `h` 16, `%S` is UTF-16, `%p` 16 digits. */
+   * argument is 8 bytes wide, `l` means 32 bits and `h` 16, `%S` is UTF-16, `%p` 16 digits. A
+   * negative length makes a record without text. */
   int32_t (*Format)(char *pDest, const char *pFormat, ...);
   MEMReservedSlot Reserved13[3];
 

@@ -281,6 +281,7 @@ TEST_F(SinkCallTest, ComparisonStopsAtTheFirstOfItsThreeEnds) {
       {narrow("0123456789012345x"), narrow("0123456789012345y"), 1},
       {narrow("0123456\xFF"), narrow("0123456a"), -1},
   };
+  sink("\xFF\xFF");  // behind all others; a copy that is alone is compared without a record
   for (const OrderRow &row : rows) {
     const void *pSunk = nullptr;
     ASSERT_EQ(sinkText(mem, row.copy, &pSunk), 0);
@@ -1102,14 +1103,12 @@ TEST_F(SinkCallTest, DetailRecordsOfTheFirstCopy) {
   sink("ab");
   EXPECT_EQ(records(),
             (Lines{"SL32 Single List Entry=" + hex16(pSunk) + " string=\"ab\" (L\"\u6261\")",
-                   "SL32 PSTssecmp(\"ab\",\"ab\"(L\"\u6261\"))= 0",
                    "SL32 Found Element Eid=1023 Sse=" + hex16(slot) + " TxtVal=" + hex16(pSunk) +
                        ",L\"\u6261\"(\"ab\")"}));
   const char16_t *pWide = nullptr;
   EXPECT_EQ(mem.MEM_WSinkVerify(u"zz", &pWide, nullptr), 4084);
   EXPECT_EQ(records(),
             (Lines{"SL32 Single List Entry=" + hex16(pSunk) + " string=\"ab\" (L\"\u6261\")",
-                   "SL32 PSTssecmp(L\"zz\",L\"\u6261\"(\"ab\"))= 1",
                    "SL32 Not Found Exit string=L\"zz\""}));
 }
 
@@ -1183,7 +1182,7 @@ TEST_F(SinkCallTest, RecordsShowAtMost511Characters) {
     }
   }
   EXPECT_EQ(longest, 511U);
-  EXPECT_EQ(lines[4], "STDE Sinking Wide String \"" + std::string(511, 'w') + "\"");
+  EXPECT_EQ(lines[3], "STDE Sinking Wide String \"" + std::string(511, 'w') + "\"");
 }
 
 // Every argument that slot 12 gets as a text must end within 512 characters.

@@ -29,6 +29,7 @@ constexpr EntryPoint kWSinkVerify{"MEM_WSinkVerify", kSourceStrg, 0, 544};
 struct SinkFailure {
   std::uint32_t code;
   ErrorText name;
+  const char *detail = "";
 };
 using SinkOutcome = std::optional<SinkFailure>;
 
@@ -89,6 +90,7 @@ class SinkCall {
   MEMProcessBlock *const pProcess_;
   SinkText text_;  // measured once the pointer is known to be there
   const void *const pText_;
+  SinkFailure badAddress() const noexcept;
   std::uint8_t kept_[kEchoedBytes];  // start of a text that is being erased
 };
 
@@ -114,11 +116,19 @@ SinkFailure SinkCall::spaceFailure(SpaceResult result) noexcept {
 
 std::int16_t SinkCall::fail(const SinkFailure &failed, Echo echo) noexcept {
   echoInput(frame_, text_, echo);
-  return frame_.fail({.code = failed.code, .text = failed.name.c_str(), .marksComponent = true});
+  return frame_.fail({.code = failed.code,
+                      .text = failed.name.c_str(),
+                      .marksComponent = true,
+                      .detail = failed.detail});
 }
 
 SinkPlace SinkCall::find() noexcept {
   const SinkPlace place = findText(frame_, *pProcess_, text_);
+// The text of a copy stands at an address that is not its own, or in no block.
+SinkFailure SinkCall::badAddress() const noexcept {
+  return {MEMERR_SINKIERR, ErrorText("Bad SinkPtr=").pointer(pText_), "Bad Sink Block Pointer"};
+}
+
   if (place.isFound) {
     traceFound(frame_, place.slot, sinkSlots(*pProcess_) + place.slot);
   } else {
@@ -243,9 +253,7 @@ SinkOutcome SinkCall::giveUp(bool &isFound) noexcept {
   isFound = place.isFound;
   if (!isFound) return {};
   SinkSlot &slot = sinkSlots(*pProcess_)[place.slot];
-  if (slot.pCopy != pText_) {
-    return SinkFailure{MEMERR_SINKIERR, ErrorText("Bad SinkPtr=").pointer(pText_)};
-  }
+  if (slot.pCopy != pText_) return badAddress();
   if (slot.uses == 1) return erase(place.slot);
   --slot.uses;
   return {};
@@ -256,7 +264,7 @@ SinkOutcome SinkCall::giveUp(bool &isFound) noexcept {
 SinkOutcome SinkCall::erase(std::uint32_t slot) noexcept {
   std::uint8_t *pCopy = sinkSlots(*pProcess_)[slot].pCopy;
   MEMSinkSegment *pSegment = segmentOf(*pProcess_, pCopy);
-  if (pSegment == nullptr) return failure(MEMERR_SINKIERR, "Bad Sink Block Pointer");
+  if (pSegment == nullptr) return badAddress();
   const SinkRoom room = reservedRoom(pCopy, *pSegment);
   if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
     return hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadWrite");

@@ -660,6 +660,7 @@ struct FailureRow {
   std::uint32_t code;
   const char *nameText;
   const char *echo;
+  const char *detail = "";
 };
 
 void PrintTo(const FailureRow &row, std::ostream *out) {
@@ -668,6 +669,7 @@ void PrintTo(const FailureRow &row, std::ostream *out) {
 
 const char kForeign[] = "known";
 const char16_t kWideForeign[] = u"known";
+const char kBadPointer[] = "Bad Sink Block Pointer";
 
 std::vector<FailureRow> misuseRows() {
   return {
@@ -716,9 +718,9 @@ std::vector<FailureRow> misuseRows() {
       {"WideDeleteOfNothing", [](auto &mem) { return mem.MEM_WSinkDelete(nullptr); }, 4086,
        "SinkVerifyErr", "Error Exit Text= "},
       {"DeleteOfAForeignAddress", [](auto &mem) { return mem.MEM_SinkDelete(kForeign); }, 4086,
-       nullptr, "Error Exit Text=known"},
+       nullptr, "Error Exit Text=known", kBadPointer},
       {"WideDeleteOfAForeignAddress", [](auto &mem) { return mem.MEM_WSinkDelete(kWideForeign); },
-       4086, nullptr, "Error Exit Text=known"},
+       4086, nullptr, "Error Exit Text=known", kBadPointer},
   };
 }
 
@@ -762,7 +764,7 @@ TEST_P(SinkMisuseTest, IsRecordedReportedAndEchoed) {
   EXPECT_EQ(records(), Lines{std::string("EXCP ") + GetParam().echo});
   EXPECT_EQ(host.calls(Service::ReportError), reported + 1);
   EXPECT_EQ(host.lastReportedText(), name);
-  EXPECT_EQ(host.lastReportedDetail(), "");
+  EXPECT_EQ(host.lastReportedDetail(), GetParam().detail);
   EXPECT_EQ(changedRanges(blockBefore, bytesOf(&block(), 3248)), "");
 }
 
@@ -810,12 +812,31 @@ TEST_F(SinkCallTest, DeleteTakesOnlyTheCopysOwnAddress) {
   const char *const tail = sink("xt");
   EXPECT_EQ(mem.MEM_SinkDelete(pSunk + 2), kFailed) << "the end of another copy";
   EXPECT_EQ(nameText(), "Bad SinkPtr=" + hex16(pSunk + 2));
+  EXPECT_EQ(host.lastReportedText(), nameText());
+  EXPECT_EQ(host.lastReportedDetail(), kBadPointer);
   EXPECT_EQ(uses(tail), 1U);
   EXPECT_EQ(mem.MEM_SinkDelete(pSunk + 1), 4084);
   // Read as the other kind, another text stands at the address.
   const char16_t *const pWide = sink(u"ab");
   EXPECT_EQ(mem.MEM_SinkDelete(reinterpret_cast<const char *>(pWide)), 4084);
   EXPECT_EQ(uses(pWide), 1U);
+}
+
+// An index that was written over: the copy stands where no block of the sink is.
+TEST_F(SinkCallTest, DeleteOfACopyOutsideOfAllBlocksIsRefused) {
+  alignas(2) char stray[] = "stray\0\0";
+  const char *const pSunk = sink("stray");
+  auto *const slot = static_cast<std::uint8_t *>(block().pIndex) + 1023 * 16;
+  const auto pointTo = [slot](const char *pCopy) { std::memcpy(slot, &pCopy, sizeof pCopy); };
+  pointTo(stray);
+  EXPECT_EQ(mem.MEM_SinkDelete(stray), kFailed);
+  EXPECT_EQ(error().Code, 4086U);
+  EXPECT_EQ(nameText(), "Bad SinkPtr=" + hex16(stray));
+  EXPECT_EQ(host.lastReportedText(), nameText());
+  EXPECT_EQ(host.lastReportedDetail(), kBadPointer);
+  EXPECT_STREQ(stray, "stray");
+  pointTo(pSunk);
+  EXPECT_EQ(uses(pSunk), 1U);
 }
 
 TEST_F(SinkCallTest, EchoShowsUpTo62Characters) {

@@ -260,7 +260,7 @@ SinkOutcome SinkCall::giveUp(bool &isFound) noexcept {
 }
 
 // The last use is gone: bytes, map bits, lengths and slot. A refusal to make the copy writable
-// leaves all of it; one to protect it again leaves nothing of it.
+// leaves all of it; one to protect it again leaves nothing of it, and the host is asked once more.
 SinkOutcome SinkCall::erase(std::uint32_t slot) noexcept {
   std::uint8_t *pCopy = sinkSlots(*pProcess_)[slot].pCopy;
   MEMSinkSegment *pSegment = segmentOf(*pProcess_, pCopy);
@@ -281,6 +281,7 @@ SinkOutcome SinkCall::erase(std::uint32_t slot) noexcept {
   removeSlot(*pProcess_, slot);
   return failed;
 }
+    protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY);
 
 // What a copy reserved when it was written. Narrow text of odd length and wide text that ends in a
 // unit below 256 look alike, but the wide one reserved a granule more. That granule is the copy's

@@ -990,7 +990,37 @@ TEST_F(SinkCallTest, DeleteThatCannotProtectAgainLeavesNothingOfTheCopy) {
   EXPECT_EQ(block().Act, 1U);
   EXPECT_EQ(lengths(), "Used=8 Free=262136 Text=7");
   expectSound();
-  EXPECT_EQ(sink("gone"), pSunk) << "the room is free again, and protected after the next write";
+  expectProtected();  // the host was asked once more
+  EXPECT_EQ(sink("gone"), pSunk) << "the room is free again";
+}
+
+// The host is asked to protect twice, whatever it answers then, and the first refusal is told.
+TEST_F(SinkCallTest, DeleteAsksOnlyTwiceToProtectAgain) {
+  const char *const pSunk = sink("gone");
+  const AddressNames names = {{asNumber(pSunk), "copy"}};
+  static decltype(MEMRuntimeServices::ProtectStorage) own = nullptr;
+  static std::uint32_t refusals = 0;
+  static MEMThreadEnv *pEnv = nullptr;
+  static Lines asked;
+  own = host.runtime().ProtectStorage;
+  refusals = 0;
+  pEnv = &env();
+  asked.clear();
+  host.runtime().ProtectStorage = [](void *pArea, std::uint32_t length, std::uint16_t subPool,
+                                     std::uint16_t mode) -> std::uint16_t {
+    asked.push_back(hex16(pArea) + " " + std::to_string(length) + " " + std::to_string(mode));
+    if (mode == MEM_PROTECT_WRITABLE) return own(pArea, length, subPool, mode);
+    pEnv->Error.Code = 900 + ++refusals;
+    return 8;
+  };
+  EXPECT_EQ(mem.MEM_SinkDelete(pSunk), kFailed);
+  const std::string run = hex16(pSunk) + " 8 ";
+  EXPECT_EQ(asked, (Lines{run + "32", run + "16", run + "16"}));
+  EXPECT_EQ(error().Code, 4080U);
+  EXPECT_EQ(nameText(), "ProtPageErrReadOnly");
+  EXPECT_EQ(error().InnerCode, 901U);
+  EXPECT_EQ(block().Act, 0U);
+  own(space(), 0x40000, 230, 16);
 }
 
 TEST_F(SinkCallTest, GateFailsAllSixCallsAlike) {

@@ -37,6 +37,13 @@ SinkFailure failure(std::uint32_t code, const char *pName) noexcept {
   return {code, ErrorText(pName)};
 }
 
+// The process block of a running sink, or null. Asked without the gate: the first block stays where
+// it is while the sink runs, the index may move.
+MEMProcessBlock *sinkProcess() noexcept {
+  MEMProcessBlock *pProcess = processBlock();
+  return pProcess != nullptr && pProcess->Segments[0].pBase != nullptr ? pProcess : nullptr;
+}
+
 // The sink gate, held from a successful acquire() to the end of the scope.
 class GateHold {
  public:
@@ -61,7 +68,7 @@ class GateHold {
 class SinkCall {
  public:
   SinkCall(CallFrame &frame, const void *pText, bool isWide) noexcept
-      : frame_(frame), pProcess_(processBlock()), text_{nullptr, 0, isWide}, pText_(pText) {}
+      : frame_(frame), pProcess_(sinkProcess()), text_{nullptr, 0, isWide}, pText_(pText) {}
 
   // The common workers. Each returns the result of the call.
   std::int16_t MEM_SinkStringCommon(const void **ppSunk) noexcept;
@@ -83,6 +90,7 @@ class SinkCall {
   // Keeps the host's own error and names the sink's.
   SinkFailure hostFailure(std::uint32_t code, const char *pName) noexcept;
   SinkFailure spaceFailure(SpaceResult result) noexcept;
+  SinkFailure badAddress() const noexcept;
   std::int16_t fail(const SinkFailure &failed, Echo echo) noexcept;
   std::int16_t finishNotFound() noexcept { return frame_.finish(MEMERR_SINKNFND); }
 
@@ -90,7 +98,6 @@ class SinkCall {
   MEMProcessBlock *const pProcess_;
   SinkText text_;  // measured once the pointer is known to be there
   const void *const pText_;
-  SinkFailure badAddress() const noexcept;
   std::uint8_t kept_[kEchoedBytes];  // start of a text that is being erased
 };
 
@@ -114,6 +121,11 @@ SinkFailure SinkCall::spaceFailure(SpaceResult result) noexcept {
   }
 }
 
+// The text of a copy stands at an address that is not its own, or in no block.
+SinkFailure SinkCall::badAddress() const noexcept {
+  return {MEMERR_SINKIERR, ErrorText("Bad SinkPtr=").pointer(pText_), "Bad Sink Block Pointer"};
+}
+
 std::int16_t SinkCall::fail(const SinkFailure &failed, Echo echo) noexcept {
   echoInput(frame_, text_, echo);
   return frame_.fail({.code = failed.code,
@@ -124,11 +136,6 @@ std::int16_t SinkCall::fail(const SinkFailure &failed, Echo echo) noexcept {
 
 SinkPlace SinkCall::find() noexcept {
   const SinkPlace place = findText(frame_, *pProcess_, text_);
-// The text of a copy stands at an address that is not its own, or in no block.
-SinkFailure SinkCall::badAddress() const noexcept {
-  return {MEMERR_SINKIERR, ErrorText("Bad SinkPtr=").pointer(pText_), "Bad Sink Block Pointer"};
-}
-
   if (place.isFound) {
     traceFound(frame_, place.slot, sinkSlots(*pProcess_) + place.slot);
   } else {
@@ -274,6 +281,7 @@ SinkOutcome SinkCall::erase(std::uint32_t slot) noexcept {
   SinkOutcome failed;
   if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY)) {
     failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadOnly");
+    protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY);
   }
   const auto granule = static_cast<std::uint32_t>((pCopy - pSegment->pSpace) / kSinkGranule);
   releaseRun({pSegment, granule}, room);
@@ -281,7 +289,6 @@ SinkOutcome SinkCall::erase(std::uint32_t slot) noexcept {
   removeSlot(*pProcess_, slot);
   return failed;
 }
-    protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY);
 
 // What a copy reserved when it was written. Narrow text of odd length and wide text that ends in a
 // unit below 256 look alike, but the wide one reserved a granule more. That granule is the copy's
@@ -305,15 +312,37 @@ void SinkCall::keepForEcho() noexcept {
   text_.pBytes = kept_;
 }
 
-void releaseIndexAndGate(MEMProcessBlock &process) noexcept {
+// Returns what the sink has, in the order in which it got it but for the gate, and clears its part
+// of the process block. REQUIRES: there is a gate.
+void releaseSink(MEMProcessBlock &process) noexcept {
+  for (std::int32_t i = 0; i < process.SegmentCount; ++i) {
+    MEMSinkSegment &segment = process.Segments[i];
+    if (segment.pBase != nullptr) releaseBlock(segment);
+    segment = {};
+  }
+  process.SegmentCount = 0;
   if (process.pIndex != nullptr) freeSinkStorage(process.pIndex, process.IndexLen);
-  if (process.Gate != 0) runtimeServices().DeleteGate(process.Gate);
+  runtimeServices().DeleteGate(process.Gate);
   process.Gate = 0;
   process.pIndex = nullptr;
   process.IndexLen = process.SlotCount = 0;
   process.Used = process.Act = process.Garbage = 0;
   process.Free = 0;
   process.First = process.End = 0;
+}
+
+// The index comes last in the start. Its pointer tells whether the sink runs, and not the gate's
+// handle, which may be any number.
+bool isRunning(const MEMProcessBlock &process) noexcept {
+  return process.pIndex != nullptr;
+}
+
+// A start that has failed behind its gate.
+std::int16_t failStart(CallFrame &frame, MEMProcessBlock &process, const char *pName) noexcept {
+  const std::int16_t result = frame.failInsideKeepingCode(MEMERR_SINKVSTG, pName);
+  const ErrorAreaKeeper keeper(frame);
+  releaseSink(process);
+  return result;
 }
 
 // A call that stores the address of a copy: sinking or verifying.
@@ -348,6 +377,8 @@ std::int16_t MEM_SinkInit() noexcept {
   frame.clearErrorArea();
   if (pProcessBlk == nullptr) return frame.failInsideKeepingCode(MEMERR_SINKIERR, "");
 
+  if (isRunning(*pProcessBlk)) return frame.succeed();
+
   pProcessBlk->Gate = 0;
   if (runtimeServices().CreateGate(&pProcessBlk->Gate) != 0) {
     pProcessBlk->Gate = 0;
@@ -356,27 +387,17 @@ std::int16_t MEM_SinkInit() noexcept {
   pProcessBlk->SegmentCount = 0;
   const SpaceResult obtained = obtainBlock(*pProcessBlk);
   if (obtained != SpaceResult::done) {
-    return frame.failInsideKeepingCode(
-        MEMERR_SINKVSTG, obtained == SpaceResult::noStorage ? "GetVSTGErr" : "ProtPageErr");
+    const bool isProtection = obtained == SpaceResult::noProtection;
+    return failStart(frame, *pProcessBlk, isProtection ? "ProtPageErr" : "GetVSTGErr");
   }
-  if (!openIndex(*pProcessBlk)) {
-    return frame.failInsideKeepingCode(MEMERR_SINKVSTG, "GetVSTGErr");
-  }
+  if (!openIndex(*pProcessBlk)) return failStart(frame, *pProcessBlk, "GetVSTGErr");
   return frame.succeed();
 }
 
 std::int16_t MEM_SinkTerm() noexcept {
   CallFrame frame(kSinkTerm, ErrorArea::keep);
   MEMProcessBlock *pProcessBlk = processBlock();
-  if (pProcessBlk == nullptr) return frame.succeed();
-
-  for (std::int32_t i = 0; i < pProcessBlk->SegmentCount; ++i) {
-    MEMSinkSegment &segment = pProcessBlk->Segments[i];
-    if (segment.pBase != nullptr) releaseBlock(segment);
-    segment = {};
-  }
-  pProcessBlk->SegmentCount = 0;
-  releaseIndexAndGate(*pProcessBlk);
+  if (pProcessBlk != nullptr && isRunning(*pProcessBlk)) releaseSink(*pProcessBlk);
   return frame.succeed();
 }
 

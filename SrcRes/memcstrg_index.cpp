@@ -42,10 +42,8 @@ bool grow(MEMProcessBlock &process) noexcept {
   if (pArea == nullptr) return false;
   const std::size_t activeLen = std::size_t{process.Act} * sizeof(SinkSlot);
   std::memset(pArea, 0, newLen - activeLen);
-  if (process.pIndex != nullptr) {  // else the sink's start has failed before it got one
-    std::memcpy(pArea + newLen - activeLen, sinkSlots(process) + process.First, activeLen);
-    freeSinkStorage(process.pIndex, process.IndexLen);
-  }
+  std::memcpy(pArea + newLen - activeLen, sinkSlots(process) + process.First, activeLen);
+  freeSinkStorage(process.pIndex, process.IndexLen);
   process.pIndex = pArea;
   process.IndexLen = newLen;
   process.SlotCount = slotsIn(newLen);

@@ -997,7 +997,6 @@ TEST_F(SinkCallTest, DeleteThatCannotProtectAgainLeavesNothingOfTheCopy) {
 // The host is asked to protect twice, whatever it answers then, and the first refusal is told.
 TEST_F(SinkCallTest, DeleteAsksOnlyTwiceToProtectAgain) {
   const char *const pSunk = sink("gone");
-  const AddressNames names = {{asNumber(pSunk), "copy"}};
   static decltype(MEMRuntimeServices::ProtectStorage) own = nullptr;
   static std::uint32_t refusals = 0;
   static MEMThreadEnv *pEnv = nullptr;

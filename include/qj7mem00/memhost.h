@@ -133,7 +133,7 @@ typedef struct MEMRuntimeServices {
   void (*SetAnchor)(int32_t Zero, int32_t Component, void *pAnchor);
   MEMReservedSlot Reserved9[18];
 
-  /** 27: makes a gate and stores its handle. 0 = success; handle 0 means "no gate". */
+  /** 27: makes a gate and stores its handle, any number. 0 = success. */
   uint16_t (*CreateGate)(uint32_t *phGate);
   /** 28: deletes a gate that nobody holds. */
   void (*DeleteGate)(uint32_t hGate);

@@ -129,8 +129,7 @@ class CallFrame {
     static_assert(sizeof...(Args) > 0);
     MEMTraceBuf *pBuf = traceBuffer();
     if (pBuf == nullptr) return;
-    pBuf->TextLen =
-        static_cast<std::uint32_t>(traceServices().Format(pBuf->Text, format, widened(args)...));
+    setLength(*pBuf, traceServices().Format(pBuf->Text, format, widened(args)...));
     traceServices().WriteException(MEM_COMPONENT, 0, "EXCP", entryPoint_.source, routine, line);
   }
 
@@ -171,13 +170,17 @@ class CallFrame {
                                    Args... args) noexcept {
     MEMTraceBuf *pBuf = traceBuffer();
     if (pBuf == nullptr) return;
-    pBuf->TextLen = static_cast<std::uint32_t>(traceServices().Format(pBuf->Text, format, args...));
+    setLength(*pBuf, traceServices().Format(pBuf->Text, format, args...));
     writeRecord(kind, line);
   }
   MEM_NOINLINE void writeFixed(const RecordKind &kind, std::int32_t line,
                                const char *text) noexcept;
   void writeRecord(const RecordKind &kind, std::int32_t line) noexcept;
   void setText(MEMTraceBuf &buf, const char *text) noexcept;
+  // A negative length is a refusal to format.
+  static void setLength(MEMTraceBuf &buf, std::int32_t formatted) noexcept {
+    buf.TextLen = formatted < 0 ? 0 : static_cast<std::uint32_t>(formatted);
+  }
 
   MEMTraceFrame frame_{};
   const EntryPoint &entryPoint_;

@@ -11,6 +11,7 @@
 #include "memcpack_cb.h"
 #include "memcpack_outcome.h"
 #include "memcpack_plan.h"
+#include "textscan.h"
 
 namespace mem {
 
@@ -66,12 +67,6 @@ PackFailure stringTooLarge(std::int64_t length) noexcept {
 PackFailure failedBlock(Placement placement) noexcept {
   if (placement == Placement::tooManyBlocks) return badBlockCount(MEM_PACK_MAX_BLOCKS + 1);
   return failure(MEMERR_PACKAMEM, ErrorText("NthBlkMemAllocFail"));
-}
-
-std::int64_t wideLength(const void *pText) noexcept {
-  std::int64_t units = 0;
-  while (loadAs<char16_t>(bytesAt(pText, static_cast<std::size_t>(units) * 2)) != 0) ++units;
-  return units;
 }
 
 // Bytes of a segment. REQUIRES: not wide text.
@@ -267,7 +262,7 @@ bool Packer::copyStrings(const SegmentPlan &plan, const void *pSegment, std::byt
 // Wide text gets twice its room, so that a reader with 4-byte characters can widen it in place.
 bool Packer::copyString(bool isWide, const void *pText, RelPtrWord &relPtr) noexcept {
   const std::int64_t length =
-      isWide ? 2 * wideLength(pText) + 2
+      isWide ? 2 * static_cast<std::int64_t>(wideLength(pText)) + 2
              : static_cast<std::int64_t>(std::strlen(static_cast<const char *>(pText))) + 1;
   const std::int64_t reserved = isWide ? 2 * length : length;
   PlacedItem item;

@@ -1,5 +1,6 @@
 #include "memcpack_text.h"
 
+#include "memcpack_textlength.h"
 #include "utfconvert.h"
 
 namespace mem {
@@ -32,10 +33,10 @@ Outcome TextConverter::narrowUnits(std::byte *pText, std::uint32_t length) noexc
   }
   auto *pArea = area_.as<std::byte>();
   const std::uint16_t code = convertUtf32ToUtf16(pText, pArea, kAreaLen);
-  std::uint32_t end = kUtf16Len;  // behind the terminator; a good conversion never grows
-  const std::uint32_t room = length < kAreaLen ? length : kAreaLen;
-  while (end <= room && loadAs<char16_t>(pArea + end - kUtf16Len) != 0) end += kUtf16Len;
-  if (code != 0 || end > room) {
+  const std::uint32_t room =
+      length < kAreaLen ? length : kAreaLen;  // a good conversion never grows
+  const std::uint32_t end = textLength<std::uint16_t>(pArea, room);  // behind the terminator
+  if (code != 0 || end == 0) {
     return failure(
         MEMERR_PACKUTF,
         ErrorText("UTF32 to UTF16 Conversion err=").decimal(static_cast<std::int16_t>(code)));

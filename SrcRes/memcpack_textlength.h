@@ -7,6 +7,7 @@
 
 #include "bytes.h"
 #include "platform.h"
+#include "textscan.h"
 
 namespace mem {
 
@@ -29,6 +30,14 @@ std::uint32_t textLength(const std::byte *pText, std::uint32_t room) noexcept {
     if (loadAs<Unit>(pText + end - sizeof(Unit)) == 0) return end;
   }
   return 0;
+}
+
+template <>
+inline std::uint32_t textLength<std::uint16_t>(const std::byte *pText,
+                                               std::uint32_t room) noexcept {
+  const std::size_t most = room / sizeof(char16_t);
+  const std::size_t units = wideLengthWithin(pText, most);
+  return units < most ? static_cast<std::uint32_t>((units + 1) * sizeof(char16_t)) : 0;
 }
 
 template <>

@@ -4,20 +4,13 @@
 #include <cstring>
 
 #include "bytes.h"
+#include "textscan.h"
 
 namespace mem {
 
 namespace {
 
 constexpr std::int64_t kWideUnit = 2;
-
-std::int64_t wideLength(const char16_t *pText) noexcept {
-  std::int64_t units = 0;
-  while (loadAs<char16_t>(bytesAt(pText, static_cast<std::size_t>(units * kWideUnit))) != 0) {
-    ++units;
-  }
-  return units;
-}
 
 bool applyText(const MEMFieldDef &field, std::byte *pField) noexcept {
   const char *pText = field.Default.pText;
@@ -35,7 +28,7 @@ bool applyText(const MEMFieldDef &field, std::byte *pField) noexcept {
 bool applyWideText(const MEMFieldDef &field, std::byte *pField) noexcept {
   const char16_t *pText = field.Default.pWide;
   if (pText == nullptr || field.Length < kWideUnit) return true;
-  const std::int64_t length = wideLength(pText);
+  const auto length = static_cast<std::int64_t>(wideLength(pText));
   if (length >= field.Length && field.NoTruncate != 0) return false;
   const std::int64_t last = field.Length / kWideUnit - 1;
   std::memcpy(pField, pText, static_cast<std::size_t>(std::min(last, length + 1) * kWideUnit));

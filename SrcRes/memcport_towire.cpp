@@ -6,6 +6,7 @@
 #include "bytes.h"
 #include "memcport_words.h"
 #include "textparts.h"
+#include "textscan.h"
 
 namespace mem {
 
@@ -107,13 +108,6 @@ TextWord copyWords(char *pTo, const char *pFrom, std::size_t length) noexcept {
 class WideView {
  public:
   WideView(const std::byte *pText, std::size_t units) noexcept : pText_(pText), units_(units) {}
-
-  // Units up to the first zero, at most `limit`.
-  static WideView terminated(const std::byte *pText, std::size_t limit) noexcept {
-    std::size_t units = 0;
-    while (units < limit && loadAs<char16_t>(pText + 2 * units) != 0) ++units;
-    return {pText, units};
-  }
 
   std::size_t size() const noexcept { return units_; }
   std::uint32_t operator[](std::size_t i) const noexcept {
@@ -246,14 +240,13 @@ bool MEM_WChar2PortStr(PortOutput &output, std::int32_t length, const std::byte 
 
 bool MEM_WCharSZ2PortStr(PortOutput &output, std::int32_t length,
                          const std::byte *pField) noexcept {
-  return appendWideQuoted(output, WideView::terminated(pField, wideUnits(length)));
+  return appendWideQuoted(output, WideView(pField, wideLengthWithin(pField, wideUnits(length))));
 }
 
 bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept {
   if (!output.append('x')) return false;
   if (pText == nullptr) return true;
-  const WideView text =
-      WideView::terminated(reinterpret_cast<const std::byte *>(pText), SIZE_MAX / 2);
+  const WideView text(reinterpret_cast<const std::byte *>(pText), wideLength(pText));
   const std::size_t pairs = highSurrogates(text);
   return output.appendReversed(text.size() - pairs) && output.append(';') &&
          output.appendReversed(pairs) && appendWideQuoted(output, text);

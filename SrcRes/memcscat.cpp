@@ -2,10 +2,10 @@
 
 #include <cstring>
 #include <limits>
-#include <string>
 
 #include "callframe.h"
 #include "qj7mem00/memcat.h"
+#include "textscan.h"
 
 namespace mem {
 
@@ -100,7 +100,7 @@ void appendMoved(MEMCatCB &cat, char16_t *pNew, std::uint32_t newLen, const char
 // long for any buffer.
 std::int32_t textLength(const char16_t *pText) noexcept {
   constexpr std::size_t kMost = std::numeric_limits<std::int32_t>::max();
-  const std::size_t length = std::char_traits<char16_t>::length(pText);
+  const std::size_t length = wideLength(pText);
   return static_cast<std::int32_t>(length < kMost ? length : kMost);
 }
 

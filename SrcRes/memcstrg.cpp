@@ -29,11 +29,19 @@ constexpr EntryPoint kWSinkVerify{"MEM_WSinkVerify", kSourceStrg, 0, 544};
 struct SinkFailure {
   std::uint32_t code;
   ErrorText name;
+  const char *detail = "";
 };
 using SinkOutcome = std::optional<SinkFailure>;
 
 SinkFailure failure(std::uint32_t code, const char *pName) noexcept {
   return {code, ErrorText(pName)};
+}
+
+// The process block of a running sink, or null. Asked without the gate: the first block stays where
+// it is while the sink runs, the index may move.
+MEMProcessBlock *sinkProcess() noexcept {
+  MEMProcessBlock *pProcess = processBlock();
+  return pProcess != nullptr && pProcess->Segments[0].pBase != nullptr ? pProcess : nullptr;
 }
 
 // The sink gate, held from a successful acquire() to the end of the scope.
@@ -60,7 +68,7 @@ class GateHold {
 class SinkCall {
  public:
   SinkCall(CallFrame &frame, const void *pText, bool isWide) noexcept
-      : frame_(frame), pProcess_(processBlock()), text_{nullptr, 0, isWide}, pText_(pText) {}
+      : frame_(frame), pProcess_(sinkProcess()), text_{nullptr, 0, isWide}, pText_(pText) {}
 
   // The common workers. Each returns the result of the call.
   std::int16_t MEM_SinkStringCommon(const void **ppSunk) noexcept;
@@ -82,6 +90,7 @@ class SinkCall {
   // Keeps the host's own error and names the sink's.
   SinkFailure hostFailure(std::uint32_t code, const char *pName) noexcept;
   SinkFailure spaceFailure(SpaceResult result) noexcept;
+  SinkFailure badAddress() const noexcept;
   std::int16_t fail(const SinkFailure &failed, Echo echo) noexcept;
   std::int16_t finishNotFound() noexcept { return frame_.finish(MEMERR_SINKNFND); }
 
@@ -112,9 +121,17 @@ SinkFailure SinkCall::spaceFailure(SpaceResult result) noexcept {
   }
 }
 
+// The text of a copy stands at an address that is not its own, or in no block.
+SinkFailure SinkCall::badAddress() const noexcept {
+  return {MEMERR_SINKIERR, ErrorText("Bad SinkPtr=").pointer(pText_), "Bad Sink Block Pointer"};
+}
+
 std::int16_t SinkCall::fail(const SinkFailure &failed, Echo echo) noexcept {
   echoInput(frame_, text_, echo);
-  return frame_.fail({.code = failed.code, .text = failed.name.c_str(), .marksComponent = true});
+  return frame_.fail({.code = failed.code,
+                      .text = failed.name.c_str(),
+                      .marksComponent = true,
+                      .detail = failed.detail});
 }
 
 SinkPlace SinkCall::find() noexcept {
@@ -243,20 +260,18 @@ SinkOutcome SinkCall::giveUp(bool &isFound) noexcept {
   isFound = place.isFound;
   if (!isFound) return {};
   SinkSlot &slot = sinkSlots(*pProcess_)[place.slot];
-  if (slot.pCopy != pText_) {
-    return SinkFailure{MEMERR_SINKIERR, ErrorText("Bad SinkPtr=").pointer(pText_)};
-  }
+  if (slot.pCopy != pText_) return badAddress();
   if (slot.uses == 1) return erase(place.slot);
   --slot.uses;
   return {};
 }
 
 // The last use is gone: bytes, map bits, lengths and slot. A refusal to make the copy writable
-// leaves all of it; one to protect it again leaves nothing of it.
+// leaves all of it; one to protect it again leaves nothing of it, and the host is asked once more.
 SinkOutcome SinkCall::erase(std::uint32_t slot) noexcept {
   std::uint8_t *pCopy = sinkSlots(*pProcess_)[slot].pCopy;
   MEMSinkSegment *pSegment = segmentOf(*pProcess_, pCopy);
-  if (pSegment == nullptr) return failure(MEMERR_SINKIERR, "Bad Sink Block Pointer");
+  if (pSegment == nullptr) return badAddress();
   const SinkRoom room = reservedRoom(pCopy, *pSegment);
   if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
     return hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadWrite");
@@ -266,6 +281,7 @@ SinkOutcome SinkCall::erase(std::uint32_t slot) noexcept {
   SinkOutcome failed;
   if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY)) {
     failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadOnly");
+    protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY);
   }
   const auto granule = static_cast<std::uint32_t>((pCopy - pSegment->pSpace) / kSinkGranule);
   releaseRun({pSegment, granule}, room);
@@ -296,15 +312,37 @@ void SinkCall::keepForEcho() noexcept {
   text_.pBytes = kept_;
 }
 
-void releaseIndexAndGate(MEMProcessBlock &process) noexcept {
+// Returns what the sink has, in the order in which it got it but for the gate, and clears its part
+// of the process block. REQUIRES: there is a gate.
+void releaseSink(MEMProcessBlock &process) noexcept {
+  for (std::int32_t i = 0; i < process.SegmentCount; ++i) {
+    MEMSinkSegment &segment = process.Segments[i];
+    if (segment.pBase != nullptr) releaseBlock(segment);
+    segment = {};
+  }
+  process.SegmentCount = 0;
   if (process.pIndex != nullptr) freeSinkStorage(process.pIndex, process.IndexLen);
-  if (process.Gate != 0) runtimeServices().DeleteGate(process.Gate);
+  runtimeServices().DeleteGate(process.Gate);
   process.Gate = 0;
   process.pIndex = nullptr;
   process.IndexLen = process.SlotCount = 0;
   process.Used = process.Act = process.Garbage = 0;
   process.Free = 0;
   process.First = process.End = 0;
+}
+
+// The index comes last in the start. Its pointer tells whether the sink runs, and not the gate's
+// handle, which may be any number.
+bool isRunning(const MEMProcessBlock &process) noexcept {
+  return process.pIndex != nullptr;
+}
+
+// A start that has failed behind its gate.
+std::int16_t failStart(CallFrame &frame, MEMProcessBlock &process, const char *pName) noexcept {
+  const std::int16_t result = frame.failInsideKeepingCode(MEMERR_SINKVSTG, pName);
+  const ErrorAreaKeeper keeper(frame);
+  releaseSink(process);
+  return result;
 }
 
 // A call that stores the address of a copy: sinking or verifying.
@@ -339,6 +377,8 @@ std::int16_t MEM_SinkInit() noexcept {
   frame.clearErrorArea();
   if (pProcessBlk == nullptr) return frame.failInsideKeepingCode(MEMERR_SINKIERR, "");
 
+  if (isRunning(*pProcessBlk)) return frame.succeed();
+
   pProcessBlk->Gate = 0;
   if (runtimeServices().CreateGate(&pProcessBlk->Gate) != 0) {
     pProcessBlk->Gate = 0;
@@ -347,27 +387,17 @@ std::int16_t MEM_SinkInit() noexcept {
   pProcessBlk->SegmentCount = 0;
   const SpaceResult obtained = obtainBlock(*pProcessBlk);
   if (obtained != SpaceResult::done) {
-    return frame.failInsideKeepingCode(
-        MEMERR_SINKVSTG, obtained == SpaceResult::noStorage ? "GetVSTGErr" : "ProtPageErr");
+    const bool isProtection = obtained == SpaceResult::noProtection;
+    return failStart(frame, *pProcessBlk, isProtection ? "ProtPageErr" : "GetVSTGErr");
   }
-  if (!openIndex(*pProcessBlk)) {
-    return frame.failInsideKeepingCode(MEMERR_SINKVSTG, "GetVSTGErr");
-  }
+  if (!openIndex(*pProcessBlk)) return failStart(frame, *pProcessBlk, "GetVSTGErr");
   return frame.succeed();
 }
 
 std::int16_t MEM_SinkTerm() noexcept {
   CallFrame frame(kSinkTerm, ErrorArea::keep);
   MEMProcessBlock *pProcessBlk = processBlock();
-  if (pProcessBlk == nullptr) return frame.succeed();
-
-  for (std::int32_t i = 0; i < pProcessBlk->SegmentCount; ++i) {
-    MEMSinkSegment &segment = pProcessBlk->Segments[i];
-    if (segment.pBase != nullptr) releaseBlock(segment);
-    segment = {};
-  }
-  pProcessBlk->SegmentCount = 0;
-  releaseIndexAndGate(*pProcessBlk);
+  if (pProcessBlk != nullptr && isRunning(*pProcessBlk)) releaseSink(*pProcessBlk);
   return frame.succeed();
 }
 

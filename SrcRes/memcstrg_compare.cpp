@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "bytes.h"
+#include "textscan.h"
 
 namespace mem {
 
@@ -29,14 +30,9 @@ bool endsAt(const std::uint8_t *pCopy, std::size_t length) noexcept {
 }  // namespace
 
 SinkText measureText(const void *pText, bool isWide) noexcept {
-  const auto *pBytes = static_cast<const std::uint8_t *>(pText);
-  std::size_t length = 0;
-  if (isWide) {
-    while (loadAs<char16_t>(pBytes + length) != 0) length += sizeof(char16_t);
-  } else {
-    length = std::strlen(reinterpret_cast<const char *>(pBytes));
-  }
-  return {pBytes, length, isWide};
+  const std::size_t length =
+      isWide ? wideLength(pText) * sizeof(char16_t) : std::strlen(static_cast<const char *>(pText));
+  return {static_cast<const std::uint8_t *>(pText), length, isWide};
 }
 
 // Within the input's length a copy that ends early needs no test of its own: the input has no two
@@ -50,9 +46,7 @@ int PSTssecmp(const SinkText &input, const std::uint8_t *pCopy, std::size_t room
 }
 
 std::size_t copyEnd(const std::uint8_t *pCopy) noexcept {
-  std::size_t end = 0;
-  while (pCopy[end] != 0 || pCopy[end + 1] != 0) end += 2;
-  return end;
+  return wideLength(pCopy) * sizeof(char16_t);
 }
 
 }  // namespace mem

@@ -42,10 +42,8 @@ bool grow(MEMProcessBlock &process) noexcept {
   if (pArea == nullptr) return false;
   const std::size_t activeLen = std::size_t{process.Act} * sizeof(SinkSlot);
   std::memset(pArea, 0, newLen - activeLen);
-  if (process.pIndex != nullptr) {  // else the sink's start has failed before it got one
-    std::memcpy(pArea + newLen - activeLen, sinkSlots(process) + process.First, activeLen);
-    freeSinkStorage(process.pIndex, process.IndexLen);
-  }
+  std::memcpy(pArea + newLen - activeLen, sinkSlots(process) + process.First, activeLen);
+  freeSinkStorage(process.pIndex, process.IndexLen);
   process.pIndex = pArea;
   process.IndexLen = newLen;
   process.SlotCount = slotsIn(newLen);
@@ -53,12 +51,9 @@ bool grow(MEMProcessBlock &process) noexcept {
   return true;
 }
 
-int compareAt(CallFrame &frame, MEMProcessBlock &process, const SinkText &text,
-              std::uint32_t slot) noexcept {
-  const std::uint8_t *pCopy = sinkSlots(process)[slot].pCopy;
-  const int order = PSTssecmp(text, pCopy, roomBehind(process, pCopy));
-  traceComparison(frame, text, pCopy, order);
-  return order;
+int compareWith(MEMProcessBlock &process, const SinkText &text,
+                const std::uint8_t *pCopy) noexcept {
+  return PSTssecmp(text, pCopy, roomBehind(process, pCopy));
 }
 
 // A move that opens a slot for a new entry.
@@ -113,8 +108,9 @@ SinkPlace findText(CallFrame &frame, MEMProcessBlock &process, const SinkText &t
     return {false, process.SlotCount};
   }
   if (process.Act == 1) {
-    traceSingleEntry(frame, sinkSlots(process)[process.First].pCopy);
-    const int order = compareAt(frame, process, text, process.First);
+    const std::uint8_t *pCopy = sinkSlots(process)[process.First].pCopy;
+    traceSingleEntry(frame, pCopy);
+    const int order = compareWith(process, text, pCopy);
     return {order == 0, process.First + (order > 0 ? 1U : 0U)};
   }
   std::int64_t low = process.First;
@@ -125,7 +121,9 @@ SinkPlace findText(CallFrame &frame, MEMProcessBlock &process, const SinkText &t
     // One of these two comes next; both lie between the first and the last.
     MEM_PREFETCH(sinkSlots(process)[(low + middle) / 2].pCopy);
     MEM_PREFETCH(sinkSlots(process)[(middle + high + 1) / 2].pCopy);
-    const int order = compareAt(frame, process, text, static_cast<std::uint32_t>(middle));
+    const std::uint8_t *pCopy = sinkSlots(process)[middle].pCopy;
+    const int order = compareWith(process, text, pCopy);
+    traceComparison(frame, text, pCopy, order);
     if (order == 0) return {true, static_cast<std::uint32_t>(middle)};
     if (order > 0) {
       low = middle + 1;

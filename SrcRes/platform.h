@@ -26,6 +26,21 @@
 #define MEM_HAS_SSE2 0
 #endif
 
+// Whether 16 bytes at their own alignment may be read where only some of them are an object's: all
+// of them are on one page. Sanitizers look at objects.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define MEM_READS_ALIGNED 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer) || \
+    __has_feature(thread_sanitizer)
+#define MEM_READS_ALIGNED 0
+#else
+#define MEM_READS_ALIGNED MEM_HAS_SSE2
+#endif
+#else
+#define MEM_READS_ALIGNED MEM_HAS_SSE2
+#endif
+
 // Code for processors with AVX in a library that runs on others, too. Clang would make a call of
 // memset of a row of stores.
 #if defined(_M_X64) && defined(_MSC_VER) && !defined(__clang__)

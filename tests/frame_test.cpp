@@ -541,6 +541,23 @@ TEST_F(TraceBufferTest, FormattedTextHasTheLengthThatTheHostReturned) {
   EXPECT_EQ(lastRecord.text, "seventeen letters");
 }
 
+// A host that cannot format says so by a negative length: records are then without text.
+std::int32_t refuseFormat(char *, const char *, ...) {
+  return -1;
+}
+
+TEST_F(TraceBufferTest, NegativeLengthIsARecordWithoutText) {
+  host.trace().Format = refuseFormat;
+  for (const std::uint32_t flag : {MEM_TRACE_ENTRY, MEM_TRACE_EXIT}) {
+    watchedBuf->TextLen = 0xEEEEEEEEU;
+    host.setTraceFlags(flag);
+    void *area = mem.MEM_Alloc(24, 7);
+    host.runtime().FreeStorage(area, 24, 7);
+    EXPECT_EQ(lastRecord.textLen, 0U);
+  }
+  EXPECT_EQ(lastRecord.calls, 2);
+}
+
 TEST_F(TraceBufferTest, OnlyLengthAndTextOfTheBufferAreWritten) {
   std::memset(watchedBuf->Reserved0, 0xEE, sizeof watchedBuf->Reserved0);
   std::memset(watchedBuf->Reserved36, 0xEE, sizeof watchedBuf->Reserved36);

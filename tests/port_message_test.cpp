@@ -281,6 +281,24 @@ TEST_F(PortTest, PercentSignsAreOnlyCharacters) {
             "Next:s%n%ld%S");
 }
 
+// A host that cannot format says so by a negative length: the record is then without text.
+std::int32_t refuseFormat(char *pDest, const char *, ...) {
+  std::strcpy(pDest, "half of a tex");
+  return -1;
+}
+
+TEST_F(PortTest, NegativeLengthIsARecordWithoutText) {
+  Defs defs;
+  defs.add(1, 4, {Field(1, MEM_PORT_LONG, 4, 0)});
+  host.trace().Format = refuseFormat;
+  EXPECT_EQ(readBlock(defs.table(), portString("(1<1X")), -1);
+  const std::vector<refhost::TraceRecord> records = host.takeRecords();
+  ASSERT_FALSE(records.empty());
+  EXPECT_EQ(records[0].type, "EXCP");
+  EXPECT_EQ(records[0].text, "");
+  EXPECT_EQ(env().pTraceBuf->TextLen, 0U);
+}
+
 // Every place in the code that reports has a line of its own.
 TEST_F(PortTest, MessagesOfOneRoutineHaveTheirOwnLines) {
   Defs defs;

@@ -163,15 +163,9 @@ class StartFailureTest : public ProcessTest, public ::testing::WithParamInterfac
     EXPECT_EQ(host.faultsFired(), 1U);
   }
 
-  // The calls of a successful start up to the failing one, and the frames left.
-  Lines linesUpToFailure() const {
-    const std::string failing = ": " + std::string(refhost::serviceName(GetParam().service)) + "(";
-    Lines lines;
-    std::uint64_t seen = 0;
-    for (const std::string &line : processStartLines()) {
-      lines.push_back(line);
-      if (line.find(failing) != std::string::npos && ++seen == GetParam().nth) break;
-    }
+  // The calls of a successful start up to the failing one, the sink's way back and the frames left.
+  Lines linesOfFailure() const {
+    Lines lines = linesOfFailedStart(processStartLines(), GetParam(), 1);
     if (inSink()) lines.push_back("MEM_SinkInit: LeaveFrame(frame, 3)");
     lines.push_back("MEM_ProcessInit: LeaveFrame(frame, 3)");
     return lines;
@@ -211,15 +205,20 @@ TEST_P(StartFailureTest, IsNotReportedToTheTextService) {
   EXPECT_EQ(mem.MEM_ProcessTerm(), 0);
 }
 
-TEST_P(StartFailureTest, EndsTheStartAtOnceAndUndoesNothing) {
+TEST_P(StartFailureTest, EndsTheStartAtOnceAndUndoesOnlyTheSinks) {
   host.recordCalls(true);
   failStart(0);
-  EXPECT_EQ(callLines(host.takeCalls(), startNames(host)), linesUpToFailure());
+  const std::vector<refhost::HostCall> calls = host.takeCalls();
+  AddressNames names = startNames(host);
+  nameReturned(names, calls);
+  EXPECT_EQ(callLines(calls, names), linesOfFailure());
   host.recordCalls(false);
   if (inSink()) {
     ASSERT_NE(host.anchor(), nullptr);
     EXPECT_NE(host.messageTable(), nullptr);
-    EXPECT_EQ(changedRanges(processBlockImage(host, GetParam().reached), processBytes()), "");
+    EXPECT_EQ(changedRanges(processBlockImage(host, SinkStep::none), processBytes()), "");
+    EXPECT_EQ(host.account(230).liveCount, 0U);
+    EXPECT_EQ(host.gateCount(), 0U);
   } else {
     EXPECT_EQ(host.anchor(), nullptr);
     EXPECT_EQ(host.messageTable(), nullptr);
@@ -231,12 +230,11 @@ TEST_P(StartFailureTest, TermReleasesWhatThereIs) {
   failStart(0);
   const bool hasBlock = host.anchor() != nullptr;
   const AddressNames names = startNames(host);
-  const std::uint32_t gate = hasBlock ? host.anchor()->Gate : 0;
   host.recordCalls(true);
   EXPECT_EQ(mem.MEM_ProcessTerm(), 0);
   const Lines lines = callLines(host.takeCalls(), names);
   if (hasBlock) {
-    EXPECT_EQ(lines, processStopLines(GetParam().reached, gate));
+    EXPECT_EQ(lines, processStopLines(SinkStep::none, 0));
   }
   EXPECT_EQ(host.anchor(), nullptr);
   EXPECT_EQ(host.messageTable(), nullptr);

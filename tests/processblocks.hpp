@@ -41,7 +41,8 @@ inline std::uint8_t *sinkStorage(const refhost::Host &host, std::uint32_t length
   return found;
 }
 
-// A host call that can fail during process start, and what is recorded then.
+// A host call that can fail during process start, what is recorded then, and how far the sink has
+// come by then: what it has to give back.
 struct StartFailure {
   refhost::Service service;
   std::uint64_t nth;
@@ -123,17 +124,17 @@ inline Lines sinkStartLines() {
           "MEM_SinkInit: LeaveFrame(frame, 3)"};
 }
 
-inline Lines sinkStopLines(SinkStep step, std::uint32_t gate) {
-  Lines lines = {"MEM_SinkTerm: EnterFrame(frame, 3)", "MEM_SinkTerm: GetAnchor(0, 3, cell)"};
+// How a sink that has come as far as `step` gives back what it has.
+inline Lines sinkReleaseLines(SinkStep step, std::uint32_t gate, const std::string &frame) {
+  Lines lines;
   if (step >= SinkStep::segment) {
-    lines.push_back("MEM_SinkTerm: ProtectStorage(space, 262144, 230, 32)");
-    lines.push_back("MEM_SinkTerm: FreeStorage(base, 278528, 230)");
+    lines.push_back(frame + ": ProtectStorage(space, 262144, 230, 32)");
+    lines.push_back(frame + ": FreeStorage(base, 278528, 230)");
   }
-  if (step >= SinkStep::index) lines.push_back("MEM_SinkTerm: FreeStorage(index, 16384, 230)");
+  if (step >= SinkStep::index) lines.push_back(frame + ": FreeStorage(index, 16384, 230)");
   if (step >= SinkStep::gate) {
-    lines.push_back("MEM_SinkTerm: DeleteGate(" + std::to_string(gate) + ")");
+    lines.push_back(frame + ": DeleteGate(" + std::to_string(gate) + ")");
   }
-  lines.push_back("MEM_SinkTerm: LeaveFrame(frame, 3)");
   return lines;
 }
 
@@ -141,6 +142,36 @@ inline Lines sinkStopLines(SinkStep step, std::uint32_t gate) {
 inline Lines nested(Lines outer, std::ptrdiff_t place, const Lines &inner) {
   outer.insert(outer.begin() + place, inner.begin(), inner.end());
   return outer;
+}
+
+inline Lines sinkStopLines(SinkStep step, std::uint32_t gate) {
+  return nested({"MEM_SinkTerm: EnterFrame(frame, 3)", "MEM_SinkTerm: GetAnchor(0, 3, cell)",
+                 "MEM_SinkTerm: LeaveFrame(frame, 3)"},
+                2, sinkReleaseLines(step, gate, "MEM_SinkTerm"));
+}
+
+// The calls of a start, `lines` when it succeeds, up to the failing one, and how the sink then
+// gives back what it has.
+inline Lines linesOfFailedStart(const Lines &lines, const StartFailure &failure,
+                                std::uint32_t gate) {
+  const std::string failing = ": " + std::string(refhost::serviceName(failure.service)) + "(";
+  Lines made;
+  std::uint64_t seen = 0;
+  for (const std::string &line : lines) {
+    made.push_back(line);
+    if (line.find(failing) != std::string::npos && ++seen == failure.nth) break;
+  }
+  const auto end = static_cast<std::ptrdiff_t>(made.size());
+  return nested(made, end, sinkReleaseLines(failure.reached, gate, "MEM_SinkInit"));
+}
+
+// Names the areas of the sink, which a failed start has returned by now.
+inline void nameReturned(AddressNames &names, const std::vector<refhost::HostCall> &calls) {
+  for (const refhost::HostCall &call : calls) {
+    if (call.service != refhost::Service::ProtectStorage) continue;
+    names[call.args[0]] = "space";
+    names[call.args[0] - kSinkMapLen] = "base";
+  }
 }
 
 inline Lines processStartLines() {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <functional>
 
 #include "memtest.hpp"
 #include "processblocks.hpp"
@@ -30,6 +31,40 @@ class SinkStartTest : public BoundTest {
   }
 
   MEMProcessBlock &block() { return *host.anchor(); }
+
+  // The gate of process start has been the first one.
+  static constexpr std::uint32_t kSecondGate = 2;
+
+  // With the sink stopped the string services change nothing and ask the host for nothing.
+  void expectNoStringCallServes() {
+    const char *pNarrow = "cell";
+    const char16_t *pWide = u"cell";
+    const Bytes before = sinkBytes();
+    const std::function<std::int16_t()> calls[] = {
+        [&] { return mem.MEM_SinkString("ab", &pNarrow); },
+        [&] { return mem.MEM_SinkVerify("ab", &pNarrow, nullptr); },
+        [&] { return mem.MEM_SinkDelete("ab"); },
+        [&] { return mem.MEM_WSinkString(u"ab", &pWide); },
+        [&] { return mem.MEM_WSinkVerify(u"ab", &pWide, nullptr); },
+        [&] { return mem.MEM_WSinkDelete(u"ab"); },
+    };
+    for (const auto &call : calls) {
+      std::memset(&error(), 0xEE, sizeof error());
+      EXPECT_EQ(call(), kFailed);
+      EXPECT_EQ(error().Component, 3);
+      EXPECT_EQ(error().ReturnCode, 0xFFFF);
+      EXPECT_EQ(error().Code, 4086U);
+      EXPECT_EQ(nameText(), "");
+      EXPECT_EQ(error().InnerCode, 0U);
+    }
+    EXPECT_STREQ(pNarrow, "cell");
+    EXPECT_EQ(std::u16string(pWide), u"cell");
+    for (const Service service :
+         {Service::AcquireGate, Service::GetStorage, Service::ProtectStorage}) {
+      EXPECT_EQ(host.calls(service), 0U) << refhost::serviceName(service);
+    }
+    EXPECT_EQ(changedRanges(before, sinkBytes()), "");
+  }
 
   // The sink's part of the process block.
   Bytes sinkBytes() {
@@ -103,6 +138,35 @@ TEST_F(SinkStartTest, SinkCanBeStartedAndStoppedAgain) {
   }
 }
 
+TEST_F(SinkStartTest, InitOfARunningSinkChangesNothing) {
+  EXPECT_EQ(mem.MEM_SinkInit(), 0);
+  const char *pSunk = nullptr;
+  EXPECT_EQ(mem.MEM_SinkString("known", &pSunk), 0);
+  const Bytes before = sinkBytes();
+  std::memset(&error(), 0xEE, sizeof error());
+  host.keepRecords(true);
+  host.setTraceFlags(0xFFFFFFFFU);
+  host.recordCalls(true);
+  EXPECT_EQ(mem.MEM_SinkInit(), 0);
+  host.recordCalls(false);
+  host.setTraceFlags(0);
+  EXPECT_EQ(callLines(host.takeCalls()),
+            (Lines{"MEM_SinkInit: EnterFrame(frame, 3)", "MEM_SinkInit: GetAnchor(0, 3, cell)",
+                   "MEM_SinkInit: WriteRecord()", "MEM_SinkInit: LeaveFrame(frame, 3)"}));
+  EXPECT_EQ(recordLines(host.takeRecords()),
+            Lines{"STDX MEM_SinkInit(..\\SrcRes\\MEMCSTRG:231) Return=SUCCESS"});
+  EXPECT_EQ(changedRanges(Bytes(552), errorBytes(env())), "");
+  EXPECT_EQ(changedRanges(before, sinkBytes()), "");
+
+  const char *pFound = nullptr;
+  EXPECT_EQ(mem.MEM_SinkVerify("known", &pFound, nullptr), 0);
+  EXPECT_EQ(pFound, pSunk);
+  EXPECT_EQ(mem.MEM_SinkString("other", &pFound), 0);
+  EXPECT_EQ(mem.MEM_SinkTerm(), 0);
+  EXPECT_EQ(host.account(230).liveCount, 0U);
+  EXPECT_EQ(host.gateCount(), 0U);
+}
+
 TEST_F(SinkStartTest, OnlyTheSuccessfulExitIsTraced) {
   host.keepRecords(true);
   for (const std::uint32_t flags : {0xFFFFFFFFU, ~std::uint32_t{MEM_TRACE_EXIT}}) {
@@ -129,9 +193,10 @@ class SinkFailureTest : public SinkStartTest, public ::testing::WithParamInterfa
   void failStart(std::uint32_t hostErrorCode) {
     refhost::Fault fault = faultOf(GetParam().service, hostErrorCode);
     fault.nth = GetParam().nth;
+    const std::uint64_t firedBefore = host.faultsFired();
     host.arm(fault);
     EXPECT_EQ(mem.MEM_SinkInit(), kFailed);
-    EXPECT_EQ(host.faultsFired(), 1U);
+    EXPECT_EQ(host.faultsFired(), firedBefore + 1);
   }
 };
 
@@ -156,26 +221,137 @@ TEST_P(SinkFailureTest, WritesNoRecord) {
   host.setTraceFlags(0);
 }
 
-TEST_P(SinkFailureTest, LeavesWhatItHasForTheStop) {
+TEST_P(SinkFailureTest, GivesBackWhatItHas) {
+  host.recordCalls(true);
   failStart(0);
-  EXPECT_EQ(changedRanges(sinkImage(GetParam().reached), sinkBytes()), "");
+  host.recordCalls(false);
+  const std::vector<refhost::HostCall> calls = host.takeCalls();
+  AddressNames names;
+  nameReturned(names, calls);
+  Lines expected = linesOfFailedStart(sinkStartLines(), GetParam(), kSecondGate);
+  expected.push_back("MEM_SinkInit: LeaveFrame(frame, 3)");
+  EXPECT_EQ(callLines(calls, names), expected);
+  EXPECT_EQ(host.account(230).liveCount, 0U);
+  EXPECT_EQ(host.gateCount(), 0U);
+  EXPECT_EQ(changedRanges(Bytes(kSinkTo - kSinkFrom), sinkBytes()), "");
+}
 
-  const AddressNames names = startNames(host);
-  const std::uint32_t gate = block().Gate;
+TEST_P(SinkFailureTest, LeavesNothingForTheStop) {
+  failStart(0);
   host.recordCalls(true);
   EXPECT_EQ(mem.MEM_SinkTerm(), 0);
-  EXPECT_EQ(callLines(host.takeCalls(), names), sinkStopLines(GetParam().reached, gate));
+  EXPECT_EQ(callLines(host.takeCalls()), sinkStopLines(SinkStep::none, 0));
   host.recordCalls(false);
+}
+
+// What goes wrong on the way back is neither told nor a reason to keep anything.
+TEST_P(SinkFailureTest, FirstFailureIsTheOneThatIsKept) {
+  refhost::Fault fault = faultOf(GetParam().service, 777);
+  fault.nth = GetParam().nth;
+  host.arm(fault);
+  static MEMThreadEnv *pEnv = nullptr;
+  static MEMRuntimeServices own;
+  pEnv = &env();
+  own = host.runtime();
+  host.runtime().DeleteGate = [](std::uint32_t hGate) {
+    pEnv->Error = {};
+    pEnv->Error.Code = 888;
+    own.DeleteGate(hGate);
+  };
+  host.runtime().ProtectStorage = [](void *pArea, std::uint32_t length, std::uint16_t subPool,
+                                     std::uint16_t mode) -> std::uint16_t {
+    if (mode == MEM_PROTECT_READ_ONLY) return own.ProtectStorage(pArea, length, subPool, mode);
+    pEnv->Error.Code = 889;
+    return 8;
+  };
+  EXPECT_EQ(mem.MEM_SinkInit(), kFailed);
+  EXPECT_EQ(error().Component, 3);
+  EXPECT_EQ(error().ReturnCode, 0xFFFF);
+  EXPECT_EQ(error().Code, 777U);
+  EXPECT_STREQ(error().NameText, kHostErrorText);
+  EXPECT_EQ(error().InnerCode, GetParam().innerCode);
+  EXPECT_EQ(error().PrevInnerCode, 777U);
+  EXPECT_STREQ(error().InnerText, GetParam().innerText);
   EXPECT_EQ(host.account(230).liveCount, 0U);
   EXPECT_EQ(host.gateCount(), 0U);
 }
 
-TEST_P(SinkFailureTest, SinkCanBeStartedAfterTheStop) {
-  failStart(777);
-  EXPECT_EQ(mem.MEM_SinkTerm(), 0);
-  EXPECT_EQ(mem.MEM_SinkInit(), 0);
-  EXPECT_EQ(changedRanges(sinkImage(SinkStep::index), sinkBytes()), "");
-  EXPECT_EQ(changedRanges(Bytes(552), errorBytes(env())), "");
+TEST_P(SinkFailureTest, SinkCanBeStartedAfterwards) {
+  for (const bool withStop : {false, true}) {
+    failStart(777);
+    if (withStop) {
+      EXPECT_EQ(mem.MEM_SinkTerm(), 0);
+    }
+    EXPECT_EQ(mem.MEM_SinkInit(), 0);
+    EXPECT_EQ(changedRanges(sinkImage(SinkStep::index), sinkBytes()), "");
+    EXPECT_EQ(changedRanges(Bytes(552), errorBytes(env())), "");
+    EXPECT_EQ(mem.MEM_SinkTerm(), 0);
+  }
+}
+
+TEST_P(SinkFailureTest, StringCallsFailInternallyAfterIt) {
+  failStart(0);
+  host.resetCalls();
+  expectNoStringCallServes();
+}
+
+TEST_F(SinkStartTest, StringCallsOfAStoppedSinkFailInternally) {
+  host.resetCalls();
+  expectNoStringCallServes();
+}
+
+// Handles of gates.
+
+// A host whose handles count from 0.
+class ZeroGateTest : public SinkStartTest {
+ protected:
+  ZeroGateTest() {
+    own_ = host.runtime();
+    made_ = 0;
+    host.runtime().CreateGate = [](std::uint32_t *phGate) {
+      const std::uint16_t code = own_.CreateGate(&made_);
+      if (code == 0) *phGate = 0;
+      return code;
+    };
+    host.runtime().DeleteGate = [](std::uint32_t hGate) { own_.DeleteGate(made_ + hGate); };
+    host.runtime().AcquireGate = [](std::uint32_t hGate) {
+      return own_.AcquireGate(made_ + hGate);
+    };
+    host.runtime().ReleaseGate = [](std::uint32_t hGate) { own_.ReleaseGate(made_ + hGate); };
+  }
+
+  static inline MEMRuntimeServices own_;
+  static inline std::uint32_t made_ = 0;
+};
+
+TEST_F(ZeroGateTest, GateIsUsedAndDeleted) {
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(mem.MEM_SinkInit(), 0);
+    EXPECT_EQ(block().Gate, 0U);
+    const char *pSunk = nullptr;
+    EXPECT_EQ(mem.MEM_SinkString("text", &pSunk), 0);
+    EXPECT_EQ(mem.MEM_SinkInit(), 0) << "runs already";
+    EXPECT_EQ(host.gateCount(), 1U);
+    EXPECT_EQ(mem.MEM_SinkTerm(), 0);
+    EXPECT_EQ(host.gateCount(), 0U);
+    EXPECT_EQ(mem.MEM_SinkTerm(), 0);
+    for (const refhost::Misuse &misuse : host.takeMisuses()) ADD_FAILURE() << misuse.what;
+  }
+}
+
+TEST_F(ZeroGateTest, GateOfAFailedStartIsDeletedOnce) {
+  for (const StartFailure &row : sinkStartFailures()) {
+    SCOPED_TRACE(::testing::PrintToString(row));
+    refhost::Fault fault = faultOf(row.service);
+    fault.nth = row.nth;
+    host.arm(fault);
+    EXPECT_EQ(mem.MEM_SinkInit(), kFailed);
+    host.disarm();
+    EXPECT_EQ(host.gateCount(), 0U);
+    EXPECT_EQ(host.account(230).liveCount, 0U);
+    EXPECT_EQ(mem.MEM_SinkTerm(), 0);
+    for (const refhost::Misuse &misuse : host.takeMisuses()) ADD_FAILURE() << misuse.what;
+  }
 }
 
 // Stop.

@@ -134,7 +134,7 @@ typedef struct MEMRuntimeServices {
   void (*SetAnchor)(int32_t Zero, int32_t Component, void *pAnchor);
   MEMReservedSlot Reserved9[18];
 
-  /** 27: makes a gate and stores its handle. 0 = success; handle 0 means "no gate". */
+  /** 27: makes a gate and stores its handle, any number. 0 = success. */
   uint16_t (*CreateGate)(uint32_t *phGate);
   /** 28: deletes a gate that nobody holds. */
   void (*DeleteGate)(uint32_t hGate);
@@ -218,7 +218,8 @@ typedef struct MEMTraceServices {
   MEMReservedSlot Reserved10[2];
 
   /** 12: formats by the printf rules of 64-bit Windows and returns the length of the text: every
-   * argument is 8 bytes wide, `l` means 32 bits and `h` 16, `%S` is UTF-16, `%p` 16 digits. */
+   * argument is 8 bytes wide, `l` means 32 bits and `h` 16, `%S` is UTF-16, `%p` 16 digits. A
+   * negative length makes a record without text. */
   int32_t (*Format)(char *pDest, const char *pFormat, ...);
   MEMReservedSlot Reserved13[3];
 

@@ -72,7 +72,7 @@ typedef struct MEMProcessBlock {
   int32_t SegmentCount; /**< sink blocks obtained so far, 1 after start */
   uint32_t Reserved100;
   MEMSinkSegment Segments[MEM_SINK_SEGMENTS];
-  uint32_t Gate; /**< sink gate, 0 while there is none */
+  uint32_t Gate; /**< sink gate, any number while there is an index, else 0 */
   uint32_t Reserved3180;
   void *pIndex;       /**< sorted index of the copies, 16 bytes a slot */
   uint32_t IndexLen;  /**< bytes of the index area */

@@ -286,11 +286,12 @@ typedef int16_t MEM_MemCatFn(MEMCatCB *pCatCB, const char16_t *pText, int32_t Le
 /** @{ */
 
 /** Starts the process's sink: gate, first block (write-protected) and index. Called by
- * MEM_ProcessInit. On failure the code and text are in `InnerCode` and `InnerText`, what stood in
- * `Code` is in `PrevInnerCode`, and what was obtained stays until MEM_SinkTerm. */
+ * MEM_ProcessInit. 0 without an effect while the sink runs. On failure the code and text are in
+ * `InnerCode` and `InnerText`, what stood in `Code` is in `PrevInnerCode`, and what was obtained
+ * has been returned. */
 typedef int16_t MEM_SinkInitFn(void);
-/** Returns all that the sink holds, also after a failed start. Called by MEM_ProcessTerm. Always
- * 0. Leaves the error area alone. */
+/** Returns all that the sink holds; without an effect when it does not run. Called by
+ * MEM_ProcessTerm. Always 0. Leaves the error area alone. */
 typedef int16_t MEM_SinkTermFn(void);
 /** Stores the address of the shared copy of a text, made if there is none yet, and counts one more
  * use. The copy stays where it is until its last use is given up or the sink ends; it is

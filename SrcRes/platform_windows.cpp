@@ -16,12 +16,18 @@ MEM_NOINLINE void runWork(const GuardedWork &work) noexcept {
 bool runGuarded(const GuardedWork &work) noexcept {
   bool isDone = false;
   __try {
-    runWork(work);
-    isDone = true;
-  } __except (work.filter(GetExceptionInformation(), work.pContext)) {
-    isDone = false;
+    __try {
+      runWork(work);
+      isDone = true;
+    } __except (work.filter(GetExceptionInformation(), work.pContext)) {
+      isDone = false;
+    }
+  } __finally {
+    if (AbnormalTermination()) work.abandoned(work.pContext);
   }
   return isDone;
 }
+
+void releaseGuards() noexcept {}
 
 }  // namespace mem

@@ -11,17 +11,24 @@ MEM_NOINLINE void runWork(const GuardedWork &work) noexcept {
   work.run(work.pContext);
 }
 
+// Another one, so that what is caught here is no abnormal end of the caller's region.
+MEM_NOINLINE bool runCaught(const GuardedWork &work) noexcept {
+  bool isDone = false;
+  __try {
+    runWork(work);
+    isDone = true;
+  } __except (work.filter(GetExceptionInformation(), work.pContext)) {
+    isDone = false;
+  }
+  return isDone;
+}
+
 }  // namespace
 
 bool runGuarded(const GuardedWork &work) noexcept {
   bool isDone = false;
   __try {
-    __try {
-      runWork(work);
-      isDone = true;
-    } __except (work.filter(GetExceptionInformation(), work.pContext)) {
-      isDone = false;
-    }
+    isDone = runCaught(work);
   } __finally {
     if (AbnormalTermination()) work.abandoned(work.pContext);
   }

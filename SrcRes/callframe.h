@@ -88,6 +88,9 @@ class CallFrame {
   CallFrame(const CallFrame &) = delete;
   CallFrame &operator=(const CallFrame &) = delete;
 
+  // For a call that is unwound without its destructors.
+  void abandon() noexcept { runtimeServices().LeaveFrame(&frame_, MEM_COMPONENT); }
+
   // The host's record of this call, for its exception filter.
   MEMTraceFrame &record() noexcept { return frame_; }
 

@@ -2,6 +2,7 @@
 
 #include "hostaccess.h"
 #include "memcdynm.h"
+#include "platform.h"
 
 namespace mem {
 
@@ -28,6 +29,7 @@ void unbind() noexcept {
   if (!isBound()) return;
   PSdynamn(kClearVector);  // needs the host's vectors once more
   binding = {};
+  releaseGuards();  // the library may be unloaded next
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include "bytes.h"
 #include "qj7mem00/membase.h"
+#include "qj7mem00/memvect.h"
 
 namespace mem {
 
@@ -99,6 +100,17 @@ inline constexpr std::uint32_t kAreaEntryOverhead = sizeof(MEMHeapHeader);
 // Entry lengths are multiples of 8. Wide, so that no length of 32 bits wraps.
 inline std::int64_t alignedEntryLen(std::int32_t Len) noexcept {
   return (static_cast<std::int64_t>(Len) + 7) & ~std::int64_t{7};
+}
+
+// Reads what an allocation reads of a handle before anything else: the eye-catcher and the header.
+// So that a handle that cannot be read faults here, and not in a service that is never left then.
+inline void readHandle(HMEMHEAP hMemHeap) noexcept {
+  if (hMemHeap == nullptr) return;
+  std::size_t length = 0;
+  if (hasEyecatcher(hMemHeap, kHeapEye)) length = sizeof(MEMHeapHeader);
+  if (hasEyecatcher(hMemHeap, kEHeapEye)) length = sizeof(MEMEHeapHeader);
+  if (length == 0) return;  // refused by the service
+  static_cast<void>(reinterpret_cast<const volatile char *>(hMemHeap)[length - 1]);
 }
 
 }  // namespace mem

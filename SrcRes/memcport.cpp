@@ -26,14 +26,16 @@ bool runUnderGuard(CallFrame &frame, Work &work) noexcept {
     Work &work;
   } context{frame, work};
   const GuardedWork guarded{
-      [](void *pContext) noexcept { static_cast<Context *>(pContext)->work(); },
+      [](void *pContext) noexcept { static_cast<Context *>(pContext)->work.run(); },
       [](void *pException, void *pContext) noexcept -> std::int32_t {
-        if constexpr (requires(Work & faulted) { faulted.isShown(); }) {
-          if (!static_cast<Context *>(pContext)->work.isShown()) return kFaultEndsWork;
-        }
+        if (!static_cast<Context *>(pContext)->work.isShown()) return kFaultEndsWork;
         const auto filter = textServices().FilterException;
         if (filter == nullptr) return kFaultEndsWork;
         return filter(pException, &static_cast<Context *>(pContext)->frame.record());
+      },
+      [](void *pContext) noexcept {
+        static_cast<Context *>(pContext)->work.close(static_cast<Context *>(pContext)->frame);
+        static_cast<Context *>(pContext)->frame.abandon();
       },
       &context};
   return runGuarded(guarded);
@@ -49,23 +51,36 @@ struct Writing {
   PortWriter &writer;
   std::int16_t status = 0;
 
-  void operator()() noexcept { status = writer.run(); }
+  void run() noexcept { status = writer.run(); }
   bool isShown() const noexcept {
     writer.noteUsed();
     return !writer.isOwnFault();
   }
+  void close(const CallFrame &frame) const noexcept {
+    writer.noteUsed();
+    const ErrorAreaKeeper keeper(frame);
+    if (writer.registry() != nullptr) functionVector().MEM_HashClose(writer.registry());
+  }
 };
 
-std::int16_t readInto(CallFrame &frame, PortReader &reader) noexcept {
+struct Reading {
+  PortReader &reader;
   bool isRead = false;
-  auto work = [&reader, &isRead]() noexcept { isRead = reader.run(); };
-  const bool isDone = runUnderGuard(frame, work);
-  {
+
+  void run() noexcept { isRead = reader.run(); }
+  static bool isShown() noexcept { return true; }
+  void close(const CallFrame &frame) const noexcept {
     const ErrorAreaKeeper keeper(frame);
     if (reader.indexHeap() != nullptr) functionVector().MEM_HeapClose(reader.indexHeap());
   }
+};
+
+std::int16_t readInto(CallFrame &frame, PortReader &reader) noexcept {
+  Reading work{reader};
+  const bool isDone = runUnderGuard(frame, work);
+  work.close(frame);
   if (!isDone) return finishFaulted(frame);
-  return isRead ? frame.succeed() : frame.finish(-1);
+  return work.isRead ? frame.succeed() : frame.finish(-1);
 }
 
 }  // namespace
@@ -80,11 +95,7 @@ std::int16_t MEM_StructToPortStr(const MEMStructDef *pDefs, std::uint32_t Struct
   Writing work{writer};
   bool isDone = runUnderGuard(frame, work);
   if (!isDone && writer.canGoOn()) isDone = runUnderGuard(frame, work);
-  writer.noteUsed();
-  {
-    const ErrorAreaKeeper keeper(frame);
-    if (writer.registry() != nullptr) functionVector().MEM_HashClose(writer.registry());
-  }
+  work.close(frame);
   if (!isDone) return finishFaulted(frame);
   return work.status == 0 ? frame.succeed() : frame.finish(work.status);
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "heapblocks.h"
 #include "hostaccess.h"
 
 namespace mem {
@@ -32,6 +33,7 @@ bool PortOutput::start(HMEMHEAP hMemHeap, std::int32_t capacity) noexcept {
   if (capacity > INT32_MAX - MEM_PORT_CHUNK_OVERHEAD) return false;
   hMemHeap_ = hMemHeap;
   capacity_ = capacity;
+  readHandle(hMemHeap);
   pFirst_ = obtainChunk();
   if (pFirst_ == nullptr) return false;
   begin(pFirst_);

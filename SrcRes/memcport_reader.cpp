@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "bytes.h"
+#include "heapblocks.h"
 #include "memcport_defs.h"
 #include "memcport_fromwire.h"
 #include "memcport_offsets.h"
@@ -138,7 +139,9 @@ void PortReader::SeenFields::mark(std::int32_t i) noexcept {
 }
 
 bool PortReader::run() noexcept {
-  if (!readHeader() || !openIndex()) return false;
+  if (!readHeader()) return false;
+  readHandle(scanner_.heap());
+  if (!openIndex()) return false;
   *ppStruct_ = nullptr;
   for (std::uint32_t i = 0; i < count_; ++i) {
     if (!readTop(i)) return false;

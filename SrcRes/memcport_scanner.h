@@ -54,6 +54,9 @@ class PortScanner {
   // Characters of the whole input, counted once.
   std::uint64_t inputLength() noexcept;
 
+  // The caller's heap.
+  HMEMHEAP heap() const noexcept { return hMemHeap_; }
+
   // An entry of the caller's heap, or null with the heap's error standing.
   void *allocate(std::int64_t length) noexcept;
 

@@ -69,17 +69,24 @@ inline constexpr std::int32_t kFaultEndsWork = 1;
 inline constexpr std::int32_t kFaultIsNotOurs = 0;  // goes on to the process
 inline constexpr std::int32_t kFaultIsMended = -1;  // the faulting instruction runs again
 
-// Work that may fault, and who decides then. Both get the context. The filter runs where the fault
+// Work that may fault, and who decides then. All get the context. The filter runs where the fault
 // happened; `pException` is the platform's exception information.
 struct GuardedWork {
   void (*run)(void *pContext) noexcept;
   std::int32_t (*filter)(void *pException, void *pContext) noexcept;
+  // When others than runGuarded() unwind the work and its callers, on platforms that tell. On
+  // others such work just ends.
+  void (*abandoned)(void *pContext) noexcept;
   void *pContext;
 };
 
 // Runs the work and returns true, or false when a fault (an access violation or the like) ended it.
 // Nothing is unwound then: the work must have no object with a destructor. Calls nest and run on
-// any number of threads; outside of them nothing is installed.
+// any number of threads; outside of them nothing is installed. The filter and the process's own
+// handlers may leave by a jump instead of returning: faults of the thread are the process's again.
 bool runGuarded(const GuardedWork &work) noexcept;
+
+// Takes away whatever calls that were left by a jump have left installed. No guarded call may run.
+void releaseGuards() noexcept;
 
 }  // namespace mem

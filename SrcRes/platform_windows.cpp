@@ -11,9 +11,8 @@ MEM_NOINLINE void runWork(const GuardedWork &work) noexcept {
   work.run(work.pContext);
 }
 
-}  // namespace
-
-bool runGuarded(const GuardedWork &work) noexcept {
+// Another one, so that what is caught here is no abnormal end of the caller's region.
+MEM_NOINLINE bool runCaught(const GuardedWork &work) noexcept {
   bool isDone = false;
   __try {
     runWork(work);
@@ -23,5 +22,19 @@ bool runGuarded(const GuardedWork &work) noexcept {
   }
   return isDone;
 }
+
+}  // namespace
+
+bool runGuarded(const GuardedWork &work) noexcept {
+  bool isDone = false;
+  __try {
+    isDone = runCaught(work);
+  } __finally {
+    if (AbnormalTermination()) work.abandoned(work.pContext);
+  }
+  return isDone;
+}
+
+void releaseGuards() noexcept {}
 
 }  // namespace mem

@@ -68,6 +68,15 @@ if(foreign)
 endif()
 message(STATUS "${MODULE} exports ${names} and needs ${needed}")
 
+# A fault handler may run on any thread, so thread-local storage must be there without an allocation.
+if(NOT MODULE MATCHES "\\.dll$")
+  list_lines(symbols ${NM} -D --undefined-only --format=posix ${MODULE})
+  collect(lookups "^(__tls_get_addr)" "${symbols}")
+  if(lookups)
+    message(FATAL_ERROR "${MODULE} has thread-local storage that is obtained at its first use")
+  endif()
+endif()
+
 # Nothing runs when the module that is shipped is loaded, and no storage is obtained then.
 # (Sanitizers and coverage counters do both, and without optimisation more of the C++ runtime stays.)
 if(NOT MODULE MATCHES "\\.dll$" AND CONFIG STREQUAL "Release")

@@ -345,25 +345,87 @@ TEST_F(PortGuardTest, WildResultCells) {
   });
 }
 
-// The fault happens inside the heap's service; its frame is cut off.
-TEST_F(PortGuardTest, WildHeap) {
-  const HMEMHEAP own = heap;
-  const Record record(12);
-  const std::string text = portString("(1<1N5/2S>)");
-  for (const std::int32_t capacity : {0, 50}) {
-    expectFault([&] {
-      heap = wild<MEMHeapObject>();
-      const std::int16_t result = write(list().table(), 1, record.data(), capacity);
-      heap = own;
-      return result;
-    });
-  }
-  expectFault([&] {
-    heap = wild<MEMHeapObject>();
-    const std::int16_t result = readBlock(list().table(), text);
-    heap = own;
+// A handle that cannot be read is found out before a heap's service is entered.
+class PortHandleTest : public PortGuardTest {
+ protected:
+  ~PortHandleTest() override { heap = own_; }
+
+  // Writes and reads with another handle than the fixture's own.
+  std::int16_t writeWith(const void *handle, std::int32_t capacity) {
+    const Record record(12);
+    heap = asHandle(handle);
+    const std::int16_t result = write(list().table(), 1, record.data(), capacity);
+    heap = own_;
     return result;
-  });
+  }
+  std::int16_t readWith(const void *handle) {
+    heap = asHandle(handle);
+    const std::int16_t result = readBlock(list().table(), portString("(1<1N5/2S>)"));
+    heap = own_;
+    return result;
+  }
+
+  void expectFoundOut(const void *handle) {
+    entered_ = 0;
+    mem.MEM_HeapAllocEntryLong = [](HMEMHEAP called, std::int32_t length, void **entry) {
+      entered_ += called == found_ ? 1 : 0;
+      return PortGuardTest::own_.MEM_HeapAllocEntryLong(called, length, entry);
+    };
+    found_ = asHandle(handle);
+    for (const std::int32_t capacity : {0, 50}) {
+      expectFault([&] { return leavingAllFrames([&] { return writeWith(handle, capacity); }); });
+    }
+    expectFault([&] { return leavingAllFrames([&] { return readWith(handle); }); });
+    EXPECT_EQ(entered_, 0);
+    EXPECT_EQ(host.heldGateCount(), 0U);
+  }
+
+ private:
+  static HMEMHEAP asHandle(const void *handle) {
+    return reinterpret_cast<HMEMHEAP>(const_cast<void *>(handle));
+  }
+  template <class Call>
+  std::int16_t leavingAllFrames(Call call) {
+    const std::uint64_t before = host.calls(Service::EnterFrame) - host.calls(Service::LeaveFrame);
+    const std::int16_t result = call();
+    EXPECT_EQ(host.calls(Service::EnterFrame) - host.calls(Service::LeaveFrame), before);
+    return result;
+  }
+
+  const HMEMHEAP own_ = heap;
+  inline static int entered_;
+  inline static HMEMHEAP found_;
+};
+
+TEST_F(PortHandleTest, WildHandle) {
+  expectFoundOut(wild<void>());
+}
+
+TEST_F(PortHandleTest, HeaderThatCannotBeReadWhole) {
+  HMEMHEAP enhanced = nullptr;
+  ASSERT_EQ(mem.MEM_EHeapOpen(&enhanced, 1, 0), 0);
+  for (const std::size_t length : {8U, 24U, 48U}) {
+    std::memcpy(edge(length), heap, length);
+    expectFoundOut(edge(length));
+  }
+  for (const std::size_t length : {8U, 56U}) {
+    std::memcpy(edge(length), enhanced, length);
+    expectFoundOut(edge(length));
+  }
+  EXPECT_EQ(mem.MEM_EHeapClose(enhanced), 0);
+}
+
+// Of what is no heap only the eye-catcher is read. The heap's service refuses it.
+TEST_F(PortHandleTest, ReadableHandleOfNoHeap) {
+  std::memcpy(edge(8), "QQQHEAPN", 8);
+  host.resetCalls();
+  for (const void *handle :
+       {static_cast<const void *>(edge(8)), static_cast<const void *>(nullptr)}) {
+    for (const std::int32_t capacity : {0, 50}) EXPECT_EQ(writeWith(handle, capacity), -1);
+    EXPECT_EQ(readWith(handle), -1);
+    EXPECT_EQ(error().Code, MEMERR_HEAPBHDL);
+  }
+  EXPECT_EQ(host.calls(Service::FilterException), 0U);
 }
 
 // Reading.
@@ -538,7 +600,40 @@ TEST_F(PortFilterDeathTest, FaultThatIsNotOursGoesToTheProcess) {
       ::testing::ExitedWithCode(kExitOfHandler), "");
 }
 
-#if !defined(_WIN32)
+#if defined(_WIN32)
+
+// A function of its own: nothing in it has a destructor.
+bool catchesFault(const std::function<void()> &call) {
+  __try {
+    call();
+  } __except (EXCEPTION_EXECUTE_HANDLER) {
+    return true;
+  }
+  return false;
+}
+
+// The host unwinds the call itself: what the call has opened is closed on the way.
+TEST_F(PortFilterTest, FaultThatIsCaughtAroundTheCall) {
+  const Defs defs = list();
+  Record record(12);
+  record.set(4, wild<void>());
+  Defs wildFields = list();
+  wildFields.row(0).Fields = wild<const MEMFieldDef>();
+  host.setFilterAnswer(0);
+  host.resetCalls();
+  EXPECT_TRUE(catchesFault([&] { write(defs.table(), 1, record.data(), 50); }));
+  EXPECT_EQ(open_, 0);
+  EXPECT_TRUE(catchesFault([&] { readChain(defs.table(), wild<const MEMPortChunk>()); }));
+  EXPECT_TRUE(catchesFault([&] { readBlock(wildFields.table(), portString("(1<1N5/2S>)")); }));
+  EXPECT_EQ(open_, 0);
+  EXPECT_EQ(host.calls(Service::FilterException), 3U);
+  EXPECT_EQ(host.calls(Service::EnterFrame), host.calls(Service::LeaveFrame));
+  EXPECT_EQ(host.takeMisuses().size(), 0U);
+  host.setFilterAnswer(1);
+  expectFault([&] { return faultingWrite(); });
+}
+
+#else
 
 TEST_F(PortFilterDeathTest, FaultThatIsNotOursEndsAProcessWithoutHandler) {
   host.setFilterAnswer(0);
@@ -675,6 +770,96 @@ TEST_F(PortSignalTest, SignalMaskIsAsBeforeAfterAFault) {
   sigset_t blocked;
   pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
   for (const int signal : kSignals) EXPECT_EQ(sigismember(&blocked, signal), 0) << signal;
+}
+
+// Calls that are left by a jump. Each in a process of its own, where their frames stay entered.
+
+class PortJumpTest : public PortSignalTest {
+ protected:
+  template <class Body>
+  void inChild(Body body) {
+    EXPECT_EXIT(
+        {
+          install();
+          for (std::size_t i = 0; i < 4; ++i) processs_[i] = current(kSignals[i]);
+          body();
+          _exit(HasFailure() ? 1 : 0);
+        },
+        ::testing::ExitedWithCode(0), "");
+  }
+  void expectNothingInstalled() {
+    for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(current(kSignals[i]), processs_[i]);
+    EXPECT_TRUE(recovers(pages_.page(1)));
+  }
+  template <class Call>
+  static bool jumpsOut(Call call) {
+    if (sigsetjmp(recovery, 1) != 0) return true;
+    call();
+    return false;
+  }
+  void faultingWrite() {
+    Record record(12);
+    record.set(4, wild<void>());
+    write(list().table(), 1, record.data(), 50);
+  }
+  void faultingRead() { readChain(list().table(), wild<const MEMPortChunk>()); }
+
+ private:
+  Handler processs_[4];
+};
+
+TEST_F(PortJumpTest, FromADeclinedFault) {
+  inChild([&] {
+    host.setFilterAnswer(0);
+    host.resetCalls();
+    for (int round = 0; round < 3; ++round) {
+      EXPECT_TRUE(jumpsOut([&] { faultingWrite(); }));
+      expectNothingInstalled();
+      EXPECT_TRUE(jumpsOut([&] { faultingRead(); }));
+      expectNothingInstalled();
+    }
+    EXPECT_EQ(host.calls(Service::FilterException), 6U);
+    host.setFilterAnswer(1);
+    faultingWrite();
+    expectNothingInstalled();
+    expectNextCallWorks();
+  });
+}
+
+// Then the library is unbound and might be unloaded.
+TEST_F(PortJumpTest, FromTheFilter) {
+  inChild([&] {
+    host.text().FilterException = [](void *, MEMTraceFrame *) -> std::int32_t {
+      siglongjmp(recovery, 1);
+    };
+    EXPECT_TRUE(jumpsOut([&] { faultingWrite(); }));
+    expectNothingInstalled();
+    EXPECT_TRUE(jumpsOut([&] { faultingRead(); }));
+    host.unbind(library().bindEntry());
+    expectNothingInstalled();
+  });
+}
+
+// Out of a service of the host's. Unbinding takes away what is left, whichever thread has left it.
+TEST_F(PortJumpTest, FromAServiceOfTheHosts) {
+  inChild([&] {
+    const auto leave = [&] { writeAnd([] { siglongjmp(recovery, 1); }); };
+    EXPECT_TRUE(jumpsOut(leave));
+    std::thread other([&] { jumpsOut(leave); });
+    other.join();
+    EXPECT_TRUE(recovers(pages_.page(1)));
+    host.unbind(library().bindEntry());
+    expectNothingInstalled();
+  });
+}
+
+TEST_F(PortJumpTest, SentSignalIsNoFaultOfTheCall) {
+  inChild([&] {
+    signal(SIGSEGV, SIG_IGN);
+    host.resetCalls();
+    EXPECT_EQ(writeAnd([] { raise(SIGSEGV); }), 0);
+    EXPECT_EQ(host.calls(Service::FilterException), 0U);
+  });
 }
 
 #endif

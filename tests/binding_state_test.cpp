@@ -5,8 +5,8 @@
 #include <initializer_list>
 #include <iterator>
 
-#include "envcgref.h"
-#include "hostaccess.h"
+#include "binding/envcgref.h"
+#include "frame/hostaccess.h"
 #include "memtest.hpp"
 
 namespace memtest {

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "guardpages.hpp"
-#include "platform.h"
+#include "platform/platform.h"
 
 namespace {
 

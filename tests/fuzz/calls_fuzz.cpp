@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "envcgref.h"
+#include "binding/envcgref.h"
 #include "fuzzfail.hpp"
 #include "randomrun.hpp"
 #include "refhost.hpp"

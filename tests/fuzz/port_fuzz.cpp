@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "envcgref.h"
+#include "binding/envcgref.h"
 #include "portmutants.hpp"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <span>
 #include <string>
 
-#include "envcgref.h"
+#include "binding/envcgref.h"
 #include "fuzzfail.hpp"
 #include "guardpages.hpp"
 #include "portgraph.hpp"

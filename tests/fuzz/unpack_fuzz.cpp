@@ -7,7 +7,7 @@
 #include <string>
 
 #include "chainrun.hpp"
-#include "envcgref.h"
+#include "binding/envcgref.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   static refhost::Session session(ENV_FWV_V00M00_GFunc);

@@ -1,0 +1,45 @@
+// Copies of short pieces of storage.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "base/bytes.h"
+
+namespace mem {
+
+// Copies a piece by its ends, which may overlap.
+// REQUIRES: sizeof(Piece) <= length <= 2 * sizeof(Piece).
+template <class Piece>
+inline void copyEnds(void *pTo, const void *pFrom, std::size_t length) noexcept {
+  const auto first = loadAs<Piece>(pFrom);
+  const auto last = loadAs<Piece>(bytesAt(pFrom, length - sizeof(Piece)));
+  storeAs(pTo, first);
+  storeAs(bytesAt(pTo, length - sizeof(Piece)), last);
+}
+
+// Copies a piece of storage that is mostly short: pairs of stores that may overlap take less than a
+// call of memcpy. The two pieces do not overlap.
+inline void copyBytes(void *pTo, const void *pFrom, std::size_t length) noexcept {
+  struct Block {
+    std::uint64_t words[2];
+  };
+  constexpr std::size_t kPairLen = 2 * sizeof(Block);
+  if (length > 2 * kPairLen) {
+    std::memcpy(pTo, pFrom, length);
+  } else if (length > kPairLen) {
+    const std::size_t second = length - kPairLen;
+    copyEnds<Block>(pTo, pFrom, kPairLen);
+    copyEnds<Block>(bytesAt(pTo, second), bytesAt(pFrom, second), kPairLen);
+  } else if (length >= sizeof(Block)) {
+    copyEnds<Block>(pTo, pFrom, length);
+  } else if (length >= sizeof(std::uint64_t)) {
+    copyEnds<std::uint64_t>(pTo, pFrom, length);
+  } else if (length >= sizeof(std::uint32_t)) {
+    copyEnds<std::uint32_t>(pTo, pFrom, length);
+  } else {
+    for (std::size_t i = 0; i < length; ++i) *bytesAt(pTo, i) = *bytesAt(pFrom, i);
+  }
+}
+
+}  // namespace mem

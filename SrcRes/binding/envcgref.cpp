@@ -1,0 +1,46 @@
+#include "binding/envcgref.h"
+
+#include "binding/memcdynm.h"
+#include "frame/hostaccess.h"
+#include "platform/platform.h"
+
+namespace mem {
+
+constinit Binding binding{};
+
+namespace {
+
+// The lists hold addresses of cells; the cells hold the vectors.
+void keepVectors(void **kept, void **const *ppCells, int count) noexcept {
+  for (int i = 0; i < count; ++i) kept[i] = *ppCells[i];
+}
+
+void bind(void **const *ppHostVectors, void **const *ppServiceVectors, const MEMSysEnv *pSysEnv,
+          std::uint32_t SysFlags) noexcept {
+  binding.SysFlags = SysFlags;
+  binding.pSysEnv = pSysEnv;
+  binding.clearErrorArea = fastestErrorAreaClear();
+  keepVectors(binding.HostVector, ppHostVectors, MEM_HOST_VECTORS);
+  keepVectors(binding.ServiceVector, ppServiceVectors, MEM_SERVICE_VECTORS);
+  PSdynamn(kFillVector);
+}
+
+void unbind() noexcept {
+  if (!isBound()) return;
+  PSdynamn(kClearVector);  // needs the host's vectors once more
+  binding = {};
+  releaseGuards();  // the library may be unloaded next
+}
+
+}  // namespace
+}  // namespace mem
+
+extern "C" void ENV_FWV_V00M00_GFunc(void **const *ppHostVectors, void **const *ppServiceVectors,
+                                     const MEMSysEnv *pSysEnv, std::uint32_t SysFlags,
+                                     std::int16_t Mode) noexcept {
+  if (Mode == MEM_MODE_BIND) {
+    mem::bind(ppHostVectors, ppServiceVectors, pSysEnv, SysFlags);
+  } else {
+    mem::unbind();
+  }
+}

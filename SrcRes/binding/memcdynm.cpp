@@ -1,0 +1,44 @@
+#include "binding/memcdynm.h"
+
+#include "cat/memcscat.h"
+#include "cell/memccell.h"
+#include "frame/callframe.h"
+#include "hash/memchash.h"
+#include "heap/memcheap.h"
+#include "heap/memcheap_enhanced.h"
+#include "pack/memcpack.h"
+#include "port/memcport.h"
+#include "process/memcproc.h"
+#include "process/memcserv.h"
+#include "sink/memcstrg.h"
+
+namespace mem {
+
+namespace {
+
+constexpr EntryPoint kPSdynamn{"PSdynamn", kSourceDynm, 0, 0};  // writes no trace records
+
+void fill(MEMFunctionVector &vector) noexcept {
+#define MEM_FILL_SLOT(slot, name) vector.name = mem::name;
+  MEM_VECTOR_SLOTS(MEM_FILL_SLOT)
+#undef MEM_FILL_SLOT
+}
+
+void clear(MEMFunctionVector &vector) noexcept {
+#define MEM_CLEAR_SLOT(slot, name) vector.name = nullptr;
+  MEM_VECTOR_SLOTS(MEM_CLEAR_SLOT)
+#undef MEM_CLEAR_SLOT
+}
+
+}  // namespace
+
+void PSdynamn(std::int16_t Action) noexcept {
+  const CallFrame frame(kPSdynamn, ErrorArea::keep);
+  if (Action == kFillVector) {
+    fill(functionVector());
+  } else if (Action == kClearVector) {
+    clear(functionVector());
+  }
+}
+
+}  // namespace mem

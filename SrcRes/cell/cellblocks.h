@@ -1,0 +1,51 @@
+// Control block and location nodes of a cell pool. The offsets are contract.
+//
+//   first area     | MEMCellCtlBlk | location nodes | cells ... | rest |
+//   further areas  | location nodes, only when no vacant one was left | cells ... | rest |
+//
+// The location list goes from the latest nodes to the oldest: vacant nodes first, then used ones,
+// last the node of the first area. A node lies in the area that it records or in an older one, so
+// a walk that releases areas never meets a node in an area already gone.
+//
+// Cells may lie at any alignment; a free cell begins with the address of the next one.
+#pragma once
+
+#include <cstdint>
+
+#include "base/bytes.h"
+#include "qj7mem00/membase.h"
+
+namespace mem {
+
+inline constexpr Eyecatcher kCellEye = "QQQCELL1";
+
+struct CellAreaNode {
+  CellAreaNode *pNext;
+  void *pArea;  // null while the node is vacant
+};
+MEM_CHECK_SIZE(CellAreaNode, 16);
+MEM_CHECK_OFFSET(CellAreaNode, pArea, 8);
+
+// The pool's handle is this block's address.
+struct MEMCellCtlBlk {
+  char Eyecatcher[8];
+  CellAreaNode *pAreaLocList;
+  void *pFreeCells;
+  std::int32_t AreaLen;  // bytes, the same for every area
+  std::int32_t CellLen;
+  std::int16_t SubPool;
+  std::uint8_t Reserved34[6];
+};
+MEM_CHECK_SIZE(MEMCellCtlBlk, 40);
+MEM_CHECK_OFFSET(MEMCellCtlBlk, pAreaLocList, 8);
+MEM_CHECK_OFFSET(MEMCellCtlBlk, pFreeCells, 16);
+MEM_CHECK_OFFSET(MEMCellCtlBlk, AreaLen, 24);
+MEM_CHECK_OFFSET(MEMCellCtlBlk, CellLen, 28);
+MEM_CHECK_OFFSET(MEMCellCtlBlk, SubPool, 32);
+
+inline constexpr std::int32_t kMinCellAreaLen = 256;
+inline constexpr std::int32_t kMaxCellAreaLen = 0x100000;
+inline constexpr std::int32_t kMinCellLen = 8;      // room for a free cell's link
+inline constexpr std::int32_t kMinNodeSpace = 128;  // bytes for location nodes in a node block
+
+}  // namespace mem

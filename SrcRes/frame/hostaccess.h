@@ -1,0 +1,58 @@
+// Access to the host: the vectors that binding keeps. A slot is read at every call, since the host
+// may patch its tables and replace vector slots at any time.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/errorclear.h"
+#include "qj7mem00/qj7mem00.h"
+
+namespace mem {
+
+// All state that the library keeps between calls. All zero while unbound. Written by binding and
+// unbinding only, which never overlap a call.
+struct Binding {
+  std::uint32_t SysFlags;
+  const MEMSysEnv *pSysEnv;
+  void *HostVector[MEM_HOST_VECTORS];
+  void *ServiceVector[MEM_SERVICE_VECTORS];
+  ErrorAreaClear clearErrorArea;
+};
+
+extern Binding binding;
+
+inline const MEMRuntimeServices &runtimeServices() noexcept {
+  return *static_cast<const MEMRuntimeServices *>(binding.HostVector[MEM_HOST_RUNTIME]);
+}
+
+inline const MEMTraceServices &traceServices() noexcept {
+  return *static_cast<const MEMTraceServices *>(binding.HostVector[MEM_HOST_TRACE]);
+}
+
+inline const MEMTextServices &textServices() noexcept {
+  return *static_cast<const MEMTextServices *>(binding.HostVector[MEM_HOST_TEXT]);
+}
+
+inline MEMFunctionVector &functionVector() noexcept {
+  return *static_cast<MEMFunctionVector *>(binding.HostVector[MEM_HOST_VECTOR]);
+}
+
+inline bool isBound() noexcept {
+  return binding.HostVector[MEM_HOST_RUNTIME] != nullptr;
+}
+
+// The host's platform flag. It marks packed chains and picks the packer's hash byte; it says
+// nothing about this machine's own byte order.
+inline bool platformIsBigEndian() noexcept {
+  return binding.pSysEnv != nullptr &&
+         (binding.pSysEnv->PlatformFlags & MEM_PLATFORM_BIG_ENDIAN) != 0;
+}
+
+// The process block, or null before MEM_ProcessInit.
+inline MEMProcessBlock *processBlock() noexcept {
+  void *pAnchor = nullptr;
+  runtimeServices().GetAnchor(0, MEM_COMPONENT, &pAnchor);
+  return static_cast<MEMProcessBlock *>(pAnchor);
+}
+
+}  // namespace mem

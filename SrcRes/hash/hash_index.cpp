@@ -1,0 +1,188 @@
+#include "hash/hash_index.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+#include "pack/memcpack.h"
+#include "port/memcport.h"
+
+namespace mem {
+
+namespace {
+
+constexpr std::uint32_t kMaxCapacity = 0x4000000;  // a gigabyte of slots
+constexpr std::uint32_t kSlotsPerNode = 16;        // of a fresh index: it is about to grow
+constexpr std::uint32_t kGrowth = 4;               // of one that is full
+constexpr std::uint32_t kLeastGrowth = 2;          // when so much is not to be had
+
+bool mayBeIndexed(const MEMHashCtlBlk &ctl) noexcept {
+  return ctl.KeyLen == sizeof(std::uint64_t) &&
+         (ctl.pFunc == MEM_PackHashFunc || ctl.pFunc == MEM_PortHash);
+}
+
+std::uint64_t nodeCount(MEMHashCtlBlk &ctl) noexcept {
+  std::uint64_t count = 0;
+  for (std::int32_t i = 0; i <= ctl.Max; ++i) {
+    const HashNode *pNode = *ctl.bucket(static_cast<std::int16_t>(i));
+    for (; pNode != nullptr; pNode = pNode->pNext) ++count;
+  }
+  return count;
+}
+
+}  // namespace
+
+HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
+                             std::uint64_t slots) noexcept {
+  HashIndex **ppAnchor = anchor(frame);
+  if (ppAnchor == nullptr || slots > kMaxCapacity) return nullptr;
+  const auto capacity = static_cast<std::uint32_t>(slots);
+  const auto buckets = static_cast<std::uint32_t>(ctl.Max + 1);
+  const auto size =
+      static_cast<std::uint32_t>(sizeof(HashIndex) + capacity * sizeof(Slot) + tailsLen(buckets));
+  const auto subPool = static_cast<std::int16_t>(ctl.SubPool);
+  // A refusal is none of the caller's concern, nor is what storage records of itself.
+  const ErrorAreaKeeper keeper(frame);
+  auto *pIndex = static_cast<HashIndex *>(functionVector().MEM_Alloc(size, subPool));
+  if (pIndex == nullptr) return nullptr;
+  std::memset(static_cast<void *>(pIndex), 0, size);
+  pIndex->pTable_ = &ctl;
+  // Two that a thread has at a time differ in these bits, unless they are gigabytes apart.
+  const auto bits = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(pIndex) >> 4);
+  pIndex->indexState_ = static_cast<std::uint16_t>(kIndexed | bits >> 16);
+  pIndex->walkedNodes_ = static_cast<std::uint16_t>(bits);
+  pIndex->size_ = size;
+  pIndex->subPool_ = subPool;
+  pIndex->pSlots_ = reinterpret_cast<Slot *>(pIndex + 1);
+  pIndex->pTails_ = reinterpret_cast<HashNode **>(pIndex->pSlots_ + capacity);
+  pIndex->bucketCount_ = buckets;
+  pIndex->pFreeEntries_ = ctl.pFreeEntries;
+  pIndex->lastPlace_ = capacity - 1;
+  pIndex->shift_ = 64 - static_cast<std::uint32_t>(std::countr_zero(capacity));
+  pIndex->pNext_ = *ppAnchor;
+  *ppAnchor = pIndex;
+  return pIndex;
+}
+
+void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
+                           std::uint32_t passed) noexcept {
+  const bool isLost = ctl.IndexState == kIndexLost;
+  if ((ctl.IndexState != kNotIndexed && !isLost) || !mayBeIndexed(ctl)) return;
+  if (isLost) forget(frame, &ctl);  // what was lost elsewhere may be this thread's
+  const bool isFull = ctl.WalkedNodes == kMostWalkedNodes;
+  if (!isFull) ++ctl.WalkedNodes;
+  if (isFull || (passed >= kLongestWalkedChain && !isLost)) make(frame, ctl);
+}
+
+void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
+  if (anchor(frame) == nullptr) return;
+  // The last node does not count: mostly it is the one behind a power of two, and is not to double
+  // the slots. After deletions it may be the only one.
+  const std::uint64_t nodes = std::max<std::uint64_t>(nodeCount(ctl), 2) - 1;
+  HashIndex *pIndex = create(frame, ctl, std::bit_ceil(nodes * kSlotsPerNode));
+  if (pIndex == nullptr) {
+    ctl.IndexState = kIndexRefused;
+    return;
+  }
+  pIndex->walkedBefore_ = ctl.WalkedNodes;
+  pIndex->fill(ctl);
+  pIndex->mark(ctl);
+}
+
+void HashIndex::giveUp(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
+  ctl.IndexState = kIndexLost;
+  ctl.WalkedNodes = 0;
+  forget(frame, &ctl);
+}
+
+void HashIndex::drop(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
+  if (!isIndexed(ctl)) return;
+  const HashIndex *pIndex = find(frame, ctl);
+  if (pIndex == nullptr) return giveUp(frame, ctl);
+  ctl.IndexState = kNotIndexed;
+  ctl.WalkedNodes = pIndex->walkedBefore_;
+  forget(frame, &ctl);
+}
+
+void HashIndex::forget(const CallFrame &frame, const MEMHashCtlBlk *pTable) noexcept {
+  HashIndex **ppLink = anchor(frame);
+  while (ppLink != nullptr && *ppLink != nullptr) {
+    if ((*ppLink)->pTable_ == pTable) {
+      release(ppLink);
+    } else {
+      ppLink = &(*ppLink)->pNext_;
+    }
+  }
+}
+
+void HashIndex::forgetAll(const CallFrame &frame) noexcept {
+  HashIndex **ppAnchor = anchor(frame);
+  while (ppAnchor != nullptr && *ppAnchor != nullptr) release(ppAnchor);
+}
+
+// Takes an index off the thread and returns its storage.
+void HashIndex::release(HashIndex **ppLink) noexcept {
+  HashIndex *pIndex = *ppLink;
+  *ppLink = pIndex->pNext_;
+  functionVector().MEM_Free(pIndex, pIndex->size_, pIndex->subPool_);
+}
+
+void HashIndex::fill(MEMHashCtlBlk &ctl) noexcept {
+  for (std::int32_t i = 0; i <= ctl.Max; ++i) {
+    HashNode *pNode = *ctl.bucket(static_cast<std::int16_t>(i));
+    for (; pNode != nullptr; pNode = pNode->pNext) {
+      const std::uint64_t key = keyOf(ctl, pNode);
+      noteTail(i, key, pNode);
+      put({.key = key, .pNode = pNode});
+    }
+  }
+}
+
+void HashIndex::fillFrom(const HashIndex &smaller) noexcept {
+  std::memcpy(tails(), smaller.tails(), tailsLen(bucketCount_));
+  for (std::uint32_t i = 0; i <= smaller.lastPlace_; ++i) {
+    if (smaller.pSlots_[i].pNode != nullptr) put(smaller.pSlots_[i]);
+  }
+}
+
+void HashIndex::grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
+  HashIndex *pLarger = create(frame, ctl, std::uint64_t{capacity()} * kGrowth);
+  if (pLarger == nullptr) pLarger = create(frame, ctl, std::uint64_t{capacity()} * kLeastGrowth);
+  if (pLarger == nullptr) {
+    drop(frame, ctl);
+    ctl.IndexState = kIndexRefused;
+    return;
+  }
+  pLarger->walkedBefore_ = walkedBefore_;
+  pLarger->fillFrom(*this);
+  pLarger->mark(ctl);
+  HashIndex **ppLink = &pLarger->pNext_;
+  while (*ppLink != this) ppLink = &(*ppLink)->pNext_;
+  release(ppLink);
+}
+
+// Another key has the key's place. Keys less than 16 bytes apart, which would fill the places of
+// their page many times over, go on where their lowest bits lead: those with the same ones stay
+// side by side for 256 bytes. Others go on at the next place.
+HashIndex::Slot *HashIndex::seekElsewhere(std::uint64_t key) const noexcept {
+  std::uint32_t place = placeOf(key) + 1;
+  if (key % 16 != 0) {
+    const std::uint64_t group = key / 256 * 16 + key % 16;
+    place = static_cast<std::uint32_t>(((group * kSpread) >> shift_) + key % 256 / 16);
+  }
+  Slot *pSlot = &pSlots_[place & lastPlace_];
+  while (pSlot->pNode != nullptr && pSlot->key != key) {
+    pSlot = pSlot == &pSlots_[lastPlace_] ? pSlots_ : pSlot + 1;
+  }
+  return pSlot;
+}
+
+// Others may have inserted a key twice: a walk finds the first.
+void HashIndex::put(const Slot &entry) noexcept {
+  Slot *pSlot = slotOf(entry.key);
+  if (pSlot->pNode != nullptr) return;
+  *pSlot = entry;
+  ++count_;
+}
+
+}  // namespace mem

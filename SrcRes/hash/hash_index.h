@@ -1,0 +1,244 @@
+// Private index of a hash table whose chains have grown long: from a key to its node, and from a
+// bucket to its last node. The table itself, its chains and their order stay as they are; insert
+// and get only find their place without walking a chain.
+//
+// Only tables of the library's own packer and port string writer get one. Their keys are addresses
+// that never change in place, as a caller's keys may; and their hash functions leave many buckets
+// empty, so that chains grow with the graph.
+//
+// An index lives in storage from the table's subpool, hangs on the thread block of the thread that
+// made it, and goes with the table or with that thread. Without a thread block or storage the
+// chains are walked.
+//
+// The table's blocks are public: a host's own services may work on them, and so may other threads
+// and frames without a thread block, which do not find the index. So it never tells that a key is
+// absent without a look at the chain: a get walks it, an insert sees that it ends as noted. A node
+// that the index knows still has to have its key, and the list of deleted nodes to begin as noted;
+// else chains are walked, and an insert gives the index up. This sees all inserts of others, and
+// deletions unless there are two or more between two inserts of the library and every deleted node
+// is in use again by then.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "frame/callframe.h"
+#include "hash/hashblocks.h"
+#include "platform/platform.h"
+
+namespace mem {
+
+// A table with chains up to this long is walked, and makes no storage calls of its own, ...
+inline constexpr std::uint32_t kLongestWalkedChain = 64;
+// ... as long as it has no more nodes than this. The port string writer's buckets are many: short
+// chains all over storage take as long to walk as a long one.
+inline constexpr std::uint16_t kMostWalkedNodes = 2048;
+
+// States of a table: MEMHashCtlBlk.IndexState.
+inline constexpr std::uint16_t kNotIndexed = 0;
+inline constexpr std::uint16_t kIndexRefused = 1;  // there was no storage; not asked for again
+// Another index is made only when the table has grown by kMostWalkedNodes, since making one takes
+// long, and others may go on as they did.
+inline constexpr std::uint16_t kIndexLost = 2;
+// Set when the table has an index. The bits below it, and WalkedNodes, tell which: a thread may
+// come upon one of an earlier table at the same address, or one that the table has lost elsewhere.
+inline constexpr std::uint16_t kIndexed = 0x8000;
+
+inline bool isIndexed(const MEMHashCtlBlk &ctl) noexcept {
+  return (ctl.IndexState & kIndexed) != 0;
+}
+
+class HashIndex {
+ public:
+  // The table's index, or null: also where the table has one that this frame cannot find, and where
+  // others have deleted nodes since.
+  static HashIndex *of(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept {
+    return isIndexed(ctl) ? find(frame, ctl) : nullptr;
+  }
+
+  // Takes note of a node that has become the last of a chain with `passed` nodes in front of it.
+  // Makes an index of all that the table holds when it has grown enough, if it is a table that may
+  // have one and there is storage for it.
+  static void noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl, std::uint32_t passed) noexcept;
+
+  // For an insert: if the table has an index, it is wrong or not to be found.
+  static void lose(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
+    if (isIndexed(ctl)) giveUp(frame, ctl);
+  }
+
+  // For a delete: returns the table's index, if it has one.
+  static void drop(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
+
+  // For open and close: returns all that the thread has for a table at this address.
+  static void forget(const CallFrame &frame, const MEMHashCtlBlk *pTable) noexcept;
+
+  // For the thread's end: returns all that the thread has.
+  static void forgetAll(const CallFrame &frame) noexcept;
+
+  // A key's place in the index, valid until a node is added.
+  struct Slot {
+    std::uint64_t key;
+    HashNode *pNode;  // null in a free slot: the index does not have the key
+  };
+  Slot *slotOf(const void *pKey) const noexcept { return slotOf(loadAs<std::uint64_t>(pKey)); }
+
+  // The node with the key, or null when only a walk tells whether there is one.
+  HashNode *nodeWith(const MEMHashCtlBlk &ctl, const void *pKey) const noexcept {
+    const Slot *pSlot = slotOf(pKey);
+    return pSlot->pNode != nullptr && stillHolds(ctl, *pSlot) ? pSlot->pNode : nullptr;
+  }
+
+  // True when the key's slot tells what a walk of the key's bucket would: the node with the key, or
+  // that there is none.
+  bool canTell(MEMHashCtlBlk &ctl, const Slot &slot, std::int16_t index) const noexcept {
+    return slot.pNode != nullptr ? stillHolds(ctl, slot) : stillEnds(ctl, index);
+  }
+
+  // The null link at the end of a bucket's chain, if the index can tell of the bucket.
+  HashNode **endOf(MEMHashCtlBlk &ctl, std::int16_t index) const noexcept {
+    HashNode *pTail = tails()[index];
+    return pTail == nullptr ? ctl.bucket(index) : &pTail->pNext;
+  }
+
+  // Takes note of a node that has become the last of its bucket; `pSlot` is its key's. The index
+  // may move or, for want of storage, vanish: it is not to be used afterwards.
+  static void add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pIndex, Slot *pSlot,
+                  std::int16_t index, HashNode *pNode) noexcept {
+    const std::uint64_t key = keyOf(ctl, pNode);
+    *pSlot = {.key = key, .pNode = pNode};
+    pIndex->noteTail(index, key, pNode);
+    pIndex->pFreeEntries_ = ctl.pFreeEntries;
+    ++pIndex->count_;
+    if (pIndex->count_ > pIndex->capacity() / 2) pIndex->grow(frame, ctl);
+  }
+
+  // Asks for a key's slot, and a little later for what the user will read of the record behind it,
+  // some time before the key is looked up.
+  void wantSlot(const void *pKey) const noexcept { want(firstSlotOf(pKey)); }
+  void wantRecord(const void *pKey, std::size_t offset) const noexcept {
+    const Slot *pSlot = firstSlotOf(pKey);
+    // To ask for an address that is not there takes long.
+    const void *pWanted = pSlot;
+    if (pSlot->pNode != nullptr) pWanted = bytesAt(pSlot->pNode->record(), offset);
+    want(pWanted);
+  }
+
+  // True when look-ups are likely to wait for storage: the slots are more than near caches hold.
+  bool isLarge() const noexcept { return capacity() >= kLargeCapacity; }
+
+ private:
+  static constexpr std::uint32_t kLargeCapacity = 0x20000;  // 2 MB of slots
+
+  static void want(const void *pWanted) noexcept {
+    MEM_PREFETCH(pWanted);
+    // g++ takes a function that only asks ahead for one without effect, and drops calls of it.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  }
+
+  static HashIndex *find(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept;
+  MEM_NOINLINE static void giveUp(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
+  static HashIndex **anchor(const CallFrame &frame) noexcept;
+  static HashIndex *create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
+                           std::uint64_t slots) noexcept;
+  static const void *keyIn(const MEMHashCtlBlk &ctl, HashNode *pNode) noexcept {
+    return bytesAt(pNode->record(), static_cast<std::size_t>(ctl.KeyOff));
+  }
+  static std::uint64_t keyOf(const MEMHashCtlBlk &ctl, HashNode *pNode) noexcept {
+    return loadAs<std::uint64_t>(keyIn(ctl, pNode));
+  }
+  // True when a node that was noted with its key still has it.
+  static bool stillHolds(const MEMHashCtlBlk &ctl, const Slot &noted) noexcept {
+    return keyOf(ctl, noted.pNode) == noted.key;
+  }
+  // True when a bucket's chain ends as noted. Empty buckets come in no order: no branch for them.
+  bool stillEnds(MEMHashCtlBlk &ctl, std::int16_t index) const noexcept {
+    HashNode *pTail = tails()[index];
+    const std::uint32_t &noted = tailKeys()[index];
+    const void *pKey = pTail == nullptr ? &noted : keyIn(ctl, pTail);
+    return *endOf(ctl, index) == nullptr && loadAs<std::uint32_t>(pKey) == noted;
+  }
+
+  bool isRightFor(const MEMHashCtlBlk &ctl) const noexcept {
+    return pTable_ == &ctl && indexState_ == ctl.IndexState && walkedNodes_ == ctl.WalkedNodes &&
+           pFreeEntries_ == ctl.pFreeEntries;
+  }
+  void mark(MEMHashCtlBlk &ctl) const noexcept {
+    ctl.IndexState = indexState_;
+    ctl.WalkedNodes = walkedNodes_;
+  }
+
+  MEM_NOINLINE static void make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
+  static void release(HashIndex **ppLink) noexcept;
+  MEM_NOINLINE void grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
+  void fill(MEMHashCtlBlk &ctl) noexcept;
+  void fillFrom(const HashIndex &smaller) noexcept;
+  void put(const Slot &entry) noexcept;
+  Slot *slotOf(std::uint64_t key) const noexcept;
+  std::uint32_t placeOf(std::uint64_t key) const noexcept;
+  MEM_NOINLINE Slot *seekElsewhere(std::uint64_t key) const noexcept;
+  Slot *firstSlotOf(const void *pKey) const noexcept {
+    return &pSlots_[placeOf(loadAs<std::uint64_t>(pKey))];
+  }
+  std::uint32_t capacity() const noexcept { return lastPlace_ + 1; }
+  // The last node of each bucket, null where it is empty, and behind these the first four bytes of
+  // each one's key. Whole keys would double what an insert reads of this, and two addresses in one
+  // storage hardly agree in these.
+  HashNode **tails() const noexcept { return pTails_; }
+  std::uint32_t *tailKeys() const noexcept {
+    return reinterpret_cast<std::uint32_t *>(pTails_ + bucketCount_);
+  }
+  void noteTail(std::int32_t index, std::uint64_t key, HashNode *pNode) noexcept {
+    tails()[index] = pNode;
+    tailKeys()[index] = loadAs<std::uint32_t>(&key);
+  }
+  static std::size_t tailsLen(std::size_t buckets) noexcept {
+    return buckets * (sizeof(HashNode *) + sizeof(std::uint32_t));
+  }
+
+  const MEMHashCtlBlk *pTable_;
+  HashIndex *pNext_;              // further index of the thread
+  Slot *pSlots_;                  // a power of 2, at most half of them in use
+  HashNode **pTails_;             // behind the slots
+  const HashNode *pFreeEntries_;  // the table's when it was changed last
+  std::uint32_t lastPlace_;       // of a slot: one less than a power of 2
+  std::uint32_t shift_;           // leaves the bits of a place of a 64-bit product
+  std::uint32_t count_;           // slots in use
+  std::uint32_t size_;            // bytes of storage
+  std::uint32_t bucketCount_;     // of the table
+  std::int16_t subPool_;          // of the storage
+  std::uint16_t indexState_;      // what the table's fields of that name hold
+  std::uint16_t walkedNodes_;
+  std::uint16_t walkedBefore_;  // what the latter held before the table had an index
+};
+
+// Spreads consecutive numbers evenly over the upper bits of a product.
+inline constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15U;
+
+// Where the thread's first index hangs, or null when the frame has no thread block.
+inline HashIndex **HashIndex::anchor(const CallFrame &frame) noexcept {
+  const MEMThreadEnv *pThread = frame.thread();
+  if (pThread == nullptr || pThread->pMemThreadBlk == nullptr) return nullptr;
+  return reinterpret_cast<HashIndex **>(&pThread->pMemThreadBlk->pHashIndexes);
+}
+
+inline HashIndex *HashIndex::find(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept {
+  HashIndex *const *ppAnchor = anchor(frame);
+  HashIndex *pIndex = ppAnchor == nullptr ? nullptr : *ppAnchor;
+  while (pIndex != nullptr && !pIndex->isRightFor(ctl)) pIndex = pIndex->pNext_;
+  return pIndex;
+}
+
+// Where a key belongs. Structures that lie together are met together, so the addresses of one page
+// have places side by side, one for 16 bytes; the pages are spread by a multiplication.
+inline std::uint32_t HashIndex::placeOf(std::uint64_t key) const noexcept {
+  const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * kSpread) >> shift_);
+  return (ofPage + static_cast<std::uint32_t>(key % 4096 / 16)) & lastPlace_;
+}
+
+// The slot with the key, or the free one where it belongs.
+inline HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
+  Slot *pSlot = &pSlots_[placeOf(key)];
+  return pSlot->pNode == nullptr || pSlot->key == key ? pSlot : seekElsewhere(key);
+}
+
+}  // namespace mem

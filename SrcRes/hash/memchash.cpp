@@ -1,0 +1,282 @@
+#include "hash/memchash.h"
+
+#include <cstring>
+
+#include "base/bytes.h"
+#include "base/copybytes.h"
+#include "frame/callframe.h"
+#include "hash/hash_index.h"
+#include "hash/hashblocks.h"
+
+namespace mem {
+
+namespace {
+
+constexpr EntryPoint kHashOpen{"MEM_HashOpen", kSourceHash, 152, 211};
+constexpr EntryPoint kHashClose{"MEM_HashClose", kSourceHash, 263, 309};
+constexpr EntryPoint kHashInsEntry{"MEM_HashInsEntry", kSourceHash, 361, 468};
+constexpr EntryPoint kHashGetEntry{"MEM_HashGetEntry", kSourceHash, 521, 590};
+// Delete and scan trace under the name of get; hosts know them apart by the line.
+constexpr EntryPoint kHashDelEntry{"MEM_HashGetEntry", kSourceHash, 643, 721};
+constexpr EntryPoint kHashScan{"MEM_HashGetEntry", kSourceHash, 772, 818};
+
+constexpr char kReturnNotFound[] = "Return=MEMERR_HASHNFND";
+
+MEMHashCtlBlk *table(HMEMHASH hMemHash) noexcept {
+  return reinterpret_cast<MEMHashCtlBlk *>(hMemHash);
+}
+
+bool isTable(HMEMHASH hMemHash) noexcept {
+  return hMemHash != nullptr && hasEyecatcher(hMemHash, kHashEye);
+}
+
+std::int16_t failHandle(CallFrame &frame, HMEMHASH hMemHash, Wording wording) noexcept {
+  return frame.fail({.code = MEMERR_HASHBHDL,
+                     .text = ErrorText("Invalid Hash Handle=").pointer(hMemHash).c_str(),
+                     .wording = wording});
+}
+
+std::int16_t failIndex(CallFrame &frame, std::int16_t index) noexcept {
+  const auto shown = static_cast<std::uint32_t>(static_cast<std::int32_t>(index));
+  return frame.fail({.code = MEMERR_HASHFERR,
+                     .text = ErrorText("Hash Func returned invalid value=").hex(shown, 8).c_str(),
+                     .wording = Wording::composed});
+}
+
+std::int16_t failControlBlock(CallFrame &frame) noexcept {
+  return frame.fail({.code = MEMERR_HASHAMEM, .text = "HashCBAllocFail"});
+}
+
+std::int16_t finishNotFound(CallFrame &frame) noexcept {
+  frame.traceExit(kReturnNotFound);
+  return frame.finish(MEMERR_HASHNFND);
+}
+
+// Ends a call in which another service failed; that service's error stands.
+std::int16_t finishFailed(CallFrame &frame, const char *pExitText) noexcept {
+  frame.traceExit(pExitText);
+  return frame.finish(-1);
+}
+
+bool isIndex(const MEMHashCtlBlk &ctl, std::int16_t index) noexcept {
+  return index >= 0 && index <= ctl.Max;
+}
+
+const void *keyIn(const MEMHashCtlBlk &ctl, const void *pRecord) noexcept {
+  return static_cast<const std::byte *>(pRecord) + ctl.KeyOff;
+}
+
+// A key length of 0 or less compares nothing: all keys are equal.
+bool keysEqual(const MEMHashCtlBlk &ctl, const void *pKey, const void *pOther) noexcept {
+  return ctl.KeyLen <= 0 || std::memcmp(pKey, pOther, static_cast<std::size_t>(ctl.KeyLen)) == 0;
+}
+
+// Where a walk of a chain has ended: at the link that points at the node with the key, or else at
+// the null link at the chain's end.
+struct Place {
+  HashNode **ppLink;
+  std::uint32_t passed;  // nodes in front of it
+
+  HashNode *node() const noexcept { return *ppLink; }
+};
+
+template <class IsEqual>
+Place walkChain(MEMHashCtlBlk &ctl, std::int16_t index, IsEqual isEqual) noexcept {
+  Place place{ctl.bucket(index), 0};
+  while (*place.ppLink != nullptr && !isEqual((*place.ppLink)->record())) {
+    place.ppLink = &(*place.ppLink)->pNext;
+    ++place.passed;
+  }
+  return place;
+}
+
+// Addresses and numbers as keys are compared as one word.
+Place findPlace(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexcept {
+  if (ctl.KeyLen == sizeof(std::uint64_t)) {
+    const auto key = loadAs<std::uint64_t>(pKey);
+    return walkChain(ctl, index, [&ctl, key](const void *pRecord) noexcept {
+      return loadAs<std::uint64_t>(keyIn(ctl, pRecord)) == key;
+    });
+  }
+  return walkChain(ctl, index, [&ctl, pKey](const void *pRecord) noexcept {
+    return keysEqual(ctl, pKey, keyIn(ctl, pRecord));
+  });
+}
+
+// A node with a null link for a record of `Len` bytes, or null with the heap's error standing. A
+// deleted node is taken without a look at its size: all records of a table have one length.
+HashNode *MemHashAllocEntry(MEMHashCtlBlk &ctl, std::int16_t Len) noexcept {
+  if (Len >= 0 && ctl.pFreeEntries != nullptr) {
+    HashNode *pNode = ctl.pFreeEntries;
+    ctl.pFreeEntries = pNode->pNext;
+    pNode->pNext = nullptr;
+    return pNode;
+  }
+  // Link and rounding, computed in 16 bits. A negative length goes to the heap as it is, which
+  // refuses it.
+  const auto entryLen = static_cast<std::int16_t>(Len < 0 ? Len : Len + 15);
+  void *pEntry = nullptr;
+  const std::int16_t result = functionVector().MEM_HeapAllocEntry(ctl.hMemHeap, entryLen, &pEntry);
+  if (result != 0 || Len < 0 || pEntry == nullptr) return nullptr;
+  auto *pNode = static_cast<HashNode *>(pEntry);
+  pNode->pNext = nullptr;
+  return pNode;
+}
+
+}  // namespace
+
+const HashIndex *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) noexcept {
+  const MEMFunctionVector &slots = functionVector();
+  const bool isOwn = slots.MEM_HashOpen == MEM_HashOpen &&
+                     slots.MEM_HashInsEntry == MEM_HashInsEntry &&
+                     slots.MEM_HashGetEntry == MEM_HashGetEntry;
+  if (!isOwn || !isTable(hMemHash)) return nullptr;
+  const HashIndex *pIndex = HashIndex::of(frame, *table(hMemHash));
+  return pIndex != nullptr && pIndex->isLarge() ? pIndex : nullptr;
+}
+
+std::int16_t MEM_HashOpen(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t KeyLen,
+                          std::int16_t Max, MEMHashFunc pFunc, std::int16_t AreaLen,
+                          std::uint16_t SubPool) noexcept {
+  CallFrame frame(kHashOpen, ErrorArea::clear);
+  frame.traceEntry("Parms: phHash=%lX, KeyOff=%hd, KeyLen=%hd, Max=%hd, pFunc=%lX", phHash, KeyOff,
+                   KeyLen, Max, pFunc);
+  if (Max < -1) return failControlBlock(frame);  // no room for the block's own fields
+  const std::size_t buckets = static_cast<std::size_t>(Max + 1);
+  const auto ctlBlkLen =
+      static_cast<std::uint32_t>(sizeof(MEMHashCtlBlk) + buckets * sizeof(HashNode *));
+  auto *pCtl = static_cast<MEMHashCtlBlk *>(
+      functionVector().MEM_Alloc(ctlBlkLen, static_cast<std::int16_t>(SubPool)));
+  if (pCtl == nullptr) return failControlBlock(frame);
+
+  HashIndex::forget(frame, pCtl);  // of a table that this thread did not see closed
+  std::memset(static_cast<void *>(pCtl), 0, ctlBlkLen);
+  writeEyecatcher(pCtl->Eyecatcher, kHashEye);
+  pCtl->KeyOff = KeyOff;
+  pCtl->KeyLen = KeyLen;
+  pCtl->Max = Max;
+  pCtl->pFunc = pFunc;
+  pCtl->SubPool = SubPool;
+  pCtl->CtlBlkLen = ctlBlkLen;
+  if (functionVector().MEM_HeapOpen(&pCtl->hMemHeap, AreaLen, SubPool) != 0) {
+    return finishFailed(frame, "HeapOpen Return=FAILED");
+  }
+  *phHash = reinterpret_cast<HMEMHASH>(pCtl);
+  return frame.succeed();
+}
+
+std::int16_t MEM_HashClose(HMEMHASH hMemHash) noexcept {
+  CallFrame frame(kHashClose, ErrorArea::clear);
+  frame.traceEntry("Parms: hMemHash=%lX", hMemHash);
+  if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::named);
+  MEMHashCtlBlk *pCtl = table(hMemHash);
+  if (functionVector().MEM_HeapClose(pCtl->hMemHeap) != 0) {
+    return finishFailed(frame, "HeapClose Return=FAILED");
+  }
+  HashIndex::forget(frame, pCtl);
+  pCtl->Eyecatcher[0] = ' ';  // a stale handle fails the eye-catcher test
+  functionVector().MEM_Free(pCtl, pCtl->CtlBlkLen, static_cast<std::int16_t>(pCtl->SubPool));
+  return frame.succeed();
+}
+
+std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *pInputEntry,
+                              void **ppNewEntry) noexcept {
+  CallFrame frame(kHashInsEntry, ErrorArea::clear);
+  frame.traceEntry("Parms: hMemHash=%lX, Len=%hd, pInputEntry=%lX, ppNewEntry=%lX", hMemHash, Len,
+                   pInputEntry, ppNewEntry);
+  if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::composed);
+  MEMHashCtlBlk &ctl = *table(hMemHash);
+  const void *pKey = keyIn(ctl, pInputEntry);
+  const std::int16_t index = ctl.pFunc(pKey);
+  if (!isIndex(ctl, index)) return failIndex(frame, index);
+
+  HashIndex *pIndex = HashIndex::of(frame, ctl);
+  HashIndex::Slot *pSlot = nullptr;
+  Place place{};
+  HashNode *pFound = nullptr;
+  if (pIndex != nullptr) {
+    place.ppLink = pIndex->endOf(ctl, index);
+    pSlot = pIndex->slotOf(pKey);
+    if (!pIndex->canTell(ctl, *pSlot, index)) pIndex = nullptr;
+  }
+  if (pIndex == nullptr) {
+    HashIndex::lose(frame, ctl);
+    place = findPlace(ctl, index, pKey);
+    pFound = place.node();
+  } else {
+    pFound = pSlot->pNode;
+  }
+  if (pFound != nullptr) {
+    *ppNewEntry = pFound->record();
+    frame.traceExit("Return=MEMERR_HASHDKEY");
+    return frame.finish(MEMERR_HASHDKEY);
+  }
+  HashNode *pNode = MemHashAllocEntry(ctl, Len);
+  if (pNode == nullptr) return finishFailed(frame, "MemHashAllocEntry Return=FAILED");
+  copyBytes(pNode->record(), pInputEntry, static_cast<std::size_t>(Len));
+  *place.ppLink = pNode;  // at the end: a bucket keeps the order of insertion
+  *ppNewEntry = pNode->record();
+  if (pIndex != nullptr) {
+    HashIndex::add(frame, ctl, pIndex, pSlot, index, pNode);
+  } else {
+    HashIndex::noteWalked(frame, ctl, place.passed);
+  }
+  return frame.succeed();
+}
+
+std::int16_t MEM_HashGetEntry(HMEMHASH hMemHash, const void *pKey, void **ppEntry) noexcept {
+  CallFrame frame(kHashGetEntry, ErrorArea::clear);
+  frame.traceEntry("Parms: hMemHash=%lX, pKey=%lX", hMemHash, pKey);
+  if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::composed);
+  MEMHashCtlBlk &ctl = *table(hMemHash);
+  const HashIndex *pIndex = HashIndex::of(frame, ctl);
+  HashNode *pNode = pIndex == nullptr ? nullptr : pIndex->nodeWith(ctl, pKey);
+  if (pNode == nullptr) {
+    // A key in an index has a bucket: the hash function is the library's own, and was asked for it.
+    const std::int16_t index = ctl.pFunc(pKey);
+    if (!isIndex(ctl, index)) return failIndex(frame, index);
+    pNode = findPlace(ctl, index, pKey).node();
+  }
+  if (pNode == nullptr) return finishNotFound(frame);
+  *ppEntry = pNode->record();
+  return frame.succeed();
+}
+
+std::int16_t MEM_HashDelEntry(HMEMHASH hMemHash, const void *pKey) noexcept {
+  CallFrame frame(kHashDelEntry, ErrorArea::clear);
+  frame.traceEntry("Parms: hMemHash=%lX, pKey=%lX", hMemHash, pKey);
+  if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::composed);
+  MEMHashCtlBlk &ctl = *table(hMemHash);
+  const std::int16_t index = ctl.pFunc(pKey);
+  if (!isIndex(ctl, index)) return failIndex(frame, index);
+
+  HashIndex::drop(frame, ctl);  // an index does not follow deletions
+  const Place place = findPlace(ctl, index, pKey);
+  HashNode *pNode = place.node();
+  if (pNode == nullptr) return finishNotFound(frame);
+  *place.ppLink = pNode->pNext;
+  pNode->pNext = ctl.pFreeEntries;
+  ctl.pFreeEntries = pNode;
+  return frame.succeed();
+}
+
+std::int16_t MEM_HashScan(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm) noexcept {
+  CallFrame frame(kHashScan, ErrorArea::clear);
+  frame.traceEntry("MEM_HashScan");
+  if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::composed);
+  MEMHashCtlBlk &ctl = *table(hMemHash);
+  std::int16_t lastError = 0;
+  for (std::int32_t index = 0; index <= ctl.Max; ++index) {
+    HashNode *pNode = *ctl.bucket(static_cast<std::int16_t>(index));
+    while (pNode != nullptr) {
+      const std::int16_t result = pFct(pNode->record(), pParm);
+      if (result != 0) lastError = result;
+      pNode = pNode->pNext;
+    }
+  }
+  if (lastError == 0) return frame.succeed();
+  frame.traceExit("pFct Return error");
+  return frame.finish(lastError);
+}
+
+}  // namespace mem

@@ -1,0 +1,49 @@
+#include "heap/heap_parts.h"
+
+namespace mem {
+
+std::int16_t failComposed(CallFrame &frame, std::uint32_t code, const ErrorText &text,
+                          bool marksComponent) noexcept {
+  return frame.fail({.code = code,
+                     .text = text.c_str(),
+                     .wording = Wording::composed,
+                     .marksComponent = marksComponent});
+}
+
+std::int16_t passOn(CallFrame &frame, std::int16_t result) noexcept {
+  return result == 0 ? frame.succeed() : frame.finish(result);
+}
+
+std::int16_t allocChain(CallFrame &frame, HMEMHEAP hMemHeap, const EntryChain &chain,
+                        const EntrySource &source, void **ppEntry) noexcept {
+  if (chain.NumEnties < 1) {
+    return failComposed(frame, MEMERR_HEAPNUME,
+                        ErrorText("Num of entries=").decimal(chain.NumEnties).text(" too small"),
+                        source.marksComponent);
+  }
+  if (chain.LinkOff < 0) {
+    return failComposed(frame, MEMERR_HEAPLOFF,
+                        ErrorText("Link offset=").decimal(chain.LinkOff).text(" less than zero"),
+                        source.marksComponent);
+  }
+  const auto linkOff = static_cast<std::size_t>(chain.LinkOff);
+  void *pFirst = nullptr;
+  void *pLast = nullptr;
+  for (std::int32_t i = 0; i < chain.NumEnties; ++i) {
+    void *pEntry = nullptr;
+    if ((functionVector().*source.slot)(hMemHeap, chain.Len, &pEntry) != 0) {
+      return frame.finish(-1);
+    }
+    if (pFirst == nullptr) {
+      pFirst = pEntry;
+    } else {
+      storeAs(bytesAt(pLast, linkOff), pEntry);
+    }
+    pLast = pEntry;
+  }
+  storeAs<void *>(bytesAt(pLast, linkOff), nullptr);
+  *ppEntry = pFirst;
+  return frame.succeed();
+}
+
+}  // namespace mem

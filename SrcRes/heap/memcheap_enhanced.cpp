@@ -1,0 +1,247 @@
+#include "heap/memcheap_enhanced.h"
+
+#include "heap/heap_parts.h"
+
+namespace mem {
+
+namespace {
+
+constexpr EntryPoint kEHeapOpen{"MEM_EHeapOpen", kSourceHeap, 897, 958};
+constexpr EntryPoint kEHeapClose{"MEM_EHeapClose", kSourceHeap, 1004, 1077};
+constexpr EntryPoint kEHeapAllocEntry{"MEM_EHeapAllocEntry", kSourceHeap, 1126, 1268};
+constexpr EntryPoint kEHeapFreeEntry{"MEM_EHeapFreeEntry", kSourceHeap, 1317, 1401};
+constexpr EntryPoint kEHeapAllocMult{"MEM_EHeapAllocMultEntries", kSourceHeap, 1452, 1516};
+constexpr EntryPoint kEHeapAllocLongMult{"MEM_EHeapAllocLongMultEntries", kSourceHeap, 1567, 1631};
+
+// Line numbers of the storage trace.
+constexpr std::int32_t kLineHeaderObtained = 939;
+constexpr std::int32_t kLineBlockFreed = 1036;
+constexpr std::int32_t kLineAreaFreed = 1058;
+constexpr std::int32_t kLineAreaObtained = 1196;
+constexpr std::int32_t kLineBlockObtained = 1234;
+
+constexpr std::uint8_t kGateHeld = 0x01;
+constexpr std::uint8_t kHasLargeBlock = 0x02;
+
+// An entry that is given back must have room for a free item's link and size.
+constexpr std::int64_t kMinEntryLen = 16;
+
+constexpr EntrySource kEnhancedEntries{&MEMFunctionVector::MEM_EHeapAllocEntry, true};
+
+MEMEHeapHeader &header(HMEMHEAP hMemHeap) noexcept {
+  return *reinterpret_cast<MEMEHeapHeader *>(hMemHeap);
+}
+
+// Any length is served; those too small for a free item, 0 and less among them, as the smallest.
+std::int64_t enhancedEntryLen(std::int32_t Len) noexcept {
+  const std::int64_t aligned = alignedEntryLen(Len);
+  return aligned < kMinEntryLen ? kMinEntryLen : aligned;
+}
+
+std::int16_t failComposed(CallFrame &frame, std::uint32_t code, const ErrorText &text) noexcept {
+  return failComposed(frame, code, text, true);
+}
+
+std::int16_t failHandle(CallFrame &frame, HMEMHEAP hMemHeap) noexcept {
+  return failComposed(frame, MEMERR_HEAPBHDL, ErrorText("Invalid Heap Handle=").pointer(hMemHeap));
+}
+
+std::int16_t failStorage(CallFrame &frame, const char *pText) noexcept {
+  return failComposed(frame, MEMERR_HEAPAMEM, ErrorText(pText));
+}
+
+std::int16_t failEntry(CallFrame &frame, const void *pEntry) noexcept {
+  return failComposed(frame, MEMERR_HEAPENTRY, ErrorText("BuffPtr=").pointer(pEntry));
+}
+
+// A gate service has failed: its own code and text become the inner ones.
+std::int16_t failGate(CallFrame &frame, const char *pService) noexcept {
+  frame.keepHostError();
+  return failComposed(frame, MEMERR_HEAPGATE, ErrorText(pService));
+}
+
+// Holds a heap's gate until the end of its scope: on a failing path past the report, so that the
+// error is complete when another thread gets its turn. Only the operation that has taken the gate
+// releases it; the flag in the header tells observers and is never asked.
+class HeldGate {
+ public:
+  explicit HeldGate(MEMEHeapHeader &heap) noexcept
+      : heap_(heap), isHeld_(runtimeServices().AcquireGate(heap.hGate) == 0) {
+    if (isHeld_) heap_.Flags |= kGateHeld;
+  }
+  ~HeldGate() noexcept {
+    if (!isHeld_) return;
+    heap_.Flags &= static_cast<std::uint8_t>(~kGateHeld);
+    runtimeServices().ReleaseGate(heap_.hGate);
+  }
+  HeldGate(const HeldGate &) = delete;
+  HeldGate &operator=(const HeldGate &) = delete;
+
+  bool isHeld() const noexcept { return isHeld_; }
+
+ private:
+  MEMEHeapHeader &heap_;
+  const bool isHeld_;
+};
+
+// Unlinks the first free entry of exactly this size and hands it out cleared; null when the list
+// has none. Nothing in the library links entries into the list: a free only prepares them.
+void *takeFreeEntry(MEMEHeapHeader &heap, std::uint32_t aligned) noexcept {
+  void *pLink = &heap.pFreeEntries;
+  while (void *pItem = loadAs<void *>(pLink)) {
+    const auto item = loadAs<MEMEHeapFreeItem>(pItem);
+    if (item.EntrySize == aligned) {
+      storeAs(pLink, item.pNextFree);
+      std::memset(pItem, 0, aligned);
+      return pItem;
+    }
+    pLink = pItem;  // an item begins with its link
+  }
+  return nullptr;
+}
+
+// REQUIRES: the gate is held. Null, with nothing changed, when there is no storage.
+void *takeAreaEntry(CallFrame &frame, MEMEHeapHeader &heap, std::uint32_t aligned) noexcept {
+  if (void *pEntry = takeFreeEntry(heap, aligned)) return pEntry;
+  if (static_cast<std::int64_t>(aligned) > heap.pCurArea->FreeLen &&
+      !addArea(frame, heap, kLineAreaObtained, "Allocating Std Heap block, ptr=%p, size=%lu")) {
+    return nullptr;
+  }
+  return carveEntry(*heap.pCurArea, aligned);
+}
+
+// As takeAreaEntry, for an entry that no area can hold.
+void *takeLargeEntry(CallFrame &frame, MEMEHeapHeader &heap, std::uint32_t aligned) noexcept {
+  void *pEntry = addLargeBlock(frame, heap, aligned, kLineBlockObtained,
+                               "Allocating Large Heap block, ptr=%08X, size=%lu");
+  if (pEntry != nullptr) heap.Flags |= kHasLargeBlock;
+  return pEntry;
+}
+
+// True when the entry is a large block's and the block is storage up to this length. The block
+// stays until the heap is closed, so there is nothing else to do.
+bool isLargeEntry(const void *pEntry, std::int64_t aligned) noexcept {
+  const auto blockAddress = reinterpret_cast<std::uintptr_t>(pEntry) - sizeof(MEMHeapLargeBlock);
+  const auto *pBlock = reinterpret_cast<const void *>(blockAddress);
+  const auto blockSize =
+      static_cast<std::uint32_t>(aligned) + static_cast<std::uint32_t>(sizeof(MEMHeapLargeBlock));
+  return runtimeServices().CheckStorage(pBlock, blockSize) == 0 &&
+         hasEyecatcher(pBlock, kLargeBlockEye);
+}
+
+// Clears an area entry and writes what a member of the free list holds. The list itself is not
+// changed: freed storage is not handed out again and returns to the host at close.
+void prepareFreeEntry(const MEMEHeapHeader &heap, void *pEntry, std::uint32_t aligned) noexcept {
+  std::memset(pEntry, 0, aligned);
+  storeAs(bytesAt(pEntry, offsetof(MEMEHeapFreeItem, pNextFree)), heap.pFreeEntries);
+  storeAs(bytesAt(pEntry, offsetof(MEMEHeapFreeItem, EntrySize)), aligned);
+}
+
+}  // namespace
+
+std::int16_t MEM_EHeapOpen(HMEMHEAP *phMemHeap, std::int16_t AreaLen,
+                           std::uint16_t SubPool) noexcept {
+  CallFrame frame(kEHeapOpen, ErrorArea::clear);
+  frame.traceEntry("Parms: phMemHeap=%lX, AreaLen=%hd, SubPool=%hd", phMemHeap, AreaLen, SubPool);
+  if (AreaLen < 1 || AreaLen > kMaxAreaKB) {
+    return failComposed(frame, MEMERR_HEAPSIZE, ErrorText("Invalid Area Length=").decimal(AreaLen));
+  }
+  const std::uint32_t areaSize = static_cast<std::uint32_t>(AreaLen) * 1024;
+  std::uint32_t hGate = 0;
+  if (runtimeServices().CreateGate(&hGate) != 0) return failGate(frame, "CreateGate");
+  auto *pHeap = static_cast<MEMEHeapHeader *>(getHeapStorage(areaSize, SubPool));
+  if (pHeap == nullptr) {
+    frame.keepHostError();
+    runtimeServices().DeleteGate(hGate);
+    return failStorage(frame, "MemAllocFail");
+  }
+  frame.trace(kStorageRecord, kLineHeaderObtained,
+              "Allocating Enhanced Heap header block, ptr=%p, size=%lu", pHeap, areaSize);
+  initArea(pHeap->FirstArea, kEHeapEye, sizeof(MEMEHeapHeader), areaSize);
+  pHeap->hGate = hGate;
+  pHeap->SubPool = SubPool;
+  pHeap->Flags = 0;
+  pHeap->pFreeEntries = nullptr;
+  pHeap->pCurArea = &pHeap->FirstArea;
+  pHeap->pLargeBlocks = nullptr;
+  pHeap->AreaSize = areaSize;
+  *phMemHeap = reinterpret_cast<HMEMHEAP>(pHeap);
+  return frame.succeed();
+}
+
+std::int16_t MEM_EHeapClose(HMEMHEAP hMemHeap) noexcept {
+  CallFrame frame(kEHeapClose, ErrorArea::clear);
+  frame.traceEntry("Parms: hMemHeap=%lX", hMemHeap);
+  if (!isEnhancedHeap(hMemHeap)) {
+    // As for a standard heap, an earlier failure's text is shown instead of the handle.
+    return frame.fail(
+        {.code = MEMERR_HEAPBHDL, .wording = Wording::standing, .marksComponent = true});
+  }
+  MEMEHeapHeader &heap = header(hMemHeap);
+  const std::uint32_t hGate = heap.hGate;
+  if (runtimeServices().AcquireGate(hGate) != 0) return failGate(frame, "AcquireGate");
+  freeLargeBlocks(frame, heap, kLineBlockFreed, "Freeing Large Heap block, ptr=%p, size=%lu");
+  freeAreas(frame, heap, kLineAreaFreed, "Freeing std Heap area, ptr=%p, size=%lu");
+  runtimeServices().ReleaseGate(hGate);
+  runtimeServices().DeleteGate(hGate);
+  return frame.succeed();
+}
+
+std::int16_t MEM_EHeapAllocEntry(HMEMHEAP hMemHeap, std::int32_t Len, void **ppEntry) noexcept {
+  CallFrame frame(kEHeapAllocEntry, ErrorArea::clear);
+  frame.traceEntry("Parms: hMemHeap=%lX, Len=%ld, ppEntry=%lX", hMemHeap, Len, ppEntry);
+  if (!isEnhancedHeap(hMemHeap)) return failHandle(frame, hMemHeap);
+  MEMEHeapHeader &heap = header(hMemHeap);
+  const std::int64_t aligned = enhancedEntryLen(Len);
+  const auto entryLen = static_cast<std::uint32_t>(aligned);
+  {
+    const HeldGate gate(heap);
+    if (!gate.isHeld()) return failGate(frame, "AcquireGate");
+    const bool inArea = fitsInArea(aligned, heap.AreaSize);
+    void *pEntry =
+        inArea ? takeAreaEntry(frame, heap, entryLen) : takeLargeEntry(frame, heap, entryLen);
+    if (pEntry == nullptr) return failStorage(frame, inArea ? "MemAllocFail" : "MemAllocBlkFail");
+    *ppEntry = pEntry;
+  }
+  return frame.succeed();
+}
+
+std::int16_t MEM_EHeapFreeEntry(HMEMHEAP hMemHeap, std::int32_t Len, void *pEntry) noexcept {
+  CallFrame frame(kEHeapFreeEntry, ErrorArea::clear);
+  frame.traceEntry("Parms: hMemHeap=%lX, Len=%ld, ppEntry=%lX", hMemHeap, Len, pEntry);
+  if (!isEnhancedHeap(hMemHeap)) return failHandle(frame, hMemHeap);
+  MEMEHeapHeader &heap = header(hMemHeap);
+  const std::int64_t aligned = enhancedEntryLen(Len);
+  if (!fitsInArea(aligned, heap.AreaSize)) {
+    return isLargeEntry(pEntry, aligned) ? frame.succeed() : failEntry(frame, pEntry);
+  }
+  const auto entryLen = static_cast<std::uint32_t>(aligned);
+  if (runtimeServices().CheckStorage(pEntry, entryLen) != 0) return failEntry(frame, pEntry);
+  {
+    const HeldGate gate(heap);
+    if (!gate.isHeld()) return failGate(frame, "AcquireGate");
+    prepareFreeEntry(heap, pEntry, entryLen);
+  }
+  return frame.succeed();
+}
+
+std::int16_t MEM_EHeapAllocMultEntries(HMEMHEAP hMemHeap, std::int32_t Len, std::int16_t NumEnties,
+                                       std::int16_t LinkOff, void **ppEntry) noexcept {
+  CallFrame frame(kEHeapAllocMult, ErrorArea::clear);
+  frame.traceEntry("Parms: hMemHeap=%lX, Len=%ld, NumEnties= %hd, LinkOff=%hd, ppEntry=%lX",
+                   hMemHeap, Len, NumEnties, LinkOff, ppEntry);
+  if (!isEnhancedHeap(hMemHeap)) return failHandle(frame, hMemHeap);
+  return allocChain(frame, hMemHeap, {Len, NumEnties, LinkOff}, kEnhancedEntries, ppEntry);
+}
+
+std::int16_t MEM_EHeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,
+                                           std::int32_t NumEnties, std::int16_t LinkOff,
+                                           void **ppEntry) noexcept {
+  CallFrame frame(kEHeapAllocLongMult, ErrorArea::clear);
+  frame.traceEntry("Parms: hMemHeap=%lX, Len=%ld, NumEnties= %ld, LinkOff=%hd, ppEntry=%lX",
+                   hMemHeap, Len, NumEnties, LinkOff, ppEntry);
+  if (!isEnhancedHeap(hMemHeap)) return failHandle(frame, hMemHeap);
+  return allocChain(frame, hMemHeap, {Len, NumEnties, LinkOff}, kEnhancedEntries, ppEntry);
+}
+
+}  // namespace mem

@@ -1,0 +1,49 @@
+#include "pack/chain_builder.h"
+
+#include "frame/hostaccess.h"
+
+namespace mem {
+
+namespace {
+
+constexpr std::uint32_t kVersionLen = 4;
+
+}  // namespace
+
+MemPackBlock *BlockChain::obtainBlock() const noexcept {
+  const auto length = static_cast<std::uint32_t>(blockLen_);
+  void *pBlock = functionVector().MEM_Alloc(length, 0);
+  // What stays unwritten must carry nothing of the host's old storage into a file.
+  if (pBlock != nullptr) std::memset(pBlock, 0, length);
+  return static_cast<MemPackBlock *>(pBlock);
+}
+
+MemPackBlock *BlockChain::start() noexcept {
+  pCurrent_ = obtainBlock();
+  if (pCurrent_ != nullptr) setUsed(kFirstSegmentOff);
+  return pCurrent_;
+}
+
+bool BlockChain::canHoldControlBlock(std::uint32_t controlBlockLen) const noexcept {
+  const std::int64_t length = static_cast<std::int64_t>(controlBlockLen) + kVersionLen;
+  return canHold(length, kFirstSegmentOff);
+}
+
+std::byte *BlockChain::append(std::uint32_t length) noexcept {
+  std::byte *pBytes = bytesAt(pCurrent_, static_cast<std::size_t>(kUsedStart) + used_);
+  setUsed(used_ + length);
+  return pBytes;
+}
+
+Placement BlockChain::addBlock(std::uint32_t firstOff) noexcept {
+  if (blockNumber_ + 1 >= MEM_PACK_MAX_BLOCKS) return Placement::tooManyBlocks;
+  MemPackBlock *pBlock = obtainBlock();
+  if (pBlock == nullptr) return Placement::noStorage;
+  pCurrent_->pNext = pBlock;
+  pCurrent_ = pBlock;
+  ++blockNumber_;
+  setUsed(firstOff);
+  return Placement::done;
+}
+
+}  // namespace mem

@@ -1,0 +1,114 @@
+// The chain of blocks that the packer fills: where items go, and when a new block is started.
+#pragma once
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+
+#include "base/bytes.h"
+#include "platform/platform.h"
+#include "qj7mem00/mempack.h"
+
+namespace mem {
+
+enum class Placement {
+  done,
+  tooLong,       // no block of this length can hold the item
+  noStorage,     // a further block could not be obtained
+  tooManyBlocks  // the chain would pass MEM_PACK_MAX_BLOCKS
+};
+
+// A MemPackRelPtr as one word: put together from parts in storage it could not be read as a whole
+// before these are there.
+using RelPtrWord = std::uint64_t;
+static_assert(sizeof(RelPtrWord) == sizeof(MemPackRelPtr));
+
+// Where an item was put: its bytes, and its relative pointer for the pointer fields.
+struct PlacedItem {
+  std::byte *pBytes = nullptr;
+  RelPtrWord relPtr = 0;
+};
+
+// A packed chain under construction. The blocks belong to the caller of the library from the moment
+// they are linked; nothing is released here.
+//
+// Invariants: the current block is the last of the chain; used <= min(block length - 8, 65535),
+// counted from block offset 8; every item starts at a content offset of at most 32767, so that a
+// signed 16-bit offset finds it; all bytes that were not written are zero.
+class BlockChain {
+ public:
+  explicit BlockChain(std::int32_t blockLen) noexcept
+      : blockLen_(blockLen), end_(std::min(std::int64_t{blockLen} - kUsedStart, kMaxUsed)) {}
+
+  // Obtains block 0. Null when there is no storage. REQUIRES: canHoldHeader().
+  MemPackBlock *start() noexcept;
+
+  bool canHoldHeader() const noexcept { return blockLen_ >= kContentStart; }
+
+  // True when version and control block fit in the first block.
+  bool canHoldControlBlock(std::uint32_t controlBlockLen) const noexcept;
+
+  // Room for `length` bytes in the current block, for the version and the control block.
+  // REQUIRES: canHoldControlBlock().
+  std::byte *append(std::uint32_t length) noexcept;
+
+  // Room for a segment, in a new block where the current one is too full.
+  Placement placeSegment(std::int64_t length, PlacedItem &item) noexcept {
+    if (!canHold(length, kFirstSegmentOff)) return Placement::tooLong;
+    return fits(used_, length) ? put(used_, length, item)
+                               : putInNewBlock(kFirstSegmentOff, length, item);
+  }
+
+  // Room of `reserved` bytes for a string, wide text at a content offset that is a multiple of 4.
+  Placement placeString(std::int64_t reserved, bool isWide, PlacedItem &item) noexcept {
+    if (!canHold(reserved, kFirstStringOff)) return Placement::tooLong;
+    const std::uint32_t aligned = isWide ? (used_ + 3U) & ~3U : used_;
+    return fits(aligned, reserved) ? put(aligned, reserved, item)
+                                   : putInNewBlock(kFirstStringOff, reserved, item);
+  }
+
+ private:
+  static constexpr std::int64_t kUsedStart = 8;  // used lengths and content offsets count from here
+  static constexpr std::int32_t kContentStart = 10;     // block offset of the first content byte
+  static constexpr std::uint32_t kFirstSegmentOff = 2;  // content offsets in a fresh block
+  static constexpr std::uint32_t kFirstStringOff = 4;
+  static constexpr std::int64_t kMaxUsed = 0xFFFF;      // used lengths are 16-bit
+  static constexpr std::uint32_t kMaxItemOff = 0x7FFF;  // relative offsets are signed 16-bit
+
+  // True when a fresh block whose first item starts at `firstOff` can hold `length` bytes.
+  bool canHold(std::int64_t length, std::uint32_t firstOff) const noexcept {
+    return length <= blockLen_ - MEM_PACK_BLOCK_OVERHEAD && length <= kMaxUsed - firstOff;
+  }
+  bool fits(std::uint32_t offset, std::int64_t length) const noexcept {
+    return offset + length <= end_ && offset <= kMaxItemOff;
+  }
+  RelPtrWord relPtrTo(std::uint32_t offset) const noexcept {
+    return std::bit_cast<RelPtrWord>(MemPackRelPtr{.Block = static_cast<std::int16_t>(blockNumber_),
+                                                   .Offset = static_cast<std::int16_t>(offset),
+                                                   .Reserved4 = 0});
+  }
+  Placement put(std::uint32_t offset, std::int64_t length, PlacedItem &item) noexcept {
+    item.pBytes = bytesAt(pCurrent_, static_cast<std::size_t>(kUsedStart) + offset);
+    item.relPtr = relPtrTo(offset);
+    setUsed(offset + static_cast<std::uint32_t>(length));
+    return Placement::done;
+  }
+  Placement putInNewBlock(std::uint32_t firstOff, std::int64_t length, PlacedItem &item) noexcept {
+    const Placement added = addBlock(firstOff);
+    return added == Placement::done ? put(firstOff, length, item) : added;
+  }
+  void setUsed(std::uint32_t used) noexcept {
+    used_ = used;
+    pCurrent_->UsedLen = static_cast<std::uint16_t>(used);
+  }
+  MemPackBlock *obtainBlock() const noexcept;
+  MEM_NOINLINE Placement addBlock(std::uint32_t firstOff) noexcept;
+
+  std::int64_t blockLen_;
+  std::int64_t end_;  // of the content of every block
+  MemPackBlock *pCurrent_ = nullptr;
+  std::uint32_t used_ = 0;        // of the current block
+  std::int32_t blockNumber_ = 0;  // of the current block
+};
+
+}  // namespace mem

@@ -1,0 +1,116 @@
+// The caller's pack control block as the packer reads it, and the old layout of it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "base/bytes.h"
+#include "qj7mem00/mempack.h"
+
+namespace mem {
+
+inline bool isTextKind(const MemPackDescriptor &descriptor) noexcept {
+  return descriptor.Type == MEM_PACK_STRING || descriptor.Type == MEM_PACK_WIDE_STRING;
+}
+
+// Pointer fields of a kind of segment. Text has none, whatever its descriptor holds.
+// REQUIRES: hasValidCounts(descriptor).
+inline std::span<const MemPackChild> children(const MemPackDescriptor &descriptor) noexcept {
+  const std::int16_t count = isTextKind(descriptor) ? std::int16_t{0} : descriptor.ChildCount;
+  return {descriptor.Children, static_cast<std::size_t>(count)};
+}
+
+inline std::span<const std::int16_t> references(const MemPackDescriptor &descriptor) noexcept {
+  const std::int16_t count = isTextKind(descriptor) ? std::int16_t{0} : descriptor.ReferenceCount;
+  return {descriptor.References, static_cast<std::size_t>(count)};
+}
+
+// Entries that a descriptor's counts name, of text as well: with these conversions and byte swaps
+// deal. A count that is out of range names none.
+inline std::span<const MemPackChild> usedChildren(const MemPackDescriptor &descriptor) noexcept {
+  const std::int16_t count = descriptor.ChildCount;
+  const bool isInRange = count >= 0 && count <= MEM_PACK_MAX_CHILDREN;
+  return {descriptor.Children, isInRange ? static_cast<std::size_t>(count) : std::size_t{0}};
+}
+
+inline std::span<const std::int16_t> usedReferences(const MemPackDescriptor &descriptor) noexcept {
+  const std::int16_t count = descriptor.ReferenceCount;
+  const bool isInRange = count >= 0 && count <= MEM_PACK_MAX_REFERENCES;
+  return {descriptor.References, isInRange ? static_cast<std::size_t>(count) : std::size_t{0}};
+}
+
+inline bool hasSibling(const MemPackDescriptor &descriptor) noexcept {
+  return !isTextKind(descriptor) && descriptor.SiblingOff != MEM_PACK_NO_SIBLING;
+}
+
+// A pointer field of a segment, at whatever alignment the descriptor gives it.
+inline void *loadPointer(const void *pSegment, std::int16_t offset) noexcept {
+  return loadAs<void *>(bytesAt(pSegment, static_cast<std::size_t>(offset)));
+}
+
+// True when every pointer field of `width` bytes lies wholly inside a segment of `length` bytes.
+bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length,
+                       std::uint32_t width = sizeof(void *)) noexcept;
+
+// View of a caller's control block. Descriptors up to index 7 exist even beyond the count.
+class PackControlBlock {
+ public:
+  explicit PackControlBlock(const MemPackCB *pPackCB) noexcept : pPackCB_(pPackCB) {}
+
+  bool exists() const noexcept { return pPackCB_ != nullptr && pPackCB_->Count >= 1; }
+  const MemPackCB *address() const noexcept { return pPackCB_; }
+
+  // REQUIRES for the rest: exists().
+  std::int32_t count() const noexcept { return pPackCB_->Count; }
+  // Descriptors that there is room for.
+  std::int32_t present() const noexcept {
+    return count() > MEM_PACK_MIN_DESCRIPTORS ? count() : MEM_PACK_MIN_DESCRIPTORS;
+  }
+  std::uint32_t length() const noexcept {
+    return static_cast<std::uint32_t>(MEM_PACK_CB_LEN(count()));
+  }
+
+  // REQUIRES: index < present().
+  const MemPackDescriptor &descriptor(std::int32_t index) const noexcept;
+
+  // True when the descriptor's counts and child kinds are in range. Text may hold anything there.
+  bool hasValidCounts(const MemPackDescriptor &descriptor) const noexcept;
+
+  // The first of the counted descriptors without valid counts, or null.
+  const MemPackDescriptor *firstInvalid() const noexcept;
+
+ private:
+  const MemPackCB *pPackCB_;
+};
+
+// The kinds of a control block that conversions and byte swaps deal with: those that count, and of
+// those beyond the count the ones that such a kind names as a child, and so on.
+class UsedKinds {
+ public:
+  // REQUIRES: controlBlock.exists().
+  explicit UsedKinds(const PackControlBlock &controlBlock) noexcept;
+
+  bool contains(std::int32_t index) const noexcept {
+    return index < count_ || (index < MEM_PACK_MIN_DESCRIPTORS && (named_ >> index & 1U) != 0);
+  }
+
+ private:
+  std::int32_t count_;
+  std::uint32_t named_ = 0;  // one bit for each kind that is there whatever the count
+};
+
+// The old layout: descriptors of 58 bytes with room for 8 children.
+inline constexpr std::int16_t kOldMaxChildren = 8;
+inline constexpr std::uint32_t kOldDescriptorLen = 58;
+
+std::uint32_t oldControlBlockLen(std::int32_t count) noexcept;
+
+// True when a used kind has more child entries than the old layout can hold.
+bool hasTooManyChildrenForOld(const PackControlBlock &controlBlock) noexcept;
+
+// Writes the used kinds in the old layout, native byte order.
+// REQUIRES: pTo has oldControlBlockLen() zero bytes, !hasTooManyChildrenForOld(controlBlock).
+void writeOldControlBlock(const PackControlBlock &controlBlock, void *pTo) noexcept;
+
+}  // namespace mem

@@ -1,0 +1,76 @@
+// What packing a segment takes, read off its descriptor once and not for every segment again.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "pack/pack_descriptors.h"
+
+namespace mem {
+
+// A pointer field that leads to text.
+struct TextField {
+  std::int16_t Offset;
+  bool isWide;
+};
+
+// The plan of one descriptor. Text has no pointer fields, whatever its descriptor holds.
+class SegmentPlan {
+ public:
+  SegmentPlan() noexcept = default;  // of no descriptor
+  void make(const PackControlBlock &controlBlock, std::uint16_t index) noexcept;
+
+  bool isOf(std::uint16_t index) const noexcept { return index_ == index; }
+
+  // False when the descriptor's counts or child kinds are out of range; then there is no more.
+  bool isValid() const noexcept { return isValid_; }
+  bool pointersLieWithin(std::int64_t length) const noexcept { return length >= pointersEnd_; }
+
+  std::span<const TextField> texts() const noexcept { return {texts_, textCount_}; }
+  // Child pointers to segments.
+  std::span<const MemPackChild> children() const noexcept { return {children_, childCount_}; }
+  // All pointers to segments in the order of the fix-up: sibling, children, references.
+  std::span<const std::int16_t> links() const noexcept { return {links_, linkCount_}; }
+  bool hasSibling() const noexcept { return hasSibling_; }
+  std::int16_t sibling() const noexcept { return links_[0]; }  // REQUIRES: hasSibling()
+
+ private:
+  static constexpr std::uint16_t kNoDescriptor = 0xFFFF;  // counts are signed
+
+  void addField(std::int16_t offset) noexcept;
+  void addLink(std::int16_t offset) noexcept;
+  void addChild(const MemPackChild &child, const MemPackDescriptor &kind) noexcept;
+
+  std::uint16_t index_ = kNoDescriptor;
+  bool isValid_;
+  bool hasSibling_;
+  std::uint8_t textCount_;
+  std::uint8_t childCount_;
+  std::uint8_t linkCount_;
+  std::int64_t pointersEnd_;  // the least length of a segment that holds all pointer fields
+  TextField texts_[MEM_PACK_MAX_CHILDREN];
+  MemPackChild children_[MEM_PACK_MAX_CHILDREN];
+  std::int16_t links_[1 + MEM_PACK_MAX_CHILDREN + MEM_PACK_MAX_REFERENCES];
+};
+
+// The plans of a control block, made when they are asked for first.
+class PlanTable {
+ public:
+  explicit PlanTable(const PackControlBlock &controlBlock) noexcept : controlBlock_(controlBlock) {}
+
+  // Valid until the plan of another descriptor is asked for: in a control block with many
+  // descriptors several share a place. REQUIRES: index < present().
+  const SegmentPlan &of(std::uint16_t index) noexcept {
+    SegmentPlan &plan = plans_[index % kPlaces];
+    if (!plan.isOf(index)) plan.make(controlBlock_, index);
+    return plan;
+  }
+
+ private:
+  static constexpr std::size_t kPlaces = 8;
+
+  const PackControlBlock &controlBlock_;
+  SegmentPlan plans_[kPlaces];
+};
+
+}  // namespace mem

@@ -1,0 +1,152 @@
+// A packed chain of any writer, as the unpacker reads it. Every byte of it may be hostile: whatever
+// is followed is checked against the used lengths first, and no byte is changed twice.
+#pragma once
+
+#include <cstdint>
+
+#include "base/bytes.h"
+#include "pack/pack_descriptors.h"
+#include "pack/pack_failure.h"
+#include "pack/unpack/pack_version.h"
+#include "pack/unpack/workstorage.h"
+
+namespace mem {
+
+// A content byte: block number, and offset from block offset 8.
+struct ContentPlace {
+  std::int32_t block;
+  std::uint32_t offset;
+};
+
+inline PackFailure badBlockNumber(std::int32_t block) noexcept {
+  return failure(MEMERR_PACKRBLK,
+                 ErrorText("Invalid Relative Blk=").decimal(static_cast<std::int16_t>(block)));
+}
+
+inline PackFailure badOffset(std::uint32_t offset) noexcept {
+  return failure(MEMERR_PACKROFF,
+                 ErrorText("Invalid Relative Offset=").decimal(static_cast<std::int16_t>(offset)));
+}
+
+inline PackFailure reachedTwice() noexcept {
+  return failure(MEMERR_PACKCYCL, ErrorText("RecursiveStructure"));
+}
+
+// What the chain knows of a block besides its address.
+struct BlockExtent {
+  std::uint32_t firstWord;  // of the block's bits among those of all blocks
+  std::uint16_t used;
+  std::uint16_t reachable;  // the end of the content offsets that a relative pointer can name
+};
+
+// Lengths, block addresses and descriptors are copied out when the chain is opened, since a hostile
+// segment may lie over them.
+class PackedChain {
+ public:
+  // Reads version, control block and block list of the chain at `pFirst`, which may be null. No
+  // byte of it is changed.
+  Outcome open(MemPackBlock *pFirst) noexcept;
+
+  // REQUIRES for the rest: opened.
+  const PackVersion &version() const noexcept { return version_; }
+  // True when the writer's numbers are in the other byte order than this host's.
+  bool isSwapped() const noexcept { return isSwapped_; }
+  std::int32_t blockCount() const noexcept { return blockCount_; }
+  // Native copy in the current layout, with the types in ASCII. Entries that are not used are those
+  // of the file, or zero when the file has the old layout.
+  const PackControlBlock &controlBlock() const noexcept { return controlBlock_; }
+
+  // Swaps a current control block of the other byte order in the chain itself. Once, when the chain
+  // is to be unpacked in place.
+  void swapControlBlock() const noexcept;
+
+  // True for the kinds of some EBCDIC writers whose lengths lie in fields that only their owners
+  // know.
+  bool hasForeignLength(const MemPackDescriptor &descriptor) const noexcept;
+
+  Outcome locateRoot(ContentPlace &root) const noexcept;
+
+  // One for each block.
+  void *const *blocks() const noexcept { return blockTable_.as<void *>(); }
+  const BlockExtent *extents() const noexcept { return work_.as<BlockExtent>(); }
+
+  std::uint32_t usedLen(std::int32_t block) const noexcept { return extents()[block].used; }
+  std::byte *at(const ContentPlace &place) const noexcept {
+    return bytesAt(blocks()[place.block], std::size_t{8} + place.offset);
+  }
+  // True when `length` bytes from `place` on lie within the block's used length.
+  bool holds(const ContentPlace &place, std::uint64_t length) const noexcept {
+    const std::uint32_t used = usedLen(place.block);
+    return place.offset <= used && length <= used - place.offset;
+  }
+
+  template <class T>
+  T number(const void *pFrom) const noexcept {
+    const T value = loadAs<T>(pFrom);
+    return isSwapped_ ? byteSwapped(value) : value;
+  }
+
+  // Reads a relative pointer that is not null and checks where it leads.
+  Outcome follow(const void *pRelPtr, ContentPlace &target) const noexcept;
+
+  // Writes the relative pointer that leads to `target`: the reverse of follow().
+  void storeRelative(void *pRelPtr, const ContentPlace &target) const noexcept;
+
+  // Bytes of the segment at `place`, checked to lie in its block.
+  Outcome measureSegment(const MemPackDescriptor &descriptor, const ContentPlace &place,
+                         std::uint32_t &length) const noexcept;
+
+  // Bytes of the text at `place` with its terminator, checked to lie in its block. Units are those
+  // of the writer: 1 byte, or 2 or 4 of wide text.
+  Outcome measureText(const ContentPlace &place, std::uint32_t unitLen,
+                      std::uint32_t &length) const noexcept;
+
+  // The storage of the bits below, for other use until startClaims(): at least 16 bytes for each
+  // block with content, and 8 for each descriptor.
+  void *scratch() const noexcept { return pClaims_; }
+
+  // Forgets all claims. REQUIRED once before claim() and takeNarrowText().
+  void startClaims() noexcept;
+
+  // Reserves bytes for one use. False when one of them has been claimed before.
+  // REQUIRES: holds(place, length).
+  bool claim(const ContentPlace &place, std::uint32_t length) noexcept;
+
+  // Checks that narrow text ends in its block and claims its terminator. Any number of pointers may
+  // lead to it, or into it: no byte of text is looked at twice.
+  Outcome takeNarrowText(const ContentPlace &place) noexcept;
+
+  // For a kind without valid counts: names its descriptor in the file.
+  PackFailure badKind(std::uint16_t kind) const noexcept;
+
+ private:
+  // Work area: extents of the blocks, control block, and two bits for each content byte: claimed,
+  // and part of narrow text that is known to end.
+  std::uint32_t firstWord(std::int32_t block) const noexcept { return extents()[block].firstWord; }
+
+  Outcome readVersion(const MemPackBlock *pFirst) noexcept;
+  Outcome readControlBlockLen(MemPackBlock *pFirst) noexcept;
+  Outcome listBlocks(MemPackBlock *pFirst) noexcept;
+  Outcome obtainWork() noexcept;
+  void listExtents() noexcept;
+  std::uint16_t usedLenInFile(std::int32_t block) const noexcept;
+  Outcome copyControlBlock() noexcept;
+  MemPackDescriptor readDescriptor(const std::byte *pFrom) const noexcept;
+  std::byte *descriptorInFile(std::int32_t index) const noexcept;
+  static void swapDescriptor(const MemPackDescriptor &native, std::byte *pTo) noexcept;
+
+  PackVersion version_{};
+  bool isSwapped_ = false;
+  std::int32_t descriptorCount_ = 0;
+  std::uint32_t controlBlockLen_ = 0;  // in the file
+  std::int32_t blockCount_ = 0;
+  std::byte *pFileControlBlock_ = nullptr;
+  std::uint32_t wordCount_ = 0;  // of the claims, and of the texts
+  std::uint64_t *pClaims_ = nullptr;
+  std::uint64_t *pTexts_ = nullptr;
+  PackControlBlock controlBlock_{nullptr};
+  WorkStorage blockTable_;
+  WorkStorage work_;
+};
+
+}  // namespace mem

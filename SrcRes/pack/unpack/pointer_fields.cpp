@@ -1,0 +1,98 @@
+#include "pack/unpack/pointer_fields.h"
+
+#include <algorithm>
+
+namespace mem {
+
+namespace {
+
+// Offsets of all pointer fields, ascending.
+class FieldOffsets {
+ public:
+  explicit FieldOffsets(const MemPackDescriptor &descriptor) noexcept {
+    for (const MemPackChild &child : children(descriptor)) add(child.Offset);
+    if (hasSibling(descriptor)) add(descriptor.SiblingOff);
+    for (const std::int16_t offset : references(descriptor)) add(offset);
+    std::sort(offsets_, offsets_ + count_);
+  }
+
+  std::uint32_t count() const noexcept { return count_; }
+  std::uint32_t operator[](std::uint32_t k) const noexcept { return offsets_[k]; }
+  // The end of the run in front of field k, or of the last run.
+  std::uint32_t runEnd(std::uint32_t k, std::uint32_t length) const noexcept {
+    return k < count_ ? offsets_[k] : length;
+  }
+
+ private:
+  void add(std::int16_t offset) noexcept {
+    offsets_[count_++] = static_cast<std::uint32_t>(offset);
+  }
+
+  std::uint32_t offsets_[MEM_PACK_MAX_CHILDREN + 1 + MEM_PACK_MAX_REFERENCES];
+  std::uint32_t count_ = 0;
+};
+
+// How segments of a type tell their length; all types without a letter do it in one way.
+std::uint16_t lengthRule(std::uint16_t type) noexcept {
+  constexpr std::uint16_t kSelfDescribing = 0;
+  switch (type) {
+    case MEM_PACK_FIXED:
+    case MEM_PACK_COUNTED:
+    case MEM_PACK_STRING:
+    case MEM_PACK_WIDE_STRING:
+      return type;
+    default:
+      return kSelfDescribing;
+  }
+}
+
+}  // namespace
+
+bool haveSameFields(const MemPackDescriptor &file, const MemPackDescriptor &callers) noexcept {
+  if (lengthRule(file.Type) != lengthRule(callers.Type)) return false;
+  if (isTextKind(file)) return true;
+  return hasSibling(file) == hasSibling(callers) &&
+         references(file).size() == references(callers).size() &&
+         std::ranges::equal(children(file), children(callers), {}, &MemPackChild::Descriptor,
+                            &MemPackChild::Descriptor);
+}
+
+std::int64_t lastFieldEnd(const MemPackDescriptor &descriptor, std::uint32_t width) noexcept {
+  std::int64_t end = 0;
+  const auto extendTo = [&end, width](std::int16_t offset) {
+    end = std::max(end, std::int64_t{offset} + width);
+  };
+  if (hasSibling(descriptor)) extendTo(descriptor.SiblingOff);
+  for (const MemPackChild &child : children(descriptor)) extendTo(child.Offset);
+  for (const std::int16_t offset : references(descriptor)) extendTo(offset);
+  return end;
+}
+
+bool fieldsLieApart(const MemPackDescriptor &descriptor) noexcept {
+  const FieldOffsets fields(descriptor);
+  std::uint32_t end = descriptor.Type == MEM_PACK_FIXED ? 0 : sizeof(std::uint16_t);
+  for (std::uint32_t k = 0; k < fields.count(); ++k) {
+    if (fields[k] < end) return false;
+    end = fields[k] + static_cast<std::uint32_t>(sizeof(void *));
+  }
+  return true;
+}
+
+void copyRuns(const SegmentImage &from, const std::byte *pFrom, const SegmentImage &to,
+              std::byte *pTo) noexcept {
+  const FieldOffsets fromFields(from.descriptor);
+  const FieldOffsets toFields(to.descriptor);
+  std::uint32_t fromStart = 0;
+  std::uint32_t toStart = 0;
+  for (std::uint32_t k = 0; k <= fromFields.count(); ++k) {
+    const std::uint32_t fromEnd = fromFields.runEnd(k, from.length);
+    const std::uint32_t toEnd = toFields.runEnd(k, to.length);
+    if (fromStart < fromEnd && toStart < toEnd) {
+      std::memcpy(pTo + toStart, pFrom + fromStart, std::min(fromEnd - fromStart, toEnd - toStart));
+    }
+    fromStart = fromEnd + from.pointerWidth;
+    toStart = toEnd + to.pointerWidth;
+  }
+}
+
+}  // namespace mem

@@ -1,0 +1,48 @@
+#include "pack/unpack/wide_text.h"
+
+#include "base/utfconvert.h"
+#include "pack/unpack/text_length.h"
+
+namespace mem {
+
+namespace {
+
+constexpr std::uint32_t kAreaLen = 32768;
+constexpr std::uint32_t kUtf16Len = 2;
+
+template <class Unit>
+void swapUnits(std::byte *pText, std::uint32_t length) noexcept {
+  for (std::uint32_t offset = 0; offset < length; offset += sizeof(Unit)) {
+    storeAs(pText + offset, byteSwapped(loadAs<Unit>(pText + offset)));
+  }
+}
+
+}  // namespace
+
+Outcome TextConverter::convert(std::byte *pText, std::uint32_t length) noexcept {
+  const bool isUtf16 = chain_.version().wideSize == kUtf16Len;
+  if (chain_.isSwapped()) {
+    isUtf16 ? swapUnits<std::uint16_t>(pText, length) : swapUnits<std::uint32_t>(pText, length);
+  }
+  return isUtf16 ? Outcome{} : narrowUnits(pText, length);
+}
+
+Outcome TextConverter::narrowUnits(std::byte *pText, std::uint32_t length) noexcept {
+  if (!area_.exists() && !area_.obtain(kAreaLen)) {
+    return failure(MEMERR_PACKAMEM, ErrorText("UnpackBlkMemAllocFail"));
+  }
+  auto *pArea = area_.as<std::byte>();
+  const std::uint16_t code = convertUtf32ToUtf16(pText, pArea, kAreaLen);
+  const std::uint32_t room =
+      length < kAreaLen ? length : kAreaLen;  // a good conversion never grows
+  const std::uint32_t end = textLength<std::uint16_t>(pArea, room);  // behind the terminator
+  if (code != 0 || end == 0) {
+    return failure(
+        MEMERR_PACKUTF,
+        ErrorText("UTF32 to UTF16 Conversion err=").decimal(static_cast<std::int16_t>(code)));
+  }
+  std::memcpy(pText, pArea, end);
+  return {};
+}
+
+}  // namespace mem

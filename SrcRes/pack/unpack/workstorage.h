@@ -1,0 +1,47 @@
+// Storage that one call needs for itself: obtained through the vector from subpool 0, returned on
+// every path. Returning it happens before a failure is recorded, since nested calls clear the error
+// area.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "frame/hostaccess.h"
+
+namespace mem {
+
+class WorkStorage {
+ public:
+  WorkStorage() noexcept = default;
+  ~WorkStorage() noexcept {
+    if (pArea_ != nullptr) functionVector().MEM_Free(pArea_, size_, 0);
+  }
+  WorkStorage(const WorkStorage &) = delete;
+  WorkStorage &operator=(const WorkStorage &) = delete;
+
+  // Obtains `size` zero bytes. REQUIRES: nothing obtained yet. False when there is no storage.
+  bool obtain(std::uint32_t size) noexcept {
+    if (!obtainUnset(size)) return false;
+    std::memset(pArea_, 0, size);
+    return true;
+  }
+
+  // The same with bytes of any value.
+  bool obtainUnset(std::uint32_t size) noexcept {
+    pArea_ = functionVector().MEM_Alloc(size, 0);
+    size_ = size;
+    return pArea_ != nullptr;
+  }
+
+  template <class T>
+  T *as(std::size_t offset = 0) const noexcept {
+    return reinterpret_cast<T *>(static_cast<unsigned char *>(pArea_) + offset);
+  }
+  bool exists() const noexcept { return pArea_ != nullptr; }
+
+ private:
+  void *pArea_ = nullptr;
+  std::uint32_t size_ = 0;
+};
+
+}  // namespace mem

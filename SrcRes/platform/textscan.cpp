@@ -1,0 +1,84 @@
+#include "platform/textscan.h"
+
+namespace mem {
+
+namespace {
+
+bool isZeroUnit(const void *pText, std::size_t unit) noexcept {
+  return loadAs<char16_t>(bytesAt(pText, unit * sizeof(char16_t))) == 0;
+}
+
+#if MEM_HAS_SSE2
+
+constexpr std::size_t kStep = sizeof(__m128i);
+constexpr std::size_t kStepUnits = kStep / sizeof(char16_t);
+
+const __m128i *stepAt(const void *pText, std::size_t offset) noexcept {
+  return reinterpret_cast<const __m128i *>(bytesAt(pText, offset));
+}
+
+// The first zero unit of a step, or of some.
+template <class Bits>
+std::size_t unitAt(std::size_t offset, Bits zeros) noexcept {
+  return (offset + static_cast<std::uint32_t>(std::countr_zero(zeros))) / sizeof(char16_t);
+}
+
+#endif
+
+#if MEM_READS_ALIGNED
+
+constexpr std::size_t kStride = 4 * kStep;
+
+// The zero units of a stride, a quarter of the bits for each step.
+std::uint64_t zerosOfStride(const __m128i *pSteps) noexcept {
+  const __m128i none = _mm_setzero_si128();
+  const __m128i a = _mm_cmpeq_epi16(_mm_load_si128(pSteps), none);
+  const __m128i b = _mm_cmpeq_epi16(_mm_load_si128(pSteps + 1), none);
+  const __m128i c = _mm_cmpeq_epi16(_mm_load_si128(pSteps + 2), none);
+  const __m128i d = _mm_cmpeq_epi16(_mm_load_si128(pSteps + 3), none);
+  if (_mm_movemask_epi8(_mm_or_si128(_mm_or_si128(a, b), _mm_or_si128(c, d))) == 0) return 0;
+  const auto bits = [](__m128i zeros, int step) noexcept {
+    return static_cast<std::uint64_t>(_mm_movemask_epi8(zeros)) << 16 * step;
+  };
+  return bits(a, 0) | bits(b, 1) | bits(c, 2) | bits(d, 3);
+}
+
+#endif
+
+}  // namespace
+
+std::size_t plainWideLength(const void *pText) noexcept {
+  std::size_t units = 0;
+  while (!isZeroUnit(pText, units)) ++units;
+  return units;
+}
+
+#if MEM_READS_ALIGNED
+// Single steps up to a whole stride, which begins no second page either.
+std::size_t wideLengthFrom(const void *pText, std::size_t offset) noexcept {
+  const auto address = reinterpret_cast<std::uintptr_t>(pText);
+  for (; (address + offset) % kStride != 0; offset += kStep) {
+    const std::uint32_t zeros = zeroUnits(_mm_load_si128(stepAt(pText, offset)));
+    if (zeros != 0) return unitAt(offset, zeros);
+  }
+  for (;; offset += kStride) {
+    const std::uint64_t zeros = zerosOfStride(stepAt(pText, offset));
+    if (zeros != 0) return unitAt(offset, zeros);
+  }
+}
+#endif
+
+std::size_t wideLengthWithin(const void *pText, std::size_t most) noexcept {
+  std::size_t units = 0;
+#if MEM_HAS_SSE2
+  for (; most - units >= kStepUnits; units += kStepUnits) {
+    const std::size_t offset = units * sizeof(char16_t);
+    const std::uint32_t zeros = zeroUnits(_mm_loadu_si128(stepAt(pText, offset)));
+    if (zeros != 0) return unitAt(offset, zeros);
+  }
+#endif
+  while (units < most && !isZeroUnit(pText, units)) ++units;
+  return units;
+}
+
+}  // namespace mem

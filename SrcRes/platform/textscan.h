@@ -1,0 +1,48 @@
+// Where wide text ends: the one place that looks for it.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+
+#include "base/bytes.h"
+#include "platform/platform.h"
+
+namespace mem {
+
+#if MEM_HAS_SSE2
+// One bit for each byte of a unit that is zero.
+inline std::uint32_t zeroUnits(__m128i units) noexcept {
+  return static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi16(units, _mm_setzero_si128())));
+}
+#endif
+
+// Units in front of the terminator, one after the other.
+std::size_t plainWideLength(const void *pText) noexcept;
+
+#if MEM_READS_ALIGNED
+// As wideLength, when there is no terminator in the first `offset` bytes.
+// REQUIRES: the address there is one of 16 bytes.
+std::size_t wideLengthFrom(const void *pText, std::size_t offset) noexcept;
+#endif
+
+// Units in front of the zero unit that ends the text. The text may stand at any address; no page is
+// read that it does not reach.
+inline std::size_t wideLength(const void *pText) noexcept {
+#if MEM_READS_ALIGNED
+  const auto address = reinterpret_cast<std::uintptr_t>(pText);
+  if (address % sizeof(char16_t) != 0) return plainWideLength(pText);
+  const auto before = static_cast<std::uint32_t>(address % sizeof(__m128i));
+  const auto *pFirst = reinterpret_cast<const __m128i *>(address & ~std::uintptr_t{15});
+  const std::uint32_t zeros = zeroUnits(_mm_load_si128(pFirst)) >> before;
+  if (zeros == 0) return wideLengthFrom(pText, sizeof(__m128i) - before);
+  return static_cast<std::uint32_t>(std::countr_zero(zeros)) / sizeof(char16_t);
+#else
+  return plainWideLength(pText);
+#endif
+}
+
+// The same for text that need not end: at most `most` units, and nothing behind them is read.
+std::size_t wideLengthWithin(const void *pText, std::size_t most) noexcept;
+
+}  // namespace mem

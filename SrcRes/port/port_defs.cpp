@@ -1,0 +1,97 @@
+#include "port/port_defs.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/bytes.h"
+#include "platform/textscan.h"
+
+namespace mem {
+
+namespace {
+
+constexpr std::int64_t kWideUnit = 2;
+
+bool applyText(const MEMFieldDef &field, std::byte *pField) noexcept {
+  const char *pText = field.Default.pText;
+  if (pText == nullptr || field.Length < 1) return true;
+  const auto length = static_cast<std::int64_t>(std::strlen(pText));
+  if (length >= field.Length && field.NoTruncate != 0) return false;
+  const auto last = static_cast<std::size_t>(field.Length - 1);
+  // One byte more than the text is its terminator.
+  std::memcpy(pField, pText, std::min(last, static_cast<std::size_t>(length) + 1));
+  pField[last] = std::byte{0};
+  return true;
+}
+
+// The test for truncation compares units with bytes; callers' definitions rely on it.
+bool applyWideText(const MEMFieldDef &field, std::byte *pField) noexcept {
+  const char16_t *pText = field.Default.pWide;
+  if (pText == nullptr || field.Length < kWideUnit) return true;
+  const auto length = static_cast<std::int64_t>(wideLength(pText));
+  if (length >= field.Length && field.NoTruncate != 0) return false;
+  const std::int64_t last = field.Length / kWideUnit - 1;
+  std::memcpy(pField, pText, static_cast<std::size_t>(std::min(last, length + 1) * kWideUnit));
+  storeAs(pField + last * kWideUnit, char16_t{0});
+  return true;
+}
+
+}  // namespace
+
+const MEMStructDef *MEM_Find_Struct_Def(const MEMStructDef *pDefs,
+                                        std::uint32_t StructID) noexcept {
+  if (pDefs == nullptr) return nullptr;
+  for (const MEMStructDef *pDef = pDefs; static_cast<std::int32_t>(pDef->StructID) >= 1; ++pDef) {
+    if (pDef->StructID == StructID) return pDef;
+  }
+  return nullptr;
+}
+
+std::int64_t storedLength(const MEMFieldDef &field) noexcept {
+  switch (field.Type) {
+    case MEM_PORT_PSTR:
+    case MEM_PORT_WPSTR:
+    case MEM_PORT_PNT:
+    case MEM_PORT_UBIGINT:
+    case MEM_PORT_BIGINT:
+      return 8;
+    case MEM_PORT_LONG:
+    case MEM_PORT_ULONG:
+      return 4;
+    case MEM_PORT_SHORT:
+    case MEM_PORT_USHORT:
+      return 2;
+    default:
+      return field.Length;
+  }
+}
+
+bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept {
+  switch (field.Type) {
+    case MEM_PORT_CHARSZ:
+      return applyText(field, pField);
+    case MEM_PORT_WCHARSZ:
+      return applyWideText(field, pField);
+    case MEM_PORT_PSTR:
+    case MEM_PORT_WPSTR:
+      storeAs(pField, field.Default.pBytes);
+      return true;
+    case MEM_PORT_SHORT:
+    case MEM_PORT_USHORT:
+      storeAs(pField, field.Default.Short);
+      return true;
+    case MEM_PORT_LONG:
+    case MEM_PORT_ULONG:
+    case MEM_PORT_UBIGINT:  // the upper half stays as it was allocated
+    case MEM_PORT_BIGINT:
+      storeAs(pField, field.Default.Long);
+      return true;
+    default:
+      if (field.Default.pBytes != nullptr && field.Length > 0) {
+        std::memcpy(pField, field.Default.pBytes, static_cast<std::size_t>(field.Length));
+      }
+      return true;
+  }
+}
+
+}  // namespace mem

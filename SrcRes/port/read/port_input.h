@@ -1,0 +1,73 @@
+// The port string being read: a chain of chunks or one block of characters. Reading goes on from
+// chunk to chunk; only within the current chunk can a character be pushed back.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "port/port_message.h"
+#include "qj7mem00/memport.h"
+
+namespace mem {
+
+class PortInput {
+ public:
+  // Nothing is read here: construction is safe outside the fault guard.
+  explicit PortInput(const MEMPortChunk *pFirst) noexcept : pFirst_(pFirst) {}
+  PortInput(const char *pText, std::uint32_t length) noexcept
+      : pStart_(pText), pNext_(pText), pEnd_(pText + length) {}
+
+  // The next character; false at the end.
+  bool next(char &c) noexcept {
+    if (pNext_ == pEnd_ && !step()) return false;
+    c = *pNext_++;
+    return true;
+  }
+
+  // What is left of the current chunk, or of the next one that holds anything; empty at the end.
+  std::string_view rest() noexcept {
+    if (pNext_ == pEnd_) step();
+    return unread();
+  }
+  // REQUIRES: count <= rest().size().
+  void skip(std::size_t count) noexcept { pNext_ += count; }
+
+  // What is left of the current chunk, which may be nothing.
+  std::string_view unread() const noexcept {
+    return {pNext_, static_cast<std::size_t>(pEnd_ - pNext_)};
+  }
+  // The same as two places. Reading goes on at any place between them, or at the end.
+  const char *at() const noexcept { return pNext_; }
+  const char *end() const noexcept { return pEnd_; }
+  void moveTo(const char *pNext) noexcept { pNext_ = pNext; }
+
+  // False at the start of the current chunk.
+  bool pushBack() noexcept {
+    if (pNext_ == pStart_) return false;
+    --pNext_;
+    return true;
+  }
+
+  // Characters of the whole input.
+  std::uint64_t length() const noexcept;
+
+  // Position and surroundings, for messages.
+  Excerpts excerpts() const noexcept;
+
+ private:
+  bool step() noexcept;
+  std::string_view consumed() const noexcept {
+    return {pStart_, static_cast<std::size_t>(pNext_ - pStart_)};
+  }
+
+  const MEMPortChunk *pFirst_ = nullptr;    // null for one block of characters
+  const MEMPortChunk *pCurrent_ = nullptr;  // null before the first chunk, too
+  const MEMPortChunk *pBefore_ = nullptr;   // in front of the current one; may hold nothing
+
+  // The current chunk's characters and the next one to be read.
+  const char *pStart_ = nullptr;
+  const char *pNext_ = nullptr;
+  const char *pEnd_ = nullptr;
+};
+
+}  // namespace mem

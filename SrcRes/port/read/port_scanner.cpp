@@ -1,0 +1,62 @@
+#include "port/read/port_scanner.h"
+
+#include "port/words.h"
+
+namespace mem {
+
+namespace {
+
+constexpr MessagePoint kPointEnd{"MEM_PORT2CHAR", 1188};
+constexpr MessagePoint kPointPushBack{"MEM_PUSHBACK", 1227};
+
+}  // namespace
+
+bool PortScanner::failAtEnd() noexcept {
+  return fail(kPointEnd, "End of port string reached!");
+}
+
+bool PortScanner::unget() noexcept {
+  return input_.pushBack() || fail(kPointPushBack, "Cannot push back more than one char!");
+}
+
+bool PortScanner::atFieldEnd(char c, bool &isEnd) noexcept {
+  isEnd = isFieldEnd(c);
+  return !isEnd || unget();
+}
+
+template <class Number>
+bool PortScanner::digits(Number &value) noexcept {
+  ReversedDigits<Number> digits;
+  for (;;) {
+    const std::string_view text = run();
+    if (text.empty()) return false;
+    const char *const pEnd = text.data() + text.size();
+    const char *const pBehind = digits.take(text.data(), pEnd);
+    moveTo(pBehind);
+    if (pBehind == pEnd) continue;
+    value = digits.value();
+    return true;
+  }
+}
+template bool PortScanner::digits(std::uint32_t &value) noexcept;
+template bool PortScanner::digits(std::uint64_t &value) noexcept;
+
+std::uint64_t PortScanner::inputLength() noexcept {
+  if (inputLength_ == 0) inputLength_ = input_.length();
+  return inputLength_;
+}
+
+void *PortScanner::allocate(std::int64_t length) noexcept {
+  if (length > INT32_MAX || length < INT32_MIN) return nullptr;
+  void *pEntry = nullptr;
+  const std::int16_t status = functionVector().MEM_HeapAllocEntryLong(
+      hMemHeap_, static_cast<std::int32_t>(length), &pEntry);
+  return status == 0 ? pEntry : nullptr;
+}
+
+bool PortScanner::fail(const MessagePoint &point, const char *pMessage) noexcept {
+  reportReading(frame_, point, pMessage, input_.excerpts());
+  return false;
+}
+
+}  // namespace mem

@@ -1,0 +1,79 @@
+// What the structure reader and the field readers share: the primitives over the input, each with
+// its message, and the caller's heap.
+#pragma once
+
+#include <cstdint>
+
+#include "frame/callframe.h"
+#include "port/read/port_input.h"
+#include "qj7mem00/memvect.h"
+
+namespace mem {
+
+// What ends a field's text: its separator or the end of the fields.
+constexpr bool isFieldEnd(char c) noexcept {
+  return c == '/' || c == '>';
+}
+
+class PortScanner {
+ public:
+  PortScanner(CallFrame &frame, const PortInput &input, HMEMHEAP hMemHeap) noexcept
+      : frame_(frame), input_(input), hMemHeap_(hMemHeap) {}
+
+  // The next character. False, reported, at the end of the input.
+  bool get(char &c) noexcept { return input_.next(c) || failAtEnd(); }
+  // Steps back one character. False, reported, at the start of the current chunk.
+  bool unget() noexcept;
+  // Reads a character that must be `expected`. When it is another one, reports `pMessage`.
+  bool expect(char expected, const MessagePoint &point, const char *pMessage) noexcept {
+    char c = 0;
+    if (!get(c)) return false;
+    return c == expected || fail(point, pMessage);
+  }
+  // Reads a character and puts it back when it ends a field ("/" or ">"), which sets `isEnd`.
+  bool atFieldEnd(char c, bool &isEnd) noexcept;
+
+  // Reversed digits, as many as there are; none is 0. Excess digits wrap in the type.
+  bool number(std::uint32_t &value) noexcept { return digits(value); }
+  bool number(std::uint64_t &value) noexcept { return digits(value); }
+
+  // Unread characters that lie together; empty, reported, at the end of the input.
+  std::string_view run() noexcept {
+    const std::string_view text = input_.rest();
+    if (text.empty()) failAtEnd();
+    return text;
+  }
+  void skip(std::size_t count) noexcept { input_.skip(count); }
+
+  // Where the unread characters of the current chunk, maybe none, begin and end. Who looks at many
+  // of them keeps the place in a variable of its own and moves there before anything else reads.
+  const char *at() const noexcept { return input_.at(); }
+  const char *end() const noexcept { return input_.end(); }
+  void moveTo(const char *pNext) noexcept { input_.moveTo(pNext); }
+
+  // Characters of the whole input, counted once.
+  std::uint64_t inputLength() noexcept;
+
+  // The caller's heap.
+  HMEMHEAP heap() const noexcept { return hMemHeap_; }
+
+  // An entry of the caller's heap, or null with the heap's error standing.
+  void *allocate(std::int64_t length) noexcept;
+
+  // Reports a message; always false.
+  MEM_NOINLINE bool fail(const MessagePoint &point, const char *pMessage) noexcept;
+
+  bool tracesSkipped() const noexcept { return frame_.isTraced(MEM_TRACE_SKIPPED); }
+
+ private:
+  MEM_NOINLINE bool failAtEnd() noexcept;
+  template <class Number>
+  bool digits(Number &value) noexcept;
+
+  CallFrame &frame_;
+  PortInput input_;
+  const HMEMHEAP hMemHeap_;
+  std::uint64_t inputLength_ = 0;
+};
+
+}  // namespace mem

@@ -1,0 +1,160 @@
+// Text looked at eight characters at a time: runs of digits, and runs of characters that stand for
+// themselves. Nothing is read at or behind the end that a caller gives.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "base/bytes.h"
+
+namespace mem {
+
+// Eight characters, the first one in the lowest byte.
+using TextWord = std::uint64_t;
+static_assert(std::endian::native == std::endian::little);
+
+inline constexpr std::size_t kTextWordLen = sizeof(TextWord);
+inline constexpr std::uint32_t kTextWordDigits = 100000000;  // 10 to the power of a word's length
+
+constexpr TextWord everyByte(char c) noexcept {
+  return static_cast<unsigned char>(c) * TextWord{0x0101010101010101};
+}
+
+// Marks, bits in the bytes of a word. Only the lowest one is sure to be right: those above it may
+// come from a carry.
+constexpr std::size_t charactersBelow(TextWord marks) noexcept {
+  return static_cast<std::size_t>(std::countr_zero(marks)) / 8;  // all of them without a mark
+}
+
+// Characters that are no digits, in a word whose digits are values already. Marks are the highest
+// bits of their bytes.
+constexpr TextWord marksOfNonDigits(TextWord values) noexcept {
+  return (values | (values + everyByte(0x7F - 9))) & everyByte('\x80');
+}
+// The bytes below the lowest mark. REQUIRES: there is one.
+constexpr TextWord bytesBelow(TextWord marks) noexcept {
+  return (marks ^ (marks - 1)) >> 8;
+}
+
+constexpr TextWord marksOfZeros(TextWord word) noexcept {
+  return (word - everyByte(1)) & ~word & everyByte('\x80');
+}
+// The end of text that stands for itself: its closing quote or the "/" of an escape.
+constexpr TextWord marksOfSpecials(TextWord word, char quote) noexcept {
+  return marksOfZeros(word ^ everyByte(quote)) | marksOfZeros(word ^ everyByte('/'));
+}
+
+// The number in eight bytes of 0 to 9, the lowest one worth 1. Each step joins neighbours in the
+// place of the upper one; no sum outgrows its place.
+constexpr std::uint32_t reversedNumber(TextWord values) noexcept {
+  values = values * (10 + (TextWord{1} << 8)) >> 8 & 0x00FF00FF00FF00FF;
+  values = values * (100 + (TextWord{1} << 16)) >> 16 & 0x0000FFFF0000FFFF;
+  return static_cast<std::uint32_t>(values * (10000 + (TextWord{1} << 32)) >> 32);
+}
+static_assert(reversedNumber(0x0807060504030201) == 87654321);
+static_assert(reversedNumber(0x0909090909090909) == kTextWordDigits - 1);
+
+constexpr bool isDigit(char c) noexcept {
+  return c >= '0' && c <= '9';
+}
+
+// Fewer than a word of reversed digits, least significant first.
+struct ShortNumber {
+  std::uint32_t value;
+  const char *pBehind;  // null when there are more of them
+};
+
+// REQUIRES: a word of characters at `p`.
+inline ShortNumber shortNumber(const char *p) noexcept {
+  const TextWord values = loadAs<TextWord>(p) ^ everyByte('0');
+  const TextWord others = marksOfNonDigits(values);
+  if (others == 0) return {0, nullptr};
+  return {reversedNumber(values & bytesBelow(others)), p + charactersBelow(others)};
+}
+
+// The same for what mostly has one or two digits, and as many of them from case to case. Then the
+// processor foresees where the text goes on.
+inline ShortNumber shorterNumber(const char *p) noexcept {
+  if (isDigit(p[0])) {
+    const auto first = static_cast<std::uint32_t>(p[0] - '0');
+    if (!isDigit(p[1])) return {first, p + 1};
+    if (!isDigit(p[2])) return {first + 10 * static_cast<std::uint32_t>(p[1] - '0'), p + 2};
+  }
+  return shortNumber(p);
+}
+
+// Reversed digits that may be many. Excess ones wrap in the type.
+template <class Number>
+class ReversedDigits {
+ public:
+  Number value() const noexcept { return value_; }
+
+  // Takes the digits at `p` and returns what is behind them.
+  const char *take(const char *p, const char *pEnd) noexcept {
+    for (; pEnd - p >= static_cast<std::ptrdiff_t>(kTextWordLen); p += kTextWordLen) {
+      const ShortNumber rest = shortNumber(p);
+      if (rest.pBehind != nullptr) {
+        value_ += static_cast<Number>(rest.value * weight_);
+        return rest.pBehind;
+      }
+      const TextWord values = loadAs<TextWord>(p) ^ everyByte('0');
+      value_ += static_cast<Number>(reversedNumber(values) * weight_);
+      weight_ *= kTextWordDigits;
+    }
+    for (; p != pEnd && isDigit(*p); ++p) {
+      value_ += static_cast<Number>(*p - '0') * weight_;
+      weight_ *= 10;
+    }
+    return p;
+  }
+
+ private:
+  Number value_ = 0;
+  Number weight_ = 1;
+};
+
+// Characters of the text that stand for themselves, up to the first `quote` or "/".
+inline std::size_t plainLength(std::string_view text, char quote) noexcept {
+  std::size_t i = 0;
+  for (; text.size() - i >= kTextWordLen; i += kTextWordLen) {
+    const TextWord marks = marksOfSpecials(loadAs<TextWord>(text.data() + i), quote);
+    if (marks != 0) return i + charactersBelow(marks);
+  }
+  while (i < text.size() && text.data()[i] != quote && text.data()[i] != '/') ++i;
+  return i;
+}
+
+// Copies a word's first `count` characters, 4 to 8 of them.
+inline void storePart(std::byte *pTo, TextWord word, std::size_t count) noexcept {
+  storeAs(pTo, static_cast<std::uint32_t>(word));
+  storeAs(pTo + count - 4, static_cast<std::uint32_t>(word >> 8 * (count - 4)));
+}
+
+// Copies text of a known length and returns true, if all of it stands for itself. Of other text,
+// `pTo` holds some of the characters in front of the first one that does not.
+// REQUIRES: a word of characters at `pFrom`.
+inline bool copyPlain(std::byte *pTo, const char *pFrom, std::size_t length, char quote) noexcept {
+  if (length < kTextWordLen) {
+    const auto word = loadAs<TextWord>(pFrom);
+    if (charactersBelow(marksOfSpecials(word, quote)) < length) return false;
+    if (length >= 4) {
+      storePart(pTo, word, length);
+    } else {
+      for (std::size_t i = 0; i < length; ++i) pTo[i] = static_cast<std::byte>(pFrom[i]);
+    }
+    return true;
+  }
+  // The last word overlaps the one in front of it, as far as there is not a whole one left.
+  const std::size_t last = length - kTextWordLen;
+  for (std::size_t i = 0;; i += kTextWordLen) {
+    if (i > last) i = last;
+    const auto word = loadAs<TextWord>(pFrom + i);
+    if (marksOfSpecials(word, quote) != 0) return false;
+    storeAs(pTo + i, word);
+    if (i == last) return true;
+  }
+}
+
+}  // namespace mem

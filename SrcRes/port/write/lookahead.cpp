@@ -1,0 +1,81 @@
+#include "port/write/lookahead.h"
+
+#include <atomic>
+
+#include "base/bytes.h"
+#include "hash/hash_index.h"
+#include "hash/memchash.h"
+#include "platform/platform.h"
+#include "port/write/port_writer.h"
+
+namespace mem {
+
+namespace {
+
+// How far ahead of their turn structures are asked for, beyond those whose texts are: they must
+// have arrived by then.
+constexpr int kStructuresAhead = 3;
+
+// What comes later in the queue, or null.
+const MEMPortRef *behind(const MEMPortRef *pRef, int count) noexcept {
+  for (; pRef != nullptr && count > 0; --count) pRef = pRef->pNext;
+  return pRef;
+}
+
+// Asking for null is as slow as for an address that is not there.
+const void *orElse(const void *pWanted, const void *pOther) noexcept {
+  return pWanted != nullptr ? pWanted : pOther;
+}
+
+// Keeps the order of what is stored and read, as a fault handler of the same thread sees it.
+void keepOrder() noexcept {
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+}  // namespace
+
+// Each structure is asked for, then what it points to, then the registry's entries of that, always
+// a few structures later.
+void PortLookahead::ask(const MEMPortRef &ref) noexcept {
+  const MEMPortRef *pNear = ref.pNext;
+  const MEMPortRef *pMiddle = behind(pNear, 1);
+  if (pMiddle == nullptr || isGivenUp_) return;
+  if (const MEMPortRef *pFar = behind(pMiddle, kStructuresAhead)) MEM_PREFETCH(pFar->pStruct);
+  isAsking_ = true;
+  keepOrder();
+  askForTexts(*pMiddle);
+  askForEntries(*pNear);
+  keepOrder();
+  isAsking_ = false;
+}
+
+// The texts of a structure, and the places of its pointers in the registry's index.
+void PortLookahead::askForTexts(const MEMPortRef &ref) const noexcept {
+  const StructPlan *pPlan = plans_.find(ref.StructID);
+  if (pPlan == nullptr) return;
+  const HashIndex *pIndex = indexToAskAhead(frame_, hRegistry_);
+  const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
+  for (const FieldStep *pStep = pPlan->pSteps; !pStep->endsRow(); ++pStep) {
+    const std::byte *pField = pStruct + pStep->offset;
+    if (pStep->kind == StepKind::text) {
+      MEM_PREFETCH(orElse(loadAs<const void *>(pField), pStruct));
+    } else if (pStep->kind == StepKind::pointer && pIndex != nullptr) {
+      pIndex->wantSlot(pField);
+    }
+  }
+  keepOrder();  // compilers drop calls of functions that only ask
+}
+
+void PortLookahead::askForEntries(const MEMPortRef &ref) const noexcept {
+  const StructPlan *pPlan = plans_.find(ref.StructID);
+  const HashIndex *pIndex = indexToAskAhead(frame_, hRegistry_);
+  if (pPlan == nullptr || pIndex == nullptr) return;
+  const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
+  for (const FieldStep *pStep = pPlan->pSteps; !pStep->endsRow(); ++pStep) {
+    if (pStep->kind == StepKind::pointer) {
+      pIndex->wantRecord(pStruct + pStep->offset, offsetof(MEMPortRef, sequence));
+    }
+  }
+}
+
+}  // namespace mem

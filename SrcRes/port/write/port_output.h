@@ -1,0 +1,98 @@
+// The port string under construction: a chain of chunks in the caller's heap, each filled to its
+// capacity before the next is begun.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include "port/write/digits.h"
+#include "qj7mem00/memport.h"
+#include "qj7mem00/memvect.h"
+
+namespace mem {
+
+// Appends characters, or lets a caller that knows how many it needs at most write them itself:
+//
+//   if (char *pTo = output.roomFor(most)) {
+//     ... store, at most `most` characters from pTo on ...
+//     output.advanceTo(pTo + stored);
+//   }
+//
+// What is stored behind the place advanced to is scratch. So short texts can be stored as whole
+// words: `most` then includes kSpill. A chunk's Used is brought up to date when the chunk is full
+// and by noteUsed().
+class PortOutput {
+ public:
+  // Characters that a caller may store in excess of those that it appends.
+  static constexpr std::size_t kSpill = 16;
+
+  // Obtains the first chunk. False when there is no storage. REQUIRES: capacity >= 1.
+  bool start(HMEMHEAP hMemHeap, std::int32_t capacity) noexcept;
+
+  // Where the current chunk goes on, and how many characters it takes from there on.
+  char *next() const noexcept { return pNext_; }
+  std::size_t roomAt(const char *pTo) const noexcept {
+    return static_cast<std::size_t>(pEnd_ - pTo);
+  }
+  std::size_t room() const noexcept { return roomAt(pNext_); }
+  // next(), or null when the chunk does not take `most` characters.
+  char *roomFor(std::size_t most) const noexcept { return most <= room() ? pNext_ : nullptr; }
+  void advanceTo(char *pNext) noexcept { pNext_ = pNext; }
+
+  // Appends text; false, with what fitted appended, when no further chunk can be obtained or no
+  // header could tell the length.
+  bool append(std::string_view text) noexcept {
+    if (text.size() > room()) return appendAcross(text);
+    std::memcpy(pNext_, text.data(), text.size());
+    pNext_ += text.size();
+    return true;
+  }
+  bool append(char c) noexcept {
+    if (pNext_ == pEnd_ && !addChunk()) return false;
+    *pNext_++ = c;
+    return true;
+  }
+
+  // A number, least significant digit first; 0 writes nothing.
+  bool appendReversed(std::uint64_t value) noexcept {
+    if (room() < kMostStoredDigits) return appendReversedAcross(value);
+    pNext_ = putReversed(pNext_, value);
+    return true;
+  }
+
+  MEMPortChunk *first() const noexcept { return pFirst_; }
+  // Characters in all chunks.
+  std::uint32_t total() const noexcept { return total_ + used(); }
+
+  // Overwrites the header's characters in the first chunk.
+  void writeHeader(std::uint32_t structures) noexcept;
+
+  // Stores how much of the current chunk is used, if there is one.
+  void noteUsed() noexcept {
+    if (pCurrent_ != nullptr) pCurrent_->Used = static_cast<std::int32_t>(used());
+  }
+  // Leaves zeros where there may be scratch behind the text.
+  void clearSpill() noexcept;
+
+ private:
+  std::uint32_t used() const noexcept {
+    return static_cast<std::uint32_t>(pNext_ - pCurrent_->Text);
+  }
+  bool addChunk() noexcept;
+  bool appendAcross(std::string_view text) noexcept;
+  bool appendReversedAcross(std::uint64_t value) noexcept;
+  MEMPortChunk *obtainChunk() const noexcept;
+  void begin(MEMPortChunk *pChunk) noexcept;
+
+  HMEMHEAP hMemHeap_ = nullptr;
+  std::int32_t capacity_ = 0;
+  std::uint32_t total_ = 0;  // characters in the chunks before the current one
+  MEMPortChunk *pFirst_ = nullptr;
+  MEMPortChunk *pCurrent_ = nullptr;
+  char *pNext_ = nullptr;  // where the current chunk goes on
+  char *pEnd_ = nullptr;   // where it is full
+};
+
+}  // namespace mem

@@ -1,0 +1,114 @@
+// Writer of port strings: one structure text after the other, for every structure that is reached.
+#pragma once
+
+#include <cstdint>
+
+#include "frame/callframe.h"
+#include "port/port_message.h"
+#include "port/write/lookahead.h"
+#include "port/write/port_output.h"
+#include "port/write/port_plan.h"
+
+namespace mem {
+
+// A structure that has a place in the port string. The address is the registry's key.
+struct MEMPortRef {
+  const void *pStruct;
+  std::uint32_t StructID;
+  std::uint32_t sequence;  // from 1, in the order in which structures are found
+  MEMPortRef *pNext;       // the one found next
+};
+MEM_CHECK_SIZE(MEMPortRef, 24);
+
+// One call of MEM_StructToPortStr. Without a destructor: a fault may end run() anywhere, so the
+// caller closes the registry.
+class PortWriter {
+ public:
+  PortWriter(CallFrame &frame, const MEMStructDef *pDefs, std::uint32_t structID,
+             const void *pStruct, std::int32_t chunkLen, HMEMHEAP hMemHeap,
+             std::uint32_t *pTotalLen, MEMPortChunk **ppFirstChunk) noexcept
+      : frame_(frame),
+        pDefs_(pDefs),
+        structID_(structID),
+        pStruct_(pStruct),
+        chunkLen_(chunkLen),
+        hMemHeap_(hMemHeap),
+        pTotalLen_(pTotalLen),
+        ppFirstChunk_(ppFirstChunk) {}
+
+  // 0, or the status with which the call fails. May be called again when a fault has ended it and
+  // canGoOn() is true.
+  std::int16_t run() noexcept;
+
+  // For whoever catches a fault: true when it is none of the call's, which goes on as if it had not
+  // been.
+  bool isOwnFault() const noexcept { return lookahead_.isAsking(); }
+  bool canGoOn() noexcept;
+
+  // The registry while it is open, else null.
+  HMEMHASH registry() const noexcept { return hRegistry_; }
+
+  // Brings the chunks up to date, in whatever state the work has ended.
+  void noteUsed() noexcept { output_.noteUsed(); }
+
+ private:
+  std::int32_t chunkCapacity() const noexcept;
+  std::int32_t areaSizeAt(std::size_t offset) const noexcept;
+  std::int16_t start() noexcept;
+  std::uint32_t structures() const noexcept { return fresh_.sequence - 1; }
+  std::int16_t writeAll() noexcept;
+  void askAhead() noexcept;
+  const StructPlan *goOn() noexcept;
+  std::int16_t MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept;
+  std::int16_t writeUnplanned(const MEMStructDef &def, const std::byte *pStruct,
+                              int nesting) noexcept;
+  std::int16_t writePlanned(const StructPlan &plan, const std::byte *pStruct, int nesting) noexcept;
+  std::int16_t writeSteps(const StructPlan *pPlan, const FieldStep *pStep, const std::byte *pStruct,
+                          int nesting) noexcept;
+  std::int16_t writeStep(const StructPlan &plan, const FieldStep &step, const std::byte *pField,
+                         int nesting) noexcept;
+  std::int16_t writeCount(const MEMStructDef &def, const std::byte *pStruct,
+                          std::uint32_t &elements) noexcept;
+  std::int16_t writeFields(const MEMStructDef &def, const std::byte *pStruct,
+                           std::uint32_t elements, int nesting) noexcept;
+  std::int16_t writeField(const MEMStructDef &def, const MEMFieldDef &field,
+                          const std::byte *pField, bool isFirst, int nesting) noexcept;
+  std::int16_t writeValue(const MEMStructDef &def, const MEMFieldDef &field,
+                          const std::byte *pField, int nesting) noexcept;
+  std::int16_t writeEmbedded(const MEMFieldDef &field, const std::byte *pField,
+                             int nesting) noexcept;
+  std::int16_t convert(const MEMStructDef &def, const MEMFieldDef &field,
+                       const std::byte *pField) noexcept;
+  std::int16_t reportField(const MEMStructDef &def, const MEMFieldDef &field) noexcept;
+  std::int16_t writePointer(const MEMFieldDef &field, const void *pTarget) noexcept;
+  std::int16_t putSequence(char *&pTo, const MEMFieldDef &field, const void *pTarget) noexcept;
+  std::int16_t putText(char *&pTo, const StructPlan &plan, const MEMFieldDef &field,
+                       const char *pText) noexcept;
+  std::int16_t enter(const void *pStruct, std::uint32_t structID, MEMPortRef *&pRef) noexcept;
+
+  std::int16_t append(std::string_view text) noexcept;
+  std::int16_t append(char c) noexcept;
+  std::int16_t appendReversed(std::uint64_t value) noexcept;
+  std::int16_t checked(bool isAppended) noexcept;
+  std::int16_t report(const MessagePoint &point, const char *pMessage) noexcept;
+
+  CallFrame &frame_;
+  const MEMStructDef *const pDefs_;
+  const std::uint32_t structID_;
+  const void *const pStruct_;
+  const std::int32_t chunkLen_;
+  const HMEMHEAP hMemHeap_;
+  std::uint32_t *const pTotalLen_;
+  MEMPortChunk **const ppFirstChunk_;
+
+  PortOutput output_;
+  HMEMHASH hRegistry_ = nullptr;
+  MEMPortRef *pRef_ = nullptr;  // the structure that is written
+  MEMPortRef *pTail_ = nullptr;
+  // The entry of the next structure that is found.
+  MEMPortRef fresh_{.pStruct = nullptr, .StructID = 0, .sequence = 1, .pNext = nullptr};
+  PortPlans plans_;
+  PortLookahead lookahead_{frame_, plans_};
+};
+
+}  // namespace mem

@@ -1,0 +1,266 @@
+#include "port/write/to_text.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/bytes.h"
+#include "base/textparts.h"
+#include "platform/textscan.h"
+#include "port/words.h"
+
+namespace mem {
+
+namespace {
+
+std::string_view bytesOf(std::int32_t length, const std::byte *pField) noexcept {
+  return {reinterpret_cast<const char *>(pField),
+          length > 0 ? static_cast<std::size_t>(length) : std::size_t{0}};
+}
+
+// A text shorter than a word, with zeros behind it. Nothing outside the text is read.
+TextWord loadShort(const char *pFrom, std::size_t length) noexcept {
+  constexpr std::size_t kHalfLen = sizeof(std::uint32_t);
+  if (length >= kHalfLen) {
+    const std::size_t second = length - kHalfLen;  // overlaps the first
+    return loadAs<std::uint32_t>(pFrom) | TextWord{loadAs<std::uint32_t>(pFrom + second)}
+                                              << 8 * second;
+  }
+  if (length == 0) return 0;
+  const auto byteAt = [pFrom](std::size_t i) noexcept {
+    return TextWord{static_cast<unsigned char>(pFrom[i])} << 8 * i;
+  };
+  return byteAt(0) | byteAt(length / 2) | byteAt(length - 1);
+}
+
+// Not zero when a byte of the word stands behind "/" in any text.
+constexpr TextWord marksOfEscaped(TextWord word) noexcept {
+  return marksOfSpecials(word, '"');
+}
+
+constexpr bool isPlain(char c) noexcept {
+  return c != '"' && c != '/' && c != '\0';
+}
+
+// Characters in front of the first that is not plain.
+std::size_t plainLength(std::string_view text) noexcept {
+  std::size_t length = 0;
+  for (; text.size() - length >= kTextWordLen; length += kTextWordLen) {
+    const TextWord word = loadAs<TextWord>(text.data() + length);
+    if ((marksOfEscaped(word) | marksOfZeros(word)) != 0) break;
+  }
+  while (length < text.size() && isPlain(text[length])) ++length;
+  return length;
+}
+
+// Narrow text between double quotes: runs of plain characters as they are, the others behind "/".
+bool appendEscaped(PortOutput &output, std::string_view text) noexcept {
+  if (!output.append('"')) return false;
+  while (!text.empty()) {
+    const std::size_t run = plainLength(text);
+    if (!output.append(firstOf(text, run))) return false;
+    text = behind(text, run);
+    if (text.empty()) break;
+    const char escape[] = {'/', text.front() == '\0' ? '0' : text.front()};
+    if (!output.append(std::string_view(escape, sizeof escape))) return false;
+    text.remove_prefix(1);
+  }
+  return output.append('"');
+}
+
+// Stores escaped text, whole words of it where nothing is to be escaped, and returns its end.
+char *storeEscaped(char *pTo, std::string_view text) noexcept {
+  const char *pFrom = text.data();
+  const char *const pEnd = pFrom + text.size();
+  while (pFrom != pEnd) {
+    const auto left = static_cast<std::size_t>(pEnd - pFrom);
+    const TextWord word = left < kTextWordLen ? loadShort(pFrom, left) : loadAs<TextWord>(pFrom);
+    const std::size_t step = std::min(left, kTextWordLen);
+    if (marksOfEscaped(word) == 0) {
+      storeAs(pTo, word);
+      pTo += step;
+    } else {
+      for (const char c : std::string_view(pFrom, step)) {
+        if (!isPlain(c)) *pTo++ = '/';
+        *pTo++ = c;
+      }
+    }
+    pFrom += step;
+  }
+  return pTo;
+}
+
+// Copies text word by word, at least one. Returns zero when no character of it is to be escaped.
+TextWord copyWords(char *pTo, const char *pFrom, std::size_t length) noexcept {
+  const auto copyWord = [](char *pWordTo, TextWord word) noexcept {
+    storeAs(pWordTo, word);
+    return marksOfEscaped(word);
+  };
+  if (length < kTextWordLen) return copyWord(pTo, loadShort(pFrom, length));
+  const std::size_t last = length - kTextWordLen;  // overlaps the word before it
+  TextWord marks = copyWord(pTo + last, loadAs<TextWord>(pFrom + last));
+  for (std::size_t i = 0; i < last; i += kTextWordLen) {
+    marks |= copyWord(pTo + i, loadAs<TextWord>(pFrom + i));
+  }
+  return marks;
+}
+
+// Text of UTF-16 units at any alignment.
+class WideView {
+ public:
+  WideView(const std::byte *pText, std::size_t units) noexcept : pText_(pText), units_(units) {}
+
+  std::size_t size() const noexcept { return units_; }
+  std::uint32_t operator[](std::size_t i) const noexcept {
+    return loadAs<char16_t>(pText_ + 2 * i);
+  }
+
+ private:
+  const std::byte *pText_;
+  std::size_t units_;
+};
+
+std::size_t wideUnits(std::int32_t length) noexcept {
+  return length > 0 ? static_cast<std::size_t>(length) / 2 : 0;
+}
+
+// One unit as its text: at most "/", a digit and three groups of 6 bits. Returns the end.
+char *putUnit(char *pTo, std::uint32_t unit) noexcept {
+  if (unit == '\'' || unit == '/' || unit == 0) {
+    *pTo++ = '/';
+    *pTo++ = unit == 0 ? '0' : static_cast<char>(unit);
+    return pTo;
+  }
+  if (unit < 128) {
+    *pTo++ = static_cast<char>(unit);
+    return pTo;
+  }
+  const std::uint32_t groups = unit < 4096 ? 2 : 3;
+  *pTo++ = '/';
+  *pTo++ = static_cast<char>('0' + groups);
+  for (std::uint32_t shift = groups * 6; shift > 0;) {
+    shift -= 6;
+    *pTo++ = static_cast<char>('0' + ((unit >> shift) & 63));
+  }
+  return pTo;
+}
+
+// Wide text between single quotes, collected in pieces.
+bool appendWideQuoted(PortOutput &output, const WideView &text) noexcept {
+  constexpr std::size_t kPiece = 240;
+  constexpr std::size_t kLongestUnit = 5;
+  char piece[kPiece];
+  char *pEnd = piece;
+  *pEnd++ = '\'';
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (pEnd + kLongestUnit > piece + kPiece) {
+      if (!output.append(std::string_view(piece, static_cast<std::size_t>(pEnd - piece)))) {
+        return false;
+      }
+      pEnd = piece;
+    }
+    pEnd = putUnit(pEnd, text[i]);
+  }
+  return output.append(std::string_view(piece, static_cast<std::size_t>(pEnd - piece))) &&
+         output.append('\'');
+}
+
+std::size_t highSurrogates(const WideView &text) noexcept {
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] >= 0xD800 && text[i] <= 0xDBFF) ++count;
+  }
+  return count;
+}
+
+// Narrow text between double quotes. Most is plain, and copied while it is looked through.
+// REQUIRES: no zeros in it.
+bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
+  constexpr std::size_t kQuotes = 2;
+  char *pTo = output.roomFor(2 * text.size() + kQuotes + PortOutput::kSpill);
+  if (pTo == nullptr) return appendEscaped(output, text);
+  const bool isPlainText = copyWords(pTo + 1, text.data(), text.size()) == 0;
+  char *pEnd = isPlainText ? pTo + 1 + text.size() : storeEscaped(pTo + 1, text);
+  *pTo = '"';
+  *pEnd = '"';
+  output.advanceTo(pEnd + 1);
+  return true;
+}
+
+}  // namespace
+
+bool appendText(PortOutput &output, const char *pText) noexcept {
+  const std::string_view text(pText);
+  return output.appendReversed(text.size()) && appendQuoted(output, text);
+}
+
+bool MEM_Char2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+  return appendEscaped(output, bytesOf(length, pField));
+}
+
+bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+  const std::string_view field = bytesOf(length, pField);
+  return appendQuoted(output, firstOf(field, std::min(field.find('\0'), field.size())));
+}
+
+bool MEM_PStr2PortStr(PortOutput &output, const char *pText) noexcept {
+  if (!output.append('X')) return false;
+  if (pText == nullptr) return true;
+  return appendText(output, pText);
+}
+
+bool MEM_Bin2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+  constexpr std::size_t kPiece = 256;
+  if (!output.append('H')) return false;
+  char piece[kPiece];
+  std::size_t filled = 0;
+  for (const char c : bytesOf(length, pField)) {
+    const auto byte = static_cast<unsigned char>(c);
+    piece[filled++] = "0123456789ABCDEF"[byte >> 4];
+    piece[filled++] = "0123456789ABCDEF"[byte & 0xF];
+    if (filled == kPiece) {
+      if (!output.append(std::string_view(piece, filled))) return false;
+      filled = 0;
+    }
+  }
+  return output.append(std::string_view(piece, filled));
+}
+
+bool MEM_Bit2PortStr(PortOutput &output, const std::byte *pField) noexcept {
+  char text[] = "B00000000";
+  const auto flags = std::to_integer<std::uint32_t>(*pField);
+  for (std::uint32_t bit = 0; bit < 8; ++bit) {
+    if ((flags >> bit & 1U) != 0) text[1 + bit] = '1';
+  }
+  return output.append(std::string_view(text, 9));
+}
+
+bool MEM_WChar2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+  return appendWideQuoted(output, WideView(pField, wideUnits(length)));
+}
+
+bool MEM_WCharSZ2PortStr(PortOutput &output, std::int32_t length,
+                         const std::byte *pField) noexcept {
+  return appendWideQuoted(output, WideView(pField, wideLengthWithin(pField, wideUnits(length))));
+}
+
+bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept {
+  if (!output.append('x')) return false;
+  if (pText == nullptr) return true;
+  const WideView text(reinterpret_cast<const std::byte *>(pText), wideLength(pText));
+  const std::size_t pairs = highSurrogates(text);
+  return output.appendReversed(text.size() - pairs) && output.append(';') &&
+         output.appendReversed(pairs) && appendWideQuoted(output, text);
+}
+
+bool appendNumber(PortOutput &output, std::uint8_t type, const std::byte *pField) noexcept {
+  if (!output.append('N')) return false;
+  if (char *pTo = output.roomFor(kMostNumber)) {
+    output.advanceTo(putNumber(pTo, type, pField));
+    return true;
+  }
+  char text[kMostNumber];
+  const char *pEnd = putNumber(text, type, pField);
+  return output.append(std::string_view(text, static_cast<std::size_t>(pEnd - text)));
+}
+
+}  // namespace mem

@@ -1,0 +1,53 @@
+// The sink's index: copies in the order of the sink comparison. The active slots lie together at
+// the high end of the index area:
+//
+//   0 ... Free | First ... End | garbage | top
+//
+// Used = Act + Garbage; Free is First - 1. All of it runs with the sink gate held.
+#pragma once
+
+#include <cstdint>
+
+#include "frame/callframe.h"
+#include "qj7mem00/memproc.h"
+#include "sink/sink_compare.h"
+
+namespace mem {
+
+struct SinkSlot {
+  std::uint8_t *pCopy;
+  std::uint64_t uses;
+};
+MEM_CHECK_SIZE(SinkSlot, 16);
+MEM_CHECK_OFFSET(SinkSlot, uses, 8);
+
+inline constexpr std::uint32_t kSinkIndexLen = 16384;
+inline constexpr std::uint32_t kSinkIndexGrowth = 8192;
+
+inline SinkSlot *sinkSlots(MEMProcessBlock &process) noexcept {
+  return static_cast<SinkSlot *>(process.pIndex);
+}
+
+// Outcome of a search: the slot of an equal copy, or where a new one belongs (before that slot).
+struct SinkPlace {
+  bool isFound;
+  std::uint32_t slot;
+};
+
+// Gives the sink its first, empty index area. False when there is no storage.
+bool openIndex(MEMProcessBlock &process) noexcept;
+
+// Binary search, with detail records under `frame`.
+SinkPlace findText(CallFrame &frame, MEMProcessBlock &process, const SinkText &text) noexcept;
+
+// Makes room for one more slot where all are used: garbage is reclaimed when there is enough of it,
+// else the area grows. `place` stays where the text belongs. False when there is no storage.
+bool makeRoom(MEMProcessBlock &process, SinkPlace &place) noexcept;
+
+// Inserts a copy with one use. REQUIRES: Used < SlotCount.
+void insertSlot(CallFrame &frame, MEMProcessBlock &process, const SinkPlace &place,
+                std::uint8_t *pCopy) noexcept;
+
+void removeSlot(MEMProcessBlock &process, std::uint32_t slot) noexcept;
+
+}  // namespace mem

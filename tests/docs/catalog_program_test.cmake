@@ -127,7 +127,7 @@ endforeach()
 expect_chain(${WORK}/sample.chain 1)
 
 # The same bytes on every platform, and a second process that knows the structures from them only.
-set(fixture ${CMAKE_CURRENT_LIST_DIR}/fixtures/catalog-sample.chain)
+set(fixture ${CMAKE_CURRENT_LIST_DIR}/../fixtures/catalog-sample.chain)
 execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${fixture} ${WORK}/sample.chain
                 COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${fixture}.port ${WORK}/sample.chain.port

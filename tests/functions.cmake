@@ -1,0 +1,55 @@
+# Ways to add tests, for the rooms of tests/.
+
+# report_signal_unsafe: the host's exception filter runs where a fault happened, in a signal handler.
+set(MEM_TEST_ENVIRONMENT
+  ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1:check_initialization_order=1
+  UBSAN_OPTIONS=print_stacktrace=1
+  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:report_signal_unsafe=0)
+
+# mem_add_entry(<name> <command>...)
+# One entry for CTest, run in the folder of the programs.
+function(mem_add_entry name)
+  add_test(NAME ${name} COMMAND ${ARGN} WORKING_DIRECTORY ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 600 ENVIRONMENT "${MEM_TEST_ENVIRONMENT}")
+endfunction()
+
+# mem_add_label(<name> <label>)
+# `ctest -L <label>` runs the entry, too.
+function(mem_add_label name label)
+  set_property(TEST ${name} APPEND PROPERTY LABELS ${label})
+endfunction()
+
+# mem_add_test(<name> <source>... [THREADS] [INTERNALS] [LABELS <label>...] [LINK <library>...])
+# One program of GoogleTest cases, and one entry for all of its cases: starting a program under Wine
+# takes longer than most cases. The program loads the real library and sees only what hosts see.
+# THREADS    it runs several threads: it has the label "thread" and is run under the thread
+#            sanitizer too
+# INTERNALS  it links the library's objects and sees its internals
+# LABELS     further labels, for `ctest -L`
+function(mem_add_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS;INTERNALS" "" "LABELS;LINK")
+  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE test_support mem_warnings GTest::gtest_main ${arg_LINK})
+  add_dependencies(${name} QJ7MEM00)
+  if(arg_INTERNALS)
+    target_sources(${name} PRIVATE $<TARGET_OBJECTS:QJ7MEM00>)
+    target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/SrcRes)
+  endif()
+  mem_add_entry(${name} ${name})
+  foreach(label ${arg_LABELS})
+    mem_add_label(${name} ${label})
+  endforeach()
+  if(arg_THREADS)
+    mem_add_label(${name} thread)
+    add_dependencies(thread_tests ${name})
+  endif()
+endfunction()
+
+# mem_add_script(<name> [<variable>=<value>...])
+# An entry that runs <name>.cmake. The script starts the programs of this build with ${EMULATOR} in
+# front of them, which is empty for programs of this machine.
+function(mem_add_script name)
+  list(TRANSFORM ARGN PREPEND -D OUTPUT_VARIABLE definitions)
+  mem_add_entry(${name} ${CMAKE_COMMAND} ${definitions} "-DEMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR}"
+    -P ${CMAKE_CURRENT_SOURCE_DIR}/${name}.cmake)
+endfunction()

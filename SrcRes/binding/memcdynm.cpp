@@ -1,16 +1,7 @@
 #include "binding/memcdynm.h"
 
-#include "cat/memcscat.h"
-#include "cell/memccell.h"
+#include "binding/entrypoints.h"
 #include "frame/callframe.h"
-#include "hash/memchash.h"
-#include "heap/memcheap.h"
-#include "heap/memcheap_enhanced.h"
-#include "pack/memcpack.h"
-#include "port/memcport.h"
-#include "process/memcproc.h"
-#include "process/memcserv.h"
-#include "sink/memcstrg.h"
 
 namespace mem {
 

@@ -1,5 +1,4 @@
-#include "cat/memcscat.h"
-
+// Concatenation buffers: wide text that grows as it is appended to.
 #include <cstring>
 #include <limits>
 

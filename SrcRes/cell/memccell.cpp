@@ -1,5 +1,4 @@
-#include "cell/memccell.h"
-
+// Cell pools: cells of one length from areas that are obtained as they are needed.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>

@@ -1,7 +1,5 @@
-#include "heap/memcheap.h"
-
+// Standard heaps: allocation of many small entries that are released together.
 #include "heap/heap_parts.h"
-#include "heap/memcheap_enhanced.h"
 
 namespace mem {
 

@@ -1,5 +1,5 @@
-#include "heap/memcheap_enhanced.h"
-
+// Enhanced heaps: heaps that threads share. Each has a gate of its own, held while its chains are
+// looked at or changed.
 #include "heap/heap_parts.h"
 
 namespace mem {

@@ -1,5 +1,4 @@
-#include "process/memcproc.h"
-
+// Process and thread context: the process block, the thread blocks and the process option.
 #include <cstring>
 
 #include "frame/callframe.h"

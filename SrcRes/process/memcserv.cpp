@@ -1,5 +1,4 @@
-#include "process/memcserv.h"
-
+// Storage services: the library's general allocation by subpool.
 #include "frame/callframe.h"
 
 namespace mem {

@@ -5,12 +5,12 @@
 
 namespace mem {
 
-// Results of the library's own conversion, used where the host offers none.
+// Results other than 0 = success.
 inline constexpr std::uint16_t kConvertBadInput = 1;  // a value that is no character
 inline constexpr std::uint16_t kConvertNoRoom = 2;
 
 // Converts the NUL-terminated text at `pIn` into at most `outLen` bytes at `pOut`, the terminator
-// included, through RuntimeServices slot 158 or, where that is null, by itself. 0 = success.
-std::uint16_t convertUtf32ToUtf16(const void *pIn, void *pOut, std::int32_t outLen) noexcept;
+// included.
+std::uint16_t utf32ToUtf16(const void *pIn, void *pOut, std::int32_t outLen) noexcept;
 
 }  // namespace mem

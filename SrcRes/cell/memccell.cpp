@@ -101,17 +101,6 @@ void clearBlock(void *pTo) noexcept {
   storeAs(pTo, Block{});
 }
 
-// Writes a link of 8 bytes and zeros up to the end of the block; one store where there is one.
-void storeLink(void *pTo, void *const &pLink) noexcept {
-#if MEM_HAS_SSE2
-  const auto *const pFrom = reinterpret_cast<const __m128i *>(&pLink);
-  _mm_storeu_si128(static_cast<__m128i *>(pTo), _mm_loadl_epi64(pFrom));
-#else
-  clearBlock(pTo);
-  storeAs(pTo, pLink);
-#endif
-}
-
 // Clears a cell and puts it in front of the free ones. Cells are mostly short: blocks that may
 // overlap take less than a call of memset.
 void addFreeCell(MEMCellCtlBlk &ctl, void *pCell) noexcept {
@@ -119,15 +108,15 @@ void addFreeCell(MEMCellCtlBlk &ctl, void *pCell) noexcept {
   std::byte *pEnd = bytesAt(pCell, length);
   if (length < kBlockLen || length > 4 * kBlockLen) {
     std::memset(pCell, 0, length);
-    storeAs(pCell, ctl.pFreeCells);
   } else {
     if (length > 2 * kBlockLen) {
       clearBlock(bytesAt(pCell, kBlockLen));
       clearBlock(pEnd - 2 * kBlockLen);
     }
     clearBlock(pEnd - kBlockLen);
-    storeLink(pCell, ctl.pFreeCells);
+    clearBlock(pCell);
   }
+  storeAs(pCell, ctl.pFreeCells);
   ctl.pFreeCells = pCell;
 }
 

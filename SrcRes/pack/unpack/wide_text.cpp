@@ -1,11 +1,16 @@
 #include "pack/unpack/wide_text.h"
 
 #include "base/utfconvert.h"
+#include "frame/hostaccess.h"
 #include "pack/unpack/text_length.h"
 
 namespace mem {
 
 namespace {
+
+// Code pages of the host's conversion service.
+constexpr std::uint16_t kPageUtf16 = 1200;
+constexpr std::uint16_t kPageUtf32 = 12000;
 
 constexpr std::uint32_t kAreaLen = 32768;
 constexpr std::uint32_t kUtf16Len = 2;
@@ -15,6 +20,13 @@ void swapUnits(std::byte *pText, std::uint32_t length) noexcept {
   for (std::uint32_t offset = 0; offset < length; offset += sizeof(Unit)) {
     storeAs(pText + offset, byteSwapped(loadAs<Unit>(pText + offset)));
   }
+}
+
+// Through the host's conversion service (RuntimeServices slot 158) or, where that is null, here.
+std::uint16_t convertText(const void *pIn, void *pOut) noexcept {
+  const auto convert = runtimeServices().ConvertText;
+  if (convert == nullptr) return utf32ToUtf16(pIn, pOut, kAreaLen);
+  return convert(kPageUtf32, kPageUtf16, pIn, -1, pOut, kAreaLen);
 }
 
 }  // namespace
@@ -32,7 +44,7 @@ Outcome TextConverter::narrowUnits(std::byte *pText, std::uint32_t length) noexc
     return failure(MEMERR_PACKAMEM, ErrorText("UnpackBlkMemAllocFail"));
   }
   auto *pArea = area_.as<std::byte>();
-  const std::uint16_t code = convertUtf32ToUtf16(pText, pArea, kAreaLen);
+  const std::uint16_t code = convertText(pText, pArea);
   const std::uint32_t room =
       length < kAreaLen ? length : kAreaLen;  // a good conversion never grows
   const std::uint32_t end = textLength<std::uint16_t>(pArea, room);  // behind the terminator

@@ -5,7 +5,6 @@
 #include "platform/platform.h"
 #include "port/memcport.h"
 #include "port/port_defs.h"
-#include "port/write/short_text.h"
 #include "port/write/to_text.h"
 
 namespace mem {
@@ -291,12 +290,6 @@ std::int16_t PortWriter::putText(char *&pTo, const StructPlan &plan, const MEMFi
                                  const char *pText) noexcept {
   if (pText == nullptr) return 0;
   output_.advanceTo(pTo);
-  if (output_.roomAt(pTo) >= kMostShortText) {
-    if (char *pEnd = putShortText(pTo, pText)) {
-      pTo = pEnd;
-      return 0;
-    }
-  }
   const bool isAppended = appendText(output_, pText);
   pTo = output_.next();
   if (isAppended) return 0;

@@ -4,8 +4,7 @@
 #include <bit>
 #include <cstring>
 
-#include "pack/memcpack.h"
-#include "port/memcport.h"
+#include "hash/address_hash.h"
 
 namespace mem {
 
@@ -34,33 +33,33 @@ std::uint64_t nodeCount(MEMHashCtlBlk &ctl) noexcept {
 
 HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
                              std::uint64_t slots) noexcept {
-  HashIndex **ppAnchor = anchor(frame);
-  if (ppAnchor == nullptr || slots > kMaxCapacity) return nullptr;
+  ThreadArea **ppAreas = threadAreas(frame);
+  if (ppAreas == nullptr || slots > kMaxCapacity) return nullptr;
   const auto capacity = static_cast<std::uint32_t>(slots);
   const auto buckets = static_cast<std::uint32_t>(ctl.Max + 1);
-  const auto size =
+  const auto areaLen =
       static_cast<std::uint32_t>(sizeof(HashIndex) + capacity * sizeof(Slot) + tailsLen(buckets));
-  const auto subPool = static_cast<std::int16_t>(ctl.SubPool);
+  const auto storagePool = static_cast<std::int16_t>(ctl.SubPool);
   // A refusal is none of the caller's concern, nor is what storage records of itself.
   const ErrorAreaKeeper keeper(frame);
-  auto *pIndex = static_cast<HashIndex *>(functionVector().MEM_Alloc(size, subPool));
+  auto *pIndex = static_cast<HashIndex *>(functionVector().MEM_Alloc(areaLen, storagePool));
   if (pIndex == nullptr) return nullptr;
-  std::memset(static_cast<void *>(pIndex), 0, size);
+  std::memset(static_cast<void *>(pIndex), 0, areaLen);
   pIndex->pTable_ = &ctl;
   // Two that a thread has at a time differ in these bits, unless they are gigabytes apart.
   const auto bits = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(pIndex) >> 4);
   pIndex->indexState_ = static_cast<std::uint16_t>(kIndexed | bits >> 16);
   pIndex->walkedNodes_ = static_cast<std::uint16_t>(bits);
-  pIndex->size_ = size;
-  pIndex->subPool_ = subPool;
+  pIndex->size = areaLen;
+  pIndex->subPool = storagePool;
   pIndex->pSlots_ = reinterpret_cast<Slot *>(pIndex + 1);
   pIndex->pTails_ = reinterpret_cast<HashNode **>(pIndex->pSlots_ + capacity);
   pIndex->bucketCount_ = buckets;
   pIndex->pFreeEntries_ = ctl.pFreeEntries;
   pIndex->lastPlace_ = capacity - 1;
   pIndex->shift_ = 64 - static_cast<std::uint32_t>(std::countr_zero(capacity));
-  pIndex->pNext_ = *ppAnchor;
-  *ppAnchor = pIndex;
+  pIndex->pNext = *ppAreas;
+  *ppAreas = pIndex;
   return pIndex;
 }
 
@@ -75,7 +74,7 @@ void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
 }
 
 void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-  if (anchor(frame) == nullptr) return;
+  if (threadAreas(frame) == nullptr) return;
   // The last node does not count: mostly it is the one behind a power of two, and is not to double
   // the slots. After deletions it may be the only one.
   const std::uint64_t nodes = std::max<std::uint64_t>(nodeCount(ctl), 2) - 1;
@@ -105,26 +104,14 @@ void HashIndex::drop(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
 }
 
 void HashIndex::forget(const CallFrame &frame, const MEMHashCtlBlk *pTable) noexcept {
-  HashIndex **ppLink = anchor(frame);
+  ThreadArea **ppLink = threadAreas(frame);
   while (ppLink != nullptr && *ppLink != nullptr) {
-    if ((*ppLink)->pTable_ == pTable) {
-      release(ppLink);
+    if (static_cast<HashIndex *>(*ppLink)->pTable_ == pTable) {
+      releaseThreadArea(ppLink);
     } else {
-      ppLink = &(*ppLink)->pNext_;
+      ppLink = &(*ppLink)->pNext;
     }
   }
-}
-
-void HashIndex::forgetAll(const CallFrame &frame) noexcept {
-  HashIndex **ppAnchor = anchor(frame);
-  while (ppAnchor != nullptr && *ppAnchor != nullptr) release(ppAnchor);
-}
-
-// Takes an index off the thread and returns its storage.
-void HashIndex::release(HashIndex **ppLink) noexcept {
-  HashIndex *pIndex = *ppLink;
-  *ppLink = pIndex->pNext_;
-  functionVector().MEM_Free(pIndex, pIndex->size_, pIndex->subPool_);
 }
 
 void HashIndex::fill(MEMHashCtlBlk &ctl) noexcept {
@@ -156,9 +143,9 @@ void HashIndex::grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
   pLarger->walkedBefore_ = walkedBefore_;
   pLarger->fillFrom(*this);
   pLarger->mark(ctl);
-  HashIndex **ppLink = &pLarger->pNext_;
-  while (*ppLink != this) ppLink = &(*ppLink)->pNext_;
-  release(ppLink);
+  ThreadArea **ppLink = &pLarger->pNext;
+  while (*ppLink != this) ppLink = &(*ppLink)->pNext;
+  releaseThreadArea(ppLink);
 }
 
 // Another key has the key's place. Keys less than 16 bytes apart, which would fill the places of

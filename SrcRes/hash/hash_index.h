@@ -22,7 +22,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "frame/callframe.h"
+#include "frame/threadareas.h"
 #include "hash/hashblocks.h"
 #include "platform/platform.h"
 
@@ -48,7 +48,7 @@ inline bool isIndexed(const MEMHashCtlBlk &ctl) noexcept {
   return (ctl.IndexState & kIndexed) != 0;
 }
 
-class HashIndex {
+class HashIndex : public ThreadArea {
  public:
   // The table's index, or null: also where the table has one that this frame cannot find, and where
   // others have deleted nodes since.
@@ -71,9 +71,6 @@ class HashIndex {
 
   // For open and close: returns all that the thread has for a table at this address.
   static void forget(const CallFrame &frame, const MEMHashCtlBlk *pTable) noexcept;
-
-  // For the thread's end: returns all that the thread has.
-  static void forgetAll(const CallFrame &frame) noexcept;
 
   // A key's place in the index, valid until a node is added.
   struct Slot {
@@ -137,7 +134,6 @@ class HashIndex {
 
   static HashIndex *find(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept;
   MEM_NOINLINE static void giveUp(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
-  static HashIndex **anchor(const CallFrame &frame) noexcept;
   static HashIndex *create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
                            std::uint64_t slots) noexcept;
   static const void *keyIn(const MEMHashCtlBlk &ctl, HashNode *pNode) noexcept {
@@ -168,7 +164,6 @@ class HashIndex {
   }
 
   MEM_NOINLINE static void make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
-  static void release(HashIndex **ppLink) noexcept;
   MEM_NOINLINE void grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
   void fill(MEMHashCtlBlk &ctl) noexcept;
   void fillFrom(const HashIndex &smaller) noexcept;
@@ -196,16 +191,13 @@ class HashIndex {
   }
 
   const MEMHashCtlBlk *pTable_;
-  HashIndex *pNext_;              // further index of the thread
   Slot *pSlots_;                  // a power of 2, at most half of them in use
   HashNode **pTails_;             // behind the slots
   const HashNode *pFreeEntries_;  // the table's when it was changed last
   std::uint32_t lastPlace_;       // of a slot: one less than a power of 2
   std::uint32_t shift_;           // leaves the bits of a place of a 64-bit product
   std::uint32_t count_;           // slots in use
-  std::uint32_t size_;            // bytes of storage
   std::uint32_t bucketCount_;     // of the table
-  std::int16_t subPool_;          // of the storage
   std::uint16_t indexState_;      // what the table's fields of that name hold
   std::uint16_t walkedNodes_;
   std::uint16_t walkedBefore_;  // what the latter held before the table had an index
@@ -214,17 +206,13 @@ class HashIndex {
 // Spreads consecutive numbers evenly over the upper bits of a product.
 inline constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15U;
 
-// Where the thread's first index hangs, or null when the frame has no thread block.
-inline HashIndex **HashIndex::anchor(const CallFrame &frame) noexcept {
-  const MEMThreadEnv *pThread = frame.thread();
-  if (pThread == nullptr || pThread->pMemThreadBlk == nullptr) return nullptr;
-  return reinterpret_cast<HashIndex **>(&pThread->pMemThreadBlk->pHashIndexes);
-}
-
+// What hangs on a thread are indexes of its tables.
 inline HashIndex *HashIndex::find(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept {
-  HashIndex *const *ppAnchor = anchor(frame);
-  HashIndex *pIndex = ppAnchor == nullptr ? nullptr : *ppAnchor;
-  while (pIndex != nullptr && !pIndex->isRightFor(ctl)) pIndex = pIndex->pNext_;
+  ThreadArea *const *ppAreas = threadAreas(frame);
+  auto *pIndex = ppAreas == nullptr ? nullptr : static_cast<HashIndex *>(*ppAreas);
+  while (pIndex != nullptr && !pIndex->isRightFor(ctl)) {
+    pIndex = static_cast<HashIndex *>(pIndex->pNext);
+  }
   return pIndex;
 }
 
@@ -240,5 +228,10 @@ inline HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
   Slot *pSlot = &pSlots_[placeOf(key)];
   return pSlot->pNode == nullptr || pSlot->key == key ? pSlot : seekElsewhere(key);
 }
+
+// The index of a table when it is so large that its user had better ask for keys ahead (wantSlot(),
+// wantRecord()), else null: also when the host has put other services into the table's slots, since
+// nothing is known of its handle then. Valid until the table is changed or closed.
+const HashIndex *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) noexcept;
 
 }  // namespace mem

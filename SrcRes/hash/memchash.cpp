@@ -1,5 +1,4 @@
-#include "hash/memchash.h"
-
+// Hash tables over records with a key at a fixed place and a caller's hash function.
 #include <cstring>
 
 #include "base/bytes.h"
@@ -124,16 +123,6 @@ HashNode *MemHashAllocEntry(MEMHashCtlBlk &ctl, std::int16_t Len) noexcept {
 }
 
 }  // namespace
-
-const HashIndex *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) noexcept {
-  const MEMFunctionVector &slots = functionVector();
-  const bool isOwn = slots.MEM_HashOpen == MEM_HashOpen &&
-                     slots.MEM_HashInsEntry == MEM_HashInsEntry &&
-                     slots.MEM_HashGetEntry == MEM_HashGetEntry;
-  if (!isOwn || !isTable(hMemHash)) return nullptr;
-  const HashIndex *pIndex = HashIndex::of(frame, *table(hMemHash));
-  return pIndex != nullptr && pIndex->isLarge() ? pIndex : nullptr;
-}
 
 std::int16_t MEM_HashOpen(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t KeyLen,
                           std::int16_t Max, MEMHashFunc pFunc, std::int16_t AreaLen,
@@ -277,6 +266,16 @@ std::int16_t MEM_HashScan(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm) noex
   if (lastError == 0) return frame.succeed();
   frame.traceExit("pFct Return error");
   return frame.finish(lastError);
+}
+
+const HashIndex *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) noexcept {
+  const MEMFunctionVector &slots = functionVector();
+  const bool isOwn = slots.MEM_HashOpen == MEM_HashOpen &&
+                     slots.MEM_HashInsEntry == MEM_HashInsEntry &&
+                     slots.MEM_HashGetEntry == MEM_HashGetEntry;
+  if (!isOwn || !isTable(hMemHash)) return nullptr;
+  const HashIndex *pIndex = HashIndex::of(frame, *table(hMemHash));
+  return pIndex != nullptr && pIndex->isLarge() ? pIndex : nullptr;
 }
 
 }  // namespace mem

@@ -133,8 +133,8 @@ std::int16_t allocChain(CallFrame &frame, HMEMHEAP hMemHeap, const EntryChain &c
 // Ends a call with the result of another service; a failure's error stands.
 std::int16_t passOn(CallFrame &frame, std::int16_t result) noexcept;
 
-// The two entry points that are called past the vector, within this room: a standard heap's multiple
-// allocations pass an enhanced heap's handle on to them.
+// The two entry points that are called past the vector, within this room: a standard heap's
+// multiple allocations pass an enhanced heap's handle on to them.
 std::int16_t MEM_EHeapAllocMultEntries(HMEMHEAP hMemHeap, std::int32_t Len, std::int16_t NumEnties,
                                        std::int16_t LinkOff, void **ppEntry) noexcept;
 std::int16_t MEM_EHeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,

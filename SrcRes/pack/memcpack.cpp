@@ -1,12 +1,12 @@
-#include "pack/memcpack.h"
-
+// Packing: pointer-linked structures become a chain of blocks. The walk over the structure, then
+// the fix-up of the pointers.
 #include <cstring>
 
 #include "base/bytes.h"
 #include "base/copybytes.h"
 #include "frame/callframe.h"
+#include "hash/address_hash.h"
 #include "hash/hash_index.h"
-#include "hash/memchash.h"
 #include "pack/chain_builder.h"
 #include "pack/pack_descriptors.h"
 #include "pack/pack_failure.h"
@@ -382,11 +382,6 @@ std::int16_t finishFailed(CallFrame &frame, const PackFailure &failed) noexcept 
                      .text = failed.text.c_str(),
                      .marksComponent = true,
                      .result = failed.result});
-}
-
-std::int16_t MEM_PackHashFunc(const void *pKey) noexcept {
-  const std::size_t lowestByte = platformIsBigEndian() ? 3 : 0;
-  return static_cast<std::int16_t>(loadAs<std::uint8_t>(bytesAt(pKey, lowestByte)) >> 1);
 }
 
 std::int16_t MEM_Pack(const MemPackCB *pPackCB, const void *pRoot, std::int32_t BlkLen,

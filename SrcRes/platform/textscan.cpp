@@ -4,8 +4,14 @@ namespace mem {
 
 namespace {
 
+const std::byte *at(const void *pText, std::size_t offset) noexcept {
+  return static_cast<const std::byte *>(pText) + offset;
+}
+
 bool isZeroUnit(const void *pText, std::size_t unit) noexcept {
-  return loadAs<char16_t>(bytesAt(pText, unit * sizeof(char16_t))) == 0;
+  char16_t value;
+  std::memcpy(&value, at(pText, unit * sizeof value), sizeof value);
+  return value == 0;
 }
 
 #if MEM_HAS_SSE2
@@ -14,7 +20,7 @@ constexpr std::size_t kStep = sizeof(__m128i);
 constexpr std::size_t kStepUnits = kStep / sizeof(char16_t);
 
 const __m128i *stepAt(const void *pText, std::size_t offset) noexcept {
-  return reinterpret_cast<const __m128i *>(bytesAt(pText, offset));
+  return reinterpret_cast<const __m128i *>(at(pText, offset));
 }
 
 // The first zero unit of a step, or of some.

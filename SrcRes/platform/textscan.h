@@ -1,11 +1,12 @@
-// Where wide text ends: the one place that looks for it.
+// Where text ends, by the widest looks that every processor of the platform allows: the one place
+// that looks for the end of wide text, and the look at narrow text of a known room.
 #pragma once
 
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
-#include "base/bytes.h"
 #include "platform/platform.h"
 
 namespace mem {
@@ -44,5 +45,25 @@ inline std::size_t wideLength(const void *pText) noexcept {
 
 // The same for text that need not end: at most `most` units, and nothing behind them is read.
 std::size_t wideLengthWithin(const void *pText, std::size_t most) noexcept;
+
+// Characters in front of the NUL that ends narrow text, at most `most`, and nothing behind them is
+// read. In line for the first ones, since most texts are short.
+inline std::size_t narrowLengthWithin(const void *pText, std::size_t most) noexcept {
+  const auto *pBytes = static_cast<const std::byte *>(pText);
+  std::size_t looked = 0;
+#if MEM_HAS_SSE2
+  for (; most - looked >= 2 * sizeof(__m128i); looked += 2 * sizeof(__m128i)) {
+    const auto *pHalves = reinterpret_cast<const __m128i *>(pBytes + looked);
+    const __m128i low = _mm_cmpeq_epi8(_mm_loadu_si128(pHalves), _mm_setzero_si128());
+    const __m128i high = _mm_cmpeq_epi8(_mm_loadu_si128(pHalves + 1), _mm_setzero_si128());
+    const std::uint32_t zeros = static_cast<std::uint32_t>(_mm_movemask_epi8(low)) |
+                                static_cast<std::uint32_t>(_mm_movemask_epi8(high)) << 16;
+    if (zeros != 0) return looked + static_cast<std::uint32_t>(std::countr_zero(zeros));
+  }
+#endif
+  const void *pEnd = std::memchr(pBytes + looked, 0, most - looked);
+  if (pEnd == nullptr) return most;
+  return static_cast<std::size_t>(static_cast<const std::byte *>(pEnd) - pBytes);
+}
 
 }  // namespace mem

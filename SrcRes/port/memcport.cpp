@@ -1,5 +1,8 @@
-#include "port/memcport.h"
-
+// Port strings: graphs of structures as portable text, and back. The entry points, each inside the
+// fault guard.
+//
+// The work of a call runs inside the guard, which may leave it at any instruction. So nothing there
+// has a destructor; what a call opens is noted in its state record and closed outside.
 #include "frame/callframe.h"
 #include "port/read/port_reader.h"
 #include "port/write/port_writer.h"

@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "frame/callframe.h"
-#include "hash/hash_index.h"
+#include "frame/threadareas.h"
 #include "process/msgtable.h"
 
 namespace mem {
@@ -96,7 +96,8 @@ std::int16_t MEM_ThreadTerm() noexcept {
   if (processBlock() == nullptr || pThread == nullptr || pThread->pMemThreadBlk == nullptr) {
     return frame.finish(0);
   }
-  HashIndex::forgetAll(frame);
+  ThreadArea **ppAreas = threadAreas(frame);
+  while (*ppAreas != nullptr) releaseThreadArea(ppAreas);
   runtimeServices().FreePoolStorage(MEM_THREAD_BLOCK_SUBPOOL, pThread->pMemThreadBlk);
   pThread->pMemThreadBlk = nullptr;
   return frame.finishAsHostSet();

@@ -1,5 +1,5 @@
-// String sink: one shared, sorted, write-protected copy of each string of the process. Entry points,
-// start and stop, the common workers.
+// String sink: one shared, sorted, write-protected copy of each string of the process. Entry
+// points, start and stop, the common workers.
 #include <cstring>
 #include <optional>
 

@@ -1,5 +1,5 @@
+// Unpacking: the choice between the two ways.
 #include "frame/callframe.h"
-#include "pack/memcpack.h"
 #include "pack/pack_failure.h"
 #include "pack/unpack/exact.h"
 #include "pack/unpack/pointer_fields.h"

@@ -4,7 +4,6 @@
 
 #include "base/bytes.h"
 #include "hash/hash_index.h"
-#include "hash/memchash.h"
 #include "platform/platform.h"
 #include "port/write/port_writer.h"
 

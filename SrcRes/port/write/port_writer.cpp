@@ -1,9 +1,9 @@
 #include "port/write/port_writer.h"
 
 #include "base/bytes.h"
+#include "hash/address_hash.h"
 #include "heap/heapblocks.h"
 #include "platform/platform.h"
-#include "port/memcport.h"
 #include "port/port_defs.h"
 #include "port/write/to_text.h"
 
@@ -14,7 +14,6 @@ namespace {
 // Arguments of the registry. Its hash function yields 0..1998.
 constexpr std::int16_t kRegistryMax = 1998;
 constexpr std::int16_t kRegistryAreaKB = 10;
-constexpr std::uint64_t kRegistryModulus = 1999;
 
 // What a heap area offers behind the header of a standard heap, less a chunk's own bytes.
 constexpr std::int32_t kAreaOverhead = 72;
@@ -30,12 +29,6 @@ constexpr MessagePoint kPointType{"MEM_Struct2Port", 688};
 constexpr MessagePoint kPointField{"MEM_Struct2Port", 731};
 
 }  // namespace
-
-std::int16_t MEM_PortHash(const void *pKey) noexcept {
-  const auto address = loadAs<std::uint64_t>(pKey);
-  const std::uint64_t hashed = address % 8 == 0 ? address / 8 : address;
-  return static_cast<std::int16_t>(hashed % kRegistryModulus);
-}
 
 // The structure's entry, made at its first mention.
 inline std::int16_t PortWriter::enter(const void *pStruct, std::uint32_t structID,

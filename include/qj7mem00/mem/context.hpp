@@ -1,0 +1,361 @@
+/** @file context.hpp
+ * What all of the C++ layer shares: the context, errors and results, calls by slot, owners, and
+ * members of structures. Part of mem.hpp, whose conventions hold.
+ */
+#ifndef QJ7MEM00_MEM_CONTEXT_HPP
+#define QJ7MEM00_MEM_CONTEXT_HPP
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <type_traits>
+#include <utility>
+#include <variant>
+
+#include "../qj7mem00.h"
+
+namespace mem {
+
+/** @name Context */
+/** @{ */
+
+/** How the services and the calling thread's error area are reached. Made once by whoever knows the
+ * host, passed by reference to everything else. Any number of threads may use one context. */
+class Context {
+ public:
+  /** Hands out the calling thread's environment, or null where it has none. Must not throw. */
+  using ThreadEnvFn = MEMThreadEnv *(void *pHost);
+
+  /** `vector` is the host's; slots that it replaces later take effect. `pThreadEnv` is called with
+   * `pHost` after a failure; without it errors carry only what the result tells. */
+  Context(const MEMFunctionVector &vector, ThreadEnvFn *pThreadEnv, void *pHost = nullptr) noexcept
+      : pVector_(&vector), pThreadEnv_(pThreadEnv), pHost_(pHost) {}
+
+  const MEMFunctionVector &vector() const noexcept { return *pVector_; }
+  const MEMThreadEnv *threadEnv() const noexcept {
+    return pThreadEnv_ == nullptr ? nullptr : pThreadEnv_(pHost_);
+  }
+
+ private:
+  const MEMFunctionVector *pVector_;
+  ThreadEnvFn *pThreadEnv_;
+  void *pHost_;
+};
+
+/** The context of a host object that hands out its vector and the calling thread's environment by
+ * vector() and thread(), as the reference host does. The object outlives the context. */
+template <class Host>
+Context contextOf(Host &host) noexcept {
+  return Context(
+      host.vector(),
+      [](void *pHost) -> MEMThreadEnv * { return &static_cast<Host *>(pHost)->thread(); }, &host);
+}
+
+/** A context as an argument. Owners keep its address, so a temporary one is refused. */
+class ContextRef {
+ public:
+  ContextRef(const Context &context) noexcept : pContext_(&context) {}
+  ContextRef(const Context &&) = delete;
+  const Context *operator->() const noexcept { return pContext_; }
+  const Context &get() const noexcept { return *pContext_; }
+
+ private:
+  const Context *pContext_;
+};
+/** @} */
+
+/** @name Errors and results */
+/** @{ */
+
+/** Name and message of a code, empty texts for a number that is none of MEMERR_LIST. */
+struct CodeText {
+  const char *name;
+  const char *message;
+};
+
+constexpr CodeText codeText(std::uint32_t code) noexcept {
+  switch (code) {
+#define MEM_CODE_TEXT(name, number, message) \
+  case number:                               \
+    return {#name, message};
+    MEMERR_LIST(MEM_CODE_TEXT)
+#undef MEM_CODE_TEXT
+    default:
+      return {"", ""};
+  }
+}
+
+/** A failure as one line of text. */
+struct ErrorLine {
+  char text[640];
+};
+
+/** What a failed call left: its code and copies of the calling thread's texts, so that later calls
+ * do not change it. */
+class Error {
+ public:
+  /** What failed: the service's name ("MEM_HeapOpen"), a constant. */
+  const char *service() const noexcept { return service_; }
+  /** The call's own result, 0 for a refusal. */
+  std::int16_t result() const noexcept { return result_; }
+  /** Whether no service was called, because this header refuses what it was given; nameText()
+   * tells why. */
+  bool isRefusal() const noexcept { return result_ == 0; }
+  /** MEMERR code, or 0: the port string services set none, and the start of the process leaves its
+   * code as the inner one. */
+  std::uint32_t code() const noexcept { return code_; }
+  std::uint32_t innerCode() const noexcept { return innerCode_; }
+  /** Name or text of what failed, at most 63 characters. */
+  const char *nameText() const noexcept { return nameText_; }
+  const char *innerText() const noexcept { return innerText_; }
+  /** The thread's free message text as the call left it. No service clears it: where the failing
+   * one wrote nothing there, it is an earlier call's. */
+  const char *messageText() const noexcept { return messageText_; }
+
+  /** "MEM_HeapOpen failed: 4055 MEMERR_HEAPAMEM, Acquire Memory failed (MemAllocFail)". The code is
+   * the inner one where there is no other. */
+  ErrorLine line() const noexcept {
+    ErrorLine made;
+    if (code_ != 0) {
+      writeLine(made, code_, nameText_);
+    } else if (innerCode_ != 0) {
+      writeLine(made, innerCode_, innerText_);
+    } else if (isRefusal()) {
+      std::snprintf(made.text, sizeof made.text, "%s failed: %s", service_, nameText_);
+    } else {
+      const Detail detail(nameText_);
+      std::snprintf(made.text, sizeof made.text, "%s failed: result %d without a code%s", service_,
+                    int{result_}, detail.text);
+    }
+    return made;
+  }
+
+  /** The failure of a call that has just returned `result` on this thread. */
+  static Error ofCall(const Context &context, const char *service, std::int16_t result) noexcept {
+    Error error(service, result);
+    if (const MEMThreadEnv *const pEnv = context.threadEnv()) error.copyFrom(*pEnv);
+    if (error.code_ == 0 && result > 0) error.code_ = static_cast<std::uint32_t>(result);
+    return error;
+  }
+
+  /** A failure of which the service recorded nothing; the text is this header's. */
+  static Error withoutRecord(const char *service, std::int16_t result,
+                             const char *text = "") noexcept {
+    Error error(service, result);
+    std::snprintf(error.nameText_, sizeof error.nameText_, "%s", text);
+    return error;
+  }
+
+  /** A refusal of this header's; the text tells why. */
+  static Error refusal(const char *service, const char *text) noexcept {
+    return withoutRecord(service, 0, text);
+  }
+
+ private:
+  struct Detail {  // " (text)", empty for the empty text
+    explicit Detail(const char *from) noexcept {
+      std::snprintf(text, sizeof text, *from == '\0' ? "%s" : " (%s)", from);
+    }
+    char text[MEM_NAME_TEXT_LEN + 4];
+  };
+
+  Error(const char *service, std::int16_t result) noexcept : service_(service), result_(result) {}
+
+  void copyFrom(const MEMThreadEnv &env) noexcept {
+    code_ = env.Error.Code;
+    innerCode_ = env.Error.InnerCode;
+    copyText(nameText_, env.Error.NameText);
+    copyText(innerText_, env.Error.InnerText);
+    copyText(messageText_, env.MessageText);
+  }
+
+  template <std::size_t kRoom>
+  static void copyText(char (&to)[kRoom], const char (&from)[kRoom]) noexcept {
+    std::memcpy(to, from, kRoom - 1);
+    to[kRoom - 1] = '\0';
+  }
+
+  void writeLine(ErrorLine &to, std::uint32_t code, const char *text) const noexcept {
+    const CodeText known = codeText(code);
+    const bool isKnown = *known.name != '\0';
+    const Detail detail(text);
+    std::snprintf(to.text, sizeof to.text, "%s failed: %lu%s%s%s%s%s", service_,
+                  static_cast<unsigned long>(code), isKnown ? " " : "", known.name,
+                  isKnown ? ", " : "", known.message, detail.text);
+  }
+
+  const char *service_;
+  std::int16_t result_;
+  std::uint32_t code_ = 0;
+  std::uint32_t innerCode_ = 0;
+  char nameText_[MEM_NAME_TEXT_LEN] = {};
+  char innerText_[MEM_NAME_TEXT_LEN] = {};
+  char messageText_[MEM_MESSAGE_TEXT_LEN] = {};
+};
+
+/** A value or the error that came instead. */
+template <class Value>
+class [[nodiscard]] Result {
+ public:
+  Result(Value value) noexcept : state_(std::in_place_index<0>, std::move(value)) {}
+  Result(const Error &error) noexcept : state_(std::in_place_index<1>, error) {}
+
+  bool isOk() const noexcept { return state_.index() == 0; }
+
+  /** The value. A program that asks a failed result for it is ended. */
+  Value &value() &noexcept { return *existing(std::get_if<0>(&state_)); }
+  const Value &value() const &noexcept { return *existing(std::get_if<0>(&state_)); }
+  Value &&value() &&noexcept { return std::move(*existing(std::get_if<0>(&state_))); }
+
+  /** The error. A program that asks a result with a value for it is ended. */
+  const Error &error() const noexcept { return *existing(std::get_if<1>(&state_)); }
+
+ private:
+  template <class Part>
+  static Part *existing(Part *pPart) noexcept {
+    if (pPart == nullptr) std::abort();
+    return pPart;
+  }
+
+  std::variant<Value, Error> state_;
+};
+
+/** Success or an error. */
+template <>
+class [[nodiscard]] Result<void> {
+ public:
+  Result() noexcept = default;
+  Result(const Error &error) noexcept : error_(error) {}
+
+  bool isOk() const noexcept { return !error_.has_value(); }
+  const Error &error() const noexcept {
+    if (isOk()) std::abort();
+    return *error_;
+  }
+
+ private:
+  std::optional<Error> error_;
+};
+
+using Status = Result<void>;
+/** @} */
+
+/** @name Calls by slot */
+/** @{ */
+
+/** A slot of the vector with its name. */
+template <class Service>
+struct Slot {
+  const char *name;
+  Service *MEMFunctionVector::*entry;
+};
+
+/** Every slot under the name of its entry point: slots::MEM_HeapOpen. */
+namespace slots {
+#define MEM_SLOT_BY_NAME(slot, service) \
+  inline constexpr Slot<service##Fn> service{#service, &MEMFunctionVector::service};
+MEM_VECTOR_SLOTS(MEM_SLOT_BY_NAME)
+#undef MEM_SLOT_BY_NAME
+}  // namespace slots
+
+/** Calls a service whose 16-bit result is 0 for success, and takes what a failure left. For
+ * services that this header has no better name for. */
+template <class Service, class... Args>
+Status call(const Context &context, Slot<Service> slot, Args... args) noexcept {
+  const std::int16_t result = (context.vector().*slot.entry)(args...);
+  if (result != 0) return Error::ofCall(context, slot.name, result);
+  return {};
+}
+/** @} */
+
+/** @name Owners: what they share */
+/** @{ */
+
+/** The base of all owners. `Handle{}` is what an empty one holds and is false. */
+template <class Derived, class Handle>
+class Owner {
+ public:
+  Owner() noexcept = default;
+  Owner(Owner &&other) noexcept
+      : pContext_(other.pContext_), handle_(std::exchange(other.handle_, Handle{})) {}
+  Owner &operator=(Owner &&other) noexcept {
+    if (this == &other) return *this;
+    closeQuietly();
+    pContext_ = other.pContext_;
+    handle_ = std::exchange(other.handle_, Handle{});
+    return *this;
+  }
+  ~Owner() { closeQuietly(); }
+
+  bool isOpen() const noexcept { return static_cast<bool>(handle_); }
+
+  /** Gives back what is owned; nothing to do for an empty owner. On failure it is still owned. */
+  Status close() noexcept {
+    if (!isOpen()) return {};
+    const Status status = Derived::closeHandle(*pContext_, handle_);
+    if (status.isOk()) handle_ = Handle{};
+    return status;
+  }
+
+  /** What is owned, for calls through the vector. */
+  const Handle &handle() const noexcept { return handle_; }
+
+  /** Hands what is owned to the caller, who gives it back through the vector. */
+  [[nodiscard]] Handle release() noexcept { return std::exchange(handle_, Handle{}); }
+
+ protected:
+  Owner(ContextRef context, Handle handle) noexcept
+      : pContext_(&context.get()), handle_(std::move(handle)) {}
+
+  const Context &context() const noexcept { return *pContext_; }
+  Handle &mutableHandle() noexcept { return handle_; }
+
+ private:
+  void closeQuietly() noexcept {
+    if (isOpen()) static_cast<void>(Derived::closeHandle(*pContext_, handle_));
+  }
+
+  const Context *pContext_ = nullptr;
+  Handle handle_{};
+};
+/** @} */
+
+/** @name Members */
+/** @{ */
+
+/** A member of a structure: its type and its place, all known to the compiler. Made by MEM_FIELD.
+ */
+template <class StructType, class FieldType, std::size_t kFieldOffset>
+struct Member {
+  static_assert(std::is_standard_layout_v<StructType>,
+                "mem: a structure for the library must have standard layout");
+  using Struct = StructType;
+  using Type = FieldType;
+  static constexpr std::size_t kOffset = kFieldOffset;
+};
+
+/** The member `member` of `Struct`. Members of members and elements of arrays are named as in C:
+ * MEM_FIELD(Order, address.street), MEM_FIELD(Order, items[2]).
+ *
+ * A macro, because a pointer to member does not give its offset in a constant expression, and
+ * offsetof does. A structure type with a comma in its name needs an alias. */
+#define MEM_FIELD(Struct, member)                                             \
+  (::mem::Member<Struct, ::std::remove_reference_t<decltype(Struct::member)>, \
+                 offsetof(Struct, member)>{})
+
+/** The structure at any address: segments of an unpacked chain need not be aligned. */
+template <class Record>
+Record readRecord(const Record *pRecord) noexcept {
+  static_assert(std::is_trivially_copyable_v<Record>, "mem: a record is copied byte by byte");
+  Record record;
+  std::memcpy(&record, static_cast<const void *>(pRecord), sizeof record);
+  return record;
+}
+/** @} */
+
+}  // namespace mem
+
+#endif

@@ -1,0 +1,131 @@
+/** @file text.hpp
+ * Wide text that grows, and strings in the sink. Part of mem.hpp, whose conventions hold.
+ */
+#ifndef QJ7MEM00_MEM_TEXT_HPP
+#define QJ7MEM00_MEM_TEXT_HPP
+
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <string_view>
+
+#include "context.hpp"
+
+namespace mem {
+
+/** @name Concatenation buffer */
+/** @{ */
+
+namespace detail {
+
+struct CatHandle : MEMCatCB {
+  CatHandle() noexcept : MEMCatCB{} {}
+  explicit operator bool() const noexcept { return pText != nullptr; }
+};
+
+}  // namespace detail
+
+/** Wide text that grows piece by piece. One thread at a time. */
+class ConcatBuffer : public Owner<ConcatBuffer, detail::CatHandle> {
+ public:
+  ConcatBuffer() noexcept = default;
+
+  static Result<ConcatBuffer> open(ContextRef context) noexcept {
+    detail::CatHandle block;
+    const Status opened = call(context.get(), slots::MEM_CatOpen, static_cast<MEMCatCB *>(&block));
+    if (!opened.isOk()) return opened.error();
+    return ConcatBuffer(context, block);
+  }
+
+  static Status closeHandle(const Context &context, detail::CatHandle &block) noexcept {
+    return call(context, slots::MEM_CatClose, static_cast<MEMCatCB *>(&block));
+  }
+
+  /** Appends text up to its terminator. A failure leaves the buffer as it was. */
+  Status append(const char16_t *pText) noexcept {
+    return call(context(), slots::MEM_Cat, block(), pText);
+  }
+
+  /** Appends a string, zero units in it as well. */
+  Status append(const std::u16string &text) noexcept {
+    if (text.size() > std::numeric_limits<std::int32_t>::max()) {
+      return Error::refusal(slots::MEM_MemCat.name, "the text is too long");
+    }
+    return call(context(), slots::MEM_MemCat, block(), text.c_str(),
+                static_cast<std::int32_t>(text.size()));
+  }
+
+  /** The text. Valid until the next append, or until the buffer is closed. */
+  std::u16string_view text() const noexcept { return {handle().pText, handle().Len}; }
+
+ private:
+  ConcatBuffer(ContextRef context, detail::CatHandle block) noexcept : Owner(context, block) {}
+  MEMCatCB *block() noexcept { return &mutableHandle(); }
+};
+/** @} */
+
+/** @name String sink: any number of threads */
+/** @{ */
+
+namespace detail {
+
+template <class Char>
+struct SinkSlots {
+  static constexpr const auto &sink = slots::MEM_SinkString;
+  static constexpr const auto &remove = slots::MEM_SinkDelete;
+  static constexpr const auto &verify = slots::MEM_SinkVerify;
+};
+
+template <>
+struct SinkSlots<char16_t> {
+  static constexpr const auto &sink = slots::MEM_WSinkString;
+  static constexpr const auto &remove = slots::MEM_WSinkDelete;
+  static constexpr const auto &verify = slots::MEM_WSinkVerify;
+};
+
+}  // namespace detail
+
+/** One use of the sink's copy of a text. Copies of equal texts have one address. */
+template <class Char>
+class BasicSunkString : public Owner<BasicSunkString<Char>, const Char *> {
+  using Base = Owner<BasicSunkString<Char>, const Char *>;
+  using Slots = detail::SinkSlots<Char>;
+
+ public:
+  BasicSunkString() noexcept = default;
+
+  static Result<BasicSunkString> sink(ContextRef context, const Char *pText) noexcept {
+    const Char *pSunk = nullptr;
+    const Status sunk = call(context.get(), Slots::sink, pText, &pSunk);
+    if (!sunk.isOk()) return sunk.error();
+    return BasicSunkString(context, pSunk);
+  }
+
+  /** The copy that the sink has of a text, or null. It stays as long as somebody uses it; this is
+   * no use. */
+  static Result<const Char *> find(ContextRef context, const Char *pText) noexcept {
+    const Char *pSunk = nullptr;
+    const std::int16_t result = (context->vector().*Slots::verify.entry)(pText, &pSunk, nullptr);
+    if (result == MEMERR_SINKNFND) return static_cast<const Char *>(nullptr);
+    if (result != 0) return Error::ofCall(context.get(), Slots::verify.name, result);
+    return pSunk;
+  }
+
+  static Status closeHandle(const Context &context, const Char *pSunk) noexcept {
+    return call(context, Slots::remove, pSunk);
+  }
+
+  /** The copy, read-only for everybody; null for an empty owner. */
+  const Char *text() const noexcept { return this->handle(); }
+
+ private:
+  BasicSunkString(ContextRef context, const Char *pSunk) noexcept : Base(context, pSunk) {}
+};
+
+using SunkString = BasicSunkString<char>;
+using WideSunkString = BasicSunkString<char16_t>;
+/** @} */
+
+}  // namespace mem
+
+#endif

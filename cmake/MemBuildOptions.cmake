@@ -12,6 +12,12 @@ find_program(MEM_CCACHE ccache)
 if(MEM_CCACHE)
   set(CMAKE_C_COMPILER_LAUNCHER ${MEM_CCACHE})
   set(CMAKE_CXX_COMPILER_LAUNCHER ${MEM_CCACHE})
+  if(MEM_PCH)  # ccache's manual asks for this; otherwise it keeps nothing that uses such headers
+    list(PREPEND CMAKE_CXX_COMPILER_LAUNCHER
+      ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros)
+    add_compile_options($<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fpch-preprocess>
+      "$<$<COMPILE_LANG_AND_ID:CXX,Clang>:SHELL:-Xclang -fno-pch-timestamp>")
+  endif()
 endif()
 
 # The warnings that this tree's own code keeps to; linked privately by each of its targets.

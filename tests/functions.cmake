@@ -31,7 +31,7 @@ endfunction()
 #            sanitizer too
 # INTERNALS  it links the library's objects and sees its internals
 # OPTIMISED  its own work is most of its run: it is compiled as what is shipped
-# LABELS     further labels, for `ctest -L`
+# LABELS     further labels, for `ctest -L`; "compiler": see compiler_tests
 function(mem_add_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS;INTERNALS;OPTIMISED" "" "LABELS;LINK")
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
@@ -51,6 +51,9 @@ function(mem_add_test name)
   foreach(label ${arg_LABELS})
     mem_add_label(${name} ${label})
   endforeach()
+  if("compiler" IN_LIST arg_LABELS)
+    add_dependencies(compiler_tests ${name})
+  endif()
   if(arg_THREADS)
     mem_add_label(${name} thread)
     add_dependencies(thread_tests ${name})

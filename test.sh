@@ -8,7 +8,7 @@
 # tsan     Linux, under the thread sanitizer: the tests that run several threads
 # fuzz     Linux, the fuzz targets for a minute each
 # windows  Windows, cross-built, under Wine
-# clang    Linux, compiled with clang: its warnings, and the tests that ask what it made
+# clang    Linux, the library as clang builds it: the tests that ask what a compiler made
 #
 # Installs what is missing. Ends with a summary, and with 1 if anything failed.
 set -euo pipefail

@@ -37,7 +37,8 @@ set(CMAKE_SYSROOT ${MEM_WINDOWS_ROOT})
 
 # The C++ runtime is built with emulated thread-local storage, so its users must be as well.
 set(CMAKE_C_FLAGS_INIT "-fms-extensions -femulated-tls")
-set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT}")
+# Its comparison of types is not inline, which g++ for this platform tells the headers by itself.
+set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT} -D__GXX_TYPEINFO_EQUALITY_INLINE=0")
 set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES
   ${MEM_GCC_DIR}/include/c++ ${MEM_GCC_DIR}/include/c++/x86_64-w64-mingw32)
 foreach(kind EXE SHARED MODULE)

@@ -1,5 +1,5 @@
-// Loads and stores of values at addresses that may be unaligned or overlie other types, and the
-// comparison of eye-catchers. Nothing else in the library reads through a cast address.
+// Loads and stores of values at addresses that may be unaligned or hold another type, byte swaps,
+// and the comparison of eye-catchers.
 #pragma once
 
 #include <cstddef>

@@ -75,8 +75,8 @@ void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
 
 void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
   if (threadAreas(frame) == nullptr) return;
-  // The last node does not count: mostly it is the one behind a power of two, and is not to double
-  // the slots. After deletions it may be the only one.
+  // An index is made when a table passes a limit that is a power of two, so the node just inserted
+  // would double the number of slots: it is not counted. After deletions it may be the only one.
   const std::uint64_t nodes = std::max<std::uint64_t>(nodeCount(ctl), 2) - 1;
   HashIndex *pIndex = create(frame, ctl, std::bit_ceil(nodes * kSlotsPerNode));
   if (pIndex == nullptr) {

@@ -1,5 +1,5 @@
-// The only header with words that differ between compilers and platforms, and what they do
-// differently: platform_posix.cpp and platform_windows.cpp, and platform_processor.cpp.
+// What differs between compilers, processors and systems. Only this room asks about them. The
+// sources: platform_posix.cpp and platform_windows.cpp, one per system, and platform_processor.cpp.
 #pragma once
 
 #include <cstdint>

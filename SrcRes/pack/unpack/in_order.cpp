@@ -34,10 +34,11 @@ Form formOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexc
     case MEM_PACK_STRING:
       return Form::narrowText;
     case MEM_PACK_WIDE_STRING:
-      // What is converted to another length cannot be put back.
+      // Narrowing changes the length of the text, so it could not be undone.
       return chain.version().wideSize == kNativeWideSize ? Form::wideText : Form::none;
     default:
-      // Foreign lengths, too: those that look like lengths of their own do no harm.
+      // Kinds of EBCDIC writers whose length is in another field are measured in this way, too. A
+      // wrong length is safe: what does not fit is left to the exact walk.
       return Form::selfDescribing;
   }
 }
@@ -359,9 +360,9 @@ inline bool InOrderWalk<isSwapped>::takeReferences(const MemPackDescriptor &desc
   return taken == count;
 }
 
-// Whether there is a text is as random as the data, and a wrong guess of the processor costs more
-// than a text. So null goes the same way: it is taken as a pointer to no bytes at the end of all
-// that was reached, and is written back.
+// Takes a text or null without a branch between the two: which one it is depends on the data, and a
+// mispredicted branch costs more than taking a text. Null is handled as a text of no bytes at the
+// end of all that was reached, and null is stored again.
 template <bool isSwapped>
 inline bool InOrderWalk<isSwapped>::takeLeadingText(std::byte *pField) noexcept {
   const RelativePointer stored = read(pField);

@@ -1,5 +1,4 @@
-// Text in packed chains: checks of narrow text, and conversion of a writer's wide text into this
-// platform's UTF-16.
+// Conversion of a writer's wide text into this platform's UTF-16.
 #pragma once
 
 #include <cstdint>

@@ -328,9 +328,9 @@ std::int64_t PortReader::startField(StructText &text, std::int32_t fieldIndex) n
 
 // Takes field texts as a writer puts them: in the order of the definition, each with the start of
 // its value in one chunk. In front of any other it stops, with nothing of it read and no host
-// called, so that readFields() finds whatever is wrong with it. The place in the text is a
-// variable, since what is stored in a structure might be the scanner's own for all that the
-// compiler knows.
+// called, so that readFields() finds whatever is wrong with it. The position in the text is kept in
+// a local variable: a store into a structure could alias the scanner's own position, so the
+// compiler would load that again after each store.
 PortReader::Taken PortReader::takeFields(StructText &text) noexcept {
   const MEMStructDef &def = *text.pDef;
   const std::int32_t last = fieldCount(def) - 1;

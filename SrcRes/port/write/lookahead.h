@@ -2,10 +2,10 @@
 // and the registry's entries of those that they point to. In a large graph all of these lie far
 // apart, and each would be waited for.
 //
-// To know what a structure points to it must be read ahead of its turn. A fault then is none of the
-// call's: it may fail before it comes to that structure, and what it has written by then must not
-// depend on this. So whoever catches a fault asks isAsking(), and if it was one of these has the
-// writer go on where it was, without looking ahead any more.
+// To learn what a structure points to, it is read before its turn. A bad pointer then faults too
+// early: the call might end with another failure before it reaches that structure, and the text
+// written so far must be the same. So the fault handler calls isAsking(); if the fault came from
+// here, the writer goes on where it was and no longer looks ahead.
 #pragma once
 
 #include "frame/callframe.h"

@@ -37,8 +37,8 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
   if (ppAreas == nullptr || slots > kMaxCapacity) return nullptr;
   const auto capacity = static_cast<std::uint32_t>(slots);
   const auto buckets = static_cast<std::uint32_t>(ctl.Max + 1);
-  const auto areaLen =
-      static_cast<std::uint32_t>(sizeof(HashIndex) + capacity * sizeof(Slot) + tailsLen(buckets));
+  const auto areaLen = static_cast<std::uint32_t>(sizeof(HashIndex) + capacity * sizeof(Slot) +
+                                                  buckets * sizeof(Tail));
   const auto storagePool = static_cast<std::int16_t>(ctl.SubPool);
   // A refusal is none of the caller's concern, nor is what storage records of itself.
   const ErrorAreaKeeper keeper(frame);
@@ -53,7 +53,7 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
   pIndex->size = areaLen;
   pIndex->subPool = storagePool;
   pIndex->pSlots_ = reinterpret_cast<Slot *>(pIndex + 1);
-  pIndex->pTails_ = reinterpret_cast<HashNode **>(pIndex->pSlots_ + capacity);
+  pIndex->pTails_ = reinterpret_cast<Tail *>(pIndex->pSlots_ + capacity);
   pIndex->bucketCount_ = buckets;
   pIndex->pFreeEntries_ = ctl.pFreeEntries;
   pIndex->lastPlace_ = capacity - 1;
@@ -126,7 +126,7 @@ void HashIndex::fill(MEMHashCtlBlk &ctl) noexcept {
 }
 
 void HashIndex::fillFrom(const HashIndex &smaller) noexcept {
-  std::memcpy(tails(), smaller.tails(), tailsLen(bucketCount_));
+  std::memcpy(pTails_, smaller.pTails_, bucketCount_ * sizeof(Tail));
   for (std::uint32_t i = 0; i <= smaller.lastPlace_; ++i) {
     if (smaller.pSlots_[i].pNode != nullptr) put(smaller.pSlots_[i]);
   }

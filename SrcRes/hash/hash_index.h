@@ -93,7 +93,7 @@ class HashIndex : public ThreadArea {
 
   // The null link at the end of a bucket's chain, if the index can tell of the bucket.
   HashNode **endOf(MEMHashCtlBlk &ctl, std::int16_t index) const noexcept {
-    HashNode *pTail = tails()[index];
+    HashNode *pTail = pTails_[index].pNode;
     return pTail == nullptr ? ctl.bucket(index) : &pTail->pNext;
   }
 
@@ -148,10 +148,9 @@ class HashIndex : public ThreadArea {
   }
   // True when a bucket's chain ends as noted. Empty buckets come in no order: no branch for them.
   bool stillEnds(MEMHashCtlBlk &ctl, std::int16_t index) const noexcept {
-    HashNode *pTail = tails()[index];
-    const std::uint32_t &noted = tailKeys()[index];
-    const void *pKey = pTail == nullptr ? &noted : keyIn(ctl, pTail);
-    return *endOf(ctl, index) == nullptr && loadAs<std::uint32_t>(pKey) == noted;
+    const Tail &tail = pTails_[index];
+    const void *pKey = tail.pNode == nullptr ? &tail.key : keyIn(ctl, tail.pNode);
+    return *endOf(ctl, index) == nullptr && loadAs<std::uint64_t>(pKey) == tail.key;
   }
 
   bool isRightFor(const MEMHashCtlBlk &ctl) const noexcept {
@@ -175,24 +174,19 @@ class HashIndex : public ThreadArea {
     return &pSlots_[placeOf(loadAs<std::uint64_t>(pKey))];
   }
   std::uint32_t capacity() const noexcept { return lastPlace_ + 1; }
-  // The last node of each bucket, null where it is empty, and behind these the first four bytes of
-  // each one's key. Whole keys would double what an insert reads of this, and two addresses in one
-  // storage hardly agree in these.
-  HashNode **tails() const noexcept { return pTails_; }
-  std::uint32_t *tailKeys() const noexcept {
-    return reinterpret_cast<std::uint32_t *>(pTails_ + bucketCount_);
-  }
   void noteTail(std::int32_t index, std::uint64_t key, HashNode *pNode) noexcept {
-    tails()[index] = pNode;
-    tailKeys()[index] = loadAs<std::uint32_t>(&key);
+    pTails_[index] = {.pNode = pNode, .key = key};
   }
-  static std::size_t tailsLen(std::size_t buckets) noexcept {
-    return buckets * (sizeof(HashNode *) + sizeof(std::uint32_t));
-  }
+
+  // The last node of a bucket, null where it is empty, and its key.
+  struct Tail {
+    HashNode *pNode;
+    std::uint64_t key;
+  };
 
   const MEMHashCtlBlk *pTable_;
   Slot *pSlots_;                  // a power of 2, at most half of them in use
-  HashNode **pTails_;             // behind the slots
+  Tail *pTails_;                  // one for each bucket, behind the slots
   const HashNode *pFreeEntries_;  // the table's when it was changed last
   std::uint32_t lastPlace_;       // of a slot: one less than a power of 2
   std::uint32_t shift_;           // leaves the bits of a place of a 64-bit product

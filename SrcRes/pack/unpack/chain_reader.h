@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <type_traits>
 
 #include "base/bytes.h"
 #include "pack/pack_descriptors.h"
@@ -101,9 +102,16 @@ class PackedChain {
   Outcome measureText(const ContentPlace &place, std::uint32_t unitLen,
                       std::uint32_t &length) const noexcept;
 
-  // The storage of the bits below, for other use until startClaims(): at least 16 bytes for each
-  // block with content, and 8 for each descriptor.
-  void *scratch() const noexcept { return pClaims_; }
+  // The storage of the bits below, for other use until startClaims(): one table at a time, with
+  // room for a `T` for each descriptor, or for each block with content. Its bytes have any value.
+  template <class T>
+  T *scratchByKind() const noexcept {
+    return scratch<T, kScratchOfKind>();
+  }
+  template <class T>
+  T *scratchByBlock() const noexcept {
+    return scratch<T, kScratchOfBlock>();
+  }
 
   // Forgets all claims. REQUIRED once before claim() and takeNarrowText().
   void startClaims() noexcept;
@@ -122,6 +130,20 @@ class PackedChain {
  private:
   // Work area: extents of the blocks, control block, and two bits for each content byte: claimed,
   // and part of narrow text that is known to end.
+
+  // Bytes of the bits: a block with content has at least a word of either kind, and descriptors are
+  // content of block 0.
+  static constexpr std::size_t kScratchOfBlock = 2 * sizeof(std::uint64_t);
+  static constexpr std::size_t kScratchOfKind = 8;
+  static_assert(kScratchOfKind <= std::size_t{2} * kOldDescriptorLen / 8);
+
+  template <class T, std::size_t kRoom>
+  T *scratch() const noexcept {
+    static_assert(sizeof(T) <= kRoom && alignof(T) <= alignof(std::uint64_t));
+    static_assert(std::is_trivially_copyable_v<T>);
+    return reinterpret_cast<T *>(pClaims_);
+  }
+
   std::uint32_t firstWord(std::int32_t block) const noexcept { return extents()[block].firstWord; }
 
   Outcome readVersion(const MemPackBlock *pFirst) noexcept;

@@ -22,7 +22,6 @@ struct KindRule {
   std::uint8_t leadingTexts;  // children in front of the first that is not narrow text
   bool isFlat;                // a segment without other children
 };
-static_assert(sizeof(KindRule) <= 8);
 
 Form formOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexcept {
   constexpr std::uint8_t kNativeWideSize = 2;
@@ -552,7 +551,7 @@ bool linkInOrder(const PackedChain &chain, const KindRule *pRules, const Content
 }  // namespace
 
 bool unpackInOrder(const PackedChain &chain, const ContentPlace &root) noexcept {
-  auto *pRules = static_cast<KindRule *>(chain.scratch());
+  auto *pRules = chain.scratchByKind<KindRule>();
   for (std::int32_t i = 0; i < chain.controlBlock().present(); ++i) {
     pRules[i] = ruleOf(chain, chain.controlBlock().descriptor(i));
   }

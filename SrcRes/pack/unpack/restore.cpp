@@ -14,7 +14,7 @@ namespace {
 class BlockFinder {
  public:
   explicit BlockFinder(const PackedChain &chain) noexcept
-      : chain_(chain), pOrder_(static_cast<std::int32_t *>(chain.scratch())) {
+      : chain_(chain), pOrder_(chain.scratchByBlock<std::int32_t>()) {
     for (std::int32_t i = 0; i < chain.blockCount(); ++i) {
       if (chain.usedLen(i) != 0) pOrder_[count_++] = i;
     }

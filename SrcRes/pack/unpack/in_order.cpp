@@ -154,13 +154,47 @@ class InOrderWalk {
         text_(text),
         pLevels_(pLevels) {}
 
-  Target start(const ContentPlace &root) noexcept;
+  Target start(const ContentPlace &root) noexcept {
+    useBlock(static_cast<std::uint32_t>(root.block));
+    kind_ = kindOf(0);
+    return targetAt(blockKey_ + root.offset);
+  }
+
   // Takes the next segment; of a flat one its siblings, too.
-  bool enter(Target &target) noexcept;
+  bool enter(Target &target) noexcept {
+    while (takeSegment(kind_, target)) {
+      if (!kind_.pRule->isFlat) {
+        beginLevel(target);
+        return true;
+      }
+      const Link next = linkSibling(kind_, target.pBytes, target);
+      if (next != Link::made) return next == Link::null;
+    }
+    return false;
+  }
+
   // Goes on with the segment of the current level, up to the next segment.
-  Step goOn(Target &target) noexcept;
+  Step goOn(Target &target) noexcept {
+    const Step step = takeChildren(target);
+    if (step != Step::up) return step;
+    kind_ = level_.kind;
+    switch (linkSibling(kind_, level_.pSegment, target)) {
+      case Link::null:
+        return Step::up;
+      case Link::made:
+        return Step::toSegment;
+      default:
+        return Step::refused;
+    }
+  }
+
   // Back to the segment above. False when there is none.
-  bool goUp() noexcept;
+  bool goUp() noexcept {
+    if (depth_ == 0) return false;
+    level_ = pLevels_[--depth_];
+    return true;
+  }
+
   // To be asked at the end: whether the last text ends.
   bool finish() noexcept { return openMask_ == 0 || closeText(); }
 
@@ -168,14 +202,217 @@ class InOrderWalk {
   std::uint64_t steps() const noexcept { return steps_; }
 
  private:
-  static std::uint16_t number(const std::byte *pFrom) noexcept {
-    const auto value = loadAs<std::uint16_t>(pFrom);
-    return isSwapped ? byteSwapped(value) : value;
+  // A segment: its own bytes, its references, the narrow texts that come first among its children.
+  bool takeSegment(const Kind &kind, const Target &target) noexcept {
+    return takeBytes(*kind.pRule, target) && takeReferences(*kind.pDescriptor, target.pBytes) &&
+           takeLeadingTexts(kind, target.pBytes);
   }
-  static RelativePointer read(const std::byte *pField) noexcept;
 
-  void useBlock(std::uint32_t block) noexcept;
-  bool goToBlock(std::uint32_t block) noexcept;
+  bool takeBytes(const KindRule &rule, const Target &target) noexcept {
+    PlaceKey end = target.key + rule.reach;
+    if (end > usedEnd_) return false;
+    if (rule.form != Form::fixed) {
+      if (rule.form != Form::counted && rule.form != Form::selfDescribing) return false;
+      const std::uint32_t told = toldLength(rule.form, target.pBytes);
+      if (told == 0 || told > roomAt(target.key)) return false;
+      end = std::max(end, target.key + told);
+    }
+    if (!isBehindAll(target)) return false;
+    end_ = end;
+    openMask_ = 0;
+    return true;
+  }
+
+  bool takeReferences(const MemPackDescriptor &descriptor, std::byte *pSegment) noexcept {
+    const std::uint32_t count = static_cast<std::uint16_t>(descriptor.ReferenceCount);
+    std::uint32_t taken = 0;
+    while (taken < count && linkReference(pSegment + descriptor.References[taken])) ++taken;
+    steps_ += taken;
+    return taken == count;
+  }
+
+  // Most children are texts, and they come first in most kinds.
+  bool takeLeadingTexts(const Kind &kind, std::byte *pSegment) noexcept {
+    const MemPackChild *const pFirst = kind.pDescriptor->Children;
+    const MemPackChild *const pEnd = pFirst + kind.pRule->leadingTexts;
+    const MemPackChild *pChild = pFirst;
+    while (pChild != pEnd && takeLeadingText(pSegment + pChild->Offset)) ++pChild;
+    steps_ += static_cast<std::uint64_t>(pChild - pFirst);
+    return pChild == pEnd;
+  }
+
+  // Takes a text or null without a branch between the two: which one it is depends on the data, and
+  // a mispredicted branch costs more than taking a text. Null is handled as a text of no bytes at
+  // the end of all that was reached, and null is stored again.
+  bool takeLeadingText(std::byte *pField) noexcept {
+    const RelativePointer stored = read(pField);
+    const std::uint64_t count = stored.isNull() ? 0 : 1;
+    const std::uint64_t mask = 0 - count;  // all bits, or none
+    const PlaceKey key = end_ ^ ((stored.key() ^ end_) & mask);
+    if (!isReachable(key)) [[unlikely]] {
+      if (count == 0) return true;
+      if (!goToBlock(blockOf(key)) || !isReachable(key)) return false;
+    }
+    const Target target = targetAt(key);
+    if (!isClearlyBehindAll(target)) [[unlikely]] {
+      if (count == 0) return true;
+      if (!isBehindAll(target)) return false;
+    }
+    storeAs(pField, reinterpret_cast<std::uintptr_t>(target.pBytes) & mask);
+    end_ = key + count;
+    openMask_ |= static_cast<std::uint32_t>(mask);
+    return true;
+  }
+
+  void beginLevel(const Target &target) noexcept {
+    level_.kind = kind_;
+    level_.pNextChild = kind_.pDescriptor->Children + kind_.pRule->leadingTexts;
+    level_.pSegment = target.pBytes;
+    level_.gapStart = level_.gapEnd = 0;
+  }
+
+  // Children up to the next one that is a segment.
+  Step takeChildren(Target &target) noexcept {
+    const MemPackDescriptor &descriptor = *level_.kind.pDescriptor;
+    const MemPackChild *const pEnd = descriptor.Children + descriptor.ChildCount;
+    while (level_.pNextChild != pEnd) {
+      const MemPackChild &child = *level_.pNextChild++;
+      const Link made = link(level_.pSegment + child.Offset, target);
+      if (made == Link::null) continue;
+      if (made == Link::refused) return Step::refused;
+      kind_ = kindOf(child.Descriptor);
+      const Form form = kind_.pRule->form;
+      if (form == Form::narrowText || form == Form::wideText) {
+        const bool isTaken =
+            form == Form::narrowText ? takeNarrowText(target) : takeWideText(target);
+        if (!isTaken) return Step::refused;
+        continue;
+      }
+      const bool isLast = level_.pNextChild == pEnd;
+      return (isLast || openGap(target)) && goDown() ? Step::toSegment : Step::refused;
+    }
+    return Step::up;
+  }
+
+  // In front of the first child that is a segment; later ones find the gap there.
+  bool openGap(const Target &target) noexcept {
+    if (level_.gapStart != level_.gapEnd) return true;
+    if (openMask_ != 0 && !closeText()) return false;
+    level_.gapStart = end_;
+    level_.gapEnd = target.key;
+    return true;
+  }
+
+  // Flat segments need no level: nothing is left to do there when their siblings come.
+  bool goDown() noexcept {
+    if (depth_ == MEM_PACK_MAX_LEVELS - 1) return false;
+    if (kind_.pRule->isFlat) return true;
+    // Part by part: a copy would read together what has just been stored apart, and wait for it.
+    Level &saved = pLevels_[depth_++];
+    saved.kind.pDescriptor = level_.kind.pDescriptor;
+    saved.kind.pRule = level_.kind.pRule;
+    saved.pNextChild = level_.pNextChild;
+    saved.pSegment = level_.pSegment;
+    saved.gapStart = level_.gapStart;
+    saved.gapEnd = level_.gapEnd;
+    return true;
+  }
+
+  bool takeNarrowText(const Target &target) noexcept {
+    const std::uint32_t length = narrowLength(target.pBytes, roomAt(target.key));
+    return length != 0 && takeRange(target, length);
+  }
+
+  bool takeWideText(const Target &target) noexcept {
+    const std::uint32_t length = textLength<std::uint16_t>(target.pBytes, roomAt(target.key));
+    if (length == 0 || !takeRange(target, length)) return false;
+    if (!isSwapped) return true;
+    ++steps_;
+    return !text_.convert(target.pBytes, length);
+  }
+
+  bool takeRange(const Target &target, std::uint32_t length) noexcept {
+    if (target.key >= end_) {
+      if (!isBehindAll(target)) return false;
+      end_ = target.key + length;
+      openMask_ = 0;
+      return true;
+    }
+    if (target.key < level_.gapStart || target.key + length > level_.gapEnd) return false;
+    level_.gapStart = target.key + length;
+    return true;
+  }
+
+  Link linkSibling(const Kind &kind, std::byte *pSegment, Target &target) noexcept {
+    const std::int16_t offset = kind.pDescriptor->SiblingOff;
+    return offset == MEM_PACK_NO_SIBLING ? Link::null : link(pSegment + offset, target);
+  }
+
+  // Replaces a relative pointer to a child or sibling by the address that it means.
+  Link link(std::byte *pField, Target &target) noexcept {
+    const RelativePointer stored = read(pField);
+    if (!stored.isNull()) {
+      if (!resolve(stored.key(), target)) return Link::refused;
+      storeAs<void *>(pField, target.pBytes);
+    }
+    ++steps_;
+    return stored.isNull() ? Link::null : Link::made;
+  }
+
+  // References lead anywhere and leave the block at hand.
+  bool linkReference(std::byte *pField) noexcept {
+    const RelativePointer stored = read(pField);
+    if (stored.isNull()) return true;
+    const std::uint32_t block = stored.block();
+    if (block >= blockCount_ || stored.offset() >= pExtents_[block].reachable) return false;
+    const auto offset = static_cast<std::size_t>(stored.offset());
+    storeAs<void *>(pField, bytesAt(pBlocks_[block], 8 + offset));
+    return true;
+  }
+
+  bool resolve(PlaceKey key, Target &target) noexcept {
+    if (!isReachable(key)) [[unlikely]] {
+      if (!goToBlock(blockOf(key)) || !isReachable(key)) return false;
+    }
+    target = targetAt(key);
+    return true;
+  }
+
+  bool isBehindAll(const Target &target) noexcept {
+    if (isClearlyBehindAll(target)) [[likely]]
+      return true;
+    return target.key >= end_ && closeText() && target.key >= end_;
+  }
+
+  // A zero in front of the target ends an open text, wherever that text's own terminator lies. In
+  // front of offset 0 that is the last byte of the block's link, read without effect.
+  bool isClearlyBehindAll(const Target &target) const noexcept {
+    const auto last = std::to_integer<std::uint32_t>(target.pBytes[-1]);
+    return target.key >= end_ && (last & openMask_) == 0;
+  }
+
+  // Finds the end of the open text.
+  bool closeText() noexcept {
+    const PlaceKey start = end_ - 1;
+    const std::uint32_t length = narrowLength(targetAt(start).pBytes, roomAt(start));
+    openMask_ = 0;
+    end_ = start + length;
+    return length != 0;
+  }
+
+  bool goToBlock(std::uint32_t block) noexcept {
+    if (block >= blockCount_ || (openMask_ != 0 && !closeText())) return false;
+    useBlock(block);
+    return true;
+  }
+
+  void useBlock(std::uint32_t block) noexcept {
+    blockKey_ = keyOf(block, 0);
+    pContent_ = bytesAt(pBlocks_[block], 8);
+    usedEnd_ = blockKey_ + pExtents_[block].used;
+    reachable_ = pExtents_[block].reachable;
+  }
+
   // In the block at hand:
   bool isReachable(PlaceKey key) const noexcept { return key - blockKey_ < reachable_; }
   Target targetAt(PlaceKey key) const noexcept { return {pContent_ + (key - blockKey_), key}; }
@@ -183,28 +420,31 @@ class InOrderWalk {
     return static_cast<std::uint32_t>(usedEnd_ - key);
   }
 
-  bool resolve(PlaceKey key, Target &target) noexcept;
-  Link link(std::byte *pField, Target &target) noexcept;
-  bool linkReference(std::byte *pField) noexcept;
-
-  bool closeText() noexcept;
-  bool isClearlyBehindAll(const Target &target) const noexcept;
-  bool isBehindAll(const Target &target) noexcept;
-  bool takeRange(const Target &target, std::uint32_t length) noexcept;
-  static std::uint32_t toldLength(Form form, const std::byte *pSegment) noexcept;
   Kind kindOf(std::uint16_t index) const noexcept { return {pKinds_ + index, pRules_ + index}; }
-  bool takeBytes(const KindRule &rule, const Target &target) noexcept;
-  bool takeReferences(const MemPackDescriptor &descriptor, std::byte *pSegment) noexcept;
-  bool takeLeadingText(std::byte *pField) noexcept;
-  bool takeLeadingTexts(const Kind &kind, std::byte *pSegment) noexcept;
-  bool takeSegment(const Kind &kind, const Target &target) noexcept;
-  void beginLevel(const Target &target) noexcept;
-  Step takeChildren(Target &target) noexcept;
-  bool openGap(const Target &target) noexcept;
-  bool goDown() noexcept;
-  Link linkSibling(const Kind &kind, std::byte *pSegment, Target &target) noexcept;
-  bool takeNarrowText(const Target &target) noexcept;
-  bool takeWideText(const Target &target) noexcept;
+
+  static std::uint16_t number(const std::byte *pFrom) noexcept {
+    const auto value = loadAs<std::uint16_t>(pFrom);
+    return isSwapped ? byteSwapped(value) : value;
+  }
+
+  // Bytes that a segment tells of itself, 0 when its length word is too small.
+  // REQUIRES: the length word lies in its block.
+  static std::uint32_t toldLength(Form form, const std::byte *pSegment) noexcept {
+    constexpr std::int32_t kLengthWord = sizeof(std::uint16_t);
+    const std::uint16_t word = number(pSegment);
+    const std::int32_t told =
+        form == Form::counted ? static_cast<std::int16_t>(word) + kLengthWord : word;
+    return told < kLengthWord ? 0 : static_cast<std::uint32_t>(told);
+  }
+
+  static RelativePointer read(const std::byte *pField) noexcept {
+    // Block and offset are one number of 32 bits here, in which either may be the upper half.
+    constexpr bool isBlockUpper = isSwapped == (std::endian::native == std::endian::little);
+    const auto stored = loadAs<std::uint32_t>(pField);
+    const std::uint32_t numbers = isSwapped ? byteSwapped(stored) : stored;
+    const std::uint64_t rest = loadAs<std::uint32_t>(pField + 4);
+    return {rest << 32 | (isBlockUpper ? std::rotl(numbers, 16) : numbers)};
+  }
 
   void *const *const pBlocks_;
   const BlockExtent *const pExtents_;
@@ -232,303 +472,6 @@ class InOrderWalk {
   std::uint32_t openMask_ = 0;
   std::uint64_t steps_ = 0;
 };
-
-template <bool isSwapped>
-inline RelativePointer InOrderWalk<isSwapped>::read(const std::byte *pField) noexcept {
-  // Block and offset are one number of 32 bits here, in which either may be the upper half.
-  constexpr bool isBlockUpper = isSwapped == (std::endian::native == std::endian::little);
-  const auto stored = loadAs<std::uint32_t>(pField);
-  const std::uint32_t numbers = isSwapped ? byteSwapped(stored) : stored;
-  const std::uint64_t rest = loadAs<std::uint32_t>(pField + 4);
-  return {rest << 32 | (isBlockUpper ? std::rotl(numbers, 16) : numbers)};
-}
-
-template <bool isSwapped>
-inline Target InOrderWalk<isSwapped>::start(const ContentPlace &root) noexcept {
-  useBlock(static_cast<std::uint32_t>(root.block));
-  kind_ = kindOf(0);
-  return targetAt(blockKey_ + root.offset);
-}
-
-template <bool isSwapped>
-inline void InOrderWalk<isSwapped>::useBlock(std::uint32_t block) noexcept {
-  blockKey_ = keyOf(block, 0);
-  pContent_ = bytesAt(pBlocks_[block], 8);
-  usedEnd_ = blockKey_ + pExtents_[block].used;
-  reachable_ = pExtents_[block].reachable;
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::goToBlock(std::uint32_t block) noexcept {
-  if (block >= blockCount_ || (openMask_ != 0 && !closeText())) return false;
-  useBlock(block);
-  return true;
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::resolve(PlaceKey key, Target &target) noexcept {
-  if (!isReachable(key)) [[unlikely]] {
-    if (!goToBlock(blockOf(key)) || !isReachable(key)) return false;
-  }
-  target = targetAt(key);
-  return true;
-}
-
-// Replaces a relative pointer to a child or sibling by the address that it means.
-template <bool isSwapped>
-inline Link InOrderWalk<isSwapped>::link(std::byte *pField, Target &target) noexcept {
-  const RelativePointer stored = read(pField);
-  if (!stored.isNull()) {
-    if (!resolve(stored.key(), target)) return Link::refused;
-    storeAs<void *>(pField, target.pBytes);
-  }
-  ++steps_;
-  return stored.isNull() ? Link::null : Link::made;
-}
-
-// References lead anywhere and leave the block at hand.
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::linkReference(std::byte *pField) noexcept {
-  const RelativePointer stored = read(pField);
-  if (stored.isNull()) return true;
-  const std::uint32_t block = stored.block();
-  if (block >= blockCount_ || stored.offset() >= pExtents_[block].reachable) return false;
-  const auto offset = static_cast<std::size_t>(stored.offset());
-  storeAs<void *>(pField, bytesAt(pBlocks_[block], 8 + offset));
-  return true;
-}
-
-// Finds the end of the open text.
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::closeText() noexcept {
-  const PlaceKey start = end_ - 1;
-  const std::uint32_t length = narrowLength(targetAt(start).pBytes, roomAt(start));
-  openMask_ = 0;
-  end_ = start + length;
-  return length != 0;
-}
-
-// A zero in front of the target ends an open text, wherever that text's own terminator lies. In
-// front of offset 0 that is the last byte of the block's link, read without effect.
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::isClearlyBehindAll(const Target &target) const noexcept {
-  const auto last = std::to_integer<std::uint32_t>(target.pBytes[-1]);
-  return target.key >= end_ && (last & openMask_) == 0;
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::isBehindAll(const Target &target) noexcept {
-  if (isClearlyBehindAll(target)) [[likely]]
-    return true;
-  return target.key >= end_ && closeText() && target.key >= end_;
-}
-
-// Bytes that a segment tells of itself, 0 when its length word is too small.
-// REQUIRES: the length word lies in its block.
-template <bool isSwapped>
-inline std::uint32_t InOrderWalk<isSwapped>::toldLength(Form form,
-                                                        const std::byte *pSegment) noexcept {
-  constexpr std::int32_t kLengthWord = sizeof(std::uint16_t);
-  const std::uint16_t word = number(pSegment);
-  const std::int32_t told =
-      form == Form::counted ? static_cast<std::int16_t>(word) + kLengthWord : word;
-  return told < kLengthWord ? 0 : static_cast<std::uint32_t>(told);
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::takeBytes(const KindRule &rule, const Target &target) noexcept {
-  PlaceKey end = target.key + rule.reach;
-  if (end > usedEnd_) return false;
-  if (rule.form != Form::fixed) {
-    if (rule.form != Form::counted && rule.form != Form::selfDescribing) return false;
-    const std::uint32_t told = toldLength(rule.form, target.pBytes);
-    if (told == 0 || told > roomAt(target.key)) return false;
-    end = std::max(end, target.key + told);
-  }
-  if (!isBehindAll(target)) return false;
-  end_ = end;
-  openMask_ = 0;
-  return true;
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::takeReferences(const MemPackDescriptor &descriptor,
-                                                   std::byte *pSegment) noexcept {
-  const std::uint32_t count = static_cast<std::uint16_t>(descriptor.ReferenceCount);
-  std::uint32_t taken = 0;
-  while (taken < count && linkReference(pSegment + descriptor.References[taken])) ++taken;
-  steps_ += taken;
-  return taken == count;
-}
-
-// Takes a text or null without a branch between the two: which one it is depends on the data, and a
-// mispredicted branch costs more than taking a text. Null is handled as a text of no bytes at the
-// end of all that was reached, and null is stored again.
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::takeLeadingText(std::byte *pField) noexcept {
-  const RelativePointer stored = read(pField);
-  const std::uint64_t count = stored.isNull() ? 0 : 1;
-  const std::uint64_t mask = 0 - count;  // all bits, or none
-  const PlaceKey key = end_ ^ ((stored.key() ^ end_) & mask);
-  if (!isReachable(key)) [[unlikely]] {
-    if (count == 0) return true;
-    if (!goToBlock(blockOf(key)) || !isReachable(key)) return false;
-  }
-  const Target target = targetAt(key);
-  if (!isClearlyBehindAll(target)) [[unlikely]] {
-    if (count == 0) return true;
-    if (!isBehindAll(target)) return false;
-  }
-  storeAs(pField, reinterpret_cast<std::uintptr_t>(target.pBytes) & mask);
-  end_ = key + count;
-  openMask_ |= static_cast<std::uint32_t>(mask);
-  return true;
-}
-
-// Most children are texts, and they come first in most kinds.
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::takeLeadingTexts(const Kind &kind,
-                                                     std::byte *pSegment) noexcept {
-  const MemPackChild *const pFirst = kind.pDescriptor->Children;
-  const MemPackChild *const pEnd = pFirst + kind.pRule->leadingTexts;
-  const MemPackChild *pChild = pFirst;
-  while (pChild != pEnd && takeLeadingText(pSegment + pChild->Offset)) ++pChild;
-  steps_ += static_cast<std::uint64_t>(pChild - pFirst);
-  return pChild == pEnd;
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::takeSegment(const Kind &kind, const Target &target) noexcept {
-  return takeBytes(*kind.pRule, target) && takeReferences(*kind.pDescriptor, target.pBytes) &&
-         takeLeadingTexts(kind, target.pBytes);
-}
-
-template <bool isSwapped>
-inline Link InOrderWalk<isSwapped>::linkSibling(const Kind &kind, std::byte *pSegment,
-                                                Target &target) noexcept {
-  const std::int16_t offset = kind.pDescriptor->SiblingOff;
-  return offset == MEM_PACK_NO_SIBLING ? Link::null : link(pSegment + offset, target);
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::enter(Target &target) noexcept {
-  while (takeSegment(kind_, target)) {
-    if (!kind_.pRule->isFlat) {
-      beginLevel(target);
-      return true;
-    }
-    const Link next = linkSibling(kind_, target.pBytes, target);
-    if (next != Link::made) return next == Link::null;
-  }
-  return false;
-}
-
-template <bool isSwapped>
-inline void InOrderWalk<isSwapped>::beginLevel(const Target &target) noexcept {
-  level_.kind = kind_;
-  level_.pNextChild = kind_.pDescriptor->Children + kind_.pRule->leadingTexts;
-  level_.pSegment = target.pBytes;
-  level_.gapStart = level_.gapEnd = 0;
-}
-
-template <bool isSwapped>
-inline Step InOrderWalk<isSwapped>::goOn(Target &target) noexcept {
-  const Step step = takeChildren(target);
-  if (step != Step::up) return step;
-  kind_ = level_.kind;
-  switch (linkSibling(kind_, level_.pSegment, target)) {
-    case Link::null:
-      return Step::up;
-    case Link::made:
-      return Step::toSegment;
-    default:
-      return Step::refused;
-  }
-}
-
-// Children up to the next one that is a segment.
-template <bool isSwapped>
-inline Step InOrderWalk<isSwapped>::takeChildren(Target &target) noexcept {
-  const MemPackDescriptor &descriptor = *level_.kind.pDescriptor;
-  const MemPackChild *const pEnd = descriptor.Children + descriptor.ChildCount;
-  while (level_.pNextChild != pEnd) {
-    const MemPackChild &child = *level_.pNextChild++;
-    const Link made = link(level_.pSegment + child.Offset, target);
-    if (made == Link::null) continue;
-    if (made == Link::refused) return Step::refused;
-    kind_ = kindOf(child.Descriptor);
-    const Form form = kind_.pRule->form;
-    if (form == Form::narrowText || form == Form::wideText) {
-      const bool isTaken = form == Form::narrowText ? takeNarrowText(target) : takeWideText(target);
-      if (!isTaken) return Step::refused;
-      continue;
-    }
-    const bool isLast = level_.pNextChild == pEnd;
-    return (isLast || openGap(target)) && goDown() ? Step::toSegment : Step::refused;
-  }
-  return Step::up;
-}
-
-// In front of the first child that is a segment; later ones find the gap there.
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::openGap(const Target &target) noexcept {
-  if (level_.gapStart != level_.gapEnd) return true;
-  if (openMask_ != 0 && !closeText()) return false;
-  level_.gapStart = end_;
-  level_.gapEnd = target.key;
-  return true;
-}
-
-// Flat segments need no level: nothing is left to do there when their siblings come.
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::goDown() noexcept {
-  if (depth_ == MEM_PACK_MAX_LEVELS - 1) return false;
-  if (kind_.pRule->isFlat) return true;
-  // Part by part: a copy would read together what has just been stored apart, and wait for it.
-  Level &saved = pLevels_[depth_++];
-  saved.kind.pDescriptor = level_.kind.pDescriptor;
-  saved.kind.pRule = level_.kind.pRule;
-  saved.pNextChild = level_.pNextChild;
-  saved.pSegment = level_.pSegment;
-  saved.gapStart = level_.gapStart;
-  saved.gapEnd = level_.gapEnd;
-  return true;
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::goUp() noexcept {
-  if (depth_ == 0) return false;
-  level_ = pLevels_[--depth_];
-  return true;
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::takeRange(const Target &target, std::uint32_t length) noexcept {
-  if (target.key >= end_) {
-    if (!isBehindAll(target)) return false;
-    end_ = target.key + length;
-    openMask_ = 0;
-    return true;
-  }
-  if (target.key < level_.gapStart || target.key + length > level_.gapEnd) return false;
-  level_.gapStart = target.key + length;
-  return true;
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::takeNarrowText(const Target &target) noexcept {
-  const std::uint32_t length = narrowLength(target.pBytes, roomAt(target.key));
-  return length != 0 && takeRange(target, length);
-}
-
-template <bool isSwapped>
-inline bool InOrderWalk<isSwapped>::takeWideText(const Target &target) noexcept {
-  const std::uint32_t length = textLength<std::uint16_t>(target.pBytes, roomAt(target.key));
-  if (length == 0 || !takeRange(target, length)) return false;
-  if (!isSwapped) return true;
-  ++steps_;
-  return !text_.convert(target.pBytes, length);
-}
 
 // The walk is in this function as a whole, so that its state can stay in registers.
 template <bool isSwapped>

@@ -8,7 +8,8 @@ set(MEM_TEST_ENVIRONMENT
 
 # What is tested is the finished library. The tests' own code is compiled quickly in builds that
 # optimise, but for programs whose own work is most of what they do.
-set(MEM_QUICK_COMPILING $<$<AND:$<CONFIG:Release>,$<NOT:$<CXX_COMPILER_ID:MSVC>>>:-O0>)
+set(MEM_QUICK_COMPILING
+  $<$<AND:$<CONFIG:Release,RelWithDebInfo>,$<NOT:$<CXX_COMPILER_ID:MSVC>>>:-O0>)
 
 # mem_add_entry(<name> <command>...)
 # One entry for CTest, run in the folder of the programs.

@@ -303,7 +303,7 @@ bool passOn(int place, int signal, siginfo_t *pInfo, void *pMachine) noexcept {
   const struct sigaction handler = chain.covered(place);
   const bool isDefault = handler.sa_handler == SIG_DFL;
   if (!isDefault && handler.sa_handler != SIG_IGN) {
-    if ((handler.sa_flags & SA_RESETHAND) != 0) chain.spend(place, signal);
+    if ((handler.sa_flags & static_cast<int>(SA_RESETHAND)) != 0) chain.spend(place, signal);
     callHandler(handler, signal, pInfo, pMachine);
     return true;
   }

@@ -177,12 +177,13 @@ std::int16_t ExactHeap::allocate(HMEMHEAP, std::int32_t length, void **entry) {
 
 namespace {
 
-// A record of a reader's error, taken apart.
+constexpr std::string_view kNext = "\nNext:";
+
+// A record of a reader's error, taken apart. REQUIRES: the text that was read does not hold kNext.
 struct RecordParts {
   explicit RecordParts(const std::string &text) {
     constexpr std::string_view kPosition = "\nPosition: ";
     constexpr std::string_view kRead = "\nRead:";
-    constexpr std::string_view kNext = "\nNext:";
     const std::size_t positionAt = text.find(kPosition);
     const std::size_t readAt = text.find(kRead, positionAt);
     const std::size_t nextAt = text.find(kNext, readAt);
@@ -199,11 +200,12 @@ struct RecordParts {
 };
 
 std::string recordDifference(const refhost::TraceRecord &block, const refhost::TraceRecord &chunk,
-                             bool hasZeros, std::size_t chunkLen) {
+                             std::string_view text, std::size_t chunkLen) {
   if (block.type != chunk.type || block.function != chunk.function ||
       block.source != chunk.source || block.line != chunk.line) {
     return "another place reports";
   }
+  if (text.find(kNext) != std::string_view::npos) return "";
   const RecordParts all(block.text);
   const RecordParts part(chunk.text);
   if (all.head != part.head) return "another message";
@@ -212,6 +214,7 @@ std::string recordDifference(const refhost::TraceRecord &block, const refhost::T
     return "another position";
   }
   // A zero ends what is shown, so that of two excerpts up to one place the longer may show less.
+  const bool hasZeros = text.find('\0') != std::string_view::npos;
   if (!hasZeros && !all.read.ends_with(part.read)) return "another text was read";
   return all.next.starts_with(part.next) ? "" : "another text comes next";
 }
@@ -278,10 +281,8 @@ std::string HostileReader::difference(const ReadOutcome &block, const ReadOutcom
   if (block.status != chain.status) return "another status";
   if (block.entries != chain.entries) return "other bytes are stored";
   if (block.records.size() != chain.records.size()) return "another number of records";
-  const bool hasZeros = text.find('\0') != std::string_view::npos;
   for (std::size_t i = 0; i < block.records.size(); ++i) {
-    const std::string found =
-        recordDifference(block.records[i], chain.records[i], hasZeros, chunkLen);
+    const std::string found = recordDifference(block.records[i], chain.records[i], text, chunkLen);
     if (!found.empty()) return found;
   }
   return "";

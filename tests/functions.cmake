@@ -7,7 +7,7 @@ set(MEM_TEST_ENVIRONMENT
   TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:report_signal_unsafe=0)
 
 # What is tested is the finished library. The tests' own code is compiled quickly in builds that
-# optimise, but for programs whose own work is most of what they do.
+# optimise.
 set(MEM_QUICK_COMPILING
   $<$<AND:$<CONFIG:Release,RelWithDebInfo>,$<NOT:$<CXX_COMPILER_ID:MSVC>>>:-O0>)
 
@@ -24,25 +24,21 @@ function(mem_add_label name label)
   set_property(TEST ${name} APPEND PROPERTY LABELS ${label})
 endfunction()
 
-# mem_add_test(<name> <source>... [THREADS] [INTERNALS] [OPTIMISED] [LABELS <label>...]
-#              [LINK <library>...])
+# mem_add_test(<name> <source>... [THREADS] [INTERNALS] [LABELS <label>...] [LINK <library>...])
 # One program of GoogleTest cases, and one entry for all of its cases: starting a program under Wine
 # takes longer than most cases. The program loads the real library and sees only what hosts see.
 # THREADS    it runs several threads: it has the label "thread" and is run under the thread
 #            sanitizer too
 # INTERNALS  it links the library's objects and sees its internals
-# OPTIMISED  its own work is most of its run: it is compiled as what is shipped
 # LABELS     further labels, for `ctest -L`; "compiler": see compiler_tests
 function(mem_add_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS;INTERNALS;OPTIMISED" "" "LABELS;LINK")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS;INTERNALS" "" "LABELS;LINK")
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE test_support mem_warnings GTest::gtest_main ${arg_LINK})
   add_dependencies(${name} QJ7MEM00)
-  if(NOT arg_OPTIMISED)
-    target_compile_options(${name} PRIVATE ${MEM_QUICK_COMPILING})
-    if(MEM_PCH)
-      target_precompile_headers(${name} REUSE_FROM test_precompiled)
-    endif()
+  target_compile_options(${name} PRIVATE ${MEM_QUICK_COMPILING})
+  if(MEM_PCH)
+    target_precompile_headers(${name} REUSE_FROM test_precompiled)
   endif()
   if(arg_INTERNALS)
     target_sources(${name} PRIVATE $<TARGET_OBJECTS:QJ7MEM00>)

@@ -23,7 +23,7 @@ struct MEMHashCtlBlk {
   std::int16_t KeyOff;
   std::int16_t KeyLen;
   std::int16_t Max;          // highest bucket index
-  std::uint16_t IndexState;  // the library's own: see memchash_index.h
+  std::uint16_t IndexState;  // the library's own: see hash_index.h
   MEMHashFunc pFunc;
   std::uint16_t SubPool;
   std::uint16_t WalkedNodes;  // the library's own, too

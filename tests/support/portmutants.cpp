@@ -179,7 +179,8 @@ namespace {
 
 constexpr std::string_view kNext = "\nNext:";
 
-// A record of a reader's error, taken apart. REQUIRES: the text that was read does not hold kNext.
+// A record of a reader's error, taken apart. Where the text that was read holds kNext, `read` and
+// `next` are not to be used.
 struct RecordParts {
   explicit RecordParts(const std::string &text) {
     constexpr std::string_view kPosition = "\nPosition: ";
@@ -205,7 +206,6 @@ std::string recordDifference(const refhost::TraceRecord &block, const refhost::T
       block.source != chunk.source || block.line != chunk.line) {
     return "another place reports";
   }
-  if (text.find(kNext) != std::string_view::npos) return "";
   const RecordParts all(block.text);
   const RecordParts part(chunk.text);
   if (all.head != part.head) return "another message";
@@ -213,6 +213,7 @@ std::string recordDifference(const refhost::TraceRecord &block, const refhost::T
       (all.position - part.position) % chunkLen != 0) {
     return "another position";
   }
+  if (text.find(kNext) != std::string_view::npos) return "";
   // A zero ends what is shown, so that of two excerpts up to one place the longer may show less.
   const bool hasZeros = text.find('\0') != std::string_view::npos;
   if (!hasZeros && !all.read.ends_with(part.read)) return "another text was read";

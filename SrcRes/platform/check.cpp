@@ -1,0 +1,14 @@
+#include "platform/check.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace mem {
+
+void checkThat(bool holds, const char *pCondition, const char *pFile, int line) noexcept {
+  if (holds) return;
+  std::fprintf(stderr, "%s:%d: %s does not hold\n", pFile, line, pCondition);
+  std::abort();
+}
+
+}  // namespace mem

@@ -1,0 +1,28 @@
+// Checks of the library's own work, in builds that check. What a caller or a file can cause is
+// refused in every build and never checked here.
+#pragma once
+
+namespace mem {
+
+// Ends the process, with the condition and its place on stderr, unless it holds.
+void checkThat(bool holds, const char *pCondition, const char *pFile, int line) noexcept;
+
+}  // namespace mem
+
+#define MEM_CHECKED(condition) ::mem::checkThat((condition), #condition, __FILE__, __LINE__)
+#define MEM_UNCHECKED(condition) static_cast<void>(sizeof((condition) ? 1 : 0))
+
+// What a comment calls REQUIRES. Build option MEM_CHECKS.
+#if defined(MEM_CHECKS)
+#define MEM_ASSERT(condition) MEM_CHECKED(condition)
+#else
+#define MEM_ASSERT(condition) MEM_UNCHECKED(condition)
+#endif
+
+// A walk through a whole structure, at the end of each operation on it: the time of every call
+// grows with the structure. Build option MEM_VALIDATE.
+#if defined(MEM_VALIDATE)
+#define MEM_ASSERT_VALID(condition) MEM_CHECKED(condition)
+#else
+#define MEM_ASSERT_VALID(condition) MEM_UNCHECKED(condition)
+#endif

@@ -397,7 +397,8 @@ class CatalogChain : public memtest::StartedTest {
   // Beside the program, with the test's name in it: tests run side by side.
   static std::filesystem::path chainPath() {
     const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    return refhost::Library::besideProgram().parent_path() / ("catalog_test_" + name + ".chain");
+    return refhost::Library::besideProgram().parent_path() /
+           ("example_catalog_test_" + name + ".chain");
   }
 
   const mem::Context context = mem::contextOf(host);

@@ -36,6 +36,6 @@ measure() {
 }
 measure peerbench
 measure workloadbench
-python3 "$root/bench/performance.py" "$build/peerbench.json" "$build/workloadbench.json" \
+/usr/bin/python3 "$root/bench/performance.py" "$build/peerbench.json" "$build/workloadbench.json" \
   "$root/docs/performance.md"
 echo "== wrote docs/performance.md" >&2

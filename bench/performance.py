@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Writes the figures of a benchmark run into docs/performance.md and draws its charts.
 
     bench/performance.py FIGURES.json WORKLOADS.json DOCUMENT.md
@@ -11,7 +11,7 @@ fit together.
 """
 
 import datetime
-import html
+import io
 import json
 import math
 import pathlib
@@ -19,6 +19,9 @@ import re
 import statistics
 import subprocess
 import sys
+
+import matplotlib
+from matplotlib import pyplot
 
 REFERENCE = " (reference host)"
 TABLES = ["heap-48", "heap-mixed", "heap-threads", "cell-churn", "cell-pair", "hash-insert",
@@ -325,92 +328,67 @@ def machine(figures):
     return markdown(["", ""], lines).replace("|--:|", "|---|")
 
 
-# Charts. The library is drawn in one strong colour, the peers in quiet ones.
+# Charts, as SVG text that is the same for the same figures. A white ground of their own keeps them
+# readable on pages of any colour. The library is drawn in one strong colour, the peers in quiet ones.
+matplotlib.use("svg")
+matplotlib.rcParams.update({
+    "svg.hashsalt": "performance", "svg.fonttype": "none", "font.family": "sans-serif", "font.size": 9,
+    "axes.titlesize": 11, "axes.titleweight": "bold", "axes.titlelocation": "left",
+    "axes.spines.top": False, "axes.spines.right": False, "figure.facecolor": "white"})
 LIBRARY_COLOUR = "#c0392b"
 PEER_COLOURS = ["#34699a", "#6b8e4e", "#8e6bab", "#b8860b", "#5f9ea0", "#777777", "#444444"]
 
 
-class Drawing:
-    def __init__(self, width, height, title):
-        self.width, self.height = width, height
-        self.items = []
-        self.text(12, 22, title, size=15, weight="bold")
+def embolden_library(texts):
+    for text in texts:
+        if is_library(text.get_text()):
+            text.set_weight("bold")
 
-    def text(self, x, y, text, anchor="start", size=12, weight="normal", colour="#222"):
-        self.items.append(f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" '
-                          f'font-size="{size}" font-weight="{weight}" fill="{colour}">'
-                          f"{html.escape(text)}</text>")
 
-    def bar(self, x, y, width, height, colour):
-        self.items.append(f'<rect x="{x:.1f}" y="{y:.1f}" width="{width:.1f}" '
-                          f'height="{height:.1f}" fill="{colour}"/>')
-
-    def line(self, points, colour, width=1.0):
-        path = " ".join(f"{x:.1f},{y:.1f}" for x, y in points)
-        self.items.append(f'<polyline points="{path}" fill="none" stroke="{colour}" '
-                          f'stroke-width="{width}"/>')
-
-    def svg(self):
-        return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {self.width} {self.height}" '
-                f'width="{self.width}" height="{self.height}" font-family="sans-serif">\n'
-                f'<rect width="100%" height="100%" fill="white"/>\n' + "\n".join(self.items) +
-                "\n</svg>\n")
+def svg_of(figure):
+    text = io.StringIO()
+    figure.savefig(text, format="svg", bbox_inches="tight", metadata={"Creator": None, "Date": None})
+    pyplot.close(figure)
+    return "\n".join(line.rstrip() for line in text.getvalue().splitlines()) + "\n"
 
 
 def bar_chart(title, bars):
     """Bars of (label, value), the smallest on top."""
-    bars = sorted(bars, key=lambda bar: bar[1])
-    left, right, row = 290, 80, 24
-    drawing = Drawing(760, 40 + row * len(bars) + 12, title)
-    scale = (drawing.width - left - right) / max(value for _, value in bars)
-    for i, (label, value) in enumerate(bars):
-        y = 36 + i * row
-        own = is_library(label)
-        drawing.text(left - 8, y + 15, label, "end", weight="bold" if own else "normal")
-        drawing.bar(left, y + 3, max(1, value * scale), row - 7,
-                    LIBRARY_COLOUR if own else PEER_COLOURS[0])
-        drawing.text(left + value * scale + 6, y + 15, number(value))
-    return drawing.svg()
+    labels, values = zip(*sorted(bars, key=lambda bar: bar[1], reverse=True))
+    figure, axes = pyplot.subplots(figsize=(8, 0.6 + 0.3 * len(bars)))
+    drawn = axes.barh(labels, values, height=0.7, color=[
+        LIBRARY_COLOUR if is_library(label) else PEER_COLOURS[0] for label in labels])
+    axes.bar_label(drawn, [number(value) for value in values], padding=4)
+    axes.set_title(title)
+    axes.spines["bottom"].set_visible(False)
+    axes.tick_params(left=False, bottom=False, labelbottom=False)
+    embolden_library(axes.get_yticklabels())
+    return svg_of(figure)
 
 
 def line_chart(title, axis, series):
-    """Lines of (label, [(x, value)]) on logarithmic axes. Labels stand at the lines' ends."""
-    values = [value for _, points in series for _, value in points]
-    xs = sorted({x for _, points in series for x, _ in points})
-    drawing = Drawing(760, 400, title)
-    left, right, top, bottom = 70, 250, 40, 46
-    low, high = math.floor(math.log10(min(values))), math.ceil(math.log10(max(values)))
-    high = max(high, low + 1)
-
-    def place(x, value):
-        across = math.log(x / xs[0]) / math.log(xs[-1] / xs[0])
-        up = (math.log10(value) - low) / (high - low)
-        return (left + across * (drawing.width - left - right),
-                drawing.height - bottom - up * (drawing.height - top - bottom))
-
-    for power in range(low, high + 1):
-        points = [place(xs[0], 10 ** power), place(xs[-1], 10 ** power)]
-        drawing.line(points, "#ddd")
-        drawing.text(left - 8, points[0][1] + 4, f"{10 ** power:,}", "end", size=11)
-    for x in xs:
-        drawing.text(place(x, 1)[0], drawing.height - bottom + 18, f"{x:,}", "middle", size=11)
-    drawing.text((left + drawing.width - right) / 2, drawing.height - 8, axis, "middle", size=11)
-
-    ends = []
-    peers = 0
+    """Lines of (label, [(x, value)]) on logarithmic axes, named in the order of their ends."""
+    figure, axes = pyplot.subplots(figsize=(8, 4))
+    peers, styles = iter(PEER_COLOURS), iter(["-", "--", ":"])
+    lines = []
     for label, points in series:
         own = is_library(label)
-        colour = LIBRARY_COLOUR if own else PEER_COLOURS[peers % len(PEER_COLOURS)]
-        peers += not own
-        drawing.line([place(*point) for point in points], colour, 3 if own else 1.8)
-        ends.append([place(*points[-1])[1], label, colour, place(*points[-1])[0]])
-    ends.sort()
-    for i, end in enumerate(ends):  # labels keep a distance from each other
-        if i > 0 and end[0] < ends[i - 1][0] + 15:
-            end[0] = ends[i - 1][0] + 15
-        drawing.text(drawing.width - right + 8, end[0] + 4, end[1],
-                     weight="bold" if is_library(end[1]) else "normal", colour=end[2])
-    return drawing.svg()
+        lines += axes.loglog(*zip(*points), label=label, marker="o", markersize=4 if own else 3,
+                             linewidth=2.5 if own else 1.5, linestyle=next(styles) if own else "-",
+                             color=LIBRARY_COLOUR if own else next(peers))
+    lines.sort(key=lambda line: line.get_ydata()[-1], reverse=True)
+    names = axes.legend(handles=lines, loc="center left", bbox_to_anchor=(1, 0.5), frameon=False)
+    embolden_library(names.get_texts())
+    axes.set_title(title)
+    axes.set_xlabel(axis)
+    axes.set_xticks(sorted({x for _, points in series for x, _ in points}), minor=False)
+    axes.set_ylim(10 ** math.floor(math.log10(min(axes.dataLim.intervaly))),
+                  10 ** math.ceil(math.log10(max(axes.dataLim.intervaly))))
+    axes.minorticks_off()
+    for scale in (axes.xaxis, axes.yaxis):
+        scale.set_major_formatter(lambda value, _: f"{value:,.0f}" if value >= 1 else f"{value:g}")
+    axes.grid(axis="y", color="#dddddd")
+    return svg_of(figure)
 
 
 def bars_of(figures, table, column=None):

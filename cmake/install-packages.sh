@@ -30,7 +30,7 @@ packagesFor() {
     bench)
       echo g++ pkg-config libbenchmark-dev libmimalloc-dev libboost-dev libboost-serialization-dev \
         libapr1-dev libabsl-dev libflatbuffers-dev flatbuffers-compiler capnproto libcapnp-dev \
-        protobuf-compiler libprotobuf-dev rapidjson-dev python3
+        protobuf-compiler libprotobuf-dev rapidjson-dev python3 python3-matplotlib
       ;;
     coverage) echo gcovr ;;
     memcheck) echo valgrind ;;

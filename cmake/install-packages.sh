@@ -16,7 +16,7 @@
 set -euo pipefail
 
 # Headers that the tools are compiled with, on and for every platform.
-toolHeaders=(libcli11-dev libfmt-dev nlohmann-json3-dev)
+toolHeaders=(libcli11-dev libfmt-dev libutfcpp-dev nlohmann-json3-dev)
 
 packagesFor() {
   case $1 in

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace catalog {
@@ -13,7 +12,7 @@ namespace catalog {
 inline constexpr std::int32_t kDefaultBlockLength = 32768;
 
 struct Arguments {
-  bool help = false;
+  std::string help;                 // what --help shows, where that was asked for
   std::filesystem::path catalogue;  // empty: the machine's own, else the sample
   std::filesystem::path chainFile;  // empty: a file in the temp directory
   std::filesystem::path portFile;   // beside the chain file; not the user's to name
@@ -21,9 +20,7 @@ struct Arguments {
   std::int32_t blockLength = kDefaultBlockLength;
 };
 
-extern const std::string_view kUsage;
-
 // Throws InputError for an unknown option, a missing or wrong value, or a second catalogue.
-Arguments parseArguments(const std::vector<std::string> &words);
+Arguments parseArguments(std::vector<std::string> words);
 
 }  // namespace catalog

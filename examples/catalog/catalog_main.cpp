@@ -13,17 +13,12 @@
 #include <vector>
 
 #include "catalog_arguments.hpp"
-#include "catalog_errors.hpp"
 #include "catalog_model.hpp"
 #include "catalog_report.hpp"
-#include "most_needed.hpp"
+#include "catalog_support.hpp"
 #include "record_files.hpp"
 #include "refhost.hpp"
-#include "running_library.hpp"
-#include "shared_names.hpp"
 #include "status_reader.hpp"
-#include "step_clock.hpp"
-#include "utf_text.hpp"
 
 namespace catalog {
 namespace {
@@ -57,6 +52,41 @@ void complete(Arguments &arguments, const std::filesystem::path &programFolder) 
 
 constexpr mem::HeapSettings kRecordHeap = {.areaKb = 64,
                                            .subPool = 20};  // any number of the host's
+
+// The library in use: bound to the host, with the process and the calling thread started.
+//
+// Start and stop in their order: bind, process, thread; thread, process, unbind. Everything that
+// uses the vector lives inside this object's lifetime, on the thread that made it.
+class RunningLibrary {
+ public:
+  // Throws ServiceError when the process or the thread cannot be started; what was started until
+  // then has been ended.
+  RunningLibrary(refhost::Host &host, MEMBindFn *entry)
+      : binding_(host, entry),
+        context_(mem::contextOf(host)),
+        process_(need(mem::RunningProcess::start(context_))),
+        thread_(need(mem::ActiveThread::activate(context_))) {}
+
+  const mem::Context &context() const { return context_; }
+
+ private:
+  struct Binding {
+    Binding(refhost::Host &boundHost, MEMBindFn *bindEntry) : host(boundHost), entry(bindEntry) {
+      host.bind(entry);
+    }
+    ~Binding() { host.unbind(entry); }
+    Binding(const Binding &) = delete;
+    Binding &operator=(const Binding &) = delete;
+
+    refhost::Host &host;
+    MEMBindFn *entry;
+  };
+
+  Binding binding_;
+  mem::Context context_;
+  mem::RunningProcess process_;
+  mem::ActiveThread thread_;
+};
 
 // The job itself, between start and stop of the library.
 void packCatalogue(refhost::Host &host, const mem::Context &context, const Arguments &arguments,
@@ -144,8 +174,8 @@ ExitCode run(Arguments arguments) {
 ExitCode runWithArguments(const std::vector<std::string> &words) {
   try {
     const Arguments arguments = parseArguments(words);
-    if (!arguments.help) return run(arguments);
-    std::cout << kUsage;
+    if (arguments.help.empty()) return run(arguments);
+    std::cout << arguments.help;
     return kExitSuccess;
   } catch (const InputError &error) {
     std::cerr << "catalog: " << error.what() << '\n';

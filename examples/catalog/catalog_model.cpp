@@ -1,11 +1,10 @@
 #include "catalog_model.hpp"
 
+#include <algorithm>
+#include <cstring>
 #include <string_view>
-#include <unordered_map>
 
-#include "catalog_errors.hpp"
-#include "utf_text.hpp"
-#include "waiting_list.hpp"
+#include "catalog_support.hpp"
 
 namespace catalog {
 namespace {
@@ -132,6 +131,28 @@ class Checker {
 
 }  // namespace
 
+WaitingList::WaitingList(const mem::Context &context)
+    : cells_(need(mem::CellPool<Item>::open(context, {.areaLen = 4096, .subPool = 21}))) {}
+
+void WaitingList::add(std::string_view package, DependencyRecord &dependency) {
+  Item *&first = firstByPackage_[package];
+  first = need(cells_.make(first, &dependency));
+}
+
+std::uint64_t WaitingList::resolve(std::string_view package, PackageRecord &record) {
+  const auto found = firstByPackage_.find(package);
+  if (found == firstByPackage_.end()) return 0;
+  std::uint64_t resolved = 0;
+  for (Item *item = found->second; item != nullptr; ++resolved) {
+    Item *const next = item->next;
+    item->dependency->pPackage = &record;
+    need(cells_.free(item));
+    item = next;
+  }
+  firstByPackage_.erase(found);
+  return resolved;
+}
+
 PackageRecord *buildRecords(const mem::Context &context, mem::Heap &heap,
                             const std::vector<Package> &packages) {
   return Builder(context, heap).build(packages);
@@ -154,6 +175,46 @@ RecordCounts countRecords(const PackageRecord *root) {
       counts.narrowStrings += one(dependency.pName) + one(dependency.pConstraint);
     });
   });
+  return counts;
+}
+
+std::vector<NeededPackage> mostNeeded(const PackageRecord *root, std::size_t count) {
+  std::unordered_map<const PackageRecord *, std::uint64_t> dependencies;
+  for (const PackageRecord *package = root; package != nullptr; package = package->pNext) {
+    const DependencyRecord *entry = package->pFirstDependency;
+    for (; entry != nullptr; entry = entry->pNext) {
+      if (entry->pPackage != nullptr) ++dependencies[entry->pPackage];
+    }
+  }
+  std::vector<NeededPackage> needed;
+  for (const PackageRecord *package = root; package != nullptr; package = package->pNext) {
+    const auto found = dependencies.find(package);
+    if (found != dependencies.end()) needed.push_back({package, found->second});
+  }
+  const auto isMoreNeeded = [](const NeededPackage &a, const NeededPackage &b) {
+    return a.dependencies > b.dependencies;
+  };
+  std::stable_sort(needed.begin(), needed.end(), isMoreNeeded);
+  needed.resize(std::min(needed.size(), count));
+  return needed;
+}
+
+NameCounts sinkNames(const mem::Context &context, const MEMProcessBlock &process,
+                     const PackageRecord *root) {
+  NameCounts counts;
+  const auto sinkName = [&](const char *name) {
+    if (name == nullptr) return;
+    static_cast<void>(need(mem::SunkString::sink(context, name)).release());
+    ++counts.names;
+    counts.separateBytes += std::strlen(name) + 1;
+  };
+  forEachRecord(root, [&](const PackageRecord &package) {
+    sinkName(package.pName);
+    forEachRecord(package.pFirstDependency,
+                  [&](const DependencyRecord &dependency) { sinkName(dependency.pName); });
+  });
+  counts.distinct = process.Act;
+  for (const MEMSinkSegment &segment : process.Segments) counts.sinkBytes += segment.UsedLen;
   return counts;
 }
 

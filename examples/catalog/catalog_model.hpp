@@ -11,7 +11,10 @@
 // closed. A pointer to a string is null where the catalogue has no such text.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "qj7mem00/mem.hpp"
@@ -76,6 +79,31 @@ inline constexpr mem::PortTable kPortTable{
         mem::field<4>(MEM_FIELD(DependencyRecord, pPackage)).required(),
         mem::field<5>(MEM_FIELD(DependencyRecord, Flags)).required())};
 
+// Dependencies that wait until the package they name has its record: work items in cells of the
+// library. An item is given back when its package has come, so the pool stays as small as the most
+// that ever wait at once. One thread at a time.
+class WaitingList {
+ public:
+  // Throws ServiceError when there is no storage. Those that still wait when it dies keep their
+  // null pointer.
+  explicit WaitingList(const mem::Context &context);
+
+  // `package` and `dependency` are kept by address. Throws ServiceError when there is no storage.
+  void add(std::string_view package, DependencyRecord &dependency);
+
+  // Points all that wait for `package` at its record, and returns how many did.
+  std::uint64_t resolve(std::string_view package, PackageRecord &record);
+
+ private:
+  struct Item {
+    Item *next;  // waits for the same package
+    DependencyRecord *dependency;
+  };
+
+  mem::CellPool<Item> cells_;
+  std::unordered_map<std::string_view, Item *> firstByPackage_;
+};
+
 // Builds the records of one package or more in the heap and returns the first. Throws ServiceError.
 PackageRecord *buildRecords(const mem::Context &context, mem::Heap &heap,
                             const std::vector<Package> &packages);
@@ -104,5 +132,25 @@ struct RecordCounts {
 };
 
 RecordCounts countRecords(const PackageRecord *root);
+
+struct NeededPackage {
+  const PackageRecord *package = nullptr;
+  std::uint64_t dependencies = 0;  // that lead to it, 1 or more
+};
+
+// At most `count` packages, the most needed first; of equal ones the earlier in the catalogue.
+std::vector<NeededPackage> mostNeeded(const PackageRecord *root, std::size_t count);
+
+struct NameCounts {
+  std::uint64_t names = 0;          // of packages and in dependencies
+  std::uint64_t separateBytes = 0;  // that a copy of each would take, with its terminator
+  std::uint64_t distinct = 0;       // copies in the sink
+  std::uint64_t sinkBytes = 0;      // that they reserve
+};
+
+// Sinks every name of the records at `root`. The copies live until the process, whose block is
+// given, is ended. Throws ServiceError.
+NameCounts sinkNames(const mem::Context &context, const MEMProcessBlock &process,
+                     const PackageRecord *root);
 
 }  // namespace catalog

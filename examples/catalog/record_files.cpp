@@ -5,9 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "binary_file.hpp"
-#include "catalog_errors.hpp"
-#include "utf_text.hpp"
+#include "catalog_support.hpp"
 
 namespace catalog {
 namespace {

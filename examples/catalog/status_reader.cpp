@@ -2,22 +2,14 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdint>
-#include <fstream>
 #include <optional>
-#include <system_error>
 #include <utility>
 
-#include "catalog_errors.hpp"
-#include "utf_text.hpp"
+#include "catalog_support.hpp"
 
 namespace catalog {
 namespace {
-
-// More than any catalogue has. It bounds what a device or an endless pipe can make the program
-// hold, and keeps every length within 32 bits.
-constexpr std::size_t kLongestCatalogue = std::size_t{1} << 30;
 
 constexpr std::string_view kBlanks = " \t";
 
@@ -172,29 +164,6 @@ class CatalogueParser {
   std::array<FieldValue, kFieldCount> values_;
 };
 
-std::string lastSystemError() {
-  return std::generic_category().message(errno != 0 ? errno : EIO);
-}
-
-std::string readWhole(const std::filesystem::path &path, const std::string &name) {
-  std::error_code ignored;
-  if (std::filesystem::is_directory(path, ignored)) {
-    throw InputError("cannot read " + name + ": it is a directory");
-  }
-  errno = 0;
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw InputError("cannot read " + name + ": " + lastSystemError());
-  std::string text;
-  std::array<char, 65536> buffer;
-  do {
-    file.read(buffer.data(), buffer.size());
-    text.append(buffer.data(), static_cast<std::size_t>(file.gcount()));
-    if (text.size() > kLongestCatalogue) throw InputError(name + " is too large for a catalogue");
-  } while (file);
-  if (file.bad()) throw InputError("cannot read " + name + ": " + lastSystemError());
-  return text;
-}
-
 }  // namespace
 
 std::string_view bareName(std::string_view dependencyName) {
@@ -207,8 +176,7 @@ std::vector<Package> parseCatalogue(std::string_view text, const std::string &so
 }
 
 std::vector<Package> readCatalogue(const std::filesystem::path &path) {
-  const std::string name = utf8FromPath(path);
-  return parseCatalogue(readWhole(path, name), name);
+  return parseCatalogue(readBytes(path), utf8FromPath(path));
 }
 
 }  // namespace catalog

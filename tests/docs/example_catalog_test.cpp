@@ -15,15 +15,12 @@
 #include <vector>
 
 #include "catalog_arguments.hpp"
-#include "catalog_errors.hpp"
 #include "catalog_model.hpp"
 #include "catalog_report.hpp"
+#include "catalog_support.hpp"
 #include "memtest.hpp"
-#include "most_needed.hpp"
 #include "record_files.hpp"
 #include "status_reader.hpp"
-#include "utf_text.hpp"
-#include "waiting_list.hpp"
 
 namespace {
 
@@ -143,7 +140,8 @@ TEST(CatalogArguments, RefusesWhatItDoesNotKnow) {
   EXPECT_TRUE(refused({"--output", ""}));
   EXPECT_TRUE(refused({""}));
   EXPECT_TRUE(refused({"a", "b"}));
-  for (const char *length : {"0", "-1", "x", "1x", "", " 1", "2147483648"}) {
+  EXPECT_TRUE(refused({"--output", "a", "--read-from", "b"}));
+  for (const char *length : {"0", "-1", "x", "1x", "", "2147483648"}) {
     EXPECT_TRUE(refused({"--block-length", length})) << length;
   }
   const catalog::Arguments arguments =

@@ -1,84 +1,58 @@
 #include "tool_text.hpp"
 
 #include <fmt/format.h>
+#include <utf8cpp/utf8.h>
+
+#include <iterator>
 
 namespace memtool {
 namespace {
 
-constexpr char32_t kReplacement = 0xFFFD;
-constexpr char32_t kLastCodePoint = 0x10FFFF;
+constexpr char16_t kReplacement = 0xFFFD;
 
-bool isSurrogate(char32_t codePoint) {
-  return codePoint >= 0xD800 && codePoint <= 0xDFFF;
+bool isSurrogate(char16_t unit) {
+  return unit >= 0xD800 && unit <= 0xDFFF;
+}
+
+bool isPair(char16_t first, char16_t second) {
+  return isSurrogate(first) && first < 0xDC00 && isSurrogate(second) && second >= 0xDC00;
 }
 
 bool isTrail(char byte) {
   return (static_cast<std::uint8_t>(byte) & 0xC0U) == 0x80U;
 }
 
-// Bytes of the character that begins with `lead`, 0 when none does.
-std::size_t characterLength(std::uint8_t lead) {
-  if (lead < 0x80) return 1;
-  if (lead >= 0xC2 && lead < 0xE0) return 2;
-  if (lead >= 0xE0 && lead < 0xF0) return 3;
-  if (lead >= 0xF0 && lead < 0xF5) return 4;
-  return 0;
-}
-
 // Takes one character off the front of `text`, or one byte that is none and stands for U+FFFD.
+// REQUIRES: the text is not empty.
 char32_t takeCharacter(std::string_view &text) {
-  constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};  // by length; less is overlong
-  const auto lead = static_cast<std::uint8_t>(text[0]);
-  const std::size_t length = characterLength(lead);
-  char32_t bits = length == 1 ? lead : lead & (0xFFU >> (length + 1));
-  bool isWellFormed = length > 0 && length <= text.size();
-  for (std::size_t i = 1; isWellFormed && i < length; ++i) {
-    isWellFormed = isTrail(text[i]);
-    bits = bits << 6 | (static_cast<std::uint8_t>(text[i]) & 0x3FU);
+  constexpr std::size_t kMostBytes = 4;
+  if (utf8::find_invalid(text.substr(0, kMostBytes)) == 0) {
+    text.remove_prefix(1);
+    return kReplacement;
   }
-  isWellFormed =
-      isWellFormed && bits >= kSmallest[length] && bits <= kLastCodePoint && !isSurrogate(bits);
-  text.remove_prefix(isWellFormed ? length : 1);
-  return isWellFormed ? bits : kReplacement;
+  const char *pNext = text.data();
+  const char32_t character = utf8::unchecked::next(pNext);
+  text.remove_prefix(static_cast<std::size_t>(pNext - text.data()));
+  return character;
 }
 
 }  // namespace
 
 void appendUtf8(std::string &text, char32_t codePoint) {
-  const auto add = [&text](char32_t byte) { text.push_back(static_cast<char>(byte)); };
-  const auto addTrail = [&add](char32_t bits) { add(0x80 | (bits & 0x3F)); };
-  if (codePoint < 0x80) {
-    add(codePoint);
-  } else if (codePoint < 0x800) {
-    add(0xC0 | codePoint >> 6);
-    addTrail(codePoint);
-  } else if (codePoint < 0x10000) {
-    add(0xE0 | codePoint >> 12);
-    addTrail(codePoint >> 6);
-    addTrail(codePoint);
-  } else {
-    add(0xF0 | codePoint >> 18);
-    addTrail(codePoint >> 12);
-    addTrail(codePoint >> 6);
-    addTrail(codePoint);
-  }
+  utf8::unchecked::append(codePoint, std::back_inserter(text));
 }
 
 std::string utf8FromUtf16(std::u16string_view text) {
-  std::string narrow;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char32_t codePoint = text[i];
-    const bool isPair = text[i] >= 0xD800 && text[i] <= 0xDBFF && i + 1 < text.size() &&
-                        text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF;
-    if (isPair) {
-      codePoint = 0x10000 + ((codePoint - 0xD800) << 10) + (text[i + 1] - 0xDC00U);
+  std::u16string whole(text);
+  for (std::size_t i = 0; i < whole.size(); ++i) {
+    if (!isSurrogate(whole[i])) continue;
+    if (i + 1 < whole.size() && isPair(whole[i], whole[i + 1])) {
       ++i;
-    } else if (isSurrogate(codePoint)) {
-      codePoint = kReplacement;
+    } else {
+      whole[i] = kReplacement;
     }
-    appendUtf8(narrow, codePoint);
   }
-  return narrow;
+  return utf8::utf16to8(whole);
 }
 
 std::filesystem::path pathFromUtf8(std::string_view text) {

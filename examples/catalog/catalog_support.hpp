@@ -1,0 +1,72 @@
+// What all parts of the program share: the ways in which it fails, text between the program's
+// UTF-8, the library's UTF-16 and the file system's paths, and whole files.
+//
+// Threading: all functions are free of state.
+#pragma once
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "qj7mem00/mem.hpp"
+
+namespace catalog {
+
+// How the program ends. A failure is one line on stderr and one of these codes.
+enum ExitCode {
+  kExitSuccess = 0,
+  kExitFailure = 1,  // a service failed, the library is missing, storage was not returned, or the
+                     // chain differs from the catalogue
+  kExitBadInput = 2  // an argument or a file that the user named is of no use
+};
+
+// What the user gave cannot be used: an option, the catalogue, the place for the chain.
+class InputError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// What was read is not what the catalogue holds.
+class DifferenceError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A service of the library failed. The text names the service, the code and what is known of it.
+class ServiceError : public std::runtime_error {
+ public:
+  explicit ServiceError(const mem::Error &error) : std::runtime_error(error.line().text) {}
+};
+
+// The value of a call that must succeed, else a ServiceError.
+template <class Value>
+Value need(mem::Result<Value> result) {
+  if (!result.isOk()) throw ServiceError(result.error());
+  if constexpr (!std::is_void_v<Value>) return std::move(result).value();
+}
+
+// UTF-16 of UTF-8 text. A byte that belongs to no well-formed character becomes U+FFFD, so that a
+// catalogue with one bad byte is still of use.
+std::u16string utf16FromUtf8(std::string_view text);
+
+// UTF-8 of UTF-16 text. A surrogate without its partner becomes U+FFFD.
+std::string utf8FromUtf16(std::u16string_view text);
+
+std::filesystem::path pathFromUtf8(std::string_view text);
+std::string utf8FromPath(const std::filesystem::path &path);
+
+// The program's arguments without its name, in UTF-8. On Windows `main` gets them in the process's
+// code page, which cannot hold every path; there they are taken from the wide command line.
+std::vector<std::string> programArguments(int count, const char *const *values);
+
+// A whole file as bytes, in binary form on every platform. Throws InputError with the reason when
+// it cannot be read.
+std::string readBytes(const std::filesystem::path &path);
+
+// Throws InputError with the reason when the file cannot be written; a file begun is removed then.
+void writeBytes(const std::filesystem::path &path, std::string_view bytes);
+
+}  // namespace catalog

@@ -2,23 +2,20 @@
 #
 #   cmake -DPROGRAM=… [-DEMULATOR=…] -P c_example_test.cmake
 cmake_minimum_required(VERSION 3.25)
+include(${CMAKE_CURRENT_LIST_DIR}/../support/run_program.cmake)
 
-set(ENV{WINEDEBUG} "-all")
-execute_process(COMMAND ${EMULATOR} ${PROGRAM}
-  RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
-string(REPLACE "\r\n" "\n" out "${out}")
-if(NOT code STREQUAL "0" OR NOT err STREQUAL "" OR NOT out MATCHES "\n8 words\n0 areas not returned\n$")
-  message(FATAL_ERROR "${PROGRAM} ended with ${code}: ${out}${err}")
+expect_success()
+if(NOT out MATCHES "\n8 words\n0 areas not returned\n$")
+  fail("the words are not counted, or storage is not returned")
 endif()
 foreach(count "a          3" "rose       3" "is         2")
   string(FIND "\n${out}" "\n${count}\n" place)
   if(place EQUAL -1)
-    message(FATAL_ERROR "${PROGRAM} does not print \"${count}\": ${out}")
+    fail("expected \"${count}\"")
   endif()
 endforeach()
 
-execute_process(COMMAND ${EMULATOR} ${PROGRAM} absent.library
-  RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+run_program(absent.library)
 if(NOT code STREQUAL "1" OR NOT err MATCHES "cannot load absent.library")
-  message(FATAL_ERROR "${PROGRAM} absent.library ended with ${code}: ${out}${err}")
+  fail("expected that absent.library cannot be loaded")
 endif()

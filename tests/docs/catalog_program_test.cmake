@@ -1,55 +1,12 @@
 # Runs the catalogue example as a user does: exit codes, messages, the report, the chain file.
 #
 #   cmake -DPROGRAM=… -DWORK=… [-DEMULATOR=…] -P catalog_program_test.cmake
-#
-# PROGRAM   the example
-# WORK      folder for the files of this test; emptied first
-# EMULATOR  command in front of a program for another platform, as a list
 cmake_minimum_required(VERSION 3.25)
-
-# Wine's own messages would stand among the program's, and it reads names in the locale's encoding.
-set(ENV{WINEDEBUG} "-all")
-set(ENV{LC_ALL} "C.UTF-8")
-file(REMOVE_RECURSE ${WORK})
-file(MAKE_DIRECTORY ${WORK})
-
-# Runs the example in WORK and leaves its exit code, stdout and stderr in `code`, `out` and `err`.
-macro(run_catalog)
-  execute_process(
-    COMMAND ${EMULATOR} ${PROGRAM} ${ARGN}
-    WORKING_DIRECTORY ${WORK}
-    RESULT_VARIABLE code
-    OUTPUT_VARIABLE out
-    ERROR_VARIABLE err)
-  string(REPLACE "\r\n" "\n" out "${out}")
-  string(REPLACE "\r\n" "\n" err "${err}")
-endmacro()
-
-function(fail what)
-  message(FATAL_ERROR "${what}\nexit code ${code}\nstdout:\n${out}\nstderr:\n${err}")
-endfunction()
-
-# The arguments must end the program with code `wanted` and one line on stderr that has `text`.
-function(expect_refused wanted text)
-  run_catalog(${ARGN})
-  if(NOT code STREQUAL wanted)
-    fail("catalog ${ARGN}: expected exit code ${wanted}")
-  endif()
-  string(FIND "${err}" "${text}" place)
-  if(NOT err MATCHES "^catalog: [^\n]+\n$" OR place EQUAL -1)
-    fail("catalog ${ARGN}: expected one line with \"${text}\" on stderr")
-  endif()
-  if(NOT out STREQUAL "")
-    fail("catalog ${ARGN}: expected nothing on stdout")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/../support/run_program.cmake)
 
 # The program must succeed, say nothing on stderr and have returned all storage.
 function(expect_packed)
-  run_catalog(${ARGN})
-  if(NOT code STREQUAL "0" OR NOT err STREQUAL "")
-    fail("catalog ${ARGN}: expected success")
-  endif()
+  expect_success(${ARGN})
   if(NOT out MATCHES "not returned +0  bytes in 0 areas\n")
     fail("catalog ${ARGN}: expected a storage account at zero")
   endif()
@@ -162,8 +119,8 @@ file(COPY_FILE ${sample} "${WORK}/katalog-ä-本.status")
 expect_packed("katalog-ä-本.status" --output "kette-ä-本.chain")
 expect_chain("${WORK}/kette-ä-本.chain" 1)
 
-run_catalog(--help)
-if(NOT code STREQUAL "0" OR NOT err STREQUAL "" OR NOT out MATCHES "\nUsage: catalog ")
+expect_success(--help)
+if(NOT out MATCHES "\nUsage: catalog ")
   fail("--help does not show the usage")
 endif()
 

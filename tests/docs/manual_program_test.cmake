@@ -2,13 +2,12 @@
 #
 #   cmake -DPROGRAM=… -DPAGE=… [-DEMULATOR=…] -P manual_program_test.cmake
 cmake_minimum_required(VERSION 3.25)
+include(${CMAKE_CURRENT_LIST_DIR}/../support/run_program.cmake)
 
 file(READ ${PAGE} page)
 string(REPLACE "\r\n" "\n" page "${page}")
-set(ENV{WINEDEBUG} "-all")
-execute_process(COMMAND ${EMULATOR} ${PROGRAM} RESULT_VARIABLE code OUTPUT_VARIABLE out)
-string(REPLACE "\r\n" "\n" out "${out}")
+expect_success()
 string(FIND "${page}" "```text\n${out}```\n" place)
-if(NOT code STREQUAL "0" OR out STREQUAL "" OR place EQUAL -1)
-  message(FATAL_ERROR "${PROGRAM} ended with ${code}; ${PAGE} does not show:\n${out}")
+if(out STREQUAL "" OR place EQUAL -1)
+  fail("${PAGE} does not show what the program prints")
 endif()

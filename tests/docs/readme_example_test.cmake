@@ -2,6 +2,7 @@
 #
 #   cmake -DREADME=… -DSOURCE=… -DPROGRAM=… [-DEMULATOR=…] -P readme_example_test.cmake
 cmake_minimum_required(VERSION 3.25)
+include(${CMAKE_CURRENT_LIST_DIR}/../support/run_program.cmake)
 
 file(READ ${README} readme)
 file(READ ${SOURCE} source)
@@ -12,8 +13,7 @@ if(place EQUAL -1)
   message(FATAL_ERROR "${README} does not show ${SOURCE} line by line")
 endif()
 
-set(ENV{WINEDEBUG} "-all")
-execute_process(COMMAND ${EMULATOR} ${PROGRAM} RESULT_VARIABLE code OUTPUT_VARIABLE out)
-if(NOT code STREQUAL "0" OR NOT out MATCHES "^a string in a heap")
-  message(FATAL_ERROR "${PROGRAM} ended with ${code}: ${out}")
+expect_success()
+if(NOT out MATCHES "^a string in a heap")
+  fail("expected a string")
 endif()

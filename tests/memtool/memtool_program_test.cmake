@@ -2,53 +2,18 @@
 #
 #   cmake -DPROGRAM=… -DCHAINS=… -DWORK=… [-DEMULATOR=…] -P memtool_program_test.cmake
 #
-# PROGRAM   memtool
-# CHAINS    folder with chains
-# WORK      folder for the files of this test; emptied first
-# EMULATOR  command in front of a program for another platform, as a list
+# CHAINS  folder with chains
 cmake_minimum_required(VERSION 3.25)
-
-set(ENV{WINEDEBUG} "-all")
-set(ENV{LC_ALL} "C.UTF-8")
-file(REMOVE_RECURSE ${WORK})
-file(MAKE_DIRECTORY ${WORK})
+include(${CMAKE_CURRENT_LIST_DIR}/../support/run_program.cmake)
 string(ASCII 27 ESC)
 
-# Runs memtool in WORK and leaves its exit code, stdout and stderr in `code`, `out` and `err`.
-macro(run_memtool)
-  execute_process(
-    COMMAND ${EMULATOR} ${PROGRAM} ${ARGN}
-    WORKING_DIRECTORY ${WORK}
-    RESULT_VARIABLE code
-    OUTPUT_VARIABLE out
-    ERROR_VARIABLE err)
-  string(REPLACE "\r\n" "\n" out "${out}")
-  string(REPLACE "\r\n" "\n" err "${err}")
-endmacro()
-
-function(fail what)
-  message(FATAL_ERROR "${what}\nexit code ${code}\nstdout:\n${out}\nstderr:\n${err}")
-endfunction()
-
 function(expect_fine)
-  run_memtool(${ARGN})
-  if(NOT code STREQUAL "0" OR NOT err STREQUAL "")
-    fail("memtool ${ARGN}: expected success")
-  endif()
+  expect_success(${ARGN})
   string(FIND "${out}" "${ESC}" place)
   if(NOT place EQUAL -1)
     fail("memtool ${ARGN}: colours in a pipe")
   endif()
   set(out "${out}" PARENT_SCOPE)
-endfunction()
-
-# The arguments must end the program with code `wanted` and one line on stderr that has `text`.
-function(expect_refused wanted text)
-  run_memtool(${ARGN})
-  string(FIND "${err}" "${text}" place)
-  if(NOT code STREQUAL wanted OR NOT err MATCHES "^memtool: [^\n]+\n$" OR place EQUAL -1)
-    fail("memtool ${ARGN}: expected exit code ${wanted} and one line with \"${text}\" on stderr")
-  endif()
 endfunction()
 
 expect_fine(--help)

@@ -25,6 +25,12 @@ std::string failure(const mem::Result<Value> &result) {
   return result.isOk() ? "succeeded" : result.error().line().text;
 }
 
+// The code of a failure, 0 of a success.
+template <class Value>
+std::int32_t codeOf(const mem::Result<Value> &result) {
+  return result.isOk() ? 0 : static_cast<std::int32_t>(result.error().code());
+}
+
 // Host storage is dirty: whatever is zero has been made so by the library or by the header.
 class ConvenienceTest : public StartedTest {
  protected:

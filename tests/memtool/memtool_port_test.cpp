@@ -37,27 +37,35 @@ class MemtoolPortTest : public ToolTest {
 
   static Json jsonOf(const std::vector<std::string> &words) { return Json::parse(outputOf(words)); }
 
+  static std::string message(std::size_t place, const std::string &expected,
+                             const std::string &found) {
+    return "character " + std::to_string(place) + ": expected " + expected + ", found " + found;
+  }
+
   // Readers stop there: told with and without --check.
-  static void expectFault(const std::string &text, const std::string &message) {
+  static void expectFault(const std::string &text, std::size_t place, const std::string &expected,
+                          const std::string &found) {
     SCOPED_TRACE(text);
+    const std::string told = "bad.port: " + message(place, expected, found) + "\n";
     writeBytes("bad.port", text);
-    expectRefused(1, "bad.port: " + message + "\n", {"port", "bad.port", "--check"});
-    expectRefused(1, "bad.port: " + message + "\n", {"port", "bad.port"});
+    expectRefused(1, told, {"port", "bad.port", "--check"});
+    expectRefused(1, told, {"port", "bad.port"});
     const ToolRun json = runTool({"port", "bad.port", "--json"});
     EXPECT_EQ(json.code, 1);
     const Json fault = Json::parse(json.out)["fault"];
     ASSERT_TRUE(fault.is_object());
-    EXPECT_EQ("character " + std::to_string(fault["offset"].get<std::size_t>()) + ": expected " +
-                  fault["expected"].get<std::string>() + ", found " +
-                  fault["found"].get<std::string>(),
-              message);
+    EXPECT_EQ(fault["offset"], place);
+    EXPECT_EQ(fault["expected"], expected);
+    EXPECT_EQ(fault["found"], found);
   }
 
   // Readers let it pass: told with --check only.
-  static void expectDeviation(const std::string &text, const std::string &message) {
+  static void expectDeviation(const std::string &text, std::size_t place,
+                              const std::string &expected, const std::string &found) {
     SCOPED_TRACE(text);
     writeBytes("odd.port", text);
-    expectRefused(1, "odd.port: " + message + "\n", {"port", "odd.port", "--check"});
+    expectRefused(1, "odd.port: " + message(place, expected, found) + "\n",
+                  {"port", "odd.port", "--check"});
     EXPECT_NE(outputOf({"port", "odd.port"}), "");
     EXPECT_TRUE(jsonOf({"port", "odd.port", "--json"})["fault"].is_null());
   }
@@ -202,72 +210,50 @@ TEST_F(MemtoolPortTest, LongValuesAreCut) {
 }
 
 TEST_F(MemtoolPortTest, FaultsOfTheHeader) {
-  expectFault("", "character 0: expected \"(\" of the header, found the end");
-  expectFault("(00000", "character 6: expected ten digits in the header, found the end");
-  expectFault("(0000000064,000000000x)",
-              "character 21: expected ten digits in the header, "
-              "found 'x'");
-  expectFault("(0000000064,0000000002",
-              "character 22: expected \")\" of the header, "
-              "found the end");
-  expectFault(portText("", 0), "character 12: expected a number of structures from 1 on, found 0");
-  expectFault(portText(""), "character 23: expected structure text 1 of 1, found the end");
-  expectFault(portText("(1<1N>)", 3),
-              "character 30: expected structure text 2 of 3, "
-              "found the end");
+  expectFault("", 0, "\"(\" of the header", "the end");
+  expectFault("(00000", 6, "ten digits in the header", "the end");
+  expectFault("(0000000064,000000000x)", 21, "ten digits in the header", "'x'");
+  expectFault("(0000000064,0000000002", 22, "\")\" of the header", "the end");
+  expectFault(portText("", 0), 12, "a number of structures from 1 on", "0");
+  expectFault(portText(""), 23, "structure text 1 of 1", "the end");
+  expectFault(portText("(1<1N>)", 3), 30, "structure text 2 of 3", "the end");
   const std::string sound = portText("(1<1N>)");
-  expectDeviation("[" + sound.substr(1), "character 0: expected \"(\" of the header, found '['");
-  expectDeviation(sound.substr(0, 11) + ";" + sound.substr(12),
-                  "character 11: expected \",\" of the header, found ';'");
-  expectDeviation("(x" + sound.substr(2),
-                  "character 1: expected ten digits in the header, "
-                  "found 'x'");
-  expectDeviation("(0000000031" + sound.substr(11),
-                  "character 1: expected 0000000030 characters in all, found 0000000031");
-  expectDeviation(sound + "\n",
-                  "character 30: expected the end behind 1 structure, "
-                  "found the byte 0A");
+  expectDeviation("[" + sound.substr(1), 0, "\"(\" of the header", "'['");
+  expectDeviation(sound.substr(0, 11) + ";" + sound.substr(12), 11, "\",\" of the header", "';'");
+  expectDeviation("(x" + sound.substr(2), 1, "ten digits in the header", "'x'");
+  expectDeviation("(0000000031" + sound.substr(11), 1, "0000000030 characters in all",
+                  "0000000031");
+  expectDeviation(sound + "\n", 30, "the end behind 1 structure", "the byte 0A");
 }
 
 TEST_F(MemtoolPortTest, FaultsOfStructures) {
-  expectFault(portText("1<1N>)"), "character 23: expected \"(\" of a structure, found '1'");
-  expectFault(portText("(<1N>)"),
-              "character 24: expected a StructID from 1 to 2147483647, found '<'");
-  expectFault(portText("(0<1N>)"),
-              "character 24: expected a StructID from 1 to 2147483647, found 0");
-  expectFault(portText("(8463847412<1N>)"),
-              "character 24: expected a StructID from 1 to 2147483647, found 2147483648");
-  expectFault(portText("(99999999999999999999999<1N>)"),
-              "character 24: expected a StructID from 1 to 2147483647, found more");
-  expectFault(portText("(1>1N>)"),
-              "character 25: expected digits of the StructID, \",\" or \"<\" "
-              "of the fields, found '>'");
-  expectFault(portText("(1,2>1N>)"),
-              "character 27: expected digits of the element count or \"<\" "
-              "of the fields, found '>'");
-  expectFault(portText("(1<N>)"),
-              "character 26: expected a FieldID from 1 to 4294967295, "
-              "found 'N'");
-  expectFault(portText("(1<1N/>)"),
-              "character 29: expected a FieldID from 1 to 4294967295, "
-              "found '>'");
-  expectFault(portText("(1<1N"),
-              "character 28: expected \"/\" of a further field or \">\" behind "
-              "the last one, found the end");
-  expectFault(portText("(1<1N>"), "character 29: expected \")\" of the structure, found the end");
-  expectFault(portText("(1<1N>>"), "character 29: expected \")\" of the structure, found '>'");
-  expectFault(portText("(1<1"), "character 27: expected a field's value, found the end");
-  expectFault(portText("(1<1Q>)"),
-              "character 27: expected a field's value, which begins with one "
-              "of \" ' X x H N S B E, found 'Q'");
-  expectFault(portText("(1<1E1>)"), "character 28: expected \"(\" of a structure, found '1'");
+  expectFault(portText("1<1N>)"), 23, "\"(\" of a structure", "'1'");
+  expectFault(portText("(<1N>)"), 24, "a StructID from 1 to 2147483647", "'<'");
+  expectFault(portText("(0<1N>)"), 24, "a StructID from 1 to 2147483647", "0");
+  expectFault(portText("(8463847412<1N>)"), 24, "a StructID from 1 to 2147483647", "2147483648");
+  expectFault(portText("(99999999999999999999999<1N>)"), 24, "a StructID from 1 to 2147483647",
+              "more");
+  expectFault(portText("(1>1N>)"), 25, "digits of the StructID, \",\" or \"<\" of the fields",
+              "'>'");
+  expectFault(portText("(1,2>1N>)"), 27, "digits of the element count or \"<\" of the fields",
+              "'>'");
+  expectFault(portText("(1<N>)"), 26, "a FieldID from 1 to 4294967295", "'N'");
+  expectFault(portText("(1<1N/>)"), 29, "a FieldID from 1 to 4294967295", "'>'");
+  expectFault(portText("(1<1N"), 28, "\"/\" of a further field or \">\" behind the last one",
+              "the end");
+  expectFault(portText("(1<1N>"), 29, "\")\" of the structure", "the end");
+  expectFault(portText("(1<1N>>"), 29, "\")\" of the structure", "'>'");
+  expectFault(portText("(1<1"), 27, "a field's value", "the end");
+  expectFault(portText("(1<1Q>)"), 27,
+              "a field's value, which begins with one of \" ' X x H N S B E", "'Q'");
+  expectFault(portText("(1<1E1>)"), 28, "\"(\" of a structure", "'1'");
 
   std::string nested = "(1<1N>)";
   for (int level = 0; level < 64; ++level) nested = "(1<1E" + nested + ">)";
   writeBytes("deep.port", portText(nested));
   EXPECT_NE(outputOf({"port", "deep.port", "--check"}), "");
-  expectFault(portText("(1<1E" + nested + ">)"),
-              "character 347: expected at most 64 structures within one another, found 'E'");
+  expectFault(portText("(1<1E" + nested + ">)"), 347, "at most 64 structures within one another",
+              "'E'");
 
   // What a writer makes of a structure of which no field is ported.
   writeBytes("empty.port", portText("(1<>)"));
@@ -275,71 +261,56 @@ TEST_F(MemtoolPortTest, FaultsOfStructures) {
 }
 
 TEST_F(MemtoolPortTest, FaultsOfValues) {
-  const auto fault = [](const std::string &value, const std::string &message) {
-    expectFault(portText("(1<1" + value), message);
+  const auto fault = [](const std::string &value, std::size_t place, const std::string &expected,
+                        const std::string &found) {
+    expectFault(portText("(1<1" + value), place, expected, found);
   };
-  fault("S2>)", "character 28: expected a structure number up to 1, found 2");
-  fault("S99999999999999999999999>)",
-        "character 28: expected a structure number up to 1, "
-        "found more");
-  fault("B1010", "character 32: expected eight flags, each 0 or 1, found the end");
-  fault("B10102000>)", "character 32: expected eight flags, each 0 or 1, found '2'");
-  fault("H1fA0>)",
-        "character 29: expected two hexadecimal digits in capitals, \"/\" or \">\", "
-        "found 'f'");
-  fault("H1", "character 29: expected two hexadecimal digits, found the end");
-  fault("\"abc", "character 31: expected \" at the end of text, found the end");
-  fault("\"abc/", "character 32: expected the character behind \"/\", found the end");
-  fault("'abc", "character 31: expected ' at the end of wide text, found the end");
-  fault("'/3=P", "character 32: expected the groups of a wide unit, found the end");
-  fault("X3abc\"", "character 29: expected the string's length and \", found 'a'");
-  fault("X3\"ab\">)", "character 28: expected 2 as the string's length, found 3");
-  fault("X3\"abcd\">)", "character 28: expected 4 as the string's length, found 3");
-  fault("X99999999999999999999999\"abcd\">)",
-        "character 28: expected 4 as the string's length, found more");
-  fault("x3'abc'>)", "character 29: expected the number of code points and \";\", found '''");
-  fault("x3;abc'>)", "character 30: expected the number of surrogate pairs and ', found 'a'");
-  fault("x3;1'abc'>)",
-        "character 28: expected 3 as the sum of code points and pairs, "
-        "found 3 and 1");
+  fault("S2>)", 28, "a structure number up to 1", "2");
+  fault("S99999999999999999999999>)", 28, "a structure number up to 1", "more");
+  fault("B1010", 32, "eight flags, each 0 or 1", "the end");
+  fault("B10102000>)", 32, "eight flags, each 0 or 1", "'2'");
+  fault("H1fA0>)", 29, "two hexadecimal digits in capitals, \"/\" or \">\"", "'f'");
+  fault("H1", 29, "two hexadecimal digits", "the end");
+  fault("\"abc", 31, "\" at the end of text", "the end");
+  fault("\"abc/", 32, "the character behind \"/\"", "the end");
+  fault("'abc", 31, "' at the end of wide text", "the end");
+  fault("'/3=P", 32, "the groups of a wide unit", "the end");
+  fault("X3abc\"", 29, "the string's length and \"", "'a'");
+  fault("X3\"ab\">)", 28, "2 as the string's length", "3");
+  fault("X3\"abcd\">)", 28, "4 as the string's length", "3");
+  fault("X99999999999999999999999\"abcd\">)", 28, "4 as the string's length", "more");
+  fault("x3'abc'>)", 29, "the number of code points and \";\"", "'''");
+  fault("x3;abc'>)", 30, "the number of surrogate pairs and '", "'a'");
+  fault("x3;1'abc'>)", 28, "3 as the sum of code points and pairs", "3 and 1");
 }
 
 TEST_F(MemtoolPortTest, WhatReadersLetPass) {
-  const auto odd = [](const std::string &fields, const std::string &message) {
-    expectDeviation(portText("(1<" + fields + ">)"), message);
+  const auto odd = [](const std::string &fields, std::size_t place, const std::string &expected,
+                      const std::string &found) {
+    expectDeviation(portText("(1<" + fields + ">)"), place, expected, found);
   };
-  odd("1N50", "character 29: expected a most significant digit, which is not 0, found '0'");
-  odd("1N-", "character 29: expected digits behind \"-\", found '>'");
-  odd("1N61615590737044764481", "character 28: expected a number of at most 64 bits, found more");
-  odd("1N-9085774586302733229", "character 29: expected a number of at most 64 bits, found more");
-  odd("1N;2N",
-      "character 28: expected \"/\" of a further field or \">\" behind the last one, "
-      "found ';'");
-  odd("2N/1N", "character 29: expected a FieldID from 2 on, found field 1");
-  odd("1N/1N", "character 26: expected field 1 1 time, found it 2 times");
-  odd("1N/1N/2N", "character 32: expected no field behind the repeat field, found field 2");
-  odd("1\"a/b\"", "character 30: expected one of 0 / \" behind \"/\", found 'b'");
-  odd(std::string("1\"a\0b\"", 6), "character 29: expected /0 for a zero byte, found the byte 00");
-  odd("1X1\"/0\"", "character 28: expected a string without a zero byte, found one");
-  odd("1'/b'", "character 29: expected a digit, \"/\" or ' behind \"/\", found 'b'");
-  odd("1'\xE9'",
-      "character 28: expected \"/\" in front of a unit that is not 1 to 127, "
-      "found the byte E9");
-  odd("1'/303Y'",
-      "character 29: expected a unit in as few groups of 6 bits as it needs, "
-      "found '3'");
-  odd("1'/2~~'",
-      "character 29: expected a unit in as few groups of 6 bits as it needs, "
-      "found '2'");
-  odd("1x1;1'ab'", "character 30: expected 0 as the number of surrogate pairs, found 1");
-  odd("1x1;'/0'", "character 30: expected a string without a zero unit, found one");
-  expectDeviation(portText("(1,3<1N/1N>)"),
-                  "character 28: expected field 1 3 times, found it 2 times");
-  expectDeviation(portText("(1<1S3>)(1<1S>)(1<1S>)", 3),
-                  "character 28: expected a structure number up to 2, the next new one, found 3");
-  expectDeviation(portText("(1<1S>)(1<1S>)", 2),
-                  "character 30: expected a structure that a pointer before it names, "
-                  "found number 2");
+  odd("1N50", 29, "a most significant digit, which is not 0", "'0'");
+  odd("1N-", 29, "digits behind \"-\"", "'>'");
+  odd("1N61615590737044764481", 28, "a number of at most 64 bits", "more");
+  odd("1N-9085774586302733229", 29, "a number of at most 64 bits", "more");
+  odd("1N;2N", 28, "\"/\" of a further field or \">\" behind the last one", "';'");
+  odd("2N/1N", 29, "a FieldID from 2 on", "field 1");
+  odd("1N/1N", 26, "field 1 1 time", "it 2 times");
+  odd("1N/1N/2N", 32, "no field behind the repeat field", "field 2");
+  odd("1\"a/b\"", 30, "one of 0 / \" behind \"/\"", "'b'");
+  odd(std::string("1\"a\0b\"", 6), 29, "/0 for a zero byte", "the byte 00");
+  odd("1X1\"/0\"", 28, "a string without a zero byte", "one");
+  odd("1'/b'", 29, "a digit, \"/\" or ' behind \"/\"", "'b'");
+  odd("1'\xE9'", 28, "\"/\" in front of a unit that is not 1 to 127", "the byte E9");
+  odd("1'/303Y'", 29, "a unit in as few groups of 6 bits as it needs", "'3'");
+  odd("1'/2~~'", 29, "a unit in as few groups of 6 bits as it needs", "'2'");
+  odd("1x1;1'ab'", 30, "0 as the number of surrogate pairs", "1");
+  odd("1x1;'/0'", 30, "a string without a zero unit", "one");
+  expectDeviation(portText("(1,3<1N/1N>)"), 28, "field 1 3 times", "it 2 times");
+  expectDeviation(portText("(1<1S3>)(1<1S>)(1<1S>)", 3), 28,
+                  "a structure number up to 2, the next new one", "3");
+  expectDeviation(portText("(1<1S>)(1<1S>)", 2), 30, "a structure that a pointer before it names",
+                  "number 2");
 }
 
 // What stands in front of a fault is shown.
@@ -555,8 +526,10 @@ TEST_F(MemtoolPortTest, WrongDefinitions) {
   const auto structure = [](const std::string &members) {
     return R"({"structures": [{"id": 1, )" + members + "}]}";
   };
-  const auto field = [&structure](const std::string &members) {
-    return structure(R"("length": 16, "fields": [{"id": 1, )" + members + "}]");
+  // A field, and how the message goes on behind "structures[0].fields[".
+  const auto field = [&structure](const std::string &members, const std::string &message) {
+    expectBadDefinitions(structure(R"("length": 16, "fields": [{"id": 1, )" + members + "}]"),
+                         "structures[0].fields[" + message);
   };
   expectBadDefinitions("", "no JSON from byte 0 on");
   expectBadDefinitions("{\"structures\": \"\xFF\"}", "no JSON from byte");
@@ -585,42 +558,35 @@ TEST_F(MemtoolPortTest, WrongDefinitions) {
                                           {"id": 2, "name": "a", "length": 1}]})",
                        "structures[1]: a second structure a");
 
-  expectBadDefinitions(field(R"("type": "Float")"),
-                       "structures[0].fields[0].type: unknown type; there are Char, CharSZ, ");
-  expectBadDefinitions(field(R"("type": 17)"), "structures[0].fields[0].type: expected a whole");
-  expectBadDefinitions(field(R"("type": "Char", "offset": 0)"),
-                       "structures[0].fields[0]: \"length\" is missing");
-  expectBadDefinitions(field(R"("type": "Char", "offset": 0, "length": 0)"),
-                       "structures[0].fields[0].length: expected a whole number from 1 ");
-  expectBadDefinitions(field(R"("type": "Bit", "offset": 0, "length": 2)"),
-                       "structures[0].fields[0].length: expected a whole number from 1 to 1");
-  expectBadDefinitions(field(R"("type": "Long", "offset": 0, "length": 2)"),
-                       "structures[0].fields[0].length: expected a whole number from 4 ");
-  expectBadDefinitions(field(R"("type": "Long", "offset": 13)"),
-                       "structures[0].fields[0]: 4 bytes at 13 lie beyond the structure's 16");
-  expectBadDefinitions(field(R"("type": "Long", "offset": -1)"),
-                       "structures[0].fields[0].offset: expected a whole number from 0 ");
-  expectBadDefinitions(field(R"("type": "Pnt", "offset": 0)"),
-                       "structures[0].fields[0]: \"structure\" is missing");
-  expectBadDefinitions(field(R"("type": "Pnt", "offset": 0, "structure": "none")"),
-                       "structures[0].fields[0].structure: no such structure");
-  expectBadDefinitions(field(R"("type": "Long", "offset": 0, "structure": 1)"),
-                       "structures[0].fields[0]: only Pnt and Substructure name a structure");
-  expectBadDefinitions(field(R"("type": "Pnt", "offset": 0, "structure": 1, "default": "1")"),
-                       "structures[0].fields[0].default: a pointer has no default but null");
-  expectBadDefinitions(field(R"("type": "Short", "offset": 0, "default": 32768)"),
-                       "structures[0].fields[0].default: expected a whole number from -32768 to ");
-  expectBadDefinitions(field(R"("type": "Bin", "offset": 0, "length": 2, "default": "1F")"),
-                       "structures[0].fields[0].default: expected 2 bytes in hexadecimal");
-  expectBadDefinitions(field(R"("type": "PStr", "offset": 0, "default": "a\u0000b")"),
-                       "structures[0].fields[0].default: text with a zero in it");
-  expectBadDefinitions(field(R"("type": "Long", "offset": 0, "required": 1)"),
-                       "structures[0].fields[0].required: expected true or false");
-  expectBadDefinitions(field(R"("type": "Long", "offset": 0}, {"id": 1, "type": 7, "offset": 4)"),
-                       "structures[0].fields[1]: the ids of fields must ascend");
-  expectBadDefinitions(field(R"("name": "a", "type": "Long", "offset": 0},
-                                {"id": 2, "name": "a", "type": 7, "offset": 4)"),
-                       "structures[0].fields[1]: a second field a");
+  field(R"("type": "Float")", "0].type: unknown type; there are Char, CharSZ, ");
+  field(R"("type": 17)", "0].type: expected a whole");
+  field(R"("type": "Char", "offset": 0)", "0]: \"length\" is missing");
+  field(R"("type": "Char", "offset": 0, "length": 0)",
+        "0].length: expected a whole number from 1 ");
+  field(R"("type": "Bit", "offset": 0, "length": 2)",
+        "0].length: expected a whole number from 1 to 1");
+  field(R"("type": "Long", "offset": 0, "length": 2)",
+        "0].length: expected a whole number from 4 ");
+  field(R"("type": "Long", "offset": 13)", "0]: 4 bytes at 13 lie beyond the structure's 16");
+  field(R"("type": "Long", "offset": -1)", "0].offset: expected a whole number from 0 ");
+  field(R"("type": "Pnt", "offset": 0)", "0]: \"structure\" is missing");
+  field(R"("type": "Pnt", "offset": 0, "structure": "none")", "0].structure: no such structure");
+  field(R"("type": "Long", "offset": 0, "structure": 1)",
+        "0]: only Pnt and Substructure name a structure");
+  field(R"("type": "Pnt", "offset": 0, "structure": 1, "default": "1")",
+        "0].default: a pointer has no default but null");
+  field(R"("type": "Short", "offset": 0, "default": 32768)",
+        "0].default: expected a whole number from -32768 to ");
+  field(R"("type": "Bin", "offset": 0, "length": 2, "default": "1F")",
+        "0].default: expected 2 bytes in hexadecimal");
+  field(R"("type": "PStr", "offset": 0, "default": "a\u0000b")",
+        "0].default: text with a zero in it");
+  field(R"("type": "Long", "offset": 0, "required": 1)", "0].required: expected true or false");
+  field(R"("type": "Long", "offset": 0}, {"id": 1, "type": 7, "offset": 4)",
+        "1]: the ids of fields must ascend");
+  field(R"("name": "a", "type": "Long", "offset": 0},
+                                {"id": 2, "name": "a", "type": 7, "offset": 4)",
+        "1]: a second field a");
 
   const std::string fields = R"(, "fields": [{"id": 1, "name": "n", "type": "Long", "offset": 0},
       {"id": 2, "name": "b", "type": "Bit", "offset": 4}])";

@@ -31,8 +31,7 @@ void textsCase(Watch &watch, Random &random, const Settings &settings);
 void mutantsCase(Watch &watch, Random &random, const Settings &settings);
 void callsCase(Watch &watch, Random &random, const Settings &settings);
 
-// Materials that all cases share, made before the first one.
-void prepareTexts();
+// Material that all mutants share, made before the first one.
 void prepareMutants();
 
 // Trace flags of a case: often none, sometimes all.

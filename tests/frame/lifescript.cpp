@@ -542,7 +542,7 @@ StepResult unpackForeign(Life &life) {
   EXPECT_EQ(chainwriter::difference(materials.tree, materials.writer, chainwriter::Became::NewChain,
                                     root),
             "");
-  returnNewChain(life.mem, first);
+  chainrun::returnChain(life.mem, first, MEM_UNPACK_BLOCK_LEN);
   return result;
 }
 
@@ -771,15 +771,6 @@ std::vector<Step> makeScript() {
       {7, "end the thread", endThread},
       {5, "end the process", endProcess},
   };
-}
-
-// A hash table whose heap could not be opened leaves its control block to the host, which knows it
-// by its mark.
-void returnHashTables(refhost::Host &host) {
-  for (const refhost::Leak &leak : host.leaks()) {
-    if (leak.length < 8 || std::memcmp(leak.area, "QQQQHASH", 8) != 0) continue;
-    host.runtime().FreeStorage(leak.area, static_cast<std::uint32_t>(leak.length), leak.subPool);
-  }
 }
 
 }  // namespace

@@ -202,27 +202,37 @@ class FaultTest : public MemtoolChainTest {
   Chain chain;
 };
 
-TEST_F(FaultTest, BlockNumberTooLarge) {
-  chain.setPointer(field(0, 2), {2, 2});
-  expectFault(field(0, 2), "a child pointer leads to block 2, but the chain has 2 blocks");
-}
-
-TEST_F(FaultTest, OffsetBehindTheUsedPart) {
+// Pointers that lead to a wrong place.
+TEST_F(FaultTest, WrongPointers) {
   const std::size_t used = chain.blocks[1].size();
-  chain.setPointer(field(1, 0), {1, used});
-  expectFault(field(1, 0), "a sibling pointer leads to offset " + std::to_string(used) +
-                               " of block 1, which has " + std::to_string(used) + " bytes");
-}
-
-TEST_F(FaultTest, NegativeNumbers) {
-  chain.setPointer(field(0, 0), {0xFFFF, 2});
-  expectFault(field(0, 0), "a sibling pointer leads to block -1, ");
-}
-
-TEST_F(FaultTest, SiblingOfItself) {
-  chain.setPointer(field(0, 0), root());
-  expectFault(field(0, 0), "a pointer leads to " + std::to_string(root().block) + ":" +
-                               std::to_string(root().offset) + ", which lies over");
+  const Place noSegment{1, chain.places[1].offset + 1};
+  const Place oddText{chain.places[5].block, chain.places[5].offset + 2};
+  const struct {
+    Place pointer, target;
+    std::string what;
+  } rows[] = {
+      {field(0, 2), {2, 2}, "a child pointer leads to block 2, but the chain has 2 blocks"},
+      {field(1, 0),
+       {1, used},
+       "a sibling pointer leads to offset " + std::to_string(used) + " of block 1, which has " +
+           std::to_string(used) + " bytes"},
+      {field(0, 0), {0xFFFF, 2}, "a sibling pointer leads to block -1, "},
+      {field(0, 0), root(),
+       "a pointer leads to " + std::to_string(root().block) + ":" + std::to_string(root().offset) +
+           ", which lies over"},
+      {field(0, 2), {0, 100}, "a pointer leads to 0:100, into the block's head"},
+      {field(0, 7), noSegment,
+       "a reference leads to 1:" + std::to_string(noSegment.offset) + ", where no segment begins"},
+      {field(0, 5), oddText,
+       "a wide text stands at 0:" + std::to_string(oddText.offset) + ", not at a multiple of 4"},
+  };
+  const Chain right = chain;
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.what);
+    chain = right;
+    chain.setPointer(row.pointer, row.target);
+    expectFault(row.pointer, row.what);
+  }
 }
 
 TEST_F(FaultTest, ChildInsideAnotherSegment) {
@@ -230,18 +240,6 @@ TEST_F(FaultTest, ChildInsideAnotherSegment) {
   // The segment that begins there takes in the text behind, or the root; both are taken.
   writeBytes("bad.chain", textOf(chain.file()));
   expectRefused(1, "block 0, offset ", {"chain", "bad.chain", "--check"});
-}
-
-TEST_F(FaultTest, PointerIntoTheHead) {
-  chain.setPointer(field(0, 2), {0, 100});
-  expectFault(field(0, 2), "a pointer leads to 0:100, into the block's head");
-}
-
-TEST_F(FaultTest, ReferenceToNoSegment) {
-  const Place target{1, chain.places[1].offset + 1};
-  chain.setPointer(field(0, 7), target);
-  expectFault(field(0, 7), "a reference leads to 1:" + std::to_string(target.offset) +
-                               ", where no segment begins");
 }
 
 TEST_F(FaultTest, BytesBehindARelativePointer) {
@@ -261,13 +259,6 @@ TEST_F(FaultTest, WideTextWithoutEnd) {
   expectFault(place, "a wide text begins here and has no end in its block");
 }
 
-TEST_F(FaultTest, WideTextAtAnOddPlace) {
-  const Place target{chain.places[5].block, chain.places[5].offset + 2};
-  chain.setPointer(field(0, 5), target);
-  expectFault(field(0, 5), "a wide text stands at 0:" + std::to_string(target.offset) +
-                               ", not at a multiple of 4");
-}
-
 TEST_F(FaultTest, NarrowTextWithoutEnd) {
   Place place = chain.places[4];
   chain.blocks[place.block].resize(place.offset + 3);
@@ -276,14 +267,28 @@ TEST_F(FaultTest, NarrowTextWithoutEnd) {
   expectFault(field(0, 5), "a child pointer leads to offset ");
 }
 
-TEST_F(FaultTest, CountedSegmentTooLong) {
-  chain.setNumber(chain.places[10], 5000);
-  expectFault(chain.places[10], "a segment of kind 2 and 5002 bytes begins here");
-}
-
-TEST_F(FaultTest, OwnLengthTooShort) {
-  chain.setNumber(chain.places[6], 1);
-  expectFault(chain.places[6], "a segment of kind 3 tells a length of 1");
+// Numbers of segments and of the control block that cannot be.
+TEST_F(FaultTest, WrongNumbers) {
+  const Place kind = chain.descriptorPlace(1);
+  const struct {
+    Place place;
+    std::uint16_t number;
+    const char *what;
+  } rows[] = {
+      {chain.places[10], 5000, "a segment of kind 2 and 5002 bytes begins here"},
+      {chain.places[6], 1, "a segment of kind 3 tells a length of 1"},
+      {Chain::countPlace(), 0, "the control block counts 0 kinds of segments"},
+      {Chain::countPlace(), 200, "a control block of 200 kinds takes 24402 bytes"},
+      {chain.childEntryPlace(1, 0), 8, "a child is of kind 8, but there are 8 kinds"},
+      {{kind.block, kind.offset + 6}, 25, "a kind of segment has 25 children, which cannot be"},
+  };
+  const Chain right = chain;
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.what);
+    chain = right;
+    chain.setNumber(row.place, row.number);
+    expectFault(row.place, row.what);
+  }
 }
 
 TEST_F(FaultTest, FixedLengthTooShortForAPointer) {
@@ -293,27 +298,6 @@ TEST_F(FaultTest, FixedLengthTooShortForAPointer) {
   // Such a length could mean pointers of 4 bytes, so the width is given here.
   expectRefused(1, "a segment of kind 1 and 40 bytes begins here, too short for its pointer at 34",
                 {"chain", "bad.chain", "--check", "--pointers", "8"});
-}
-
-TEST_F(FaultTest, NoKinds) {
-  chain.setNumber(Chain::countPlace(), 0);
-  expectFault(Chain::countPlace(), "the control block counts 0 kinds of segments");
-}
-
-TEST_F(FaultTest, TooManyKinds) {
-  chain.setNumber(Chain::countPlace(), 200);
-  expectFault(Chain::countPlace(), "a control block of 200 kinds takes 24402 bytes");
-}
-
-TEST_F(FaultTest, ChildOfAKindThatIsNone) {
-  chain.setNumber(chain.childEntryPlace(1, 0), 8);
-  expectFault(chain.childEntryPlace(1, 0), "a child is of kind 8, but there are 8 kinds");
-}
-
-TEST_F(FaultTest, TooManyChildren) {
-  const Place kind = chain.descriptorPlace(1);
-  chain.setNumber({kind.block, kind.offset + 6}, 25);
-  expectFault({kind.block, kind.offset + 6}, "a kind of segment has 25 children, which cannot be");
 }
 
 TEST_F(FaultTest, NoVersion) {

@@ -284,20 +284,20 @@ Ranges rangesOf(const MemPackBlock *first) {
   return ranges;
 }
 
-void returnNewChain(MEMFunctionVector &mem, MemPackBlock *first) {
-  while (first != nullptr) {
-    MemPackBlock *const next = first->pNext;
-    mem.MEM_Free(first, MEM_UNPACK_BLOCK_LEN, 0);
-    first = next;
-  }
-}
-
 bool isAllZero(const void *from, std::size_t length) {
   const auto *bytes = static_cast<const std::uint8_t *>(from);
   return std::all_of(bytes, bytes + length, [](std::uint8_t byte) { return byte == 0; });
 }
 
 }  // namespace
+
+void returnChain(MEMFunctionVector &mem, MemPackBlock *first, std::int32_t blockLen) {
+  while (first != nullptr) {
+    MemPackBlock *const next = first->pNext;
+    mem.MEM_Free(first, static_cast<std::uint32_t>(blockLen), 0);
+    first = next;
+  }
+}
 
 void Ranges::add(const void *start, std::size_t length) {
   const auto from = reinterpret_cast<std::uintptr_t>(start);
@@ -379,7 +379,7 @@ std::string CheckedUnpack::run(const Blocks &blocks, const MemPackCB *callers) {
   const bool isReported = host.calls(refhost::Service::ReportError) == reports + 1;
   if (answer_.result == 0) {
     if (fault.empty()) fault = checkSuccess(firstBlock, areas, swapped, callers, first, root);
-    if (answer_.isNewChain) returnNewChain(session_.vector(), first);
+    if (answer_.isNewChain) returnChain(session_.vector(), first, MEM_UNPACK_BLOCK_LEN);
   } else if (fault.empty()) {
     fault = checkFailure();
     if (fault.empty() && (answer_.isNewChain || root != &sentinel)) fault = "a cell was changed";

@@ -17,6 +17,9 @@ namespace chainrun {
 using Bytes = std::vector<std::uint8_t>;
 using Blocks = std::vector<Bytes>;  // of each block the bytes from block offset 8 on
 
+// Returns the blocks of a chain, each of that length, to the library.
+void returnChain(MEMFunctionVector &mem, MemPackBlock *first, std::int32_t blockLen);
+
 // Ranges of storage that a structure may lie in.
 class Ranges {
  public:

@@ -34,6 +34,36 @@ inline void expectNothingLeft(refhost::Host &host) {
   }
 }
 
+// Comparison of storage byte by byte.
+using Bytes = std::vector<std::uint8_t>;
+
+inline Bytes bytesOf(const void *from, std::size_t length) {
+  const auto *const bytes = static_cast<const std::uint8_t *>(from);
+  return Bytes(bytes, bytes + length);
+}
+
+// "" when equal, else the ranges of offsets that differ: "76..77 80..83".
+inline std::string changedRanges(const Bytes &before, const Bytes &after) {
+  if (before.size() != after.size()) return "different lengths";
+  std::string ranges;
+  for (std::size_t from = 0; from < before.size(); ++from) {
+    if (before[from] == after[from]) continue;
+    std::size_t to = from;
+    while (to + 1 < before.size() && before[to + 1] != after[to + 1]) ++to;
+    if (!ranges.empty()) ranges += ' ';
+    ranges += std::to_string(from) + ".." + std::to_string(to);
+    from = to;
+  }
+  return ranges;
+}
+
+inline Bytes envBytes(const MEMThreadEnv &env) {
+  return bytesOf(&env, sizeof env);
+}
+inline Bytes errorBytes(const MEMThreadEnv &env) {
+  return bytesOf(&env.Error, sizeof env.Error);
+}
+
 // A bound library without process and thread blocks. At the end of each test nothing may be left.
 class BoundTest : public ::testing::Test {
  protected:
@@ -66,6 +96,28 @@ class BoundTest : public ::testing::Test {
   MEMErrorArea &error() { return env().Error; }
   std::string nameText() { return error().NameText; }
   std::string messageText() { return env().MessageText; }
+
+  // A failure that a service records itself with its own marks: all of the error area, and the
+  // report to the host.
+  void expectRecorded(std::uint32_t code, const std::string &name) {
+    MEMErrorArea expected{};
+    expected.Component = 3;
+    expected.ReturnCode = kFailedCode;
+    expected.Code = code;
+    std::memcpy(expected.NameText, name.c_str(), name.size());
+    EXPECT_EQ(error().Code, code);
+    EXPECT_EQ(nameText(), name);
+    EXPECT_EQ(changedRanges(errorBytes(env()), bytesOf(&expected, sizeof expected)), "");
+    EXPECT_EQ(host.calls(refhost::Service::ReportError), 1U);
+    EXPECT_EQ(host.lastReportedText(), name);
+    EXPECT_EQ(host.lastReportedDetail(), "");
+  }
+
+  // A success that leaves the error area clear and reports nothing.
+  void expectNothingRecorded() {
+    EXPECT_EQ(changedRanges(errorBytes(env()), Bytes(sizeof(MEMErrorArea))), "");
+    EXPECT_EQ(host.calls(refhost::Service::ReportError), 0U);
+  }
 
   refhost::Host host;
   MEMFunctionVector &mem;
@@ -178,36 +230,6 @@ inline std::uint64_t traceCalls(const refhost::Host &host) {
   using refhost::Service;
   return host.calls(Service::WriteRecord) + host.calls(Service::Format) +
          host.calls(Service::WriteException) + host.calls(Service::WriteWideRecord);
-}
-
-// Comparison of storage byte by byte.
-using Bytes = std::vector<std::uint8_t>;
-
-inline Bytes bytesOf(const void *from, std::size_t length) {
-  const auto *const bytes = static_cast<const std::uint8_t *>(from);
-  return Bytes(bytes, bytes + length);
-}
-
-// "" when equal, else the ranges of offsets that differ: "76..77 80..83".
-inline std::string changedRanges(const Bytes &before, const Bytes &after) {
-  if (before.size() != after.size()) return "different lengths";
-  std::string ranges;
-  for (std::size_t from = 0; from < before.size(); ++from) {
-    if (before[from] == after[from]) continue;
-    std::size_t to = from;
-    while (to + 1 < before.size() && before[to + 1] != after[to + 1]) ++to;
-    if (!ranges.empty()) ranges += ' ';
-    ranges += std::to_string(from) + ".." + std::to_string(to);
-    from = to;
-  }
-  return ranges;
-}
-
-inline Bytes envBytes(const MEMThreadEnv &env) {
-  return bytesOf(&env, sizeof env);
-}
-inline Bytes errorBytes(const MEMThreadEnv &env) {
-  return bytesOf(&env.Error, sizeof env.Error);
 }
 
 // Fills a thread environment but for its two addresses, so that every byte written shows.

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "chainrun.hpp"
 #include "memtest.hpp"
 #include "packmodel.hpp"
 #include "packstruct.hpp"
@@ -74,13 +75,7 @@ inline Blocks blocksOf(const MemPackBlock *first, std::int32_t blockLen) {
   return blocks;
 }
 
-inline void returnChain(MEMFunctionVector &mem, MemPackBlock *first, std::int32_t blockLen) {
-  while (first != nullptr) {
-    MemPackBlock *const next = first->pNext;
-    mem.MEM_Free(first, static_cast<std::uint32_t>(blockLen), 0);
-    first = next;
-  }
-}
+using chainrun::returnChain;
 
 inline void setOldControlBlock(MEMFunctionVector &mem, bool wanted) {
   MEMProcOptions options{};
@@ -140,23 +135,7 @@ class PackTest : public StartedTest {
   void expectPacked(std::int16_t result) {
     EXPECT_EQ(result, 0) << nameText();
     EXPECT_NE(first, nullptr);
-    EXPECT_EQ(changedRanges(errorBytes(env()), Bytes(sizeof(MEMErrorArea))), "");
-    EXPECT_EQ(host.calls(refhost::Service::ReportError), 0U);
-  }
-
-  // A failure that the packer records itself, all of the error area and the call to the host.
-  void expectRecorded(std::uint32_t code, const std::string &name) {
-    MEMErrorArea expected{};
-    expected.Component = 3;
-    expected.ReturnCode = kFailedCode;
-    expected.Code = code;
-    std::memcpy(expected.NameText, name.c_str(), name.size());
-    EXPECT_EQ(error().Code, code);
-    EXPECT_EQ(nameText(), name);
-    EXPECT_EQ(changedRanges(errorBytes(env()), bytesOf(&expected, sizeof expected)), "");
-    EXPECT_EQ(host.calls(refhost::Service::ReportError), 1U);
-    EXPECT_EQ(host.lastReportedText(), name);
-    EXPECT_EQ(host.lastReportedDetail(), "");
+    expectNothingRecorded();
   }
 
   void expectRefused(std::int16_t result, std::uint32_t code, const std::string &name) {

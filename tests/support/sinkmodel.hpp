@@ -69,7 +69,6 @@ class SinkModel {
   std::size_t segments() const { return segments_.size(); }
   // The copy at a place of the sorted order.
   Position positionAt(std::size_t place) const { return entries_[place].position; }
-  std::uint64_t usesAt(std::size_t place) const { return entries_[place].uses; }
 
   std::uint64_t compactions() const { return compactions_; }
   std::uint64_t growths() const { return growths_; }

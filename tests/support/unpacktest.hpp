@@ -20,14 +20,6 @@ inline MemPackDescriptor &descriptorOf(Bytes &controlBlock, std::size_t kind) {
   return *reinterpret_cast<MemPackDescriptor *>(controlBlock.data() + 2 + 122 * kind);
 }
 
-inline void returnNewChain(MEMFunctionVector &mem, MemPackBlock *first) {
-  while (first != nullptr) {
-    MemPackBlock *const next = first->pNext;
-    mem.MEM_Free(first, MEM_UNPACK_BLOCK_LEN, 0);
-    first = next;
-  }
-}
-
 // Host storage is dirty: what is zero has been made so by the library.
 class UnpackTest : public StartedTest {
  protected:
@@ -61,8 +53,7 @@ class UnpackTest : public StartedTest {
   void expectUnpacked(std::int16_t result, chainwriter::Became became) {
     ASSERT_EQ(result, 0) << nameText();
     EXPECT_EQ(hasNewChain(), became == chainwriter::Became::NewChain);
-    EXPECT_EQ(changedRanges(errorBytes(env()), Bytes(sizeof(MEMErrorArea))), "");
-    EXPECT_EQ(host.calls(refhost::Service::ReportError), 0U);
+    expectNothingRecorded();
     EXPECT_EQ(areas->damage(), "");
     std::uint64_t newBlocks = 0;
     for (const MemPackBlock *block = hasNewChain() ? first : nullptr; block != nullptr;
@@ -76,17 +67,7 @@ class UnpackTest : public StartedTest {
   // and all storage is back.
   void expectRefused(std::int16_t result, std::uint32_t code, const std::string &text) {
     EXPECT_EQ(result, static_cast<std::int16_t>(code));
-    MEMErrorArea expected{};
-    expected.Component = 3;
-    expected.ReturnCode = kFailedCode;
-    expected.Code = code;
-    std::memcpy(expected.NameText, text.c_str(), text.size());
-    EXPECT_EQ(error().Code, code);
-    EXPECT_EQ(nameText(), text);
-    EXPECT_EQ(changedRanges(errorBytes(env()), bytesOf(&expected, sizeof expected)), "");
-    EXPECT_EQ(host.calls(refhost::Service::ReportError), 1U);
-    EXPECT_EQ(host.lastReportedText(), text);
-    EXPECT_EQ(host.lastReportedDetail(), "");
+    expectRecorded(code, text);
     expectCellsUntouched();
   }
 
@@ -126,7 +107,7 @@ class UnpackTest : public StartedTest {
 
  private:
   void unload() {
-    if (hasNewChain()) returnNewChain(mem, first);
+    if (hasNewChain()) chainrun::returnChain(mem, first, MEM_UNPACK_BLOCK_LEN);
     first = nullptr;
     areas.reset();
   }

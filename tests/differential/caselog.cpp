@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "casestorage.hpp"
+#include "hostcalls.hpp"
 
 namespace replay {
 
@@ -41,37 +42,19 @@ bool isHexDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F');
 }
 
-// n number, a address. Arguments without a letter are left out.
+// Here all that a service is given is shown, and cells and frames by their addresses.
 std::string_view argumentKinds(Service service) {
   switch (service) {
-    case Service::GetAnchor:
-    case Service::SetAnchor:
-    case Service::GetPoolStorage:
-      return "nna";
-    case Service::DeleteGate:
-    case Service::AcquireGate:
-    case Service::ReleaseGate:
-      return "n";
-    case Service::FreePoolStorage:
-    case Service::RegisterMessages:
-      return "na";
-    case Service::GetStorage:
-    case Service::ProtectStorage:
-      return "annn";
-    case Service::FreeStorage:
-      return "ann";
     case Service::ConvertText:
       return "nnan";
-    case Service::CheckStorage:
-    case Service::EnterFrame:
-    case Service::LeaveFrame:
-      return "an";
     case Service::WriteRecord:
     case Service::WriteException:
     case Service::WriteWideRecord:
       return "nn";
-    default:
-      return "aa";
+    default: {
+      const std::string_view kinds = memtest::argumentKinds(service);
+      return kinds.empty() ? "aa" : kinds;
+    }
   }
 }
 

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "hostcalls.hpp"
 #include "refhost.hpp"
 
 namespace memtest {
@@ -159,45 +160,6 @@ inline Lines recordLines(const std::vector<refhost::TraceRecord> &records) {
 
 // Names that callLines shows for addresses.
 using AddressNames = std::map<std::uint64_t, std::string>;
-
-// How callLines shows the arguments of a service: n number, a address, c a cell that the service
-// stores into, f a trace frame. Arguments without a letter are left out.
-inline std::string_view argumentKinds(refhost::Service service) {
-  using refhost::Service;
-  switch (service) {
-    case Service::GetAnchor:
-    case Service::GetPoolStorage:
-      return "nnc";
-    case Service::SetAnchor:
-      return "nna";
-    case Service::CreateGate:
-      return "c";
-    case Service::DeleteGate:
-    case Service::AcquireGate:
-    case Service::ReleaseGate:
-      return "n";
-    case Service::FreePoolStorage:
-    case Service::RegisterMessages:
-      return "na";
-    case Service::GetStorage:
-      return "cnnn";
-    case Service::FreeStorage:
-      return "ann";
-    case Service::ProtectStorage:
-      return "annn";
-    case Service::EnterFrame:
-    case Service::LeaveFrame:
-      return "fn";
-    case Service::ConvertText:
-      return "nn";
-    case Service::CheckStorage:
-      return "an";
-    case Service::ReportError:
-      return "aa";
-    default:
-      return "";
-  }
-}
 
 inline std::string argumentText(char kind, std::uint64_t value, const AddressNames &names) {
   if (kind == 'n') return std::to_string(value);

@@ -36,6 +36,7 @@ measure() {
 }
 measure peerbench
 measure workloadbench
+# Debian's own Python has what install-packages.sh installs.
 /usr/bin/python3 "$root/bench/performance.py" "$build/peerbench.json" "$build/workloadbench.json" \
   "$root/docs/performance.md"
 echo "== wrote docs/performance.md" >&2

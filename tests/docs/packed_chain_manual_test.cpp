@@ -8,45 +8,17 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <span>
 #include <string>
 #include <vector>
 
-#include "memtest.hpp"
-#include "packstruct.hpp"
+#include "conveniencetest.hpp"
+#include "packtest.hpp"
 
 namespace {
 
-struct Item {
-  Item *pNext;
-  const char *pName;
-  const char16_t *pTitle;
-  Item *pOther;
-};
-MEM_CHECK_SIZE(Item, 32);
-
-enum Kind : std::uint16_t { kItem, kName, kTitle, kKinds };
-
 constexpr std::int32_t kBlockLength = 1064;
 constexpr std::size_t kLineLength = 16;
-
-MemPackCB describeItems() {
-  MemPackCB packCB{};
-  packCB.Count = kKinds;
-  MemPackDescriptor &item = packCB.Descriptors[kItem];
-  item.Type = MEM_PACK_FIXED;
-  item.FixedLen = sizeof(Item);
-  item.SiblingOff = offsetof(Item, pNext);
-  item.ChildCount = 2;
-  item.Children[0] = {kName, offsetof(Item, pName)};
-  item.Children[1] = {kTitle, offsetof(Item, pTitle)};
-  item.ReferenceCount = 1;
-  item.References[0] = offsetof(Item, pOther);
-  packCB.Descriptors[kName].Type = MEM_PACK_STRING;
-  packCB.Descriptors[kName].SiblingOff = MEM_PACK_NO_SIBLING;
-  packCB.Descriptors[kTitle].Type = MEM_PACK_WIDE_STRING;
-  packCB.Descriptors[kTitle].SiblingOff = MEM_PACK_NO_SIBLING;
-  return packCB;
-}
 
 // `value` in `width` upper-case hexadecimal digits.
 std::string hexadecimal(std::size_t value, int width) {
@@ -90,20 +62,17 @@ std::string manual() {
 class PackedChainManual : public memtest::StartedTest {};
 
 TEST_F(PackedChainManual, ShowsTheBytesOfItsExample) {
-  Item first{nullptr, "ab", u"Zug", nullptr};
-  Item second{nullptr, "c", u"\u00E9", &first};
+  memtest::Item first{nullptr, "ab", u"Zug", nullptr};
+  memtest::Item second{nullptr, "c", u"\u00E9", &first};
   first.pNext = &second;
-  const MemPackCB packCB = describeItems();
-  MemPackBlock *block = nullptr;
-  ASSERT_EQ(mem.MEM_Pack(&packCB, &first, kBlockLength, &block), 0);
-
+  const mem::Context context = mem::contextOf(host);
+  const mem::PackedChain chain =
+      memtest::taken(mem::PackedChain::pack(context, memtest::kItems, first, kBlockLength));
   std::string expected = "```\n";
-  for (int number = 0; block != nullptr; ++number) {
-    const char *const used = reinterpret_cast<const char *>(&block->UsedLen);
-    expected += "block " + std::to_string(number) + "\n" + dump(std::string(used, block->UsedLen));
-    MemPackBlock *const next = block->pNext;
-    mem.MEM_Free(block, kBlockLength, 0);
-    block = next;
+  int number = 0;
+  for (const std::span<const std::byte> used : chain) {
+    expected += "block " + std::to_string(number++) + "\n" +
+                dump(std::string(reinterpret_cast<const char *>(used.data()), used.size()));
   }
   expected += "```\n";
   EXPECT_NE(manual().find(expected), std::string::npos) << expected;
@@ -113,33 +82,26 @@ TEST_F(PackedChainManual, ShowsTheBytesOfItsExample) {
 
 using memtest::ControlBlock;
 using memtest::fixedKind;
-using memtest::Items;
 using memtest::kSelfDescribing;
 using memtest::putNumber;
 using memtest::putPointer;
 using memtest::stringKind;
 
-class ChainsThatCannotBeReadBack : public memtest::StartedTest {
+class ChainsThatCannotBeReadBack : public memtest::PackTest {
  protected:
-  static constexpr std::int32_t kLength = 2000;
   static constexpr int kBehindControlBlock = 984;  // offset of the root
 
-  ~ChainsThatCannotBeReadBack() override {
-    host.sysEnv().PlatformFlags = 0;
-    freeChain();
-  }
+  ~ChainsThatCannotBeReadBack() override { host.sysEnv().PlatformFlags = 0; }
 
-  void pack(const ControlBlock &controlBlock, const void *from, std::int32_t length = kLength) {
-    freeChain();
-    length_ = length;
-    ASSERT_EQ(mem.MEM_Pack(controlBlock.get(), from, length, &first), 0) << nameText();
+  void expectPacked(const ControlBlock &controlBlock, const void *from) {
+    ASSERT_EQ(pack(controlBlock, from, 2000), 0) << nameText();
   }
   std::int16_t unpack(const ControlBlock &controlBlock) {
     return mem.MEM_Unpack(&first, &root, controlBlock.get());
   }
   void expectRefused(const ControlBlock &controlBlock, const void *from, std::int16_t code,
                      const std::string &text) {
-    ASSERT_NO_FATAL_FAILURE(pack(controlBlock, from));
+    ASSERT_NO_FATAL_FAILURE(expectPacked(controlBlock, from));
     EXPECT_EQ(unpack(controlBlock), code);
     EXPECT_EQ(nameText(), text);
   }
@@ -153,20 +115,7 @@ class ChainsThatCannotBeReadBack : public memtest::StartedTest {
     return area + static_cast<std::uint16_t>(ending - low);
   }
 
-  Items items;
-  MemPackBlock *first = nullptr;
   void *root = nullptr;
-
- private:
-  void freeChain() {
-    while (first != nullptr) {
-      MemPackBlock *const next = first->pNext;
-      mem.MEM_Free(first, static_cast<std::uint32_t>(length_), 0);
-      first = next;
-    }
-  }
-
-  std::int32_t length_ = kLength;
 };
 
 TEST_F(ChainsThatCannotBeReadBack, LengthsBelowTwo) {
@@ -196,7 +145,7 @@ TEST_F(ChainsThatCannotBeReadBack, EmptySegmentAtTheEndOfABlock) {
   expectRefused(withSibling, from, MEMERR_PACKROFF, offsetText(kBehindControlBlock + 16));
   // With anything after it, it can be read.
   putPointer(from, 0, items.make(16));
-  pack(withSibling, from);
+  expectPacked(withSibling, from);
   EXPECT_EQ(unpack(withSibling), 0) << nameText();
 }
 
@@ -225,7 +174,7 @@ TEST_F(ChainsThatCannotBeReadBack, EbcdicLettersOfBigEndianHosts) {
   putNumber(from, std::uint16_t{16});
   putPointer(from, 8, items.text("text"));
   host.sysEnv().PlatformFlags = MEM_PLATFORM_BIG_ENDIAN;
-  pack(controlBlock, from);
+  expectPacked(controlBlock, from);
   EXPECT_EQ(unpack(controlBlock), 0) << nameText();
   const std::vector<std::uint8_t> field =
       memtest::bytesOf(static_cast<std::uint8_t *>(root) + 8, 8);

@@ -2,36 +2,43 @@
 
 namespace mem {
 
-std::int16_t failComposed(CallFrame &frame, std::uint32_t code, const ErrorText &text,
-                          bool marksComponent) noexcept {
+std::int16_t failComposed(CallFrame &frame, const HeapKind &kind, std::uint32_t code,
+                          const ErrorText &text) noexcept {
   return frame.fail({.code = code,
                      .text = text.c_str(),
                      .wording = Wording::composed,
-                     .marksComponent = marksComponent});
+                     .marksComponent = kind.marksComponent});
+}
+
+std::int16_t failStorage(CallFrame &frame, const HeapKind &kind, const char *pText) noexcept {
+  return failComposed(frame, kind, MEMERR_HEAPAMEM, ErrorText(pText));
+}
+
+std::int16_t failAreaLen(CallFrame &frame, const HeapKind &kind, std::int16_t AreaLen) noexcept {
+  return failComposed(frame, kind, MEMERR_HEAPSIZE,
+                      ErrorText("Invalid Area Length=").decimal(AreaLen));
 }
 
 std::int16_t passOn(CallFrame &frame, std::int16_t result) noexcept {
   return result == 0 ? frame.succeed() : frame.finish(result);
 }
 
-std::int16_t allocChain(CallFrame &frame, HMEMHEAP hMemHeap, const EntryChain &chain,
-                        const EntrySource &source, void **ppEntry) noexcept {
+std::int16_t allocChain(CallFrame &frame, const HeapKind &kind, HMEMHEAP hMemHeap,
+                        const EntryChain &chain, void **ppEntry) noexcept {
   if (chain.NumEnties < 1) {
-    return failComposed(frame, MEMERR_HEAPNUME,
-                        ErrorText("Num of entries=").decimal(chain.NumEnties).text(" too small"),
-                        source.marksComponent);
+    return failComposed(frame, kind, MEMERR_HEAPNUME,
+                        ErrorText("Num of entries=").decimal(chain.NumEnties).text(" too small"));
   }
   if (chain.LinkOff < 0) {
-    return failComposed(frame, MEMERR_HEAPLOFF,
-                        ErrorText("Link offset=").decimal(chain.LinkOff).text(" less than zero"),
-                        source.marksComponent);
+    return failComposed(frame, kind, MEMERR_HEAPLOFF,
+                        ErrorText("Link offset=").decimal(chain.LinkOff).text(" less than zero"));
   }
   const auto linkOff = static_cast<std::size_t>(chain.LinkOff);
   void *pFirst = nullptr;
   void *pLast = nullptr;
   for (std::int32_t i = 0; i < chain.NumEnties; ++i) {
     void *pEntry = nullptr;
-    if ((functionVector().*source.slot)(hMemHeap, chain.Len, &pEntry) != 0) {
+    if ((functionVector().*kind.entrySlot)(hMemHeap, chain.Len, &pEntry) != 0) {
       return frame.finish(-1);
     }
     if (pFirst == nullptr) {

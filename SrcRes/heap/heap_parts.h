@@ -1,11 +1,12 @@
 // What both kinds of heap do alike: storage for areas and large blocks through the vector, carving
-// from the current area, chains of entries. Entry points and failures stay with their units.
+// from the current area, chains of entries, failures. Entry points stay with their units.
 #pragma once
 
 #include <cstdint>
 
 #include "frame/callframe.h"
 #include "heap/heapblocks.h"
+#include "platform/check.h"
 #include "qj7mem00/memvect.h"
 
 namespace mem {
@@ -18,12 +19,24 @@ inline bool isEnhancedHeap(HMEMHEAP hMemHeap) noexcept {
   return hMemHeap != nullptr && hasEyecatcher(hMemHeap, kEHeapEye);
 }
 
-inline void *getHeapStorage(std::uint32_t size, std::uint16_t subPool) noexcept {
-  return functionVector().MEM_Alloc(size, static_cast<std::int16_t>(subPool));
+// A line of the storage trace: its number, and its format with a block's address and size.
+struct StorageLine {
+  std::int32_t number;
+  const char *format;
+};
+
+// Storage for an area or a large block, traced; null when there is none.
+inline void *getHeapStorage(CallFrame &frame, std::uint32_t size, std::uint16_t subPool,
+                            const StorageLine &line) noexcept {
+  void *pBlock = functionVector().MEM_Alloc(size, static_cast<std::int16_t>(subPool));
+  if (pBlock != nullptr) frame.trace(kStorageRecord, line.number, line.format, pBlock, size);
+  return pBlock;
 }
 
-inline void freeHeapStorage(void *pArea, std::uint32_t size, std::uint16_t subPool) noexcept {
-  functionVector().MEM_Free(pArea, size, static_cast<std::int16_t>(subPool));
+inline void freeHeapStorage(CallFrame &frame, void *pBlock, std::uint32_t size,
+                            std::uint16_t subPool, const StorageLine &line) noexcept {
+  frame.trace(kStorageRecord, line.number, line.format, pBlock, size);
+  functionVector().MEM_Free(pBlock, size, static_cast<std::int16_t>(subPool));
 }
 
 // Fills the fields that every area begins with; `headerLen` is what the area's header takes.
@@ -41,6 +54,7 @@ inline bool fitsInArea(std::int64_t aligned, std::uint32_t areaSize) noexcept {
 
 // The next `aligned` bytes of an area. REQUIRES: they are free.
 inline void *carveEntry(MEMHeapArea &area, std::uint32_t aligned) noexcept {
+  MEM_ASSERT(static_cast<std::int64_t>(aligned) <= area.FreeLen);
   void *pEntry = bytesAt(&area, area.NextFreeOff);
   area.NextFreeOff += aligned;
   area.FreeLen -= static_cast<std::int32_t>(aligned);
@@ -48,29 +62,55 @@ inline void *carveEntry(MEMHeapArea &area, std::uint32_t aligned) noexcept {
 }
 
 // The two headers keep these fields at different offsets, so what works on either is a template.
-// `line` and `format` ("…, ptr=%p, size=%lu") are those of the storage trace.
+// What few entries need is out of line, so that carving pays nothing for it.
+
+// A heap in a first area of its own, or null when there is no storage. What only one kind of heap
+// has in its header is left to the caller.
+template <class Header>
+Header *makeHeap(CallFrame &frame, const Eyecatcher &eye, std::uint32_t areaSize,
+                 std::uint16_t subPool, const StorageLine &line) noexcept {
+  auto *pHeap = static_cast<Header *>(getHeapStorage(frame, areaSize, subPool, line));
+  if (pHeap == nullptr) return nullptr;
+  initArea(pHeap->FirstArea, eye, sizeof(Header), areaSize);
+  pHeap->pCurArea = &pHeap->FirstArea;
+  pHeap->pLargeBlocks = nullptr;
+  pHeap->AreaSize = areaSize;
+  pHeap->SubPool = subPool;
+  return pHeap;
+}
 
 // Puts a new area behind the current one and makes it current; what is left of the old one is
 // abandoned. False, with nothing changed, when there is no storage.
 template <class Header>
-bool addArea(CallFrame &frame, Header &heap, std::int32_t line, const char *format) noexcept {
-  auto *pArea = static_cast<MEMHeapArea *>(getHeapStorage(heap.AreaSize, heap.SubPool));
+MEM_NOINLINE bool addArea(CallFrame &frame, Header &heap, const StorageLine &line) noexcept {
+  auto *pArea =
+      static_cast<MEMHeapArea *>(getHeapStorage(frame, heap.AreaSize, heap.SubPool, line));
   if (pArea == nullptr) return false;
-  frame.trace(kStorageRecord, line, format, pArea, heap.AreaSize);
   initArea(*pArea, kAreaEye, sizeof(MEMHeapArea), heap.AreaSize);
   heap.pCurArea->pNextArea = pArea;
   heap.pCurArea = pArea;
   return true;
 }
 
-// An entry in a block of its own, or null when there is no storage.
+// An entry of the current area, or of a new one when it is too long for that. Null, with nothing
+// changed, when there is no storage.
 template <class Header>
-void *addLargeBlock(CallFrame &frame, Header &heap, std::uint32_t aligned, std::int32_t line,
-                    const char *format) noexcept {
+void *addAreaEntry(CallFrame &frame, Header &heap, std::uint32_t aligned,
+                   const StorageLine &line) noexcept {
+  if (static_cast<std::int64_t>(aligned) > heap.pCurArea->FreeLen && !addArea(frame, heap, line)) {
+    return nullptr;
+  }
+  return carveEntry(*heap.pCurArea, aligned);
+}
+
+// As addAreaEntry, in a block of its own.
+template <class Header>
+MEM_NOINLINE void *addLargeEntry(CallFrame &frame, Header &heap, std::uint32_t aligned,
+                                 const StorageLine &line) noexcept {
   const auto blockSize = static_cast<std::uint32_t>(sizeof(MEMHeapLargeBlock) + aligned);
-  auto *pBlock = static_cast<MEMHeapLargeBlock *>(getHeapStorage(blockSize, heap.SubPool));
+  auto *pBlock =
+      static_cast<MEMHeapLargeBlock *>(getHeapStorage(frame, blockSize, heap.SubPool, line));
   if (pBlock == nullptr) return nullptr;
-  frame.trace(kStorageRecord, line, format, pBlock, blockSize);
   writeEyecatcher(pBlock->Eyecatcher, kLargeBlockEye);
   pBlock->pNextBlock = heap.pLargeBlocks;
   pBlock->BlockSize = blockSize;
@@ -79,13 +119,11 @@ void *addLargeBlock(CallFrame &frame, Header &heap, std::uint32_t aligned, std::
 }
 
 template <class Header>
-void freeLargeBlocks(CallFrame &frame, const Header &heap, std::int32_t line,
-                     const char *format) noexcept {
+void freeLargeBlocks(CallFrame &frame, const Header &heap, const StorageLine &line) noexcept {
   MEMHeapLargeBlock *pBlock = heap.pLargeBlocks;
   while (pBlock != nullptr) {
     MEMHeapLargeBlock *pNext = pBlock->pNextBlock;
-    frame.trace(kStorageRecord, line, format, pBlock, pBlock->BlockSize);
-    freeHeapStorage(pBlock, pBlock->BlockSize, heap.SubPool);
+    freeHeapStorage(frame, pBlock, pBlock->BlockSize, heap.SubPool, line);
     pBlock = pNext;
   }
 }
@@ -93,7 +131,7 @@ void freeLargeBlocks(CallFrame &frame, const Header &heap, std::int32_t line,
 // Kills the handle, then frees the areas, the header with the first of them: nothing of `heap` may
 // be read afterwards.
 template <class Header>
-void freeAreas(CallFrame &frame, Header &heap, std::int32_t line, const char *format) noexcept {
+void freeAreas(CallFrame &frame, Header &heap, const StorageLine &line) noexcept {
   const std::uint32_t areaSize = heap.AreaSize;
   const std::uint16_t subPool = heap.SubPool;
   MEMHeapArea *pArea = &heap.FirstArea;
@@ -101,15 +139,29 @@ void freeAreas(CallFrame &frame, Header &heap, std::int32_t line, const char *fo
   std::memset(pArea->Eyecatcher, 0, sizeof pArea->Eyecatcher);
   while (pArea != nullptr) {
     MEMHeapArea *pNext = pArea->pNextArea;
-    frame.trace(kStorageRecord, line, format, pArea, areaSize);
-    freeHeapStorage(pArea, areaSize, subPool);
+    freeHeapStorage(frame, pArea, areaSize, subPool, line);
     pArea = pNext;
   }
 }
 
-// A failure whose text goes through the free message text. The enhanced heap marks the component.
-std::int16_t failComposed(CallFrame &frame, std::uint32_t code, const ErrorText &text,
-                          bool marksComponent) noexcept;
+// What the calls of a kind of heap have of their own.
+struct HeapKind {
+  MEM_HeapAllocEntryLongFn *MEMFunctionVector::*entrySlot;  // the entries of chains come from here
+  bool marksComponent;                                      // failures say whose they are
+};
+inline constexpr HeapKind kStandardKind{&MEMFunctionVector::MEM_HeapAllocEntryLong, false};
+inline constexpr HeapKind kEnhancedKind{&MEMFunctionVector::MEM_EHeapAllocEntry, true};
+
+// A failure whose text goes through the free message text.
+std::int16_t failComposed(CallFrame &frame, const HeapKind &kind, std::uint32_t code,
+                          const ErrorText &text) noexcept;
+
+std::int16_t failStorage(CallFrame &frame, const HeapKind &kind, const char *pText) noexcept;
+
+inline bool isAreaLen(std::int16_t AreaLen) noexcept {
+  return AreaLen >= 1 && AreaLen <= kMaxAreaKB;
+}
+std::int16_t failAreaLen(CallFrame &frame, const HeapKind &kind, std::int16_t AreaLen) noexcept;
 
 // A chain of entries as a caller asks for it.
 struct EntryChain {
@@ -118,17 +170,11 @@ struct EntryChain {
   std::int16_t LinkOff;
 };
 
-// Where the entries of a chain come from, and how the failures of that kind of heap look.
-struct EntrySource {
-  MEM_HeapAllocEntryLongFn *MEMFunctionVector::*slot;
-  bool marksComponent;
-};
-
 // Ends a multiple allocation: checks the count and the link offset, takes the entries one by one
-// from the source's slot, links each to the next at `LinkOff`, the last to nothing, and stores the
+// from the kind's slot, links each to the next at `LinkOff`, the last to nothing, and stores the
 // first. When an allocation fails its error stands and the entries made so far stay in the heap.
-std::int16_t allocChain(CallFrame &frame, HMEMHEAP hMemHeap, const EntryChain &chain,
-                        const EntrySource &source, void **ppEntry) noexcept;
+std::int16_t allocChain(CallFrame &frame, const HeapKind &kind, HMEMHEAP hMemHeap,
+                        const EntryChain &chain, void **ppEntry) noexcept;
 
 // Ends a call with the result of another service; a failure's error stands.
 std::int16_t passOn(CallFrame &frame, std::int16_t result) noexcept;

@@ -12,28 +12,33 @@ constexpr EntryPoint kHeapAllocEntryLong{"Mem_HeapAllocEntryLong", kSourceHeap, 
 constexpr EntryPoint kHeapAllocMult{"MEM_HeapAllocMultEntries", kSourceHeap, 628, 709};
 constexpr EntryPoint kHeapAllocLongMult{"MEM_HeapAllocLongMultEntries", kSourceHeap, 760, 841};
 
-// Line numbers of the storage trace.
-constexpr std::int32_t kLineHeaderObtained = 197;
-constexpr std::int32_t kLineBlockFreed = 284;
-constexpr std::int32_t kLineAreaFreed = 306;
-constexpr std::int32_t kLineAllocDispatch = 470;
-constexpr std::int32_t kLineAreaObtained = 521;
-constexpr std::int32_t kLineBlockObtained = 553;
-constexpr std::int32_t kLineMultDispatch = 647;
-constexpr std::int32_t kLineLongMultDispatch = 779;
+constexpr StorageLine kHeaderObtained{197,
+                                      "Allocating Standard Heap header block, ptr=%p, size=%lu"};
+constexpr StorageLine kBlockFreed{284, "Freeing Large Heap Block, ptr=%p, size=%lu"};
+constexpr StorageLine kAreaFreed{306, "Freeing Std Heap Area, ptr=%p, size=%lu"};
+constexpr StorageLine kAreaObtained{521, "Allocating Std Heap area, ptr=%p, size=%lu"};
+constexpr StorageLine kBlockObtained{553, "Allocating Large Heap block, ptr=%p, size=%lu"};
 
-MEMHeapHeader *header(HMEMHEAP hMemHeap) noexcept {
-  return reinterpret_cast<MEMHeapHeader *>(hMemHeap);
+// Line numbers of the storage trace where an allocation tells what kind of heap it was given.
+constexpr std::int32_t kLineAllocKind = 470;
+constexpr std::int32_t kLineMultKind = 647;
+constexpr std::int32_t kLineLongMultKind = 779;
+
+MEMHeapHeader &header(HMEMHEAP hMemHeap) noexcept {
+  return *reinterpret_cast<MEMHeapHeader *>(hMemHeap);
 }
 
-constexpr EntrySource kStandardEntries{&MEMFunctionVector::MEM_HeapAllocEntryLong, false};
+enum class HandleKind { standard, enhanced, invalid };
 
-std::int16_t failComposed(CallFrame &frame, std::uint32_t code, const ErrorText &text) noexcept {
-  return failComposed(frame, code, text, false);
-}
-
-std::int16_t failStorage(CallFrame &frame, const char *pText) noexcept {
-  return failComposed(frame, MEMERR_HEAPAMEM, ErrorText(pText));
+// What an allocation was given; traced, but for null.
+inline HandleKind tracedKind(CallFrame &frame, HMEMHEAP hMemHeap, std::int32_t line) noexcept {
+  if (hMemHeap == nullptr) return HandleKind::invalid;
+  if (isEnhancedHeap(hMemHeap)) {
+    frame.trace(kStorageRecord, line, "Enhanced heap");
+    return HandleKind::enhanced;
+  }
+  frame.trace(kStorageRecord, line, "Regular heap");
+  return isStandardHeap(hMemHeap) ? HandleKind::standard : HandleKind::invalid;
 }
 
 std::int16_t failHandle(CallFrame &frame, HMEMHEAP hMemHeap) noexcept {
@@ -53,19 +58,10 @@ std::int16_t MEM_HeapOpen(HMEMHEAP *phMemHeap, std::int16_t AreaLen,
                           std::uint16_t SubPool) noexcept {
   CallFrame frame(kHeapOpen, ErrorArea::clear);
   frame.traceEntry("Parms: phMemHeap=%lX, AreaLen=%hd, SubPool=%hd", phMemHeap, AreaLen, SubPool);
-  if (AreaLen < 1 || AreaLen > kMaxAreaKB) {
-    return failComposed(frame, MEMERR_HEAPSIZE, ErrorText("Invalid Area Length=").decimal(AreaLen));
-  }
-  const std::uint32_t areaSize = static_cast<std::uint32_t>(AreaLen) * 1024;
-  auto *pHeap = static_cast<MEMHeapHeader *>(getHeapStorage(areaSize, SubPool));
-  if (pHeap == nullptr) return failStorage(frame, "MemAllocFail");
-  frame.trace(kStorageRecord, kLineHeaderObtained,
-              "Allocating Standard Heap header block, ptr=%p, size=%lu", pHeap, areaSize);
-  initArea(pHeap->FirstArea, kHeapEye, sizeof(MEMHeapHeader), areaSize);
-  pHeap->pCurArea = &pHeap->FirstArea;
-  pHeap->pLargeBlocks = nullptr;
-  pHeap->AreaSize = areaSize;
-  pHeap->SubPool = SubPool;
+  if (!isAreaLen(AreaLen)) return failAreaLen(frame, kStandardKind, AreaLen);
+  auto *pHeap =
+      makeHeap<MEMHeapHeader>(frame, kHeapEye, areaSizeOf(AreaLen), SubPool, kHeaderObtained);
+  if (pHeap == nullptr) return failStorage(frame, kStandardKind, "MemAllocFail");
   *phMemHeap = reinterpret_cast<HMEMHEAP>(pHeap);
   return frame.succeed();
 }
@@ -74,9 +70,9 @@ std::int16_t MEM_HeapClose(HMEMHEAP hMemHeap) noexcept {
   CallFrame frame(kHeapClose, ErrorArea::clear);
   frame.traceEntry("Parms: hMemHeap=%lX", hMemHeap);
   if (!isStandardHeap(hMemHeap)) return failHandle(frame, hMemHeap);
-  MEMHeapHeader &heap = *header(hMemHeap);
-  freeLargeBlocks(frame, heap, kLineBlockFreed, "Freeing Large Heap Block, ptr=%p, size=%lu");
-  freeAreas(frame, heap, kLineAreaFreed, "Freeing Std Heap Area, ptr=%p, size=%lu");
+  MEMHeapHeader &heap = header(hMemHeap);
+  freeLargeBlocks(frame, heap, kBlockFreed);
+  freeAreas(frame, heap, kAreaFreed);
   return frame.succeed();
 }
 
@@ -93,32 +89,25 @@ std::int16_t MEM_HeapAllocEntry(HMEMHEAP hMemHeap, std::int16_t Len, void **ppEn
 std::int16_t MEM_HeapAllocEntryLong(HMEMHEAP hMemHeap, std::int32_t Len, void **ppEntry) noexcept {
   CallFrame frame(kHeapAllocEntryLong, ErrorArea::clear);
   frame.traceEntry("Parms: hMemHeap=%lX, Len=%ld, ppEntry=%lX", hMemHeap, Len, ppEntry);
-  if (hMemHeap == nullptr) return failHandleWithStandingText(frame);
-  if (isEnhancedHeap(hMemHeap)) {
-    frame.trace(kStorageRecord, kLineAllocDispatch, "Enhanced heap");
+  const HandleKind kind = tracedKind(frame, hMemHeap, kLineAllocKind);
+  if (kind == HandleKind::invalid) return failHandleWithStandingText(frame);
+  if (kind == HandleKind::enhanced) {
     return passOn(frame, functionVector().MEM_EHeapAllocEntry(hMemHeap, Len, ppEntry));
   }
-  frame.trace(kStorageRecord, kLineAllocDispatch, "Regular heap");
-  if (!isStandardHeap(hMemHeap)) return failHandleWithStandingText(frame);
   if (Len < 1) {
-    return failComposed(frame, MEMERR_HEAPEMIN,
+    return failComposed(frame, kStandardKind, MEMERR_HEAPEMIN,
                         ErrorText("Entry Length=").decimal(Len).text(" too small"));
   }
-  MEMHeapHeader &heap = *header(hMemHeap);
+  MEMHeapHeader &heap = header(hMemHeap);
   const std::int64_t aligned = alignedEntryLen(Len);
   const auto entryLen = static_cast<std::uint32_t>(aligned);
-  if (fitsInArea(aligned, heap.AreaSize)) {
-    if (aligned > heap.pCurArea->FreeLen &&
-        !addArea(frame, heap, kLineAreaObtained, "Allocating Std Heap area, ptr=%p, size=%lu")) {
-      return failStorage(frame, "MemAllocAreaFail");
-    }
-    *ppEntry = carveEntry(*heap.pCurArea, entryLen);
-  } else {
-    void *pEntry = addLargeBlock(frame, heap, entryLen, kLineBlockObtained,
-                                 "Allocating Large Heap block, ptr=%p, size=%lu");
-    if (pEntry == nullptr) return failStorage(frame, "MemAllocBlkFail");
-    *ppEntry = pEntry;
+  const bool inArea = fitsInArea(aligned, heap.AreaSize);
+  void *pEntry = inArea ? addAreaEntry(frame, heap, entryLen, kAreaObtained)
+                        : addLargeEntry(frame, heap, entryLen, kBlockObtained);
+  if (pEntry == nullptr) {
+    return failStorage(frame, kStandardKind, inArea ? "MemAllocAreaFail" : "MemAllocBlkFail");
   }
+  *ppEntry = pEntry;
   return frame.succeed();
 }
 
@@ -127,14 +116,12 @@ std::int16_t MEM_HeapAllocMultEntries(HMEMHEAP hMemHeap, std::int16_t Len, std::
   CallFrame frame(kHeapAllocMult, ErrorArea::clear);
   frame.traceEntry("Parms: hMemHeap=%lX, Len=%hd, NumEnties= %hd, LinkOff=%hd, ppEntry=%lX",
                    hMemHeap, Len, NumEnties, LinkOff, ppEntry);
-  if (hMemHeap == nullptr) return failHandleWithStandingText(frame);
-  if (isEnhancedHeap(hMemHeap)) {
-    frame.trace(kStorageRecord, kLineMultDispatch, "Enhanced heap");
+  const HandleKind kind = tracedKind(frame, hMemHeap, kLineMultKind);
+  if (kind == HandleKind::invalid) return failHandleWithStandingText(frame);
+  if (kind == HandleKind::enhanced) {
     return passOn(frame, MEM_EHeapAllocMultEntries(hMemHeap, Len, NumEnties, LinkOff, ppEntry));
   }
-  frame.trace(kStorageRecord, kLineMultDispatch, "Regular heap");
-  if (!isStandardHeap(hMemHeap)) return failHandleWithStandingText(frame);
-  return allocChain(frame, hMemHeap, {Len, NumEnties, LinkOff}, kStandardEntries, ppEntry);
+  return allocChain(frame, kStandardKind, hMemHeap, {Len, NumEnties, LinkOff}, ppEntry);
 }
 
 std::int16_t MEM_HeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,
@@ -143,14 +130,12 @@ std::int16_t MEM_HeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,
   CallFrame frame(kHeapAllocLongMult, ErrorArea::clear);
   frame.traceEntry("Parms: hMemHeap=%lX, Len=%ld, NumEnties= %ld, LinkOff=%hd, ppEntry=%lX",
                    hMemHeap, Len, NumEnties, LinkOff, ppEntry);
-  if (hMemHeap == nullptr) return failHandleWithStandingText(frame);
-  if (isEnhancedHeap(hMemHeap)) {
-    frame.trace(kStorageRecord, kLineLongMultDispatch, "Enhanced heap");
+  const HandleKind kind = tracedKind(frame, hMemHeap, kLineLongMultKind);
+  if (kind == HandleKind::invalid) return failHandleWithStandingText(frame);
+  if (kind == HandleKind::enhanced) {
     return passOn(frame, MEM_EHeapAllocLongMultEntries(hMemHeap, Len, NumEnties, LinkOff, ppEntry));
   }
-  frame.trace(kStorageRecord, kLineLongMultDispatch, "Regular heap");
-  if (!isStandardHeap(hMemHeap)) return failHandleWithStandingText(frame);
-  return allocChain(frame, hMemHeap, {Len, NumEnties, LinkOff}, kStandardEntries, ppEntry);
+  return allocChain(frame, kStandardKind, hMemHeap, {Len, NumEnties, LinkOff}, ppEntry);
 }
 
 }  // namespace mem

@@ -13,20 +13,18 @@ constexpr EntryPoint kEHeapFreeEntry{"MEM_EHeapFreeEntry", kSourceHeap, 1317, 14
 constexpr EntryPoint kEHeapAllocMult{"MEM_EHeapAllocMultEntries", kSourceHeap, 1452, 1516};
 constexpr EntryPoint kEHeapAllocLongMult{"MEM_EHeapAllocLongMultEntries", kSourceHeap, 1567, 1631};
 
-// Line numbers of the storage trace.
-constexpr std::int32_t kLineHeaderObtained = 939;
-constexpr std::int32_t kLineBlockFreed = 1036;
-constexpr std::int32_t kLineAreaFreed = 1058;
-constexpr std::int32_t kLineAreaObtained = 1196;
-constexpr std::int32_t kLineBlockObtained = 1234;
+constexpr StorageLine kHeaderObtained{939,
+                                      "Allocating Enhanced Heap header block, ptr=%p, size=%lu"};
+constexpr StorageLine kBlockFreed{1036, "Freeing Large Heap block, ptr=%p, size=%lu"};
+constexpr StorageLine kAreaFreed{1058, "Freeing std Heap area, ptr=%p, size=%lu"};
+constexpr StorageLine kAreaObtained{1196, "Allocating Std Heap block, ptr=%p, size=%lu"};
+constexpr StorageLine kBlockObtained{1234, "Allocating Large Heap block, ptr=%08X, size=%lu"};
 
 constexpr std::uint8_t kGateHeld = 0x01;
 constexpr std::uint8_t kHasLargeBlock = 0x02;
 
 // An entry that is given back must have room for a free item's link and size.
 constexpr std::int64_t kMinEntryLen = 16;
-
-constexpr EntrySource kEnhancedEntries{&MEMFunctionVector::MEM_EHeapAllocEntry, true};
 
 MEMEHeapHeader &header(HMEMHEAP hMemHeap) noexcept {
   return *reinterpret_cast<MEMEHeapHeader *>(hMemHeap);
@@ -38,26 +36,20 @@ std::int64_t enhancedEntryLen(std::int32_t Len) noexcept {
   return aligned < kMinEntryLen ? kMinEntryLen : aligned;
 }
 
-std::int16_t failComposed(CallFrame &frame, std::uint32_t code, const ErrorText &text) noexcept {
-  return failComposed(frame, code, text, true);
-}
-
 std::int16_t failHandle(CallFrame &frame, HMEMHEAP hMemHeap) noexcept {
-  return failComposed(frame, MEMERR_HEAPBHDL, ErrorText("Invalid Heap Handle=").pointer(hMemHeap));
-}
-
-std::int16_t failStorage(CallFrame &frame, const char *pText) noexcept {
-  return failComposed(frame, MEMERR_HEAPAMEM, ErrorText(pText));
+  return failComposed(frame, kEnhancedKind, MEMERR_HEAPBHDL,
+                      ErrorText("Invalid Heap Handle=").pointer(hMemHeap));
 }
 
 std::int16_t failEntry(CallFrame &frame, const void *pEntry) noexcept {
-  return failComposed(frame, MEMERR_HEAPENTRY, ErrorText("BuffPtr=").pointer(pEntry));
+  return failComposed(frame, kEnhancedKind, MEMERR_HEAPENTRY,
+                      ErrorText("BuffPtr=").pointer(pEntry));
 }
 
 // A gate service has failed: its own code and text become the inner ones.
 std::int16_t failGate(CallFrame &frame, const char *pService) noexcept {
   frame.keepHostError();
-  return failComposed(frame, MEMERR_HEAPGATE, ErrorText(pService));
+  return failComposed(frame, kEnhancedKind, MEMERR_HEAPGATE, ErrorText(pService));
 }
 
 // Holds a heap's gate until the end of its scope: on a failing path past the report, so that the
@@ -103,17 +95,12 @@ void *takeFreeEntry(MEMEHeapHeader &heap, std::uint32_t aligned) noexcept {
 // REQUIRES: the gate is held. Null, with nothing changed, when there is no storage.
 void *takeAreaEntry(CallFrame &frame, MEMEHeapHeader &heap, std::uint32_t aligned) noexcept {
   if (void *pEntry = takeFreeEntry(heap, aligned)) return pEntry;
-  if (static_cast<std::int64_t>(aligned) > heap.pCurArea->FreeLen &&
-      !addArea(frame, heap, kLineAreaObtained, "Allocating Std Heap block, ptr=%p, size=%lu")) {
-    return nullptr;
-  }
-  return carveEntry(*heap.pCurArea, aligned);
+  return addAreaEntry(frame, heap, aligned, kAreaObtained);
 }
 
 // As takeAreaEntry, for an entry that no area can hold.
 void *takeLargeEntry(CallFrame &frame, MEMEHeapHeader &heap, std::uint32_t aligned) noexcept {
-  void *pEntry = addLargeBlock(frame, heap, aligned, kLineBlockObtained,
-                               "Allocating Large Heap block, ptr=%08X, size=%lu");
+  void *pEntry = addLargeEntry(frame, heap, aligned, kBlockObtained);
   if (pEntry != nullptr) heap.Flags |= kHasLargeBlock;
   return pEntry;
 }
@@ -143,28 +130,19 @@ std::int16_t MEM_EHeapOpen(HMEMHEAP *phMemHeap, std::int16_t AreaLen,
                            std::uint16_t SubPool) noexcept {
   CallFrame frame(kEHeapOpen, ErrorArea::clear);
   frame.traceEntry("Parms: phMemHeap=%lX, AreaLen=%hd, SubPool=%hd", phMemHeap, AreaLen, SubPool);
-  if (AreaLen < 1 || AreaLen > kMaxAreaKB) {
-    return failComposed(frame, MEMERR_HEAPSIZE, ErrorText("Invalid Area Length=").decimal(AreaLen));
-  }
-  const std::uint32_t areaSize = static_cast<std::uint32_t>(AreaLen) * 1024;
+  if (!isAreaLen(AreaLen)) return failAreaLen(frame, kEnhancedKind, AreaLen);
   std::uint32_t hGate = 0;
   if (runtimeServices().CreateGate(&hGate) != 0) return failGate(frame, "CreateGate");
-  auto *pHeap = static_cast<MEMEHeapHeader *>(getHeapStorage(areaSize, SubPool));
+  auto *pHeap =
+      makeHeap<MEMEHeapHeader>(frame, kEHeapEye, areaSizeOf(AreaLen), SubPool, kHeaderObtained);
   if (pHeap == nullptr) {
     frame.keepHostError();
     runtimeServices().DeleteGate(hGate);
-    return failStorage(frame, "MemAllocFail");
+    return failStorage(frame, kEnhancedKind, "MemAllocFail");
   }
-  frame.trace(kStorageRecord, kLineHeaderObtained,
-              "Allocating Enhanced Heap header block, ptr=%p, size=%lu", pHeap, areaSize);
-  initArea(pHeap->FirstArea, kEHeapEye, sizeof(MEMEHeapHeader), areaSize);
   pHeap->hGate = hGate;
-  pHeap->SubPool = SubPool;
   pHeap->Flags = 0;
   pHeap->pFreeEntries = nullptr;
-  pHeap->pCurArea = &pHeap->FirstArea;
-  pHeap->pLargeBlocks = nullptr;
-  pHeap->AreaSize = areaSize;
   *phMemHeap = reinterpret_cast<HMEMHEAP>(pHeap);
   return frame.succeed();
 }
@@ -180,8 +158,8 @@ std::int16_t MEM_EHeapClose(HMEMHEAP hMemHeap) noexcept {
   MEMEHeapHeader &heap = header(hMemHeap);
   const std::uint32_t hGate = heap.hGate;
   if (runtimeServices().AcquireGate(hGate) != 0) return failGate(frame, "AcquireGate");
-  freeLargeBlocks(frame, heap, kLineBlockFreed, "Freeing Large Heap block, ptr=%p, size=%lu");
-  freeAreas(frame, heap, kLineAreaFreed, "Freeing std Heap area, ptr=%p, size=%lu");
+  freeLargeBlocks(frame, heap, kBlockFreed);
+  freeAreas(frame, heap, kAreaFreed);
   runtimeServices().ReleaseGate(hGate);
   runtimeServices().DeleteGate(hGate);
   return frame.succeed();
@@ -200,7 +178,9 @@ std::int16_t MEM_EHeapAllocEntry(HMEMHEAP hMemHeap, std::int32_t Len, void **ppE
     const bool inArea = fitsInArea(aligned, heap.AreaSize);
     void *pEntry =
         inArea ? takeAreaEntry(frame, heap, entryLen) : takeLargeEntry(frame, heap, entryLen);
-    if (pEntry == nullptr) return failStorage(frame, inArea ? "MemAllocFail" : "MemAllocBlkFail");
+    if (pEntry == nullptr) {
+      return failStorage(frame, kEnhancedKind, inArea ? "MemAllocFail" : "MemAllocBlkFail");
+    }
     *ppEntry = pEntry;
   }
   return frame.succeed();
@@ -231,7 +211,7 @@ std::int16_t MEM_EHeapAllocMultEntries(HMEMHEAP hMemHeap, std::int32_t Len, std:
   frame.traceEntry("Parms: hMemHeap=%lX, Len=%ld, NumEnties= %hd, LinkOff=%hd, ppEntry=%lX",
                    hMemHeap, Len, NumEnties, LinkOff, ppEntry);
   if (!isEnhancedHeap(hMemHeap)) return failHandle(frame, hMemHeap);
-  return allocChain(frame, hMemHeap, {Len, NumEnties, LinkOff}, kEnhancedEntries, ppEntry);
+  return allocChain(frame, kEnhancedKind, hMemHeap, {Len, NumEnties, LinkOff}, ppEntry);
 }
 
 std::int16_t MEM_EHeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,
@@ -241,7 +221,7 @@ std::int16_t MEM_EHeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,
   frame.traceEntry("Parms: hMemHeap=%lX, Len=%ld, NumEnties= %ld, LinkOff=%hd, ppEntry=%lX",
                    hMemHeap, Len, NumEnties, LinkOff, ppEntry);
   if (!isEnhancedHeap(hMemHeap)) return failHandle(frame, hMemHeap);
-  return allocChain(frame, hMemHeap, {Len, NumEnties, LinkOff}, kEnhancedEntries, ppEntry);
+  return allocChain(frame, kEnhancedKind, hMemHeap, {Len, NumEnties, LinkOff}, ppEntry);
 }
 
 }  // namespace mem

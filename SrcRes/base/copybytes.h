@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "base/bytes.h"
+#include "platform/check.h"
 
 namespace mem {
 
@@ -12,6 +13,7 @@ namespace mem {
 // REQUIRES: sizeof(Piece) <= length <= 2 * sizeof(Piece).
 template <class Piece>
 inline void copyEnds(void *pTo, const void *pFrom, std::size_t length) noexcept {
+  MEM_ASSERT(length >= sizeof(Piece) && length <= 2 * sizeof(Piece));
   const auto first = loadAs<Piece>(pFrom);
   const auto last = loadAs<Piece>(bytesAt(pFrom, length - sizeof(Piece)));
   storeAs(pTo, first);

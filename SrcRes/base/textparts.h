@@ -5,13 +5,17 @@
 #include <cstddef>
 #include <string_view>
 
+#include "platform/check.h"
+
 namespace mem {
 
 // REQUIRES: count <= text.size().
-constexpr std::string_view firstOf(std::string_view text, std::size_t count) noexcept {
+inline std::string_view firstOf(std::string_view text, std::size_t count) noexcept {
+  MEM_ASSERT(count <= text.size());
   return {text.data(), count};
 }
-constexpr std::string_view behind(std::string_view text, std::size_t count) noexcept {
+inline std::string_view behind(std::string_view text, std::size_t count) noexcept {
+  MEM_ASSERT(count <= text.size());
   return {text.data() + count, text.size() - count};
 }
 

@@ -47,5 +47,16 @@ inline constexpr std::int32_t kMinCellAreaLen = 256;
 inline constexpr std::int32_t kMaxCellAreaLen = 0x100000;
 inline constexpr std::int32_t kMinCellLen = 8;      // room for a free cell's link
 inline constexpr std::int32_t kMinNodeSpace = 128;  // bytes for location nodes in a node block
+inline constexpr std::int64_t kCellOverhead = sizeof(MEMCellCtlBlk) + kMinNodeSpace;
+
+// Bytes for location nodes behind a header of `headerLen`: at least kMinNodeSpace, and such that
+// header, nodes and whole cells fill the area up to less than one node.
+inline std::int32_t nodeSpace(const MEMCellCtlBlk &ctl, std::int32_t headerLen) noexcept {
+  const std::int32_t rest = ctl.AreaLen % ctl.CellLen;
+  const std::int32_t lacking = headerLen + kMinNodeSpace - rest;
+  if (lacking <= 0) return rest - headerLen;
+  const std::int32_t cells = (lacking + ctl.CellLen - 1) / ctl.CellLen;
+  return cells * ctl.CellLen + rest - headerLen;
+}
 
 }  // namespace mem

@@ -3,8 +3,10 @@
 #include <cstdint>
 #include <cstring>
 
+#include "cell/cell_check.h"
 #include "cell/cellblocks.h"
 #include "frame/callframe.h"
+#include "platform/check.h"
 #include "platform/platform.h"
 
 namespace mem {
@@ -48,16 +50,6 @@ void freeArea(void *pArea, std::int32_t areaLen, std::int16_t subPool) noexcept 
   functionVector().MEM_Free(pArea, static_cast<std::uint32_t>(areaLen), subPool);
 }
 
-// Bytes for location nodes behind a header of `headerLen`: at least kMinNodeSpace, and such that
-// header, nodes and whole cells fill the area up to less than one node.
-std::int32_t nodeSpace(const MEMCellCtlBlk &ctl, std::int32_t headerLen) noexcept {
-  const std::int32_t rest = ctl.AreaLen % ctl.CellLen;
-  const std::int32_t lacking = headerLen + kMinNodeSpace - rest;
-  if (lacking <= 0) return rest - headerLen;
-  const std::int32_t cells = (lacking + ctl.CellLen - 1) / ctl.CellLen;
-  return cells * ctl.CellLen + rest - headerLen;
-}
-
 // Puts the location nodes of an area on the list and returns the place of the area's first cell.
 // `headerLen` is the control block's length in the first area, whose lowest node records the area
 // itself, and 0 in further ones.
@@ -83,6 +75,7 @@ void MEM_CellBuildAvailCells(MEMCellCtlBlk &ctl, const void *pArea,
   const auto cellLen = static_cast<std::size_t>(ctl.CellLen);
   auto remaining = static_cast<std::size_t>(ctl.AreaLen) -
                    static_cast<std::size_t>(pFirstCell - static_cast<const std::byte *>(pArea));
+  MEM_ASSERT(ctl.pFreeCells == nullptr && remaining >= cellLen);
   ctl.pFreeCells = pFirstCell;
   std::byte *pCell = pFirstCell;
   for (; remaining >= 2 * cellLen; remaining -= cellLen) {
@@ -131,6 +124,7 @@ void initFirstArea(MEMCellCtlBlk &ctl) noexcept {
 // Adds an area of free cells. False, with nothing changed, when there is no storage.
 // REQUIRES: the free list is empty.
 MEM_NOINLINE bool growPool(MEMCellCtlBlk &ctl) noexcept {
+  MEM_ASSERT(ctl.pFreeCells == nullptr);
   void *pArea = getArea(ctl.AreaLen, ctl.SubPool);
   if (pArea == nullptr) return false;
   const bool hasVacantNode = ctl.pAreaLocList->pArea == nullptr;
@@ -154,8 +148,7 @@ std::int16_t MEM_CellOpen(HMEMCELL *phMemCell, std::int32_t AreaLen, std::int32_
   if (AreaLen < kMinCellAreaLen || AreaLen > kMaxCellAreaLen) {
     return failComposed(frame, MEMERR_CELLBNDS, "Invalid area bounds");
   }
-  constexpr std::int64_t kLeastOverhead = sizeof(MEMCellCtlBlk) + kMinNodeSpace;
-  if (AreaLen < CellLen + kLeastOverhead) {
+  if (AreaLen < CellLen + kCellOverhead) {
     return failComposed(frame, MEMERR_CELLSIZE, "Invalid area length");
   }
   if (CellLen < kMinCellLen) return failComposed(frame, MEMERR_CELLELEN, "Invalid cell length");
@@ -167,6 +160,7 @@ std::int16_t MEM_CellOpen(HMEMCELL *phMemCell, std::int32_t AreaLen, std::int32_
   pCtl->CellLen = CellLen;
   pCtl->SubPool = SubPool;
   initFirstArea(*pCtl);
+  MEM_ASSERT_VALID(isValid(*pCtl));
   *phMemCell = reinterpret_cast<HMEMCELL>(pCtl);
   frame.traceExit("Cell Object=%08X", *phMemCell);
   return frame.finish(0);
@@ -177,6 +171,7 @@ std::int16_t MEM_CellClose(HMEMCELL hMemCell) noexcept {
   frame.traceEntry("Parms: hMemCell=%lX", hMemCell);
   if (!isPool(hMemCell)) return failHandle(frame, hMemCell, Wording::named);
   MEMCellCtlBlk &ctl = pool(hMemCell);
+  MEM_ASSERT_VALID(isValid(ctl));
   const std::int32_t areaLen = ctl.AreaLen;
   const std::int16_t subPool = ctl.SubPool;
   const CellAreaNode *pNode = ctl.pAreaLocList;
@@ -205,6 +200,7 @@ std::int16_t MEM_CellClear(HMEMCELL hMemCell) noexcept {
   }
   std::memset(bytesAt(&ctl, sizeof ctl), 0, static_cast<std::size_t>(ctl.AreaLen) - sizeof ctl);
   initFirstArea(ctl);
+  MEM_ASSERT_VALID(isValid(ctl));
   return frame.succeed();
 }
 
@@ -218,6 +214,7 @@ std::int16_t MEM_CellAllocEntry(HMEMCELL hMemCell, void **ppCell) noexcept {
   ctl.pFreeCells = loadAs<void *>(pCell);
   storeAs<void *>(pCell, nullptr);
   *ppCell = pCell;
+  MEM_ASSERT_VALID(isValid(ctl));
   return frame.succeed();
 }
 
@@ -226,6 +223,7 @@ std::int16_t MEM_CellFreeEntry(HMEMCELL hMemCell, void *pEntry) noexcept {
   frame.traceEntry("Parms: hMemCell=%lX, pEntry=%lX", hMemCell, pEntry);
   if (!isPool(hMemCell)) return failHandle(frame, hMemCell, Wording::named);
   if (pEntry != nullptr) addFreeCell(pool(hMemCell), pEntry);
+  MEM_ASSERT_VALID(isValid(pool(hMemCell)));
   return frame.succeed();
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "frame/callframe.h"
+#include "heap/heap_check.h"
 #include "heap/heapblocks.h"
 #include "platform/check.h"
 #include "qj7mem00/memvect.h"
@@ -46,10 +47,6 @@ inline void initArea(MEMHeapArea &area, const Eyecatcher &eye, std::uint32_t hea
   area.pNextArea = nullptr;
   area.NextFreeOff = headerLen;
   area.FreeLen = static_cast<std::int32_t>(areaSize - headerLen);
-}
-
-inline bool fitsInArea(std::int64_t aligned, std::uint32_t areaSize) noexcept {
-  return aligned <= static_cast<std::int64_t>(areaSize) - kAreaEntryOverhead;
 }
 
 // The next `aligned` bytes of an area. REQUIRES: they are free.

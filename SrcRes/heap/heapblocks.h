@@ -68,13 +68,17 @@ MEM_CHECK_OFFSET(MEMHeapHeader, pLargeBlocks, 32);
 MEM_CHECK_OFFSET(MEMHeapHeader, AreaSize, 40);
 MEM_CHECK_OFFSET(MEMHeapHeader, SubPool, 44);
 
+// Flags of an enhanced heap.
+inline constexpr std::uint8_t kGateHeld = 0x01;  // by the running operation
+inline constexpr std::uint8_t kHasLargeBlock = 0x02;
+
 // Enhanced heap. Its first fields are those of an area; the others lie elsewhere than a standard
 // heap's.
 struct MEMEHeapHeader {
   MEMHeapArea FirstArea;
   std::uint32_t hGate;
   std::uint16_t SubPool;
-  std::uint8_t Flags;  // bit 0: a running operation holds the gate; bit 1: has a large block
+  std::uint8_t Flags;  // kGateHeld, kHasLargeBlock
   std::uint8_t Reserved31;
   MEMEHeapFreeItem *pFreeEntries;
   MEMHeapArea *pCurArea;
@@ -100,6 +104,13 @@ inline std::uint32_t areaSizeOf(std::int16_t AreaLen) noexcept {
 // Entries up to AreaSize less this come from areas, longer ones get a large block. The same for
 // every area of either kind of heap, whatever its header takes.
 inline constexpr std::uint32_t kAreaEntryOverhead = sizeof(MEMHeapHeader);
+
+inline bool fitsInArea(std::int64_t aligned, std::uint32_t areaSize) noexcept {
+  return aligned <= static_cast<std::int64_t>(areaSize) - kAreaEntryOverhead;
+}
+
+// An entry that an enhanced heap gets back must have room for a free item's link and size.
+inline constexpr std::int64_t kMinEHeapEntryLen = 16;
 
 // Entry lengths are multiples of 8. Wide, so that no length of 32 bits wraps.
 inline std::int64_t alignedEntryLen(std::int32_t Len) noexcept {

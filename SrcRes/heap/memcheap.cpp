@@ -62,6 +62,7 @@ std::int16_t MEM_HeapOpen(HMEMHEAP *phMemHeap, std::int16_t AreaLen,
   auto *pHeap =
       makeHeap<MEMHeapHeader>(frame, kHeapEye, areaSizeOf(AreaLen), SubPool, kHeaderObtained);
   if (pHeap == nullptr) return failStorage(frame, kStandardKind, "MemAllocFail");
+  MEM_ASSERT_VALID(isValid(*pHeap));
   *phMemHeap = reinterpret_cast<HMEMHEAP>(pHeap);
   return frame.succeed();
 }
@@ -71,6 +72,7 @@ std::int16_t MEM_HeapClose(HMEMHEAP hMemHeap) noexcept {
   frame.traceEntry("Parms: hMemHeap=%lX", hMemHeap);
   if (!isStandardHeap(hMemHeap)) return failHandle(frame, hMemHeap);
   MEMHeapHeader &heap = header(hMemHeap);
+  MEM_ASSERT_VALID(isValid(heap));
   freeLargeBlocks(frame, heap, kBlockFreed);
   freeAreas(frame, heap, kAreaFreed);
   return frame.succeed();
@@ -104,6 +106,7 @@ std::int16_t MEM_HeapAllocEntryLong(HMEMHEAP hMemHeap, std::int32_t Len, void **
   const bool inArea = fitsInArea(aligned, heap.AreaSize);
   void *pEntry = inArea ? addAreaEntry(frame, heap, entryLen, kAreaObtained)
                         : addLargeEntry(frame, heap, entryLen, kBlockObtained);
+  MEM_ASSERT_VALID(isValid(heap));
   if (pEntry == nullptr) {
     return failStorage(frame, kStandardKind, inArea ? "MemAllocAreaFail" : "MemAllocBlkFail");
   }

@@ -20,12 +20,6 @@ constexpr StorageLine kAreaFreed{1058, "Freeing std Heap area, ptr=%p, size=%lu"
 constexpr StorageLine kAreaObtained{1196, "Allocating Std Heap block, ptr=%p, size=%lu"};
 constexpr StorageLine kBlockObtained{1234, "Allocating Large Heap block, ptr=%08X, size=%lu"};
 
-constexpr std::uint8_t kGateHeld = 0x01;
-constexpr std::uint8_t kHasLargeBlock = 0x02;
-
-// An entry that is given back must have room for a free item's link and size.
-constexpr std::int64_t kMinEntryLen = 16;
-
 MEMEHeapHeader &header(HMEMHEAP hMemHeap) noexcept {
   return *reinterpret_cast<MEMEHeapHeader *>(hMemHeap);
 }
@@ -33,7 +27,7 @@ MEMEHeapHeader &header(HMEMHEAP hMemHeap) noexcept {
 // Any length is served; those too small for a free item, 0 and less among them, as the smallest.
 std::int64_t enhancedEntryLen(std::int32_t Len) noexcept {
   const std::int64_t aligned = alignedEntryLen(Len);
-  return aligned < kMinEntryLen ? kMinEntryLen : aligned;
+  return aligned < kMinEHeapEntryLen ? kMinEHeapEntryLen : aligned;
 }
 
 std::int16_t failHandle(CallFrame &frame, HMEMHEAP hMemHeap) noexcept {
@@ -94,6 +88,7 @@ void *takeFreeEntry(MEMEHeapHeader &heap, std::uint32_t aligned) noexcept {
 
 // REQUIRES: the gate is held. Null, with nothing changed, when there is no storage.
 void *takeAreaEntry(CallFrame &frame, MEMEHeapHeader &heap, std::uint32_t aligned) noexcept {
+  MEM_ASSERT((heap.Flags & kGateHeld) != 0);
   if (void *pEntry = takeFreeEntry(heap, aligned)) return pEntry;
   return addAreaEntry(frame, heap, aligned, kAreaObtained);
 }
@@ -143,6 +138,7 @@ std::int16_t MEM_EHeapOpen(HMEMHEAP *phMemHeap, std::int16_t AreaLen,
   pHeap->hGate = hGate;
   pHeap->Flags = 0;
   pHeap->pFreeEntries = nullptr;
+  MEM_ASSERT_VALID(isValid(*pHeap));
   *phMemHeap = reinterpret_cast<HMEMHEAP>(pHeap);
   return frame.succeed();
 }
@@ -158,6 +154,7 @@ std::int16_t MEM_EHeapClose(HMEMHEAP hMemHeap) noexcept {
   MEMEHeapHeader &heap = header(hMemHeap);
   const std::uint32_t hGate = heap.hGate;
   if (runtimeServices().AcquireGate(hGate) != 0) return failGate(frame, "AcquireGate");
+  MEM_ASSERT_VALID(isValid(heap));
   freeLargeBlocks(frame, heap, kBlockFreed);
   freeAreas(frame, heap, kAreaFreed);
   runtimeServices().ReleaseGate(hGate);
@@ -178,6 +175,7 @@ std::int16_t MEM_EHeapAllocEntry(HMEMHEAP hMemHeap, std::int32_t Len, void **ppE
     const bool inArea = fitsInArea(aligned, heap.AreaSize);
     void *pEntry =
         inArea ? takeAreaEntry(frame, heap, entryLen) : takeLargeEntry(frame, heap, entryLen);
+    MEM_ASSERT_VALID(isValid(heap));
     if (pEntry == nullptr) {
       return failStorage(frame, kEnhancedKind, inArea ? "MemAllocFail" : "MemAllocBlkFail");
     }
@@ -201,6 +199,7 @@ std::int16_t MEM_EHeapFreeEntry(HMEMHEAP hMemHeap, std::int32_t Len, void *pEntr
     const HeldGate gate(heap);
     if (!gate.isHeld()) return failGate(frame, "AcquireGate");
     prepareFreeEntry(heap, pEntry, entryLen);
+    MEM_ASSERT_VALID(isValid(heap));
   }
   return frame.succeed();
 }

@@ -1,5 +1,7 @@
 #include "platform/textscan.h"
 
+#include "platform/check.h"
+
 namespace mem {
 
 namespace {
@@ -63,6 +65,7 @@ std::size_t plainWideLength(const void *pText) noexcept {
 // Single steps up to a whole stride, which begins no second page either.
 std::size_t wideLengthFrom(const void *pText, std::size_t offset) noexcept {
   const auto address = reinterpret_cast<std::uintptr_t>(pText);
+  MEM_ASSERT((address + offset) % kStep == 0);
   for (; (address + offset) % kStride != 0; offset += kStep) {
     const std::uint32_t zeros = zeroUnits(_mm_load_si128(stepAt(pText, offset)));
     if (zeros != 0) return unitAt(offset, zeros);

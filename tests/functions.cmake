@@ -30,7 +30,9 @@ endfunction()
 # THREADS    it runs several threads: it has the label "thread" and is run under the thread
 #            sanitizer too
 # INTERNALS  it links the library's objects and sees its internals
-# LABELS     further labels, for `ctest -L`; "compiler": see compiler_tests
+# LABELS     further labels, for `ctest -L`; "compiler": see compiler_tests; "model": it runs at
+#            random against a model, and in builds that check once more against the library that
+#            validates, as validate/<name>
 function(mem_add_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS;INTERNALS" "" "LABELS;LINK")
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
@@ -50,6 +52,12 @@ function(mem_add_test name)
   endforeach()
   if("compiler" IN_LIST arg_LABELS)
     add_dependencies(compiler_tests ${name})
+  endif()
+  if("model" IN_LIST arg_LABELS AND TARGET QJ7MEM00_validate)
+    mem_add_entry(validate/${name} ${name})
+    mem_add_label(validate/${name} model)
+    set_property(TEST validate/${name} APPEND PROPERTY
+      ENVIRONMENT MEM_TEST_MODULE=$<TARGET_FILE:QJ7MEM00_validate>)
   endif()
   if(arg_THREADS)
     mem_add_label(${name} thread)

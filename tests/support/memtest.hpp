@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <string_view>
@@ -16,9 +18,15 @@
 
 namespace memtest {
 
+// What is tested: the library beside the program, or what MEM_TEST_MODULE in the environment names.
+inline std::filesystem::path testedModule() {
+  const char *override = std::getenv("MEM_TEST_MODULE");
+  return override == nullptr ? refhost::Library::besideProgram() : override;
+}
+
 // The library is loaded once per test program and stays loaded.
 inline refhost::Library &library() {
-  static refhost::Library loaded(refhost::Library::besideProgram());
+  static refhost::Library loaded(testedModule());
   return loaded;
 }
 

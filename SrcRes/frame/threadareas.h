@@ -15,11 +15,17 @@ struct ThreadArea {
   std::int16_t subPool;  // of the storage
 };
 
+// The calling thread's block, or null when the frame has none.
+inline MEMThreadBlock *threadBlock(const CallFrame &frame) noexcept {
+  const MEMThreadEnv *pThread = frame.thread();
+  return pThread == nullptr ? nullptr : pThread->pMemThreadBlk;
+}
+
 // Where the calling thread's first area hangs, or null when the frame has no thread block.
 inline ThreadArea **threadAreas(const CallFrame &frame) noexcept {
-  const MEMThreadEnv *pThread = frame.thread();
-  if (pThread == nullptr || pThread->pMemThreadBlk == nullptr) return nullptr;
-  return reinterpret_cast<ThreadArea **>(&pThread->pMemThreadBlk->pHashIndexes);
+  MEMThreadBlock *pThreadBlk = threadBlock(frame);
+  if (pThreadBlk == nullptr) return nullptr;
+  return reinterpret_cast<ThreadArea **>(&pThreadBlk->pHashIndexes);
 }
 
 // Takes the area that a link points at off the thread and returns its storage.

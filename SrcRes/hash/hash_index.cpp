@@ -1,10 +1,9 @@
 #include "hash/hash_index.h"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cstring>
-
-#include "hash/address_hash.h"
 
 namespace mem {
 
@@ -15,11 +14,6 @@ constexpr std::uint32_t kSlotsPerNode = 16;        // of a fresh index: it is ab
 constexpr std::uint32_t kGrowth = 4;               // of one that is full
 constexpr std::uint32_t kLeastGrowth = 2;          // when so much is not to be had
 
-bool mayBeIndexed(const MEMHashCtlBlk &ctl) noexcept {
-  return ctl.KeyLen == sizeof(std::uint64_t) &&
-         (ctl.pFunc == MEM_PackHashFunc || ctl.pFunc == MEM_PortHash);
-}
-
 std::uint64_t nodeCount(MEMHashCtlBlk &ctl) noexcept {
   std::uint64_t count = 0;
   for (std::int32_t i = 0; i <= ctl.Max; ++i) {
@@ -27,6 +21,12 @@ std::uint64_t nodeCount(MEMHashCtlBlk &ctl) noexcept {
     for (; pNode != nullptr; pNode = pNode->pNext) ++count;
   }
   return count;
+}
+
+void want(const void *pWanted) noexcept {
+  MEM_PREFETCH(pWanted);
+  // g++ takes a function that only asks ahead for one without effect, and drops calls of it.
+  std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
 }  // namespace
@@ -46,10 +46,6 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
   if (pIndex == nullptr) return nullptr;
   std::memset(static_cast<void *>(pIndex), 0, areaLen);
   pIndex->pTable_ = &ctl;
-  // Two that a thread has at a time differ in these bits, unless they are gigabytes apart.
-  const auto bits = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(pIndex) >> 4);
-  pIndex->indexState_ = static_cast<std::uint16_t>(kIndexed | bits >> 16);
-  pIndex->walkedNodes_ = static_cast<std::uint16_t>(bits);
   pIndex->size = areaLen;
   pIndex->subPool = storagePool;
   pIndex->pSlots_ = reinterpret_cast<Slot *>(pIndex + 1);
@@ -66,7 +62,7 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
 void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
                            std::uint32_t passed) noexcept {
   const bool isLost = ctl.IndexState == kIndexLost;
-  if ((ctl.IndexState != kNotIndexed && !isLost) || !mayBeIndexed(ctl)) return;
+  if (ctl.IndexState != kMayBeIndexed && !isLost) return;
   if (isLost) forget(frame, &ctl);  // what was lost elsewhere may be this thread's
   const bool isFull = ctl.WalkedNodes == kMostWalkedNodes;
   if (!isFull) ++ctl.WalkedNodes;
@@ -80,15 +76,15 @@ void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
   const std::uint64_t nodes = std::max<std::uint64_t>(nodeCount(ctl), 2) - 1;
   HashIndex *pIndex = create(frame, ctl, std::bit_ceil(nodes * kSlotsPerNode));
   if (pIndex == nullptr) {
-    ctl.IndexState = kIndexRefused;
+    ctl.IndexState = kNeverIndexed;
     return;
   }
   pIndex->walkedBefore_ = ctl.WalkedNodes;
   pIndex->fill(ctl);
-  pIndex->mark(ctl);
+  pIndex->markTable(ctl);
 }
 
-void HashIndex::giveUp(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
+void HashIndex::markLost(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
   ctl.IndexState = kIndexLost;
   ctl.WalkedNodes = 0;
   forget(frame, &ctl);
@@ -97,15 +93,22 @@ void HashIndex::giveUp(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
 void HashIndex::drop(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
   if (!isIndexed(ctl)) return;
   const HashIndex *pIndex = find(frame, ctl);
-  if (pIndex == nullptr) return giveUp(frame, ctl);
-  ctl.IndexState = kNotIndexed;
+  if (pIndex == nullptr) return markLost(frame, ctl);
+  ctl.IndexState = kMayBeIndexed;
   ctl.WalkedNodes = pIndex->walkedBefore_;
   forget(frame, &ctl);
 }
 
+void HashIndex::noteOpened(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
+  if (MEMThreadBlock *pThreadBlk = threadBlock(frame)) pThreadBlk->pOpenedTable = &ctl;
+}
+
 void HashIndex::forget(const CallFrame &frame, const MEMHashCtlBlk *pTable) noexcept {
+  MEMThreadBlock *pThreadBlk = threadBlock(frame);
+  if (pThreadBlk == nullptr) return;
+  if (pThreadBlk->pOpenedTable == pTable) pThreadBlk->pOpenedTable = nullptr;
   ThreadArea **ppLink = threadAreas(frame);
-  while (ppLink != nullptr && *ppLink != nullptr) {
+  while (*ppLink != nullptr) {
     if (static_cast<HashIndex *>(*ppLink)->pTable_ == pTable) {
       releaseThreadArea(ppLink);
     } else {
@@ -137,12 +140,12 @@ void HashIndex::grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
   if (pLarger == nullptr) pLarger = create(frame, ctl, std::uint64_t{capacity()} * kLeastGrowth);
   if (pLarger == nullptr) {
     drop(frame, ctl);
-    ctl.IndexState = kIndexRefused;
+    ctl.IndexState = kNeverIndexed;
     return;
   }
   pLarger->walkedBefore_ = walkedBefore_;
   pLarger->fillFrom(*this);
-  pLarger->mark(ctl);
+  pLarger->markTable(ctl);
   ThreadArea **ppLink = &pLarger->pNext;
   while (*ppLink != this) ppLink = &(*ppLink)->pNext;
   releaseThreadArea(ppLink);
@@ -170,6 +173,29 @@ void HashIndex::put(const Slot &entry) noexcept {
   if (pSlot->pNode != nullptr) return;
   *pSlot = entry;
   ++count_;
+}
+
+// A table that was closed where the thread's note of it was not seen may have given its place to
+// anything by now, which is not written to: hence the look at the eye-catcher.
+void allowIndex(const CallFrame &frame, HMEMHASH hMemHash, MEMHashFunc pFunc) noexcept {
+  MEMThreadBlock *pThreadBlk = threadBlock(frame);
+  if (pThreadBlk == nullptr || pThreadBlk->pOpenedTable != hMemHash) return;
+  pThreadBlk->pOpenedTable = nullptr;
+  if (!isTable(hMemHash)) return;
+  MEMHashCtlBlk &ctl = *table(hMemHash);
+  if (ctl.KeyLen == sizeof(std::uint64_t) && ctl.pFunc == pFunc) ctl.IndexState = kMayBeIndexed;
+}
+
+void KeyLookahead::wantSlot(const void *pKey) const noexcept {
+  want(static_cast<const HashIndex *>(this)->firstSlotOf(pKey));
+}
+
+// To ask for an address that is not there takes long.
+void KeyLookahead::wantRecord(const void *pKey, std::size_t offset) const noexcept {
+  const HashIndex::Slot *pSlot = static_cast<const HashIndex *>(this)->firstSlotOf(pKey);
+  const void *pWanted = pSlot;
+  if (pSlot->pNode != nullptr) pWanted = bytesAt(pSlot->pNode->record(), offset);
+  want(pWanted);
 }
 
 }  // namespace mem

@@ -2,9 +2,9 @@
 // bucket to its last node. The table itself, its chains and their order stay as they are; insert
 // and get only find their place without walking a chain.
 //
-// Only tables of the library's own packer and port string writer get one. Their keys are addresses
-// that never change in place, as a caller's keys may; and their hash functions leave many buckets
-// empty, so that chains grow with the graph.
+// Only tables whose owner has allowed it get one (owned_table.h): the library's packer and port
+// string writer. Their keys are addresses that never change in place, as a caller's keys may; and
+// their hash functions leave many buckets empty, so that chains grow with the graph.
 //
 // An index lives in storage from the table's subpool, hangs on the thread block of the thread that
 // made it, and goes with the table or with that thread. Without a thread block or storage the
@@ -19,11 +19,11 @@
 // is in use again by then.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
 #include "frame/threadareas.h"
 #include "hash/hashblocks.h"
+#include "hash/owned_table.h"
 #include "platform/platform.h"
 
 namespace mem {
@@ -34,21 +34,23 @@ inline constexpr std::uint32_t kLongestWalkedChain = 64;
 // chains all over storage take as long to walk as a long one.
 inline constexpr std::uint16_t kMostWalkedNodes = 2048;
 
-// States of a table: MEMHashCtlBlk.IndexState.
-inline constexpr std::uint16_t kNotIndexed = 0;
-inline constexpr std::uint16_t kIndexRefused = 1;  // there was no storage; not asked for again
+// States of a table: MEMHashCtlBlk.IndexState. Without an index, WalkedNodes is the number of nodes
+// inserted since the table was opened or has lost its index, up to kMostWalkedNodes.
+inline constexpr std::uint16_t kNeverIndexed = 0;  // not allowed, or storage for one was refused
+inline constexpr std::uint16_t kMayBeIndexed = 1;
 // Another index is made only when the table has grown by kMostWalkedNodes, since making one takes
 // long, and others may go on as they did.
 inline constexpr std::uint16_t kIndexLost = 2;
-// Set when the table has an index. The bits below it, and WalkedNodes, tell which: a thread may
-// come upon one of an earlier table at the same address, or one that the table has lost elsewhere.
+// Set when the table has an index. The bits below it, and WalkedNodes, tell which (mark()): a
+// thread may come upon one of an earlier table at the same address, or one that the table has lost
+// elsewhere.
 inline constexpr std::uint16_t kIndexed = 0x8000;
 
 inline bool isIndexed(const MEMHashCtlBlk &ctl) noexcept {
   return (ctl.IndexState & kIndexed) != 0;
 }
 
-class HashIndex : public ThreadArea {
+class HashIndex : public ThreadArea, public KeyLookahead {
  public:
   // The table's index, or null: also where the table has one that this frame cannot find, and where
   // others have deleted nodes since.
@@ -63,11 +65,14 @@ class HashIndex : public ThreadArea {
 
   // For an insert: if the table has an index, it is wrong or not to be found.
   static void lose(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-    if (isIndexed(ctl)) giveUp(frame, ctl);
+    if (isIndexed(ctl)) markLost(frame, ctl);
   }
 
   // For a delete: returns the table's index, if it has one.
   static void drop(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
+
+  // For open: makes the table the one that the thread's next allowIndex() is about.
+  static void noteOpened(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
 
   // For open and close: returns all that the thread has for a table at this address.
   static void forget(const CallFrame &frame, const MEMHashCtlBlk *pTable) noexcept;
@@ -109,15 +114,9 @@ class HashIndex : public ThreadArea {
     if (pIndex->count_ > pIndex->capacity() / 2) pIndex->grow(frame, ctl);
   }
 
-  // Asks for a key's slot, and a little later for what the user will read of the record behind it,
-  // some time before the key is looked up.
-  void wantSlot(const void *pKey) const noexcept { want(firstSlotOf(pKey)); }
-  void wantRecord(const void *pKey, std::size_t offset) const noexcept {
-    const Slot *pSlot = firstSlotOf(pKey);
-    // To ask for an address that is not there takes long.
-    const void *pWanted = pSlot;
-    if (pSlot->pNode != nullptr) pWanted = bytesAt(pSlot->pNode->record(), offset);
-    want(pWanted);
+  // Where a key belongs, whether or not another key has the place.
+  const Slot *firstSlotOf(const void *pKey) const noexcept {
+    return &pSlots_[placeOf(loadAs<std::uint64_t>(pKey))];
   }
 
   // True when look-ups are likely to wait for storage: the slots are more than near caches hold.
@@ -126,14 +125,8 @@ class HashIndex : public ThreadArea {
  private:
   static constexpr std::uint32_t kLargeCapacity = 0x20000;  // 2 MB of slots
 
-  static void want(const void *pWanted) noexcept {
-    MEM_PREFETCH(pWanted);
-    // g++ takes a function that only asks ahead for one without effect, and drops calls of it.
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-  }
-
   static HashIndex *find(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept;
-  MEM_NOINLINE static void giveUp(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
+  MEM_NOINLINE static void markLost(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
   static HashIndex *create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
                            std::uint64_t slots) noexcept;
   static const void *keyIn(const MEMHashCtlBlk &ctl, HashNode *pNode) noexcept {
@@ -153,13 +146,19 @@ class HashIndex : public ThreadArea {
     return *endOf(ctl, index) == nullptr && loadAs<std::uint64_t>(pKey) == tail.key;
   }
 
-  bool isRightFor(const MEMHashCtlBlk &ctl) const noexcept {
-    return pTable_ == &ctl && indexState_ == ctl.IndexState && walkedNodes_ == ctl.WalkedNodes &&
-           pFreeEntries_ == ctl.pFreeEntries;
+  // What its table holds in IndexState and WalkedNodes: bits of the index's address. Two that there
+  // are at a time differ in them, unless they are gigabytes apart.
+  std::uint32_t mark() const noexcept {
+    const auto bits = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(this) >> 4);
+    return std::uint32_t{kIndexed} << 16 | bits;
   }
-  void mark(MEMHashCtlBlk &ctl) const noexcept {
-    ctl.IndexState = indexState_;
-    ctl.WalkedNodes = walkedNodes_;
+  void markTable(MEMHashCtlBlk &ctl) const noexcept {
+    ctl.IndexState = static_cast<std::uint16_t>(mark() >> 16);
+    ctl.WalkedNodes = static_cast<std::uint16_t>(mark());
+  }
+  bool isRightFor(const MEMHashCtlBlk &ctl) const noexcept {
+    return pTable_ == &ctl && mark() == (std::uint32_t{ctl.IndexState} << 16 | ctl.WalkedNodes) &&
+           pFreeEntries_ == ctl.pFreeEntries;
   }
 
   MEM_NOINLINE static void make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
@@ -170,9 +169,6 @@ class HashIndex : public ThreadArea {
   Slot *slotOf(std::uint64_t key) const noexcept;
   std::uint32_t placeOf(std::uint64_t key) const noexcept;
   MEM_NOINLINE Slot *seekElsewhere(std::uint64_t key) const noexcept;
-  Slot *firstSlotOf(const void *pKey) const noexcept {
-    return &pSlots_[placeOf(loadAs<std::uint64_t>(pKey))];
-  }
   std::uint32_t capacity() const noexcept { return lastPlace_ + 1; }
   void noteTail(std::int32_t index, std::uint64_t key, HashNode *pNode) noexcept {
     pTails_[index] = {.pNode = pNode, .key = key};
@@ -192,9 +188,7 @@ class HashIndex : public ThreadArea {
   std::uint32_t shift_;           // leaves the bits of a place of a 64-bit product
   std::uint32_t count_;           // slots in use
   std::uint32_t bucketCount_;     // of the table
-  std::uint16_t indexState_;      // what the table's fields of that name hold
-  std::uint16_t walkedNodes_;
-  std::uint16_t walkedBefore_;  // what the latter held before the table had an index
+  std::uint16_t walkedBefore_;    // the table's WalkedNodes before it had an index
 };
 
 // Spreads consecutive numbers evenly over the upper bits of a product.
@@ -222,10 +216,5 @@ inline HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
   Slot *pSlot = &pSlots_[placeOf(key)];
   return pSlot->pNode == nullptr || pSlot->key == key ? pSlot : seekElsewhere(key);
 }
-
-// The index of a table when it is so large that its user had better ask for keys ahead (wantSlot(),
-// wantRecord()), else null: also when the host has put other services into the table's slots, since
-// nothing is known of its handle then. Valid until the table is changed or closed.
-const HashIndex *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) noexcept;
 
 }  // namespace mem

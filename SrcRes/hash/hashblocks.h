@@ -45,4 +45,12 @@ MEM_CHECK_OFFSET(MEMHashCtlBlk, CtlBlkLen, 28);
 MEM_CHECK_OFFSET(MEMHashCtlBlk, hMemHeap, 32);
 MEM_CHECK_OFFSET(MEMHashCtlBlk, pFreeEntries, 40);
 
+inline MEMHashCtlBlk *table(HMEMHASH hMemHash) noexcept {
+  return reinterpret_cast<MEMHashCtlBlk *>(hMemHash);
+}
+
+inline bool isTable(HMEMHASH hMemHash) noexcept {
+  return hMemHash != nullptr && hasEyecatcher(hMemHash, kHashEye);
+}
+
 }  // namespace mem

@@ -21,14 +21,6 @@ constexpr EntryPoint kHashScan{"MEM_HashGetEntry", kSourceHash, 772, 818};
 
 constexpr char kReturnNotFound[] = "Return=MEMERR_HASHNFND";
 
-MEMHashCtlBlk *table(HMEMHASH hMemHash) noexcept {
-  return reinterpret_cast<MEMHashCtlBlk *>(hMemHash);
-}
-
-bool isTable(HMEMHASH hMemHash) noexcept {
-  return hMemHash != nullptr && hasEyecatcher(hMemHash, kHashEye);
-}
-
 std::int16_t failHandle(CallFrame &frame, HMEMHASH hMemHash, Wording wording) noexcept {
   return frame.fail({.code = MEMERR_HASHBHDL,
                      .text = ErrorText("Invalid Hash Handle=").pointer(hMemHash).c_str(),
@@ -52,7 +44,7 @@ std::int16_t finishNotFound(CallFrame &frame) noexcept {
 }
 
 // Ends a call in which another service failed; that service's error stands.
-std::int16_t finishFailed(CallFrame &frame, const char *pExitText) noexcept {
+std::int16_t finishNested(CallFrame &frame, const char *pExitText) noexcept {
   frame.traceExit(pExitText);
   return frame.finish(-1);
 }
@@ -72,25 +64,23 @@ bool keysEqual(const MEMHashCtlBlk &ctl, const void *pKey, const void *pOther) n
 
 // Where a walk of a chain has ended: at the link that points at the node with the key, or else at
 // the null link at the chain's end.
-struct Place {
-  HashNode **ppLink;
+struct ChainLink {
+  HashNode **ppNode;
   std::uint32_t passed;  // nodes in front of it
-
-  HashNode *node() const noexcept { return *ppLink; }
 };
 
 template <class IsEqual>
-Place walkChain(MEMHashCtlBlk &ctl, std::int16_t index, IsEqual isEqual) noexcept {
-  Place place{ctl.bucket(index), 0};
-  while (*place.ppLink != nullptr && !isEqual((*place.ppLink)->record())) {
-    place.ppLink = &(*place.ppLink)->pNext;
-    ++place.passed;
+ChainLink walkChain(MEMHashCtlBlk &ctl, std::int16_t index, IsEqual isEqual) noexcept {
+  ChainLink link{ctl.bucket(index), 0};
+  while (*link.ppNode != nullptr && !isEqual((*link.ppNode)->record())) {
+    link.ppNode = &(*link.ppNode)->pNext;
+    ++link.passed;
   }
-  return place;
+  return link;
 }
 
 // Addresses and numbers as keys are compared as one word.
-Place findPlace(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexcept {
+ChainLink findLink(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexcept {
   if (ctl.KeyLen == sizeof(std::uint64_t)) {
     const auto key = loadAs<std::uint64_t>(pKey);
     return walkChain(ctl, index, [&ctl, key](const void *pRecord) noexcept {
@@ -100,6 +90,29 @@ Place findPlace(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexce
   return walkChain(ctl, index, [&ctl, pKey](const void *pRecord) noexcept {
     return keysEqual(ctl, pKey, keyIn(ctl, pRecord));
   });
+}
+
+// What an insert finds for a key.
+struct InsertPlace {
+  HashNode *pEqual;   // has the key; null when there is none
+  HashNode **ppLast;  // the null link at the chain's end, when there is none
+  HashIndex *pIndex;  // that has answered, else null
+  HashIndex::Slot *pSlot;
+  std::uint32_t passed;  // nodes of the chain, when it was walked
+};
+
+// By the index where it can tell; one that cannot is given up.
+InsertPlace locate(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t index,
+                   const void *pKey) noexcept {
+  if (HashIndex *pIndex = HashIndex::of(frame, ctl)) {
+    HashIndex::Slot *pSlot = pIndex->slotOf(pKey);
+    if (pIndex->canTell(ctl, *pSlot, index)) {
+      return {pSlot->pNode, pIndex->endOf(ctl, index), pIndex, pSlot, 0};
+    }
+  }
+  HashIndex::lose(frame, ctl);
+  const ChainLink link = findLink(ctl, index, pKey);
+  return {*link.ppNode, link.ppNode, nullptr, nullptr, link.passed};
 }
 
 // A node with a null link for a record of `Len` bytes, or null with the heap's error standing. A
@@ -148,9 +161,10 @@ std::int16_t MEM_HashOpen(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t Ke
   pCtl->SubPool = SubPool;
   pCtl->CtlBlkLen = ctlBlkLen;
   if (functionVector().MEM_HeapOpen(&pCtl->hMemHeap, AreaLen, SubPool) != 0) {
-    return finishFailed(frame, "HeapOpen Return=FAILED");
+    return finishNested(frame, "HeapOpen Return=FAILED");
   }
   *phHash = reinterpret_cast<HMEMHASH>(pCtl);
+  HashIndex::noteOpened(frame, *pCtl);
   return frame.succeed();
 }
 
@@ -160,7 +174,7 @@ std::int16_t MEM_HashClose(HMEMHASH hMemHash) noexcept {
   if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::named);
   MEMHashCtlBlk *pCtl = table(hMemHash);
   if (functionVector().MEM_HeapClose(pCtl->hMemHeap) != 0) {
-    return finishFailed(frame, "HeapClose Return=FAILED");
+    return finishNested(frame, "HeapClose Return=FAILED");
   }
   HashIndex::forget(frame, pCtl);
   pCtl->Eyecatcher[0] = ' ';  // a stale handle fails the eye-catcher test
@@ -179,34 +193,19 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   const std::int16_t index = ctl.pFunc(pKey);
   if (!isIndex(ctl, index)) return failIndex(frame, index);
 
-  HashIndex *pIndex = HashIndex::of(frame, ctl);
-  HashIndex::Slot *pSlot = nullptr;
-  Place place{};
-  HashNode *pFound = nullptr;
-  if (pIndex != nullptr) {
-    place.ppLink = pIndex->endOf(ctl, index);
-    pSlot = pIndex->slotOf(pKey);
-    if (!pIndex->canTell(ctl, *pSlot, index)) pIndex = nullptr;
-  }
-  if (pIndex == nullptr) {
-    HashIndex::lose(frame, ctl);
-    place = findPlace(ctl, index, pKey);
-    pFound = place.node();
-  } else {
-    pFound = pSlot->pNode;
-  }
-  if (pFound != nullptr) {
-    *ppNewEntry = pFound->record();
+  const InsertPlace place = locate(frame, ctl, index, pKey);
+  if (place.pEqual != nullptr) {
+    *ppNewEntry = place.pEqual->record();
     frame.traceExit("Return=MEMERR_HASHDKEY");
     return frame.finish(MEMERR_HASHDKEY);
   }
   HashNode *pNode = MemHashAllocEntry(ctl, Len);
-  if (pNode == nullptr) return finishFailed(frame, "MemHashAllocEntry Return=FAILED");
+  if (pNode == nullptr) return finishNested(frame, "MemHashAllocEntry Return=FAILED");
   copyBytes(pNode->record(), pInputEntry, static_cast<std::size_t>(Len));
-  *place.ppLink = pNode;  // at the end: a bucket keeps the order of insertion
+  *place.ppLast = pNode;  // at the end: a bucket keeps the order of insertion
   *ppNewEntry = pNode->record();
-  if (pIndex != nullptr) {
-    HashIndex::add(frame, ctl, pIndex, pSlot, index, pNode);
+  if (place.pIndex != nullptr) {
+    HashIndex::add(frame, ctl, place.pIndex, place.pSlot, index, pNode);
   } else {
     HashIndex::noteWalked(frame, ctl, place.passed);
   }
@@ -221,10 +220,10 @@ std::int16_t MEM_HashGetEntry(HMEMHASH hMemHash, const void *pKey, void **ppEntr
   const HashIndex *pIndex = HashIndex::of(frame, ctl);
   HashNode *pNode = pIndex == nullptr ? nullptr : pIndex->nodeWith(ctl, pKey);
   if (pNode == nullptr) {
-    // A key in an index has a bucket: the hash function is the library's own, and was asked for it.
+    // A key in an index has a bucket: the hash function is the owner's, and was asked for it.
     const std::int16_t index = ctl.pFunc(pKey);
     if (!isIndex(ctl, index)) return failIndex(frame, index);
-    pNode = findPlace(ctl, index, pKey).node();
+    pNode = *findLink(ctl, index, pKey).ppNode;
   }
   if (pNode == nullptr) return finishNotFound(frame);
   *ppEntry = pNode->record();
@@ -240,10 +239,10 @@ std::int16_t MEM_HashDelEntry(HMEMHASH hMemHash, const void *pKey) noexcept {
   if (!isIndex(ctl, index)) return failIndex(frame, index);
 
   HashIndex::drop(frame, ctl);  // an index does not follow deletions
-  const Place place = findPlace(ctl, index, pKey);
-  HashNode *pNode = place.node();
+  HashNode **ppLink = findLink(ctl, index, pKey).ppNode;
+  HashNode *pNode = *ppLink;
   if (pNode == nullptr) return finishNotFound(frame);
-  *place.ppLink = pNode->pNext;
+  *ppLink = pNode->pNext;
   pNode->pNext = ctl.pFreeEntries;
   ctl.pFreeEntries = pNode;
   return frame.succeed();
@@ -268,7 +267,7 @@ std::int16_t MEM_HashScan(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm) noex
   return frame.finish(lastError);
 }
 
-const HashIndex *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) noexcept {
+const KeyLookahead *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) noexcept {
   const MEMFunctionVector &slots = functionVector();
   const bool isOwn = slots.MEM_HashOpen == MEM_HashOpen &&
                      slots.MEM_HashInsEntry == MEM_HashInsEntry &&

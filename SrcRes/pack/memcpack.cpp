@@ -5,8 +5,7 @@
 #include "base/bytes.h"
 #include "base/copybytes.h"
 #include "frame/callframe.h"
-#include "hash/address_hash.h"
-#include "hash/hash_index.h"
+#include "hash/owned_table.h"
 #include "pack/chain_builder.h"
 #include "pack/pack_descriptors.h"
 #include "pack/pack_failure.h"
@@ -40,6 +39,13 @@ struct PackRecord {
 };
 MEM_CHECK_SIZE(PackRecord, 40);
 MEM_CHECK_OFFSET(PackRecord, Descriptor, 32);
+
+// 0..127 from an 8-byte address, by the byte that is the lowest one of a 4-byte address on the
+// host's platform, without the bit that alignment clears.
+std::int16_t MEM_PackHashFunc(const void *pKey) noexcept {
+  const std::size_t lowestByte = platformIsBigEndian() ? 3 : 0;
+  return static_cast<std::int16_t>(loadAs<std::uint8_t>(bytesAt(pKey, lowestByte)) >> 1);
+}
 
 PackFailure hashFailure(const char *pExitText) noexcept {
   return {.result = -1, .code = 0, .text = ErrorText(), .pExitText = pExitText, .isRecorded = true};
@@ -178,7 +184,10 @@ bool Packer::openTable() noexcept {
   const std::int16_t result =
       functionVector().MEM_HashOpen(&hTable_, offsetof(PackRecord, pSegment), sizeof(void *),
                                     kTableMax, MEM_PackHashFunc, kTableAreaKB, kTableSubPool);
-  if (result == 0) return true;
+  if (result == 0) {
+    allowIndex(frame_, hTable_, MEM_PackHashFunc);
+    return true;
+  }
   hTable_ = nullptr;
   return fail(hashFailure("HashOpen Return=FAILED"));
 }
@@ -327,7 +336,7 @@ Packer::Level Packer::takeChild(const SegmentPlan &plan, Level &level) noexcept 
 // In a large graph the table's index and records are met all over storage: what a record's pointers
 // lead to is asked for some records ahead.
 bool Packer::fixPointers() noexcept {
-  const HashIndex *pIndex = indexToAskAhead(frame_, hTable_);
+  const KeyLookahead *pIndex = indexToAskAhead(frame_, hTable_);
   const PackRecord *pFar = pIndex == nullptr ? nullptr : recordBefore(pLastRecord_, kFarAhead);
   const PackRecord *pNear = pIndex == nullptr ? nullptr : recordBefore(pLastRecord_, kNearAhead);
   for (const PackRecord *pRecord = pLastRecord_; pRecord != nullptr; pRecord = pRecord->pPrevious) {

@@ -111,7 +111,8 @@ typedef struct MEMThreadBlock {
   uint32_t Flags;    /**< MEM_THREAD_IN_CAT */
   uint8_t Reserved92[4];
   void *pHashIndexes; /**< the library's own: indexes of tables that this thread has open */
-  uint8_t Reserved104[176];
+  void *pOpenedTable; /**< the library's own: the hash table that this thread has opened last */
+  uint8_t Reserved112[168];
   MEMProcessBlock *pProcessBlk; /**< the process block, not owned */
   uint8_t Reserved288[8];
 } MEMThreadBlock;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "heaptest.hpp"
+#include "portdefs.hpp"
 #include "randomrun.hpp"
 
 namespace memtest {
@@ -39,31 +40,40 @@ struct Structure {
 
 class HashIndexTest : public HeapHashTest {
  protected:
-  HashIndexTest() {
-    packerFunction = functionUsedBy([this] { packOne(); });
-    EXPECT_NE(packerFunction, nullptr);
-  }
-
   ~HashIndexTest() override {
     if (table != nullptr) close();
   }
 
-  // The hash function of the table that a service opens.
-  template <class Call>
-  MEMHashFunc functionUsedBy(Call call) {
-    static MEMHashFunc seen;
-    static MEM_HashOpenFn *own;
-    seen = nullptr;
-    own = mem.MEM_HashOpen;
-    mem.MEM_HashOpen = [](HMEMHASH *phHash, std::int16_t keyOff, std::int16_t keyLen,
-                          std::int16_t max, MEMHashFunc pFunc, std::int16_t areaLen,
-                          std::uint16_t subPool) {
-      seen = pFunc;
-      return own(phHash, keyOff, keyLen, max, pFunc, areaLen, subPool);
+  // A table that may have an index: one of the packer's. The host opens it with arguments of its
+  // own and keeps it when the packer closes it; the packer's records do not come into it.
+  void open(std::int16_t keyLen = 8, MEMHashFunc function = nullptr) {
+    static MEMFunctionVector own;
+    static HMEMHASH kept;
+    static std::int16_t keyLenAsked;
+    static MEMHashFunc functionAsked;
+    static std::uint8_t storedRecord[64];
+    own = mem;
+    kept = nullptr;
+    keyLenAsked = keyLen;
+    functionAsked = function;
+    mem.MEM_HashOpen = [](HMEMHASH *phHash, std::int16_t, std::int16_t, std::int16_t max,
+                          MEMHashFunc pFunc, std::int16_t, std::uint16_t) {
+      const MEMHashFunc asked = functionAsked == nullptr ? pFunc : functionAsked;
+      const std::int16_t result =
+          own.MEM_HashOpen(&kept, kKeyOff, keyLenAsked, max, asked, 64, kSubPool);
+      *phHash = kept;
+      return result;
     };
-    call();
-    mem.MEM_HashOpen = own;
-    return seen;
+    mem.MEM_HashInsEntry = [](HMEMHASH, std::int16_t len, const void *record, void **ppNew) {
+      std::memcpy(storedRecord, record, static_cast<std::size_t>(len));
+      *ppNew = storedRecord;
+      return std::int16_t{0};
+    };
+    mem.MEM_HashClose = [](HMEMHASH) { return std::int16_t{0}; };
+    packOne();
+    mem = own;
+    table = kept;
+    ASSERT_NE(table, nullptr);
   }
 
   void packOne() {
@@ -76,10 +86,6 @@ class HashIndexTest : public HeapHashTest {
     MemPackBlock *first = nullptr;
     ASSERT_EQ(mem.MEM_Pack(&cb, &structure, 1024, &first), 0);
     mem.MEM_Free(first, 1024, 0);
-  }
-
-  void open(MEMHashFunc function, std::int16_t keyLen = 8) {
-    ASSERT_EQ(mem.MEM_HashOpen(&table, kKeyOff, keyLen, 127, function, 64, kSubPool), 0);
   }
 
   void close() {
@@ -133,7 +139,6 @@ class HashIndexTest : public HeapHashTest {
 
   std::int16_t bucketOf(std::uint64_t key) const { return isOneBucket ? 0 : packerBucket(key); }
 
-  MEMHashFunc packerFunction = nullptr;
   HMEMHASH table = nullptr;
   std::vector<std::uint64_t> chains[128];
   bool isOneBucket = false;
@@ -153,7 +158,7 @@ class Areas {
 
 TEST_F(HashIndexTest, ChainsUpTo64NodesObtainNothing) {
   const Areas areas(host, kSubPool);
-  open(packerFunction);
+  open();
   const std::uint64_t before = areas.obtained();
   for (std::uint64_t i = 0; i < kLongestWalked; ++i) insert(0x1000 + 256 * i);
   EXPECT_EQ(areas.obtained(), before);
@@ -164,7 +169,7 @@ TEST_F(HashIndexTest, ChainsUpTo64NodesObtainNothing) {
 
 TEST_F(HashIndexTest, ManyShortChainsObtainNothingUpTo2048Nodes) {
   const Areas areas(host, kSubPool);
-  open(packerFunction);
+  open();
   const std::uint64_t before = areas.obtained();
   const auto indexes = [&] { return env().pMemThreadBlk->pHashIndexes; };
   for (std::uint64_t i = 0; i < 2048; ++i) insert(0x1000 + 2 * i);  // 16 in each of 128 buckets
@@ -179,7 +184,7 @@ TEST_F(HashIndexTest, ManyShortChainsObtainNothingUpTo2048Nodes) {
 TEST_F(HashIndexTest, ClosingReturnsTheIndex) {
   const Areas areas(host, kSubPool);
   const std::uint64_t before = areas.live();
-  open(packerFunction);
+  open();
   for (std::uint64_t i = 0; i < 5000; ++i) insert(0x1000 + 8 * i);
   EXPECT_NE(env().pMemThreadBlk->pHashIndexes, nullptr);
   close();
@@ -188,7 +193,7 @@ TEST_F(HashIndexTest, ClosingReturnsTheIndex) {
 }
 
 TEST_F(HashIndexTest, ManyAddressesInAnyOrderStayFindable) {
-  open(packerFunction);
+  open();
   std::mt19937_64 random(20261121);
   std::vector<std::uint64_t> keys;
   for (std::uint64_t i = 0; i < 20000; ++i) keys.push_back(0x7F0000000000 + 8 * i);
@@ -207,7 +212,7 @@ TEST_F(HashIndexTest, ManyAddressesInAnyOrderStayFindable) {
 TEST_F(HashIndexTest, NeighboursAtTheIndexsEndStayFindable) {
   for (std::uint64_t base = 0x1000000; base < 0x3000000; base += 0x123000) {
     for (std::vector<std::uint64_t> &chain : chains) chain.clear();
-    open(packerFunction);
+    open();
     for (std::uint64_t i = 0; i <= kLongestWalked; ++i) insert(base + 256 * i);
     for (std::uint64_t i = 0; i < 400; ++i) insert(base + 0x10000 + 4096 * (i / 50) + 2 * (i % 50));
     for (std::uint64_t i = 0; i < 100; ++i) insert(base + 0x20000 + 4096 * i);
@@ -223,7 +228,7 @@ TEST_F(HashIndexTest, NeighboursAtTheIndexsEndStayFindable) {
 TEST_F(HashIndexTest, KeysCloseTogetherStayFindable) {
   for (const std::uint64_t apart : {1U, 2U, 3U, 4U, 8U, 12U, 17U}) {
     for (std::vector<std::uint64_t> &chain : chains) chain.clear();
-    open(packerFunction);
+    open();
     const auto keyAt = [apart](std::uint64_t i) { return 0x1003 + apart * i; };
     for (std::uint64_t i = 0; i < 20000; ++i) insert(keyAt(i * 7 % 20000));
     for (std::uint64_t i = 0; i < 20000; ++i) expectKnown(keyAt(i));
@@ -235,7 +240,7 @@ TEST_F(HashIndexTest, KeysCloseTogetherStayFindable) {
 }
 
 TEST_F(HashIndexTest, ZeroAndExtremeKeysAreKeysLikeOthers) {
-  open(packerFunction);
+  open();
   for (std::uint64_t i = 1; i <= 100; ++i) insert(256 * i);
   expectUnknown(0);
   expectUnknown(~std::uint64_t{0});
@@ -247,7 +252,7 @@ TEST_F(HashIndexTest, ZeroAndExtremeKeysAreKeysLikeOthers) {
 }
 
 TEST_F(HashIndexTest, DeletingGivesTheIndexUpAndKeepsTheTable) {
-  open(packerFunction);
+  open();
   for (std::uint64_t i = 0; i < 3000; ++i) insert(0x2000 + 8 * i);
   ASSERT_NE(env().pMemThreadBlk->pHashIndexes, nullptr);
   remove(0x2000 + 8 * 500);
@@ -263,11 +268,12 @@ TEST_F(HashIndexTest, DeletingGivesTheIndexUpAndKeepsTheTable) {
 }
 
 TEST_F(HashIndexTest, TwoTablesOfAThreadKeepApart) {
-  open(packerFunction);
+  open();
   for (std::uint64_t i = 0; i < 3000; ++i) insert(0x1000 + 8 * i);
   const HMEMHASH first = table;
-  HMEMHASH second = nullptr;
-  ASSERT_EQ(mem.MEM_HashOpen(&second, kKeyOff, 8, 127, packerFunction, 64, kSubPool), 0);
+  open();
+  const HMEMHASH second = table;
+  table = first;
   for (std::uint64_t i = 0; i < 3000; ++i) {
     const Record record{7, 0x1000 + 8 * i};
     void *stored = nullptr;
@@ -278,7 +284,6 @@ TEST_F(HashIndexTest, TwoTablesOfAThreadKeepApart) {
   void *found = nullptr;
   ASSERT_EQ(mem.MEM_HashGetEntry(second, &key, &found), 0);
   EXPECT_EQ(static_cast<Record *>(found)->value, 7U);
-  table = first;
   expectKnown(key);
   close();
   ASSERT_EQ(mem.MEM_HashGetEntry(second, &key, &found), 0);
@@ -286,27 +291,44 @@ TEST_F(HashIndexTest, TwoTablesOfAThreadKeepApart) {
   ASSERT_EQ(mem.MEM_HashClose(second), 0);
 }
 
-// A caller's keys may change in place, so its chains are always walked.
+// A caller's keys may change in place, so its chains are always walked, whatever function it gives.
 TEST_F(HashIndexTest, CallersTablesNeverGetOne) {
+  open();
+  const auto packers = load<MEMHashFunc>(table, 16);
+  close();
+  for (const MEMHashFunc function : {oneBucket, packers}) {
+    ASSERT_EQ(mem.MEM_HashOpen(&table, kKeyOff, 8, 127, function, 64, kSubPool), 0);
+    isOneBucket = function == oneBucket;
+    const Areas areas(host, kSubPool);
+    const std::uint64_t before = areas.obtained();
+    for (std::uint64_t i = 0; i < 1000; ++i) insert(256 * i);
+    EXPECT_EQ(areas.obtained(), before);
+    std::uint64_t key = 256 * 900;
+    void *found = nullptr;
+    ASSERT_EQ(mem.MEM_HashGetEntry(table, &key, &found), 0);
+    static_cast<Record *>(found)->key = 256 * 5000;
+    key = 256 * 5000;
+    void *moved = nullptr;
+    EXPECT_EQ(mem.MEM_HashGetEntry(table, &key, &moved), 0);
+    EXPECT_EQ(moved, found);
+    close();
+  }
+}
+
+// The packer vouches for its own hash function only, and sees it called for each key otherwise.
+TEST_F(HashIndexTest, AnotherFunctionThatAHostHasPutInGetsNone) {
   isOneBucket = true;
   const Areas areas(host, kSubPool);
-  open(oneBucket);
+  open(8, oneBucket);
   const std::uint64_t before = areas.obtained();
   for (std::uint64_t i = 0; i < 1000; ++i) insert(i);
   EXPECT_EQ(areas.obtained(), before);
-  std::uint64_t key = 900;
-  void *found = nullptr;
-  ASSERT_EQ(mem.MEM_HashGetEntry(table, &key, &found), 0);
-  static_cast<Record *>(found)->key = 5000;
-  key = 5000;
-  void *moved = nullptr;
-  EXPECT_EQ(mem.MEM_HashGetEntry(table, &key, &moved), 0);
-  EXPECT_EQ(moved, found);
+  expectChains();
 }
 
 TEST_F(HashIndexTest, KeysOfAnotherLengthNeverGetOne) {
   const Areas areas(host, kSubPool);
-  open(packerFunction, 7);
+  open(7);
   const std::uint64_t before = areas.obtained();
   for (std::uint64_t i = 0; i < 200; ++i) insert(0x1000 + 256 * i);
   EXPECT_EQ(areas.obtained(), before);
@@ -315,7 +337,7 @@ TEST_F(HashIndexTest, KeysOfAnotherLengthNeverGetOne) {
 
 TEST_F(HashIndexTest, WithoutAThreadBlockChainsAreWalked) {
   const Areas areas(host, kSubPool);
-  open(packerFunction);
+  open();
   MEMThreadBlock *const block = env().pMemThreadBlk;
   env().pMemThreadBlk = nullptr;
   const std::uint64_t before = areas.obtained();
@@ -328,7 +350,7 @@ TEST_F(HashIndexTest, WithoutAThreadBlockChainsAreWalked) {
 
 // An index that appears, or is asked for, while its thread block is away.
 TEST_F(HashIndexTest, ATableWhoseThreadBlockIsAwayIsWalked) {
-  open(packerFunction);
+  open();
   for (std::uint64_t i = 0; i < 3000; ++i) insert(0x1000 + 8 * i);
   MEMThreadBlock *const block = env().pMemThreadBlk;
   env().pMemThreadBlk = nullptr;
@@ -344,7 +366,7 @@ TEST_F(HashIndexTest, RefusedStorageLeavesTheTableAsItWouldBe) {
   constexpr std::uint64_t kKeys = 70000;  // three areas in turn
   for (std::uint64_t refused = 1; refused <= 3; ++refused) {
     for (std::vector<std::uint64_t> &chain : chains) chain.clear();
-    open(packerFunction);
+    open();
     static std::uint64_t asked;
     static std::uint64_t refusedNow;
     static MEMThreadEnv *thread;
@@ -381,7 +403,7 @@ TEST_F(HashIndexTest, AnIndexThatMayNotGrowFourfoldDoubles) {
   refused = 0;
   mostObtained = 0;
   own = mem.MEM_Alloc;
-  open(packerFunction);
+  open();
   mem.MEM_Alloc = [](std::uint32_t size, std::int16_t subPool) -> void * {
     if (mostObtained != 0 && size > 3 * mostObtained) {
       ++refused;
@@ -403,7 +425,7 @@ TEST_F(HashIndexTest, AnIndexThatMayNotGrowFourfoldDoubles) {
 TEST_F(HashIndexTest, AnIndexOfFewNodesAnswers) {
   for (std::uint64_t left = 0; left < 4; ++left) {
     for (std::vector<std::uint64_t> &chain : chains) chain.clear();
-    open(packerFunction);
+    open();
     for (std::uint64_t i = 0; i <= 2048; ++i) insert(0x1000 + 2 * i);
     for (std::uint64_t i = left; i <= 2048; ++i) remove(0x1000 + 2 * i);
     EXPECT_EQ(env().pMemThreadBlk->pHashIndexes, nullptr);
@@ -416,6 +438,37 @@ TEST_F(HashIndexTest, AnIndexOfFewNodesAnswers) {
     expectChains();
     close();
   }
+}
+
+// The port string writer's tables, too: a list of more structures than chains are walked for.
+TEST_F(HashIndexTest, APortStringsRegistryGetsOne) {
+  struct Item {
+    const Item *next;
+  };
+  Defs defs;
+  defs.add(1, sizeof(Item), {Field(1, MEM_PORT_PNT, 8, 0).of(1)});
+  std::vector<Item> items(5000);
+  for (std::size_t i = 0; i + 1 < items.size(); ++i) items[i].next = &items[i + 1];
+
+  static MEM_HashCloseFn *own;
+  static MEMThreadEnv *thread;
+  static void *indexes;
+  own = mem.MEM_HashClose;
+  thread = &env();
+  indexes = nullptr;
+  mem.MEM_HashClose = [](HMEMHASH registry) {
+    indexes = thread->pMemThreadBlk->pHashIndexes;
+    return own(registry);
+  };
+  HMEMHEAP heap = nullptr;
+  ASSERT_EQ(mem.MEM_HeapOpen(&heap, 16, kSubPool), 0);
+  std::uint32_t length = 0;
+  MEMPortChunk *chunk = nullptr;
+  EXPECT_EQ(mem.MEM_StructToPortStr(defs.table(), 1, items.data(), 0, heap, &length, &chunk), 0);
+  EXPECT_NE(indexes, nullptr);
+  EXPECT_EQ(env().pMemThreadBlk->pHashIndexes, nullptr);
+  mem.MEM_HashClose = own;
+  EXPECT_EQ(mem.MEM_HeapClose(heap), 0);
 }
 
 // A host's own services for the same tables, which know nothing of an index: the table's blocks are
@@ -511,7 +564,7 @@ class PastTheIndexTest : public HashIndexTest {
     for (std::vector<std::uint64_t> &chain : chains) chain.clear();
     records_.clear();
     deleted_.clear();
-    open(packerFunction);
+    open();
     for (std::uint64_t i = 0; i < kCount; ++i) put(keyAt(i));
     ASSERT_NE(indexes(), nullptr);
   }
@@ -657,7 +710,7 @@ TEST_F(PastTheIndexTest, ANodeInUseAgainHasItsNewKey) {
 
 // A host's own insert need not look for the key.
 TEST_F(PastTheIndexTest, OfTwoRecordsWithOneKeyTheFirstIsFound) {
-  open(packerFunction);
+  open();
   const auto insertAnyway = [&](std::uint64_t key) {
     void *first = *OwnServices::linkTo(table, &key);
     store<std::uint64_t>(first, 8 + kKeyOff, ~key);
@@ -744,7 +797,7 @@ TEST_F(PastTheIndexTest, ATableAtTheAddressOfAClosedOneHasNothingOfIt) {
     ASSERT_NE(indexes(), nullptr);
     for (std::vector<std::uint64_t> &chain : chains) chain.clear();
     records_.clear();
-    by(opener, [&] { open(packerFunction); });
+    by(opener, [&] { open(); });
     if (opener == By::library) {
       EXPECT_EQ(indexes(), nullptr);
     }
@@ -761,6 +814,47 @@ TEST_F(PastTheIndexTest, ATableAtTheAddressOfAClosedOneHasNothingOfIt) {
   mem.MEM_Free = ownFree;
   mem.MEM_Alloc = ownAlloc;
   mem.MEM_Free(block, kBlockLen, kSubPool);
+}
+
+// A host's own table where the library had one that another thread has closed: nothing of it may
+// change when the packer opens it.
+TEST_F(PastTheIndexTest, AHostsTableAtTheAddressOfAClosedOneIsLeftAlone) {
+  static std::uint8_t block[127 * 8 + 56];
+  static MEMFunctionVector own;
+  static HMEMHASH closed;
+  static std::uint8_t storedRecord[64];
+  own = mem;
+  for (const By closer : {By::otherThread, By::noEnvironment, By::noThreadBlock}) {
+    mem.MEM_Alloc = [](std::uint32_t size, std::int16_t subPool) -> void * {
+      return size == sizeof block ? block : own.MEM_Alloc(size, subPool);
+    };
+    mem.MEM_Free = [](void *area, std::uint32_t size, std::int16_t subPool) {
+      if (area != block) own.MEM_Free(area, size, subPool);
+    };
+    ASSERT_EQ(mem.MEM_HashOpen(&closed, 0, 8, 127, oneBucket, 64, kSubPool), 0);
+    by(closer, [&] { EXPECT_EQ(mem.MEM_HashClose(closed), 0); });
+    mem = own;
+
+    std::memset(block, 0x5A, sizeof block);
+    mem.MEM_HashOpen = [](HMEMHASH *phHash, std::int16_t, std::int16_t, std::int16_t,
+                          MEMHashFunc pFunc, std::int16_t, std::uint16_t) {
+      store<std::int16_t>(block, 10, 8);  // as in a table of the packer's, but for the eye-catcher
+      store(block, 16, pFunc);
+      *phHash = closed;
+      return std::int16_t{0};
+    };
+    mem.MEM_HashInsEntry = [](HMEMHASH, std::int16_t len, const void *record, void **ppNew) {
+      std::memcpy(storedRecord, record, static_cast<std::size_t>(len));
+      *ppNew = storedRecord;
+      return std::int16_t{0};
+    };
+    mem.MEM_HashClose = [](HMEMHASH) { return std::int16_t{0}; };
+    packOne();
+    mem = own;
+    store<std::int16_t>(block, 10, 0x5A5A);
+    store<std::uint64_t>(block, 16, 0x5A5A5A5A5A5A5A5A);
+    EXPECT_TRUE(allBytesAre(block, sizeof block, 0x5A));
+  }
 }
 
 TEST_F(PastTheIndexTest, AThreadThatEndsReturnsTheIndexAndLeavesTheTable) {

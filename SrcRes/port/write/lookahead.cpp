@@ -3,7 +3,7 @@
 #include <atomic>
 
 #include "base/bytes.h"
-#include "hash/hash_index.h"
+#include "hash/owned_table.h"
 #include "platform/platform.h"
 #include "port/write/port_writer.h"
 
@@ -52,7 +52,7 @@ void PortLookahead::ask(const MEMPortRef &ref) noexcept {
 void PortLookahead::askForTexts(const MEMPortRef &ref) const noexcept {
   const StructPlan *pPlan = plans_.find(ref.StructID);
   if (pPlan == nullptr) return;
-  const HashIndex *pIndex = indexToAskAhead(frame_, hRegistry_);
+  const KeyLookahead *pIndex = indexToAskAhead(frame_, hRegistry_);
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
   for (const FieldStep *pStep = pPlan->pSteps; !pStep->endsRow(); ++pStep) {
     const std::byte *pField = pStruct + pStep->offset;
@@ -67,7 +67,7 @@ void PortLookahead::askForTexts(const MEMPortRef &ref) const noexcept {
 
 void PortLookahead::askForEntries(const MEMPortRef &ref) const noexcept {
   const StructPlan *pPlan = plans_.find(ref.StructID);
-  const HashIndex *pIndex = indexToAskAhead(frame_, hRegistry_);
+  const KeyLookahead *pIndex = indexToAskAhead(frame_, hRegistry_);
   if (pPlan == nullptr || pIndex == nullptr) return;
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
   for (const FieldStep *pStep = pPlan->pSteps; !pStep->endsRow(); ++pStep) {

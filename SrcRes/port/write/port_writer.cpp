@@ -1,7 +1,7 @@
 #include "port/write/port_writer.h"
 
 #include "base/bytes.h"
-#include "hash/address_hash.h"
+#include "hash/owned_table.h"
 #include "heap/heapblocks.h"
 #include "platform/platform.h"
 #include "port/port_defs.h"
@@ -11,9 +11,17 @@ namespace mem {
 
 namespace {
 
-// Arguments of the registry. Its hash function yields 0..1998.
+// Arguments of the registry.
 constexpr std::int16_t kRegistryMax = 1998;
 constexpr std::int16_t kRegistryAreaKB = 10;
+
+// 0..1998 from an 8-byte address.
+std::int16_t MEM_PortHash(const void *pKey) noexcept {
+  constexpr std::uint64_t kModulus = kRegistryMax + 1;
+  const auto address = loadAs<std::uint64_t>(pKey);
+  const std::uint64_t hashed = address % 8 == 0 ? address / 8 : address;
+  return static_cast<std::int16_t>(hashed % kModulus);
+}
 
 // What a heap area offers behind the header of a standard heap, less a chunk's own bytes.
 constexpr std::int32_t kAreaOverhead = 72;
@@ -109,6 +117,7 @@ std::int16_t PortWriter::start() noexcept {
     return -1;
   }
   hRegistry_ = hRegistry;
+  allowIndex(frame_, hRegistry, MEM_PortHash);
   lookahead_.lookInto(hRegistry);
   return 0;
 }

@@ -122,6 +122,9 @@ class HashIndex : public ThreadArea, public KeyLookahead {
   // True when look-ups are likely to wait for storage: the slots are more than near caches hold.
   bool isLarge() const noexcept { return capacity() >= kLargeCapacity; }
 
+  // For checks (hash_check.cpp): true when what the index tells is what a walk would tell.
+  bool isValid(MEMHashCtlBlk &ctl) const noexcept;
+
  private:
   static constexpr std::uint32_t kLargeCapacity = 0x20000;  // 2 MB of slots
 
@@ -161,6 +164,8 @@ class HashIndex : public ThreadArea, public KeyLookahead {
            pFreeEntries_ == ctl.pFreeEntries;
   }
 
+  bool hasValidSlots() const noexcept;
+  bool knowsChain(MEMHashCtlBlk &ctl, std::int16_t index, std::uint32_t &known) const noexcept;
   MEM_NOINLINE static void make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
   MEM_NOINLINE void grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
   void fill(MEMHashCtlBlk &ctl) noexcept;

@@ -4,8 +4,10 @@
 #include "base/bytes.h"
 #include "base/copybytes.h"
 #include "frame/callframe.h"
+#include "hash/hash_check.h"
 #include "hash/hash_index.h"
 #include "hash/hashblocks.h"
+#include "platform/check.h"
 
 namespace mem {
 
@@ -165,6 +167,7 @@ std::int16_t MEM_HashOpen(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t Ke
   }
   *phHash = reinterpret_cast<HMEMHASH>(pCtl);
   HashIndex::noteOpened(frame, *pCtl);
+  MEM_ASSERT_VALID(isValidTable(frame, *pCtl));
   return frame.succeed();
 }
 
@@ -209,6 +212,7 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   } else {
     HashIndex::noteWalked(frame, ctl, place.passed);
   }
+  MEM_ASSERT_VALID(isValidTable(frame, ctl));
   return frame.succeed();
 }
 
@@ -245,6 +249,7 @@ std::int16_t MEM_HashDelEntry(HMEMHASH hMemHash, const void *pKey) noexcept {
   *ppLink = pNode->pNext;
   pNode->pNext = ctl.pFreeEntries;
   ctl.pFreeEntries = pNode;
+  MEM_ASSERT_VALID(isValidTable(frame, ctl));
   return frame.succeed();
 }
 

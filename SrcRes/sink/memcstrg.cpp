@@ -1,10 +1,12 @@
 // String sink: one shared, sorted, write-protected copy of each string of the process. Entry
 // points, start and stop, the common workers.
 #include <cstring>
-#include <optional>
 
 #include "base/bytes.h"
 #include "frame/callframe.h"
+#include "frame/outcome.h"
+#include "platform/check.h"
+#include "sink/sink_check.h"
 #include "sink/sink_compare.h"
 #include "sink/sink_index.h"
 #include "sink/sink_space.h"
@@ -24,17 +26,20 @@ constexpr EntryPoint kWSinkString{"MEM_WSinkString", kSourceStrg, 452, 464};
 constexpr EntryPoint kWSinkDelete{"MEM_WSinkDelete", kSourceStrg, 492, 504};
 constexpr EntryPoint kWSinkVerify{"MEM_WSinkVerify", kSourceStrg, 0, 544};
 
-// How a call ended that did not succeed. A failed host call's own error has been kept as the inner
-// one by then.
-struct SinkFailure {
-  std::uint32_t code;
-  ErrorText name;
-  const char *detail = "";
-};
-using SinkOutcome = std::optional<SinkFailure>;
+// Names of failures that more than one step has.
+constexpr char kStorageName[] = "GetVSTGErr";
+constexpr char kProtectionName[] = "ProtPageErr";
+constexpr char kWritableName[] = "ProtPageErrReadWrite";
+constexpr char kReadOnlyName[] = "ProtPageErrReadOnly";
 
-SinkFailure failure(std::uint32_t code, const char *pName) noexcept {
-  return {code, ErrorText(pName)};
+StepFailure failure(std::uint32_t code, const char *pName) noexcept {
+  return {.code = code, .text = ErrorText(pName)};
+}
+
+// Why there is no block. REQUIRES: one was not obtained, or not protected.
+const char *nameOf(SpaceResult result) noexcept {
+  MEM_ASSERT(result == SpaceResult::noStorage || result == SpaceResult::noProtection);
+  return result == SpaceResult::noProtection ? kProtectionName : kStorageName;
 }
 
 // The process block of a running sink, or null. Asked without the gate: the first block stays where
@@ -47,9 +52,11 @@ MEMProcessBlock *sinkProcess() noexcept {
 // The sink gate, held from a successful acquire() to the end of the scope.
 class GateHold {
  public:
-  explicit GateHold(std::uint32_t hGate) noexcept : hGate_(hGate) {}
+  explicit GateHold(MEMProcessBlock &process) noexcept : process_(process), hGate_(process.Gate) {}
   ~GateHold() noexcept {
-    if (isHeld_) runtimeServices().ReleaseGate(hGate_);
+    if (!isHeld_) return;
+    MEM_ASSERT_VALID(isValidSink(process_));
+    runtimeServices().ReleaseGate(hGate_);
   }
   GateHold(const GateHold &) = delete;
   GateHold &operator=(const GateHold &) = delete;
@@ -60,6 +67,7 @@ class GateHold {
   }
 
  private:
+  MEMProcessBlock &process_;
   const std::uint32_t hGate_;
   bool isHeld_ = false;
 };
@@ -71,67 +79,57 @@ class SinkCall {
       : frame_(frame), pProcess_(sinkProcess()), text_{nullptr, 0, isWide}, pText_(pText) {}
 
   // The common workers. Each returns the result of the call.
-  std::int16_t MEM_SinkStringCommon(const void **ppSunk) noexcept;
-  std::int16_t MEM_SinkVerifyCommon(const void **ppSunk) noexcept;
-  std::int16_t MEM_SinkDeleteCommon() noexcept;
+  std::int16_t MEM_SinkStringCommon(const void **ppSunk) noexcept {
+    return end(sink(ppSunk), Echo::ofSinking);
+  }
+  std::int16_t MEM_SinkVerifyCommon(const void **ppSunk) noexcept {
+    return end(verify(ppSunk), Echo::ofLookUp);
+  }
+  std::int16_t MEM_SinkDeleteCommon() noexcept { return end(deleteUse(), Echo::ofLookUp); }
 
  private:
-  SinkOutcome sink(const void **ppSunk) noexcept;
-  SinkOutcome addCopy(SinkPlace place, const void **ppSunk) noexcept;
-  SinkOutcome writeCopy(const SinkRun &run, const SinkRoom &room) noexcept;
-  void takeBack(const SinkRun &run, const SinkRoom &room, bool isCounted) noexcept;
-  SinkOutcome verify(const void **ppSunk, bool &isFound) noexcept;
-  SinkOutcome giveUp(bool &isFound) noexcept;
-  SinkOutcome erase(std::uint32_t slot) noexcept;
-  SinkRoom reservedRoom(std::uint8_t *pCopy, const MEMSinkSegment &segment) const noexcept;
+  Outcome sink(const void **ppSunk) noexcept;
+  Outcome verify(const void **ppSunk) noexcept;
+  Outcome deleteUse() noexcept;
+  std::int16_t end(const Outcome &failed, Echo echo) noexcept;
+
+  Outcome addCopy(SinkPlace place, const void **ppSunk) noexcept;
+  Outcome reserve(const SinkRoom &room, SinkRun &run) noexcept;
+  Outcome writeCopy(const SinkRun &run, const SinkRoom &room) noexcept;
+  Outcome erase(std::uint32_t slot) noexcept;
   void keepForEcho() noexcept;
   SinkPlace find() noexcept;
 
   // Keeps the host's own error and names the sink's.
-  SinkFailure hostFailure(std::uint32_t code, const char *pName) noexcept;
-  SinkFailure spaceFailure(SpaceResult result) noexcept;
-  SinkFailure badAddress() const noexcept;
-  std::int16_t fail(const SinkFailure &failed, Echo echo) noexcept;
-  std::int16_t finishNotFound() noexcept { return frame_.finish(MEMERR_SINKNFND); }
+  StepFailure hostFailure(std::uint32_t code, const char *pName) noexcept;
+  StepFailure badAddress() const noexcept;
 
   CallFrame &frame_;
   MEMProcessBlock *const pProcess_;
   SinkText text_;  // measured once the pointer is known to be there
   const void *const pText_;
+  bool isAbsent_ = false;            // from the sink, which is no failure but a result of its own
   std::uint8_t kept_[kEchoedBytes];  // start of a text that is being erased
 };
 
-SinkFailure SinkCall::hostFailure(std::uint32_t code, const char *pName) noexcept {
+StepFailure SinkCall::hostFailure(std::uint32_t code, const char *pName) noexcept {
   frame_.keepHostError();
   return failure(code, pName);
 }
 
-SinkFailure SinkCall::spaceFailure(SpaceResult result) noexcept {
-  switch (result) {
-    case SpaceResult::noStorage:
-      return hostFailure(MEMERR_SINKVSTG, "GetVSTGErr");
-    case SpaceResult::noProtection: {
-      // Kept first: giving the block back may fail, too.
-      const SinkFailure failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErr");
-      releaseBlock(pProcess_->Segments[--pProcess_->SegmentCount]);
-      return failed;
-    }
-    default:
-      return failure(MEMERR_SINKNOSPACE, "AllSinkBlksFull");
-  }
-}
-
 // The text of a copy stands at an address that is not its own, or in no block.
-SinkFailure SinkCall::badAddress() const noexcept {
-  return {MEMERR_SINKIERR, ErrorText("Bad SinkPtr=").pointer(pText_), "Bad Sink Block Pointer"};
+StepFailure SinkCall::badAddress() const noexcept {
+  return {.code = MEMERR_SINKIERR,
+          .text = ErrorText("Bad SinkPtr=").pointer(pText_),
+          .pDetail = "Bad Sink Block Pointer"};
 }
 
-std::int16_t SinkCall::fail(const SinkFailure &failed, Echo echo) noexcept {
-  echoInput(frame_, text_, echo);
-  return frame_.fail({.code = failed.code,
-                      .text = failed.name.c_str(),
-                      .marksComponent = true,
-                      .detail = failed.detail});
+std::int16_t SinkCall::end(const Outcome &failed, Echo echo) noexcept {
+  if (failed) {
+    echoInput(frame_, text_, echo);
+    return finishWith(frame_, *failed);
+  }
+  return isAbsent_ ? frame_.finish(MEMERR_SINKNFND) : frame_.succeed();
 }
 
 SinkPlace SinkCall::find() noexcept {
@@ -144,20 +142,13 @@ SinkPlace SinkCall::find() noexcept {
   return place;
 }
 
-std::int16_t SinkCall::MEM_SinkStringCommon(const void **ppSunk) noexcept {
-  if (pText_ == nullptr) {
-    return fail(failure(MEMERR_SINKITEXT, "InputTextPtrNull"), Echo::ofSinking);
-  }
+Outcome SinkCall::sink(const void **ppSunk) noexcept {
+  if (pText_ == nullptr) return failure(MEMERR_SINKITEXT, "InputTextPtrNull");
   text_ = measureText(pText_, text_.isWide);
   traceSinking(frame_, text_);
-  if (pProcess_ == nullptr) return fail(failure(MEMERR_SINKIERR, ""), Echo::ofSinking);
-  if (ppSunk == nullptr) return fail(failure(MEMERR_SINKIERR, "SinkVerifyErr"), Echo::ofSinking);
-  if (const SinkOutcome failed = sink(ppSunk)) return fail(*failed, Echo::ofSinking);
-  return frame_.succeed();
-}
-
-SinkOutcome SinkCall::sink(const void **ppSunk) noexcept {
-  GateHold gate(pProcess_->Gate);
+  if (pProcess_ == nullptr) return failure(MEMERR_SINKIERR, "");
+  if (ppSunk == nullptr) return failure(MEMERR_SINKIERR, "SinkVerifyErr");
+  GateHold gate(*pProcess_);
   if (!gate.acquire()) return hostFailure(MEMERR_SINKLGATE, "ListGateAcq");
   const SinkPlace place = find();
   if (!place.isFound) return addCopy(place, ppSunk);
@@ -167,98 +158,29 @@ SinkOutcome SinkCall::sink(const void **ppSunk) noexcept {
   return {};
 }
 
-// Reserves, writes and indexes a copy, or leaves everything as it was.
-SinkOutcome SinkCall::addCopy(SinkPlace place, const void **ppSunk) noexcept {
-  const SinkRoom room = roomFor(text_);
-  traceRoom(frame_, text_, room);
-  SinkRun run;
-  const SpaceResult reserved = reserveRun(*pProcess_, room, run);
-  if (reserved == SpaceResult::full) traceOutOfSpace(frame_, text_, room);
-  if (reserved != SpaceResult::done) return spaceFailure(reserved);
-  traceRun(frame_, run, room);
-  if (SinkOutcome failed = writeCopy(run, room)) return failed;
-  if (!makeRoom(*pProcess_, place)) {
-    const SinkFailure failed = hostFailure(MEMERR_SINKVSTG, "GetVSTGErr");
-    takeBack(run, room, true);
-    return failed;
-  }
-  insertSlot(frame_, *pProcess_, place, run.address());
-  *ppSunk = run.address();
-  return {};
-}
-
-// Only the copy's own bytes are writable, and only here and while it is erased.
-SinkOutcome SinkCall::writeCopy(const SinkRun &run, const SinkRoom &room) noexcept {
-  std::uint8_t *pCopy = run.address();
-  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
-    const SinkFailure failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadWrite");
-    releaseRun(run, room);
-    return failed;
-  }
-  std::memset(pCopy, 0, static_cast<std::size_t>(room.reservedLen));
-  std::memcpy(pCopy, text_.pBytes, text_.length);
-  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY)) {
-    const SinkFailure failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadOnly");
-    takeBack(run, room, false);
-    return failed;
-  }
-  countCopy(*run.pSegment, room);
-  return {};
-}
-
-// Undoes a written copy after a failure: bytes, lengths and map bits. The bytes are cleared where
-// the host lets them be.
-void SinkCall::takeBack(const SinkRun &run, const SinkRoom &room, bool isCounted) noexcept {
-  std::uint8_t *pCopy = run.address();
-  if (protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
-    std::memset(pCopy, 0, static_cast<std::size_t>(room.reservedLen));
-    protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY);
-  }
-  if (isCounted) uncountCopy(*run.pSegment, room);
-  releaseRun(run, room);
-}
-
-std::int16_t SinkCall::MEM_SinkVerifyCommon(const void **ppSunk) noexcept {
-  if (pText_ == nullptr) {
-    return fail(failure(MEMERR_SINKITEXT, "InputTextPtrNull"), Echo::ofLookUp);
-  }
+Outcome SinkCall::verify(const void **ppSunk) noexcept {
+  if (pText_ == nullptr) return failure(MEMERR_SINKITEXT, "InputTextPtrNull");
   text_ = measureText(pText_, text_.isWide);
-  if (ppSunk == nullptr) {
-    return fail(failure(MEMERR_SINKSTEXT, "SinkTextPtrNull"), Echo::ofLookUp);
-  }
-  if (pProcess_ == nullptr) return fail(failure(MEMERR_SINKIERR, ""), Echo::ofLookUp);
-  bool isFound = false;
-  if (const SinkOutcome failed = verify(ppSunk, isFound)) return fail(*failed, Echo::ofLookUp);
-  return isFound ? frame_.succeed() : finishNotFound();
-}
-
-SinkOutcome SinkCall::verify(const void **ppSunk, bool &isFound) noexcept {
-  GateHold gate(pProcess_->Gate);
+  if (ppSunk == nullptr) return failure(MEMERR_SINKSTEXT, "SinkTextPtrNull");
+  if (pProcess_ == nullptr) return failure(MEMERR_SINKIERR, "");
+  GateHold gate(*pProcess_);
   if (!gate.acquire()) return hostFailure(MEMERR_SINKLGATE, "ListGateAcq");
   const SinkPlace place = find();
-  isFound = place.isFound;
-  if (isFound) *ppSunk = sinkSlots(*pProcess_)[place.slot].pCopy;
+  isAbsent_ = !place.isFound;
+  if (place.isFound) *ppSunk = sinkSlots(*pProcess_)[place.slot].pCopy;
   return {};
 }
 
-std::int16_t SinkCall::MEM_SinkDeleteCommon() noexcept {
+Outcome SinkCall::deleteUse() noexcept {
   traceDeleting(frame_, pText_);
-  if (pText_ == nullptr) {
-    return fail(failure(MEMERR_SINKIERR, "SinkVerifyErr"), Echo::ofLookUp);
-  }
+  if (pText_ == nullptr) return failure(MEMERR_SINKIERR, "SinkVerifyErr");
   text_ = measureText(pText_, text_.isWide);
-  if (pProcess_ == nullptr) return fail(failure(MEMERR_SINKIERR, ""), Echo::ofLookUp);
-  bool isFound = false;
-  if (const SinkOutcome failed = giveUp(isFound)) return fail(*failed, Echo::ofLookUp);
-  return isFound ? frame_.succeed() : finishNotFound();
-}
-
-SinkOutcome SinkCall::giveUp(bool &isFound) noexcept {
-  GateHold gate(pProcess_->Gate);
+  if (pProcess_ == nullptr) return failure(MEMERR_SINKIERR, "");
+  GateHold gate(*pProcess_);
   if (!gate.acquire()) return hostFailure(MEMERR_SINKLGATE, "ListGateAcq");
   const SinkPlace place = find();
-  isFound = place.isFound;
-  if (!isFound) return {};
+  isAbsent_ = !place.isFound;
+  if (!place.isFound) return {};
   SinkSlot &slot = sinkSlots(*pProcess_)[place.slot];
   if (slot.pCopy != pText_) return badAddress();
   if (slot.uses == 1) return erase(place.slot);
@@ -266,43 +188,78 @@ SinkOutcome SinkCall::giveUp(bool &isFound) noexcept {
   return {};
 }
 
-// The last use is gone: bytes, map bits, lengths and slot. A refusal to make the copy writable
-// leaves all of it; one to protect it again leaves nothing of it, and the host is asked once more.
-SinkOutcome SinkCall::erase(std::uint32_t slot) noexcept {
-  std::uint8_t *pCopy = sinkSlots(*pProcess_)[slot].pCopy;
-  MEMSinkSegment *pSegment = segmentOf(*pProcess_, pCopy);
-  if (pSegment == nullptr) return badAddress();
-  const SinkRoom room = reservedRoom(pCopy, *pSegment);
-  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
-    return hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadWrite");
+// Reserves, writes and indexes a copy, or leaves everything as it was.
+Outcome SinkCall::addCopy(SinkPlace place, const void **ppSunk) noexcept {
+  const SinkRoom room = roomFor(text_);
+  traceRoom(frame_, text_, room);
+  SinkRun run;
+  if (Outcome failed = reserve(room, run)) return failed;
+  traceRun(frame_, run, room);
+  if (Outcome failed = writeCopy(run, room)) return failed;
+  if (!makeRoom(*pProcess_, place)) {
+    const StepFailure failed = hostFailure(MEMERR_SINKVSTG, kStorageName);
+    takeBack(run, room);
+    uncountCopy(*run.pSegment, room);
+    return failed;
   }
-  keepForEcho();
-  std::memset(pCopy, 0, static_cast<std::size_t>(room.reservedLen));
-  SinkOutcome failed;
-  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY)) {
-    failed = hostFailure(MEMERR_SINKVSTG, "ProtPageErrReadOnly");
-    protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY);
+  insertSlot(frame_, *pProcess_, place, run.address());
+  *ppSunk = run.address();
+  return {};
+}
+
+// The host's error is kept first: returning a block that is not protected may fail, too.
+Outcome SinkCall::reserve(const SinkRoom &room, SinkRun &run) noexcept {
+  const SpaceResult reserved = reserveRun(*pProcess_, room, run);
+  if (reserved == SpaceResult::done) return {};
+  if (reserved == SpaceResult::full) {
+    traceOutOfSpace(frame_, text_, room);
+    return failure(MEMERR_SINKNOSPACE, "AllSinkBlksFull");
   }
-  const auto granule = static_cast<std::uint32_t>((pCopy - pSegment->pSpace) / kSinkGranule);
-  releaseRun({pSegment, granule}, room);
-  uncountCopy(*pSegment, room);
-  removeSlot(*pProcess_, slot);
+  const StepFailure failed = hostFailure(MEMERR_SINKVSTG, nameOf(reserved));
+  if (reserved == SpaceResult::noProtection) releaseLastBlock(*pProcess_);
   return failed;
 }
 
-// What a copy reserved when it was written. Narrow text of odd length and wide text that ends in a
-// unit below 256 look alike, but the wide one reserved a granule more. That granule is the copy's
-// if it is in use, zero, and not the copy of the empty text, which sorts first.
-SinkRoom SinkCall::reservedRoom(std::uint8_t *pCopy, const MEMSinkSegment &segment) const noexcept {
-  const std::size_t end = copyEnd(pCopy);
-  const bool isEvenText = end == 0 || pCopy[end - 1] != 0;
-  const SinkRoom evenRoom{end, end + 2, end + 4};
-  if (isEvenText) return evenRoom;
-  const SinkRoom oddRoom{end - 1, end + 1, end + 2};
-  const std::uint8_t *pExtra = pCopy + end + 2;
-  if (pExtra > segment.pLast || !isGranuleUsed(segment, pExtra)) return oddRoom;
-  if (pExtra[0] != 0 || pExtra[1] != 0) return oddRoom;
-  return sinkSlots(*pProcess_)[pProcess_->First].pCopy == pExtra ? oddRoom : evenRoom;
+// Only the copy's own bytes are writable, and only here and while it is erased.
+Outcome SinkCall::writeCopy(const SinkRun &run, const SinkRoom &room) noexcept {
+  std::uint8_t *pCopy = run.address();
+  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
+    const StepFailure failed = hostFailure(MEMERR_SINKVSTG, kWritableName);
+    releaseRun(run, room);
+    return failed;
+  }
+  std::memset(pCopy, 0, static_cast<std::size_t>(room.reservedLen));
+  std::memcpy(pCopy, text_.pBytes, text_.length);
+  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY)) {
+    const StepFailure failed = hostFailure(MEMERR_SINKVSTG, kReadOnlyName);
+    takeBack(run, room);
+    return failed;
+  }
+  countCopy(*run.pSegment, room);
+  return {};
+}
+
+// The last use is gone: bytes, map bits, lengths and slot. A refusal to make the copy writable
+// leaves all of it; one to protect it again leaves nothing of it, and the host is asked once more.
+Outcome SinkCall::erase(std::uint32_t slot) noexcept {
+  std::uint8_t *pCopy = sinkSlots(*pProcess_)[slot].pCopy;
+  MEMSinkSegment *pSegment = segmentOf(*pProcess_, pCopy);
+  if (pSegment == nullptr) return badAddress();
+  const SinkRoom room = reservedRoom(*pProcess_, *pSegment, pCopy);
+  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
+    return hostFailure(MEMERR_SINKVSTG, kWritableName);
+  }
+  keepForEcho();
+  std::memset(pCopy, 0, static_cast<std::size_t>(room.reservedLen));
+  Outcome failed;
+  if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY)) {
+    failed = hostFailure(MEMERR_SINKVSTG, kReadOnlyName);
+    protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY);
+  }
+  releaseRun(runAt(*pSegment, pCopy), room);
+  uncountCopy(*pSegment, room);
+  removeSlot(*pProcess_, slot);
+  return failed;
 }
 
 // The text of a delete is the copy itself, and a failure echoes it when the copy is gone.
@@ -348,25 +305,31 @@ std::int16_t failStart(CallFrame &frame, MEMProcessBlock &process, const char *p
 // A call that stores the address of a copy: sinking or verifying.
 using StoringWorker = std::int16_t (SinkCall::*)(const void **) noexcept;
 
-template <class Char>
-std::int16_t storeSunk(const EntryPoint &entryPoint, const Char *pText, const Char **ppSunk,
-                       StoringWorker worker) noexcept {
+// Only the wide entry points need a thread environment.
+template <class Char, class Work>
+std::int16_t runCall(const EntryPoint &entryPoint, const Char *pText, Work work) noexcept {
   constexpr bool isWide = sizeof(Char) == sizeof(char16_t);
   CallFrame frame(entryPoint, ErrorArea::clear);
   if (isWide && frame.thread() == nullptr) return frame.finish(-1);
-  const void *pSunk = nullptr;
   SinkCall call(frame, pText, isWide);
-  const std::int16_t result = (call.*worker)(ppSunk == nullptr ? nullptr : &pSunk);
-  if (result == 0) *ppSunk = static_cast<const Char *>(pSunk);
-  return result;
+  return work(call);
+}
+
+template <class Char>
+std::int16_t storeSunk(const EntryPoint &entryPoint, const Char *pText, const Char **ppSunk,
+                       StoringWorker worker) noexcept {
+  return runCall(entryPoint, pText, [ppSunk, worker](SinkCall &call) noexcept {
+    const void *pSunk = nullptr;
+    const std::int16_t result = (call.*worker)(ppSunk == nullptr ? nullptr : &pSunk);
+    if (result == 0) *ppSunk = static_cast<const Char *>(pSunk);
+    return result;
+  });
 }
 
 template <class Char>
 std::int16_t sinkDelete(const EntryPoint &entryPoint, const Char *pSunk) noexcept {
-  constexpr bool isWide = sizeof(Char) == sizeof(char16_t);
-  CallFrame frame(entryPoint, ErrorArea::clear);
-  if (isWide && frame.thread() == nullptr) return frame.finish(-1);
-  return SinkCall(frame, pSunk, isWide).MEM_SinkDeleteCommon();
+  return runCall(entryPoint, pSunk,
+                 [](SinkCall &call) noexcept { return call.MEM_SinkDeleteCommon(); });
 }
 
 }  // namespace
@@ -386,11 +349,8 @@ std::int16_t MEM_SinkInit() noexcept {
   }
   pProcessBlk->SegmentCount = 0;
   const SpaceResult obtained = obtainBlock(*pProcessBlk);
-  if (obtained != SpaceResult::done) {
-    const bool isProtection = obtained == SpaceResult::noProtection;
-    return failStart(frame, *pProcessBlk, isProtection ? "ProtPageErr" : "GetVSTGErr");
-  }
-  if (!openIndex(*pProcessBlk)) return failStart(frame, *pProcessBlk, "GetVSTGErr");
+  if (obtained != SpaceResult::done) return failStart(frame, *pProcessBlk, nameOf(obtained));
+  if (!openIndex(*pProcessBlk)) return failStart(frame, *pProcessBlk, kStorageName);
   return frame.succeed();
 }
 

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
+#include "platform/check.h"
 #include "platform/platform.h"
-#include "sink/sink_space.h"
 #include "sink/sink_trace.h"
 
 namespace mem {
@@ -146,34 +146,46 @@ bool makeRoom(MEMProcessBlock &process, SinkPlace &place) noexcept {
   return true;
 }
 
+// The range of an empty index is put back to the top first; its first copy then goes in as any new
+// first one does, below the others.
 void insertSlot(CallFrame &frame, MEMProcessBlock &process, const SinkPlace &place,
                 std::uint8_t *pCopy) noexcept {
+  MEM_ASSERT(process.Used < process.SlotCount);
   traceInsertState(frame, process, place, pCopy);
+  const bool isOnly = process.Act == 0;
+  if (isOnly) settleAtTop(process);
+  const bool isFirst = place.slot == process.First;
+  const bool isLast = place.slot == process.End + 1;
+  const SlotMove move = openSlot(process, place.slot);
   SinkSlot *pSlots = sinkSlots(process);
-  std::uint32_t slot = 0;
-  if (process.Act == 0) {
-    slot = process.SlotCount - 1;
-    process.First = process.End = slot;
-    process.Free = static_cast<std::int32_t>(slot) - 1;
-    process.Used = 1;
-    traceInsertEmpty(frame, slot, pSlots + slot);
-  } else if (place.slot == process.First) {
-    slot = --process.First;
-    --process.Free;
-    ++process.Used;
-    traceInsertFirst(frame, slot, pSlots + slot);
+  SinkSlot *pSlot = pSlots + move.slot;
+  if (isOnly) {
+    traceInsertEmpty(frame, move.slot, pSlot);
+  } else if (isFirst) {
+    traceInsertFirst(frame, move.slot, pSlot);
+  } else if (isLast) {
+    traceInsertLast(frame, move.slot, process.Garbage, pSlot);
   } else {
-    const bool isLast = place.slot == process.End + 1;
-    const SlotMove move = openSlot(process, place.slot);
-    slot = move.slot;
-    if (isLast) {
-      traceInsertLast(frame, slot, process.Garbage, pSlots + slot);
-    } else {
-      traceInsertInside(frame, move.count, pSlots + move.to, pSlots + move.from, pSlots + slot);
-    }
+    traceInsertInside(frame, move.count, pSlots + move.to, pSlots + move.from, pSlot);
   }
-  pSlots[slot] = {pCopy, 1};
+  *pSlot = {pCopy, 1};
   ++process.Act;
+}
+
+// Narrow text of odd length and wide text that ends in a unit below 256 look alike, but the wide
+// one reserved a granule more. That granule is the copy's if it is in use, zero, and not the copy
+// of the empty text, which sorts first.
+SinkRoom reservedRoom(MEMProcessBlock &process, MEMSinkSegment &segment,
+                      const std::uint8_t *pCopy) noexcept {
+  const std::size_t end = copyEnd(pCopy);
+  const bool isEvenText = end == 0 || pCopy[end - 1] != 0;
+  const SinkRoom evenRoom{end, end + 2, end + 4};
+  if (isEvenText) return evenRoom;
+  const SinkRoom oddRoom{end - 1, end + 1, end + 2};
+  const std::uint8_t *pExtra = pCopy + end + 2;
+  if (pExtra > segment.pLast || !isUsed(runAt(segment, pExtra))) return oddRoom;
+  if (pExtra[0] != 0 || pExtra[1] != 0) return oddRoom;
+  return sinkSlots(process)[process.First].pCopy == pExtra ? oddRoom : evenRoom;
 }
 
 void removeSlot(MEMProcessBlock &process, std::uint32_t slot) noexcept {

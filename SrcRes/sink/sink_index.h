@@ -11,6 +11,7 @@
 #include "frame/callframe.h"
 #include "qj7mem00/memproc.h"
 #include "sink/sink_compare.h"
+#include "sink/sink_space.h"
 
 namespace mem {
 
@@ -47,6 +48,10 @@ bool makeRoom(MEMProcessBlock &process, SinkPlace &place) noexcept;
 // Inserts a copy with one use. REQUIRES: Used < SlotCount.
 void insertSlot(CallFrame &frame, MEMProcessBlock &process, const SinkPlace &place,
                 std::uint8_t *pCopy) noexcept;
+
+// What a copy of the index reserved in its segment when it was written.
+SinkRoom reservedRoom(MEMProcessBlock &process, MEMSinkSegment &segment,
+                      const std::uint8_t *pCopy) noexcept;
 
 void removeSlot(MEMProcessBlock &process, std::uint32_t slot) noexcept;
 

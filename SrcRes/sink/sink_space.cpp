@@ -111,6 +111,7 @@ bool protectRun(std::uint8_t *pRun, std::uint64_t length, std::uint16_t mode) no
 }
 
 SpaceResult obtainBlock(MEMProcessBlock &process) noexcept {
+  MEM_ASSERT(process.SegmentCount >= 0 && process.SegmentCount < MEM_SINK_SEGMENTS);
   std::uint8_t *pBase = getSinkStorage(kSinkBlockLen);
   if (pBase == nullptr) return SpaceResult::noStorage;
   std::memset(pBase, 0, kSinkMapLen);
@@ -133,6 +134,10 @@ void releaseBlock(MEMSinkSegment &segment) noexcept {
   segment = {};
 }
 
+void releaseLastBlock(MEMProcessBlock &process) noexcept {
+  releaseBlock(process.Segments[--process.SegmentCount]);
+}
+
 SpaceResult reserveRun(MEMProcessBlock &process, const SinkRoom &room, SinkRun &run) noexcept {
   if (room.reservedLen > kSinkSpaceLen) return SpaceResult::full;  // no block can ever hold it
   for (std::int32_t i = 0; i < MEM_SINK_SEGMENTS; ++i) {
@@ -151,15 +156,23 @@ SpaceResult reserveRun(MEMProcessBlock &process, const SinkRoom &room, SinkRun &
   return SpaceResult::full;
 }
 
-bool isGranuleUsed(const MEMSinkSegment &segment, const std::uint8_t *pAddress) noexcept {
-  const auto granule = static_cast<std::uint32_t>((pAddress - segment.pSpace) / kSinkGranule);
-  return (segment.pMap[granule / 8] & (0x80U >> granule % 8)) != 0;
+bool isUsed(const SinkRun &run) noexcept {
+  return (run.pSegment->pMap[run.firstGranule / 8] & (0x80U >> run.firstGranule % 8)) != 0;
 }
 
 void releaseRun(const SinkRun &run, const SinkRoom &room) noexcept {
   MEMSinkSegment &segment = *run.pSegment;
   markRun(segment, run.firstGranule, room.granules(), false);
   segment.Counter = std::min(segment.Counter, run.firstGranule / 8);
+}
+
+void takeBack(const SinkRun &run, const SinkRoom &room) noexcept {
+  std::uint8_t *pCopy = run.address();
+  if (protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
+    std::memset(pCopy, 0, static_cast<std::size_t>(room.reservedLen));
+    protectRun(pCopy, room.reservedLen, MEM_PROTECT_READ_ONLY);
+  }
+  releaseRun(run, room);
 }
 
 void countCopy(MEMSinkSegment &segment, const SinkRoom &room) noexcept {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "platform/check.h"
 #include "qj7mem00/memproc.h"
 #include "sink/sink_compare.h"
 
@@ -37,6 +38,12 @@ struct SinkRun {
   }
 };
 
+// The run that begins at an address. REQUIRES: the address is in the segment's string space.
+inline SinkRun runAt(MEMSinkSegment &segment, const std::uint8_t *pAddress) noexcept {
+  MEM_ASSERT(pAddress >= segment.pSpace && pAddress <= segment.pLast);
+  return {&segment, static_cast<std::uint32_t>((pAddress - segment.pSpace) / kSinkGranule)};
+}
+
 enum class SpaceResult { done, noStorage, noProtection, full };
 
 // Obtains storage of the sink from the host itself; null on failure.
@@ -51,15 +58,22 @@ SpaceResult obtainBlock(MEMProcessBlock &process) noexcept;
 // Makes an entry's string space writable, returns the block and clears the entry.
 void releaseBlock(MEMSinkSegment &segment) noexcept;
 
+// The same with the last entry that has a block, which becomes one without.
+void releaseLastBlock(MEMProcessBlock &process) noexcept;
+
 // The first run of free granules in table order, its bits set. Obtains further blocks as needed;
 // one whose protection failed is left to the caller, as the last entry.
 SpaceResult reserveRun(MEMProcessBlock &process, const SinkRoom &room, SinkRun &run) noexcept;
 
-// True when the granule at an address of the segment's string space is in use.
-bool isGranuleUsed(const MEMSinkSegment &segment, const std::uint8_t *pAddress) noexcept;
+// True when the first granule of a run is in use.
+bool isUsed(const SinkRun &run) noexcept;
 
 // Clears the bits of a run.
 void releaseRun(const SinkRun &run, const SinkRoom &room) noexcept;
+
+// Undoes a written copy that is not counted: its bytes, where the host lets them be cleared, and
+// its map bits.
+void takeBack(const SinkRun &run, const SinkRoom &room) noexcept;
 
 // Changes the protection of a run of bytes. False when the host refuses.
 bool protectRun(std::uint8_t *pRun, std::uint64_t length, std::uint16_t mode) noexcept;

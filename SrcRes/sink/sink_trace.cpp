@@ -56,27 +56,16 @@ bool isOff(const CallFrame &frame, const RecordKind &kind) noexcept {
   return !frame.isTraced(kind.flag);
 }
 
-// A character of a failing input as UTF-8.
+// A character of a failing input as UTF-8: the lead byte, then six bits a byte.
 void appendUtf8(ErrorText &to, char32_t character) noexcept {
-  const auto group = [character](int shift, std::uint32_t lead) {
-    return static_cast<char>(lead | ((static_cast<std::uint32_t>(character) >> shift) & 0x3F));
-  };
+  constexpr std::uint32_t kLeads[] = {0, 0xC0, 0xE0, 0xF0};
+  constexpr char32_t kFirstOfLength[] = {0, 0x80, 0x800, 0x10000};
+  int more = 3;  // bytes after the lead
+  while (character < kFirstOfLength[more]) --more;
   char bytes[5] = {};
-  std::size_t count = 0;
-  if (character < 0x80) {
-    bytes[count++] = static_cast<char>(character);
-  } else if (character < 0x800) {
-    bytes[count++] = static_cast<char>(0xC0 | (character >> 6));
-    bytes[count++] = group(0, 0x80);
-  } else if (character < 0x10000) {
-    bytes[count++] = static_cast<char>(0xE0 | (character >> 12));
-    bytes[count++] = group(6, 0x80);
-    bytes[count++] = group(0, 0x80);
-  } else {
-    bytes[count++] = static_cast<char>(0xF0 | (character >> 18));
-    bytes[count++] = group(12, 0x80);
-    bytes[count++] = group(6, 0x80);
-    bytes[count++] = group(0, 0x80);
+  bytes[0] = static_cast<char>(kLeads[more] | character >> (6 * more));
+  for (int i = 1; i <= more; ++i) {
+    bytes[i] = static_cast<char>(0x80 | (character >> (6 * (more - i)) & 0x3F));
   }
   to.text(bytes);
 }

@@ -62,7 +62,7 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
 void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
                            std::uint32_t passed) noexcept {
   const bool isLost = ctl.IndexState == kIndexLost;
-  if (ctl.IndexState != kMayBeIndexed && !isLost) return;
+  if ((ctl.IndexState != kMayBeIndexed && !isLost) || ctl.KeyLen != sizeof(std::uint64_t)) return;
   if (isLost) forget(frame, &ctl);  // what was lost elsewhere may be this thread's
   const bool isFull = ctl.WalkedNodes == kMostWalkedNodes;
   if (!isFull) ++ctl.WalkedNodes;
@@ -183,7 +183,7 @@ void allowIndex(const CallFrame &frame, HMEMHASH hMemHash, MEMHashFunc pFunc) no
   pThreadBlk->pOpenedTable = nullptr;
   if (!isTable(hMemHash)) return;
   MEMHashCtlBlk &ctl = *table(hMemHash);
-  if (ctl.KeyLen == sizeof(std::uint64_t) && ctl.pFunc == pFunc) ctl.IndexState = kMayBeIndexed;
+  if (ctl.pFunc == pFunc) ctl.IndexState = kMayBeIndexed;
 }
 
 void KeyLookahead::wantSlot(const void *pKey) const noexcept {

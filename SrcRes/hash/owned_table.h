@@ -8,11 +8,11 @@
 
 namespace mem {
 
-// To be called when a table has been opened through the vector with keys of 8 bytes and the hash
-// function `pFunc`. The owner vouches that keys never change in place, and that the function
-// depends on nothing but the key. Without effect unless the handle is that of the table which the
-// library has opened last on this thread, for this function: a host may have put a service of its
-// own into the slot, and nothing is known of its handles.
+// To be called when a table with the hash function `pFunc` has been opened through the vector. The
+// owner vouches that keys never change in place, and that the function depends on nothing but the
+// key. Without effect unless the handle is that of the table which the library has opened last on
+// this thread, for this function: a host may have put a service of its own into the slot, and
+// nothing is known of its handles. Keys of other lengths than 8 get no index.
 void allowIndex(const CallFrame &frame, HMEMHASH hMemHash, MEMHashFunc pFunc) noexcept;
 
 // An index as its table's owner sees it.

@@ -6,6 +6,7 @@
 #include "frame/callframe.h"
 #include "frame/outcome.h"
 #include "platform/check.h"
+#include "platform/platform.h"
 #include "sink/sink_check.h"
 #include "sink/sink_compare.h"
 #include "sink/sink_index.h"
@@ -32,7 +33,7 @@ constexpr char kProtectionName[] = "ProtPageErr";
 constexpr char kWritableName[] = "ProtPageErrReadWrite";
 constexpr char kReadOnlyName[] = "ProtPageErrReadOnly";
 
-StepFailure failure(std::uint32_t code, const char *pName) noexcept {
+MEM_NOINLINE StepFailure failure(std::uint32_t code, const char *pName) noexcept {
   return {.code = code, .text = ErrorText(pName)};
 }
 
@@ -101,7 +102,7 @@ class SinkCall {
   SinkPlace find() noexcept;
 
   // Keeps the host's own error and names the sink's.
-  StepFailure hostFailure(std::uint32_t code, const char *pName) noexcept;
+  MEM_NOINLINE StepFailure hostFailure(std::uint32_t code, const char *pName) noexcept;
   StepFailure badAddress() const noexcept;
 
   CallFrame &frame_;

@@ -15,7 +15,7 @@
 # packages  what makes and looks into Debian packages
 set -euo pipefail
 
-# Headers that the tools are compiled with, on and for every platform.
+# Headers that the tools and examples are compiled with, on and for every platform.
 toolHeaders=(libcli11-dev libfmt-dev libutfcpp-dev nlohmann-json3-dev)
 
 packagesFor() {

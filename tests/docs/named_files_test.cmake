@@ -1,21 +1,27 @@
-# The files that a page names in its tables exist.
+# The files that pages name in their tables exist.
 #
-#   cmake -DPAGE=… -DBASE=… -P named_files_test.cmake
+#   cmake -DROOT=… -DPAGES=… -P named_files_test.cmake
 #
-# PAGE  a page of the manual; a file's name stands in backquotes, with its folder and ending
-# BASE  the folder that the names begin at
+# ROOT   the root of the tree
+# PAGES  pages with the folder that the names of their files begin at, "docs/page.md=tests", with
+#        commas between them; a file's name stands in backquotes, with its folder and ending
 cmake_minimum_required(VERSION 3.25)
 
-file(STRINGS ${PAGE} lines REGEX "^\\| ")
-string(REGEX MATCHALL "`[a-z]+/[A-Za-z0-9_/]+\\.(cpp|hpp|cmake|h)`" names "${lines}")
-list(LENGTH names count)
-if(count LESS 20)
-  message(FATAL_ERROR "${PAGE} names only ${count} files")
-endif()
-foreach(name ${names})
-  string(REPLACE "`" "" name ${name})
-  if(NOT EXISTS ${BASE}/${name})
-    message(SEND_ERROR "${PAGE} names ${name}, which is not in ${BASE}")
+string(REPLACE "," ";" PAGES "${PAGES}")
+foreach(pair ${PAGES})
+  string(REPLACE "=" ";" pair ${pair})
+  list(GET pair 0 page)
+  list(GET pair 1 folder)
+  file(STRINGS ${ROOT}/${page} lines REGEX "^\\| ")
+  string(REGEX MATCHALL "`[a-z]+/[A-Za-z0-9_/]+\\.(cpp|hpp|cmake|h)`" names "${lines}")
+  list(LENGTH names count)
+  if(count LESS 20)
+    message(SEND_ERROR "${page} names only ${count} files")
   endif()
+  foreach(name ${names})
+    string(REPLACE "`" "" name ${name})
+    if(NOT EXISTS ${ROOT}/${folder}/${name})
+      message(SEND_ERROR "${page} names ${name}, which is not in ${folder}")
+    endif()
+  endforeach()
 endforeach()
-message(STATUS "${count} files")

@@ -6,7 +6,8 @@
 namespace mem {
 
 // Whether the pool is one as its operations leave it: its lists end, vacant nodes come before used
-// ones, every node is in its place in an area, and every free cell is a cell of the pool.
+// ones, every node is in its place in an area, and every free cell is a cell of the pool. A caller
+// who gives back a foreign cell, or one twice, which the pool takes unseen, makes it another.
 bool isValid(const MEMCellCtlBlk &ctl) noexcept;
 
 }  // namespace mem

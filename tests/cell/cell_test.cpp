@@ -1,6 +1,7 @@
 // Cell pools: control block, nodes and cells byte by byte, limits, failures, trace records and the
 // slots they use.
 
+#include <functional>
 #include <limits>
 #include <ostream>
 #include <tuple>
@@ -166,25 +167,14 @@ TEST_P(CellOpenTest, CellsAreHandedOutLowestFirst) {
 }
 
 TEST_P(CellOpenTest, AsksForOneAreaAndReturnsItAtClose) {
-  const std::string areaSize = std::to_string(GetParam().areaLen);
+  const OpenCase &row = GetParam();
   HMEMCELL pool = nullptr;
   EXPECT_EQ(hostCalls([&] { pool = open(); }),
-            (Lines{"MEM_CellOpen: EnterFrame(frame, 3)", "MemAlloc: EnterFrame(frame, 3)",
-                   "MemAlloc: GetAnchor(0, 3, cell)",
-                   "MemAlloc: GetStorage(cell, " + areaSize + ", " +
-                       std::to_string(GetParam().hostSubPool) + ", " +
-                       std::to_string(GetParam().hostKind) + ")",
-                   "MemAlloc: LeaveFrame(frame, 3)", "MEM_CellOpen: LeaveFrame(frame, 3)"}));
+            framed("MEM_CellOpen", allocLines(row.areaLen, row.hostSubPool, row.hostKind)));
   EXPECT_EQ(hostCalls([&] { close(pool); }, {{asNumber(pool), "pool"}}),
-            (Lines{"MemCellClose: EnterFrame(frame, 3)", "MEM_Free: EnterFrame(frame, 3)",
-                   "MEM_Free: GetAnchor(0, 3, cell)",
-                   "MEM_Free: FreeStorage(pool, " + areaSize + ", " +
-                       std::to_string(GetParam().hostSubPool) + ")",
-                   "MEM_Free: LeaveFrame(frame, 3)", "MemCellClose: LeaveFrame(frame, 3)"}));
-  const std::string subPool = std::to_string(GetParam().subPool);
-  EXPECT_EQ(watch.takeLines({{asNumber(pool), "pool"}}),
-            (Lines{"8(" + areaSize + ", " + subPool + ")",
-                   "9(pool, " + areaSize + ", " + subPool + ")"}));
+            framed("MemCellClose", freeLines("pool", row.areaLen, row.hostSubPool)));
+  const std::string asked = std::to_string(row.areaLen) + ", " + std::to_string(row.subPool) + ")";
+  EXPECT_EQ(watch.takeLines({{asNumber(pool), "pool"}}), (Lines{"8(" + asked, "9(pool, " + asked}));
 }
 
 struct RefusedOpen {
@@ -360,11 +350,8 @@ TEST_F(CellTest, CellFreedTwiceIsLinkedTwice) {
 
 TEST_F(CellTest, CellsOfAPoolWithRoomReachNoHostService) {
   HMEMCELL pool = open(1024, 100);
-  const Lines lines = hostCalls([&] { free(pool, alloc(pool)); });
-  EXPECT_EQ(lines, (Lines{"MemCellAllocEntry: EnterFrame(frame, 3)",
-                          "MemCellAllocEntry: LeaveFrame(frame, 3)",
-                          "MEM_CellFreeEntry: EnterFrame(frame, 3)",
-                          "MEM_CellFreeEntry: LeaveFrame(frame, 3)"}));
+  EXPECT_EQ(hostCalls([&] { free(pool, alloc(pool)); }),
+            joined({framed("MemCellAllocEntry"), framed("MEM_CellFreeEntry")}));
   close(pool);
 }
 
@@ -550,9 +537,7 @@ TEST_F(CellGrowthTest, FurtherAreasComeFromThePoolsSubPool) {
 TEST_F(CellGrowthTest, GrowthCallsStorageInsideTheAllocationsFrame) {
   HMEMCELL pool = openUsedUp(1024, 100);
   EXPECT_EQ(hostCalls([&] { alloc(pool); }),
-            (Lines{"MemCellAllocEntry: EnterFrame(frame, 3)", "MemAlloc: EnterFrame(frame, 3)",
-                   "MemAlloc: GetAnchor(0, 3, cell)", "MemAlloc: GetStorage(cell, 1024, 7, 1)",
-                   "MemAlloc: LeaveFrame(frame, 3)", "MemCellAllocEntry: LeaveFrame(frame, 3)"}));
+            framed("MemCellAllocEntry", allocLines(1024, kSubPool)));
   close(pool);
 }
 
@@ -726,8 +711,7 @@ TEST_F(CellEndTest, ClearedPoolGrowsAsAFreshOne) {
 TEST_F(CellEndTest, ClearOfAPoolWithoutFurtherAreasReturnsNothing) {
   HMEMCELL pool = open(1024, 100);
   watch.uses.clear();
-  EXPECT_EQ(hostCalls([&] { EXPECT_EQ(mem.MEM_CellClear(pool), 0); }),
-            (Lines{"MEM_CellClear: EnterFrame(frame, 3)", "MEM_CellClear: LeaveFrame(frame, 3)"}));
+  EXPECT_EQ(hostCalls([&] { EXPECT_EQ(mem.MEM_CellClear(pool), 0); }), framed("MEM_CellClear"));
   EXPECT_TRUE(watch.uses.empty());
   EXPECT_EQ(mem.MEM_CellClear(pool), 0) << "clearing twice";
   EXPECT_EQ(alloc(pool), at(pool, 216));
@@ -870,35 +854,40 @@ TEST_F(CellTraceTest, StorageCallsLieBetweenTheRecords) {
 }
 
 TEST_F(CellTraceTest, FailuresHaveNoExitRecord) {
-  HMEMCELL pool = nullptr;
-  const auto openLine = [&](const std::string &rest) {
-    return entry("MEM_CellOpen", 173, "phMemCell=" + lowHex(&pool) + rest);
-  };
-  EXPECT_EQ(traced(kBoth, [&] { mem.MEM_CellOpen(&pool, kLowest, kLongest, -32768); }),
-            (Lines{openLine(", AreaLen=-2147483648, CellLen=2147483647, SubPool=-32768")}));
-  EXPECT_EQ(traced(kBoth, [&] { mem.MEM_CellOpen(&pool, 256, 89, 32767); }),
-            (Lines{openLine(", AreaLen=256, CellLen=89, SubPool=32767")}));
-  EXPECT_EQ(traced(kBoth, [&] { mem.MEM_CellOpen(&pool, 256, -1, 0); }),
-            (Lines{openLine(", AreaLen=256, CellLen=-1, SubPool=0")}));
-  watch.refuseStorage = 1;
-  EXPECT_EQ(traced(kBoth, [&] { mem.MEM_CellOpen(&pool, 256, 8, 0); }),
-            (Lines{openLine(", AreaLen=256, CellLen=8, SubPool=0")}));
-
-  EXPECT_EQ(traced(kBoth, [&] { mem.MEM_CellClose(nullptr); }),
-            (Lines{entry("MemCellClose", 268, "hMemCell=0")}));
-  EXPECT_EQ(traced(kBoth, [&] { mem.MEM_CellClear(nullptr); }),
-            (Lines{entry("MEM_CellClear", 337, "hMemCell=0")}));
+  HMEMCELL other = nullptr;
   void *cell = nullptr;
-  EXPECT_EQ(traced(kBoth, [&] { mem.MEM_CellAllocEntry(nullptr, &cell); }),
-            (Lines{entry("MemCellAllocEntry", 426, "hMemCell=0, ppCell=" + lowHex(&cell))}));
-  EXPECT_EQ(traced(kBoth, [&] { mem.MEM_CellFreeEntry(nullptr, &cell); }),
-            (Lines{entry("MEM_CellFreeEntry", 538, "hMemCell=0, pEntry=" + lowHex(&cell))}));
-  pool = open(256, 88);
+  HMEMCELL pool = open(256, 88);
   alloc(pool);
-  watch.refuseStorage = 1;
-  EXPECT_EQ(traced(kBoth, [&] { mem.MEM_CellAllocEntry(pool, &cell); }),
-            (Lines{entry("MemCellAllocEntry", 426,
-                         "hMemCell=" + lowHex(pool) + ", ppCell=" + lowHex(&cell))}));
+  const std::string atOpen = "phMemCell=" + lowHex(&other);
+  const std::string cellAt = ", ppCell=" + lowHex(&cell);
+  const struct {
+    const char *name;
+    int line;
+    std::string text;
+    std::function<void()> call;
+  } rows[] = {
+      {"MEM_CellOpen", 173, atOpen + ", AreaLen=-2147483648, CellLen=2147483647, SubPool=-32768",
+       [&] { mem.MEM_CellOpen(&other, kLowest, kLongest, -32768); }},
+      {"MEM_CellOpen", 173, atOpen + ", AreaLen=256, CellLen=89, SubPool=32767",
+       [&] { mem.MEM_CellOpen(&other, 256, 89, 32767); }},
+      {"MEM_CellOpen", 173, atOpen + ", AreaLen=256, CellLen=-1, SubPool=0",
+       [&] { mem.MEM_CellOpen(&other, 256, -1, 0); }},
+      {"MEM_CellOpen", 173, atOpen + ", AreaLen=256, CellLen=8, SubPool=0",
+       [&] { mem.MEM_CellOpen(&other, 256, 8, 0); }},
+      {"MemCellClose", 268, "hMemCell=0", [&] { mem.MEM_CellClose(nullptr); }},
+      {"MEM_CellClear", 337, "hMemCell=0", [&] { mem.MEM_CellClear(nullptr); }},
+      {"MemCellAllocEntry", 426, "hMemCell=0" + cellAt,
+       [&] { mem.MEM_CellAllocEntry(nullptr, &cell); }},
+      {"MemCellAllocEntry", 426, "hMemCell=" + lowHex(pool) + cellAt,
+       [&] { mem.MEM_CellAllocEntry(pool, &cell); }},
+      {"MEM_CellFreeEntry", 538, "hMemCell=0, pEntry=" + lowHex(&cell),
+       [&] { mem.MEM_CellFreeEntry(nullptr, &cell); }},
+  };
+  for (const auto &row : rows) {
+    watch.refuseStorage = 1;  // which only those come to that have no other failure
+    EXPECT_EQ(traced(kBoth, row.call), Lines{entry(row.name, row.line, row.text)});
+  }
+  watch.refuseStorage = 0;
   close(pool);
 }
 

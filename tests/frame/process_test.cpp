@@ -71,8 +71,8 @@ TEST_F(ProcessTest, InitCompletesTheBlockAfterTheSinkStart) {
 TEST_F(ProcessTest, InitCallsTheHostInOrder) {
   host.recordCalls(true);
   initProcess();
-  EXPECT_EQ(callLines(host.takeCalls(), startNames(host)), processStartLines());
   host.recordCalls(false);
+  EXPECT_EQ(callLines(host.takeCalls(), startNames(host)), processStartLines());
   EXPECT_EQ(host.account().liveCount, 3U);
   EXPECT_EQ(host.gateCount(), 1U);
   termProcess();
@@ -82,20 +82,15 @@ TEST_F(ProcessTest, TermGivesEverythingBackInOrder) {
   initProcess();
   const AddressNames names = startNames(host);
   const std::uint32_t gate = host.anchor()->Gate;
-  host.recordCalls(true);
-  termProcess();
-  EXPECT_EQ(callLines(host.takeCalls(), names), processStopLines(SinkStep::index, gate));
+  EXPECT_EQ(hostCalls([&] { termProcess(); }, names), processStopLines(SinkStep::index, gate));
   EXPECT_EQ(host.anchor(), nullptr);
   EXPECT_EQ(host.messageTable(), nullptr);
   expectNothingLeft(host);
 }
 
 TEST_F(ProcessTest, TermWithoutInitOnlyLooksTheAnchorUp) {
-  host.recordCalls(true);
-  EXPECT_EQ(mem.MEM_ProcessTerm(), 0);
-  EXPECT_EQ(callLines(host.takeCalls()), (Lines{"MEM_ProcessTerm: EnterFrame(frame, 3)",
-                                                "MEM_ProcessTerm: GetAnchor(0, 3, cell)",
-                                                "MEM_ProcessTerm: LeaveFrame(frame, 3)"}));
+  EXPECT_EQ(hostCalls([&] { termProcess(); }),
+            framed("MEM_ProcessTerm", {"GetAnchor(0, 3, cell)"}));
 }
 
 TEST_F(ProcessTest, SecondTermIsANoOp) {
@@ -361,13 +356,8 @@ TEST_F(ProcessTest, ThreadActMakesTheBlockByteByByte) {
 
 TEST_F(ProcessTest, ThreadActCallsTheHostInOrder) {
   initProcess();
-  host.recordCalls(true);
-  EXPECT_EQ(mem.MEM_ThreadAct(), 0);
-  EXPECT_EQ(callLines(host.takeCalls()),
-            (Lines{"MEM_ThreadAct: EnterFrame(frame, 3)", "MEM_ThreadAct: GetAnchor(0, 3, cell)",
-                   "MEM_ThreadAct: GetPoolStorage(2, 296, cell)",
-                   "MEM_ThreadAct: LeaveFrame(frame, 3)"}));
-  host.recordCalls(false);
+  EXPECT_EQ(hostCalls([&] { EXPECT_EQ(mem.MEM_ThreadAct(), 0); }),
+            framed("MEM_ThreadAct", {"GetAnchor(0, 3, cell)", "GetPoolStorage(2, 296, cell)"}));
   EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
   termProcess();
 }
@@ -393,11 +383,8 @@ TEST_F(ProcessTest, ThreadBlockCarriesThePointersOfTheMomentItWasMade) {
 TEST_F(ProcessTest, ThreadActWithoutAProcessFailsAndRecordsNothing) {
   fillEnv(env(), 0xEE);
   const Bytes before = envBytes(env());
-  host.recordCalls(true);
-  EXPECT_EQ(mem.MEM_ThreadAct(), kFailed);
-  EXPECT_EQ(callLines(host.takeCalls()),
-            (Lines{"MEM_ThreadAct: EnterFrame(frame, 3)", "MEM_ThreadAct: GetAnchor(0, 3, cell)",
-                   "MEM_ThreadAct: LeaveFrame(frame, 3)"}));
+  EXPECT_EQ(hostCalls([&] { EXPECT_EQ(mem.MEM_ThreadAct(), kFailed); }),
+            framed("MEM_ThreadAct", {"GetAnchor(0, 3, cell)"}));
   EXPECT_EQ(changedRanges(before, envBytes(env())), "");
 }
 
@@ -477,13 +464,8 @@ TEST_F(ProcessTest, ThreadTermGivesTheBlockBackInOrder) {
   const AddressNames names = {{asNumber(env().pMemThreadBlk), "thread"}};
   fillEnv(env(), 0xEE);
   Bytes before = envBytes(env());
-  host.recordCalls(true);
-  EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
-  EXPECT_EQ(callLines(host.takeCalls(), names),
-            (Lines{"MEM_ThreadTerm: EnterFrame(frame, 3)", "MEM_ThreadTerm: GetAnchor(0, 3, cell)",
-                   "MEM_ThreadTerm: FreePoolStorage(2, thread)",
-                   "MEM_ThreadTerm: LeaveFrame(frame, 3)"}));
-  host.recordCalls(false);
+  EXPECT_EQ(hostCalls([&] { EXPECT_EQ(mem.MEM_ThreadTerm(), 0); }, names),
+            framed("MEM_ThreadTerm", {"GetAnchor(0, 3, cell)", "FreePoolStorage(2, thread)"}));
   EXPECT_EQ(host.account(2).liveCount, 0U);
   put(before, 1864, static_cast<void *>(nullptr));
   EXPECT_EQ(changedRanges(before, envBytes(env())), "");
@@ -492,12 +474,8 @@ TEST_F(ProcessTest, ThreadTermGivesTheBlockBackInOrder) {
 
 TEST_F(ProcessTest, ThreadTermWithoutAThreadBlockIsANoOp) {
   initProcess();
-  host.recordCalls(true);
-  EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
-  EXPECT_EQ(callLines(host.takeCalls()),
-            (Lines{"MEM_ThreadTerm: EnterFrame(frame, 3)", "MEM_ThreadTerm: GetAnchor(0, 3, cell)",
-                   "MEM_ThreadTerm: LeaveFrame(frame, 3)"}));
-  host.recordCalls(false);
+  EXPECT_EQ(hostCalls([&] { EXPECT_EQ(mem.MEM_ThreadTerm(), 0); }),
+            framed("MEM_ThreadTerm", {"GetAnchor(0, 3, cell)"}));
   termProcess();
 }
 
@@ -597,12 +575,8 @@ TEST_F(ProcessTest, SetProcOptionsCallsTheHostInOrder) {
   initProcess();
   MEMProcOptions options{};
   options.Set = 1;
-  host.recordCalls(true);
-  EXPECT_EQ(mem.MEMSetProcOptions(&options), 0);
-  EXPECT_EQ(callLines(host.takeCalls()), (Lines{"MEMSetProcOptions: EnterFrame(frame, 3)",
-                                                "MEMSetProcOptions: GetAnchor(0, 3, cell)",
-                                                "MEMSetProcOptions: LeaveFrame(frame, 3)"}));
-  host.recordCalls(false);
+  EXPECT_EQ(hostCalls([&] { EXPECT_EQ(mem.MEMSetProcOptions(&options), 0); }),
+            framed("MEMSetProcOptions", {"GetAnchor(0, 3, cell)"}));
   termProcess();
 }
 

@@ -30,9 +30,9 @@ class EHeapTest : public HeapFixture {
   }
 
   // Host calls of a service between taking and releasing the heap's gate.
-  Lines gated(const std::string &name, HMEMHEAP heap, const Lines &inner = {}) const {
-    const std::string gate = "Gate(" + std::to_string(gateOf(heap)) + ")";
-    return joined({{name + ": Acquire" + gate}, inner, {name + ": Release" + gate}});
+  static Lines gated(HMEMHEAP heap, const Lines &inner = {}) {
+    const std::string gate = "Gate(" + std::to_string(load<std::uint32_t>(heap, 24)) + ")";
+    return joined({{"Acquire" + gate}, inner, {"Release" + gate}});
   }
 
   static void *freeListOf(HMEMHEAP heap) { return pointerAt<void>(heap, 32); }
@@ -119,7 +119,8 @@ class EHeapEntryTest : public EHeapTest, public ::testing::WithParamInterface<En
   }
 
   // Host calls of the enhanced heap's own slot, as they are through this one.
-  static Lines throughSlot(const Lines &own) {
+  static Lines throughSlot(const Lines &inner) {
+    const Lines own = framed("MEM_EHeapAllocEntry", inner);
     if (GetParam().alloc == allocShort) return framed("MEM_HeapAllocEntry", own);
     return GetParam().alloc == allocLong ? framed("Mem_HeapAllocEntryLong", own) : own;
   }
@@ -147,8 +148,7 @@ TEST_P(EHeapEntryTest, EntriesFollowEachOtherRoundedUpTo8With16AtLeast) {
 
 TEST_P(EHeapEntryTest, GateIsHeldAroundTheCarving) {
   HMEMHEAP heap = open();
-  const Lines own = framed("MEM_EHeapAllocEntry", gated("MEM_EHeapAllocEntry", heap));
-  EXPECT_EQ(hostCalls([&] { take(heap, 100); }), throughSlot(own));
+  EXPECT_EQ(hostCalls([&] { take(heap, 100); }), throughSlot(gated(heap)));
   close(heap);
 }
 
@@ -198,7 +198,6 @@ TEST_P(EHeapEntryTest, RefusedGateIsReportedWithTheHostsError) {
 
 TEST_P(EHeapEntryTest, GateIsReleasedAfterTheReport) {
   HMEMHEAP heap = open();
-  const std::string name = "MEM_EHeapAllocEntry";
   const Lines lines = hostCalls(
       [&] {
         void *entry = nullptr;
@@ -206,8 +205,8 @@ TEST_P(EHeapEntryTest, GateIsReleasedAfterTheReport) {
         EXPECT_EQ(GetParam().alloc(mem, heap, 968, &entry), kFailed);
       },
       {{asNumber(error().NameText), "name"}});
-  const Lines inner = joined({getCalls(1024), {name + ": ReportError(name, ?)"}});
-  EXPECT_EQ(lines, throughSlot(framed(name, gated(name, heap, inner))));
+  const Lines inner = joined({allocLines(1024, kSubPool), {"ReportError(name, ?)"}});
+  EXPECT_EQ(lines, throughSlot(gated(heap, inner)));
   close(heap);
 }
 
@@ -397,9 +396,8 @@ TEST_F(EHeapTest, FreedStorageIsNotHandedOutAgain) {
 TEST_F(EHeapTest, AreaEntryIsCheckedBeforeTheGateIsTaken) {
   HMEMHEAP heap = open();
   std::uint8_t *entry = alloc(heap, 20);
-  const std::string name = "MEM_EHeapFreeEntry";
   EXPECT_EQ(hostCalls([&] { giveBack(heap, 20, entry); }, {{asNumber(entry), "entry"}}),
-            framed(name, joined({{name + ": CheckStorage(entry, 24)"}, gated(name, heap)})));
+            framed("MEM_EHeapFreeEntry", joined({{"CheckStorage(entry, 24)"}, gated(heap)})));
   close(heap);
 }
 
@@ -409,8 +407,7 @@ TEST_F(EHeapTest, LargeEntryIsOnlyChecked) {
   std::uint8_t *block = entry - 24;
   const Bytes before = bytesOf(block, 1000);
   const Bytes area = bytesOf(heap, kSmallArea);
-  const Lines expected =
-      framed("MEM_EHeapFreeEntry", {"MEM_EHeapFreeEntry: CheckStorage(block, 1000)"});
+  const Lines expected = framed("MEM_EHeapFreeEntry", {"CheckStorage(block, 1000)"});
   for (int time = 0; time < 2; ++time) {
     EXPECT_EQ(hostCalls([&] { giveBack(heap, 969, entry); }, {{asNumber(block), "block"}}),
               expected);
@@ -540,8 +537,7 @@ TEST_P(EHeapChainTest, ShortLengthsGiveEntriesOf16Bytes) {
 
 TEST_P(EHeapChainTest, GateIsTakenForEachEntryAndNotForTheChain) {
   HMEMHEAP heap = open();
-  const std::string name = "MEM_EHeapAllocEntry";
-  const Lines entry = framed(name, gated(name, heap));
+  const Lines entry = framed("MEM_EHeapAllocEntry", gated(heap));
   const bool isLong = GetParam().alloc == chainLong || GetParam().alloc == chainOwnLong;
   const std::string chain = isLong ? "AllocLongMultEntries" : "AllocMultEntries";
   Lines expected = framed("MEM_EHeap" + chain, joined({entry, entry, entry}));
@@ -920,48 +916,40 @@ TEST_F(EHeapTest, StorageLinesOfOneLife) {
 }
 
 TEST_F(EHeapTest, StorageLinesStandBetweenTheStorageCallAndWhatFollows) {
-  const auto written = [](const std::string &name) {
-    return Lines{name + ": Format()", name + ": WriteRecord()"};
-  };
+  const Lines written = {"Format()", "WriteRecord()"};
   HMEMHEAP heap = nullptr;
   host.setTraceFlags(MEM_TRACE_STORAGE);
-  std::string name = "MEM_EHeapOpen";
-  EXPECT_EQ(hostCalls([&] { heap = open(); }),
-            framed(name, joined({{name + ": CreateGate(cell)"}, getCalls(1024), written(name)})));
-  name = "MEM_EHeapAllocEntry";
+  EXPECT_EQ(
+      hostCalls([&] { heap = open(); }),
+      framed("MEM_EHeapOpen", joined({{"CreateGate(cell)"}, allocLines(1024, kSubPool), written})));
   for (const std::int32_t len : {968, 969}) {
-    const Lines inner = joined({getCalls(len == 968 ? 1024 : 1000), written(name)});
-    EXPECT_EQ(hostCalls([&] { alloc(heap, len); }), framed(name, gated(name, heap, inner)));
+    const Lines inner = joined({allocLines(len == 968 ? 1024 : 1000, kSubPool), written});
+    EXPECT_EQ(hostCalls([&] { alloc(heap, len); }),
+              framed("MEM_EHeapAllocEntry", gated(heap, inner)));
   }
-  name = "MEM_EHeapClose";
   const std::string gate = "Gate(" + std::to_string(gateOf(heap)) + ")";
   const Lines lines = hostCalls([&] { close(heap); });
-  ASSERT_GT(lines.size(), 4U);
-  EXPECT_EQ(
-      Lines(lines.begin() + 1, lines.begin() + 5),
-      joined({{name + ": Acquire" + gate}, written(name), {"MEM_Free: EnterFrame(frame, 3)"}}));
+  ASSERT_GT(lines.size(), 5U);
+  Lines begun = framed("MEM_EHeapClose", joined({{"Acquire" + gate}, written}));
+  begun.back() = "MEM_Free: EnterFrame(frame, 3)";
+  EXPECT_EQ(Lines(lines.begin(), lines.begin() + 5), begun);
   host.setTraceFlags(0);
 }
 
 TEST_F(EHeapTest, ExitRecordsAreWrittenWhenTheGateIsFree) {
   HMEMHEAP heap = open();
+  const std::string gate = "Gate(" + std::to_string(gateOf(heap)) + ")";
   host.setTraceFlags(MEM_TRACE_EXIT);
   std::uint8_t *entry = nullptr;
-  std::string name = "MEM_EHeapAllocEntry";
   EXPECT_EQ(hostCalls([&] { entry = alloc(heap, 8); }),
-            framed(name, joined({gated(name, heap), {name + ": WriteRecord()"}})));
-  name = "MEM_EHeapFreeEntry";
+            framed("MEM_EHeapAllocEntry", joined({gated(heap), {"WriteRecord()"}})));
   EXPECT_EQ(hostCalls([&] { giveBack(heap, 8, entry); }, {{asNumber(entry), "entry"}}),
-            framed(name, joined({{name + ": CheckStorage(entry, 16)"},
-                                 gated(name, heap),
-                                 {name + ": WriteRecord()"}})));
-  const std::string gate = "Gate(" + std::to_string(gateOf(heap)) + ")";
+            framed("MEM_EHeapFreeEntry",
+                   joined({{"CheckStorage(entry, 16)"}, gated(heap), {"WriteRecord()"}})));
   const Lines lines = hostCalls([&] { close(heap); });
   ASSERT_GT(lines.size(), 4U);
-  name = "MEM_EHeapClose: ";
-  EXPECT_EQ(Lines(lines.end() - 4, lines.end()),
-            (Lines{name + "Release" + gate, name + "Delete" + gate, name + "WriteRecord()",
-                   name + "LeaveFrame(frame, 3)"}));
+  const Lines end = framed("MEM_EHeapClose", {"Release" + gate, "Delete" + gate, "WriteRecord()"});
+  EXPECT_EQ(Lines(lines.end() - 4, lines.end()), Lines(end.begin() + 1, end.end()));
   host.setTraceFlags(0);
 }
 

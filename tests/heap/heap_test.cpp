@@ -68,20 +68,19 @@ TEST_P(HeapOpenTest, HeaderIsWrittenWholeAndTheRestIsLeftAsObtained) {
 
 // An enhanced heap makes its gate first and deletes it last; its storage goes back under the gate.
 TEST_P(HeapOpenTest, AsksForOneAreaAndReturnsItAtClose) {
-  const auto areaSize = static_cast<std::size_t>(row.areaLen) * 1024;
+  const std::int64_t areaSize = std::int64_t{row.areaLen} * 1024;
   HMEMHEAP heap = nullptr;
   const Lines opening = hostCalls([&] { heap = open(row.areaLen, row.subPool); });
-  const Lines get = getCalls(areaSize, row.hostSubPool, row.hostKind);
+  const Lines get = allocLines(areaSize, row.hostSubPool, row.hostKind);
   const std::string gate = std::to_string(gateOf(heap));
   const Lines closing = hostCalls([&] { close(heap); }, {{asNumber(heap), "heap"}});
-  const Lines free = freeCalls("heap", areaSize, row.hostSubPool);
+  const Lines free = freeLines("heap", areaSize, row.hostSubPool);
   if (isEnhanced()) {
-    const std::string close = "MEM_EHeapClose: ";
-    EXPECT_EQ(opening, framed("MEM_EHeapOpen", joined({{"MEM_EHeapOpen: CreateGate(cell)"}, get})));
-    EXPECT_EQ(closing, framed("MEM_EHeapClose", joined({{close + "AcquireGate(" + gate + ")"},
-                                                        free,
-                                                        {close + "ReleaseGate(" + gate + ")",
-                                                         close + "DeleteGate(" + gate + ")"}})));
+    EXPECT_EQ(opening, framed("MEM_EHeapOpen", joined({{"CreateGate(cell)"}, get})));
+    EXPECT_EQ(closing, framed("MEM_EHeapClose",
+                              joined({{"AcquireGate(" + gate + ")"},
+                                      free,
+                                      {"ReleaseGate(" + gate + ")", "DeleteGate(" + gate + ")"}})));
   } else {
     EXPECT_EQ(opening, framed("MEM_HeapOpen", get));
     EXPECT_EQ(closing, framed("MEM_HeapClose", free));
@@ -840,10 +839,9 @@ TEST_P(HeapTest, CloseFreesLargeBlocksNewestFirstThenAreasOldestFirst) {
   }
   EXPECT_EQ(uses, (Lines{"9(block2, 1000, -5)", "9(block1, 2024, -5)", "9(heap, 1024, -5)",
                          "9(area2, 1024, -5)", "9(area3, 1024, -5)"}));
-  const std::string name = std::string(kind.closeName) + ": ";
-  EXPECT_EQ(calls, framed(kind.closeName, isEnhanced() ? Lines{name + "AcquireGate(" + gate + ")",
-                                                               name + "ReleaseGate(" + gate + ")",
-                                                               name + "DeleteGate(" + gate + ")"}
+  EXPECT_EQ(calls, framed(kind.closeName, isEnhanced() ? Lines{"AcquireGate(" + gate + ")",
+                                                               "ReleaseGate(" + gate + ")",
+                                                               "DeleteGate(" + gate + ")"}
                                                        : Lines{}));
   watch.releaseKept();
   EXPECT_EQ(host.account(5, 2).liveCount, 0U);

@@ -304,32 +304,6 @@ class HeapFixture : public HeapHashTest {
     EXPECT_EQ(host.calls(Service::ReleaseGate), 0U);
   }
 
-  // Host calls of a service in its frame, of storage among them.
-  static Lines framed(const std::string &name, const Lines &inner) {
-    Lines lines = {name + ": EnterFrame(frame, 3)"};
-    lines.insert(lines.end(), inner.begin(), inner.end());
-    lines.push_back(name + ": LeaveFrame(frame, 3)");
-    return lines;
-  }
-  static Lines joined(std::initializer_list<Lines> parts) {
-    Lines lines;
-    for (const Lines &part : parts) lines.insert(lines.end(), part.begin(), part.end());
-    return lines;
-  }
-  static Lines getCalls(std::size_t size, std::uint16_t subPool = kSubPool,
-                        std::uint16_t hostKind = 1) {
-    return framed("MemAlloc",
-                  {"MemAlloc: GetAnchor(0, 3, cell)",
-                   "MemAlloc: GetStorage(cell, " + std::to_string(size) + ", " +
-                       std::to_string(subPool) + ", " + std::to_string(hostKind) + ")"});
-  }
-  static Lines freeCalls(const std::string &area, std::size_t size,
-                         std::uint16_t subPool = kSubPool) {
-    return framed("MEM_Free", {"MEM_Free: GetAnchor(0, 3, cell)",
-                               "MEM_Free: FreeStorage(" + area + ", " + std::to_string(size) +
-                                   ", " + std::to_string(subPool) + ")"});
-  }
-
   static std::string entryLine(const std::string &name, const std::string &text) {
     return "STDE " + name + kSource + "Parms: " + text;
   }

@@ -20,7 +20,7 @@ class StandardHeapTest : public HeapFixture {
 TEST_F(StandardHeapTest, AreaEntriesReachNoHostStorageService) {
   HMEMHEAP heap = open();
   void *entry = nullptr;
-  const Lines inner = framed(kLongName, {});
+  const Lines inner = framed(kLongName);
   EXPECT_EQ(hostCalls([&] { allocLong(mem, heap, 100, &entry); }), inner);
   EXPECT_EQ(hostCalls([&] { allocShort(mem, heap, 100, &entry); }),
             framed("MEM_HeapAllocEntry", inner));
@@ -242,20 +242,18 @@ TEST_F(StandardTraceTest, StorageLinesStandBetweenTheStorageCallAndWhatFollows) 
   HMEMHEAP heap = open();
   alloc(heap, 968);
   host.setTraceFlags(MEM_TRACE_STORAGE);
-  std::string name = kLongName;
   EXPECT_EQ(hostCalls([&] { alloc(heap, 8); }),
-            framed(name, joined({{name + ": WriteRecord()"},  // a fixed text
-                                 getCalls(1024),
-                                 {name + ": Format()", name + ": WriteRecord()"}})));
+            framed(kLongName, joined({{"WriteRecord()"},  // a fixed text
+                                      allocLines(1024, kSubPool),
+                                      {"Format()", "WriteRecord()"}})));
   host.setTraceFlags(0);
   close(heap);
 
   heap = open();
   host.setTraceFlags(MEM_TRACE_STORAGE);
-  name = "MEM_HeapClose";
   EXPECT_EQ(hostCalls([&] { close(heap); }, {{asNumber(heap), "heap"}}),
-            framed(name, joined({{name + ": Format()", name + ": WriteRecord()"},
-                                 freeCalls("heap", 1024)})));
+            framed("MEM_HeapClose",
+                   joined({{"Format()", "WriteRecord()"}, freeLines("heap", 1024, kSubPool)})));
 }
 
 TEST_F(StandardTraceTest, KindOfHeapIsTracedBeforeTheHandleIsRefused) {

@@ -424,15 +424,6 @@ class HeapHashTest : public StartedTest {
     return pointLines(recordsOf(flags, call));
   }
 
-  // Host calls that `call` makes.
-  template <class Call>
-  Lines hostCalls(Call call, const AddressNames &names = {}) {
-    host.recordCalls(true);
-    call();
-    host.recordCalls(false);
-    return callLines(host.takeCalls(), names);
-  }
-
   // Format texts of the trace lines that `call` writes, "MEM_CellClear: Parms: hMemCell=%lx",
   // without those of storage services.
   template <class Call>

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <string_view>
@@ -32,16 +33,6 @@ inline refhost::Library &library() {
 
 inline constexpr std::int16_t kFailed = -1;
 inline constexpr std::uint16_t kFailedCode = 0xFFFF;  // the same in the error area
-
-// The host must have everything back: no storage, no gate, no wrong use of a service.
-inline void expectNothingLeft(refhost::Host &host) {
-  EXPECT_EQ(host.leakReport(), "");
-  EXPECT_EQ(host.gateCount(), 0U);
-  EXPECT_EQ(host.heldGateCount(), 0U);
-  for (const refhost::Misuse &misuse : host.takeMisuses()) {
-    ADD_FAILURE() << refhost::serviceName(misuse.service) << ": " << misuse.what;
-  }
-}
 
 // Comparison of storage byte by byte.
 using Bytes = std::vector<std::uint8_t>;
@@ -72,74 +63,6 @@ inline Bytes envBytes(const MEMThreadEnv &env) {
 inline Bytes errorBytes(const MEMThreadEnv &env) {
   return bytesOf(&env.Error, sizeof env.Error);
 }
-
-// A bound library without process and thread blocks. At the end of each test nothing may be left.
-class BoundTest : public ::testing::Test {
- protected:
-  explicit BoundTest(refhost::Options options = {}) : host(options), mem(host.vector()) {
-    host.bind(library().bindEntry());
-  }
-
-  ~BoundTest() override {
-    host.disarm();
-    host.restoreSlots();
-    stop();
-    host.unbind(library().bindEntry());
-    expectNothingLeft(host);
-  }
-
-  void start() {
-    ASSERT_EQ(mem.MEM_ProcessInit(), 0);
-    ASSERT_EQ(mem.MEM_ThreadAct(), 0);
-    started_ = true;
-  }
-
-  void stop() {
-    if (!started_) return;
-    started_ = false;
-    EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
-    EXPECT_EQ(mem.MEM_ProcessTerm(), 0);
-  }
-
-  MEMThreadEnv &env() { return host.thread(); }
-  MEMErrorArea &error() { return env().Error; }
-  std::string nameText() { return error().NameText; }
-  std::string messageText() { return env().MessageText; }
-
-  // A failure that a service records itself with its own marks: all of the error area, and the
-  // report to the host.
-  void expectRecorded(std::uint32_t code, const std::string &name) {
-    MEMErrorArea expected{};
-    expected.Component = 3;
-    expected.ReturnCode = kFailedCode;
-    expected.Code = code;
-    std::memcpy(expected.NameText, name.c_str(), name.size());
-    EXPECT_EQ(error().Code, code);
-    EXPECT_EQ(nameText(), name);
-    EXPECT_EQ(changedRanges(errorBytes(env()), bytesOf(&expected, sizeof expected)), "");
-    EXPECT_EQ(host.calls(refhost::Service::ReportError), 1U);
-    EXPECT_EQ(host.lastReportedText(), name);
-    EXPECT_EQ(host.lastReportedDetail(), "");
-  }
-
-  // A success that leaves the error area clear and reports nothing.
-  void expectNothingRecorded() {
-    EXPECT_EQ(changedRanges(errorBytes(env()), Bytes(sizeof(MEMErrorArea))), "");
-    EXPECT_EQ(host.calls(refhost::Service::ReportError), 0U);
-  }
-
-  refhost::Host host;
-  MEMFunctionVector &mem;
-
- private:
-  bool started_ = false;
-};
-
-// The usual state of a host: bound, process initialised, this thread active.
-class StartedTest : public BoundTest {
- protected:
-  explicit StartedTest(refhost::Options options = {}) : BoundTest(options) { start(); }
-};
 
 // A host whose fresh storage is dirty: whatever is zero has been made so by the library.
 inline refhost::Options withDirtyStorage() {
@@ -194,6 +117,122 @@ inline Lines callLines(const std::vector<refhost::HostCall> &calls,
   }
   return lines;
 }
+
+// The lines of a service: `inner` in its trace frame. A line without a frame's name is its own.
+inline Lines framed(const std::string &name, const Lines &inner = {}) {
+  Lines lines = {name + ": EnterFrame(frame, 3)"};
+  for (const std::string &line : inner) {
+    lines.push_back(line.find(": ") == std::string::npos ? name + ": " + line : line);
+  }
+  lines.push_back(name + ": LeaveFrame(frame, 3)");
+  return lines;
+}
+
+inline Lines joined(std::initializer_list<Lines> parts) {
+  Lines lines;
+  for (const Lines &part : parts) lines.insert(lines.end(), part.begin(), part.end());
+  return lines;
+}
+
+// The lines of MEM_Alloc and MEM_Free, with the subpool and the kind as the host gets them.
+inline Lines allocLines(std::int64_t size, std::uint16_t subPool, std::uint16_t kind = 1) {
+  return framed("MemAlloc", {"GetAnchor(0, 3, cell)", "GetStorage(cell, " + std::to_string(size) +
+                                                          ", " + std::to_string(subPool) + ", " +
+                                                          std::to_string(kind) + ")"});
+}
+
+inline Lines freeLines(const std::string &area, std::int64_t size, std::uint16_t subPool) {
+  return framed("MEM_Free",
+                {"GetAnchor(0, 3, cell)", "FreeStorage(" + area + ", " + std::to_string(size) +
+                                              ", " + std::to_string(subPool) + ")"});
+}
+
+// The host must have everything back: no storage, no gate, no wrong use of a service.
+inline void expectNothingLeft(refhost::Host &host) {
+  EXPECT_EQ(host.leakReport(), "");
+  EXPECT_EQ(host.gateCount(), 0U);
+  EXPECT_EQ(host.heldGateCount(), 0U);
+  for (const refhost::Misuse &misuse : host.takeMisuses()) {
+    ADD_FAILURE() << refhost::serviceName(misuse.service) << ": " << misuse.what;
+  }
+}
+
+// A bound library without process and thread blocks. At the end of each test nothing may be left.
+class BoundTest : public ::testing::Test {
+ protected:
+  explicit BoundTest(refhost::Options options = {}) : host(options), mem(host.vector()) {
+    host.bind(library().bindEntry());
+  }
+
+  ~BoundTest() override {
+    host.disarm();
+    host.restoreSlots();
+    stop();
+    host.unbind(library().bindEntry());
+    expectNothingLeft(host);
+  }
+
+  void start() {
+    ASSERT_EQ(mem.MEM_ProcessInit(), 0);
+    ASSERT_EQ(mem.MEM_ThreadAct(), 0);
+    started_ = true;
+  }
+
+  void stop() {
+    if (!started_) return;
+    started_ = false;
+    EXPECT_EQ(mem.MEM_ThreadTerm(), 0);
+    EXPECT_EQ(mem.MEM_ProcessTerm(), 0);
+  }
+
+  // Host calls that `call` makes.
+  template <class Call>
+  Lines hostCalls(Call call, const AddressNames &names = {}) {
+    host.recordCalls(true);
+    call();
+    host.recordCalls(false);
+    return callLines(host.takeCalls(), names);
+  }
+
+  MEMThreadEnv &env() { return host.thread(); }
+  MEMErrorArea &error() { return env().Error; }
+  std::string nameText() { return error().NameText; }
+  std::string messageText() { return env().MessageText; }
+
+  // A failure that a service records itself with its own marks: all of the error area, and the
+  // report to the host.
+  void expectRecorded(std::uint32_t code, const std::string &name) {
+    MEMErrorArea expected{};
+    expected.Component = 3;
+    expected.ReturnCode = kFailedCode;
+    expected.Code = code;
+    std::memcpy(expected.NameText, name.c_str(), name.size());
+    EXPECT_EQ(error().Code, code);
+    EXPECT_EQ(nameText(), name);
+    EXPECT_EQ(changedRanges(errorBytes(env()), bytesOf(&expected, sizeof expected)), "");
+    EXPECT_EQ(host.calls(refhost::Service::ReportError), 1U);
+    EXPECT_EQ(host.lastReportedText(), name);
+    EXPECT_EQ(host.lastReportedDetail(), "");
+  }
+
+  // A success that leaves the error area clear and reports nothing.
+  void expectNothingRecorded() {
+    EXPECT_EQ(changedRanges(errorBytes(env()), Bytes(sizeof(MEMErrorArea))), "");
+    EXPECT_EQ(host.calls(refhost::Service::ReportError), 0U);
+  }
+
+  refhost::Host host;
+  MEMFunctionVector &mem;
+
+ private:
+  bool started_ = false;
+};
+
+// The usual state of a host: bound, process initialised, this thread active.
+class StartedTest : public BoundTest {
+ protected:
+  explicit StartedTest(refhost::Options options = {}) : BoundTest(options) { start(); }
+};
 
 // How often the host's trace and format services have been called.
 inline std::uint64_t traceCalls(const refhost::Host &host) {

@@ -115,13 +115,9 @@ inline AddressNames startNames(refhost::Host &host) {
 }
 
 inline Lines sinkStartLines() {
-  return {"MEM_SinkInit: EnterFrame(frame, 3)",
-          "MEM_SinkInit: GetAnchor(0, 3, cell)",
-          "MEM_SinkInit: CreateGate(cell)",
-          "MEM_SinkInit: GetStorage(cell, 278528, 230, 0)",
-          "MEM_SinkInit: ProtectStorage(space, 262144, 230, 16)",
-          "MEM_SinkInit: GetStorage(cell, 16384, 230, 0)",
-          "MEM_SinkInit: LeaveFrame(frame, 3)"};
+  return framed("MEM_SinkInit",
+                {"GetAnchor(0, 3, cell)", "CreateGate(cell)", "GetStorage(cell, 278528, 230, 0)",
+                 "ProtectStorage(space, 262144, 230, 16)", "GetStorage(cell, 16384, 230, 0)"});
 }
 
 // How a sink that has come as far as `step` gives back what it has.
@@ -145,9 +141,8 @@ inline Lines nested(Lines outer, std::ptrdiff_t place, const Lines &inner) {
 }
 
 inline Lines sinkStopLines(SinkStep step, std::uint32_t gate) {
-  return nested({"MEM_SinkTerm: EnterFrame(frame, 3)", "MEM_SinkTerm: GetAnchor(0, 3, cell)",
-                 "MEM_SinkTerm: LeaveFrame(frame, 3)"},
-                2, sinkReleaseLines(step, gate, "MEM_SinkTerm"));
+  return framed("MEM_SinkTerm",
+                joined({{"GetAnchor(0, 3, cell)"}, sinkReleaseLines(step, gate, "MEM_SinkTerm")}));
 }
 
 // The calls of a start, `lines` when it succeeds, up to the failing one, and how the sink then
@@ -161,8 +156,7 @@ inline Lines linesOfFailedStart(const Lines &lines, const StartFailure &failure,
     made.push_back(line);
     if (line.find(failing) != std::string::npos && ++seen == failure.nth) break;
   }
-  const auto end = static_cast<std::ptrdiff_t>(made.size());
-  return nested(made, end, sinkReleaseLines(failure.reached, gate, "MEM_SinkInit"));
+  return joined({made, sinkReleaseLines(failure.reached, gate, "MEM_SinkInit")});
 }
 
 // Names the areas of the sink, which a failed start has returned by now.
@@ -175,19 +169,16 @@ inline void nameReturned(AddressNames &names, const std::vector<refhost::HostCal
 }
 
 inline Lines processStartLines() {
-  return nested(
-      {"MEM_ProcessInit: EnterFrame(frame, 3)", "MEM_ProcessInit: GetPoolStorage(1, 3248, cell)",
-       "MEM_ProcessInit: SetAnchor(0, 3, block)", "MEM_ProcessInit: RegisterMessages(3, table)",
-       "MEM_ProcessInit: LeaveFrame(frame, 3)"},
-      4, sinkStartLines());
+  return framed("MEM_ProcessInit", joined({{"GetPoolStorage(1, 3248, cell)",
+                                            "SetAnchor(0, 3, block)", "RegisterMessages(3, table)"},
+                                           sinkStartLines()}));
 }
 
 inline Lines processStopLines(SinkStep step, std::uint32_t gate) {
-  return nested(
-      {"MEM_ProcessTerm: EnterFrame(frame, 3)", "MEM_ProcessTerm: GetAnchor(0, 3, cell)",
-       "MEM_ProcessTerm: FreePoolStorage(1, block)", "MEM_ProcessTerm: SetAnchor(0, 3, null)",
-       "MEM_ProcessTerm: RegisterMessages(3, null)", "MEM_ProcessTerm: LeaveFrame(frame, 3)"},
-      2, sinkStopLines(step, gate));
+  return framed("MEM_ProcessTerm", joined({{"GetAnchor(0, 3, cell)"},
+                                           sinkStopLines(step, gate),
+                                           {"FreePoolStorage(1, block)", "SetAnchor(0, 3, null)",
+                                            "RegisterMessages(3, null)"}}));
 }
 
 }  // namespace memtest

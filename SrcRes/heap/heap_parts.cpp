@@ -19,10 +19,6 @@ std::int16_t failAreaLen(CallFrame &frame, const HeapKind &kind, std::int16_t Ar
                       ErrorText("Invalid Area Length=").decimal(AreaLen));
 }
 
-std::int16_t passOn(CallFrame &frame, std::int16_t result) noexcept {
-  return result == 0 ? frame.succeed() : frame.finish(result);
-}
-
 std::int16_t allocChain(CallFrame &frame, const HeapKind &kind, HMEMHEAP hMemHeap,
                         const EntryChain &chain, void **ppEntry) noexcept {
   if (chain.NumEnties < 1) {

@@ -61,18 +61,19 @@ inline void *carveEntry(MEMHeapArea &area, std::uint32_t aligned) noexcept {
 // The two headers keep these fields at different offsets, so what works on either is a template.
 // What few entries need is out of line, so that carving pays nothing for it.
 
-// A heap in a first area of its own, or null when there is no storage. What only one kind of heap
-// has in its header is left to the caller.
+// A heap in a first area of `AreaLen` KB, or null when there is no storage. What only one kind of
+// heap has in its header is left to the caller.
 template <class Header>
-Header *makeHeap(CallFrame &frame, const Eyecatcher &eye, std::uint32_t areaSize,
-                 std::uint16_t subPool, const StorageLine &line) noexcept {
-  auto *pHeap = static_cast<Header *>(getHeapStorage(frame, areaSize, subPool, line));
+Header *makeHeap(CallFrame &frame, const Eyecatcher &eye, std::int16_t AreaLen,
+                 std::uint16_t SubPool, const StorageLine &line) noexcept {
+  const std::uint32_t areaSize = static_cast<std::uint32_t>(AreaLen) * 1024;
+  auto *pHeap = static_cast<Header *>(getHeapStorage(frame, areaSize, SubPool, line));
   if (pHeap == nullptr) return nullptr;
   initArea(pHeap->FirstArea, eye, sizeof(Header), areaSize);
   pHeap->pCurArea = &pHeap->FirstArea;
   pHeap->pLargeBlocks = nullptr;
   pHeap->AreaSize = areaSize;
-  pHeap->SubPool = subPool;
+  pHeap->SubPool = SubPool;
   return pHeap;
 }
 
@@ -172,9 +173,6 @@ struct EntryChain {
 // first. When an allocation fails its error stands and the entries made so far stay in the heap.
 std::int16_t allocChain(CallFrame &frame, const HeapKind &kind, HMEMHEAP hMemHeap,
                         const EntryChain &chain, void **ppEntry) noexcept;
-
-// Ends a call with the result of another service; a failure's error stands.
-std::int16_t passOn(CallFrame &frame, std::int16_t result) noexcept;
 
 // The two entry points that are called past the vector, within this room: a standard heap's
 // multiple allocations pass an enhanced heap's handle on to them.

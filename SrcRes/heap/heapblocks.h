@@ -97,10 +97,6 @@ MEM_CHECK_OFFSET(MEMEHeapHeader, AreaSize, 56);
 
 inline constexpr std::int16_t kMaxAreaKB = 256;
 
-inline std::uint32_t areaSizeOf(std::int16_t AreaLen) noexcept {
-  return static_cast<std::uint32_t>(AreaLen) * 1024;
-}
-
 // Entries up to AreaSize less this come from areas, longer ones get a large block. The same for
 // every area of either kind of heap, whatever its header takes.
 inline constexpr std::uint32_t kAreaEntryOverhead = sizeof(MEMHeapHeader);

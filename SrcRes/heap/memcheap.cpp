@@ -41,6 +41,11 @@ inline HandleKind tracedKind(CallFrame &frame, HMEMHEAP hMemHeap, std::int32_t l
   return isStandardHeap(hMemHeap) ? HandleKind::standard : HandleKind::invalid;
 }
 
+// Ends a call with the result of another service; a failure's error stands.
+std::int16_t passOn(CallFrame &frame, std::int16_t result) noexcept {
+  return result == 0 ? frame.succeed() : frame.finish(result);
+}
+
 std::int16_t failHandle(CallFrame &frame, HMEMHEAP hMemHeap) noexcept {
   return frame.fail({.code = MEMERR_HEAPBHDL,
                      .text = ErrorText("Invalid Heap Handle=").pointer(hMemHeap).c_str()});
@@ -59,8 +64,7 @@ std::int16_t MEM_HeapOpen(HMEMHEAP *phMemHeap, std::int16_t AreaLen,
   CallFrame frame(kHeapOpen, ErrorArea::clear);
   frame.traceEntry("Parms: phMemHeap=%lX, AreaLen=%hd, SubPool=%hd", phMemHeap, AreaLen, SubPool);
   if (!isAreaLen(AreaLen)) return failAreaLen(frame, kStandardKind, AreaLen);
-  auto *pHeap =
-      makeHeap<MEMHeapHeader>(frame, kHeapEye, areaSizeOf(AreaLen), SubPool, kHeaderObtained);
+  auto *pHeap = makeHeap<MEMHeapHeader>(frame, kHeapEye, AreaLen, SubPool, kHeaderObtained);
   if (pHeap == nullptr) return failStorage(frame, kStandardKind, "MemAllocFail");
   MEM_ASSERT_VALID(isValid(*pHeap));
   *phMemHeap = reinterpret_cast<HMEMHEAP>(pHeap);

@@ -48,7 +48,7 @@ std::int16_t failGate(CallFrame &frame, const char *pService) noexcept {
 
 // Holds a heap's gate until the end of its scope: on a failing path past the report, so that the
 // error is complete when another thread gets its turn. Only the operation that has taken the gate
-// releases it; the flag in the header tells observers and is never asked.
+// releases it; the flag in the header is for observers and decides nothing.
 class HeldGate {
  public:
   explicit HeldGate(MEMEHeapHeader &heap) noexcept
@@ -128,8 +128,7 @@ std::int16_t MEM_EHeapOpen(HMEMHEAP *phMemHeap, std::int16_t AreaLen,
   if (!isAreaLen(AreaLen)) return failAreaLen(frame, kEnhancedKind, AreaLen);
   std::uint32_t hGate = 0;
   if (runtimeServices().CreateGate(&hGate) != 0) return failGate(frame, "CreateGate");
-  auto *pHeap =
-      makeHeap<MEMEHeapHeader>(frame, kEHeapEye, areaSizeOf(AreaLen), SubPool, kHeaderObtained);
+  auto *pHeap = makeHeap<MEMEHeapHeader>(frame, kEHeapEye, AreaLen, SubPool, kHeaderObtained);
   if (pHeap == nullptr) {
     frame.keepHostError();
     runtimeServices().DeleteGate(hGate);

@@ -16,10 +16,7 @@ constexpr std::uint32_t kLeastGrowth = 2;          // when so much is not to be 
 
 std::uint64_t nodeCount(MEMHashCtlBlk &ctl) noexcept {
   std::uint64_t count = 0;
-  for (std::int32_t i = 0; i <= ctl.Max; ++i) {
-    const HashNode *pNode = *ctl.bucket(static_cast<std::int16_t>(i));
-    for (; pNode != nullptr; pNode = pNode->pNext) ++count;
-  }
+  forEachNode(ctl, [&count](std::int16_t, const HashNode *) noexcept { ++count; });
   return count;
 }
 
@@ -118,14 +115,11 @@ void HashIndex::forget(const CallFrame &frame, const MEMHashCtlBlk *pTable) noex
 }
 
 void HashIndex::fill(MEMHashCtlBlk &ctl) noexcept {
-  for (std::int32_t i = 0; i <= ctl.Max; ++i) {
-    HashNode *pNode = *ctl.bucket(static_cast<std::int16_t>(i));
-    for (; pNode != nullptr; pNode = pNode->pNext) {
-      const std::uint64_t key = keyOf(ctl, pNode);
-      noteTail(i, key, pNode);
-      put({.key = key, .pNode = pNode});
-    }
-  }
+  forEachNode(ctl, [this, &ctl](std::int16_t index, HashNode *pNode) noexcept {
+    const std::uint64_t key = keyOf(ctl, pNode);
+    noteTail(index, key, pNode);
+    put({.key = key, .pNode = pNode});
+  });
 }
 
 void HashIndex::fillFrom(const HashIndex &smaller) noexcept {

@@ -45,6 +45,18 @@ MEM_CHECK_OFFSET(MEMHashCtlBlk, CtlBlkLen, 28);
 MEM_CHECK_OFFSET(MEMHashCtlBlk, hMemHeap, 32);
 MEM_CHECK_OFFSET(MEMHashCtlBlk, pFreeEntries, 40);
 
+// Calls `visit(index, pNode)` for the nodes of all buckets, in the order of a scan. The next node
+// is read after the call.
+template <class Visit>
+void forEachNode(MEMHashCtlBlk &ctl, Visit visit) noexcept {
+  for (std::int32_t i = 0; i <= ctl.Max; ++i) {
+    const auto index = static_cast<std::int16_t>(i);
+    for (HashNode *pNode = *ctl.bucket(index); pNode != nullptr; pNode = pNode->pNext) {
+      visit(index, pNode);
+    }
+  }
+}
+
 inline MEMHashCtlBlk *table(HMEMHASH hMemHash) noexcept {
   return reinterpret_cast<MEMHashCtlBlk *>(hMemHash);
 }

@@ -259,14 +259,10 @@ std::int16_t MEM_HashScan(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm) noex
   if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::composed);
   MEMHashCtlBlk &ctl = *table(hMemHash);
   std::int16_t lastError = 0;
-  for (std::int32_t index = 0; index <= ctl.Max; ++index) {
-    HashNode *pNode = *ctl.bucket(static_cast<std::int16_t>(index));
-    while (pNode != nullptr) {
-      const std::int16_t result = pFct(pNode->record(), pParm);
-      if (result != 0) lastError = result;
-      pNode = pNode->pNext;
-    }
-  }
+  forEachNode(ctl, [&lastError, pFct, pParm](std::int16_t, HashNode *pNode) noexcept {
+    const std::int16_t result = pFct(pNode->record(), pParm);
+    if (result != 0) lastError = result;
+  });
   if (lastError == 0) return frame.succeed();
   frame.traceExit("pFct Return error");
   return frame.finish(lastError);

@@ -91,6 +91,7 @@ bool addTaken(MEMProcessBlock &process, const SinkSlot &slot, Taken *pTaken) noe
 }  // namespace
 
 bool isValidSink(MEMProcessBlock &process) noexcept {
+  MEM_ASSERT(process.pIndex != nullptr);
   if (process.SegmentCount < 1 || process.SegmentCount > MEM_SINK_SEGMENTS) return false;
   if (!isCounted(process)) return false;
   Taken taken[MEM_SINK_SEGMENTS] = {};

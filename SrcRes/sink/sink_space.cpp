@@ -135,6 +135,7 @@ void releaseBlock(MEMSinkSegment &segment) noexcept {
 }
 
 void releaseLastBlock(MEMProcessBlock &process) noexcept {
+  MEM_ASSERT(process.SegmentCount > 0);
   releaseBlock(process.Segments[--process.SegmentCount]);
 }
 

@@ -58,7 +58,7 @@ SpaceResult obtainBlock(MEMProcessBlock &process) noexcept;
 // Makes an entry's string space writable, returns the block and clears the entry.
 void releaseBlock(MEMSinkSegment &segment) noexcept;
 
-// The same with the last entry that has a block, which becomes one without.
+// The same with the last entry that has a block, which becomes one without. REQUIRES: there is one.
 void releaseLastBlock(MEMProcessBlock &process) noexcept;
 
 // The first run of free granules in table order, its bits set. Obtains further blocks as needed;

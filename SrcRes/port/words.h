@@ -41,9 +41,12 @@ constexpr TextWord bytesBelow(TextWord marks) noexcept {
 constexpr TextWord marksOfZeros(TextWord word) noexcept {
   return (word - everyByte(1)) & ~word & everyByte('\x80');
 }
-// The end of text that stands for itself: its closing quote or the "/" of an escape.
+// The end of text that stands for itself: its closing quote or the "/" of an escape. As
+// marksOfZeros of both differences; a byte and its differences have the same highest bit.
 constexpr TextWord marksOfSpecials(TextWord word, char quote) noexcept {
-  return marksOfZeros(word ^ everyByte(quote)) | marksOfZeros(word ^ everyByte('/'));
+  const TextWord quotes = (word ^ everyByte(quote)) - everyByte(1);
+  const TextWord escapes = (word ^ everyByte('/')) - everyByte(1);
+  return (quotes | escapes) & ~word & everyByte('\x80');
 }
 
 // The number in eight bytes of 0 to 9, the lowest one worth 1. Each step joins neighbours in the
@@ -115,14 +118,23 @@ class ReversedDigits {
   Number weight_ = 1;
 };
 
-// Characters of the text that stand for themselves, up to the first `quote` or "/".
-inline std::size_t plainLength(std::string_view text, char quote) noexcept {
+// Whether a zero stands for itself. A writer's does not.
+enum class Zeros : bool { plain, escaped };
+
+// Characters of the text that stand for themselves, up to the first `quote`, "/" or escaped zero.
+inline std::size_t plainLength(std::string_view text, char quote,
+                               Zeros zeros = Zeros::plain) noexcept {
   std::size_t i = 0;
   for (; text.size() - i >= kTextWordLen; i += kTextWordLen) {
-    const TextWord marks = marksOfSpecials(loadAs<TextWord>(text.data() + i), quote);
+    const auto word = loadAs<TextWord>(text.data() + i);
+    TextWord marks = marksOfSpecials(word, quote);
+    if (zeros == Zeros::escaped) marks |= marksOfZeros(word);
     if (marks != 0) return i + charactersBelow(marks);
   }
-  while (i < text.size() && text.data()[i] != quote && text.data()[i] != '/') ++i;
+  const auto isPlain = [quote, zeros](char c) noexcept {
+    return c != quote && c != '/' && (c != '\0' || zeros == Zeros::plain);
+  };
+  while (i < text.size() && isPlain(text.data()[i])) ++i;
   return i;
 }
 
@@ -146,15 +158,18 @@ inline bool copyPlain(std::byte *pTo, const char *pFrom, std::size_t length, cha
     }
     return true;
   }
+  const auto copyWord = [quote](std::byte *pWordTo, const char *pWordFrom) noexcept {
+    const auto word = loadAs<TextWord>(pWordFrom);
+    if (marksOfSpecials(word, quote) != 0) return false;
+    storeAs(pWordTo, word);
+    return true;
+  };
   // The last word overlaps the one in front of it, as far as there is not a whole one left.
   const std::size_t last = length - kTextWordLen;
-  for (std::size_t i = 0;; i += kTextWordLen) {
-    if (i > last) i = last;
-    const auto word = loadAs<TextWord>(pFrom + i);
-    if (marksOfSpecials(word, quote) != 0) return false;
-    storeAs(pTo + i, word);
-    if (i == last) return true;
+  for (std::size_t i = 0; i < last; i += kTextWordLen) {
+    if (!copyWord(pTo + i, pFrom + i)) return false;
   }
+  return copyWord(pTo + last, pFrom + last);
 }
 
 }  // namespace mem

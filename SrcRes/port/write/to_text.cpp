@@ -32,31 +32,13 @@ TextWord loadShort(const char *pFrom, std::size_t length) noexcept {
   return byteAt(0) | byteAt(length / 2) | byteAt(length - 1);
 }
 
-// Not zero when a byte of the word stands behind "/" in any text.
-constexpr TextWord marksOfEscaped(TextWord word) noexcept {
-  return marksOfSpecials(word, '"');
-}
-
-constexpr bool isPlain(char c) noexcept {
-  return c != '"' && c != '/' && c != '\0';
-}
-
-// Characters in front of the first that is not plain.
-std::size_t plainLength(std::string_view text) noexcept {
-  std::size_t length = 0;
-  for (; text.size() - length >= kTextWordLen; length += kTextWordLen) {
-    const TextWord word = loadAs<TextWord>(text.data() + length);
-    if ((marksOfEscaped(word) | marksOfZeros(word)) != 0) break;
-  }
-  while (length < text.size() && isPlain(text[length])) ++length;
-  return length;
-}
-
-// Narrow text between double quotes: runs of plain characters as they are, the others behind "/".
+// Narrow text between double quotes: runs of characters that stand for themselves, the others
+// behind
+// "/".
 bool appendEscaped(PortOutput &output, std::string_view text) noexcept {
   if (!output.append('"')) return false;
   while (!text.empty()) {
-    const std::size_t run = plainLength(text);
+    const std::size_t run = plainLength(text, '"', Zeros::escaped);
     if (!output.append(firstOf(text, run))) return false;
     text = behind(text, run);
     if (text.empty()) break;
@@ -67,41 +49,15 @@ bool appendEscaped(PortOutput &output, std::string_view text) noexcept {
   return output.append('"');
 }
 
-// Stores escaped text, whole words of it where nothing is to be escaped, and returns its end.
-char *storeEscaped(char *pTo, std::string_view text) noexcept {
-  const char *pFrom = text.data();
-  const char *const pEnd = pFrom + text.size();
-  while (pFrom != pEnd) {
-    const auto left = static_cast<std::size_t>(pEnd - pFrom);
-    const TextWord word = left < kTextWordLen ? loadShort(pFrom, left) : loadAs<TextWord>(pFrom);
-    const std::size_t step = std::min(left, kTextWordLen);
-    if (marksOfEscaped(word) == 0) {
-      storeAs(pTo, word);
-      pTo += step;
-    } else {
-      for (const char c : std::string_view(pFrom, step)) {
-        if (!isPlain(c)) *pTo++ = '/';
-        *pTo++ = c;
-      }
-    }
-    pFrom += step;
+// Copies text if all of it stands for itself, short text as one word. Of other text, `pTo` holds
+// some characters. REQUIRES: room for a word.
+bool copyIfPlain(char *pTo, std::string_view text) noexcept {
+  if (text.size() >= kTextWordLen) {
+    return copyPlain(reinterpret_cast<std::byte *>(pTo), text.data(), text.size(), '"');
   }
-  return pTo;
-}
-
-// Copies text word by word, at least one. Returns zero when no character of it is to be escaped.
-TextWord copyWords(char *pTo, const char *pFrom, std::size_t length) noexcept {
-  const auto copyWord = [](char *pWordTo, TextWord word) noexcept {
-    storeAs(pWordTo, word);
-    return marksOfEscaped(word);
-  };
-  if (length < kTextWordLen) return copyWord(pTo, loadShort(pFrom, length));
-  const std::size_t last = length - kTextWordLen;  // overlaps the word before it
-  TextWord marks = copyWord(pTo + last, loadAs<TextWord>(pFrom + last));
-  for (std::size_t i = 0; i < last; i += kTextWordLen) {
-    marks |= copyWord(pTo + i, loadAs<TextWord>(pFrom + i));
-  }
-  return marks;
+  const TextWord word = loadShort(text.data(), text.size());
+  storeAs(pTo, word);
+  return marksOfSpecials(word, '"') == 0;
 }
 
 // Text of UTF-16 units at any alignment.
@@ -172,14 +128,14 @@ std::size_t highSurrogates(const WideView &text) noexcept {
   return count;
 }
 
-// Narrow text between double quotes. Most is plain, and copied while it is looked through.
+// The same for text that mostly stands for itself, and is copied while it is looked through.
 // REQUIRES: no zeros in it.
 bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
   constexpr std::size_t kQuotes = 2;
-  char *pTo = output.roomFor(2 * text.size() + kQuotes + PortOutput::kSpill);
-  if (pTo == nullptr) return appendEscaped(output, text);
-  const bool isPlainText = copyWords(pTo + 1, text.data(), text.size()) == 0;
-  char *pEnd = isPlainText ? pTo + 1 + text.size() : storeEscaped(pTo + 1, text);
+  char *pTo = output.next();
+  const bool isRoom = output.room() >= text.size() + kQuotes + PortOutput::kSpill;
+  if (!isRoom || !copyIfPlain(pTo + 1, text)) return appendEscaped(output, text);
+  char *pEnd = pTo + 1 + text.size();
   *pTo = '"';
   *pEnd = '"';
   output.advanceTo(pEnd + 1);
@@ -205,7 +161,8 @@ bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte
 bool MEM_PStr2PortStr(PortOutput &output, const char *pText) noexcept {
   if (!output.append('X')) return false;
   if (pText == nullptr) return true;
-  return appendText(output, pText);
+  const std::string_view text(pText);
+  return output.appendReversed(text.size()) && appendQuoted(output, text);
 }
 
 bool MEM_Bin2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {

@@ -54,11 +54,11 @@ void PortLookahead::askForTexts(const MEMPortRef &ref) const noexcept {
   if (pPlan == nullptr) return;
   const KeyLookahead *pIndex = indexToAskAhead(frame_, hRegistry_);
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
-  for (const FieldStep *pStep = pPlan->pSteps; !pStep->endsRow(); ++pStep) {
-    const std::byte *pField = pStruct + pStep->offset;
-    if (pStep->kind == StepKind::text) {
+  for (const FieldStep &step : pPlan->fields) {
+    const std::byte *pField = pStruct + step.offset;
+    if (step.type == MEM_PORT_PSTR) {
       MEM_PREFETCH(orElse(loadAs<const void *>(pField), pStruct));
-    } else if (pStep->kind == StepKind::pointer && pIndex != nullptr) {
+    } else if (step.type == MEM_PORT_PNT && pIndex != nullptr) {
       pIndex->wantSlot(pField);
     }
   }
@@ -70,9 +70,9 @@ void PortLookahead::askForEntries(const MEMPortRef &ref) const noexcept {
   const KeyLookahead *pIndex = indexToAskAhead(frame_, hRegistry_);
   if (pPlan == nullptr || pIndex == nullptr) return;
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
-  for (const FieldStep *pStep = pPlan->pSteps; !pStep->endsRow(); ++pStep) {
-    if (pStep->kind == StepKind::pointer) {
-      pIndex->wantRecord(pStruct + pStep->offset, offsetof(MEMPortRef, sequence));
+  for (const FieldStep &step : pPlan->fields) {
+    if (step.type == MEM_PORT_PNT) {
+      pIndex->wantRecord(pStruct + step.offset, offsetof(MEMPortRef, sequence));
     }
   }
 }

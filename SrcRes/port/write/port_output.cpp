@@ -61,17 +61,18 @@ bool PortOutput::addChunk() noexcept {
 bool PortOutput::appendAcross(std::string_view text) noexcept {
   while (!text.empty()) {
     if (pNext_ == pEnd_ && !addChunk()) return false;
-    const std::size_t step = std::min(text.size(), room());
-    std::memcpy(pNext_, text.data(), step);
-    pNext_ += step;
-    text.remove_prefix(step);
+    const std::size_t fitting = std::min(text.size(), room());
+    std::memcpy(pNext_, text.data(), fitting);
+    pNext_ += fitting;
+    text.remove_prefix(fitting);
   }
   return true;
 }
 
-bool PortOutput::appendReversedAcross(std::uint64_t value) noexcept {
+bool PortOutput::appendReversedAcross(bool isNegative, std::uint64_t magnitude) noexcept {
+  if (isNegative && !append('-')) return false;
   char digits[kMostStoredDigits];
-  const char *pEnd = putReversed(digits, value);
+  const char *pEnd = putReversed(digits, magnitude);
   return appendAcross(std::string_view(digits, static_cast<std::size_t>(pEnd - digits)));
 }
 

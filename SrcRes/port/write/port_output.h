@@ -7,25 +7,20 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/platform.h"
 #include "port/write/digits.h"
 #include "qj7mem00/memport.h"
 #include "qj7mem00/memvect.h"
 
 namespace mem {
 
-// Appends characters, or lets a caller that knows how many it needs at most write them itself:
-//
-//   if (char *pTo = output.roomFor(most)) {
-//     ... store, at most `most` characters from pTo on ...
-//     output.advanceTo(pTo + stored);
-//   }
-//
-// What is stored behind the place advanced to is scratch. So short texts can be stored as whole
-// words: `most` then includes kSpill. A chunk's Used is brought up to date when the chunk is full
+// Appends characters, or lets a caller write them itself: at most room() from next() on, and then
+// advanceTo() what is behind them. What is stored behind the place advanced to is scratch: short
+// texts can be stored as whole words. A chunk's Used is brought up to date when the chunk is full
 // and by noteUsed().
 class PortOutput {
  public:
-  // Characters that a caller may store in excess of those that it appends.
+  // Characters that may be stored in excess of those that are appended.
   static constexpr std::size_t kSpill = 16;
 
   // Obtains the first chunk. False when there is no storage. REQUIRES: capacity >= 1.
@@ -33,12 +28,7 @@ class PortOutput {
 
   // Where the current chunk goes on, and how many characters it takes from there on.
   char *next() const noexcept { return pNext_; }
-  std::size_t roomAt(const char *pTo) const noexcept {
-    return static_cast<std::size_t>(pEnd_ - pTo);
-  }
-  std::size_t room() const noexcept { return roomAt(pNext_); }
-  // next(), or null when the chunk does not take `most` characters.
-  char *roomFor(std::size_t most) const noexcept { return most <= room() ? pNext_ : nullptr; }
+  std::size_t room() const noexcept { return static_cast<std::size_t>(pEnd_ - pNext_); }
   void advanceTo(char *pNext) noexcept { pNext_ = pNext; }
 
   // Appends text; false, with what fitted appended, when no further chunk can be obtained or no
@@ -55,10 +45,31 @@ class PortOutput {
     return true;
   }
 
+  // The first `length` characters of a block, which is stored whole where there is room.
+  using Block = char[kSpill];
+  bool appendBlock(const Block &block, std::size_t length) noexcept {
+    if (room() < kSpill) return appendAcross(std::string_view(block, length));
+    std::memcpy(pNext_, block, kSpill);
+    pNext_ += length;
+    return true;
+  }
+
   // A number, least significant digit first; 0 writes nothing.
   bool appendReversed(std::uint64_t value) noexcept {
-    if (room() < kMostStoredDigits) return appendReversedAcross(value);
+    if (room() < kMostStoredDigits) return appendReversedAcross(false, value);
     pNext_ = putReversed(pNext_, value);
+    return true;
+  }
+  // The same with a sign.
+  bool appendSigned(std::int64_t value) noexcept {
+    // Without a branch, since signs come in any order. Negation in unsigned arithmetic gives the
+    // magnitude of the most negative value as well.
+    const auto bits = static_cast<std::uint64_t>(value);
+    const std::uint64_t isNegative = bits >> 63;
+    const std::uint64_t magnitude = (bits ^ (0 - isNegative)) + isNegative;
+    if (room() < 1 + kMostStoredDigits) return appendReversedAcross(isNegative != 0, magnitude);
+    *pNext_ = '-';
+    pNext_ = putReversed(pNext_ + isNegative, magnitude);
     return true;
   }
 
@@ -80,9 +91,10 @@ class PortOutput {
   std::uint32_t used() const noexcept {
     return static_cast<std::uint32_t>(pNext_ - pCurrent_->Text);
   }
-  bool addChunk() noexcept;
-  bool appendAcross(std::string_view text) noexcept;
-  bool appendReversedAcross(std::uint64_t value) noexcept;
+  // Rare, and out of line so that the usual ways stay short.
+  MEM_NOINLINE bool addChunk() noexcept;
+  MEM_NOINLINE bool appendAcross(std::string_view text) noexcept;
+  MEM_NOINLINE bool appendReversedAcross(bool isNegative, std::uint64_t magnitude) noexcept;
   MEMPortChunk *obtainChunk() const noexcept;
   void begin(MEMPortChunk *pChunk) noexcept;
 

@@ -8,46 +8,6 @@ namespace mem {
 
 namespace {
 
-StepKind kindOf(std::uint8_t type) noexcept {
-  switch (type) {
-    case MEM_PORT_SHORT:
-      return StepKind::int16;
-    case MEM_PORT_USHORT:
-      return StepKind::uint16;
-    case MEM_PORT_LONG:
-      return StepKind::int32;
-    case MEM_PORT_ULONG:
-      return StepKind::uint32;
-    case MEM_PORT_BIGINT:
-      return StepKind::int64;
-    case MEM_PORT_UBIGINT:
-      return StepKind::uint64;
-    case MEM_PORT_PNT:
-      return StepKind::pointer;
-    case MEM_PORT_PSTR:
-      return StepKind::text;
-    default:
-      return StepKind::other;
-  }
-}
-
-// The letter that opens every value of a kind.
-std::string_view letterOf(StepKind kind) noexcept {
-  switch (kind) {
-    case StepKind::pointer:
-      return "S";
-    case StepKind::text:
-      return "X";
-    case StepKind::end:
-    case StepKind::close:
-    case StepKind::fixed:
-    case StepKind::other:
-      return "";
-    default:
-      return "N";
-  }
-}
-
 // Characters that are put together for a step. At most "(", two numbers of 32 bits and "<".
 class FixedText {
  public:
@@ -69,7 +29,34 @@ class FixedText {
   std::size_t length_ = 0;
 };
 
+bool isNumber(std::uint8_t type) noexcept {
+  return (type >= MEM_PORT_SHORT && type <= MEM_PORT_ULONG) || type == MEM_PORT_UBIGINT ||
+         type == MEM_PORT_BIGINT;
+}
+
+// What stands in front of a field's value. A number's letter is written before the number is read,
+// other letters behind.
+FixedText prefixOf(const MEMFieldDef &field, std::string_view before) noexcept {
+  FixedText prefix = FixedText().add(before).addReversed(field.FieldID);
+  return isNumber(field.Type) ? prefix.add("N") : prefix;
+}
+
+FieldStep stepOf(std::string_view prefix, const MEMFieldDef *pField, std::int32_t offset,
+                 std::uint8_t type) noexcept {
+  FieldStep step{.prefix = {},
+                 .pField = pField,
+                 .offset = offset,
+                 .type = type,
+                 .prefixLen = static_cast<std::uint8_t>(prefix.size())};
+  std::memcpy(step.prefix, prefix.data(), prefix.size());
+  return step;
+}
+
 }  // namespace
+
+FieldStep makeStep(const MEMFieldDef &field, std::string_view before) noexcept {
+  return stepOf(prefixOf(field, before).view(), &field, field.Offset, field.Type);
+}
 
 void PortPlans::add(const MEMStructDef &def) noexcept {
   const std::size_t place = def.StructID % kPlaces;
@@ -83,67 +70,45 @@ void PortPlans::add(const MEMStructDef &def) noexcept {
 }
 
 bool PortPlans::make(const MEMStructDef &def, StructPlan &plan) noexcept {
-  const std::int32_t fields = fieldCount(def);
-  const bool isRepeated =
-      hasRepeatField(def) && fields > 0 && def.Fields[fields - 1].NotPorted == 0;
-  plan = {.pDef = &def, .pHead = nullptr, .pSteps = nullptr, .pRepeated = nullptr};
-  FixedText inFront = FixedText().add("(").addReversed(def.StructID);
+  const std::int32_t count = fieldCount(def);
+  const bool isRepeated = hasRepeatField(def) && count > 0 && def.Fields[count - 1].NotPorted == 0;
+  plan = {.pDef = &def, .head = {}, .fields = {}, .repeated = {}};
+  const FieldStep *pFirst = nextStep();
+  FixedText before = FixedText().add("(").addReversed(def.StructID);
   if (hasRepeatField(def)) {
-    plan.pHead = &addStep(StepKind::fixed, inFront.add(",").view());
-    addStep(StepKind::end, "");
-    inFront = FixedText();
+    addFixed(before.add(",").view());
+    plan.head = rowFrom(pFirst);
+    pFirst = nextStep();
+    before = FixedText();
   }
-  inFront.add("<");
-  plan.pSteps = nextStep();
-  for (std::int32_t i = 0; i < fields - (isRepeated ? 1 : 0); ++i) {
+  before.add("<");
+  for (std::int32_t i = 0; i < count - (isRepeated ? 1 : 0); ++i) {
     if (def.Fields[i].NotPorted != 0) continue;
-    addField(def.Fields[i], inFront.view());
-    inFront = FixedText().add("/");
+    addField(def.Fields[i], before.view());
+    before = FixedText().add("/");
   }
-  const bool isWritten = nextStep() != plan.pSteps;
-  if (isRepeated && !isWritten) return false;  // odd: the first element's "<" is not the others'
-  if (!isRepeated) {
-    addStep(StepKind::close, (isWritten ? FixedText() : inFront).add(">)").view());
-    return true;
-  }
-  addStep(StepKind::end, "");
-  plan.pRepeated = nextStep();
-  addField(def.Fields[fields - 1], inFront.view());
-  addStep(StepKind::end, "");
+  const bool isWritten = nextStep() != pFirst;
+  if (isRepeated && !isWritten) return false;  // odd: the first element is not like the others
+  if (!isRepeated) addFixed((isWritten ? FixedText() : before).add(">)").view());
+  plan.fields = rowFrom(pFirst);
+  if (!isRepeated) return true;
+  pFirst = nextStep();
+  addField(def.Fields[count - 1], before.view());
+  plan.repeated = rowFrom(pFirst);
   return true;
 }
 
-// A field, with what stands in front of its identifier.
+// A field, and in a step of its own what stands in front of it when there is no room for both.
 void PortPlans::addField(const MEMFieldDef &field, std::string_view before) noexcept {
-  const StepKind kind = kindOf(field.Type);
-  const std::string_view letter = letterOf(kind);
-  FixedText fixed = FixedText().add(before).addReversed(field.FieldID);
-  if (fixed.view().size() + letter.size() > FieldStep::kPrefixLen) {
-    addStep(StepKind::fixed, before);
-    fixed = FixedText().addReversed(field.FieldID);
+  if (prefixOf(field, before).view().size() > sizeof FieldStep::prefix) {
+    addFixed(before);
+    before = "";
   }
-  FieldStep &step = addStep(kind, fixed.view());
-  std::memcpy(step.prefix + step.fixedLen, letter.data(), letter.size());
-  step.pField = &field;
-  step.offset = field.Offset;
-  step.prefixLen = static_cast<std::uint8_t>(step.fixedLen + letter.size());
-  // A number's letter is written before the number is read, other letters behind.
-  if (letter == "N") step.readyLen = step.prefixLen;
+  addStep(makeStep(field, before));
 }
 
-// REQUIRES: a step that is free; no more characters than a prefix takes.
-FieldStep &PortPlans::addStep(StepKind kind, std::string_view fixed) noexcept {
-  FieldStep &step = steps_[stepsInUse_++];
-  const auto length = static_cast<std::uint8_t>(fixed.size());
-  step = {.prefix = {},
-          .pField = nullptr,
-          .offset = 0,
-          .kind = kind,
-          .prefixLen = length,
-          .readyLen = length,
-          .fixedLen = length};
-  std::memcpy(step.prefix, fixed.data(), fixed.size());
-  return step;
+void PortPlans::addFixed(std::string_view text) noexcept {
+  addStep(stepOf(text, nullptr, 0, 0));
 }
 
 }  // namespace mem

@@ -122,8 +122,16 @@ std::int16_t PortWriter::start() noexcept {
   return 0;
 }
 
+inline std::int16_t PortWriter::MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept {
+  const StructPlan *pPlan = plans_.find(ref.StructID);
+  if (pPlan == nullptr) return writeUnplanned(ref, nesting);
+  const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
+  if (!pPlan->head.empty()) return writeCounted(*pPlan, pStruct, nesting);
+  return writeSteps(*pPlan->pDef, pPlan->fields, pStruct, nesting);
+}
+
 // The queue grows at its tail while it is walked: structures are written in the order in which
-// pointers to them are met. writeSteps may take several of them at once.
+// pointers to them are met.
 std::int16_t PortWriter::writeAll() noexcept {
   for (; pRef_ != nullptr; pRef_ = pRef_->pNext) {
     askAhead();
@@ -141,162 +149,106 @@ void PortWriter::askAhead() noexcept {
   }
 }
 
-// The plan of the next structure in the queue, which becomes the one that is written, when a row is
-// all that it takes. Else null, and nothing changes.
-const StructPlan *PortWriter::goOn() noexcept {
-  MEMPortRef *pNext = pRef_->pNext;
-  if (pNext == nullptr) return nullptr;
-  const StructPlan *pPlan = plans_.find(pNext->StructID);
-  if (pPlan == nullptr || !pPlan->isOneRow()) return nullptr;
-  pRef_ = pNext;
-  askAhead();
-  return pPlan;
-}
-
-std::int16_t PortWriter::MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept {
-  const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
-  const StructPlan *pPlan = plans_.find(ref.StructID);
-  if (pPlan != nullptr) return writePlanned(*pPlan, pStruct, nesting);
+std::int16_t PortWriter::writeUnplanned(const MEMPortRef &ref, int nesting) noexcept {
   const MEMStructDef *pDef = MEM_Find_Struct_Def(pDefs_, ref.StructID);
   if (pDef == nullptr) {
     const ErrorText text =
         ErrorText("No such StructID:").decimal(static_cast<std::int32_t>(ref.StructID)).text("!");
     return report(kPointStruct, text.c_str());
   }
-  const std::int16_t status = writeUnplanned(*pDef, pStruct, nesting);
+  const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
+  std::uint32_t elements = 1;
+  std::int16_t status = checked(output_.append('(') && output_.appendReversed(pDef->StructID));
+  if (status == 0 && hasRepeatField(*pDef)) {
+    status = append(',');
+    if (status == 0) status = writeCount(*pDef, pStruct, elements);
+  }
+  if (status == 0) status = append('<');
+  if (status == 0) status = writeFields(*pDef, pStruct, elements, nesting);
+  if (status == 0) status = append(">)");
   if (status == 0) plans_.add(*pDef);
   return status;
 }
 
-std::int16_t PortWriter::writeUnplanned(const MEMStructDef &def, const std::byte *pStruct,
-                                        int nesting) noexcept {
-  std::uint32_t elements = 1;
-  std::int16_t status = append('(');
-  if (status == 0) status = appendReversed(def.StructID);
-  if (status == 0 && hasRepeatField(def)) {
-    status = append(',');
-    if (status == 0) status = writeCount(def, pStruct, elements);
-  }
-  if (status == 0) status = append('<');
-  if (status == 0) status = writeFields(def, pStruct, elements, nesting);
-  if (status == 0) status = append(">)");
-  return status;
-}
-
-std::int16_t PortWriter::writePlanned(const StructPlan &plan, const std::byte *pStruct,
+// A structure with a number of elements in front of its fields.
+std::int16_t PortWriter::writeCounted(const StructPlan &plan, const std::byte *pStruct,
                                       int nesting) noexcept {
-  std::int16_t status = 0;
+  const MEMStructDef &def = *plan.pDef;
   std::uint32_t elements = 0;
-  if (plan.pHead != nullptr) {
-    status = writeSteps(&plan, plan.pHead, pStruct, nesting);
-    if (status == 0) status = writeCount(*plan.pDef, pStruct, elements);
-  }
-  if (status == 0) status = writeSteps(&plan, plan.pSteps, pStruct, nesting);
-  if (plan.pRepeated == nullptr || status != 0) return status;
+  std::int16_t status = writeSteps(def, plan.head, pStruct, nesting);
+  if (status == 0) status = writeCount(def, pStruct, elements);
+  if (status == 0) status = writeSteps(def, plan.fields, pStruct, nesting);
+  if (plan.repeated.empty() || status != 0) return status;
   for (std::uint32_t k = 0; status == 0 && k < elements; ++k) {
-    const std::int64_t offset = std::int64_t{k} * plan.pRepeated->pField->Length;
-    status = writeSteps(&plan, plan.pRepeated, pStruct + offset, nesting);
+    const std::int64_t offset = std::int64_t{k} * plan.repeated.front().pField->Length;
+    status = writeSteps(def, plan.repeated, pStruct + offset, nesting);
   }
   return status == 0 ? append(">)") : status;
 }
 
-// Writes a row of steps. With room for any prefix, number or sequence their characters are stored
-// without further checks, numbers as putNumber does. They are appended in front of every read that
-// may fault.
-//
-// The row that closes a structure of the queue leads on to that of the next one, if it has no
-// other: then pRef_ has moved to the last one that was written.
-std::int16_t PortWriter::writeSteps(const StructPlan *pPlan, const FieldStep *pStep,
+// Writes a row of steps. The characters of each are appended before its field is read, which may
+// fault.
+std::int16_t PortWriter::writeSteps(const MEMStructDef &def, StructPlan::Row row,
                                     const std::byte *pStruct, int nesting) noexcept {
-  constexpr std::size_t kMost = FieldStep::kPrefixLen + kMostNumber;
-  std::int16_t status = 0;
-  char *pTo = output_.next();
-  while (status == 0) {
-    const FieldStep &step = *pStep++;
-    const std::byte *pField = pStruct + step.offset;
-    if (output_.roomAt(pTo) >= kMost) {
-      std::memcpy(pTo, step.prefix, FieldStep::kPrefixLen);
-      output_.advanceTo(pTo + step.readyLen);
-      pTo += step.prefixLen;
-    } else {
-      output_.advanceTo(pTo);
-      status = writeStep(*pPlan, step, pField, nesting);
-      if (status != 0) return status;
-      pTo = output_.next();
-      if (step.pField != nullptr) continue;
-    }
-    switch (step.kind) {
-      case StepKind::end:
-        return 0;
-      case StepKind::close:
-        pPlan = nesting == 0 ? goOn() : nullptr;
-        if (pPlan == nullptr) return 0;
-        pStep = pPlan->pSteps;
-        pStruct = static_cast<const std::byte *>(pRef_->pStruct);
-        break;
-      case StepKind::fixed:
-        break;
-      case StepKind::int16:
-        pTo = putSigned(pTo, loadAs<std::int16_t>(pField));
-        break;
-      case StepKind::uint16:
-        pTo = putReversed(pTo, loadAs<std::uint16_t>(pField));
-        break;
-      case StepKind::int32:
-        pTo = putSigned(pTo, loadAs<std::int32_t>(pField));
-        break;
-      case StepKind::uint32:
-        pTo = putReversed(pTo, loadAs<std::uint32_t>(pField));
-        break;
-      case StepKind::int64:
-        pTo = putSigned(pTo, loadAs<std::int64_t>(pField));
-        break;
-      case StepKind::uint64:
-        pTo = putReversed(pTo, loadAs<std::uint64_t>(pField));
-        break;
-      case StepKind::pointer:
-        status = putSequence(pTo, *step.pField, loadAs<const void *>(pField));
-        break;
-      case StepKind::text:
-        status = putText(pTo, *pPlan, *step.pField, loadAs<const char *>(pField));
-        break;
-      case StepKind::other:
-        status = writeValue(*pPlan->pDef, *step.pField, pField, nesting);
-        pTo = output_.next();
-    }
+  for (const FieldStep &step : row) {
+    std::int16_t status = checked(output_.appendBlock(step.prefix, step.prefixLen));
+    if (status == 0) status = writeValue(def, step, pStruct + step.offset, nesting);
+    if (status != 0) return status;
   }
-  return status;
+  return 0;
 }
 
-// A step for which the chunk may have no room.
-std::int16_t PortWriter::writeStep(const StructPlan &plan, const FieldStep &step,
-                                   const std::byte *pField, int nesting) noexcept {
-  const std::int16_t status = append(std::string_view(step.prefix, step.fixedLen));
-  if (status != 0 || step.pField == nullptr) return status;
-  return writeValue(*plan.pDef, *step.pField, pField, nesting);
+// Numbers, pointers and embedded structures are written here, all else by a converter.
+inline std::int16_t PortWriter::writeValue(const MEMStructDef &def, const FieldStep &step,
+                                           const std::byte *pField, int nesting) noexcept {
+  switch (step.type) {
+    case MEM_PORT_SHORT:
+      return checked(output_.appendSigned(loadAs<std::int16_t>(pField)));
+    case MEM_PORT_USHORT:
+      return checked(output_.appendReversed(loadAs<std::uint16_t>(pField)));
+    case MEM_PORT_LONG:
+      return checked(output_.appendSigned(loadAs<std::int32_t>(pField)));
+    case MEM_PORT_ULONG:
+      return checked(output_.appendReversed(loadAs<std::uint32_t>(pField)));
+    case MEM_PORT_BIGINT:
+      return checked(output_.appendSigned(loadAs<std::int64_t>(pField)));
+    case MEM_PORT_UBIGINT:
+      return checked(output_.appendReversed(loadAs<std::uint64_t>(pField)));
+    case MEM_PORT_PNT:
+      return writePointer(*step.pField, loadAs<const void *>(pField));
+    case MEM_PORT_SUBSTRUCTURE:
+      return writeEmbedded(*step.pField, pField, nesting);
+    case MEM_PORT_PSTR:
+      return ported(MEM_PStr2PortStr(output_, loadAs<const char *>(pField)), def, step);
+    case MEM_PORT_WPSTR:
+      return ported(MEM_WPStr2PortStr(output_, loadAs<const char16_t *>(pField)), def, step);
+    case MEM_PORT_CHAR:
+      return ported(MEM_Char2PortStr(output_, step.pField->Length, pField), def, step);
+    case MEM_PORT_CHARSZ:
+      return ported(MEM_CharSZ2PortStr(output_, step.pField->Length, pField), def, step);
+    case MEM_PORT_WCHAR:
+      return ported(MEM_WChar2PortStr(output_, step.pField->Length, pField), def, step);
+    case MEM_PORT_WCHARSZ:
+      return ported(MEM_WCharSZ2PortStr(output_, step.pField->Length, pField), def, step);
+    case MEM_PORT_BIN:
+      return ported(MEM_Bin2PortStr(output_, step.pField->Length, pField), def, step);
+    case MEM_PORT_BIT:
+      if (step.pField->Length != 1) return reportField(def, step);
+      return ported(MEM_Bit2PortStr(output_, pField), def, step);
+    default:
+      return step.pField == nullptr ? std::int16_t{0} : report(kPointType, "Unknown field type!");
+  }
 }
 
-// The sequence number of a structure that is pointed to. REQUIRES: room for it.
-std::int16_t PortWriter::putSequence(char *&pTo, const MEMFieldDef &field,
-                                     const void *pTarget) noexcept {
+inline std::int16_t PortWriter::writePointer(const MEMFieldDef &field,
+                                             const void *pTarget) noexcept {
+  if (const std::int16_t status = append('S'); status != 0) return status;
   if (pTarget == nullptr) return 0;
-  output_.advanceTo(pTo);
   MEMPortRef *pRef = nullptr;
-  const std::int16_t status = enter(pTarget, field.SubStructID, pRef);
-  if (status == 0) pTo = putReversed(pTo, pRef->sequence);
-  return status;
-}
-
-// A text that is pointed to. REQUIRES: room for its length.
-std::int16_t PortWriter::putText(char *&pTo, const StructPlan &plan, const MEMFieldDef &field,
-                                 const char *pText) noexcept {
-  if (pText == nullptr) return 0;
-  output_.advanceTo(pTo);
-  const bool isAppended = appendText(output_, pText);
-  pTo = output_.next();
-  if (isAppended) return 0;
-  checked(false);
-  return reportField(*plan.pDef, field);
+  if (const std::int16_t status = enter(pTarget, field.SubStructID, pRef); status != 0) {
+    return status;
+  }
+  return checked(output_.appendReversed(pRef->sequence));
 }
 
 // The number of elements of a structure with a repeat field. A negative count writes no digits and
@@ -331,9 +283,10 @@ std::int16_t PortWriter::writeCount(const MEMStructDef &def, const std::byte *pS
     count = (count - def.Length) / elementLen + 1;
   }
   elements = count > 0 ? static_cast<std::uint32_t>(count) : 0;
-  return appendReversed(elements);
+  return checked(output_.appendReversed(elements));
 }
 
+// The fields of a structure without a plan, read one by one.
 std::int16_t PortWriter::writeFields(const MEMStructDef &def, const std::byte *pStruct,
                                      std::uint32_t elements, int nesting) noexcept {
   bool isFirst = true;
@@ -342,42 +295,16 @@ std::int16_t PortWriter::writeFields(const MEMStructDef &def, const std::byte *p
     if (field.NotPorted != 0) continue;
     const bool isRepeated = hasRepeatField(def) && i + 1 == fieldCount(def);
     const std::uint32_t times = isRepeated ? elements : 1;
+    FieldStep step;
     for (std::uint32_t k = 0; k < times; ++k) {
-      const std::int64_t offset = field.Offset + std::int64_t{k} * field.Length;
-      const std::int16_t status = writeField(def, field, pStruct + offset, isFirst, nesting);
+      if (k < 2) step = makeStep(field, isFirst ? "" : "/");  // those behind are like the second
+      const std::int64_t offset = std::int64_t{k} * field.Length;
+      const std::int16_t status = writeSteps(def, {&step, 1}, pStruct + offset, nesting);
       if (status != 0) return status;
       isFirst = false;
     }
   }
   return 0;
-}
-
-std::int16_t PortWriter::writeField(const MEMStructDef &def, const MEMFieldDef &field,
-                                    const std::byte *pField, bool isFirst, int nesting) noexcept {
-  std::int16_t status = isFirst ? std::int16_t{0} : append('/');
-  if (status == 0) status = appendReversed(field.FieldID);
-  if (status == 0) status = writeValue(def, field, pField, nesting);
-  return status;
-}
-
-// Numbers, pointers and embedded structures are written here, all else by a converter.
-std::int16_t PortWriter::writeValue(const MEMStructDef &def, const MEMFieldDef &field,
-                                    const std::byte *pField, int nesting) noexcept {
-  switch (field.Type) {
-    case MEM_PORT_SHORT:
-    case MEM_PORT_USHORT:
-    case MEM_PORT_LONG:
-    case MEM_PORT_ULONG:
-    case MEM_PORT_UBIGINT:
-    case MEM_PORT_BIGINT:
-      return checked(appendNumber(output_, field.Type, pField));
-    case MEM_PORT_PNT:
-      return writePointer(field, loadAs<const void *>(pField));
-    case MEM_PORT_SUBSTRUCTURE:
-      return writeEmbedded(field, pField, nesting);
-    default:
-      return convert(def, field, pField);
-  }
 }
 
 std::int16_t PortWriter::writeEmbedded(const MEMFieldDef &field, const std::byte *pField,
@@ -389,53 +316,17 @@ std::int16_t PortWriter::writeEmbedded(const MEMFieldDef &field, const std::byte
   return MEM_Struct2Port(embedded, nesting + 1);
 }
 
-std::int16_t PortWriter::writePointer(const MEMFieldDef &field, const void *pTarget) noexcept {
-  if (const std::int16_t status = append('S'); status != 0) return status;
-  if (pTarget == nullptr) return 0;
-  MEMPortRef *pRef = nullptr;
-  if (const std::int16_t status = enter(pTarget, field.SubStructID, pRef); status != 0) {
-    return status;
-  }
-  return appendReversed(pRef->sequence);
+// The status of a field that a converter has appended, or not.
+std::int16_t PortWriter::ported(bool isAppended, const MEMStructDef &def,
+                                const FieldStep &step) noexcept {
+  if (isAppended) return 0;
+  checked(false);
+  return reportField(def, step);
 }
 
-std::int16_t PortWriter::convert(const MEMStructDef &def, const MEMFieldDef &field,
-                                 const std::byte *pField) noexcept {
-  std::int16_t status = 0;
-  switch (field.Type) {
-    case MEM_PORT_CHAR:
-      status = checked(MEM_Char2PortStr(output_, field.Length, pField));
-      break;
-    case MEM_PORT_CHARSZ:
-      status = checked(MEM_CharSZ2PortStr(output_, field.Length, pField));
-      break;
-    case MEM_PORT_PSTR:
-      status = checked(MEM_PStr2PortStr(output_, loadAs<const char *>(pField)));
-      break;
-    case MEM_PORT_BIN:
-      status = checked(MEM_Bin2PortStr(output_, field.Length, pField));
-      break;
-    case MEM_PORT_BIT:
-      status = field.Length == 1 ? checked(MEM_Bit2PortStr(output_, pField)) : std::int16_t{-1};
-      break;
-    case MEM_PORT_WCHAR:
-      status = checked(MEM_WChar2PortStr(output_, field.Length, pField));
-      break;
-    case MEM_PORT_WCHARSZ:
-      status = checked(MEM_WCharSZ2PortStr(output_, field.Length, pField));
-      break;
-    case MEM_PORT_WPSTR:
-      status = checked(MEM_WPStr2PortStr(output_, loadAs<const char16_t *>(pField)));
-      break;
-    default:
-      return report(kPointType, "Unknown field type!");
-  }
-  return status == 0 ? status : reportField(def, field);
-}
-
-std::int16_t PortWriter::reportField(const MEMStructDef &def, const MEMFieldDef &field) noexcept {
+std::int16_t PortWriter::reportField(const MEMStructDef &def, const FieldStep &step) noexcept {
   const ErrorText text = ErrorText("Failed port of FieldID ")
-                             .decimal(static_cast<std::int32_t>(field.FieldID))
+                             .decimal(static_cast<std::int32_t>(step.pField->FieldID))
                              .text(", StructureID ")
                              .decimal(static_cast<std::int32_t>(def.StructID))
                              .text("!");
@@ -448,10 +339,6 @@ std::int16_t PortWriter::append(std::string_view text) noexcept {
 
 std::int16_t PortWriter::append(char c) noexcept {
   return checked(output_.append(c));
-}
-
-std::int16_t PortWriter::appendReversed(std::uint64_t value) noexcept {
-  return checked(output_.appendReversed(value));
 }
 
 std::int16_t PortWriter::checked(bool isAppended) noexcept {

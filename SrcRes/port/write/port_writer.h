@@ -58,37 +58,26 @@ class PortWriter {
   std::uint32_t structures() const noexcept { return fresh_.sequence - 1; }
   std::int16_t writeAll() noexcept;
   void askAhead() noexcept;
-  const StructPlan *goOn() noexcept;
   std::int16_t MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept;
-  std::int16_t writeUnplanned(const MEMStructDef &def, const std::byte *pStruct,
-                              int nesting) noexcept;
-  std::int16_t writePlanned(const StructPlan &plan, const std::byte *pStruct, int nesting) noexcept;
-  std::int16_t writeSteps(const StructPlan *pPlan, const FieldStep *pStep, const std::byte *pStruct,
+  std::int16_t writeUnplanned(const MEMPortRef &ref, int nesting) noexcept;
+  std::int16_t writeCounted(const StructPlan &plan, const std::byte *pStruct, int nesting) noexcept;
+  std::int16_t writeSteps(const MEMStructDef &def, StructPlan::Row row, const std::byte *pStruct,
                           int nesting) noexcept;
-  std::int16_t writeStep(const StructPlan &plan, const FieldStep &step, const std::byte *pField,
-                         int nesting) noexcept;
   std::int16_t writeCount(const MEMStructDef &def, const std::byte *pStruct,
                           std::uint32_t &elements) noexcept;
   std::int16_t writeFields(const MEMStructDef &def, const std::byte *pStruct,
                            std::uint32_t elements, int nesting) noexcept;
-  std::int16_t writeField(const MEMStructDef &def, const MEMFieldDef &field,
-                          const std::byte *pField, bool isFirst, int nesting) noexcept;
-  std::int16_t writeValue(const MEMStructDef &def, const MEMFieldDef &field,
-                          const std::byte *pField, int nesting) noexcept;
+  std::int16_t writeValue(const MEMStructDef &def, const FieldStep &step, const std::byte *pField,
+                          int nesting) noexcept;
   std::int16_t writeEmbedded(const MEMFieldDef &field, const std::byte *pField,
                              int nesting) noexcept;
-  std::int16_t convert(const MEMStructDef &def, const MEMFieldDef &field,
-                       const std::byte *pField) noexcept;
-  std::int16_t reportField(const MEMStructDef &def, const MEMFieldDef &field) noexcept;
+  std::int16_t ported(bool isAppended, const MEMStructDef &def, const FieldStep &step) noexcept;
+  std::int16_t reportField(const MEMStructDef &def, const FieldStep &step) noexcept;
   std::int16_t writePointer(const MEMFieldDef &field, const void *pTarget) noexcept;
-  std::int16_t putSequence(char *&pTo, const MEMFieldDef &field, const void *pTarget) noexcept;
-  std::int16_t putText(char *&pTo, const StructPlan &plan, const MEMFieldDef &field,
-                       const char *pText) noexcept;
   std::int16_t enter(const void *pStruct, std::uint32_t structID, MEMPortRef *&pRef) noexcept;
 
   std::int16_t append(std::string_view text) noexcept;
   std::int16_t append(char c) noexcept;
-  std::int16_t appendReversed(std::uint64_t value) noexcept;
   std::int16_t checked(bool isAppended) noexcept;
   std::int16_t report(const MessagePoint &point, const char *pMessage) noexcept;
 

@@ -144,11 +144,6 @@ bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
 
 }  // namespace
 
-bool appendText(PortOutput &output, const char *pText) noexcept {
-  const std::string_view text(pText);
-  return output.appendReversed(text.size()) && appendQuoted(output, text);
-}
-
 bool MEM_Char2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
   return appendEscaped(output, bytesOf(length, pField));
 }
@@ -207,17 +202,6 @@ bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept {
   const std::size_t pairs = highSurrogates(text);
   return output.appendReversed(text.size() - pairs) && output.append(';') &&
          output.appendReversed(pairs) && appendWideQuoted(output, text);
-}
-
-bool appendNumber(PortOutput &output, std::uint8_t type, const std::byte *pField) noexcept {
-  if (!output.append('N')) return false;
-  if (char *pTo = output.roomFor(kMostNumber)) {
-    output.advanceTo(putNumber(pTo, type, pField));
-    return true;
-  }
-  char text[kMostNumber];
-  const char *pEnd = putNumber(text, type, pField);
-  return output.append(std::string_view(text, static_cast<std::size_t>(pEnd - text)));
 }
 
 }  // namespace mem

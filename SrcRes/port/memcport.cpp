@@ -57,7 +57,7 @@ struct Writing {
   void run() noexcept { status = writer.run(); }
   bool isShown() const noexcept {
     writer.noteUsed();
-    return !writer.isOwnFault();
+    return !writer.isAhead();
   }
   void close(const CallFrame &frame) const noexcept {
     writer.noteUsed();
@@ -97,7 +97,7 @@ std::int16_t MEM_StructToPortStr(const MEMStructDef *pDefs, std::uint32_t Struct
   PortWriter writer(frame, pDefs, StructID, pStruct, ChunkLen, hMemHeap, pTotalLen, ppFirstChunk);
   Writing work{writer};
   bool isDone = runUnderGuard(frame, work);
-  if (!isDone && writer.canGoOn()) isDone = runUnderGuard(frame, work);
+  if (!isDone && writer.isAhead()) isDone = runUnderGuard(frame, work);
   work.close(frame);
   if (!isDone) return finishFaulted(frame);
   return work.status == 0 ? frame.succeed() : frame.finish(work.status);

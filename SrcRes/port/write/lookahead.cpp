@@ -38,21 +38,21 @@ void keepOrder() noexcept {
 void PortLookahead::ask(const MEMPortRef &ref) noexcept {
   const MEMPortRef *pNear = ref.pNext;
   const MEMPortRef *pMiddle = behind(pNear, 1);
-  if (pMiddle == nullptr || isGivenUp_) return;
+  if (pMiddle == nullptr || isStopped_) return;
   if (const MEMPortRef *pFar = behind(pMiddle, kStructuresAhead)) MEM_PREFETCH(pFar->pStruct);
   isAsking_ = true;
   keepOrder();
-  askForTexts(*pMiddle);
-  askForEntries(*pNear);
+  const KeyLookahead *pIndex = indexToAskAhead(frame_, hRegistry_);
+  askForTexts(*pMiddle, pIndex);
+  if (pIndex != nullptr) askForEntries(*pNear, *pIndex);
   keepOrder();
   isAsking_ = false;
 }
 
 // The texts of a structure, and the places of its pointers in the registry's index.
-void PortLookahead::askForTexts(const MEMPortRef &ref) const noexcept {
+void PortLookahead::askForTexts(const MEMPortRef &ref, const KeyLookahead *pIndex) const noexcept {
   const StructPlan *pPlan = plans_.find(ref.StructID);
   if (pPlan == nullptr) return;
-  const KeyLookahead *pIndex = indexToAskAhead(frame_, hRegistry_);
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
   for (const FieldStep &step : pPlan->fields) {
     const std::byte *pField = pStruct + step.offset;
@@ -65,14 +65,13 @@ void PortLookahead::askForTexts(const MEMPortRef &ref) const noexcept {
   keepOrder();  // compilers drop calls of functions that only ask
 }
 
-void PortLookahead::askForEntries(const MEMPortRef &ref) const noexcept {
+void PortLookahead::askForEntries(const MEMPortRef &ref, const KeyLookahead &index) const noexcept {
   const StructPlan *pPlan = plans_.find(ref.StructID);
-  const KeyLookahead *pIndex = indexToAskAhead(frame_, hRegistry_);
-  if (pPlan == nullptr || pIndex == nullptr) return;
+  if (pPlan == nullptr) return;
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
   for (const FieldStep &step : pPlan->fields) {
     if (step.type == MEM_PORT_PNT) {
-      pIndex->wantRecord(pStruct + step.offset, offsetof(MEMPortRef, sequence));
+      index.wantRecord(pStruct + step.offset, offsetof(MEMPortRef, sequence));
     }
   }
 }

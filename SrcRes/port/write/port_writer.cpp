@@ -57,7 +57,9 @@ inline std::int16_t PortWriter::enter(const void *pStruct, std::uint32_t structI
 }
 
 std::int16_t PortWriter::run() noexcept {
-  if (pRef_ == nullptr) {
+  if (isAhead()) {
+    lookahead_.stop();
+  } else {
     if (const std::int16_t status = start(); status != 0) return status;
     if (const std::int16_t status = enter(pStruct_, structID_, pRef_); status != 0) return status;
   }
@@ -67,12 +69,6 @@ std::int16_t PortWriter::run() noexcept {
   output_.writeHeader(structures());
   *pTotalLen_ = output_.total();
   return 0;
-}
-
-bool PortWriter::canGoOn() noexcept {
-  if (!lookahead_.isAsking()) return false;
-  lookahead_.giveUp();
-  return true;
 }
 
 // What the caller asks for or what fills an area of its heap, whose size lies at different places

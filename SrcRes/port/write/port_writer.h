@@ -36,14 +36,12 @@ class PortWriter {
         pTotalLen_(pTotalLen),
         ppFirstChunk_(ppFirstChunk) {}
 
-  // 0, or the status with which the call fails. May be called again when a fault has ended it and
-  // canGoOn() is true.
+  // 0, or the status with which the call fails. To be called again when a fault has ended it that
+  // isAhead(): it goes on as if the fault had not been.
   std::int16_t run() noexcept;
 
-  // For whoever catches a fault: true when it is none of the call's, which goes on as if it had not
-  // been.
-  bool isOwnFault() const noexcept { return lookahead_.isAsking(); }
-  bool canGoOn() noexcept;
+  // For whoever catches a fault: true when it is none of the call's but one of looking ahead.
+  bool isAhead() const noexcept { return lookahead_.isAsking(); }
 
   // The registry while it is open, else null.
   HMEMHASH registry() const noexcept { return hRegistry_; }

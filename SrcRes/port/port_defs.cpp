@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/bytes.h"
+#include "platform/check.h"
 #include "platform/textscan.h"
 
 namespace mem {
@@ -67,6 +68,7 @@ std::int64_t storedLength(const MEMFieldDef &field) noexcept {
 }
 
 bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept {
+  MEM_ASSERT(pField != nullptr);
   switch (field.Type) {
     case MEM_PORT_CHARSZ:
       return applyText(field, pField);

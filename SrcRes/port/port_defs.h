@@ -11,6 +11,7 @@ namespace mem {
 // The first definition of the structure, or null. The table ends with an identifier below 1.
 const MEMStructDef *MEM_Find_Struct_Def(const MEMStructDef *pDefs, std::uint32_t StructID) noexcept;
 
+// The entries of Fields: none where FieldCount is negative.
 inline std::int32_t fieldCount(const MEMStructDef &def) noexcept {
   return def.FieldCount > 0 ? def.FieldCount : 0;
 }

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "base/bytes.h"
+#include "platform/check.h"
 
 namespace mem {
 
@@ -34,7 +35,8 @@ constexpr TextWord marksOfNonDigits(TextWord values) noexcept {
   return (values | (values + everyByte(0x7F - 9))) & everyByte('\x80');
 }
 // The bytes below the lowest mark. REQUIRES: there is one.
-constexpr TextWord bytesBelow(TextWord marks) noexcept {
+inline TextWord bytesBelow(TextWord marks) noexcept {
+  MEM_ASSERT(marks != 0);
   return (marks ^ (marks - 1)) >> 8;
 }
 

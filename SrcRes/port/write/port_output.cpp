@@ -4,6 +4,7 @@
 
 #include "frame/hostaccess.h"
 #include "heap/heapblocks.h"
+#include "platform/check.h"
 
 namespace mem {
 
@@ -30,6 +31,7 @@ MEMPortChunk *PortOutput::obtainChunk() const noexcept {
 }
 
 bool PortOutput::start(HMEMHEAP hMemHeap, std::int32_t capacity) noexcept {
+  MEM_ASSERT(capacity >= 1);
   if (capacity > INT32_MAX - MEM_PORT_CHUNK_OVERHEAD) return false;
   hMemHeap_ = hMemHeap;
   capacity_ = capacity;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "platform/check.h"
 #include "port/write/digits.h"
 
 namespace mem {
@@ -43,6 +44,7 @@ FixedText prefixOf(const MEMFieldDef &field, std::string_view before) noexcept {
 
 FieldStep stepOf(std::string_view prefix, const MEMFieldDef *pField, std::int32_t offset,
                  std::uint8_t type) noexcept {
+  MEM_ASSERT(prefix.size() <= sizeof FieldStep::prefix);
   FieldStep step{.prefix = {},
                  .pField = pField,
                  .offset = offset,

@@ -5,6 +5,7 @@
 
 #include "base/bytes.h"
 #include "base/textparts.h"
+#include "platform/check.h"
 #include "platform/textscan.h"
 #include "port/words.h"
 
@@ -131,6 +132,7 @@ std::size_t highSurrogates(const WideView &text) noexcept {
 // The same for text that mostly stands for itself, and is copied while it is looked through.
 // REQUIRES: no zeros in it.
 bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
+  MEM_ASSERT(text.find('\0') == std::string_view::npos);
   constexpr std::size_t kQuotes = 2;
   char *pTo = output.next();
   const bool isRoom = output.room() >= text.size() + kQuotes + PortOutput::kSpill;

@@ -48,25 +48,6 @@ const MEMStructDef *MEM_Find_Struct_Def(const MEMStructDef *pDefs,
   return nullptr;
 }
 
-std::int64_t storedLength(const MEMFieldDef &field) noexcept {
-  switch (field.Type) {
-    case MEM_PORT_PSTR:
-    case MEM_PORT_WPSTR:
-    case MEM_PORT_PNT:
-    case MEM_PORT_UBIGINT:
-    case MEM_PORT_BIGINT:
-      return 8;
-    case MEM_PORT_LONG:
-    case MEM_PORT_ULONG:
-      return 4;
-    case MEM_PORT_SHORT:
-    case MEM_PORT_USHORT:
-      return 2;
-    default:
-      return field.Length;
-  }
-}
-
 bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept {
   MEM_ASSERT(pField != nullptr);
   switch (field.Type) {

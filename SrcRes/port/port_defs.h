@@ -21,12 +21,9 @@ inline bool hasRepeatField(const MEMStructDef &def) noexcept {
   return def.CountField != MEM_PORT_NO_COUNT;
 }
 
-// Bytes that the library reads or writes at a field of a structure. Negative for a definition whose
-// Length is.
-std::int64_t storedLength(const MEMFieldDef &field) noexcept;
-
 // Gives an absent field its default. False when a text is too long for a field that must not be
-// truncated. REQUIRES: storedLength(field) bytes at `pField`.
+// truncated. REQUIRES: as many bytes at `pField` as
+// the reader stores there.
 bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept;
 
 }  // namespace mem

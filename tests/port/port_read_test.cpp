@@ -226,6 +226,72 @@ TEST_F(PortReadTest, FieldsMayComeInAnyOrderAndTwice) {
   });
 }
 
+// Definitions need not keep their promise to list identifiers in ascending order: the first field
+// with an identifier is read, wherever the text stood before.
+TEST_F(PortReadTest, FirstFieldOfAnIdentifierCounts) {
+  const auto longs = [](const std::vector<std::uint32_t> &ids) {
+    std::vector<Field> fields;
+    for (const std::uint32_t id : ids) {
+      fields.push_back(Field(id, MEM_PORT_LONG, 4, static_cast<std::int32_t>(4 * fields.size()))
+                           .byDefaultNumber(9));
+    }
+    return fields;
+  };
+  struct Row {
+    std::vector<std::uint32_t> ids;
+    std::string text;
+    std::vector<std::int32_t> values;
+  };
+  const std::vector<Row> rows = {
+      {{5, 1, 5}, "1N1/5N2", {2, 1, 9}},
+      {{5, 1, 5}, "5N1/1N2/5N3", {3, 2, 9}},
+      {{5, 1, 2, 5}, "5N1/5N2", {2, 9, 9, 9}},
+      {{1, 5, 2, 5, 7}, "2N1/5N2/7N3", {9, 2, 1, 9, 3}},
+      {{1, 2, 2, 3}, "1N1/2N2/2N3", {1, 3, 9, 9}},
+      {{1, 2, 2, 3}, "2N1/3N2/2N3", {9, 3, 9, 2}},
+      {{3, 3}, "3N1/3N2", {2, 9}},
+      {{7, 2, 4}, "4N1/2N2/7N3", {3, 2, 1}},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.text);
+    Defs defs;
+    defs.add(1, static_cast<std::int32_t>(4 * row.ids.size()), longs(row.ids));
+    expectRead(defs, portString("(1<" + row.text + ">)"), [&] {
+      for (std::size_t i = 0; i < row.values.size(); ++i) {
+        EXPECT_EQ(readAt<std::int32_t>(4 * i), row.values[i]) << i;
+      }
+    });
+  }
+}
+
+// Whatever order fields come in, exactly those that did not come get their defaults.
+TEST_F(PortReadTest, FieldsLeftOutGetDefaultsInAnyOrder) {
+  constexpr std::uint32_t kFields = 6;
+  std::vector<Field> fields;
+  for (std::uint32_t id = 1; id <= kFields; ++id) {
+    fields.push_back(Field(id, MEM_PORT_SHORT, 2, static_cast<std::int32_t>(2 * id - 2))
+                         .byDefaultNumber(static_cast<std::uint16_t>(70 + id)));
+  }
+  Defs defs;
+  defs.add(1, 2 * kFields, fields);
+  for (const char *order : {"61", "612", "6124", "6412", "16", "135", "246", "624", "213465",
+                            "65432", "1346", "56", "561", "361", "6352"}) {
+    SCOPED_TRACE(order);
+    std::string text = "(1<";
+    for (const char *id = order; *id != 0; ++id) {
+      text += (id == order ? "" : "/") + std::string(1, *id) + "N" + std::string(1, *id);
+    }
+    expectRead(defs, portString(text + ">)"), [&] {
+      for (std::uint32_t id = 1; id <= kFields; ++id) {
+        const bool isThere =
+            std::string(order).find(static_cast<char>('0' + id)) != std::string::npos;
+        EXPECT_EQ(readAt<std::int16_t>(2 * id - 2),
+                  static_cast<std::int16_t>(isThere ? id : 70 + id));
+      }
+    });
+  }
+}
+
 TEST_F(PortReadTest, LastFieldsSecondOccurrenceLandsOneElementFurther) {
   Defs defs;
   defs.add(1, 12, {Field(1, MEM_PORT_LONG, 4, 0), Field(2, MEM_PORT_SHORT, 2, 4)});

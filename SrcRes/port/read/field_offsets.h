@@ -6,29 +6,39 @@
 #include <cstdint>
 #include <cstring>
 
-#include "qj7mem00/memport.h"
+#include "platform/check.h"
+#include "port/read/struct_text.h"
 
 namespace mem {
 
-// A hash table by open addressing with at least two places a field. Large: to be made only where it
-// is asked.
-class OffsetSet {
+// A hash table by open addressing with at least two places a field, filled when it is asked first.
+class PresentOffsets {
  public:
-  // Of fields of a definition. REQUIRES: 1 to MEM_PORT_MAX_FIELDS of them.
-  OffsetSet(const MEMFieldDef *pFields, std::int32_t count) noexcept
-      : pFields_(pFields),
-        shift_(32 - std::bit_width(2 * static_cast<std::uint32_t>(count) - 1)),
-        mask_((std::uint32_t{1} << (32 - shift_)) - 1) {
-    std::memset(places_, 0, (mask_ + std::size_t{1}) * sizeof places_[0]);
+  // REQUIRES: 1 to MEM_PORT_MAX_FIELDS fields.
+  explicit PresentOffsets(const StructText &text) noexcept
+      : seen_(text.seen), pFields_(text.pDef->Fields), count_(text.fields) {
+    MEM_ASSERT(text.fields >= 1 && text.fields <= MEM_PORT_MAX_FIELDS);
   }
 
-  void add(std::int32_t fieldIndex) noexcept {
-    placeOf(pFields_[fieldIndex].Offset) = static_cast<std::uint16_t>(fieldIndex + 1);
+  bool has(std::int32_t offset) noexcept {
+    if (!isFilled_) fill();
+    return placeOf(offset) != 0;
   }
-  bool has(std::int32_t offset) noexcept { return placeOf(offset) != 0; }
 
  private:
   static constexpr std::size_t kMostPlaces = 2 * MEM_PORT_MAX_FIELDS;
+
+  MEM_NOINLINE void fill() noexcept {
+    const auto bits =
+        static_cast<std::uint32_t>(std::bit_width(2 * static_cast<std::uint32_t>(count_) - 1));
+    shift_ = 32 - bits;
+    mask_ = (std::uint32_t{1} << bits) - 1;
+    std::memset(places_, 0, (mask_ + std::size_t{1}) * sizeof places_[0]);
+    for (std::int32_t i = 0; i < count_; ++i) {
+      if (seen_.has(i)) placeOf(pFields_[i].Offset) = static_cast<std::uint16_t>(i + 1);
+    }
+    isFilled_ = true;
+  }
 
   // Where a field of the offset is, or else the free place for one. There always is one.
   std::uint16_t &placeOf(std::int32_t offset) noexcept {
@@ -40,9 +50,12 @@ class OffsetSet {
     return places_[place];
   }
 
-  const MEMFieldDef *pFields_;
-  std::uint32_t shift_;
-  std::uint32_t mask_;
+  const SeenFields &seen_;
+  const MEMFieldDef *const pFields_;
+  const std::int32_t count_;
+  bool isFilled_ = false;
+  std::uint32_t shift_ = 0;
+  std::uint32_t mask_ = 0;
   std::uint16_t places_[kMostPlaces];  // index of a field and 1; 0 for none
 };
 

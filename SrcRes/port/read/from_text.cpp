@@ -19,11 +19,16 @@ constexpr MessagePoint kPointBit{"MEM_PortStr2Bit", 1810};
 constexpr MessagePoint kPointWChar{"MEM_PortStr2WChar", 1874};
 constexpr MessagePoint kPointWCharSZ{"MEM_PortStr2WCharSZ", 1962};
 constexpr MessagePoint kPointWPStr{"MEM_PortStr2WPStr", 2057};
+constexpr MessagePoint kPointEmbedded{"MEM_Port2Struct", 2529};
+constexpr MessagePoint kPointPointer{"MEM_PortStr2Pnt", 2702};
 
 constexpr char kTooLarge[] = "String too large for this field marked as NoTruncate";
 constexpr char kInconsistent[] = "Inconsistent pointer to string data!";
-constexpr char kAllocationFailed[] = "Pointer to string field allocation failed!";
+constexpr char kMissingPaddedQuote[] = "Missing  at the start of a string field";
 constexpr char kMissingQuote[] = "Missing quote at the start of a string field!";
+constexpr char kMissingWideQuote[] = "Missing  at the start of a string field!";
+constexpr char kNotANumber[] = "Not a numeric field!";
+constexpr char kNotAString[] = "Not a pointer to string field!";
 
 // What happens to characters beyond the room.
 enum class Excess { dropped, tooLarge, inconsistent };
@@ -143,74 +148,31 @@ TextTarget<Unit> fieldTarget(const MEMFieldDef &field, std::byte *pField,
           field.NoTruncate != 0 ? Excess::tooLarge : Excess::dropped};
 }
 
-// Ends a zero-terminated field, where it has room for anything at all.
+// How the text of a field is read: the narrow or the wide form.
 template <class Unit>
-void terminateField(const MEMFieldDef &field, TextTarget<Unit> &target) noexcept {
+using ReadText = bool(PortScanner &, const MessagePoint &, TextTarget<Unit> &) noexcept;
+
+template <class Unit, ReadText<Unit> *kRead>
+bool readPadded(PortScanner &scanner, const MessagePoint &point, const MEMFieldDef &field,
+                std::byte *pField) noexcept {
+  auto target = fieldTarget<Unit>(field, pField, 0);
+  if (!kRead(scanner, point, target)) return false;
+  target.padWithBlanks();
+  return true;
+}
+
+template <class Unit, ReadText<Unit> *kRead>
+bool readTerminated(PortScanner &scanner, const MessagePoint &point, const MEMFieldDef &field,
+                    std::byte *pField) noexcept {
+  auto target = fieldTarget<Unit>(field, pField, 1);
+  if (!kRead(scanner, point, target)) return false;
+  // A field without room for one unit is left as it is.
   if (field.Length >= static_cast<std::int32_t>(sizeof(Unit))) target.terminate();
-}
-
-bool MEM_PortStr2Char(PortScanner &scanner, const MEMFieldDef &field, std::byte *pField) noexcept {
-  if (!scanner.expect('"', kPointChar, "Missing  at the start of a string field")) return false;
-  auto target = fieldTarget<char>(field, pField, 0);
-  if (!readQuoted(scanner, kPointChar, target)) return false;
-  target.padWithBlanks();
   return true;
 }
 
-bool MEM_PortStr2CharSZ(PortScanner &scanner, const MEMFieldDef &field,
-                        std::byte *pField) noexcept {
-  if (!scanner.expect('"', kPointCharSZ, kMissingQuote)) return false;
-  auto target = fieldTarget<char>(field, pField, 1);
-  if (!readQuoted(scanner, kPointCharSZ, target)) return false;
-  terminateField(field, target);
-  return true;
-}
-
-// Opening quote of a wide field. A double quote announces narrow text.
-bool readWideQuote(PortScanner &scanner, const MessagePoint &point, bool &isNarrow) noexcept {
-  char c = 0;
-  if (!scanner.get(c)) return false;
-  isNarrow = c == '"';
-  return isNarrow || c == '\'' || scanner.fail(point, "Missing  at the start of a string field!");
-}
-
-// Text of either form into a wide field: MEM_PortStr2CharW and MEM_PortStr2CharSZW for narrow text.
-bool readIntoWide(PortScanner &scanner, const MessagePoint &point,
-                  TextTarget<char16_t> &target) noexcept {
-  bool isNarrow = false;
-  if (!readWideQuote(scanner, point, isNarrow)) return false;
-  return isNarrow ? readQuoted(scanner, point, target) : readWideQuoted(scanner, point, target);
-}
-
-bool MEM_PortStr2WChar(PortScanner &scanner, const MEMFieldDef &field, std::byte *pField) noexcept {
-  auto target = fieldTarget<char16_t>(field, pField, 0);
-  if (!readIntoWide(scanner, kPointWChar, target)) return false;
-  target.padWithBlanks();
-  return true;
-}
-
-bool MEM_PortStr2WCharSZ(PortScanner &scanner, const MEMFieldDef &field,
-                         std::byte *pField) noexcept {
-  auto target = fieldTarget<char16_t>(field, pField, 1);
-  if (!readIntoWide(scanner, kPointWCharSZ, target)) return false;
-  terminateField(field, target);
-  return true;
-}
-
-// `length` bytes in the caller's heap, their address stored in the field. Null, reported, on
-// failure.
-std::byte *allocateBytes(PortScanner &scanner, const MessagePoint &point, std::uint64_t length,
-                         std::byte *pField) noexcept {
-  void *pText = scanner.allocate(static_cast<std::int64_t>(length));
-  if (pText == nullptr) {
-    scanner.fail(point, kAllocationFailed);
-    return nullptr;
-  }
-  storeAs(pField, pText);
-  return static_cast<std::byte *>(pText);
-}
-
-// The same for a string of `units`, which cannot be longer than the input.
+// A string of `units`, which cannot be longer than the input, in the caller's heap; its address is
+// stored in the field. Null, reported, on failure.
 template <class Unit>
 std::byte *allocateText(PortScanner &scanner, const MessagePoint &point, std::uint64_t units,
                         std::byte *pField) noexcept {
@@ -218,75 +180,64 @@ std::byte *allocateText(PortScanner &scanner, const MessagePoint &point, std::ui
     scanner.fail(point, kInconsistent);
     return nullptr;
   }
-  return allocateBytes(scanner, point, (units + 1) * sizeof(Unit), pField);
+  void *pText = scanner.allocate(static_cast<std::int64_t>((units + 1) * sizeof(Unit)));
+  if (pText == nullptr) {
+    scanner.fail(point, "Pointer to string field allocation failed!");
+    return nullptr;
+  }
+  storeAs(pField, pText);
+  return static_cast<std::byte *>(pText);
 }
 
-// The quoted text of a fresh string, which must have exactly the string's length.
-template <class Unit>
-bool fillString(PortScanner &scanner, const MessagePoint &point, std::byte *pText,
-                std::uint32_t length) noexcept {
-  TextTarget<Unit> target(pText, length, Excess::inconsistent);
-  if (!readQuoted(scanner, point, target)) return false;
-  if (target.stored() != length) return scanner.fail(point, kInconsistent);
+// A fresh string's text, which must have exactly its length.
+template <class Unit, ReadText<Unit> *kRead>
+bool fillText(PortScanner &scanner, const MessagePoint &point, std::uint64_t units,
+              std::byte *pText) noexcept {
+  TextTarget<Unit> target(pText, static_cast<std::size_t>(units), Excess::inconsistent);
+  if (!kRead(scanner, point, target)) return false;
+  if (target.stored() != units) return scanner.fail(point, kInconsistent);
   target.terminate();
   return true;
 }
 
+// A string of `units` behind its opening quote.
+template <class Unit, ReadText<Unit> *kRead>
+bool readString(PortScanner &scanner, const MessagePoint &point, std::uint64_t units,
+                std::byte *pField) noexcept {
+  std::byte *pText = allocateText<Unit>(scanner, point, units, pField);
+  return pText != nullptr && fillText<Unit, kRead>(scanner, point, units, pText);
+}
+
+// Makes the pointer null when no string follows, which `isNull` tells then.
+bool readNull(PortScanner &scanner, std::byte *pField, bool &isNull) noexcept {
+  const std::string_view text = scanner.run();
+  if (text.empty()) return false;
+  isNull = isFieldEnd(text.front());
+  if (isNull) storeAs<void *>(pField, nullptr);
+  return true;
+}
+
 template <class Unit>
-bool readNarrowString(PortScanner &scanner, const MessagePoint &point, std::byte *pField) noexcept {
-  char c = 0;
+bool readNarrowString(PortScanner &scanner, const MessagePoint &point, const MEMFieldDef &,
+                      std::byte *pField) noexcept {
   bool isNull = false;
-  if (!scanner.get(c) || !scanner.atFieldEnd(c, isNull)) return false;
-  if (isNull) {
-    storeAs<void *>(pField, nullptr);
-    return true;
-  }
+  if (!readNull(scanner, pField, isNull) || isNull) return isNull;
   std::uint32_t length = 0;
-  if (!scanner.unget() || !scanner.number(length)) return false;
-  if (!scanner.expect('"', point, kMissingQuote)) return false;
-  std::byte *pText = allocateText<Unit>(scanner, point, length, pField);
-  return pText != nullptr && fillString<Unit>(scanner, point, pText, length);
+  return scanner.number(length) && scanner.expect('"', point, kMissingQuote) &&
+         readString<Unit, readQuoted<Unit>>(scanner, point, length, pField);
 }
 
-bool MEM_PortStr2PStr(PortScanner &scanner, std::byte *pField) noexcept {
-  return scanner.expect('X', kPointPStr, "Not a pointer to string field!") &&
-         readNarrowString<char>(scanner, kPointPStr, pField);
-}
-
-bool readWideString(PortScanner &scanner, std::byte *pField) noexcept {
-  char c = 0;
+bool MEM_PortStr2WPStr(PortScanner &scanner, const MessagePoint &point, const MEMFieldDef &,
+                       std::byte *pField) noexcept {
   bool isNull = false;
-  if (!scanner.get(c) || !scanner.atFieldEnd(c, isNull)) return false;
-  if (isNull) {
-    storeAs<void *>(pField, nullptr);
-    return true;
-  }
+  if (!readNull(scanner, pField, isNull) || isNull) return isNull;
   std::uint32_t codePoints = 0;
   std::uint32_t pairs = 0;
-  if (!scanner.unget() || !scanner.number(codePoints)) return false;
-  if (!scanner.expect(';', kPointWPStr,
-                      "Missing code point count at the start of a string field!")) {
-    return false;
-  }
-  if (!scanner.number(pairs)) return false;
-  if (!scanner.expect('\'', kPointWPStr, kMissingQuote)) return false;
-  const std::uint64_t units = std::uint64_t{codePoints} + pairs;
-  std::byte *pText = allocateText<char16_t>(scanner, kPointWPStr, units, pField);
-  if (pText == nullptr) return false;
-  TextTarget<char16_t> target(pText, static_cast<std::size_t>(units), Excess::inconsistent);
-  if (!readWideQuoted(scanner, kPointWPStr, target)) return false;
-  if (target.stored() != units) return scanner.fail(kPointWPStr, kInconsistent);
-  target.terminate();
-  return true;
-}
-
-// "X" is narrow text for a wide string: MEM_PortStr2PStrW.
-bool MEM_PortStr2WPStr(PortScanner &scanner, std::byte *pField) noexcept {
-  char c = 0;
-  if (!scanner.get(c)) return false;
-  if (c == 'X') return readNarrowString<char16_t>(scanner, kPointWPStr, pField);
-  if (c == 'x') return readWideString(scanner, pField);
-  return scanner.fail(kPointWPStr, "Not a pointer to string field!");
+  return scanner.number(codePoints) &&
+         scanner.expect(';', point, "Missing code point count at the start of a string field!") &&
+         scanner.number(pairs) && scanner.expect('\'', point, kMissingQuote) &&
+         readString<char16_t, readWideQuoted>(scanner, point, std::uint64_t{codePoints} + pairs,
+                                              pField);
 }
 
 constexpr std::uint32_t kNoHexDigit = 1000;
@@ -297,41 +248,39 @@ std::uint32_t hexDigit(char c) noexcept {
   return kNoHexDigit;
 }
 
-bool MEM_PortStr2Bin(PortScanner &scanner, const MEMFieldDef &field, std::byte *pField) noexcept {
-  if (!scanner.expect('H', kPointBin, "Not a hex field!")) return false;
+bool MEM_PortStr2Bin(PortScanner &scanner, const MessagePoint &point, const MEMFieldDef &field,
+                     std::byte *pField) noexcept {
   for (std::int32_t stored = 0;;) {
     char high = 0;
     char low = 0;
-    bool isEnd = false;
-    if (!scanner.get(high) || !scanner.atFieldEnd(high, isEnd)) return false;
-    if (isEnd) return true;
+    if (!scanner.get(high)) return false;
+    if (isFieldEnd(high)) return scanner.unget();
     if (!scanner.get(low)) return false;
     const std::uint32_t value = hexDigit(high) * 16 + hexDigit(low);
     if (value >= 256) return false;
     if (stored < field.Length) {
       pField[stored++] = static_cast<std::byte>(value);
     } else if (field.NoTruncate != 0) {
-      return scanner.fail(kPointBin, "Hex string too large for this field marked as NoTruncate");
+      return scanner.fail(point, "Hex string too large for this field marked as NoTruncate");
     }
   }
 }
 
-// `Number` is as wide as the arithmetic, `Stored` as the field. Excess digits wrap.
-template <class Number, class Stored>
-bool readNumber(PortScanner &scanner, bool isSigned, std::byte *pField) noexcept {
-  if (!scanner.expect('N', kPointNumber, "Not a numeric field!")) return false;
+// What wraps in 64 bits is right in fewer, too.
+bool readNumber(PortScanner &scanner, const MessagePoint &, const MEMFieldDef &field,
+                std::byte *pField) noexcept {
+  const FieldType &type = fieldType(field.Type);
   char c = 0;
   if (!scanner.get(c)) return false;
-  const bool isNegative = isSigned && c == '-';
+  const bool isNegative = type.isSigned && c == '-';
   if (!isNegative && !scanner.unget()) return false;
-  Number magnitude = 0;
+  std::uint64_t magnitude = 0;
   if (!scanner.number(magnitude)) return false;
-  storeAs(pField, static_cast<Stored>(isNegative ? Number{0} - magnitude : magnitude));
-  return true;
+  return storeNumber(pField, type.storedLen, isNegative ? 0 - magnitude : magnitude);
 }
 
-bool MEM_PortStr2Bit(PortScanner &scanner, const MEMFieldDef &field, std::byte *pField) noexcept {
-  if (!scanner.expect('B', kPointBit, "Not a bit field!")) return false;
+bool MEM_PortStr2Bit(PortScanner &scanner, const MessagePoint &, const MEMFieldDef &field,
+                     std::byte *pField) noexcept {
   if (field.Length < 1) return false;
   for (std::uint32_t bit = 0; bit < 8; ++bit) {
     char c = 0;
@@ -343,51 +292,73 @@ bool MEM_PortStr2Bit(PortScanner &scanner, const MEMFieldDef &field, std::byte *
   return true;
 }
 
+constexpr auto MEM_PortStr2Char = readPadded<char, readQuoted<char>>;
+constexpr auto MEM_PortStr2CharSZ = readTerminated<char, readQuoted<char>>;
+constexpr auto MEM_PortStr2PStr = readNarrowString<char>;
+constexpr auto MEM_PortStr2WChar = readPadded<char16_t, readWideQuoted>;
+constexpr auto MEM_PortStr2CharW = readPadded<char16_t, readQuoted<char16_t>>;
+constexpr auto MEM_PortStr2WCharSZ = readTerminated<char16_t, readWideQuoted>;
+constexpr auto MEM_PortStr2CharSZW = readTerminated<char16_t, readQuoted<char16_t>>;
+constexpr auto MEM_PortStr2PStrW = readNarrowString<char16_t>;
+
+constexpr FieldType::Opening kNone{kNoCharacter, nullptr};
+constexpr FieldType::Opening kNumber{kNumberOpening, readNumber};
+constexpr std::uint8_t kAsDefined = 0;
+constexpr bool kSigned = true;
+constexpr bool kUnsigned = false;
+
 }  // namespace
 
+// In the order of MEMFieldType. Each row says all its values: compilers have left out defaults of
+// elements of such tables.
+constexpr FieldType kFieldTypes[] = {
+    {kNone, kNone, kAsDefined, kUnsigned, {nullptr, 0}, nullptr},  // of no type
+    {{'"', MEM_PortStr2Char}, kNone, kAsDefined, kUnsigned, kPointChar, kMissingPaddedQuote},
+    {{'"', MEM_PortStr2CharSZ}, kNone, kAsDefined, kUnsigned, kPointCharSZ, kMissingQuote},
+    {{kStringOpening, MEM_PortStr2PStr}, kNone, 8, kUnsigned, kPointPStr, kNotAString},
+    {{'H', MEM_PortStr2Bin}, kNone, kAsDefined, kUnsigned, kPointBin, "Not a hex field!"},
+    {kNumber, kNone, 2, kSigned, kPointNumber, kNotANumber},
+    {kNumber, kNone, 2, kUnsigned, kPointNumber, kNotANumber},
+    {kNumber, kNone, 4, kSigned, kPointNumber, kNotANumber},
+    {kNumber, kNone, 4, kUnsigned, kPointNumber, kNotANumber},
+    {{kPointerOpening, nullptr}, kNone, 8, kUnsigned, kPointPointer, "Not a pointer field!"},
+    {{'E', nullptr}, kNone, kAsDefined, kUnsigned, kPointEmbedded, "Substructure expected!"},
+    {{'B', MEM_PortStr2Bit}, kNone, kAsDefined, kUnsigned, kPointBit, "Not a bit field!"},
+    {kNumber, kNone, 8, kUnsigned, kPointNumber, kNotANumber},
+    {kNumber, kNone, 8, kSigned, kPointNumber, kNotANumber},
+    {{'\'', MEM_PortStr2WChar},
+     {'"', MEM_PortStr2CharW},
+     kAsDefined,
+     kUnsigned,
+     kPointWChar,
+     kMissingWideQuote},
+    {{'\'', MEM_PortStr2WCharSZ},
+     {'"', MEM_PortStr2CharSZW},
+     kAsDefined,
+     kUnsigned,
+     kPointWCharSZ,
+     kMissingWideQuote},
+    {{'x', MEM_PortStr2WPStr}, {'X', MEM_PortStr2PStrW}, 8, kUnsigned, kPointWPStr, kNotAString},
+};
+static_assert(std::size(kFieldTypes) == MEM_PORT_WPSTR + 1);
+
 bool readFieldValue(PortScanner &scanner, const MEMFieldDef &field, std::byte *pField) noexcept {
-  switch (field.Type) {
-    case MEM_PORT_CHAR:
-      return MEM_PortStr2Char(scanner, field, pField);
-    case MEM_PORT_CHARSZ:
-      return MEM_PortStr2CharSZ(scanner, field, pField);
-    case MEM_PORT_PSTR:
-      return MEM_PortStr2PStr(scanner, pField);
-    case MEM_PORT_BIN:
-      return MEM_PortStr2Bin(scanner, field, pField);
-    case MEM_PORT_SHORT:
-      return readNumber<std::uint32_t, std::uint16_t>(scanner, true, pField);
-    case MEM_PORT_USHORT:
-      return readNumber<std::uint32_t, std::uint16_t>(scanner, false, pField);
-    case MEM_PORT_LONG:
-      return readNumber<std::uint32_t, std::uint32_t>(scanner, true, pField);
-    case MEM_PORT_ULONG:
-      return readNumber<std::uint32_t, std::uint32_t>(scanner, false, pField);
-    case MEM_PORT_UBIGINT:
-      return readNumber<std::uint64_t, std::uint64_t>(scanner, false, pField);
-    case MEM_PORT_BIGINT:
-      return readNumber<std::uint64_t, std::uint64_t>(scanner, true, pField);
-    case MEM_PORT_BIT:
-      return MEM_PortStr2Bit(scanner, field, pField);
-    case MEM_PORT_WCHAR:
-      return MEM_PortStr2WChar(scanner, field, pField);
-    case MEM_PORT_WCHARSZ:
-      return MEM_PortStr2WCharSZ(scanner, field, pField);
-    default:
-      return MEM_PortStr2WPStr(scanner, pField);
+  const FieldType &type = fieldType(field.Type);
+  MEM_ASSERT(type.first.pRead != nullptr);
+  char c = 0;
+  if (!scanner.get(c)) return false;
+  for (const FieldType::Opening *pOpening : {&type.first, &type.second}) {
+    if (c == pOpening->character) return pOpening->pRead(scanner, type.point, field, pField);
   }
+  return scanner.fail(type.point, type.pNotOpened);
 }
 
-bool readStringText(PortScanner &scanner, std::uint32_t length, std::byte *pField) noexcept {
-  const char *const pFrom = scanner.at();
-  std::byte *pText = allocateBytes(scanner, kPointPStr, std::uint64_t{length} + 1, pField);
-  if (pText == nullptr) return false;
-  if (!copyPlain(pText, pFrom, length, '"') || pFrom[length] != '"') {
-    return fillString<char>(scanner, kPointPStr, pText, length);
-  }
-  pText[length] = std::byte{0};
-  scanner.moveTo(pFrom + length + 1);
-  return true;
+std::byte *allocateString(PortScanner &scanner, std::uint32_t length, std::byte *pField) noexcept {
+  return allocateText<char>(scanner, kPointPStr, length, pField);
+}
+
+bool fillString(PortScanner &scanner, std::uint32_t length, std::byte *pText) noexcept {
+  return fillText<char, readQuoted<char>>(scanner, kPointPStr, length, pText);
 }
 
 }  // namespace mem

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "platform/check.h"
 #include "port/port_message.h"
 #include "qj7mem00/memport.h"
 
@@ -30,16 +31,23 @@ class PortInput {
     return unread();
   }
   // REQUIRES: count <= rest().size().
-  void skip(std::size_t count) noexcept { pNext_ += count; }
+  void skip(std::size_t count) noexcept {
+    MEM_ASSERT(count <= unread().size());
+    pNext_ += count;
+  }
 
   // What is left of the current chunk, which may be nothing.
   std::string_view unread() const noexcept {
     return {pNext_, static_cast<std::size_t>(pEnd_ - pNext_)};
   }
-  // The same as two places. Reading goes on at any place between them, or at the end.
+  // The same as two places.
   const char *at() const noexcept { return pNext_; }
   const char *end() const noexcept { return pEnd_; }
-  void moveTo(const char *pNext) noexcept { pNext_ = pNext; }
+  // Reading goes on there. REQUIRES: a place from at() to end().
+  void moveTo(const char *pNext) noexcept {
+    MEM_ASSERT(pNext >= pNext_ && pNext <= pEnd_);
+    pNext_ = pNext;
+  }
 
   // False at the start of the current chunk.
   bool pushBack() noexcept {

@@ -1,7 +1,5 @@
 #include "port/read/port_scanner.h"
 
-#include "port/words.h"
-
 namespace mem {
 
 namespace {
@@ -19,27 +17,17 @@ bool PortScanner::unget() noexcept {
   return input_.pushBack() || fail(kPointPushBack, "Cannot push back more than one char!");
 }
 
-bool PortScanner::atFieldEnd(char c, bool &isEnd) noexcept {
-  isEnd = isFieldEnd(c);
-  return !isEnd || unget();
-}
-
-template <class Number>
-bool PortScanner::digits(Number &value) noexcept {
-  ReversedDigits<Number> digits;
+std::optional<std::uint64_t> PortScanner::longNumber() noexcept {
+  ReversedDigits<std::uint64_t> digits;
   for (;;) {
     const std::string_view text = run();
-    if (text.empty()) return false;
+    if (text.empty()) return std::nullopt;
     const char *const pEnd = text.data() + text.size();
     const char *const pBehind = digits.take(text.data(), pEnd);
     moveTo(pBehind);
-    if (pBehind == pEnd) continue;
-    value = digits.value();
-    return true;
+    if (pBehind != pEnd) return digits.value();
   }
 }
-template bool PortScanner::digits(std::uint32_t &value) noexcept;
-template bool PortScanner::digits(std::uint64_t &value) noexcept;
 
 std::uint64_t PortScanner::inputLength() noexcept {
   if (inputLength_ == 0) inputLength_ = input_.length();

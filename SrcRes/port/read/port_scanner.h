@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "frame/callframe.h"
 #include "port/read/port_input.h"
+#include "port/words.h"
 #include "qj7mem00/memvect.h"
 
 namespace mem {
@@ -30,12 +32,23 @@ class PortScanner {
     if (!get(c)) return false;
     return c == expected || fail(point, pMessage);
   }
-  // Reads a character and puts it back when it ends a field ("/" or ">"), which sets `isEnd`.
-  bool atFieldEnd(char c, bool &isEnd) noexcept;
 
-  // Reversed digits, as many as there are; none is 0. Excess digits wrap in the type.
-  bool number(std::uint32_t &value) noexcept { return digits(value); }
-  bool number(std::uint64_t &value) noexcept { return digits(value); }
+  // Reversed digits, as many as there are; none is 0. Excess digits wrap in the type. Mostly there
+  // are few of them and more text behind.
+  template <class Number>
+  bool number(Number &value) noexcept {
+    if (end() - at() >= static_cast<std::ptrdiff_t>(kTextWordLen)) {
+      const ShortNumber digits = shorterNumber(at());
+      if (digits.pBehind != nullptr) {
+        value = digits.value;
+        moveTo(digits.pBehind);
+        return true;
+      }
+    }
+    const std::optional<std::uint64_t> wide = longNumber();
+    if (wide) value = static_cast<Number>(*wide);
+    return wide.has_value();
+  }
 
   // Unread characters that lie together; empty, reported, at the end of the input.
   std::string_view run() noexcept {
@@ -67,8 +80,7 @@ class PortScanner {
 
  private:
   MEM_NOINLINE bool failAtEnd() noexcept;
-  template <class Number>
-  bool digits(Number &value) noexcept;
+  MEM_NOINLINE std::optional<std::uint64_t> longNumber() noexcept;
 
   CallFrame &frame_;
   PortInput input_;

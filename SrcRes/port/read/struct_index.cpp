@@ -1,0 +1,61 @@
+#include "port/read/struct_index.h"
+
+#include <cstring>
+
+#include "frame/hostaccess.h"
+#include "platform/check.h"
+
+namespace mem {
+
+namespace {
+
+constexpr std::int16_t kAreaKB = 10;
+constexpr std::uint16_t kSubPool = 0;
+
+}  // namespace
+
+bool StructIndex::open(std::uint32_t count) noexcept {
+  HMEMHEAP hHeap = nullptr;
+  if (functionVector().MEM_HeapOpen(&hHeap, kAreaKB, kSubPool) != 0) return false;
+  hHeap_ = hHeap;
+  count_ = count;
+  const std::int64_t length = std::int64_t{count} * static_cast<std::int64_t>(sizeof(void *));
+  pStructs_ = static_cast<void **>(allocate(length));
+  if (pStructs_ == nullptr) return false;
+  pWaiting_ = static_cast<WaitingField **>(allocate(length));
+  if (pWaiting_ == nullptr) return false;
+  std::memset(pStructs_, 0, static_cast<std::size_t>(length));
+  std::memset(pWaiting_, 0, static_cast<std::size_t>(length));
+  return true;
+}
+
+// An entry of the heap, or null.
+void *StructIndex::allocate(std::int64_t length) noexcept {
+  void *pEntry = nullptr;
+  const std::int16_t status =
+      functionVector().MEM_HeapAllocEntryLong(hHeap_, static_cast<std::int32_t>(length), &pEntry);
+  return status == 0 ? pEntry : nullptr;
+}
+
+// The field holds the address of the next waiting one, the table entry its own.
+bool StructIndex::wait(std::uint32_t index, std::byte *pField) noexcept {
+  if (index >= count_) return false;
+  auto *pNode = static_cast<WaitingField *>(allocate(sizeof(WaitingField)));
+  if (pNode == nullptr) return false;
+  *pNode = {pField, pWaiting_[index]};
+  pWaiting_[index] = pNode;
+  storeAs(pField, pStructs_[index]);
+  pStructs_[index] = pField;
+  return true;
+}
+
+void StructIndex::settle(std::uint32_t index, void *pStruct) noexcept {
+  MEM_ASSERT(index == present_);
+  present_ = index + 1;
+  for (const WaitingField *pNode = pWaiting_[index]; pNode != nullptr; pNode = pNode->pNext) {
+    storeAs(pNode->pField, pStruct);
+  }
+  pStructs_[index] = pStruct;
+}
+
+}  // namespace mem

@@ -247,16 +247,6 @@ Outcome PackedChain::follow(const void *pRelPtr, ContentPlace &target) const noe
   return {};
 }
 
-void PackedChain::storeRelative(void *pRelPtr, const ContentPlace &target) const noexcept {
-  const auto inOrder = [this](std::uint32_t value) {
-    const auto half = static_cast<std::int16_t>(value);
-    return isSwapped_ ? byteSwapped(half) : half;
-  };
-  const MemPackRelPtr relative{inOrder(static_cast<std::uint32_t>(target.block)),
-                               inOrder(target.offset), 0};
-  storeAs(pRelPtr, relative);
-}
-
 Outcome PackedChain::measureSegment(const MemPackDescriptor &descriptor, const ContentPlace &place,
                                     std::uint32_t &length) const noexcept {
   if (descriptor.Type == MEM_PACK_STRING) return measureText(place, 1, length);

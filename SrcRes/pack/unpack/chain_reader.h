@@ -3,7 +3,7 @@
 #pragma once
 
 #include <cstdint>
-#include <type_traits>
+#include <span>
 
 #include "base/bytes.h"
 #include "pack/pack_descriptors.h"
@@ -90,9 +90,6 @@ class PackedChain {
   // Reads a relative pointer that is not null and checks where it leads.
   Outcome follow(const void *pRelPtr, ContentPlace &target) const noexcept;
 
-  // Writes the relative pointer that leads to `target`: the reverse of follow().
-  void storeRelative(void *pRelPtr, const ContentPlace &target) const noexcept;
-
   // Bytes of the segment at `place`, checked to lie in its block.
   Outcome measureSegment(const MemPackDescriptor &descriptor, const ContentPlace &place,
                          std::uint32_t &length) const noexcept;
@@ -102,15 +99,11 @@ class PackedChain {
   Outcome measureText(const ContentPlace &place, std::uint32_t unitLen,
                       std::uint32_t &length) const noexcept;
 
-  // The storage of the bits below, for other use until startClaims(): one table at a time, with
-  // room for a `T` for each descriptor, or for each block with content. Its bytes have any value.
-  template <class T>
-  T *scratchByKind() const noexcept {
-    return scratch<T, kScratchOfKind>();
-  }
-  template <class T>
-  T *scratchByBlock() const noexcept {
-    return scratch<T, kScratchOfBlock>();
+  // The storage of the bits below, for other use until startClaims(): bytes of any value, a quarter
+  // of the content's length or more, aligned for words of 64 bits.
+  std::span<std::byte> scratch() const noexcept {
+    return {reinterpret_cast<std::byte *>(pClaims_),
+            std::size_t{2} * wordCount_ * sizeof *pClaims_};
   }
 
   // Forgets all claims. REQUIRED once before claim() and takeNarrowText().
@@ -130,19 +123,6 @@ class PackedChain {
  private:
   // Work area: extents of the blocks, control block, and two bits for each content byte: claimed,
   // and part of narrow text that is known to end.
-
-  // Bytes of the bits: a block with content has at least a word of either kind, and descriptors are
-  // content of block 0.
-  static constexpr std::size_t kScratchOfBlock = 2 * sizeof(std::uint64_t);
-  static constexpr std::size_t kScratchOfKind = 8;
-  static_assert(kScratchOfKind <= std::size_t{2} * kOldDescriptorLen / 8);
-
-  template <class T, std::size_t kRoom>
-  T *scratch() const noexcept {
-    static_assert(sizeof(T) <= kRoom && alignof(T) <= alignof(std::uint64_t));
-    static_assert(std::is_trivially_copyable_v<T>);
-    return reinterpret_cast<T *>(pClaims_);
-  }
 
   std::uint32_t firstWord(std::int32_t block) const noexcept { return extents()[block].firstWord; }
 

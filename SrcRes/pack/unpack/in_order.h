@@ -7,8 +7,8 @@
 namespace mem {
 
 // Does what unpackInPlace() promises if nothing is wrong with what is reached from `root` and all
-// of it lies in order. Otherwise returns false and leaves every byte of the chain as it was. Uses
-// the chain's scratch.
+// of it lies in order. Otherwise returns false and has changed nothing of the chain but its
+// scratch.
 bool unpackInOrder(const PackedChain &chain, const ContentPlace &root) noexcept;
 
 }  // namespace mem

@@ -4,13 +4,7 @@
 
 namespace mem {
 
-namespace {
-
-constexpr std::uint32_t kVersionLen = 4;
-
-}  // namespace
-
-MemPackBlock *BlockChain::obtainBlock() const noexcept {
+MemPackBlock *ChainBuilder::obtainBlock() const noexcept {
   const auto length = static_cast<std::uint32_t>(blockLen_);
   void *pBlock = functionVector().MEM_Alloc(length, 0);
   // What stays unwritten must carry nothing of the host's old storage into a file.
@@ -18,24 +12,24 @@ MemPackBlock *BlockChain::obtainBlock() const noexcept {
   return static_cast<MemPackBlock *>(pBlock);
 }
 
-MemPackBlock *BlockChain::start() noexcept {
+MemPackBlock *ChainBuilder::start() noexcept {
   pCurrent_ = obtainBlock();
   if (pCurrent_ != nullptr) setUsed(kFirstSegmentOff);
   return pCurrent_;
 }
 
-bool BlockChain::canHoldControlBlock(std::uint32_t controlBlockLen) const noexcept {
-  const std::int64_t length = static_cast<std::int64_t>(controlBlockLen) + kVersionLen;
+bool ChainBuilder::canHoldControlBlock(std::uint32_t controlBlockLen) const noexcept {
+  const std::int64_t length = static_cast<std::int64_t>(controlBlockLen) + kPackVersionLen;
   return canHold(length, kFirstSegmentOff);
 }
 
-std::byte *BlockChain::append(std::uint32_t length) noexcept {
+std::byte *ChainBuilder::append(std::uint32_t length) noexcept {
   std::byte *pBytes = bytesAt(pCurrent_, static_cast<std::size_t>(kUsedStart) + used_);
   setUsed(used_ + length);
   return pBytes;
 }
 
-Placement BlockChain::addBlock(std::uint32_t firstOff) noexcept {
+Placement ChainBuilder::addBlock(std::uint32_t firstOff) noexcept {
   if (blockNumber_ + 1 >= MEM_PACK_MAX_BLOCKS) return Placement::tooManyBlocks;
   MemPackBlock *pBlock = obtainBlock();
   if (pBlock == nullptr) return Placement::noStorage;

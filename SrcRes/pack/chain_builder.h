@@ -6,6 +6,9 @@
 #include <cstdint>
 
 #include "base/bytes.h"
+#include "pack/pack_descriptors.h"
+#include "pack/pack_failure.h"
+#include "platform/check.h"
 #include "platform/platform.h"
 #include "qj7mem00/mempack.h"
 
@@ -17,6 +20,13 @@ enum class Placement {
   noStorage,     // a further block could not be obtained
   tooManyBlocks  // the chain would pass MEM_PACK_MAX_BLOCKS
 };
+
+// The failure of an item that was not placed; `tooLong` is that of one too long for every block.
+inline PackFailure notPlaced(Placement placement, const PackFailure &tooLong) noexcept {
+  if (placement == Placement::tooLong) return tooLong;
+  if (placement == Placement::tooManyBlocks) return badBlockCount(MEM_PACK_MAX_BLOCKS + 1);
+  return failure(MEMERR_PACKAMEM, ErrorText("NthBlkMemAllocFail"));
+}
 
 // A MemPackRelPtr as one word: put together from parts in storage it could not be read as a whole
 // before these are there.
@@ -35,9 +45,9 @@ struct PlacedItem {
 // Invariants: the current block is the last of the chain; used <= min(block length - 8, 65535),
 // counted from block offset 8; every item starts at a content offset of at most 32767, so that a
 // signed 16-bit offset finds it; all bytes that were not written are zero.
-class BlockChain {
+class ChainBuilder {
  public:
-  explicit BlockChain(std::int32_t blockLen) noexcept
+  explicit ChainBuilder(std::int32_t blockLen) noexcept
       : blockLen_(blockLen), end_(std::min(std::int64_t{blockLen} - kUsedStart, kMaxUsed)) {}
 
   // Obtains block 0. Null when there is no storage. REQUIRES: canHoldHeader().

@@ -2,41 +2,15 @@
 
 #include <algorithm>
 
+#include "base/copybytes.h"
+
 namespace mem {
-
-namespace {
-
-bool liesWithin(std::int16_t offset, std::uint32_t width, std::int64_t length) noexcept {
-  return offset >= 0 && std::int64_t{offset} + width <= length;
-}
-
-// Offsets in an old descriptor; the first 10 bytes are those of a current one.
-constexpr std::size_t kCommonLen = 10;
-constexpr std::size_t kOldChildrenOff = 10;
-constexpr std::size_t kOldReferencesOff = 42;
-
-void writeOldDescriptor(const MemPackDescriptor &descriptor, std::byte *pTo) noexcept {
-  std::memcpy(pTo, &descriptor, kCommonLen);
-  const auto children = usedChildren(descriptor);
-  if (!children.empty()) std::memcpy(pTo + kOldChildrenOff, children.data(), children.size_bytes());
-  const auto references = usedReferences(descriptor);
-  if (!references.empty()) {
-    std::memcpy(pTo + kOldReferencesOff, references.data(), references.size_bytes());
-  }
-}
-
-}  // namespace
 
 bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length,
                        std::uint32_t width) noexcept {
-  if (hasSibling(descriptor) && !liesWithin(descriptor.SiblingOff, width, length)) return false;
-  for (const MemPackChild &child : children(descriptor)) {
-    if (!liesWithin(child.Offset, width, length)) return false;
-  }
-  for (const std::int16_t offset : references(descriptor)) {
-    if (!liesWithin(offset, width, length)) return false;
-  }
-  return true;
+  return !anyPointerField(descriptor, [=](std::int16_t offset) {
+    return offset < 0 || std::int64_t{offset} + width > length;
+  });
 }
 
 const MemPackDescriptor &PackControlBlock::descriptor(std::int32_t index) const noexcept {
@@ -78,28 +52,36 @@ UsedKinds::UsedKinds(const PackControlBlock &controlBlock) noexcept : count_(con
   }
 }
 
-std::uint32_t oldControlBlockLen(std::int32_t count) noexcept {
-  const std::int32_t kinds = std::max<std::int32_t>(count, MEM_PACK_MIN_DESCRIPTORS);
-  return static_cast<std::uint32_t>(sizeof(std::int16_t)) +
-         static_cast<std::uint32_t>(kinds) * kOldDescriptorLen;
-}
-
 bool hasTooManyChildrenForOld(const PackControlBlock &controlBlock) noexcept {
   const UsedKinds used(controlBlock);
   for (std::int32_t i = 0; i < controlBlock.present(); ++i) {
     if (!used.contains(i)) continue;
-    if (usedChildren(controlBlock.descriptor(i)).size() > kOldMaxChildren) return true;
+    if (usedChildren(controlBlock.descriptor(i)).size() > std::size_t{kOldLayout.maxChildren})
+      return true;
   }
   return false;
 }
 
+void storeUsedEntries(const MemPackDescriptor &descriptor, const DescriptorLayout &layout,
+                      std::byte *pTo) noexcept {
+  const auto children = usedChildren(descriptor);
+  copyBytes(pTo + layout.childrenOff, children.data(), children.size_bytes());
+  const auto references = usedReferences(descriptor);
+  copyBytes(pTo + layout.referencesOff, references.data(), references.size_bytes());
+}
+
 void writeOldControlBlock(const PackControlBlock &controlBlock, void *pTo) noexcept {
+  MEM_ASSERT(!hasTooManyChildrenForOld(controlBlock));
   storeAs(pTo, static_cast<std::int16_t>(controlBlock.count()));
   const UsedKinds used(controlBlock);
   std::byte *pDescriptor = bytesAt(pTo, sizeof(std::int16_t));
   for (std::int32_t i = 0; i < controlBlock.present(); ++i) {
-    if (used.contains(i)) writeOldDescriptor(controlBlock.descriptor(i), pDescriptor);
-    pDescriptor += kOldDescriptorLen;
+    if (used.contains(i)) {
+      const MemPackDescriptor &descriptor = controlBlock.descriptor(i);
+      std::memcpy(pDescriptor, &descriptor, kOldLayout.childrenOff);
+      storeUsedEntries(descriptor, kOldLayout, pDescriptor);
+    }
+    pDescriptor += kOldLayout.length;
   }
 }
 

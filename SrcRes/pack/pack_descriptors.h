@@ -1,4 +1,4 @@
-// The caller's pack control block as the packer reads it, and the old layout of it.
+// The pack control block: the kinds of segments, their pointer fields, and the two layouts of it.
 #pragma once
 
 #include <cstddef>
@@ -6,9 +6,18 @@
 #include <span>
 
 #include "base/bytes.h"
+#include "platform/check.h"
 #include "qj7mem00/mempack.h"
 
 namespace mem {
+
+// Characters of the version in front of a packed control block.
+inline constexpr std::uint32_t kPackVersionLen = 4;
+
+// Descriptors that there is room for in a control block that counts so many.
+constexpr std::int32_t descriptorsPresent(std::int32_t count) noexcept {
+  return count > MEM_PACK_MIN_DESCRIPTORS ? count : MEM_PACK_MIN_DESCRIPTORS;
+}
 
 inline bool isTextKind(const MemPackDescriptor &descriptor) noexcept {
   return descriptor.Type == MEM_PACK_STRING || descriptor.Type == MEM_PACK_WIDE_STRING;
@@ -44,6 +53,31 @@ inline bool hasSibling(const MemPackDescriptor &descriptor) noexcept {
   return !isTextKind(descriptor) && descriptor.SiblingOff != MEM_PACK_NO_SIBLING;
 }
 
+// Bytes of a counted or self-describing segment whose first word this is. Less than the word itself
+// where the word is wrong.
+inline constexpr std::int32_t kLengthWordLen = sizeof(std::uint16_t);
+inline std::int32_t lengthByWord(const MemPackDescriptor &descriptor, std::uint16_t word) noexcept {
+  if (descriptor.Type != MEM_PACK_COUNTED) return word;
+  return static_cast<std::int16_t>(word) + kLengthWordLen;
+}
+
+// Calls use(offset) for each pointer field, until its result counts as true: a failure, or what is
+// looked for. Returns the last result.
+template <class Use>
+auto anyPointerField(const MemPackDescriptor &descriptor, Use use) noexcept
+    -> decltype(use(std::int16_t{})) {
+  if (hasSibling(descriptor)) {
+    if (auto found = use(descriptor.SiblingOff)) return found;
+  }
+  for (const MemPackChild &child : children(descriptor)) {
+    if (auto found = use(child.Offset)) return found;
+  }
+  for (const std::int16_t offset : references(descriptor)) {
+    if (auto found = use(offset)) return found;
+  }
+  return {};
+}
+
 // A pointer field of a segment, at whatever alignment the descriptor gives it.
 inline void *loadPointer(const void *pSegment, std::int16_t offset) noexcept {
   return loadAs<void *>(bytesAt(pSegment, static_cast<std::size_t>(offset)));
@@ -52,6 +86,28 @@ inline void *loadPointer(const void *pSegment, std::int16_t offset) noexcept {
 // True when every pointer field of `width` bytes lies wholly inside a segment of `length` bytes.
 bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length,
                        std::uint32_t width = sizeof(void *)) noexcept;
+
+// The current layout, and the old one with room for 8 children.
+struct DescriptorLayout {
+  std::uint32_t length;
+  std::uint32_t childrenOff;
+  std::uint32_t referencesOff;
+  std::int16_t maxChildren;
+
+  // Bytes of a control block with so many descriptors.
+  constexpr std::uint32_t controlBlockLen(std::int32_t count) const noexcept {
+    return static_cast<std::uint32_t>(sizeof(std::int16_t)) +
+           static_cast<std::uint32_t>(descriptorsPresent(count)) * length;
+  }
+};
+inline constexpr DescriptorLayout kCurrentLayout{
+    sizeof(MemPackDescriptor), offsetof(MemPackDescriptor, Children),
+    offsetof(MemPackDescriptor, References), MEM_PACK_MAX_CHILDREN};
+inline constexpr DescriptorLayout kOldLayout{58, 10, 42, 8};
+
+// Stores the used entries of a descriptor, as they are, in one of that layout at `pTo`.
+void storeUsedEntries(const MemPackDescriptor &descriptor, const DescriptorLayout &layout,
+                      std::byte *pTo) noexcept;
 
 // View of a caller's control block. Descriptors up to index 7 exist even beyond the count.
 class PackControlBlock {
@@ -63,13 +119,8 @@ class PackControlBlock {
 
   // REQUIRES for the rest: exists().
   std::int32_t count() const noexcept { return pPackCB_->Count; }
-  // Descriptors that there is room for.
-  std::int32_t present() const noexcept {
-    return count() > MEM_PACK_MIN_DESCRIPTORS ? count() : MEM_PACK_MIN_DESCRIPTORS;
-  }
-  std::uint32_t length() const noexcept {
-    return static_cast<std::uint32_t>(MEM_PACK_CB_LEN(count()));
-  }
+  std::int32_t present() const noexcept { return descriptorsPresent(count()); }
+  std::uint32_t length() const noexcept { return kCurrentLayout.controlBlockLen(count()); }
 
   // REQUIRES: index < present().
   const MemPackDescriptor &descriptor(std::int32_t index) const noexcept;
@@ -100,17 +151,12 @@ class UsedKinds {
   std::uint32_t named_ = 0;  // one bit for each kind that is there whatever the count
 };
 
-// The old layout: descriptors of 58 bytes with room for 8 children.
-inline constexpr std::int16_t kOldMaxChildren = 8;
-inline constexpr std::uint32_t kOldDescriptorLen = 58;
-
-std::uint32_t oldControlBlockLen(std::int32_t count) noexcept;
-
 // True when a used kind has more child entries than the old layout can hold.
 bool hasTooManyChildrenForOld(const PackControlBlock &controlBlock) noexcept;
 
 // Writes the used kinds in the old layout, native byte order.
-// REQUIRES: pTo has oldControlBlockLen() zero bytes, !hasTooManyChildrenForOld(controlBlock).
+// REQUIRES: pTo has kOldLayout.controlBlockLen() zero bytes,
+// !hasTooManyChildrenForOld(controlBlock).
 void writeOldControlBlock(const PackControlBlock &controlBlock, void *pTo) noexcept;
 
 }  // namespace mem

@@ -1,4 +1,4 @@
-// How packing and unpacking report failures inside the unit, before the frame records them.
+// How packing and unpacking report failures inside the room, before the frame records them.
 #pragma once
 
 #include <cstdint>
@@ -32,9 +32,5 @@ inline PackFailure badBlockCount(std::int32_t count) noexcept {
   const auto shown = static_cast<std::int16_t>(count);
   return failure(MEMERR_PACKBMAX, ErrorText("MaxBlocksValueBad=").decimal(shown));
 }
-
-// Traces, records and returns a failure. REQUIRES: all nested calls are done, since they clear the
-// error area.
-std::int16_t finishFailed(CallFrame &frame, const PackFailure &failed) noexcept;
 
 }  // namespace mem

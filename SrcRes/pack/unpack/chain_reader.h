@@ -8,7 +8,7 @@
 #include "base/bytes.h"
 #include "pack/pack_descriptors.h"
 #include "pack/pack_failure.h"
-#include "pack/unpack/pack_version.h"
+#include "pack/unpack/file_control_block.h"
 #include "pack/unpack/workstorage.h"
 
 namespace mem {
@@ -42,28 +42,19 @@ struct BlockExtent {
 
 // Lengths, block addresses and descriptors are copied out when the chain is opened, since a hostile
 // segment may lie over them.
-class PackedChain {
+class ChainReader {
  public:
   // Reads version, control block and block list of the chain at `pFirst`, which may be null. No
   // byte of it is changed.
   Outcome open(MemPackBlock *pFirst) noexcept;
 
   // REQUIRES for the rest: opened.
-  const PackVersion &version() const noexcept { return version_; }
-  // True when the writer's numbers are in the other byte order than this host's.
-  bool isSwapped() const noexcept { return isSwapped_; }
+  const FileControlBlock &file() const noexcept { return file_; }
+  std::uint32_t wideSize() const noexcept { return file_.version().wideSize; }
+  bool isSwapped() const noexcept { return file_.isSwapped(); }
   std::int32_t blockCount() const noexcept { return blockCount_; }
-  // Native copy in the current layout, with the types in ASCII. Entries that are not used are those
-  // of the file, or zero when the file has the old layout.
+  // Native copy in the current layout.
   const PackControlBlock &controlBlock() const noexcept { return controlBlock_; }
-
-  // Swaps a current control block of the other byte order in the chain itself. Once, when the chain
-  // is to be unpacked in place.
-  void swapControlBlock() const noexcept;
-
-  // True for the kinds of some EBCDIC writers whose lengths lie in fields that only their owners
-  // know.
-  bool hasForeignLength(const MemPackDescriptor &descriptor) const noexcept;
 
   Outcome locateRoot(ContentPlace &root) const noexcept;
 
@@ -79,12 +70,6 @@ class PackedChain {
   bool holds(const ContentPlace &place, std::uint64_t length) const noexcept {
     const std::uint32_t used = usedLen(place.block);
     return place.offset <= used && length <= used - place.offset;
-  }
-
-  template <class T>
-  T number(const void *pFrom) const noexcept {
-    const T value = loadAs<T>(pFrom);
-    return isSwapped_ ? byteSwapped(value) : value;
   }
 
   // Reads a relative pointer that is not null and checks where it leads.
@@ -117,32 +102,20 @@ class PackedChain {
   // lead to it, or into it: no byte of text is looked at twice.
   Outcome takeNarrowText(const ContentPlace &place) noexcept;
 
-  // For a kind without valid counts: names its descriptor in the file.
-  PackFailure badKind(std::uint16_t kind) const noexcept;
-
  private:
   // Work area: extents of the blocks, control block, and two bits for each content byte: claimed,
   // and part of narrow text that is known to end.
 
   std::uint32_t firstWord(std::int32_t block) const noexcept { return extents()[block].firstWord; }
 
-  Outcome readVersion(const MemPackBlock *pFirst) noexcept;
-  Outcome readControlBlockLen(MemPackBlock *pFirst) noexcept;
   Outcome listBlocks(MemPackBlock *pFirst) noexcept;
   Outcome obtainWork() noexcept;
   void listExtents() noexcept;
   std::uint16_t usedLenInFile(std::int32_t block) const noexcept;
   Outcome copyControlBlock() noexcept;
-  MemPackDescriptor readDescriptor(const std::byte *pFrom) const noexcept;
-  std::byte *descriptorInFile(std::int32_t index) const noexcept;
-  static void swapDescriptor(const MemPackDescriptor &native, std::byte *pTo) noexcept;
 
-  PackVersion version_{};
-  bool isSwapped_ = false;
-  std::int32_t descriptorCount_ = 0;
-  std::uint32_t controlBlockLen_ = 0;  // in the file
+  FileControlBlock file_;
   std::int32_t blockCount_ = 0;
-  std::byte *pFileControlBlock_ = nullptr;
   std::uint32_t wordCount_ = 0;  // of the claims, and of the texts
   std::uint64_t *pClaims_ = nullptr;
   std::uint64_t *pTexts_ = nullptr;

@@ -3,10 +3,14 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "pack/unpack/chain_reader.h"
 
 namespace mem {
+
+// Where a pointer leads to. No value: it is null.
+using PointerTarget = std::optional<ContentPlace>;
 
 // A child pointer that leads to text.
 struct TextUse {
@@ -21,22 +25,19 @@ struct TextUse {
 //   Outcome visit(std::uint16_t descriptor, const ContentPlace &place)
 //       called for each segment before anything is read of it
 //   Outcome visitText(const TextUse &use)
-//   Outcome pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
-//                   bool &isNull)
-//       called once for each child and sibling pointer of a visited segment
+//   Outcome pointer(const ContentPlace &segment, std::int16_t offset, PointerTarget &target)
+//       called once for each child and sibling pointer of a visited segment, with no target
 //   kTooDeep
 //       text of the failure when the structure has too many levels
 template <class Visitor>
 class ChainWalk {
  public:
-  ChainWalk(const PackedChain &chain, Visitor &visitor) noexcept
+  ChainWalk(const ChainReader &chain, Visitor &visitor) noexcept
       : chain_(chain), visitor_(visitor) {}
 
   Outcome run(const ContentPlace &root) noexcept {
-    Level &first = levels_[0];
-    first = {.descriptor = 0, .nextChild = 0, .place = root};
     depth_ = 0;
-    if (Outcome failed = visitor_.visit(first.descriptor, first.place)) return failed;
+    if (Outcome failed = begin(0, root)) return failed;
     while (depth_ >= 0) {
       if (Outcome failed = advance()) return failed;
     }
@@ -44,6 +45,7 @@ class ChainWalk {
   }
 
  private:
+  // A level of the traversal stack.
   struct Level {
     std::uint16_t descriptor;
     std::uint16_t nextChild;  // next child entry to examine
@@ -54,61 +56,53 @@ class ChainWalk {
     return chain_.controlBlock().descriptor(descriptor);
   }
 
-  // One step: into the next child, else on to the sibling, else up.
+  // A segment becomes the current level.
+  Outcome begin(std::uint16_t descriptor, const ContentPlace &place) noexcept {
+    levels_[depth_] = {.descriptor = descriptor, .nextChild = 0, .place = place};
+    return visitor_.visit(descriptor, place);
+  }
+
+  // One step: down to the next child that is a segment, else on to the sibling, else up. Text is
+  // dealt with where its pointer is; it takes no level.
   Outcome advance() noexcept {
     Level &level = levels_[depth_];
-    bool isTaken = false;
-    if (Outcome failed = takeChild(level, isTaken)) return failed;
-    if (isTaken) return {};
-    if (Outcome failed = takeSibling(level, isTaken)) return failed;
-    if (!isTaken) --depth_;
-    return {};
-  }
-
-  // Text is dealt with where its pointer is; it takes no level.
-  Outcome takeChild(Level &level, bool &isTaken) noexcept {
-    const auto all = children(kind(level.descriptor));
+    const MemPackDescriptor &descriptor = kind(level.descriptor);
+    const auto all = children(descriptor);
     while (level.nextChild < all.size()) {
       const std::uint16_t entry = level.nextChild++;
-      const MemPackChild &child = all[entry];
-      Level below{.descriptor = child.Descriptor, .nextChild = 0, .place = {}};
-      bool isNull = false;
-      if (Outcome failed = visitor_.pointer(level.place, child.Offset, below.place, isNull)) {
+      const MemPackDescriptor &childKind = kind(all[entry].Descriptor);
+      PointerTarget target;
+      if (Outcome failed = visitor_.pointer(level.place, all[entry].Offset, target)) return failed;
+      if (!target) continue;
+      if (!isTextKind(childKind)) return goDown(all[entry].Descriptor, *target);
+      const bool isWide = childKind.Type == MEM_PACK_WIDE_STRING;
+      const TextUse use{level.place, level.descriptor, entry, *target, isWide};
+      if (Outcome failed = visitor_.visitText(use)) return failed;
+    }
+    return goOnToSibling(level, descriptor);
+  }
+
+  Outcome goDown(std::uint16_t descriptor, const ContentPlace &place) noexcept {
+    if (depth_ + 1 == MEM_PACK_MAX_LEVELS) {
+      return failure(MEMERR_PACKSTAK, ErrorText(Visitor::kTooDeep));
+    }
+    ++depth_;
+    return begin(descriptor, place);
+  }
+
+  Outcome goOnToSibling(const Level &level, const MemPackDescriptor &descriptor) noexcept {
+    PointerTarget target;
+    if (hasSibling(descriptor)) {
+      if (Outcome failed = visitor_.pointer(level.place, descriptor.SiblingOff, target)) {
         return failed;
       }
-      if (isNull) continue;
-      const MemPackDescriptor &childKind = kind(child.Descriptor);
-      if (isTextKind(childKind)) {
-        const TextUse use{level.place, level.descriptor, entry, below.place,
-                          childKind.Type == MEM_PACK_WIDE_STRING};
-        if (Outcome failed = visitor_.visitText(use)) return failed;
-        continue;
-      }
-      if (depth_ + 1 == MEM_PACK_MAX_LEVELS) {
-        return failure(MEMERR_PACKSTAK, ErrorText(Visitor::kTooDeep));
-      }
-      isTaken = true;
-      levels_[++depth_] = below;
-      return visitor_.visit(below.descriptor, below.place);
     }
+    if (target) return begin(level.descriptor, *target);
+    --depth_;
     return {};
   }
 
-  Outcome takeSibling(Level &level, bool &isTaken) noexcept {
-    const MemPackDescriptor &descriptor = kind(level.descriptor);
-    if (!hasSibling(descriptor)) return {};
-    ContentPlace next{};
-    bool isNull = false;
-    if (Outcome failed = visitor_.pointer(level.place, descriptor.SiblingOff, next, isNull)) {
-      return failed;
-    }
-    if (isNull) return {};
-    isTaken = true;
-    level = {.descriptor = level.descriptor, .nextChild = 0, .place = next};
-    return visitor_.visit(level.descriptor, level.place);
-  }
-
-  const PackedChain &chain_;
+  const ChainReader &chain_;
   Visitor &visitor_;
   Level levels_[MEM_PACK_MAX_LEVELS];
   std::int32_t depth_ = 0;  // current level; -1 once the walk is over

@@ -1,13 +1,11 @@
 // The fast way of unpacking in place. What it brings is written down in bench/TRIED.md: unpacking
 // in the writer's order.
-#include "pack/unpack/in_order.h"
-
 #include <algorithm>
 #include <bit>
 
+#include "pack/unpack/chain_text.h"
 #include "pack/unpack/pointer_fields.h"
-#include "pack/unpack/text_length.h"
-#include "pack/unpack/wide_text.h"
+#include "pack/unpack/unpack_ways.h"
 
 namespace mem {
 
@@ -23,7 +21,7 @@ struct KindRule {
   bool hasFields;
 };
 
-Form formOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexcept {
+Form formOf(const ChainReader &chain, const MemPackDescriptor &descriptor) noexcept {
   constexpr std::uint8_t kNativeWideSize = 2;
   switch (descriptor.Type) {
     case MEM_PACK_FIXED:
@@ -34,7 +32,7 @@ Form formOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexc
       return Form::narrowText;
     case MEM_PACK_WIDE_STRING:
       // Narrowing may fail, and what is behind the text must not have been changed then.
-      return chain.version().wideSize == kNativeWideSize ? Form::wideText : Form::none;
+      return chain.wideSize() == kNativeWideSize ? Form::wideText : Form::none;
     default:
       // Kinds of EBCDIC writers whose length is in another field are measured in this way, too. A
       // wrong length is safe: what does not fit is left to the exact walk.
@@ -42,7 +40,7 @@ Form formOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexc
   }
 }
 
-KindRule ruleOf(const PackedChain &chain, const MemPackDescriptor &descriptor) noexcept {
+KindRule ruleOf(const ChainReader &chain, const MemPackDescriptor &descriptor) noexcept {
   const Form form = formOf(chain, descriptor);
   if (form == Form::narrowText || form == Form::wideText) return {0, form, false};
   const bool isUsable = chain.controlBlock().hasValidCounts(descriptor) &&
@@ -148,10 +146,10 @@ struct OpenSegment {
   std::uint16_t nextChild;
 };
 
-// Bytes of the text at `pText`, or 0. Out of line, since few texts are looked at.
-template <class Unit>
-MEM_NOINLINE std::uint32_t lengthOf(const std::byte *pText, std::uint32_t room) noexcept {
-  return textLength<Unit>(pText, room);
+// Out of line, since few texts are looked at.
+MEM_NOINLINE std::uint32_t lengthOf(const std::byte *pText, std::uint32_t room,
+                                    std::uint32_t unitLen) noexcept {
+  return textLength(pText, room, unitLen);
 }
 
 // Walks as ChainWalk does and changes nothing. All that was reached is below `end_`, and nothing of
@@ -169,7 +167,7 @@ template <bool isSwapped>
 class OrderCheck {
  public:
   // `pAbove` has room for all levels of a walk.
-  OrderCheck(const PackedChain &chain, const KindRule *pRules, OpenSegment *pAbove,
+  OrderCheck(const ChainReader &chain, const KindRule *pRules, OpenSegment *pAbove,
              const SegmentList &segments) noexcept
       : pBlocks_(chain.blocks()),
         pExtents_(chain.extents()),
@@ -294,9 +292,7 @@ class OrderCheck {
 
   bool takeText(Form form, const Target &target) noexcept {
     const std::uint32_t room = roomAt(target.key);
-    const std::uint32_t length = form == Form::narrowText
-                                     ? lengthOf<std::uint8_t>(target.pBytes, room)
-                                     : lengthOf<std::uint16_t>(target.pBytes, room);
+    const std::uint32_t length = lengthOf(target.pBytes, room, form == Form::narrowText ? 1 : 2);
     if (length == 0) return false;
     const PlaceKey end = target.key + length;
     if (target.key >= end_) {
@@ -342,7 +338,7 @@ class OrderCheck {
   // Finds the end of the open text.
   bool closeText() noexcept {
     const PlaceKey start = end_ - 1;
-    const auto length = lengthOf<std::uint8_t>(targetAt(start).pBytes, roomAt(start));
+    const auto length = lengthOf(targetAt(start).pBytes, roomAt(start), 1);
     openMask_ = 0;
     end_ = start + length;
     return length != 0;
@@ -405,7 +401,7 @@ class OrderCheck {
 template <bool isSwapped>
 class Linker {
  public:
-  Linker(const PackedChain &chain, const KindRule *pRules) noexcept
+  Linker(const ChainReader &chain, const KindRule *pRules) noexcept
       : chain_(chain), pBlocks_(chain.blocks()), pRules_(pRules), text_(chain) {}
 
   void linkSegment(const MemPackDescriptor &descriptor, std::byte *pSegment) noexcept {
@@ -436,14 +432,14 @@ class Linker {
     const ContentPlace text = placeOf(stored);
     const std::uint32_t room = chain_.usedLen(text.block) - text.offset;
     std::byte *const pText = chain_.at(text);
-    static_cast<void>(text_.convert(pText, lengthOf<std::uint16_t>(pText, room)));
+    static_cast<void>(text_.convert(pText, lengthOf(pText, room, 2)));
   }
 
   static ContentPlace placeOf(RelativePointer stored) noexcept {
     return {static_cast<std::int32_t>(stored.block()), static_cast<std::uint32_t>(stored.offset())};
   }
 
-  const PackedChain &chain_;
+  const ChainReader &chain_;
   void *const *pBlocks_;
   const KindRule *pRules_;
   TextConverter text_;
@@ -451,7 +447,7 @@ class Linker {
 
 // The walk is in this function as a whole, so that its state can stay in registers.
 template <bool isSwapped>
-bool checkAndLink(const PackedChain &chain, const KindRule *pRules, const SegmentList &empty,
+bool checkAndLink(const ChainReader &chain, const KindRule *pRules, const SegmentList &empty,
                   const ContentPlace &root) noexcept {
   OpenSegment above[MEM_PACK_MAX_LEVELS];
   OrderCheck<isSwapped> check(chain, pRules, above, empty);
@@ -465,11 +461,11 @@ bool checkAndLink(const PackedChain &chain, const KindRule *pRules, const Segmen
 
 }  // namespace
 
-bool unpackInOrder(const PackedChain &chain, const ContentPlace &root) noexcept {
+bool unpackInOrder(const ChainReader &chain, const ContentPlace &root) noexcept {
   const std::span<std::byte> scratch = chain.scratch();
   const auto count = static_cast<std::size_t>(chain.controlBlock().present());
   // Descriptors are content, and a quarter of their length is scratch.
-  static_assert(sizeof(KindRule) <= kOldDescriptorLen / 4);
+  static_assert(sizeof(KindRule) <= kOldLayout.length / 4);
   auto *const pRules = reinterpret_cast<KindRule *>(scratch.data());
   for (std::size_t i = 0; i < count; ++i) {
     pRules[i] = ruleOf(chain, chain.controlBlock().descriptor(static_cast<std::int32_t>(i)));

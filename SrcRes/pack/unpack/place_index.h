@@ -11,7 +11,7 @@ namespace mem {
 
 class PlaceIndex {
  public:
-  explicit PlaceIndex(const PackedChain &chain) noexcept : chain_(chain) {}
+  explicit PlaceIndex(const ChainReader &chain) noexcept : chain_(chain) {}
 
   // Obtains the tables. Fails with MEMERR_PACKAMEM.
   Outcome open() noexcept;
@@ -48,7 +48,7 @@ class PlaceIndex {
     return tables_.as<std::uint32_t>(std::size_t{wordCount()} * sizeof(std::uint64_t));
   }
 
-  const PackedChain &chain_;
+  const ChainReader &chain_;
   WorkStorage firstWords_;  // first word of each block, and of one more behind the last
   WorkStorage tables_;      // bits, then the number of places before each word
 };

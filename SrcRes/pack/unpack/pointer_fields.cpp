@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "base/copybytes.h"
+
 namespace mem {
 
 namespace {
@@ -10,9 +12,10 @@ namespace {
 class FieldOffsets {
  public:
   explicit FieldOffsets(const MemPackDescriptor &descriptor) noexcept {
-    for (const MemPackChild &child : children(descriptor)) add(child.Offset);
-    if (hasSibling(descriptor)) add(descriptor.SiblingOff);
-    for (const std::int16_t offset : references(descriptor)) add(offset);
+    anyPointerField(descriptor, [this](std::int16_t offset) {
+      offsets_[count_++] = static_cast<std::uint32_t>(offset);
+      return false;
+    });
     std::sort(offsets_, offsets_ + count_);
   }
 
@@ -24,10 +27,6 @@ class FieldOffsets {
   }
 
  private:
-  void add(std::int16_t offset) noexcept {
-    offsets_[count_++] = static_cast<std::uint32_t>(offset);
-  }
-
   std::uint32_t offsets_[MEM_PACK_MAX_CHILDREN + 1 + MEM_PACK_MAX_REFERENCES];
   std::uint32_t count_ = 0;
 };
@@ -59,18 +58,17 @@ bool haveSameFields(const MemPackDescriptor &file, const MemPackDescriptor &call
 
 std::int64_t lastFieldEnd(const MemPackDescriptor &descriptor, std::uint32_t width) noexcept {
   std::int64_t end = 0;
-  const auto extendTo = [&end, width](std::int16_t offset) {
+  anyPointerField(descriptor, [&end, width](std::int16_t offset) {
     end = std::max(end, std::int64_t{offset} + width);
-  };
-  if (hasSibling(descriptor)) extendTo(descriptor.SiblingOff);
-  for (const MemPackChild &child : children(descriptor)) extendTo(child.Offset);
-  for (const std::int16_t offset : references(descriptor)) extendTo(offset);
+    return false;
+  });
   return end;
 }
 
 bool fieldsLieApart(const MemPackDescriptor &descriptor) noexcept {
+  MEM_ASSERT(pointersLieWithin(descriptor, UINT16_MAX));
   const FieldOffsets fields(descriptor);
-  std::uint32_t end = descriptor.Type == MEM_PACK_FIXED ? 0 : sizeof(std::uint16_t);
+  std::uint32_t end = descriptor.Type == MEM_PACK_FIXED ? 0 : kLengthWordLen;
   for (std::uint32_t k = 0; k < fields.count(); ++k) {
     if (fields[k] < end) return false;
     end = fields[k] + static_cast<std::uint32_t>(sizeof(void *));
@@ -80,6 +78,9 @@ bool fieldsLieApart(const MemPackDescriptor &descriptor) noexcept {
 
 void copyRuns(const SegmentImage &from, const std::byte *pFrom, const SegmentImage &to,
               std::byte *pTo) noexcept {
+  MEM_ASSERT(haveSameFields(from.descriptor, to.descriptor));
+  MEM_ASSERT(pointersLieWithin(from.descriptor, from.length, from.pointerWidth));
+  MEM_ASSERT(pointersLieWithin(to.descriptor, to.length, to.pointerWidth));
   const FieldOffsets fromFields(from.descriptor);
   const FieldOffsets toFields(to.descriptor);
   std::uint32_t fromStart = 0;
@@ -88,7 +89,7 @@ void copyRuns(const SegmentImage &from, const std::byte *pFrom, const SegmentIma
     const std::uint32_t fromEnd = fromFields.runEnd(k, from.length);
     const std::uint32_t toEnd = toFields.runEnd(k, to.length);
     if (fromStart < fromEnd && toStart < toEnd) {
-      std::memcpy(pTo + toStart, pFrom + fromStart, std::min(fromEnd - fromStart, toEnd - toStart));
+      copyBytes(pTo + toStart, pFrom + fromStart, std::min(fromEnd - fromStart, toEnd - toStart));
     }
     fromStart = fromEnd + from.pointerWidth;
     toStart = toEnd + to.pointerWidth;

@@ -1,10 +1,12 @@
-#include "pack/unpack/repack.h"
-
+// Unpacking into a new chain, in three passes: the survey checks the old chain and numbers its
+// segments and texts, the move copies them, the linking stores the new addresses.
+#include "base/copybytes.h"
 #include "pack/chain_builder.h"
+#include "pack/unpack/chain_text.h"
 #include "pack/unpack/chain_walk.h"
 #include "pack/unpack/place_index.h"
 #include "pack/unpack/pointer_fields.h"
-#include "pack/unpack/wide_text.h"
+#include "pack/unpack/unpack_ways.h"
 
 namespace mem {
 
@@ -37,114 +39,6 @@ PackFailure noStorage(const char *pText) noexcept {
   return failure(MEMERR_PACKAMEM, ErrorText(pText));
 }
 
-Outcome failedBlock(Placement placement) noexcept {
-  if (placement == Placement::tooManyBlocks) return badBlockCount(MEM_PACK_MAX_BLOCKS + 1);
-  return noStorage("NthBlkMemAllocFail");
-}
-
-// Texts for a pointer that leads where nothing was moved from: to a block of which nothing was
-// moved, or to another offset of one. Each kind of pointer has its own.
-struct MissingTexts {
-  const char *pBlock;
-  const char *pOffset;
-};
-constexpr MissingTexts kMissingChild{"NewBlockTblBlkNumErr", "NewBlockTblOffsetErr"};
-constexpr MissingTexts kMissingSibling{"UnpackSibNewBlockTblBlkErr",
-                                       "UnpackSibNewBlockTblOffsetErr"};
-constexpr MissingTexts kMissingReference{"RepackNewBlockTblBlkErr", "RepackNewBlockTblOffsetErr"};
-
-PackFailure missingTarget(const PlaceIndex &index, const ContentPlace &target,
-                          const MissingTexts &texts) noexcept {
-  return index.containsAnyOf(target.block) ? failure(MEMERR_PACKROFF, ErrorText(texts.pOffset))
-                                           : failure(MEMERR_PACKRBLK, ErrorText(texts.pBlock));
-}
-
-// Both walks over the old chain end with it.
-constexpr char kWalkTooDeep[] = "UnpackStackOverflow";
-
-// Reads the pointer fields of the old chain, which have the writer's width.
-class OldPointers {
- public:
-  OldPointers(const PackedChain &chain, std::uint32_t width) noexcept
-      : chain_(chain), width_(width) {}
-
-  std::uint32_t width() const noexcept { return width_; }
-
-  // REQUIRES: the field lies in its block.
-  Outcome read(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
-               bool &isNull) const noexcept {
-    const std::byte *pField = chain_.at(segment) + offset;
-    isNull = width_ == sizeof(std::uint32_t) ? loadAs<std::uint32_t>(pField) == 0
-                                             : loadAs<std::uint64_t>(pField) == 0;
-    return isNull ? Outcome{} : chain_.follow(pField, target);
-  }
-
- private:
-  const PackedChain &chain_;
-  std::uint32_t width_;
-};
-
-// First pass: checks the whole old chain and numbers what will be moved. Segments and texts must
-// not overlap, so that what is copied is never more than there is.
-class Survey {
- public:
-  static constexpr const char *kTooDeep = kWalkTooDeep;
-
-  Survey(PackedChain &chain, const PackControlBlock &callers, const OldPointers &pointers,
-         PlaceIndex &index) noexcept
-      : chain_(chain), callers_(callers), pointers_(pointers), index_(index) {}
-
-  Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept {
-    if (Outcome failed = checkKind(kind)) return failed;
-    const MemPackDescriptor &file = chain_.controlBlock().descriptor(kind);
-    // Wide text is no segment of its own; only the root can be given as one.
-    if (file.Type == MEM_PACK_WIDE_STRING) return chain_.badKind(kind);
-    std::uint32_t length = 0;
-    if (Outcome failed = chain_.measureSegment(file, place, length)) return failed;
-    if (!pointersLieWithin(file, length, pointers_.width())) return badOffset(place.offset);
-    return number(place, length);
-  }
-
-  Outcome visitText(const TextUse &use) noexcept {
-    const MemPackDescriptor &owner = chain_.controlBlock().descriptor(use.descriptor);
-    if (Outcome failed = checkKind(owner.Children[use.child].Descriptor)) return failed;
-    // Narrow text may be shared. Whether it is text that was there first shows when it is moved.
-    if (!use.isWide && index_.contains(use.text)) return {};
-    const std::uint32_t unitLen = use.isWide ? chain_.version().wideSize : 1U;
-    std::uint32_t length = 0;
-    if (Outcome failed = chain_.measureText(use.text, unitLen, length)) return failed;
-    return number(use.text, length);
-  }
-
-  Outcome pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
-                  bool &isNull) const noexcept {
-    return pointers_.read(segment, offset, target, isNull);
-  }
-
- private:
-  // Both control blocks must mean the same by a kind.
-  Outcome checkKind(std::uint16_t kind) const noexcept {
-    const MemPackDescriptor &file = chain_.controlBlock().descriptor(kind);
-    // Kinds beyond the count were not looked at before the walk.
-    if (!chain_.controlBlock().hasValidCounts(file)) return chain_.badKind(kind);
-    if (kind >= callers_.present()) return badDescriptor(callers_.address());
-    const MemPackDescriptor &callers = callers_.descriptor(kind);
-    const bool isSame = callers_.hasValidCounts(callers) && haveSameFields(file, callers);
-    return isSame ? Outcome{} : badDescriptor(&callers);
-  }
-
-  Outcome number(const ContentPlace &place, std::uint32_t length) noexcept {
-    if (index_.contains(place) || !chain_.claim(place, length)) return reachedTwice();
-    index_.add(place);
-    return {};
-  }
-
-  PackedChain &chain_;
-  const PackControlBlock &callers_;
-  const OldPointers &pointers_;
-  PlaceIndex &index_;
-};
-
 enum class ItemKind : std::uint8_t { segment, narrowText, wideText };
 
 // Where a segment or a text of the old chain went.
@@ -153,6 +47,101 @@ struct Moved {
   std::byte *pCopy;
   std::uint16_t descriptor;
   ItemKind item;
+};
+
+// What the passes work on.
+struct RepackJob {
+  const MemPackDescriptor &oldKind(std::uint16_t kind) const noexcept {
+    return chain.controlBlock().descriptor(kind);
+  }
+  const MemPackDescriptor &newKind(std::uint16_t kind) const noexcept {
+    return callers.descriptor(kind);
+  }
+  Moved &movedFrom(const ContentPlace &place) const noexcept { return pMoved[index.number(place)]; }
+
+  // Reads a pointer field of the old chain. REQUIRES: the field lies in its block.
+  Outcome read(const ContentPlace &segment, std::int16_t offset,
+               PointerTarget &target) const noexcept {
+    MEM_ASSERT(offset >= 0 && chain.holds(segment, static_cast<std::uint32_t>(offset) + oldWidth));
+    const std::byte *pField = chain.at(segment) + offset;
+    const bool isNull = oldWidth == sizeof(std::uint32_t) ? loadAs<std::uint32_t>(pField) == 0
+                                                          : loadAs<std::uint64_t>(pField) == 0;
+    if (isNull) return {};
+    target.emplace();
+    return chain.follow(pField, *target);
+  }
+
+  Outcome measureText(const TextUse &use, std::uint32_t &length) const noexcept {
+    return chain.measureText(use.text, use.isWide ? chain.wideSize() : 1U, length);
+  }
+
+  ChainReader &chain;
+  const PackControlBlock &callers;
+  std::uint32_t oldWidth;   // of the pointers of the old chain
+  PlaceIndex index;         // of what is moved
+  Moved *pMoved = nullptr;  // one for each place of the index
+};
+
+// A walk over the old chain.
+class Pass {
+ public:
+  static constexpr char kTooDeep[] = "UnpackStackOverflow";
+
+  explicit Pass(RepackJob &job) noexcept : job_(job) {}
+
+  Outcome pointer(const ContentPlace &segment, std::int16_t offset,
+                  PointerTarget &target) const noexcept {
+    return job_.read(segment, offset, target);
+  }
+
+ protected:
+  RepackJob &job_;
+};
+
+// Checks the whole old chain and numbers what will be moved. Segments and texts must not overlap,
+// so that what is copied is never more than there is.
+class Survey : public Pass {
+ public:
+  using Pass::Pass;
+
+  Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept {
+    if (Outcome failed = checkKind(kind)) return failed;
+    const MemPackDescriptor &file = job_.oldKind(kind);
+    // Wide text is no segment of its own; only the root can be given as one.
+    if (file.Type == MEM_PACK_WIDE_STRING) return job_.chain.file().badKind(kind);
+    std::uint32_t length = 0;
+    if (Outcome failed = job_.chain.measureSegment(file, place, length)) return failed;
+    if (!pointersLieWithin(file, length, job_.oldWidth)) return badOffset(place.offset);
+    return number(place, length);
+  }
+
+  Outcome visitText(const TextUse &use) noexcept {
+    const MemPackDescriptor &owner = job_.oldKind(use.descriptor);
+    if (Outcome failed = checkKind(owner.Children[use.child].Descriptor)) return failed;
+    // Narrow text may be shared. Whether it is text that was there first shows when it is moved.
+    if (!use.isWide && job_.index.contains(use.text)) return {};
+    std::uint32_t length = 0;
+    if (Outcome failed = job_.measureText(use, length)) return failed;
+    return number(use.text, length);
+  }
+
+ private:
+  // Both control blocks must mean the same by a kind.
+  Outcome checkKind(std::uint16_t kind) const noexcept {
+    const MemPackDescriptor &file = job_.oldKind(kind);
+    // Kinds beyond the count were not looked at before the walk.
+    if (!job_.chain.controlBlock().hasValidCounts(file)) return job_.chain.file().badKind(kind);
+    if (kind >= job_.callers.present()) return badDescriptor(job_.callers.address());
+    const MemPackDescriptor &callers = job_.newKind(kind);
+    const bool isSame = job_.callers.hasValidCounts(callers) && haveSameFields(file, callers);
+    return isSame ? Outcome{} : badDescriptor(&callers);
+  }
+
+  Outcome number(const ContentPlace &place, std::uint32_t length) noexcept {
+    if (job_.index.contains(place) || !job_.chain.claim(place, length)) return reachedTwice();
+    job_.index.add(place);
+    return {};
+  }
 };
 
 // The new chain, returned to the host unless it is released to the caller.
@@ -178,7 +167,7 @@ class NewChain {
     return {};
   }
 
-  BlockChain &blocks() noexcept { return blocks_; }
+  ChainBuilder &blocks() noexcept { return blocks_; }
   MemPackBlock *release() noexcept {
     MemPackBlock *pFirst = pFirst_;
     pFirst_ = nullptr;
@@ -186,43 +175,25 @@ class NewChain {
   }
 
  private:
-  BlockChain blocks_;
+  ChainBuilder blocks_;
   MemPackBlock *pFirst_ = nullptr;
 };
 
-// Second pass: copies every segment and text and remembers where it went.
-class Mover {
+// Copies every segment and text and remembers where it went. Links the texts.
+class Mover : public Pass {
  public:
-  static constexpr const char *kTooDeep = kWalkTooDeep;
-
-  Mover(const PackedChain &chain, const PackControlBlock &callers, const OldPointers &pointers,
-        const PlaceIndex &index, Moved *pMoved, BlockChain &blocks) noexcept
-      : chain_(chain),
-        callers_(callers),
-        pointers_(pointers),
-        index_(index),
-        pMoved_(pMoved),
-        blocks_(blocks),
-        text_(chain) {}
+  Mover(RepackJob &job, ChainBuilder &blocks) noexcept
+      : Pass(job), blocks_(blocks), text_(job.chain) {}
 
   Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept;
   Outcome visitText(const TextUse &use) noexcept;
-  Outcome pointer(const ContentPlace &segment, std::int16_t offset, ContentPlace &target,
-                  bool &isNull) const noexcept {
-    return pointers_.read(segment, offset, target, isNull);
-  }
 
  private:
   std::int64_t newLength(const MemPackDescriptor &file, const MemPackDescriptor &callers,
                          std::uint32_t oldLength) const noexcept;
   Outcome copyText(const TextUse &use, Moved &moved) noexcept;
 
-  const PackedChain &chain_;
-  const PackControlBlock &callers_;
-  const OldPointers &pointers_;
-  const PlaceIndex &index_;
-  Moved *pMoved_;
-  BlockChain &blocks_;
+  ChainBuilder &blocks_;
   TextConverter text_;
 };
 
@@ -230,125 +201,126 @@ class Mover {
 std::int64_t Mover::newLength(const MemPackDescriptor &file, const MemPackDescriptor &callers,
                               std::uint32_t oldLength) const noexcept {
   if (file.Type == MEM_PACK_FIXED) return callers.FixedLen;
-  return oldLength - lastFieldEnd(file, pointers_.width()) + lastFieldEnd(callers, sizeof(void *));
+  return oldLength - lastFieldEnd(file, job_.oldWidth) + lastFieldEnd(callers, sizeof(void *));
 }
 
 // The length word of a segment that has one, in native order.
 void storeLength(const MemPackDescriptor &descriptor, std::byte *pSegment,
                  std::int64_t length) noexcept {
   if (descriptor.Type == MEM_PACK_FIXED || descriptor.Type == MEM_PACK_STRING) return;
-  if (length < static_cast<std::int64_t>(sizeof(std::uint16_t))) return;
-  const std::int64_t told = descriptor.Type == MEM_PACK_COUNTED ? length - 2 : length;
-  storeAs(pSegment, static_cast<std::uint16_t>(told));
+  if (length < kLengthWordLen) return;
+  const bool isCounted = descriptor.Type == MEM_PACK_COUNTED;
+  storeAs(pSegment, static_cast<std::uint16_t>(isCounted ? length - kLengthWordLen : length));
 }
 
 Outcome Mover::visit(std::uint16_t kind, const ContentPlace &place) noexcept {
-  const MemPackDescriptor &file = chain_.controlBlock().descriptor(kind);
-  const MemPackDescriptor &callers = callers_.descriptor(kind);
+  const MemPackDescriptor &file = job_.oldKind(kind);
+  const MemPackDescriptor &callers = job_.newKind(kind);
   std::uint32_t oldLength = 0;
-  if (Outcome failed = chain_.measureSegment(file, place, oldLength)) return failed;
+  if (Outcome failed = job_.chain.measureSegment(file, place, oldLength)) return failed;
   const std::int64_t length = newLength(file, callers, oldLength);
   if (!pointersLieWithin(callers, length) || !fieldsLieApart(callers)) {
     return badDescriptor(&callers);
   }
-  if (file.Type == MEM_PACK_COUNTED && length - 2 > INT16_MAX) return segmentTooLarge(length);
+  const bool isTellable = file.Type != MEM_PACK_COUNTED || length - kLengthWordLen <= INT16_MAX;
+  if (!isTellable) return segmentTooLarge(length);
 
   PlacedItem item;
   const Placement placement = blocks_.placeSegment(length, item);
-  if (placement == Placement::tooLong) return segmentTooLarge(length);
-  if (placement != Placement::done) return failedBlock(placement);
-  copyRuns({file, oldLength, pointers_.width()}, chain_.at(place),
+  if (placement != Placement::done) return notPlaced(placement, segmentTooLarge(length));
+  copyRuns({file, oldLength, job_.oldWidth}, job_.chain.at(place),
            {callers, static_cast<std::uint32_t>(length), sizeof(void *)}, item.pBytes);
   storeLength(file, item.pBytes, length);
-  pMoved_[index_.number(place)] = {place, item.pBytes, kind, ItemKind::segment};
+  job_.movedFrom(place) = {place, item.pBytes, kind, ItemKind::segment};
   return {};
 }
 
 Outcome Mover::visitText(const TextUse &use) noexcept {
-  Moved &moved = pMoved_[index_.number(use.text)];
+  Moved &moved = job_.movedFrom(use.text);
   if (moved.pCopy == nullptr) {
     if (Outcome failed = copyText(use, moved)) return failed;
   } else if (moved.item != ItemKind::narrowText) {
     return reachedTwice();
   }
-  const Moved &owner = pMoved_[index_.number(use.segment)];
-  const std::int16_t offset = callers_.descriptor(use.descriptor).Children[use.child].Offset;
+  const Moved &owner = job_.movedFrom(use.segment);
+  const std::int16_t offset = job_.newKind(use.descriptor).Children[use.child].Offset;
   storeAs<void *>(owner.pCopy + offset, moved.pCopy);
   return {};
 }
 
 Outcome Mover::copyText(const TextUse &use, Moved &moved) noexcept {
-  const std::uint32_t unitLen = use.isWide ? chain_.version().wideSize : 1U;
   std::uint32_t length = 0;
-  if (Outcome failed = chain_.measureText(use.text, unitLen, length)) return failed;
+  if (Outcome failed = job_.measureText(use, length)) return failed;
   // Wide text of 2-byte writers keeps the double room that the packer gives it.
-  const std::int64_t reserved = std::int64_t{length} * (unitLen == 2 ? 2 : 1);
+  const bool isDoubled = use.isWide && job_.chain.wideSize() == sizeof(char16_t);
   PlacedItem item;
-  const Placement placement = blocks_.placeString(reserved, use.isWide, item);
-  if (placement == Placement::tooLong) return textTooLarge(length);
-  if (placement != Placement::done) return failedBlock(placement);
-  std::memcpy(item.pBytes, chain_.at(use.text), length);
+  const Placement placement =
+      blocks_.placeString(std::int64_t{length} * (isDoubled ? 2 : 1), use.isWide, item);
+  if (placement != Placement::done) return notPlaced(placement, textTooLarge(length));
+  copyBytes(item.pBytes, job_.chain.at(use.text), length);
   moved = {use.text, item.pBytes, use.descriptor,
            use.isWide ? ItemKind::wideText : ItemKind::narrowText};
   return use.isWide ? text_.convert(item.pBytes, length) : Outcome{};
 }
 
-// Third pass: stores the new addresses in the pointer fields of the copies.
-class Linker {
- public:
-  Linker(const PackedChain &chain, const PackControlBlock &callers, const OldPointers &pointers,
-         const PlaceIndex &index, const Moved *pMoved) noexcept
-      : chain_(chain), callers_(callers), pointers_(pointers), index_(index), pMoved_(pMoved) {}
-
-  Outcome link(const Moved &moved) const noexcept;
-
- private:
-  Outcome linkField(const Moved &moved, std::int16_t oldOffset, std::int16_t newOffset,
-                    const MissingTexts &missing) const noexcept;
-
-  const PackedChain &chain_;
-  const PackControlBlock &callers_;
-  const OldPointers &pointers_;
-  const PlaceIndex &index_;
-  const Moved *pMoved_;
+// Texts for a pointer that leads where nothing was moved from: to a block of which nothing was
+// moved, or to another offset of one. Each kind of pointer has its own.
+struct MissingTexts {
+  const char *pBlock;
+  const char *pOffset;
 };
+constexpr MissingTexts kMissingChild{"NewBlockTblBlkNumErr", "NewBlockTblOffsetErr"};
+constexpr MissingTexts kMissingSibling{"UnpackSibNewBlockTblBlkErr",
+                                       "UnpackSibNewBlockTblOffsetErr"};
+constexpr MissingTexts kMissingReference{"RepackNewBlockTblBlkErr", "RepackNewBlockTblOffsetErr"};
 
-Outcome Linker::link(const Moved &moved) const noexcept {
-  if (moved.item != ItemKind::segment) return {};
-  const MemPackDescriptor &file = chain_.controlBlock().descriptor(moved.descriptor);
-  const MemPackDescriptor &callers = callers_.descriptor(moved.descriptor);
-  const auto oldChildren = children(file);
-  const auto newChildren = children(callers);
-  for (std::size_t i = 0; i < oldChildren.size(); ++i) {
-    if (isTextKind(chain_.controlBlock().descriptor(oldChildren[i].Descriptor))) continue;
+// Stores the new address in a pointer field of a copy.
+Outcome linkField(const RepackJob &job, const Moved &moved, std::int16_t oldOffset,
+                  std::int16_t newOffset, const MissingTexts &missing) noexcept {
+  PointerTarget target;
+  if (Outcome failed = job.read(moved.from, oldOffset, target)) return failed;
+  if (!target) return {};
+  if (!job.index.contains(*target)) {
+    return job.index.containsAnyOf(target->block)
+               ? failure(MEMERR_PACKROFF, ErrorText(missing.pOffset))
+               : failure(MEMERR_PACKRBLK, ErrorText(missing.pBlock));
+  }
+  storeAs<void *>(moved.pCopy + newOffset, job.movedFrom(*target).pCopy);
+  return {};
+}
+
+// Links the pointers of a copied segment that lead to segments.
+Outcome link(const RepackJob &job, const Moved &moved) noexcept {
+  const MemPackDescriptor &file = job.oldKind(moved.descriptor);
+  const MemPackDescriptor &callers = job.newKind(moved.descriptor);
+  for (std::size_t i = 0; i < children(file).size(); ++i) {
+    const MemPackChild &child = file.Children[i];
+    if (isTextKind(job.oldKind(child.Descriptor))) continue;
     if (Outcome failed =
-            linkField(moved, oldChildren[i].Offset, newChildren[i].Offset, kMissingChild)) {
+            linkField(job, moved, child.Offset, callers.Children[i].Offset, kMissingChild)) {
       return failed;
     }
   }
   if (hasSibling(file)) {
-    if (Outcome failed = linkField(moved, file.SiblingOff, callers.SiblingOff, kMissingSibling)) {
+    if (Outcome failed =
+            linkField(job, moved, file.SiblingOff, callers.SiblingOff, kMissingSibling)) {
       return failed;
     }
   }
-  const auto oldReferences = references(file);
-  const auto newReferences = references(callers);
-  for (std::size_t i = 0; i < oldReferences.size(); ++i) {
-    if (Outcome failed = linkField(moved, oldReferences[i], newReferences[i], kMissingReference)) {
+  for (std::size_t i = 0; i < references(file).size(); ++i) {
+    if (Outcome failed =
+            linkField(job, moved, file.References[i], callers.References[i], kMissingReference)) {
       return failed;
     }
   }
   return {};
 }
 
-Outcome Linker::linkField(const Moved &moved, std::int16_t oldOffset, std::int16_t newOffset,
-                          const MissingTexts &missing) const noexcept {
-  ContentPlace target{};
-  bool isNull = false;
-  if (Outcome failed = pointers_.read(moved.from, oldOffset, target, isNull)) return failed;
-  if (isNull) return {};
-  if (!index_.contains(target)) return missingTarget(index_, target, missing);
-  storeAs<void *>(moved.pCopy + newOffset, pMoved_[index_.number(target)].pCopy);
+Outcome linkAll(const RepackJob &job, std::uint32_t count) noexcept {
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (job.pMoved[i].item != ItemKind::segment) continue;
+    if (Outcome failed = link(job, job.pMoved[i])) return failed;
+  }
   return {};
 }
 
@@ -375,33 +347,30 @@ Outcome obtainMoved(WorkStorage &table, std::uint32_t count) noexcept {
 
 }  // namespace
 
-Outcome repack(CallFrame &frame, PackedChain &chain, const ContentPlace &root,
+Outcome repack(CallFrame &frame, ChainReader &chain, const ContentPlace &root,
                const PackControlBlock &callers, MemPackBlock *&pNewFirst,
                void *&pNewRoot) noexcept {
   if (!callers.exists()) return noStorage("NewPackCBInvalid");
   if (const MemPackDescriptor *pInvalid = callers.firstInvalid()) return badDescriptor(pInvalid);
-  PlaceIndex index(chain);
-  if (Outcome failed = index.open()) return failed;
-  const OldPointers pointers(chain, writersPointerWidth(chain.controlBlock(), callers));
-  traceDirection(frame, pointers.width());
+  const std::uint32_t oldWidth = writersPointerWidth(chain.controlBlock(), callers);
+  RepackJob job{chain, callers, oldWidth, PlaceIndex(chain)};
+  if (Outcome failed = job.index.open()) return failed;
+  traceDirection(frame, oldWidth);
 
   chain.startClaims();
-  Survey survey(chain, callers, pointers, index);
+  Survey survey(job);
   if (Outcome failed = ChainWalk(chain, survey).run(root)) return failed;
-  const std::uint32_t count = index.seal();
+  const std::uint32_t count = job.index.seal();
   WorkStorage table;
   if (Outcome failed = obtainMoved(table, count)) return failed;
-  auto *pMoved = table.as<Moved>();
+  job.pMoved = table.as<Moved>();
 
   NewChain newChain;
-  if (Outcome failed = newChain.start(chain.version(), callers)) return failed;
-  Mover mover(chain, callers, pointers, index, pMoved, newChain.blocks());
+  if (Outcome failed = newChain.start(chain.file().version(), callers)) return failed;
+  Mover mover(job, newChain.blocks());
   if (Outcome failed = ChainWalk(chain, mover).run(root)) return failed;
-  const Linker linker(chain, callers, pointers, index, pMoved);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    if (Outcome failed = linker.link(pMoved[i])) return failed;
-  }
-  pNewRoot = pMoved[index.number(root)].pCopy;
+  if (Outcome failed = linkAll(job, count)) return failed;
+  pNewRoot = job.movedFrom(root).pCopy;
   pNewFirst = newChain.release();
   return {};
 }

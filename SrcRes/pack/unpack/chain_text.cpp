@@ -1,8 +1,12 @@
-#include "pack/unpack/wide_text.h"
+#include "pack/unpack/chain_text.h"
 
+#include <algorithm>
+
+#include "base/copybytes.h"
 #include "base/utfconvert.h"
 #include "frame/hostaccess.h"
-#include "pack/unpack/text_length.h"
+#include "pack/unpack/chain_reader.h"
+#include "platform/textscan.h"
 
 namespace mem {
 
@@ -31,8 +35,22 @@ std::uint16_t convertText(const void *pIn, void *pOut) noexcept {
 
 }  // namespace
 
+std::uint32_t textLength(const std::byte *pText, std::uint32_t room,
+                         std::uint32_t unitLen) noexcept {
+  const std::size_t most = room / unitLen;
+  std::size_t units = 0;
+  if (unitLen == 1) {
+    units = narrowLengthWithin(pText, most);
+  } else if (unitLen == kUtf16Len) {
+    units = wideLengthWithin(pText, most);
+  } else {
+    while (units < most && loadAs<std::uint32_t>(pText + units * unitLen) != 0) ++units;
+  }
+  return units < most ? static_cast<std::uint32_t>(units + 1) * unitLen : 0;
+}
+
 Outcome TextConverter::convert(std::byte *pText, std::uint32_t length) noexcept {
-  const bool isUtf16 = chain_.version().wideSize == kUtf16Len;
+  const bool isUtf16 = chain_.wideSize() == kUtf16Len;
   if (chain_.isSwapped()) {
     isUtf16 ? swapUnits<std::uint16_t>(pText, length) : swapUnits<std::uint32_t>(pText, length);
   }
@@ -45,15 +63,14 @@ Outcome TextConverter::narrowUnits(std::byte *pText, std::uint32_t length) noexc
   }
   auto *pArea = area_.as<std::byte>();
   const std::uint16_t code = convertText(pText, pArea);
-  const std::uint32_t room =
-      length < kAreaLen ? length : kAreaLen;  // a good conversion never grows
-  const std::uint32_t end = textLength<std::uint16_t>(pArea, room);  // behind the terminator
+  // A good conversion never grows.
+  const std::uint32_t end = textLength(pArea, std::min(length, kAreaLen), kUtf16Len);
   if (code != 0 || end == 0) {
     return failure(
         MEMERR_PACKUTF,
         ErrorText("UTF32 to UTF16 Conversion err=").decimal(static_cast<std::int16_t>(code)));
   }
-  std::memcpy(pText, pArea, end);
+  copyBytes(pText, pArea, end);
   return {};
 }
 

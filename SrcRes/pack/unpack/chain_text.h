@@ -1,0 +1,36 @@
+// Texts of a packed chain: where they end, and the way of wide text into this platform's UTF-16.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "pack/pack_failure.h"
+#include "pack/unpack/workstorage.h"
+
+namespace mem {
+
+class ChainReader;
+
+// Bytes of the text at `pText` with its terminator, 0 when it does not end within `room` bytes.
+// Nothing beyond the room is read. Units are 1, 2 or 4 bytes long.
+std::uint32_t textLength(const std::byte *pText, std::uint32_t room,
+                         std::uint32_t unitLen) noexcept;
+
+// Turns wide text into native UTF-16, in place. Holds a work area from the first text that needs
+// it.
+class TextConverter {
+ public:
+  explicit TextConverter(const ChainReader &chain) noexcept : chain_(chain) {}
+
+  // `pText` holds `length` bytes of the writer's wide text, terminator included; on success it
+  // holds native UTF-16 with a terminator.
+  Outcome convert(std::byte *pText, std::uint32_t length) noexcept;
+
+ private:
+  Outcome narrowUnits(std::byte *pText, std::uint32_t length) noexcept;
+
+  const ChainReader &chain_;
+  WorkStorage area_;
+};
+
+}  // namespace mem

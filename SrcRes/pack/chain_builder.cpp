@@ -13,7 +13,8 @@ MemPackBlock *ChainBuilder::obtainBlock() const noexcept {
 }
 
 MemPackBlock *ChainBuilder::start() noexcept {
-  pCurrent_ = obtainBlock();
+  MEM_ASSERT(canHoldHeader());
+  pFirst_ = pCurrent_ = obtainBlock();
   if (pCurrent_ != nullptr) setUsed(kFirstSegmentOff);
   return pCurrent_;
 }
@@ -24,6 +25,7 @@ bool ChainBuilder::canHoldControlBlock(std::uint32_t controlBlockLen) const noex
 }
 
 std::byte *ChainBuilder::append(std::uint32_t length) noexcept {
+  MEM_ASSERT(fits(used_, length));
   std::byte *pBytes = bytesAt(pCurrent_, static_cast<std::size_t>(kUsedStart) + used_);
   setUsed(used_ + length);
   return pBytes;

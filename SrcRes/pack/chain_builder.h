@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "base/bytes.h"
+#include "pack/chain_check.h"
 #include "pack/pack_descriptors.h"
 #include "pack/pack_failure.h"
 #include "platform/check.h"
@@ -78,6 +79,8 @@ class ChainBuilder {
   }
 
  private:
+  friend class ChainCheck;
+
   static constexpr std::int64_t kUsedStart = 8;  // used lengths and content offsets count from here
   static constexpr std::int32_t kContentStart = 10;     // block offset of the first content byte
   static constexpr std::uint32_t kFirstSegmentOff = 2;  // content offsets in a fresh block
@@ -101,6 +104,7 @@ class ChainBuilder {
     item.pBytes = bytesAt(pCurrent_, static_cast<std::size_t>(kUsedStart) + offset);
     item.relPtr = relPtrTo(offset);
     setUsed(offset + static_cast<std::uint32_t>(length));
+    MEM_ASSERT_VALID(ChainCheck::isLast(*this, item, length));
     return Placement::done;
   }
   Placement putInNewBlock(std::uint32_t firstOff, std::int64_t length, PlacedItem &item) noexcept {
@@ -116,6 +120,7 @@ class ChainBuilder {
 
   std::int64_t blockLen_;
   std::int64_t end_;  // of the content of every block
+  MemPackBlock *pFirst_ = nullptr;
   MemPackBlock *pCurrent_ = nullptr;
   std::uint32_t used_ = 0;        // of the current block
   std::int32_t blockNumber_ = 0;  // of the current block

@@ -14,6 +14,7 @@ bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length,
 }
 
 const MemPackDescriptor &PackControlBlock::descriptor(std::int32_t index) const noexcept {
+  MEM_ASSERT(index >= 0 && index < present());
   // The record declares eight descriptors; further ones follow it in the caller's storage.
   return reinterpret_cast<const MemPackDescriptor *>(
       bytesAt(pPackCB_, offsetof(MemPackCB, Descriptors)))[index];

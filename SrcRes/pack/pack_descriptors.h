@@ -27,11 +27,13 @@ inline bool isTextKind(const MemPackDescriptor &descriptor) noexcept {
 // REQUIRES: hasValidCounts(descriptor).
 inline std::span<const MemPackChild> children(const MemPackDescriptor &descriptor) noexcept {
   const std::int16_t count = isTextKind(descriptor) ? std::int16_t{0} : descriptor.ChildCount;
+  MEM_ASSERT(count >= 0 && count <= MEM_PACK_MAX_CHILDREN);
   return {descriptor.Children, static_cast<std::size_t>(count)};
 }
 
 inline std::span<const std::int16_t> references(const MemPackDescriptor &descriptor) noexcept {
   const std::int16_t count = isTextKind(descriptor) ? std::int16_t{0} : descriptor.ReferenceCount;
+  MEM_ASSERT(count >= 0 && count <= MEM_PACK_MAX_REFERENCES);
   return {descriptor.References, static_cast<std::size_t>(count)};
 }
 
@@ -118,7 +120,10 @@ class PackControlBlock {
   const MemPackCB *address() const noexcept { return pPackCB_; }
 
   // REQUIRES for the rest: exists().
-  std::int32_t count() const noexcept { return pPackCB_->Count; }
+  std::int32_t count() const noexcept {
+    MEM_ASSERT(exists());
+    return pPackCB_->Count;
+  }
   std::int32_t present() const noexcept { return descriptorsPresent(count()); }
   std::uint32_t length() const noexcept { return kCurrentLayout.controlBlockLen(count()); }
 

@@ -32,7 +32,11 @@ class SegmentPlan {
   // All pointers to segments in the order of the fix-up: sibling, children, references.
   std::span<const std::int16_t> links() const noexcept { return {links_, linkCount_}; }
   bool hasSibling() const noexcept { return hasSibling_; }
-  std::int16_t sibling() const noexcept { return links_[0]; }  // REQUIRES: hasSibling()
+  // REQUIRES: hasSibling().
+  std::int16_t sibling() const noexcept {
+    MEM_ASSERT(hasSibling_);
+    return links_[0];
+  }
 
  private:
   static constexpr std::uint16_t kNoDescriptor = 0xFFFF;  // counts are signed
@@ -61,6 +65,7 @@ class PlanTable {
   // Valid until the plan of another descriptor is asked for: in a control block with many
   // descriptors several share a place. REQUIRES: index < present().
   const SegmentPlan &of(std::uint16_t index) noexcept {
+    MEM_ASSERT(index < controlBlock_.present());
     SegmentPlan &plan = plans_[index % kPlaces];
     if (!plan.isOf(index)) plan.make(controlBlock_, index);
     return plan;

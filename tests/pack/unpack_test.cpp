@@ -599,6 +599,52 @@ TEST_F(UnpackInPlaceTest, LinksInACircleAreRefused) {
   first->pNext = nullptr;
 }
 
+// Blocks that lie over each other are the caller's mistake. Whatever comes of it, nothing outside
+// of them is read or written. Here block 1's segment begins in the middle of the root's pointer
+// field, and is null until that becomes an address.
+TEST_F(UnpackInPlaceTest, OverlappingBlocksDoNoHarm) {
+  constexpr std::size_t kRootOff = 6 + 978;
+  constexpr std::size_t kSecondBlock = 976;
+  constexpr std::uint16_t kSecondOff = 12;
+  static_assert(kSecondBlock + kSecondOff == kRootOff + 4);
+  MemPackCB described{};
+  described.Count = 1;
+  described.Descriptors[0].Type = MEM_PACK_FIXED;
+  described.Descriptors[0].FixedLen = sizeof(void *);
+  described.Descriptors[0].SiblingOff = 0;
+  std::vector<std::uint64_t> area(128);
+  auto *const bytes = reinterpret_cast<std::uint8_t *>(area.data());
+  const auto put = [bytes](std::size_t offset, auto value) {
+    std::memcpy(bytes + offset, &value, sizeof value);
+  };
+  std::memcpy(bytes + 14, &described, sizeof described);
+  std::memcpy(bytes + 10, "0220", 4);
+  put(0, bytes + kSecondBlock);
+  put(8, static_cast<std::uint16_t>(kRootOff + 8));
+  put(kSecondBlock + 8, static_cast<std::uint16_t>(kSecondOff + 8));
+  put(8 + kRootOff, MemPackRelPtr{1, kSecondOff, 0});
+  auto *block = reinterpret_cast<MemPackBlock *>(bytes);
+  void *structure = nullptr;
+  const std::int16_t result = mem.MEM_Unpack(&block, &structure, &described);
+  EXPECT_TRUE(result == 0 || result == MEMERR_PACKRBLK) << result;
+}
+
+// Segments of nothing but a pointer, too many for the work area's list of them.
+TEST_F(UnpackInPlaceTest, LongListsOfShortSegmentsComeBack) {
+  for (const char *version : {"0220", "0221"}) {
+    for (const std::size_t length : {std::size_t{0}, std::size_t{4}, std::size_t{8}}) {
+      tree = {.kinds = {{Form::Fixed, {sibling(), data(length)}}}, .nodes = {}};
+      constexpr std::size_t kCount = 3000;
+      for (std::size_t i = 0; i < kCount; ++i) {
+        tree.nodes.push_back({0, Bytes(length, 7), {i + 1 < kCount ? i + 1 : kNone}});
+      }
+      callers = readersControlBlock(tree);
+      load(chainwriter::write(tree, writerOf(version), kRoomy));
+      expectUnpacked(unpack(callers), Became::Structure);
+    }
+  }
+}
+
 // ---- Layouts.
 
 class UnpackLayoutTest : public UnpackTraceTest {

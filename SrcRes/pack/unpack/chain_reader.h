@@ -62,7 +62,10 @@ class ChainReader {
   void *const *blocks() const noexcept { return blockTable_.as<void *>(); }
   const BlockExtent *extents() const noexcept { return work_.as<BlockExtent>(); }
 
-  std::uint32_t usedLen(std::int32_t block) const noexcept { return extents()[block].used; }
+  std::uint32_t usedLen(std::int32_t block) const noexcept {
+    MEM_ASSERT(block >= 0 && block < blockCount_);
+    return extents()[block].used;
+  }
   std::byte *at(const ContentPlace &place) const noexcept {
     return bytesAt(blocks()[place.block], std::size_t{8} + place.offset);
   }

@@ -24,7 +24,10 @@ class FileControlBlock {
   Outcome open(MemPackBlock *pFirst) noexcept;
 
   // REQUIRES for the rest: opened.
-  const PackVersion &version() const noexcept { return *pVersion_; }
+  const PackVersion &version() const noexcept {
+    MEM_ASSERT(pVersion_ != nullptr);
+    return *pVersion_;
+  }
   // True when the writer's numbers are in the other byte order than this host's.
   bool isSwapped() const noexcept { return isSwapped_; }
   std::int32_t count() const noexcept { return count_; }  // at least 1

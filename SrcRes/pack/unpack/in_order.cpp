@@ -12,13 +12,14 @@ namespace mem {
 namespace {
 
 // How a kind of segment tells its length. Chains with kinds of no form are not unpacked here.
-enum class Form : std::uint8_t { none, fixed, counted, selfDescribing, narrowText, wideText };
+enum class Form : std::uint8_t { none, fixed, byWord, narrowText, wideText };
 
 // What is known of a kind before the walk.
 struct KindRule {
   std::uint16_t reach;  // bytes that a segment has at least: fixed length, length word, fields
   Form form;
   bool hasFields;
+  std::uint8_t leadingTexts;  // children before the first that is not narrow text
 };
 
 Form formOf(const ChainReader &chain, const MemPackDescriptor &descriptor) noexcept {
@@ -26,8 +27,6 @@ Form formOf(const ChainReader &chain, const MemPackDescriptor &descriptor) noexc
   switch (descriptor.Type) {
     case MEM_PACK_FIXED:
       return Form::fixed;
-    case MEM_PACK_COUNTED:
-      return Form::counted;
     case MEM_PACK_STRING:
       return Form::narrowText;
     case MEM_PACK_WIDE_STRING:
@@ -36,20 +35,29 @@ Form formOf(const ChainReader &chain, const MemPackDescriptor &descriptor) noexc
     default:
       // Kinds of EBCDIC writers whose length is in another field are measured in this way, too. A
       // wrong length is safe: what does not fit is left to the exact walk.
-      return Form::selfDescribing;
+      return Form::byWord;
   }
+}
+
+std::uint8_t leadingTextsOf(const PackControlBlock &controlBlock,
+                            const MemPackDescriptor &descriptor) noexcept {
+  const auto all = children(descriptor);
+  const auto other = std::ranges::find_if(all, [&](const MemPackChild &child) {
+    return controlBlock.descriptor(child.Descriptor).Type != MEM_PACK_STRING;
+  });
+  return static_cast<std::uint8_t>(other - all.begin());
 }
 
 KindRule ruleOf(const ChainReader &chain, const MemPackDescriptor &descriptor) noexcept {
   const Form form = formOf(chain, descriptor);
-  if (form == Form::narrowText || form == Form::wideText) return {0, form, false};
+  if (form == Form::narrowText || form == Form::wideText) return {0, form, false, 0};
   const bool isUsable = chain.controlBlock().hasValidCounts(descriptor) &&
                         pointersLieWithin(descriptor, UINT16_MAX) && fieldsLieApart(descriptor);
-  if (!isUsable) return {0, Form::none, false};
-  const std::int64_t head =
-      form == Form::fixed ? descriptor.FixedLen : std::int64_t{sizeof(std::uint16_t)};
+  if (!isUsable) return {0, Form::none, false, 0};
+  const std::int32_t head = form == Form::fixed ? descriptor.FixedLen : kLengthWordLen;
   const std::int64_t fieldsEnd = lastFieldEnd(descriptor, sizeof(void *));
-  return {static_cast<std::uint16_t>(std::max(head, fieldsEnd)), form, fieldsEnd != 0};
+  return {static_cast<std::uint16_t>(std::max<std::int64_t>(head, fieldsEnd)), form, fieldsEnd != 0,
+          leadingTextsOf(chain.controlBlock(), descriptor)};
 }
 
 // Content places in the order of the chain: block, then offset.
@@ -85,7 +93,6 @@ RelativePointer readRelative(const std::byte *pField) noexcept {
 // one: chains of shorter segments are not unpacked here.
 class SegmentList {
  public:
-  // `storage` is aligned for words of 32 bits.
   explicit SegmentList(std::span<std::byte> storage) noexcept
       : pFirst_(reinterpret_cast<Entry *>(storage.data())),
         pEnd_(pFirst_),
@@ -102,15 +109,15 @@ class SegmentList {
     return true;
   }
 
-  // Calls use(kind, place) for each.
+  // Calls use(kind, pSegment) for each.
   template <class Use>
-  void forEach(Use use) const noexcept {
-    std::int32_t block = 0;
+  void forEach(void *const *pBlocks, Use use) const noexcept {
+    std::byte *pContent = nullptr;
     for (const Entry *pEntry = pFirst_; pEntry != pEnd_; ++pEntry) {
       if (pEntry->kind == kBlock) {
-        block = pEntry->number;
+        pContent = bytesAt(pBlocks[pEntry->number], 8);
       } else {
-        use(pEntry->kind, ContentPlace{block, pEntry->number});
+        use(pEntry->kind, pContent + pEntry->number);
       }
     }
   }
@@ -208,19 +215,26 @@ class OrderCheck {
   // A segment: its own bytes and its references. The walk goes on with its children.
   bool takeSegment(std::uint16_t kind, const Target &target) noexcept {
     const KindRule &rule = pRules_[kind];
-    if (!takeBytes(rule, target) || !checkReferences(pKinds_[kind], target.pBytes)) return false;
-    segment_ = {target.pBytes, 0, 0, kind, 0};
+    if (!takeBytes(kind, rule, target) || !checkReferences(pKinds_[kind], target.pBytes))
+      return false;
+    const MemPackChild *const pChildren = pKinds_[kind].Children;
+    std::uint16_t taken = 0;
+    while (taken < rule.leadingTexts && takeNextText(target.pBytes + pChildren[taken].Offset))
+      ++taken;
+    segment_ = {target.pBytes, 0, 0, kind, taken};
     return !rule.hasFields || segments_.add(kind, blockKey_, target.key - blockKey_);
   }
 
-  bool takeBytes(const KindRule &rule, const Target &target) noexcept {
+  bool takeBytes(std::uint16_t kind, const KindRule &rule, const Target &target) noexcept {
     PlaceKey end = target.key + rule.reach;
     if (end > usedEnd_) return false;
     if (rule.form != Form::fixed) {
-      if (rule.form != Form::counted && rule.form != Form::selfDescribing) return false;
-      const std::uint32_t told = toldLength(rule.form, target.pBytes);
-      if (told == 0 || told > roomAt(target.key)) return false;
-      end = std::max(end, target.key + told);
+      if (rule.form != Form::byWord) return false;
+      const auto word = loadAs<std::uint16_t>(target.pBytes);
+      const std::int32_t told = lengthByWord(pKinds_[kind], isSwapped ? byteSwapped(word) : word);
+      if (told < kLengthWordLen || static_cast<std::uint32_t>(told) > roomAt(target.key))
+        return false;
+      end = std::max(end, target.key + static_cast<std::uint32_t>(told));
     }
     if (!isBehindAll(target)) return false;
     end_ = end;
@@ -364,17 +378,6 @@ class OrderCheck {
     return static_cast<std::uint32_t>(usedEnd_ - key);
   }
 
-  // Bytes that a segment tells of itself, 0 when its length word is too small.
-  // REQUIRES: the length word lies in its block.
-  static std::uint32_t toldLength(Form form, const std::byte *pSegment) noexcept {
-    constexpr std::int32_t kLengthWord = sizeof(std::uint16_t);
-    const auto stored = loadAs<std::uint16_t>(pSegment);
-    const std::uint16_t word = isSwapped ? byteSwapped(stored) : stored;
-    const std::int32_t told =
-        form == Form::counted ? static_cast<std::int16_t>(word) + kLengthWord : word;
-    return told < kLengthWord ? 0 : static_cast<std::uint32_t>(told);
-  }
-
   void *const *const pBlocks_;
   const BlockExtent *const pExtents_;
   const std::uint32_t blockCount_;
@@ -397,14 +400,22 @@ class OrderCheck {
   std::uint32_t openMask_ = 0;
 };
 
-// Makes the changes, which nothing can stop: each pointer field and each wide text is its own.
+// Makes the changes, which nothing can stop: each pointer field and each wide text is its own. Only
+// where a caller's blocks overlap may a field no longer be what was checked; then it is not
+// trusted.
 template <bool isSwapped>
 class Linker {
  public:
   Linker(const ChainReader &chain, const KindRule *pRules) noexcept
-      : chain_(chain), pBlocks_(chain.blocks()), pRules_(pRules), text_(chain) {}
+      : chain_(chain),
+        pBlocks_(chain.blocks()),
+        lastBlock_(static_cast<std::uint32_t>(chain.blockCount()) - 1),
+        pRules_(pRules),
+        pKinds_(&chain.controlBlock().descriptor(0)),
+        text_(chain) {}
 
-  void linkSegment(const MemPackDescriptor &descriptor, std::byte *pSegment) noexcept {
+  void linkSegment(std::uint16_t kind, std::byte *pSegment) noexcept {
+    const MemPackDescriptor &descriptor = pKinds_[kind];
     if (descriptor.SiblingOff != MEM_PACK_NO_SIBLING) linkField(pSegment + descriptor.SiblingOff);
     for (std::int32_t i = 0; i < descriptor.ChildCount; ++i) {
       const MemPackChild &child = descriptor.Children[i];
@@ -421,27 +432,24 @@ class Linker {
   // Null stays null, without a branch.
   void linkField(std::byte *pField) const noexcept {
     const RelativePointer stored = readRelative<isSwapped>(pField);
-    const std::byte *pTarget = bytesAt(pBlocks_[stored.block()], 8 + stored.offset());
+    void *const pBlock = pBlocks_[std::min(stored.block(), lastBlock_)];
     const std::uintptr_t mask = 0 - std::uintptr_t{!stored.isNull()};  // all bits, or none
-    storeAs(pField, reinterpret_cast<std::uintptr_t>(pTarget) & mask);
+    storeAs(pField, reinterpret_cast<std::uintptr_t>(bytesAt(pBlock, 8 + stored.offset())) & mask);
   }
 
   void swapText(const std::byte *pField) noexcept {
-    const RelativePointer stored = readRelative<isSwapped>(pField);
-    if (stored.isNull()) return;
-    const ContentPlace text = placeOf(stored);
-    const std::uint32_t room = chain_.usedLen(text.block) - text.offset;
-    std::byte *const pText = chain_.at(text);
-    static_cast<void>(text_.convert(pText, lengthOf(pText, room, 2)));
-  }
-
-  static ContentPlace placeOf(RelativePointer stored) noexcept {
-    return {static_cast<std::int32_t>(stored.block()), static_cast<std::uint32_t>(stored.offset())};
+    ContentPlace text{};
+    std::uint32_t length = 0;
+    if (readRelative<isSwapped>(pField).isNull() || chain_.follow(pField, text)) return;
+    if (chain_.measureText(text, sizeof(char16_t), length)) return;
+    static_cast<void>(text_.convert(chain_.at(text), length));
   }
 
   const ChainReader &chain_;
-  void *const *pBlocks_;
-  const KindRule *pRules_;
+  void *const *const pBlocks_;
+  const std::uint32_t lastBlock_;
+  const KindRule *const pRules_;
+  const MemPackDescriptor *const pKinds_;
   TextConverter text_;
 };
 
@@ -453,8 +461,8 @@ bool checkAndLink(const ChainReader &chain, const KindRule *pRules, const Segmen
   OrderCheck<isSwapped> check(chain, pRules, above, empty);
   if (!check.run(root)) return false;
   Linker<isSwapped> linker(chain, pRules);
-  check.segments().forEach([&](std::uint16_t kind, const ContentPlace &place) {
-    linker.linkSegment(chain.controlBlock().descriptor(kind), chain.at(place));
+  check.segments().forEach(chain.blocks(), [&linker](std::uint16_t kind, std::byte *pSegment) {
+    linker.linkSegment(kind, pSegment);
   });
   return true;
 }

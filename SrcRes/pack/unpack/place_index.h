@@ -28,6 +28,7 @@ class PlaceIndex {
 
   // REQUIRES: sealed, contains(place).
   std::uint32_t number(const ContentPlace &place) const noexcept {
+    MEM_ASSERT(contains(place));
     const std::uint32_t word = wordOf(place);
     return numbers()[word] +
            static_cast<std::uint32_t>(std::popcount(words()[word] & (bitOf(place) - 1)));

@@ -169,6 +169,7 @@ class NewChain {
 
   ChainBuilder &blocks() noexcept { return blocks_; }
   MemPackBlock *release() noexcept {
+    MEM_ASSERT_VALID(ChainCheck::isValid(blocks_));
     MemPackBlock *pFirst = pFirst_;
     pFirst_ = nullptr;
     return pFirst;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "frame/hostaccess.h"
+#include "platform/check.h"
 
 namespace mem {
 
@@ -28,6 +29,7 @@ class WorkStorage {
 
   // The same with bytes of any value.
   bool obtainUnset(std::uint32_t size) noexcept {
+    MEM_ASSERT(!exists());
     pArea_ = functionVector().MEM_Alloc(size, 0);
     size_ = size;
     return pArea_ != nullptr;

@@ -1,7 +1,10 @@
-// All entry points, declared from the list of slots: each is the function that memvect.h describes,
-// and lets no exception out. Their definitions are in the rooms of their families; one that differs
-// from its slot's type is missing when the library is linked.
+// All entry points, declared from the list of slots, and the filling and clearing of the MEM
+// function vector. Each entry point is the function that memvect.h describes and lets no exception
+// out. Their definitions are in the rooms of their families; one that differs from its slot's type
+// is missing when the library is linked.
 #pragma once
+
+#include <cstdint>
 
 #include "qj7mem00/memport.h"
 #include "qj7mem00/memvect.h"
@@ -18,5 +21,12 @@ struct WithoutExceptions<Result(Args...)> {
 #define MEM_DECLARE_ENTRY_POINT(slot, name) WithoutExceptions<name##Fn>::Type name;
 MEM_VECTOR_SLOTS(MEM_DECLARE_ENTRY_POINT)
 #undef MEM_DECLARE_ENTRY_POINT
+
+inline constexpr std::int16_t kFillVector = 1;
+inline constexpr std::int16_t kClearVector = 2;
+
+// Fills slots 4 to 51 of the host's MEM function vector with the library's entry points, or clears
+// them, inside a trace frame of its own. The host's slots 0 to 3 are never touched.
+void PSdynamn(std::int16_t Action) noexcept;
 
 }  // namespace mem

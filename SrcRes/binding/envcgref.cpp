@@ -1,6 +1,6 @@
 #include "binding/envcgref.h"
 
-#include "binding/memcdynm.h"
+#include "binding/entrypoints.h"
 #include "frame/hostaccess.h"
 #include "platform/platform.h"
 

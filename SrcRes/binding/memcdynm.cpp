@@ -1,6 +1,5 @@
-#include "binding/memcdynm.h"
-
 #include "binding/entrypoints.h"
+
 #include "frame/callframe.h"
 
 namespace mem {

@@ -3,7 +3,7 @@
 
 #include "frame/callframe.h"
 #include "frame/threadareas.h"
-#include "process/msgtable.h"
+#include "qj7mem00/memerr.h"
 
 namespace mem {
 
@@ -15,6 +15,14 @@ constexpr EntryPoint kProcessTerm{"MEM_ProcessTerm", kSourceProc, 0, 0};
 constexpr EntryPoint kThreadAct{"MEM_ThreadAct", kSourceProc, 0, 0};
 constexpr EntryPoint kThreadTerm{"MEM_ThreadTerm", kSourceProc, 0, 0};
 constexpr EntryPoint kSetProcOptions{"MEMSetProcOptions", kSourceProc, 0, 0};
+
+// What MEM_ProcessInit registers with the host; ends with the row of code 0.
+constexpr MEMMessageRow kMessages[] = {
+#define MEM_MESSAGE_ROW(name, code, message) {name, 0, #name, message, ""},
+    MEMERR_LIST(MEM_MESSAGE_ROW)
+#undef MEM_MESSAGE_ROW
+        {0, 0, "", "", nullptr},
+};
 
 constexpr char kProcessBlockName[] = "MEMProcessBlock";
 constexpr char kThreadBlockName[] = "MEMThreadBlock";
@@ -50,7 +58,7 @@ std::int16_t MEM_ProcessInit() noexcept {
 
   fillHeader(pProcessBlk->Header, MEM_PROCESS_BLOCK_LEN, kProcessBlockName, MEM_PROCESS_BLOCK_TYPE);
   runtimeServices().SetAnchor(0, MEM_COMPONENT, pProcessBlk);
-  runtimeServices().RegisterMessages(MEM_COMPONENT, messageTable());
+  runtimeServices().RegisterMessages(MEM_COMPONENT, kMessages);
   if (functionVector().MEM_SinkInit() != 0) return frame.failAsRecorded();
 
   std::memset(pProcessBlk->Pointers, 0, sizeof pProcessBlk->Pointers);

@@ -34,12 +34,12 @@ bool areAreasValid(const Header &heap, const Eyecatcher &eye) noexcept {
 
 template <class Header>
 bool areLargeBlocksValid(const Header &heap) noexcept {
+  constexpr std::int64_t kBlockHeaderLen = sizeof(MEMHeapLargeBlock);
   if (!listEnds(heap.pLargeBlocks, offsetof(MEMHeapLargeBlock, pNextBlock))) return false;
   for (const MEMHeapLargeBlock *pBlock = heap.pLargeBlocks; pBlock != nullptr;
        pBlock = pBlock->pNextBlock) {
-    const std::int64_t entryLen = std::int64_t{pBlock->BlockSize} - sizeof(MEMHeapLargeBlock);
     if (!hasEyecatcher(pBlock, kLargeBlockEye) || !isWholeUnits(pBlock->BlockSize) ||
-        fitsInArea(entryLen, heap.AreaSize)) {
+        fitsInArea(pBlock->BlockSize - kBlockHeaderLen, heap.AreaSize)) {
       return false;
     }
   }

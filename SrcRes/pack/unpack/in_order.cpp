@@ -407,12 +407,11 @@ template <bool isSwapped>
 class Linker {
  public:
   Linker(const ChainReader &chain, const KindRule *pRules) noexcept
-      : chain_(chain),
-        pBlocks_(chain.blocks()),
+      : pBlocks_(chain.blocks()),
+        pExtents_(chain.extents()),
         lastBlock_(static_cast<std::uint32_t>(chain.blockCount()) - 1),
         pRules_(pRules),
-        pKinds_(&chain.controlBlock().descriptor(0)),
-        text_(chain) {}
+        pKinds_(&chain.controlBlock().descriptor(0)) {}
 
   void linkSegment(std::uint16_t kind, std::byte *pSegment) noexcept {
     const MemPackDescriptor &descriptor = pKinds_[kind];
@@ -437,20 +436,25 @@ class Linker {
     storeAs(pField, reinterpret_cast<std::uintptr_t>(bytesAt(pBlock, 8 + stored.offset())) & mask);
   }
 
-  void swapText(const std::byte *pField) noexcept {
-    ContentPlace text{};
-    std::uint32_t length = 0;
-    if (readRelative<isSwapped>(pField).isNull() || chain_.follow(pField, text)) return;
-    if (chain_.measureText(text, sizeof(char16_t), length)) return;
-    static_cast<void>(text_.convert(chain_.at(text), length));
+  // Up to the zero unit, or the end of the block.
+  void swapText(const std::byte *pField) const noexcept {
+    const RelativePointer stored = readRelative<isSwapped>(pField);
+    if (stored.isNull() || stored.block() > lastBlock_) return;
+    const std::uint64_t used = pExtents_[stored.block()].used;
+    std::byte *const pContent = bytesAt(pBlocks_[stored.block()], 8);
+    for (std::uint64_t at = stored.offset(); at + sizeof(char16_t) <= used;
+         at += sizeof(char16_t)) {
+      const auto unit = loadAs<std::uint16_t>(pContent + at);
+      if (unit == 0) return;
+      storeAs(pContent + at, byteSwapped(unit));
+    }
   }
 
-  const ChainReader &chain_;
   void *const *const pBlocks_;
+  const BlockExtent *const pExtents_;
   const std::uint32_t lastBlock_;
   const KindRule *const pRules_;
   const MemPackDescriptor *const pKinds_;
-  TextConverter text_;
 };
 
 // The walk is in this function as a whole, so that its state can stay in registers.

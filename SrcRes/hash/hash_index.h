@@ -35,19 +35,21 @@ inline constexpr std::uint32_t kLongestWalkedChain = 64;
 inline constexpr std::uint16_t kMostWalkedNodes = 2048;
 
 // States of a table: MEMHashCtlBlk.IndexState. Without an index, WalkedNodes is the number of nodes
-// inserted since the table was opened or has lost its index, up to kMostWalkedNodes.
+// inserted since the table was opened or has lost its index, up to kMostWalkedNodes. A host that
+// opens tables itself may leave anything in both, so the states are numbers that nobody stores by
+// chance.
 inline constexpr std::uint16_t kNeverIndexed = 0;  // not allowed, or storage for one was refused
-inline constexpr std::uint16_t kMayBeIndexed = 1;
+inline constexpr std::uint16_t kMayBeIndexed = 0x4D49;
 // Another index is made only when the table has grown by kMostWalkedNodes, since making one takes
 // long, and others may go on as they did.
-inline constexpr std::uint16_t kIndexLost = 2;
-// Set when the table has an index. The bits below it, and WalkedNodes, tell which (mark()): a
-// thread may come upon one of an earlier table at the same address, or one that the table has lost
-// elsewhere.
-inline constexpr std::uint16_t kIndexed = 0x8000;
+inline constexpr std::uint16_t kIndexLost = 0x4C49;
+// The upper byte when the table has an index. The lower one, and WalkedNodes, tell which (mark()):
+// a thread may come upon one of an earlier table at the same address, or one that the table has
+// lost elsewhere.
+inline constexpr std::uint16_t kIndexed = 0xD600;
 
 inline bool isIndexed(const MEMHashCtlBlk &ctl) noexcept {
-  return (ctl.IndexState & kIndexed) != 0;
+  return (ctl.IndexState & 0xFF00) == kIndexed;
 }
 
 class HashIndex : public ThreadArea, public KeyLookahead {
@@ -150,10 +152,10 @@ class HashIndex : public ThreadArea, public KeyLookahead {
   }
 
   // What its table holds in IndexState and WalkedNodes: bits of the index's address. Two that there
-  // are at a time differ in them, unless they are gigabytes apart.
+  // are at a time differ in them, unless they are a multiple of 256 MB apart.
   std::uint32_t mark() const noexcept {
     const auto bits = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(this) >> 4);
-    return std::uint32_t{kIndexed} << 16 | bits;
+    return std::uint32_t{kIndexed} << 16 | (bits & 0xFFFFFF);
   }
   void markTable(MEMHashCtlBlk &ctl) const noexcept {
     ctl.IndexState = static_cast<std::uint16_t>(mark() >> 16);

@@ -315,6 +315,24 @@ TEST_F(HashIndexTest, CallersTablesNeverGetOne) {
   }
 }
 
+// A host that opens tables itself may leave anything in the gaps of the control block.
+TEST_F(HashIndexTest, JunkInACallersTableAllowsNone) {
+  for (const auto junk :
+       std::initializer_list<std::uint16_t>{1, 2, 0x8001, 0xA5A5, 0xCDCD, 0xEEEE, 0xFFFF}) {
+    ASSERT_EQ(mem.MEM_HashOpen(&table, kKeyOff, 8, 127, oneBucket, 256, kSubPool), 0);
+    isOneBucket = true;
+    for (std::vector<std::uint64_t> &chain : chains) chain.clear();
+    store(table, 14, junk);
+    store(table, 26, junk);
+    const Areas areas(host, kSubPool);
+    const std::uint64_t before = areas.obtained();
+    for (std::uint64_t i = 0; i < 2200; ++i) insert(256 * i);
+    EXPECT_EQ(areas.obtained(), before) << junk;
+    expectChains();
+    close();
+  }
+}
+
 // The packer vouches for its own hash function only, and sees it called for each key otherwise.
 TEST_F(HashIndexTest, AnotherFunctionThatAHostHasPutInGetsNone) {
   isOneBucket = true;

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace mem {
+namespace memlib {
 
 template <class T>
 inline T loadAs(const void *pFrom) noexcept {
@@ -52,4 +52,4 @@ inline void writeEyecatcher(void *pBlock, const Eyecatcher &text) noexcept {
   std::memcpy(pBlock, text, kEyecatcherLen);
 }
 
-}  // namespace mem
+}  // namespace memlib

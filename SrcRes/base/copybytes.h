@@ -7,7 +7,7 @@
 #include "base/bytes.h"
 #include "platform/check.h"
 
-namespace mem {
+namespace memlib {
 
 // Copies a piece by its ends, which may overlap.
 // REQUIRES: sizeof(Piece) <= length <= 2 * sizeof(Piece).
@@ -44,4 +44,4 @@ inline void copyBytes(void *pTo, const void *pFrom, std::size_t length) noexcept
   }
 }
 
-}  // namespace mem
+}  // namespace memlib

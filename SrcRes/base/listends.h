@@ -5,7 +5,7 @@
 
 #include "base/bytes.h"
 
-namespace mem {
+namespace memlib {
 
 // Whether a list whose members have the address of the next one at `linkOffset` comes to a null
 // link. One walk goes twice as fast as the other and meets it where the list runs in circles.
@@ -23,4 +23,4 @@ inline bool listEnds(const void *pFirst, std::size_t linkOffset) noexcept {
   return true;
 }
 
-}  // namespace mem
+}  // namespace memlib

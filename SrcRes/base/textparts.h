@@ -7,7 +7,7 @@
 
 #include "platform/check.h"
 
-namespace mem {
+namespace memlib {
 
 // REQUIRES: count <= text.size().
 inline std::string_view firstOf(std::string_view text, std::size_t count) noexcept {
@@ -19,4 +19,4 @@ inline std::string_view behind(std::string_view text, std::size_t count) noexcep
   return {text.data() + count, text.size() - count};
 }
 
-}  // namespace mem
+}  // namespace memlib

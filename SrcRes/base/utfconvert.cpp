@@ -2,7 +2,7 @@
 
 #include "base/bytes.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -44,4 +44,4 @@ std::uint16_t utf32ToUtf16(const void *pIn, void *pOut, std::int32_t outLen) noe
   }
 }
 
-}  // namespace mem
+}  // namespace memlib

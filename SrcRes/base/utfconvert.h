@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace mem {
+namespace memlib {
 
 // Results other than 0 = success.
 inline constexpr std::uint16_t kConvertBadInput = 1;  // a value that is no character
@@ -13,4 +13,4 @@ inline constexpr std::uint16_t kConvertNoRoom = 2;
 // included.
 std::uint16_t utf32ToUtf16(const void *pIn, void *pOut, std::int32_t outLen) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

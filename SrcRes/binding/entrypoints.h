@@ -9,7 +9,7 @@
 #include "qj7mem00/memport.h"
 #include "qj7mem00/memvect.h"
 
-namespace mem {
+namespace memlib {
 
 template <class Function>
 struct WithoutExceptions;
@@ -29,4 +29,4 @@ inline constexpr std::int16_t kClearVector = 2;
 // them, inside a trace frame of its own. The host's slots 0 to 3 are never touched.
 void PSdynamn(std::int16_t Action) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

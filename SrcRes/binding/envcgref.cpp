@@ -4,7 +4,7 @@
 #include "frame/hostaccess.h"
 #include "platform/platform.h"
 
-namespace mem {
+namespace memlib {
 
 constinit Binding binding{};
 
@@ -33,14 +33,14 @@ void unbind() noexcept {
 }
 
 }  // namespace
-}  // namespace mem
+}  // namespace memlib
 
 extern "C" void ENV_FWV_V00M00_GFunc(void **const *ppHostVectors, void **const *ppServiceVectors,
                                      const MEMSysEnv *pSysEnv, std::uint32_t SysFlags,
                                      std::int16_t Mode) noexcept {
   if (Mode == MEM_MODE_BIND) {
-    mem::bind(ppHostVectors, ppServiceVectors, pSysEnv, SysFlags);
+    memlib::bind(ppHostVectors, ppServiceVectors, pSysEnv, SysFlags);
   } else {
-    mem::unbind();
+    memlib::unbind();
   }
 }

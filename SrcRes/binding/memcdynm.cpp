@@ -2,14 +2,14 @@
 
 #include "frame/callframe.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
 constexpr EntryPoint kPSdynamn{"PSdynamn", kSourceDynm, 0, 0};  // writes no trace records
 
 void fill(MEMFunctionVector &vector) noexcept {
-#define MEM_FILL_SLOT(slot, name) vector.name = mem::name;
+#define MEM_FILL_SLOT(slot, name) vector.name = memlib::name;
   MEM_VECTOR_SLOTS(MEM_FILL_SLOT)
 #undef MEM_FILL_SLOT
 }
@@ -31,4 +31,4 @@ void PSdynamn(std::int16_t Action) noexcept {
   }
 }
 
-}  // namespace mem
+}  // namespace memlib

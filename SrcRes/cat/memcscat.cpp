@@ -6,7 +6,7 @@
 #include "platform/textscan.h"
 #include "qj7mem00/memcat.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -177,4 +177,4 @@ std::int16_t MEM_MemCat(MEMCatCB *pCatCB, const char16_t *pText, std::int32_t Le
   return frame.succeed();
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -2,7 +2,7 @@
 
 #include "base/listends.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -95,4 +95,4 @@ bool isValid(const MEMCellCtlBlk &ctl) noexcept {
          areNodesInPlace(ctl) && areFreeCellsValid(ctl);
 }
 
-}  // namespace mem
+}  // namespace memlib

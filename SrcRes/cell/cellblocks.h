@@ -15,7 +15,7 @@
 #include "base/bytes.h"
 #include "qj7mem00/membase.h"
 
-namespace mem {
+namespace memlib {
 
 inline constexpr Eyecatcher kCellEye = "QQQCELL1";
 
@@ -59,4 +59,4 @@ inline std::int32_t nodeSpace(const MEMCellCtlBlk &ctl, std::int32_t headerLen) 
   return cells * ctl.CellLen + rest - headerLen;
 }
 
-}  // namespace mem
+}  // namespace memlib

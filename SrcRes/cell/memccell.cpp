@@ -9,7 +9,7 @@
 #include "platform/check.h"
 #include "platform/platform.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -50,11 +50,10 @@ void freeArea(void *pArea, std::int32_t areaLen, std::int16_t subPool) noexcept 
   functionVector().MEM_Free(pArea, static_cast<std::uint32_t>(areaLen), subPool);
 }
 
-// Puts the location nodes of an area on the list and returns the place of the area's first cell.
-// `headerLen` is the control block's length in the first area, whose lowest node records the area
-// itself, and 0 in further ones.
-std::byte *MEM_CellInitAreaLocList(MEMCellCtlBlk &ctl, void *pArea,
-                                   std::int32_t headerLen) noexcept {
+// MEM_CellInitAreaLocList: puts the location nodes of an area on the list and returns the place of
+// the area's first cell. `headerLen` is the control block's length in the first area, whose lowest
+// node records the area itself, and 0 in further ones.
+std::byte *initAreaLocList(MEMCellCtlBlk &ctl, void *pArea, std::int32_t headerLen) noexcept {
   std::byte *pNext = bytesAt(pArea, static_cast<std::size_t>(headerLen));
   void *pRecorded = headerLen != 0 ? pArea : nullptr;
   for (std::int32_t slack = nodeSpace(ctl, headerLen); slack > 15; slack -= 16) {
@@ -68,10 +67,9 @@ std::byte *MEM_CellInitAreaLocList(MEMCellCtlBlk &ctl, void *pArea,
   return pNext;
 }
 
-// Makes the cells from `pFirstCell` to the area's end the free list, lowest first.
-// REQUIRES: the free list is empty; at least one cell fits.
-void MEM_CellBuildAvailCells(MEMCellCtlBlk &ctl, const void *pArea,
-                             std::byte *pFirstCell) noexcept {
+// MEM_CellBuildAvailCells: makes the cells from `pFirstCell` to the area's end the free list,
+// lowest first. REQUIRES: the free list is empty; at least one cell fits.
+void buildAvailCells(MEMCellCtlBlk &ctl, const void *pArea, std::byte *pFirstCell) noexcept {
   const auto cellLen = static_cast<std::size_t>(ctl.CellLen);
   auto remaining = static_cast<std::size_t>(ctl.AreaLen) -
                    static_cast<std::size_t>(pFirstCell - static_cast<const std::byte *>(pArea));
@@ -117,8 +115,8 @@ void addFreeCell(MEMCellCtlBlk &ctl, void *pCell) noexcept {
 void initFirstArea(MEMCellCtlBlk &ctl) noexcept {
   ctl.pAreaLocList = nullptr;
   ctl.pFreeCells = nullptr;
-  std::byte *pFirstCell = MEM_CellInitAreaLocList(ctl, &ctl, sizeof(MEMCellCtlBlk));
-  MEM_CellBuildAvailCells(ctl, &ctl, pFirstCell);
+  std::byte *pFirstCell = initAreaLocList(ctl, &ctl, sizeof(MEMCellCtlBlk));
+  buildAvailCells(ctl, &ctl, pFirstCell);
 }
 
 // Adds an area of free cells. False, with nothing changed, when there is no storage.
@@ -129,12 +127,12 @@ MEM_NOINLINE bool growPool(MEMCellCtlBlk &ctl) noexcept {
   if (pArea == nullptr) return false;
   const bool hasVacantNode = ctl.pAreaLocList->pArea == nullptr;
   std::byte *pFirstCell =
-      hasVacantNode ? static_cast<std::byte *>(pArea) : MEM_CellInitAreaLocList(ctl, pArea, 0);
+      hasVacantNode ? static_cast<std::byte *>(pArea) : initAreaLocList(ctl, pArea, 0);
   // The list ends in a used node, so the walk ends.
   CellAreaNode *pNode = ctl.pAreaLocList;
   while (pNode->pNext->pArea == nullptr) pNode = pNode->pNext;
   pNode->pArea = pArea;
-  MEM_CellBuildAvailCells(ctl, pArea, pFirstCell);
+  buildAvailCells(ctl, pArea, pFirstCell);
   return true;
 }
 
@@ -227,4 +225,4 @@ std::int16_t MEM_CellFreeEntry(HMEMCELL hMemCell, void *pEntry) noexcept {
   return frame.succeed();
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -147,4 +147,4 @@ std::int16_t CallFrame::failAsRecorded() noexcept {
   return finish(-1);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -11,7 +11,7 @@
 #include "frame/hostaccess.h"
 #include "platform/platform.h"
 
-namespace mem {
+namespace memlib {
 
 // What an entry point is called in frames and trace records. Line numbers are fixed markers of the
 // trace statements; hosts filter by them.
@@ -210,4 +210,4 @@ class ErrorAreaKeeper {
 // Copies at most `room - 1` characters and terminates them.
 void copyText(char *pTo, std::size_t room, const char *pFrom) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

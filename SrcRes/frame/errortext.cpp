@@ -1,6 +1,6 @@
 #include "frame/errortext.h"
 
-namespace mem {
+namespace memlib {
 
 void ErrorText::append(char c) noexcept {
   if (length_ + 1 < sizeof text_) text_[length_++] = c;
@@ -37,4 +37,4 @@ ErrorText &ErrorText::pointer(const void *pAddress) noexcept {
   return hex(reinterpret_cast<std::uintptr_t>(pAddress), 16);
 }
 
-}  // namespace mem
+}  // namespace memlib

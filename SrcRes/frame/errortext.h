@@ -7,7 +7,7 @@
 
 #include "qj7mem00/memhost.h"
 
-namespace mem {
+namespace memlib {
 
 class ErrorText {
  public:
@@ -28,4 +28,4 @@ class ErrorText {
   std::size_t length_ = 0;
 };
 
-}  // namespace mem
+}  // namespace memlib

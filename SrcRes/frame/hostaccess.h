@@ -7,7 +7,7 @@
 #include "platform/errorclear.h"
 #include "qj7mem00/qj7mem00.h"
 
-namespace mem {
+namespace memlib {
 
 // All state that the library keeps between calls. All zero while unbound. Written by binding and
 // unbinding only, which never overlap a call.
@@ -55,4 +55,4 @@ inline MEMProcessBlock *processBlock() noexcept {
   return static_cast<MEMProcessBlock *>(pAnchor);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -6,7 +6,7 @@
 
 #include "frame/callframe.h"
 
-namespace mem {
+namespace memlib {
 
 struct StepFailure {
   std::int16_t result = -1;
@@ -32,4 +32,4 @@ inline std::int16_t finishWith(CallFrame &frame, const StepFailure &failed) noex
                      .result = failed.result});
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -6,7 +6,7 @@
 
 #include "frame/callframe.h"
 
-namespace mem {
+namespace memlib {
 
 // The head of such an area.
 struct ThreadArea {
@@ -35,4 +35,4 @@ inline void releaseThreadArea(ThreadArea **ppLink) noexcept {
   functionVector().MEM_Free(pArea, pArea->size, pArea->subPool);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -2,7 +2,7 @@
 
 #include "hash/hash_index.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -91,4 +91,4 @@ bool HashIndex::knowsChain(MEMHashCtlBlk &ctl, std::int16_t index,
   return pTails_[index].pNode == pLast;
 }
 
-}  // namespace mem
+}  // namespace memlib

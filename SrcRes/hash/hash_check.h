@@ -4,7 +4,7 @@
 #include "frame/callframe.h"
 #include "hash/hashblocks.h"
 
-namespace mem {
+namespace memlib {
 
 // True when the control block is whole, all chains and the list of deleted nodes end, each record
 // of a table that may have an index is in the bucket that its hash function tells, and the index,
@@ -12,4 +12,4 @@ namespace mem {
 // asked: its host would see that. Changes nothing.
 bool isValidTable(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

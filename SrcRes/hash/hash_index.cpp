@@ -5,7 +5,7 @@
 #include <bit>
 #include <cstring>
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -192,4 +192,4 @@ void KeyLookahead::wantRecord(const void *pKey, std::size_t offset) const noexce
   want(pWanted);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -26,7 +26,7 @@
 #include "hash/owned_table.h"
 #include "platform/platform.h"
 
-namespace mem {
+namespace memlib {
 
 // A table with chains up to this long is walked, and makes no storage calls of its own, ...
 inline constexpr std::uint32_t kLongestWalkedChain = 64;
@@ -224,4 +224,4 @@ inline HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
   return pSlot->pNode == nullptr || pSlot->key == key ? pSlot : seekElsewhere(key);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -6,7 +6,7 @@
 #include "base/bytes.h"
 #include "qj7mem00/memvect.h"
 
-namespace mem {
+namespace memlib {
 
 inline constexpr Eyecatcher kHashEye = "QQQQHASH";
 
@@ -65,4 +65,4 @@ inline bool isTable(HMEMHASH hMemHash) noexcept {
   return hMemHash != nullptr && hasEyecatcher(hMemHash, kHashEye);
 }
 
-}  // namespace mem
+}  // namespace memlib

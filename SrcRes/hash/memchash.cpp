@@ -9,7 +9,7 @@
 #include "hash/hashblocks.h"
 #include "platform/check.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -117,9 +117,10 @@ InsertPlace locate(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t inde
   return {*link.ppNode, link.ppNode, nullptr, nullptr, link.passed};
 }
 
-// A node with a null link for a record of `Len` bytes, or null with the heap's error standing. A
-// deleted node is taken without a look at its size: all records of a table have one length.
-HashNode *MemHashAllocEntry(MEMHashCtlBlk &ctl, std::int16_t Len) noexcept {
+// MemHashAllocEntry: a node with a null link for a record of `Len` bytes, or null with the heap's
+// error standing. A deleted node is taken without a look at its size: all records of a table have
+// one length.
+HashNode *allocateEntry(MEMHashCtlBlk &ctl, std::int16_t Len) noexcept {
   if (Len >= 0 && ctl.pFreeEntries != nullptr) {
     HashNode *pNode = ctl.pFreeEntries;
     ctl.pFreeEntries = pNode->pNext;
@@ -202,7 +203,7 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
     frame.traceExit("Return=MEMERR_HASHDKEY");
     return frame.finish(MEMERR_HASHDKEY);
   }
-  HashNode *pNode = MemHashAllocEntry(ctl, Len);
+  HashNode *pNode = allocateEntry(ctl, Len);
   if (pNode == nullptr) return finishNested(frame, "MemHashAllocEntry Return=FAILED");
   copyBytes(pNode->record(), pInputEntry, static_cast<std::size_t>(Len));
   *place.ppLast = pNode;  // at the end: a bucket keeps the order of insertion
@@ -278,4 +279,4 @@ const KeyLookahead *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) n
   return pIndex != nullptr && pIndex->isLarge() ? pIndex : nullptr;
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -6,7 +6,7 @@
 
 #include "frame/callframe.h"
 
-namespace mem {
+namespace memlib {
 
 // To be called when a table with the hash function `pFunc` has been opened through the vector. The
 // owner vouches that keys never change in place, and that the function depends on nothing but the
@@ -29,4 +29,4 @@ class KeyLookahead {
 // handle then. Valid until the table is changed or closed.
 const KeyLookahead *indexToAskAhead(const CallFrame &frame, HMEMHASH hMemHash) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

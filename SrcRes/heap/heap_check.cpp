@@ -2,7 +2,7 @@
 
 #include "base/listends.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -86,4 +86,4 @@ bool isValid(const MEMEHeapHeader &heap) noexcept {
          areFreeEntriesValid(heap);
 }
 
-}  // namespace mem
+}  // namespace memlib

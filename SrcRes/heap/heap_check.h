@@ -3,7 +3,7 @@
 
 #include "heap/heapblocks.h"
 
-namespace mem {
+namespace memlib {
 
 // Whether the heap is one as its operations leave it: its lists end, every area and large block is
 // one by its head, nothing is handed out beyond an area's end, and what the head counts is right.
@@ -13,4 +13,4 @@ bool isValid(const MEMHeapHeader &heap) noexcept;
 // REQUIRES: no other thread changes the heap: its gate is held, or its handle is not yet known.
 bool isValid(const MEMEHeapHeader &heap) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

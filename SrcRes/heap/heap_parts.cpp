@@ -1,6 +1,6 @@
 #include "heap/heap_parts.h"
 
-namespace mem {
+namespace memlib {
 
 std::int16_t failComposed(CallFrame &frame, const HeapKind &kind, std::uint32_t code,
                           const ErrorText &text) noexcept {
@@ -49,4 +49,4 @@ std::int16_t allocChain(CallFrame &frame, const HeapKind &kind, HMEMHEAP hMemHea
   return frame.succeed();
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -10,7 +10,7 @@
 #include "platform/check.h"
 #include "qj7mem00/memvect.h"
 
-namespace mem {
+namespace memlib {
 
 inline bool isStandardHeap(HMEMHEAP hMemHeap) noexcept {
   return hMemHeap != nullptr && hasEyecatcher(hMemHeap, kHeapEye);
@@ -182,4 +182,4 @@ std::int16_t MEM_EHeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,
                                            std::int32_t NumEnties, std::int16_t LinkOff,
                                            void **ppEntry) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

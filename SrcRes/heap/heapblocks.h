@@ -15,7 +15,7 @@
 #include "qj7mem00/membase.h"
 #include "qj7mem00/memvect.h"
 
-namespace mem {
+namespace memlib {
 
 inline constexpr Eyecatcher kHeapEye = "QQQHEAP1";
 inline constexpr Eyecatcher kEHeapEye = "ENHHEAP1";
@@ -124,4 +124,4 @@ inline void readHandle(HMEMHEAP hMemHeap) noexcept {
   static_cast<void>(reinterpret_cast<const volatile char *>(hMemHeap)[length - 1]);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -1,7 +1,7 @@
 // Standard heaps: allocation of many small entries that are released together.
 #include "heap/heap_parts.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -145,4 +145,4 @@ std::int16_t MEM_HeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,
   return allocChain(frame, kStandardKind, hMemHeap, {Len, NumEnties, LinkOff}, ppEntry);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -2,7 +2,7 @@
 // looked at or changed.
 #include "heap/heap_parts.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -222,4 +222,4 @@ std::int16_t MEM_EHeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,
   return allocChain(frame, kEnhancedKind, hMemHeap, {Len, NumEnties, LinkOff}, ppEntry);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -2,7 +2,7 @@
 
 #include "frame/hostaccess.h"
 
-namespace mem {
+namespace memlib {
 
 MemPackBlock *ChainBuilder::obtainBlock() const noexcept {
   const auto length = static_cast<std::uint32_t>(blockLen_);
@@ -42,4 +42,4 @@ Placement ChainBuilder::addBlock(std::uint32_t firstOff) noexcept {
   return Placement::done;
 }
 
-}  // namespace mem
+}  // namespace memlib

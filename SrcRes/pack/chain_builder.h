@@ -13,7 +13,7 @@
 #include "platform/platform.h"
 #include "qj7mem00/mempack.h"
 
-namespace mem {
+namespace memlib {
 
 enum class Placement {
   done,
@@ -126,4 +126,4 @@ class ChainBuilder {
   std::int32_t blockNumber_ = 0;  // of the current block
 };
 
-}  // namespace mem
+}  // namespace memlib

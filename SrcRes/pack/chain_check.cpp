@@ -4,7 +4,7 @@
 
 #include "pack/chain_builder.h"
 
-namespace mem {
+namespace memlib {
 
 bool ChainCheck::isValid(const ChainBuilder &chain) noexcept {
   if (chain.pFirst_ == nullptr) return chain.pCurrent_ == nullptr;
@@ -36,4 +36,4 @@ bool ChainCheck::isLast(const ChainBuilder &chain, const PlacedItem &item,
                                             static_cast<std::size_t>(place.Offset));
 }
 
-}  // namespace mem
+}  // namespace memlib

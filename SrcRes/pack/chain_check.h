@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace mem {
+namespace memlib {
 
 class ChainBuilder;
 struct PlacedItem;
@@ -19,4 +19,4 @@ class ChainCheck {
                      std::int64_t length) noexcept;
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -4,7 +4,7 @@
 #include "pack/packer.h"
 #include "pack/unpack/unpack_ways.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -58,4 +58,4 @@ std::int16_t MEM_Unpack(MemPackBlock **ppFirstBlk, void **ppRoot,
   return frame.succeed();
 }
 
-}  // namespace mem
+}  // namespace memlib

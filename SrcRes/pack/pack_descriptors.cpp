@@ -4,7 +4,7 @@
 
 #include "base/copybytes.h"
 
-namespace mem {
+namespace memlib {
 
 bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length,
                        std::uint32_t width) noexcept {
@@ -86,4 +86,4 @@ void writeOldControlBlock(const PackControlBlock &controlBlock, void *pTo) noexc
   }
 }
 
-}  // namespace mem
+}  // namespace memlib

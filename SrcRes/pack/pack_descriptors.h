@@ -9,7 +9,7 @@
 #include "platform/check.h"
 #include "qj7mem00/mempack.h"
 
-namespace mem {
+namespace memlib {
 
 // Characters of the version in front of a packed control block.
 inline constexpr std::uint32_t kPackVersionLen = 4;
@@ -164,4 +164,4 @@ bool hasTooManyChildrenForOld(const PackControlBlock &controlBlock) noexcept;
 // !hasTooManyChildrenForOld(controlBlock).
 void writeOldControlBlock(const PackControlBlock &controlBlock, void *pTo) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

@@ -6,7 +6,7 @@
 
 #include "frame/callframe.h"
 
-namespace mem {
+namespace memlib {
 
 struct PackFailure {
   std::int16_t result;
@@ -33,4 +33,4 @@ inline PackFailure badBlockCount(std::int32_t count) noexcept {
   return failure(MEMERR_PACKBMAX, ErrorText("MaxBlocksValueBad=").decimal(shown));
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -7,7 +7,7 @@
 #include "hash/owned_table.h"
 #include "platform/textscan.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -21,9 +21,9 @@ constexpr std::uint16_t kTableSubPool = 0;
 constexpr int kFarAhead = 8;
 constexpr int kNearAhead = 4;
 
-// 0..127 from an 8-byte address, by the byte that is the lowest one of a 4-byte address on the
-// host's platform, without the bit that alignment clears.
-std::int16_t MEM_PackHashFunc(const void *pKey) noexcept {
+// MEM_PackHashFunc: 0..127 from an 8-byte address, by the byte that is the lowest one of a 4-byte
+// address on the host's platform, without the bit that alignment clears.
+std::int16_t packHash(const void *pKey) noexcept {
   const std::size_t lowestByte = platformIsBigEndian() ? 3 : 0;
   return static_cast<std::int16_t>(loadAs<std::uint8_t>(bytesAt(pKey, lowestByte)) >> 1);
 }
@@ -90,9 +90,9 @@ bool Packer::checkArguments() noexcept {
 bool Packer::openTable() noexcept {
   const std::int16_t result =
       functionVector().MEM_HashOpen(&hTable_, offsetof(PackRecord, pSegment), sizeof(void *),
-                                    kTableMax, MEM_PackHashFunc, kTableAreaKB, kTableSubPool);
+                                    kTableMax, packHash, kTableAreaKB, kTableSubPool);
   if (result == 0) {
-    allowIndex(frame_, hTable_, MEM_PackHashFunc);
+    allowIndex(frame_, hTable_, packHash);
     return true;
   }
   hTable_ = nullptr;
@@ -289,4 +289,4 @@ bool Packer::fixPointer(std::byte *pCopy, std::int16_t offset) noexcept {
   return true;
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -7,7 +7,7 @@
 #include "pack/pack_failure.h"
 #include "pack/segment_plan.h"
 
-namespace mem {
+namespace memlib {
 
 // What the table of packed segments keeps of one. The key comes first.
 struct PackRecord {
@@ -87,4 +87,4 @@ class Packer {
   std::int32_t depth_ = 0;  // current level; -1 once the walk is over
 };
 
-}  // namespace mem
+}  // namespace memlib

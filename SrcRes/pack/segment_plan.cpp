@@ -3,18 +3,18 @@
 #include <algorithm>
 #include <limits>
 
-namespace mem {
+namespace memlib {
 
 void SegmentPlan::make(const PackControlBlock &controlBlock, std::uint16_t index) noexcept {
   const MemPackDescriptor &descriptor = controlBlock.descriptor(index);
   index_ = index;
   isValid_ = controlBlock.hasValidCounts(descriptor);
-  hasSibling_ = mem::hasSibling(descriptor);
+  hasSibling_ = memlib::hasSibling(descriptor);
   textCount_ = childCount_ = linkCount_ = 0;
   pointersEnd_ = std::numeric_limits<std::int64_t>::min();
   if (!isValid_) return;
   if (hasSibling_) addLink(descriptor.SiblingOff);
-  for (const MemPackChild &child : mem::children(descriptor)) {
+  for (const MemPackChild &child : memlib::children(descriptor)) {
     addChild(child, controlBlock.descriptor(child.Descriptor));
   }
   for (const std::int16_t offset : references(descriptor)) addLink(offset);
@@ -41,4 +41,4 @@ void SegmentPlan::addChild(const MemPackChild &child, const MemPackDescriptor &k
   }
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -6,7 +6,7 @@
 
 #include "pack/pack_descriptors.h"
 
-namespace mem {
+namespace memlib {
 
 // A pointer field that leads to text.
 struct TextField {
@@ -78,4 +78,4 @@ class PlanTable {
   SegmentPlan plans_[kPlaces];
 };
 
-}  // namespace mem
+}  // namespace memlib

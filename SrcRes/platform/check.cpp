@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace mem {
+namespace memlib {
 
 void checkThat(bool holds, const char *pCondition, const char *pFile, int line) noexcept {
   if (holds) return;
@@ -11,4 +11,4 @@ void checkThat(bool holds, const char *pCondition, const char *pFile, int line) 
   std::abort();
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -2,14 +2,14 @@
 // refused in every build and never checked here.
 #pragma once
 
-namespace mem {
+namespace memlib {
 
 // Ends the process, with the condition and its place on stderr, unless it holds.
 void checkThat(bool holds, const char *pCondition, const char *pFile, int line) noexcept;
 
-}  // namespace mem
+}  // namespace memlib
 
-#define MEM_CHECKED(condition) ::mem::checkThat((condition), #condition, __FILE__, __LINE__)
+#define MEM_CHECKED(condition) ::memlib::checkThat((condition), #condition, __FILE__, __LINE__)
 #define MEM_UNCHECKED(condition) static_cast<void>(sizeof((condition) ? 1 : 0))
 
 // What a comment calls REQUIRES. Build option MEM_CHECKS.

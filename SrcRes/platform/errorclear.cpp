@@ -11,7 +11,7 @@
 #include <immintrin.h>
 #endif
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -80,4 +80,4 @@ ErrorAreaClear fastestErrorAreaClear() noexcept {
   return clearByCall;
 }
 
-}  // namespace mem
+}  // namespace memlib

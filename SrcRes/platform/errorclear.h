@@ -3,7 +3,7 @@
 
 #include "qj7mem00/memhost.h"
 
-namespace mem {
+namespace memlib {
 
 using ErrorAreaClear = void (*)(MEMErrorArea &area) noexcept;
 
@@ -11,4 +11,4 @@ using ErrorAreaClear = void (*)(MEMErrorArea &area) noexcept;
 // longer than to clear.
 ErrorAreaClear fastestErrorAreaClear() noexcept;
 
-}  // namespace mem
+}  // namespace memlib

@@ -59,7 +59,7 @@
 #define MEM_EXPORT __attribute__((visibility("default")))
 #endif
 
-namespace mem {
+namespace memlib {
 
 // Whether MEM_AVX_CODE may run: the processor has AVX, and the system keeps its registers.
 bool processorHasAvx() noexcept;
@@ -89,4 +89,4 @@ bool runGuarded(const GuardedWork &work) noexcept;
 // Takes away whatever calls that were left by a jump have left installed. No guarded call may run.
 void releaseGuards() noexcept;
 
-}  // namespace mem
+}  // namespace memlib

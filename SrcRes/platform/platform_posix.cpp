@@ -12,7 +12,7 @@
 
 #include "platform/platform.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -380,4 +380,4 @@ void releaseGuards() noexcept {
   for (int i = 0; i < kSignalCount; ++i) chains[i].release(kSignals[i]);
 }
 
-}  // namespace mem
+}  // namespace memlib

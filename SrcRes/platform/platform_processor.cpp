@@ -7,7 +7,7 @@
 #include <cpuid.h>
 #endif
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -59,4 +59,4 @@ bool processorHasAvx() noexcept {
 #endif
 }
 
-}  // namespace mem
+}  // namespace memlib

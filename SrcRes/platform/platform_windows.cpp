@@ -2,7 +2,7 @@
 
 #include "platform/platform.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -37,4 +37,4 @@ bool runGuarded(const GuardedWork &work) noexcept {
 
 void releaseGuards() noexcept {}
 
-}  // namespace mem
+}  // namespace memlib

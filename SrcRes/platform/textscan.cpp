@@ -2,7 +2,7 @@
 
 #include "platform/check.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -90,4 +90,4 @@ std::size_t wideLengthWithin(const void *pText, std::size_t most) noexcept {
   return units;
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -9,7 +9,7 @@
 
 #include "platform/platform.h"
 
-namespace mem {
+namespace memlib {
 
 #if MEM_HAS_SSE2
 // One bit for each byte of a unit that is zero.
@@ -66,4 +66,4 @@ inline std::size_t narrowLengthWithin(const void *pText, std::size_t most) noexc
   return static_cast<std::size_t>(static_cast<const std::byte *>(pEnd) - pBytes);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -7,7 +7,7 @@
 #include "port/read/port_reader.h"
 #include "port/write/port_writer.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -129,4 +129,4 @@ std::int16_t MEM_Port1StrToStruct(const MEMStructDef *pDefs, const char *pText, 
   return readInto(frame, reader);
 }
 
-}  // namespace mem
+}  // namespace memlib

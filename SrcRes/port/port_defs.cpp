@@ -7,7 +7,7 @@
 #include "platform/check.h"
 #include "platform/textscan.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -39,8 +39,7 @@ bool applyWideText(const MEMFieldDef &field, std::byte *pField) noexcept {
 
 }  // namespace
 
-const MEMStructDef *MEM_Find_Struct_Def(const MEMStructDef *pDefs,
-                                        std::uint32_t StructID) noexcept {
+const MEMStructDef *findStructDef(const MEMStructDef *pDefs, std::uint32_t StructID) noexcept {
   if (pDefs == nullptr) return nullptr;
   for (const MEMStructDef *pDef = pDefs; static_cast<std::int32_t>(pDef->StructID) >= 1; ++pDef) {
     if (pDef->StructID == StructID) return pDef;
@@ -77,4 +76,4 @@ bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept {
   }
 }
 
-}  // namespace mem
+}  // namespace memlib

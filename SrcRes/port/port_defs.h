@@ -6,10 +6,11 @@
 
 #include "qj7mem00/memport.h"
 
-namespace mem {
+namespace memlib {
 
-// The first definition of the structure, or null. The table ends with an identifier below 1.
-const MEMStructDef *MEM_Find_Struct_Def(const MEMStructDef *pDefs, std::uint32_t StructID) noexcept;
+// MEM_Find_Struct_Def: the first definition of the structure, or null. The table ends with an
+// identifier below 1.
+const MEMStructDef *findStructDef(const MEMStructDef *pDefs, std::uint32_t StructID) noexcept;
 
 // The entries of Fields: none where FieldCount is negative.
 inline std::int32_t fieldCount(const MEMStructDef &def) noexcept {
@@ -26,4 +27,4 @@ inline bool hasRepeatField(const MEMStructDef &def) noexcept {
 // the reader stores there.
 bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

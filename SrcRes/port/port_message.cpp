@@ -1,6 +1,6 @@
 #include "port/port_message.h"
 
-namespace mem {
+namespace memlib {
 
 void reportWriting(CallFrame &frame, const MessagePoint &point, const char *pMessage) noexcept {
   frame.traceException(point.routine, point.line, "(%s:%d)ERROR:%s", kSourcePort, point.line,
@@ -14,4 +14,4 @@ void reportReading(CallFrame &frame, const MessagePoint &point, const char *pMes
                        pMessage, excerpts.position, excerpts.read, excerpts.next);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -5,7 +5,7 @@
 
 #include "frame/callframe.h"
 
-namespace mem {
+namespace memlib {
 
 // A place in the code that reports: internal routine and fixed line, as in all trace records.
 struct MessagePoint {
@@ -28,4 +28,4 @@ struct Excerpts {
 void reportReading(CallFrame &frame, const MessagePoint &point, const char *pMessage,
                    const Excerpts &excerpts) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

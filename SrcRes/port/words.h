@@ -10,7 +10,7 @@
 #include "base/bytes.h"
 #include "platform/check.h"
 
-namespace mem {
+namespace memlib {
 
 // Eight characters, the first one in the lowest byte.
 using TextWord = std::uint64_t;
@@ -174,4 +174,4 @@ inline bool copyPlain(std::byte *pTo, const char *pFrom, std::size_t length, cha
   return copyWord(pTo + last, pFrom + last);
 }
 
-}  // namespace mem
+}  // namespace memlib

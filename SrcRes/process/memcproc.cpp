@@ -5,7 +5,7 @@
 #include "frame/threadareas.h"
 #include "qj7mem00/memerr.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -120,4 +120,4 @@ std::int16_t MEMSetProcOptions(const MEMProcOptions *pOptions) noexcept {
   return frame.finish(0);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -1,7 +1,7 @@
 // Storage services: the library's general allocation by subpool.
 #include "frame/callframe.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -53,4 +53,4 @@ std::int16_t MEM_InitQTRFTbls() noexcept {
                      .reported = Reported::messageText});
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -13,7 +13,7 @@
 #include "sink/sink_space.h"
 #include "sink/sink_trace.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -79,14 +79,14 @@ class SinkCall {
   SinkCall(CallFrame &frame, const void *pText, bool isWide) noexcept
       : frame_(frame), pProcess_(sinkProcess()), text_{nullptr, 0, isWide}, pText_(pText) {}
 
-  // The common workers. Each returns the result of the call.
-  std::int16_t MEM_SinkStringCommon(const void **ppSunk) noexcept {
+  // The common workers, MEM_SinkStringCommon and its kin. Each returns the result of the call.
+  std::int16_t stringCommon(const void **ppSunk) noexcept {
     return end(sink(ppSunk), Echo::ofSinking);
   }
-  std::int16_t MEM_SinkVerifyCommon(const void **ppSunk) noexcept {
+  std::int16_t verifyCommon(const void **ppSunk) noexcept {
     return end(verify(ppSunk), Echo::ofLookUp);
   }
-  std::int16_t MEM_SinkDeleteCommon() noexcept { return end(deleteUse(), Echo::ofLookUp); }
+  std::int16_t deleteCommon() noexcept { return end(deleteUse(), Echo::ofLookUp); }
 
  private:
   Outcome sink(const void **ppSunk) noexcept;
@@ -329,8 +329,7 @@ std::int16_t storeSunk(const EntryPoint &entryPoint, const Char *pText, const Ch
 
 template <class Char>
 std::int16_t sinkDelete(const EntryPoint &entryPoint, const Char *pSunk) noexcept {
-  return runCall(entryPoint, pSunk,
-                 [](SinkCall &call) noexcept { return call.MEM_SinkDeleteCommon(); });
+  return runCall(entryPoint, pSunk, [](SinkCall &call) noexcept { return call.deleteCommon(); });
 }
 
 }  // namespace
@@ -363,17 +362,17 @@ std::int16_t MEM_SinkTerm() noexcept {
 }
 
 std::int16_t MEM_SinkString(const char *pText, const char **ppSunk) noexcept {
-  return storeSunk(kSinkString, pText, ppSunk, &SinkCall::MEM_SinkStringCommon);
+  return storeSunk(kSinkString, pText, ppSunk, &SinkCall::stringCommon);
 }
 std::int16_t MEM_WSinkString(const char16_t *pText, const char16_t **ppSunk) noexcept {
-  return storeSunk(kWSinkString, pText, ppSunk, &SinkCall::MEM_SinkStringCommon);
+  return storeSunk(kWSinkString, pText, ppSunk, &SinkCall::stringCommon);
 }
 
 std::int16_t MEM_SinkVerify(const char *pText, const char **ppSunk, void *) noexcept {
-  return storeSunk(kSinkVerify, pText, ppSunk, &SinkCall::MEM_SinkVerifyCommon);
+  return storeSunk(kSinkVerify, pText, ppSunk, &SinkCall::verifyCommon);
 }
 std::int16_t MEM_WSinkVerify(const char16_t *pText, const char16_t **ppSunk, void *) noexcept {
-  return storeSunk(kWSinkVerify, pText, ppSunk, &SinkCall::MEM_SinkVerifyCommon);
+  return storeSunk(kWSinkVerify, pText, ppSunk, &SinkCall::verifyCommon);
 }
 
 std::int16_t MEM_SinkDelete(const char *pSunk) noexcept {
@@ -383,4 +382,4 @@ std::int16_t MEM_WSinkDelete(const char16_t *pSunk) noexcept {
   return sinkDelete(kWSinkDelete, pSunk);
 }
 
-}  // namespace mem
+}  // namespace memlib

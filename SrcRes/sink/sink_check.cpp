@@ -6,7 +6,7 @@
 #include "sink/sink_index.h"
 #include "sink/sink_space.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -106,4 +106,4 @@ bool isValidSink(MEMProcessBlock &process) noexcept {
   return true;
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -3,11 +3,11 @@
 
 #include "qj7mem00/memproc.h"
 
-namespace mem {
+namespace memlib {
 
 // True when the index counts its slots right and has its copies in order, each of them in a string
 // space, and each segment's map and lengths say what the copies take. Changes nothing. REQUIRES:
 // the sink runs, its gate is held.
 bool isValidSink(MEMProcessBlock &process) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

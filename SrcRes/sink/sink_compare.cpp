@@ -5,7 +5,7 @@
 #include "base/bytes.h"
 #include "platform/textscan.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -49,4 +49,4 @@ std::size_t copyEnd(const std::uint8_t *pCopy) noexcept {
   return wideLength(pCopy) * sizeof(char16_t);
 }
 
-}  // namespace mem
+}  // namespace memlib

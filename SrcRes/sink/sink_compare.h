@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace mem {
+namespace memlib {
 
 // A caller's text, measured once.
 struct SinkText {
@@ -24,4 +24,4 @@ int PSTssecmp(const SinkText &input, const std::uint8_t *pCopy, std::size_t room
 // Position of the two zero bytes that end a copy.
 std::size_t copyEnd(const std::uint8_t *pCopy) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

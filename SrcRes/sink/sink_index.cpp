@@ -6,7 +6,7 @@
 #include "platform/platform.h"
 #include "sink/sink_trace.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -206,4 +206,4 @@ void removeSlot(MEMProcessBlock &process, std::uint32_t slot) noexcept {
   --process.Act;
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -13,7 +13,7 @@
 #include "sink/sink_compare.h"
 #include "sink/sink_space.h"
 
-namespace mem {
+namespace memlib {
 
 struct SinkSlot {
   std::uint8_t *pCopy;
@@ -55,4 +55,4 @@ SinkRoom reservedRoom(MEMProcessBlock &process, MEMSinkSegment &segment,
 
 void removeSlot(MEMProcessBlock &process, std::uint32_t slot) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

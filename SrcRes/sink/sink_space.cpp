@@ -8,7 +8,7 @@
 #include "base/bytes.h"
 #include "frame/hostaccess.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -205,4 +205,4 @@ std::size_t roomBehind(MEMProcessBlock &process, const std::uint8_t *pAddress) n
   return pSegment == nullptr ? 0 : static_cast<std::size_t>(pSegment->pLast - pAddress) + 1;
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -8,7 +8,7 @@
 #include "qj7mem00/memproc.h"
 #include "sink/sink_compare.h"
 
-namespace mem {
+namespace memlib {
 
 // A sink block: the allocation map, then the string space.
 //
@@ -88,4 +88,4 @@ MEMSinkSegment *segmentOf(MEMProcessBlock &process, const std::uint8_t *pAddress
 // Bytes from an address to the end of the string space around it.
 std::size_t roomBehind(MEMProcessBlock &process, const std::uint8_t *pAddress) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

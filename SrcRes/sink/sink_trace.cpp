@@ -4,7 +4,7 @@
 
 #include "base/bytes.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -234,4 +234,4 @@ void echoInput(CallFrame &frame, const SinkText &text, Echo echo) noexcept {
   frame.traceException(kLineEcho, record.c_str());
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -10,7 +10,7 @@
 #include "sink/sink_index.h"
 #include "sink/sink_space.h"
 
-namespace mem {
+namespace memlib {
 
 // Entry records.
 void traceSinking(CallFrame &frame, const SinkText &text) noexcept;
@@ -51,4 +51,4 @@ enum class Echo { ofLookUp, ofSinking };
 // no bytes at all.
 void echoInput(CallFrame &frame, const SinkText &text, Echo echo) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

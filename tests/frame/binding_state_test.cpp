@@ -13,7 +13,7 @@ namespace memtest {
 namespace {
 
 Bytes keptBytes() {
-  return bytesOf(&mem::binding, sizeof mem::binding);
+  return bytesOf(&memlib::binding, sizeof memlib::binding);
 }
 
 class BindingStateTest : public ::testing::Test {
@@ -48,18 +48,18 @@ class BindingStateTest : public ::testing::Test {
 };
 
 TEST_F(BindingStateTest, NothingIsKeptBeforeTheFirstBind) {
-  EXPECT_EQ(changedRanges(Bytes(sizeof mem::binding), keptBytes()), "");
+  EXPECT_EQ(changedRanges(Bytes(sizeof memlib::binding), keptBytes()), "");
 }
 
 TEST_F(BindingStateTest, BindKeepsAll80VectorsAndBothArguments) {
   bind(0x89ABCDEFU);
-  EXPECT_EQ(mem::binding.SysFlags, 0x89ABCDEFU);
-  EXPECT_EQ(mem::binding.pSysEnv, &host.sysEnv());
+  EXPECT_EQ(memlib::binding.SysFlags, 0x89ABCDEFU);
+  EXPECT_EQ(memlib::binding.pSysEnv, &host.sysEnv());
   for (std::size_t i = 0; i < std::size(hostCells); ++i) {
-    EXPECT_EQ(mem::binding.HostVector[i], hostCells[i]) << i;
+    EXPECT_EQ(memlib::binding.HostVector[i], hostCells[i]) << i;
   }
   for (std::size_t i = 0; i < std::size(serviceCells); ++i) {
-    EXPECT_EQ(mem::binding.ServiceVector[i], serviceCells[i]) << i;
+    EXPECT_EQ(memlib::binding.ServiceVector[i], serviceCells[i]) << i;
   }
 }
 
@@ -69,18 +69,18 @@ TEST_F(BindingStateTest, ASecondBindReplacesAllThatWasKept) {
   serviceCells[0] = &targets[5];
   serviceCells[47] = nullptr;
   ENV_FWV_V00M00_GFunc(hostList, serviceList, nullptr, 2, MEM_MODE_BIND);
-  EXPECT_EQ(mem::binding.SysFlags, 2U);
-  EXPECT_EQ(mem::binding.pSysEnv, nullptr);
-  EXPECT_EQ(mem::binding.HostVector[31], nullptr);
-  EXPECT_EQ(mem::binding.ServiceVector[0], &targets[5]);
-  EXPECT_EQ(mem::binding.ServiceVector[47], nullptr);
+  EXPECT_EQ(memlib::binding.SysFlags, 2U);
+  EXPECT_EQ(memlib::binding.pSysEnv, nullptr);
+  EXPECT_EQ(memlib::binding.HostVector[31], nullptr);
+  EXPECT_EQ(memlib::binding.ServiceVector[0], &targets[5]);
+  EXPECT_EQ(memlib::binding.ServiceVector[47], nullptr);
 }
 
 TEST_F(BindingStateTest, UnbindForgetsAllThatWasKept) {
   for (const std::int16_t mode : std::initializer_list<std::int16_t>{0, 2, -1}) {
     bind(0xFFFFFFFFU);
     ENV_FWV_V00M00_GFunc(hostList, serviceList, &host.sysEnv(), 0xFFFFFFFFU, mode);
-    EXPECT_EQ(changedRanges(Bytes(sizeof mem::binding), keptBytes()), "") << "mode " << mode;
+    EXPECT_EQ(changedRanges(Bytes(sizeof memlib::binding), keptBytes()), "") << "mode " << mode;
   }
 }
 

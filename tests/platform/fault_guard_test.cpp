@@ -76,19 +76,19 @@ constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
 // Work as a function object, with what its filter does.
 struct Work {
   std::function<void()> run;
-  std::function<std::int32_t()> filter = [] { return mem::kFaultEndsWork; };
+  std::function<std::int32_t()> filter = [] { return memlib::kFaultEndsWork; };
 };
 
 bool guarded(Work work) {
-  const mem::GuardedWork plain{
+  const memlib::GuardedWork plain{
       [](void *context) noexcept { static_cast<Work *>(context)->run(); },
       [](void *, void *context) noexcept { return static_cast<Work *>(context)->filter(); },
       [](void *) noexcept {}, &work};
-  return mem::runGuarded(plain);
+  return memlib::runGuarded(plain);
 }
 
 std::int32_t decline() {
-  return mem::kFaultIsNotOurs;
+  return memlib::kFaultIsNotOurs;
 }
 
 // The process's handler: it goes back to where `recovery` was set on its thread.
@@ -197,7 +197,7 @@ TEST_F(FaultGuardTest, PriceOfAGuardedCall) {
       EXPECT_EQ(sigactionCalls, 0);
     }}));
     sigactionCalls = 0;
-    mem::releaseGuards();
+    memlib::releaseGuards();
     EXPECT_EQ(sigactionCalls, 4);
   });
 }
@@ -213,7 +213,7 @@ TEST_F(FaultGuardTest, ErrnoIsAsBeforeTheFault) {
                          [&] {
                            errno = 1;
                            pages_.allow(1);
-                           return mem::kFaultIsMended;
+                           return memlib::kFaultIsMended;
                          }}));
     EXPECT_EQ(seen, 1234);
     pages_.forbid(1);
@@ -267,7 +267,7 @@ TEST_P(FaultJumpTest, OutOfTheFilter) {
       EXPECT_TRUE(jumpsOut([&] { guarded({faulting(), leave}); }));
       expectNothingLeft();
     }
-    mem::releaseGuards();
+    memlib::releaseGuards();
     expectNothingLeft();
   });
 }
@@ -292,7 +292,7 @@ TEST_P(FaultJumpTest, OutOfTheWorkOfAnotherThread) {
     other.join();
     EXPECT_TRUE(faultIsTheProcesss());
     EXPECT_FALSE(guarded({faulting()}));
-    mem::releaseGuards();
+    memlib::releaseGuards();
     expectNothingLeft();
   });
 }
@@ -301,7 +301,7 @@ TEST_P(FaultJumpTest, OutOfTheWorkOfAnotherThread) {
 TEST_P(FaultJumpTest, NoGuardOutlastsTheBinding) {
   inChildOnStack([&] {
     jumpsOut([] { guarded({[] { recover(0, nullptr, nullptr); }}); });
-    mem::releaseGuards();
+    memlib::releaseGuards();
     for (const int signal : kSignals) EXPECT_TRUE(isRecovery(signal)) << signal;
     std::atomic<int> step{0};
     std::thread other([&] {
@@ -364,7 +364,7 @@ TEST_P(FaultJumpTest, CallsOfTheFilter) {
     };
     EXPECT_FALSE(guarded({faulting(), [&] {
                             nested();
-                            return mem::kFaultEndsWork;
+                            return memlib::kFaultEndsWork;
                           }}));
     EXPECT_FALSE(guarded({[&] {
                             fault();
@@ -374,13 +374,13 @@ TEST_P(FaultJumpTest, CallsOfTheFilter) {
                           [&, times = 0]() mutable {
                             nested();
                             pages_.allow(1);
-                            return ++times == 1 ? mem::kFaultIsMended : mem::kFaultEndsWork;
+                            return ++times == 1 ? memlib::kFaultIsMended : memlib::kFaultEndsWork;
                           }}));
     pages_.forbid(1);
     EXPECT_TRUE(jumpsOut([&] {
       guarded({faulting(), [&] {
                  nested();
-                 return mem::kFaultIsNotOurs;
+                 return memlib::kFaultIsNotOurs;
                }});
     }));
     expectNothingLeft();
@@ -396,13 +396,13 @@ TEST_P(FaultJumpTest, DeclinedAndMendedByTheProcess) {
     handler.sa_handler = [](int) { pages->allow(1); };
     sigaction(SIGSEGV, &handler, nullptr);
     int declined = 0;
-    EXPECT_FALSE(
-        guarded({[&] {
-                   fault();
-                   pages_.forbid(1);
-                   fault();
-                 },
-                 [&] { return ++declined == 1 ? mem::kFaultIsNotOurs : mem::kFaultEndsWork; }}));
+    EXPECT_FALSE(guarded(
+        {[&] {
+           fault();
+           pages_.forbid(1);
+           fault();
+         },
+         [&] { return ++declined == 1 ? memlib::kFaultIsNotOurs : memlib::kFaultEndsWork; }}));
     EXPECT_EQ(declined, 2);
     EXPECT_EQ(currentOf(SIGSEGV).sa_handler, handler.sa_handler);
   });
@@ -426,7 +426,7 @@ TEST_F(FaultGuardTest, SentSignalsAreTheProcesss) {
           guarded({[&] { send(signal); },
                    [&] {
                      ++asked;
-                     return mem::kFaultEndsWork;
+                     return memlib::kFaultEndsWork;
                    }});
         }));
         EXPECT_EQ(asked, 0);
@@ -570,7 +570,7 @@ TEST_F(FaultGuardTest, ReporterThatPutsBackWhatItHasCovered) {
     EXPECT_EQ(reports[0], 0);
     EXPECT_TRUE(guarded({[] { installReporter(); }}));
     sigaction(SIGSEGV, &reportersBefore[0], nullptr);
-    mem::releaseGuards();
+    memlib::releaseGuards();
     expectNothingLeft();
   });
 }
@@ -690,7 +690,7 @@ class Worker {
       case 3: {
         const bool isDone = guarded({faults, [this] {
                                        pages_.allow(1);
-                                       return mem::kFaultIsMended;
+                                       return memlib::kFaultIsMended;
                                      }});
         pages_.forbid(1);
         return isDone;

@@ -5,7 +5,7 @@
 
 #include "pack/unpack/chain_text.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -171,4 +171,4 @@ Outcome ChainReader::takeNarrowText(const ContentPlace &place) noexcept {
   return badOffset(place.offset);
 }
 
-}  // namespace mem
+}  // namespace memlib

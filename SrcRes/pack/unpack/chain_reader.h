@@ -11,7 +11,7 @@
 #include "pack/unpack/file_control_block.h"
 #include "pack/unpack/workstorage.h"
 
-namespace mem {
+namespace memlib {
 
 // A content byte: block number, and offset from block offset 8.
 struct ContentPlace {
@@ -127,4 +127,4 @@ class ChainReader {
   WorkStorage work_;
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -8,7 +8,7 @@
 #include "pack/unpack/chain_reader.h"
 #include "platform/textscan.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -74,4 +74,4 @@ Outcome TextConverter::narrowUnits(std::byte *pText, std::uint32_t length) noexc
   return {};
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -7,7 +7,7 @@
 #include "pack/pack_failure.h"
 #include "pack/unpack/workstorage.h"
 
-namespace mem {
+namespace memlib {
 
 class ChainReader;
 
@@ -33,4 +33,4 @@ class TextConverter {
   WorkStorage area_;
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -7,7 +7,7 @@
 
 #include "pack/unpack/chain_reader.h"
 
-namespace mem {
+namespace memlib {
 
 // Where a pointer leads to. No value: it is null.
 using PointerTarget = std::optional<ContentPlace>;
@@ -108,4 +108,4 @@ class ChainWalk {
   std::int32_t depth_ = 0;  // current level; -1 once the walk is over
 };
 
-}  // namespace mem
+}  // namespace memlib

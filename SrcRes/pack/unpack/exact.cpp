@@ -3,7 +3,7 @@
 #include "pack/unpack/chain_walk.h"
 #include "pack/unpack/unpack_ways.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -112,4 +112,4 @@ Outcome unpackInPlace(ChainReader &chain, const ContentPlace &root) noexcept {
   return ChainWalk(chain, visitor).run(root);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -4,7 +4,7 @@
 
 #include "frame/hostaccess.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -127,4 +127,4 @@ void FileControlBlock::swap(const PackControlBlock &native) const noexcept {
   }
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -8,7 +8,7 @@
 #include "pack/pack_descriptors.h"
 #include "pack/pack_failure.h"
 
-namespace mem {
+namespace memlib {
 
 // A row of the version table: who wrote the chain.
 struct PackVersion {
@@ -74,4 +74,4 @@ class FileControlBlock {
   std::byte *pBytes_ = nullptr;
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -7,7 +7,7 @@
 #include "pack/unpack/pointer_fields.h"
 #include "pack/unpack/unpack_ways.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -487,4 +487,4 @@ bool unpackInOrder(const ChainReader &chain, const ContentPlace &root) noexcept 
                            : checkAndLink<false>(chain, pRules, empty, root);
 }
 
-}  // namespace mem
+}  // namespace memlib

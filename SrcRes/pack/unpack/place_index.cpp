@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace mem {
+namespace memlib {
 
 // At most 32,767 blocks of 1,024 words: the sizes stay far below 2^32.
 Outcome PlaceIndex::open() noexcept {
@@ -36,4 +36,4 @@ std::uint32_t PlaceIndex::seal() noexcept {
   return count;
 }
 
-}  // namespace mem
+}  // namespace memlib

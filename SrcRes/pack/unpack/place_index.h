@@ -7,7 +7,7 @@
 
 #include "pack/unpack/chain_reader.h"
 
-namespace mem {
+namespace memlib {
 
 class PlaceIndex {
  public:
@@ -54,4 +54,4 @@ class PlaceIndex {
   WorkStorage tables_;      // bits, then the number of places before each word
 };
 
-}  // namespace mem
+}  // namespace memlib

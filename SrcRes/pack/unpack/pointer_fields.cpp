@@ -4,7 +4,7 @@
 
 #include "base/copybytes.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -96,4 +96,4 @@ void copyRuns(const SegmentImage &from, const std::byte *pFrom, const SegmentIma
   }
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -5,7 +5,7 @@
 
 #include "pack/pack_descriptors.h"
 
-namespace mem {
+namespace memlib {
 
 // True when both describe the same kind of segment: the same way to tell its length and the same
 // pointer fields, at whatever offsets. A self-describing kind may have another letter here than in
@@ -42,4 +42,4 @@ struct SegmentImage {
 void copyRuns(const SegmentImage &from, const std::byte *pFrom, const SegmentImage &to,
               std::byte *pTo) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

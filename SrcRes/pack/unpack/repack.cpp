@@ -8,7 +8,7 @@
 #include "pack/unpack/pointer_fields.h"
 #include "pack/unpack/unpack_ways.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -376,4 +376,4 @@ Outcome repack(CallFrame &frame, ChainReader &chain, const ContentPlace &root,
   return {};
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -2,7 +2,7 @@
 #include "pack/unpack/pointer_fields.h"
 #include "pack/unpack/unpack_ways.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -36,4 +36,4 @@ Outcome unpackChain(CallFrame &frame, const PackControlBlock &callers, MemPackBl
   return repack(frame, chain, root, callers, pFirst, pRoot);
 }
 
-}  // namespace mem
+}  // namespace memlib

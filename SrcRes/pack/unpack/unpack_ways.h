@@ -6,7 +6,7 @@
 #include "pack/pack_failure.h"
 #include "pack/unpack/chain_reader.h"
 
-namespace mem {
+namespace memlib {
 
 // Unpacks the chain at `pFirst`, in place or into a new chain, which `pFirst` is set to then. All
 // work storage is back when it returns. `pFirst` and `pRoot` are written on success only.
@@ -32,4 +32,4 @@ bool unpackInOrder(const ChainReader &chain, const ContentPlace &root) noexcept;
 Outcome repack(CallFrame &frame, ChainReader &chain, const ContentPlace &root,
                const PackControlBlock &callers, MemPackBlock *&pNewFirst, void *&pNewRoot) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

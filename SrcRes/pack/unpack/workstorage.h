@@ -9,7 +9,7 @@
 #include "frame/hostaccess.h"
 #include "platform/check.h"
 
-namespace mem {
+namespace memlib {
 
 class WorkStorage {
  public:
@@ -46,4 +46,4 @@ class WorkStorage {
   std::uint32_t size_ = 0;
 };
 
-}  // namespace mem
+}  // namespace memlib

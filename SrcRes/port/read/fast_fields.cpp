@@ -3,7 +3,7 @@
 #include "port/read/from_text.h"
 #include "port/words.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -131,4 +131,4 @@ FastFields readFieldsFast(PortScanner &scanner, StructIndex &index, StructText &
   return FastFields::some;
 }
 
-}  // namespace mem
+}  // namespace memlib

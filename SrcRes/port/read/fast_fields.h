@@ -7,7 +7,7 @@
 #include "port/read/struct_index.h"
 #include "port/read/struct_text.h"
 
-namespace mem {
+namespace memlib {
 
 enum class FastFields {
   none,    // nothing was read
@@ -19,4 +19,4 @@ enum class FastFields {
 // piece. In front of any other it stops, with nothing of it read and nothing of the host called.
 FastFields readFieldsFast(PortScanner &scanner, StructIndex &index, StructText &text) noexcept;
 
-}  // namespace mem
+}  // namespace memlib

@@ -9,7 +9,7 @@
 #include "platform/check.h"
 #include "port/read/struct_text.h"
 
-namespace mem {
+namespace memlib {
 
 // A hash table by open addressing with at least two places a field, filled when it is asked first.
 class PresentOffsets {
@@ -59,4 +59,4 @@ class PresentOffsets {
   std::uint16_t places_[kMostPlaces];  // index of a field and 1; 0 for none
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -6,7 +6,7 @@
 #include "base/textparts.h"
 #include "port/words.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -227,8 +227,8 @@ bool readNarrowString(PortScanner &scanner, const MessagePoint &point, const MEM
          readString<Unit, readQuoted<Unit>>(scanner, point, length, pField);
 }
 
-bool MEM_PortStr2WPStr(PortScanner &scanner, const MessagePoint &point, const MEMFieldDef &,
-                       std::byte *pField) noexcept {
+bool readWPStr(PortScanner &scanner, const MessagePoint &point, const MEMFieldDef &,
+               std::byte *pField) noexcept {
   bool isNull = false;
   if (!readNull(scanner, pField, isNull) || isNull) return isNull;
   std::uint32_t codePoints = 0;
@@ -248,8 +248,8 @@ std::uint32_t hexDigit(char c) noexcept {
   return kNoHexDigit;
 }
 
-bool MEM_PortStr2Bin(PortScanner &scanner, const MessagePoint &point, const MEMFieldDef &field,
-                     std::byte *pField) noexcept {
+bool readBin(PortScanner &scanner, const MessagePoint &point, const MEMFieldDef &field,
+             std::byte *pField) noexcept {
   for (std::int32_t stored = 0;;) {
     char high = 0;
     char low = 0;
@@ -279,8 +279,8 @@ bool readNumber(PortScanner &scanner, const MessagePoint &, const MEMFieldDef &f
   return storeNumber(pField, type.storedLen, isNegative ? 0 - magnitude : magnitude);
 }
 
-bool MEM_PortStr2Bit(PortScanner &scanner, const MessagePoint &, const MEMFieldDef &field,
-                     std::byte *pField) noexcept {
+bool readBit(PortScanner &scanner, const MessagePoint &, const MEMFieldDef &field,
+             std::byte *pField) noexcept {
   if (field.Length < 1) return false;
   for (std::uint32_t bit = 0; bit < 8; ++bit) {
     char c = 0;
@@ -292,14 +292,14 @@ bool MEM_PortStr2Bit(PortScanner &scanner, const MessagePoint &, const MEMFieldD
   return true;
 }
 
-constexpr auto MEM_PortStr2Char = readPadded<char, readQuoted<char>>;
-constexpr auto MEM_PortStr2CharSZ = readTerminated<char, readQuoted<char>>;
-constexpr auto MEM_PortStr2PStr = readNarrowString<char>;
-constexpr auto MEM_PortStr2WChar = readPadded<char16_t, readWideQuoted>;
-constexpr auto MEM_PortStr2CharW = readPadded<char16_t, readQuoted<char16_t>>;
-constexpr auto MEM_PortStr2WCharSZ = readTerminated<char16_t, readWideQuoted>;
-constexpr auto MEM_PortStr2CharSZW = readTerminated<char16_t, readQuoted<char16_t>>;
-constexpr auto MEM_PortStr2PStrW = readNarrowString<char16_t>;
+constexpr auto readChar = readPadded<char, readQuoted<char>>;
+constexpr auto readCharSZ = readTerminated<char, readQuoted<char>>;
+constexpr auto readPStr = readNarrowString<char>;
+constexpr auto readWChar = readPadded<char16_t, readWideQuoted>;
+constexpr auto readNarrowWChar = readPadded<char16_t, readQuoted<char16_t>>;
+constexpr auto readWCharSZ = readTerminated<char16_t, readWideQuoted>;
+constexpr auto readNarrowWCharSZ = readTerminated<char16_t, readQuoted<char16_t>>;
+constexpr auto readNarrowWPStr = readNarrowString<char16_t>;
 
 constexpr FieldType::Opening kNone{kNoCharacter, nullptr};
 constexpr FieldType::Opening kNumber{kNumberOpening, readNumber};
@@ -313,32 +313,32 @@ constexpr bool kUnsigned = false;
 // elements of such tables.
 constexpr FieldType kFieldTypes[] = {
     {kNone, kNone, kAsDefined, kUnsigned, {nullptr, 0}, nullptr},  // of no type
-    {{'"', MEM_PortStr2Char}, kNone, kAsDefined, kUnsigned, kPointChar, kMissingPaddedQuote},
-    {{'"', MEM_PortStr2CharSZ}, kNone, kAsDefined, kUnsigned, kPointCharSZ, kMissingQuote},
-    {{kStringOpening, MEM_PortStr2PStr}, kNone, 8, kUnsigned, kPointPStr, kNotAString},
-    {{'H', MEM_PortStr2Bin}, kNone, kAsDefined, kUnsigned, kPointBin, "Not a hex field!"},
+    {{'"', readChar}, kNone, kAsDefined, kUnsigned, kPointChar, kMissingPaddedQuote},
+    {{'"', readCharSZ}, kNone, kAsDefined, kUnsigned, kPointCharSZ, kMissingQuote},
+    {{kStringOpening, readPStr}, kNone, 8, kUnsigned, kPointPStr, kNotAString},
+    {{'H', readBin}, kNone, kAsDefined, kUnsigned, kPointBin, "Not a hex field!"},
     {kNumber, kNone, 2, kSigned, kPointNumber, kNotANumber},
     {kNumber, kNone, 2, kUnsigned, kPointNumber, kNotANumber},
     {kNumber, kNone, 4, kSigned, kPointNumber, kNotANumber},
     {kNumber, kNone, 4, kUnsigned, kPointNumber, kNotANumber},
     {{kPointerOpening, nullptr}, kNone, 8, kUnsigned, kPointPointer, "Not a pointer field!"},
     {{'E', nullptr}, kNone, kAsDefined, kUnsigned, kPointEmbedded, "Substructure expected!"},
-    {{'B', MEM_PortStr2Bit}, kNone, kAsDefined, kUnsigned, kPointBit, "Not a bit field!"},
+    {{'B', readBit}, kNone, kAsDefined, kUnsigned, kPointBit, "Not a bit field!"},
     {kNumber, kNone, 8, kUnsigned, kPointNumber, kNotANumber},
     {kNumber, kNone, 8, kSigned, kPointNumber, kNotANumber},
-    {{'\'', MEM_PortStr2WChar},
-     {'"', MEM_PortStr2CharW},
+    {{'\'', readWChar},
+     {'"', readNarrowWChar},
      kAsDefined,
      kUnsigned,
      kPointWChar,
      kMissingWideQuote},
-    {{'\'', MEM_PortStr2WCharSZ},
-     {'"', MEM_PortStr2CharSZW},
+    {{'\'', readWCharSZ},
+     {'"', readNarrowWCharSZ},
      kAsDefined,
      kUnsigned,
      kPointWCharSZ,
      kMissingWideQuote},
-    {{'x', MEM_PortStr2WPStr}, {'X', MEM_PortStr2PStrW}, 8, kUnsigned, kPointWPStr, kNotAString},
+    {{'x', readWPStr}, {'X', readNarrowWPStr}, 8, kUnsigned, kPointWPStr, kNotAString},
 };
 static_assert(std::size(kFieldTypes) == MEM_PORT_WPSTR + 1);
 
@@ -361,4 +361,4 @@ bool fillString(PortScanner &scanner, std::uint32_t length, std::byte *pText) no
   return fillText<char, readQuoted<char>>(scanner, kPointPStr, length, pText);
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -9,7 +9,7 @@
 #include "port/read/port_scanner.h"
 #include "qj7mem00/memport.h"
 
-namespace mem {
+namespace memlib {
 
 // Reads a value behind its opening into the structure. False for a malformed one, mostly after a
 // message of its own; what was stored before stays. REQUIRES: storedLength(field) bytes at
@@ -87,4 +87,4 @@ inline bool storeNumber(std::byte *pField, std::int64_t length, std::uint64_t va
   }
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -4,7 +4,7 @@
 
 #include "base/textparts.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -70,4 +70,4 @@ Excerpts PortInput::excerpts() const noexcept {
   return made;
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -9,7 +9,7 @@
 #include "port/port_message.h"
 #include "qj7mem00/memport.h"
 
-namespace mem {
+namespace memlib {
 
 class PortInput {
  public:
@@ -78,4 +78,4 @@ class PortInput {
   const char *pEnd_ = nullptr;
 };
 
-}  // namespace mem
+}  // namespace memlib

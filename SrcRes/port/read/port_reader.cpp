@@ -8,7 +8,7 @@
 #include "port/read/field_offsets.h"
 #include "port/read/from_text.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -117,7 +117,7 @@ bool PortReader::readHead(StructText &text) noexcept {
   if (!scanner_.expect('(', kPointOpen, "Cannot find ( beginning a structure!")) return false;
   std::uint32_t structID = 0;
   if (!scanner_.number(structID)) return false;
-  const MEMStructDef *const pDef = MEM_Find_Struct_Def(pDefs_, structID);
+  const MEMStructDef *const pDef = findStructDef(pDefs_, structID);
   if (pDef == nullptr) return failStruct(kPointStructID, "Unknown StructID: ", structID, "!");
   text.pDef = pDef;
   text.size = pDef->Length;
@@ -318,4 +318,4 @@ bool PortReader::giveDefault(const StructText &text, const MEMFieldDef &field) n
   return !exists || applyDefault(field, text.bytes.at(field.Offset));
 }
 
-}  // namespace mem
+}  // namespace memlib

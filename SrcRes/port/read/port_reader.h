@@ -8,7 +8,7 @@
 #include "port/read/struct_index.h"
 #include "port/read/struct_text.h"
 
-namespace mem {
+namespace memlib {
 
 // One call of MEM_PortStrToStruct or MEM_Port1StrToStruct. Without a destructor: a fault may end
 // run() anywhere, so the caller closes the index heap.
@@ -57,4 +57,4 @@ class PortReader {
   std::uint32_t count_ = 0;  // structures that the header promises
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -1,6 +1,6 @@
 #include "port/read/port_scanner.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -47,4 +47,4 @@ bool PortScanner::fail(const MessagePoint &point, const char *pMessage) noexcept
   return false;
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -10,7 +10,7 @@
 #include "port/words.h"
 #include "qj7mem00/memvect.h"
 
-namespace mem {
+namespace memlib {
 
 // What ends a field's text: its separator or the end of the fields.
 constexpr bool isFieldEnd(char c) noexcept {
@@ -88,4 +88,4 @@ class PortScanner {
   std::uint64_t inputLength_ = 0;
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -5,7 +5,7 @@
 #include "frame/hostaccess.h"
 #include "platform/check.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -58,4 +58,4 @@ void StructIndex::settle(std::uint32_t index, void *pStruct) noexcept {
   pStructs_[index] = pStruct;
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -6,7 +6,7 @@
 #include "base/bytes.h"
 #include "qj7mem00/memvect.h"
 
-namespace mem {
+namespace memlib {
 
 // A pointer field that waits for its structure. The field itself holds the address of the next
 // waiting field meanwhile, but it may be written over by hostile text, so that nothing is ever
@@ -49,4 +49,4 @@ class StructIndex {
   WaitingField **pWaiting_ = nullptr;  // the reader's own record of the chains
 };
 
-}  // namespace mem
+}  // namespace memlib

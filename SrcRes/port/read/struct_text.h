@@ -7,7 +7,7 @@
 
 #include "port/port_defs.h"
 
-namespace mem {
+namespace memlib {
 
 // What a structure text is read into: bytes of one entry of the caller's heap. An embedded
 // structure lies within the entry of the structure around it.
@@ -75,4 +75,4 @@ struct StructText {
   SeenFields seen;
 };
 
-}  // namespace mem
+}  // namespace memlib

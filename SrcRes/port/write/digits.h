@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace mem {
+namespace memlib {
 
 // Characters that putReversed may store, with those behind the end that it returns.
 inline constexpr std::size_t kMostStoredDigits = 24;
@@ -42,4 +42,4 @@ inline char *putReversed(char *pTo, std::uint64_t value) noexcept {
   return pTo + last.length;
 }
 
-}  // namespace mem
+}  // namespace memlib

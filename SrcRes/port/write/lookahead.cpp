@@ -7,7 +7,7 @@
 #include "platform/platform.h"
 #include "port/write/port_writer.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -76,4 +76,4 @@ void PortLookahead::askForEntries(const MEMPortRef &ref, const KeyLookahead &ind
   }
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -12,7 +12,7 @@
 #include "frame/callframe.h"
 #include "port/write/port_plan.h"
 
-namespace mem {
+namespace memlib {
 
 class KeyLookahead;
 struct MEMPortRef;
@@ -47,4 +47,4 @@ class PortLookahead {
   bool isStopped_ = false;
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -6,7 +6,7 @@
 #include "heap/heapblocks.h"
 #include "platform/check.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -92,4 +92,4 @@ void PortOutput::writeHeader(std::uint32_t structures) noexcept {
   pText[2 + 2 * kDigits] = ')';
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -12,7 +12,7 @@
 #include "qj7mem00/memport.h"
 #include "qj7mem00/memvect.h"
 
-namespace mem {
+namespace memlib {
 
 // Appends characters, or lets a caller write them itself: at most room() from next() on, and then
 // advanceTo() what is behind them. What is stored behind the place advanced to is scratch: short
@@ -107,4 +107,4 @@ class PortOutput {
   char *pEnd_ = nullptr;   // where it is full
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -5,7 +5,7 @@
 #include "platform/check.h"
 #include "port/write/digits.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -113,4 +113,4 @@ void PortPlans::addFixed(std::string_view text) noexcept {
   addStep(stepOf(text, nullptr, 0, 0));
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -14,7 +14,7 @@
 
 #include "port/port_defs.h"
 
-namespace mem {
+namespace memlib {
 
 // Characters that are known before a structure is read, and the field whose value stands behind
 // them: "/" (unless the field is the first), its identifier and the letter that opens every number.
@@ -74,4 +74,4 @@ class PortPlans {
   FieldStep steps_[kMostSteps];
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -7,7 +7,7 @@
 #include "port/port_defs.h"
 #include "port/write/to_text.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -15,8 +15,8 @@ namespace {
 constexpr std::int16_t kRegistryMax = 1998;
 constexpr std::int16_t kRegistryAreaKB = 10;
 
-// 0..1998 from an 8-byte address.
-std::int16_t MEM_PortHash(const void *pKey) noexcept {
+// MEM_PortHash: 0..1998 from an 8-byte address.
+std::int16_t portHash(const void *pKey) noexcept {
   constexpr std::uint64_t kModulus = kRegistryMax + 1;
   const auto address = loadAs<std::uint64_t>(pKey);
   const std::uint64_t hashed = address % 8 == 0 ? address / 8 : address;
@@ -108,17 +108,17 @@ std::int16_t PortWriter::start() noexcept {
 
   HMEMHASH hRegistry = nullptr;
   if (functionVector().MEM_HashOpen(&hRegistry, offsetof(MEMPortRef, pStruct), sizeof(void *),
-                                    kRegistryMax, MEM_PortHash, kRegistryAreaKB, 0) != 0) {
+                                    kRegistryMax, portHash, kRegistryAreaKB, 0) != 0) {
     frame_.traceExit("MEM_HashOpen Return=FAILED");
     return -1;
   }
   hRegistry_ = hRegistry;
-  allowIndex(frame_, hRegistry, MEM_PortHash);
+  allowIndex(frame_, hRegistry, portHash);
   lookahead_.lookInto(hRegistry);
   return 0;
 }
 
-inline std::int16_t PortWriter::MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept {
+inline std::int16_t PortWriter::writeStructure(const MEMPortRef &ref, int nesting) noexcept {
   const StructPlan *pPlan = plans_.find(ref.StructID);
   if (pPlan == nullptr) return writeUnplanned(ref, nesting);
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
@@ -131,7 +131,7 @@ inline std::int16_t PortWriter::MEM_Struct2Port(const MEMPortRef &ref, int nesti
 std::int16_t PortWriter::writeAll() noexcept {
   for (; pRef_ != nullptr; pRef_ = pRef_->pNext) {
     askAhead();
-    if (const std::int16_t status = MEM_Struct2Port(*pRef_, 0); status != 0) return status;
+    if (const std::int16_t status = writeStructure(*pRef_, 0); status != 0) return status;
   }
   return 0;
 }
@@ -146,7 +146,7 @@ void PortWriter::askAhead() noexcept {
 }
 
 std::int16_t PortWriter::writeUnplanned(const MEMPortRef &ref, int nesting) noexcept {
-  const MEMStructDef *pDef = MEM_Find_Struct_Def(pDefs_, ref.StructID);
+  const MEMStructDef *pDef = findStructDef(pDefs_, ref.StructID);
   if (pDef == nullptr) {
     const ErrorText text =
         ErrorText("No such StructID:").decimal(static_cast<std::int32_t>(ref.StructID)).text("!");
@@ -215,22 +215,22 @@ inline std::int16_t PortWriter::writeValue(const MEMStructDef &def, const FieldS
     case MEM_PORT_SUBSTRUCTURE:
       return writeEmbedded(*step.pField, pField, nesting);
     case MEM_PORT_PSTR:
-      return ported(MEM_PStr2PortStr(output_, loadAs<const char *>(pField)), def, step);
+      return ported(appendPStr(output_, loadAs<const char *>(pField)), def, step);
     case MEM_PORT_WPSTR:
-      return ported(MEM_WPStr2PortStr(output_, loadAs<const char16_t *>(pField)), def, step);
+      return ported(appendWPStr(output_, loadAs<const char16_t *>(pField)), def, step);
     case MEM_PORT_CHAR:
-      return ported(MEM_Char2PortStr(output_, step.pField->Length, pField), def, step);
+      return ported(appendChar(output_, step.pField->Length, pField), def, step);
     case MEM_PORT_CHARSZ:
-      return ported(MEM_CharSZ2PortStr(output_, step.pField->Length, pField), def, step);
+      return ported(appendCharSZ(output_, step.pField->Length, pField), def, step);
     case MEM_PORT_WCHAR:
-      return ported(MEM_WChar2PortStr(output_, step.pField->Length, pField), def, step);
+      return ported(appendWChar(output_, step.pField->Length, pField), def, step);
     case MEM_PORT_WCHARSZ:
-      return ported(MEM_WCharSZ2PortStr(output_, step.pField->Length, pField), def, step);
+      return ported(appendWCharSZ(output_, step.pField->Length, pField), def, step);
     case MEM_PORT_BIN:
-      return ported(MEM_Bin2PortStr(output_, step.pField->Length, pField), def, step);
+      return ported(appendBin(output_, step.pField->Length, pField), def, step);
     case MEM_PORT_BIT:
       if (step.pField->Length != 1) return reportField(def, step);
-      return ported(MEM_Bit2PortStr(output_, pField), def, step);
+      return ported(appendBit(output_, pField), def, step);
     default:
       return step.pField == nullptr ? std::int16_t{0} : report(kPointType, "Unknown field type!");
   }
@@ -309,7 +309,7 @@ std::int16_t PortWriter::writeEmbedded(const MEMFieldDef &field, const std::byte
   if (const std::int16_t status = append('E'); status != 0) return status;
   const MEMPortRef embedded{
       .pStruct = pField, .StructID = field.SubStructID, .sequence = 0, .pNext = nullptr};
-  return MEM_Struct2Port(embedded, nesting + 1);
+  return writeStructure(embedded, nesting + 1);
 }
 
 // The status of a field that a converter has appended, or not.
@@ -346,4 +346,4 @@ std::int16_t PortWriter::report(const MessagePoint &point, const char *pMessage)
   return -1;
 }
 
-}  // namespace mem
+}  // namespace memlib

@@ -9,7 +9,7 @@
 #include "port/write/port_output.h"
 #include "port/write/port_plan.h"
 
-namespace mem {
+namespace memlib {
 
 // A structure that has a place in the port string. The address is the registry's key.
 struct MEMPortRef {
@@ -56,7 +56,8 @@ class PortWriter {
   std::uint32_t structures() const noexcept { return fresh_.sequence - 1; }
   std::int16_t writeAll() noexcept;
   void askAhead() noexcept;
-  std::int16_t MEM_Struct2Port(const MEMPortRef &ref, int nesting) noexcept;
+  // MEM_Struct2Port in error records.
+  std::int16_t writeStructure(const MEMPortRef &ref, int nesting) noexcept;
   std::int16_t writeUnplanned(const MEMPortRef &ref, int nesting) noexcept;
   std::int16_t writeCounted(const StructPlan &plan, const std::byte *pStruct, int nesting) noexcept;
   std::int16_t writeSteps(const MEMStructDef &def, StructPlan::Row row, const std::byte *pStruct,
@@ -98,4 +99,4 @@ class PortWriter {
   PortLookahead lookahead_{frame_, plans_};
 };
 
-}  // namespace mem
+}  // namespace memlib

@@ -9,7 +9,7 @@
 #include "platform/textscan.h"
 #include "port/words.h"
 
-namespace mem {
+namespace memlib {
 
 namespace {
 
@@ -146,23 +146,23 @@ bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
 
 }  // namespace
 
-bool MEM_Char2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+bool appendChar(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
   return appendEscaped(output, bytesOf(length, pField));
 }
 
-bool MEM_CharSZ2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+bool appendCharSZ(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
   const std::string_view field = bytesOf(length, pField);
   return appendQuoted(output, firstOf(field, std::min(field.find('\0'), field.size())));
 }
 
-bool MEM_PStr2PortStr(PortOutput &output, const char *pText) noexcept {
+bool appendPStr(PortOutput &output, const char *pText) noexcept {
   if (!output.append('X')) return false;
   if (pText == nullptr) return true;
   const std::string_view text(pText);
   return output.appendReversed(text.size()) && appendQuoted(output, text);
 }
 
-bool MEM_Bin2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+bool appendBin(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
   constexpr std::size_t kPiece = 256;
   if (!output.append('H')) return false;
   char piece[kPiece];
@@ -179,7 +179,7 @@ bool MEM_Bin2PortStr(PortOutput &output, std::int32_t length, const std::byte *p
   return output.append(std::string_view(piece, filled));
 }
 
-bool MEM_Bit2PortStr(PortOutput &output, const std::byte *pField) noexcept {
+bool appendBit(PortOutput &output, const std::byte *pField) noexcept {
   char text[] = "B00000000";
   const auto flags = std::to_integer<std::uint32_t>(*pField);
   for (std::uint32_t bit = 0; bit < 8; ++bit) {
@@ -188,16 +188,15 @@ bool MEM_Bit2PortStr(PortOutput &output, const std::byte *pField) noexcept {
   return output.append(std::string_view(text, 9));
 }
 
-bool MEM_WChar2PortStr(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
+bool appendWChar(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
   return appendWideQuoted(output, WideView(pField, wideUnits(length)));
 }
 
-bool MEM_WCharSZ2PortStr(PortOutput &output, std::int32_t length,
-                         const std::byte *pField) noexcept {
+bool appendWCharSZ(PortOutput &output, std::int32_t length, const std::byte *pField) noexcept {
   return appendWideQuoted(output, WideView(pField, wideLengthWithin(pField, wideUnits(length))));
 }
 
-bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept {
+bool appendWPStr(PortOutput &output, const char16_t *pText) noexcept {
   if (!output.append('x')) return false;
   if (pText == nullptr) return true;
   const WideView text(reinterpret_cast<const std::byte *>(pText), wideLength(pText));
@@ -206,4 +205,4 @@ bool MEM_WPStr2PortStr(PortOutput &output, const char16_t *pText) noexcept {
          output.appendReversed(pairs) && appendWideQuoted(output, text);
 }
 
-}  // namespace mem
+}  // namespace memlib

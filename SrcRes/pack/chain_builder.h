@@ -23,7 +23,7 @@ enum class Placement {
 };
 
 // The failure of an item that was not placed; `tooLong` is that of one too long for every block.
-inline PackFailure notPlaced(Placement placement, const PackFailure &tooLong) noexcept {
+inline StepFailure notPlaced(Placement placement, const StepFailure &tooLong) noexcept {
   if (placement == Placement::tooLong) return tooLong;
   if (placement == Placement::tooManyBlocks) return badBlockCount(MEM_PACK_MAX_BLOCKS + 1);
   return failure(MEMERR_PACKAMEM, ErrorText("NthBlkMemAllocFail"));

@@ -1,6 +1,6 @@
 // Entry points of packing and unpacking.
 #include "frame/callframe.h"
-#include "pack/pack_failure.h"
+#include "frame/outcome.h"
 #include "pack/packer.h"
 #include "pack/unpack/unpack_ways.h"
 
@@ -10,17 +10,6 @@ namespace {
 
 constexpr EntryPoint kPack{"MEM_Pack", kSourcePack, 402, 911};
 constexpr EntryPoint kUnpack{"MEM_Unpack", kSourcePack, 1004, 1688};
-
-// Traces, records and returns a failure. REQUIRES: all nested calls are done, since they clear the
-// error area.
-std::int16_t recordFailure(CallFrame &frame, const PackFailure &failed) noexcept {
-  if (failed.pExitText != nullptr) frame.traceExit(failed.pExitText);
-  if (failed.isRecorded) return frame.finish(failed.result);
-  return frame.fail({.code = failed.code,
-                     .text = failed.text.c_str(),
-                     .marksComponent = true,
-                     .result = failed.result});
-}
 
 }  // namespace
 
@@ -34,7 +23,7 @@ std::int16_t MEM_Pack(const MemPackCB *pPackCB, const void *pRoot, std::int32_t 
       const ErrorAreaKeeper keeper(frame);
       if (packer.hasTable()) packer.closeTable();
     }
-    return recordFailure(frame, *failed);
+    return finishWith(frame, *failed);
   }
   if (packer.closeTable() != 0) {
     // The chain is complete; only the table's storage is in doubt.
@@ -51,7 +40,7 @@ std::int16_t MEM_Unpack(MemPackBlock **ppFirstBlk, void **ppRoot,
   frame.traceEntry("Unpack Entry 1stBlk=%08X", pFirst);
   void *pRoot = nullptr;
   if (const Outcome failed = unpackChain(frame, PackControlBlock(pPackCB), pFirst, pRoot)) {
-    return recordFailure(frame, *failed);
+    return finishWith(frame, *failed);
   }
   *ppFirstBlk = pFirst;
   if (ppRoot != nullptr) *ppRoot = pRoot;

@@ -28,24 +28,24 @@ std::int16_t packHash(const void *pKey) noexcept {
   return static_cast<std::int16_t>(loadAs<std::uint8_t>(bytesAt(pKey, lowestByte)) >> 1);
 }
 
-PackFailure hashFailure(const char *pExitText) noexcept {
+StepFailure hashFailure(const char *pExitText) noexcept {
   return {.result = -1, .code = 0, .text = ErrorText(), .pExitText = pExitText, .isRecorded = true};
 }
 
-PackFailure badSegmentPointer(const void *pSegment) noexcept {
+StepFailure badSegmentPointer(const void *pSegment) noexcept {
   return failure(MEMERR_PACKSPTR, ErrorText("Invalid Segment Ptr=").pointer(pSegment));
 }
 
-PackFailure blockTooSmall(std::int32_t blockLen) noexcept {
+StepFailure blockTooSmall(std::int32_t blockLen) noexcept {
   return failure(MEMERR_PACKBMIN, ErrorText("BlockTooSmallforMemPackCB=").decimal(blockLen));
 }
 
-PackFailure segmentTooLarge(std::int64_t length) noexcept {
+StepFailure segmentTooLarge(std::int64_t length) noexcept {
   return failure(MEMERR_PACKBMIN,
                  ErrorText("SegmentLengthTooLarge=").decimal(static_cast<std::int16_t>(length)));
 }
 
-PackFailure stringTooLarge(std::int64_t length) noexcept {
+StepFailure stringTooLarge(std::int64_t length) noexcept {
   return failure(MEMERR_PACKBMIN,
                  ErrorText("StringLengthTooLarge=").decimal(static_cast<std::int32_t>(length)));
 }

@@ -64,7 +64,7 @@ class Packer {
   bool fixRecord(const PackRecord &record) noexcept;
   bool fixPointer(std::byte *pCopy, std::int16_t offset) noexcept;
 
-  MEM_NOINLINE bool fail(const PackFailure &failed) noexcept {
+  MEM_NOINLINE bool fail(const StepFailure &failed) noexcept {
     failed_ = failed;
     return false;
   }

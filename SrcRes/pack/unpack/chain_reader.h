@@ -19,17 +19,17 @@ struct ContentPlace {
   std::uint32_t offset;
 };
 
-inline PackFailure badBlockNumber(std::int32_t block) noexcept {
+inline StepFailure badBlockNumber(std::int32_t block) noexcept {
   return failure(MEMERR_PACKRBLK,
                  ErrorText("Invalid Relative Blk=").decimal(static_cast<std::int16_t>(block)));
 }
 
-inline PackFailure badOffset(std::uint32_t offset) noexcept {
+inline StepFailure badOffset(std::uint32_t offset) noexcept {
   return failure(MEMERR_PACKROFF,
                  ErrorText("Invalid Relative Offset=").decimal(static_cast<std::int16_t>(offset)));
 }
 
-inline PackFailure reachedTwice() noexcept {
+inline StepFailure reachedTwice() noexcept {
   return failure(MEMERR_PACKCYCL, ErrorText("RecursiveStructure"));
 }
 

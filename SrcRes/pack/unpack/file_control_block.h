@@ -55,7 +55,7 @@ class FileControlBlock {
   void swap(const PackControlBlock &native) const noexcept;
 
   // For a kind that is not valid: names its descriptor in the file.
-  PackFailure badKind(std::int32_t index) const noexcept { return badDescriptor(at(index)); }
+  StepFailure badKind(std::int32_t index) const noexcept { return badDescriptor(at(index)); }
 
  private:
   static constexpr std::uint32_t kHeadLen = 6;  // used length and version, in content offsets

@@ -17,25 +17,25 @@ constexpr std::int32_t kLineDirection = 1341;
 // The longest item of a new block.
 constexpr std::int64_t kMostOfABlock = MEM_UNPACK_BLOCK_LEN - MEM_PACK_BLOCK_OVERHEAD;
 
-PackFailure blockTooSmall() noexcept {
+StepFailure blockTooSmall() noexcept {
   return failure(MEMERR_PACKBMIN,
                  ErrorText("BlockTooSmallforMemPackCBinUnpack=").decimal(MEM_UNPACK_BLOCK_LEN));
 }
 
-PackFailure segmentTooLarge(std::int64_t length) noexcept {
+StepFailure segmentTooLarge(std::int64_t length) noexcept {
   return failure(
       MEMERR_PACKBMIN,
       ErrorText("SegmentLengthTooLargeinUnpack=").decimal(static_cast<std::int16_t>(length)));
 }
 
 // Of text that no new block can hold: by itself, or with the room that wide text gets.
-PackFailure textTooLarge(std::int64_t length) noexcept {
+StepFailure textTooLarge(std::int64_t length) noexcept {
   const char *const pText =
       length > kMostOfABlock ? "StrBufLengthTooLargeinUnpack=" : "StrBufLengthTooLargeinRepack=";
   return failure(MEMERR_PACKBMIN, ErrorText(pText).decimal(static_cast<std::int16_t>(length)));
 }
 
-PackFailure noStorage(const char *pText) noexcept {
+StepFailure noStorage(const char *pText) noexcept {
   return failure(MEMERR_PACKAMEM, ErrorText(pText));
 }
 

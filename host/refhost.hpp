@@ -119,9 +119,12 @@ struct Leak {
   std::uint16_t kind;
 };
 
+/** Misuses that are kept until they are read. */
+inline constexpr std::size_t kKeptMisuses = 1000;
+
 /** A return of storage that does not match how it was obtained, or another wrong use of a service
- * (a gate released by a thread that does not hold it, frames left out of order). Kept until read.
- */
+ * (a gate released by a thread that does not hold it, frames left out of order). The first
+ * kKeptMisuses since the last look are kept; one more then gives the number of the rest. */
 struct Misuse {
   Service service;
   std::string what;

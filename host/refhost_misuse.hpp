@@ -1,6 +1,8 @@
-// The list of wrong uses of services that a host has seen. Any thread may report and take.
+// The list of misuses of services that a host has seen, of bounded length. Any thread may report
+// and take.
 #pragma once
 
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -14,17 +16,28 @@ class MisuseLog {
  public:
   void report(Service service, std::string what) {
     const std::lock_guard lock(mutex_);
-    misuses_.push_back({service, std::move(what)});
+    if (misuses_.size() < kKeptMisuses) {
+      misuses_.push_back({service, std::move(what)});
+    } else {
+      ++notKept_;
+      lastNotKept_ = service;
+    }
   }
 
   std::vector<Misuse> take() {
     const std::lock_guard lock(mutex_);
+    if (notKept_ != 0) {
+      misuses_.push_back({lastNotKept_, formatText("%llu more misuses were not kept", notKept_)});
+      notKept_ = 0;
+    }
     return std::exchange(misuses_, {});
   }
 
  private:
   std::mutex mutex_;
   std::vector<Misuse> misuses_;
+  std::uint64_t notKept_ = 0;
+  Service lastNotKept_{};
 };
 
 }  // namespace refhost

@@ -210,6 +210,20 @@ TEST_F(HostRuntimeTest, OtherComponentsAreReported) {
   expectMisuse(Service::EnterFrame, "component -1 is not known");
 }
 
+TEST_F(HostRuntimeTest, KeepsABoundedNumberOfMisuses) {
+  const std::size_t kept = refhost::kKeptMisuses;
+  const auto misuse = [this] { host_.runtime().SetAnchor(0, 4, nullptr); };
+  for (std::size_t i = 0; i < kept; ++i) misuse();
+  EXPECT_EQ(host_.takeMisuses().size(), kept);
+  for (std::size_t i = 0; i < kept + 3; ++i) misuse();
+  const auto misuses = host_.takeMisuses();
+  ASSERT_EQ(misuses.size(), kept + 1);
+  EXPECT_EQ(misuses[kept - 1].what, "component 4 is not known");
+  EXPECT_EQ(misuses[kept].service, Service::SetAnchor);
+  EXPECT_EQ(misuses[kept].what, "3 more misuses were not kept");
+  EXPECT_TRUE(host_.takeMisuses().empty());
+}
+
 TEST_F(HostRuntimeTest, LooksMessagesUpInTheRegisteredTable) {
   const MEMMessageRow table[] = {{4030, 0, "MEMERR_HASHAMEM", "CtlBlk getmain failed", ""},
                                  {4031, 0, "MEMERR_HASHBHDL", "Bad Hash CtlBlk handle", ""},

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -12,6 +13,11 @@
 namespace refhost {
 
 constinit Host::Impl *activeHost = nullptr;
+
+std::mutex &threadEndMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
 
 namespace {
 
@@ -91,10 +97,12 @@ Host::Impl::Impl(const Options &options)
   hostCells[MEM_HOST_TEXT] = &textServices;
   hostCells[MEM_HOST_VECTOR] = &vector;
   fillTables();
+  const std::lock_guard lock(threadEndMutex());
   activeHost = this;
 }
 
 Host::Impl::~Impl() {
+  const std::lock_guard lock(threadEndMutex());
   activeHost = nullptr;
 }
 

@@ -8,12 +8,15 @@
  * process at a time (constructing a second one is a logic_error).
  * It keeps the rules of the real runtime strictly: a wrong use of a service is refused where that
  * is possible and is reported as a Misuse in any case.
+ * When a thread ends, what it has left behind is reported: gates that it holds, an open frame, an
+ * active thread block. A gate whose owner has ended is never waited for. Nothing else of an ended
+ * thread is kept, so a host may serve any number of threads in turn.
  *
  * Threading: services may be called on any number of threads at once. The members of Host that
  * read state (account, calls, records, message, …) may be called at any time; those that change
  * settings (setTraceFlags, arm, record…, onTrace) may too, and take effect at the next call.
  * Construction, destruction, bind, unbind and restoreSlots must not overlap any call through the
- * vector.
+ * vector. A thread may end at any time, before, during and after the host's destruction.
  */
 #pragma once
 
@@ -70,7 +73,7 @@ std::string_view serviceName(Service service);
 inline constexpr std::uint16_t kNoStorage = 8;    /**< more than kMaxStorage, or none left */
 inline constexpr std::uint16_t kBadArgument = 12; /**< a value that the service does not know */
 inline constexpr std::uint16_t kNoGate = 16;      /**< gate not made, or deleted */
-inline constexpr std::uint16_t kGateOwned = 20;   /**< acquired again by the thread that holds it */
+inline constexpr std::uint16_t kGateOwned = 20;   /**< held by this thread or one that has ended */
 inline constexpr std::uint16_t kNotStorage = 24;  /**< range not inside one live area */
 inline constexpr std::uint16_t kNotProtectable = 28; /**< area without pages of its own */
 inline constexpr std::uint16_t kBadText = 32;        /**< text that is not valid in its code page */
@@ -123,8 +126,9 @@ struct Leak {
 inline constexpr std::size_t kKeptMisuses = 1000;
 
 /** A return of storage that does not match how it was obtained, or another wrong use of a service
- * (a gate released by a thread that does not hold it, frames left out of order). The first
- * kKeptMisuses since the last look are kept; one more then gives the number of the rest. */
+ * (a gate released by a thread that does not hold it, frames left out of order, a thread that ended
+ * with any of this open: the service is then the one that was not called). The first kKeptMisuses
+ * since the last look are kept; one more then gives the number of the rest. */
 struct Misuse {
   Service service;
   std::string what;
@@ -198,9 +202,9 @@ class Host {
   /** @} */
 
   /** @name The calling thread's environment
-   * Made at first use, all zero but for its trace buffer. It lives as long as the host, also when
-   * its thread has ended. With withoutThreadEnv(true) frames entered from then on get a null
-   * environment, on all threads. */
+   * Made at first use, all zero but for its trace buffer. It lives until its thread or the host
+   * ends. With withoutThreadEnv(true) frames entered from then on get a null environment, on all
+   * threads. */
   /** @{ */
   MEMThreadEnv &thread();
   void withoutThreadEnv(bool missing);
@@ -227,8 +231,8 @@ class Host {
 
   /** @name Gates */
   /** @{ */
-  std::size_t gateCount() const; /**< gates made and not deleted */
-  std::size_t heldGateCount() const;
+  std::size_t gateCount() const;     /**< gates made and not deleted */
+  std::size_t heldGateCount() const; /**< with those whose owner has ended */
   /** @} */
 
   std::vector<Misuse> takeMisuses();

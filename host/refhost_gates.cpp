@@ -1,6 +1,7 @@
 #include "refhost_gates.hpp"
 
 #include <algorithm>
+#include <vector>
 
 #include "refhost_impl.hpp"
 
@@ -22,7 +23,7 @@ void GateTable::destroy(std::uint32_t handle) {
   const auto found = gates_.find(handle);
   if (found == gates_.end()) {
     reportUnknown(kService, handle);
-  } else if (found->second.owner != nullptr || found->second.waiters != 0) {
+  } else if (found->second.isInUse()) {
     // The gate stays: its threads would otherwise wait on freed memory.
     misuses_.report(kService, formatText("gate %u is in use", handle));
   } else {
@@ -39,14 +40,18 @@ std::uint16_t GateTable::acquire(std::uint32_t handle, const ThreadState &thread
     return kNoGate;
   }
   Gate &gate = found->second;
-  if (gate.owner == &thread) {
+  if (gate.owner == thread.number) {
     misuses_.report(kService, formatText("gate %u is held by the same thread", handle));
     return kGateOwned;
   }
   ++gate.waiters;
-  gate.freed.wait(lock, [&gate] { return gate.owner == nullptr; });
+  gate.freed.wait(lock, [&gate] { return gate.owner == 0 || gate.ownerHasEnded; });
   --gate.waiters;
-  gate.owner = &thread;
+  if (gate.ownerHasEnded) {
+    misuses_.report(kService, formatText("gate %u is held by a thread that has ended", handle));
+    return kGateOwned;
+  }
+  gate.owner = thread.number;
   return 0;
 }
 
@@ -56,12 +61,29 @@ void GateTable::release(std::uint32_t handle, const ThreadState &thread) {
   const auto found = gates_.find(handle);
   if (found == gates_.end()) return reportUnknown(kService, handle);
   Gate &gate = found->second;
-  if (gate.owner != &thread) {
+  if (gate.owner != thread.number) {
     misuses_.report(kService, formatText("gate %u is not held by the calling thread", handle));
     return;
   }
-  gate.owner = nullptr;
+  gate.owner = 0;
   if (gate.waiters != 0) gate.freed.notify_one();
+}
+
+void GateTable::endThread(const ThreadState &thread) {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::uint32_t> held;
+  for (auto &[handle, gate] : gates_) {
+    if (gate.owner != thread.number) continue;
+    gate.ownerHasEnded = true;
+    gate.freed.notify_all();
+    held.push_back(handle);
+  }
+  std::sort(held.begin(), held.end());
+  for (const std::uint32_t handle : held) {
+    misuses_.report(
+        Service::ReleaseGate,
+        formatText("a thread ended while it held gate %u: ReleaseGate was not called", handle));
+  }
 }
 
 std::size_t GateTable::count() const {
@@ -72,7 +94,7 @@ std::size_t GateTable::count() const {
 std::size_t GateTable::heldCount() const {
   const std::lock_guard lock(mutex_);
   return static_cast<std::size_t>(std::count_if(
-      gates_.begin(), gates_.end(), [](const auto &gate) { return gate.second.owner != nullptr; }));
+      gates_.begin(), gates_.end(), [](const auto &gate) { return gate.second.owner != 0; }));
 }
 
 namespace services {

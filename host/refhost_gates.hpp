@@ -2,7 +2,8 @@
 //
 // One mutex guards all gates and is held for a few instructions only; a thread waits for a gate on
 // the gate's own condition. So a gate that somebody holds for ever can still be deleted with the
-// host, and wrong uses are seen before they block.
+// host, and wrong uses are seen before they block. A gate whose owner has ended stays that owner's:
+// what it guards may be half changed. Nobody gets it any more, nobody waits for it.
 #pragma once
 
 #include <condition_variable>
@@ -24,18 +25,26 @@ class GateTable {
   std::uint32_t create();
   void destroy(std::uint32_t handle);
 
-  // Waits until the gate is free and makes the thread its owner. 0 or the service's code.
+  // Waits until the gate is free and makes the thread its owner, or until its owner ends. 0 or the
+  // service's code.
   std::uint16_t acquire(std::uint32_t handle, const ThreadState &thread);
   void release(std::uint32_t handle, const ThreadState &thread);
+
+  // Reports the gates that the thread still holds and wakes who waits for them.
+  void endThread(const ThreadState &thread);
 
   std::size_t count() const;
   std::size_t heldCount() const;
 
  private:
   struct Gate {
-    const ThreadState *owner = nullptr;  // null: free
-    std::uint32_t waiters = 0;           // threads inside acquire
+    std::uint64_t owner = 0;  // number of a thread, 0: free
+    bool ownerHasEnded = false;
+    std::uint32_t waiters = 0;  // threads inside acquire
     std::condition_variable freed;
+
+    // A thread may still look at it. One that has ended does not.
+    bool isInUse() const { return (owner != 0 && !ownerHasEnded) || waiters != 0; }
   };
 
   void reportUnknown(Service service, std::uint32_t handle);

@@ -26,6 +26,10 @@ struct Host::Impl {
 
   void fillTables();
 
+  // Reports what the calling thread, which ends, has left behind, and forgets the thread. A number
+  // that is not a thread of this host's is ignored.
+  void endThread(std::uint64_t number);
+
   MisuseLog misuses;
   StorageAccount storage;
   GateTable gates{misuses};
@@ -63,6 +67,10 @@ struct Host::Impl {
 // The host that all services work for; null while there is none. Set by construction and
 // destruction only, which overlap no service call.
 extern Host::Impl *activeHost;
+
+// Held while activeHost is set and while it is told of a thread's end, for these may overlap. Made
+// by the first host, so it lives longer than any.
+std::mutex &threadEndMutex();
 
 // One run of a service: counts it, shows it to the recorder and asks whether it is to fail. Costs
 // next to nothing while nobody records and no fault is armed.

@@ -32,6 +32,14 @@ void unloadLibrary(void *library);
 // The memory services' file name on this platform.
 const char *libraryFileName();
 
+// Calls `ended(value)` on the calling thread when it ends, after the destructors of its
+// thread-local objects where threads are POSIX threads. Of several calls on a thread the last one
+// holds; there, a thread may ask once more during or after `ended`. No call is promised to threads
+// that still run when the program ends, to the one that ends it, and where the system has no room
+// to remember it.
+// REQUIRES: `ended` is the same at every call; `value` is not null.
+void atThreadEnd(void (*ended)(void *), void *value);
+
 // Full path of the running program.
 std::filesystem::path programPath();
 

@@ -1,6 +1,5 @@
-// Threads, trace frames, anchors and the message table.
+// Trace frames, anchors and the message table.
 #include <cstring>
-#include <new>
 
 #include "refhost_impl.hpp"
 
@@ -10,64 +9,27 @@ namespace {
 
 // The host's own bytes 16 to 31 of a frame: whose it is while it is entered, all zero otherwise.
 struct FrameStamp {
-  const ThreadState *thread;
+  std::uint64_t thread;  // its number
   std::uint64_t reserved;
 };
 static_assert(sizeof(FrameStamp) == sizeof(MEMTraceFrame::Reserved16));
 
-void stamp(MEMTraceFrame *frame, const ThreadState *thread) {
+void stamp(MEMTraceFrame *frame, std::uint64_t thread) {
   const FrameStamp value{thread, 0};
   std::memcpy(frame->Reserved16, &value, sizeof(value));
 }
 
-bool isEntered(const MEMTraceFrame *frame, const ThreadState *thread) {
+bool isEntered(const MEMTraceFrame *frame, const ThreadState &thread) {
   FrameStamp value;
   std::memcpy(&value, frame->Reserved16, sizeof(value));
-  return value.thread == thread;
+  return value.thread == thread.number;
 }
 
 const char *nameOf(const MEMTraceFrame *frame) {
   return frame == nullptr || frame->pName == nullptr ? "" : frame->pName;
 }
 
-std::atomic<std::uint64_t> lastGeneration{0};
-
 }  // namespace
-
-ThreadState::ThreadState() {
-  env.pTraceBuf = new (traceBytes_) MEMTraceBuf{};
-}
-
-constinit thread_local ThreadTable::OwnState ThreadTable::ownState_{0, nullptr};
-
-ThreadTable::ThreadTable() : generation_(++lastGeneration) {}
-
-ThreadState &ThreadTable::addThread() {
-  auto made = std::make_unique<ThreadState>();
-  ownState_ = {generation_, made.get()};
-  const std::lock_guard lock(mutex_);
-  threads_.push_back(std::move(made));
-  return *ownState_.state;
-}
-
-// REQUIRES: mutex_ held.
-std::uint64_t ThreadTable::totalCalls(std::size_t service) const {
-  std::uint64_t sum = 0;
-  for (const auto &thread : threads_) sum += thread->calls(static_cast<Service>(service));
-  return sum;
-}
-
-std::uint64_t ThreadTable::calls(Service service) const {
-  const auto index = static_cast<std::size_t>(service);
-  const std::lock_guard lock(mutex_);
-  return totalCalls(index) - callsBeforeReset_[index];
-}
-
-// Counters belong to their threads, so they run on; what they held by now is taken off.
-void ThreadTable::resetCalls() {
-  const std::lock_guard lock(mutex_);
-  for (std::size_t i = 0; i < kServiceCount; ++i) callsBeforeReset_[i] = totalCalls(i);
-}
 
 void Call::begin(const std::array<std::uint64_t, 4> &args) {
   const bool isFrameCall = service_ == Service::EnterFrame || service_ == Service::LeaveFrame;
@@ -112,13 +74,13 @@ void enterFrame(MEMTraceFrame *pFrame, std::int32_t component) {
   pFrame->pThreadEnv =
       call.host().threadEnvMissing.load(std::memory_order_relaxed) ? nullptr : &thread.env;
   pFrame->TraceFlags = call.host().traceFlags.load(std::memory_order_relaxed);
-  stamp(pFrame, &thread);
+  stamp(pFrame, thread.number);
   thread.innermost = pFrame;
 }
 
 bool unwindTo(ThreadState &thread, MEMTraceFrame *frame) {
   // Frames in between may be gone with their functions, so they are not looked at.
-  if (!isEntered(frame, &thread)) return false;
+  if (!isEntered(frame, thread)) return false;
   thread.innermost = frame;
   return true;
 }
@@ -134,7 +96,7 @@ void leaveFrame(MEMTraceFrame *pFrame, std::int32_t component) {
     call.misuse(formatText("frame \"%s\" was left before frames inside it", nameOf(pFrame)));
   }
   thread.innermost = static_cast<MEMTraceFrame *>(pFrame->pHostLink);
-  stamp(pFrame, nullptr);
+  stamp(pFrame, 0);
 }
 
 std::uint16_t getAnchor(std::int32_t zero, std::int32_t component, void **ppAnchor) {

@@ -1,4 +1,4 @@
-// What the host keeps for each thread, and how a thread finds its own.
+// What the host keeps for each thread that runs, and how a thread finds its own.
 #pragma once
 
 #include <array>
@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <vector>
+#include <unordered_map>
 
 #include "refhost.hpp"
 
@@ -17,7 +17,7 @@ namespace refhost {
 // read.
 class ThreadState {
  public:
-  ThreadState();
+  ThreadState();  // with a number that no thread of the process had before
   ThreadState(const ThreadState &) = delete;
   ThreadState &operator=(const ThreadState &) = delete;
 
@@ -34,6 +34,7 @@ class ThreadState {
   // buffer: it is the tests' to change.
   char *traceText() { return reinterpret_cast<char *>(traceBytes_) + offsetof(MEMTraceBuf, Text); }
 
+  const std::uint64_t number;  // from 1; names the thread in frames and gates, also after its end
   MEMThreadEnv env{};
   MEMTraceFrame *innermost = nullptr;  // frame entered last, linked by pHostLink to the one before
 
@@ -43,7 +44,7 @@ class ThreadState {
   alignas(MEMTraceBuf) std::byte traceBytes_[offsetof(MEMTraceBuf, Text) + kTraceTextRoom] = {};
 };
 
-// All threads that a host has seen. States live as long as the table.
+// All threads that a host has seen and that have not ended.
 class ThreadTable {
  public:
   ThreadTable();
@@ -53,12 +54,15 @@ class ThreadTable {
     return ownState_.generation == generation_ ? *ownState_.state : addThread();
   }
 
+  // Takes the calling thread, which ends, out of the table. Null when the number is not a thread of
+  // this table's.
+  std::unique_ptr<ThreadState> remove(std::uint64_t number);
+
   std::uint64_t calls(Service service) const;
   void resetCalls();
 
  private:
-  // A thread's way to its state. It has no destructor, so nothing runs when a thread or the program
-  // ends; a table that no longer exists is recognised by its generation.
+  // A thread's way to its state. A table that no longer exists is recognised by its generation.
   struct OwnState {
     std::uint64_t generation;
     ThreadState *state;
@@ -71,7 +75,8 @@ class ThreadTable {
 
   const std::uint64_t generation_;  // never used before in this process, from 1
   mutable std::mutex mutex_;
-  std::vector<std::unique_ptr<ThreadState>> threads_;
+  std::unordered_map<std::uint64_t, std::unique_ptr<ThreadState>> threads_;  // by number
+  std::array<std::uint64_t, kServiceCount> callsOfEnded_{};
   std::array<std::uint64_t, kServiceCount> callsBeforeReset_{};
 };
 

@@ -197,11 +197,12 @@ TEST_F(HostGatesTest, AllServicesRunOnSeveralThreadsWhileTheyAreWatched) {
 }
 
 TEST_F(HostGatesTest, EachThreadHasAnEnvironmentOfItsOwn) {
-  MEMThreadEnv *other = nullptr;
-  std::thread([&] { other = &host_.thread(); }).join();
-  EXPECT_NE(other, nullptr);
-  EXPECT_NE(other, &host_.thread());
-  EXPECT_NE(other->pTraceBuf, host_.thread().pTraceBuf);
+  MEMThreadEnv *const own = &host_.thread();
+  std::thread([&] {
+    EXPECT_NE(&host_.thread(), own);
+    EXPECT_NE(host_.thread().pTraceBuf, own->pTraceBuf);
+  }).join();
+  EXPECT_EQ(&host_.thread(), own);
 }
 
 }  // namespace

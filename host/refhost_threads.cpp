@@ -1,0 +1,94 @@
+// The table of threads, and the end of one.
+#include "refhost_threads.hpp"
+
+#include <new>
+#include <utility>
+
+#include "refhost_impl.hpp"
+#include "refhost_platform.hpp"
+
+namespace refhost {
+
+namespace {
+
+std::atomic<std::uint64_t> lastThread{0};
+std::atomic<std::uint64_t> lastGeneration{0};
+
+// A thread's number tells the host that knows it from all others: the host may have been destroyed
+// since, and another may be there. The lock keeps the host from being destroyed meanwhile.
+void threadEnded(void *number) {
+  const std::lock_guard lock(threadEndMutex());
+  if (activeHost != nullptr) activeHost->endThread(reinterpret_cast<std::uintptr_t>(number));
+}
+
+}  // namespace
+
+ThreadState::ThreadState() : number(++lastThread) {
+  env.pTraceBuf = new (traceBytes_) MEMTraceBuf{};
+}
+
+constinit thread_local ThreadTable::OwnState ThreadTable::ownState_{0, nullptr};
+
+ThreadTable::ThreadTable() : generation_(++lastGeneration) {}
+
+ThreadState &ThreadTable::addThread() {
+  auto made = std::make_unique<ThreadState>();
+  ThreadState &state = *made;
+  {
+    const std::lock_guard lock(mutex_);
+    threads_.emplace(state.number, std::move(made));
+  }
+  ownState_ = {generation_, &state};
+  platform::atThreadEnd(threadEnded, reinterpret_cast<void *>(std::uintptr_t{state.number}));
+  return state;
+}
+
+std::unique_ptr<ThreadState> ThreadTable::remove(std::uint64_t number) {
+  const std::lock_guard lock(mutex_);
+  const auto found = threads_.find(number);
+  if (found == threads_.end()) return nullptr;
+  std::unique_ptr<ThreadState> removed = std::move(found->second);
+  threads_.erase(found);
+  for (std::size_t i = 0; i < kServiceCount; ++i) {
+    callsOfEnded_[i] += removed->calls(static_cast<Service>(i));
+  }
+  ownState_ = {0, nullptr};  // a service that is called later on this thread begins anew
+  return removed;
+}
+
+// REQUIRES: mutex_ held.
+std::uint64_t ThreadTable::totalCalls(std::size_t service) const {
+  std::uint64_t sum = callsOfEnded_[service];
+  for (const auto &[number, thread] : threads_) sum += thread->calls(static_cast<Service>(service));
+  return sum;
+}
+
+std::uint64_t ThreadTable::calls(Service service) const {
+  const auto index = static_cast<std::size_t>(service);
+  const std::lock_guard lock(mutex_);
+  return totalCalls(index) - callsBeforeReset_[index];
+}
+
+// Counters belong to their threads, so they run on; what they held by now is taken off.
+void ThreadTable::resetCalls() {
+  const std::lock_guard lock(mutex_);
+  for (std::size_t i = 0; i < kServiceCount; ++i) callsBeforeReset_[i] = totalCalls(i);
+}
+
+void Host::Impl::endThread(std::uint64_t number) {
+  const std::unique_ptr<ThreadState> ended = threads.remove(number);
+  if (ended == nullptr) return;
+  gates.endThread(*ended);
+  // The frames may be gone with the thread's stack, so they are not looked at.
+  if (ended->innermost != nullptr) {
+    misuses.report(Service::LeaveFrame,
+                   "a thread ended inside a frame: LeaveFrame was not called "
+                   "(takeCalls shows for which frame)");
+  }
+  if (ended->env.pMemThreadBlk != nullptr) {
+    misuses.report(Service::FreePoolStorage,
+                   "a thread ended while it was active: MEM_ThreadTerm was not called");
+  }
+}
+
+}  // namespace refhost

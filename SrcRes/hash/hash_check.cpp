@@ -1,23 +1,14 @@
 #include "hash/hash_check.h"
 
+#include "base/listends.h"
 #include "hash/hash_index.h"
 
 namespace memlib {
 
 namespace {
 
-// A node that is met again is one of a ring; the one to be met is changed after 1, 2, 4 ... nodes.
-bool listEnds(const HashNode *pNode) noexcept {
-  const HashNode *pMark = nullptr;
-  std::uint64_t passed = 0;
-  std::uint64_t nextMark = 1;
-  for (; pNode != nullptr; pNode = pNode->pNext) {
-    if (pNode == pMark) return false;
-    if (++passed < nextMark) continue;
-    pMark = pNode;
-    nextMark *= 2;
-  }
-  return true;
+bool nodesEnd(const HashNode *pFirst) noexcept {
+  return listEnds(pFirst, offsetof(HashNode, pNext));
 }
 
 bool isWholeBlock(const MEMHashCtlBlk &ctl) noexcept {
@@ -32,7 +23,7 @@ bool isOfBucket(const MEMHashCtlBlk &ctl, HashNode *pNode, std::int32_t index) n
 
 bool isValidChain(MEMHashCtlBlk &ctl, std::int32_t index) noexcept {
   HashNode *pNode = *ctl.bucket(static_cast<std::int16_t>(index));
-  if (!listEnds(pNode)) return false;
+  if (!nodesEnd(pNode)) return false;
   if (ctl.IndexState == kNeverIndexed) return true;
   for (; pNode != nullptr; pNode = pNode->pNext) {
     if (!isOfBucket(ctl, pNode, index)) return false;
@@ -43,7 +34,7 @@ bool isValidChain(MEMHashCtlBlk &ctl, std::int32_t index) noexcept {
 }  // namespace
 
 bool isValidTable(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
-  if (!isWholeBlock(ctl) || !listEnds(ctl.pFreeEntries)) return false;
+  if (!isWholeBlock(ctl) || !nodesEnd(ctl.pFreeEntries)) return false;
   for (std::int32_t index = 0; index <= ctl.Max; ++index) {
     if (!isValidChain(ctl, index)) return false;
   }

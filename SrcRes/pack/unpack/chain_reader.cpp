@@ -160,7 +160,7 @@ Outcome ChainReader::takeNarrowText(const ContentPlace &place) noexcept {
     const auto unknown =
         std::min(inWord, static_cast<std::uint32_t>(std::countr_zero(word >> bit)));
     if (unknown == 0) return {};
-    const std::uint32_t length = textLength(at(next), unknown, 1);
+    const std::uint32_t length = textLength<1>(at(next), unknown);
     const std::uint32_t looked = length == 0 ? unknown : length;
     word |= (~std::uint64_t{0} >> (kBitsPerWord - looked)) << bit;
     next.offset += looked;

@@ -6,7 +6,6 @@
 #include "base/utfconvert.h"
 #include "frame/hostaccess.h"
 #include "pack/unpack/chain_reader.h"
-#include "platform/textscan.h"
 
 namespace memlib {
 
@@ -37,16 +36,8 @@ std::uint16_t convertText(const void *pIn, void *pOut) noexcept {
 
 std::uint32_t textLength(const std::byte *pText, std::uint32_t room,
                          std::uint32_t unitLen) noexcept {
-  const std::size_t most = room / unitLen;
-  std::size_t units = 0;
-  if (unitLen == 1) {
-    units = narrowLengthWithin(pText, most);
-  } else if (unitLen == kUtf16Len) {
-    units = wideLengthWithin(pText, most);
-  } else {
-    while (units < most && loadAs<std::uint32_t>(pText + units * unitLen) != 0) ++units;
-  }
-  return units < most ? static_cast<std::uint32_t>(units + 1) * unitLen : 0;
+  if (unitLen == 1) return textLength<1>(pText, room);
+  return unitLen == kUtf16Len ? textLength<kUtf16Len>(pText, room) : textLength<4>(pText, room);
 }
 
 Outcome TextConverter::convert(std::byte *pText, std::uint32_t length) noexcept {

@@ -4,6 +4,7 @@
 #include <bit>
 
 #include "pack/unpack/chain_text.h"
+#include "pack/unpack/chain_walk.h"
 #include "pack/unpack/pointer_fields.h"
 #include "pack/unpack/unpack_ways.h"
 
@@ -18,8 +19,8 @@ enum class Form : std::uint8_t { none, fixed, byWord, narrowText, wideText };
 struct KindRule {
   std::uint16_t reach;  // bytes that a segment has at least: fixed length, length word, fields
   Form form;
-  bool hasFields;
   std::uint8_t leadingTexts;  // children before the first that is not narrow text
+  bool isFlat;                // a segment without other children
 };
 
 Form formOf(const ChainReader &chain, const MemPackDescriptor &descriptor) noexcept {
@@ -30,7 +31,7 @@ Form formOf(const ChainReader &chain, const MemPackDescriptor &descriptor) noexc
     case MEM_PACK_STRING:
       return Form::narrowText;
     case MEM_PACK_WIDE_STRING:
-      // Narrowing may fail, and what is behind the text must not have been changed then.
+      // Narrowing changes the length of the text, so it could not be undone.
       return chain.wideSize() == kNativeWideSize ? Form::wideText : Form::none;
     default:
       // Kinds of EBCDIC writers whose length is in another field are measured in this way, too. A
@@ -50,14 +51,15 @@ std::uint8_t leadingTextsOf(const PackControlBlock &controlBlock,
 
 KindRule ruleOf(const ChainReader &chain, const MemPackDescriptor &descriptor) noexcept {
   const Form form = formOf(chain, descriptor);
-  if (form == Form::narrowText || form == Form::wideText) return {0, form, false, 0};
+  if (form == Form::narrowText || form == Form::wideText) return {0, form, 0, false};
   const bool isUsable = chain.controlBlock().hasValidCounts(descriptor) &&
                         pointersLieWithin(descriptor, UINT16_MAX) && fieldsLieApart(descriptor);
-  if (!isUsable) return {0, Form::none, false, 0};
+  if (!isUsable) return {0, Form::none, 0, false};
   const std::int32_t head = form == Form::fixed ? descriptor.FixedLen : kLengthWordLen;
   const std::int64_t fieldsEnd = lastFieldEnd(descriptor, sizeof(void *));
-  return {static_cast<std::uint16_t>(std::max<std::int64_t>(head, fieldsEnd)), form, fieldsEnd != 0,
-          leadingTextsOf(chain.controlBlock(), descriptor)};
+  const std::uint8_t leadingTexts = leadingTextsOf(chain.controlBlock(), descriptor);
+  return {static_cast<std::uint16_t>(std::max<std::int64_t>(head, fieldsEnd)), form, leadingTexts,
+          leadingTexts == descriptor.ChildCount};
 }
 
 // Content places in the order of the chain: block, then offset.
@@ -66,6 +68,9 @@ constexpr std::int32_t kOffsetBits = 48;
 
 constexpr PlaceKey keyOf(std::uint32_t block, std::uint64_t offset) noexcept {
   return PlaceKey{block} << kOffsetBits | offset;
+}
+constexpr std::uint32_t blockOf(PlaceKey key) noexcept {
+  return static_cast<std::uint32_t>(key >> kOffsetBits);
 }
 
 // A relative pointer in native byte order: the block's number, then the offset. What the field
@@ -89,149 +94,124 @@ RelativePointer readRelative(const std::byte *pField) noexcept {
   return {rest << 32 | (isBlockUpper ? std::rotl(numbers, 16) : numbers)};
 }
 
-// The segments with pointer fields, in the order of the walk. 16 bytes of content have room for
-// one: chains of shorter segments are not unpacked here.
-class SegmentList {
- public:
-  explicit SegmentList(std::span<std::byte> storage) noexcept
-      : pFirst_(reinterpret_cast<Entry *>(storage.data())),
-        pEnd_(pFirst_),
-        pRoomEnd_(pFirst_ + storage.size() / sizeof(Entry)) {}
-
-  // False when the list is full.
-  bool add(std::uint16_t kind, PlaceKey blockKey, std::uint64_t offset) noexcept {
-    if (pRoomEnd_ - pEnd_ < 2) return false;
-    if (blockKey != blockKey_) {
-      blockKey_ = blockKey;
-      *pEnd_++ = {kBlock, static_cast<std::uint16_t>(blockKey >> kOffsetBits)};
-    }
-    *pEnd_++ = {kind, static_cast<std::uint16_t>(offset)};
-    return true;
-  }
-
-  // Calls use(kind, pSegment) for each.
-  template <class Use>
-  void forEach(void *const *pBlocks, Use use) const noexcept {
-    std::byte *pContent = nullptr;
-    for (const Entry *pEntry = pFirst_; pEntry != pEnd_; ++pEntry) {
-      if (pEntry->kind == kBlock) {
-        pContent = bytesAt(pBlocks[pEntry->number], 8);
-      } else {
-        use(pEntry->kind, pContent + pEntry->number);
-      }
-    }
-  }
-
- private:
-  // A segment, or the number of the block in which the next ones are.
-  struct Entry {
-    std::uint16_t kind;
-    std::uint16_t number;  // offset of the segment, or the block
+// The reverse of readRelative(). What was beside block and offset is zero, or nothing was linked.
+void storeRelative(const ChainReader &chain, std::byte *pField,
+                   const ContentPlace &target) noexcept {
+  const auto inOrder = [&chain](std::uint32_t value) {
+    const auto half = static_cast<std::int16_t>(value);
+    return chain.isSwapped() ? byteSwapped(half) : half;
   };
-  static constexpr std::uint16_t kBlock = 0xFFFF;  // no kind: counts are signed
-
-  Entry *pFirst_;
-  Entry *pEnd_;
-  Entry *pRoomEnd_;
-  PlaceKey blockKey_ = UINT64_MAX;
-};
+  storeAs(pField, MemPackRelPtr{inOrder(static_cast<std::uint32_t>(target.block)),
+                                inOrder(target.offset), 0});
+}
 
 // Where a pointer leads to.
 struct Target {
-  const std::byte *pBytes;
+  std::byte *pBytes;
   PlaceKey key;
 };
 
 enum class Found : std::uint8_t { nothing, target, disorder };
 
-// A segment with what is left to do there.
-struct OpenSegment {
-  const std::byte *pBytes;
-  PlaceKey gapStart;
-  PlaceKey gapEnd;
-  std::uint16_t kind;
-  std::uint16_t nextChild;
+struct Kind {
+  const MemPackDescriptor *pDescriptor;
+  const KindRule *pRule;
 };
 
-// Out of line, since few texts are looked at.
-MEM_NOINLINE std::uint32_t lengthOf(const std::byte *pText, std::uint32_t room,
-                                    std::uint32_t unitLen) noexcept {
-  return textLength(pText, room, unitLen);
+// A segment with what is left to do there.
+struct OpenSegment {
+  Kind kind;
+  const MemPackChild *pNextChild;
+  std::byte *pBytes;
+  PlaceKey gapStart;
+  PlaceKey gapEnd;
+};
+
+// What is left to do above a root.
+constexpr MemPackDescriptor kNothingLeft = [] {
+  MemPackDescriptor descriptor{};
+  descriptor.SiblingOff = MEM_PACK_NO_SIBLING;
+  return descriptor;
+}();
+
+// Out of line, since few narrow texts are looked at.
+MEM_NOINLINE std::uint32_t narrowLength(const std::byte *pText, std::uint32_t room) noexcept {
+  return textLength<1>(pText, room);
 }
 
-// Walks as ChainWalk does and changes nothing. All that was reached is below `end_`, and nothing of
-// it is in the gap of an open segment: the part between a segment's own texts and its first child
-// that is a segment, where the texts are that the walk reaches after that child. So nothing
+// Walks as ChainWalk does and links on the way. All that was reached is below `end_`, and nothing
+// of it is in the gap of an open segment: the part between a segment's own texts and its first
+// child that is a segment, where the texts are that the walk reaches after that child. So nothing
 // overlaps as long as each item is beyond the end or in the gap of its segment.
 //
 // Where a text ends is seldom looked for: writers place the next item right behind its terminator,
 // and a zero there shows that the text ends before that item. Until one is reached the text is
-// open, and `end_` is behind its first byte.
+// open, `end_` is behind its first byte, and nothing beyond it is changed.
 //
 // Each address depends on what was read at the one before. So that little has to be waited for in
 // between, the segment and the block at hand are kept apart from their tables.
 template <bool isSwapped>
-class OrderCheck {
+class InOrderWalk {
  public:
   // `pAbove` has room for all levels of a walk.
-  OrderCheck(const ChainReader &chain, const KindRule *pRules, OpenSegment *pAbove,
-             const SegmentList &segments) noexcept
+  InOrderWalk(const ChainReader &chain, const KindRule *pRules, OpenSegment *pAbove,
+              TextConverter &text) noexcept
       : pBlocks_(chain.blocks()),
         pExtents_(chain.extents()),
         blockCount_(static_cast<std::uint32_t>(chain.blockCount())),
         pRules_(pRules),
         pKinds_(&chain.controlBlock().descriptor(0)),
-        segments_(segments),
+        text_(text),
         pAbove_(pAbove) {}
 
-  // True when all that is reached from `root` is in order and nothing is wrong with it.
+  // True when all that is reached from `root` was in order and is linked.
   bool run(const ContentPlace &root) noexcept {
     useBlock(static_cast<std::uint32_t>(root.block));
-    std::uint16_t kind = 0;
+    kind_ = kindOf(0);
     Target target = targetAt(blockKey_ + root.offset);
     Found found = Found::target;
     while (found != Found::disorder) {
       if (found == Found::target) {
-        if (!takeSegment(kind, target)) return false;
-      } else {
-        if (depth_ == 0) return openMask_ == 0 || closeText();
-        segment_ = pAbove_[--depth_];
+        if (!takeSegments(target)) return false;
+      } else if (!goUp()) {
+        return openMask_ == 0 || closeText();
       }
-      found = takeChildren(kind, target);
-      if (found == Found::target) {
-        if (!goDown()) return false;
-      } else if (found == Found::nothing) {
-        kind = segment_.kind;
-        found = followSibling(target);
-      }
+      found = takeRest(target);
     }
     return false;
   }
 
-  // What was taken of the segments, once the walk has been run.
-  const SegmentList &segments() const noexcept { return segments_; }
+  // Pointer fields passed, null or linked, and wide texts converted.
+  std::uint64_t steps() const noexcept { return steps_; }
 
  private:
-  // A segment: its own bytes and its references. The walk goes on with its children.
-  bool takeSegment(std::uint16_t kind, const Target &target) noexcept {
-    const KindRule &rule = pRules_[kind];
-    if (!takeBytes(kind, rule, target) || !checkReferences(pKinds_[kind], target.pBytes))
-      return false;
-    const MemPackChild *const pChildren = pKinds_[kind].Children;
-    std::uint16_t taken = 0;
-    while (taken < rule.leadingTexts && takeNextText(target.pBytes + pChildren[taken].Offset))
-      ++taken;
-    segment_ = {target.pBytes, 0, 0, kind, taken};
-    return !rule.hasFields || segments_.add(kind, blockKey_, target.key - blockKey_);
+  // Takes the segment at hand; of a flat one its siblings, too.
+  bool takeSegments(Target &target) noexcept {
+    while (takeSegment(target)) {
+      if (!kind_.pRule->isFlat) {
+        openSegment(target);
+        return true;
+      }
+      const Found next = linkSibling(kind_, target.pBytes, target);
+      if (next != Found::target) return next == Found::nothing;
+    }
+    return false;
   }
 
-  bool takeBytes(std::uint16_t kind, const KindRule &rule, const Target &target) noexcept {
+  // A segment: its own bytes, its references, the narrow texts that come first among its children.
+  bool takeSegment(const Target &target) noexcept {
+    return takeBytes(target) && takeReferences(target.pBytes) && takeLeadingTexts(target.pBytes);
+  }
+
+  bool takeBytes(const Target &target) noexcept {
+    const KindRule &rule = *kind_.pRule;
     PlaceKey end = target.key + rule.reach;
     if (end > usedEnd_) return false;
     if (rule.form != Form::fixed) {
       if (rule.form != Form::byWord) return false;
       const auto word = loadAs<std::uint16_t>(target.pBytes);
-      const std::int32_t told = lengthByWord(pKinds_[kind], isSwapped ? byteSwapped(word) : word);
+      const std::int32_t told =
+          lengthByWord(*kind_.pDescriptor, isSwapped ? byteSwapped(word) : word);
       if (told < kLengthWordLen || static_cast<std::uint32_t>(told) > roomAt(target.key))
         return false;
       end = std::max(end, target.key + static_cast<std::uint32_t>(told));
@@ -242,32 +222,76 @@ class OrderCheck {
     return true;
   }
 
-  bool checkReferences(const MemPackDescriptor &descriptor,
-                       const std::byte *pSegment) const noexcept {
-    for (std::int32_t i = 0; i < descriptor.ReferenceCount; ++i) {
-      const RelativePointer stored = readRelative<isSwapped>(pSegment + descriptor.References[i]);
-      if (stored.isNull()) continue;
-      if (stored.block() >= blockCount_) return false;
-      if (stored.offset() >= pExtents_[stored.block()].reachable) return false;
+  bool takeReferences(std::byte *pSegment) noexcept {
+    const MemPackDescriptor &descriptor = *kind_.pDescriptor;
+    const std::uint32_t count = static_cast<std::uint16_t>(descriptor.ReferenceCount);
+    std::uint32_t taken = 0;
+    while (taken < count && linkReference(pSegment + descriptor.References[taken])) ++taken;
+    steps_ += taken;
+    return taken == count;
+  }
+
+  // Most children are texts, and they come first in most kinds.
+  bool takeLeadingTexts(std::byte *pSegment) noexcept {
+    const MemPackChild *const pFirst = kind_.pDescriptor->Children;
+    const MemPackChild *const pEnd = pFirst + kind_.pRule->leadingTexts;
+    const MemPackChild *pChild = pFirst;
+    while (pChild != pEnd && takeLeadingText(pSegment + pChild->Offset)) ++pChild;
+    steps_ += static_cast<std::uint64_t>(pChild - pFirst);
+    return pChild == pEnd;
+  }
+
+  // Takes a text or null without a branch between the two: which one it is depends on the data, and
+  // a mispredicted branch costs more than taking a text. Null is a text of no bytes at the end, and
+  // null is stored again.
+  bool takeLeadingText(std::byte *pField) noexcept {
+    const RelativePointer stored = readRelative<isSwapped>(pField);
+    const std::uint64_t count = stored.isNull() ? 0 : 1;
+    const std::uint64_t mask = 0 - count;  // all bits, or none
+    const PlaceKey key = end_ ^ ((stored.key() ^ end_) & mask);
+    if (!isReachable(key)) [[unlikely]] {
+      if (count == 0) return true;
+      if (!goToBlock(blockOf(key)) || !isReachable(key)) return false;
     }
+    const Target target = targetAt(key);
+    if (!isClearlyBehindAll(target)) [[unlikely]] {
+      if (count == 0) return true;
+      if (!isBehindAll(target)) return false;
+    }
+    storeAs(pField, reinterpret_cast<std::uintptr_t>(target.pBytes) & mask);
+    end_ = key + count;
+    openMask_ |= static_cast<std::uint32_t>(mask);
     return true;
   }
 
-  // Children up to the next one that is a segment.
-  Found takeChildren(std::uint16_t &kind, Target &target) noexcept {
-    const MemPackDescriptor &descriptor = pKinds_[segment_.kind];
-    while (segment_.nextChild != descriptor.ChildCount) {
-      const MemPackChild &child = descriptor.Children[segment_.nextChild++];
-      const std::byte *const pField = segment_.pBytes + child.Offset;
-      const Form form = pRules_[child.Descriptor].form;
-      if (form == Form::narrowText && takeNextText(pField)) continue;
-      const Found found = follow(pField, target);
+  void openSegment(const Target &target) noexcept {
+    segment_.kind = kind_;
+    segment_.pNextChild = kind_.pDescriptor->Children + kind_.pRule->leadingTexts;
+    segment_.pBytes = target.pBytes;
+    segment_.gapStart = segment_.gapEnd = 0;
+  }
+
+  // What is left of the open segment, up to the next segment: its children, then its sibling.
+  Found takeRest(Target &target) noexcept {
+    const Found found = takeChildren(target);
+    if (found != Found::nothing) return found;
+    kind_ = segment_.kind;
+    return linkSibling(kind_, segment_.pBytes, target);
+  }
+
+  Found takeChildren(Target &target) noexcept {
+    const MemPackDescriptor &descriptor = *segment_.kind.pDescriptor;
+    const MemPackChild *const pEnd = descriptor.Children + descriptor.ChildCount;
+    while (segment_.pNextChild != pEnd) {
+      const MemPackChild &child = *segment_.pNextChild++;
+      const Found found = link(segment_.pBytes + child.Offset, target);
       if (found == Found::nothing) continue;
       if (found == Found::disorder) return found;
+      kind_ = kindOf(child.Descriptor);
+      const Form form = kind_.pRule->form;
       if (form != Form::narrowText && form != Form::wideText) {
-        kind = child.Descriptor;
-        const bool isLast = segment_.nextChild == descriptor.ChildCount;
-        return isLast || openGap(target) ? Found::target : Found::disorder;
+        const bool isLast = segment_.pNextChild == pEnd;
+        return (isLast || openGap(target)) && goDown() ? Found::target : Found::disorder;
       }
       if (!takeText(form, target)) return Found::disorder;
     }
@@ -283,31 +307,40 @@ class OrderCheck {
     return true;
   }
 
+  // Flat segments need no level: nothing is left to do there when their siblings come.
   bool goDown() noexcept {
     if (depth_ == MEM_PACK_MAX_LEVELS - 1) return false;
-    pAbove_[depth_++] = segment_;
+    if (kind_.pRule->isFlat) return true;
+    // Part by part: a copy would read together what has just been stored apart, and wait for it.
+    OpenSegment &saved = pAbove_[depth_++];
+    saved.kind.pDescriptor = segment_.kind.pDescriptor;
+    saved.kind.pRule = segment_.kind.pRule;
+    saved.pNextChild = segment_.pNextChild;
+    saved.pBytes = segment_.pBytes;
+    saved.gapStart = segment_.gapStart;
+    saved.gapEnd = segment_.gapEnd;
     return true;
   }
 
-  // Takes null, or a narrow text behind all that was reached, without a branch between the two:
-  // which one it is depends on the data, and a mispredicted branch costs more than taking a text.
-  // Null is a text of no bytes at the end. False for all other text, which is not taken.
-  bool takeNextText(const std::byte *pField) noexcept {
-    const RelativePointer stored = readRelative<isSwapped>(pField);
-    const std::uint64_t count = stored.isNull() ? 0 : 1;
-    const std::uint64_t mask = 0 - count;  // all bits, or none
-    const PlaceKey key = end_ ^ ((stored.key() ^ end_) & mask);
-    if (!isReachable(key) || !isClearlyBehindAll(targetAt(key))) [[unlikely]]
-      return false;
-    end_ = key + count;
-    openMask_ |= static_cast<std::uint32_t>(mask);
+  // Back to the segment above. False when there is none.
+  bool goUp() noexcept {
+    if (depth_ == 0) return false;
+    segment_ = pAbove_[--depth_];
     return true;
   }
 
   bool takeText(Form form, const Target &target) noexcept {
     const std::uint32_t room = roomAt(target.key);
-    const std::uint32_t length = lengthOf(target.pBytes, room, form == Form::narrowText ? 1 : 2);
-    if (length == 0) return false;
+    const std::uint32_t length = form == Form::narrowText
+                                     ? narrowLength(target.pBytes, room)
+                                     : textLength<sizeof(char16_t)>(target.pBytes, room);
+    if (length == 0 || !takeRange(target, length)) return false;
+    if (!isSwapped || form == Form::narrowText) return true;
+    ++steps_;
+    return !text_.convert(target.pBytes, length);
+  }
+
+  bool takeRange(const Target &target, std::uint32_t length) noexcept {
     const PlaceKey end = target.key + length;
     if (target.key >= end_) {
       if (!isBehindAll(target)) return false;
@@ -320,20 +353,39 @@ class OrderCheck {
     return true;
   }
 
-  Found followSibling(Target &target) noexcept {
-    const std::int16_t offset = pKinds_[segment_.kind].SiblingOff;
-    if (offset == MEM_PACK_NO_SIBLING) return Found::nothing;
-    return follow(segment_.pBytes + offset, target);
+  Found linkSibling(const Kind &kind, std::byte *pSegment, Target &target) noexcept {
+    const std::int16_t offset = kind.pDescriptor->SiblingOff;
+    return offset == MEM_PACK_NO_SIBLING ? Found::nothing : link(pSegment + offset, target);
   }
 
-  Found follow(const std::byte *pField, Target &target) noexcept {
+  // Replaces a relative pointer to a child or sibling by the address that it means.
+  Found link(std::byte *pField, Target &target) noexcept {
     const RelativePointer stored = readRelative<isSwapped>(pField);
-    if (stored.isNull()) return Found::nothing;
-    if (!isReachable(stored.key())) [[unlikely]] {
-      if (!goToBlock(stored.block()) || !isReachable(stored.key())) return Found::disorder;
+    if (!stored.isNull()) {
+      if (!resolve(stored.key(), target)) return Found::disorder;
+      storeAs<void *>(pField, target.pBytes);
     }
-    target = targetAt(stored.key());
-    return Found::target;
+    ++steps_;
+    return stored.isNull() ? Found::nothing : Found::target;
+  }
+
+  // References lead anywhere and leave the block at hand.
+  bool linkReference(std::byte *pField) noexcept {
+    const RelativePointer stored = readRelative<isSwapped>(pField);
+    if (stored.isNull()) return true;
+    const std::uint32_t block = stored.block();
+    if (block >= blockCount_ || stored.offset() >= pExtents_[block].reachable) return false;
+    const auto offset = static_cast<std::size_t>(stored.offset());
+    storeAs<void *>(pField, bytesAt(pBlocks_[block], 8 + offset));
+    return true;
+  }
+
+  bool resolve(PlaceKey key, Target &target) noexcept {
+    if (!isReachable(key)) [[unlikely]] {
+      if (!goToBlock(blockOf(key)) || !isReachable(key)) return false;
+    }
+    target = targetAt(key);
+    return true;
   }
 
   bool isBehindAll(const Target &target) noexcept {
@@ -352,7 +404,7 @@ class OrderCheck {
   // Finds the end of the open text.
   bool closeText() noexcept {
     const PlaceKey start = end_ - 1;
-    const auto length = lengthOf(targetAt(start).pBytes, roomAt(start), 1);
+    const auto length = narrowLength(targetAt(start).pBytes, roomAt(start));
     openMask_ = 0;
     end_ = start + length;
     return length != 0;
@@ -378,113 +430,168 @@ class OrderCheck {
     return static_cast<std::uint32_t>(usedEnd_ - key);
   }
 
+  Kind kindOf(std::uint16_t index) const noexcept { return {pKinds_ + index, pRules_ + index}; }
+
   void *const *const pBlocks_;
   const BlockExtent *const pExtents_;
   const std::uint32_t blockCount_;
   const KindRule *const pRules_;
   const MemPackDescriptor *const pKinds_;
-  SegmentList segments_;
+  TextConverter &text_;
 
-  OpenSegment segment_{};
+  Kind kind_{};  // of the segment at hand
+  OpenSegment segment_{.kind = {&kNothingLeft, nullptr},
+                       .pNextChild = kNothingLeft.Children,
+                       .pBytes = nullptr,
+                       .gapStart = 0,
+                       .gapEnd = 0};
   OpenSegment *const pAbove_;  // those above it
   std::uint32_t depth_ = 0;
 
   // The block at hand, in which the last child or sibling was reached.
-  PlaceKey blockKey_ = 0;                // of its offset 0
-  const std::byte *pContent_ = nullptr;  // from block offset 8 on
+  PlaceKey blockKey_ = 0;          // of its offset 0
+  std::byte *pContent_ = nullptr;  // from block offset 8 on
   PlaceKey usedEnd_ = 0;
   std::uint64_t reachable_ = 0;  // the end of the offsets that pointers can name
 
   PlaceKey end_ = 0;
   // All bits while a text is open, else none. It begins at end_ - 1 in the block at hand.
   std::uint32_t openMask_ = 0;
-};
-
-// Makes the changes, which nothing can stop: each pointer field and each wide text is its own. Only
-// where a caller's blocks overlap may a field no longer be what was checked; then it is not
-// trusted.
-template <bool isSwapped>
-class Linker {
- public:
-  Linker(const ChainReader &chain, const KindRule *pRules) noexcept
-      : pBlocks_(chain.blocks()),
-        pExtents_(chain.extents()),
-        lastBlock_(static_cast<std::uint32_t>(chain.blockCount()) - 1),
-        pRules_(pRules),
-        pKinds_(&chain.controlBlock().descriptor(0)) {}
-
-  void linkSegment(std::uint16_t kind, std::byte *pSegment) noexcept {
-    const MemPackDescriptor &descriptor = pKinds_[kind];
-    if (descriptor.SiblingOff != MEM_PACK_NO_SIBLING) linkField(pSegment + descriptor.SiblingOff);
-    for (std::int32_t i = 0; i < descriptor.ChildCount; ++i) {
-      const MemPackChild &child = descriptor.Children[i];
-      std::byte *const pField = pSegment + child.Offset;
-      if (isSwapped && pRules_[child.Descriptor].form == Form::wideText) swapText(pField);
-      linkField(pField);
-    }
-    for (std::int32_t i = 0; i < descriptor.ReferenceCount; ++i) {
-      linkField(pSegment + descriptor.References[i]);
-    }
-  }
-
- private:
-  // Null stays null, without a branch.
-  void linkField(std::byte *pField) const noexcept {
-    const RelativePointer stored = readRelative<isSwapped>(pField);
-    void *const pBlock = pBlocks_[std::min(stored.block(), lastBlock_)];
-    const std::uintptr_t mask = 0 - std::uintptr_t{!stored.isNull()};  // all bits, or none
-    storeAs(pField, reinterpret_cast<std::uintptr_t>(bytesAt(pBlock, 8 + stored.offset())) & mask);
-  }
-
-  // Up to the zero unit, or the end of the block.
-  void swapText(const std::byte *pField) const noexcept {
-    const RelativePointer stored = readRelative<isSwapped>(pField);
-    if (stored.isNull() || stored.block() > lastBlock_) return;
-    const std::uint64_t used = pExtents_[stored.block()].used;
-    std::byte *const pContent = bytesAt(pBlocks_[stored.block()], 8);
-    for (std::uint64_t at = stored.offset(); at + sizeof(char16_t) <= used;
-         at += sizeof(char16_t)) {
-      const auto unit = loadAs<std::uint16_t>(pContent + at);
-      if (unit == 0) return;
-      storeAs(pContent + at, byteSwapped(unit));
-    }
-  }
-
-  void *const *const pBlocks_;
-  const BlockExtent *const pExtents_;
-  const std::uint32_t lastBlock_;
-  const KindRule *const pRules_;
-  const MemPackDescriptor *const pKinds_;
+  std::uint64_t steps_ = 0;
 };
 
 // The walk is in this function as a whole, so that its state can stay in registers.
 template <bool isSwapped>
-bool checkAndLink(const ChainReader &chain, const KindRule *pRules, const SegmentList &empty,
-                  const ContentPlace &root) noexcept {
+bool linkInOrder(const ChainReader &chain, const KindRule *pRules, const ContentPlace &root,
+                 std::uint64_t &steps) noexcept {
   OpenSegment above[MEM_PACK_MAX_LEVELS];
-  OrderCheck<isSwapped> check(chain, pRules, above, empty);
-  if (!check.run(root)) return false;
-  Linker<isSwapped> linker(chain, pRules);
-  check.segments().forEach(chain.blocks(), [&linker](std::uint16_t kind, std::byte *pSegment) {
-    linker.linkSegment(kind, pSegment);
-  });
-  return true;
+  TextConverter text(chain);
+  InOrderWalk<isSwapped> walk(chain, pRules, above, text);
+  const bool isDone = walk.run(root);
+  steps = walk.steps();
+  return isDone;
+}
+
+// Blocks with content by their addresses, to find the place that an address means.
+class BlockFinder {
+ public:
+  explicit BlockFinder(const ChainReader &chain) noexcept
+      : chain_(chain), pOrder_(reinterpret_cast<std::int32_t *>(chain.scratch().data())) {
+    // A block with content has 16 bytes of scratch or more.
+    for (std::int32_t i = 0; i < chain.blockCount(); ++i) {
+      if (chain.usedLen(i) != 0) pOrder_[count_++] = i;
+    }
+    std::sort(pOrder_, pOrder_ + count_,
+              [this](std::int32_t one, std::int32_t other) { return start(one) < start(other); });
+  }
+
+  // No value: not the address of a content byte, as only a caller's overlapping blocks can make it.
+  PointerTarget placeOf(std::uintptr_t address) const noexcept {
+    const std::int32_t *pBehind = std::upper_bound(
+        pOrder_, pOrder_ + count_, address,
+        [this](std::uintptr_t wanted, std::int32_t block) { return wanted < start(block); });
+    if (pBehind == pOrder_) return {};
+    const std::int32_t block = pBehind[-1];
+    const std::uintptr_t offset = address - start(block);
+    if (offset >= chain_.usedLen(block)) return {};
+    return ContentPlace{block, static_cast<std::uint32_t>(offset)};
+  }
+
+ private:
+  std::uintptr_t start(std::int32_t block) const noexcept {
+    return reinterpret_cast<std::uintptr_t>(chain_.at({block, 0}));
+  }
+
+  const ChainReader &chain_;
+  std::int32_t *pOrder_;
+  std::size_t count_ = 0;
+};
+
+// Goes the way of the walk once more and takes its steps back, as many as there were.
+class Restorer {
+ public:
+  static constexpr char kTooDeep[] = "";  // nobody reads it
+
+  Restorer(const ChainReader &chain, std::uint64_t steps) noexcept
+      : chain_(chain), finder_(chain), text_(chain), left_(steps) {}
+
+  Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept;
+  Outcome visitText(const TextUse &use) noexcept;
+  Outcome pointer(const ContentPlace &segment, std::int16_t offset, PointerTarget &target) noexcept;
+
+ private:
+  // Ends the walk. Nobody reads it.
+  static Outcome allRestored() noexcept { return failure(0, ErrorText()); }
+
+  const ChainReader &chain_;
+  const BlockFinder finder_;
+  TextConverter text_;
+  std::uint64_t left_;
+};
+
+// What the walk has linked is whole. Where blocks overlap, an address may lead elsewhere by now.
+Outcome Restorer::visit(std::uint16_t kind, const ContentPlace &place) noexcept {
+  if (left_ == 0) return allRestored();
+  const MemPackDescriptor &descriptor = chain_.controlBlock().descriptor(kind);
+  const std::uint32_t room = chain_.usedLen(place.block) - place.offset;
+  const bool isWhole =
+      chain_.controlBlock().hasValidCounts(descriptor) && pointersLieWithin(descriptor, room);
+  if (!isWhole) return allRestored();
+  for (const std::int16_t offset : references(descriptor)) {
+    PointerTarget target;
+    if (Outcome over = pointer(place, offset, target)) return over;
+  }
+  return {};
+}
+
+Outcome Restorer::visitText(const TextUse &use) noexcept {
+  if (left_ == 0) return allRestored();
+  if (!use.isWide || !chain_.isSwapped()) return {};
+  --left_;
+  std::byte *pText = chain_.at(use.text);
+  const std::uint32_t room = chain_.usedLen(use.text.block) - use.text.offset;
+  // Swapping the bytes of each unit is undone by doing it again.
+  return text_.convert(pText, textLength<sizeof(char16_t)>(pText, room));
+}
+
+Outcome Restorer::pointer(const ContentPlace &segment, std::int16_t offset,
+                          PointerTarget &target) noexcept {
+  if (left_ == 0) return allRestored();
+  --left_;
+  std::byte *pField = chain_.at(segment) + offset;
+  const auto address = loadAs<std::uintptr_t>(pField);
+  if (address == 0) return {};
+  target = finder_.placeOf(address);
+  if (!target) return allRestored();
+  storeRelative(chain_, pField, *target);
+  return {};
+}
+
+// Takes back the first `steps` steps of the walk from `root`: each pointer field that it passed,
+// where null stays null, and each wide text whose bytes it swapped. The chain's scratch is used
+// anew. Out of line, since few chains come here.
+MEM_NOINLINE void takeBack(const ChainReader &chain, const ContentPlace &root,
+                           std::uint64_t steps) noexcept {
+  if (steps == 0) return;
+  Restorer restorer(chain, steps);
+  static_cast<void>(ChainWalk(chain, restorer).run(root));
 }
 
 }  // namespace
 
 bool unpackInOrder(const ChainReader &chain, const ContentPlace &root) noexcept {
-  const std::span<std::byte> scratch = chain.scratch();
   const auto count = static_cast<std::size_t>(chain.controlBlock().present());
   // Descriptors are content, and a quarter of their length is scratch.
   static_assert(sizeof(KindRule) <= kOldLayout.length / 4);
-  auto *const pRules = reinterpret_cast<KindRule *>(scratch.data());
+  auto *const pRules = reinterpret_cast<KindRule *>(chain.scratch().data());
   for (std::size_t i = 0; i < count; ++i) {
     pRules[i] = ruleOf(chain, chain.controlBlock().descriptor(static_cast<std::int32_t>(i)));
   }
-  const SegmentList empty(scratch.subspan(count * sizeof(KindRule)));
-  return chain.isSwapped() ? checkAndLink<true>(chain, pRules, empty, root)
-                           : checkAndLink<false>(chain, pRules, empty, root);
+  std::uint64_t steps = 0;
+  const bool isDone = chain.isSwapped() ? linkInOrder<true>(chain, pRules, root, steps)
+                                        : linkInOrder<false>(chain, pRules, root, steps);
+  if (!isDone) takeBack(chain, root, steps);
+  return isDone;
 }
 
 }  // namespace memlib

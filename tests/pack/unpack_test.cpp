@@ -2,6 +2,7 @@
 // relative pointers, failures, tracing.
 
 #include <algorithm>
+#include <random>
 
 #include "unpacktest.hpp"
 
@@ -627,6 +628,42 @@ TEST_F(UnpackInPlaceTest, OverlappingBlocksDoNoHarm) {
   void *structure = nullptr;
   const std::int16_t result = mem.MEM_Unpack(&block, &structure, &described);
   EXPECT_TRUE(result == 0 || result == MEMERR_PACKRBLK) << result;
+}
+
+// The same for structures of all shapes: each block begins somewhere in the one before, so
+// segments, texts and pointer fields of one block are content of others.
+TEST_F(UnpackInPlaceTest, BlocksAtRandomPlacesOverEachOtherDoNoHarm) {
+  for (std::uint64_t seed = 1; seed <= 600; ++seed) {
+    std::mt19937_64 random(seed);
+    tree = chainwriter::randomTree(seed);
+    const Writer writer = writerOf(seed % 2 == 0 ? "0220" : "0221");
+    const chainwriter::Chain written =
+        chainwriter::write(tree, writer, chainwriter::smallestBlockLen(tree, writer));
+    std::vector<std::size_t> starts;
+    std::size_t end = 0;
+    for (std::size_t start = 0; const Bytes &block : written.blocks) {
+      starts.push_back(start);
+      end = std::max(end, start + sizeof(void *) + block.size());
+      start += 16 + random() % (block.size() / 8 + 1) * 8;
+    }
+    const auto area = std::make_unique<std::uint8_t[]>(end);
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+      std::ranges::copy(written.blocks[i], area.get() + starts[i] + sizeof(void *));
+    }
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+      const bool isLast = i + 1 == starts.size();
+      const void *pNext = isLast ? nullptr : area.get() + starts[i + 1];
+      std::memcpy(area.get() + starts[i], &pNext, sizeof pNext);
+      std::memcpy(area.get() + starts[i] + sizeof pNext, written.blocks[i].data(), 2);
+    }
+    auto *block = reinterpret_cast<MemPackBlock *>(area.get());
+    void *structure = nullptr;
+    const std::uint64_t before = host.account().liveCount;
+    const Bytes native = readersControlBlock(tree);
+    const std::int16_t result = mem.MEM_Unpack(&block, &structure, asControlBlock(native));
+    EXPECT_GE(result, 0) << seed;
+    EXPECT_EQ(host.account().liveCount, before) << seed;
+  }
 }
 
 // Segments of nothing but a pointer, too many for the work area's list of them.

@@ -5,8 +5,8 @@
 #
 # Installs what is missing. Prints two tables by file, lines and branches, and leaves them in
 # build/coverage/report beside index.html, which shows every line. Left out are the checks of whole
-# structures, which run only in builds that validate, and branches that only the compiler sees, those
-# of exceptions behind calls that cannot throw among them.
+# structures, which run only in builds that validate, the branches in which an assertion would fail,
+# and those that only the compiler sees, exceptions behind calls that cannot throw among them.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
@@ -23,6 +23,7 @@ mkdir -p "$report"
 measure() {
   gcovr --root . --filter 'SrcRes/' --exclude '.*check\.(cpp|h)' --exclude '.*/listends\.h' \
     --exclude-throw-branches --exclude-unreachable-branches \
+    --exclude-branches-by-pattern '.*MEM_ASSERT.*' \
     "$@" build/coverage/SrcRes
 }
 measure --txt "$report/lines.txt" --html-details "$report/index.html"

@@ -566,6 +566,12 @@ TEST_F(UnpackInPlaceTest, RootFollowsTheControlBlock) {
   EXPECT_EQ(root, blockBytes(0) + 14 + 978);
 }
 
+TEST_F(UnpackInPlaceTest, WithoutAPlaceForItTheRootIsNotStored) {
+  load(chain);
+  ASSERT_EQ(mem.MEM_Unpack(&first, nullptr, asControlBlock(callers)), 0);
+  EXPECT_EQ(reinterpret_cast<std::uint8_t *>(first), blockBytes(0));
+}
+
 TEST_F(UnpackInPlaceTest, RootThatDoesNotFitOpensBlockOne) {
   const Writer writer = writerOf("0221");
   load(chainwriter::write(tree, writer, chainwriter::smallestBlockLen(tree, writer)));

@@ -1,11 +1,10 @@
-// memtool as a whole: arguments, help, progress; and the commands errors and heapmap.
+// memtool as a whole: arguments, help, progress; and the command heapmap.
 
 #include <chrono>
 #include <thread>
 
 #include "heap_script.hpp"
 #include "memtooltest.hpp"
-#include "qj7mem00/memerr.h"
 #include "tool_progress.hpp"
 #include "tool_svg.hpp"
 #include "tool_text.hpp"
@@ -35,32 +34,10 @@ TEST_F(MemtoolCommandsTest, HelpHasExamplesForEachCommand) {
 
 TEST_F(MemtoolCommandsTest, LibraryThatIsNone) {
   expectRefused(1, "there is no library absent.so; name it with --library PATH",
-                {"errors", "--library", "absent.so"});
-  expectRefused(1, "there is no library absent.so", {"--library", "absent.so", "errors"});
+                {"heapmap", "--library", "absent.so"});
+  expectRefused(1, "there is no library absent.so", {"--library", "absent.so", "heapmap"});
   writeBytes("text.so", "this is no library");
-  expectRefused(1, "cannot load", {"errors", "--library", "text.so"});
-}
-
-TEST_F(MemtoolCommandsTest, ErrorsAreTheMessageTable) {
-  Json wanted = Json::array();
-#define MEM_WANTED_ROW(row, number, text) \
-  wanted.push_back({{"code", number}, {"name", #row}, {"message", text}});
-  MEMERR_LIST(MEM_WANTED_ROW)
-#undef MEM_WANTED_ROW
-  EXPECT_EQ(Json::parse(outputOf({"errors", "--json"})), wanted);
-  const std::string table = outputOf({"errors"});
-  EXPECT_EQ(static_cast<std::size_t>(std::count(table.begin(), table.end(), '\n')),
-            wanted.size() + 1);
-}
-
-TEST_F(MemtoolCommandsTest, ErrorsByCodeAndName) {
-  const std::string row =
-      "code  name             message\n"
-      "4072  MEMERR_PACKCYCL  Recursive Structure\n";
-  EXPECT_EQ(outputOf({"errors", "4072"}), row);
-  EXPECT_EQ(outputOf({"errors", "MEMERR_PACKCYCL"}), row);
-  EXPECT_EQ(outputOf({"errors", "packcycl"}), row);
-  expectRefused(1, "no message has the code or name \"40720\"", {"errors", "40720"});
+  expectRefused(1, "cannot load", {"heapmap", "--library", "text.so"});
 }
 
 TEST_F(MemtoolCommandsTest, HeapmapOfTheExampleIsAsItWas) {

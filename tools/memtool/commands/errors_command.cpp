@@ -1,85 +1,64 @@
-// memtool errors: the message table, as the library registers it with its host.
-#include <algorithm>
-#include <cctype>
-#include <charconv>
+// memtool errors: the library's codes, and what stands behind each.
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <vector>
 
+#include "error_report.hpp"
 #include "memtool_commands.hpp"
-#include "tool_library.hpp"
-#include "tool_table.hpp"
+#include "tool_file.hpp"
 #include "tool_text.hpp"
 
 namespace memtool {
 namespace {
 
 constexpr const char *kFooter =
+    "WANTED is a code, decimal or hexadecimal, a name or a part of one, or any text that a failed\n"
+    "call left or that the explanations hold. One code is explained; several are listed.\n"
+    "\n"
     "Examples:\n"
-    "  memtool errors                   the whole table\n"
-    "  memtool errors 4072              one code\n"
-    "  memtool errors MEMERR_PACKCYCL   the same by its name\n"
-    "  memtool errors heap              every row whose name holds \"heap\"";
+    "  memtool errors                         all codes\n"
+    "  memtool errors 4072                    one code: cause, what the caller sees, what to do\n"
+    "  memtool errors 0xFE8                   the same code\n"
+    "  memtool errors MEMERR_PACKCYCL         the same by its name\n"
+    "  memtool errors heap                    every code whose name holds \"heap\"\n"
+    "  memtool errors \"Link offset=-8 less than zero\"\n"
+    "                                         the code that records this text";
 
 struct ErrorsOptions {
   std::string wanted;
+  std::string page;
   bool asJson = false;
 };
 
-struct Row {
-  std::uint32_t code;
-  std::string name;
-  std::string message;
-};
+// The results of failing calls, which users take for codes.
+constexpr std::int64_t kFailedResult = 0xFFFF;
+constexpr std::int64_t kFailedResult32 = 0xFFFFFFFF;
 
-std::string inCapitals(std::string text) {
-  const auto capital = [](unsigned char c) { return static_cast<char>(std::toupper(c)); };
-  std::transform(text.begin(), text.end(), text.begin(), capital);
-  return text;
-}
-
-// A number is a code; anything else is a part of the name, in capitals or not.
-bool isWanted(const Row &row, const std::string &wanted) {
-  std::uint32_t code = 0;
-  const char *const end = wanted.data() + wanted.size();
-  const auto [stop, error] = std::from_chars(wanted.data(), end, code);
-  if (error == std::errc() && stop == end) return row.code == code;
-  return row.name.find(inCapitals(wanted)) != std::string::npos;
-}
-
-std::vector<Row> wantedRows(refhost::Host &host, const std::string &wanted) {
-  std::vector<Row> rows;
-  for (const MEMMessageRow *row = host.messageTable(); row->Code != 0; ++row) {
-    Row found{row->Code, row->Name, row->Message};
-    if (isWanted(found, wanted)) rows.push_back(std::move(found));
+std::string notFound(const std::string &wanted) {
+  const std::int64_t number = codeNumber(wanted);
+  if (number == kFailedResult || number == kFailedResult32) {
+    return inQuotes(wanted) +
+           " is the result of a failing call, not its code; the code is at offset 80 of the thread "
+           "environment (MEMThreadEnv.Error.Code)";
   }
-  return rows;
-}
-
-void printTable(Console &console, const std::vector<Row> &rows) {
-  Table table({{"code", true}, {"name"}, {"message"}});
-  for (const Row &row : rows) {
-    table.add({{std::to_string(row.code), Ink::Place}, {row.name, Ink::Name}, {row.message}});
-  }
-  console.write(table.text(console, 0));
-}
-
-void printJson(Console &console, const std::vector<Row> &rows) {
-  nlohmann::ordered_json list = nlohmann::ordered_json::array();
-  for (const Row &row : rows) {
-    list.push_back({{"code", row.code}, {"name", row.name}, {"message", row.message}});
-  }
-  console.print("{}\n", list.dump(2));
+  return "no code has the number, the name or the text " + inQuotes(wanted) +
+         "; `memtool errors` lists them all";
 }
 
 ExitCode runErrors(Tool &tool, const ErrorsOptions &options) {
-  RunningLibrary library(pathFromUtf8(tool.library));
-  const std::vector<Row> rows = wantedRows(library.host(), options.wanted);
-  if (rows.empty()) {
-    throw ToolError("no message has the code or name " + inQuotes(options.wanted) +
-                    "; `memtool errors` shows them all");
+  if (!options.page.empty()) {
+    writeFile(options.page, errorPage());
+    tool.console.print("{}: the page is written\n", options.page);
+    return kExitFine;
   }
-  options.asJson ? printJson(tool.console, rows) : printTable(tool.console, rows);
+  const ErrorList codes = findErrorCodes(options.wanted);
+  if (codes.empty()) throw ToolError(notFound(options.wanted));
+  if (options.asJson) {
+    tool.console.print("{}\n", errorJson(codes).dump(2));
+  } else if (codes.size() == 1) {
+    printError(tool.console, *codes.front());
+  } else {
+    printErrorTable(tool.console, codes);
+  }
   return kExitFine;
 }
 
@@ -87,10 +66,16 @@ ExitCode runErrors(Tool &tool, const ErrorsOptions &options) {
 
 void addErrorsCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<ErrorsOptions>();
-  CLI::App *const command = app.add_subcommand("errors", "Show the library's error codes");
-  command->add_option("WANTED", options->wanted, "A code, a name or a part of one")
-      ->type_name("CODE|NAME");
-  command->add_flag("--json", options->asJson, "Write JSON instead of a table");
+  CLI::App *const command = app.add_subcommand("errors", "Explain the library's error codes");
+  CLI::Option *const wanted =
+      command->add_option("WANTED", options->wanted, "A code, a name or a text")
+          ->type_name("CODE|NAME|TEXT");
+  CLI::Option *const json =
+      command->add_flag("--json", options->asJson, "Write JSON instead of text");
+  command->add_option("--page", options->page, "Write all of it as the page of the manual")
+      ->type_name("OUT.md")
+      ->excludes(wanted)
+      ->excludes(json);
   command->footer(kFooter);
   command->callback(
       [&tool, options] { tool.command = [&tool, options] { return runErrors(tool, *options); }; });

@@ -1,0 +1,138 @@
+// The page of the manual that the table makes.
+#include <fmt/format.h>
+
+#include "error_codes.hpp"
+
+namespace memtool {
+namespace {
+
+constexpr std::string_view kHead =
+    R"(# Codes
+
+What each code of the library means, what its caller sees, and what to do. `memtool errors` shows the same on a
+machine: by number, by hexadecimal number, by name, or by a piece of a recorded text.
+
+```
+memtool errors 4028
+memtool errors 0xFBC
+memtool errors "Invalid Heap Handle"
+```
+
+[Find out why a call failed](why-a-call-failed.md) shows where the code is and how to go on from it.
+
+This page is made from the table in `tools/memtool/errors/error_table.cpp`. To change it, change the table and run
+`cmake --build --preset release --target codes_page`.
+
+)";
+
+constexpr std::string_view kSeenHead =
+    R"(## What the caller sees
+
+Offsets count from the start of the thread environment (`MEMThreadEnv`). Wherever a failure is recorded,
+`ReturnCode` (offset 76) is 0xFFFF. Most calls erase the record when they begin: read it right after the failing call.
+In recorded texts, `%p`, `%ld` and the like stand for values.
+
+| In this page | Result | Error area |
+|---|---|---|
+)";
+
+constexpr std::string_view kWithoutCode =
+    R"(
+A service that another one has called records its failure itself, and the record stays: entries below name the
+services that pass it on. Their result is -1.
+
+## Failures without a code
+
+These calls fail, or return something else than 0, without a code of the library's.
+
+| Call | Result | Why | What to do |
+|---|---|---|---|
+| `MEM_Alloc` | null | no storage in this subpool; the host may have recorded a code of its own | free storage, or raise the limit in the host |
+| `MEM_ThreadAct` | -1 | no process block, or the host has no environment for this thread | call `MEM_ProcessInit` first; make the environment in `RuntimeServices` slot 148 |
+| `MEM_WSinkString`, `MEM_WSinkDelete`, `MEM_WSinkVerify` | -1 | the host has no environment for this thread | make one; the narrow calls work without |
+| `MEM_Pack` | -1, `NameText` is "WideStringOutOfPlace" | the root is wide text | let a child pointer lead to it |
+| `MEM_Pack` | -1 | the option `OldPackCB` is set and a descriptor has more than 8 children | clear the option with `MEMSetProcOptions`, or split the structure |
+| `MEM_HashScan` | any | the caller's function returned it, for the last record for which it returned anything but 0 | look there |
+| `MEM_StructToPortStr`, `MEM_PortStrToStruct`, `MEM_Port1StrToStruct` | -1 | the reason is an "EXCP" trace record, written whatever the trace flags are; `Code` is a heap's or hash table's where one of their services failed | see [port strings](port-strings.md#failures) |
+| every service | -1, and nothing is recorded | the host has no environment for this thread | make it in `RuntimeServices` slot 148 |
+
+Other numbers come from elsewhere: 65535 (0xFFFF) is the result of a failing call and not its code; what stands in
+`InnerCode` or `PrevInnerCode` and is not in the table below is the host's. The reference host's own numbers, 8 to 36,
+are in [its header](../host/refhost.hpp).
+
+)";
+
+std::string quotedCode(std::string_view list) {
+  std::string text;
+  for (const std::string_view name : namesIn(list)) {
+    text += (text.empty() ? "`" : ", `") + std::string(name) + "`";
+  }
+  return text;
+}
+
+std::string seenTable() {
+  std::string text;
+  for (std::size_t i = 0; i < kSeenCount; ++i) {
+    const SeenText seen = seenText(static_cast<Seen>(i));
+    text += fmt::format("| {} | {} | {} |\n", seen.label, seen.result, seen.record);
+  }
+  return text;
+}
+
+std::string_view messageOf(const ErrorCode &code) {
+  return code.message.empty() ? "no message" : code.message;
+}
+
+bool isIn(const ErrorCode &code, const ErrorFamily &family) {
+  return family.first <= code.code && code.code <= family.last;
+}
+
+std::string listOfCodes() {
+  std::string text = "## All codes\n\n| Code | | Name | Message |\n|---|---|---|---|\n";
+  for (const ErrorCode &code : errorCodes()) {
+    text += fmt::format("| [{}](#{}) | {} | `{}` | {} |\n", code.code, code.code,
+                        hexCode(code.code), code.name, messageOf(code));
+  }
+  return text;
+}
+
+std::string caseText(const ErrorCase &known) {
+  const SeenText seen = seenText(known.seen);
+  std::string text = "\n**";
+  text += known.text.empty() ? "No text" : fmt::format("\"{}\"", known.text);
+  text += fmt::format("**, {}", seen.label);
+  if (!known.services.empty()) text += ": " + quotedCode(known.services);
+  text += "\n";
+  if (!known.passedOnBy.empty()) {
+    text += fmt::format("- Passed on by: {}\n", quotedCode(known.passedOnBy));
+  }
+  return text + fmt::format("- Cause: {}\n- What to do: {}\n", known.cause, known.remedy);
+}
+
+std::string codeText(const ErrorCode &code) {
+  std::string text = fmt::format("\n### {}\n\n`{}`, {}: {}\n", code.code, code.name,
+                                 hexCode(code.code), messageOf(code));
+  if (!code.note.empty()) text += fmt::format("\n{}\n", code.note);
+  for (const ErrorCase &known : code.cases) text += caseText(known);
+  return text;
+}
+
+}  // namespace
+
+std::string errorPage() {
+  std::string page(kHead);
+  page += kSeenHead;
+  page += seenTable();
+  page += kWithoutCode;
+  page += listOfCodes();
+  for (const ErrorFamily &family : errorFamilies()) {
+    page +=
+        fmt::format("\n## {}\n\nThe services: [{}]({}).\n", family.title, family.page, family.page);
+    for (const ErrorCode &code : errorCodes()) {
+      if (isIn(code, family)) page += codeText(code);
+    }
+  }
+  return page;
+}
+
+}  // namespace memtool

@@ -32,3 +32,23 @@ function(mem_marked_block page mark result)
   string(SUBSTRING "${text}" ${begin} ${length} text)
   set(${result} "${text}" PARENT_SCOPE)
 endfunction()
+
+# Programs in pages of the manual. Each file of a program is marked with its folder and name, and
+# what the program prints with the folder:
+#
+#   <!-- file words/words.c -->
+#   ```c
+#   …
+#   ```
+#   <!-- output words -->
+#   ```
+#   …
+#   ```
+
+# mem_marked_files(<page> <result>)
+# Leaves in <result> the names of the marked files, "words/words.c", as a list.
+function(mem_marked_files page result)
+  file(STRINGS ${page} marks REGEX "^<!-- file [a-z_]+/[a-z_.]+ -->$")
+  list(TRANSFORM marks REPLACE "^<!-- file ([^ ]+) -->$" "\\1")
+  set(${result} "${marks}" PARENT_SCOPE)
+endfunction()

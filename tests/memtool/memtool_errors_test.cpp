@@ -1,5 +1,7 @@
 // memtool errors: what it finds and writes, and the page of the manual that it makes.
 
+#include <iomanip>
+
 #include "error_codes.hpp"
 #include "memtooltest.hpp"
 
@@ -116,6 +118,29 @@ TEST_F(MemtoolErrorsTest, JsonHoldsEverything) {
 // The library is not needed to look a code up.
 TEST_F(MemtoolErrorsTest, NeedsNoLibrary) {
   EXPECT_EQ(outputOf({"--library", "absent.so", "errors", "4072"}), outputOf({"errors", "4072"}));
+}
+
+// The words of a command line, some of them in quotes.
+std::vector<std::string> wordsOf(const std::string &line) {
+  std::vector<std::string> words;
+  std::istringstream stream(line);
+  for (std::string word; stream >> std::quoted(word);) words.push_back(word);
+  return words;
+}
+
+TEST_F(MemtoolErrorsTest, PagesShowRealOutput) {
+  const std::string page = readBytes(std::filesystem::path(MEM_DOCS) / "why-a-call-failed.md");
+  const std::string mark = "```\n$ memtool ";
+  int shown = 0;
+  for (std::size_t at = page.find(mark); at != std::string::npos;
+       at = page.find(mark, at), ++shown) {
+    at += mark.size();
+    const std::size_t begin = page.find('\n', at) + 1;
+    const std::string line = page.substr(at, begin - 1 - at);
+    EXPECT_EQ(outputOf(wordsOf(line)), page.substr(begin, page.find("```\n", begin) - begin))
+        << line;
+  }
+  EXPECT_EQ(shown, 2);
 }
 
 TEST_F(MemtoolErrorsTest, PageOfTheManualIsWhatTheTableMakes) {

@@ -27,8 +27,20 @@ constexpr std::string_view kHeapHandle =
     "Pass what the open stored, not its address, and close it once, after its last use. The "
     "services of the standard heap allocate from both kinds; each kind has its own close.";
 
-// A row stands in one line where it can.
-// clang-format off
+constexpr std::string_view kTextTooLong =
+    "The text would take more than 2,147,483,647 bytes with its terminator, the length is "
+    "negative, or `BlkLen` of the control block is 0x7FFFFFFF or more. The value in the text is "
+    "always 2147483647.";
+constexpr std::string_view kCheckLength =
+    "Check the length first. If it is right, the control block was never opened, or something "
+    "wrote over it.";
+constexpr std::string_view kNoRoomForText =
+    "No storage in subpool 0 to grow; the buffer has none, because its open failed or it is "
+    "closed; or the control block is a null pointer.";
+constexpr std::string_view kCheckOpen =
+    "Look at the result of `MEM_CatOpen`. Otherwise provide storage and append again: the text is "
+    "as it was.";
+
 constexpr ErrorCase kCases[] = {
     // Process, threads, storage
     {MEMERR_PBLKFAIL, Seen::Inner, "MEMProcessBlock", "MEM_ProcessInit", "",
@@ -38,8 +50,8 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_TBLKFAIL, Seen::Recorded, "MEMThreadBlock", "MEM_ThreadAct", "",
      "The host did not provide the thread block: `RuntimeServices` slot 48 refused 296 bytes of "
      "subpool 2. Its own code is in `InnerCode`.",
-     "Provide storage in subpool 2 and call again on this thread. Until then its services work, but "
-     "`MEM_Cat` records no inner error, and large graphs are packed and written slowly."},
+     "Provide storage in subpool 2 and call again on this thread. Until then its services work, "
+     "but `MEM_Cat` records no inner error, and large graphs are packed and written slowly."},
     {MEMERR_OPSCHEAP, Seen::Never, "", "", "", kUnused, kFindTheWriter},
     {MEMERR_LOAD_QTRLINK, Seen::Never, "", "", "", kUnused, kFindTheWriter},
     {MEMERR_VBIND, Seen::Never, "", "", "", kUnused, kFindTheWriter},
@@ -49,8 +61,8 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_GETMEM, Seen::Never, "", "", "",
      "None in this library: `MEM_Alloc` reports missing storage by a null address only.",
      kFindTheWriter},
-    {MEMERR_FREEMEM, Seen::Never, "", "", "",
-     "None in this library: `MEM_Free` reports nothing.", kFindTheWriter},
+    {MEMERR_FREEMEM, Seen::Never, "", "", "", "None in this library: `MEM_Free` reports nothing.",
+     kFindTheWriter},
 
     // Cell pools
     {MEMERR_CELLBNDS, Seen::Recorded, "Invalid area bounds", "MEM_CellOpen", "",
@@ -73,25 +85,18 @@ constexpr ErrorCase kCases[] = {
      "use."},
 
     // Concatenation buffers
-    {MEMERR_CATSTRSIZE, Seen::Recorded, "MemCat String area >= %lu", "MEM_MemCat", "",
-     "The text would take more than 2,147,483,647 bytes with its terminator, `Len` is negative, or "
-     "`BlkLen` of the control block is 0x7FFFFFFF or more. The value in the text is always "
-     "2147483647.",
-     "Check the length first. If it is right, the control block was never opened, or something "
-     "wrote over it."},
-    {MEMERR_CATSTRSIZE, Seen::InsideCat, "MemCat String area >= %lu", "MEM_Cat", "",
-     "The same in the append inside `MEM_Cat`.", "As above."},
+    {MEMERR_CATSTRSIZE, Seen::Recorded, "MemCat String area >= %lu", "MEM_MemCat", "", kTextTooLong,
+     kCheckLength},
+    {MEMERR_CATSTRSIZE, Seen::InsideCat, "MemCat String area >= %lu", "MEM_Cat", "", kTextTooLong,
+     kCheckLength},
     {MEMERR_CATAMEM, Seen::Recorded, "AcqMemCatExtString", "MEM_CatOpen", "",
      "Vector slot 8 (`MEM_Alloc`) returned null for 1,024 bytes of subpool 0, or the control block "
      "is a null pointer.",
      "Pass a control block; provide storage in subpool 0."},
-    {MEMERR_CATAMEM, Seen::Recorded, "Memory Alloc failed", "MEM_MemCat", "",
-     "No storage in subpool 0 to grow; the buffer has none, because its open failed or it is "
-     "closed; or the control block is a null pointer.",
-     "Look at the result of `MEM_CatOpen`. Otherwise provide storage and append again: the text is "
-     "as it was."},
-    {MEMERR_CATAMEM, Seen::InsideCat, "Memory Alloc failed", "MEM_Cat", "",
-     "The same in the append inside `MEM_Cat`.", "As above."},
+    {MEMERR_CATAMEM, Seen::Recorded, "Memory Alloc failed", "MEM_MemCat", "", kNoRoomForText,
+     kCheckOpen},
+    {MEMERR_CATAMEM, Seen::InsideCat, "Memory Alloc failed", "MEM_Cat", "", kNoRoomForText,
+     kCheckOpen},
     {MEMERR_CATSTDSTR, Seen::Recorded, "MemCatStdStringFail", "MEM_Cat, MEM_MemCat", "",
      "The text is a null pointer, or the append inside `MEM_Cat` failed: then `InnerCode` is 4025 "
      "or 4026 and `InnerText` its text. On a thread without a thread block they stay empty.",
@@ -108,7 +113,7 @@ constexpr ErrorCase kCases[] = {
      "MEM_Pack, MEM_StructToPortStr",
      "Vector slot 8 (`MEM_Alloc`) returned null for the control block of `Max` × 8 + 56 bytes, or "
      "`Max` is less than -1.",
-     "Pass the number of the last bucket, not the size of a record; provide storage in the subpool."},
+     "Pass the number of the last bucket as `Max`; provide storage in the subpool."},
     {MEMERR_HASHBHDL, Seen::Recorded, "Invalid Hash Handle=%p",
      "MEM_HashClose, MEM_HashInsEntry, MEM_HashGetEntry, MEM_HashDelEntry, MEM_HashScan", "",
      "The handle is null, the table is closed, or no table is at this address: its first 8 bytes "
@@ -117,13 +122,15 @@ constexpr ErrorCase kCases[] = {
      "use."},
     {MEMERR_HASHFERR, Seen::Recorded, "Hash Func returned invalid value=%08X",
      "MEM_HashInsEntry, MEM_HashGetEntry, MEM_HashDelEntry", "",
-     "The caller's hash function returned a number that is not 0 to `Max`. The text shows its low 16 "
-     "bits with their sign: FFFFFFFF is -1.",
-     "Reduce modulo `Max` + 1, in unsigned numbers, before converting to 16 bits. The table is as it "
-     "was."},
+     "The caller's hash function returned a number that is not 0 to `Max`. The text shows its low "
+     "16 bits with their sign: FFFFFFFF is -1.",
+     "Reduce modulo `Max` + 1, in unsigned numbers, before converting to 16 bits. The table is as "
+     "it was."},
     {MEMERR_HASHDKEY, Seen::ResultOnly, "", "MEM_HashInsEntry", "",
-     "The table has a record with this key. The address of that record is stored; nothing is copied.",
-     "This is an answer, not an error: use the record that is stored, or delete it and insert again."},
+     "The table has a record with this key. The address of that record is stored; nothing is "
+     "copied.",
+     "This is an answer, not an error: use the record that is stored, or delete it and insert "
+     "again."},
     {MEMERR_HASHNFND, Seen::ResultOnly, "", "MEM_HashGetEntry, MEM_HashDelEntry", "",
      "The table has no record with this key. Nothing is stored.",
      "This is an answer, not an error. If the record should be there: keys are compared byte by "
@@ -135,11 +142,11 @@ constexpr ErrorCase kCases[] = {
      "Pass the length of an area in KB, not in bytes. After a failed `MEM_HashOpen` the table's "
      "control block stays allocated."},
     {MEMERR_HEAPEMIN, Seen::Recorded, "Entry Length=%ld too small", "MEM_HeapAllocEntryLong",
-     "MEM_HeapAllocEntry, MEM_HeapAllocMultEntries, MEM_HeapAllocLongMultEntries, MEM_HashInsEntry, "
-     "MEM_PortStrToStruct, MEM_Port1StrToStruct",
-     "The length is less than 1 and the heap a standard heap. From `MEM_HashInsEntry`: the record's "
-     "length is negative or more than 32,752. From the readers of port strings: the definition of a "
-     "structure gives it no bytes.",
+     "MEM_HeapAllocEntry, MEM_HeapAllocMultEntries, MEM_HeapAllocLongMultEntries, "
+     "MEM_HashInsEntry, MEM_PortStrToStruct, MEM_Port1StrToStruct",
+     "The length is less than 1 and the heap a standard heap. From `MEM_HashInsEntry`: the "
+     "record's length is negative or more than 32,752. From the readers of port strings: the "
+     "definition of a structure gives it no bytes.",
      "Check the length, above all where a larger number is converted to 16 bits: "
      "`MEM_HeapAllocEntryLong` takes 32 bits."},
     {MEMERR_HEAPEMAX, Seen::Never, "", "", "",
@@ -162,8 +169,8 @@ constexpr ErrorCase kCases[] = {
      "MEM_HashOpen, MEM_Pack, MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct",
      "Vector slot 8 (`MEM_Alloc`) returned null for the first area.", kFreeStorage},
     {MEMERR_HEAPAMEM, Seen::Recorded, "MemAllocFail", "MEM_EHeapOpen", "",
-     "Vector slot 8 (`MEM_Alloc`) returned null for the first area. What the host left in the error "
-     "area is in `InnerCode` and `InnerText`.",
+     "Vector slot 8 (`MEM_Alloc`) returned null for the first area. What the host left in the "
+     "error area is in `InnerCode` and `InnerText`.",
      kFreeStorage},
     {MEMERR_HEAPAMEM, Seen::Recorded, "MemAllocFail", "MEM_EHeapAllocEntry",
      "MEM_HeapAllocEntry, MEM_HeapAllocEntryLong, MEM_HeapAllocMultEntries, "
@@ -173,8 +180,8 @@ constexpr ErrorCase kCases[] = {
      "Free storage of this subpool, or raise its limit in the host, and call again: the heap is as "
      "it was."},
     {MEMERR_HEAPAMEM, Seen::Recorded, "MemAllocAreaFail", "MEM_HeapAllocEntryLong",
-     "MEM_HeapAllocEntry, MEM_HeapAllocMultEntries, MEM_HeapAllocLongMultEntries, MEM_HashInsEntry, "
-     "MEM_Pack, MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct",
+     "MEM_HeapAllocEntry, MEM_HeapAllocMultEntries, MEM_HeapAllocLongMultEntries, "
+     "MEM_HashInsEntry, MEM_Pack, MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct",
      "Vector slot 8 (`MEM_Alloc`) returned null for a further area of a standard heap.",
      "Free storage of this subpool, or raise its limit in the host, and call again: the heap is as "
      "it was."},
@@ -185,7 +192,8 @@ constexpr ErrorCase kCases[] = {
      "MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct",
      "The entry is too long for an area, and vector slot 8 (`MEM_Alloc`) returned null for a block "
      "of its own.",
-     "Check the length first: one that was not meant is the usual cause. Then as for an area."},
+     "Check the length first: it may not be what was meant. Then free storage of this subpool, or "
+     "raise its limit in the host, and call again: the heap is as it was."},
     {MEMERR_HEAPBHDL, Seen::Recorded, "Invalid Heap Handle=%p",
      "MEM_HeapClose, MEM_HeapAllocEntry, MEM_EHeapAllocEntry, MEM_EHeapFreeEntry, "
      "MEM_EHeapAllocMultEntries, MEM_EHeapAllocLongMultEntries",
@@ -197,10 +205,12 @@ constexpr ErrorCase kCases[] = {
      "MEM_HeapAllocEntryLong, MEM_HeapAllocMultEntries, MEM_HeapAllocLongMultEntries, "
      "MEM_EHeapClose",
      "MEM_HeapAllocEntry, MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct",
-     "As above. The code is right; do not go by the text.", kHeapHandle},
+     "The handle is null, the heap is closed, or no heap of the service's kind is at this address. "
+     "Do not go by the text: it is an earlier failure's.",
+     kHeapHandle},
     {MEMERR_HEAPGATE, Seen::Recorded, "CreateGate", "MEM_EHeapOpen", "",
-     "The host could not make the heap's gate: `RuntimeServices` slot 27 returned a code other than "
-     "0. What the host left in the error area is in `InnerCode` and `InnerText`.",
+     "The host could not make the heap's gate: `RuntimeServices` slot 27 returned a code other "
+     "than 0. What the host left in the error area is in `InnerCode` and `InnerText`.",
      "Look the inner code up in the host's manual. Nothing is left allocated."},
     {MEMERR_HEAPGATE, Seen::Recorded, "AcquireGate",
      "MEM_EHeapClose, MEM_EHeapAllocEntry, MEM_EHeapFreeEntry",
@@ -208,22 +218,24 @@ constexpr ErrorCase kCases[] = {
      "MEM_HeapAllocLongMultEntries, MEM_EHeapAllocMultEntries, MEM_EHeapAllocLongMultEntries",
      "The host did not let this thread hold the heap's gate: `RuntimeServices` slot 29 returned a "
      "code other than 0. What the host left in the error area is in `InnerCode` and `InnerText`.",
-     "Look for a thread that has ended, or was ended, inside a call on this heap, and for a slot of "
-     "the host's own that calls the heap while its gate is held. The heap is as it was."},
+     "Look for a thread that has ended, or was ended, inside a call on this heap, and for a slot "
+     "of the host's own that calls the heap while its gate is held. The heap is as it was."},
     {MEMERR_HEAPENTRY, Seen::Recorded, "BuffPtr=%p", "MEM_EHeapFreeEntry", "",
-     "The host's storage check (`RuntimeServices` slot 285) refuses the range, or the length is that "
-     "of a large entry and no large block (\"QQQHBLKN\") is before the address.",
+     "The host's storage check (`RuntimeServices` slot 285) refuses the range, or the length is "
+     "that of a large entry and no large block (\"QQQHBLKN\") is before the address.",
      "Free with the length with which the entry was allocated, on the heap that it came from."},
 
     // Packed chains
     {MEMERR_PACKAMEM, Seen::WithCode, "1stBlkMemAllocFail", "MEM_Pack", "",
-     "Vector slot 8 (`MEM_Alloc`) returned null for the first block, of `BlkLen` bytes of subpool 0.",
+     "Vector slot 8 (`MEM_Alloc`) returned null for the first block, of `BlkLen` bytes of subpool "
+     "0.",
      "Free storage of subpool 0, or raise its limit in the host, and call again. Nothing is left "
      "allocated."},
     {MEMERR_PACKAMEM, Seen::WithCode, "NthBlkMemAllocFail", "MEM_Pack, MEM_Unpack", "",
-     "The same for a further block; from `MEM_Unpack`: for a block of the new chain, 33,024 bytes.",
-     "After `MEM_Pack` the chain packed so far is stored: free its blocks. Then as for the first "
-     "block. `MEM_Unpack` has freed its own."},
+     "Vector slot 8 (`MEM_Alloc`) returned null for a further block; from `MEM_Unpack`: for a "
+     "block of the new chain, 33,024 bytes.",
+     "Free storage of subpool 0, or raise its limit in the host, and call again. After `MEM_Pack` "
+     "the chain packed so far is stored: free its blocks. `MEM_Unpack` has freed its own."},
     {MEMERR_PACKAMEM, Seen::WithCode, "BlockPtrTblCallocFail", "MEM_Unpack", "",
      "No storage in subpool 0 for the table of the chain's blocks, 8 bytes each.",
      "Provide storage in subpool 0 and call again: the chain is as it was."},
@@ -232,8 +244,8 @@ constexpr ErrorCase kCases[] = {
      "bytes to convert wide text.",
      "Provide storage in subpool 0 and load the chain again: it may be partly converted."},
     {MEMERR_PACKAMEM, Seen::WithCode, "PrevBlkOffsetTblCallocFail", "MEM_Unpack", "",
-     "No storage in subpool 0 for a work table, 4 bytes for each block. Only for a chain of another "
-     "layout.",
+     "No storage in subpool 0 for a work table, 4 bytes for each block. Only for a chain of "
+     "another layout.",
      "Provide storage in subpool 0 and call again: the chain is as it was."},
     {MEMERR_PACKAMEM, Seen::WithCode, "NewBlockTblCallocFail", "MEM_Unpack", "",
      "No storage in subpool 0 for the table of what is moved. Only for a chain of another layout.",
@@ -242,15 +254,15 @@ constexpr ErrorCase kCases[] = {
      "`pPackCB` is a null pointer. This has nothing to do with storage.",
      "Pass the control block that describes the structures on this platform."},
     {MEMERR_PACKBMIN, Seen::WithCode, "BlockTooSmallforMemPackCB=%ld", "MEM_Pack", "",
-     "`BlkLen`, the value in the text, does not hold the control block: 978 bytes, 122 more for each "
-     "descriptor beyond 8, and 19 for what is around it.",
+     "`BlkLen`, the value in the text, does not hold the control block: 978 bytes, 122 more for "
+     "each descriptor beyond 8, and 19 for what is around it.",
      "Pass a longer block, 32,768 bytes for most. When `BlkLen` is 10 or more the first block is "
      "stored: free it."},
     {MEMERR_PACKBMIN, Seen::WithCode, "SegmentLengthTooLarge=%hd", "MEM_Pack", "",
-     "A segment is longer than `BlkLen` - 15, or the number at the start of a segment of type \"C\" "
-     "is negative. The text shows the low 16 bits of the length.",
-     "Pass a longer block, or look for a count that was not set. The chain packed so far is stored: "
-     "free its blocks."},
+     "A segment is longer than `BlkLen` - 15, or the number at the start of a segment of type "
+     "\"C\" is negative. The text shows the low 16 bits of the length.",
+     "Pass a longer block, or look for a count that was not set. The chain packed so far is "
+     "stored: free its blocks."},
     {MEMERR_PACKBMIN, Seen::WithCode, "StringLengthTooLarge=%ld", "MEM_Pack", "",
      "A text is longer than `BlkLen` - 15 with its terminator; wide text takes twice its bytes.",
      "Pass a longer block, or look for a text without a terminator. The chain packed so far is "
@@ -260,36 +272,36 @@ constexpr ErrorCase kCases[] = {
      "chain of another layout.",
      "Use 270 descriptors at most."},
     {MEMERR_PACKBMIN, Seen::WithCode, "SegmentLengthTooLargeinUnpack=%hd", "MEM_Unpack", "",
-     "A segment is longer than 33,009 bytes in the caller's layout, or one of type \"C\" longer than "
-     "its number can say. The text shows the low 16 bits of the length.",
+     "A segment is longer than 33,009 bytes in the caller's layout, or one of type \"C\" longer "
+     "than its number can say. The text shows the low 16 bits of the length.",
      "Have the writer split the structure."},
     {MEMERR_PACKBMIN, Seen::WithCode, "StrBufLengthTooLargeinUnpack=%hd", "MEM_Unpack", "",
-     "A text of the chain is longer than 33,009 bytes. Only for a chain of another layout. The text "
-     "shows the low 16 bits of the length.",
+     "A text of the chain is longer than 33,009 bytes. Only for a chain of another layout. The "
+     "text shows the low 16 bits of the length.",
      "Have the writer split the text."},
     {MEMERR_PACKBMIN, Seen::WithCode, "StrBufLengthTooLargeinRepack=%hd", "MEM_Unpack", "",
      "A wide text of the chain is longer than 33,009 bytes with the double room that it gets. Only "
      "for a chain of another layout. The text shows the low 16 bits of its length.",
      "Have the writer split the text."},
     {MEMERR_PACKBMAX, Seen::WithCode, "MaxBlocksValueBad=%hd", "MEM_Pack, MEM_Unpack", "",
-     "`MEM_Unpack`: there is no chain (0), or it has more than 32,767 blocks, as one does whose links "
-     "run in a circle (-32768). `MEM_Pack`: the chain would have more than 32,767 blocks.",
-     "Check the address of the chain's address, and the link of its last block, which is null. Pack "
-     "with longer blocks."},
+     "`MEM_Unpack`: there is no chain (0), or it has more than 32,767 blocks, as one does whose "
+     "links run in a circle (-32768). `MEM_Pack`: the chain would have more than 32,767 blocks.",
+     "Check the address of the chain's address, and the link of its last block, which is null. "
+     "Pack with longer blocks."},
     {MEMERR_PACKSMAX, Seen::Never, "", "", "",
      "None in this library: a segment that is too long fails with 4066.", kFindTheWriter},
     {MEMERR_PACKSPTR, Seen::WithCode, "Invalid Segment Ptr=%p", "MEM_Pack", "",
-     "The root or the place for the chain is a null pointer (the text then shows 0), or a reference "
-     "leads to a structure that no child or sibling pointer reaches.",
+     "The root or the place for the chain is a null pointer (the text then shows 0), or a "
+     "reference leads to a structure that no child or sibling pointer reaches.",
      "Find the structure at the address. Reach it by a child or sibling pointer, or make the "
      "reference null before packing. After a bad reference the chain packed so far is stored: free "
      "its blocks."},
     {MEMERR_PACKRBLK, Seen::WithCode, "Invalid Relative Blk=%hd", "MEM_Unpack", "",
-     "A pointer of the chain names a block that the chain does not have, or the chain has one block "
-     "and the root is not in it.",
-     "Check that all blocks are there and in order, and that the chain was not unpacked before: then "
-     "it holds addresses. Save the blocks to a file and run `memtool chain FILE --check`: it names "
-     "block and offset of the first fault."},
+     "A pointer of the chain names a block that the chain does not have, or the chain has one "
+     "block and the root is not in it.",
+     "Check that all blocks are there and in order, and that the chain was not unpacked before: "
+     "then it holds addresses. Save the blocks to a file and run `memtool chain FILE --check`: it "
+     "names block and offset of the first fault."},
     {MEMERR_PACKRBLK, Seen::WithCode, "RepackNewBlockTblBlkErr", "MEM_Unpack", "",
      "A reference leads to a block in which no segment is reached. Only for a chain of another "
      "layout.",
@@ -299,9 +311,9 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_PACKRBLK, Seen::WithCode, "UnpackSibNewBlockTblBlkErr", "MEM_Unpack", "",
      "A sibling pointer has changed during the call.", kKeepChain},
     {MEMERR_PACKROFF, Seen::WithCode, "Invalid Relative Offset=%hd", "MEM_Unpack", "",
-     "A pointer of the chain leads beyond the used length of its block, or what is at its target - a "
-     "segment, its length, a pointer field, a text with its terminator - does not end within it. The "
-     "text shows the offset, counted from byte 8 of the block.",
+     "A pointer of the chain leads beyond the used length of its block, or what is at its target - "
+     "a segment, its length, a pointer field, a text with its terminator - does not end within it. "
+     "The text shows the offset, counted from byte 8 of the block.",
      kCheckChain},
     {MEMERR_PACKROFF, Seen::WithCode, "RepackNewBlockTblOffsetErr", "MEM_Unpack", "",
      "A reference leads to a place where no segment begins. Only for a chain of another layout.",
@@ -311,24 +323,25 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_PACKROFF, Seen::WithCode, "UnpackSibNewBlockTblOffsetErr", "MEM_Unpack", "",
      "A sibling pointer has changed during the call.", kKeepChain},
     {MEMERR_PACKCYCL, Seen::WithCode, "RecursiveStructure", "MEM_Pack, MEM_Unpack", "",
-     "`MEM_Pack`: a structure is reached twice by child and sibling pointers. `MEM_Unpack`: two items "
-     "of the chain overlap, or one is reached twice.",
+     "`MEM_Pack`: a structure is reached twice by child and sibling pointers. `MEM_Unpack`: two "
+     "items of the chain overlap, or one is reached twice.",
      "Describe all pointers to a structure but one as references: they may form circles. After "
      "`MEM_Pack` the chain packed so far is stored: free its blocks. A chain that was read is "
      "damaged."},
     {MEMERR_PACKSTAK, Seen::WithCode, "TraversalStackOverflow", "MEM_Pack, MEM_Unpack", "",
      "Child pointers lead more than 64 levels deep, the root included.",
-     "Link long lists by the sibling pointer, which takes no level. After `MEM_Pack` the chain packed "
-     "so far is stored: free its blocks."},
+     "Link long lists by the sibling pointer, which takes no level. After `MEM_Pack` the chain "
+     "packed so far is stored: free its blocks."},
     {MEMERR_PACKSTAK, Seen::WithCode, "UnpackStackOverflow", "MEM_Unpack", "",
-     "The same in a chain of another layout.",
+     "In a chain of another layout child pointers lead more than 64 levels deep, the root "
+     "included.",
      "Have the writer link long lists by the sibling pointer. `MEM_Pack` makes no such chain."},
     {MEMERR_PACKCBID, Seen::WithCode, "MemPackCBstructIDInvalid=%p", "MEM_Pack, MEM_Unpack", "",
-     "`MEM_Pack`: `pPackCB` is a null pointer, a descriptor has a count out of range (24 children, 8 "
-     "references) or a child of a kind that does not exist, or a pointer field is not inside its "
-     "segment. `MEM_Unpack`: no version is at the start of the chain, its control block is damaged, "
-     "or the caller's control block describes other structures. The text shows the address of the "
-     "version, the descriptor or the control block.",
+     "`MEM_Pack`: `pPackCB` is a null pointer, a descriptor has a count out of range (24 children, "
+     "8 references) or a child of a kind that does not exist, or a pointer field is not inside its "
+     "segment. `MEM_Unpack`: no version is at the start of the chain, its control block is "
+     "damaged, or the caller's control block describes other structures. The text shows the "
+     "address of the version, the descriptor or the control block.",
      "Clear a `MemPackCB` before filling it. For a chain: run `memtool chain FILE --check`, and "
      "compare the kinds that `memtool chain FILE` shows with those of your control block."},
     {MEMERR_PACKCBVR, Seen::WithCode, "MemPackCBstructIDVersion=%p", "MEM_Unpack", "",
@@ -336,8 +349,9 @@ constexpr ErrorCase kCases[] = {
      "Look at the four characters from byte 10 of the first block on: the chain is damaged, or its "
      "writer is newer."},
     {MEMERR_PACKUTF, Seen::WithCode, "UTF32 to UTF16 Conversion err=%hd", "MEM_Unpack", "",
-     "A wide text of a writer with wide characters of 4 bytes is no valid UTF-32, or is longer than "
-     "fits. The text shows the code of the host's conversion service (`RuntimeServices` slot 158).",
+     "A wide text of a writer with wide characters of 4 bytes is no valid UTF-32, or is longer "
+     "than fits. The text shows the code of the host's conversion service (`RuntimeServices` slot "
+     "158).",
      "Have the writer check its text. The chain is partly converted: load it again."},
     {MEMERR_PACKUTF, Seen::Never, "UTF16 to UTF32 Conversion err=%hd", "", "",
      "None on this platform: its wide characters have 2 bytes.", kFindTheWriter},
@@ -345,43 +359,44 @@ constexpr ErrorCase kCases[] = {
     // String sink
     {MEMERR_SINKVSTG, Seen::Inner, "GetVSTGErr", "MEM_SinkInit", "MEM_ProcessInit",
      "`RuntimeServices` slot 112 did not provide the first block (0x44000 bytes) or the index "
-     "(16,384 bytes) of subpool 230, kind 0. What the "
-     "host left as its own code is in `Code` and `PrevInnerCode`.",
-     "Provide storage in subpool 230. After a failed `MEM_ProcessInit` call `MEM_ProcessTerm`, which "
-     "frees what is there, and start again."},
+     "(16,384 bytes) of subpool 230, kind 0. What the host left as its own code is in `Code` and "
+     "`PrevInnerCode`.",
+     "Provide storage in subpool 230. After a failed `MEM_ProcessInit` call `MEM_ProcessTerm`, "
+     "which frees what is there, and start again."},
     {MEMERR_SINKVSTG, Seen::Inner, "ProtPageErr", "MEM_SinkInit", "MEM_ProcessInit",
      "`RuntimeServices` slot 144 refused to make the string space of the first block read-only.",
-     "Let storage of subpool 230 have whole pages from byte 16,384 on. Then as above."},
+     "Let storage of subpool 230 have whole pages from byte 16,384 on. After a failed "
+     "`MEM_ProcessInit` call `MEM_ProcessTerm`, and start again."},
     {MEMERR_SINKVSTG, Seen::Recorded, "GetVSTGErr", "MEM_SinkString, MEM_WSinkString", "",
      "`RuntimeServices` slot 112 did not provide a further block or a larger index of subpool 230. "
      "What the host left in the error area is in `InnerCode` and `InnerText`.",
      "Provide storage in subpool 230 and call again: the sink is as it was."},
     {MEMERR_SINKVSTG, Seen::Recorded, "ProtPageErr", "MEM_SinkString, MEM_WSinkString", "",
-     "`RuntimeServices` slot 144 refused to make the string space of a further block read-only. What "
-     "the host left in the error area is in `InnerCode` and `InnerText`.",
+     "`RuntimeServices` slot 144 refused to make the string space of a further block read-only. "
+     "What the host left in the error area is in `InnerCode` and `InnerText`.",
      "Let storage of subpool 230 have whole pages from byte 16,384 on. The sink is as it was."},
     {MEMERR_SINKVSTG, Seen::Recorded, "ProtPageErrReadWrite",
      "MEM_SinkString, MEM_WSinkString, MEM_SinkDelete, MEM_WSinkDelete", "",
-     "`RuntimeServices` slot 144 refused to make the bytes of the copy writable. What the host left in "
-     "the error area is in `InnerCode` and `InnerText`.",
+     "`RuntimeServices` slot 144 refused to make the bytes of the copy writable. What the host "
+     "left in the error area is in `InnerCode` and `InnerText`.",
      "Look the inner code up in the host's manual and call again: the sink is as it was."},
     {MEMERR_SINKVSTG, Seen::Recorded, "ProtPageErrReadOnly",
      "MEM_SinkString, MEM_WSinkString, MEM_SinkDelete, MEM_WSinkDelete", "",
-     "`RuntimeServices` slot 144 refused to make the bytes of the copy read-only again. What the host "
-     "left in the error area is in `InnerCode` and `InnerText`.",
+     "`RuntimeServices` slot 144 refused to make the bytes of the copy read-only again. What the "
+     "host left in the error area is in `InnerCode` and `InnerText`.",
      "Look the inner code up in the host's manual. Sinking has added nothing: call again. Deleting "
      "is done: do not call again."},
     {MEMERR_SINKLGATE, Seen::Inner, "CreateFailed", "MEM_SinkInit", "MEM_ProcessInit",
-     "The host could not make the sink's gate: `RuntimeServices` slot 27 returned a code other than "
-     "0.",
-     "Look at the host's gates. After a failed `MEM_ProcessInit` call `MEM_ProcessTerm`, which frees "
-     "what is there, and start again."},
+     "The host could not make the sink's gate: `RuntimeServices` slot 27 returned a code other "
+     "than 0.",
+     "Look at the host's gates. After a failed `MEM_ProcessInit` call `MEM_ProcessTerm`, which "
+     "frees what is there, and start again."},
     {MEMERR_SINKLGATE, Seen::Recorded, "ListGateAcq",
      "MEM_SinkString, MEM_SinkDelete, MEM_SinkVerify, MEM_WSinkString, MEM_WSinkDelete, "
      "MEM_WSinkVerify",
      "",
-     "The host did not let this thread hold the sink's gate: `RuntimeServices` slot 29 returned a code "
-     "other than 0. What the host left in the error area is in `InnerCode` and `InnerText`.",
+     "The host did not let this thread hold the sink's gate: `RuntimeServices` slot 29 returned a "
+     "code other than 0. What the host left in the error area is in `InnerCode` and `InnerText`.",
      "Look for a thread that has ended, or was ended, inside a call of the sink, and for a slot of "
      "the host's own that calls the sink while its gate is held. The sink is as it was."},
     {MEMERR_SINKITEXT, Seen::Recorded, "InputTextPtrNull",
@@ -404,8 +419,8 @@ constexpr ErrorCase kCases[] = {
      "null pointer.",
      "Pass the address of a pointer; delete what the sink stored."},
     {MEMERR_SINKIERR, Seen::Recorded, "Bad SinkPtr=%p", "MEM_SinkDelete, MEM_WSinkDelete", "",
-     "The text is in the sink, but the address is not that of its copy (`TextServices` slot 8 gets the "
-     "detail text \"Bad Sink Block Pointer\").",
+     "The text is in the sink, but the address is not that of its copy (`TextServices` slot 8 gets "
+     "the detail text \"Bad Sink Block Pointer\").",
      "Delete by the address that sinking stored, not by an equal text."},
     {MEMERR_SINKIERR, Seen::Recorded, "",
      "MEM_SinkString, MEM_SinkDelete, MEM_SinkVerify, MEM_WSinkString, MEM_WSinkDelete, "
@@ -420,7 +435,6 @@ constexpr ErrorCase kCases[] = {
      "MEM_InitQTRFTbls", "", "The service is for another platform: it always fails here.",
      "Do not call it."},
 };
-// clang-format on
 
 struct CodeName {
   std::uint32_t code;
@@ -451,12 +465,10 @@ std::string_view noteOn(std::uint32_t code) {
       return "The message table has no row for this code: a host shows the number only.";
     case MEMERR_PACKBMIN:
       return "The message misleads: this code is for what does not fit a block. Too many blocks "
-             "are "
-             "4067.";
+             "are 4067.";
     case MEMERR_PACKBMAX:
       return "The message misleads: this code is for the number of blocks. What does not fit a "
-             "block "
-             "is 4066.";
+             "block is 4066.";
     default:
       return "";
   }

@@ -945,7 +945,7 @@ TEST_F(ErrorTableTest, EveryCaseIsWhatTheLibraryDoes) {
   EXPECT_EQ(listed(seen_, wanted), "") << "was seen and is not in the table";
 }
 
-// What the page says of failures without a code.
+// What the table says of failures without a code.
 TEST_F(ErrorTableTest, SomeFailuresHaveNoCode) {
   const auto expectNoCode = [&](std::int16_t result, const char *text) {
     EXPECT_EQ(result, kFailed);
@@ -971,6 +971,21 @@ TEST_F(ErrorTableTest, SomeFailuresHaveNoCode) {
   EXPECT_EQ(mem.MEM_HeapOpen(nullptr, 257, 0), kFailed);
   host.withoutThreadEnv(false);
   EXPECT_STREQ(error().NameText, "Invalid Area Length=0");  // of the call before
+
+  HMEMHASH table = nullptr;
+  void *pStored = nullptr;
+  const std::uint8_t key[kKeyLen] = {};
+  ASSERT_EQ(mem.MEM_HashOpen(&table, 0, kKeyLen, 0, firstByte, 1, 7), 0);
+  ASSERT_EQ(mem.MEM_HashInsEntry(table, kKeyLen, key, &pStored), 0);
+  const auto scanned = [](void *, void *) -> std::int16_t { return 7; };
+  EXPECT_EQ(mem.MEM_HashScan(table, scanned, nullptr), 7);
+  EXPECT_EQ(error().Code, 0U);
+  ASSERT_EQ(mem.MEM_HashClose(table), 0);
+  host.arm({.service = Service::GetStorage});
+  EXPECT_EQ(mem.MEM_Alloc(8, 7), nullptr);
+  EXPECT_EQ(error().Code, 0U);
+  EXPECT_EQ(mem.MEM_Port1StrToStruct(nullptr, nullptr, 0, nullptr, nullptr), kFailed);
+  EXPECT_EQ(error().Code, 0U);
 }
 
 TEST_F(ErrorTableTest, HasTheCodesOfTheMessageTable) {

@@ -49,6 +49,15 @@ TEST_F(MemtoolErrorsTest, CodeWithoutARowIsExplained) {
                        "\"FreeMemCatExtString\"\n  from        MEM_CatClose\n"));
 }
 
+TEST_F(MemtoolErrorsTest, FailuresWithoutACodeAreFound) {
+  EXPECT_EQ(found("0"), (Codes{0}));
+  EXPECT_EQ(found("0x0"), (Codes{0}));
+  EXPECT_EQ(found("WideStringOutOfPlace"), (Codes{0}));
+  EXPECT_EQ(found("MEM_HashScan"), (Codes{4031, 0}));
+  EXPECT_TRUE(outputOf({"errors", "0"})
+                  .starts_with("0 0x0 no code\n0 is the result of a call that has succeeded."));
+}
+
 TEST_F(MemtoolErrorsTest, NamesGoBeforeOtherTexts) {
   EXPECT_EQ(found("gate"), (Codes{3090, 4057, 4081}));
   EXPECT_EQ(found("CAT"), (Codes{4025, 4026, 4027, 4028}));

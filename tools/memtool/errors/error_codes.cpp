@@ -26,6 +26,7 @@ constexpr std::array<SeenText, kSeenCount> kSeenTexts{{
      "the "
      "text"},
     {"returned only", "the code", "nothing is recorded"},
+    {"without a code", "-1 (0xFFFF), or as the cause says", "`Code` is not this failure's"},
     {"never", "none", "no service of this library reports it"},
 }};
 
@@ -96,11 +97,14 @@ std::int64_t codeNumber(std::string_view text) {
 
 std::vector<const ErrorCode *> findErrorCodes(std::string_view wanted) {
   const std::int64_t number = codeNumber(wanted);
-  if (number >= 0) return codesThat([&](const ErrorCode &code) { return code.code == number; });
+  if (number == 0) return {&withoutCode()};
+  if (number > 0) return codesThat([&](const ErrorCode &code) { return code.code == number; });
   const std::string text = lowered(wanted);
   const auto named = codesThat([&](const ErrorCode &code) { return nameHolds(code, text); });
   if (!named.empty()) return named;
-  return codesThat([&](const ErrorCode &code) { return anyTextHolds(code, text); });
+  auto found = codesThat([&](const ErrorCode &code) { return anyTextHolds(code, text); });
+  if (!text.empty() && anyTextHolds(withoutCode(), text)) found.push_back(&withoutCode());
+  return found;
 }
 
 std::vector<std::string_view> namesIn(std::string_view list) {

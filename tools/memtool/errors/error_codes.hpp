@@ -18,6 +18,7 @@ enum class Seen {
   Inner,        // -1; InnerCode holds the code, InnerText the text; Code is not the library's
   InsideCat,    // -1; Code is 4027, InnerCode holds the code, InnerText the text
   ResultOnly,   // the result is the code; nothing is recorded
+  WithoutCode,  // fails as the cause says and leaves no code
   Never         // no service of this library reports it
 };
 
@@ -53,6 +54,9 @@ struct ErrorFamily {
 // row there.
 std::span<const ErrorCode> errorCodes();
 
+// The failures without a code, as a code of number 0; not one of errorCodes().
+const ErrorCode &withoutCode();
+
 // Ascending; each code is in one of them.
 std::span<const ErrorFamily> errorFamilies();
 
@@ -61,13 +65,14 @@ struct SeenText {
   std::string_view result;
   std::string_view record;  // what the error area holds
 };
-inline constexpr std::size_t kSeenCount = 7;
+inline constexpr std::size_t kSeenCount = 8;
 SeenText seenText(Seen seen);
 
 // The codes that a user may mean: those with a number (decimal, or hexadecimal behind 0x), else
 // those whose name holds the text, else those with the text in their message, recorded texts, entry
 // points, causes or remedies, or with a recorded text that `wanted` holds with values in it.
-// Capitals do not matter. All codes when nothing is wanted.
+// Capitals do not matter. withoutCode() is found as the number 0 and by its texts. All codes when
+// nothing is wanted.
 std::vector<const ErrorCode *> findErrorCodes(std::string_view wanted);
 
 // The number that `text` is as a whole, or -1.

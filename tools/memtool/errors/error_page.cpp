@@ -41,24 +41,9 @@ constexpr std::string_view kWithoutCode =
 A service that another one has called records its failure itself, and the record stays: entries below name the
 services that pass it on. Their result is -1.
 
-## Failures without a code
-
-These calls fail, or return something else than 0, without a code of the library's.
-
-| Call | Result | Why | What to do |
-|---|---|---|---|
-| `MEM_Alloc` | null | no storage in this subpool; the host may have recorded a code of its own | free storage, or raise the limit in the host |
-| `MEM_ThreadAct` | -1 | no process block, or the host has no environment for this thread | call `MEM_ProcessInit` first; make the environment in `RuntimeServices` slot 148 |
-| `MEM_WSinkString`, `MEM_WSinkDelete`, `MEM_WSinkVerify` | -1 | the host has no environment for this thread | make one; the narrow calls work without |
-| `MEM_Pack` | -1, `NameText` is "WideStringOutOfPlace" | the root is wide text | let a child pointer lead to it |
-| `MEM_Pack` | -1 | the option `OldPackCB` is set and a descriptor has more than 8 children | clear the option with `MEMSetProcOptions`, or split the structure |
-| `MEM_HashScan` | any | the caller's function returned it, for the last record for which it returned anything but 0 | look there |
-| `MEM_StructToPortStr`, `MEM_PortStrToStruct`, `MEM_Port1StrToStruct` | -1 | the reason is an "EXCP" trace record, written whatever the trace flags are; `Code` is a heap's or hash table's where one of their services failed | see [port strings](port-strings.md#failures) |
-| every service | -1, and nothing is recorded | the host has no environment for this thread | make it in `RuntimeServices` slot 148 |
-
-Other numbers come from elsewhere: 65535 (0xFFFF) is the result of a failing call and not its code; what stands in
-`InnerCode` or `PrevInnerCode` and is not in the table below is the host's. The reference host's own numbers, 8 to 36,
-are in [its header](../host/refhost.hpp).
+Other numbers come from elsewhere: 65535 (0xFFFF) is the result of a failing call and not its code; what is in
+`InnerCode` or `PrevInnerCode` and not in the table below is the host's. The reference host's own numbers, 8 to 36,
+are in [its header](../host/refhost.hpp). On a thread for which the host has no environment nothing is recorded.
 
 )";
 
@@ -125,6 +110,8 @@ std::string errorPage() {
   page += seenTable();
   page += kWithoutCode;
   page += listOfCodes();
+  page += "\n## Failures without a code\n";
+  for (const ErrorCase &known : withoutCode().cases) page += caseText(known);
   for (const ErrorFamily &family : errorFamilies()) {
     page +=
         fmt::format("\n## {}\n\nThe services: [{}]({}).\n", family.title, family.page, family.page);

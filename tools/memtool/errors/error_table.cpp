@@ -436,6 +436,38 @@ constexpr ErrorCase kCases[] = {
      "Do not call it."},
 };
 
+constexpr std::string_view kMakeEnvironment =
+    "Let `RuntimeServices` slot 148 find or make an environment for every thread.";
+
+constexpr ErrorCase kWithoutCode[] = {
+    {0, Seen::WithoutCode, "", "MEM_Alloc", "",
+     "The subpool has no storage: the result is null. `Code` is the host's, if it left one.",
+     "Free storage of this subpool, or raise its limit in the host."},
+    {0, Seen::WithoutCode, "", "MEM_ThreadAct", "",
+     "There is no process block, or the host has no environment for this thread. What an earlier "
+     "call recorded stays.",
+     "Call `MEM_ProcessInit` first. Let `RuntimeServices` slot 148 find or make an environment for "
+     "every thread."},
+    {0, Seen::WithoutCode, "", "MEM_WSinkString, MEM_WSinkDelete, MEM_WSinkVerify", "",
+     "The host has no environment for this thread. The narrow calls work without one.",
+     kMakeEnvironment},
+    {0, Seen::WithoutCode, "WideStringOutOfPlace", "MEM_Pack", "",
+     "The root is wide text. The text is in `NameText`.",
+     "Let a child pointer of the root lead to the text."},
+    {0, Seen::WithoutCode, "", "MEM_Pack", "",
+     "The option `OldPackCB` is set and a descriptor has more than 8 children. The exit record of "
+     "the trace is \"Too many Child Ptrs for Old MemPackCB, rc=FAILED\".",
+     "Clear the option with `MEMSetProcOptions`, or split the structure."},
+    {0, Seen::WithoutCode, "", "MEM_HashScan", "",
+     "The caller's function returned something else than 0: the last such number is the result.",
+     "Look into that function. The scan went through all records."},
+    {0, Seen::WithoutCode, "", "MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct", "",
+     "Port strings have no codes: the reason is an \"EXCP\" trace record, written whatever the "
+     "trace flags are. Where a heap or a hash table has failed inside, `Code` is its code.",
+     "Read the record: it says what is wrong, at which character, what was read and what comes "
+     "next. `memtool port FILE --check` shows it for a file."},
+};
+
 struct CodeName {
   std::uint32_t code;
   std::string_view name;
@@ -495,6 +527,13 @@ std::vector<ErrorCode> makeCodes() {
 std::span<const ErrorCode> errorCodes() {
   static const std::vector<ErrorCode> codes = makeCodes();
   return codes;
+}
+
+const ErrorCode &withoutCode() {
+  static constexpr ErrorCode kNoCode{
+      0, "no code", "",
+      "0 is the result of a call that has succeeded. These failures have no code.", kWithoutCode};
+  return kNoCode;
 }
 
 std::span<const ErrorFamily> errorFamilies() {

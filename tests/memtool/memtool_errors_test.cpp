@@ -74,6 +74,8 @@ TEST_F(MemtoolErrorsTest, TextsWithValuesAreFound) {
   EXPECT_EQ(found("link offset=%hd less than zero"), (Codes{4054}));
   EXPECT_EQ(found("Num of entries=0 too small"), (Codes{4053}));
   EXPECT_EQ(found("[12:00] MemAllocAreaFail reported"), (Codes{4055}));
+  EXPECT_EQ(found("MEM_SinkString failed: 4086 MEMERR_SINKIERR, Internal Process Error"),
+            (Codes{4086}));
 }
 
 TEST_F(MemtoolErrorsTest, SeveralAreListed) {

@@ -53,8 +53,10 @@ bool holdsWithValues(std::string_view line, std::string_view recorded) {
   return at > 0;
 }
 
-bool nameHolds(const ErrorCode &code, const std::string &wanted) {
-  return lowered(code.name).find(wanted) != std::string::npos;
+// A part of a name, or a line of a log with a name in it.
+bool isNamed(const ErrorCode &code, const std::string &wanted) {
+  const std::string name = lowered(code.name);
+  return name.find(wanted) != std::string::npos || wanted.find(name) != std::string::npos;
 }
 
 bool caseHolds(const ErrorCase &known, const std::string &wanted) {
@@ -100,7 +102,7 @@ std::vector<const ErrorCode *> findErrorCodes(std::string_view wanted) {
   if (number == 0) return {&withoutCode()};
   if (number > 0) return codesThat([&](const ErrorCode &code) { return code.code == number; });
   const std::string text = lowered(wanted);
-  const auto named = codesThat([&](const ErrorCode &code) { return nameHolds(code, text); });
+  const auto named = codesThat([&](const ErrorCode &code) { return isNamed(code, text); });
   if (!named.empty()) return named;
   auto found = codesThat([&](const ErrorCode &code) { return anyTextHolds(code, text); });
   if (!text.empty() && anyTextHolds(withoutCode(), text)) found.push_back(&withoutCode());

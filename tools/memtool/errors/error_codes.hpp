@@ -69,10 +69,10 @@ inline constexpr std::size_t kSeenCount = 8;
 SeenText seenText(Seen seen);
 
 // The codes that a user may mean: those with a number (decimal, or hexadecimal behind 0x), else
-// those whose name holds the text, else those with the text in their message, recorded texts, entry
-// points, causes or remedies, or with a recorded text that `wanted` holds with values in it.
-// Capitals do not matter. withoutCode() is found as the number 0 and by its texts. All codes when
-// nothing is wanted.
+// those whose name holds the text or is in it, else those with the text in their message, recorded
+// texts, entry points, causes or remedies, or with a recorded text, values and all, in it. Capitals
+// do not matter. withoutCode() is found as the number 0 and by its texts. All codes when nothing is
+// wanted.
 std::vector<const ErrorCode *> findErrorCodes(std::string_view wanted);
 
 // The number that `text` is as a whole, or -1.

@@ -243,7 +243,7 @@ static_assert(isField(kCatalogDefs[1].Fields[3], 4, MEM_PORT_PNT, 8, 24, 1));
 static_assert(kCatalogDefs[2].StructID == 0);
 
 // Every type code.
-enum class Colour : std::uint16_t { kRed = 7 };
+enum class Colour : std::uint16_t { kRed = 7, kGreen = 0xFFFF };
 struct Every {
   char chars[4];
   char text[4];
@@ -282,7 +282,7 @@ inline constexpr mem::PortTable kEvery{
         mem::fieldAs<14, MEM_PORT_WCHAR>(MEM_FIELD(Every, wide)),
         mem::field<15>(MEM_FIELD(Every, wideText)).defaultText(u"w"),
         mem::field<16>(MEM_FIELD(Every, pWide)).defaultText(u"wide"),
-        mem::field<17>(MEM_FIELD(Every, colour)).notPorted()),
+        mem::field<17>(MEM_FIELD(Every, colour)).notPorted().defaultNumber<Colour::kGreen>()),
     mem::structure<Part, 2>(mem::field<1>(MEM_FIELD(Part, number)),
                             mem::field<2>(MEM_FIELD(Part, bytes)))};
 
@@ -297,6 +297,7 @@ static_assert(hasEveryCode());
 static_assert(kEvery.table()[0].Fields[4].Default.Short == 0xFFFB);
 static_assert(kEvery.table()[0].Fields[7].Default.Long == 4000000000U);
 static_assert(kEvery.table()[0].Fields[1].NoTruncate == 1);
+static_assert(kEvery.table()[0].Fields[16].Default.Short == 0xFFFF);
 
 // Repeat fields, and alternatives that share their place.
 struct Counts {
@@ -400,6 +401,7 @@ TEST_F(PortTableRoundTrip, AbsentFieldsGetTheirDefaults) {
   EXPECT_EQ(back->us, 65535U);
   EXPECT_EQ(back->l, -70000);
   EXPECT_EQ(back->ul, 4000000000U);
+  EXPECT_EQ(back->colour, Colour::kGreen);
   EXPECT_EQ(back->part.number, 9U);
   EXPECT_EQ(std::u16string(back->wideText), u"w");
   EXPECT_EQ(std::u16string(back->pWide), u"wide");

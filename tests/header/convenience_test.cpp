@@ -293,6 +293,7 @@ TEST(ResultTest, HoldsAValueOrAnError) {
   EXPECT_TRUE(error.error().isRefusal());
   EXPECT_STREQ(error.error().line().text, "S failed: because");
   static_assert(!std::is_convertible_v<mem::Result<int *>, bool>);
+  static_assert(std::is_same_v<decltype(mem::Result<int>(1).value()), int>);
   static_assert(!std::is_constructible_v<bool, mem::Status>);
 }
 
@@ -360,6 +361,19 @@ TEST_F(HeapOwnerTest, MakesInitialisedRecords) {
   Record *const linked = taken(heap.make<Record>(nullptr, 3U, 4U));
   EXPECT_EQ(linked->value, 4U);
   EXPECT_EQ(asNumber(linked) % 8, 0U);
+}
+
+TEST_F(HeapOwnerTest, MakesRecordsWithConstantMembers) {
+  struct Named {
+    Named *pNext;
+    const char *const pName;
+  };
+  mem::Heap heap = taken(mem::Heap::open(context));
+  EXPECT_EQ(taken(heap.make<Named>())->pName, nullptr);
+  EXPECT_STREQ(taken(heap.make<Named>(nullptr, "name"))->pName, "name");
+  EXPECT_EQ(taken(heap.makeChain(MEM_FIELD(Named, pNext), 2))->pNext->pName, nullptr);
+  mem::CellPool<Named> pool = taken(mem::CellPool<Named>::open(context));
+  EXPECT_EQ(taken(pool.make())->pName, nullptr);
 }
 
 TEST_F(HeapOwnerTest, MakesChainsOfInitialisedRecords) {
@@ -844,6 +858,16 @@ TEST_F(PortOwnerTest, WritesInPieces) {
     EXPECT_EQ(string.length(), sizeof kNodeText - 1);
     EXPECT_EQ(string.structId(), 12U);
   }
+}
+
+// The range of a loop lives as long as the loop, but not the temporary that it comes from.
+TEST_F(PortOwnerTest, IsGoneThroughWhereItIsWritten) {
+  std::string text;
+  for (const std::string_view piece :
+       mem::PortString::write(context, kNodes, nodes[0], {}, 30).value()) {
+    text += piece;
+  }
+  EXPECT_EQ(text, kNodeText);
 }
 
 TEST_F(PortOwnerTest, IsEmptyAfterMoveAndClose) {

@@ -51,7 +51,7 @@ class CellPool : public Owner<CellPool<Record>, HMEMCELL> {
     void *pCell = nullptr;
     const Status taken = call(this->context(), slots::MEM_CellAllocEntry, this->handle(), &pCell);
     if (!taken.isOk()) return taken.error();
-    return new (pCell) Record{std::forward<Args>(args)...};
+    return detail::construct<Record>(pCell, std::forward<Args>(args)...);
   }
 
   /** Gives a record back. REQUIRES: it is this pool's and has not been given back. */

@@ -205,10 +205,13 @@ class [[nodiscard]] Result {
 
   bool isOk() const noexcept { return state_.index() == 0; }
 
-  /** The value. A program that asks a failed result for it is ended. */
+  /** The value. A program that asks a failed result for it is ended. That of a temporary result is
+   * handed out itself, so that `for (… : PortString::write(…).value())` has what it goes through.
+   */
   Value &value() &noexcept { return *existing(std::get_if<0>(&state_)); }
   const Value &value() const &noexcept { return *existing(std::get_if<0>(&state_)); }
-  Value &&value() &&noexcept { return std::move(*existing(std::get_if<0>(&state_))); }
+  Value value() &&noexcept { return std::move(*existing(std::get_if<0>(&state_))); }
+  const Value &value() const &&noexcept = delete;
 
   /** The error. A program that asks a result with a value for it is ended. */
   const Error &error() const noexcept { return *existing(std::get_if<1>(&state_)); }

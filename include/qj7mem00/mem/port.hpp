@@ -99,6 +99,26 @@ constexpr bool isPortNumber(MEMFieldType code) noexcept {
   return code >= MEM_PORT_SHORT && code <= MEM_PORT_ULONG;
 }
 
+// The number that an enumerator stands for; other numbers themselves.
+template <class Type>
+constexpr auto numberOf(Type value) noexcept {
+  if constexpr (std::is_enum_v<Type>) {
+    return static_cast<std::underlying_type_t<Type>>(value);
+  } else {
+    return value;
+  }
+}
+
+// Whether a field of this type can hold the number.
+template <class FieldType, auto kValue>
+constexpr bool fits() noexcept {
+  using Number = decltype(numberOf(kValue));
+  using Field = decltype(numberOf(std::remove_cv_t<FieldType>{}));
+  constexpr Number number = numberOf(kValue);
+  return number == static_cast<Number>(static_cast<Field>(number)) &&
+         (number < Number{}) == (static_cast<Field>(number) < Field{});
+}
+
 enum class Repeat { kNone, kByCount, kByLength };
 
 // The structure that a field points to or embeds; void for other fields.
@@ -165,14 +185,14 @@ class PortField {
     changed.def_.Default.pWide = pText;
     return changed;
   }
-  /** For numbers of 16 and 32 bits. Of a 64-bit field readers set half only, so it has no default.
-   */
+  /** For numbers and enumerators of 16 and 32 bits. Of a 64-bit field readers set half only, so it
+   * has no default. */
   template <auto kValue>
   constexpr PortField defaultNumber() const noexcept {
     static_assert(detail::isPortNumber(kCode), "mem: this field has no number as its default");
-    static_assert(kValue == static_cast<decltype(kValue)>(static_cast<FieldType>(kValue)) &&
-                      (kValue < 0) == (static_cast<FieldType>(kValue) < FieldType{}),
-                  "mem: the default does not fit its field");
+    if constexpr (detail::isPortNumber(kCode)) {
+      static_assert(detail::fits<FieldType, kValue>(), "mem: the default does not fit its field");
+    }
     PortField changed = *this;
     if constexpr (sizeof(FieldType) == 2) {
       changed.def_.Default.Short = static_cast<std::uint16_t>(kValue);

@@ -274,6 +274,40 @@ Status call(const Context &context, Slot<Service> slot, Args... args) noexcept {
 }
 /** @} */
 
+namespace detail {
+
+// Cleared storage of subpool 0 for the time of a call.
+class WorkStorage {
+ public:
+  // A length of 0, or one that the services do not take, gets none.
+  WorkStorage(const Context &context, std::uint64_t length) noexcept
+      : context_(context), length_(static_cast<std::uint32_t>(length)) {
+    if (length == 0 || length != length_) return;
+    pStorage_ = context.vector().MEM_Alloc(length_, kSubPool);
+    if (pStorage_ != nullptr) std::memset(pStorage_, 0, length_);
+  }
+  ~WorkStorage() {
+    if (pStorage_ != nullptr) context_.vector().MEM_Free(pStorage_, length_, kSubPool);
+  }
+  WorkStorage(const WorkStorage &) = delete;
+  WorkStorage &operator=(const WorkStorage &) = delete;
+
+  bool exists() const noexcept { return pStorage_ != nullptr; }
+  template <class Type>
+  Type *as() const noexcept {
+    return static_cast<Type *>(pStorage_);
+  }
+
+ private:
+  static constexpr std::int16_t kSubPool = 0;
+
+  const Context &context_;
+  std::uint32_t length_;
+  void *pStorage_ = nullptr;
+};
+
+}  // namespace detail
+
 /** @name Owners: what they share */
 /** @{ */
 
@@ -348,6 +382,12 @@ struct Member {
 #define MEM_FIELD(Struct, member)                                             \
   (::mem::Member<Struct, ::std::remove_reference_t<decltype(Struct::member)>, \
                  offsetof(Struct, member)>{})
+
+namespace detail {
+
+inline constexpr std::size_t kEntryAlignment = 8;  // of heap entries and of cells' areas
+
+}  // namespace detail
 
 /** The structure at any address: segments of an unpacked chain need not be aligned. */
 template <class Record>

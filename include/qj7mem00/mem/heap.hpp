@@ -27,8 +27,6 @@ struct HeapSettings {
 
 namespace detail {
 
-inline constexpr std::size_t kEntryAlignment = 8;  // of heap entries and of cells' areas
-
 struct HeapSlots {
   static constexpr const auto &open = slots::MEM_HeapOpen;
   static constexpr const auto &close = slots::MEM_HeapClose;

@@ -4,6 +4,7 @@
 #ifndef QJ7MEM00_MEM_PACK_HPP
 #define QJ7MEM00_MEM_PACK_HPP
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -36,7 +37,23 @@ inline constexpr bool kIsWideText = std::is_same_v<Type, char16_t>;
 template <class Type>
 inline constexpr bool kIsText = kIsNarrowText<Type> || kIsWideText<Type>;
 
+// Other types of characters, with what to use instead.
+template <class Type>
+constexpr void refuseForeignText() noexcept {
+  static_assert(!std::is_same_v<Type, wchar_t>,
+                "mem: wchar_t differs between platforms: use char16_t");
+  static_assert(!std::is_same_v<Type, char8_t>, "mem: the services' text is no char8_t: use char");
+  static_assert(!std::is_same_v<Type, char32_t>,
+                "mem: the services' text is no char32_t: use char16_t");
+}
+
 inline constexpr std::size_t kMaxOffset = 32767;  // offsets in descriptors have 16 signed bits
+
+// Types that have a meaning in the chains of big-endian writers.
+constexpr bool isEbcdicLetter(std::uint16_t type) noexcept {
+  return type == 0xC3 || type == 0xC6 || type == 0xE2 || type == 0xE5 || type == 0xE6 ||
+         type == 0xE7;
+}
 
 enum class PartRole { kSibling, kChild, kReference };
 
@@ -54,6 +71,7 @@ constexpr Part<kRole, Field> makePart() noexcept {
   static_assert(std::is_pointer_v<typename Field::Type>,
                 "mem: a sibling, child or reference must be a pointer");
   static_assert(Field::kOffset <= kMaxOffset, "mem: the pointer lies too far into the structure");
+  refuseForeignText<Target<typename Field::Type>>();
   return {};
 }
 
@@ -70,9 +88,27 @@ struct SegmentKind {
   }
 };
 
+// Whether no two pointers share a byte, and none has one of the `head` bytes in front.
+template <class... Parts>
+constexpr bool lieApart(std::int32_t head) noexcept {
+  const std::array<std::int32_t, sizeof...(Parts)> offsets{Parts::offset...};
+  for (std::size_t i = 0; i < offsets.size(); ++i) {
+    if (offsets[i] < head) return false;
+    for (std::size_t j = 0; j < i; ++j) {
+      const std::int32_t apart = offsets[i] - offsets[j];
+      if (apart > -8 && apart < 8) return false;
+    }
+  }
+  return true;
+}
+
 template <class Struct, std::uint16_t kType, class... Parts>
 constexpr SegmentKind<Struct, kType, Parts...> makeSegment() noexcept {
   using Kind = SegmentKind<Struct, kType, Parts...>;
+  static_assert(std::is_trivially_copyable_v<Struct>,
+                "mem: a segment is copied byte by byte (trivially copyable)");
+  static_assert(alignof(Struct) <= kEntryAlignment,
+                "mem: a segment's structure is aligned to 8 bytes at most");
   static_assert((std::is_same_v<typename Parts::Struct, Struct> && ...),
                 "mem: a member of another structure in this segment");
   static_assert(Kind::count(PartRole::kSibling) <= 1, "mem: a segment has one sibling at most");
@@ -82,6 +118,8 @@ constexpr SegmentKind<Struct, kType, Parts...> makeSegment() noexcept {
                 "mem: a segment has 8 references at most");
   static_assert(kType != MEM_PACK_FIXED || sizeof(Struct) <= 65535,
                 "mem: a segment is 65,535 bytes long at most");
+  static_assert(lieApart<Parts...>(kType == MEM_PACK_FIXED ? 0 : 2),
+                "mem: a pointer of a segment is named twice, or lies over another or the length");
   return {};
 }
 
@@ -246,7 +284,7 @@ template <std::uint16_t kType, class Struct, std::size_t kOffset, class... Parts
 constexpr auto selfSizedSegment(Member<Struct, std::uint16_t, kOffset>, Parts...) noexcept {
   static_assert(kOffset == 0, "mem: the length is the first member of its segment");
   static_assert(kType != MEM_PACK_FIXED && kType != MEM_PACK_COUNTED && kType != MEM_PACK_STRING &&
-                    kType != MEM_PACK_WIDE_STRING,
+                    kType != MEM_PACK_WIDE_STRING && !detail::isEbcdicLetter(kType),
                 "mem: this type letter has a meaning of its own");
   return detail::makeSegment<Struct, kType, Parts...>();
 }

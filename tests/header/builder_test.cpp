@@ -159,7 +159,8 @@ constexpr auto tableOfLinks(std::integer_sequence<int, kNumbers...>) {
       mem::segment<Link<11>>(mem::child(MEM_FIELD(Link<11>, pName))));
 }
 constexpr auto kLinks = tableOfLinks(std::make_integer_sequence<int, 11>());
-static_assert(kLinks.count() == 13 && sizeof kLinks == MEM_PACK_CB_LEN(13));
+static_assert(kLinks.count() == 13);
+static_assert(sizeof(mem::detail::PackStorage<5>) == MEM_PACK_CB_LEN(13));
 static_assert(kLinks.descriptor(8).Children[0].Descriptor == 9);
 static_assert(kLinks.descriptor(11).Children[0].Descriptor == 12);
 static_assert(kLinks.descriptor(12).Type == MEM_PACK_STRING);

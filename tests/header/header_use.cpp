@@ -79,12 +79,16 @@ void useChainAndString(const mem::Context &context, const Node &node) noexcept {
   mem::PackedChain chain = need(mem::PackedChain::pack(context, kPackTable, node));
   for (const std::span<const std::byte> used : chain) need(mem::PackedChain::load(context, used));
   need(chain.unpack(kPackTable));
+  need(chain.unpackUnchecked(kPackTable));
+  need(chain.unpackUnchecked(kPackTable.controlBlock()));
   mem::Heap heap = need(mem::Heap::open(context));
   const mem::PortString string = need(mem::PortString::write(context, kPortTable, node));
   for (const std::string_view piece : string) {
     need(mem::readPortString<Node>(context, heap, kPortTable, piece));
   }
   need(mem::readPortString<Node>(context, heap, kPortTable, string));
+  need(mem::readPortStringUnchecked<Node>(context, heap, kPortTable, "text"));
+  need(mem::readPortStringUnchecked<Node>(context, heap, kPortTable, string));
 }
 
 }  // namespace

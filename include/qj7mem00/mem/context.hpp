@@ -279,20 +279,20 @@ namespace detail {
 // Cleared storage of subpool 0 for the time of a call.
 class WorkStorage {
  public:
-  // A length of 0, or one that the services do not take, gets none.
-  WorkStorage(const Context &context, std::uint64_t length) noexcept
-      : context_(context), length_(static_cast<std::uint32_t>(length)) {
-    if (length == 0 || length != length_) return;
-    pStorage_ = context.vector().MEM_Alloc(length_, kSubPool);
-    if (pStorage_ != nullptr) std::memset(pStorage_, 0, length_);
-  }
-  ~WorkStorage() {
-    if (pStorage_ != nullptr) context_.vector().MEM_Free(pStorage_, length_, kSubPool);
-  }
+  explicit WorkStorage(const Context &context) noexcept : context_(context) {}
+  ~WorkStorage() { giveBack(); }
   WorkStorage(const WorkStorage &) = delete;
   WorkStorage &operator=(const WorkStorage &) = delete;
 
-  bool exists() const noexcept { return pStorage_ != nullptr; }
+  // In place of what there was. False when there is none, or not of this length.
+  bool obtain(std::uint64_t length) noexcept {
+    giveBack();
+    length_ = static_cast<std::uint32_t>(length);
+    if (length_ != length) return false;
+    pStorage_ = context_.vector().MEM_Alloc(length_, kSubPool);
+    if (pStorage_ != nullptr) std::memset(pStorage_, 0, length_);
+    return pStorage_ != nullptr;
+  }
   template <class Type>
   Type *as() const noexcept {
     return static_cast<Type *>(pStorage_);
@@ -301,8 +301,13 @@ class WorkStorage {
  private:
   static constexpr std::int16_t kSubPool = 0;
 
+  void giveBack() noexcept {
+    if (pStorage_ != nullptr) context_.vector().MEM_Free(pStorage_, length_, kSubPool);
+    pStorage_ = nullptr;
+  }
+
   const Context &context_;
-  std::uint32_t length_;
+  std::uint32_t length_ = 0;
   void *pStorage_ = nullptr;
 };
 

@@ -467,8 +467,9 @@ inline Result<bool> isAsDefined(const Context &context, const char *service,
   PortCheck check(pDefs, text);
   const std::uint32_t count = check.readHeader();
   if (count == 0) return false;
-  WorkStorage kinds(context, count * sizeof(std::uint32_t));
-  if (!kinds.exists()) return Error::withoutRecord(service, -1, "no storage to check the text");
+  WorkStorage kinds(context);
+  if (!kinds.obtain(count * sizeof(std::uint32_t)))
+    return Error::withoutRecord(service, -1, "no storage to check the text");
   if (check.run(rootId, kinds.as<std::uint32_t>(), count)) return true;
   if (check.refusal() != nullptr) return Error::refusal(service, check.refusal());
   return false;

@@ -658,6 +658,19 @@ class PortTable {
 /** @name Port strings: any number of threads, each on its own object */
 /** @{ */
 
+namespace detail {
+
+// A call that tells of its failure in a record.
+template <class Service, class... Args>
+Status callPort(const Context &context, Slot<Service> slot, Args... args) noexcept {
+  Error::forgetRecord(context);
+  const std::int16_t result = (context.vector().*slot.entry)(args...);
+  if (result != 0) return Error::ofPortCall(context, slot.name, result);
+  return {};
+}
+
+}  // namespace detail
+
 /** A port string in a heap of its own. */
 class PortString {
  public:
@@ -700,8 +713,9 @@ class PortString {
     Result<Heap> heap = Heap::open(context, settings);
     if (!heap.isOk()) return heap.error();
     PortString string(std::move(heap).value(), structId);
-    const Status written = call(context.get(), slots::MEM_StructToPortStr, pDefs, structId, pStruct,
-                                chunkLen, string.heap_.handle(), &string.length_, &string.pFirst_);
+    const Status written =
+        detail::callPort(context.get(), slots::MEM_StructToPortStr, pDefs, structId, pStruct,
+                         chunkLen, string.heap_.handle(), &string.length_, &string.pFirst_);
     if (!written.isOk()) return written.error();
     return string;
   }
@@ -753,7 +767,7 @@ Result<Struct *> readPort(Heap &heap, const Context &context, Slot slot, const M
                           Input... input) noexcept {
   checkEntryType<Struct>();
   void *pTop = nullptr;
-  const Status read = call(context, slot, pDefs, input..., heap.handle(), &pTop);
+  const Status read = callPort(context, slot, pDefs, input..., heap.handle(), &pTop);
   if (!read.isOk()) return read.error();
   return static_cast<Struct *>(pTop);
 }

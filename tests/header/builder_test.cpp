@@ -300,6 +300,29 @@ static_assert(kEvery.table()[0].Fields[7].Default.Long == 4000000000U);
 static_assert(kEvery.table()[0].Fields[1].NoTruncate == 1);
 static_assert(kEvery.table()[0].Fields[16].Default.Short == 0xFFFF);
 
+// Bytes of what holds numbers only: arrays, structures in one another, classes without
+// constructors.
+struct Mark {
+  struct {
+    std::uint16_t numbers[3];
+    Colour colour;
+  } inner[2];
+  float ratio;
+  std::byte bytes[100];
+};
+struct Marked {
+  Mark mark;
+  std::array<char16_t, 4> units;
+  std::uint64_t plain;
+  Colour colours[3];
+};
+inline constexpr mem::PortTable kMarked{
+    mem::structure<Marked, 1>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Marked, mark)),
+                              mem::fieldAs<2, MEM_PORT_BIN>(MEM_FIELD(Marked, units)),
+                              mem::fieldAs<3, MEM_PORT_BIN>(MEM_FIELD(Marked, plain)),
+                              mem::fieldAs<4, MEM_PORT_BIN>(MEM_FIELD(Marked, colours)))};
+static_assert(kMarked.table()[0].Fields[0].Length == sizeof(Mark));
+
 // Repeat fields, and alternatives that share their place.
 struct Counts {
   std::uint32_t count;

@@ -291,6 +291,8 @@ using mem::structure;
 #elif CASE == 81  // use of deleted function
   const mem::Result<int> (*result)() = nullptr;
   static_cast<void>(result().value());
+#elif CASE == 82  // mem: and_then takes what returns a Result or a Status
+  static_cast<void>(mem::Result<int>(1).and_then([](int number) { return number; }));
 
 #elif CASE == 50  // mem: a key is compared byte by byte and must not have padding
   static_cast<void>(mem::HashTable<Keyed, Padded>());

@@ -804,9 +804,11 @@ inline const char *refusalOf(std::string_view text, std::uint32_t structId) noex
  *  - as many elements come as the text and the count field say, and only a repeat field comes again
  *    behind the last one.
  * So every structure can be read as its type says, every pointer of it is null or leads to such a
- * structure or to a text with its terminator, and every array of text has one, too. Numbers and
- * bytes are the text's choice, and so is which of several fields was stored in a union. Members
- * that the table does not describe, and what alternatives leave out, are as the storage came.
+ * structure or to a text with its terminator, and every array of text that shares its bytes with no
+ * other field has one, too. Numbers, enumerations and bytes are the text's choice, and so is which
+ * of several fields was stored in a union. Members that the table does not describe, and what
+ * alternatives leave out, are as the storage came. A structure without elements ends where the
+ * first one would stand.
  *
  * On failure what was made so far stays in the heap. The look takes a number of 4 bytes for each
  * structure, and time in proportion to the text. */

@@ -29,7 +29,9 @@
 #include "mem/pack.hpp"
 #include "mem/port.hpp"
 #include "mem/process.hpp"
-#include "mem/resource.hpp"
 #include "mem/text.hpp"
+#if __has_include(<memory_resource>)  // some standard libraries had it late
+#include "mem/resource.hpp"
+#endif
 
 #endif

@@ -124,7 +124,7 @@ PortStructure GraphReader::structure(const PortStructDefinition &definition,
         throw ToolError(fmt::format("more than {} values", grouped(kMostValues)));
       }
       made.fields.push_back(
-          {field.record.FieldID, &field, value(definition, field, place, offset)});
+          {field.record.FieldID, &field, value(definition, field, place, offset), 0});
     }
   }
   return made;

@@ -248,6 +248,7 @@ void Parser::fields(PortStructure &made, int nesting) {
     const std::size_t offset = at_;
     PortField field;
     field.id = identifier("a FieldID", kMostFieldId);
+    field.offset = offset;
     follow(run, field.id, offset);
     field.value = value(nesting);
     made.fields.push_back(std::move(field));

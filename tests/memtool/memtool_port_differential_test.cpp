@@ -56,6 +56,7 @@ constexpr std::array kLetPass = {
     Row{"the end behind", "whatever is behind the last structure"},
 };
 constexpr const char *kDroppedInManual = "What is wrong in fields that the library drops";
+constexpr const char *kSignInManual = "a sign in a field without sign";
 constexpr const char *kWrapsInManual = "numbers of more than 32 bits";
 
 // Refusals that follow from the definitions, which the text alone does not tell.
@@ -101,6 +102,19 @@ const Row *findRow(const Rows &rows, const std::string &what) {
   return found == rows.end() ? nullptr : &*found;
 }
 
+// Half of the mutants have a header that tells their length, so that nothing else hides behind it.
+void setTotal(std::string &text) {
+  if (text.size() < MEM_PORT_HEADER_LEN) return;
+  const std::string digits = std::to_string(text.size());
+  text.replace(1, 10, std::string(10 - digits.size(), '0') + digits);
+}
+
+// A sign in one of the three fields of unsigned numbers.
+bool hasSignOfUnsigned(const std::string &text) {
+  const auto has = [&](const char *field) { return text.find(field) != std::string::npos; };
+  return has("/6N-") || has("/8N-") || has("/21N-");
+}
+
 // What the library made of a text.
 struct Answer {
   std::int16_t status = 0;
@@ -137,7 +151,10 @@ class MemtoolPortDifferentialTest : public ToolTest {
     Random random(firstSeed(kSeed));
     const std::vector<std::string> texts = soundTexts(7, kTexts);
     const auto any = [&]() -> const std::string & { return texts[random.below(kTexts)]; };
-    for (std::size_t i = 0; i < kMutants; ++i) mutants_.push_back(mutant(any(), any(), random));
+    for (std::size_t i = 0; i < kMutants; ++i) {
+      mutants_.push_back(mutant(any(), any(), random));
+      if (random.oneIn(2)) setTotal(mutants_.back());
+    }
     refhost::Session session(library().bindEntry());
     session.host().keepRecords(true);
     session.host().setTraceFlags(MEM_TRACE_SKIPPED);
@@ -171,8 +188,9 @@ TEST_F(MemtoolPortDifferentialTest, TextAlone) {
       } else if (answer.droppedFrom <= document.fault->offset) {
         ++seen[kDroppedInManual];
       } else {
-        ASSERT_EQ(document.fault->found, "more") << document.fault->text();
-        ++seen[kWrapsInManual];
+        const bool hasSign = hasSignOfUnsigned(mutants_[i].substr(0, document.fault->offset));
+        ASSERT_TRUE(hasSign || document.fault->found == "more") << document.fault->text();
+        ++seen[hasSign ? kSignInManual : kWrapsInManual];
       }
       continue;
     }
@@ -195,8 +213,9 @@ TEST_F(MemtoolPortDifferentialTest, TextAlone) {
   }
   EXPECT_GT(seen["sound"] * kFewer, 100U);
   EXPECT_GT(seen["refused by both"] * kFewer, 10000U);
-  for (const char *name : {kDroppedInManual, kOfDefinitionsInManual}) {
-    EXPECT_GT(seen[name], 0U) << name;
+  EXPECT_GT(seen[kDroppedInManual], 0U);
+  EXPECT_GT(seen[kOfDefinitionsInManual], 0U);
+  for (const char *name : {kDroppedInManual, kOfDefinitionsInManual, kSignInManual}) {
     EXPECT_NE(pages.find(name), std::string::npos) << name;
   }
   for (const Row &row : kLetPass) {
@@ -252,20 +271,23 @@ TEST_F(MemtoolPortDifferentialTest, WithDefinitions) {
       continue;
     }
     const memtool::PortDocument document = memtool::readPortText(mutants_[i], console_);
-    if (document.fault) continue;
+    if (document.fault || document.deviation) continue;
     // Every drop that the library traces is a note.
     std::vector<std::string> noted;
+    bool isComparable = true;
     for (const memtool::PortNote &note : memtool::portNotes(definitions, document)) {
+      isComparable = isComparable && note.what.find("behind the sign") == std::string::npos;
       if (note.what.find(" drops field ") == std::string::npos) continue;
       noted.push_back("FieldID " + std::to_string(static_cast<std::int32_t>(note.fieldID)) +
                       " cannot be found in StructID " + std::to_string(note.structID) + "!");
     }
+    if (!isComparable) continue;
     ASSERT_EQ(noted, answer.dropped);
     dropped += noted.size();
   }
   EXPECT_GT(taken * kFewer, 2000U);
   EXPECT_GT(refused * kFewer, 10000U);
-  EXPECT_GT(dropped, 0U);
+  EXPECT_TRUE(dropped > 5 || kFewer > 1) << dropped;
   for (const Row &row : kOfResults) {
     EXPECT_NE(pages.find(row.inManual), std::string::npos) << row.inManual;
   }

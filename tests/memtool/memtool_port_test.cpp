@@ -312,6 +312,12 @@ TEST_F(MemtoolPortTest, WhatReadersLetPass) {
   odd("1'/2~~'", 29, "a unit in as few groups of 6 bits as it needs", "'2'");
   odd("1x1;1'ab'", 30, "0 as the number of surrogate pairs", "1");
   odd("1x1;'/0'", 30, "a string without a zero unit", "one");
+  std::string header = portText("(1<1N>)");
+  for (const char *count : {"1abcdefghi", "1         "}) {
+    expectDeviation(header.replace(12, 10, count), 13, "ten digits in the header",
+                    count[1] == 'a' ? "'a'" : "' '");
+  }
+  expectDeviation(header.replace(12, 10, "        +1"), 12, "ten digits in the header", "' '");
   expectDeviation(portText("(1,3<1N/1N>)"), 28, "field 1 3 times", "it 2 times");
   expectDeviation(portText("(1<1S3>)(1<1S>)(1<1S>)", 3), 28,
                   "a structure number up to 2, the next new one", "3");
@@ -512,6 +518,12 @@ TEST_F(MemtoolPortTest, NotesOnWhatTheLibraryDrops) {
       "of Item (StructID 7)\n"
       "new.port: character 68: the library keeps 2 of the 3 bytes of field key of Item "
       "(StructID 7)\n");
+  EXPECT_EQ(
+      check("(21<1N1/3S2>)(7<1N-9>)", 2),
+      "new.port: sound, 45 characters, 2 structures\n"
+      "new.port: character 39: the library takes the digits behind the sign of field pieces of "
+      "Item (StructID 7) for a FieldID\n");
+  writeBytes("new.port", portText("(21<1N8463847412/2\"abcdefgh\"/3S2>)(7<1N63556/2H0A0B0C>)", 2));
   // Only --check with definitions shows them.
   EXPECT_EQ(outputOf({"port", "new.port", "--check"}),
             "new.port: sound, 78 characters, 2 structures\n");

@@ -76,6 +76,7 @@ class Notes {
         }
         return;
       }
+      if (hasLostSign(*known, field)) return addLostSign(*definition, *known, field);
       addValue(*definition, *known, field);
     }
   }
@@ -87,6 +88,21 @@ class Notes {
     const std::string id = std::to_string(definition.id);
     return definition.name == id ? "StructID " + id
                                  : fmt::format("{} (StructID {})", definition.name, id);
+  }
+
+  static bool hasLostSign(const PortFieldDefinition &known, const PortField &field) {
+    const auto *const number = std::get_if<PortNumber>(&field.value);
+    return number != nullptr && number->isNegative && numberLength(known.type) != 0 &&
+           !isSigned(known.type);
+  }
+
+  // A number without a sign ends before it, and any character separates fields.
+  void addLostSign(const PortStructDefinition &definition, const PortFieldDefinition &known,
+                   const PortField &field) {
+    notes_.push_back(
+        {field.offset, definition.id, field.id,
+         fmt::format("the library takes the digits behind the sign of field {} of {} for a FieldID",
+                     known.name, nameOf(definition))});
   }
 
   // The field at `first` is newer than the definition: it goes, and all that follows.

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "refhost_impl.hpp"
+#include "refhost_platform.hpp"
 
 namespace refhost {
 
@@ -82,10 +83,8 @@ std::string_view serviceName(Service service) {
   return kServiceNames[static_cast<std::size_t>(service)];
 }
 
-Host::Impl::Impl(const Options &options)
-    : storage(misuses, options.dirtyStorage, options.dirtyByte),
-      traceFlags(options.traceFlags),
-      nullSysEnv(options.nullSysEnv) {
+Host::Impl::Impl(const Options &theOptions)
+    : options(theOptions), storage(options), traceFlags(options.traceFlags) {
   if (activeHost != nullptr) throw std::logic_error("a process has one host at a time");
   for (int i = 0; i < MEM_VECTOR_HOST_SLOTS; ++i) vector.HostSlots[i] = &hostSlotMarks[i];
   std::memset(&sysEnv, 0xEE, sizeof(sysEnv));
@@ -137,13 +136,16 @@ void Host::Impl::fillTables() {
 }
 
 Host::Host(Options options) : impl_(std::make_unique<Impl>(options)) {}
-Host::~Host() = default;
+Host::~Host() {
+  report();
+}
 
 void Host::bind(MEMBindFn *entry) {
-  const MEMSysEnv *sysEnv = impl_->nullSysEnv ? nullptr : &impl_->sysEnv;
+  const MEMSysEnv *sysEnv = impl_->options.nullSysEnv ? nullptr : &impl_->sysEnv;
   entry(impl_->hostList.data(), impl_->serviceList.data(), sysEnv, 0, MEM_MODE_BIND);
   impl_->boundVector = impl_->vector;
   impl_->isBound = true;
+  impl_->libraryModule = platform::moduleAt(reinterpret_cast<const void *>(entry));
 }
 
 // Unbinding reads neither lists nor environment; nulls prove it.
@@ -206,7 +208,9 @@ Account Host::account() const {
   return impl_->storage.account();
 }
 std::vector<Leak> Host::leaks() const {
-  return impl_->storage.leaks();
+  std::vector<Leak> leaks;
+  for (const FoundArea &area : impl_->storage.areas()) leaks.push_back(impl_->leakOf(area));
+  return leaks;
 }
 std::string Host::accountReport() const {
   return impl_->storage.report();

@@ -11,6 +11,8 @@
  * When a thread ends, what it has left behind is reported: gates that it holds, an open frame, an
  * active thread block. A gate whose owner has ended is never waited for. Nothing else of an ended
  * thread is kept, so a host may serve any number of threads in turn.
+ * At its end a host reports, on stderr unless Options say otherwise, the storage that components
+ * have not returned and the misuses that nobody has taken. When there are none it writes nothing.
  *
  * Threading: services may be called on any number of threads at once. The members of Host that
  * read state (account, calls, records, message, …) may be called at any time; those that change
@@ -94,14 +96,6 @@ inline constexpr std::uint32_t kPagedLength = 0x10000;
 inline constexpr std::size_t kTraceTextRoom = 8192;
 inline constexpr std::size_t kFormatRoom = 4096;
 
-struct Options {
-  bool dirtyStorage = false; /**< storage is filled with dirtyByte instead of zeros */
-  std::uint8_t dirtyByte = 0xA5;
-  bool bigEndian = false;       /**< platform flag that pSysEnv carries */
-  bool nullSysEnv = false;      /**< bind with a null pSysEnv */
-  std::uint32_t traceFlags = 0; /**< flags of every frame until setTraceFlags */
-};
-
 /** Storage account of one subpool and kind, or of all. Lengths are those asked for. */
 struct Account {
   std::uint64_t liveBytes = 0;
@@ -114,12 +108,21 @@ struct Account {
 /** Kind under which storage of the pool services (slots 48 and 49) is kept in the account. */
 inline constexpr std::uint16_t kPoolKind = 0xFFFF;
 
-/** A storage area that was not returned. */
+/** A storage area that was not returned, and the call that obtained it. */
 struct Leak {
   void *area;
   std::uint64_t length;
   std::uint16_t subPool;
   std::uint16_t kind;
+  std::uint64_t callNumber = 0; /**< the nth area since the host was made, from 1 */
+  std::uint64_t thread = 0;     /**< number of the thread, in the order of their first calls */
+  /** Trace names of the entry points that were open on the thread: first the service that the
+   * component called, last the one that called the host. Empty when the host was called directly.
+   */
+  std::vector<std::string> services = {};
+  /** Native stack, the innermost function first, without the host's and the library's functions;
+   * empty unless Options::stacks is set. */
+  std::vector<std::string> stack = {};
 };
 
 /** Misuses that are kept until they are read. */
@@ -132,7 +135,58 @@ inline constexpr std::size_t kKeptMisuses = 1000;
 struct Misuse {
   Service service;
   std::string what;
+  std::uint64_t thread = 0;               /**< as in Leak */
+  std::vector<std::string> services = {}; /**< as in Leak: entry points that were open */
+  std::vector<std::string> stack = {};    /**< as in Leak */
+  std::optional<Leak> area = {};          /**< the area concerned, where there is one */
 };
+
+/** What a host has found at its end. */
+struct Findings {
+  std::vector<Leak> leaks; /**< of components, in the order of their call numbers */
+  std::vector<Misuse> misuses;
+
+  bool empty() const { return leaks.empty() && misuses.empty(); }
+
+  /** The report: some lines for each misuse and for each group of equal leaks, the largest first.
+   * Leaks are equal when length, subpool, kind, services and stack are. Empty when nothing was
+   * found. */
+  std::string text() const;
+};
+
+struct Options {
+  bool dirtyStorage = false; /**< storage is filled with dirtyByte instead of zeros */
+  std::uint8_t dirtyByte = 0xA5;
+  bool bigEndian = false;       /**< platform flag that pSysEnv carries */
+  bool nullSysEnv = false;      /**< bind with a null pSysEnv */
+  std::uint32_t traceFlags = 0; /**< flags of every frame until setTraceFlags */
+
+  /** @name What is found at the end */
+  /** @{ */
+  bool report = true; /**< Findings that are not empty are written to stderr, or go to onReport */
+  std::function<void(const Findings &)> onReport = {}; /**< must not throw */
+  bool keepLeaks = true; /**< leaks stay allocated, so that memory checkers see them, too */
+  bool stacks = false;   /**< leaks and misuses have native stacks; each call gets slower */
+  /** @} */
+
+  /** Called at each misuse, where it happens, on its thread, before the service returns. It may use
+   * the library and must not throw. The misuse is kept as well. stopOnMisuse and abortOnMisuse are
+   * meant for it. */
+  std::function<void(const Misuse &)> onMisuse = {};
+
+  /** The call that obtains the area with this number (Leak::callNumber) stops in the debugger; 0:
+   * none. Without a debugger the program ends there. */
+  std::uint64_t stopAtCall = 0;
+};
+
+/** @name For Options::onMisuse
+ * Write the misuse to stderr and stop in the debugger (without one the program ends there), or
+ * abort.
+ */
+/** @{ */
+void stopOnMisuse(const Misuse &misuse);
+void abortOnMisuse(const Misuse &misuse);
+/** @} */
 
 /** One recorded service call. The first four arguments are widened to 64 bits (signed ones with
  * their sign) in the order of the slot's signature; addresses are kept as numbers. Of Format only
@@ -176,6 +230,7 @@ struct Message {
 class Host {
  public:
   explicit Host(Options options = {});
+  /** Reports what has not been reported yet. */
   ~Host();
   Host(const Host &) = delete;
   Host &operator=(const Host &) = delete;
@@ -236,6 +291,12 @@ class Host {
   /** @} */
 
   std::vector<Misuse> takeMisuses();
+
+  /** What components have left, reported as Options say: live storage that is not the library's own
+   * (its process and thread blocks, its sink), misuses that nobody has taken, gates that were not
+   * deleted and, when the process has been ended, threads that are still active. Each is reported
+   * once. REQUIRES: no call through the vector is running. */
+  Findings report();
 
   /** @name Fault injection
    * Arming replaces an earlier fault of the same service. Frames cannot fail: arming EnterFrame or
@@ -339,19 +400,29 @@ class Library {
 };
 
 /** A host that is bound to a loaded library, with the process and the calling thread started.
- * Destruction ends the thread and the process and unbinds; it belongs on the same thread. Further
- * threads call MEM_ThreadAct and MEM_ThreadTerm themselves. */
+ * Closing, or else destruction, ends the thread and the process, unbinds and reports; it belongs on
+ * the same thread. Further threads call MEM_ThreadAct and MEM_ThreadTerm themselves. */
 class Session {
  public:
   /** Throws std::runtime_error with the failing step, its code and text; nothing is left behind. */
   explicit Session(MEMBindFn *entry, Options options = {});
   ~Session();
+  Session(const Session &) = delete;
+  Session &operator=(const Session &) = delete;
+
+  /** Ends the session and returns what Host::report finds then: for a program's exit code,
+   * `return session.close().empty() ? 0 : 1;`. Armed faults are disarmed and replaced slots
+   * restored first. The vector is empty afterwards; the host may still be read. A later call does
+   * nothing and returns nothing. */
+  Findings close();
+
   Host &host() { return host_; }
   MEMFunctionVector &vector() { return host_.vector(); }
 
  private:
   Host host_;
   MEMBindFn *entry_;
+  bool isOpen_ = true;
 };
 
 }  // namespace refhost

@@ -12,6 +12,7 @@
 #include "refhost_calls.hpp"
 #include "refhost_gates.hpp"
 #include "refhost_misuse.hpp"
+#include "refhost_origin.hpp"
 #include "refhost_storage.hpp"
 #include "refhost_threads.hpp"
 #include "refhost_trace.hpp"
@@ -19,20 +20,40 @@
 namespace refhost {
 
 struct Host::Impl {
-  explicit Impl(const Options &options);
+  explicit Impl(const Options &theOptions);
   ~Impl();
   Impl(const Impl &) = delete;
   Impl &operator=(const Impl &) = delete;
 
   void fillTables();
 
+  // Where the calling thread is, whose state is `thread`.
+  Origin originOn(ThreadState &thread);
+
+  // A stack as text, one line for each function.
+  std::vector<std::string> describe(const std::vector<void *> &stack) const;
+  Leak leakOf(const FoundArea &area) const;
+
+  // Keeps a misuse and shows it to Options::onMisuse.
+  // REQUIRES: no lock of the host's is held but the one of thread ends.
+  void reportMisuse(Service service, std::string what, const Origin &origin,
+                    const FoundArea *area = nullptr);
+
+  // What is wrong at the end and has not been told yet.
+  Findings takeFindings();
+  void addGatesLeft(Findings &findings);
+  void addThreadsLeftActive(Findings &findings);
+
   // Reports what the calling thread, which ends, has left behind, and forgets the thread. A number
   // that is not a thread of this host's is ignored.
   void endThread(std::uint64_t number);
+  void reportLeftBy(ThreadState &ended);
 
+  const Options options;
+  ChainTable chains;
   MisuseLog misuses;
   StorageAccount storage;
-  GateTable gates{misuses};
+  GateTable gates;
   ThreadTable threads;
   CallLog calls;
   TraceOutput trace;
@@ -56,8 +77,8 @@ struct Host::Impl {
   MEMFunctionVector vector{};
   MEMFunctionVector boundVector{};  // what binding made of `vector`
   bool isBound = false;
+  const void *libraryModule = nullptr;  // of the library bound last
   MEMSysEnv sysEnv{};
-  const bool nullSysEnv;
   std::array<void *, MEM_HOST_VECTORS> hostCells{};
   std::array<void *, MEM_SERVICE_VECTORS> serviceCells{};
   std::array<void **, MEM_HOST_VECTORS> hostList{};
@@ -102,7 +123,16 @@ class Call {
   // Leaves a refusal in the thread's error area and passes the code on.
   std::uint16_t refuse(std::uint16_t code, const char *text);
 
-  void misuse(std::string what) { host_.misuses.report(service_, std::move(what)); }
+  void misuse(std::string what, const FoundArea *area = nullptr) {
+    host_.reportMisuse(service_, std::move(what), host_.originOn(thread_), area);
+  }
+
+  Origin origin() { return host_.originOn(thread_); }
+
+  // Makes misuses of what the storage account complains of.
+  StorageAccount::Complain complaints() {
+    return [this](std::string what, const FoundArea *area) { misuse(std::move(what), area); };
+  }
 
   // Reports a component other than the library's own.
   void checkComponent(std::int32_t component);

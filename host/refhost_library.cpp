@@ -56,10 +56,18 @@ Session::Session(MEMBindFn *entry, Options options) : host_(options), entry_(ent
 }
 
 Session::~Session() {
+  close();
+}
+
+Findings Session::close() {
+  if (!isOpen_) return {};
+  isOpen_ = false;
+  host_.disarm();
   host_.restoreSlots();
   vector().MEM_ThreadTerm();
   vector().MEM_ProcessTerm();
   host_.unbind(entry_);
+  return host_.report();
 }
 
 }  // namespace refhost

@@ -76,12 +76,14 @@ void enterFrame(MEMTraceFrame *pFrame, std::int32_t component) {
   pFrame->TraceFlags = call.host().traceFlags.load(std::memory_order_relaxed);
   stamp(pFrame, thread.number);
   thread.innermost = pFrame;
+  thread.frames.enter(pFrame);
 }
 
 bool unwindTo(ThreadState &thread, MEMTraceFrame *frame) {
   // Frames in between may be gone with their functions, so they are not looked at.
   if (!isEntered(frame, thread)) return false;
   thread.innermost = frame;
+  thread.frames.unwindTo(frame);
   return true;
 }
 
@@ -90,11 +92,15 @@ void leaveFrame(MEMTraceFrame *pFrame, std::int32_t component) {
   call.checkComponent(component);
   ThreadState &thread = call.thread();
   if (pFrame != thread.innermost) {
+    const Origin origin = call.origin();
     if (!unwindTo(thread, pFrame)) {
       return call.misuse(formatText("frame \"%s\" was not entered on this thread", nameOf(pFrame)));
     }
-    call.misuse(formatText("frame \"%s\" was left before frames inside it", nameOf(pFrame)));
+    call.host().reportMisuse(
+        Service::LeaveFrame,
+        formatText("frame \"%s\" was left before frames inside it", nameOf(pFrame)), origin);
   }
+  thread.frames.leave();
   thread.innermost = static_cast<MEMTraceFrame *>(pFrame->pHostLink);
   stamp(pFrame, 0);
 }

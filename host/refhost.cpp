@@ -278,6 +278,13 @@ void Host::onTrace(std::function<void(const TraceRecord &)> callback) {
   impl_->trace.toCallback(std::move(callback));
 }
 
+void Host::setTraceLines(TraceLineStyle style) {
+  impl_->trace.setStyle(style);
+}
+void Host::timelineToFile(const std::filesystem::path &path) {
+  impl_->timeline.toFile(path);
+}
+
 void Host::setFilterAnswer(std::int32_t answer, std::uint16_t result) {
   impl_->filterAnswer = answer;
   impl_->filterResult = result;

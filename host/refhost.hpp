@@ -154,12 +154,20 @@ struct Findings {
   std::string text() const;
 };
 
+/** What trace lines carry besides the record, in this order. */
+struct TraceLineStyle {
+  bool time = false;   /**< seconds since the host was made: "    0.000123 " */
+  bool thread = false; /**< number of the thread: "T1 " */
+  bool depth = false;  /**< two blanks for every entry point around the one that is traced */
+};
+
 struct Options {
   bool dirtyStorage = false; /**< storage is filled with dirtyByte instead of zeros */
   std::uint8_t dirtyByte = 0xA5;
-  bool bigEndian = false;       /**< platform flag that pSysEnv carries */
-  bool nullSysEnv = false;      /**< bind with a null pSysEnv */
-  std::uint32_t traceFlags = 0; /**< flags of every frame until setTraceFlags */
+  bool bigEndian = false;         /**< platform flag that pSysEnv carries */
+  bool nullSysEnv = false;        /**< bind with a null pSysEnv */
+  std::uint32_t traceFlags = 0;   /**< flags of every frame until setTraceFlags */
+  TraceLineStyle traceLines = {}; /**< of streams and files, until setTraceLines */
 
   /** @name What is found at the end */
   /** @{ */
@@ -208,6 +216,9 @@ struct TraceRecord {
   std::int32_t line = 0;
   std::string text; /**< wide text is kept as UTF-8 */
   Service writtenBy = Service::WriteRecord;
+  std::uint64_t time = 0;   /**< nanoseconds since the host was made */
+  std::uint64_t thread = 0; /**< number of the thread, as in Leak */
+  std::size_t depth = 0; /**< entry points open on the thread; 1: the component called this one */
 };
 
 /** A failure to inject: the nth next call of a service (1 = the next one) fails. It does none of
@@ -327,6 +338,13 @@ class Host {
   void traceToStream(std::ostream *stream);
   void traceToFile(const std::filesystem::path &path); /**< throws std::runtime_error */
   void onTrace(std::function<void(const TraceRecord &)> callback);
+  void setTraceLines(TraceLineStyle style); /**< of streams and files */
+
+  /** Begins a file of trace events in JSON, which browsers show on a time line: each entry point
+   * and each host service that is called (but those of frames and tracing) as a span of its thread,
+   * each trace record as an instant. An empty path, another file or the host's end ends it; until
+   * then the file lacks its end. Trace flags are not needed. Throws std::runtime_error. */
+  void timelineToFile(const std::filesystem::path &path);
   /** @} */
 
   /** What FilterException answers (1 unless set) and, when not 0, stores in the frame. On answer 1
@@ -376,9 +394,9 @@ std::string formatText(const char *format, Args... args) {
   return detail::formatWidened(format, widened.data(), widened.size());
 }
 
-/** One line per record: "STDE MEM_HeapOpen(..\SrcRes\MEMCHEAP:101) text". Control characters are
- * shown as "\x0A". */
-std::string traceLine(const TraceRecord &record);
+/** One line per record: "STDE MEM_HeapOpen(..\SrcRes\MEMCHEAP:101) text", after what the style
+ * wants. Control characters are shown as "\x0A". */
+std::string traceLine(const TraceRecord &record, TraceLineStyle style = {});
 
 /** The dynamic library, loaded at run time and unloaded at destruction. Throws std::runtime_error
  * with the loader's reason. Unbind before destruction. */

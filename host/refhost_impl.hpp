@@ -15,6 +15,7 @@
 #include "refhost_origin.hpp"
 #include "refhost_storage.hpp"
 #include "refhost_threads.hpp"
+#include "refhost_timeline.hpp"
 #include "refhost_trace.hpp"
 
 namespace refhost {
@@ -56,7 +57,9 @@ struct Host::Impl {
   GateTable gates;
   ThreadTable threads;
   CallLog calls;
-  TraceOutput trace;
+  HostClock clock;
+  TraceOutput trace{options.traceLines};
+  Timeline timeline{clock};
 
   // Read on every call, changed at any time.
   std::atomic<std::uint32_t> traceFlags;
@@ -101,7 +104,11 @@ class Call {
   explicit Call(Service service, Args... args)
       : host_(*activeHost), thread_(host_.threads.current()), service_(service) {
     thread_.count(service);
+    if (host_.timeline.isOn()) beginSpan();
     if (host_.calls.isWatching()) begin({detail::widen(args)...});
+  }
+  ~Call() {
+    if (hasSpan_) endSpan();
   }
   Call(const Call &) = delete;
   Call &operator=(const Call &) = delete;
@@ -139,11 +146,14 @@ class Call {
 
  private:
   void begin(const std::array<std::uint64_t, 4> &args);
+  void beginSpan();
+  void endSpan();
   void leaveError(std::uint32_t code, const char *text);
 
   Host::Impl &host_;
   ThreadState &thread_;
   const Service service_;
+  bool hasSpan_ = false;  // on the time line
   bool faulted_ = false;
   std::uint16_t faultCode_ = 0;
   std::uint64_t number_ = 0;  // of the record, 0 when there is none

@@ -78,6 +78,7 @@ void ThreadTable::resetCalls() {
 void Host::Impl::endThread(std::uint64_t number) {
   const std::unique_ptr<ThreadState> ended = threads.remove(number);
   if (ended == nullptr) return;
+  timeline.endTo(number, 0);
   reportLeftBy(*ended);
   gates.endThread(*ended);  // after the report: those that are woken report, too
 }

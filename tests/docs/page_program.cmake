@@ -8,7 +8,8 @@ function(mask variable)
   set(digit "[0-9A-F]")
   set(four "${digit}${digit}${digit}${digit}")
   string(REGEX REPLACE "${four}${four}${four}${four}" "ADDRESS" text "${text}")
-  string(REGEX REPLACE "=${four}${digit}+" "=ADDRESS" text "${text}")  # in trace records
+  # In trace records they are numbers without leading zeros.
+  string(REGEX REPLACE "([hp][A-Za-z]+|Return)=${digit}+" "\\1=ADDRESS" text "${text}")
   string(REGEX REPLACE "[0-9]+\\.[0-9][0-9][0-9]" "TIME" text "${text}")
   string(REGEX REPLACE "0x${digit}+" "OFFSET" text "${text}")
   set(${variable} "${text}" PARENT_SCOPE)

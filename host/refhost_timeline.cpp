@@ -59,10 +59,6 @@ void Timeline::begin(std::uint64_t thread, std::size_t depth, const char *name) 
   const std::lock_guard lock(mutex_);
   if (!file_.is_open()) return;
   OpenCalls &calls = callsOf(thread);
-  while (!calls.empty() && calls.back() >= depth) {
-    writeEnd(thread, {});
-    calls.pop_back();
-  }
   write('B', thread, named(name));
   calls.push_back(depth);
 }
@@ -73,8 +69,7 @@ void Timeline::endTo(std::uint64_t thread, std::size_t depth, std::optional<std:
   if (found == open_.end()) return;
   OpenCalls &calls = found->second;
   while (!calls.empty() && calls.back() > depth) {
-    const bool isLast = calls.size() == 1 || calls[calls.size() - 2] <= depth;
-    writeEnd(thread, isLast ? result : std::nullopt);
+    writeEnd(thread, result);
     calls.pop_back();
   }
 }

@@ -46,11 +46,10 @@ class Timeline {
   // std::runtime_error when the file cannot be written.
   void toFile(const std::filesystem::path &path);
 
-  // A call begins on a thread. `depth` is the number of calls that are then open there; whatever
-  // was open at this depth or deeper has been cut off.
+  // A call begins on a thread. `depth` is the number of calls that are then open there.
   void begin(std::uint64_t thread, std::size_t depth, const char *name);
 
-  // Calls end on a thread until `depth` are open. The innermost of them has the result, if any.
+  // Calls end on a thread until `depth` are open: one with its result, or those that are cut off.
   void endTo(std::uint64_t thread, std::size_t depth, std::optional<std::uint32_t> result = {});
 
   // A trace record has been written.

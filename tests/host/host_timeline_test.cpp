@@ -35,6 +35,13 @@ class HostTimelineTest : public StartedTest {
 
   void begin() { host.timelineToFile(path_); }
 
+  void mark(const std::string &text) {
+    MEMTraceBuf *const buffer = env().pTraceBuf;
+    std::memcpy(buffer->Text, text.data(), text.size());
+    buffer->TextLen = static_cast<std::uint32_t>(text.size());
+    host.trace().WriteRecord(MEM_COMPONENT, 0, "STDE", "source", "function", 1);
+  }
+
   // The events of the time line, which ends. Each has what readers need.
   std::vector<json> events() {
     host.timelineToFile({});
@@ -55,7 +62,8 @@ class HostTimelineTest : public StartedTest {
       std::filesystem::path(::testing::TempDir()) / "host_timeline_test.json";
 };
 
-// The spans as an indented text; checks that they nest. Threads in the order of their numbers.
+// The spans as an indented text, with the texts of trace records; checks that they nest. Threads in
+// the order of their numbers.
 Lines spansOf(const std::vector<json> &events) {
   std::map<int, Lines> open;
   std::map<int, Lines> lines;
@@ -66,6 +74,9 @@ Lines spansOf(const std::vector<json> &events) {
       lines[thread].push_back(std::string(open[thread].size(), ' ') +
                               event.at("name").get<std::string>());
       open[thread].push_back(event.at("name"));
+    } else if (phase == "i") {
+      lines[thread].push_back(std::string(open[thread].size(), ' ') +
+                              event.at("args").at("text").get<std::string>());
     } else if (phase == "E") {
       EXPECT_FALSE(open[thread].empty()) << "an end without a begin";
       if (!open[thread].empty()) open[thread].pop_back();
@@ -91,17 +102,22 @@ TEST_F(HostTimelineTest, ShowsEntryPointsAndServicesNested) {
                    " DeleteGate"}));
 }
 
-TEST_F(HostTimelineTest, EndsCarryTheResult) {
-  begin();
-  EXPECT_EQ(mem.MEM_HeapClose(nullptr), kFailed);
-  mem.MEM_Free(mem.MEM_Alloc(10, 7), 10, 7);
-  std::vector<std::int64_t> results;
-  for (const json &event : events()) {
+// The results that ends have, in the order of time.
+std::vector<int> resultsOf(const std::vector<json> &events) {
+  std::vector<int> results;
+  for (const json &event : events) {
     if (event.at("ph") == "E" && event.contains("args")) {
       results.push_back(event.at("args").at("result"));
     }
   }
-  EXPECT_EQ(results, (std::vector<std::int64_t>{0xFFFF, 0, 0}));
+  return results;
+}
+
+TEST_F(HostTimelineTest, EndsCarryTheResult) {
+  begin();
+  EXPECT_EQ(mem.MEM_HeapClose(nullptr), kFailed);
+  mem.MEM_Free(mem.MEM_Alloc(10, 7), 10, 7);
+  EXPECT_EQ(resultsOf(events()), (std::vector<int>{0xFFFF, 0, 0}));
 }
 
 TEST_F(HostTimelineTest, ThreadsHaveLinesAndNamesOfTheirOwn) {
@@ -157,13 +173,16 @@ TEST_F(HostTimelineTest, TraceRecordsAreInstants) {
 
 TEST_F(HostTimelineTest, AnyTextIsShown) {
   begin();
-  const std::string text = "\"quoted\" \\ \n \x01 w\xC3\xA4 \xFF end";
-  MEMTraceBuf *const buffer = env().pTraceBuf;
-  std::memcpy(buffer->Text, text.data(), text.size());
-  buffer->TextLen = static_cast<std::uint32_t>(text.size());
-  host.trace().WriteRecord(MEM_COMPONENT, 0, "STDE", "source", "function", 1);
-  const std::vector<json> all = events();
-  EXPECT_EQ(all.back().at("args").at("text"), "\"quoted\" \\ \n \x01 w\xC3\xA4 \xEF\xBF\xBD end");
+  const Lines texts = {"plain", "\"quoted\"", "\\", "\n", "\x01", "\x7F", "w\xC3\xA4", ""};
+  for (const std::string &text : texts) mark(text);
+  mark("invalid \xFF end");
+  Lines shown;
+  for (const json &event : events()) {
+    if (event.at("ph") == "i") shown.push_back(event.at("args").at("text"));
+  }
+  EXPECT_EQ(shown.back(), "invalid \xEF\xBF\xBD end");
+  shown.pop_back();
+  EXPECT_EQ(shown, texts);
 }
 
 TEST_F(HostTimelineTest, BeginsAndEndsInTheMiddleOfCalls) {
@@ -189,7 +208,7 @@ TEST_F(HostTimelineTest, BeginsAndEndsInTheMiddleOfCalls) {
   EXPECT_EQ(spansOf(events()), Lines{"inner"});
 }
 
-// Calls that a fault has cut off end with the call around them.
+// Calls that a fault has cut off end then, without a result.
 TEST_F(HostTimelineTest, CallsThatAreCutOffEnd) {
   begin();
   MEMTraceFrame frames[3] = {};
@@ -197,20 +216,24 @@ TEST_F(HostTimelineTest, CallsThatAreCutOffEnd) {
   const auto enterAll = [&] {
     for (int i = 0; i < 3; ++i) {
       frames[i].pName = names[i];
+      frames[i].Result = static_cast<std::uint32_t>(i + 1);
       host.runtime().EnterFrame(&frames[i], MEM_COMPONENT);
     }
   };
   enterAll();
   EXPECT_EQ(host.text().FilterException(nullptr, &frames[0]), 1);
+  mark("cut off");
   mem.MEM_HeapClose(nullptr);
   host.runtime().LeaveFrame(&frames[0], MEM_COMPONENT);
   enterAll();
   host.runtime().LeaveFrame(&frames[1], MEM_COMPONENT);  // before the third
   host.runtime().LeaveFrame(&frames[0], MEM_COMPONENT);
   EXPECT_EQ(host.takeMisuses().size(), 1U);
-  EXPECT_EQ(spansOf(events()),
-            (Lines{"first", " second", "  third", "   FilterException", " MEM_HeapClose",
-                   "  ReportError", "first", " second", "  third"}));
+  const std::vector<json> all = events();
+  EXPECT_EQ(resultsOf(all), (std::vector<int>{0xFFFF, 1, 2, 1}));
+  EXPECT_EQ(spansOf(all),
+            (Lines{"first", " second", "  third", "   FilterException", " cut off",
+                   " MEM_HeapClose", "  ReportError", "first", " second", "  third"}));
 }
 
 TEST_F(HostTimelineTest, CallsOfAnEndedThreadEnd) {
@@ -218,8 +241,11 @@ TEST_F(HostTimelineTest, CallsOfAnEndedThreadEnd) {
   MEMTraceFrame frame{};
   frame.pName = "open";
   std::thread([&] { host.runtime().EnterFrame(&frame, MEM_COMPONENT); }).join();
+  mark("joined");
   const std::vector<json> all = events();
-  EXPECT_EQ(spansOf(all), Lines{"open"});
+  EXPECT_EQ(spansOf(all), (Lines{"joined", "open"}));
+  ASSERT_GE(all.size(), 2U);
+  EXPECT_EQ(all.back().at("ph"), "i") << "the end is not put off until the time line's";
   EXPECT_EQ(host.takeMisuses().size(), 1U);
 }
 

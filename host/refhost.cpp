@@ -83,8 +83,8 @@ std::string_view serviceName(Service service) {
   return kServiceNames[static_cast<std::size_t>(service)];
 }
 
-Host::Impl::Impl(const Options &theOptions)
-    : options(theOptions), storage(options), traceFlags(options.traceFlags) {
+Host::Impl::Impl(Options theOptions)
+    : options(std::move(theOptions)), storage(options), traceFlags(options.traceFlags) {
   if (activeHost != nullptr) throw std::logic_error("a process has one host at a time");
   for (int i = 0; i < MEM_VECTOR_HOST_SLOTS; ++i) vector.HostSlots[i] = &hostSlotMarks[i];
   std::memset(&sysEnv, 0xEE, sizeof(sysEnv));
@@ -135,7 +135,7 @@ void Host::Impl::fillTables() {
   textServices.FilterException = services::filterException;
 }
 
-Host::Host(Options options) : impl_(std::make_unique<Impl>(options)) {}
+Host::Host(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
 Host::~Host() {
   report();
 }

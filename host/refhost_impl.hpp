@@ -21,7 +21,7 @@
 namespace refhost {
 
 struct Host::Impl {
-  explicit Impl(const Options &theOptions);
+  explicit Impl(Options theOptions);
   ~Impl();
   Impl(const Impl &) = delete;
   Impl &operator=(const Impl &) = delete;

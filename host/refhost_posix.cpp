@@ -102,7 +102,7 @@ std::string placeOf(void *returnAddress) {
     return call - reinterpret_cast<std::uintptr_t>(start);
   };
   const std::string file = std::filesystem::path(info.dli_fname).filename().string();
-  const std::string place = formatText("%s+0x%llX", file.c_str(), offsetTo(info.dli_fbase));
+  std::string place = formatText("%s+0x%llX", file.c_str(), offsetTo(info.dli_fbase));
   if (info.dli_sname == nullptr) return place;
   return formatText("%s+0x%llX (%s)", readableName(info.dli_sname).c_str(),
                     offsetTo(info.dli_saddr), place.c_str());

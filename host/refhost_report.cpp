@@ -32,7 +32,7 @@ void appendCaller(std::string &text, const std::string &indent, const std::strin
   text += indent + "called: " + called + '\n';
   const char *label = "stack:  ";
   for (const std::string &place : stack) {
-    text += indent + label + place + '\n';
+    text.append(indent).append(label).append(place) += '\n';
     label = "        ";
   }
 }
@@ -58,6 +58,7 @@ std::vector<Group> groupsOf(const std::vector<Leak> &leaks) {
   std::map<decltype(key(leaks.front())), Group> byKey;
   for (const Leak &leak : leaks) byKey[key(leak)].push_back(&leak);
   std::vector<Group> groups;
+  groups.reserve(byKey.size());
   for (auto &[equal, group] : byKey) groups.push_back(std::move(group));
   std::sort(groups.begin(), groups.end(), [](const Group &a, const Group &b) {
     return bytesOf(a) != bytesOf(b) ? bytesOf(a) > bytesOf(b)

@@ -207,29 +207,30 @@ class Contract:
         spelling = re.sub(r"\s+", " ", spelling).strip()
         if spelling in self.types:
             return spelling
-        bare = re.sub(r"^const | ?const$", "", spelling).strip()
-        if bare.endswith("*"):
-            target = bare[:-1].strip()
-            entry = {"kind": "pointer", "bytes": 8, "to": re.sub(r"^const | ?const$", "", target)
-                     if not target.endswith("*") else re.sub(r" ?const$", "", target)}
-            if target.startswith("const ") and "*" not in target or target.endswith("const"):
+        if spelling.endswith("*"):
+            target, entry = spelling[:-1].strip(), {"kind": "pointer", "bytes": 8}
+            is_constant = target.endswith("const")
+            if is_constant:
+                target = target[:-len("const")].strip()
+            elif target.startswith("const ") and "*" not in target:
+                is_constant, target = True, target[len("const "):]
+            entry["to"] = target
+            if is_constant:
                 entry["const"] = True
             self.types[spelling] = entry
-            if entry["to"].endswith("const"):
-                raise Misread(f"{spelling}: not understood")
-            self.add_type(entry["to"])
-        elif bare in INTEGERS:
-            size, signed = INTEGERS[bare]
+            self.add_type(target)
+        elif spelling in INTEGERS:
+            size, signed = INTEGERS[spelling]
             self.types[spelling] = {"kind": "integer", "bytes": size, "signed": signed}
-            if bare.startswith("char"):
+            if spelling.startswith("char"):
                 self.types[spelling]["text"] = True
-        elif bare == "void":
+        elif spelling == "void":
             self.types[spelling] = {"kind": "void", "bytes": 0}
-        elif bare in self.handles:
+        elif spelling in self.handles:
             self.types[spelling] = {"kind": "handle", "bytes": 8}
-        elif bare in self.callbacks:
-            self.types[spelling] = {"kind": "callback", "bytes": 8, **self.callbacks[bare]}
-        elif bare in self.functions:
+        elif spelling in self.callbacks:
+            self.types[spelling] = {"kind": "callback", "bytes": 8, **self.callbacks[spelling]}
+        elif spelling in self.functions:
             self.types[spelling] = {"kind": "function", "bytes": 0}
         else:
             self.types[spelling] = {"kind": "record"}  # its size stands in the table of records

@@ -24,6 +24,7 @@ _MOST_REFERENCES = CONSTANTS["MEM_PACK_MAX_REFERENCES"]
 _LEAST_DESCRIPTORS = CONSTANTS["MEM_PACK_MIN_DESCRIPTORS"]
 _NO_SIBLING = CONSTANTS["MEM_PACK_NO_SIBLING"]
 _OLD_CHILDREN = 8  # entries of a descriptor in the old layout
+_UNMEASURED = (0xE5, 0xE7)  # of EBCDIC writers: their lengths are in fields
 _EBCDIC_TYPES = {0xC6: _FIXED, 0xC3: _COUNTED, 0xE2: _STRING, 0xE6: _WIDE}
 
 
@@ -54,22 +55,31 @@ class _Plan:
     def __init__(self, definitions: Definitions) -> None:
         self.kinds = definitions.structures
         fields = [field for kind in self.kinds for field in kind.fields]
-        self.narrow = len(self.kinds)
-        self.wide = self.narrow + any(field.type == "PStr" for field in fields)
-        self.count = self.wide + any(field.type == "WPStr" for field in fields)
+        self.count = len(self.kinds)
+        self.narrow = self._text_kind("S", any(field.type == "PStr" for field in fields))
+        self.wide = self._text_kind("W", any(field.type == "WPStr" for field in fields))
         descriptor = RECORDS["MemPackDescriptor"]
         places = max(self.count, _LEAST_DESCRIPTORS)
         self._block = ctypes.create_string_buffer(2 + places * ctypes.sizeof(descriptor))
         ctypes.c_int16.from_buffer(self._block).value = self.count
         self.descriptors = (descriptor * places).from_buffer(self._block, 2)
         for index, kind in enumerate(self.kinds):
-            self._describe(self.descriptors[index], kind)
-        if self.wide > self.narrow:
-            self.descriptors[self.narrow].Type = _STRING
-            self.descriptors[self.narrow].SiblingOff = _NO_SIBLING
-        if self.count > self.wide:
-            self.descriptors[self.wide].Type = _WIDE
-            self.descriptors[self.wide].SiblingOff = _NO_SIBLING
+            if not kind.is_text:
+                self._describe(self.descriptors[index], kind)
+        for index, letter in ((self.narrow, _STRING), (self.wide, _WIDE)):
+            if index is not None:
+                self.descriptors[index].Type = letter
+                self.descriptors[index].SiblingOff = _NO_SIBLING
+
+    def _text_kind(self, letter: str, is_used: bool) -> int | None:
+        """Where a kind of text stands: as the definitions say, else behind the others."""
+        told = [index for index, kind in enumerate(self.kinds) if kind.segment == letter]
+        if told and (told[0] == 0 or len(told) > 1):
+            raise GraphError(f'there is one segment "{letter}" at most, and it is not the first')
+        if told or not is_used:
+            return told[0] if told else None
+        self.count += 1
+        return self.count - 1
 
     @property
     def block(self) -> Any:
@@ -79,7 +89,7 @@ class _Plan:
         return [field for field in kind.fields
                 if field.is_address and not field.reference and field is not kind.next]
 
-    def descriptor_of(self, field: Field) -> int:
+    def descriptor_of(self, field: Field) -> int | None:
         if field.type == "PStr":
             return self.narrow
         if field.type == "WPStr":
@@ -124,6 +134,13 @@ class _Plan:
 
 
 # Reading
+
+def _form(kind: int, order: str) -> int:
+    """What a type says of lengths: all that tell their own are one, whatever their letter."""
+    if order == ">" and kind in _UNMEASURED:
+        return kind
+    return kind if kind in (_FIXED, _COUNTED, _STRING, _WIDE) else 0
+
 
 class _File:
     """The file form: blocks as their used bytes, one behind the other."""
@@ -171,7 +188,7 @@ class _File:
     def _is_same(self, head: tuple[int, ...], first: bytes, at: int, order: str,
                  wanted: Any) -> bool:
         kind = _EBCDIC_TYPES.get(head[0], head[0]) if self.order == ">" else head[0]
-        if kind != wanted.Type:
+        if _form(kind, self.order) != _form(wanted.Type, "<"):
             return False
         if kind in (_STRING, _WIDE):
             return True
@@ -258,7 +275,7 @@ class _Reader:
         roots = self._list(root, self._plan.kinds[0], 1)
         for segment, field, address in self._references:
             target = self._made.get(address)
-            if target is None or field.target is None or target.kind != field.target.name:
+            if target is None or (field.target and target.kind != field.target.name):
                 raise GraphError(f"{segment.kind}: field {field.name} leads to no segment of its "
                                  "kind")
             setattr(segment, field.name, target)
@@ -329,11 +346,11 @@ class _Reader:
         return wide.partition("\0")[0] if name == "WCharSZ" else wide
 
     def _pointer(self, segment: Segment, field: Field, address: int, level: int) -> Any:
+        if field.reference:
+            if address:
+                self._references.append((segment, field, address))
+            return None
         if field.type == "Pnt" and field.target is not None:
-            if field.reference:
-                if address:
-                    self._references.append((segment, field, address))
-                return None
             made = self._list(address, field.target, level + 1)
             if field.target.next is not None:
                 return made

@@ -25,6 +25,7 @@ NUMBERS: dict[str, tuple[int, str]] = {
     "UBigInt": (8, "Q"), "BigInt": (8, "q"), "Bit": (1, "B"),
 }
 ADDRESSES = ("Pnt", "PStr", "WPStr")
+TEXT_SEGMENTS = ("S", "W")
 COUNTING = ("Short", "UShort", "Long", "ULong")
 _WIDE_ARRAYS = ("WChar", "WCharSZ")
 _MOST_FIELDS = 65536  # of a structure with those embedded in it
@@ -84,6 +85,11 @@ class Structure:
         self.segment = "F"
         self.next: Field | None = None
         self.size: tuple[int, int] | None = None  # nesting, fields
+
+    @property
+    def is_text(self) -> bool:
+        """It only keeps the place of a kind of text among a chain's kinds of segments."""
+        return self.segment in TEXT_SEGMENTS
 
     @property
     def repeated(self) -> Field | None:
@@ -289,21 +295,23 @@ class Definitions:
     def _add_structure(self, node: _Node) -> None:
         node.keys(_STRUCT_KEYS)
         number = node.at("id").integer(1, _INT32)
-        made = Structure(self._name(node, number), number, node.at("length").integer(0, _INT32))
+        segment = node.find("segment")
+        letter = "F" if segment is None else segment.text()
+        if len(letter) != 1 or not letter.isascii():
+            raise node.fail("a segment's type is one letter")
+        is_text = letter in TEXT_SEGMENTS
+        length = 0 if is_text else node.at("length").integer(0, _INT32)
+        made = Structure(self._name(node, number), number, length)
+        made.segment = letter
         if number in self.by_id:
             raise node.fail(f"a second structure with the id {number}")
         if made.name in self.by_name:
             raise node.fail(f"a second structure {made.name}")
-        segment = node.find("segment")
-        if segment is not None:
-            made.segment = segment.text()
-            if len(made.segment) != 1 or not made.segment.isascii() or made.segment in "SW":
-                raise segment.fail('expected one letter: "F", "C" or another but "S" and "W"')
         self.structures.append(made)
         self.by_id[number] = self.by_name[made.name] = made
 
     def _add_fields(self, structure: Structure, node: _Node) -> None:
-        nodes = node.at("fields").elements()
+        nodes = [] if structure.is_text else node.at("fields").elements()
         if len(nodes) > CONSTANTS["MEM_PORT_MAX_FIELDS"]:
             raise node.fail(f"more than {CONSTANTS['MEM_PORT_MAX_FIELDS']} fields")
         for index, each in enumerate(nodes):
@@ -358,6 +366,8 @@ class Definitions:
                 raise node.fail("only Pnt and Substructure name a structure")
             return
         if named is None:
+            if node.flag("reference"):  # to segments of any kind
+                return
             raise node.fail("structure is missing")
         field.target = self.find(named.name_or_id())
         if field.target is None:

@@ -289,6 +289,20 @@ class _Writer:
                 self.arena[place:place + size] = field.default.to_bytes(4, "little")[:size]
             elif field.default is not None:
                 self._default(field, field.default, at, pointers)
+            else:
+                self._embed_nothing(field, at + field.offset)
+
+    def _embed_nothing(self, field: Field, at: int) -> None:
+        """An embedded structure of zeros has to tell how many elements fill its field."""
+        kind = field.target
+        if field.type != "Substructure" or kind is None:
+            return
+        if kind.count is not None:
+            self._number(kind.count, kind.count_of(_room(field)), at)
+        for inner in kind.fields:
+            times = _room(field) if inner is kind.repeated else 1
+            for index in range(times):
+                self._embed_nothing(inner, at + inner.offset + index * inner.length)
 
     def _default(self, field: Field, raw: bytes, at: int,
                  pointers: dict[int, tuple[str, Structure | None]]) -> None:
@@ -325,14 +339,15 @@ class _Writer:
             self.arena[place:place + len(raw)] = raw
 
     def _embedded_elements(self, field: Field, value: dict[str, Any]) -> int:
-        """An embedded structure has the elements that its bytes have room for."""
-        kind = field.target
+        """An embedded structure has as many elements as fill its field: readers take no other."""
+        kind, room = field.target, _room(field)
         if kind is None or kind.count is None or kind.repeated is None:
             return 1
-        elements = self._elements(value, kind)
-        if kind.length_with(elements) > max(field.length, kind.length):
-            raise GraphError(f"{elements} elements do not fit into {field.length} bytes")
-        return elements
+        if (kind.repeated.name in value or kind.count.name in value) and (
+                self._elements(value, kind) != room):
+            raise GraphError(f"{field.length} bytes have {room} elements of "
+                             f"{kind.repeated.name}, no more and no less")
+        return room
 
     def _string(self, field: Field, value: Any, place: int,
                 pointers: dict[int, tuple[str, Structure | None]]) -> None:
@@ -363,6 +378,14 @@ class _Writer:
             if overlapped or any(self.arena[place:place + 8]):
                 raise GraphError(f"{kind.name}: the bytes of field {field.name} are another "
                                  "field's, and the writer would take them for an address")
+
+
+def _room(field: Field) -> int:
+    """Elements of an embedded structure that fill its field."""
+    kind = field.target
+    if kind is None or kind.repeated is None:
+        return 1
+    return max((field.length - kind.length) // kind.repeated.length + 1, 0)
 
 
 def _chunks(first: int | None) -> bytes:

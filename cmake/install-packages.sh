@@ -5,6 +5,7 @@
 #   cmake/install-packages.sh <job>...
 #
 # linux     build and tests on Linux
+# python    what the tests of the Python package use; it needs nothing itself
 # windows   cross build, and Wine to run what it makes
 # lint      clang-format and clang-tidy
 # fuzz      clang with libFuzzer and the sanitizers' runtime
@@ -22,6 +23,7 @@ tools=(libcli11-dev libfmt-dev libutfcpp-dev nlohmann-json3-dev python3)
 packagesFor() {
   case $1 in
     linux) echo g++ googletest libbenchmark-dev pkg-config "${tools[@]}" ;;
+    python) echo python3 python3-pip python3-matplotlib ;;
     windows)
       echo clang llvm lld g++-mingw-w64-x86-64-posix googletest pkg-config wine wine64 \
         "${tools[@]}"
@@ -36,7 +38,7 @@ packagesFor() {
     coverage) echo gcovr ;;
     memcheck) echo valgrind ;;
     docs) echo doxygen ;;
-    packages) echo dpkg-dev file ;;
+    packages) echo dpkg-dev file python3 ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2

@@ -339,15 +339,17 @@ class _Writer:
             self.arena[place:place + len(raw)] = raw
 
     def _embedded_elements(self, field: Field, value: dict[str, Any]) -> int:
-        """An embedded structure has as many elements as fill its field: readers take no other."""
-        kind, room = field.target, _room(field)
+        """As many elements as fill the field, which readers ask for, unless the dict tells fewer:
+        the bytes may be another field's, too."""
+        kind = field.target
         if kind is None or kind.count is None or kind.repeated is None:
             return 1
-        if (kind.repeated.name in value or kind.count.name in value) and (
-                self._elements(value, kind) != room):
-            raise GraphError(f"{field.length} bytes have {room} elements of "
-                             f"{kind.repeated.name}, no more and no less")
-        return room
+        if kind.repeated.name not in value and kind.count.name not in value:
+            return _room(field)
+        elements = self._elements(value, kind)
+        if kind.length_with(elements) > field.length:
+            raise GraphError(f"{elements} elements do not fit into {field.length} bytes")
+        return elements
 
     def _string(self, field: Field, value: Any, place: int,
                 pointers: dict[int, tuple[str, Structure | None]]) -> None:

@@ -10,9 +10,10 @@
 
 namespace memtest {
 
+using Json = nlohmann::ordered_json;
+
 // `names` is in front of identifiers; without it, there are none.
-inline nlohmann::ordered_json definitionsJson(const MEMStructDef *defs, const std::string &names) {
-  using Json = nlohmann::ordered_json;
+inline Json definitionsJson(const MEMStructDef *defs, const std::string &names) {
   Json json{{"structures", Json::array()}};
   for (const MEMStructDef *def = defs; def->StructID != 0; ++def) {
     Json structure{{"id", def->StructID}, {"length", def->Length}, {"fields", Json::array()}};

@@ -34,7 +34,8 @@ def _described(project: dict[str, Any]) -> dict[str, str]:
                 f"Summary: {project['description']}\n"
                 f"Requires-Python: {project['requires-python']}\n"
                 f"Description-Content-Type: text/markdown\n\n{readme}")
-    wheel = "Wheel-Version: 1.0\nGenerator: build_backend\nRoot-Is-Purelib: true\nTag: py3-none-any\n"
+    wheel = ("Wheel-Version: 1.0\nGenerator: build_backend\nRoot-Is-Purelib: true\n"
+             "Tag: py3-none-any\n")
     return {"METADATA": metadata, "WHEEL": wheel}
 
 

@@ -367,7 +367,7 @@ class _Writer:
 
     def _check_unions(self, kind: Structure, at: int,
                       pointers: dict[int, tuple[str, Structure | None]]) -> None:
-        """The writer writes all fields that share bytes: what it takes for a pointer must be one."""
+        """The writer writes all fields that share bytes: what it follows must be a pointer."""
         for field in kind.fields:
             if not field.is_address or not field.shares or field.not_ported:
                 continue

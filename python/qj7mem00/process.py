@@ -13,7 +13,6 @@ from types import TracebackType
 from typing import Any, Callable, Iterator
 
 from .contract import CONSTANTS, CONTRACT
-from .errors import MemError
 from .host import TRACE_ENTRY, TRACE_EXIT, Host, Trace
 from .objects import Buffer, CellPool, EnhancedHeap, HashTable, Heap, Sink, Storage
 from .records import RECORDS, prototype
@@ -141,17 +140,12 @@ class Process:
         self.bind()
         try:
             self.slots.MEM_ProcessInit.call()
-            try:
-                self._own_thread.__enter__()
-            except BaseException:
-                self.slots.MEM_ProcessTerm()
-                raise
-        except MemError:
-            self.slots.MEM_ProcessTerm()
-            self.unbind()
-            raise
+            self._own_thread.__enter__()
         except BaseException:
-            self.unbind()
+            try:
+                self.slots.MEM_ProcessTerm()  # releases what there is
+            finally:
+                self.unbind()
             raise
         self.is_open = True
         self._open.append(self)

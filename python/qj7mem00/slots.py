@@ -16,8 +16,9 @@ _Check = Callable[[Any], Any]
 
 
 def _integer_check(place: str, entry: dict[str, Any]) -> _Check:
-    bits = 8 * entry["bytes"]
-    least, most = (-(1 << bits - 1), (1 << bits - 1) - 1) if entry["signed"] else (0, (1 << bits) - 1)
+    numbers = 1 << 8 * entry["bytes"]
+    least = -numbers // 2 if entry["signed"] else 0
+    most = least + numbers - 1
 
     def check(value: Any) -> int:
         try:
@@ -126,8 +127,8 @@ class Slot:
     """One service. Calling it returns what the library returns; :meth:`call` raises failures.
 
     Numbers must have the width of the contract. For pointers stand None, an address, an object of
-    the ctypes type (``RECORDS``, ``c_void_p``, ``c_uint32``), for constant bytes ``bytes``, for wide
-    text ``str``, for functions a Python function, which lives as long as the process.
+    the ctypes type (``RECORDS``, ``c_void_p``, ``c_uint32``), for constant bytes ``bytes``, for
+    wide text ``str``, for functions a Python function, which lives as long as the process.
     """
 
     def __init__(self, slots: "Slots", entry: dict[str, Any]) -> None:

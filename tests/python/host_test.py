@@ -3,6 +3,7 @@
 import ctypes
 import threading
 import unittest
+from pathlib import Path
 
 import qj7mem00
 from qj7mem00.formatting import format_text, wide_at
@@ -19,7 +20,8 @@ class FormatTest(unittest.TestCase):
         for text, arguments, wanted in (
                 ("plain 100%%", [], "plain 100%"),
                 ("%d %ld %hd %lld", [minus] * 4, "-5 -5 -5 -5"),
-                ("%u %lu %hu %llu", [minus] * 4, "4294967291 4294967291 65531 18446744073709551611"),
+                ("%u %lu %hu", [minus] * 3, "4294967291 4294967291 65531"),
+                ("%llu", [minus], "18446744073709551611"),
                 ("%lX|%08X|%x|%#x|%#X", [255, 255, 255, 255, 0], "FF|000000FF|ff|0xff|0"),
                 ("%lX", [0x1234567890], "34567890"),
                 ("%I64X", [0x1234567890], "1234567890"),
@@ -66,6 +68,27 @@ class StorageTest(unittest.TestCase):
         storage.give_back(large, 100000, 8, False)
         self.assertEqual(len(storage.misuses), 3)
         self.assertEqual((storage.account().live_bytes, storage.account().peak_bytes), (0, 100100))
+
+
+class ProtectionTest(ProcessTest):
+    @staticmethod
+    def rights(address: int) -> str:
+        """Of the page, as the system has them."""
+        for line in Path("/proc/self/maps").read_text(encoding="utf-8").splitlines():
+            place, rights = line.split()[:2]
+            first, end = (int(part, 16) for part in place.split("-"))
+            if first <= address < end:
+                return rights
+        return ""
+
+    def test_sunk_copies_cannot_be_written_to(self) -> None:
+        with self.process.sink() as sink:
+            use = sink.sink(b"text")
+            self.assertEqual(self.rights(use.address), "r--s")
+            block = self.process.host.process_block.Segments[0]
+            self.assertEqual(self.rights(block.pBase), "rw-s")
+            again = sink.sink(b"another text")
+            self.assertEqual(self.rights(again.address), "r--s")
 
 
 class TraceTest(unittest.TestCase):
@@ -138,6 +161,16 @@ class ThreadsTest(ProcessTest):
             for thread in threads:
                 thread.join()
         self.assertEqual(problems, [])
+
+    def test_a_start_that_fails_leaves_nothing(self) -> None:
+        self.process.__exit__(None, None, None)
+        for limit in (0, 3248, 3248 + 0x44000, 3248 + 0x44000 + 16384):
+            failing = qj7mem00.Process(storage_limit=limit)
+            with self.assertRaises(qj7mem00.MemError):
+                failing.__enter__()
+            self.assertEqual(failing.host.storage.leaks(), [])
+            self.assertIsNone(failing.host.process_block)
+        self.process.__enter__()
 
     def test_each_thread_has_its_own_error(self) -> None:
         names: list[str] = []

@@ -119,6 +119,15 @@ class ObjectsTest(ProcessTest):
             self.assertEqual(self.process.host.storage.account(3, 2).live_bytes, 1000)
         self.assertEqual(self.process.host.storage.account(3).live_bytes, 0)
 
+    def test_entries_of_one_heap_are_watched(self) -> None:
+        with self.process.heap() as heap, self.process.heap() as other:
+            heap.allocate(10)
+            with self.process.watch_entries(heap) as watch:
+                area = heap.allocate(20)
+                other.allocate(30)
+            heap.allocate(40)
+            self.assertEqual(watch.entries, {area.address: 20})
+
     def test_leaving_with_an_exception_closes(self) -> None:
         with self.assertRaisesRegex(KeyError, "mine"):
             with self.process.heap() as heap, self.process.buffer():

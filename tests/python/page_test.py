@@ -1,5 +1,5 @@
-"""What docs/python.md shows runs: its program over a chain that the catalogue program has packed, and
-the other blocks one by one."""
+"""What docs/python.md shows runs: its program over a chain that the catalogue program has packed,
+and the other blocks one by one."""
 
 import contextlib
 import io

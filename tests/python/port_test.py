@@ -88,7 +88,8 @@ class PortTest(ProcessTest):
                 ({"amount": 1, "text": 5}, "Order.text: expected text, found int"),
                 ({"amount": 1, "sum": 5}, "Order: there is no field 'sum'"),
                 ({"amount": 1, "first": "Item"}, "expected a dict, found str"),
-                ({"amount": 1, "first": {"key": b"123", "asText": None}}, "Item.key: 3 bytes instead of 2"),
+                ({"amount": 1, "first": {"key": b"123", "asText": None}},
+                 "Item.key: 3 bytes instead of 2"),
                 ({"amount": 1, "first": {"asNumber": 5}}, "would take them for an address"),
                 ({"amount": 1, "count": 2, "parts": [1]}, "does not tell the 1 elements"),
         ):
@@ -165,8 +166,9 @@ class DefinitionsTest(unittest.TestCase):
                  lambda list: list[0].update(countField="code")),
                 (r"name: a name must not be empty or a number",
                  lambda list: list[0].update(name="12")),
-                (r"more than 64 structures within one another", lambda list: list[1]["fields"].append(
-                    {"id": 7, "type": "Substructure", "offset": 0, "structure": "Item"})),
+                (r"more than 64 structures within one another",
+                 lambda list: list[1]["fields"].append(
+                     {"id": 7, "type": "Substructure", "offset": 0, "structure": "Item"})),
         ):
             with self.subTest(words):
                 self.refuse(words, change)

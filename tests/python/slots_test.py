@@ -221,6 +221,7 @@ class ArgumentsTest(ProcessTest):
         def refuse(size: int, subpool: int) -> None:
             sizes.append(size)
         replacement = kind(refuse)
+        self.process.slots.MEM_Free(self.process.slots.MEM_Alloc(10, 0), 10, 0)
         before = self.process.slots.vector[number]
         self.process.slots.vector[number] = ctypes.cast(replacement, ctypes.c_void_p).value
         self.assertIsNone(self.process.slots.MEM_Alloc(10, 0))

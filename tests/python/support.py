@@ -1,6 +1,5 @@
 """What the tests of the Python package share."""
 
-import os
 import unittest
 from pathlib import Path
 
@@ -12,10 +11,6 @@ PORT_FIXTURES = FIXTURES / "memtool" / "port"
 
 CATALOG = PORT_FIXTURES / "catalog.defs.json"
 CATALOG_CHAIN = ROOT / "python" / "examples" / "catalog.chain.json"
-
-
-def is_quick() -> bool:
-    return os.environ.get("MEM_PYTHON_QUICK") == "1"
 
 
 class ProcessTest(unittest.TestCase):

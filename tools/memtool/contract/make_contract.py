@@ -544,7 +544,8 @@ def record_checks(name, record):
                 yield (f"static_assert(isType<decltype(std::declval<{name}>().{field['name']}."
                        f"{row['name']}), {row['type']}>);")
         elif field["type"] == "service":
-            yield f"static_assert(isService<decltype({member}), {signature_source(field['signature'])}>);"
+            signature = signature_source(field["signature"])
+            yield f"static_assert(isService<decltype({member}), {signature}>);"
         elif "count" in field:
             yield f"static_assert(isType<decltype({member}), {field['type']}[{field['count']}]>);"
         else:

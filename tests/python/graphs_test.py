@@ -123,7 +123,8 @@ class Maker:
     def _value(self, field: Field) -> Any:
         chance = self._chance
         bits = {"Short": (16, True), "UShort": (16, False), "Long": (32, True),
-                "ULong": (32, False), "BigInt": (64, True), "UBigInt": (64, False), "Bit": (8, False)}
+                "ULong": (32, False), "BigInt": (64, True), "UBigInt": (64, False),
+                "Bit": (8, False)}
         if field.type in bits:
             width, signed = bits[field.type]
             value = chance.choice([0, 1, (1 << width) - 1, chance.getrandbits(width)])

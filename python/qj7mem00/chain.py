@@ -99,7 +99,7 @@ class _Plan:
     def _describe(self, record: Any, kind: Structure) -> None:
         self._check(kind)
         record.Type = ord(kind.segment)
-        record.FixedLen = kind.length
+        record.FixedLen = kind.length if kind.segment == "F" else 0
         record.SiblingOff = kind.next.offset if kind.next is not None else _NO_SIBLING
         children = self.children(kind)
         references = [field for field in kind.fields if field.reference]

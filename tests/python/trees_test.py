@@ -1,5 +1,5 @@
-"""Random trees in packed chains: those that C++ packs are read in Python and those that Python packs
-in C++, and both find the same in them."""
+"""Random trees in packed chains: those that C++ packs are read in Python and those that Python
+packs in C++, and both find the same in them."""
 
 import json
 import os

@@ -246,6 +246,13 @@ TEST(MemtoolContractTest, ServicesAndFieldTypes) {
   EXPECT_EQ(all["constants"]["MEM_TRACE_SINK"], MEM_TRACE_SINK);
 }
 
+TEST(MemtoolContractTest, TheManualShowsWhatIsPrinted) {
+  const std::string page = readBytes(std::filesystem::path(MEM_DOCS) / "memtool.md");
+  const std::string block =
+      "```\n$ memtool contract MEM_HeapOpen\n" + outputOf({"contract", "MEM_HeapOpen"}) + "```\n";
+  EXPECT_NE(page.find(block), std::string::npos);
+}
+
 TEST(MemtoolContractTest, ShowsOneEntryOrAll) {
   const std::string list = outputOf({"contract"});
   for (const char *text : {"MEM_EHeapAllocLongMultEntries", "MEMTextServices", "MEMPortChunk"}) {

@@ -69,7 +69,11 @@ class ThreadState:
         self.reason = ""
         self.watch: Any = None  # of the heap entries of a call
 
+    def clear_error(self) -> None:
+        ctypes.memset(self.address + _ThreadEnv.Error.offset, 0, _ThreadEnv.Error.size)
+
     def text(self) -> str:
+        """Of the trace buffer."""
         length = min(_word(self.buffer + _TraceBuf.TextLen.offset).value, _TEXT_ROOM)
         return ctypes.string_at(self.buffer + _TEXT_AT, length).decode("utf-8", "surrogateescape")
 

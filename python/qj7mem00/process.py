@@ -59,6 +59,7 @@ class Thread:
         self._process = process
 
     def __enter__(self) -> "Thread":
+        self._process.host.thread.clear_error()  # the call leaves what an earlier one recorded
         self._process.slots.MEM_ThreadAct.call()
         return self
 

@@ -162,6 +162,15 @@ class ThreadsTest(ProcessTest):
                 thread.join()
         self.assertEqual(problems, [])
 
+    def test_a_thread_that_cannot_start_tells_of_no_earlier_failure(self) -> None:
+        with self.assertRaises(qj7mem00.MemError):
+            self.process.heap(area_kb=0)
+        anchor, self.process.host._anchor = self.process.host._anchor, None
+        with self.assertRaises(qj7mem00.MemError) as caught:
+            self.process.thread().__enter__()
+        self.process.host._anchor = anchor
+        self.assertEqual((caught.exception.service, caught.exception.code), ("MEM_ThreadAct", 0))
+
     def test_a_start_that_fails_leaves_nothing(self) -> None:
         self.process.__exit__(None, None, None)
         for limit in (0, 3248, 3248 + 0x44000, 3248 + 0x44000 + 16384):

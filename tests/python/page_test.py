@@ -66,6 +66,14 @@ class PageTest(unittest.TestCase):
         if "matplotlib" in lines:
             self.assertIn("</svg>", (self.work / "needed.svg").read_text(encoding="utf-8"))
 
+    def test_the_readme(self) -> None:
+        readme = (ROOT / "README.md").read_text(encoding="utf-8")
+        lines = re.findall(r"```python\n(.*?)```\n", readme, re.DOTALL)
+        self.assertEqual(len(lines), 1)
+        self.assertIn(CHAIN, lines[0])
+        printed = self.run_lines(lines[0].replace(CHAIN, self.pack())).splitlines()
+        self.assertEqual((len(printed), printed[0]), (26, "base-files 1"))
+
     def test_the_example_definitions_are_those_of_the_catalogue(self) -> None:
         packages = qj7mem00.read_chain(self.pack(), ROOT / "python/examples/catalog.chain.json")
         sample = qj7mem00.read_chain(FIXTURES / "catalog-sample.chain",

@@ -103,6 +103,7 @@ class Process:
         self._lists: tuple[Any, ...] = ()
         self._own_thread = Thread(self)
         self._key = os.path.realpath(self.path)
+        self._is_for_others = True  # calls without a process take it
         self._watchers = 0
         self._watch_lock = threading.Lock()
         # The slot's own function, its replacement, and what they are made of
@@ -149,13 +150,15 @@ class Process:
                 self.unbind()
             raise
         self.is_open = True
-        self._open.append(self)
+        if self._is_for_others:
+            self._open.append(self)
         return self
 
     def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
                  trace: TracebackType | None) -> None:
         self.is_open = False
-        self._open.remove(self)
+        if self._is_for_others:
+            self._open.remove(self)
         try:
             self._own_thread.__exit__()
             self.slots.MEM_ProcessTerm.call()
@@ -204,6 +207,9 @@ class Process:
         return Storage(self, length, subpool)
 
 
+_one_at_a_time = threading.RLock()  # of the processes that calls open for themselves
+
+
 @contextlib.contextmanager
 def current_process(process: Process | None) -> Iterator[Process]:
     """This process, or the one that is open, or one for the time of the block."""
@@ -212,8 +218,11 @@ def current_process(process: Process | None) -> Iterator[Process]:
     if process is not None:
         yield process
         return
-    with Process() as made:
-        yield made
+    with _one_at_a_time:
+        made = Process()
+        made._is_for_others = False
+        with made:
+            yield made
 
 
 class EntryWatch:

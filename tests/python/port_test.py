@@ -1,6 +1,7 @@
 """Port strings as dicts and back."""
 
 import json
+import threading
 import unittest
 from typing import Any
 
@@ -179,6 +180,21 @@ class DefinitionsTest(unittest.TestCase):
             Definitions("{nonsense")
         with self.assertRaises(FileNotFoundError):
             Definitions("absent.json")
+
+    def test_threads_without_an_open_process_take_turns(self) -> None:
+        text = (PORT_FIXTURES / "order.port").read_bytes()
+        definitions = Definitions(PORT_FIXTURES / "order.defs.json")
+        amounts = []
+
+        def read() -> None:
+            for _ in range(20):
+                amounts.append(qj7mem00.read_port_string(text, definitions)["amount"])
+        threads = [threading.Thread(target=read) for _ in range(6)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        self.assertEqual(amounts, [-305] * 120)
 
     def test_without_an_open_process_one_is_made(self) -> None:
         text = (PORT_FIXTURES / "order.port").read_bytes()

@@ -7,6 +7,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import tomllib
 import unittest
 from pathlib import Path
 
@@ -22,6 +23,10 @@ class ContractTest(unittest.TestCase):
         self.assertEqual(json.loads(copy), json.loads(made), "copy build/*/contract/contract.json "
                          "to python/qj7mem00/contract.json")
         self.assertEqual(copy, made)
+
+    def test_the_versions_are_one(self) -> None:
+        project = tomllib.loads((ROOT / "python" / "pyproject.toml").read_text(encoding="utf-8"))
+        self.assertEqual(project["project"]["version"], qj7mem00.CONTRACT["version"])
 
     def test_records_are_laid_out_as_the_contract_says(self) -> None:
         for record in qj7mem00.CONTRACT["records"]:

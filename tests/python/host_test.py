@@ -1,9 +1,11 @@
 """The host in Python: storage, gates, trace records, formatting, threads."""
 
 import ctypes
+import os
 import threading
 import unittest
 from pathlib import Path
+from unittest import mock
 
 import qj7mem00
 from qj7mem00.formatting import format_text, wide_at
@@ -68,6 +70,22 @@ class StorageTest(unittest.TestCase):
         storage.give_back(large, 100000, 8, False)
         self.assertEqual(len(storage.misuses), 3)
         self.assertEqual((storage.account().live_bytes, storage.account().peak_bytes), (0, 100100))
+
+
+class FindingTest(unittest.TestCase):
+    def test_the_variable_comes_first_then_the_places(self) -> None:
+        named = os.environ["QJ7MEM00_LIBRARY"]
+        self.assertEqual(qj7mem00.find_library(), Path(named))
+        with mock.patch.dict(os.environ):
+            del os.environ["QJ7MEM00_LIBRARY"]
+            absent = Path(named).with_name("absent.so")
+            with mock.patch("qj7mem00.process._places", lambda: [absent, Path(named)]):
+                self.assertEqual(qj7mem00.find_library(), Path(named))
+            with mock.patch("qj7mem00.process._places", lambda: [absent]):
+                with self.assertRaisesRegex(FileNotFoundError, "QJ7MEM00_LIBRARY"):
+                    qj7mem00.find_library()
+        with self.assertRaises(OSError):
+            qj7mem00.Process(__file__)
 
 
 class ProtectionTest(ProcessTest):

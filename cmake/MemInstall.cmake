@@ -7,6 +7,7 @@ add_custom_target(installed_files)
 add_dependencies(installed_files QJ7MEM00 refhost memtool)
 
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${MEM_CONTRACT_JSON} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qj7mem00)
 install(FILES host/refhost.hpp DESTINATION ${MEM_INSTALL_HOST_INCLUDEDIR})
 
 set_target_properties(QJ7MEM00 PROPERTIES EXPORT_NAME module)

@@ -38,7 +38,8 @@ else()
   set(top ${content}/${folder})
 endif()
 
-foreach(file include/qj7mem00/qj7mem00.h include/qj7mem00/host/refhost.hpp ${MODULE}
+foreach(file include/qj7mem00/qj7mem00.h include/qj7mem00/contract.json
+    include/qj7mem00/host/refhost.hpp ${MODULE}
     ${LIBDIR}/qj7mem00/librefhost.a ${LIBDIR}/cmake/QJ7MEM00/QJ7MEM00Config.cmake
     ${LIBDIR}/pkgconfig/qj7mem00.pc share/doc/qj7mem00/README.md)
   if(NOT EXISTS ${top}/${file})

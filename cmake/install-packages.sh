@@ -20,7 +20,7 @@ toolHeaders=(libcli11-dev libfmt-dev libutfcpp-dev nlohmann-json3-dev)
 
 packagesFor() {
   case $1 in
-    linux) echo g++ googletest libbenchmark-dev pkg-config python3 "${toolHeaders[@]}" ;;
+    linux) echo g++ googletest libbenchmark-dev pkg-config python3 valgrind "${toolHeaders[@]}" ;;
     windows)
       echo clang llvm lld g++-mingw-w64-x86-64-posix googletest pkg-config wine wine64 \
         "${toolHeaders[@]}"

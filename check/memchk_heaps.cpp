@@ -5,7 +5,6 @@
 #include <limits>
 
 #include "memchk_checkers.hpp"
-#include "memchk_zones.hpp"
 
 namespace memchk {
 
@@ -86,35 +85,11 @@ bool readKind(HMEMHEAP hMemHeap, HeapKind &kind) noexcept {
   return kind == HeapKind::enhanced || hasEye(hMemHeap, kStandardEye);
 }
 
-HeapRecord::HeapRecord(HMEMHEAP hMemHeap, HeapKind heapKind, const Place &openedAt, bool isNew,
-                       bool isChecking)
-    : handle(hMemHeap),
-      kind(heapKind),
-      opened(openedAt),
-      areaSize(headerField<std::uint32_t>(hMemHeap, heapKind, places(heapKind).areaSize)),
-      subPool(headerField<std::uint16_t>(hMemHeap, heapKind, places(heapKind).subPool)),
-      isSeenWhole(isNew),
-      checks(isChecking) {
-  noteAreas();
-}
-
-std::byte *HeapRecord::zoneStart(const Entry &entry) const noexcept {
-  return static_cast<std::byte *>(entry.pEntry) - entry.zone;
-}
-
-std::byte *HeapRecord::end(const Entry &entry) const noexcept {
-  return static_cast<std::byte *>(entry.pEntry) + usableLen(kind, entry.asked);
-}
-
-std::byte *HeapRecord::zoneEnd(const Entry &entry) const noexcept {
-  return static_cast<std::byte *>(entry.pEntry) + alignedLen(kind, entry.asked) + entry.zone;
-}
-
-bool HeapRecord::isLarge(std::int64_t aligned) const noexcept {
+bool HeapShape::isLarge(std::int64_t aligned) const noexcept {
   return areaSize != 0 && aligned > std::int64_t{areaSize} - kAreaOverhead;
 }
 
-std::uint32_t HeapRecord::zoneOf(std::int32_t asked, std::uint32_t wanted) const noexcept {
+std::uint32_t HeapShape::zoneOf(std::int32_t asked, std::uint32_t wanted) const noexcept {
   const std::int64_t aligned = alignedLen(kind, asked);
   std::int64_t room = std::numeric_limits<std::int32_t>::max() - aligned;
   if (areaSize != 0 && !isLarge(aligned)) room = std::int64_t{areaSize} - kAreaOverhead - aligned;
@@ -122,28 +97,60 @@ std::uint32_t HeapRecord::zoneOf(std::int32_t asked, std::uint32_t wanted) const
          ~15U;
 }
 
-bool HeapRecord::hasBlockHeader(const Entry &entry) const noexcept {
-  return kind == HeapKind::enhanced && entry.zone >= kBlockHeaderLen &&
-         isLarge(alignedLen(kind, entry.asked));
+bool HeapShape::hasBlockHeader(std::int32_t asked, std::uint32_t zone) const noexcept {
+  return kind == HeapKind::enhanced && zone >= kBlockHeaderLen && isLarge(alignedLen(kind, asked));
 }
 
-void HeapRecord::prepare(void *pEntry, std::int32_t asked, std::uint32_t zone) const noexcept {
-  const Entry entry{pEntry, {}, asked, zone, 0, Entry::State::live};
-  zones::fill(zoneStart(entry), zone, zones::kZone);
-  if (hasBlockHeader(entry)) {
-    zones::copyIn(static_cast<std::byte *>(pEntry) - kBlockHeaderLen, kBlockEye, kEyeLen);
+void HeapShape::fillZoneBefore(void *pEntry, std::int32_t asked,
+                               std::uint32_t zone) const noexcept {
+  auto *pBytes = static_cast<std::byte *>(pEntry);
+  zones::fill(pBytes - zone, zone, zones::kZone);
+  if (hasBlockHeader(asked, zone)) zones::copyIn(pBytes - kBlockHeaderLen, kBlockEye, kEyeLen);
+}
+
+void HeapShape::fillZones(void *pEntry, std::int32_t asked, std::uint32_t zone) const noexcept {
+  auto *pBytes = static_cast<std::byte *>(pEntry);
+  fillZoneBefore(pEntry, asked, zone);
+  const std::int64_t usable = usableLen(kind, asked);
+  const std::int64_t behind = alignedLen(kind, asked) + zone - usable;
+  zones::fill(pBytes + usable, static_cast<std::size_t>(behind), zones::kZone);
+}
+
+HeapRecord::HeapRecord(HMEMHEAP hMemHeap, HeapKind kind, const Place &openedAt, bool isNew,
+                       bool isChecking)
+    : handle(hMemHeap),
+      shape{kind, headerField<std::uint32_t>(hMemHeap, kind, places(kind).areaSize)},
+      opened(openedAt),
+      subPool(headerField<std::uint16_t>(hMemHeap, kind, places(kind).subPool)),
+      isSeenWhole(isNew),
+      checks(isChecking) {
+  if (isNew && shape.areaSize != 0) {
+    areas.push_back(reinterpret_cast<std::byte *>(handle));
+    denyTail(areas.back());
+    noteAreas();
   }
-  zones::fill(end(entry), static_cast<std::size_t>(zoneEnd(entry) - end(entry)), zones::kZone);
+}
+
+std::byte *HeapRecord::zoneStart(const Entry &entry) const noexcept {
+  return static_cast<std::byte *>(entry.pEntry) - entry.zone;
+}
+
+std::byte *HeapRecord::end(const Entry &entry) const noexcept {
+  return static_cast<std::byte *>(entry.pEntry) + usableLen(shape.kind, entry.asked);
+}
+
+std::byte *HeapRecord::zoneEnd(const Entry &entry) const noexcept {
+  return static_cast<std::byte *>(entry.pEntry) + alignedLen(shape.kind, entry.asked) + entry.zone;
 }
 
 void HeapRecord::count(std::int32_t asked, std::uint32_t zone) {
   noteAreas();
-  const std::int64_t aligned = alignedLen(kind, asked) + 2 * std::int64_t{zone};
-  if (isLarge(aligned)) {
+  const std::int64_t aligned = alignedLen(shape.kind, asked) + 2 * std::int64_t{zone};
+  if (shape.isLarge(aligned)) {
     ++largeBlocks;
     largeBytes += static_cast<std::uint64_t>(aligned + kBlockHeaderLen);
   }
-  usage.add(static_cast<std::uint64_t>(usableLen(kind, asked)));
+  usage.add(static_cast<std::uint64_t>(usableLen(shape.kind, asked)));
 }
 
 void HeapRecord::add(void *pEntry, std::int32_t asked, std::uint32_t zone, const Place &made) {
@@ -181,7 +188,7 @@ Entry *HeapRecord::findAround(const void *pAddress) noexcept {
 
 bool HeapRecord::isInAreas(const void *pAddress) const noexcept {
   return std::any_of(areas.begin(), areas.end(), [this, pAddress](const std::byte *pArea) {
-    return pAddress >= pArea && pAddress < pArea + areaSize;
+    return pAddress >= pArea && pAddress < pArea + shape.areaSize;
   });
 }
 
@@ -191,7 +198,7 @@ void HeapRecord::deny(const Entry &entry) const noexcept {
   const auto length = static_cast<std::size_t>(zoneEnd(entry) - pStart);
   checkers::deny(pStart, length);
   if (entry.state != Entry::State::freed) {
-    checkers::allow(entry.pEntry, static_cast<std::size_t>(usableLen(kind, entry.asked)));
+    checkers::allow(entry.pEntry, static_cast<std::size_t>(usableLen(shape.kind, entry.asked)));
   }
 }
 
@@ -199,7 +206,7 @@ void HeapRecord::rename(Entry &entry) const {
   if (!checkers::showsNames()) return;
   checkers::unname(entry.block);
   std::string text = entry.state == Entry::State::freed ? "freed and " : "";
-  text += "red-zoned " + entryText(entry, kind);
+  text += "red-zoned " + entryText(entry, shape.kind);
   const std::byte *pStart = zoneStart(entry);
   entry.block =
       checkers::name(pStart, static_cast<std::size_t>(zoneEnd(entry) - pStart), text.c_str());
@@ -215,9 +222,10 @@ void HeapRecord::beginFree(Entry &entry) {
 void HeapRecord::endFree(Entry &entry, const Place &freed) {
   entry.state = Entry::State::freed;
   if (freed_.emplace(entry.pEntry, freed).second) {  // else freed before
-    usage.remove(static_cast<std::uint64_t>(usableLen(kind, entry.asked)));
+    usage.remove(static_cast<std::uint64_t>(usableLen(shape.kind, entry.asked)));
   }
-  zones::fill(entry.pEntry, static_cast<std::size_t>(alignedLen(kind, entry.asked)), zones::kFreed);
+  zones::fill(entry.pEntry, static_cast<std::size_t>(alignedLen(shape.kind, entry.asked)),
+              zones::kFreed);
   deny(entry);
   rename(entry);
 }
@@ -239,19 +247,20 @@ Finding HeapRecord::finding(MEMCheckKind found, const Entry &entry) const {
   made.pAddress = entry.pEntry;
   made.pObject = entry.pEntry;
   made.pOwner = handle;
-  made.length = usableLen(kind, entry.asked);
+  made.length = usableLen(shape.kind, entry.asked);
   made.made = entry.made;
   made.pMade = "allocated";
   if (entry.state == Entry::State::freed) {
     made.ended = freedAt(entry);
     made.pEnded = "freed";
   }
-  made.where = entryText(entry, kind) + " of " + name();
+  made.where = entryText(entry, shape.kind) + " of " + name();
   return made;
 }
 
 std::string HeapRecord::name() const {
-  return (kind == HeapKind::standard ? "standard heap " : "enhanced heap ") + addressText(handle);
+  return (shape.kind == HeapKind::standard ? "standard heap " : "enhanced heap ") +
+         addressText(handle);
 }
 
 std::string HeapRecord::distanceText(const Entry &entry, const void *pAddress) const {
@@ -295,37 +304,34 @@ void HeapRecord::reportWrite(Findings &findings, MEMCheckKind found, const Entry
   findings.push_back(std::move(made));
 }
 
+zones::Damage HeapRecord::lookBefore(const Entry &entry) const noexcept {
+  const std::byte *pStart = zoneStart(entry);
+  if (!shape.hasBlockHeader(entry.asked, entry.zone)) {
+    return zones::look(pStart, entry.zone, zones::kZone);
+  }
+  const std::size_t eyeAt = entry.zone - static_cast<std::size_t>(kBlockHeaderLen);
+  const std::size_t rest = eyeAt + kEyeLen;
+  zones::Damage damage = zones::look(pStart, eyeAt, zones::kZone);
+  if (!hasEye(pStart + eyeAt, kBlockEye)) damage = joined(damage, {eyeAt, kEyeLen});
+  return joined(damage, moved(zones::look(pStart + rest, entry.zone - rest, zones::kZone), rest));
+}
+
 void HeapRecord::check(Entry &entry, Findings &findings) {
   if (entry.state == Entry::State::freeing) return;
-  const bool isFreed = entry.state == Entry::State::freed;
-  auto *pEntry = static_cast<std::byte *>(entry.pEntry);
-  if (entry.zone != 0) {
-    const std::byte *pStart = zoneStart(entry);
-    zones::Damage before;
-    if (hasBlockHeader(entry)) {
-      const std::size_t eyeAt = entry.zone - static_cast<std::size_t>(kBlockHeaderLen);
-      before = zones::look(pStart, eyeAt, zones::kZone);
-      if (!hasEye(pStart + eyeAt, kBlockEye)) before = joined(before, {eyeAt, kEyeLen});
-      const std::size_t rest = eyeAt + kEyeLen;
-      before =
-          joined(before, moved(zones::look(pStart + rest, entry.zone - rest, zones::kZone), rest));
-    } else {
-      before = zones::look(pStart, entry.zone, zones::kZone);
-    }
-    if (before) {
-      reportWrite(findings, MEMCHK_UNDERRUN, entry, pStart + before.offset, before.length);
-    }
-    if (before) prepare(entry.pEntry, entry.asked, entry.zone);
+  if (const zones::Damage before = lookBefore(entry)) {
+    reportWrite(findings, MEMCHK_UNDERRUN, entry, zoneStart(entry) + before.offset, before.length);
+    shape.fillZoneBefore(entry.pEntry, entry.asked, entry.zone);
   }
-  if (isFreed) {
-    const auto bytes = static_cast<std::size_t>(alignedLen(kind, entry.asked));
+  auto *pEntry = static_cast<std::byte *>(entry.pEntry);
+  std::byte *pBehind = end(entry);
+  if (entry.state == Entry::State::freed) {  // the pattern takes the rounding, too
+    pBehind = pEntry + alignedLen(shape.kind, entry.asked);
+    const auto bytes = static_cast<std::size_t>(pBehind - pEntry);
     if (const zones::Damage inside = zones::look(pEntry, bytes, zones::kFreed)) {
       reportWrite(findings, MEMCHK_FREED_WRITE, entry, pEntry + inside.offset, inside.length);
       zones::fill(pEntry, bytes, zones::kFreed);
     }
   }
-  // A freed entry's pattern takes its rounding, too.
-  std::byte *pBehind = isFreed ? pEntry + alignedLen(kind, entry.asked) : end(entry);
   const auto bytes = static_cast<std::size_t>(zoneEnd(entry) - pBehind);
   if (const zones::Damage behind = zones::look(pBehind, bytes, zones::kZone)) {
     reportWrite(findings, MEMCHK_OVERRUN, entry, pBehind + behind.offset, behind.length);
@@ -342,9 +348,9 @@ void HeapRecord::repairAround(const void *pAddress, std::int64_t length) {
   for (const Entry &entry : entries_) {
     if (entry.state == Entry::State::freeing) continue;
     if (pFrom >= zoneEnd(entry) || pFrom + length <= zoneStart(entry)) continue;
-    prepare(entry.pEntry, entry.asked, entry.zone);
+    shape.fillZones(entry.pEntry, entry.asked, entry.zone);
     if (entry.state != Entry::State::freed) continue;
-    zones::fill(entry.pEntry, static_cast<std::size_t>(alignedLen(kind, entry.asked)),
+    zones::fill(entry.pEntry, static_cast<std::size_t>(alignedLen(shape.kind, entry.asked)),
                 zones::kFreed);
   }
 }
@@ -352,11 +358,7 @@ void HeapRecord::repairAround(const void *pAddress, std::int64_t length) {
 // Other threads may be adding areas to an enhanced heap meanwhile. An area has its header before it
 // is linked, and an entry of it is allowed after this, for the record is locked.
 void HeapRecord::noteAreas() {
-  if (areaSize == 0) return;
-  if (areas.empty()) {
-    areas.push_back(reinterpret_cast<std::byte *>(handle));
-    denyTail(areas.back());
-  }
+  if (areas.empty()) return;
   while (auto *pNext = load<std::byte *>(areas.back(), kNextArea)) {
     wasted += load<std::uint32_t>(areas.back(), kFreeLen);
     areas.push_back(pNext);
@@ -368,12 +370,12 @@ void HeapRecord::noteAreas() {
 void HeapRecord::denyTail(const std::byte *pArea) const noexcept {
   if (!checks || !checkers::isPresent()) return;
   const auto used = load<std::uint32_t>(pArea, kNextFreeOff);
-  if (used < areaSize) checkers::deny(pArea + used, areaSize - used);
+  if (used < shape.areaSize) checkers::deny(pArea + used, shape.areaSize - used);
 }
 
 void HeapRecord::allowAll() {
   if (!checkers::isPresent()) return;
-  for (const std::byte *pArea : areas) checkers::allow(pArea, areaSize);
+  for (const std::byte *pArea : areas) checkers::allow(pArea, shape.areaSize);
   for (Entry &entry : entries_) {
     checkers::allow(zoneStart(entry), static_cast<std::size_t>(zoneEnd(entry) - zoneStart(entry)));
     checkers::unname(entry.block);

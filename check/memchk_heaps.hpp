@@ -17,6 +17,7 @@
 
 #include "memchk_report.hpp"
 #include "memchk_usage.hpp"
+#include "memchk_zones.hpp"
 #include "qj7mem00/memvect.h"
 
 namespace memchk {
@@ -30,6 +31,23 @@ std::int64_t alignedLen(HeapKind kind, std::int32_t asked) noexcept;
 
 // The kind of heap that a handle's first bytes say; false when they say none. Not null.
 bool readKind(HMEMHEAP hMemHeap, HeapKind &kind) noexcept;
+
+// How a heap makes its entries.
+struct HeapShape {
+  HeapKind kind;
+  std::uint32_t areaSize;  // 0 when the handle is not the library's
+
+  // Whether an entry gets a block of its own.
+  bool isLarge(std::int64_t aligned) const noexcept;
+  // The red zones that an entry gets of those wanted: an entry of an area stays one, for that
+  // decides about the failures of its allocation.
+  std::uint32_t zoneOf(std::int32_t asked, std::uint32_t wanted) const noexcept;
+  // Whether the red zone before an entry has a block's header.
+  bool hasBlockHeader(std::int32_t asked, std::uint32_t zone) const noexcept;
+  // Fills the red zones of an entry; the rounding is part of the one behind it.
+  void fillZoneBefore(void *pEntry, std::int32_t asked, std::uint32_t zone) const noexcept;
+  void fillZones(void *pEntry, std::int32_t asked, std::uint32_t zone) const noexcept;
+};
 
 struct Entry {
   enum class State : std::uint16_t {
@@ -49,11 +67,9 @@ struct Entry {
 
 class HeapRecord {
  public:
-  // Of a heap that has just been opened, or one that was there before the layer.
+  // Of a heap that has just been opened, or one that was there before the layer: of that nothing is
+  // read but its header.
   HeapRecord(HMEMHEAP hMemHeap, HeapKind kind, const Place &opened, bool isNew, bool checks);
-
-  // Fills the red zones of an entry that the heap has just made; not yet in the record. Not locked.
-  void prepare(void *pEntry, std::int32_t asked, std::uint32_t zone) const noexcept;
 
   // The heap has made an entry. With `count` alone nothing is kept of it but the numbers.
   void count(std::int32_t asked, std::uint32_t zone);
@@ -88,15 +104,9 @@ class HeapRecord {
   std::string distanceText(const Entry &entry, const void *pAddress) const;
   std::string name() const;  // "standard heap 0x…"
 
-  // The red zones that an entry gets of those wanted: an entry of an area stays one, for that
-  // decides about the failures of its allocation.
-  std::uint32_t zoneOf(std::int32_t asked, std::uint32_t wanted) const noexcept;
-  bool isLarge(std::int64_t aligned) const noexcept;
-
   const HMEMHEAP handle;
-  const HeapKind kind;
+  const HeapShape shape;
   const Place opened;
-  const std::uint32_t areaSize;  // 0 when the handle is not the library's
   const std::uint16_t subPool;
   bool isSeenWhole;  // every entry has come through the layer
   const bool checks;
@@ -111,7 +121,7 @@ class HeapRecord {
   std::byte *zoneStart(const Entry &entry) const noexcept;
   std::byte *end(const Entry &entry) const noexcept;      // of the entry
   std::byte *zoneEnd(const Entry &entry) const noexcept;  // of the red zone behind it
-  bool hasBlockHeader(const Entry &entry) const noexcept;
+  zones::Damage lookBefore(const Entry &entry) const noexcept;
   void deny(const Entry &entry) const noexcept;
   void rename(Entry &entry) const;  // for valgrind's reports
   void noteAreas();

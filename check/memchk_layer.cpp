@@ -135,14 +135,15 @@ std::optional<HeapKind> Layer::kindOf(HMEMHEAP hMemHeap) {
   if (hMemHeap == nullptr) return std::nullopt;
   {
     const std::lock_guard lock(mutex_);
-    if (const HeapRecord *pHeap = heapOf(hMemHeap)) return pHeap->kind;
+    if (const HeapRecord *pHeap = heapOf(hMemHeap)) return pHeap->shape.kind;
     if (closed_.contains(hMemHeap)) return std::nullopt;
   }
   // A heap from before the layer. Its header is what the service reads first, too.
   HeapKind kind{};
   if (!readKind(hMemHeap, kind)) return std::nullopt;
+  HeapRecord heap(hMemHeap, kind, {}, false, checks());
   const std::lock_guard lock(mutex_);
-  heaps_.try_emplace(hMemHeap, hMemHeap, kind, Place{}, false, checks());
+  heaps_.try_emplace(hMemHeap, std::move(heap));
   return kind;
 }
 
@@ -176,11 +177,10 @@ void Layer::endHeapClose(Heaps::node_type &&node, bool isClosed, const Place &pl
   }
 }
 
-std::uint32_t Layer::zoneOf(HMEMHEAP hMemHeap, std::int32_t asked) {
-  if (!checks()) return 0;
+HeapShape Layer::shapeOf(HMEMHEAP hMemHeap) {
   const std::lock_guard lock(mutex_);
   const HeapRecord *pHeap = heapOf(hMemHeap);
-  return pHeap == nullptr ? 0 : pHeap->zoneOf(asked, zone_);
+  return pHeap == nullptr ? HeapShape{HeapKind::standard, 0} : pHeap->shape;
 }
 
 void Layer::entryMade(HMEMHEAP hMemHeap, void *pEntry, std::int32_t asked, std::uint32_t zone,
@@ -192,7 +192,6 @@ void Layer::entryMade(HMEMHEAP hMemHeap, void *pEntry, std::int32_t asked, std::
     pHeap->count(asked, 0);
     return;
   }
-  pHeap->prepare(pEntry, asked, zone);
   pHeap->add(pEntry, asked, zone, made);
 }
 
@@ -264,8 +263,9 @@ Layer::EntryFree Layer::beginEntryFree(HMEMHEAP hMemHeap, std::int32_t length, v
       }
       pOwner->check(*pFound, findings);
       // A heap clears the length that it is given, and would clear what is behind the entry.
-      const bool clears = !pHeap->isLarge(alignedLen(pHeap->kind, length));
-      if (clears && alignedLen(pHeap->kind, length) > alignedLen(pOwner->kind, pFound->asked)) {
+      const bool clears = !pHeap->shape.isLarge(alignedLen(pHeap->shape.kind, length));
+      if (clears &&
+          alignedLen(pHeap->shape.kind, length) > alignedLen(pOwner->shape.kind, pFound->asked)) {
         begun.length = pFound->asked;
       }
       pOwner->beginFree(*pFound);
@@ -281,7 +281,7 @@ void Layer::endEntryFree(const EntryFree &begun, HMEMHEAP hMemHeap, void *pEntry
   if (!checks()) {
     HeapRecord *pHeap = isFreed ? heapOf(hMemHeap) : nullptr;
     if (pHeap != nullptr) {
-      pHeap->usage.remove(static_cast<std::uint64_t>(usableLen(pHeap->kind, begun.length)));
+      pHeap->usage.remove(static_cast<std::uint64_t>(usableLen(pHeap->shape.kind, begun.length)));
     }
     return;
   }

@@ -90,8 +90,9 @@ class Layer {
   // What kind of heap a handle is of; nothing for one that the service will refuse.
   std::optional<HeapKind> kindOf(HMEMHEAP hMemHeap);
 
-  // The red zones that an entry gets, 0 for none.
-  std::uint32_t zoneOf(HMEMHEAP hMemHeap, std::int32_t asked);
+  // How entries of a heap that is known are made.
+  HeapShape shapeOf(HMEMHEAP hMemHeap);
+  std::uint32_t zone() const noexcept { return checks() ? zone_ : 0; }
   void entryMade(HMEMHEAP hMemHeap, void *pEntry, std::int32_t asked, std::uint32_t zone,
                  const Place &made);
 

@@ -46,10 +46,10 @@ Json objectOf(const void *pHandle, const Place &opened) {
 
 Json heapJson(const HeapRecord &heap) {
   Json object = objectOf(heap.handle, heap.opened);
-  const std::uint64_t areaBytes = heap.areas.size() * std::uint64_t{heap.areaSize};
-  object["kind"] = heap.kind == HeapKind::standard ? "standard" : "enhanced";
+  const std::uint64_t areaBytes = heap.areas.size() * std::uint64_t{heap.shape.areaSize};
+  object["kind"] = heap.shape.kind == HeapKind::standard ? "standard" : "enhanced";
   object["subPool"] = heap.subPool;
-  object["areaSize"] = heap.areaSize;
+  object["areaSize"] = heap.shape.areaSize;
   object["areas"] = heap.areas.size();
   object["largeBlocks"] = heap.largeBlocks;
   object["bytesObtained"] = areaBytes + heap.largeBytes;

@@ -118,15 +118,15 @@ constexpr std::int32_t kLongEntry = 0x100000;
 // The entry itself. The cell gets the component's address when the service has ended well, and
 // keeps what it holds when it has not.
 template <auto service>
-std::int16_t makeEntry(const Call &call, HeapKind kind, HMEMHEAP hMemHeap, std::int32_t Len,
-                       void **ppEntry) {
-  std::uint32_t zone = call->zoneOf(hMemHeap, Len);
+std::int16_t makeEntry(const Call &call, HMEMHEAP hMemHeap, std::int32_t Len, void **ppEntry) {
+  const HeapShape shape = call->shapeOf(hMemHeap);
+  std::uint32_t zone = shape.zoneOf(Len, call->zone());
   void *const pBefore = *ppEntry;
   const auto attempt = [&](std::int32_t length) {
     *ppEntry = nullptr;
     return (inner.*service)(hMemHeap, length, ppEntry);
   };
-  const std::int64_t whole = zone == 0 ? Len : alignedLen(kind, Len) + 2 * std::int64_t{zone};
+  const std::int64_t whole = zone == 0 ? Len : alignedLen(shape.kind, Len) + 2 * std::int64_t{zone};
   std::int16_t result = attempt(static_cast<std::int32_t>(whole));
   if (result != 0 && zone != 0 && Len >= kLongEntry) {
     zone = 0;
@@ -138,6 +138,7 @@ std::int16_t makeEntry(const Call &call, HeapKind kind, HMEMHEAP hMemHeap, std::
     return result;
   }
   *ppEntry = pMade + zone;
+  if (call->checks()) shape.fillZones(*ppEntry, Len, zone);
   call->entryMade(hMemHeap, *ppEntry, Len, zone, call.place());
   ++current.entries;
   return result;
@@ -158,8 +159,8 @@ std::int16_t allocEntryLong(HMEMHEAP hMemHeap, std::int32_t Len, void **ppEntry)
     return result;
   }
   if (!kind || Len < 1) return pass();
-  return call.finish(makeEntry<&MEMFunctionVector::MEM_HeapAllocEntryLong>(call, HeapKind::standard,
-                                                                           hMemHeap, Len, ppEntry));
+  return call.finish(
+      makeEntry<&MEMFunctionVector::MEM_HeapAllocEntryLong>(call, hMemHeap, Len, ppEntry));
 }
 
 std::int16_t enhancedAllocEntry(HMEMHEAP hMemHeap, std::int32_t Len, void **ppEntry) noexcept {
@@ -168,8 +169,8 @@ std::int16_t enhancedAllocEntry(HMEMHEAP hMemHeap, std::int32_t Len, void **ppEn
   if (!call.isWatched() || ppEntry == nullptr || call->kindOf(hMemHeap) != HeapKind::enhanced) {
     return call.finish(inner.MEM_EHeapAllocEntry(hMemHeap, Len, ppEntry));
   }
-  return call.finish(makeEntry<&MEMFunctionVector::MEM_EHeapAllocEntry>(call, HeapKind::enhanced,
-                                                                        hMemHeap, Len, ppEntry));
+  return call.finish(
+      makeEntry<&MEMFunctionVector::MEM_EHeapAllocEntry>(call, hMemHeap, Len, ppEntry));
 }
 
 std::int16_t enhancedFreeEntry(HMEMHEAP hMemHeap, std::int32_t Len, void *pEntry) noexcept {

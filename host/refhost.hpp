@@ -33,6 +33,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "qj7mem00/memchk.h"
 #include "qj7mem00/qj7mem00.h"
 
 namespace refhost {
@@ -100,6 +101,8 @@ struct Options {
   bool bigEndian = false;       /**< platform flag that pSysEnv carries */
   bool nullSysEnv = false;      /**< bind with a null pSysEnv */
   std::uint32_t traceFlags = 0; /**< flags of every frame until setTraceFlags */
+  bool checked = false; /**< bind attaches the checking layer (memchk.h), unbind detaches it;
+                             so does MEM_CHECKED=1 in the environment */
 };
 
 /** Storage account of one subpool and kind, or of all. Lengths are those asked for. */
@@ -236,6 +239,14 @@ class Host {
   /** @} */
 
   std::vector<Misuse> takeMisuses();
+
+  /** @name The checking layer, with Options::checked
+   * Its reports go to stderr. check is null while no layer is attached; checkReports counts since
+   * construction. */
+  /** @{ */
+  MEMCheck *check() const;
+  std::uint64_t checkReports() const;
+  /** @} */
 
   /** @name Fault injection
    * Arming replaces an earlier fault of the same service. Frames cannot fail: arming EnterFrame or

@@ -26,6 +26,9 @@ struct Host::Impl {
 
   void fillTables();
 
+  void attachCheck();
+  void detachCheck();
+
   // Reports what the calling thread, which ends, has left behind, and forgets the thread. A number
   // that is not a thread of this host's is ignored.
   void endThread(std::uint64_t number);
@@ -56,6 +59,9 @@ struct Host::Impl {
   MEMFunctionVector vector{};
   MEMFunctionVector boundVector{};  // what binding made of `vector`
   bool isBound = false;
+  const bool checked;
+  MEMCheck *check = nullptr;  // attached to `vector` while bound and checked
+  std::atomic<std::uint64_t> checkReports{0};
   MEMSysEnv sysEnv{};
   const bool nullSysEnv;
   std::array<void *, MEM_HOST_VECTORS> hostCells{};

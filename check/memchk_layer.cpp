@@ -131,20 +131,21 @@ void Layer::heapOpened(HMEMHEAP hMemHeap, HeapKind kind, const Place &opened) {
   ++heapCount_.opened;
 }
 
-std::optional<HeapKind> Layer::kindOf(HMEMHEAP hMemHeap) {
+std::optional<HeapShape> Layer::shapeOf(HMEMHEAP hMemHeap) {
   if (hMemHeap == nullptr) return std::nullopt;
   {
     const std::lock_guard lock(mutex_);
-    if (const HeapRecord *pHeap = heapOf(hMemHeap)) return pHeap->shape.kind;
+    if (const HeapRecord *pHeap = heapOf(hMemHeap)) return pHeap->shape;
     if (closed_.contains(hMemHeap)) return std::nullopt;
   }
   // A heap from before the layer. Its header is what the service reads first, too.
   HeapKind kind{};
   if (!readKind(hMemHeap, kind)) return std::nullopt;
   HeapRecord heap(hMemHeap, kind, {}, false, checks());
+  const HeapShape shape = heap.shape;
   const std::lock_guard lock(mutex_);
   heaps_.try_emplace(hMemHeap, std::move(heap));
-  return kind;
+  return shape;
 }
 
 void Layer::heapNotSeenWhole(HMEMHEAP hMemHeap) {
@@ -175,12 +176,6 @@ void Layer::endHeapClose(Heaps::node_type &&node, bool isClosed, const Place &pl
     heap.denyAll();
     heaps_.insert(std::move(node));
   }
-}
-
-HeapShape Layer::shapeOf(HMEMHEAP hMemHeap) {
-  const std::lock_guard lock(mutex_);
-  const HeapRecord *pHeap = heapOf(hMemHeap);
-  return pHeap == nullptr ? HeapShape{HeapKind::standard, 0} : pHeap->shape;
 }
 
 void Layer::entryMade(HMEMHEAP hMemHeap, void *pEntry, std::int32_t asked, std::uint32_t zone,

@@ -87,11 +87,8 @@ class Layer {
   // An entry was made by a service of the host's own, past slots 14 and 38.
   void heapNotSeenWhole(HMEMHEAP hMemHeap);
 
-  // What kind of heap a handle is of; nothing for one that the service will refuse.
-  std::optional<HeapKind> kindOf(HMEMHEAP hMemHeap);
-
-  // How entries of a heap that is known are made.
-  HeapShape shapeOf(HMEMHEAP hMemHeap);
+  // How the entries of a heap are made; nothing for a handle that the service will refuse.
+  std::optional<HeapShape> shapeOf(HMEMHEAP hMemHeap);
   std::uint32_t zone() const noexcept { return checks() ? zone_ : 0; }
   void entryMade(HMEMHEAP hMemHeap, void *pEntry, std::int32_t asked, std::uint32_t zone,
                  const Place &made);

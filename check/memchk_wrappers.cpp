@@ -118,8 +118,8 @@ constexpr std::int32_t kLongEntry = 0x100000;
 // The entry itself. The cell gets the component's address when the service has ended well, and
 // keeps what it holds when it has not.
 template <auto service>
-std::int16_t makeEntry(const Call &call, HMEMHEAP hMemHeap, std::int32_t Len, void **ppEntry) {
-  const HeapShape shape = call->shapeOf(hMemHeap);
+std::int16_t makeEntry(const Call &call, const HeapShape &shape, HMEMHEAP hMemHeap,
+                       std::int32_t Len, void **ppEntry) {
   std::uint32_t zone = shape.zoneOf(Len, call->zone());
   void *const pBefore = *ppEntry;
   const auto attempt = [&](std::int32_t length) {
@@ -151,32 +151,34 @@ std::int16_t allocEntryLong(HMEMHEAP hMemHeap, std::int32_t Len, void **ppEntry)
     return call.finish(inner.MEM_HeapAllocEntryLong(hMemHeap, Len, ppEntry));
   };
   if (!call.isWatched() || ppEntry == nullptr) return pass();
-  const std::optional<HeapKind> kind = call->kindOf(hMemHeap);
-  if (kind == HeapKind::enhanced) {  // goes on to slot 38
+  const std::optional<HeapShape> shape = call->shapeOf(hMemHeap);
+  if (shape && shape->kind == HeapKind::enhanced) {  // goes on to slot 38
     const std::uint64_t before = current.entries;
     const std::int16_t result = pass();
     if (result == 0 && current.entries == before) call->heapNotSeenWhole(hMemHeap);
     return result;
   }
-  if (!kind || Len < 1) return pass();
+  if (!shape || Len < 1) return pass();
   return call.finish(
-      makeEntry<&MEMFunctionVector::MEM_HeapAllocEntryLong>(call, hMemHeap, Len, ppEntry));
+      makeEntry<&MEMFunctionVector::MEM_HeapAllocEntryLong>(call, *shape, hMemHeap, Len, ppEntry));
 }
 
 std::int16_t enhancedAllocEntry(HMEMHEAP hMemHeap, std::int32_t Len, void **ppEntry) noexcept {
   const Call call(38, MEMCHK_CALLER);
   call.use(hMemHeap);
-  if (!call.isWatched() || ppEntry == nullptr || call->kindOf(hMemHeap) != HeapKind::enhanced) {
+  const auto shape = call.isWatched() ? call->shapeOf(hMemHeap) : std::nullopt;
+  if (!shape || shape->kind != HeapKind::enhanced || ppEntry == nullptr) {
     return call.finish(inner.MEM_EHeapAllocEntry(hMemHeap, Len, ppEntry));
   }
   return call.finish(
-      makeEntry<&MEMFunctionVector::MEM_EHeapAllocEntry>(call, hMemHeap, Len, ppEntry));
+      makeEntry<&MEMFunctionVector::MEM_EHeapAllocEntry>(call, *shape, hMemHeap, Len, ppEntry));
 }
 
 std::int16_t enhancedFreeEntry(HMEMHEAP hMemHeap, std::int32_t Len, void *pEntry) noexcept {
   const Call call(39, MEMCHK_CALLER);
   call.use(hMemHeap);
-  if (!call.isWatched() || call->kindOf(hMemHeap) != HeapKind::enhanced) {
+  const auto shape = call.isWatched() ? call->shapeOf(hMemHeap) : std::nullopt;
+  if (!shape || shape->kind != HeapKind::enhanced) {
     return call.finish(inner.MEM_EHeapFreeEntry(hMemHeap, Len, pEntry));
   }
   const Layer::EntryFree begun = call->beginEntryFree(hMemHeap, Len, pEntry, call.place());

@@ -42,9 +42,11 @@ int16_t MEMCheckAttach(MEMFunctionVector *pVector, const MEMCheckOptions *pOptio
   if (memchk::attachedLayer.load(std::memory_order_acquire) != nullptr) {
     return MEMCHK_ATTACHED_ALREADY;
   }
-  auto check = std::make_unique<MEMCheck>(*pVector, readOptions(pOptions));
+  const MEMCheckOptions options = readOptions(pOptions);
+  auto check = std::make_unique<MEMCheck>(*pVector, options);
   if (check->layer.checks()) {
-    memchk::checkers::find();
+    const bool isTold = (options.Flags & MEMCHK_NO_CHECKERS) == 0;
+    memchk::checkers::find(isTold);
     memchk::checkers::describeErrors(describeError);
   }
   memchk::wrapSlots(*pVector, check->layer.countsAll());

@@ -36,12 +36,15 @@ void onSanitizerError(const char *) {
 
 }  // namespace
 
-void find() noexcept {
+void find(bool areTold) noexcept {
+  sanitizer = {};
+  onValgrind = false;
+  findFunction(sanitizer.symbolizePc, "__sanitizer_symbolize_pc");
+  if (!areTold) return;
   findFunction(sanitizer.poison, "__asan_poison_memory_region");
   findFunction(sanitizer.unpoison, "__asan_unpoison_memory_region");
   findFunction(sanitizer.reportAddress, "__asan_get_report_address");
   findFunction(sanitizer.setErrorReportCallback, "__asan_set_error_report_callback");
-  findFunction(sanitizer.symbolizePc, "__sanitizer_symbolize_pc");
   if (sanitizer.unpoison == nullptr) sanitizer.poison = nullptr;
 #if defined(MEMCHK_VALGRIND)
   onValgrind = RUNNING_ON_VALGRIND != 0;

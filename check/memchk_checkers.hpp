@@ -8,8 +8,9 @@
 
 namespace memchk::checkers {
 
-// Looks for AddressSanitizer and valgrind. Before anything else here, with no other call running.
-void find() noexcept;
+// Looks for AddressSanitizer and valgrind, which are only asked for lines of code unless they are
+// to be told. Before anything else here, with no other call running.
+void find(bool areTold) noexcept;
 
 // Whether there is one.
 bool isPresent() noexcept;

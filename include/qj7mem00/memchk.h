@@ -88,6 +88,9 @@ typedef void MEMCheckTextFn(void *pContext, const char *pText, size_t Len);
 #define MEMCHK_NO_CHECKS                                                     \
   0x00000002U /**< only count: entries, addresses and cells stay as they are \
                    without the layer, and nothing is reported */
+#define MEMCHK_NO_CHECKERS                                               \
+  0x00000004U /**< tell AddressSanitizer and valgrind nothing: damage is \
+                   found by the layer's own looks only */
 /** @} */
 
 enum {
@@ -102,7 +105,7 @@ enum {
 /** How a layer works. Zeros, but for `Size`, are the defaults. */
 typedef struct MEMCheckOptions {
   uint32_t Size;        /**< sizeof(MEMCheckOptions); what lies beyond counts as 0 */
-  uint32_t Flags;       /**< MEMCHK_STATISTICS, MEMCHK_NO_CHECKS */
+  uint32_t Flags;       /**< MEMCHK_STATISTICS, MEMCHK_NO_CHECKS, MEMCHK_NO_CHECKERS */
   uint32_t VerifyEvery; /**< verify everything at each so many calls of components; 0 = never */
   uint32_t RedZone;     /**< bytes before and behind each entry, made a multiple of 16; 0 =
                              MEMCHK_RED_ZONE */

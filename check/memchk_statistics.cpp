@@ -103,6 +103,7 @@ Json sinkJson(const SinkRecord &sink) {
 template <class Records, class Show>
 Json familyOf(const FamilyCount &count, const Records &records, Show show) {
   std::vector<const typename Records::value_type *> order;
+  order.reserve(records.size());
   for (const auto &record : records) order.push_back(&record);
   std::sort(order.begin(), order.end(), [](const auto *pLeft, const auto *pRight) {
     return pLeft->second.opened.call < pRight->second.opened.call;

@@ -95,7 +95,7 @@ void unname([[maybe_unused]] std::uint32_t block) noexcept {
 std::string codeLine(const void *pCode) {
   if (sanitizer.symbolizePc == nullptr) return {};
   char text[512] = "";
-  // The address is that behind the call, which may be another line.
+  // The address is the one after the call, which may be another line.
   auto *pCall = reinterpret_cast<char *>(reinterpret_cast<std::uintptr_t>(pCode) - 1);
   sanitizer.symbolizePc(pCall, "%f %s:%l", text, sizeof text);
   return text;

@@ -47,8 +47,8 @@ bool hasEye(const void *pBlock, const char *pEye) noexcept {
 // A field of a heap that the library has made; 0 of any other.
 template <class T>
 T headerField(HMEMHEAP hMemHeap, HeapKind kind, std::size_t offset) noexcept {
-  HeapKind told{};
-  return readKind(hMemHeap, told) && told == kind ? load<T>(hMemHeap, offset) : T{};
+  HeapKind found{};
+  return readKind(hMemHeap, found) && found == kind ? load<T>(hMemHeap, offset) : T{};
 }
 
 zones::Damage joined(zones::Damage first, zones::Damage second) noexcept {
@@ -158,7 +158,7 @@ void HeapRecord::add(void *pEntry, std::int32_t asked, std::uint32_t zone, const
   Entry entry{pEntry, made, asked, zone, 0, Entry::State::live};
   deny(entry);
   rename(entry);
-  // A heap of the host's own may hand out again what was freed; that entry is gone then.
+  // A heap of the host's own may allocate again what was freed; that entry is gone then.
   Entry *pOld = freed_.empty() ? nullptr : find(pEntry);
   if (pOld != nullptr) {
     freed_.erase(pEntry);
@@ -271,7 +271,7 @@ std::string HeapRecord::distanceText(const Entry &entry, const void *pAddress) c
   };
   if (pByte < pEntry) return bytes(pEntry - pByte) + " before";
   if (pByte < end(entry)) return bytes(pByte - pEntry) + " into";
-  return bytes(pByte - end(entry)) + " behind";
+  return bytes(pByte - end(entry)) + " after";
 }
 
 Finding HeapRecord::accessAt(const Entry &entry, const void *pAddress) const {
@@ -293,7 +293,7 @@ void HeapRecord::reportWrite(Findings &findings, MEMCheckKind found, const Entry
   made.given = static_cast<std::int64_t>(length);
   const std::string bytes = countText(length, "byte");
   if (found == MEMCHK_OVERRUN) {
-    made.what = "overrun: " + bytes + " written behind an entry";
+    made.what = "overrun: " + bytes + " written after an entry";
   } else if (found == MEMCHK_UNDERRUN) {
     made.what = "underrun: " + bytes + " written before an entry";
   } else {

@@ -4,7 +4,7 @@
 //                                             ^ the address that the component gets
 //
 // A component frees that address with its own length, and the call goes on to the heap as it is:
-// the heap only looks at bytes of the entry itself. It looks for a large block's header in front of
+// the heap only looks at bytes of the entry itself. It looks for a large block's header before
 // a large entry of an enhanced heap; the red zone has one there.
 //
 // A record is locked by the layer, but for the functions that say so.
@@ -44,7 +44,7 @@ struct HeapShape {
   std::uint32_t zoneOf(std::int32_t asked, std::uint32_t wanted) const noexcept;
   // Whether the red zone before an entry has a block's header.
   bool hasBlockHeader(std::int32_t asked, std::uint32_t zone) const noexcept;
-  // Fills the red zones of an entry; the rounding is part of the one behind it.
+  // Fills the red zones of an entry; the rounding is part of the one after it.
   void fillZoneBefore(void *pEntry, std::int32_t asked, std::uint32_t zone) const noexcept;
   void fillZones(void *pEntry, std::int32_t asked, std::uint32_t zone) const noexcept;
 };
@@ -100,7 +100,7 @@ class HeapRecord {
   Finding finding(MEMCheckKind kind, const Entry &entry) const;
   // An access to an address around an entry that a memory checker has reported.
   Finding accessAt(const Entry &entry, const void *pAddress) const;
-  // "3 bytes behind", "8 bytes before", "0 bytes into".
+  // "3 bytes after", "8 bytes before", "0 bytes into".
   std::string distanceText(const Entry &entry, const void *pAddress) const;
   std::string name() const;  // "standard heap 0x…"
 
@@ -120,7 +120,7 @@ class HeapRecord {
  private:
   std::byte *zoneStart(const Entry &entry) const noexcept;
   std::byte *end(const Entry &entry) const noexcept;      // of the entry
-  std::byte *zoneEnd(const Entry &entry) const noexcept;  // of the red zone behind it
+  std::byte *zoneEnd(const Entry &entry) const noexcept;  // of the red zone after it
   zones::Damage lookBefore(const Entry &entry) const noexcept;
   void deny(const Entry &entry) const noexcept;
   void rename(Entry &entry) const;  // for valgrind's reports

@@ -257,7 +257,7 @@ Layer::EntryFree Layer::beginEntryFree(HMEMHEAP hMemHeap, std::int32_t length, v
         findings.push_back(std::move(finding));
       }
       pOwner->check(*pFound, findings);
-      // A heap clears the length that it is given, and would clear what is behind the entry.
+      // A heap clears the length that it is given, and would clear what is after the entry.
       const bool clears = !pHeap->shape.isLarge(alignedLen(pHeap->shape.kind, length));
       if (clears &&
           alignedLen(pHeap->shape.kind, length) > alignedLen(pOwner->shape.kind, pFound->asked)) {

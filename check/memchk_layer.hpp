@@ -1,4 +1,4 @@
-// The layer itself: all records behind one lock. The lock is never held while a service or a
+// The layer itself: all records under one lock. The lock is never held while a service or a
 // callback runs, so that neither can wait for the layer, and a service that ends by a fault leaves
 // nothing locked.
 #pragma once

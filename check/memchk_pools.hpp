@@ -2,9 +2,9 @@
 // side, aligned as their length makes them, in areas of a given length. So there is no room for red
 // zones; a write that leaves its cell is found where it meets a free one.
 //
-// The pool frees a cell as ever. Then the layer takes it off the pool's list of free cells, fills
-// it with a pattern and keeps it for a while. What it keeps goes back before the pool would need an
-// area for it: a pool has as many areas as without the layer.
+// The pool frees a cell as without the layer. Then the layer takes it off the pool's list of free
+// cells, fills it with a pattern and keeps it for a while. What it keeps goes back before the pool
+// would need an area for it: a pool has as many areas as without the layer.
 //
 // A record is locked by the layer.
 #pragma once
@@ -85,12 +85,12 @@ class PoolRecord {
   const std::int16_t subPool;
   bool isSeenWhole;
   Usage usage;
-  std::uint64_t wasted = 0;  // behind the last whole cells of areas
+  std::uint64_t wasted = 0;  // after the last whole cells of areas
   std::size_t areaCount() const noexcept { return areas_.size(); }
 
  private:
-  // Cells of an area that were never handed out; they are, from the lowest on. Of an area that was
-  // there before the layer nothing is known.
+  // Cells of an area that were never allocated; they will be, from the lowest on. Of an area that
+  // was there before the layer nothing is known.
   struct FreshCells {
     std::byte *pFirst = nullptr;
     std::byte *pEnd = nullptr;
@@ -110,7 +110,7 @@ class PoolRecord {
                    std::size_t length) const;
 
   const std::size_t mostKept_;
-  std::unordered_map<const void *, Cell> cells_;  // all that were handed out since open or clear
+  std::unordered_map<const void *, Cell> cells_;  // all that were allocated since open or clear
   std::deque<std::byte *> kept_;                  // oldest first
   Areas areas_;
 };

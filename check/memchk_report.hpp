@@ -36,7 +36,7 @@ struct Finding {
   std::int64_t given = 0;
   Place made;
   Place ended;
-  std::string what;         // the first line: "4 bytes behind an entry were written to"
+  std::string what;         // the first line: "4 bytes written after an entry"
   std::string where;        // the second line: the address and what it belongs to
   const char *pMade = "";   // what happened at `made`: "allocated"
   const char *pEnded = "";  // what happened at `ended`: "freed"

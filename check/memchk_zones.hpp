@@ -7,7 +7,7 @@
 
 namespace memchk::zones {
 
-inline constexpr std::uint8_t kZone = 0xFB;   // before and behind entries
+inline constexpr std::uint8_t kZone = 0xFB;   // before and after entries
 inline constexpr std::uint8_t kFreed = 0xDF;  // in freed entries and cells
 
 // What has been written to: `length` bytes from `offset` on, the unchanged ones between included.

@@ -3,7 +3,7 @@
  * MEM function vector and what is in its slots, finds misuse of heap entries and cells by
  * components, and counts what they use. The memory services themselves stay as they are.
  *
- * What it finds: writes before and behind heap entries, writes to freed entries and cells, wrong
+ * What it finds: writes before and after heap entries, writes to freed entries and cells, wrong
  * lengths, entries and cells freed twice, to another owner or never allocated, closed handles.
  * Under AddressSanitizer and valgrind the instruction itself is reported. What it cannot see, what
  * changes for the component, and what it costs is in docs/checking-layer.md.
@@ -36,7 +36,7 @@ typedef struct MEMCheck MEMCheck;
 
 /** What a report is about (MEMCheckReport.Kind). */
 enum MEMCheckKind {
-  MEMCHK_OVERRUN = 1,      /**< bytes behind an entry were written to */
+  MEMCHK_OVERRUN = 1,      /**< bytes after an entry were written to */
   MEMCHK_UNDERRUN = 2,     /**< bytes before an entry were written to */
   MEMCHK_FREED_WRITE = 3,  /**< a freed entry or cell was written to */
   MEMCHK_DOUBLE_FREE = 4,  /**< an entry or cell is freed that was freed before */
@@ -49,7 +49,7 @@ enum MEMCheckKind {
 /** Where a call was made. All zero when it is not known. */
 typedef struct MEMCheckPlace {
   const char *pService; /**< "MEM_HeapAllocEntry": the service that the component called */
-  const void *pCaller;  /**< address behind the component's call instruction */
+  const void *pCaller;  /**< address after the component's call instruction */
   uint64_t Call;        /**< number of the call, counted from 1 since attach over all threads */
   uint32_t Slot;        /**< the service's slot */
   uint32_t Thread;      /**< number of the thread, counted from 1 by first use of the layer */
@@ -107,7 +107,7 @@ typedef struct MEMCheckOptions {
   uint32_t Size;        /**< sizeof(MEMCheckOptions); what lies beyond counts as 0 */
   uint32_t Flags;       /**< MEMCHK_STATISTICS, MEMCHK_NO_CHECKS, MEMCHK_NO_CHECKERS */
   uint32_t VerifyEvery; /**< verify everything at each so many calls of components; 0 = never */
-  uint32_t RedZone;     /**< bytes before and behind each entry, made a multiple of 16; 0 =
+  uint32_t RedZone;     /**< bytes before and after each entry, made a multiple of 16; 0 =
                              MEMCHK_RED_ZONE */
   uint32_t Quarantine;  /**< freed cells that each pool keeps back at most; 0 = MEMCHK_QUARANTINE */
   uint32_t Reserved20;
@@ -125,9 +125,9 @@ int16_t MEMCheckAttach(MEMFunctionVector *pVector, const MEMCheckOptions *pOptio
                        MEMCheck **ppCheck);
 
 /** Verifies everything, puts back what was in the slots and ends the layer. A slot that no longer
- * leads into the layer is left alone. What has been put into a slot in front of the layer may go on
+ * leads into the layer is left alone. What has been put into a slot over the layer's may go on
  * calling it: it then passes calls on. Before the library is unbound. Heaps and pools may stay
- * open: entries allocated before are used and freed as ever. Null does nothing. Always 0. */
+ * open: entries allocated before are used and freed as without it. Null does nothing. Always 0. */
 int16_t MEMCheckDetach(MEMCheck *pCheck);
 
 /** Looks at the red zones of all entries, and at all freed entries and cells. Reports each damage

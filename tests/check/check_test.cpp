@@ -718,7 +718,7 @@ TEST_F(CheckTest, PlacesAreInTheComponentThatCalled) {
   EXPECT_NE(one.report.Made.Thread, one.report.Found.Thread);
   EXPECT_EQ(one.report.Made.Slot, 14U);
   EXPECT_EQ(one.report.Found.Slot, 39U);
-  EXPECT_NE(one.text.find("overrun: 1 byte written behind an entry\n"), std::string::npos);
+  EXPECT_NE(one.text.find("overrun: 1 byte written after an entry\n"), std::string::npos);
   EXPECT_NE(one.text.find("allocated by MEM_HeapAllocEntryLong, call 3, "), std::string::npos);
   EXPECT_NE(one.text.find("from check_test"), std::string::npos) << one.text;
   closeHeaps();

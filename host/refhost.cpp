@@ -77,6 +77,11 @@ void listCells(std::array<void *, count> &cells, std::array<void **, count> &lis
   }
 }
 
+bool isCheckedByEnvironment() {
+  const char *value = std::getenv("MEM_CHECKED");
+  return value != nullptr && std::string_view(value) == "1";
+}
+
 }  // namespace
 
 std::string_view serviceName(Service service) {
@@ -84,7 +89,10 @@ std::string_view serviceName(Service service) {
 }
 
 Host::Impl::Impl(Options theOptions)
-    : options(std::move(theOptions)), storage(options), traceFlags(options.traceFlags) {
+    : options(std::move(theOptions)),
+      storage(options),
+      traceFlags(options.traceFlags),
+      checked(options.checked || isCheckedByEnvironment()) {
   if (activeHost != nullptr) throw std::logic_error("a process has one host at a time");
   for (int i = 0; i < MEM_VECTOR_HOST_SLOTS; ++i) vector.HostSlots[i] = &hostSlotMarks[i];
   std::memset(&sysEnv, 0xEE, sizeof(sysEnv));
@@ -101,6 +109,7 @@ Host::Impl::Impl(Options theOptions)
 }
 
 Host::Impl::~Impl() {
+  detachCheck();
   const std::lock_guard lock(threadEndMutex());
   activeHost = nullptr;
 }
@@ -140,9 +149,29 @@ Host::~Host() {
   report();
 }
 
+// The vector keeps what binding and the layer have made of it. One that binding has not filled gets
+// no layer.
+void Host::Impl::attachCheck() {
+  if (!checked) return;
+  MEMCheckOptions options{};
+  options.Size = sizeof options;
+  options.pContext = this;
+  options.pReport = [](void *pContext, const MEMCheckReport *pReport) {
+    static_cast<Impl *>(pContext)->checkReports.fetch_add(1);
+    std::fprintf(stderr, "%s\n", pReport->pText);
+  };
+  MEMCheckAttach(&vector, &options, &check);
+}
+
+void Host::Impl::detachCheck() {
+  MEMCheckDetach(std::exchange(check, nullptr));
+}
+
 void Host::bind(MEMBindFn *entry) {
+  impl_->detachCheck();
   const MEMSysEnv *sysEnv = impl_->options.nullSysEnv ? nullptr : &impl_->sysEnv;
   entry(impl_->hostList.data(), impl_->serviceList.data(), sysEnv, 0, MEM_MODE_BIND);
+  impl_->attachCheck();
   impl_->boundVector = impl_->vector;
   impl_->isBound = true;
   impl_->libraryModule = platform::moduleAt(reinterpret_cast<const void *>(entry));
@@ -150,6 +179,7 @@ void Host::bind(MEMBindFn *entry) {
 
 // Unbinding reads neither lists nor environment; nulls prove it.
 void Host::unbind(MEMBindFn *entry, std::int16_t mode) {
+  impl_->detachCheck();
   entry(nullptr, nullptr, nullptr, 0, mode);
   impl_->isBound = false;
 }
@@ -234,6 +264,13 @@ std::size_t Host::heldGateCount() const {
 
 std::vector<Misuse> Host::takeMisuses() {
   return impl_->misuses.take();
+}
+
+MEMCheck *Host::check() const {
+  return impl_->check;
+}
+std::uint64_t Host::checkReports() const {
+  return impl_->checkReports.load();
 }
 
 void Host::arm(Fault fault) {

@@ -35,6 +35,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "qj7mem00/memchk.h"
 #include "qj7mem00/qj7mem00.h"
 
 namespace refhost {
@@ -168,6 +169,8 @@ struct Options {
   bool nullSysEnv = false;        /**< bind with a null pSysEnv */
   std::uint32_t traceFlags = 0;   /**< flags of every frame until setTraceFlags */
   TraceLineStyle traceLines = {}; /**< of streams and files, until setTraceLines */
+  bool checked = false; /**< bind attaches the checking layer (memchk.h), unbind detaches it;
+                             so does MEM_CHECKED=1 in the environment */
 
   /** @name What is found at the end */
   /** @{ */
@@ -308,6 +311,14 @@ class Host {
    * deleted and, when the process has been ended, threads that are still active. Each is reported
    * once. REQUIRES: no call through the vector is running. */
   Findings report();
+
+  /** @name The checking layer, with Options::checked
+   * Its reports go to stderr. check is null while no layer is attached; checkReports counts since
+   * construction. */
+  /** @{ */
+  MEMCheck *check() const;
+  std::uint64_t checkReports() const;
+  /** @} */
 
   /** @name Fault injection
    * Arming replaces an earlier fault of the same service. Frames cannot fail: arming EnterFrame or

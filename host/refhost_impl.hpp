@@ -45,6 +45,9 @@ struct Host::Impl {
   void addGatesLeft(Findings &findings);
   void addThreadsLeftActive(Findings &findings);
 
+  void attachCheck();
+  void detachCheck();
+
   // Reports what the calling thread, which ends, has left behind, and forgets the thread. A number
   // that is not a thread of this host's is ignored.
   void endThread(std::uint64_t number);
@@ -81,6 +84,9 @@ struct Host::Impl {
   MEMFunctionVector boundVector{};  // what binding made of `vector`
   bool isBound = false;
   const void *libraryModule = nullptr;  // of the library bound last
+  const bool checked;
+  MEMCheck *check = nullptr;  // attached to `vector` while bound and checked
+  std::atomic<std::uint64_t> checkReports{0};
   MEMSysEnv sysEnv{};
   std::array<void *, MEM_HOST_VECTORS> hostCells{};
   std::array<void *, MEM_SERVICE_VECTORS> serviceCells{};

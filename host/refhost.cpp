@@ -153,14 +153,14 @@ Host::~Host() {
 // no layer.
 void Host::Impl::attachCheck() {
   if (!checked) return;
-  MEMCheckOptions options{};
-  options.Size = sizeof options;
-  options.pContext = this;
-  options.pReport = [](void *pContext, const MEMCheckReport *pReport) {
+  MEMCheckOptions layer{};
+  layer.Size = sizeof layer;
+  layer.pContext = this;
+  layer.pReport = [](void *pContext, const MEMCheckReport *pReport) {
     static_cast<Impl *>(pContext)->checkReports.fetch_add(1);
     std::fprintf(stderr, "%s\n", pReport->pText);
   };
-  MEMCheckAttach(&vector, &options, &check);
+  MEMCheckAttach(&vector, &layer, &check);
 }
 
 void Host::Impl::detachCheck() {

@@ -71,6 +71,8 @@ function(mem_add_test name)
     mem_add_entry(checked/${name} ${name} --gtest_filter=-${arg_UNCHECKED})
     mem_add_label(checked/${name} checked)
     set_property(TEST checked/${name} APPEND PROPERTY ENVIRONMENT MEM_CHECKED=1)
+    # Both write into the program's folder of files.
+    set_property(TEST ${name} checked/${name} APPEND PROPERTY RESOURCE_LOCK ${name})
   endif()
   if(arg_THREADS)
     mem_add_label(${name} thread)

@@ -55,13 +55,14 @@ bool hasControlBlockOf(const Chain &chain, const std::string &file) {
   return file.compare(2, 4 + length, good, 2, 4 + length) == 0;
 }
 
-// A segment's length may lie over a pointer that is an address by then: whether it is refused for
-// its length or for where it lies depends on the address.
-bool isSameCode(std::uint32_t one, std::uint32_t other) {
+// Unpacking in place may find a segment's length where a pointer has become an address: whether it
+// is refused for its length or for where it lies depends on the address.
+constexpr const char *kByAddressInManual = "4071 for one copy and 4072 for another";
+bool isCodeByAddress(std::uint32_t one, std::uint32_t other, std::size_t width) {
   const auto isOfPlace = [](std::uint32_t code) {
     return code == MEMERR_PACKROFF || code == MEMERR_PACKCYCL;
   };
-  return one == other || (isOfPlace(one) && isOfPlace(other));
+  return width == 8 && isOfPlace(one) && isOfPlace(other);
 }
 
 // The one thing that the library refuses and memtool does not see.
@@ -226,6 +227,7 @@ class MemtoolDifferentialTest : public ToolTest {
 TEST_F(MemtoolDifferentialTest, VerdictsAreThoseOfTheLibrary) {
   const std::vector<Writer> &writers = chainwriter::allWriters();
   std::size_t askedTwice = 0;
+  std::size_t byAddress = 0;
   const std::uint64_t begin = firstSeed(kSeed);
   for (std::uint64_t seed = begin; seed < begin + kTrees; ++seed) {
     const Writer &writer = writers[seed % writers.size()];
@@ -253,7 +255,9 @@ TEST_F(MemtoolDifferentialTest, VerdictsAreThoseOfTheLibrary) {
           continue;
         }
         const auto again = static_cast<std::uint32_t>(libraryResult(tree, file));
-        ASSERT_TRUE(isSameCode(again, verdict.code)) << again << " and " << verdict.code;
+        ASSERT_TRUE(again == verdict.code || isCodeByAddress(again, verdict.code, width))
+            << again << " and " << verdict.code;
+        byAddress += again == verdict.code ? 0U : 1U;
         ++askedTwice;
       }
     }
@@ -262,9 +266,11 @@ TEST_F(MemtoolDifferentialTest, VerdictsAreThoseOfTheLibrary) {
   EXPECT_GT(refusedByBoth_ * kFewer, 10000U);
   EXPECT_GT(formsNoBlocks_ * kFewer, 1000U);
   EXPECT_GT(askedTwice * kFewer, 1000U);
+  EXPECT_LT(byAddress * 100, askedTwice);
   EXPECT_TRUE(looser_ > 0 || kFewer > 1);
   const std::string pages = manual();
   EXPECT_NE(pages.find(kLooserInManual), std::string::npos);
+  EXPECT_NE(pages.find(kByAddressInManual), std::string::npos);
   for (const Stricter &row : kStricter) {
     EXPECT_TRUE(stricter_[row.what] > 0 || kFewer > 1) << row.what;
     EXPECT_NE(pages.find(row.inManual), std::string::npos) << row.inManual;

@@ -50,6 +50,21 @@ bool isAscii(std::string_view text) {
 
 }  // namespace
 
+std::uint16_t nativeType(const Kind &kind) {
+  switch (kind.form) {
+    case Form::Fixed:
+      return MEM_PACK_FIXED;
+    case Form::Counted:
+      return MEM_PACK_COUNTED;
+    case Form::NarrowText:
+      return MEM_PACK_STRING;
+    case Form::WideText:
+      return MEM_PACK_WIDE_STRING;
+    default:
+      return kind.typeCode;
+  }
+}
+
 std::string textOf(Place place) {
   return fmt::format("{}:{}", place.block, place.offset);
 }

@@ -66,6 +66,9 @@ struct Kind {
   std::vector<std::int32_t> pointerOffsets() const;
 };
 
+// The type by which this platform describes the kind.
+std::uint16_t nativeType(const Kind &kind);
+
 enum class Field { Child, Sibling, Reference };
 const char *nameOf(Field field);
 

@@ -62,21 +62,6 @@ class WideLayout {
   std::int32_t shift_ = 0;
 };
 
-std::uint16_t nativeType(const Kind &kind) {
-  switch (kind.form) {
-    case Form::Fixed:
-      return MEM_PACK_FIXED;
-    case Form::Counted:
-      return MEM_PACK_COUNTED;
-    case Form::NarrowText:
-      return MEM_PACK_STRING;
-    case Form::WideText:
-      return MEM_PACK_WIDE_STRING;
-    default:
-      return kind.typeCode;
-  }
-}
-
 MemPackDescriptor nativeDescriptor(const Kind &kind, std::uint32_t width) {
   MemPackDescriptor native{};
   native.SiblingOff = MEM_PACK_NO_SIBLING;

@@ -145,7 +145,7 @@ class NewLayout {
   // Fields at one offset of the file get places of their own.
   MemPackDescriptor descriptor() {
     MemPackDescriptor made{};
-    made.Type = typeOf(kind_);
+    made.Type = nativeType(kind_);
     made.FixedLen = static_cast<std::uint16_t>(start_ + kNativeWidth * count());
     made.SiblingOff = MEM_PACK_NO_SIBLING;
     if (kind_.hasSibling()) made.SiblingOff = takePlace(kind_.siblingOff);
@@ -158,21 +158,6 @@ class NewLayout {
       made.References[i] = takePlace(kind_.references[i]);
     }
     return made;
-  }
-
-  static std::uint16_t typeOf(const Kind &kind) {
-    switch (kind.form) {
-      case Form::Fixed:
-        return MEM_PACK_FIXED;
-      case Form::Counted:
-        return MEM_PACK_COUNTED;
-      case Form::NarrowText:
-        return MEM_PACK_STRING;
-      case Form::WideText:
-        return MEM_PACK_WIDE_STRING;
-      default:
-        return kind.typeCode;
-    }
   }
 
  private:
@@ -207,7 +192,7 @@ std::optional<CallersKinds> callersOfNewChain(const PackedChain &chain) {
       made = NewLayout(kind, start).descriptor();
       if (i == 0 && start + kNativeWidth * 33 > kMostOffset) return {};
     } else if (kind.isDescribed) {
-      made.Type = NewLayout::typeOf(kind);
+      made.Type = nativeType(kind);
     }
     if (i == 0 && made.ChildCount == 0) {
       if (file >= kMostOffset) return {};

@@ -164,6 +164,8 @@ TEST_F(MemtoolCommandsTest, ManualShowsRealOutput) {
   std::string doubtful = readBytes("items.chain");
   doubtful[988] = 7;  // the upper half of the root's sibling pointer
   writeBytes("doubtful.chain", doubtful);
+  const std::string whole = readBytes("items.chain");
+  writeBytes("short.chain", whole.substr(0, whole.size() - 20));
   std::string damaged = readBytes("items.chain");
   damaged[984] = 7;  // the block number of the root's sibling
   writeBytes("damaged.chain", damaged);

@@ -93,6 +93,11 @@ void printKinds(Console &console, const PackedChain &chain) {
   console.write(table.text(console));
 }
 
+std::string usedText(const Block &block) {
+  return block.isCut() ? fmt::format("{} of {}", block.used, block.told)
+                       : std::to_string(block.used);
+}
+
 void printBlocks(Console &console, const PackedChain &chain) {
   if (chain.blocks.empty()) return;
   console.print("\n{}\n", console.paint(Ink::Heading, "Blocks"));
@@ -105,7 +110,7 @@ void printBlocks(Console &console, const PackedChain &chain) {
   for (std::size_t i = 0; i < chain.blocks.size(); ++i) {
     table.add({{std::to_string(i), Ink::Place},
                {std::to_string(chain.blocks[i].fileOffset)},
-               {std::to_string(chain.blocks[i].used)},
+               {usedText(chain.blocks[i])},
                {std::to_string(counts[i].segments)},
                {std::to_string(counts[i].texts)}});
   }
@@ -124,6 +129,8 @@ void printPointer(Console &console, const PackedChain &chain, const Pointer &poi
                                  fieldName(chain, pointer));
   if (pointer.isNull) {
     line += console.paint(Ink::Dim, "null");
+  } else if (pointer.isFaulty) {
+    line += console.paint(Ink::Bad, targetText(pointer) + "  (a fault)");
   } else {
     line += console.paint(Ink::Place, textOf(pointer.target));
   }
@@ -151,10 +158,11 @@ void printSegments(Console &console, const PackedChain &chain, bool withData) {
                 grouped(chain.segments.size()), "the order of the structure");
   for (const Segment &segment : chain.segments) {
     const std::string indent(2 + 2 * std::size_t{segment.level}, ' ');
-    console.print("{}{}  kind {}, {}{} bytes\n", indent,
-                  console.paint(Ink::Place, textOf(segment.place)), segment.kind,
-                  chain.kinds[segment.kind].form == Form::Unknown ? "at least " : "",
-                  segment.length);
+    console.print(
+        "{}{}  kind {}, {}{} bytes\n", indent, console.paint(Ink::Place, textOf(segment.place)),
+        segment.kind,
+        segment.isCut || chain.kinds[segment.kind].form == Form::Unknown ? "at least " : "",
+        segment.length);
     for (std::size_t i = 0; i < segment.pointerCount; ++i) {
       printPointer(console, chain, chain.pointers[segment.firstPointer + i], indent);
     }
@@ -181,15 +189,19 @@ Json kindJson(std::size_t index, const Kind &kind) {
   return json;
 }
 
+Json blockJson(std::size_t number, const Block &block, const BlockCount &count) {
+  Json json{{"block", number}, {"fileOffset", block.fileOffset}, {"used", block.used}};
+  if (block.isCut()) json["toldUsed"] = block.told;
+  json["segments"] = count.segments;
+  json["texts"] = count.texts;
+  return json;
+}
+
 Json blocksJson(const PackedChain &chain) {
   Json list = Json::array();
   const std::vector<BlockCount> counts = countItems(chain);
   for (std::size_t i = 0; i < chain.blocks.size(); ++i) {
-    list.push_back({{"block", i},
-                    {"fileOffset", chain.blocks[i].fileOffset},
-                    {"used", chain.blocks[i].used},
-                    {"segments", counts[i].segments},
-                    {"texts", counts[i].texts}});
+    list.push_back(blockJson(i, chain.blocks[i], counts[i]));
   }
   return list;
 }
@@ -197,7 +209,8 @@ Json blocksJson(const PackedChain &chain) {
 Json pointerJson(const PackedChain &chain, const Pointer &pointer) {
   Json json{{"field", nameOf(pointer.field)}, {"offset", pointer.offset}};
   if (pointer.field == Field::Child) json["kind"] = pointer.kind;
-  json["target"] = pointer.isNull ? Json() : placeJson(pointer.target);
+  json["target"] = pointer.isNull || pointer.isFaulty ? Json() : placeJson(pointer.target);
+  if (pointer.isFaulty) json["isFaulty"] = true;
   if (pointer.text == kNoText) return json;
   const Text &text = chain.texts[pointer.text];
   const std::string utf8 = chain.utf8Of(text);
@@ -208,9 +221,13 @@ Json pointerJson(const PackedChain &chain, const Pointer &pointer) {
 }
 
 Json segmentJson(const PackedChain &chain, const Segment &segment, bool withData) {
-  Json json{{"block", segment.place.block}, {"offset", segment.place.offset},
-            {"kind", segment.kind},         {"level", segment.level},
-            {"length", segment.length},     {"pointers", Json::array()}};
+  Json json{{"block", segment.place.block},
+            {"offset", segment.place.offset},
+            {"kind", segment.kind},
+            {"level", segment.level},
+            {"length", segment.length}};
+  if (segment.isCut) json["isCut"] = true;
+  json["pointers"] = Json::array();
   for (std::size_t i = 0; i < segment.pointerCount; ++i) {
     json["pointers"].push_back(pointerJson(chain, chain.pointers[segment.firstPointer + i]));
   }
@@ -230,14 +247,21 @@ Json verdictJson(const Verdict &verdict) {
           {"text", verdict.text}};
 }
 
-Json faultJson(const Fault &fault, const Verdict &verdict) {
+Json faultJson(const Fault &fault) {
   return {{"block", fault.place.block},
           {"offset", fault.place.offset},
           {"fileOffset", fault.fileOffset},
           {"what", fault.what},
-          {"remark", fault.remark.empty() ? Json() : Json(fault.remark)},
-          {"code", verdict.code == 0 ? Json() : Json(verdict.code)},
-          {"library", verdictJson(verdict)}};
+          {"remark", fault.remark.empty() ? Json() : Json(fault.remark)}};
+}
+
+// The first fault, with what the library says of the chain.
+Json firstFaultJson(const PackedChain &chain, const Verdict &verdict) {
+  if (chain.isSound()) return {};
+  Json json = faultJson(chain.faults.front());
+  json["code"] = verdict.code == 0 ? Json() : Json(verdict.code);
+  json["library"] = verdictJson(verdict);
+  return json;
 }
 
 }  // namespace
@@ -324,7 +348,9 @@ Json chainJson(const std::string &name, const PackedChain &chain,
   for (const Segment &segment : chain.segments) {
     json["segments"].push_back(segmentJson(chain, segment, withData));
   }
-  json["fault"] = chain.fault ? faultJson(*chain.fault, verdict.value_or(Verdict{})) : Json();
+  json["fault"] = firstFaultJson(chain, verdict.value_or(Verdict{}));
+  json["faults"] = Json::array();
+  for (const Fault &fault : chain.faults) json["faults"].push_back(faultJson(fault));
   return json;
 }
 

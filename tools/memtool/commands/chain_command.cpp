@@ -21,14 +21,13 @@ constexpr const char *kFooter =
     "  memtool chain FILE                        what is in it\n"
     "  memtool chain FILE --data                 the segments' other bytes as well\n"
     "  memtool chain FILE --json | jq .blocks    the same for programs\n"
-    "  memtool chain FILE --check                is it sound? Tells the first fault\n"
+    "  memtool chain FILE --check                is it sound? Tells every fault\n"
     "  memtool chain FILE --svg OUT.svg          a picture of its first blocks\n"
     "  memtool chain FILE --to-native OUT        any writer's chain as one of this platform\n"
     "\n"
     "FILE holds the blocks in order, each as its used bytes from block offset 8 on. Places are\n"
-    "written as block:offset, the offset counted as in relative pointers. A chain that has a "
-    "fault\n"
-    "is shown up to there, and the exit code is 1.";
+    "written as block:offset, the offset counted as in relative pointers. Of a damaged\n"
+    "chain everything is shown but what hangs below its faults, and the exit code is 1.";
 
 struct ChainOptions {
   std::string file;
@@ -43,9 +42,19 @@ struct ChainOptions {
   std::int32_t blockLength = 0;
 };
 
-[[noreturn]] void throwFault(const ChainOptions &options, const Fault &fault,
-                             const Verdict &verdict) {
-  throw ToolError(options.file + ": " + fault.text() + remarkOf(verdict));
+// A line for each fault, and for several of them one with what the library says of the chain.
+ExitCode tellFaults(Console &console, const std::string &file, const PackedChain &chain,
+                    const std::optional<Verdict> &verdict) {
+  const std::string remark = verdict ? remarkOf(*verdict) : "";
+  const bool isOne = chain.faults.size() == 1;
+  console.out().flush();
+  for (const Fault &fault : chain.faults) {
+    complain(console, fmt::format("{}: {}{}", file, fault.text(), isOne ? remark : ""));
+  }
+  if (!isOne) {
+    complain(console, fmt::format("{}: {}{}", file, countOf(chain.faults.size(), "fault"), remark));
+  }
+  return kExitFault;
 }
 
 // What the library says of a chain that has a fault. Without a library the fault is shown alone.
@@ -69,7 +78,7 @@ void refuseGuess(const std::string &file, const PackedChain &chain, const char *
 
 PackedChain readLike(const ChainOptions &options, Console &console) {
   PackedChain chain = readChain(readFile(options.like), options.likePointerWidth, console);
-  if (chain.fault) throw ToolError(options.like + ": " + chain.fault->text());
+  if (!chain.isSound()) throw ToolError(options.like + ": " + chain.faults.front().text());
   refuseGuess(options.like, chain, "--like-pointers");
   return chain;
 }
@@ -102,7 +111,7 @@ void writeNative(Tool &tool, const ChainOptions &options, const PackedChain &cha
   if (!native.remark.empty()) tool.console.print("{}\n", native.remark);
 }
 
-// What is left of the chain is shown in front of its fault, where it is to be shown at all.
+// What can be read of the chain is shown in front of its faults, where it is to be shown at all.
 ExitCode runChain(Tool &tool, const ChainOptions &options) {
   if (options.native.empty() && (!options.like.empty() || options.blockLength != 0)) {
     throw UsageError("--like and --block-length go with --to-native");
@@ -112,7 +121,7 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
   }
   const PackedChain chain = readChain(readFile(options.file), options.pointerWidth, tool.console);
   std::optional<Verdict> verdict;
-  if (chain.fault) verdict = verdictOn(tool, chain);
+  if (!chain.isSound()) verdict = verdictOn(tool, chain);
   const bool isQuiet = options.checks || !options.picture.empty() || !options.native.empty();
   if (options.asJson) {
     const auto json = chainJson(options.file, chain, verdict, options.withData);
@@ -121,10 +130,7 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
     printChain(tool.console, options.file, chain, options.withData);
   }
   if (!options.picture.empty() && chain.version) writePicture(tool.console, options, chain);
-  if (chain.fault) {
-    tool.console.out().flush();
-    throwFault(options, *chain.fault, *verdict);
-  }
+  if (!chain.isSound()) return tellFaults(tool.console, options.file, chain, verdict);
   if (options.checks && !options.asJson) printSound(tool.console, options, chain);
   if (!options.native.empty()) writeNative(tool, options, chain);
   return kExitFine;

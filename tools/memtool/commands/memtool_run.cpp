@@ -14,15 +14,8 @@ constexpr const char *kFooter =
     "Exit codes: 0 fine, 1 the input has a fault or the operation failed, 2 wrong usage.\n"
     "`memtool COMMAND --help` shows a command's options and examples.";
 
-// Failure texts stand on one line, whatever they quote.
-std::string oneLine(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-  return text;
-}
-
 ExitCode fail(Console &console, const std::string &what, ExitCode code) {
-  console.err() << "memtool: " << oneLine(what) << std::endl;
+  complain(console, what);
   return code;
 }
 

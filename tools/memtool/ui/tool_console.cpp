@@ -1,5 +1,6 @@
 #include "tool_console.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 
@@ -52,6 +53,12 @@ std::string Console::paint(Ink ink, std::string_view text) const {
   const char *const code = codeOf(ink);
   if (!traits_.hasColour || code == nullptr || text.empty()) return std::string(text);
   return fmt::format("\x1b[{}m{}\x1b[0m", code, text);
+}
+
+void complain(Console &console, std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  console.err() << "memtool: " << text << std::endl;
 }
 
 }  // namespace memtool

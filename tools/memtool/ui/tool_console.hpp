@@ -47,4 +47,7 @@ class Console {
   Traits traits_;
 };
 
+// One line on stderr, whatever the text quotes.
+void complain(Console &console, std::string text);
+
 }  // namespace memtool

@@ -693,17 +693,63 @@ TEST_F(MemtoolChainTest, WrongUseEndsWithTwo) {
   expectRefused(2, "--unknown", {"chain", path, "--unknown"});
   expectRefused(2, "go with --to-native", {"chain", path, "--block-length", "2000"});
   expectRefused(2, "--block-length", {"chain", path, "--to-native", "out", "--block-length", "0"});
-  expectRefused(2, "other", {"chain", path, "other"});
+  expectRefused(2, "take one FILE", {"chain", path, path, "--svg", "out.svg"});
+  expectRefused(2, "there is no option --jsn; the most similar one is --json",
+                {"chain", path, "--jsn"});
 }
 
-TEST_F(MemtoolChainTest, FilesThatAreNoneEndWithOne) {
-  expectRefused(1, "cannot read absent", {"chain", "absent"});
-  expectRefused(1, "it is a folder", {"chain", "."});
+// One that cannot be read does not keep the others from being shown; the highest code counts.
+TEST_F(MemtoolChainTest, SeveralFiles) {
+  const std::string path = fixturePath("0220_64bit");
+  const std::string sound = path + ": sound, 10 segments and 7 texts in 2 blocks\n";
+  EXPECT_EQ(outputOf({"chain", path, path, "--check"}), sound + sound);
+  EXPECT_EQ(outputOf({"chain", path, path}),
+            outputOf({"chain", path}) + "\n" + outputOf({"chain", path}));
+  writeBytes("none", "no chain at all");
+  ToolRun run = runTool({"chain", path, "none", path, "--check"});
+  EXPECT_EQ(run.code, 1);
+  EXPECT_EQ(run.out, sound + sound);
+  run = runTool({"chain", "absent", "none", path, "--check", "--json"});
+  EXPECT_EQ(run.code, 3);
+  const Json json = Json::parse(run.out);
+  ASSERT_EQ(json.size(), 3U);
+  EXPECT_TRUE(json[0].contains("error"));
+  EXPECT_EQ(json[1]["isSound"], false);
+  EXPECT_EQ(json[2]["isSound"], true);
+}
+
+TEST_F(MemtoolChainTest, CheckInJsonIsShort) {
+  const Json json =
+      Json::parse(outputOf({"chain", fixturePath("0220_64bit"), "--check", "--json"}));
+  EXPECT_EQ(json["segments"], 10);
+  EXPECT_EQ(json["texts"], 7);
+  EXPECT_TRUE(json["fault"].is_null());
+  EXPECT_EQ(json["faults"], Json::array());
+}
+
+TEST_F(FaultTest, FailuresAsJson) {
+  chain.setPointer(field(0, 7), {7, 2});
+  writeBytes("bad.chain", textOf(chain.file()));
+  const ToolRun run = runTool({"chain", "bad.chain", "--check", "--json-errors"});
+  ASSERT_TRUE(isOneLine(run.err)) << run.err;
+  const Json json = Json::parse(run.err);
+  EXPECT_EQ(json["exitCode"], 1);
+  EXPECT_EQ(json["file"], "bad.chain");
+  EXPECT_EQ(json["block"], field(0, 7).block);
+  EXPECT_EQ(json["offset"], field(0, 7).offset);
+  EXPECT_EQ(json["fileOffset"], fileOffsetOf(chain, field(0, 7)));
+  EXPECT_EQ(Json::parse(runTool({"chain", "--json-errors", "absent"}).err)["exitCode"], 3);
+  EXPECT_EQ(Json::parse(runTool({"nonsense", "--json-errors"}).err)["exitCode"], 2);
+}
+
+TEST_F(MemtoolChainTest, FilesThatAreNone) {
+  expectRefused(3, "cannot read absent", {"chain", "absent"});
+  expectRefused(3, "it is a folder", {"chain", "."});
   writeBytes("empty", "");
   expectRefused(1, "the file has 0 bytes, too few for a packed chain", {"chain", "empty"});
   const std::string path = fixturePath("0220_64bit");
-  expectRefused(1, "cannot write absent/out.svg", {"chain", path, "--svg", "absent/out.svg"});
-  expectRefused(1, "cannot write absent/out",
+  expectRefused(3, "cannot write absent/out.svg", {"chain", path, "--svg", "absent/out.svg"});
+  expectRefused(3, "cannot write absent/out",
                 {"chain", path, "--pointers", "8", "--to-native", "absent/out"});
 }
 

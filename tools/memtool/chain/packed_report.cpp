@@ -264,6 +264,12 @@ Json firstFaultJson(const PackedChain &chain, const Verdict &verdict) {
   return json;
 }
 
+void addFaults(Json &json, const PackedChain &chain, const std::optional<Verdict> &verdict) {
+  json["fault"] = firstFaultJson(chain, verdict.value_or(Verdict{}));
+  json["faults"] = Json::array();
+  for (const Fault &fault : chain.faults) json["faults"].push_back(faultJson(fault));
+}
+
 }  // namespace
 
 std::string typeName(const Kind &kind) {
@@ -328,7 +334,7 @@ void printChain(Console &console, const std::string &name, const PackedChain &ch
 
 Json chainJson(const std::string &name, const PackedChain &chain,
                const std::optional<Verdict> &verdict, bool withData) {
-  Json json{{"file", name}, {"bytes", chain.bytes.size()}};
+  Json json{{"file", validUtf8(name)}, {"bytes", chain.bytes.size()}};
   if (chain.version) {
     json["version"] = chain.version->text;
     json["writer"] = {{"isEbcdic", chain.version->isEbcdic},
@@ -348,9 +354,16 @@ Json chainJson(const std::string &name, const PackedChain &chain,
   for (const Segment &segment : chain.segments) {
     json["segments"].push_back(segmentJson(chain, segment, withData));
   }
-  json["fault"] = firstFaultJson(chain, verdict.value_or(Verdict{}));
-  json["faults"] = Json::array();
-  for (const Fault &fault : chain.faults) json["faults"].push_back(faultJson(fault));
+  addFaults(json, chain, verdict);
+  return json;
+}
+
+Json chainCheckJson(const std::string &name, const PackedChain &chain,
+                    const std::optional<Verdict> &verdict) {
+  Json json{{"file", validUtf8(name)},           {"isSound", chain.isSound()},
+            {"bytes", chain.bytes.size()},       {"blocks", chain.blocks.size()},
+            {"segments", chain.segments.size()}, {"texts", chain.texts.size()}};
+  addFaults(json, chain, verdict);
   return json;
 }
 

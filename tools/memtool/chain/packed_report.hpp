@@ -36,4 +36,8 @@ void printChain(Console &console, const std::string &name, const PackedChain &ch
 nlohmann::ordered_json chainJson(const std::string &name, const PackedChain &chain,
                                  const std::optional<Verdict> &verdict, bool withData);
 
+// What --check shows: the counts and the faults.
+nlohmann::ordered_json chainCheckJson(const std::string &name, const PackedChain &chain,
+                                      const std::optional<Verdict> &verdict);
+
 }  // namespace memtool

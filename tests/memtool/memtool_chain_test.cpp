@@ -742,6 +742,40 @@ TEST_F(FaultTest, FailuresAsJson) {
   EXPECT_EQ(Json::parse(runTool({"nonsense", "--json-errors"}).err)["exitCode"], 2);
 }
 
+// A text that many pointers lead to, whole or by its end, stands in the JSON once.
+TEST_F(MemtoolChainTest, SharedTextsStandOnceInJson) {
+  constexpr std::size_t kItems = 500;
+  constexpr std::size_t kTextLen = 4000;
+  Tree tree;
+  tree.kinds = {{chainwriter::Form::Fixed, {chainwriter::sibling(), chainwriter::child(1)}},
+                {chainwriter::Form::Narrow}};
+  for (std::size_t i = 0; i < kItems; ++i) {
+    const std::size_t next = i + 1 < kItems ? i + 1 : chainwriter::kNone;
+    tree.nodes.push_back({0, {}, {next, kItems}});
+  }
+  tree.nodes.push_back({1, {}, {}, std::string(kTextLen, 't')});
+  Chain chain = chainwriter::write(tree, chainwriter::writerOf("0220", 8), 30000);
+  const Place text = chain.places[kItems];
+  for (std::size_t i = 0; i < kItems; i += 2) {  // every other one leads to an end of the text
+    chain.setPointer(chain.partPlace(tree, i, 1), {text.block, text.offset + i});
+  }
+  writeBytes("shared.chain", textOf(chain.file()));
+  const std::string out = outputOf({"chain", "shared.chain", "--json"});
+  EXPECT_LT(out.size(), 700 * kItems + 2 * kTextLen + 10000);
+  const Json json = Json::parse(out);
+  EXPECT_EQ(json["segments"].size(), kItems);
+  std::size_t texts = 0;
+  for (const Json &segment : json["segments"]) {
+    const Json &pointer = segment["pointers"][1];
+    EXPECT_EQ(pointer["isWide"], false);
+    texts += pointer.contains("text") ? 1U : 0U;
+    if (pointer.contains("text")) continue;
+    EXPECT_EQ(pointer["textAt"]["block"], text.block);
+    EXPECT_EQ(pointer["textAt"]["offset"], text.offset);
+  }
+  EXPECT_EQ(texts, 1U);
+}
+
 TEST_F(MemtoolChainTest, FilesThatAreNone) {
   expectRefused(3, "cannot read absent", {"chain", "absent"});
   expectRefused(3, "it is a folder", {"chain", "."});

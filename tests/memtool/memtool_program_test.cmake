@@ -115,6 +115,18 @@ foreach(word errors --help --version)
   endif()
 endforeach()
 
+# Too little memory is one line. Where the sanitizers are, the program needs more than this to begin.
+execute_process(COMMAND sh -c "ulimit -v 120000 && exec '${PROGRAM}' --version"
+  RESULT_VARIABLE code OUTPUT_QUIET ERROR_QUIET)
+if(code STREQUAL "0")
+  execute_process(COMMAND sh -c "truncate -s 200M large && ulimit -v 120000 && exec '${PROGRAM}' chain large"
+    WORKING_DIRECTORY ${WORK} RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  file(REMOVE ${WORK}/large)
+  if(NOT code STREQUAL "3" OR NOT err MATCHES "^memtool: [^\n]*there is not enough memory\n$")
+    fail("too little memory: ${code} ${err}")
+  endif()
+endif()
+
 # An old file survives a disk without room for the new one; special files are written as they are.
 file(WRITE ${WORK}/old.svg "old")
 execute_process(

@@ -73,20 +73,20 @@ struct Kind {
   std::int32_t pointersEnd(std::uint32_t pointerWidth) const;
 };
 
-enum class Field { Child, Sibling, Reference };
+enum class Field : std::uint8_t { Child, Sibling, Reference };
 const char *nameOf(Field field);
 
-inline constexpr std::size_t kNoText = std::numeric_limits<std::size_t>::max();
+inline constexpr std::uint32_t kNoText = std::numeric_limits<std::uint32_t>::max();
 
-// A pointer field of a segment.
+// A pointer field of a segment. There are many: the members are in the order that needs no gaps.
 struct Pointer {
-  Field field = Field::Child;
   std::int16_t offset = 0;  // of the field in its segment
   std::uint16_t kind = 0;   // of a child
+  Field field = Field::Child;
   bool isNull = true;
-  bool isFaulty = false;       // it leads nowhere, or to what cannot be what it should be
-  Place target;                // of a faulty one: what stands there, sign-extended
-  std::size_t text = kNoText;  // index of the text that the target is
+  bool isFaulty = false;         // it leads nowhere, or to what cannot be what it should be
+  Place target;                  // of a faulty one: what stands there, sign-extended
+  std::uint32_t text = kNoText;  // index of the text that the target is
 };
 
 // Where it leads, as text; faulty ones may name negative numbers.

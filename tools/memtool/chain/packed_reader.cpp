@@ -53,7 +53,7 @@ class Walk {
   void addPointers(Segment &segment);
   void addPointer(const Segment &segment, Field field, std::int16_t offset, std::uint16_t kind);
   bool readTarget(Place field, Pointer &pointer);
-  std::size_t takeText(std::uint16_t kind, Place place, Place from);
+  std::uint32_t takeText(std::uint16_t kind, Place place, Place from);
   bool takeWide(Place place, Place from, std::uint32_t &length);
   bool measureWide(Place place, std::uint32_t &length);
   void advance();
@@ -70,7 +70,7 @@ class Walk {
   Claims claims_;
   std::vector<Layout> layouts_;  // of the pointer fields of each kind
   std::vector<Level> levels_;
-  std::unordered_map<std::uint64_t, std::size_t> textAt_;  // index of the text at a place
+  std::unordered_map<std::uint64_t, std::uint32_t> textAt_;  // index of the text at a place
   Progress progress_;
 };
 
@@ -277,7 +277,7 @@ bool Walk::readTarget(Place field, Pointer &pointer) {
 
 // Index of the text at `place`, which may be one that is known; kNoText with a fault when there is
 // none.
-std::size_t Walk::takeText(std::uint16_t kind, Place place, Place from) {
+std::uint32_t Walk::takeText(std::uint16_t kind, Place place, Place from) {
   const bool isWide = chain_.kinds[kind].form == Form::WideText;
   Text text{place, 0, isWide};
   if (isWide) {
@@ -291,11 +291,12 @@ std::size_t Walk::takeText(std::uint16_t kind, Place place, Place from) {
       note(place, "a narrow text begins here and has no end in its block");
       return kNoText;
     }
-    const auto [known, isNew] = textAt_.emplace(keyOf(place), chain_.texts.size());
+    const auto [known, isNew] =
+        textAt_.emplace(keyOf(place), static_cast<std::uint32_t>(chain_.texts.size()));
     if (!isNew) return known->second;
   }
   chain_.texts.push_back(text);
-  return chain_.texts.size() - 1;
+  return static_cast<std::uint32_t>(chain_.texts.size() - 1);
 }
 
 // Bytes with the terminator.
@@ -371,7 +372,7 @@ void Walk::follow(std::size_t index, const Segment &segment) {
   const Place from = fieldPlace(segment, pointer.offset);
   bool isFollowed = false;
   if (isText(chain_.kinds[pointer.kind].form)) {
-    const std::size_t text = takeText(pointer.kind, pointer.target, from);
+    const std::uint32_t text = takeText(pointer.kind, pointer.target, from);
     chain_.pointers[index].text = text;
     isFollowed = text != kNoText;
   } else if (levels_.size() == MEM_PACK_MAX_LEVELS) {
@@ -400,8 +401,8 @@ void Walk::checkReferences() {
   }
 }
 
-PackedChain readWith(const PackedChain &head, PointerWidth width, Console &console) {
-  PackedChain chain = head;
+// Reads with pointers of one width; the bytes are moved, not copied.
+PackedChain readWith(PackedChain chain, PointerWidth width, Console &console) {
   chain.pointerWidth = width.bytes;
   chain.isWidthGuessed = width.isGuess;
   Walk(chain, console).run();
@@ -409,9 +410,15 @@ PackedChain readWith(const PackedChain &head, PointerWidth width, Console &conso
 }
 
 // A fault may be none under the other width, which only the user can know then.
-void remarkOnWidth(const PackedChain &head, PackedChain &chain, Console &console) {
+void remarkOnWidth(PackedChain &chain, Console &console) {
   const std::uint32_t other = chain.pointerWidth == 8 ? 4 : 8;
-  if (!head.isSound() || !readWith(head, {other, true}, console).isSound()) return;
+  if (!chain.isHeadSound) return;
+  PackedChain head;
+  head.bytes = std::move(chain.bytes);
+  readHead(head);
+  PackedChain again = readWith(std::move(head), {other, true}, console);
+  chain.bytes = std::move(again.bytes);
+  if (!again.isSound()) return;
   chain.faults.front().remark = fmt::format(
       "with pointers of {} bytes the file would be valid (--pointers {})", other, other);
 }
@@ -424,9 +431,10 @@ PackedChain readChain(std::string bytes, std::uint32_t pointerWidth, Console &co
   const bool mayFollow = readHead(head);
   head.isHeadSound = head.isSound();
   if (!mayFollow) return head;
-  if (pointerWidth != 0) return readWith(head, {pointerWidth, false}, console);
-  PackedChain chain = readWith(head, findPointerWidth(head), console);
-  if (!chain.isSound()) remarkOnWidth(head, chain, console);
+  if (pointerWidth != 0) return readWith(std::move(head), {pointerWidth, false}, console);
+  const PointerWidth found = findPointerWidth(head);
+  PackedChain chain = readWith(std::move(head), found, console);
+  if (!chain.isSound()) remarkOnWidth(chain, console);
   return chain;
 }
 

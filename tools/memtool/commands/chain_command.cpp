@@ -127,10 +127,10 @@ ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &f
   std::optional<Verdict> verdict;
   if (!chain.isSound()) verdict = verdictOn(tool, chain);
   const bool isQuiet = options.checks || !options.picture.empty() || !options.native.empty();
-  if (options.asJson) {
-    const auto json = options.checks ? chainCheckJson(file, chain, verdict)
-                                     : chainJson(file, chain, verdict, options.withData);
-    console.print("{}\n", json.dump(2));
+  if (options.asJson && options.checks) {
+    console.print("{}\n", chainCheckJson(file, chain, verdict).dump(2));
+  } else if (options.asJson) {
+    writeChainJson(console, file, chain, verdict, options.withData);
   } else if (!isQuiet) {
     printChain(console, file, chain, options.withData);
   }

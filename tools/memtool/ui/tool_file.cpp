@@ -8,9 +8,9 @@
 #include <iostream>
 #include <iterator>
 #include <random>
-#include <sstream>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "tool_errors.hpp"
 #include "tool_platform.hpp"
@@ -98,11 +98,16 @@ std::string readFile(const std::string &name) {
   }
   errno = 0;
   std::ifstream file(path, std::ios::binary);
-  std::ostringstream bytes;
-  const bool isEmpty = file && file.peek() == std::ifstream::traits_type::eof();
-  if (file && !isEmpty) bytes << file.rdbuf();
-  if (!isEmpty && (!file || !bytes)) throw FileError("cannot read " + name + ": " + reason(errno));
-  return std::move(bytes).str();
+  std::string bytes;
+  const std::uintmax_t size = std::filesystem::file_size(path, ignored);
+  if (!ignored && size < bytes.max_size()) bytes.reserve(static_cast<std::size_t>(size));
+  constexpr std::size_t kPart = 1 << 16;
+  std::vector<char> part(kPart);
+  while (file.read(part.data(), kPart) || file.gcount() > 0) {
+    bytes.append(part.data(), static_cast<std::size_t>(file.gcount()));
+  }
+  if (!file.eof() || file.bad()) throw FileError("cannot read " + name + ": " + reason(errno));
+  return bytes;
 }
 
 void writeFile(const std::string &name, std::string_view bytes) {

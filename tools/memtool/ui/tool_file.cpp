@@ -67,19 +67,18 @@ std::filesystem::path replaceable(const std::filesystem::path &path) {
   return real;
 }
 
-// Replaces an old file by a new one with its mode. False when there can be no file beside it.
-// Throws FileError when the bytes cannot be written; the old file is as it was then.
+// Replaces an old file by a new one, which has its mode before it has its bytes. False when there
+// can be no file beside it. Throws FileError when the bytes cannot be written; the old file is as
+// it was then.
 bool replace(const std::string &name, const std::filesystem::path &real, std::string_view bytes) {
   const std::filesystem::path fresh = freeNameBeside(real);
   std::error_code failed;
   if (!tryWrite(fresh, {})) return false;
-  int code = 0;
-  if (!tryWrite(fresh, bytes)) {
-    code = errno != 0 ? errno : EIO;
-  } else {
-    std::filesystem::permissions(fresh, std::filesystem::status(real, failed).permissions(),
-                                 failed);
-    if (!failed) std::filesystem::rename(fresh, real, failed);
+  std::filesystem::permissions(fresh, std::filesystem::status(real, failed).permissions(), failed);
+  int code = failed.value();
+  if (!failed && !tryWrite(fresh, bytes)) code = errno != 0 ? errno : EIO;
+  if (code == 0) {
+    std::filesystem::rename(fresh, real, failed);
     code = failed.value();
   }
   if (code == 0) return true;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the library for Linux and Windows and makes a Debian package and a zip of it, in
-# build/packages.
+# build/packages; beside the Debian package one of the Python package.
 #
 #   ./package.sh [release] [windows]
 #
@@ -32,4 +32,7 @@ for preset in "${presets[@]}"; do
     exit 1
   fi
   sed -n 's/^CPack: - package: \(.*\) generated\.$/\1/p' "$log"
+  if [[ $preset == release ]]; then
+    cmake/python-package.sh build/packages
+  fi
 done

@@ -4,15 +4,17 @@ include(CMakePackageConfigHelpers)
 
 # Builds what is installed and no tests.
 add_custom_target(installed_files)
-add_dependencies(installed_files QJ7MEM00 refhost memtool)
+add_dependencies(installed_files QJ7MEM00 memchk refhost memtool)
 
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${MEM_CONTRACT_JSON} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qj7mem00)
 install(FILES host/refhost.hpp DESTINATION ${MEM_INSTALL_HOST_INCLUDEDIR})
 
 set_target_properties(QJ7MEM00 PROPERTIES EXPORT_NAME module)
 set_target_properties(mem_headers PROPERTIES EXPORT_NAME headers)
+set_target_properties(memchk PROPERTIES EXPORT_NAME check)
 install(TARGETS QJ7MEM00 EXPORT QJ7MEM00Targets LIBRARY DESTINATION ${MEM_INSTALL_MODULEDIR})
-install(TARGETS refhost EXPORT QJ7MEM00Targets ARCHIVE DESTINATION ${MEM_INSTALL_PRIVATEDIR})
+install(TARGETS memchk refhost EXPORT QJ7MEM00Targets ARCHIVE DESTINATION ${MEM_INSTALL_PRIVATEDIR})
 install(TARGETS mem_headers EXPORT QJ7MEM00Targets)
 if(WIN32)
   install(FILES SrcRes/binding/QJ7MEM00.def DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -32,7 +34,7 @@ install(FILES ${CMAKE_BINARY_DIR}/install/QJ7MEM00Config.cmake
 # pkg-config. It knows the folder in which it found a file, and that leads to the prefix.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${MEM_INSTALL_PKGCONFIGDIR} OUTPUT_VARIABLE MEM_PC_PREFIX)
-foreach(name qj7mem00 qj7mem00-refhost)
+foreach(name qj7mem00 qj7mem00-check qj7mem00-refhost)
   configure_file(cmake/${name}.pc.in ${CMAKE_BINARY_DIR}/install/${name}.pc.in @ONLY)
   file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/install/${name}.pc
     INPUT ${CMAKE_BINARY_DIR}/install/${name}.pc.in)

@@ -9,8 +9,8 @@ add_custom_target(format
 
 find_program(MEM_RUN_CLANG_TIDY run-clang-tidy)
 add_custom_target(tidy
-  COMMAND ${MEM_RUN_CLANG_TIDY} -quiet -p ${CMAKE_BINARY_DIR} "^${CMAKE_SOURCE_DIR}/(SrcRes|host)/"
-  WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} COMMENT "clang-tidy over SrcRes and host" VERBATIM)
+  COMMAND ${MEM_RUN_CLANG_TIDY} -quiet -p ${CMAKE_BINARY_DIR} "^${CMAKE_SOURCE_DIR}/(SrcRes|check|host)/"
+  WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} COMMENT "clang-tidy over SrcRes, check and host" VERBATIM)
 
 # The reference of the public headers, in <build folder>/reference/html. Any warning is a failure.
 find_program(MEM_DOXYGEN doxygen)

@@ -30,6 +30,7 @@ makePrefix() {
 
 [[ -e $WINEPREFIX/complete ]] || makePrefix
 # The first program in a while starts Wine's services, and they keep its output open for some
-# seconds after it has ended. CTest would wait for that, so a program without output goes first.
-wine cmd /c exit </dev/null >/dev/null 2>&1
+# seconds after it has ended. CTest would wait for that, so a program without output goes first. It
+# fails where those services are just about to end; the next one finds new ones.
+wine cmd /c exit </dev/null >/dev/null 2>&1 || sleep 1
 exec wine "$@"

@@ -38,8 +38,11 @@ else()
   set(top ${content}/${folder})
 endif()
 
-foreach(file include/qj7mem00/qj7mem00.h include/qj7mem00/host/refhost.hpp ${MODULE}
-    ${LIBDIR}/qj7mem00/librefhost.a ${LIBDIR}/cmake/QJ7MEM00/QJ7MEM00Config.cmake
+foreach(file include/qj7mem00/qj7mem00.h include/qj7mem00/contract.json
+    include/qj7mem00/memchk.h
+    include/qj7mem00/host/refhost.hpp ${MODULE}
+    ${LIBDIR}/qj7mem00/librefhost.a ${LIBDIR}/qj7mem00/libmemchk.a
+    ${LIBDIR}/cmake/QJ7MEM00/QJ7MEM00Config.cmake
     ${LIBDIR}/pkgconfig/qj7mem00.pc share/doc/qj7mem00/README.md)
   if(NOT EXISTS ${top}/${file})
     message(FATAL_ERROR "${package} has no ${file}")
@@ -49,7 +52,7 @@ endforeach()
 # Tests, examples and the parts that programs are made of stay at home.
 file(GLOB_RECURSE libraries RELATIVE ${top} ${top}/*.a ${top}/*.so ${top}/*.dll)
 list(SORT libraries)
-set(expected ${MODULE} ${LIBDIR}/qj7mem00/librefhost.a)
+set(expected ${MODULE} ${LIBDIR}/qj7mem00/libmemchk.a ${LIBDIR}/qj7mem00/librefhost.a)
 list(SORT expected)
 if(NOT libraries STREQUAL expected)
   message(FATAL_ERROR "${package} has the libraries ${libraries}; expected ${expected}")

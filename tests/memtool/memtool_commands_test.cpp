@@ -28,7 +28,7 @@ TEST_F(MemtoolCommandsTest, WrongUseEndsWithTwo) {
 
 TEST_F(MemtoolCommandsTest, HelpHasExamplesForEachCommand) {
   EXPECT_NE(outputOf({"--help"}).find("Exit codes: 0"), std::string::npos);
-  for (const char *command : {"chain", "errors", "heapmap"}) {
+  for (const char *command : {"chain", "contract", "errors", "heapmap"}) {
     const std::string help = outputOf({command, "--help"});
     EXPECT_NE(help.find(std::string("Usage: memtool ") + command), std::string::npos) << help;
     EXPECT_NE(help.find("Examples:\n  memtool " + std::string(command)), std::string::npos) << help;

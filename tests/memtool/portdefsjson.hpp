@@ -1,17 +1,18 @@
-// Definition tables of tests in the form that memtool reads.
+// Definition tables as the JSON that memtool reads.
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 
-#include "memtooltest.hpp"
-#include "qj7mem00/qj7mem00.h"
+#include "qj7mem00/memport.h"
 
 namespace memtest {
 
-// A definition table as the program's JSON. `names` is in front of identifiers; without it, there
-// are none.
+using Json = nlohmann::ordered_json;
+
+// `names` is in front of identifiers; without it, there are none.
 inline Json definitionsJson(const MEMStructDef *defs, const std::string &names) {
   Json json{{"structures", Json::array()}};
   for (const MEMStructDef *def = defs; def->StructID != 0; ++def) {

@@ -5,6 +5,7 @@
 
 #include "heap_script.hpp"
 #include "memtooltest.hpp"
+#include "tool_file.hpp"
 #include "tool_progress.hpp"
 #include "tool_svg.hpp"
 #include "tool_text.hpp"
@@ -16,7 +17,10 @@ class MemtoolCommandsTest : public ToolTest {};
 
 TEST_F(MemtoolCommandsTest, WrongUseEndsWithTwo) {
   expectRefused(2, "A subcommand is required", {});
-  expectRefused(2, "--help", {"nonsense"});
+  expectRefused(2, "there is no command \"nonsense\"", {"nonsense"});
+  expectRefused(2, "there is no command \"chian\"; the most similar one is chain", {"chian"});
+  expectRefused(2, "there is no option --libary; the most similar one is --library",
+                {"errors", "--libary=x"});
   expectRefused(2, "--nonsense", {"errors", "--nonsense"});
   expectRefused(2, "more", {"errors", "4033", "more"});
   expectRefused(2, "--library", {"errors", "--library"});
@@ -33,11 +37,11 @@ TEST_F(MemtoolCommandsTest, HelpHasExamplesForEachCommand) {
 }
 
 TEST_F(MemtoolCommandsTest, LibraryThatIsNone) {
-  expectRefused(1, "there is no library absent.so; name it with --library PATH",
+  expectRefused(3, "there is no library absent.so; name it with --library PATH",
                 {"heapmap", "--library", "absent.so"});
-  expectRefused(1, "there is no library absent.so", {"--library", "absent.so", "heapmap"});
+  expectRefused(3, "there is no library absent.so", {"--library", "absent.so", "heapmap"});
   writeBytes("text.so", "this is no library");
-  expectRefused(1, "cannot load", {"heapmap", "--library", "text.so"});
+  expectRefused(3, "cannot load", {"heapmap", "--library", "text.so"});
 }
 
 TEST_F(MemtoolCommandsTest, HeapmapOfTheExampleIsAsItWas) {
@@ -50,6 +54,32 @@ TEST_F(MemtoolCommandsTest, HeapmapOfTheExampleIsAsItWas) {
   // The script that it prints is the one that it runs.
   writeBytes("script", outputOf({"heapmap", "--example"}));
   EXPECT_EQ(outputOf({"heapmap", "script"}), readBytes(fixtures / "heapmap.txt"));
+}
+
+TEST_F(MemtoolCommandsTest, OutputsReplaceOldFilesWhole) {
+  memtool::writeFile("out", "new");
+  EXPECT_EQ(readBytes("out"), "new");
+  std::filesystem::permissions(
+      "out", std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  const auto mode = std::filesystem::status("out").permissions();
+  memtool::writeFile("out", "newer");
+  EXPECT_EQ(readBytes("out"), "newer");
+  EXPECT_EQ(std::filesystem::status("out").permissions(), mode);
+  std::filesystem::create_hard_link("out", "second");
+  memtool::writeFile("out", "newest");
+  EXPECT_EQ(readBytes("second"), "newest");
+  std::error_code failed;
+  std::filesystem::create_symlink("second", "link", failed);
+  if (!failed) {
+    memtool::writeFile("link", "through");
+    EXPECT_TRUE(std::filesystem::is_symlink("link"));
+    EXPECT_EQ(readBytes("second"), "through");
+  }
+  std::size_t files = 0;
+  for (const auto &entry : std::filesystem::directory_iterator(".")) {
+    files += entry.path().empty() ? 0U : 1U;
+  }
+  EXPECT_EQ(files, failed ? 2U : 3U);  // nothing is left beside them
 }
 
 std::vector<memtool::Snapshot> runScript(const std::string &script) {
@@ -131,7 +161,7 @@ TEST_F(MemtoolCommandsTest, ScriptMistakesNameTheLine) {
   refused("open h heap 1\nclear h\n", "line 2: only a pool can be cleared");
   refused("show\n", "line 1: nothing is open");
   refused("close h\n", "line 1: no heap or pool \"h\" is open");
-  expectRefused(1, "cannot read absent", {"heapmap", "absent"});
+  expectRefused(3, "cannot read absent", {"heapmap", "absent"});
 }
 
 // A failing script leaves nothing open.
@@ -164,6 +194,8 @@ TEST_F(MemtoolCommandsTest, ManualShowsRealOutput) {
   std::string doubtful = readBytes("items.chain");
   doubtful[988] = 7;  // the upper half of the root's sibling pointer
   writeBytes("doubtful.chain", doubtful);
+  const std::string whole = readBytes("items.chain");
+  writeBytes("short.chain", whole.substr(0, whole.size() - 20));
   std::string damaged = readBytes("items.chain");
   damaged[984] = 7;  // the block number of the root's sibling
   writeBytes("damaged.chain", damaged);

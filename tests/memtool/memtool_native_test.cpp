@@ -38,7 +38,24 @@ Json chainJson(const std::string &name) {
 // length at its start and without zeros at the end of a run, which a wider layout may add. Narrow
 // text of EBCDIC writers stays what it is, and so is shown as something else once the writer is
 // native.
+//
+// A text stands with the first pointer to it; later ones, and those to its end, name its place.
+std::string textAt(const std::map<std::pair<int, int>, std::string> &texts, const Json &pointer) {
+  const Json &place = pointer["textAt"];
+  const std::size_t skipped =
+      pointer["target"]["offset"].get<std::size_t>() - place["offset"].get<std::size_t>();
+  return texts.at({place["block"], place["offset"]}).substr(skipped);
+}
+
 Json structureOf(const Json &chain, bool hasNarrowText = true) {
+  std::map<std::pair<int, int>, std::string> texts;
+  for (const Json &segment : chain["segments"]) {
+    for (const Json &pointer : segment["pointers"]) {
+      if (!pointer.contains("text")) continue;
+      const Json &target = pointer["target"];
+      texts.emplace(std::pair<int, int>(target["block"], target["offset"]), pointer["text"]);
+    }
+  }
   std::map<std::pair<int, int>, std::size_t> numbers;
   for (const Json &segment : chain["segments"]) {
     numbers.emplace(std::pair<int, int>(segment["block"], segment["offset"]), numbers.size());
@@ -49,9 +66,10 @@ Json structureOf(const Json &chain, bool hasNarrowText = true) {
         chain["controlBlock"]["kinds"][segment["kind"].get<std::size_t>()]["form"];
     Json said{{"kind", segment["kind"]}, {"level", segment["level"]}};
     for (const Json &pointer : segment["pointers"]) {
-      if (pointer.contains("text")) {
+      if (pointer.contains("isWide")) {
         const bool isSame = hasNarrowText || pointer["isWide"].get<bool>();
-        said["pointers"].push_back({isSame ? pointer["text"] : Json(), pointer["isWide"]});
+        const Json text = pointer.contains("text") ? pointer["text"] : Json(textAt(texts, pointer));
+        said["pointers"].push_back({isSame ? text : Json(), pointer["isWide"]});
       } else if (pointer["target"].is_null()) {
         said["pointers"].push_back(nullptr);
       } else {

@@ -20,6 +20,7 @@ expect_fine(--help)
 expect_fine(--version)
 expect_refused(2 "A subcommand is required")
 expect_refused(2 "--nonsense" errors --nonsense)
+expect_refused(2 "there is no command \"chian\"" chian)
 expect_fine(errors)
 if(NOT out MATCHES "\n4072 +0xFE8  MEMERR_PACKCYCL +Recursive Structure\n")
   fail("the message table is not what was expected")
@@ -60,8 +61,8 @@ endif()
 
 file(WRITE ${WORK}/none "no chain at all")
 expect_refused(1 "none: block 0, offset 2 (file offset 2): no version stands here" chain none)
-expect_refused(1 "cannot read absent" chain absent)
-expect_refused(1 "there is no library" heapmap --library absent)
+expect_refused(3 "cannot read absent" chain absent)
+expect_refused(3 "there is no library" heapmap --library absent)
 
 # A library by its path, from another folder.
 cmake_path(GET PROGRAM PARENT_PATH folder)
@@ -76,6 +77,11 @@ if(NOT code STREQUAL "0" OR NOT out MATCHES "56 +104  a \\(100\\)")
   fail("memtool heapmap -: expected an entry")
 endif()
 expect_fine(heapmap --svg heaps.svg)
+execute_process(COMMAND ${EMULATOR} ${PROGRAM} chain - --check INPUT_FILE ${chain}
+  RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(NOT code STREQUAL "0" OR NOT out MATCHES "^-: sound, 10 segments")
+  fail("memtool chain -: expected a sound chain")
+endif()
 
 # Terminals, and streams that end: only here, where there are the means.
 find_program(SCRIPT_PROGRAM script)
@@ -101,8 +107,38 @@ expect_colours(ON)
 expect_colours(OFF NO_COLOR=1)
 expect_colours(OFF TERM=dumb)
 
-execute_process(COMMAND ${PROGRAM} errors OUTPUT_FILE /dev/full
-  RESULT_VARIABLE code ERROR_VARIABLE err)
-if(NOT code STREQUAL "1" OR NOT err MATCHES "^memtool: the output could not be written\n$")
-  fail("a full disk goes unnoticed")
+foreach(word errors --help --version)
+  execute_process(COMMAND ${PROGRAM} ${word} OUTPUT_FILE /dev/full
+    RESULT_VARIABLE code ERROR_VARIABLE err)
+  if(NOT code STREQUAL "3" OR NOT err MATCHES "^memtool: the output could not be written\n$")
+    fail("a full disk goes unnoticed: ${word}")
+  endif()
+endforeach()
+
+# Too little memory is one line. Where the sanitizers are, the program needs more than this to begin.
+execute_process(COMMAND sh -c "ulimit -v 120000 && exec '${PROGRAM}' --version"
+  RESULT_VARIABLE code OUTPUT_QUIET ERROR_QUIET)
+if(code STREQUAL "0")
+  execute_process(COMMAND sh -c "truncate -s 200M large && ulimit -v 120000 && exec '${PROGRAM}' chain large"
+    WORKING_DIRECTORY ${WORK} RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  file(REMOVE ${WORK}/large)
+  if(NOT code STREQUAL "3" OR NOT err MATCHES "^memtool: [^\n]*there is not enough memory\n$")
+    fail("too little memory: ${code} ${err}")
+  endif()
+endif()
+
+# An old file survives a disk without room for the new one; special files are written as they are.
+file(WRITE ${WORK}/old.svg "old")
+execute_process(
+  COMMAND sh -c "trap '' XFSZ; ulimit -f 1; exec '${PROGRAM}' chain '${chain}' --svg old.svg"
+  WORKING_DIRECTORY ${WORK} RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+file(READ ${WORK}/old.svg old)
+file(GLOB left ${WORK}/old.svg.*)
+if(NOT code STREQUAL "3" OR NOT old STREQUAL "old" OR left)
+  fail("a full disk took the old file: ${left}")
+endif()
+execute_process(COMMAND ${PROGRAM} chain ${chain} --svg /dev/stdout
+  RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(NOT code STREQUAL "0" OR NOT out MATCHES "</svg>")
+  fail("the picture is not on standard output")
 endif()

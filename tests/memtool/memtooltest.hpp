@@ -49,6 +49,16 @@ inline bool isOneLine(std::string_view text) {
   return text.size() > 1 && text.find('\n') == text.size() - 1;
 }
 
+// Whole lines, each of them a failure of the program's; or nothing.
+inline bool areLines(std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t end = text.find('\n');
+    if (end == std::string_view::npos || !text.starts_with("memtool: ")) return false;
+    text.remove_prefix(end + 1);
+  }
+  return true;
+}
+
 // A run that must end with the code and with one line on stderr that holds `text`.
 inline void expectRefused(int code, std::string_view text, const std::vector<std::string> &words) {
   const ToolRun run = runTool(words);

@@ -69,6 +69,15 @@ std::string textOf(Place place) {
   return fmt::format("{}:{}", place.block, place.offset);
 }
 
+std::string countOf(std::uint64_t count, std::string_view thing) {
+  return fmt::format("{} {}{}", grouped(count), thing, count == 1 ? "" : "s");
+}
+
+std::string targetText(const Pointer &pointer) {
+  return fmt::format("{}:{}", static_cast<std::int32_t>(pointer.target.block),
+                     static_cast<std::int32_t>(pointer.target.offset));
+}
+
 const char *nameOf(Field field) {
   switch (field) {
     case Field::Child:
@@ -88,6 +97,16 @@ std::vector<std::int32_t> Kind::pointerOffsets() const {
   for (const std::int16_t reference : references) offsets.push_back(reference);
   std::sort(offsets.begin(), offsets.end());
   return offsets;
+}
+
+std::int32_t Kind::pointersEnd(std::uint32_t pointerWidth) const {
+  std::int32_t last = -1;
+  bool hasPointers = hasSibling();
+  if (hasPointers) last = siblingOff;
+  for (const MemPackChild &child : children) last = std::max<std::int32_t>(last, child.Offset);
+  for (const std::int16_t reference : references) last = std::max<std::int32_t>(last, reference);
+  hasPointers = hasPointers || !children.empty() || !references.empty();
+  return hasPointers ? last + static_cast<std::int32_t>(pointerWidth) : 0;
 }
 
 std::string Fault::text() const {
@@ -130,9 +149,14 @@ std::vector<PackedChain::Run> PackedChain::dataRuns(const Segment &segment) cons
     runs.push_back({from, bytesAt({segment.place.block, segment.place.offset + from}, to - from)});
   };
   std::uint32_t from = 0;
-  for (const std::int32_t offset : kinds[segment.kind].pointerOffsets()) {
-    add(from, static_cast<std::uint32_t>(offset));
-    from = static_cast<std::uint32_t>(offset) + pointerWidth;
+  std::vector<std::uint32_t> offsets;
+  for (std::size_t i = 0; i < segment.pointerCount; ++i) {
+    offsets.push_back(static_cast<std::uint32_t>(pointers[segment.firstPointer + i].offset));
+  }
+  std::sort(offsets.begin(), offsets.end());
+  for (const std::uint32_t offset : offsets) {
+    add(from, offset);
+    from = offset + pointerWidth;
   }
   add(from, segment.length);
   return runs;

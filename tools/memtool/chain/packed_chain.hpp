@@ -27,6 +27,8 @@ struct Place {
 
 // "1:34".
 std::string textOf(Place place);
+// A whole number of things: "1 block", "2,000 blocks".
+std::string countOf(std::uint64_t count, std::string_view thing);
 
 // What the four characters of a version tell of the writer.
 struct Version {
@@ -39,7 +41,10 @@ struct Version {
 
 struct Block {
   std::size_t fileOffset = 0;
-  std::uint32_t used = 0;  // bytes from block offset 8 on
+  std::uint32_t used = 0;  // bytes from block offset 8 on that the file holds
+  std::uint32_t told = 0;  // the used length that stands in it; another one in damaged chains only
+
+  bool isCut() const { return used != told; }
 };
 
 // The character of a byte of code page 037.
@@ -64,31 +69,38 @@ struct Kind {
   bool hasSibling() const { return !isText(form) && siblingOff != MEM_PACK_NO_SIBLING; }
   // Offsets of all pointer fields, from the lowest.
   std::vector<std::int32_t> pointerOffsets() const;
+  // Offset behind the last pointer field, 0 when there is none.
+  std::int32_t pointersEnd(std::uint32_t pointerWidth) const;
 };
 
 // The type by which this platform describes the kind.
 std::uint16_t nativeType(const Kind &kind);
 
-enum class Field { Child, Sibling, Reference };
+enum class Field : std::uint8_t { Child, Sibling, Reference };
 const char *nameOf(Field field);
 
-inline constexpr std::size_t kNoText = std::numeric_limits<std::size_t>::max();
+inline constexpr std::uint32_t kNoText = std::numeric_limits<std::uint32_t>::max();
 
-// A pointer field of a segment.
+// A pointer field of a segment. There are many: the members are in the order that needs no gaps.
 struct Pointer {
-  Field field = Field::Child;
   std::int16_t offset = 0;  // of the field in its segment
   std::uint16_t kind = 0;   // of a child
+  Field field = Field::Child;
   bool isNull = true;
-  Place target;
-  std::size_t text = kNoText;  // index of the text that the target is
+  bool isFaulty = false;         // it leads nowhere, or to what cannot be what it should be
+  Place target;                  // of a faulty one: what stands there, sign-extended
+  std::uint32_t text = kNoText;  // index of the text that the target is
 };
+
+// Where it leads, as text; faulty ones may name negative numbers.
+std::string targetText(const Pointer &pointer);
 
 struct Segment {
   Place place;
   std::uint16_t kind = 0;
   std::uint32_t level = 0;   // of the tree, 0 is the root's
   std::uint32_t length = 0;  // for a form that is not known: up to its last pointer field
+  bool isCut = false;        // its length cannot be; `length` goes up to its last pointer field
   std::size_t firstPointer = 0;
   std::size_t pointerCount = 0;
 };
@@ -99,7 +111,7 @@ struct Text {
   bool isWide = false;
 };
 
-// The first thing that is wrong.
+// Something that is wrong.
 struct Fault {
   Place place;
   std::size_t fileOffset = 0;
@@ -110,7 +122,7 @@ struct Fault {
   std::string text() const;
 };
 
-// All of a chain up to its first fault. What stands behind a fault is not there.
+// All of a chain but what hangs below its faults.
 class PackedChain {
  public:
   std::string bytes;  // of the file
@@ -118,14 +130,18 @@ class PackedChain {
   std::vector<Block> blocks;
   std::uint32_t controlBlockLen = 0;
   std::uint16_t kindCount = 0;  // as the file counts them
-  std::vector<Kind> kinds;      // at least 8 where there is no fault: those beyond the count exist
+  std::vector<Kind> kinds;      // at least 8, those beyond the count exist; fewer when it is cut
   std::uint32_t pointerWidth = 0;
   bool isWidthGuessed = false;  // neither given nor shown by the control block
   std::optional<Place> root;
   std::vector<Segment> segments;  // depth first: a segment, its children, its sibling
   std::vector<Pointer> pointers;  // of the segments in turn
   std::vector<Text> texts;
-  std::optional<Fault> fault;
+  std::vector<Fault> faults;  // as they were found: the head's, then from the root on
+
+  bool isHeadSound = false;  // blocks and control block have no fault
+
+  bool isSound() const { return faults.empty(); }
 
   // The bytes of a block from block offset 8 on.
   std::string_view content(std::size_t block) const {
@@ -143,7 +159,7 @@ class PackedChain {
     return blocks[place.block].fileOffset + place.offset;
   }
 
-  // Counted kinds up to the first fault.
+  // Counted kinds that the file holds.
   std::size_t readKindCount() const { return std::min<std::size_t>(kindCount, kinds.size()); }
 
   // The text as UTF-8. Narrow text of EBCDIC writers is read in code page 037, unless it is ASCII.

@@ -5,8 +5,17 @@
 #include "packed_head.hpp"
 
 namespace memtool {
+namespace {
 
-Claims::Claims(const PackedChain &chain) : chain_(chain), blocks_(chain.blocks.size()) {
+constexpr std::uint64_t kLeastTries = 1 << 20;
+constexpr std::uint64_t kTriesOfByte = 64;
+
+}  // namespace
+
+Claims::Claims(const PackedChain &chain)
+    : chain_(chain),
+      blocks_(chain.blocks.size()),
+      triesLeft_(kLeastTries + kTriesOfByte * chain.bytes.size()) {
   for (std::size_t i = 0; i < blocks_.size(); ++i) {
     blocks_[i].owners.resize(chain.blocks[i].used, Owner::None);
     const std::uint32_t head = i == 0 ? kHeadLen + chain.controlBlockLen : kFirstContent;
@@ -18,7 +27,10 @@ Owner Claims::take(Place place, std::uint32_t length, Owner owner) {
   const auto first = blocks_[place.block].owners.begin() + place.offset;
   const auto last = first + length;
   const auto taken = std::find_if(first, last, [](Owner old) { return old != Owner::None; });
-  if (taken != last) return *taken;
+  if (taken != last) {
+    spend(static_cast<std::uint64_t>(taken - first));
+    return *taken;
+  }
   std::fill(first, last, owner == Owner::SegmentStart ? Owner::Segment : owner);
   if (length > 0) *first = owner;
   taken_ += length;
@@ -46,6 +58,7 @@ Owner Claims::takeNarrow(Place place, bool mayShareEnd, std::uint32_t &length) {
     end = static_cast<std::uint32_t>(nul) + 1;
   } else if (behind == block.narrow.end()) {
     length = 0;
+    spend(content.size() - place.offset);
     return Owner::None;
   } else if (!mayShareEnd) {
     return Owner::Narrow;

@@ -2,6 +2,7 @@
 // shared, whole or by their ends.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <string_view>
@@ -26,7 +27,15 @@ class Claims {
   // NUL in the block. Each byte is looked at once, however many texts share it.
   Owner takeNarrow(Place place, bool mayShareEnd, std::uint32_t &length);
 
+  // REQUIRES: the place lies within its block.
+  Owner ownerOf(Place place) const { return blocks_[place.block].owners[place.offset]; }
+
   std::uint64_t taken() const { return taken_; }
+
+  // Bytes that were looked at and could not be taken: the time must not grow with the square of a
+  // file in which everything lies over everything. 0 when they were too many.
+  std::uint64_t triesLeft() const { return triesLeft_; }
+  void spend(std::uint64_t bytes) { triesLeft_ -= std::min(triesLeft_, bytes); }
 
  private:
   struct BlockClaims {
@@ -37,6 +46,7 @@ class Claims {
   const PackedChain &chain_;
   std::vector<BlockClaims> blocks_;
   std::uint64_t taken_ = 0;
+  std::uint64_t triesLeft_;
 };
 
 }  // namespace memtool

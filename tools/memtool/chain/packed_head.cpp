@@ -35,17 +35,19 @@ bool isDigit(std::uint8_t byte, bool isEbcdic) {
 }
 
 // A fault in front of the first block's content, where there is no block yet.
-[[noreturn]] void refuseFile(std::size_t fileOffset, std::string what) {
-  throw FaultFound{{{0, static_cast<std::uint32_t>(fileOffset)}, fileOffset, std::move(what), {}}};
+void noteFileFault(PackedChain &chain, std::size_t fileOffset, std::string what) {
+  chain.faults.push_back(
+      {{0, static_cast<std::uint32_t>(fileOffset)}, fileOffset, std::move(what), {}});
 }
 
-Version readVersion(const std::string &bytes) {
+void readVersion(PackedChain &chain) {
   std::string text;
-  const bool isEbcdic = isDigit(static_cast<std::uint8_t>(bytes[kVersionOff]), true);
+  const bool isEbcdic = isDigit(static_cast<std::uint8_t>(chain.bytes[kVersionOff]), true);
   for (std::size_t i = 0; i < 4; ++i) {
-    const auto byte = static_cast<std::uint8_t>(bytes[kVersionOff + i]);
+    const auto byte = static_cast<std::uint8_t>(chain.bytes[kVersionOff + i]);
     if (!isDigit(byte, isEbcdic)) {
-      refuseFile(kVersionOff, "no version stands here, so this is no packed chain");
+      noteFileFault(chain, kVersionOff, "no version stands here, so this is no packed chain");
+      return;
     }
     text += static_cast<char>('0' + (byte & 0x0F));
   }
@@ -53,31 +55,41 @@ Version readVersion(const std::string &bytes) {
     return known.text == text && known.isEbcdic == isEbcdic;
   };
   if (std::none_of(std::begin(kVersions), std::end(kVersions), isIt)) {
-    refuseFile(kVersionOff,
-               fmt::format("there is no version {}{}", text, isEbcdic ? " in EBCDIC" : ""));
+    noteFileFault(chain, kVersionOff,
+                  fmt::format("there is no version {}{}", text, isEbcdic ? " in EBCDIC" : ""));
+    return;
   }
-  return {text, isEbcdic, text[1] == '1', isEbcdic || text[3] == '1', text[2] == '4' ? 4U : 2U};
+  chain.version = {text, isEbcdic, text[1] == '1', isEbcdic || text[3] == '1',
+                   text[2] == '4' ? 4U : 2U};
 }
 
+// The next block begins where one ends. Where a used length cannot be, that is not known: the rest
+// of the file is the last block then, as it is in a file that was cut.
 void readBlocks(PackedChain &chain) {
   for (std::size_t at = 0; at < chain.bytes.size();) {
     const auto number = static_cast<std::uint32_t>(chain.blocks.size());
     const std::size_t left = chain.bytes.size() - at;
-    const auto refuseBlock = [&](std::string what) {
-      throw FaultFound{{{number, 0}, at, std::move(what), {}}};
+    const auto note = [&](std::string what) {
+      chain.faults.push_back({{number, 0}, at, std::move(what), {}});
     };
     if (number == MEM_PACK_MAX_BLOCKS) {
-      refuseBlock(fmt::format("the chain has more than {} blocks", MEM_PACK_MAX_BLOCKS));
+      note(fmt::format("the chain has more than {} blocks", MEM_PACK_MAX_BLOCKS));
+      return;
     }
-    if (left < kFirstContent) refuseBlock("the file ends within a used length");
-    const std::uint32_t used = chain.number(at);
+    if (left < kFirstContent) return note("the file ends within a used length");
+    const std::uint32_t told = chain.number(at);
     const std::uint32_t least = number == 0 ? kHeadLen : kFirstContent;
-    if (used < least) refuseBlock(fmt::format("a used length of {} is too short", used));
-    if (used > left) {
-      refuseBlock(fmt::format("the used length is {}, but the file ends {} bytes on", used, left));
+    if (told >= least && told <= left) {
+      chain.blocks.push_back({at, told, told});
+      at += told;
+      continue;
     }
-    chain.blocks.push_back({at, used});
-    at += used;
+    note(told < least
+             ? fmt::format("a used length of {} is too short", told)
+             : fmt::format("the used length is {}, but the file ends {} bytes on", told, left));
+    chain.blocks.push_back(
+        {at, static_cast<std::uint32_t>(std::min<std::size_t>(left, 0xFFFF)), told});
+    return;
   }
 }
 
@@ -115,20 +127,43 @@ Form formOf(std::uint16_t typeCode, bool isBigEndian) {
   }
 }
 
-// The number of a descriptor's entries, checked. Text has none, whatever its descriptor holds.
-std::size_t entryCount(const PackedChain &chain, const Kind &kind, Place place, std::int16_t most,
+// Where the parts of a descriptor lie in the file.
+struct DescriptorPlace {
+  const DescriptorLayout &layout;
+  std::uint32_t offset;  // in block 0
+};
+
+// The number of a descriptor's entries; 0 with a fault when it cannot be. Text has none, whatever
+// its descriptor holds.
+std::size_t entryCount(PackedChain &chain, const Kind &kind, Place place, std::int16_t most,
                        const char *what) {
   if (isText(kind.form)) return 0;
   const std::int16_t count = chain.signedNumber(chain.fileOffset(place));
-  if (count < 0 || count > most) {
-    refuse(chain, place, fmt::format("a kind of segment has {} {}, which cannot be", count, what));
-  }
-  return static_cast<std::size_t>(count);
+  if (count >= 0 && count <= most) return static_cast<std::size_t>(count);
+  noteFault(chain, place, fmt::format("a kind of segment has {} {}, which cannot be", count, what));
+  return 0;
 }
 
-Kind readKind(const PackedChain &chain, std::uint32_t offset) {
-  const DescriptorLayout &layout = descriptorLayout(chain.version->isOldLayout);
-  const auto at = [&](std::size_t field) { return chain.fileOffset({0, offset}) + field; };
+// Each child must be of a kind that there is room for; others are left out with a fault.
+void readChildren(PackedChain &chain, const DescriptorPlace &place, std::uint32_t present,
+                  Kind &kind) {
+  const std::size_t count =
+      entryCount(chain, kind, {0, place.offset + 6}, place.layout.maxChildren, "children");
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const Place entry{0, place.offset + place.layout.childrenOff + i * 4};
+    const std::size_t at = chain.fileOffset(entry);
+    const std::uint16_t child = chain.number(at);
+    if (child < present) {
+      kind.children.push_back({child, chain.signedNumber(at + 2)});
+      continue;
+    }
+    noteFault(chain, entry,
+              fmt::format("a child is of kind {}, but there are {} kinds", child, present));
+  }
+}
+
+Kind readKind(PackedChain &chain, const DescriptorPlace &place, std::uint32_t present) {
+  const auto at = [&](std::size_t field) { return chain.fileOffset({0, place.offset}) + field; };
   Kind kind;
   kind.typeCode = chain.number(at(0));
   kind.form = formOf(kind.typeCode, chain.version->isBigEndian);
@@ -137,78 +172,64 @@ Kind readKind(const PackedChain &chain, std::uint32_t offset) {
   }
   kind.fixedLen = chain.number(at(2));
   kind.siblingOff = chain.signedNumber(at(4));
-  const std::size_t children =
-      entryCount(chain, kind, {0, offset + 6}, layout.maxChildren, "children");
-  for (std::size_t i = 0; i < children; ++i) {
-    const std::size_t entry = at(layout.childrenOff + i * 4);
-    kind.children.push_back({chain.number(entry), chain.signedNumber(entry + 2)});
-  }
+  readChildren(chain, place, present, kind);
   const std::size_t references =
-      entryCount(chain, kind, {0, offset + 8}, MEM_PACK_MAX_REFERENCES, "references");
+      entryCount(chain, kind, {0, place.offset + 8}, MEM_PACK_MAX_REFERENCES, "references");
   for (std::size_t i = 0; i < references; ++i) {
-    kind.references.push_back(chain.signedNumber(at(layout.referencesOff + i * 2)));
+    kind.references.push_back(chain.signedNumber(at(place.layout.referencesOff + i * 2)));
   }
-  return kind;
-}
-
-// Throws unless each child is of a kind that there is room for.
-void checkChildKinds(const PackedChain &chain, const Kind &kind, std::uint32_t offset,
-                     std::uint32_t present) {
-  const std::uint32_t childrenOff = descriptorLayout(chain.version->isOldLayout).childrenOff;
-  for (std::uint32_t k = 0; k < kind.children.size(); ++k) {
-    const std::uint16_t child = kind.children[k].Descriptor;
-    if (child < present) continue;
-    refuse(chain, {0, offset + childrenOff + k * 4},
-           fmt::format("a child is of kind {}, but there are {} kinds", child, present));
-  }
-}
-
-Kind readCheckedKind(const PackedChain &chain, std::uint32_t offset, std::uint32_t present) {
-  Kind kind = readKind(chain, offset);
-  checkChildKinds(chain, kind, offset, present);
   return kind;
 }
 
 // What lies beyond the count means nothing, unless a child is of such a kind.
-Kind readUncountedKind(const PackedChain &chain, std::uint32_t offset, std::uint32_t present) {
-  try {
-    return readCheckedKind(chain, offset, present);
-  } catch (const FaultFound &) {
-    Kind none;
-    none.isDescribed = false;
-    return none;
-  }
+Kind readUncountedKind(PackedChain &chain, const DescriptorPlace &place, std::uint32_t present) {
+  const std::size_t before = chain.faults.size();
+  Kind kind = readKind(chain, place, present);
+  if (chain.faults.size() == before) return kind;
+  chain.faults.resize(before);
+  Kind none;
+  none.isDescribed = false;
+  return none;
 }
 
-void readControlBlock(PackedChain &chain) {
+// False when there is no root behind it, because it is cut or cannot be.
+bool readControlBlock(PackedChain &chain) {
   const std::uint32_t used = chain.blocks[0].used;
   const Place place{0, kHeadLen};
-  if (used < kHeadLen + 2) refuse(chain, place, "there is no control block");
+  if (used < kHeadLen + 2) {
+    noteFault(chain, place, "there is no control block");
+    return false;
+  }
   const std::int16_t count = chain.signedNumber(chain.fileOffset(place));
   if (count < 1) {
-    refuse(chain, place, fmt::format("the control block counts {} kinds of segments", count));
+    noteFault(chain, place, fmt::format("the control block counts {} kinds of segments", count));
+    return false;
   }
   const std::uint32_t length = controlBlockLength(count, chain.version->isOldLayout);
-  if (length > used - kHeadLen) {
-    refuse(chain, place,
-           fmt::format("a control block of {} kinds takes {} bytes, but the block ends {} bytes on",
-                       count, length, used - kHeadLen));
+  const bool isWhole = length <= used - kHeadLen;
+  if (!isWhole) {
+    noteFault(
+        chain, place,
+        fmt::format("a control block of {} kinds takes {} bytes, but the block ends {} bytes on",
+                    count, length, used - kHeadLen));
   }
   chain.controlBlockLen = length;
   chain.kindCount = static_cast<std::uint16_t>(count);
   const std::uint32_t present = std::max<std::uint32_t>(chain.kindCount, MEM_PACK_MIN_DESCRIPTORS);
-  const std::uint32_t kindLen = descriptorLayout(chain.version->isOldLayout).length;
+  const DescriptorLayout &layout = descriptorLayout(chain.version->isOldLayout);
   for (std::uint32_t i = 0; i < present; ++i) {
-    const std::uint32_t offset = kHeadLen + kFirstContent + i * kindLen;
-    chain.kinds.push_back(i < chain.kindCount ? readCheckedKind(chain, offset, present)
-                                              : readUncountedKind(chain, offset, present));
+    const DescriptorPlace kind{layout, kHeadLen + kFirstContent + i * layout.length};
+    if (kind.offset + layout.length > used) break;
+    chain.kinds.push_back(i < chain.kindCount ? readKind(chain, kind, present)
+                                              : readUncountedKind(chain, kind, present));
   }
+  return isWhole;
 }
 
 }  // namespace
 
-void refuse(const PackedChain &chain, Place place, std::string what) {
-  throw FaultFound{{place, chain.fileOffset(place), std::move(what), {}}};
+void noteFault(PackedChain &chain, Place place, std::string what) {
+  chain.faults.push_back({place, chain.fileOffset(place), std::move(what), {}});
 }
 
 const DescriptorLayout &descriptorLayout(bool isOldLayout) {
@@ -227,14 +248,17 @@ std::optional<Place> rootPlace(const PackedChain &chain) {
   return Place{1, kFirstContent};
 }
 
-void readHead(PackedChain &chain) {
+bool readHead(PackedChain &chain) {
   if (chain.bytes.size() < kLeastFile) {
-    refuseFile(
-        0, fmt::format("the file has {} bytes, too few for a packed chain", chain.bytes.size()));
+    noteFileFault(
+        chain, 0,
+        fmt::format("the file has {} bytes, too few for a packed chain", chain.bytes.size()));
+    return false;
   }
-  chain.version = readVersion(chain.bytes);
+  readVersion(chain);
+  if (!chain.version) return false;
   readBlocks(chain);
-  readControlBlock(chain);
+  return readControlBlock(chain);
 }
 
 }  // namespace memtool

@@ -10,13 +10,8 @@
 
 namespace memtool {
 
-// Thrown by the readers of a chain and kept in PackedChain::fault.
-struct FaultFound {
-  Fault fault;
-};
-
-// Throws FaultFound. `fileOffset` is found from the place.
-[[noreturn]] void refuse(const PackedChain &chain, Place place, std::string what);
+// Adds a fault. The file offset is found from the place.
+void noteFault(PackedChain &chain, Place place, std::string what);
 
 // Bytes in front of the control block in block 0's content: used length and version.
 inline constexpr std::uint32_t kHeadLen = 6;
@@ -36,7 +31,8 @@ std::uint32_t controlBlockLength(std::int32_t kindCount, bool isOldLayout);
 // Where the root lies; none when the chain ends before it. REQUIRES: the head is read.
 std::optional<Place> rootPlace(const PackedChain &chain);
 
-// Fills in `chain`, whose bytes are set, as far as they go. Throws FaultFound.
-void readHead(PackedChain &chain);
+// Fills in `chain`, whose bytes are set, and its faults. False when so little of it makes sense
+// that no pointer can be followed.
+bool readHead(PackedChain &chain);
 
 }  // namespace memtool

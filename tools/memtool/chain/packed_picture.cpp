@@ -159,9 +159,10 @@ void ChainPicture::addHead() {
 Row ChainPicture::pointerRow(const Pointer &pointer) const {
   const bool isTextField = pointer.field == Field::Child && isText(chain_.kinds[pointer.kind].form);
   const std::string name = isTextField ? "text" : nameOf(pointer.field);
-  const std::string target = pointer.isNull ? "null" : "→ " + textOf(pointer.target);
-  return {fmt::format("{:>9} {:<9} {}", fmt::format("+{}", pointer.offset), name, target),
-          pointer.isNull ? "mono dim" : "mono", pointer.isNull ? nullptr : &pointer};
+  const std::string target = pointer.isNull ? "null" : "→ " + targetText(pointer);
+  const char *const style = pointer.isFaulty ? "mono fault" : pointer.isNull ? "mono dim" : "mono";
+  return {fmt::format("{:>9} {:<9} {}", fmt::format("+{}", pointer.offset), name, target), style,
+          pointer.isNull || pointer.isFaulty ? nullptr : &pointer};
 }
 
 void ChainPicture::addSegment(const Segment &segment) {
@@ -310,9 +311,12 @@ void ChainPicture::drawTitle() {
   svg_.text(
       kMargin, kMargin + 30, "mono",
       fitted(fmt::format("version {}: {}", chain_.version->text, writerText(chain_)), columns));
-  if (chain_.fault) {
+  if (!chain_.isSound()) {
+    const std::size_t more = chain_.faults.size() - 1;
+    const std::string first = "Fault: " + chain_.faults.front().text();
+    const std::string rest = more == 0 ? "" : fmt::format(" (and {} more)", grouped(more));
     svg_.text(kMargin, kMargin + 48, "mono fault",
-              fitted("Fault: " + chain_.fault->text(), columns));
+              fitted(first, columns - std::min(columns, rest.size())) + rest);
   }
 }
 

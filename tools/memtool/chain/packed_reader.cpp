@@ -23,47 +23,54 @@ bool isCharacter(std::uint32_t unit) {
   return unit <= 0x10FFFF && (unit < 0xD800 || unit > 0xDFFF);
 }
 
-// Follows the pointers of a chain whose head is read, from the root on.
+// Follows the pointers of a chain whose head is read, from the root on. A fault ends what hangs
+// below it; the rest is read.
 class Walk {
  public:
   Walk(PackedChain &chain, Console &console)
       : chain_(chain),
         claims_(chain),
-        kindChecked_(chain.kinds.size(), false),
+        layouts_(chain.kinds.size(), Layout::Unknown),
         progress_(console, "reading", chain.bytes.size()) {}
 
-  // Throws FaultFound.
   void run();
 
  private:
+  enum class Layout : std::uint8_t { Unknown, Good, Bad };
+
   struct Level {
-    std::uint16_t kind;
     std::size_t segment;
-    std::size_t nextChild;  // entry to follow next
+    std::size_t nextPointer;  // of the segment's, to follow next
   };
 
-  Place findRoot() const;
-  void visit(std::uint16_t kind, Place place, Place from);
-  void visitSegment(std::uint16_t kind, Place place, Place from);
-  std::uint32_t measure(std::uint16_t kind, Place place) const;
-  void checkKind(std::uint16_t kind, Place place, std::uint32_t length);
+  std::optional<Place> findRoot();
+  bool visit(std::uint16_t kind, Place place, Place from);
+  bool visitSegment(std::uint16_t kind, Place place, Place from);
+  void measure(Segment &segment);
+  std::optional<std::int32_t> toldLength(const Segment &segment, std::uint32_t room);
+  bool hasGoodLayout(std::uint16_t kind, Place place);
+  std::string layoutFault(const Kind &kind) const;
+  void addPointers(Segment &segment);
   void addPointer(const Segment &segment, Field field, std::int16_t offset, std::uint16_t kind);
-  void readTarget(Place field, Pointer &pointer) const;
-  std::size_t takeText(std::uint16_t kind, Place place, Place from);
-  void takeWide(Place place, Place from, std::uint32_t &length);
-  bool advance();
-  void checkReferences() const;
-  void refuseOwner(Owner owner, Place place, Place from) const;
+  bool readTarget(Place field, Pointer &pointer);
+  std::uint32_t takeText(std::uint16_t kind, Place place, Place from);
+  bool takeWide(Place place, Place from, std::uint32_t &length);
+  bool measureWide(Place place, std::uint32_t &length);
+  void advance();
+  void follow(std::size_t pointer, const Segment &segment);
+  void checkReferences();
+  bool isFree(Owner owner, Place place, Place from);
 
+  void note(Place place, std::string what) { noteFault(chain_, place, std::move(what)); }
   Place fieldPlace(const Segment &segment, std::int16_t offset) const {
     return {segment.place.block, segment.place.offset + static_cast<std::uint32_t>(offset)};
   }
 
   PackedChain &chain_;
   Claims claims_;
-  std::vector<bool> kindChecked_;
+  std::vector<Layout> layouts_;  // of the pointer fields of each kind
   std::vector<Level> levels_;
-  std::unordered_map<std::uint64_t, std::size_t> textAt_;  // index of the text at a place
+  std::unordered_map<std::uint64_t, std::uint32_t> textAt_;  // index of the text at a place
   Progress progress_;
 };
 
@@ -71,193 +78,229 @@ std::uint64_t keyOf(Place place) {
   return std::uint64_t{place.block} << 32 | place.offset;
 }
 
-Place Walk::findRoot() const {
-  if (const std::optional<Place> root = rootPlace(chain_)) return *root;
+std::optional<Place> Walk::findRoot() {
+  if (const std::optional<Place> root = rootPlace(chain_)) return root;
   if (chain_.blocks.size() < 2) {
-    refuse(chain_, {0, 0}, "the chain ends behind its control block, without a root");
+    note({0, 0}, "the chain ends behind its control block, without a root");
+  } else {
+    note({1, 0}, "the block where the root should be is empty");
   }
-  refuse(chain_, {1, 0}, "the block where the root should be is empty");
+  return {};
 }
 
 void Walk::run() {
-  const Place root = findRoot();
-  visit(0, root, root);
-  chain_.root = root;
-  while (!levels_.empty() && advance()) progress_.update(claims_.taken());
+  const std::optional<Place> root = findRoot();
+  if (!root) return;
+  if (visit(0, *root, *root)) chain_.root = root;
+  while (!levels_.empty()) {
+    advance();
+    progress_.update(claims_.taken());
+    if (claims_.triesLeft() == 0) {
+      note(*root, "the faults are too many to read on");
+      break;
+    }
+  }
   checkReferences();
 }
 
-// `from` is the pointer field that leads here, or the root itself, which alone may be text.
-void Walk::visit(std::uint16_t kind, Place place, Place from) {
-  if (isText(chain_.kinds[kind].form)) {
-    if (chain_.kinds[kind].form == Form::WideText && chain_.pointerWidth != 8) {
-      refuse(chain_, place, "the root is wide text, of which no new chain can be made");
-    }
-    takeText(kind, place, from);
-    return;
+// `from` is the pointer field that leads here, or the root itself, which alone may be text. False
+// with a fault when it cannot be what it should be.
+bool Walk::visit(std::uint16_t kind, Place place, Place from) {
+  const Form form = chain_.kinds[kind].form;
+  if (form == Form::WideText && chain_.pointerWidth != 8) {
+    note(place, "the root is wide text, of which no new chain can be made");
+    return false;
   }
-  visitSegment(kind, place, from);
-  levels_.push_back({kind, chain_.segments.size() - 1, 0});
+  if (isText(form)) return takeText(kind, place, from) != kNoText;
+  if (!visitSegment(kind, place, from)) return false;
+  levels_.push_back({chain_.segments.size() - 1, 0});
+  return true;
 }
 
-void Walk::refuseOwner(Owner owner, Place place, Place from) const {
+bool Walk::isFree(Owner owner, Place place, Place from) {
   switch (owner) {
     case Owner::None:
-      return;
+      return true;
     case Owner::Head:
-      refuse(chain_, from,
-             fmt::format("a pointer leads to {}, into the block's head", textOf(place)));
+      note(from, fmt::format("a pointer leads to {}, into the block's head", textOf(place)));
+      break;
     case Owner::SegmentStart:
     case Owner::Segment:
     case Owner::Wide:
     case Owner::Narrow:
-      refuse(chain_, from,
-             fmt::format("a pointer leads to {}, which lies over what another pointer leads to",
-                         textOf(place)));
+      note(from, fmt::format("a pointer leads to {}, which lies over what another pointer leads to",
+                             textOf(place)));
+      break;
   }
+  return false;
 }
 
-void Walk::visitSegment(std::uint16_t kind, Place place, Place from) {
-  const Kind &descriptor = chain_.kinds[kind];
-  if (!descriptor.isDescribed) {
-    refuse(chain_, from, fmt::format("a segment is of kind {}, which is not described", kind));
+bool Walk::visitSegment(std::uint16_t kind, Place place, Place from) {
+  if (!chain_.kinds[kind].isDescribed) {
+    note(from, fmt::format("a segment is of kind {}, which is not described", kind));
+    return false;
   }
+  // What lies over something else is told alone, whatever its length seems to be.
+  if (!isFree(claims_.ownerOf(place), place, from)) return false;
   Segment segment;
   segment.place = place;
   segment.kind = kind;
   segment.level = static_cast<std::uint32_t>(levels_.size());
-  segment.length = measure(kind, place);
-  checkKind(kind, place, segment.length);
-  refuseOwner(claims_.take(place, segment.length, Owner::SegmentStart), place, from);
+  measure(segment);
+  const bool hasPointers = hasGoodLayout(kind, place);
+  if (!isFree(claims_.take(place, segment.length, Owner::SegmentStart), place, from)) return false;
   segment.firstPointer = chain_.pointers.size();
-  if (descriptor.hasSibling()) addPointer(segment, Field::Sibling, descriptor.siblingOff, kind);
-  for (const MemPackChild &child : descriptor.children) {
-    addPointer(segment, Field::Child, child.Offset, child.Descriptor);
-  }
-  for (const std::int16_t reference : descriptor.references) {
-    addPointer(segment, Field::Reference, reference, 0);
-  }
-  segment.pointerCount = chain_.pointers.size() - segment.firstPointer;
+  if (hasPointers) addPointers(segment);
   chain_.segments.push_back(segment);
+  return true;
 }
 
-std::uint32_t Walk::measure(std::uint16_t kind, Place place) const {
-  const Kind &descriptor = chain_.kinds[kind];
-  const std::uint32_t room = chain_.blocks[place.block].used - place.offset;
-  const auto refuseLength = [&](std::int32_t length) {
-    refuse(chain_, place,
-           fmt::format("a segment of kind {} and {} bytes begins here, but the block's used part "
-                       "ends {} bytes on",
-                       kind, length, room));
-  };
-  std::int32_t length = descriptor.fixedLen;
-  if (descriptor.form == Form::Unknown) {
-    const std::vector<std::int32_t> offsets = descriptor.pointerOffsets();
-    length = offsets.empty()
-                 ? 1
-                 : std::max(offsets.back() + static_cast<std::int32_t>(chain_.pointerWidth), 1);
-  } else if (descriptor.form != Form::Fixed) {
-    if (room < kLengthWord) refuseLength(static_cast<std::int32_t>(kLengthWord));
-    const std::size_t at = chain_.fileOffset(place);
-    length = descriptor.form == Form::Counted ? chain_.signedNumber(at) + 2 : chain_.number(at);
-    if (length < static_cast<std::int32_t>(kLengthWord)) {
-      refuse(chain_, place, fmt::format("a segment of kind {} tells a length of {}", kind, length));
+// The length that the segment should have; none with a fault when it cannot be.
+std::optional<std::int32_t> Walk::toldLength(const Segment &segment, std::uint32_t room) {
+  const Kind &kind = chain_.kinds[segment.kind];
+  if (kind.form == Form::Unknown) {
+    return std::max(kind.pointersEnd(chain_.pointerWidth), 1);
+  }
+  if (kind.form == Form::Fixed) return kind.fixedLen;
+  if (room < kLengthWord) return static_cast<std::int32_t>(kLengthWord);
+  const std::size_t at = chain_.fileOffset(segment.place);
+  const std::int32_t length =
+      kind.form == Form::Counted ? chain_.signedNumber(at) + 2 : chain_.number(at);
+  if (length >= static_cast<std::int32_t>(kLengthWord)) return length;
+  note(segment.place,
+       fmt::format("a segment of kind {} tells a length of {}", segment.kind, length));
+  return {};
+}
+
+// A length that cannot be is one up to the last pointer field, as far as the block goes: what the
+// segment's pointers lead to is found, and what lies behind it stays free for its owners.
+void Walk::measure(Segment &segment) {
+  const std::int32_t end = chain_.kinds[segment.kind].pointersEnd(chain_.pointerWidth);
+  const std::uint32_t room = chain_.blocks[segment.place.block].used - segment.place.offset;
+  const std::optional<std::int32_t> length = toldLength(segment, room);
+  const bool fits = length && static_cast<std::uint32_t>(*length) <= room;
+  if (length && !fits) {
+    note(segment.place,
+         fmt::format("a segment of kind {} and {} bytes begins here, but the block's used part "
+                     "ends {} bytes on",
+                     segment.kind, *length, room));
+  } else if (length && end > *length) {
+    note(segment.place,
+         fmt::format("a segment of kind {} and {} bytes begins here, too short for its pointer "
+                     "at {}",
+                     segment.kind, *length, end - static_cast<std::int32_t>(chain_.pointerWidth)));
+  }
+  segment.isCut = !fits || end > *length;
+  segment.length = segment.isCut ? std::min(room, static_cast<std::uint32_t>(std::max(end, 1)))
+                                 : static_cast<std::uint32_t>(*length);
+}
+
+// What is wrong with a kind is told at its first segment.
+bool Walk::hasGoodLayout(std::uint16_t kind, Place place) {
+  Layout &layout = layouts_[kind];
+  if (layout == Layout::Unknown) {
+    const std::string fault = layoutFault(chain_.kinds[kind]);
+    layout = fault.empty() ? Layout::Good : Layout::Bad;
+    if (!fault.empty()) {
+      note(place, fmt::format("a segment of kind {} begins here, whose {}", kind, fault));
     }
   }
-  if (static_cast<std::uint32_t>(length) > room) refuseLength(length);
-  return static_cast<std::uint32_t>(length);
+  return layout == Layout::Good;
 }
 
-// Every pointer field must lie in its segment, apart from the others and from the length word.
-void Walk::checkKind(std::uint16_t kind, Place place, std::uint32_t length) {
-  const Kind &descriptor = chain_.kinds[kind];
-  const std::vector<std::int32_t> offsets = descriptor.pointerOffsets();
-  if (offsets.empty()) return;
-  const auto width = static_cast<std::int32_t>(chain_.pointerWidth);
-  if (offsets.back() + width > static_cast<std::int32_t>(length)) {
-    refuse(chain_, place,
-           fmt::format("a segment of kind {} and {} bytes begins here, too short for its pointer "
-                       "at {}",
-                       kind, length, offsets.back()));
-  }
+// Pointer fields must lie in their segment, apart from each other and from the length word.
+std::string Walk::layoutFault(const Kind &kind) const {
+  const std::vector<std::int32_t> offsets = kind.pointerOffsets();
+  if (offsets.empty()) return "";
   if (offsets.front() < 0) {
-    refuse(chain_, place,
-           fmt::format("a segment of kind {} begins here, whose pointer at {} would lie before it",
-                       kind, offsets.front()));
+    return fmt::format("pointer at {} would lie before it", offsets.front());
   }
-  if (kindChecked_[kind]) return;
-  kindChecked_[kind] = true;
-  const bool tellsLength =
-      descriptor.form == Form::Counted || descriptor.form == Form::SelfDescribing;
-  const std::int32_t least = tellsLength ? static_cast<std::int32_t>(kLengthWord) : 0;
-  bool liesApart = offsets.front() >= least;
+  const auto width = static_cast<std::int32_t>(chain_.pointerWidth);
+  const bool tellsLength = kind.form == Form::Counted || kind.form == Form::SelfDescribing;
+  bool liesApart = offsets.front() >= (tellsLength ? static_cast<std::int32_t>(kLengthWord) : 0);
   for (std::size_t i = 1; i < offsets.size(); ++i) {
     liesApart = liesApart && offsets[i] - offsets[i - 1] >= width;
   }
-  if (!liesApart) {
-    refuse(chain_, place,
-           fmt::format("a segment of kind {} begins here, whose pointer fields of {} bytes overlap",
-                       kind, width));
+  return liesApart ? "" : fmt::format("pointer fields of {} bytes overlap", width);
+}
+
+// Those that the file holds: a segment may be cut.
+void Walk::addPointers(Segment &segment) {
+  const Kind &kind = chain_.kinds[segment.kind];
+  if (kind.hasSibling()) addPointer(segment, Field::Sibling, kind.siblingOff, segment.kind);
+  for (const MemPackChild &child : kind.children) {
+    addPointer(segment, Field::Child, child.Offset, child.Descriptor);
   }
+  for (const std::int16_t reference : kind.references) {
+    addPointer(segment, Field::Reference, reference, 0);
+  }
+  segment.pointerCount = chain_.pointers.size() - segment.firstPointer;
 }
 
 void Walk::addPointer(const Segment &segment, Field field, std::int16_t offset,
                       std::uint16_t kind) {
+  if (static_cast<std::uint32_t>(offset) + chain_.pointerWidth > segment.length) return;
   Pointer pointer;
   pointer.field = field;
   pointer.offset = offset;
   pointer.kind = kind;
-  readTarget(fieldPlace(segment, offset), pointer);
+  pointer.isFaulty = !readTarget(fieldPlace(segment, offset), pointer);
   chain_.pointers.push_back(pointer);
 }
 
-void Walk::readTarget(Place field, Pointer &pointer) const {
+// False with a fault when the pointer cannot be followed.
+bool Walk::readTarget(Place field, Pointer &pointer) {
   const std::string_view bytes = chain_.bytesAt(field, chain_.pointerWidth);
   const auto isZero = [](char byte) { return byte == 0; };
   pointer.isNull = std::all_of(bytes.begin(), bytes.end(), isZero);
-  if (pointer.isNull) return;
+  if (pointer.isNull) return true;
   const std::size_t at = chain_.fileOffset(field);
   const std::int16_t block = chain_.signedNumber(at);
   const std::int16_t offset = chain_.signedNumber(at + 2);
-  if (block < 0 || static_cast<std::size_t>(block) >= chain_.blocks.size()) {
-    refuse(chain_, field,
-           fmt::format("a {} pointer leads to block {}, but the chain has {} block{}",
-                       nameOf(pointer.field), block, chain_.blocks.size(),
-                       chain_.blocks.size() == 1 ? "" : "s"));
-  }
   pointer.target = {static_cast<std::uint32_t>(block), static_cast<std::uint32_t>(offset)};
+  if (block < 0 || static_cast<std::size_t>(block) >= chain_.blocks.size()) {
+    note(field, fmt::format("a {} pointer leads to block {}, but the chain has {} block{}",
+                            nameOf(pointer.field), block, chain_.blocks.size(),
+                            chain_.blocks.size() == 1 ? "" : "s"));
+    return false;
+  }
   const std::uint32_t used = chain_.blocks[pointer.target.block].used;
   if (offset < 0 || pointer.target.offset >= used) {
-    refuse(chain_, field,
-           fmt::format("a {} pointer leads to offset {} of block {}, which has {} bytes",
-                       nameOf(pointer.field), offset, block, used));
+    note(field, fmt::format("a {} pointer leads to offset {} of block {}, which has {} bytes",
+                            nameOf(pointer.field), offset, block, used));
+    return false;
   }
-  if (!std::all_of(bytes.begin() + 4, bytes.end(), isZero)) {
-    refuse(chain_, field, "the bytes behind a relative pointer are not zero");
-  }
+  if (std::all_of(bytes.begin() + 4, bytes.end(), isZero)) return true;
+  note(field, "the bytes behind a relative pointer are not zero");
+  return false;
 }
 
-// Index of the text at `place`; it may be one that is known.
-std::size_t Walk::takeText(std::uint16_t kind, Place place, Place from) {
+// Index of the text at `place`, which may be one that is known; kNoText with a fault when there is
+// none.
+std::uint32_t Walk::takeText(std::uint16_t kind, Place place, Place from) {
   const bool isWide = chain_.kinds[kind].form == Form::WideText;
   Text text{place, 0, isWide};
   if (isWide) {
-    takeWide(place, from, text.length);
+    if (!takeWide(place, from, text.length)) return kNoText;
   } else {
     // Texts keep their places with 8-byte pointers; for others a new chain gets each by itself.
     const bool mayShareEnd = chain_.pointerWidth == 8;
-    refuseOwner(claims_.takeNarrow(place, mayShareEnd, text.length), place, from);
+    const Owner owner = claims_.takeNarrow(place, mayShareEnd, text.length);
+    if (!isFree(owner, place, from)) return kNoText;
     if (text.length == 0) {
-      refuse(chain_, place, "a narrow text begins here and has no end in its block");
+      note(place, "a narrow text begins here and has no end in its block");
+      return kNoText;
     }
-    const auto [known, isNew] = textAt_.emplace(keyOf(place), chain_.texts.size());
+    const auto [known, isNew] =
+        textAt_.emplace(keyOf(place), static_cast<std::uint32_t>(chain_.texts.size()));
     if (!isNew) return known->second;
   }
   chain_.texts.push_back(text);
-  return chain_.texts.size() - 1;
+  return static_cast<std::uint32_t>(chain_.texts.size() - 1);
 }
 
-void Walk::takeWide(Place place, Place from, std::uint32_t &length) {
+// Bytes with the terminator.
+bool Walk::measureWide(Place place, std::uint32_t &length) {
   const std::uint32_t used = chain_.blocks[place.block].used;
   const std::uint32_t wideSize = chain_.version->wideSize;
   const std::size_t start = chain_.fileOffset(place);
@@ -271,99 +314,112 @@ void Walk::takeWide(Place place, Place from, std::uint32_t &length) {
       unit = chain_.version->isBigEndian ? first << 16 | second : second << 16 | first;
       utf16Len += unit >= 0x10000 ? 4 : 2;
       if (!isCharacter(unit) || utf16Len > kMostUtf16) {
-        refuse(chain_, {place.block, place.offset + length},
-               isCharacter(unit)
-                   ? "a wide text is too long to be turned into UTF-16"
-                   : fmt::format("a wide text holds 0x{:X}, which is no character", unit));
+        note({place.block, place.offset + length},
+             isCharacter(unit)
+                 ? "a wide text is too long to be turned into UTF-16"
+                 : fmt::format("a wide text holds 0x{:X}, which is no character", unit));
+        return false;
       }
     }
     isEnded = unit == 0;
   }
-  if (!isEnded) {
-    refuse(chain_, place, "a wide text begins here and has no end in its block");
-  }
-  if (place.offset % kWideAlignment != 0) {
-    refuse(chain_, from,
-           fmt::format("a wide text stands at {}, not at a multiple of {}", textOf(place),
-                       kWideAlignment));
-  }
-  // Writers with 2-byte characters reserve twice the length, for readers with 4-byte ones.
-  const std::uint32_t reserved = wideSize == 2 ? 2 * length : length;
-  if (reserved > used - place.offset) {
-    refuse(chain_, place, "a wide text begins here without the room to be widened");
-  }
-  refuseOwner(claims_.take(place, reserved, Owner::Wide), place, from);
+  if (!isEnded) note(place, "a wide text begins here and has no end in its block");
+  return isEnded;
 }
 
-// One step: into the next child, else on to the sibling, else up. False at the end.
-bool Walk::advance() {
+bool Walk::takeWide(Place place, Place from, std::uint32_t &length) {
+  if (!measureWide(place, length)) {
+    claims_.spend(length);
+    return false;
+  }
+  if (place.offset % kWideAlignment != 0) {
+    note(from, fmt::format("a wide text stands at {}, not at a multiple of {}", textOf(place),
+                           kWideAlignment));
+    claims_.spend(length);
+    return false;
+  }
+  // Writers with 2-byte characters reserve twice the length, for readers with 4-byte ones.
+  const std::uint32_t reserved = chain_.version->wideSize == 2 ? 2 * length : length;
+  if (reserved > chain_.blocks[place.block].used - place.offset) {
+    note(place, "a wide text begins here without the room to be widened");
+    claims_.spend(length);
+    return false;
+  }
+  return isFree(claims_.take(place, reserved, Owner::Wide), place, from);
+}
+
+// One step: into the next child, else on to the sibling, else up.
+void Walk::advance() {
   Level &level = levels_.back();
   const Segment segment = chain_.segments[level.segment];
-  const Kind &descriptor = chain_.kinds[level.kind];
-  const std::size_t firstChild = segment.firstPointer + (descriptor.hasSibling() ? 1U : 0U);
-  while (level.nextChild < descriptor.children.size()) {
-    Pointer &pointer = chain_.pointers[firstChild + level.nextChild++];
-    if (pointer.isNull) continue;
-    const Place from = fieldPlace(segment, pointer.offset);
-    if (isText(chain_.kinds[pointer.kind].form)) {
-      pointer.text = takeText(pointer.kind, pointer.target, from);
-      continue;
-    }
-    if (levels_.size() == MEM_PACK_MAX_LEVELS) {
-      refuse(chain_, from,
-             fmt::format("the structure is deeper than {} levels", MEM_PACK_MAX_LEVELS));
-    }
-    visit(pointer.kind, pointer.target, from);
-    return true;
+  while (level.nextPointer < segment.pointerCount) {
+    const std::size_t index = segment.firstPointer + level.nextPointer++;
+    const std::size_t depth = levels_.size();
+    if (chain_.pointers[index].field == Field::Child) follow(index, segment);
+    if (levels_.size() != depth) return;
   }
   levels_.pop_back();
-  const Pointer *sibling =
-      descriptor.hasSibling() ? &chain_.pointers[segment.firstPointer] : nullptr;
-  if (sibling != nullptr && !sibling->isNull) {
-    visit(segment.kind, sibling->target, fieldPlace(segment, sibling->offset));
+  const std::size_t first = segment.firstPointer;
+  if (segment.pointerCount > 0 && chain_.pointers[first].field == Field::Sibling) {
+    follow(first, segment);
   }
-  return true;
+}
+
+// To a child, or to a sibling when the level of its segment is left.
+void Walk::follow(std::size_t index, const Segment &segment) {
+  const Pointer pointer = chain_.pointers[index];
+  if (pointer.isNull || pointer.isFaulty) return;
+  const Place from = fieldPlace(segment, pointer.offset);
+  bool isFollowed = false;
+  if (isText(chain_.kinds[pointer.kind].form)) {
+    const std::uint32_t text = takeText(pointer.kind, pointer.target, from);
+    chain_.pointers[index].text = text;
+    isFollowed = text != kNoText;
+  } else if (levels_.size() == MEM_PACK_MAX_LEVELS) {
+    note(from, fmt::format("the structure is deeper than {} levels", MEM_PACK_MAX_LEVELS));
+  } else {
+    isFollowed = visit(pointer.kind, pointer.target, from);
+  }
+  chain_.pointers[index].isFaulty = !isFollowed;
 }
 
 // What a reference names must be reached by an owning pointer.
-void Walk::checkReferences() const {
+void Walk::checkReferences() {
   std::vector<Place> places;
   places.reserve(chain_.segments.size());
   for (const Segment &segment : chain_.segments) places.push_back(segment.place);
   std::sort(places.begin(), places.end());
   for (const Segment &segment : chain_.segments) {
     for (std::size_t i = 0; i < segment.pointerCount; ++i) {
-      const Pointer &pointer = chain_.pointers[segment.firstPointer + i];
-      if (pointer.field != Field::Reference || pointer.isNull) continue;
+      Pointer &pointer = chain_.pointers[segment.firstPointer + i];
+      if (pointer.field != Field::Reference || pointer.isNull || pointer.isFaulty) continue;
       if (std::binary_search(places.begin(), places.end(), pointer.target)) continue;
-      refuse(
-          chain_, fieldPlace(segment, pointer.offset),
-          fmt::format("a reference leads to {}, where no segment begins", textOf(pointer.target)));
+      pointer.isFaulty = true;
+      note(fieldPlace(segment, pointer.offset),
+           fmt::format("a reference leads to {}, where no segment begins", textOf(pointer.target)));
     }
   }
 }
 
-void readBody(PackedChain &chain, Console &console) {
-  try {
-    Walk(chain, console).run();
-  } catch (const FaultFound &found) {
-    chain.fault = found.fault;
-  }
-}
-
-PackedChain readWith(const PackedChain &head, PointerWidth width, Console &console) {
-  PackedChain chain = head;
+// Reads with pointers of one width; the bytes are moved, not copied.
+PackedChain readWith(PackedChain chain, PointerWidth width, Console &console) {
   chain.pointerWidth = width.bytes;
   chain.isWidthGuessed = width.isGuess;
-  readBody(chain, console);
+  Walk(chain, console).run();
   return chain;
 }
 
 // A fault may be none under the other width, which only the user can know then.
-void remarkOnWidth(const PackedChain &head, PackedChain &chain, Console &console) {
+void remarkOnWidth(PackedChain &chain, Console &console) {
   const std::uint32_t other = chain.pointerWidth == 8 ? 4 : 8;
-  if (readWith(head, {other, true}, console).fault) return;
-  chain.fault->remark = fmt::format(
+  if (!chain.isHeadSound) return;
+  PackedChain head;
+  head.bytes = std::move(chain.bytes);
+  readHead(head);
+  PackedChain again = readWith(std::move(head), {other, true}, console);
+  chain.bytes = std::move(again.bytes);
+  if (!again.isSound()) return;
+  chain.faults.front().remark = fmt::format(
       "with pointers of {} bytes the file would be valid (--pointers {})", other, other);
 }
 
@@ -372,15 +428,13 @@ void remarkOnWidth(const PackedChain &head, PackedChain &chain, Console &console
 PackedChain readChain(std::string bytes, std::uint32_t pointerWidth, Console &console) {
   PackedChain head;
   head.bytes = std::move(bytes);
-  try {
-    readHead(head);
-  } catch (const FaultFound &found) {
-    head.fault = found.fault;
-    return head;
-  }
-  if (pointerWidth != 0) return readWith(head, {pointerWidth, false}, console);
-  PackedChain chain = readWith(head, findPointerWidth(head), console);
-  if (chain.fault) remarkOnWidth(head, chain, console);
+  const bool mayFollow = readHead(head);
+  head.isHeadSound = head.isSound();
+  if (!mayFollow) return head;
+  if (pointerWidth != 0) return readWith(std::move(head), {pointerWidth, false}, console);
+  const PointerWidth found = findPointerWidth(head);
+  PackedChain chain = readWith(std::move(head), found, console);
+  if (!chain.isSound()) remarkOnWidth(chain, console);
   return chain;
 }
 

@@ -3,6 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
+#include <numeric>
+#include <tuple>
+#include <utility>
 
 #include "tool_table.hpp"
 #include "tool_text.hpp"
@@ -93,6 +97,11 @@ void printKinds(Console &console, const PackedChain &chain) {
   console.write(table.text(console));
 }
 
+std::string usedText(const Block &block) {
+  return block.isCut() ? fmt::format("{} of {}", block.used, block.told)
+                       : std::to_string(block.used);
+}
+
 void printBlocks(Console &console, const PackedChain &chain) {
   if (chain.blocks.empty()) return;
   console.print("\n{}\n", console.paint(Ink::Heading, "Blocks"));
@@ -105,7 +114,7 @@ void printBlocks(Console &console, const PackedChain &chain) {
   for (std::size_t i = 0; i < chain.blocks.size(); ++i) {
     table.add({{std::to_string(i), Ink::Place},
                {std::to_string(chain.blocks[i].fileOffset)},
-               {std::to_string(chain.blocks[i].used)},
+               {usedText(chain.blocks[i])},
                {std::to_string(counts[i].segments)},
                {std::to_string(counts[i].texts)}});
   }
@@ -124,6 +133,8 @@ void printPointer(Console &console, const PackedChain &chain, const Pointer &poi
                                  fieldName(chain, pointer));
   if (pointer.isNull) {
     line += console.paint(Ink::Dim, "null");
+  } else if (pointer.isFaulty) {
+    line += console.paint(Ink::Bad, targetText(pointer) + "  (a fault)");
   } else {
     line += console.paint(Ink::Place, textOf(pointer.target));
   }
@@ -151,10 +162,11 @@ void printSegments(Console &console, const PackedChain &chain, bool withData) {
                 grouped(chain.segments.size()), "the order of the structure");
   for (const Segment &segment : chain.segments) {
     const std::string indent(2 + 2 * std::size_t{segment.level}, ' ');
-    console.print("{}{}  kind {}, {}{} bytes\n", indent,
-                  console.paint(Ink::Place, textOf(segment.place)), segment.kind,
-                  chain.kinds[segment.kind].form == Form::Unknown ? "at least " : "",
-                  segment.length);
+    console.print(
+        "{}{}  kind {}, {}{} bytes\n", indent, console.paint(Ink::Place, textOf(segment.place)),
+        segment.kind,
+        segment.isCut || chain.kinds[segment.kind].form == Form::Unknown ? "at least " : "",
+        segment.length);
     for (std::size_t i = 0; i < segment.pointerCount; ++i) {
       printPointer(console, chain, chain.pointers[segment.firstPointer + i], indent);
     }
@@ -181,46 +193,159 @@ Json kindJson(std::size_t index, const Kind &kind) {
   return json;
 }
 
+Json blockJson(std::size_t number, const Block &block, const BlockCount &count) {
+  Json json{{"block", number}, {"fileOffset", block.fileOffset}, {"used", block.used}};
+  if (block.isCut()) json["toldUsed"] = block.told;
+  json["segments"] = count.segments;
+  json["texts"] = count.texts;
+  return json;
+}
+
 Json blocksJson(const PackedChain &chain) {
   Json list = Json::array();
   const std::vector<BlockCount> counts = countItems(chain);
   for (std::size_t i = 0; i < chain.blocks.size(); ++i) {
-    list.push_back({{"block", i},
-                    {"fileOffset", chain.blocks[i].fileOffset},
-                    {"used", chain.blocks[i].used},
-                    {"segments", counts[i].segments},
-                    {"texts", counts[i].texts}});
+    list.push_back(blockJson(i, chain.blocks[i], counts[i]));
   }
   return list;
 }
 
-Json pointerJson(const PackedChain &chain, const Pointer &pointer) {
-  Json json{{"field", nameOf(pointer.field)}, {"offset", pointer.offset}};
-  if (pointer.field == Field::Child) json["kind"] = pointer.kind;
-  json["target"] = pointer.isNull ? Json() : placeJson(pointer.target);
-  if (pointer.text == kNoText) return json;
-  const Text &text = chain.texts[pointer.text];
-  const std::string utf8 = chain.utf8Of(text);
-  json["text"] = utf8.size() <= kMostJsonText ? utf8 : validUtf8(utf8.substr(0, kMostJsonText));
-  if (utf8.size() > kMostJsonText) json["isCut"] = true;
-  json["isWide"] = text.isWide;
-  return json;
+// Values within an array of the document, with their indentation.
+std::string indented(const Json &json, std::size_t columns) {
+  const std::string text = json.dump(2);
+  std::string shifted;
+  for (const char c : text) {
+    shifted += c;
+    if (c == '\n') shifted.append(columns, ' ');
+  }
+  return shifted;
 }
 
-Json segmentJson(const PackedChain &chain, const Segment &segment, bool withData) {
-  Json json{{"block", segment.place.block}, {"offset", segment.place.offset},
-            {"kind", segment.kind},         {"level", segment.level},
-            {"length", segment.length},     {"pointers", Json::array()}};
-  for (std::size_t i = 0; i < segment.pointerCount; ++i) {
-    json["pointers"].push_back(pointerJson(chain, chain.pointers[segment.firstPointer + i]));
+// Writes the segments of a chain without holding the document.
+class SegmentsJson {
+ public:
+  SegmentsJson(Console &console, const PackedChain &chain, bool withData)
+      : console_(console), chain_(chain), withData_(withData), isWritten_(chain.texts.size()) {
+    findWholeTexts();
   }
-  if (!withData) return json;
-  json["data"] = Json::array();
-  for (const PackedChain::Run &run : chain.dataRuns(segment)) {
-    json["data"].push_back({{"offset", run.offset}, {"bytes", hexOf(run.bytes, "")}});
+
+  void write() {
+    if (chain_.segments.empty()) {
+      console_.write("[]");
+      return;
+    }
+    bool isFirst = true;
+    for (const Segment &segment : chain_.segments) {
+      out_ += isFirst ? "[\n" : ",\n";
+      isFirst = false;
+      addSegment(segment);
+      if (out_.size() >= kBuffered) flush();
+    }
+    out_ += "\n  ]";
+    flush();
   }
-  return json;
-}
+
+ private:
+  static constexpr std::size_t kBuffered = 1 << 16;
+
+  template <class... Args>
+  void add(fmt::format_string<Args...> format, Args &&...args) {
+    fmt::format_to(std::back_inserter(out_), format, std::forward<Args>(args)...);
+  }
+  void flush() {
+    console_.write(out_);
+    out_.clear();
+  }
+
+  // Of narrow texts that share their end, the longest holds the others.
+  void findWholeTexts() {
+    wholes_.resize(chain_.texts.size());
+    std::iota(wholes_.begin(), wholes_.end(), 0U);
+    std::vector<std::uint32_t> order(wholes_);
+    const auto keyOf = [this](std::uint32_t index) {
+      const Text &text = chain_.texts[index];
+      return std::tuple(text.place.block, text.place.offset + text.length, text.place.offset);
+    };
+    std::sort(order.begin(), order.end(),
+              [&](std::uint32_t a, std::uint32_t b) { return keyOf(a) < keyOf(b); });
+    for (std::size_t i = 1; i < order.size(); ++i) {
+      const auto [block, end, offset] = keyOf(order[i]);
+      const auto [blockBefore, endBefore, offsetBefore] = keyOf(order[i - 1]);
+      if (block == blockBefore && end == endBefore) wholes_[order[i]] = wholes_[order[i - 1]];
+    }
+  }
+
+  void addSegment(const Segment &segment) {
+    add("    {{\n      \"block\": {},\n      \"offset\": {},\n      \"kind\": {},\n"
+        "      \"level\": {},\n      \"length\": {},\n",
+        segment.place.block, segment.place.offset, segment.kind, segment.level, segment.length);
+    if (segment.isCut) out_ += "      \"isCut\": true,\n";
+    out_ += "      \"pointers\": [";
+    for (std::size_t i = 0; i < segment.pointerCount; ++i) {
+      out_ += i == 0 ? "\n" : ",\n";
+      addPointer(chain_.pointers[segment.firstPointer + i]);
+    }
+    out_ += segment.pointerCount == 0 ? "]" : "\n      ]";
+    if (withData_) addData(segment);
+    out_ += "\n    }";
+  }
+
+  void addPlace(Place place) {
+    add("{{\n            \"block\": {},\n            \"offset\": {}\n          }}", place.block,
+        place.offset);
+  }
+
+  void addPointer(const Pointer &pointer) {
+    add("        {{\n          \"field\": \"{}\",\n          \"offset\": {},\n",
+        nameOf(pointer.field), pointer.offset);
+    if (pointer.field == Field::Child) add("          \"kind\": {},\n", pointer.kind);
+    out_ += "          \"target\": ";
+    if (pointer.isNull || pointer.isFaulty) {
+      out_ += "null";
+    } else {
+      addPlace(pointer.target);
+    }
+    if (pointer.isFaulty) out_ += ",\n          \"isFaulty\": true";
+    if (pointer.text != kNoText) addText(pointer.text);
+    out_ += "\n        }";
+  }
+
+  void addText(std::uint32_t index) {
+    const Text &text = chain_.texts[index];
+    const std::uint32_t whole = wholes_[index];
+    if (whole != index || isWritten_[index]) {
+      out_ += ",\n          \"textAt\": ";
+      addPlace(chain_.texts[whole].place);
+    } else {
+      isWritten_[index] = true;
+      const std::string utf8 = chain_.utf8Of(text);
+      const bool isCut = utf8.size() > kMostJsonText;
+      const std::string shown = isCut ? validUtf8(utf8.substr(0, kMostJsonText)) : utf8;
+      add(",\n          \"text\": {}", Json(shown).dump());
+      if (isCut) out_ += ",\n          \"isCut\": true";
+    }
+    add(",\n          \"isWide\": {}", text.isWide);
+  }
+
+  void addData(const Segment &segment) {
+    out_ += ",\n      \"data\": [";
+    bool isFirst = true;
+    for (const PackedChain::Run &run : chain_.dataRuns(segment)) {
+      out_ += isFirst ? "\n" : ",\n";
+      isFirst = false;
+      add("        {{\n          \"offset\": {},\n          \"bytes\": \"{}\"\n        }}",
+          run.offset, hexOf(run.bytes, ""));
+    }
+    out_ += isFirst ? "]" : "\n      ]";
+  }
+
+  Console &console_;
+  const PackedChain &chain_;
+  bool withData_;
+  std::vector<std::uint32_t> wholes_;  // of each text: the longest one with the same end
+  std::vector<bool> isWritten_;        // of each text
+  std::string out_;
+};
 
 Json verdictJson(const Verdict &verdict) {
   if (!verdict.wasAsked) return {{"wasAsked", false}, {"whyNot", verdict.whyNot}};
@@ -230,14 +355,47 @@ Json verdictJson(const Verdict &verdict) {
           {"text", verdict.text}};
 }
 
-Json faultJson(const Fault &fault, const Verdict &verdict) {
+Json faultJson(const Fault &fault) {
   return {{"block", fault.place.block},
           {"offset", fault.place.offset},
           {"fileOffset", fault.fileOffset},
           {"what", fault.what},
-          {"remark", fault.remark.empty() ? Json() : Json(fault.remark)},
-          {"code", verdict.code == 0 ? Json() : Json(verdict.code)},
-          {"library", verdictJson(verdict)}};
+          {"remark", fault.remark.empty() ? Json() : Json(fault.remark)}};
+}
+
+// The first fault, with what the library says of the chain.
+Json firstFaultJson(const PackedChain &chain, const Verdict &verdict) {
+  if (chain.isSound()) return {};
+  Json json = faultJson(chain.faults.front());
+  json["code"] = verdict.code == 0 ? Json() : Json(verdict.code);
+  json["library"] = verdictJson(verdict);
+  return json;
+}
+
+void addFaults(Json &json, const PackedChain &chain, const std::optional<Verdict> &verdict) {
+  json["fault"] = firstFaultJson(chain, verdict.value_or(Verdict{}));
+  json["faults"] = Json::array();
+  for (const Fault &fault : chain.faults) json["faults"].push_back(faultJson(fault));
+}
+
+Json headJson(const std::string &name, const PackedChain &chain) {
+  Json json{{"file", validUtf8(name)}, {"bytes", chain.bytes.size()}};
+  if (chain.version) {
+    json["version"] = chain.version->text;
+    json["writer"] = {{"isEbcdic", chain.version->isEbcdic},
+                      {"isBigEndian", chain.version->isBigEndian},
+                      {"hasOldControlBlock", chain.version->isOldLayout},
+                      {"wideSize", chain.version->wideSize},
+                      {"pointerWidth", chain.pointerWidth == 0 ? Json() : Json(chain.pointerWidth)},
+                      {"isPointerWidthGuessed", chain.isWidthGuessed}};
+  }
+  json["controlBlock"] = {{"length", chain.controlBlockLen}, {"kinds", Json::array()}};
+  for (std::size_t i = 0; i < chain.readKindCount(); ++i) {
+    json["controlBlock"]["kinds"].push_back(kindJson(i, chain.kinds[i]));
+  }
+  json["blocks"] = blocksJson(chain);
+  json["root"] = chain.root ? placeJson(*chain.root) : Json();
+  return json;
 }
 
 }  // namespace
@@ -302,29 +460,31 @@ void printChain(Console &console, const std::string &name, const PackedChain &ch
   printSegments(console, chain, withData);
 }
 
-Json chainJson(const std::string &name, const PackedChain &chain,
-               const std::optional<Verdict> &verdict, bool withData) {
-  Json json{{"file", name}, {"bytes", chain.bytes.size()}};
-  if (chain.version) {
-    json["version"] = chain.version->text;
-    json["writer"] = {{"isEbcdic", chain.version->isEbcdic},
-                      {"isBigEndian", chain.version->isBigEndian},
-                      {"hasOldControlBlock", chain.version->isOldLayout},
-                      {"wideSize", chain.version->wideSize},
-                      {"pointerWidth", chain.pointerWidth == 0 ? Json() : Json(chain.pointerWidth)},
-                      {"isPointerWidthGuessed", chain.isWidthGuessed}};
+void writeChainJson(Console &console, const std::string &name, const PackedChain &chain,
+                    const std::optional<Verdict> &verdict, bool withData) {
+  const Json head = headJson(name, chain);
+  console.write("{");
+  for (const auto &[key, value] : head.items()) {
+    console.print("\n  \"{}\": {},", key, indented(value, 2));
   }
-  json["controlBlock"] = {{"length", chain.controlBlockLen}, {"kinds", Json::array()}};
-  for (std::size_t i = 0; i < chain.readKindCount(); ++i) {
-    json["controlBlock"]["kinds"].push_back(kindJson(i, chain.kinds[i]));
+  console.write("\n  \"segments\": ");
+  SegmentsJson(console, chain, withData).write();
+  console.print(",\n  \"fault\": {},\n  \"faults\": [",
+                indented(firstFaultJson(chain, verdict.value_or(Verdict{})), 2));
+  bool isFirst = true;
+  for (const Fault &fault : chain.faults) {
+    console.print("{}\n    {}", isFirst ? "" : ",", indented(faultJson(fault), 4));
+    isFirst = false;
   }
-  json["blocks"] = blocksJson(chain);
-  json["root"] = chain.root ? placeJson(*chain.root) : Json();
-  json["segments"] = Json::array();
-  for (const Segment &segment : chain.segments) {
-    json["segments"].push_back(segmentJson(chain, segment, withData));
-  }
-  json["fault"] = chain.fault ? faultJson(*chain.fault, verdict.value_or(Verdict{})) : Json();
+  console.write(isFirst ? "]\n}\n" : "\n  ]\n}\n");
+}
+
+Json chainCheckJson(const std::string &name, const PackedChain &chain,
+                    const std::optional<Verdict> &verdict) {
+  Json json{{"file", validUtf8(name)},           {"isSound", chain.isSound()},
+            {"bytes", chain.bytes.size()},       {"blocks", chain.blocks.size()},
+            {"segments", chain.segments.size()}, {"texts", chain.texts.size()}};
+  addFaults(json, chain, verdict);
   return json;
 }
 

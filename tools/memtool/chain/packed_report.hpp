@@ -33,7 +33,13 @@ std::vector<BlockCount> countItems(const PackedChain &chain);
 void printChain(Console &console, const std::string &name, const PackedChain &chain, bool withData);
 
 // `verdict`: what the library says of a chain with a fault.
-nlohmann::ordered_json chainJson(const std::string &name, const PackedChain &chain,
-                                 const std::optional<Verdict> &verdict, bool withData);
+// Writes all that was read as JSON, piece by piece. A text stands with the first pointer to it; for
+// others, and for those to its end, "textAt" names where it stands.
+void writeChainJson(Console &console, const std::string &name, const PackedChain &chain,
+                    const std::optional<Verdict> &verdict, bool withData);
+
+// What --check shows: the counts and the faults.
+nlohmann::ordered_json chainCheckJson(const std::string &name, const PackedChain &chain,
+                                      const std::optional<Verdict> &verdict);
 
 }  // namespace memtool

@@ -259,7 +259,7 @@ std::string remarkOf(const Verdict &verdict) {
 Verdict askLibrary(RunningLibrary &library, const PackedChain &chain) {
   const std::optional<Contents> contents = contentsOf(chain);
   if (!contents) return notAsked("the file does not form blocks");
-  if (chain.pointerWidth != 4) {
+  if (chain.pointerWidth != 4 || !chain.isHeadSound) {
     return unpack(library, *contents, callersInPlace(chain).get());
   }
   const std::optional<CallersKinds> callers = callersOfNewChain(chain);

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "memtool_commands.hpp"
@@ -21,17 +22,16 @@ constexpr const char *kFooter =
     "  memtool chain FILE                        what is in it\n"
     "  memtool chain FILE --data                 the segments' other bytes as well\n"
     "  memtool chain FILE --json | jq .blocks    the same for programs\n"
-    "  memtool chain FILE --check                is it sound? Tells the first fault\n"
+    "  memtool chain FILE --check                is it sound? Tells every fault\n"
     "  memtool chain FILE --svg OUT.svg          a picture of its first blocks\n"
     "  memtool chain FILE --to-native OUT        any writer's chain as one of this platform\n"
     "\n"
     "FILE holds the blocks in order, each as its used bytes from block offset 8 on. Places are\n"
-    "written as block:offset, the offset counted as in relative pointers. A chain that has a "
-    "fault\n"
-    "is shown up to there, and the exit code is 1.";
+    "written as block:offset, the offset counted as in relative pointers. Of a damaged\n"
+    "chain everything is shown but what hangs below its faults, and the exit code is 1.";
 
 struct ChainOptions {
-  std::string file;
+  std::vector<std::string> files;
   bool asJson = false;
   bool withData = false;
   bool checks = false;
@@ -43,9 +43,25 @@ struct ChainOptions {
   std::int32_t blockLength = 0;
 };
 
-[[noreturn]] void throwFault(const ChainOptions &options, const Fault &fault,
-                             const Verdict &verdict) {
-  throw ToolError(options.file + ": " + fault.text() + remarkOf(verdict));
+// A line for each fault, and for several of them one with what the library says of the chain.
+ExitCode tellFaults(Console &console, const std::string &file, const PackedChain &chain,
+                    const std::optional<Verdict> &verdict) {
+  const std::string remark = verdict ? remarkOf(*verdict) : "";
+  const bool isOne = chain.faults.size() == 1;
+  console.out().flush();
+  for (const Fault &fault : chain.faults) {
+    complain(console, kExitFault, fmt::format("{}: {}{}", file, fault.text(), isOne ? remark : ""),
+             {{"file", validUtf8(file)},
+              {"block", fault.place.block},
+              {"offset", fault.place.offset},
+              {"fileOffset", fault.fileOffset}});
+  }
+  if (!isOne) {
+    complain(console, kExitFault,
+             fmt::format("{}: {}{}", file, countOf(chain.faults.size(), "fault"), remark),
+             {{"file", validUtf8(file)}});
+  }
+  return kExitFault;
 }
 
 // What the library says of a chain that has a fault. Without a library the fault is shown alone.
@@ -69,25 +85,27 @@ void refuseGuess(const std::string &file, const PackedChain &chain, const char *
 
 PackedChain readLike(const ChainOptions &options, Console &console) {
   PackedChain chain = readChain(readFile(options.like), options.likePointerWidth, console);
-  if (chain.fault) throw ToolError(options.like + ": " + chain.fault->text());
+  if (!chain.isSound()) throw ToolError(options.like + ": " + chain.faults.front().text());
   refuseGuess(options.like, chain, "--like-pointers");
   return chain;
 }
 
-void printSound(Console &console, const ChainOptions &options, const PackedChain &chain) {
-  console.print("{}: {}, {} segments and {} texts in {} block{}\n", options.file,
+void printSound(Console &console, const std::string &file, const PackedChain &chain) {
+  console.print("{}: {}, {} segments and {} texts in {} block{}\n", file,
                 console.paint(Ink::Good, "sound"), grouped(chain.segments.size()),
                 grouped(chain.texts.size()), grouped(chain.blocks.size()),
                 chain.blocks.size() == 1 ? "" : "s");
 }
 
-void writePicture(Console &console, const ChainOptions &options, const PackedChain &chain) {
-  writeFile(options.picture, chainPicture(options.file, chain));
+void writePicture(Console &console, const ChainOptions &options, const std::string &file,
+                  const PackedChain &chain) {
+  writeFile(options.picture, chainPicture(file, chain));
   if (!options.asJson) console.print("{}: the picture is written\n", options.picture);
 }
 
-void writeNative(Tool &tool, const ChainOptions &options, const PackedChain &chain) {
-  refuseGuess(options.file, chain, "--pointers");
+void writeNative(Tool &tool, const ChainOptions &options, const std::string &file,
+                 const PackedChain &chain) {
+  refuseGuess(file, chain, "--pointers");
   NativeRequest request;
   request.blockLength = options.blockLength;
   if (!options.like.empty()) request.like = readLike(options, tool.console);
@@ -102,7 +120,27 @@ void writeNative(Tool &tool, const ChainOptions &options, const PackedChain &cha
   if (!native.remark.empty()) tool.console.print("{}\n", native.remark);
 }
 
-// What is left of the chain is shown in front of its fault, where it is to be shown at all.
+// What can be read of the chain is shown in front of its faults, where it is to be shown at all.
+ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &file) {
+  Console &console = tool.console;
+  const PackedChain chain = readChain(readFile(file), options.pointerWidth, console);
+  std::optional<Verdict> verdict;
+  if (!chain.isSound()) verdict = verdictOn(tool, chain);
+  const bool isQuiet = options.checks || !options.picture.empty() || !options.native.empty();
+  if (options.asJson && options.checks) {
+    console.print("{}\n", chainCheckJson(file, chain, verdict).dump(2));
+  } else if (options.asJson) {
+    writeChainJson(console, file, chain, verdict, options.withData);
+  } else if (!isQuiet) {
+    printChain(console, file, chain, options.withData);
+  }
+  if (!options.picture.empty() && chain.version) writePicture(console, options, file, chain);
+  if (!chain.isSound()) return tellFaults(console, file, chain, verdict);
+  if (options.checks && !options.asJson) printSound(console, file, chain);
+  if (!options.native.empty()) writeNative(tool, options, file, chain);
+  return kExitFine;
+}
+
 ExitCode runChain(Tool &tool, const ChainOptions &options) {
   if (options.native.empty() && (!options.like.empty() || options.blockLength != 0)) {
     throw UsageError("--like and --block-length go with --to-native");
@@ -110,24 +148,12 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
   if (options.like.empty() && options.likePointerWidth != 0) {
     throw UsageError("--like-pointers goes with --like");
   }
-  const PackedChain chain = readChain(readFile(options.file), options.pointerWidth, tool.console);
-  std::optional<Verdict> verdict;
-  if (chain.fault) verdict = verdictOn(tool, chain);
-  const bool isQuiet = options.checks || !options.picture.empty() || !options.native.empty();
-  if (options.asJson) {
-    const auto json = chainJson(options.file, chain, verdict, options.withData);
-    tool.console.print("{}\n", json.dump(2));
-  } else if (!isQuiet) {
-    printChain(tool.console, options.file, chain, options.withData);
+  const bool writes = !options.native.empty() || !options.picture.empty();
+  if (writes && options.files.size() > 1) {
+    throw UsageError("--svg and --to-native take one FILE");
   }
-  if (!options.picture.empty() && chain.version) writePicture(tool.console, options, chain);
-  if (chain.fault) {
-    tool.console.out().flush();
-    throwFault(options, *chain.fault, *verdict);
-  }
-  if (options.checks && !options.asJson) printSound(tool.console, options, chain);
-  if (!options.native.empty()) writeNative(tool, options, chain);
-  return kExitFine;
+  return forEachFile(tool, options.files, options.asJson, !options.checks,
+                     [&](const std::string &file) { return showChain(tool, options, file); });
 }
 
 }  // namespace
@@ -135,7 +161,7 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
 void addChainCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<ChainOptions>();
   CLI::App *const command = app.add_subcommand("chain", "Look into the file of a packed chain");
-  command->add_option("FILE", options->file, "The chain")->required()->type_name("");
+  command->add_option("FILE", options->files, "The chains; - is stdin")->required()->type_name("");
   command->add_flag("--json", options->asJson, "Write JSON instead of tables");
   command->add_flag("--data", options->withData, "Show the bytes between the pointer fields");
   command->add_flag("--check", options->checks, "Only tell whether the chain is sound");

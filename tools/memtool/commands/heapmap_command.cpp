@@ -34,7 +34,7 @@ constexpr const char *kFooter =
     "  echo 'open a heap 1' | memtool heapmap -";
 
 struct HeapmapOptions {
-  std::string script;
+  std::vector<std::string> scripts;
   std::string picture;
   bool showsExample = false;
 };
@@ -89,17 +89,12 @@ void printSnapshots(Console &console, const std::vector<Snapshot> &snapshots) {
 
 std::string scriptText(const std::string &file) {
   if (file.empty()) return std::string(kExampleScript);
-  if (file != "-") return readFile(file);
-  return std::string(std::istreambuf_iterator<char>(std::cin), {});
+  return readFile(file);
 }
 
-ExitCode runHeapmap(Tool &tool, const HeapmapOptions &options) {
-  if (options.showsExample) {
-    tool.console.write(kExampleScript);
-    return kExitFine;
-  }
-  const std::string name = options.script.empty() ? "the example" : options.script;
-  const std::string script = scriptText(options.script);
+ExitCode runScript(Tool &tool, const HeapmapOptions &options, const std::string &file) {
+  const std::string name = file.empty() ? "the example" : file;
+  const std::string script = scriptText(file);
   RunningLibrary library(pathFromUtf8(tool.library));
   const std::vector<Snapshot> snapshots = runHeapScript(library, name, script);
   printSnapshots(tool.console, snapshots);
@@ -109,13 +104,27 @@ ExitCode runHeapmap(Tool &tool, const HeapmapOptions &options) {
   return kExitFine;
 }
 
+ExitCode runHeapmap(Tool &tool, const HeapmapOptions &options) {
+  if (options.showsExample) {
+    tool.console.write(kExampleScript);
+    return kExitFine;
+  }
+  if (!options.picture.empty() && options.scripts.size() > 1) {
+    throw UsageError("--svg takes one SCRIPT");
+  }
+  std::vector<std::string> scripts = options.scripts;
+  if (scripts.empty()) scripts.emplace_back();
+  return forEachFile(tool, scripts, false, true,
+                     [&](const std::string &script) { return runScript(tool, options, script); });
+}
+
 }  // namespace
 
 void addHeapmapCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<HeapmapOptions>();
   CLI::App *const command =
       app.add_subcommand("heapmap", "Run heap and cell calls and show where everything lies");
-  command->add_option("SCRIPT", options->script, "The calls; - reads stdin; none: an example")
+  command->add_option("SCRIPT", options->scripts, "The calls; - is stdin; none: an example")
       ->type_name("");
   command->add_option("--svg", options->picture, "Draw the areas")->type_name("OUT.svg");
   command->add_flag("--example", options->showsExample, "Write the example's script");

@@ -1,28 +1,31 @@
 #include "memtool_run.hpp"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
+#include <new>
+#include <nlohmann/json.hpp>
+#include <numeric>
 #include <ostream>
+#include <utility>
 
 #include "memtool_commands.hpp"
+#include "tool_text.hpp"
 
 namespace memtool {
 namespace {
 
 constexpr const char *kFooter =
-    "Exit codes: 0 fine, 1 the input has a fault or the operation failed, 2 wrong usage.\n"
-    "`memtool COMMAND --help` shows a command's options and examples.";
-
-// Failure texts stand on one line, whatever they quote.
-std::string oneLine(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-  return text;
-}
+    "FILE may be - for standard input. Exit codes: 0 good; 1 damaged or different, or the "
+    "operation\n"
+    "failed; 2 wrong usage; 3 something cannot be read or written. Of several files the highest\n"
+    "counts. `memtool COMMAND --help` shows a command's options and examples.";
+constexpr const char *kJsonErrors = "--json-errors";
 
 ExitCode fail(Console &console, const std::string &what, ExitCode code) {
-  console.err() << "memtool: " << oneLine(what) << std::endl;
+  complain(console, code, what);
   return code;
 }
 
@@ -34,8 +37,10 @@ void describe(CLI::App &app, Tool &tool) {
   app.add_option("--library", tool.library,
                  "The library to use instead of the one beside the program")
       ->type_name("PATH");
+  app.add_flag(kJsonErrors, tool.hasJsonErrors,
+               "Write each failure as a JSON object on a line of stderr");
   app.require_subcommand(1);
-  app.fallthrough();  // --library may stand behind the command's name, too
+  app.fallthrough();  // they may stand behind the command's name, too
   app.footer(kFooter);
   addChainCommand(app, tool);
   addContractCommand(app, tool);
@@ -44,41 +49,145 @@ void describe(CLI::App &app, Tool &tool) {
   addPortCommand(app, tool);
 }
 
+// Characters to insert, remove or change to make one word of the other.
+std::size_t distance(std::string_view from, std::string_view to) {
+  std::vector<std::size_t> row(to.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 0; i < from.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < to.size(); ++j) {
+      const std::size_t changed = diagonal + (from[i] == to[j] ? 0U : 1U);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
+    }
+  }
+  return row.back();
+}
+
+std::string nearest(std::string_view word, const std::vector<std::string> &known) {
+  return *std::min_element(known.begin(), known.end(),
+                           [word](const std::string &a, const std::string &b) {
+                             return distance(word, a) < distance(word, b);
+                           });
+}
+
+std::vector<std::string> optionsOf(const CLI::App &app) {
+  std::vector<std::string> names;
+  const auto add = [&names](const CLI::App &from) {
+    for (const CLI::Option *option : from.get_options()) {
+      for (const std::string &name : option->get_lnames()) names.push_back("--" + name);
+    }
+  };
+  add(app);
+  for (const CLI::App *command : app.get_subcommands()) add(*command);
+  return names;
+}
+
+// Names the word that is not known, and the known one that is most like it. "" when that is not
+// what is wrong.
+std::string unknownWord(const CLI::App &app) {
+  for (const std::string &word : app.remaining(true)) {
+    if (word.starts_with("--")) {
+      const std::string name = word.substr(0, word.find('='));
+      return fmt::format("there is no option {}; the most similar one is {}", name,
+                         nearest(name, optionsOf(app)));
+    }
+    if (!app.get_subcommands().empty() || word.starts_with('-')) continue;
+    std::vector<std::string> commands;
+    for (const CLI::App *command : app.get_subcommands(nullptr)) {
+      commands.push_back(command->get_name());
+    }
+    return fmt::format("there is no command {}; the most similar one is {}", inQuotes(word, 40),
+                       nearest(word, commands));
+  }
+  return "";
+}
+
+void flush(Console &console) {
+  if (!console.out().flush()) throw FileError("the output could not be written");
+}
+
 ExitCode parseAndRun(CLI::App &app, Tool &tool, std::vector<std::string> words) {
   std::reverse(words.begin(), words.end());  // the order that the parser takes
   app.parse(words);
-  const ExitCode code = tool.command();
-  if (!tool.console.out().flush()) throw ToolError("the output could not be written");
-  return code;
+  return tool.command();
 }
 
 ExitCode run(const std::vector<std::string> &words, Console &console) {
   Tool tool{console};
   CLI::App app("Looks into what QJ7MEM00 writes and does.");
   describe(app, tool);
+  ExitCode code = kExitFine;
   try {
-    return parseAndRun(app, tool, words);
+    code = parseAndRun(app, tool, words);
   } catch (const CLI::CallForHelp &) {
     console.write(app.help());
-    return kExitFine;
   } catch (const CLI::CallForVersion &version) {
     console.print("{}\n", version.what());
-    return kExitFine;
   } catch (const CLI::ParseError &error) {
-    return fail(console, std::string(error.what()) + " (try --help)", kExitUsage);
+    const std::string unknown = unknownWord(app);
+    const std::string what = unknown.empty() ? std::string(error.what()) : unknown;
+    return fail(console, what + " (try --help)", kExitUsage);
   }
+  flush(console);
+  return code;
 }
 
 }  // namespace
 
+ExitCode tellFailure(Console &console, const std::exception &error, const std::string &file) {
+  console.out().flush();
+  const auto tell = [&](const std::string &what, ExitCode code) {
+    complain(console, code, what,
+             file.empty() ? nlohmann::ordered_json()
+                          : nlohmann::ordered_json{{"file", validUtf8(file)}});
+    return code;
+  };
+  if (dynamic_cast<const std::bad_alloc *>(&error) != nullptr) {
+    return tell((file.empty() ? "" : file + ": ") + "there is not enough memory", kExitFile);
+  }
+  if (dynamic_cast<const FileError *>(&error) != nullptr) return tell(error.what(), kExitFile);
+  if (dynamic_cast<const UsageError *>(&error) != nullptr) {
+    return tell(std::string(error.what()) + " (try --help)", kExitUsage);
+  }
+  return tell(error.what(), kExitFault);
+}
+
 ExitCode runMemtool(const std::vector<std::string> &words, Console &console) noexcept {
+  if (std::find(words.begin(), words.end(), kJsonErrors) != words.end()) console.useJsonErrors();
   try {
     return run(words, console);
-  } catch (const UsageError &error) {
-    return fail(console, std::string(error.what()) + " (try --help)", kExitUsage);
   } catch (const std::exception &error) {
-    return fail(console, error.what(), kExitFault);
+    return tellFailure(console, error, "");
   }
+}
+
+ExitCode forEachFile(Tool &tool, const std::vector<std::string> &files, bool asJson, bool isApart,
+                     const std::function<ExitCode(const std::string &)> &show) {
+  if (files.size() == 1) return show(files.front());
+  ExitCode worst = kExitFine;
+  bool isFirst = true;
+  for (const std::string &file : files) {
+    if (asJson) tool.console.write(isFirst ? "[\n" : ",\n");
+    if (!asJson && isApart && !isFirst) tool.console.write("\n");
+    isFirst = false;
+    ExitCode code = kExitFine;
+    try {
+      code = show(file);
+    } catch (const UsageError &) {
+      throw;
+    } catch (const std::exception &error) {
+      code = tellFailure(tool.console, error, file);
+      if (asJson) {
+        const nlohmann::ordered_json json{{"file", validUtf8(file)},
+                                          {"error", validUtf8(error.what())}};
+        tool.console.print("{}\n", json.dump(2));
+      }
+    }
+    worst = std::max(worst, code);
+  }
+  if (asJson) tool.console.write("]\n");
+  return worst;
 }
 
 }  // namespace memtool

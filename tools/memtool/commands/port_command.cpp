@@ -1,5 +1,6 @@
 // memtool port: looks into the file of a port string, and writes one.
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "memtool_commands.hpp"
@@ -30,7 +31,8 @@ constexpr const char *kFooter =
     "exit code is 1.";
 
 struct PortOptions {
-  std::string file;
+  std::vector<std::string> files;
+  std::string file;  // the one at hand
   bool asJson = false;
   bool checks = false;
   std::string picture;
@@ -55,7 +57,9 @@ void show(Console &console, const PortOptions &options, const PortDocument &docu
   const bool isQuiet = options.checks || !options.picture.empty();
   if (options.asJson) {
     const bool isGraph = !options.definitions.empty();
-    PortJson json = isGraph ? portGraphJson(document) : portTextJson(options.file, document);
+    PortJson json = options.checks ? portCheckJson(options.file, document)
+                    : isGraph      ? portGraphJson(document)
+                                   : portTextJson(options.file, document);
     if (isGraph && options.checks) json["notes"] = portNotesJson(notes);
     console.print("{}\n", json.dump(2));
   } else if (!isQuiet) {
@@ -77,10 +81,7 @@ void printNotes(Console &console, const PortOptions &options, const PortNotes &n
 
 // What readers let pass is a fault for --check only.
 void checkText(const PortOptions &options, const PortDocument &document) {
-  const bool hasDeviation = document.deviation && (!document.fault || document.deviation->offset <
-                                                                          document.fault->offset);
-  if (hasDeviation) throwFault(options, *document.deviation);
-  if (document.fault) throwFault(options, *document.fault);
+  if (const std::optional<PortFault> fault = firstPortFault(document)) throwFault(options, *fault);
 }
 
 ExitCode showText(Tool &tool, const PortOptions &options) {
@@ -139,14 +140,26 @@ ExitCode encode(Tool &tool, const PortOptions &options) {
   return kExitFine;
 }
 
+ExitCode showPort(Tool &tool, const PortOptions &options) {
+  return options.definitions.empty() ? showText(tool, options) : showDecoded(tool, options);
+}
+
 ExitCode runPort(Tool &tool, const PortOptions &options) {
   if (options.graph.empty()) {
-    if (options.file.empty()) throw UsageError("port needs a FILE, or --encode");
+    if (options.files.empty()) throw UsageError("port needs a FILE, or --encode");
     if (!options.output.empty()) throw UsageError("--output goes with --encode");
-    return options.definitions.empty() ? showText(tool, options) : showDecoded(tool, options);
+    if (!options.picture.empty() && options.files.size() > 1) {
+      throw UsageError("--svg takes one FILE");
+    }
+    return forEachFile(tool, options.files, options.asJson, !options.checks,
+                       [&](const std::string &file) {
+                         PortOptions one = options;
+                         one.file = file;
+                         return showPort(tool, one);
+                       });
   }
   if (options.definitions.empty()) throw UsageError("--encode needs --defs");
-  if (!options.file.empty() || options.asJson || options.checks || !options.picture.empty()) {
+  if (!options.files.empty() || options.asJson || options.checks || !options.picture.empty()) {
     throw UsageError("--encode takes --defs and --output only");
   }
   return encode(tool, options);
@@ -157,7 +170,7 @@ ExitCode runPort(Tool &tool, const PortOptions &options) {
 void addPortCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<PortOptions>();
   CLI::App *const command = app.add_subcommand("port", "Look into a port string, or write one");
-  command->add_option("FILE", options->file, "The port string")->type_name("");
+  command->add_option("FILE", options->files, "The port strings; - is stdin")->type_name("");
   command->add_flag("--json", options->asJson, "Write JSON instead of text");
   command->add_flag("--check", options->checks, "Only tell whether the port string is sound");
   command->add_option("--svg", options->picture, "Draw structures and pointers")

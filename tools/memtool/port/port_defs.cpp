@@ -124,7 +124,7 @@ void readNumberDefault(PortFieldDefinition &field, const PortJsonNode &node) {
                                                             : 0;
   const std::int64_t highest = isShort ? (isSigned ? INT16_MAX : UINT16_MAX)
                                        : (field.type == MEM_PORT_LONG ? INT32_MAX : UINT32_MAX);
-  const std::int64_t value = node.integer(lowest, highest);
+  const std::int64_t value = node.number(lowest, highest);
   if (isShort) {
     field.record.Default.Short = static_cast<std::uint16_t>(value);
   } else {
@@ -250,8 +250,8 @@ const PortFieldDefinition *PortStructDefinition::find(std::string_view field) co
 }
 
 PortDefinitions::PortDefinitions(const std::string &name, std::string_view json) {
-  const PortJson document = parsePortJson(name, json);
-  const PortJsonNode top(document, name);
+  const PortJsonText document(name, json);
+  const PortJsonNode top(document);
   top.requireKeys({"structures"});
   const std::vector<PortJsonNode> nodes = top.at("structures").elements();
   if (nodes.empty()) top.fail("no structure is defined");

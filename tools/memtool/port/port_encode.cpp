@@ -294,20 +294,17 @@ void GraphMaker::fillNumber(const PortFieldDefinition &field, const PortJsonNode
                             std::byte *to) {
   switch (field.type) {
     case MEM_PORT_SHORT:
-      return store(to, static_cast<std::int16_t>(node.integer(INT16_MIN, INT16_MAX)));
+      return store(to, static_cast<std::int16_t>(node.number(INT16_MIN, INT16_MAX)));
     case MEM_PORT_USHORT:
-      return store(to, static_cast<std::uint16_t>(node.integer(0, UINT16_MAX)));
+      return store(to, static_cast<std::uint16_t>(node.number(0, UINT16_MAX)));
     case MEM_PORT_LONG:
-      return store(to, static_cast<std::int32_t>(node.integer(INT32_MIN, INT32_MAX)));
+      return store(to, static_cast<std::int32_t>(node.number(INT32_MIN, INT32_MAX)));
     case MEM_PORT_ULONG:
-      return store(to, static_cast<std::uint32_t>(node.integer(0, UINT32_MAX)));
+      return store(to, static_cast<std::uint32_t>(node.number(0, UINT32_MAX)));
     case MEM_PORT_BIGINT:
-      return store(to, node.integer(INT64_MIN, INT64_MAX));
+      return store(to, node.number(INT64_MIN, INT64_MAX));
     default:
-      if (!node.json().is_number_unsigned()) {
-        node.fail(fmt::format("expected a whole number from 0 to {}", UINT64_MAX));
-      }
-      return store(to, node.json().get<std::uint64_t>());
+      return store(to, node.unsignedNumber());
   }
 }
 
@@ -385,8 +382,8 @@ bool GraphMaker::isSound(const PortFieldDefinition &field, const void *address) 
 
 std::string encodePortText(RunningLibrary &library, const PortDefinitions &definitions,
                            const std::string &name, std::string_view json) {
-  const PortJson document = parsePortJson(name, json);
-  const PortJsonNode top(document, name);
+  const PortJsonText document(name, json);
+  const PortJsonNode top(document);
   GraphMaker maker(definitions, top);
   const MadeStructure &root = maker.run();
 

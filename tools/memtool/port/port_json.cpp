@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
+#include <system_error>
 #include <utility>
 
 #include "tool_errors.hpp"
@@ -34,21 +36,106 @@ std::string bytesOf(const std::u16string &units) {
   return bytes;
 }
 
+// "line 3, column 12"; columns are characters.
+std::string lineAt(std::string_view text, std::size_t offset) {
+  const std::string_view before = text.substr(0, offset);
+  const std::size_t end = before.rfind('\n');
+  const std::size_t start = end == std::string_view::npos ? 0 : end + 1;
+  return fmt::format("line {}, column {}", std::count(before.begin(), before.end(), '\n') + 1,
+                     columnsOf(before.substr(start)) + 1);
+}
+
+// Where the string at `at` ends.
+std::size_t behindString(std::string_view json, std::size_t at) {
+  for (++at; at < json.size() && json[at] != '"'; ++at) {
+    if (json[at] == '\\') ++at;
+  }
+  return std::min(at + 1, json.size());
+}
+
+// Where each value of a JSON text begins, in order.
+std::vector<std::size_t> valueOffsets(std::string_view json) {
+  constexpr std::string_view kBetween = " \t\r\n,:]}";
+  std::vector<std::size_t> offsets;
+  for (std::size_t at = 0; at < json.size();) {
+    if (json[at] == '"') {
+      const std::size_t end = behindString(json, at);
+      const std::size_t next = json.find_first_not_of(" \t\r\n", end);
+      const bool isKey = next != std::string_view::npos && json[next] == ':';
+      if (!isKey) offsets.push_back(at);
+      at = end;
+    } else if (json[at] == '{' || json[at] == '[') {
+      offsets.push_back(at++);
+    } else if (kBetween.find(json[at]) != std::string_view::npos) {
+      ++at;
+    } else {
+      offsets.push_back(at);
+      at = std::min(json.find_first_of(kBetween, at), json.size());
+    }
+  }
+  return offsets;
+}
+
+// A whole number as a JSON number or as its text, which programs that know doubles only keep.
+template <class Number>
+std::optional<Number> wholeNumber(const PortJson &json) {
+  if (json.is_number_unsigned()) {
+    const auto value = json.get<std::uint64_t>();
+    if (!std::in_range<Number>(value)) return std::nullopt;
+    return static_cast<Number>(value);
+  }
+  if (json.is_number_integer()) {
+    const auto value = json.get<std::int64_t>();
+    if (!std::in_range<Number>(value)) return std::nullopt;
+    return static_cast<Number>(value);
+  }
+  if (!json.is_string()) return std::nullopt;
+  const auto &text = json.get_ref<const std::string &>();
+  Number value = 0;
+  const auto [end, failed] = std::from_chars(text.data(), text.data() + text.size(), value);
+  const bool isWhole = failed == std::errc() && end == text.data() + text.size();
+  return isWhole ? std::optional<Number>(value) : std::nullopt;
+}
+
 }  // namespace
 
-PortJson parsePortJson(const std::string &name, std::string_view bytes) {
+PortJsonText::PortJsonText(std::string name, std::string_view text)
+    : name_(std::move(name)), text_(text) {
   try {
-    return PortJson::parse(bytes);
+    document_ = PortJson::parse(text);
   } catch (const PortJson::parse_error &error) {
     const std::size_t offset = error.byte > 0 ? error.byte - 1 : 0;
-    throw ToolError(fmt::format("{}: no JSON from byte {} on", name, offset));
+    throw ToolError(
+        fmt::format("{}: no JSON from byte {} on ({})", name_, offset, lineAt(text, offset)));
   } catch (const PortJson::exception &) {  // a number beyond all ranges
-    throw ToolError(fmt::format("{}: JSON with a number that is too large", name));
+    throw ToolError(fmt::format("{}: JSON with a number that is too large", name_));
   }
 }
 
+// Values stand in the document in the order of the text, unless a key stands twice in an object.
+std::string PortJsonText::placeOf(const PortJson &value) const {
+  std::size_t count = 0;
+  std::optional<std::size_t> wanted;
+  std::vector<const PortJson *> waiting{&document_};
+  while (!waiting.empty()) {
+    const PortJson *const next = waiting.back();
+    waiting.pop_back();
+    if (next == &value) wanted = count;
+    ++count;
+    if (!next->is_structured()) continue;
+    const std::size_t first = waiting.size();
+    for (const PortJson &element : *next) waiting.push_back(&element);
+    std::reverse(waiting.begin() + static_cast<std::ptrdiff_t>(first), waiting.end());
+  }
+  if (!wanted) return "";
+  const std::vector<std::size_t> offsets = valueOffsets(text_);
+  return offsets.size() == count ? lineAt(text_, offsets[*wanted]) : "";
+}
+
 void PortJsonNode::fail(std::string_view what) const {
-  throw ToolError(fmt::format("{}: {}", place_, what));
+  const std::string line = text_->placeOf(*json_);
+  throw ToolError(line.empty() ? fmt::format("{}: {}", place_, what)
+                               : fmt::format("{}: {} ({})", place_, what, line));
 }
 
 void PortJsonNode::requireKeys(std::initializer_list<std::string_view> known) const {
@@ -60,7 +147,7 @@ void PortJsonNode::requireKeys(std::initializer_list<std::string_view> known) co
 }
 
 PortJsonNode PortJsonNode::member(const std::string &key, const PortJson &value) const {
-  return {value, place_ + separator_ + key, "."};
+  return {*text_, value, place_ + separator_ + key, "."};
 }
 
 std::optional<PortJsonNode> PortJsonNode::find(const std::string &key) const {
@@ -81,7 +168,7 @@ std::vector<PortJsonNode> PortJsonNode::elements() const {
   std::vector<PortJsonNode> nodes;
   nodes.reserve(json_->size());
   for (const PortJson &element : *json_) {
-    nodes.push_back({element, fmt::format("{}[{}]", place_, nodes.size()), "."});
+    nodes.push_back({*text_, element, fmt::format("{}[{}]", place_, nodes.size()), "."});
   }
   return nodes;
 }
@@ -91,16 +178,24 @@ const std::string &PortJsonNode::text() const {
   return json_->get_ref<const std::string &>();
 }
 
-// The type keeps numbers of either sign apart; what passes the signed range is beyond `most`.
+// Text is no number here.
 std::int64_t PortJsonNode::integer(std::int64_t least, std::int64_t most) const {
-  const bool fits = json_->is_number_integer() &&
-                    (!json_->is_number_unsigned() ||
-                     json_->get<std::uint64_t>() <= static_cast<std::uint64_t>(INT64_MAX));
-  const std::int64_t value = fits ? json_->get<std::int64_t>() : 0;
-  if (!fits || value < least || value > most) {
+  if (json_->is_string()) fail(fmt::format("expected a whole number from {} to {}", least, most));
+  return number(least, most);
+}
+
+std::int64_t PortJsonNode::number(std::int64_t least, std::int64_t most) const {
+  const std::optional<std::int64_t> value = wholeNumber<std::int64_t>(*json_);
+  if (!value || *value < least || *value > most) {
     fail(fmt::format("expected a whole number from {} to {}", least, most));
   }
-  return value;
+  return *value;
+}
+
+std::uint64_t PortJsonNode::unsignedNumber() const {
+  const std::optional<std::uint64_t> value = wholeNumber<std::uint64_t>(*json_);
+  if (!value) fail(fmt::format("expected a whole number from 0 to {}", UINT64_MAX));
+  return *value;
 }
 
 bool PortJsonNode::flag() const {

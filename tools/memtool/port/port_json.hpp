@@ -13,16 +13,30 @@
 
 namespace memtool {
 
-// Throws ToolError with the byte where the text stops being JSON.
-PortJson parsePortJson(const std::string &name, std::string_view bytes);
+// A document, and the text that it was read from, which must outlive it.
+class PortJsonText {
+ public:
+  // Throws ToolError with the place where the text stops being JSON.
+  PortJsonText(std::string name, std::string_view text);
+
+  const std::string &name() const { return name_; }
+  const PortJson &document() const { return document_; }
+  // "line 3, column 12"; "" for a value that is not the document's.
+  std::string placeOf(const PortJson &value) const;
+
+ private:
+  std::string name_;
+  std::string_view text_;
+  PortJson document_;
+};
 
 // A value within a document, which must outlive it. What does not have the wanted form is a
-// ToolError that names the place: "defs.json: structures[0].id: …".
+// ToolError that names the place: "defs.json: structures[0].id: … (line 3, column 12)".
 class PortJsonNode {
  public:
   // A whole document.
-  PortJsonNode(const PortJson &json, std::string name)
-      : PortJsonNode(json, std::move(name), ": ") {}
+  explicit PortJsonNode(const PortJsonText &text)
+      : PortJsonNode(text, text.document(), text.name(), ": ") {}
 
   const PortJson &json() const { return *json_; }
   [[noreturn]] void fail(std::string_view what) const;
@@ -36,12 +50,17 @@ class PortJsonNode {
   std::vector<PortJsonNode> elements() const;
   const std::string &text() const;
   std::int64_t integer(std::int64_t least, std::int64_t most) const;
+  // Values of fields: a number, or its decimal digits as text.
+  std::int64_t number(std::int64_t least, std::int64_t most) const;
+  std::uint64_t unsignedNumber() const;
   bool flag() const;
 
  private:
-  PortJsonNode(const PortJson &json, std::string place, const char *separator)
-      : json_(&json), place_(std::move(place)), separator_(separator) {}
+  PortJsonNode(const PortJsonText &text, const PortJson &json, std::string place,
+               const char *separator)
+      : text_(&text), json_(&json), place_(std::move(place)), separator_(separator) {}
 
+  const PortJsonText *text_;
   const PortJson *json_;
   std::string place_;
   const char *separator_;  // in front of a member's name

@@ -89,4 +89,7 @@ struct PortDocument {
   std::optional<PortFault> deviation;  // the first that readers let pass, but no writer writes
 };
 
+// The fault, or what only --check tells of where that comes first.
+std::optional<PortFault> firstPortFault(const PortDocument &document);
+
 }  // namespace memtool

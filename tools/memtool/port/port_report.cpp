@@ -107,7 +107,10 @@ PortJson graphValueJson(const PortField &field) {
   if (const auto *embedded = std::get_if<PortEmbedded>(&field.value)) {
     return fieldsJson(*embedded->structure);
   }
-  return portValueJson(field.value);
+  const PortJson value = portValueJson(field.value);
+  const MEMFieldType type = field.definition->type;
+  const bool isBig = type == MEM_PORT_UBIGINT || type == MEM_PORT_BIGINT;
+  return isBig && value.is_number() ? PortJson(value.dump()) : value;
 }
 
 PortJson fieldsJson(const PortStructure &structure) {
@@ -124,6 +127,10 @@ PortJson fieldsJson(const PortStructure &structure) {
   }
   if (structure.elements == 0U) json[definition.repeatField().name] = PortJson::array();
   return json;
+}
+
+PortJson faultJson(const PortFault &fault) {
+  return {{"offset", fault.offset}, {"expected", fault.expected}, {"found", fault.found}};
 }
 
 }  // namespace
@@ -150,13 +157,17 @@ PortJson portTextJson(const std::string &name, const PortDocument &document) {
     made.update(structureJson(structure));
     json["structures"].push_back(std::move(made));
   }
-  json["fault"] = PortJson();
-  if (document.fault) {
-    json["fault"] = {{"offset", document.fault->offset},
-                     {"expected", document.fault->expected},
-                     {"found", document.fault->found}};
-  }
+  json["fault"] = document.fault ? faultJson(*document.fault) : PortJson();
   return json;
+}
+
+PortJson portCheckJson(const std::string &name, const PortDocument &document) {
+  const std::optional<PortFault> fault = firstPortFault(document);
+  return {{"file", validUtf8(name)},
+          {"isSound", !fault},
+          {"characters", document.characters},
+          {"structures", document.structures.size()},
+          {"fault", fault ? faultJson(*fault) : PortJson()}};
 }
 
 PortJson portGraphJson(const PortDocument &document) {

@@ -15,6 +15,9 @@ void printPort(Console &console, const std::string &name, const PortDocument &do
 // What the text alone tells: {"file", "characters", "structures": […], "fault"}.
 PortJson portTextJson(const std::string &name, const PortDocument &document);
 
+// What --check shows. A fault that only --check tells of is one here.
+PortJson portCheckJson(const std::string &name, const PortDocument &document);
+
 // A document that was read with definitions, in the form that encodePortText takes.
 PortJson portGraphJson(const PortDocument &document);
 

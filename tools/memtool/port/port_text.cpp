@@ -481,6 +481,12 @@ void Parser::checkPairs(const Digits &told, const std::u16string &units) {
 
 }  // namespace
 
+std::optional<PortFault> firstPortFault(const PortDocument &document) {
+  const bool hasDeviation = document.deviation && (!document.fault || document.deviation->offset <
+                                                                          document.fault->offset);
+  return hasDeviation ? document.deviation : document.fault;
+}
+
 std::string PortFault::text() const {
   return fmt::format("character {}: expected {}, found {}", offset, expected, found);
 }

@@ -64,7 +64,10 @@ PortJson wideJson(const PortWideText &value) {
   return {{"units", std::move(units)}};
 }
 
+// What only a 64-bit field can hold is a string: programs that know doubles only would change it.
 PortJson numberJson(const PortNumber &value) {
+  constexpr std::uint64_t kMostLong = std::uint64_t{1} << 31;
+  if (value.magnitude > (value.isNegative ? kMostLong : UINT32_MAX)) return decimal(value);
   if (!value.isNegative) return value.magnitude;
   return static_cast<std::int64_t>(0 - value.magnitude);
 }

@@ -1,9 +1,12 @@
 #include "tool_console.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 #include "tool_platform.hpp"
+#include "tool_text.hpp"
 
 namespace memtool {
 namespace {
@@ -52,6 +55,24 @@ std::string Console::paint(Ink ink, std::string_view text) const {
   const char *const code = codeOf(ink);
   if (!traits_.hasColour || code == nullptr || text.empty()) return std::string(text);
   return fmt::format("\x1b[{}m{}\x1b[0m", code, text);
+}
+
+void complain(Console &console, ExitCode code, std::string_view text) {
+  complain(console, code, text, nlohmann::ordered_json());
+}
+
+void complain(Console &console, ExitCode code, std::string_view text,
+              const nlohmann::ordered_json &details) {
+  if (console.hasJsonErrors()) {
+    nlohmann::ordered_json json{{"error", validUtf8(text)}, {"exitCode", static_cast<int>(code)}};
+    if (details.is_object()) json.update(details);
+    console.err() << json.dump() << std::endl;
+    return;
+  }
+  std::string line(text);
+  std::replace_if(
+      line.begin(), line.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  console.err() << "memtool: " << line << std::endl;
 }
 
 }  // namespace memtool

@@ -3,10 +3,13 @@
 
 #include <fmt/format.h>
 
+#include <nlohmann/json_fwd.hpp>
 #include <ostream>
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include "tool_errors.hpp"
 
 namespace memtool {
 
@@ -38,6 +41,10 @@ class Console {
   std::ostream &err() { return err_; }
   const Traits &traits() const { return traits_; }
 
+  // Failures are written as JSON from now on.
+  void useJsonErrors() { hasJsonErrors_ = true; }
+  bool hasJsonErrors() const { return hasJsonErrors_; }
+
   // `text` in its kind's colour where the terminal shows colours.
   std::string paint(Ink ink, std::string_view text) const;
 
@@ -45,6 +52,13 @@ class Console {
   std::ostream &out_;
   std::ostream &err_;
   Traits traits_;
+  bool hasJsonErrors_ = false;
 };
+
+// A failure: one line on stderr, whatever the text quotes. As JSON it is an object with the text,
+// the exit code and `details`.
+void complain(Console &console, ExitCode code, std::string_view text);
+void complain(Console &console, ExitCode code, std::string_view text,
+              const nlohmann::ordered_json &details);
 
 }  // namespace memtool

@@ -7,8 +7,9 @@ namespace memtool {
 
 enum ExitCode {
   kExitFine = 0,
-  kExitFault = 1,  // what was read has a fault, or the operation failed
-  kExitUsage = 2   // the arguments make no sense
+  kExitFault = 1,  // what was read is damaged or not what it should be, or the operation failed
+  kExitUsage = 2,  // the arguments make no sense
+  kExitFile = 3    // something cannot be read or written
 };
 
 // What the user named cannot be read, written or used, or a service of the library failed. The text
@@ -16,6 +17,12 @@ enum ExitCode {
 class ToolError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+// A file, a stream or the library itself cannot be read or written, or storage is missing for it.
+class FileError : public ToolError {
+ public:
+  using ToolError::ToolError;
 };
 
 // Arguments that each have the right form but do not go together.

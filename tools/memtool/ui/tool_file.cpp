@@ -1,13 +1,19 @@
 #include "tool_file.hpp"
 
+#include <fmt/format.h>
+
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iostream>
+#include <iterator>
+#include <random>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "tool_errors.hpp"
+#include "tool_platform.hpp"
 #include "tool_text.hpp"
 
 namespace memtool {
@@ -17,38 +23,105 @@ std::string reason(int code) {
   return std::generic_category().message(code != 0 ? code : EIO);
 }
 
+std::string readInput() {
+  if (std::cin.eof()) throw FileError("standard input can be read once");
+  platform::makeInputBinary();
+  std::string bytes(std::istreambuf_iterator<char>(std::cin), {});
+  if (std::cin.bad()) throw FileError("cannot read standard input");
+  return bytes;
+}
+
+[[noreturn]] void throwUnwritten(const std::string &name, int code) {
+  throw FileError("cannot write " + name + ": " + reason(code));
+}
+
+// True when all bytes are in the file; errno tells why not.
+bool tryWrite(const std::filesystem::path &path, std::string_view bytes) {
+  errno = 0;
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  if (file) file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  file.close();
+  return !file.fail();
+}
+
+// A name beside the file that nothing has.
+std::filesystem::path freeNameBeside(const std::filesystem::path &path) {
+  std::random_device random;
+  std::filesystem::path free;
+  std::error_code ignored;
+  do {
+    free = path;
+    free += fmt::format(".{:08x}.new", random());
+  } while (std::filesystem::exists(std::filesystem::symlink_status(free, ignored)));
+  return free;
+}
+
+// The file that a rename may replace: a regular one without other names, which the user may write
+// on. Links are followed.
+std::filesystem::path replaceable(const std::filesystem::path &path) {
+  std::error_code failed;
+  const std::filesystem::path real = std::filesystem::canonical(path, failed);
+  if (failed || !std::filesystem::is_regular_file(real, failed)) return {};
+  if (std::filesystem::hard_link_count(real, failed) != 1 || failed) return {};
+  if (!std::ofstream(real, std::ios::binary | std::ios::in)) return {};
+  return real;
+}
+
+// Replaces an old file by a new one, which has its mode before it has its bytes. False when there
+// can be no file beside it. Throws FileError when the bytes cannot be written; the old file is as
+// it was then.
+bool replace(const std::string &name, const std::filesystem::path &real, std::string_view bytes) {
+  const std::filesystem::path fresh = freeNameBeside(real);
+  std::error_code failed;
+  if (!tryWrite(fresh, {})) return false;
+  std::filesystem::permissions(fresh, std::filesystem::status(real, failed).permissions(), failed);
+  int code = failed.value();
+  if (!failed && !tryWrite(fresh, bytes)) code = errno != 0 ? errno : EIO;
+  if (code == 0) {
+    std::filesystem::rename(fresh, real, failed);
+    code = failed.value();
+  }
+  if (code == 0) return true;
+  std::filesystem::remove(fresh, failed);
+  throwUnwritten(name, code);
+}
+
 }  // namespace
 
 std::string readFile(const std::string &name) {
+  if (name == "-") return readInput();
   const std::filesystem::path path = pathFromUtf8(name);
   std::error_code ignored;
   if (std::filesystem::is_directory(path, ignored)) {
-    throw ToolError("cannot read " + name + ": it is a folder");
+    throw FileError("cannot read " + name + ": it is a folder");
   }
   errno = 0;
   std::ifstream file(path, std::ios::binary);
-  std::ostringstream bytes;
-  const bool isEmpty = file && file.peek() == std::ifstream::traits_type::eof();
-  if (file && !isEmpty) bytes << file.rdbuf();
-  if (!isEmpty && (!file || !bytes)) throw ToolError("cannot read " + name + ": " + reason(errno));
-  return std::move(bytes).str();
+  std::string bytes;
+  const std::uintmax_t size = std::filesystem::file_size(path, ignored);
+  if (!ignored && size < bytes.max_size()) bytes.reserve(static_cast<std::size_t>(size));
+  constexpr std::size_t kPart = 1 << 16;
+  std::vector<char> part(kPart);
+  while (file.read(part.data(), kPart) || file.gcount() > 0) {
+    bytes.append(part.data(), static_cast<std::size_t>(file.gcount()));
+  }
+  if (!file.eof() || file.bad()) throw FileError("cannot read " + name + ": " + reason(errno));
+  return bytes;
 }
 
 void writeFile(const std::string &name, std::string_view bytes) {
   const std::filesystem::path path = pathFromUtf8(name);
-  errno = 0;
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  const bool isOpen = file.is_open();
-  if (file) file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  file.close();
-  if (file) return;
-
-  const std::string why = reason(errno);
   std::error_code ignored;
-  if (isOpen && std::filesystem::is_regular_file(path, ignored)) {
+  const std::filesystem::path real = replaceable(path);
+  if (!real.empty() && replace(name, real, bytes)) return;
+
+  const bool isNew = !std::filesystem::exists(path, ignored);
+  if (tryWrite(path, bytes)) return;
+  const int code = errno;
+  if (isNew && std::filesystem::is_regular_file(path, ignored)) {
     std::filesystem::remove(path, ignored);
   }
-  throw ToolError("cannot write " + name + ": " + why);
+  throwUnwritten(name, code);
 }
 
 }  // namespace memtool

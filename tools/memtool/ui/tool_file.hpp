@@ -6,10 +6,13 @@
 
 namespace memtool {
 
-// Throws ToolError with the reason when the file cannot be read.
+// "-" is standard input, once in a run. Throws FileError with the reason when the file cannot be
+// read.
 std::string readFile(const std::string &name);
 
-// Throws ToolError with the reason when the file cannot be written; a file begun is removed then.
+// An old file is replaced when the new one is whole, and keeps its mode; links are followed. What
+// is no regular file, or has several names, is written as it stands. Throws FileError with the
+// reason when the file cannot be written; a new file begun is removed then.
 void writeFile(const std::string &name, std::string_view bytes);
 
 }  // namespace memtool

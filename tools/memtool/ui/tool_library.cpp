@@ -13,7 +13,7 @@ std::filesystem::path checkedPath(const std::filesystem::path &named) {
   const std::filesystem::path path = named.empty() ? refhost::Library::besideProgram() : named;
   std::error_code ignored;
   if (std::filesystem::is_regular_file(path, ignored)) return std::filesystem::absolute(path);
-  throw ToolError(
+  throw FileError(
       fmt::format("there is no library {}; name it with --library PATH", utf8FromPath(path)));
 }
 
@@ -24,7 +24,7 @@ RunningLibrary::RunningLibrary(const std::filesystem::path &path) try
 } catch (const ToolError &) {
   throw;
 } catch (const std::runtime_error &error) {
-  throw ToolError(error.what());
+  throw FileError(error.what());
 }
 
 void RunningLibrary::check(std::string_view service, std::int16_t result) {

@@ -17,6 +17,9 @@ int terminalWidth();
 // Makes a terminal show UTF-8 and colours. Nothing happens to what is no terminal.
 void prepareTerminal();
 
+// Standard input gives its bytes as they are from now on.
+void makeInputBinary();
+
 // The program's arguments without its name, in UTF-8.
 std::vector<std::string> programArguments(int count, const char *const *values);
 

@@ -16,6 +16,8 @@ int terminalWidth() {
 
 void prepareTerminal() {}
 
+void makeInputBinary() {}
+
 std::vector<std::string> programArguments(int count, const char *const *values) {
   if (count < 2) return {};
   return std::vector<std::string>(values + 1, values + count);

@@ -42,6 +42,10 @@ void prepareTerminal() {
   }
 }
 
+void makeInputBinary() {
+  _setmode(_fileno(stdin), _O_BINARY);
+}
+
 // `main` gets its arguments in the process's code page, which cannot hold every path.
 std::vector<std::string> programArguments(int, const char *const *) {
   static_assert(sizeof(wchar_t) == sizeof(char16_t), "Windows hands over UTF-16");

@@ -12,7 +12,8 @@
 # coverage  the report of covered lines and branches
 # memcheck  valgrind
 # docs      Doxygen, for the reference of the headers
-# packages  what makes and looks into Debian packages
+# packages  what makes, looks into and judges Debian packages
+# pictures  what draws the manual's pictures from text
 set -euo pipefail
 
 # Headers that the tools and examples are compiled with, on and for every platform.
@@ -35,7 +36,8 @@ packagesFor() {
     coverage) echo gcovr ;;
     memcheck) echo valgrind ;;
     docs) echo doxygen ;;
-    packages) echo dpkg-dev file ;;
+    packages) echo dpkg-dev file lintian ;;
+    pictures) echo graphviz ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2

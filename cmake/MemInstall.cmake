@@ -14,6 +14,11 @@ set_target_properties(mem_headers PROPERTIES EXPORT_NAME headers)
 install(TARGETS QJ7MEM00 EXPORT QJ7MEM00Targets LIBRARY DESTINATION ${MEM_INSTALL_MODULEDIR})
 install(TARGETS refhost EXPORT QJ7MEM00Targets ARCHIVE DESTINATION ${MEM_INSTALL_PRIVATEDIR})
 install(TARGETS mem_headers EXPORT QJ7MEM00Targets)
+if(NOT WIN32)  # refhost::Library::installed() finds the library by the program's run path
+  target_link_options(refhost INTERFACE
+    $<INSTALL_INTERFACE:LINKER:-rpath,$<INSTALL_PREFIX>/${MEM_INSTALL_MODULEDIR}>)
+  set(MEM_PC_RUN_PATH " -Wl,-rpath,\${prefix}/${MEM_INSTALL_MODULEDIR}")
+endif()
 if(WIN32)
   install(FILES SrcRes/binding/QJ7MEM00.def DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()

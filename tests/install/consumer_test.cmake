@@ -60,6 +60,7 @@ function(build_and_run how)
   endif()
   must_print("the module is there" ${build}/consumer_probe${SUFFIX} ${module})
   must_print("the component works" ${build}/consumer_program${SUFFIX} ${module})
+  must_print("the component works" ${build}/consumer_program${SUFFIX})
 endfunction()
 
 file(REMOVE_RECURSE ${WORK})
@@ -68,6 +69,7 @@ set(moved ${WORK}/moved)
 run(${CMAKE_COMMAND} --install ${BUILD} --config ${CONFIG} --prefix ${prefix})
 file(RENAME ${prefix} ${moved})
 must_not_hold(${moved} ${SOURCE} ${BUILD} ${prefix})
+set(ENV{WINEPATH} Z:${moved}/bin)  # where Windows looks for libraries
 
 if(TOOLCHAIN)
   set(compilers -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN})

@@ -9,7 +9,7 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 find_program(MEM_CCACHE ccache)
-if(MEM_CCACHE)
+if(MEM_CCACHE AND PROJECT_IS_TOP_LEVEL)
   set(CMAKE_C_COMPILER_LAUNCHER ${MEM_CCACHE})
   set(CMAKE_CXX_COMPILER_LAUNCHER ${MEM_CCACHE})
   if(MEM_PCH)  # ccache's manual asks for this; otherwise it keeps nothing that uses such headers
@@ -32,7 +32,7 @@ endif()
 # The public headers, as hosts and callers include them.
 add_library(mem_headers INTERFACE)
 target_include_directories(mem_headers INTERFACE
-  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
 # A sanitizer has to see the library, the host and the tests alike, so it is no target's own affair.
 if(MEM_SANITIZE)

@@ -26,32 +26,32 @@ endif()
 # find_package(QJ7MEM00)
 install(EXPORT QJ7MEM00Targets NAMESPACE QJ7MEM00:: DESTINATION ${MEM_INSTALL_PACKAGEDIR})
 configure_package_config_file(cmake/QJ7MEM00Config.cmake.in
-  ${CMAKE_BINARY_DIR}/install/QJ7MEM00Config.cmake
+  ${PROJECT_BINARY_DIR}/install/QJ7MEM00Config.cmake
   INSTALL_DESTINATION ${MEM_INSTALL_PACKAGEDIR} NO_SET_AND_CHECK_MACRO)
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/install/QJ7MEM00ConfigVersion.cmake
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/install/QJ7MEM00ConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_BINARY_DIR}/install/QJ7MEM00Config.cmake
-  ${CMAKE_BINARY_DIR}/install/QJ7MEM00ConfigVersion.cmake
+install(FILES ${PROJECT_BINARY_DIR}/install/QJ7MEM00Config.cmake
+  ${PROJECT_BINARY_DIR}/install/QJ7MEM00ConfigVersion.cmake
   DESTINATION ${MEM_INSTALL_PACKAGEDIR})
 
 # pkg-config. It knows the folder in which it found a file, and that leads to the prefix.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${MEM_INSTALL_PKGCONFIGDIR} OUTPUT_VARIABLE MEM_PC_PREFIX)
 foreach(name qj7mem00 qj7mem00-refhost)
-  configure_file(cmake/${name}.pc.in ${CMAKE_BINARY_DIR}/install/${name}.pc.in @ONLY)
-  file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/install/${name}.pc
-    INPUT ${CMAKE_BINARY_DIR}/install/${name}.pc.in)
-  install(FILES ${CMAKE_BINARY_DIR}/install/${name}.pc DESTINATION ${MEM_INSTALL_PKGCONFIGDIR})
+  configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/install/${name}.pc.in @ONLY)
+  file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/install/${name}.pc
+    INPUT ${PROJECT_BINARY_DIR}/install/${name}.pc.in)
+  install(FILES ${PROJECT_BINARY_DIR}/install/${name}.pc DESTINATION ${MEM_INSTALL_PKGCONFIGDIR})
 endforeach()
 
 install(TARGETS memtool RUNTIME DESTINATION ${MEM_INSTALL_MODULEDIR})
-configure_file(tools/memtool/memtool.1 ${CMAKE_BINARY_DIR}/install/memtool.1 @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/install/memtool.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+configure_file(tools/memtool/memtool.1 ${PROJECT_BINARY_DIR}/install/memtool.1 @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/install/memtool.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 if(NOT WIN32)
   cmake_path(RELATIVE_PATH MEM_INSTALL_MODULEDIR BASE_DIRECTORY ${CMAKE_INSTALL_BINDIR}
     OUTPUT_VARIABLE folder)
-  file(CREATE_LINK ${folder}/memtool ${CMAKE_BINARY_DIR}/install/memtool SYMBOLIC)
-  install(FILES ${CMAKE_BINARY_DIR}/install/memtool DESTINATION ${CMAKE_INSTALL_BINDIR})
+  file(CREATE_LINK ${folder}/memtool ${PROJECT_BINARY_DIR}/install/memtool SYMBOLIC)
+  install(FILES ${PROJECT_BINARY_DIR}/install/memtool DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
 install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Builds the library for Linux and Windows and makes a Debian package and a zip of it, in
-# build/packages.
+# Builds the library for Linux and Windows and makes packages for Debian and a zip of it, in
+# build/packages. The packages name MEM_MAINTAINER as their maintainer:
+#
+#   cmake --preset release -DMEM_MAINTAINER='NAME <ADDRESS>'
 #
 #   ./package.sh [release] [windows]
 #

@@ -15,5 +15,16 @@ else()
   set(MEM_INSTALL_MODULEDIR ${MEM_INSTALL_PRIVATEDIR})
 endif()
 set(MEM_INSTALL_HOST_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/qj7mem00/host)
+set(MEM_INSTALL_HOST_SOURCEDIR ${CMAKE_INSTALL_DATADIR}/qj7mem00/host)
 set(MEM_INSTALL_PACKAGEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/QJ7MEM00)
 set(MEM_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# What is installed comes in parts, each a package for Debian, whose name it has:
+#
+#   qj7mem00        the library, and the C headers of the contract
+#   qj7mem00-dev    all else that programs are compiled and linked with; what names no part is here
+#   qj7mem00-tools  memtool
+#   qj7mem00-doc    the manual and the examples
+#   qj7mem00-dbg    debug information
+set(MEM_PARTS qj7mem00 qj7mem00-dev qj7mem00-tools qj7mem00-doc qj7mem00-dbg)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME qj7mem00-dev)

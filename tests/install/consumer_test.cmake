@@ -93,7 +93,10 @@ set(ENV{PKG_CONFIG_LIBDIR} ${moved}/${LIBDIR}/pkgconfig)
 build_and_run(pkg-config ${moved})
 
 # The tree as a part of the project; nothing of it is installed, and no target of its own gets in the
-# way.
+# way. Once is enough: sanitizers have nothing to find here.
+if(FLAGS)
+  return()
+endif()
 find_program(CCACHE ccache)
 if(CCACHE)
   list(APPEND compilers -DCMAKE_C_COMPILER_LAUNCHER=${CCACHE} -DCMAKE_CXX_COMPILER_LAUNCHER=${CCACHE})

@@ -3,7 +3,7 @@
 # manual in them lead to something.
 #
 #   cmake -DBUILD=… -DCONFIG=… -DWORK=… -DLIBDIR=… -DMODULE=… -DTOOL=… -DVERSION=… -DOBJDUMP=…
-#         [-DMAINTAINER=…] [-DGCC=… -DGXX=… -DGENERATOR=…] [-DEMULATOR=…] -P package_test.cmake
+#         -DGCC=… -DGXX=… -DGENERATOR=… [-DMAINTAINER=…] [-DEMULATOR=…] -P package_test.cmake
 #
 # BUILD, CONFIG  the build tree and its build type
 # WORK           folder of this test's own
@@ -11,7 +11,7 @@
 # MODULE, TOOL   paths of the module and of memtool under the prefix
 # OBJDUMP        lists the sections of such files
 # MAINTAINER     whom a package for Debian names
-# GCC, GXX       compilers that use GNU ld, for a program that uses the zip
+# GCC, GXX       compilers that use GNU ld, for a program that uses the packages
 cmake_minimum_required(VERSION 3.25)
 
 find_program(CPACK NAMES cpack REQUIRED)
@@ -141,6 +141,8 @@ if(MODULE MATCHES "\\.so$")
   endif()
   string(REGEX REPLACE "/[^/]+$" "/memtool" debugged_tool "${MODULE}")
   set(debug_top ${top}/lib/debug/usr)
+  set(hows CMake)
+  set(cross "")
 else()
   list(LENGTH packages count)
   if(NOT count EQUAL 1)
@@ -176,25 +178,28 @@ else()
     endforeach()
   endforeach()
 
-  # A program of another compiler's with the archive, and one with the host's sources. GNU ld must
-  # have nothing to say.
-  foreach(how CMake sources)
-    set(build ${WORK}/${how})
-    run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${build} -G ${GENERATOR}
-      -DCMAKE_SYSTEM_NAME=Windows -DCMAKE_C_COMPILER=${GCC} -DCMAKE_CXX_COMPILER=${GXX}
-      -DCMAKE_EXE_LINKER_FLAGS=-static -DCMAKE_BUILD_TYPE=Release -DHOW=${how}
-      -DWANTED_VERSION=${VERSION} -DCMAKE_PREFIX_PATH=${top} -DHOST=${top}/share/qj7mem00/host)
-    run(${CMAKE_COMMAND} --build ${build})
-    if(out MATCHES "warning|duplicate section")
-      message(SEND_ERROR "Building with the zip:\n${out}")
-    endif()
-    file(READ ${build}/module-path.txt path)
-    run(${EMULATOR} ${build}/consumer_program.exe ${path})
-    if(NOT out MATCHES "^the component works\r?\n$")
-      message(SEND_ERROR "consumer_program with ${how} printed \"${out}\"")
-    endif()
-  endforeach()
+  set(hows CMake sources)
+  set(cross -DCMAKE_SYSTEM_NAME=Windows -DCMAKE_EXE_LINKER_FLAGS=-static)
 endif()
+
+# A program that uses the unpacked packages, for Windows one of another compiler's, and one with the
+# host's sources. GNU ld must have nothing to say.
+foreach(how IN LISTS hows)
+  set(build ${WORK}/${how})
+  run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${build} -G ${GENERATOR} ${cross}
+    -DCMAKE_C_COMPILER=${GCC} -DCMAKE_CXX_COMPILER=${GXX} -DCMAKE_BUILD_TYPE=Release -DHOW=${how}
+    -DWANTED_VERSION=${VERSION} -DCMAKE_PREFIX_PATH=${top} -DHOST=${top}/share/qj7mem00/host)
+  run(${CMAKE_COMMAND} --build ${build})
+  if(out MATCHES "warning|duplicate section")
+    message(SEND_ERROR "Building with the packages:\n${out}")
+  endif()
+  file(READ ${build}/module-path.txt path)
+  file(GLOB program ${build}/consumer_program ${build}/consumer_program.exe)
+  run(${EMULATOR} ${program} ${path})
+  if(NOT out MATCHES "^the component works\r?\n$")
+    message(SEND_ERROR "consumer_program with ${how} printed \"${out}\"")
+  endif()
+endforeach()
 
 expect_links(${top}/share/doc/qj7mem00)
 expect_debug_information(${top}/${MODULE} ${debug_top}/${MODULE}.debug memcheap\\.cpp)

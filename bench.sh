@@ -7,7 +7,7 @@
 # With the name of a benchmark program it runs that one only and writes nothing; further arguments go
 # to Google Benchmark (--benchmark_filter=REGEX, --benchmark_repetitions=N, …).
 #
-#   ./bench.sh heapbench|membench|portbench|sinkbench|unpackbench|workloadbench|peerbench [arguments]
+#   ./bench.sh checkbench|heapbench|membench|portbench|sinkbench|unpackbench|workloadbench|peerbench [arguments]
 #
 # Installs what is missing.
 set -euo pipefail

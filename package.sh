@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds the library for Linux and Windows and makes packages for Debian and a zip of it, in
-# build/packages. The packages name MEM_MAINTAINER as their maintainer:
+# Builds the library for Linux and Windows and makes packages for Debian, with one of the Python
+# package, and a zip for Windows, in build/packages. The packages name MEM_MAINTAINER as their
+# maintainer:
 #
 #   cmake --preset release -DMEM_MAINTAINER='NAME <ADDRESS>'
 #
@@ -34,4 +35,8 @@ for preset in "${presets[@]}"; do
     exit 1
   fi
   sed -n 's/^CPack: - package: \(.*\) generated\.$/\1/p' "$log"
+  if [[ $preset == release ]]; then
+    maintainer=$(sed -n 's/^MEM_MAINTAINER:STRING=//p' build/release/CMakeCache.txt)
+    cmake/python-package.sh build/packages "$maintainer"
+  fi
 done

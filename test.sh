@@ -19,7 +19,7 @@ presets=("$@")
 jobs=()
 for preset in "${presets[@]}"; do
   case $preset in
-    release) jobs+=(linux docs packages) ;;
+    release) jobs+=(linux python docs packages) ;;
     debug | tsan) jobs+=(linux) ;;
     fuzz) jobs+=(fuzz) ;;
     windows) jobs+=(windows) ;;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "benchlib.hpp"
+#include "qj7mem00/mem.hpp"
 
 namespace {
 
@@ -144,6 +145,52 @@ void makePointers1000(Case &made) {
   makePointers(made, 1000);
 }
 
+// The same structures by their types, for the C++ header.
+struct Numbers {
+  std::int32_t count;
+  std::int64_t elements[1];
+};
+struct Strings {
+  std::int32_t count;
+  char *elements[1];
+};
+struct Link {
+  std::int32_t number;
+  Link *pNext;
+  Link *pBack;
+};
+inline constexpr mem::PortTable kNumbers{
+    mem::structure<Numbers, 1>(mem::field<1>(MEM_FIELD(Numbers, count)).required(),
+                               mem::repeatedField<2, 1>(MEM_FIELD(Numbers, elements)))};
+inline constexpr mem::PortTable kStrings{
+    mem::structure<Strings, 1>(mem::field<1>(MEM_FIELD(Strings, count)).required(),
+                               mem::repeatedField<2, 1>(MEM_FIELD(Strings, elements)))};
+inline constexpr mem::PortTable kLinks{
+    mem::structure<Link, 1>(mem::field<1>(MEM_FIELD(Link, number)).required(),
+                            mem::field<2>(MEM_FIELD(Link, pNext)).required(),
+                            mem::field<3>(MEM_FIELD(Link, pBack)).required())};
+
+enum class Trust : bool { none, full };
+
+// One block, read by readPortString, or by the form that leaves the text's claims alone.
+template <class Struct, class Table>
+void measureTypedReading(benchmark::State &state, const Case &made, const Table &table,
+                         Trust trust) {
+  refhost::Session session(library().bindEntry());
+  const mem::Context context = mem::contextOf(session.host());
+  const OpenHeap source(session.vector());
+  const std::string text = textOf(write(session.vector(), made, source.get()));
+  for (auto _ : state) {
+    mem::Heap heap = mem::Heap::open(context, {.areaKb = 256}).value();
+    const mem::Result<Struct *> root =
+        trust == Trust::full ? mem::readPortStringUnchecked<Struct>(context, heap, table, text)
+                             : mem::readPortString<Struct>(context, heap, table, text);
+    require(root.isOk() ? std::int16_t{0} : std::int16_t{-1}, "reading");
+    benchmark::DoNotOptimize(root);
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+
 template <void (*kMake)(Case &)>
 void Copy(benchmark::State &state) {
   Case made;
@@ -179,6 +226,20 @@ PORT_BENCHES(makeNumbers);
 PORT_BENCHES(makeStrings);
 PORT_BENCHES(makePointers1000);
 #undef PORT_BENCHES
+
+// What does it cost to compare a text with its table before it is read?
+template <void (*kMake)(Case &), class Struct, const auto &kTable, Trust kTrust>
+void ReadTyped(benchmark::State &state) {
+  Case made;
+  kMake(made);
+  measureTypedReading<Struct>(state, made, kTable, kTrust);
+}
+BENCHMARK_TEMPLATE(ReadTyped, makeNumbers, Numbers, kNumbers, Trust::full);
+BENCHMARK_TEMPLATE(ReadTyped, makeNumbers, Numbers, kNumbers, Trust::none);
+BENCHMARK_TEMPLATE(ReadTyped, makeStrings, Strings, kStrings, Trust::full);
+BENCHMARK_TEMPLATE(ReadTyped, makeStrings, Strings, kStrings, Trust::none);
+BENCHMARK_TEMPLATE(ReadTyped, makePointers1000, Link, kLinks, Trust::full);
+BENCHMARK_TEMPLATE(ReadTyped, makePointers1000, Link, kLinks, Trust::none);
 
 // How does the cost of a structure grow with the number of structures? The registry has 1,999
 // chains.

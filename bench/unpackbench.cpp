@@ -5,10 +5,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <random>
+#include <span>
+#include <vector>
 
 #include "benchchain.hpp"
 #include "benchlib.hpp"
 #include "chainwriter.hpp"
+#include "qj7mem00/mem.hpp"
 
 namespace {
 
@@ -75,6 +79,54 @@ void UnpackToNewChain(benchmark::State &state) {
   unpackChain(state, chainwriter::writerOf("0220", 4));
 }
 
+// By the C++ header: records with a reference each, to any other one.
+struct Record {
+  Record *pNext;
+  const char *pName;
+  const char16_t *pTitle;
+  const Record *pOther;
+};
+constexpr auto kRecords = mem::packTable(mem::segment<Record>(
+    mem::sibling(MEM_FIELD(Record, pNext)), mem::child(MEM_FIELD(Record, pName)),
+    mem::child(MEM_FIELD(Record, pTitle)), mem::reference(MEM_FIELD(Record, pOther))));
+
+std::vector<std::byte> packedRecords(const mem::Context &context, std::size_t count) {
+  std::vector<Record> records(count);
+  std::minstd_rand random;
+  for (std::size_t i = 0; i < count; ++i) {
+    Record *const next = i + 1 < count ? &records[i + 1] : nullptr;
+    records[i] = {next, "a-package-name", u"describe", &records[random() % count]};
+  }
+  std::vector<std::byte> file;
+  for (const std::span<const std::byte> used :
+       mem::PackedChain::pack(context, kRecords, records[0]).value()) {
+    file.insert(file.end(), used.begin(), used.end());
+  }
+  return file;
+}
+
+enum class Trust : bool { none, full };
+
+// What does it cost to find out whether references lead to records?
+template <Trust kTrust>
+void UnpackTyped(benchmark::State &state) {
+  refhost::Session session(library().bindEntry());
+  const mem::Context context = mem::contextOf(session.host());
+  const auto count = static_cast<std::size_t>(state.range(0));
+  const std::vector<std::byte> file = packedRecords(context, count);
+  for (auto _ : state) {
+    mem::PackedChain chain = mem::PackedChain::load(context, file).value();
+    const auto start = std::chrono::steady_clock::now();
+    const mem::Result<Record *> root =
+        kTrust == Trust::full ? chain.unpackUnchecked(kRecords) : chain.unpack(kRecords);
+    const auto end = std::chrono::steady_clock::now();
+    require(root.isOk() ? std::int16_t{0} : std::int16_t{-1}, "unpack");
+    state.SetIterationTime(std::chrono::duration<double>(end - start).count());
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(file.size()));
+}
+
 void chainLengths(benchmark::internal::Benchmark *bench) {
   bench->Arg(1)->Arg(100)->Arg(10000)->Unit(benchmark::kMicrosecond);
 }
@@ -82,6 +134,8 @@ BENCHMARK(CopyChain)->Apply(chainLengths);
 BENCHMARK(UnpackInPlace)->Apply(chainLengths)->UseManualTime();
 BENCHMARK(UnpackSwapped)->Apply(chainLengths)->UseManualTime();
 BENCHMARK(UnpackToNewChain)->Apply(chainLengths)->UseManualTime();
+BENCHMARK_TEMPLATE(UnpackTyped, Trust::full)->Apply(chainLengths)->UseManualTime();
+BENCHMARK_TEMPLATE(UnpackTyped, Trust::none)->Apply(chainLengths)->UseManualTime();
 
 }  // namespace
 

@@ -5,7 +5,7 @@ set(made ${PROJECT_BINARY_DIR}/install)  # files that are made to be installed
 
 # Builds what is installed and no tests.
 add_custom_target(installed_files)
-add_dependencies(installed_files QJ7MEM00 refhost memtool)
+add_dependencies(installed_files QJ7MEM00 memchk refhost memtool)
 
 # The library, and what hosts and components include.
 set_target_properties(QJ7MEM00 PROPERTIES EXPORT_NAME module)
@@ -13,26 +13,32 @@ set_target_properties(mem_headers PROPERTIES EXPORT_NAME headers)
 install(TARGETS QJ7MEM00 EXPORT QJ7MEM00Targets
   LIBRARY DESTINATION ${MEM_INSTALL_MODULEDIR} COMPONENT qj7mem00)
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT qj7mem00
-  FILES_MATCHING PATTERN *.h PATTERN mem EXCLUDE)
+  FILES_MATCHING PATTERN *.h PATTERN mem EXCLUDE PATTERN memchk.h EXCLUDE)
+install(FILES ${MEM_CONTRACT_JSON} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qj7mem00 COMPONENT qj7mem00)
 
-# The C++ header and the reference host.
-install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.hpp)
+# The C++ header, the checking layer with its header, and the reference host.
+set_target_properties(memchk PROPERTIES EXPORT_NAME check)
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN *.hpp PATTERN memchk.h)
 install(FILES host/refhost.hpp DESTINATION ${MEM_INSTALL_HOST_INCLUDEDIR})
-install(TARGETS refhost EXPORT QJ7MEM00Targets ARCHIVE DESTINATION ${MEM_INSTALL_PRIVATEDIR})
+install(TARGETS memchk refhost EXPORT QJ7MEM00Targets ARCHIVE DESTINATION ${MEM_INSTALL_PRIVATEDIR})
 install(TARGETS mem_headers EXPORT QJ7MEM00Targets)
 if(WIN32)
   install(FILES SrcRes/binding/QJ7MEM00.def DESTINATION ${CMAKE_INSTALL_LIBDIR})
-  file(GLOB sources CONFIGURE_DEPENDS host/*.cpp host/*.hpp)  # for compilers that have no archive here
-  install(FILES ${sources} DESTINATION ${MEM_INSTALL_HOST_SOURCEDIR})
-  install(FILES cmake/host-sources.cmake DESTINATION ${MEM_INSTALL_HOST_SOURCEDIR} RENAME CMakeLists.txt)
+  foreach(folder check host)  # for compilers that have no archives here
+    file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp ${folder}/*.hpp)
+    install(FILES ${sources} DESTINATION ${MEM_INSTALL_SOURCEDIR}/${folder})
+  endforeach()
+  install(FILES cmake/host-sources.cmake DESTINATION ${MEM_INSTALL_SOURCEDIR}/host RENAME CMakeLists.txt)
   if(MEM_MINGW_GXX)
-    include(MemGnuHost)  # in place of the archive that clang has made
-    add_dependencies(installed_files refhost_gnu)
-    install(FILES ${MEM_GNU_HOST} DESTINATION ${MEM_INSTALL_PRIVATEDIR})
+    include(MemGnuHost)  # in place of the archives that clang has made
+    add_dependencies(installed_files gnu_archives)
+    install(FILES ${MEM_GNU_ARCHIVES} DESTINATION ${MEM_INSTALL_PRIVATEDIR})
   endif()
 else()
-  # refhost::Library::installed() finds the library by the program's run path.
-  target_link_options(refhost INTERFACE
+  # Hosts find the library by the program's run path; so does refhost::Library::installed(). The
+  # reference host links the checking layer, and has it from there.
+  target_link_options(memchk INTERFACE
     $<INSTALL_INTERFACE:LINKER:-rpath,$<INSTALL_PREFIX>/${MEM_INSTALL_MODULEDIR}>)
   set(MEM_PC_RUN_PATH " -Wl,-rpath,\${prefix}/${MEM_INSTALL_MODULEDIR}")
 endif()
@@ -49,7 +55,7 @@ install(FILES ${made}/QJ7MEM00Config.cmake ${made}/QJ7MEM00ConfigVersion.cmake
 # pkg-config. It knows the folder in which it found a file, and that leads to the prefix.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${MEM_INSTALL_PKGCONFIGDIR} OUTPUT_VARIABLE MEM_PC_PREFIX)
-foreach(name qj7mem00 qj7mem00-refhost)
+foreach(name qj7mem00 qj7mem00-check qj7mem00-refhost)
   configure_file(cmake/${name}.pc.in ${made}/${name}.pc.in @ONLY)
   file(GENERATE OUTPUT ${made}/${name}.pc INPUT ${made}/${name}.pc.in)
   install(FILES ${made}/${name}.pc DESTINATION ${MEM_INSTALL_PKGCONFIGDIR})

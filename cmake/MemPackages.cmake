@@ -73,10 +73,10 @@ else()
     COMPONENT qj7mem00-dbg EXCLUDE_FROM_ALL)
 
   mem_describe_part(qj7mem00 libs "memory services for the components of a host runtime"
-    "This package has the library and the C headers that hosts and components\ninclude.")
+    "This package has the library, the C headers that hosts and components\ninclude, and the contract as JSON.")
   set(CPACK_DEBIAN_QJ7MEM00_PACKAGE_SHLIBDEPS ON)
   mem_describe_part(qj7mem00-dev libdevel "memory services for a host runtime - development files"
-    "This package has the C++ header, the reference host (a complete host for\ntests and tools), and files for CMake and pkg-config."
+    "This package has the C++ header, the checking layer (which finds misuse of\nheap entries and cells), the reference host (a complete host for tests and\ntools), and files for CMake and pkg-config."
     DEPENDS "qj7mem00 (= ${version})"
     SUGGESTS "qj7mem00-doc, g++ (>= 4:12) | clang (>= 1:14), cmake (>= 3.25), pkg-config")
   mem_describe_part(qj7mem00-tools devel "memory services for a host runtime - memtool"

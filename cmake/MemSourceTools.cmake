@@ -10,8 +10,8 @@ add_custom_target(format
 
 add_custom_target(tidy
   COMMAND ${run_tool} tidy clang-tidy lint
-    run-clang-tidy -quiet -p ${PROJECT_BINARY_DIR} "^${PROJECT_SOURCE_DIR}/(SrcRes|host)/"
-  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} COMMENT "clang-tidy over SrcRes and host" VERBATIM)
+    run-clang-tidy -quiet -p ${PROJECT_BINARY_DIR} "^${PROJECT_SOURCE_DIR}/(SrcRes|check|host)/"
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} COMMENT "clang-tidy over SrcRes, check and host" VERBATIM)
 
 # The reference of the public headers, in <build folder>/reference/html. Any warning is a failure.
 configure_file(docs/reference/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)

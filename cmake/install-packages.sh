@@ -5,6 +5,7 @@
 #   cmake/install-packages.sh <job>...
 #
 # linux     build and tests on Linux
+# python    what the tests of the Python package use; it needs nothing itself
 # windows   cross build, and Wine to run what it makes
 # lint      clang-format and clang-tidy
 # fuzz      clang with libFuzzer and the sanitizers' runtime
@@ -16,18 +17,20 @@
 # pictures  what draws the manual's pictures from text
 set -euo pipefail
 
-# Headers that the tools and examples are compiled with, on and for every platform.
-toolHeaders=(libcli11-dev libfmt-dev libutfcpp-dev nlohmann-json3-dev)
+# What the tools and examples are built with, on and for every platform: headers, and what makes
+# the contract from the library's own.
+tools=(libcli11-dev libfmt-dev libutfcpp-dev nlohmann-json3-dev python3)
 
 packagesFor() {
   case $1 in
-    linux) echo g++ googletest libbenchmark-dev pkg-config python3 "${toolHeaders[@]}" ;;
+    linux) echo g++ googletest libbenchmark-dev pkg-config valgrind "${tools[@]}" ;;
+    python) echo python3 python3-pip python3-matplotlib ;;
     windows)
       echo clang llvm lld g++-mingw-w64-x86-64-posix googletest pkg-config wine wine64 \
-        "${toolHeaders[@]}"
+        "${tools[@]}"
       ;;
-    lint) echo clang llvm lld clang-format clang-tidy "${toolHeaders[@]}" ;;
-    fuzz) echo clang llvm googletest libclang-rt-14-dev "${toolHeaders[@]}" ;;
+    lint) echo clang llvm lld clang-format clang-tidy "${tools[@]}" ;;
+    fuzz) echo clang llvm googletest libclang-rt-14-dev "${tools[@]}" ;;
     bench)
       echo g++ pkg-config libbenchmark-dev libmimalloc-dev libboost-dev libboost-serialization-dev \
         libapr1-dev libabsl-dev libflatbuffers-dev flatbuffers-compiler capnproto libcapnp-dev \
@@ -36,7 +39,7 @@ packagesFor() {
     coverage) echo gcovr ;;
     memcheck) echo valgrind ;;
     docs) echo doxygen ;;
-    packages) echo dpkg-dev file lintian ;;
+    packages) echo dpkg-dev file lintian python3 ;;
     pictures) echo graphviz ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2

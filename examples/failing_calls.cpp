@@ -95,7 +95,7 @@ void logEveryFailure(refhost::Host &host) {
 
 int main() {
   const refhost::Library library(refhost::Library::besideProgram());
-  refhost::Session session(library.bindEntry());
+  refhost::Session session(library.bindEntry(), {.report = false});
   refhost::Host &host = session.host();
   host.onTrace([](const refhost::TraceRecord &record) {
     const bool isException = record.type == "EXCP";

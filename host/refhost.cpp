@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "refhost_impl.hpp"
+#include "refhost_platform.hpp"
 
 namespace refhost {
 
@@ -76,16 +77,22 @@ void listCells(std::array<void *, count> &cells, std::array<void **, count> &lis
   }
 }
 
+bool isCheckedByEnvironment() {
+  const char *value = std::getenv("MEM_CHECKED");
+  return value != nullptr && std::string_view(value) == "1";
+}
+
 }  // namespace
 
 std::string_view serviceName(Service service) {
   return kServiceNames[static_cast<std::size_t>(service)];
 }
 
-Host::Impl::Impl(const Options &options)
-    : storage(misuses, options.dirtyStorage, options.dirtyByte),
+Host::Impl::Impl(Options theOptions)
+    : options(std::move(theOptions)),
+      storage(options),
       traceFlags(options.traceFlags),
-      nullSysEnv(options.nullSysEnv) {
+      checked(options.checked || isCheckedByEnvironment()) {
   if (activeHost != nullptr) throw std::logic_error("a process has one host at a time");
   for (int i = 0; i < MEM_VECTOR_HOST_SLOTS; ++i) vector.HostSlots[i] = &hostSlotMarks[i];
   std::memset(&sysEnv, 0xEE, sizeof(sysEnv));
@@ -102,6 +109,7 @@ Host::Impl::Impl(const Options &options)
 }
 
 Host::Impl::~Impl() {
+  detachCheck();
   const std::lock_guard lock(threadEndMutex());
   activeHost = nullptr;
 }
@@ -136,18 +144,42 @@ void Host::Impl::fillTables() {
   textServices.FilterException = services::filterException;
 }
 
-Host::Host(Options options) : impl_(std::make_unique<Impl>(options)) {}
-Host::~Host() = default;
+Host::Host(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+Host::~Host() {
+  report();
+}
+
+// The vector keeps what binding and the layer have made of it. One that binding has not filled gets
+// no layer.
+void Host::Impl::attachCheck() {
+  if (!checked) return;
+  MEMCheckOptions layer{};
+  layer.Size = sizeof layer;
+  layer.pContext = this;
+  layer.pReport = [](void *pContext, const MEMCheckReport *pReport) {
+    static_cast<Impl *>(pContext)->checkReports.fetch_add(1);
+    std::fprintf(stderr, "%s\n", pReport->pText);
+  };
+  MEMCheckAttach(&vector, &layer, &check);
+}
+
+void Host::Impl::detachCheck() {
+  MEMCheckDetach(std::exchange(check, nullptr));
+}
 
 void Host::bind(MEMBindFn *entry) {
-  const MEMSysEnv *sysEnv = impl_->nullSysEnv ? nullptr : &impl_->sysEnv;
+  impl_->detachCheck();
+  const MEMSysEnv *sysEnv = impl_->options.nullSysEnv ? nullptr : &impl_->sysEnv;
   entry(impl_->hostList.data(), impl_->serviceList.data(), sysEnv, 0, MEM_MODE_BIND);
+  impl_->attachCheck();
   impl_->boundVector = impl_->vector;
   impl_->isBound = true;
+  impl_->libraryModule = platform::moduleAt(reinterpret_cast<const void *>(entry));
 }
 
 // Unbinding reads neither lists nor environment; nulls prove it.
 void Host::unbind(MEMBindFn *entry, std::int16_t mode) {
+  impl_->detachCheck();
   entry(nullptr, nullptr, nullptr, 0, mode);
   impl_->isBound = false;
 }
@@ -206,7 +238,9 @@ Account Host::account() const {
   return impl_->storage.account();
 }
 std::vector<Leak> Host::leaks() const {
-  return impl_->storage.leaks();
+  std::vector<Leak> leaks;
+  for (const FoundArea &area : impl_->storage.areas()) leaks.push_back(impl_->leakOf(area));
+  return leaks;
 }
 std::string Host::accountReport() const {
   return impl_->storage.report();
@@ -230,6 +264,13 @@ std::size_t Host::heldGateCount() const {
 
 std::vector<Misuse> Host::takeMisuses() {
   return impl_->misuses.take();
+}
+
+MEMCheck *Host::check() const {
+  return impl_->check;
+}
+std::uint64_t Host::checkReports() const {
+  return impl_->checkReports.load();
 }
 
 void Host::arm(Fault fault) {
@@ -272,6 +313,13 @@ void Host::traceToFile(const std::filesystem::path &path) {
 }
 void Host::onTrace(std::function<void(const TraceRecord &)> callback) {
   impl_->trace.toCallback(std::move(callback));
+}
+
+void Host::setTraceLines(TraceLineStyle style) {
+  impl_->trace.setStyle(style);
+}
+void Host::timelineToFile(const std::filesystem::path &path) {
+  impl_->timeline.toFile(path);
 }
 
 void Host::setFilterAnswer(std::int32_t answer, std::uint16_t result) {

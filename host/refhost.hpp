@@ -11,6 +11,8 @@
  * When a thread ends, what it has left behind is reported: gates that it holds, an open frame, an
  * active thread block. A gate whose owner has ended is never waited for. Nothing else of an ended
  * thread is kept, so a host may serve any number of threads in turn.
+ * At its end a host reports, on stderr unless Options say otherwise, the storage that components
+ * have not returned and the misuses that nobody has taken. When there are none it writes nothing.
  *
  * Threading: services may be called on any number of threads at once. The members of Host that
  * read state (account, calls, records, message, …) may be called at any time; those that change
@@ -33,6 +35,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "qj7mem00/memchk.h"
 #include "qj7mem00/qj7mem00.h"
 
 namespace refhost {
@@ -94,14 +97,6 @@ inline constexpr std::uint32_t kPagedLength = 0x10000;
 inline constexpr std::size_t kTraceTextRoom = 8192;
 inline constexpr std::size_t kFormatRoom = 4096;
 
-struct Options {
-  bool dirtyStorage = false; /**< storage is filled with dirtyByte instead of zeros */
-  std::uint8_t dirtyByte = 0xA5;
-  bool bigEndian = false;       /**< platform flag that pSysEnv carries */
-  bool nullSysEnv = false;      /**< bind with a null pSysEnv */
-  std::uint32_t traceFlags = 0; /**< flags of every frame until setTraceFlags */
-};
-
 /** Storage account of one subpool and kind, or of all. Lengths are those asked for. */
 struct Account {
   std::uint64_t liveBytes = 0;
@@ -114,12 +109,21 @@ struct Account {
 /** Kind under which storage of the pool services (slots 48 and 49) is kept in the account. */
 inline constexpr std::uint16_t kPoolKind = 0xFFFF;
 
-/** A storage area that was not returned. */
+/** A storage area that was not returned, and the call that obtained it. */
 struct Leak {
   void *area;
   std::uint64_t length;
   std::uint16_t subPool;
   std::uint16_t kind;
+  std::uint64_t callNumber = 0; /**< the nth area since the host was made, from 1 */
+  std::uint64_t thread = 0;     /**< number of the thread, in the order of their first calls */
+  /** Trace names of the entry points that were open on the thread: first the service that the
+   * component called, last the one that called the host. Empty when the host was called directly.
+   */
+  std::vector<std::string> services = {};
+  /** Native stack, the innermost function first, without the host's and the library's functions;
+   * empty unless Options::stacks is set. */
+  std::vector<std::string> stack = {};
 };
 
 /** Misuses that are kept until they are read. */
@@ -132,7 +136,68 @@ inline constexpr std::size_t kKeptMisuses = 1000;
 struct Misuse {
   Service service;
   std::string what;
+  std::uint64_t thread = 0;               /**< as in Leak */
+  std::vector<std::string> services = {}; /**< as in Leak: entry points that were open */
+  std::vector<std::string> stack = {};    /**< as in Leak */
+  std::optional<Leak> area = {};          /**< the area concerned, where there is one */
 };
+
+/** What a host has found at its end. */
+struct Findings {
+  std::vector<Leak> leaks; /**< of components, in the order of their call numbers */
+  std::vector<Misuse> misuses;
+
+  bool empty() const { return leaks.empty() && misuses.empty(); }
+
+  /** The report: some lines for each misuse and for each group of equal leaks, the largest first.
+   * Leaks are equal when length, subpool, kind, services and stack are. Empty when nothing was
+   * found. */
+  std::string text() const;
+};
+
+/** What trace lines carry besides the record, in this order. */
+struct TraceLineStyle {
+  bool time = false;   /**< seconds since the host was made: "    0.000123 " */
+  bool thread = false; /**< number of the thread: "T1 " */
+  bool depth = false;  /**< two blanks for every entry point around the one that is traced */
+};
+
+struct Options {
+  bool dirtyStorage = false; /**< storage is filled with dirtyByte instead of zeros */
+  std::uint8_t dirtyByte = 0xA5;
+  bool bigEndian = false;         /**< platform flag that pSysEnv carries */
+  bool nullSysEnv = false;        /**< bind with a null pSysEnv */
+  std::uint32_t traceFlags = 0;   /**< flags of every frame until setTraceFlags */
+  TraceLineStyle traceLines = {}; /**< of streams and files, until setTraceLines */
+  bool checked = false; /**< bind attaches the checking layer (memchk.h), unbind detaches it;
+                             so does MEM_CHECKED=1 in the environment */
+
+  /** @name What is found at the end */
+  /** @{ */
+  bool report = true; /**< Findings that are not empty are written to stderr, or go to onReport */
+  std::function<void(const Findings &)> onReport = {}; /**< must not throw */
+  bool keepLeaks = true; /**< leaks stay allocated, so that memory checkers see them, too */
+  bool stacks = false;   /**< leaks and misuses have native stacks; each call gets slower */
+  /** @} */
+
+  /** Called at each misuse, where it happens, on its thread, before the service returns. It may use
+   * the library and must not throw. The misuse is kept as well. stopOnMisuse and abortOnMisuse are
+   * meant for it. */
+  std::function<void(const Misuse &)> onMisuse = {};
+
+  /** The call that obtains the area with this number (Leak::callNumber) stops in the debugger; 0:
+   * none. Without a debugger the program ends there. */
+  std::uint64_t stopAtCall = 0;
+};
+
+/** @name For Options::onMisuse
+ * Write the misuse to stderr and stop in the debugger (without one the program ends there), or
+ * abort.
+ */
+/** @{ */
+void stopOnMisuse(const Misuse &misuse);
+void abortOnMisuse(const Misuse &misuse);
+/** @} */
 
 /** One recorded service call. The first four arguments are widened to 64 bits (signed ones with
  * their sign) in the order of the slot's signature; addresses are kept as numbers. Of Format only
@@ -154,6 +219,9 @@ struct TraceRecord {
   std::int32_t line = 0;
   std::string text; /**< wide text is kept as UTF-8 */
   Service writtenBy = Service::WriteRecord;
+  std::uint64_t time = 0;   /**< nanoseconds since the host was made */
+  std::uint64_t thread = 0; /**< number of the thread, as in Leak */
+  std::size_t depth = 0; /**< entry points open on the thread; 1: the component called this one */
 };
 
 /** A failure to inject: the nth next call of a service (1 = the next one) fails. It does none of
@@ -176,6 +244,7 @@ struct Message {
 class Host {
  public:
   explicit Host(Options options = {});
+  /** Reports what has not been reported yet. */
   ~Host();
   Host(const Host &) = delete;
   Host &operator=(const Host &) = delete;
@@ -237,6 +306,20 @@ class Host {
 
   std::vector<Misuse> takeMisuses();
 
+  /** What components have left, reported as Options say: live storage that is not the library's own
+   * (its process and thread blocks, its sink), misuses that nobody has taken, gates that were not
+   * deleted and, when the process has been ended, threads that are still active. Each is reported
+   * once. REQUIRES: no call through the vector is running. */
+  Findings report();
+
+  /** @name The checking layer, with Options::checked
+   * Its reports go to stderr. check is null while no layer is attached; checkReports counts since
+   * construction. */
+  /** @{ */
+  MEMCheck *check() const;
+  std::uint64_t checkReports() const;
+  /** @} */
+
   /** @name Fault injection
    * Arming replaces an earlier fault of the same service. Frames cannot fail: arming EnterFrame or
    * LeaveFrame, or an nth of 0, is a logic_error. */
@@ -266,6 +349,13 @@ class Host {
   void traceToStream(std::ostream *stream);
   void traceToFile(const std::filesystem::path &path); /**< throws std::runtime_error */
   void onTrace(std::function<void(const TraceRecord &)> callback);
+  void setTraceLines(TraceLineStyle style); /**< of streams and files */
+
+  /** Begins a file of trace events in JSON, which browsers show on a time line: each entry point
+   * and each host service that is called (but those of frames and tracing) as a span of its thread,
+   * each trace record as an instant. An empty path, another file or the host's end ends it; until
+   * then the file lacks its end. Trace flags are not needed. Throws std::runtime_error. */
+  void timelineToFile(const std::filesystem::path &path);
   /** @} */
 
   /** What FilterException answers (1 unless set) and, when not 0, stores in the frame. On answer 1
@@ -315,9 +405,9 @@ std::string formatText(const char *format, Args... args) {
   return detail::formatWidened(format, widened.data(), widened.size());
 }
 
-/** One line per record: "STDE MEM_HeapOpen(..\SrcRes\MEMCHEAP:101) text". Control characters are
- * shown as "\x0A". */
-std::string traceLine(const TraceRecord &record);
+/** One line per record: "STDE MEM_HeapOpen(..\SrcRes\MEMCHEAP:101) text", after what the style
+ * wants. Control characters are shown as "\x0A". */
+std::string traceLine(const TraceRecord &record, TraceLineStyle style = {});
 
 /** The dynamic library, loaded at run time and unloaded at destruction. Throws std::runtime_error
  * with the loader's reason. Unbind before destruction. */
@@ -345,19 +435,29 @@ class Library {
 };
 
 /** A host that is bound to a loaded library, with the process and the calling thread started.
- * Destruction ends the thread and the process and unbinds; it belongs on the same thread. Further
- * threads call MEM_ThreadAct and MEM_ThreadTerm themselves. */
+ * Closing, or else destruction, ends the thread and the process, unbinds and reports; it belongs on
+ * the same thread. Further threads call MEM_ThreadAct and MEM_ThreadTerm themselves. */
 class Session {
  public:
   /** Throws std::runtime_error with the failing step, its code and text; nothing is left behind. */
   explicit Session(MEMBindFn *entry, Options options = {});
   ~Session();
+  Session(const Session &) = delete;
+  Session &operator=(const Session &) = delete;
+
+  /** Ends the session and returns what Host::report finds then: for a program's exit code,
+   * `return session.close().empty() ? 0 : 1;`. Armed faults are disarmed and replaced slots
+   * restored first. The vector is empty afterwards; the host may still be read. A later call does
+   * nothing and returns nothing. */
+  Findings close();
+
   Host &host() { return host_; }
   MEMFunctionVector &vector() { return host_.vector(); }
 
  private:
   Host host_;
   MEMBindFn *entry_;
+  bool isOpen_ = true;
 };
 
 }  // namespace refhost

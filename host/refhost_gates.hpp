@@ -9,47 +9,62 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "refhost.hpp"
-#include "refhost_misuse.hpp"
+#include "refhost_origin.hpp"
 #include "refhost_threads.hpp"
 
 namespace refhost {
 
 class GateTable {
  public:
-  explicit GateTable(MisuseLog &misuses) : misuses_(misuses) {}
-
   // Handles count from 1 and are never used again.
-  std::uint32_t create();
-  void destroy(std::uint32_t handle);
+  std::uint32_t create(Origin origin);
 
-  // Waits until the gate is free and makes the thread its owner, or until its owner ends. 0 or the
-  // service's code.
-  std::uint16_t acquire(std::uint32_t handle, const ThreadState &thread);
-  void release(std::uint32_t handle, const ThreadState &thread);
+  // These return what is wrong with the call; empty when nothing is.
+  std::string destroy(std::uint32_t handle);
+  std::string release(std::uint32_t handle, const ThreadState &thread);
 
-  // Reports the gates that the thread still holds and wakes who waits for them.
+  // Waits until the gate is free and makes the thread its owner, or until its owner ends.
+  struct Acquired {
+    std::uint16_t code = 0;  // the service's
+    std::string wrong = {};
+  };
+  Acquired acquire(std::uint32_t handle, const ThreadState &thread);
+
+  // The gates that the thread holds, in order.
+  std::vector<std::uint32_t> heldBy(const ThreadState &thread) const;
+
+  // The thread ends: who waits for its gates is woken and refused.
   void endThread(const ThreadState &thread);
+
+  // Gates made and not deleted that have not been asked for here before, in order.
+  struct Left {
+    std::uint32_t handle;
+    std::uint64_t owner;  // number of a thread that has not ended, or 0
+    Origin origin;
+  };
+  std::vector<Left> takeLeft();
 
   std::size_t count() const;
   std::size_t heldCount() const;
 
  private:
   struct Gate {
+    Origin origin;
     std::uint64_t owner = 0;  // number of a thread, 0: free
     bool ownerHasEnded = false;
+    bool isReported = false;
     std::uint32_t waiters = 0;  // threads inside acquire
-    std::condition_variable freed;
+    std::condition_variable freed{};
 
     // A thread may still look at it. One that has ended does not.
     bool isInUse() const { return (owner != 0 && !ownerHasEnded) || waiters != 0; }
   };
 
-  void reportUnknown(Service service, std::uint32_t handle);
-
-  MisuseLog &misuses_;
   mutable std::mutex mutex_;
   std::unordered_map<std::uint32_t, Gate> gates_;  // a gate's place does not move
   std::uint32_t lastHandle_ = 0;

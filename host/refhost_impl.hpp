@@ -12,30 +12,57 @@
 #include "refhost_calls.hpp"
 #include "refhost_gates.hpp"
 #include "refhost_misuse.hpp"
+#include "refhost_origin.hpp"
 #include "refhost_storage.hpp"
 #include "refhost_threads.hpp"
+#include "refhost_timeline.hpp"
 #include "refhost_trace.hpp"
 
 namespace refhost {
 
 struct Host::Impl {
-  explicit Impl(const Options &options);
+  explicit Impl(Options theOptions);
   ~Impl();
   Impl(const Impl &) = delete;
   Impl &operator=(const Impl &) = delete;
 
   void fillTables();
 
+  // Where the calling thread is, whose state is `thread`.
+  Origin originOn(ThreadState &thread);
+
+  // A stack as text, one line for each function.
+  std::vector<std::string> describe(const std::vector<void *> &stack) const;
+  Leak leakOf(const FoundArea &area) const;
+
+  // Keeps a misuse and shows it to Options::onMisuse.
+  // REQUIRES: no lock of the host's is held but the one of thread ends.
+  void reportMisuse(Service service, std::string what, const Origin &origin,
+                    const FoundArea *area = nullptr);
+
+  // What is wrong at the end and has not been told yet.
+  Findings takeFindings();
+  void addGatesLeft(Findings &findings);
+  void addThreadsLeftActive(Findings &findings);
+
+  void attachCheck();
+  void detachCheck();
+
   // Reports what the calling thread, which ends, has left behind, and forgets the thread. A number
   // that is not a thread of this host's is ignored.
   void endThread(std::uint64_t number);
+  void reportLeftBy(ThreadState &ended);
 
+  const Options options;
+  ChainTable chains;
   MisuseLog misuses;
   StorageAccount storage;
-  GateTable gates{misuses};
+  GateTable gates;
   ThreadTable threads;
   CallLog calls;
-  TraceOutput trace;
+  HostClock clock;
+  TraceOutput trace{options.traceLines};
+  Timeline timeline{clock};
 
   // Read on every call, changed at any time.
   std::atomic<std::uint32_t> traceFlags;
@@ -56,8 +83,11 @@ struct Host::Impl {
   MEMFunctionVector vector{};
   MEMFunctionVector boundVector{};  // what binding made of `vector`
   bool isBound = false;
+  const void *libraryModule = nullptr;  // of the library bound last
+  const bool checked;
+  MEMCheck *check = nullptr;  // attached to `vector` while bound and checked
+  std::atomic<std::uint64_t> checkReports{0};
   MEMSysEnv sysEnv{};
-  const bool nullSysEnv;
   std::array<void *, MEM_HOST_VECTORS> hostCells{};
   std::array<void *, MEM_SERVICE_VECTORS> serviceCells{};
   std::array<void **, MEM_HOST_VECTORS> hostList{};
@@ -80,7 +110,11 @@ class Call {
   explicit Call(Service service, Args... args)
       : host_(*activeHost), thread_(host_.threads.current()), service_(service) {
     thread_.count(service);
+    if (host_.timeline.isOn()) beginSpan();
     if (host_.calls.isWatching()) begin({detail::widen(args)...});
+  }
+  ~Call() {
+    if (hasSpan_) endSpan();
   }
   Call(const Call &) = delete;
   Call &operator=(const Call &) = delete;
@@ -102,18 +136,30 @@ class Call {
   // Leaves a refusal in the thread's error area and passes the code on.
   std::uint16_t refuse(std::uint16_t code, const char *text);
 
-  void misuse(std::string what) { host_.misuses.report(service_, std::move(what)); }
+  void misuse(std::string what, const FoundArea *area = nullptr) {
+    host_.reportMisuse(service_, std::move(what), host_.originOn(thread_), area);
+  }
+
+  Origin origin() { return host_.originOn(thread_); }
+
+  // Makes misuses of what the storage account complains of.
+  StorageAccount::Complain complaints() {
+    return [this](std::string what, const FoundArea *area) { misuse(std::move(what), area); };
+  }
 
   // Reports a component other than the library's own.
   void checkComponent(std::int32_t component);
 
  private:
   void begin(const std::array<std::uint64_t, 4> &args);
+  void beginSpan();
+  void endSpan();
   void leaveError(std::uint32_t code, const char *text);
 
   Host::Impl &host_;
   ThreadState &thread_;
   const Service service_;
+  bool hasSpan_ = false;  // on the time line
   bool faulted_ = false;
   std::uint16_t faultCode_ = 0;
   std::uint64_t number_ = 0;  // of the record, 0 when there is none

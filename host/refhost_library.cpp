@@ -1,6 +1,7 @@
 // Loading the library, and a host with the library started.
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "refhost.hpp"
 #include "refhost_platform.hpp"
@@ -46,7 +47,7 @@ std::string failureText(Host &host, const std::string &step, std::uint32_t code,
 
 }  // namespace
 
-Session::Session(MEMBindFn *entry, Options options) : host_(options), entry_(entry) {
+Session::Session(MEMBindFn *entry, Options options) : host_(std::move(options)), entry_(entry) {
   host_.bind(entry_);
   const MEMErrorArea &error = host_.thread().Error;
   std::string failure;
@@ -64,10 +65,18 @@ Session::Session(MEMBindFn *entry, Options options) : host_(options), entry_(ent
 }
 
 Session::~Session() {
+  close();
+}
+
+Findings Session::close() {
+  if (!isOpen_) return {};
+  isOpen_ = false;
+  host_.disarm();
   host_.restoreSlots();
   vector().MEM_ThreadTerm();
   vector().MEM_ProcessTerm();
   host_.unbind(entry_);
+  return host_.report();
 }
 
 }  // namespace refhost

@@ -14,13 +14,13 @@ namespace refhost {
 
 class MisuseLog {
  public:
-  void report(Service service, std::string what) {
+  void report(Misuse misuse) {
     const std::lock_guard lock(mutex_);
     if (misuses_.size() < kKeptMisuses) {
-      misuses_.push_back({service, std::move(what)});
+      misuses_.push_back(std::move(misuse));
     } else {
       ++notKept_;
-      lastNotKept_ = service;
+      lastNotKept_ = misuse.service;
     }
   }
 

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace refhost::platform {
 
@@ -39,6 +40,20 @@ const char *libraryFileName();
 // to remember it.
 // REQUIRES: `ended` is the same at every call; `value` is not null.
 void atThreadEnd(void (*ended)(void *), void *value);
+
+// Return addresses on the calling thread's stack, the innermost first; empty where the system has
+// no way to tell. The first calls are the host's own.
+std::vector<void *> callStack();
+
+// Start of the program or dynamic library that an address belongs to; null when there is none.
+const void *moduleAt(const void *address);
+
+// What is at a return address, with the offset of the call before it: "function()+0x1B
+// (program+0x2A1B)", without the function where its name is not known.
+std::string placeOf(void *returnAddress);
+
+// Stops in the debugger; without one the program ends.
+void stopInDebugger();
 
 // Full path of the running program.
 std::filesystem::path programPath();

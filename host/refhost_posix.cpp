@@ -1,7 +1,17 @@
+#include <cxxabi.h>
 #include <dlfcn.h>
+#if __has_include(<execinfo.h>)  // the C library's, where it has one
+#include <execinfo.h>
+#endif
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <array>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+
+#include "refhost.hpp"
 #include "refhost_platform.hpp"
 
 namespace refhost::platform {
@@ -51,6 +61,55 @@ void unloadLibrary(void *library) {
 
 const char *libraryFileName() {
   return "QJ7MEM00.so";
+}
+
+namespace {
+
+// Enough to reach a component's own functions; deeper ones are cut off.
+constexpr int kMostFrames = 48;
+
+// The name as it is written in the source, where it is a C++ name.
+std::string readableName(const char *symbol) {
+  int status = 0;
+  char *const readable = abi::__cxa_demangle(symbol, nullptr, nullptr, &status);
+  std::string name = status == 0 ? readable : symbol;
+  std::free(readable);
+  return name;
+}
+
+}  // namespace
+
+std::vector<void *> callStack() {
+#if __has_include(<execinfo.h>)
+  std::array<void *, kMostFrames> addresses;
+  const int count = backtrace(addresses.data(), kMostFrames);
+  return std::vector<void *>(addresses.begin(), addresses.begin() + count);
+#else
+  return {};
+#endif
+}
+
+const void *moduleAt(const void *address) {
+  Dl_info info{};
+  return dladdr(address, &info) != 0 ? info.dli_fbase : nullptr;
+}
+
+std::string placeOf(void *returnAddress) {
+  const auto call = reinterpret_cast<std::uintptr_t>(returnAddress) - 1;
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void *>(call), &info) == 0) return formatText("%p", returnAddress);
+  const auto offsetTo = [call](const void *start) {
+    return call - reinterpret_cast<std::uintptr_t>(start);
+  };
+  const std::string file = std::filesystem::path(info.dli_fname).filename().string();
+  std::string place = formatText("%s+0x%llX", file.c_str(), offsetTo(info.dli_fbase));
+  if (info.dli_sname == nullptr) return place;
+  return formatText("%s+0x%llX (%s)", readableName(info.dli_sname).c_str(),
+                    offsetTo(info.dli_saddr), place.c_str());
+}
+
+void stopInDebugger() {
+  std::raise(SIGTRAP);
 }
 
 std::filesystem::path programPath() {

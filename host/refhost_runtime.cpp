@@ -45,6 +45,29 @@ void Call::begin(const std::array<std::uint64_t, 4> &args) {
   }
 }
 
+namespace {
+
+// Frames are spans themselves, and records are marks.
+bool isSpan(Service service) {
+  return service != Service::EnterFrame && service != Service::LeaveFrame &&
+         service != Service::WriteRecord && service != Service::Format &&
+         service != Service::WriteException && service != Service::WriteWideRecord;
+}
+
+}  // namespace
+
+// As a frame inside the innermost one.
+void Call::beginSpan() {
+  if (!isSpan(service_)) return;
+  hasSpan_ = true;
+  host_.timeline.begin(thread_.number, thread_.frames.depth() + 1,
+                       std::string(serviceName(service_)).c_str());
+}
+
+void Call::endSpan() {
+  host_.timeline.endTo(thread_.number, thread_.frames.depth());
+}
+
 void Call::leaveError(std::uint32_t code, const char *text) {
   if (host_.threadEnvMissing.load(std::memory_order_relaxed)) return;
   MEMErrorArea &area = thread_.env.Error;
@@ -76,12 +99,20 @@ void enterFrame(MEMTraceFrame *pFrame, std::int32_t component) {
   pFrame->TraceFlags = call.host().traceFlags.load(std::memory_order_relaxed);
   stamp(pFrame, thread.number);
   thread.innermost = pFrame;
+  thread.frames.enter(pFrame);
+  if (call.host().timeline.isOn()) {
+    call.host().timeline.begin(thread.number, thread.frames.depth(), nameOf(pFrame));
+  }
 }
 
 bool unwindTo(ThreadState &thread, MEMTraceFrame *frame) {
   // Frames in between may be gone with their functions, so they are not looked at.
   if (!isEntered(frame, thread)) return false;
   thread.innermost = frame;
+  thread.frames.unwindTo(frame);
+  if (activeHost->timeline.isOn()) {
+    activeHost->timeline.endTo(thread.number, thread.frames.depth());
+  }
   return true;
 }
 
@@ -90,10 +121,17 @@ void leaveFrame(MEMTraceFrame *pFrame, std::int32_t component) {
   call.checkComponent(component);
   ThreadState &thread = call.thread();
   if (pFrame != thread.innermost) {
+    const Origin origin = call.origin();
     if (!unwindTo(thread, pFrame)) {
       return call.misuse(formatText("frame \"%s\" was not entered on this thread", nameOf(pFrame)));
     }
-    call.misuse(formatText("frame \"%s\" was left before frames inside it", nameOf(pFrame)));
+    call.host().reportMisuse(
+        Service::LeaveFrame,
+        formatText("frame \"%s\" was left before frames inside it", nameOf(pFrame)), origin);
+  }
+  thread.frames.leave();
+  if (call.host().timeline.isOn()) {
+    call.host().timeline.endTo(thread.number, thread.frames.depth(), pFrame->Result & 0xFFFF);
   }
   thread.innermost = static_cast<MEMTraceFrame *>(pFrame->pHostLink);
   stamp(pFrame, 0);

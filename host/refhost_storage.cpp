@@ -7,6 +7,7 @@
 #include <iterator>
 #include <locale>
 #include <sstream>
+#include <string_view>
 
 #include "refhost_impl.hpp"
 #include "refhost_platform.hpp"
@@ -24,10 +25,6 @@ bool needsPages(std::uint32_t length, std::uint16_t subPool) {
   return subPool == kProtectedSubPool || length >= kPagedLength;
 }
 
-std::string kindName(std::uint16_t kind) {
-  return kind == kPoolKind ? "pool" : std::to_string(kind);
-}
-
 void add(Account &account, std::uint64_t length) {
   account.liveBytes += length;
   account.liveCount += 1;
@@ -43,34 +40,45 @@ void subtract(Account &account, std::uint64_t length) {
 
 }  // namespace
 
+std::string kindName(std::uint16_t kind) {
+  return kind == kPoolKind ? "pool" : std::to_string(kind);
+}
+
 StorageAccount::~StorageAccount() {
   for (const auto &[address, area] : areas_) {
+    if (keepsLeaks_ && !isLibrarys(area)) continue;
     destroyArea(reinterpret_cast<void *>(address), area);
   }
 }
 
 // Zero-filled. Every area has at least one byte, so that its address is its own.
-void *StorageAccount::makeArea(const Area &area) {
-  if (area.mappedBytes != 0) return platform::mapPages(area.mappedBytes);
-  return std::calloc(std::max<std::size_t>(area.length, 1), 1);
+void *StorageAccount::makeArea(Area &area) {
+  if (area.mappedBytes == 0) return std::calloc(std::max<std::size_t>(area.length, 1), 1);
+  void *const pages = platform::mapPages(area.mappedBytes);
+  if (pages != nullptr) area.standIn = std::malloc(1);
+  return pages;
 }
 
 void StorageAccount::destroyArea(void *address, const Area &area) {
   if (area.mappedBytes != 0) {
     platform::unmapPages(address, area.mappedBytes);
+    std::free(area.standIn);
   } else {
     std::free(address);
   }
 }
 
-void *StorageAccount::obtain(std::uint32_t length, std::uint16_t subPool, std::uint16_t kind) {
+void *StorageAccount::obtain(std::uint32_t length, std::uint16_t subPool, std::uint16_t kind,
+                             Origin origin) {
   if (length > kMaxStorage) return nullptr;
   const bool paged = needsPages(length, subPool);
-  Area area{length, subPool, kind, paged ? roundUpToPages(length) : 0};
+  Area area{length, subPool, kind, paged ? roundUpToPages(length) : 0, std::move(origin)};
   void *address = makeArea(area);
   if (address == nullptr) return nullptr;
   if (dirty_.load(std::memory_order_relaxed)) std::memset(address, dirtyByte_, length);
-  enter(reinterpret_cast<std::uintptr_t>(address), std::move(area));
+  const std::uint64_t callNumber =
+      enter(reinterpret_cast<std::uintptr_t>(address), std::move(area));
+  if (callNumber == stopAtCall_) platform::stopInDebugger();
   return address;
 }
 
@@ -81,14 +89,17 @@ void StorageAccount::changeAccounts(const Area &area, Change change) {
   change(all_, area.length);
 }
 
-void StorageAccount::enter(std::uintptr_t address, Area area) {
+// Returns the call's number.
+std::uint64_t StorageAccount::enter(std::uintptr_t address, Area area) {
   const std::lock_guard lock(mutex_);
   changeAccounts(area, add);
+  area.callNumber = ++lastCall_;
   areas_.emplace(address, std::move(area));
+  return lastCall_;
 }
 
 // Takes the area out of the tables; an empty node when the address is none.
-StorageAccount::Areas::node_type StorageAccount::remove(Service service, void *address) {
+StorageAccount::Areas::node_type StorageAccount::remove(void *address, const Complain &complain) {
   {
     const std::lock_guard lock(mutex_);
     auto node = areas_.extract(reinterpret_cast<std::uintptr_t>(address));
@@ -97,41 +108,48 @@ StorageAccount::Areas::node_type StorageAccount::remove(Service service, void *a
       return node;
     }
   }
-  misuses_.report(
-      service, formatText("%p is not a live area (never obtained or already returned)", address));
+  complain(formatText("%p is not a live area (never obtained or already returned)", address),
+           nullptr);
   return {};
 }
 
-void StorageAccount::giveBack(void *address, std::uint32_t length, std::uint16_t subPool) {
-  constexpr Service kService = Service::FreeStorage;
-  const auto node = remove(kService, address);
+void StorageAccount::giveBack(void *address, std::uint32_t length, std::uint16_t subPool,
+                              const Complain &complain) {
+  const auto node = remove(address, complain);
   if (node.empty()) return;
   const Area &area = node.mapped();
+  const auto complainOfArea = [&](std::string what) {
+    const FoundArea asObtained = found(node.key(), area);
+    complain(std::move(what), &asObtained);
+  };
   if (area.kind == kPoolKind) {
-    misuses_.report(kService, formatText("%p was obtained through GetPoolStorage", address));
+    complainOfArea(formatText("%p was obtained through GetPoolStorage", address));
   }
   if (area.length != length) {
-    misuses_.report(kService, formatText("%p was obtained with length %u, returned with %u",
-                                         address, area.length, length));
+    complainOfArea(formatText("%p was obtained with length %u, returned with %u", address,
+                              area.length, length));
   }
   if (area.subPool != subPool) {
-    misuses_.report(kService, formatText("%p was obtained from subpool %u, returned to %u", address,
-                                         area.subPool, subPool));
+    complainOfArea(formatText("%p was obtained from subpool %u, returned to %u", address,
+                              area.subPool, subPool));
   }
   destroyArea(address, area);
 }
 
-void StorageAccount::giveBackPool(void *address, std::uint16_t subPool) {
-  constexpr Service kService = Service::FreePoolStorage;
-  const auto node = remove(kService, address);
+void StorageAccount::giveBackPool(void *address, std::uint16_t subPool, const Complain &complain) {
+  const auto node = remove(address, complain);
   if (node.empty()) return;
   const Area &area = node.mapped();
+  const auto complainOfArea = [&](std::string what) {
+    const FoundArea asObtained = found(node.key(), area);
+    complain(std::move(what), &asObtained);
+  };
   if (area.kind != kPoolKind) {
-    misuses_.report(kService, formatText("%p was obtained through GetStorage", address));
+    complainOfArea(formatText("%p was obtained through GetStorage", address));
   }
   if (area.subPool != subPool) {
-    misuses_.report(kService, formatText("%p was obtained from subpool %u, returned to %u", address,
-                                         area.subPool, subPool));
+    complainOfArea(formatText("%p was obtained from subpool %u, returned to %u", address,
+                              area.subPool, subPool));
   }
   destroyArea(address, area);
 }
@@ -206,14 +224,66 @@ Account StorageAccount::account() const {
   return all_;
 }
 
-std::vector<Leak> StorageAccount::leaks() const {
+FoundArea StorageAccount::found(std::uintptr_t address, const Area &area) {
+  return {reinterpret_cast<void *>(address),
+          area.length,
+          area.subPool,
+          area.kind,
+          area.callNumber,
+          area.origin};
+}
+
+std::vector<FoundArea> StorageAccount::areas() const {
   const std::lock_guard lock(mutex_);
-  std::vector<Leak> leaks;
-  leaks.reserve(areas_.size());
-  for (const auto &[address, area] : areas_) {
-    leaks.push_back({reinterpret_cast<void *>(address), area.length, area.subPool, area.kind});
+  std::vector<FoundArea> areas;
+  areas.reserve(areas_.size());
+  for (const auto &[address, area] : areas_) areas.push_back(found(address, area));
+  return areas;
+}
+
+bool StorageAccount::isThreadBlock(const Area &area) {
+  const ServiceChain &services = *area.origin.services;
+  return area.kind == kPoolKind && !services.empty() && services.back() == "MEM_ThreadAct";
+}
+
+// What the library obtains for itself it asks the host for from these entry points; for components
+// it does so in MEM_Alloc alone.
+bool StorageAccount::isLibrarys(const Area &area) {
+  const ServiceChain &services = *area.origin.services;
+  if (services.empty()) return false;
+  const std::string_view innermost = services.back();
+  if (area.kind == kPoolKind) return innermost == "MEM_ProcessInit" || innermost == "MEM_ThreadAct";
+  return area.subPool == MEM_SINK_SUBPOOL &&
+         (innermost.starts_with("MEM_Sink") || innermost.starts_with("MEM_WSink"));
+}
+
+std::vector<FoundArea> StorageAccount::takeUnreported(bool (*isWanted)(const Area &)) {
+  std::vector<FoundArea> taken;
+  {
+    const std::lock_guard lock(mutex_);
+    for (auto &[address, area] : areas_) {
+      if (area.isReported || !isWanted(area)) continue;
+      area.isReported = true;
+      taken.push_back(found(address, area));
+    }
   }
-  return leaks;
+  std::sort(taken.begin(), taken.end(),
+            [](const auto &a, const auto &b) { return a.callNumber < b.callNumber; });
+  return taken;
+}
+
+std::vector<FoundArea> StorageAccount::takeLeaks() {
+  return takeUnreported([](const Area &area) { return !isLibrarys(area); });
+}
+
+std::vector<FoundArea> StorageAccount::takeThreadBlocks() {
+  return takeUnreported(&isThreadBlock);
+}
+
+void StorageAccount::markReported(const void *address) {
+  const std::lock_guard lock(mutex_);
+  const auto area = areas_.find(reinterpret_cast<std::uintptr_t>(address));
+  if (area != areas_.end()) area->second.isReported = true;
 }
 
 std::string StorageAccount::report() const {
@@ -238,9 +308,9 @@ std::string StorageAccount::report() const {
 
 std::string StorageAccount::leakReport() const {
   std::string report;
-  for (const Leak &leak : leaks()) {
-    report += formatText("%p: %llu bytes of subpool %u, kind %s\n", leak.area, leak.length,
-                         leak.subPool, kindName(leak.kind).c_str());
+  for (const FoundArea &area : areas()) {
+    report += formatText("%p: %u bytes of subpool %u, kind %s\n", area.address, area.length,
+                         area.subPool, kindName(area.kind).c_str());
   }
   return report;
 }
@@ -250,7 +320,7 @@ namespace services {
 std::uint16_t getPoolStorage(std::uint16_t subPool, std::uint32_t length, void **ppArea) {
   Call call(Service::GetPoolStorage, subPool, length, ppArea);
   if (call.faulted()) return call.faultCode();
-  void *area = call.host().storage.obtain(length, subPool, kPoolKind);
+  void *area = call.host().storage.obtain(length, subPool, kPoolKind, call.origin());
   if (area == nullptr) return call.refuse(kNoStorage, "GetPoolStorage");
   *ppArea = area;
   call.finish(area);
@@ -260,7 +330,7 @@ std::uint16_t getPoolStorage(std::uint16_t subPool, std::uint32_t length, void *
 void freePoolStorage(std::uint16_t subPool, void *pArea) {
   Call call(Service::FreePoolStorage, subPool, pArea);
   if (call.faulted()) return;
-  call.host().storage.giveBackPool(pArea, subPool);
+  call.host().storage.giveBackPool(pArea, subPool, call.complaints());
 }
 
 std::uint16_t getStorage(void **ppArea, std::uint32_t length, std::uint16_t subPool,
@@ -271,7 +341,7 @@ std::uint16_t getStorage(void **ppArea, std::uint32_t length, std::uint16_t subP
     call.misuse(formatText("storage kind %u", kind));
     return call.refuse(kBadArgument, "GetStorage");
   }
-  void *area = call.host().storage.obtain(length, subPool, kind);
+  void *area = call.host().storage.obtain(length, subPool, kind, call.origin());
   if (area == nullptr) return call.refuse(kNoStorage, "GetStorage");
   *ppArea = area;
   call.finish(area);
@@ -281,7 +351,7 @@ std::uint16_t getStorage(void **ppArea, std::uint32_t length, std::uint16_t subP
 void freeStorage(void *pArea, std::uint32_t length, std::uint16_t subPool) {
   Call call(Service::FreeStorage, pArea, length, subPool);
   if (call.faulted()) return;
-  call.host().storage.giveBack(pArea, length, subPool);
+  call.host().storage.giveBack(pArea, length, subPool, call.complaints());
 }
 
 std::uint16_t protectStorage(void *pArea, std::uint32_t length, std::uint16_t subPool,

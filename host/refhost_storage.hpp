@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -14,26 +15,49 @@
 #include <vector>
 
 #include "refhost.hpp"
-#include "refhost_misuse.hpp"
+#include "refhost_origin.hpp"
 
 namespace refhost {
 
+// An area of the account, as it was obtained.
+struct FoundArea {
+  void *address;
+  std::uint32_t length;
+  std::uint16_t subPool;
+  std::uint16_t kind;
+  std::uint64_t callNumber;
+  Origin origin;
+};
+
+// "pool" or the number.
+std::string kindName(std::uint16_t kind);
+
 class StorageAccount {
  public:
-  StorageAccount(MisuseLog &misuses, bool dirty, std::uint8_t dirtyByte)
-      : misuses_(misuses), dirty_(dirty), dirtyByte_(dirtyByte) {}
+  explicit StorageAccount(const Options &options)
+      : dirty_(options.dirtyStorage),
+        dirtyByte_(options.dirtyByte),
+        stopAtCall_(options.stopAtCall),
+        keepsLeaks_(options.keepLeaks) {}
+
+  // Frees what is left: the library's own areas, and leaks unless they are to stay allocated.
   ~StorageAccount();
   StorageAccount(const StorageAccount &) = delete;
   StorageAccount &operator=(const StorageAccount &) = delete;
 
   // A new area of `length` bytes, 16-byte aligned; null when there is none. A length of 0 has an
   // address of its own too.
-  void *obtain(std::uint32_t length, std::uint16_t subPool, std::uint16_t kind);
+  void *obtain(std::uint32_t length, std::uint16_t subPool, std::uint16_t kind, Origin origin);
+
+  // Is told what is wrong with a return, and of which area, while the area is still there. No lock
+  // is held then.
+  using Complain = std::function<void(std::string what, const FoundArea *area)>;
 
   // Takes back an area that FreeStorage or FreePoolStorage names. Whatever else is wrong with the
   // call, a known area is released, so that one mistake is reported once.
-  void giveBack(void *address, std::uint32_t length, std::uint16_t subPool);
-  void giveBackPool(void *address, std::uint16_t subPool);
+  void giveBack(void *address, std::uint32_t length, std::uint16_t subPool,
+                const Complain &complain);
+  void giveBackPool(void *address, std::uint16_t subPool, const Complain &complain);
 
   // Changes the protection of all pages that the range touches. 0 or the service's code.
   std::uint16_t protect(void *address, std::uint32_t length, std::uint16_t subPool,
@@ -48,38 +72,59 @@ class StorageAccount {
   Account account(std::uint16_t subPool, std::uint16_t kind) const;
   Account account(std::uint16_t subPool) const;
   Account account() const;
-  std::vector<Leak> leaks() const;
   std::string report() const;
   std::string leakReport() const;
+
+  // All live areas, by address.
+  std::vector<FoundArea> areas() const;
+
+  // Live areas that have not been asked for here before, in the order of their call numbers.
+  std::vector<FoundArea> takeLeaks();         // components'
+  std::vector<FoundArea> takeThreadBlocks();  // of threads that are active
+
+  // The area, a thread block, is reported otherwise.
+  void markReported(const void *address);
 
  private:
   struct Area {
     std::uint32_t length;
     std::uint16_t subPool;
     std::uint16_t kind;
-    std::size_t mappedBytes;               // 0 for an area without pages of its own
+    std::size_t mappedBytes;  // 0 for an area without pages of its own
+    Origin origin;
+    std::uint64_t callNumber = 0;
+    bool isReported = false;
+    // Stands for a mapped area where memory checkers look, who do not see mapped pages: one byte.
+    void *standIn = nullptr;
     std::vector<bool> readOnlyPages = {};  // one for each mapped page once protected, else empty
   };
   using Areas = std::map<std::uintptr_t, Area>;  // by address; areas never overlap
 
-  static void *makeArea(const Area &area);
+  static void *makeArea(Area &area);
   static void destroyArea(void *address, const Area &area);
+  static bool isThreadBlock(const Area &area);
+  static bool isLibrarys(const Area &area);
+  static FoundArea found(std::uintptr_t address, const Area &area);
+
+  std::vector<FoundArea> takeUnreported(bool (*isWanted)(const Area &));
 
   // The area that holds the address, the byte behind its last one included; end() when none does.
   // REQUIRES: mutex_ held.
   Areas::const_iterator areaAt(std::uintptr_t address) const;
 
-  void enter(std::uintptr_t address, Area area);
-  Areas::node_type remove(Service service, void *address);
+  std::uint64_t enter(std::uintptr_t address, Area area);
+  Areas::node_type remove(void *address, const Complain &complain);
   template <class Change>
   void changeAccounts(const Area &area, Change change);
 
-  MisuseLog &misuses_;
   std::atomic<bool> dirty_;
   const std::uint8_t dirtyByte_;
+  const std::uint64_t stopAtCall_;
+  const bool keepsLeaks_;
 
   mutable std::mutex mutex_;
   Areas areas_;
+  std::uint64_t lastCall_ = 0;
   std::map<std::pair<std::uint16_t, std::uint16_t>, Account> byKind_;
   std::map<std::uint16_t, Account> bySubPool_;
   Account all_;

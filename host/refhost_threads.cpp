@@ -78,16 +78,35 @@ void ThreadTable::resetCalls() {
 void Host::Impl::endThread(std::uint64_t number) {
   const std::unique_ptr<ThreadState> ended = threads.remove(number);
   if (ended == nullptr) return;
-  gates.endThread(*ended);
-  // The frames may be gone with the thread's stack, so they are not looked at.
-  if (ended->innermost != nullptr) {
-    misuses.report(Service::LeaveFrame,
-                   "a thread ended inside a frame: LeaveFrame was not called "
-                   "(takeCalls shows for which frame)");
+  timeline.endTo(number, 0);
+  reportLeftBy(*ended);
+  gates.endThread(*ended);  // after the report: those that are woken report, too
+}
+
+void Host::Impl::reportLeftBy(ThreadState &ended) {
+  const std::vector<std::uint32_t> held = gates.heldBy(ended);
+  const bool isInFrame = ended.innermost != nullptr;
+  const bool isActive = ended.env.pMemThreadBlk != nullptr;
+  if (held.empty() && !isInFrame && !isActive) return;
+
+  const Origin origin = originOn(ended);
+  for (const std::uint32_t gate : held) {
+    reportMisuse(
+        Service::ReleaseGate,
+        formatText("a thread ended while it held gate %u: ReleaseGate was not called", gate),
+        origin);
   }
-  if (ended->env.pMemThreadBlk != nullptr) {
-    misuses.report(Service::FreePoolStorage,
-                   "a thread ended while it was active: MEM_ThreadTerm was not called");
+  // The frames may be gone with the thread's stack, so they are not looked at.
+  if (isInFrame) {
+    reportMisuse(Service::LeaveFrame,
+                 "a thread ended inside a frame: LeaveFrame was not called "
+                 "(takeCalls shows for which frame)",
+                 origin);
+  }
+  if (isActive) {
+    storage.markReported(ended.env.pMemThreadBlk);
+    reportMisuse(Service::FreePoolStorage,
+                 "a thread ended while it was active: MEM_ThreadTerm was not called", origin);
   }
 }
 

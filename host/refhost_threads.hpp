@@ -7,11 +7,62 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "refhost.hpp"
 
 namespace refhost {
+
+// The frames that are open on a thread, in the order of entering. Their names are kept here because
+// a frame may be gone with its function when a fault or an exception has cut off calls.
+class OpenFrames {
+ public:
+  void enter(const MEMTraceFrame *frame) {
+    if (depth_ < kMostKept) kept_[depth_] = {frame, frame->pName == nullptr ? "" : frame->pName};
+    ++depth_;
+  }
+
+  // The innermost frame is left.
+  void leave() {
+    if (depth_ != 0) --depth_;
+  }
+
+  // Makes `frame` the innermost again.
+  void unwindTo(const MEMTraceFrame *frame) {
+    while (depth_ > kMostKept || (depth_ != 0 && kept_[depth_ - 1].frame != frame)) --depth_;
+  }
+
+  std::size_t depth() const { return depth_; }
+
+  // The outermost first. Frames nested deeper than kMostKept have no names.
+  std::vector<std::string> names() const {
+    std::vector<std::string> names;
+    for (std::size_t i = 0; i < keptCount(); ++i) names.emplace_back(kept_[i].name);
+    return names;
+  }
+  bool areNamed(const std::vector<std::string> &names) const {
+    if (names.size() != keptCount()) return false;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      if (names[i] != kept_[i].name) return false;
+    }
+    return true;
+  }
+
+ private:
+  static constexpr std::size_t kMostKept = 64;
+
+  struct Kept {
+    const MEMTraceFrame *frame;
+    const char *name;
+  };
+
+  std::size_t keptCount() const { return depth_ < kMostKept ? depth_ : kMostKept; }
+
+  std::array<Kept, kMostKept> kept_{};
+  std::size_t depth_ = 0;
+};
 
 // State of one thread. Only that thread touches it, but for the call counts, which any thread may
 // read.
@@ -37,6 +88,8 @@ class ThreadState {
   const std::uint64_t number;  // from 1; names the thread in frames and gates, also after its end
   MEMThreadEnv env{};
   MEMTraceFrame *innermost = nullptr;  // frame entered last, linked by pHostLink to the one before
+  OpenFrames frames;
+  const std::vector<std::string> *lastChain = nullptr;  // the ChainTable's, of its last call here
 
  private:
   std::array<std::atomic<std::uint64_t>, kServiceCount> calls_{};

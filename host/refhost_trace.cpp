@@ -28,9 +28,16 @@ void appendVisibly(std::string &line, const std::string &text) {
 
 }  // namespace
 
-std::string traceLine(const TraceRecord &record) {
-  std::string line = record.type + ' ' + record.function + '(' + record.source + ':' +
-                     std::to_string(record.line) + ") ";
+std::string traceLine(const TraceRecord &record, TraceLineStyle style) {
+  std::string line;
+  if (style.time) {
+    const std::uint64_t microseconds = record.time / 1000;
+    line += formatText("%5llu.%06llu ", microseconds / 1'000'000, microseconds % 1'000'000);
+  }
+  if (style.thread) line += formatText("T%llu ", record.thread);
+  if (style.depth && record.depth > 1) line.append(2 * (record.depth - 1), ' ');
+  line += record.type + ' ' + record.function + '(' + record.source + ':' +
+          std::to_string(record.line) + ") ";
   appendVisibly(line, record.text);
   return line;
 }
@@ -40,9 +47,9 @@ void TraceOutput::write(const TraceRecord &record) {
   {
     const std::lock_guard lock(mutex_);
     callback = callback_;
-    if (stream_ != nullptr) *stream_ << traceLine(record) << '\n';
+    if (stream_ != nullptr) *stream_ << traceLine(record, style_) << '\n';
     // Each line is flushed, so that the file tells the end of a program that crashed.
-    if (file_.is_open()) file_ << traceLine(record) << std::endl;
+    if (file_.is_open()) file_ << traceLine(record, style_) << std::endl;
     if (keeping_) records_.push_back(record);
   }
   // Outside the lock: the callback may use the library, which may trace.
@@ -74,6 +81,11 @@ void TraceOutput::toFile(const std::filesystem::path &path) {
   file_ = std::move(file);
 }
 
+void TraceOutput::setStyle(TraceLineStyle style) {
+  const std::lock_guard lock(mutex_);
+  style_ = style;
+}
+
 void TraceOutput::toCallback(Callback callback) {
   auto shared = callback ? std::make_shared<const Callback>(std::move(callback)) : nullptr;
   const std::lock_guard lock(mutex_);
@@ -100,6 +112,10 @@ std::string traceBufferText(Call &call) {
 void write(Call &call, Service service, std::int32_t component, TraceRecord record) {
   call.checkComponent(component);
   record.writtenBy = service;
+  record.time = call.host().clock.now();
+  record.thread = call.thread().number;
+  record.depth = call.thread().frames.depth();
+  if (call.host().timeline.isOn()) call.host().timeline.mark(record);
   call.host().trace.write(record);
 }
 

@@ -2,9 +2,12 @@
 #define NOMINMAX
 #include <windows.h>
 
+#include <array>
+#include <cstdint>
 #include <system_error>
 #include <vector>
 
+#include "refhost.hpp"
 #include "refhost_platform.hpp"
 
 namespace refhost::platform {
@@ -60,15 +63,57 @@ const char *libraryFileName() {
   return "QJ7MEM00.dll";
 }
 
-std::filesystem::path programPath() {
+namespace {
+
+// Enough to reach a component's own functions; deeper ones are cut off.
+constexpr DWORD kMostFrames = 48;
+
+HMODULE moduleHandleAt(const void *address) {
+  constexpr DWORD kByAddress =
+      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
+  HMODULE module = nullptr;
+  GetModuleHandleExW(kByAddress, static_cast<LPCWSTR>(address), &module);
+  return module;
+}
+
+std::filesystem::path pathOf(HMODULE module) {
   // The length of the path is not known beforehand; a full buffer means that it was cut.
   std::vector<wchar_t> buffer(MAX_PATH);
   for (;;) {
     const auto room = static_cast<DWORD>(buffer.size());
-    const DWORD length = GetModuleFileNameW(nullptr, buffer.data(), room);
+    const DWORD length = GetModuleFileNameW(module, buffer.data(), room);
     if (length < room) return std::filesystem::path(buffer.data(), buffer.data() + length);
     buffer.resize(buffer.size() * 2);
   }
+}
+
+}  // namespace
+
+std::vector<void *> callStack() {
+  std::array<void *, kMostFrames> addresses;
+  const USHORT count = CaptureStackBackTrace(0, kMostFrames, addresses.data(), nullptr);
+  return std::vector<void *>(addresses.begin(), addresses.begin() + count);
+}
+
+const void *moduleAt(const void *address) {
+  return moduleHandleAt(address);
+}
+
+// Names are in the debug information only, which this system keeps outside of programs.
+std::string placeOf(void *returnAddress) {
+  const auto call = reinterpret_cast<std::uintptr_t>(returnAddress) - 1;
+  const HMODULE module = moduleHandleAt(reinterpret_cast<const void *>(call));
+  if (module == nullptr) return formatText("%p", returnAddress);
+  return formatText("%s+0x%llX", pathOf(module).filename().string().c_str(),
+                    call - reinterpret_cast<std::uintptr_t>(module));
+}
+
+void stopInDebugger() {
+  DebugBreak();
+}
+
+std::filesystem::path programPath() {
+  return pathOf(nullptr);
 }
 
 }  // namespace refhost::platform

@@ -30,8 +30,8 @@ function(mem_note_program name)
   set_property(GLOBAL APPEND_STRING PROPERTY MEM_TEST_PROGRAMS "${name} $<TARGET_FILE:${name}>\n")
 endfunction()
 
-# mem_add_test(<name> <source>... [THREADS] [INTERNALS] [UNVALIDATED <filter>] [LABELS <label>...]
-#              [LINK <library>...])
+# mem_add_test(<name> <source>... [THREADS] [INTERNALS] [UNVALIDATED <filter>] [UNCHECKED <filter>]
+#              [LABELS <label>...] [LINK <library>...])
 # One program of GoogleTest cases, and one entry for all of its cases: starting a program under Wine
 # takes longer than most cases. The program loads the real library and sees only what hosts see.
 # THREADS    it runs several threads: it has the label "thread" and is run under the thread
@@ -42,8 +42,12 @@ endfunction()
 #            validates, as validate/<name>
 # UNVALIDATED  cases that are left out there: a walk through their structures at every operation
 #            takes minutes
+# UNCHECKED  cases that are left out, "*" for all, where the program of a release build for this
+#            machine runs once more under the checking layer, as checked/<name>: they look at the
+#            places of entries, at bytes around them and in freed ones, at the order in which cells
+#            come again, or misuse entries and cells
 function(mem_add_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS;INTERNALS" "UNVALIDATED" "LABELS;LINK")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS;INTERNALS" "UNVALIDATED;UNCHECKED" "LABELS;LINK")
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE test_support mem_warnings GTest::gtest_main ${arg_LINK})
   add_dependencies(${name} QJ7MEM00)
@@ -68,6 +72,12 @@ function(mem_add_test name)
     mem_add_label(validate/${name} model)
     set_property(TEST validate/${name} APPEND PROPERTY
       ENVIRONMENT MEM_TEST_MODULE=$<TARGET_FILE:QJ7MEM00_validate>)
+  endif()
+  if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT MEM_SANITIZE AND NOT CMAKE_CROSSCOMPILING
+      AND NOT arg_UNCHECKED STREQUAL "*")
+    mem_add_entry(checked/${name} ${name} --gtest_filter=-${arg_UNCHECKED})
+    mem_add_label(checked/${name} checked)
+    set_property(TEST checked/${name} APPEND PROPERTY ENVIRONMENT MEM_CHECKED=1)
   endif()
   if(arg_THREADS)
     mem_add_label(${name} thread)

@@ -135,18 +135,6 @@ void readChain(const mem::Context &context, const Arguments &arguments, StepCloc
   clock.run("check", [&] { checkRecords(port.root, packages); });
 }
 
-// Whether everything was given back to the host and nothing was misused; tells of it when not.
-bool isHostAtRest(refhost::Host &host) {
-  const std::string leaks = host.leakReport();
-  if (!leaks.empty()) std::cerr << "catalog: storage was not returned\n" << leaks;
-  if (host.gateCount() != 0) std::cerr << "catalog: a gate was not deleted\n";
-  const std::vector<refhost::Misuse> misuses = host.takeMisuses();
-  for (const refhost::Misuse &misuse : misuses) {
-    std::cerr << "catalog: " << refhost::serviceName(misuse.service) << ": " << misuse.what << '\n';
-  }
-  return leaks.empty() && host.gateCount() == 0 && misuses.empty();
-}
-
 ExitCode run(Arguments arguments) {
   const std::filesystem::path libraryPath = refhost::Library::besideProgram();
   complete(arguments, libraryPath.parent_path());
@@ -166,7 +154,7 @@ ExitCode run(Arguments arguments) {
   report.account = host.account();
   printReport(std::cout, report);
   if (!std::cout.flush()) throw std::runtime_error("the report could not be written");
-  return isHostAtRest(host) ? kExitSuccess : kExitFailure;
+  return host.report().empty() ? kExitSuccess : kExitFailure;  // the host tells what it found
 }
 
 ExitCode runWithArguments(const std::vector<std::string> &words) {

@@ -7,7 +7,7 @@
  *
  * Conventions:
  *  1. Nothing throws and nothing is allocated but what the services allocate. The header compiles
- *     without exceptions and run-time type information.
+ *     without exceptions and run-time type information. (Memory resources throw std::bad_alloc.)
  *  2. Owners (Heap, CellPool, …) are movable, not copyable. An owner is empty after default
  *     construction, after being moved from, after release() and after a close() that succeeded;
  *     only isOpen(), close(), assignment and destruction may be used then. Destruction closes and
@@ -35,6 +35,9 @@
 #include "mem/port.hpp"
 #include "mem/process.hpp"
 #include "mem/text.hpp"
+#if __has_include(<memory_resource>)  // some standard libraries had it late
+#include "mem/resource.hpp"
+#endif
 
 #endif
 #endif

@@ -159,7 +159,8 @@ constexpr auto tableOfLinks(std::integer_sequence<int, kNumbers...>) {
       mem::segment<Link<11>>(mem::child(MEM_FIELD(Link<11>, pName))));
 }
 constexpr auto kLinks = tableOfLinks(std::make_integer_sequence<int, 11>());
-static_assert(kLinks.count() == 13 && sizeof kLinks == MEM_PACK_CB_LEN(13));
+static_assert(kLinks.count() == 13);
+static_assert(sizeof(mem::detail::PackStorage<5>) == MEM_PACK_CB_LEN(13));
 static_assert(kLinks.descriptor(8).Children[0].Descriptor == 9);
 static_assert(kLinks.descriptor(11).Children[0].Descriptor == 12);
 static_assert(kLinks.descriptor(12).Type == MEM_PACK_STRING);
@@ -243,7 +244,7 @@ static_assert(isField(kCatalogDefs[1].Fields[3], 4, MEM_PORT_PNT, 8, 24, 1));
 static_assert(kCatalogDefs[2].StructID == 0);
 
 // Every type code.
-enum class Colour : std::uint16_t { kRed = 7 };
+enum class Colour : std::uint16_t { kRed = 7, kGreen = 0xFFFF };
 struct Every {
   char chars[4];
   char text[4];
@@ -282,7 +283,7 @@ inline constexpr mem::PortTable kEvery{
         mem::fieldAs<14, MEM_PORT_WCHAR>(MEM_FIELD(Every, wide)),
         mem::field<15>(MEM_FIELD(Every, wideText)).defaultText(u"w"),
         mem::field<16>(MEM_FIELD(Every, pWide)).defaultText(u"wide"),
-        mem::field<17>(MEM_FIELD(Every, colour)).notPorted()),
+        mem::field<17>(MEM_FIELD(Every, colour)).notPorted().defaultNumber<Colour::kGreen>()),
     mem::structure<Part, 2>(mem::field<1>(MEM_FIELD(Part, number)),
                             mem::field<2>(MEM_FIELD(Part, bytes)))};
 
@@ -297,6 +298,30 @@ static_assert(hasEveryCode());
 static_assert(kEvery.table()[0].Fields[4].Default.Short == 0xFFFB);
 static_assert(kEvery.table()[0].Fields[7].Default.Long == 4000000000U);
 static_assert(kEvery.table()[0].Fields[1].NoTruncate == 1);
+static_assert(kEvery.table()[0].Fields[16].Default.Short == 0xFFFF);
+
+// Bytes of what holds numbers only: arrays, structures in one another, classes without
+// constructors.
+struct Mark {
+  struct {
+    std::uint16_t numbers[3];
+    Colour colour;
+  } inner[2];
+  float ratio;
+  std::byte bytes[100];
+};
+struct Marked {
+  Mark mark;
+  std::array<char16_t, 4> units;
+  std::uint64_t plain;
+  Colour colours[3];
+};
+inline constexpr mem::PortTable kMarked{
+    mem::structure<Marked, 1>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Marked, mark)),
+                              mem::fieldAs<2, MEM_PORT_BIN>(MEM_FIELD(Marked, units)),
+                              mem::fieldAs<3, MEM_PORT_BIN>(MEM_FIELD(Marked, plain)),
+                              mem::fieldAs<4, MEM_PORT_BIN>(MEM_FIELD(Marked, colours)))};
+static_assert(kMarked.table()[0].Fields[0].Length == sizeof(Mark));
 
 // Repeat fields, and alternatives that share their place.
 struct Counts {
@@ -400,6 +425,7 @@ TEST_F(PortTableRoundTrip, AbsentFieldsGetTheirDefaults) {
   EXPECT_EQ(back->us, 65535U);
   EXPECT_EQ(back->l, -70000);
   EXPECT_EQ(back->ul, 4000000000U);
+  EXPECT_EQ(back->colour, Colour::kGreen);
   EXPECT_EQ(back->part.number, 9U);
   EXPECT_EQ(std::u16string(back->wideText), u"w");
   EXPECT_EQ(std::u16string(back->pWide), u"wide");

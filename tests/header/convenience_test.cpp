@@ -2,6 +2,7 @@
 // thread's error area holds; nothing is left.
 #include <array>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -293,16 +294,84 @@ TEST(ResultTest, HoldsAValueOrAnError) {
   EXPECT_TRUE(error.error().isRefusal());
   EXPECT_STREQ(error.error().line().text, "S failed: because");
   static_assert(!std::is_convertible_v<mem::Result<int *>, bool>);
+  static_assert(std::is_same_v<decltype(mem::Result<int>(1).value()), int>);
   static_assert(!std::is_constructible_v<bool, mem::Status>);
+}
+
+// What a chain of calls makes of a number, or of the error in place of it.
+mem::Result<int> half(int number) {
+  if (number % 2 != 0) return mem::Error::refusal("half", "odd");
+  return number / 2;
+}
+
+TEST(ResultTest, ChainsCalls) {
+  EXPECT_EQ(taken(half(12).and_then(half).transform([](int n) { return n + 1; })), 4);
+  EXPECT_EQ(failure(half(6).and_then(half).transform([](int) { ADD_FAILURE(); })),
+            "half failed: odd");
+  EXPECT_EQ(failure(half(3).and_then([](int) { return mem::Status(); })), "half failed: odd");
+  const mem::Status done = half(2).transform([](int) {});
+  expectOk(done);
+  EXPECT_EQ(taken(done.and_then([] { return half(8); })), 4);
+  EXPECT_EQ(taken(done.transform([] { return 5; })), 5);
+  const mem::Status failed = mem::Error::refusal("S", "because");
+  EXPECT_EQ(failure(failed.and_then([] { return half(8); })), "S failed: because");
+  EXPECT_EQ(failure(failed.transform([] { ADD_FAILURE(); })), "S failed: because");
+  // Members, and values that cannot be copied.
+  EXPECT_EQ(taken(half(4)
+                      .transform([](int n) { return std::string(3, char('a' + n)); })
+                      .transform(&std::string::size)),
+            3U);
+  mem::Result<std::unique_ptr<int>> owner = std::make_unique<int>(7);
+  EXPECT_EQ(taken(owner.transform([](const std::unique_ptr<int> &p) { return *p; })), 7);
+  EXPECT_EQ(*taken(std::move(owner).transform([](std::unique_ptr<int> p) { return p; })), 7);
+}
+
+TEST(ResultTest, ArrowLeadsToMembers) {
+  mem::Result<std::string> text = std::string("text");
+  text->push_back('s');
+  EXPECT_EQ(std::as_const(text)->size(), 5U);
+  Record record{nullptr, 1, 2};
+  const mem::Result<Record *> pointer = &record;
+  pointer->value = 3;
+  EXPECT_EQ(record.value, 3U);
+}
+
+mem::Result<int> tried(int first, int second, int &calls) {
+  MEM_TRY(const int one, half(first));
+  ++calls;
+  int two = 0;
+  MEM_TRY(two, half(second));
+  ++calls;
+  MEM_TRY(half(one + two));
+  if (two > 0) MEM_TRY(half(one + two).transform([](int) {}));
+  ++calls;
+  return one + two;
+}
+
+TEST(ResultTest, TryLeavesWithTheError) {
+  int calls = 0;
+  EXPECT_EQ(taken(tried(4, 8, calls)), 6);
+  EXPECT_EQ(calls, 3);
+  EXPECT_EQ(failure(tried(3, 8, calls)), "half failed: odd");
+  EXPECT_EQ(calls, 3);
+  EXPECT_EQ(failure(tried(4, 3, calls)), "half failed: odd");
+  EXPECT_EQ(calls, 4);
+  EXPECT_EQ(failure(tried(4, 2, calls)), "half failed: odd");
+  EXPECT_EQ(calls, 6);
 }
 
 #ifndef _WIN32
 TEST(ResultDeathTest, WrongPartEndsTheProgram) {
   mem::Result<int> value = 1;
-  mem::Result<int> error = mem::Error::refusal("S", "");
-  EXPECT_EXIT(static_cast<void>(value.error()), ::testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(static_cast<void>(error.value()), ::testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(static_cast<void>(mem::Status().error()), ::testing::KilledBySignal(SIGABRT), "");
+  mem::Result<int> error = mem::Error::refusal("S", "because");
+  constexpr char kNoError[] = "mem: a result was asked for an error, and has none";
+  EXPECT_EXIT(static_cast<void>(value.error()), ::testing::KilledBySignal(SIGABRT), kNoError);
+  EXPECT_EXIT(static_cast<void>(error.value()), ::testing::KilledBySignal(SIGABRT),
+              "S failed: because");
+  EXPECT_EXIT(static_cast<void>(std::move(error).value()), ::testing::KilledBySignal(SIGABRT),
+              "S failed: because");
+  EXPECT_EXIT(static_cast<void>(mem::Status().error()), ::testing::KilledBySignal(SIGABRT),
+              kNoError);
 }
 #endif
 
@@ -360,6 +429,19 @@ TEST_F(HeapOwnerTest, MakesInitialisedRecords) {
   Record *const linked = taken(heap.make<Record>(nullptr, 3U, 4U));
   EXPECT_EQ(linked->value, 4U);
   EXPECT_EQ(asNumber(linked) % 8, 0U);
+}
+
+TEST_F(HeapOwnerTest, MakesRecordsWithConstantMembers) {
+  struct Named {
+    Named *pNext;
+    const char *const pName;
+  };
+  mem::Heap heap = taken(mem::Heap::open(context));
+  EXPECT_EQ(taken(heap.make<Named>())->pName, nullptr);
+  EXPECT_STREQ(taken(heap.make<Named>(nullptr, "name"))->pName, "name");
+  EXPECT_EQ(taken(heap.makeChain(MEM_FIELD(Named, pNext), 2))->pNext->pName, nullptr);
+  mem::CellPool<Named> pool = taken(mem::CellPool<Named>::open(context));
+  EXPECT_EQ(taken(pool.make())->pName, nullptr);
 }
 
 TEST_F(HeapOwnerTest, MakesChainsOfInitialisedRecords) {
@@ -846,6 +928,16 @@ TEST_F(PortOwnerTest, WritesInPieces) {
   }
 }
 
+// The range of a loop lives as long as the loop, but not the temporary that it comes from.
+TEST_F(PortOwnerTest, IsGoneThroughWhereItIsWritten) {
+  std::string text;
+  for (const std::string_view piece :
+       mem::PortString::write(context, kNodes, nodes[0], {}, 30).value()) {
+    text += piece;
+  }
+  EXPECT_EQ(text, kNodeText);
+}
+
 TEST_F(PortOwnerTest, IsEmptyAfterMoveAndClose) {
   const std::uint64_t before = host.account().liveCount;
   mem::PortString first = written();
@@ -889,8 +981,51 @@ TEST_F(PortOwnerTest, RefusesAnotherTopLevelStructure) {
   }
   EXPECT_EQ(failure(mem::readPortString<Leaf>(context, heap, kNodes, written())),
             "MEM_PortStrToStruct failed: the text begins with another structure");
-  const std::string broken = read("(0000000031,0000000001)(7<1X1>)");
-  EXPECT_EQ(broken.substr(0, 39), "MEM_Port1StrToStruct failed: result -1 ");
+}
+
+// The reader's last record, as long as nothing is traced over it.
+TEST_F(PortOwnerTest, FailuresCarryReasonAndPlace) {
+  mem::Heap heap = taken(mem::Heap::open(context));
+  const auto read = [&](std::string_view text) {
+    return mem::readPortString<Leaf>(context, heap, kNodes, text);
+  };
+  const auto broken = read("(0000000031,0000000001)(7<1X1>)");
+  EXPECT_EQ(failure(broken),
+            "MEM_Port1StrToStruct failed: Field conversion failed! (at character 28)");
+  EXPECT_STREQ(broken.error().reasonText(), "Field conversion failed!");
+  EXPECT_EQ(broken.error().position(), 28);
+  EXPECT_STREQ(broken.error().readText(), "(0000000031,0000000001)(7<1X");
+  EXPECT_STREQ(broken.error().nextText(), "1>)");
+
+  // No record of this call, and none of an earlier one.
+  const auto silent = read("(0000000031,0000000009)(7<1N>)");
+  EXPECT_STREQ(silent.error().reasonText(), "End of port string reached!");
+  const auto headless = read("(0000000031,9999999999)(7<1N>)");
+  EXPECT_EQ(failure(headless), "MEM_Port1StrToStruct failed: result -1 without a code");
+  EXPECT_EQ(headless.error().position(), -1);
+
+  // Texts that look like parts of a record.
+  const auto misleading = read("(0000000031,0000000001)(7<1N/6\nNext:x\nRead:");
+  EXPECT_FALSE(misleading.isOk());
+
+  Leaf leaf{5};
+  const auto unknown = mem::PortString::write(context, kNodes.table(), 13, &leaf);
+  EXPECT_EQ(failure(unknown), "MEM_StructToPortStr failed: No such StructID:13!");
+  EXPECT_EQ(unknown.error().position(), -1);
+
+  const mem::Context blind(mem, nullptr);
+  EXPECT_EQ(
+      failure(mem::readPortString<Leaf>(blind, heap, kNodes, "(0000000031,0000000001)(7<1X1>)")),
+      "MEM_Port1StrToStruct failed: result -1 without a code");
+}
+
+TEST_F(PortOwnerTest, TracingTakesThePlaceOfTheReason) {
+  mem::Heap heap = taken(mem::Heap::open(context));
+  host.setTraceFlags(MEM_TRACE_EXIT);
+  EXPECT_EQ(
+      failure(mem::readPortString<Leaf>(context, heap, kNodes, "(0000000031,0000000001)(7<1X1>)")),
+      "MEM_Port1StrToStruct failed: result -1 without a code");
+  host.setTraceFlags(0);
 }
 
 TEST_F(PortOwnerTest, LackOfStorageLeavesNothing) {

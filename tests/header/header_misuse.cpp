@@ -31,6 +31,79 @@ struct Destroyed {
   ~Destroyed() {}
 };
 
+struct alignas(16) Wide {
+  Wide *pNext;
+  std::uint32_t id;
+};
+struct Counting {  // is not copied byte by byte
+  Counting(const Counting &other) : id(other.id) {}
+  Counting *pNext;
+  std::uint32_t id;
+};
+struct Texts {
+  const wchar_t *pWide;
+  char8_t *pUtf8;
+  const char32_t *pUtf32;
+  wchar_t wide[8];
+  char8_t utf8[8];
+};
+struct Bytes {
+  bool flag;
+  struct {
+    std::uint32_t number;
+    char text[20];
+    Node *pNode;
+  } pointers;
+  struct {
+    std::uint16_t numbers[3];
+    bool flags[2];
+  } truths;
+  union {
+    std::uint32_t number;
+    const char *pText;
+  } either;
+  struct Hidden {
+   private:
+    [[maybe_unused]] std::uint32_t number;
+  } hidden;
+};
+struct Packed {
+  std::int16_t length;
+  union {
+    struct {
+      Node *pNode;
+      Leaf *pLeaf;
+    };
+    char text[16];
+  };
+};
+struct Early {
+  std::uint32_t count;
+  std::uint16_t elements[1];
+  std::uint16_t behind;
+};
+struct Long {
+  std::uint32_t count;
+  std::uint16_t elements[1];
+  std::uint16_t undescribed;
+  std::uint32_t more;
+};
+struct Choice {
+  std::uint32_t kind;
+  union {
+    Leaf *pLeaf;
+    std::uint64_t number;
+  };
+};
+struct Choosing {
+  Choice choice;
+  union {
+    Choice second;
+    char text[16];
+  };
+};
+enum class Color : std::uint32_t { kRed = 65536 };
+
 using mem::child;
 using mem::field;
 using mem::reference;
@@ -89,6 +162,25 @@ using mem::structure;
   static_cast<void>(mem::selfSizedSegment<'D'>(NODE(elements[0])));
 #elif CASE == 16  // mem: this type letter has a meaning of its own
   static_cast<void>(mem::selfSizedSegment<'S'>(mem::Member<Node, std::uint16_t, 0>{}));
+#elif CASE == 17  // mem: a segment's structure is aligned to 8 bytes at most
+  static_cast<void>(segment<Wide>());
+#elif CASE == 18  // mem: a segment is copied byte by byte (trivially copyable)
+  static_cast<void>(segment<Counting>());
+#elif CASE == 19  // mem: a pointer of a segment is named twice, or lies over another or the length
+  static_cast<void>(segment<Node>(sibling(NODE(pNext)), reference(NODE(pNext))));
+#elif CASE == 60  // mem: a pointer of a segment is named twice, or lies over another or the length
+  static_cast<void>(segment<Node>(child(NODE(pLeaf)), child(mem::Member<Node, Leaf *, 20>{})));
+#elif CASE == 61  // mem: a pointer of a segment is named twice, or lies over another or the length
+  static_cast<void>(
+      mem::countedSegment(MEM_FIELD(Packed, length), child(mem::Member<Packed, Leaf *, 1>{})));
+#elif CASE == 62  // mem: wchar_t differs between platforms: use char16_t
+  static_cast<void>(child(MEM_FIELD(Texts, pWide)));
+#elif CASE == 63  // mem: the services' text is no char8_t: use char
+  static_cast<void>(child(MEM_FIELD(Texts, pUtf8)));
+#elif CASE == 64  // mem: the services' text is no char32_t: use char16_t
+  static_cast<void>(child(MEM_FIELD(Texts, pUtf32)));
+#elif CASE == 65  // mem: this type letter has a meaning of its own
+  static_cast<void>(mem::selfSizedSegment<0xE5>(mem::Member<Node, std::uint16_t, 0>{}));
 
 #elif CASE == 20  // mem: this member's type has no type code (use fieldAs to choose one)
   static_cast<void>(field<1>(NODE(weight)));
@@ -135,6 +227,72 @@ using mem::structure;
   static_cast<void>(field<1>(NODE(pName)).defaultText(u"text"));
 #elif CASE == 39  // mem: this field has no bytes as its default
   static_cast<void>(field<1>(NODE(big)).defaultBytes(nullptr));
+#elif CASE == 40  // mem: elements of the repeat field would lie over what is behind it
+  static_cast<void>(structure<Early, 1>(field<1>(MEM_FIELD(Early, count)),
+                                        field<2>(MEM_FIELD(Early, behind)),
+                                        mem::repeatedField<3, 1>(MEM_FIELD(Early, elements))));
+#elif CASE == 41  // mem: elements of the repeat field would lie over what is behind it
+  static_cast<void>(structure<Long, 1>(field<1>(MEM_FIELD(Long, count)),
+                                       mem::repeatedField<2, 1>(MEM_FIELD(Long, elements))));
+#elif CASE == 42  // mem: elements of the repeat field would lie over what is behind it
+  static_cast<void>(
+      structure<Early, 1>(field<1>(MEM_FIELD(Early, count)),
+                          mem::fieldAs<2, MEM_PORT_BIN>(mem::Member<Early, std::uint32_t, 4>{}),
+                          mem::repeatedField<3, 1>(MEM_FIELD(Early, elements))));
+#elif CASE == 43  // mem: entries are aligned to 8 bytes
+  static_cast<void>(structure<Wide, 1>(field<1>(MEM_FIELD(Wide, id))));
+#elif CASE == 44  // mem: entries are aligned to 8 bytes
+  using WideField = mem::PortField<Wide, std::uint32_t, 1, MEM_PORT_ULONG, 8>;
+  static constexpr mem::PortTable kTable{
+      mem::PortStructure<Wide, 1, WideField>{{WideField().def()}}};
+  static_cast<void>(mem::readPortString<Wide>(context, heap, kTable, ""));
+#elif CASE == 45  // mem: a structure is filled byte by byte (trivially copyable)
+  static_cast<void>(structure<Counting, 1>(field<1>(MEM_FIELD(Counting, id))));
+#elif CASE == 46  // mem: a field is copied byte by byte (trivially copyable)
+  static_cast<void>(field<1>(mem::Member<Node, Counting, 0>{}));
+#elif CASE == 47  // mem: two fields are one pointer
+  static_cast<void>(structure<Node, 1>(field<1>(NODE(pLeaf)), field<2>(NODE(pLeaf))));
+#elif CASE == 48  // (readPortStringUnchecked takes it)
+  static constexpr mem::PortTable kTable{
+      structure<Choice, 1>(field<1>(MEM_FIELD(Choice, kind)), field<2>(MEM_FIELD(Choice, pLeaf)),
+                           field<3>(MEM_FIELD(Choice, number))),
+      structure<Leaf, 2>(field<1>(MEM_FIELD(Leaf, id)))};
+  static_cast<void>(mem::readPortString<Leaf>(context, heap, kTable, ""));
+#elif CASE == 49  // (readPortStringUnchecked takes it)
+  static constexpr mem::PortTable kTable{
+      structure<Choosing, 1>(field<1>(MEM_FIELD(Choosing, choice)),
+                             field<2>(MEM_FIELD(Choosing, second)),
+                             field<3>(MEM_FIELD(Choosing, text))),
+      structure<Choice, 2>(field<1>(MEM_FIELD(Choice, pLeaf))),
+      structure<Leaf, 3>(field<1>(MEM_FIELD(Leaf, id)))};
+  static_cast<void>(mem::readPortString<Leaf>(context, heap, kTable, ""));
+#elif CASE == 70  // mem: a text may set bits that bool does not have: use std::uint8_t
+  static_cast<void>(mem::fieldAs<1, MEM_PORT_BIT>(MEM_FIELD(Bytes, flag)));
+#elif CASE == 71  // mem: a text may set bits that bool does not have: use std::uint8_t
+  static_cast<void>(mem::fieldAs<1, MEM_PORT_CHAR>(MEM_FIELD(Bytes, flag)));
+#elif CASE == 72  // mem: a text would set pointers or bool in these bytes, or what cannot be seen
+  static_cast<void>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Bytes, pointers)));
+#elif CASE == 73  // mem: a text would set pointers or bool in these bytes, or what cannot be seen
+  static_cast<void>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Bytes, truths)));
+#elif CASE == 74  // mem: a text would set pointers or bool in these bytes, or what cannot be seen
+  static_cast<void>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Bytes, either)));
+#elif CASE == 75  // mem: a text would set pointers or bool in these bytes, or what cannot be seen
+  static_cast<void>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Bytes, hidden)));
+#elif CASE == 76  // mem: wchar_t differs between platforms: use char16_t
+  static_cast<void>(field<1>(MEM_FIELD(Texts, pWide)));
+#elif CASE == 77  // mem: the services' text is no char8_t: use char
+  static_cast<void>(field<1>(MEM_FIELD(Texts, pUtf8)));
+#elif CASE == 78  // mem: wchar_t differs between platforms: use char16_t
+  static_cast<void>(field<1>(MEM_FIELD(Texts, wide)));
+#elif CASE == 79  // mem: the services' text is no char8_t: use char
+  static_cast<void>(field<1>(MEM_FIELD(Texts, utf8)));
+#elif CASE == 80  // mem: the default does not fit its field
+  static_cast<void>(field<1>(NODE(elements[0])).defaultNumber<Color::kRed>());
+#elif CASE == 81  // use of deleted function
+  const mem::Result<int> (*result)() = nullptr;
+  static_cast<void>(result().value());
+#elif CASE == 82  // mem: and_then takes what returns a Result or a Status
+  static_cast<void>(mem::Result<int>(1).and_then([](int number) { return number; }));
 
 #elif CASE == 50  // mem: a key is compared byte by byte and must not have padding
   static_cast<void>(mem::HashTable<Keyed, Padded>());

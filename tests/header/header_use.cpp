@@ -1,5 +1,8 @@
 // Every function of the C++ header, compiled without exceptions and run-time type information. It
 // is never run.
+#include <list>
+#include <vector>
+
 #include "qj7mem00/mem.hpp"
 
 struct Other;
@@ -42,6 +45,18 @@ void need(const mem::Status &status) noexcept {
   if (!status.isOk()) std::puts(status.error().line().text);
 }
 
+void useResources(mem::Heap &heap, mem::EnhancedHeap &enhanced, mem::CellPool<Node> &pool) {
+  mem::HeapResource first(heap);
+  mem::HeapResource second(enhanced);
+  mem::CellResource cells(pool, &first);
+  std::pmr::vector<int> numbers(&first);
+  std::pmr::vector<int> others(&second);
+  std::pmr::list<int> list(&cells);
+  numbers.push_back(1);
+  others.push_back(2);
+  list.push_back(3);
+}
+
 void useHeaps(const mem::Context &context) noexcept {
   mem::Heap heap = need(mem::Heap::open(context, {.areaKb = 4, .subPool = 2}));
   need(heap.makeChain(MEM_FIELD(Node, pNext), 3));
@@ -50,6 +65,8 @@ void useHeaps(const mem::Context &context) noexcept {
   mem::EnhancedHeap enhanced = need(mem::EnhancedHeap::open(context));
   need(enhanced.free(need(enhanced.make<Node>())));
   need(enhanced.free(need(enhanced.allocate(9)), 9));
+  mem::CellPool<Node> pool = need(mem::CellPool<Node>::open(context));
+  useResources(heap, enhanced, pool);
   need(heap.close());
 }
 
@@ -79,12 +96,16 @@ void useChainAndString(const mem::Context &context, const Node &node) noexcept {
   mem::PackedChain chain = need(mem::PackedChain::pack(context, kPackTable, node));
   for (const std::span<const std::byte> used : chain) need(mem::PackedChain::load(context, used));
   need(chain.unpack(kPackTable));
+  need(chain.unpackUnchecked(kPackTable));
+  need(chain.unpackUnchecked(kPackTable.controlBlock()));
   mem::Heap heap = need(mem::Heap::open(context));
   const mem::PortString string = need(mem::PortString::write(context, kPortTable, node));
   for (const std::string_view piece : string) {
     need(mem::readPortString<Node>(context, heap, kPortTable, piece));
   }
   need(mem::readPortString<Node>(context, heap, kPortTable, string));
+  need(mem::readPortStringUnchecked<Node>(context, heap, kPortTable, "text"));
+  need(mem::readPortStringUnchecked<Node>(context, heap, kPortTable, string));
 }
 
 }  // namespace

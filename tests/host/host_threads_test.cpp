@@ -55,10 +55,15 @@ void onThread(Work work) {
   std::thread(work).join();
 }
 
+// The cases leave gates as they are.
+std::unique_ptr<refhost::Host> makeHost() {
+  return std::make_unique<refhost::Host>(refhost::Options{.report = false});
+}
+
 // A host of its own that is bound to nothing.
 class HostThreadsTest : public ::testing::Test {
  protected:
-  HostThreadsTest() : host_(std::make_unique<refhost::Host>()) {}
+  HostThreadsTest() : host_(makeHost()) {}
 
   std::uint32_t create() {
     std::uint32_t gate = 0;
@@ -292,7 +297,7 @@ TEST_F(HostThreadsTest, AThreadOfAnEarlierHostLeavesTheNextOneAlone) {
   });
   thread.await(1);
   host_.reset();
-  host_ = std::make_unique<refhost::Host>();
+  host_ = makeHost();
   ASSERT_EQ(create(), gate);
   SteppedThread next([&](SteppedThread &self) {
     acquire(gate);
@@ -319,7 +324,7 @@ TEST_F(HostThreadsTest, AThreadEndsForTheHostThatItUsedLast) {
   });
   thread.await(1);
   host_.reset();
-  host_ = std::make_unique<refhost::Host>();
+  host_ = makeHost();
   const std::uint32_t gate = create();
   thread.reach(2);
   thread.join();
@@ -346,7 +351,7 @@ TEST_F(HostThreadsTest, ThreadsAndTheirHostMayEndAtTheSameTime) {
   constexpr int kThreads = 3;
   for (int round = 0; round < kRounds; ++round) {
     host_ = nullptr;
-    host_ = std::make_unique<refhost::Host>();
+    host_ = makeHost();
     std::atomic<int> ready{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {

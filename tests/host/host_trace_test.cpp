@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "refhost.hpp"
@@ -62,6 +63,75 @@ TEST_F(HostTraceTest, ARecordIsOneLine) {
   record.line = 101;
   record.text = "a\nb\x7F";
   EXPECT_EQ(refhost::traceLine(record), "STDX MEM_HeapOpen(..\\SrcRes\\MEMCHEAP:101) a\\x0Ab\\x7F");
+}
+
+TEST_F(HostTraceTest, ALineMayCarryTimeThreadAndDepth) {
+  TraceRecord record;
+  record.type = "STDX";
+  record.source = "source";
+  record.function = "function";
+  record.line = 7;
+  record.text = "text";
+  record.time = 12'000'345'999;
+  record.thread = 3;
+  record.depth = 3;
+  const std::string plain = "STDX function(source:7) text";
+  EXPECT_EQ(refhost::traceLine(record), plain);
+  EXPECT_EQ(refhost::traceLine(record, {.time = true}), "   12.000345 " + plain);
+  EXPECT_EQ(refhost::traceLine(record, {.thread = true}), "T3 " + plain);
+  EXPECT_EQ(refhost::traceLine(record, {.depth = true}), "    " + plain);
+  EXPECT_EQ(refhost::traceLine(record, {true, true, true}), "   12.000345 T3     " + plain);
+  record.depth = 0;  // outside of any entry point
+  EXPECT_EQ(refhost::traceLine(record, {.depth = true}), plain);
+}
+
+TEST_F(HostTraceTest, RecordsHaveTimeThreadAndDepth) {
+  host_.keepRecords(true);
+  write("outside");
+  MEMTraceFrame outer{};
+  MEMTraceFrame inner{};
+  host_.runtime().EnterFrame(&outer, MEM_COMPONENT);
+  host_.runtime().EnterFrame(&inner, MEM_COMPONENT);
+  write("inside");
+  host_.runtime().LeaveFrame(&inner, MEM_COMPONENT);
+  std::thread([this] { write("on another thread"); }).join();
+  host_.runtime().LeaveFrame(&outer, MEM_COMPONENT);
+  write("outside again");
+  const std::vector<TraceRecord> records = host_.takeRecords();
+  ASSERT_EQ(records.size(), 4U);
+  EXPECT_EQ(records[0].depth, 0U);
+  EXPECT_EQ(records[1].depth, 2U);
+  EXPECT_EQ(records[2].depth, 0U);
+  EXPECT_EQ(records[3].depth, 0U);
+  EXPECT_EQ(records[0].thread, records[1].thread);
+  EXPECT_NE(records[0].thread, records[2].thread);
+  for (std::size_t i = 1; i < records.size(); ++i) {
+    EXPECT_GE(records[i].time, records[i - 1].time);
+  }
+}
+
+TEST_F(HostTraceTest, StreamsAndFilesFollowTheStyle) {
+  std::ostringstream stream;
+  host_.traceToStream(&stream);
+  host_.setTraceLines({.thread = true});
+  write("one");
+  host_.setTraceLines({});
+  write("two");
+  host_.traceToStream(nullptr);
+  host_.keepRecords(true);
+  write("three");
+  const std::string thread = std::to_string(host_.takeRecords().at(0).thread);
+  EXPECT_EQ(stream.str(), "T" + thread +
+                              " STDE MEM_HeapOpen(..\\SrcRes\\MEMCHEAP:101) one\n"
+                              "STDE MEM_HeapOpen(..\\SrcRes\\MEMCHEAP:101) two\n");
+}
+
+TEST(HostTraceLines, AreAnOption) {
+  refhost::Host host({.traceLines = {.thread = true}});
+  std::ostringstream stream;
+  host.traceToStream(&stream);
+  host.trace().WriteException(MEM_COMPONENT, 0, "EXCP", "source", "function", 7);
+  EXPECT_EQ(stream.str()[0], 'T');
 }
 
 TEST_F(HostTraceTest, WritesToAStreamUntilItIsTakenAway) {

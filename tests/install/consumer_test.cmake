@@ -70,6 +70,7 @@ function(build_and_run how folder)
   must_print("the module is there" ${build}/consumer_probe${SUFFIX} ${module})
   must_print("the component works" ${build}/consumer_program${SUFFIX} ${module})
   must_print("the component works" ${build}/consumer_program${SUFFIX})
+  must_print("the layer wants a bound vector" ${build}/consumer_check${SUFFIX} ${module})
 endfunction()
 
 file(REMOVE_RECURSE ${WORK})

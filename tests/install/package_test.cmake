@@ -85,10 +85,12 @@ endfunction()
 run(${CPACK} --config ${BUILD}/CPackConfig.cmake -C ${CONFIG} -B ${WORK})
 
 set(c_headers "include/qj7mem00/(qj7mem00|membase|memcat|memerr|memhost|mempack|memport|memproc|memvect)\\.h")
+set(contract ${c_headers} "include/qj7mem00/contract\\.json")
 set(cpp_headers "include/qj7mem00/mem\\.hpp" "include/qj7mem00/mem/[a-z_]+\\.hpp")
-set(development ${cpp_headers} "include/qj7mem00/host/refhost\\.hpp" ${LIBDIR}/qj7mem00/librefhost\\.a
+set(development ${cpp_headers} "include/qj7mem00/memchk\\.h" ${LIBDIR}/qj7mem00/libmemchk\\.a
+  "include/qj7mem00/host/refhost\\.hpp" ${LIBDIR}/qj7mem00/librefhost\\.a
   "${LIBDIR}/cmake/QJ7MEM00/QJ7MEM00(Config|ConfigVersion|Targets|Targets-[a-z]+)\\.cmake"
-  "${LIBDIR}/pkgconfig/qj7mem00\\.pc" "${LIBDIR}/pkgconfig/qj7mem00-refhost\\.pc")
+  "${LIBDIR}/pkgconfig/qj7mem00(|-check|-refhost)\\.pc")
 set(manual "share/doc/qj7mem00/(README|CHANGELOG)\\.md" "share/doc/qj7mem00/docs/[a-z-]+\\.md"
   "share/doc/qj7mem00/docs/pictures/[a-z-]+\\.svg" "share/doc/qj7mem00/examples/.+\\.(c|h|cpp|hpp)"
   "share/doc/qj7mem00/examples/catalog/sample-status")
@@ -101,7 +103,7 @@ if(MODULE MATCHES "\\.so$")
   find_program(LINTIAN lintian REQUIRED)
   string(REGEX REPLACE "/[^/]+$" "/memtool" private_tool "${module}")
   set(about_qj7mem00 "Section: libs" "Depends: [^\n]*libc6 ")
-  set(files_qj7mem00 ${module} ${c_headers})
+  set(files_qj7mem00 ${module} ${contract})
   set(about_qj7mem00-dev "Section: libdevel" "Depends: [^\n]*qj7mem00 \\(= ${VERSION}-1\\)")
   set(files_qj7mem00-dev ${development})
   set(about_qj7mem00-tools "Section: devel" "Depends: [^\n]*qj7mem00 \\(= ${VERSION}-1\\)")
@@ -151,9 +153,10 @@ else()
   file(ARCHIVE_EXTRACT INPUT ${packages} DESTINATION ${WORK}/all)
   cmake_path(GET packages STEM LAST_ONLY folder)
   set(top ${WORK}/all/${folder})
-  expect_files(${packages} ${top} ${module} "${module}\\.debug" ${tool} "${tool}\\.debug" ${c_headers}
+  expect_files(${packages} ${top} ${module} "${module}\\.debug" ${tool} "${tool}\\.debug" ${contract}
     ${development} ${manual} "share/man/man1/memtool\\.1" "${LIBDIR}/QJ7MEM00\\.def"
-    "share/qj7mem00/host/refhost.*\\.[ch]pp" "share/qj7mem00/host/CMakeLists\\.txt")
+    "share/qj7mem00/host/refhost.*\\.[ch]pp" "share/qj7mem00/check/memchk.*\\.[ch]pp"
+    "share/qj7mem00/host/CMakeLists\\.txt")
   set(debugged_tool ${TOOL})
   set(debug_top ${top})
 
@@ -188,7 +191,8 @@ foreach(how IN LISTS hows)
   set(build ${WORK}/${how})
   run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${build} -G ${GENERATOR} ${cross}
     -DCMAKE_C_COMPILER=${GCC} -DCMAKE_CXX_COMPILER=${GXX} -DCMAKE_BUILD_TYPE=Release -DHOW=${how}
-    -DWANTED_VERSION=${VERSION} -DCMAKE_PREFIX_PATH=${top} -DHOST=${top}/share/qj7mem00/host)
+    -DWANTED_VERSION=${VERSION} -DCMAKE_PREFIX_PATH=${top} -DHOST=${top}/share/qj7mem00/host
+    -DREFHOST_JSON_HEADERS=${JSON_HEADERS})
   run(${CMAKE_COMMAND} --build ${build})
   if(out MATCHES "warning|duplicate section")
     message(SEND_ERROR "Building with the packages:\n${out}")
@@ -198,6 +202,11 @@ foreach(how IN LISTS hows)
   run(${EMULATOR} ${program} ${path})
   if(NOT out MATCHES "^the component works\r?\n$")
     message(SEND_ERROR "consumer_program with ${how} printed \"${out}\"")
+  endif()
+  file(GLOB program ${build}/consumer_check ${build}/consumer_check.exe)
+  run(${EMULATOR} ${program})
+  if(NOT out MATCHES "^the layer wants a bound vector\r?\n$")
+    message(SEND_ERROR "consumer_check with ${how} printed \"${out}\"")
   endif()
 endforeach()
 

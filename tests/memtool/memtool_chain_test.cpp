@@ -432,6 +432,112 @@ TEST_F(MemtoolChainTest, WidthOfPointersCanBeGiven) {
   EXPECT_EQ(width({"chain", "null.chain", "--json", "--pointers", "4"}), 4);
 }
 
+// Four items of the manual's example: a sibling, two texts and a reference, all 8 bytes apart.
+Tree itemsTree() {
+  using chainwriter::child;
+  Tree tree;
+  tree.kinds = {{chainwriter::Form::Fixed,
+                 {chainwriter::sibling(), child(1), child(2), chainwriter::reference()}},
+                {chainwriter::Form::Narrow},
+                {chainwriter::Form::Wide}};
+  tree.nodes = {{0, {}, {3, 1, 2, chainwriter::kNone}}, {1, {}, {}, "ab"}, {2, {}, {}, {}, U"Zug"},
+                {0, {}, {chainwriter::kNone, 4, 5, 0}}, {1, {}, {}, "c"},  {2, {}, {}, {}, U"e"}};
+  return tree;
+}
+
+// The control block tells the width; what is damaged in a segment does not change it.
+TEST_F(MemtoolChainTest, WidthOfPointersComesFromTheControlBlock) {
+  const Tree tree = itemsTree();
+  struct Row {
+    std::uint32_t width;
+    bool isBigEndian;
+  };
+  for (const Row &row : {Row{8, false}, Row{8, true}, Row{4, false}, Row{4, true}}) {
+    SCOPED_TRACE(std::to_string(row.width) + (row.isBigEndian ? " big-endian" : ""));
+    const Writer writer = chainwriter::writerOf(row.isBigEndian ? "0221" : "0220", row.width);
+    const Chain chain = chainwriter::write(tree, writer, 4096);
+    writeBytes("in", textOf(chain.file()));
+    const Json good = Json::parse(outputOf({"chain", "in", "--json"}));
+    EXPECT_EQ(good["writer"]["pointerWidth"], row.width);
+    EXPECT_EQ(good["writer"]["isPointerWidthGuessed"], false);
+    Chain damaged = chain;
+    damaged.setPointer(chain.partPlace(tree, 3, 3), {7, 2});
+    writeBytes("in", textOf(damaged.file()));
+    expectRefused(1, "a reference pointer leads to block 7", {"chain", "in", "--check"});
+  }
+}
+
+// A kind of which there is no segment tells nothing.
+TEST_F(MemtoolChainTest, UnusedKindsDoNotDecideTheWidth) {
+  Tree tree = itemsTree();
+  tree.kinds.push_back({chainwriter::Form::Fixed, {chainwriter::child(1), chainwriter::child(1)}});
+  Chain chain = chainwriter::write(tree, chainwriter::writerOf("0220", 8), 4096);
+  const Place entry = chain.childEntryPlace(3, 1);
+  chain.setNumber({entry.block, entry.offset + 2}, 4);  // too close for 8 bytes
+  writeBytes("in", textOf(chain.file()));
+  const Json json = Json::parse(outputOf({"chain", "in", "--json"}));
+  EXPECT_EQ(json["writer"]["pointerWidth"], 8);
+}
+
+// What is a fault of 8-byte pointers would be data behind 4-byte ones: it is told, and so is that.
+TEST_F(MemtoolChainTest, FaultsAreNotReadAwayAsTheOtherWidth) {
+  const Tree tree = itemsTree();
+  Chain chain = chainwriter::write(tree, chainwriter::writerOf("0220", 8), 4096);
+  const Place field = chain.partPlace(tree, 0, 1);
+  chain.blocks[field.block][field.offset + 6] = 1;
+  writeBytes("bad", textOf(chain.file()));
+  const std::string fault =
+      "the bytes behind a relative pointer are not zero; with pointers of 4 bytes the file would "
+      "be "
+      "valid (--pointers 4)";
+  expectRefused(1, fault, {"chain", "bad", "--check"});
+  expectRefused(1, fault, {"chain", "bad", "--to-native", "out"});
+  EXPECT_FALSE(std::filesystem::exists("out"));
+  const Json json = Json::parse(runTool({"chain", "bad", "--json"}).out)["fault"];
+  EXPECT_EQ(json["what"], "the bytes behind a relative pointer are not zero");
+  EXPECT_EQ(json["remark"], "with pointers of 4 bytes the file would be valid (--pointers 4)");
+  // The user's word counts.
+  outputOf({"chain", "bad", "--check", "--pointers", "4"});
+  EXPECT_EQ(
+      runTool({"chain", "bad", "--check", "--pointers", "8"}).err.find("with pointers of 4 bytes"),
+      std::string::npos);
+}
+
+// The code is what the library says, not what memtool thinks of.
+TEST_F(FaultTest, LibraryIsAsked) {
+  const auto refusal = [&](const std::vector<std::string> &more = {}) {
+    writeBytes("bad.chain", textOf(chain.file()));
+    std::vector<std::string> words{"chain", "bad.chain", "--check", "--pointers", "8"};
+    words.insert(words.end(), more.begin(), more.end());
+    return runTool(words).err;
+  };
+  const auto ends = [](const std::string &text, const std::string &end) {
+    EXPECT_TRUE(text.ends_with(end + "\n")) << text;
+  };
+  const Chain right = chain;
+  chain.setPointer(field(0, 2), {7, 2});
+  ends(refusal(), " (the library's code is 4070 MEMERR_PACKRBLK: Invalid Relative Blk=7)");
+  ends(refusal({"--library", "absent"}),
+       " (the library was not asked: there is no library absent; name it with --library PATH)");
+  const Json json = Json::parse(runTool({"chain", "bad.chain", "--json"}).out)["fault"];
+  EXPECT_EQ(json["code"], 4070);
+  EXPECT_EQ(json["library"]["text"], "Invalid Relative Blk=7");
+
+  chain = right;  // a reference to the middle of a segment
+  chain.setPointer(field(0, 7), {1, chain.places[1].offset + 1});
+  ends(refusal(), "where no segment begins (the library takes it)");
+  const Json taken = Json::parse(runTool({"chain", "bad.chain", "--json"}).out)["fault"];
+  EXPECT_TRUE(taken["code"].is_null());
+  EXPECT_EQ(taken["library"]["takesIt"], true);
+
+  chain = right;
+  chain.blocks[0][3] = '9';
+  ends(refusal(), " (the library's code is 4075 MEMERR_PACKCBVR: MemPackCBstructIDVersion)");
+  chain = right;
+  chain.setUsedLen(1, static_cast<std::uint16_t>(chain.blocks[1].size() + 1));
+  ends(refusal(), " (the library was not asked: the file does not form blocks)");
+}
+
 TEST_F(MemtoolChainTest, WrongUseEndsWithTwo) {
   const std::string path = fixturePath("0220_64bit");
   expectRefused(2, "FILE is required", {"chain"});
@@ -449,7 +555,8 @@ TEST_F(MemtoolChainTest, FilesThatAreNoneEndWithOne) {
   expectRefused(1, "the file has 0 bytes, too few for a packed chain", {"chain", "empty"});
   const std::string path = fixturePath("0220_64bit");
   expectRefused(1, "cannot write absent/out.svg", {"chain", path, "--svg", "absent/out.svg"});
-  expectRefused(1, "cannot write absent/out", {"chain", path, "--to-native", "absent/out"});
+  expectRefused(1, "cannot write absent/out",
+                {"chain", path, "--pointers", "8", "--to-native", "absent/out"});
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ TEST_F(MemtoolCommandsTest, WrongUseEndsWithTwo) {
 
 TEST_F(MemtoolCommandsTest, HelpHasExamplesForEachCommand) {
   EXPECT_NE(outputOf({"--help"}).find("Exit codes: 0"), std::string::npos);
-  for (const char *command : {"chain", "errors", "heapmap"}) {
+  for (const char *command : {"chain", "contract", "errors", "heapmap"}) {
     const std::string help = outputOf({command, "--help"});
     EXPECT_NE(help.find(std::string("Usage: memtool ") + command), std::string::npos) << help;
     EXPECT_NE(help.find("Examples:\n  memtool " + std::string(command)), std::string::npos) << help;
@@ -161,6 +161,9 @@ TEST_F(MemtoolCommandsTest, ManualShowsRealOutput) {
   const std::filesystem::path fixtures(MEM_FIXTURES);
   std::filesystem::copy_file(fixtures / "memtool" / "items.chain", "items.chain");
   std::filesystem::copy_file(fixtures / "chains" / "ebcdic0200_32bit.chain", "mainframe.chain");
+  std::string doubtful = readBytes("items.chain");
+  doubtful[988] = 7;  // the upper half of the root's sibling pointer
+  writeBytes("doubtful.chain", doubtful);
   std::string damaged = readBytes("items.chain");
   damaged[984] = 7;  // the block number of the root's sibling
   writeBytes("damaged.chain", damaged);

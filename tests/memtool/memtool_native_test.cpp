@@ -85,11 +85,12 @@ class MemtoolNativeTest : public ToolTest {};
 
 // Whoever wrote the sample tree, the result is one and the same file.
 TEST_F(MemtoolNativeTest, AllWritersBecomeTheSameChain) {
-  outputOf({"chain", fixturePath("0220_64bit"), "--to-native", "first"});
+  outputOf({"chain", fixturePath("0220_64bit"), "--pointers", "8", "--to-native", "first"});
   const std::string first = readBytes("first");
   for (const Fixture &fixture : chainwriter::allFixtures()) {
     SCOPED_TRACE(fixture.name);
-    outputOf({"chain", fixturePath(fixture.name), "--to-native", "out"});
+    const std::string width = std::to_string(fixture.chain.writer().pointerWidth);
+    outputOf({"chain", fixturePath(fixture.name), "--pointers", width, "--to-native", "out"});
     EXPECT_EQ(readBytes("out"), first);
     expectSameStructure(fixturePath(fixture.name), "out");
   }
@@ -97,11 +98,11 @@ TEST_F(MemtoolNativeTest, AllWritersBecomeTheSameChain) {
 
 TEST_F(MemtoolNativeTest, NativeChainStaysAsItIs) {
   outputOf({"chain", fixturePath("0221_32bit"), "--to-native", "once"});
-  outputOf({"chain", "once", "--to-native", "twice"});
+  outputOf({"chain", "once", "--pointers", "8", "--to-native", "twice"});
   EXPECT_EQ(readBytes("once"), readBytes("twice"));
   const std::string sample =
       (std::filesystem::path(MEM_FIXTURES) / "catalog-sample.chain").string();
-  outputOf({"chain", sample, "--to-native", "catalog"});
+  outputOf({"chain", sample, "--to-native", "catalog"});  // its layouts are a compiler's
   EXPECT_EQ(readBytes("catalog"), readBytes(sample));
 }
 
@@ -137,17 +138,19 @@ TEST_F(MemtoolNativeTest, UnusedEntriesOfTheRootDoNotMatter) {
 
 TEST_F(MemtoolNativeTest, BlockLengthIsTheUsers) {
   const std::string path = fixturePath("0240_64bit");
-  const std::string out = outputOf({"chain", path, "--to-native", "out", "--block-length", "1100"});
+  const std::string out =
+      outputOf({"chain", path, "--pointers", "8", "--to-native", "out", "--block-length", "1100"});
   EXPECT_NE(out.find(" in 2 blocks of 1,100, version 0220\n"), std::string::npos) << out;
   expectSameStructure(path, "out");
   expectRefused(1, "MEM_Pack failed: 4066 MEMERR_PACKBMIN",
-                {"chain", path, "--to-native", "none", "--block-length", "900"});
+                {"chain", path, "--pointers", "8", "--to-native", "none", "--block-length", "900"});
   EXPECT_FALSE(std::filesystem::exists("none"));
 }
 
 TEST_F(MemtoolNativeTest, RemarksTellWhatWasLeftAsItWas) {
   const auto remark = [](const std::string &name) {
-    return outputOf({"chain", fixturePath(name), "--to-native", "out"});
+    const std::string width = name.ends_with("_64bit") ? "8" : "4";
+    return outputOf({"chain", fixturePath(name), "--pointers", width, "--to-native", "out"});
   };
   EXPECT_NE(remark("0221_64bit").find("still in the writer's byte order"), std::string::npos);
   EXPECT_NE(remark("ebcdic0200_32bit").find("still EBCDIC"), std::string::npos);
@@ -212,14 +215,41 @@ TEST_F(MemtoolNativeTest, AlignedLayoutsStayAligned) {
 TEST_F(MemtoolNativeTest, LaidOutLikeAnotherChain) {
   const std::string from = fixturePath("0201_32bit");
   const std::string like = fixturePath("0241_64bit");
-  outputOf({"chain", from, "--to-native", "out", "--like", like});
+  outputOf({"chain", from, "--to-native", "out", "--like", like, "--like-pointers", "8"});
   const Json wanted = chainJson(like)["controlBlock"]["kinds"];
   EXPECT_EQ(chainJson("out")["controlBlock"]["kinds"], wanted);
   expectSameStructure(from, "out");
   expectRefused(1, "--like is for chains with 4-byte pointers",
-                {"chain", like, "--to-native", "none", "--like", like});
+                {"chain", like, "--pointers", "8", "--to-native", "none", "--like", like,
+                 "--like-pointers", "8"});
   expectRefused(1, "--like needs a chain with 8-byte pointers",
                 {"chain", from, "--to-native", "none", "--like", from});
+}
+
+// A width that the control block does not show decides how segments are rewritten: it is not
+// guessed.
+TEST_F(MemtoolNativeTest, GuessedWidthsAreRefused) {
+  using chainwriter::child;
+  Tree tree;  // 4-byte pointers with other fields between, or 8-byte ones
+  tree.kinds = {{chainwriter::Form::Fixed, {child(1), child(1)}}, {chainwriter::Form::Narrow}};
+  tree.nodes = {{0, {}, {1, chainwriter::kNone}}, {1, {}, {}, "text"}};
+  writeChain("in", tree, chainwriter::writerOf("0220", 8), 2000);
+  EXPECT_NE(outputOf({"chain", "in"}).find("the width of pointers is a guess"), std::string::npos);
+  EXPECT_EQ(chainJson("in")["writer"]["isPointerWidthGuessed"], true);
+  expectRefused(1, "give it: --pointers 4 or --pointers 8", {"chain", "in", "--to-native", "out"});
+  EXPECT_FALSE(std::filesystem::exists("out"));
+  outputOf({"chain", "in", "--to-native", "out", "--pointers", "8"});
+  expectSameStructure("in", "out");
+
+  const std::string from = fixturePath("0201_32bit");
+  const std::string like = fixturePath("0241_64bit");
+  expectRefused(1, like + ": the control block does not show the width",
+                {"chain", from, "--to-native", "none", "--like", like});
+  expectRefused(1, "give it: --like-pointers 4 or --like-pointers 8",
+                {"chain", from, "--to-native", "none", "--like", like});
+  expectRefused(2, "--like-pointers goes with --like",
+                {"chain", from, "--to-native", "none", "--like-pointers", "8"});
+  EXPECT_FALSE(std::filesystem::exists("none"));
 }
 
 TEST_F(MemtoolNativeTest, LengthsThatOnlyTheWriterKnows) {

@@ -2,6 +2,7 @@
 // it must end with 0, or with 1 and one line.
 
 #include "memtooltest.hpp"
+#include "portdefsjson.hpp"
 #include "portgraph.hpp"
 #include "portmodel.hpp"
 #include "portmutants.hpp"
@@ -9,37 +10,6 @@
 
 namespace memtest {
 namespace {
-
-// A definition table as the program's JSON. `names` is in front of identifiers; without it, there
-// are none.
-Json definitionsJson(const MEMStructDef *defs, const std::string &names) {
-  Json json{{"structures", Json::array()}};
-  for (const MEMStructDef *def = defs; def->StructID != 0; ++def) {
-    Json structure{{"id", def->StructID}, {"length", def->Length}, {"fields", Json::array()}};
-    if (!names.empty()) structure["name"] = names + std::to_string(def->StructID);
-    for (std::int32_t i = 0; i < def->FieldCount; ++i) {
-      const MEMFieldDef &field = def->Fields[i];
-      Json made{{"id", field.FieldID},
-                {"type", field.Type},
-                {"length", field.Length},
-                {"offset", field.Offset},
-                {"required", field.Required != 0},
-                {"noTruncate", field.NoTruncate != 0},
-                {"notPorted", field.NotPorted != 0}};
-      if (!names.empty()) made["name"] = names + std::to_string(field.FieldID);
-      if (field.Type == MEM_PORT_PNT || field.Type == MEM_PORT_SUBSTRUCTURE) {
-        made["structure"] = field.SubStructID;
-      }
-      structure["fields"].push_back(std::move(made));
-    }
-    if (def->CountField != MEM_PORT_NO_COUNT) {
-      structure["countField"] = def->Fields[def->CountField].FieldID;
-      structure["countIsLength"] = def->CountIsLength != 0;
-    }
-    json["structures"].push_back(std::move(structure));
-  }
-  return json;
-}
 
 class MemtoolPortRandomTest : public ToolTest {
  protected:

@@ -137,6 +137,12 @@ TEST_F(MemtoolPortTest, ManualShowsWhatTheProgramWrites) {
   const std::string fault = runTool({"port", "broken.port", "--check"}).err;
   EXPECT_NE(manual.find("$ memtool port broken.port --check\n" + fault), std::string::npos)
       << fault;
+  writeBytes("newer.port", "(0000000050,0000000001)(21<1N-503/4N1/5E(99<1N>)>)");
+  const std::string notes =
+      outputOf({"port", "newer.port", "--check", "--defs", "order.defs.json"});
+  EXPECT_NE(manual.find("$ memtool port newer.port --check --defs order.defs.json\n" + notes),
+            std::string::npos)
+      << notes;
   std::filesystem::copy_file(fixture("shop.port"), "shop.port");
   outputOf({"port", "shop.port", "--defs", fixture("shop.defs.json").string(), "--svg", "out.svg"});
   EXPECT_EQ(readBytes("out.svg"), readBytes(docs / "pictures" / "memtool-port.svg"));
@@ -306,6 +312,12 @@ TEST_F(MemtoolPortTest, WhatReadersLetPass) {
   odd("1'/2~~'", 29, "a unit in as few groups of 6 bits as it needs", "'2'");
   odd("1x1;1'ab'", 30, "0 as the number of surrogate pairs", "1");
   odd("1x1;'/0'", 30, "a string without a zero unit", "one");
+  std::string header = portText("(1<1N>)");
+  for (const char *count : {"1abcdefghi", "1         "}) {
+    expectDeviation(header.replace(12, 10, count), 13, "ten digits in the header",
+                    count[1] == 'a' ? "'a'" : "' '");
+  }
+  expectDeviation(header.replace(12, 10, "        +1"), 12, "ten digits in the header", "' '");
   expectDeviation(portText("(1,3<1N/1N>)"), 28, "field 1 3 times", "it 2 times");
   expectDeviation(portText("(1<1S3>)(1<1S>)(1<1S>)", 3), 28,
                   "a structure number up to 2, the next new one", "3");
@@ -475,6 +487,82 @@ TEST_F(MemtoolPortTest, WhatTheLibraryRefuses) {
 }
 
 // The reader links a pointer to any structure; the definition of its field may be a longer one.
+// What the library skips, drops or changes without a failure is reported, and stays no fault.
+TEST_F(MemtoolPortTest, NotesOnWhatTheLibraryDrops) {
+  const auto check = [](const std::string &body, std::size_t structures) {
+    writeBytes("new.port", portText(body, structures));
+    return outputOf({"port", "new.port", "--check", "--defs", "order.defs.json"});
+  };
+  const std::string item = "(7<1N04/2H1FA0>)";
+  EXPECT_EQ(check("(21<1N-503/2\"ab//c\"/3S2>)" + item, 2),
+            "new.port: sound, 64 characters, 2 structures\n");
+  EXPECT_EQ(
+      check("(21<1N1/4N1/5E(99<1N>)/6N>)", 1),
+      "new.port: sound, 50 characters, 1 structure\n"
+      "new.port: character 31: the library drops field 4 and all behind it, 5, 6: it is newer "
+      "than Order (StructID 12), whose last one is first\n"
+      "new.port: character 37: StructID 99 is unknown; the library does not look at it\n");
+  EXPECT_EQ(
+      check("(21<1N1/3S2>)(7<1N/3N>)", 2),
+      "new.port: sound, 46 characters, 2 structures\n"
+      "new.port: character 42: the library drops field 3: it is newer than Item (StructID 7), "
+      "whose last one is key\n");
+  EXPECT_EQ(
+      check("(21<1N8463847412/2\"abcdefgh\"/3S2>)(7<1N63556/2H0A0B0C>)", 2),
+      "new.port: sound, 78 characters, 2 structures\n"
+      "new.port: character 27: the library keeps 32 bits of the number 2147483648 of field "
+      "amount of Order (StructID 12)\n"
+      "new.port: character 40: the library keeps 7 of the 8 characters of field code of Order "
+      "(StructID 12)\n"
+      "new.port: character 60: the library keeps 16 bits of the number 65536 of field pieces "
+      "of Item (StructID 7)\n"
+      "new.port: character 68: the library keeps 2 of the 3 bytes of field key of Item "
+      "(StructID 7)\n");
+  EXPECT_EQ(
+      check("(21<1N1/3S2>)(7<1N-9>)", 2),
+      "new.port: sound, 45 characters, 2 structures\n"
+      "new.port: character 39: the library takes the digits behind the sign of field pieces of "
+      "Item (StructID 7) for a FieldID\n");
+  writeBytes("new.port", portText("(21<1N8463847412/2\"abcdefgh\"/3S2>)(7<1N63556/2H0A0B0C>)", 2));
+  // Only --check with definitions shows them.
+  EXPECT_EQ(outputOf({"port", "new.port", "--check"}),
+            "new.port: sound, 78 characters, 2 structures\n");
+  EXPECT_EQ(outputOf({"port", "new.port", "--defs", "order.defs.json"}).find("the library"),
+            std::string::npos);
+}
+
+TEST_F(MemtoolPortTest, NotesInJson) {
+  writeBytes("new.port", portText("(21<1N1/4E(99<1N>)>)"));
+  const std::vector<std::string> words{"port", "new.port", "--defs", "order.defs.json", "--json"};
+  EXPECT_FALSE(jsonOf(words).contains("notes"));
+  std::vector<std::string> checking = words;
+  checking.push_back("--check");
+  const std::string report = outputOf(checking);
+  const Json notes = Json::parse(report)["notes"];
+  ASSERT_EQ(notes.size(), 2U);
+  EXPECT_EQ(notes[0]["offset"], 31);
+  EXPECT_EQ(notes[0]["structID"], 12);
+  EXPECT_EQ(notes[0]["fieldID"], 4);
+  EXPECT_EQ(notes[0]["what"],
+            "the library drops field 4: it is newer than Order (StructID 12), whose last one is "
+            "first");
+  EXPECT_EQ(notes[1]["structID"], 99);
+  EXPECT_TRUE(notes[1]["fieldID"].is_null());
+  // The graph in it can be encoded as before.
+  writeBytes("report.json", report);
+  outputOf({"port", "--encode", "report.json", "--defs", "order.defs.json", "-o", "again.port"});
+}
+
+// While it drops fields, the library takes double quotes alone for quotes.
+TEST_F(MemtoolPortTest, NotesOnAFailure) {
+  writeBytes("new.port", portText("(21<1N1/4'<'>)"));
+  const std::vector<std::string> words{"port", "new.port", "--check", "--defs", "order.defs.json"};
+  expectRefused(1, "new.port: End of port string reached!", words);
+  EXPECT_NE(runTool(words).out.find("new.port: character 31: the wide text holds one of \" < >, "
+                                    "which the library takes for a mark while it drops fields\n"),
+            std::string::npos);
+}
+
 TEST_F(MemtoolPortTest, PointersToStructuresThatAreTooShort) {
   writeBytes("bad.port", portText("(7<1N1>)"));
   EXPECT_NE(outputOf({"port", "bad.port", "--defs", "order.defs.json"}), "");

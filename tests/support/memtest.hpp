@@ -147,8 +147,10 @@ inline Lines freeLines(const std::string &area, std::int64_t size, std::uint16_t
                                               ", " + std::to_string(subPool) + ")"});
 }
 
-// The host must have everything back: no storage, no gate, no wrong use of a service.
+// The host must have everything back: no storage, no gate, no wrong use of a service. The checking
+// layer, where there is one, must have found nothing.
 inline void expectNothingLeft(refhost::Host &host) {
+  EXPECT_EQ(host.checkReports(), 0U);
   EXPECT_EQ(host.leakReport(), "");
   EXPECT_EQ(host.gateCount(), 0U);
   EXPECT_EQ(host.heldGateCount(), 0U);

@@ -48,16 +48,25 @@ class CellPool : public Owner<CellPool<Record>, HMEMCELL> {
    * cleared or closed. */
   template <class... Args>
   Result<Record *> make(Args &&...args) noexcept {
+    const Result<void *> cell = allocate();
+    if (!cell.isOk()) return cell.error();
+    return detail::construct<Record>(cell.value(), std::forward<Args>(args)...);
+  }
+
+  /** A cell of kCellLen bytes, with whatever it held. */
+  Result<void *> allocate() noexcept {
     void *pCell = nullptr;
     const Status taken = call(this->context(), slots::MEM_CellAllocEntry, this->handle(), &pCell);
     if (!taken.isOk()) return taken.error();
-    return new (pCell) Record{std::forward<Args>(args)...};
+    return pCell;
   }
 
   /** Gives a record back. REQUIRES: it is this pool's and has not been given back. */
-  Status free(Record *pRecord) noexcept {
-    return call(this->context(), slots::MEM_CellFreeEntry, this->handle(),
-                static_cast<void *>(pRecord));
+  Status free(Record *pRecord) noexcept { return freeCell(pRecord); }
+
+  /** The same for any cell. */
+  Status freeCell(void *pCell) noexcept {
+    return call(this->context(), slots::MEM_CellFreeEntry, this->handle(), pCell);
   }
 
   /** Gives all records back, and all storage but the first area. */

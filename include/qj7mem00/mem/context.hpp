@@ -10,7 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <optional>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -115,8 +117,22 @@ class Error {
    * one wrote nothing there, it is an earlier call's. */
   const char *messageText() const noexcept { return messageText_; }
 
+  /** @name Of a failed reading or writing of a port string: its last exception record */
+  /** @{ */
+  /** "Unknown StructID: 13!", at most 127 characters; empty where there was no record, or where the
+   * host's tracing of later calls has taken its place. */
+  const char *reasonText() const noexcept { return reasonText_; }
+  /** How many characters were read when it was found out, of the text or of the chunk at hand; -1
+   * without a place. */
+  std::int64_t position() const noexcept { return position_; }
+  /** Up to 80 characters that were read last, and that come next. */
+  const char *readText() const noexcept { return readText_; }
+  const char *nextText() const noexcept { return nextText_; }
+  /** @} */
+
   /** "MEM_HeapOpen failed: 4055 MEMERR_HEAPAMEM, Acquire Memory failed (MemAllocFail)". The code is
-   * the inner one where there is no other. */
+   * the inner one where there is no other. "MEM_Port1StrToStruct failed: Unknown StructID: 13! (at
+   * character 26)". */
   ErrorLine line() const noexcept {
     ErrorLine made;
     if (code_ != 0) {
@@ -125,6 +141,8 @@ class Error {
       writeLine(made, innerCode_, innerText_);
     } else if (isRefusal()) {
       std::snprintf(made.text, sizeof made.text, "%s failed: %s", service_, nameText_);
+    } else if (*reasonText_ != '\0') {
+      writeReason(made);
     } else {
       const Detail detail(nameText_);
       std::snprintf(made.text, sizeof made.text, "%s failed: result %d without a code%s", service_,
@@ -139,6 +157,20 @@ class Error {
     if (const MEMThreadEnv *const pEnv = context.threadEnv()) error.copyFrom(*pEnv);
     if (error.code_ == 0 && result > 0) error.code_ = static_cast<std::uint32_t>(result);
     return error;
+  }
+
+  /** The same for a call that reads or writes a port string. It had been entered with
+   * forgetRecord(). */
+  static Error ofPortCall(const Context &context, const char *service,
+                          std::int16_t result) noexcept {
+    Error error = ofCall(context, service, result);
+    if (const MEMThreadEnv *const pEnv = context.threadEnv()) error.takeRecord(pEnv->pTraceBuf);
+    return error;
+  }
+  /** Empties the thread's trace buffer, so that what stands there after a call is the call's. */
+  static void forgetRecord(const Context &context) noexcept {
+    const MEMThreadEnv *const pEnv = context.threadEnv();
+    if (pEnv != nullptr && pEnv->pTraceBuf != nullptr) pEnv->pTraceBuf->TextLen = 0;
   }
 
   /** A failure of which the service recorded nothing; the text is this header's. */
@@ -178,6 +210,50 @@ class Error {
     to[kRoom - 1] = '\0';
   }
 
+  // "(source:line)ERROR:reason", and of readers "\nPosition: number\nRead:text\nNext:text". The
+  // texts are whatever was read.
+  void takeRecord(const MEMTraceBuf *pBuf) noexcept {
+    constexpr std::size_t kLongest = 512;
+    constexpr std::string_view kReason = ")ERROR:";
+    constexpr std::string_view kPosition = "\nPosition: ";
+    constexpr std::string_view kRead = "\nRead:";
+    constexpr std::string_view kNext = "\nNext:";
+    if (pBuf == nullptr || pBuf->TextLen == 0 || pBuf->TextLen > kLongest) return;
+    const std::string_view record(static_cast<const char *>(pBuf->Text), pBuf->TextLen);
+    const std::size_t reasonAt = record.find(kReason);
+    if (!record.starts_with('(') || reasonAt == std::string_view::npos) return;
+    const std::string_view reason = record.substr(reasonAt + kReason.size());
+    const std::size_t positionAt = reason.find(kPosition);
+    copyText(reasonText_, reason.substr(0, positionAt));
+    if (positionAt == std::string_view::npos) return;
+    std::string_view rest = reason.substr(positionAt + kPosition.size());
+    position_ = 0;
+    for (; !rest.empty() && rest.front() >= '0' && rest.front() <= '9'; rest.remove_prefix(1)) {
+      position_ = position_ * 10 + (rest.front() - '0');
+    }
+    // What was read may hold these words, too.
+    const std::size_t nextAt = rest.rfind(kNext);
+    if (!rest.starts_with(kRead) || nextAt == std::string_view::npos) return;
+    copyText(readText_, rest.substr(kRead.size(), nextAt - kRead.size()));
+    copyText(nextText_, rest.substr(nextAt + kNext.size()));
+  }
+
+  template <std::size_t kRoom>
+  static void copyText(char (&to)[kRoom], std::string_view from) noexcept {
+    const std::size_t length = from.size() < kRoom ? from.size() : kRoom - 1;
+    std::memcpy(to, from.data(), length);
+    to[length] = '\0';
+  }
+
+  void writeReason(ErrorLine &to) const noexcept {
+    if (position_ < 0) {
+      std::snprintf(to.text, sizeof to.text, "%s failed: %s", service_, reasonText_);
+    } else {
+      std::snprintf(to.text, sizeof to.text, "%s failed: %s (at character %lld)", service_,
+                    reasonText_, static_cast<long long>(position_));
+    }
+  }
+
   void writeLine(ErrorLine &to, std::uint32_t code, const char *text) const noexcept {
     const CodeText known = codeText(code);
     const bool isKnown = *known.name != '\0';
@@ -194,7 +270,48 @@ class Error {
   char nameText_[MEM_NAME_TEXT_LEN] = {};
   char innerText_[MEM_NAME_TEXT_LEN] = {};
   char messageText_[MEM_MESSAGE_TEXT_LEN] = {};
+  char reasonText_[128] = {};
+  char readText_[81] = {};
+  char nextText_[81] = {};
+  std::int64_t position_ = -1;
 };
+
+template <class Value>
+class Result;
+
+namespace detail {
+
+// The end of a program that asks a result for what it does not have.
+[[noreturn]] inline void endWith(const char *text) noexcept {
+  std::fprintf(stderr, "%s\n", text);
+  std::abort();
+}
+[[noreturn]] inline void endWith(const Error &error) noexcept {
+  endWith(static_cast<const char *>(error.line().text));
+}
+[[noreturn]] inline void endWithoutError() noexcept {
+  endWith("mem: a result was asked for an error, and has none");
+}
+
+template <class Type>
+inline constexpr bool kIsResult = false;
+template <class Value>
+inline constexpr bool kIsResult<Result<Value>> = true;
+
+// The result of calling `use`; of a function without a value, success.
+template <class Use, class... Args>
+auto resultOf(Use &&use, Args &&...args) noexcept {
+  using Returned = std::invoke_result_t<Use, Args...>;
+  if constexpr (std::is_void_v<Returned>) {
+    std::invoke(std::forward<Use>(use), std::forward<Args>(args)...);
+    return Result<Returned>();
+  } else {
+    return Result<std::remove_cvref_t<Returned>>(
+        std::invoke(std::forward<Use>(use), std::forward<Args>(args)...));
+  }
+}
+
+}  // namespace detail
 
 /** A value or the error that came instead. */
 template <class Value>
@@ -205,19 +322,86 @@ class [[nodiscard]] Result {
 
   bool isOk() const noexcept { return state_.index() == 0; }
 
-  /** The value. A program that asks a failed result for it is ended. */
-  Value &value() &noexcept { return *existing(std::get_if<0>(&state_)); }
-  const Value &value() const &noexcept { return *existing(std::get_if<0>(&state_)); }
-  Value &&value() &&noexcept { return std::move(*existing(std::get_if<0>(&state_))); }
+  /** The value. A program that asks a failed result for it prints the error to stderr and is ended.
+   * That of a temporary result is handed out itself, so that
+   * `for (… : PortString::write(…).value())` has what it goes through. */
+  Value &value() &noexcept { return existing(*this); }
+  const Value &value() const &noexcept { return existing(*this); }
+  Value value() &&noexcept { return std::move(existing(*this)); }
+  const Value &value() const &&noexcept = delete;
+
+  /** A member of the value; of a pointer, a member of what it leads to. As value(). */
+  auto operator->() noexcept { return addressOf(value()); }
+  auto operator->() const noexcept { return addressOf(value()); }
 
   /** The error. A program that asks a result with a value for it is ended. */
-  const Error &error() const noexcept { return *existing(std::get_if<1>(&state_)); }
+  const Error &error() const noexcept {
+    const Error *const pError = std::get_if<1>(&state_);
+    if (pError == nullptr) detail::endWithoutError();
+    return *pError;
+  }
+
+  /** The result of `use(value)`, which is a Result or a Status; of a failure the error. */
+  template <class Use>
+  auto and_then(Use &&use) &noexcept {
+    return chained(*this, std::forward<Use>(use));
+  }
+  template <class Use>
+  auto and_then(Use &&use) const &noexcept {
+    return chained(*this, std::forward<Use>(use));
+  }
+  template <class Use>
+  auto and_then(Use &&use) &&noexcept {
+    return chained(std::move(*this), std::forward<Use>(use));
+  }
+
+  /** A result with what `use(value)` returns, a Status if that is nothing; of a failure the error.
+   */
+  template <class Use>
+  auto transform(Use &&use) &noexcept {
+    return transformed(*this, std::forward<Use>(use));
+  }
+  template <class Use>
+  auto transform(Use &&use) const &noexcept {
+    return transformed(*this, std::forward<Use>(use));
+  }
+  template <class Use>
+  auto transform(Use &&use) &&noexcept {
+    return transformed(std::move(*this), std::forward<Use>(use));
+  }
 
  private:
-  template <class Part>
-  static Part *existing(Part *pPart) noexcept {
-    if (pPart == nullptr) std::abort();
-    return pPart;
+  template <class Self>
+  static auto &existing(Self &self) noexcept {
+    auto *const pValue = std::get_if<0>(&self.state_);
+    if (pValue == nullptr) detail::endWith(self.error());
+    return *pValue;
+  }
+
+  template <class Type>
+  static auto addressOf(Type &value) noexcept {
+    if constexpr (std::is_pointer_v<Value>) {
+      return value;
+    } else {
+      return &value;
+    }
+  }
+
+  template <class Self, class Use>
+  static auto chained(Self &&self, Use &&use) noexcept {
+    using Next = std::remove_cvref_t<decltype(std::invoke(std::forward<Use>(use),
+                                                          std::forward<Self>(self).value()))>;
+    static_assert(detail::kIsResult<Next>, "mem: and_then takes what returns a Result or a Status");
+    if (!self.isOk()) return Next(self.error());
+    return Next(std::invoke(std::forward<Use>(use), std::forward<Self>(self).value()));
+  }
+
+  template <class Self, class Use>
+  static auto transformed(Self &&self, Use &&use) noexcept {
+    using Next =
+        decltype(detail::resultOf(std::forward<Use>(use), std::forward<Self>(self).value()));
+    if (!self.isOk()) return Next(self.error());
+    return detail::resultOf(std::forward<Use>(use), std::forward<Self>(self).value());
   }
 
   std::variant<Value, Error> state_;
@@ -232,8 +416,21 @@ class [[nodiscard]] Result<void> {
 
   bool isOk() const noexcept { return !error_.has_value(); }
   const Error &error() const noexcept {
-    if (isOk()) std::abort();
+    if (isOk()) detail::endWithoutError();
     return *error_;
+  }
+
+  /** As those of a Result, with `use()`. */
+  template <class Use>
+  auto and_then(Use &&use) const noexcept {
+    using Next = std::remove_cvref_t<std::invoke_result_t<Use>>;
+    static_assert(detail::kIsResult<Next>, "mem: and_then takes what returns a Result or a Status");
+    return isOk() ? Next(std::invoke(std::forward<Use>(use))) : Next(*error_);
+  }
+  template <class Use>
+  auto transform(Use &&use) const noexcept {
+    using Next = decltype(detail::resultOf(std::forward<Use>(use)));
+    return isOk() ? detail::resultOf(std::forward<Use>(use)) : Next(*error_);
   }
 
  private:
@@ -241,6 +438,25 @@ class [[nodiscard]] Result<void> {
 };
 
 using Status = Result<void>;
+
+/** Leaves the function with the error if a call has failed:
+ *
+ *     MEM_TRY(heap.close());
+ *     MEM_TRY(auto heap, mem::Heap::open(context));  // declares `heap`, or assigns what is named
+ *
+ * The function returns any Result or Status. The second form is more than one statement. */
+#define MEM_TRY(first, ...)                                                         \
+  __VA_OPT__(MEM_TRY_VALUE_(MEM_TRY_NAME_(memTried, __LINE__), first, __VA_ARGS__)) \
+  MEM_TRY_STATUS##__VA_OPT__(_NONE)##_(first)
+#define MEM_TRY_VALUE_(result, target, ...)  \
+  auto result = (__VA_ARGS__);               \
+  if (!result.isOk()) return result.error(); \
+  target = ::std::move(result).value()
+#define MEM_TRY_STATUS_(call) \
+  if (const auto memTried = (call); !memTried.isOk()) return memTried.error()
+#define MEM_TRY_STATUS_NONE_(target)
+#define MEM_TRY_NAME_(name, line) MEM_TRY_JOIN_(name, line)
+#define MEM_TRY_JOIN_(name, line) name##line
 /** @} */
 
 /** @name Calls by slot */
@@ -270,6 +486,45 @@ Status call(const Context &context, Slot<Service> slot, Args... args) noexcept {
   return {};
 }
 /** @} */
+
+namespace detail {
+
+// Cleared storage of subpool 0 for the time of a call.
+class WorkStorage {
+ public:
+  explicit WorkStorage(const Context &context) noexcept : context_(context) {}
+  ~WorkStorage() { giveBack(); }
+  WorkStorage(const WorkStorage &) = delete;
+  WorkStorage &operator=(const WorkStorage &) = delete;
+
+  // In place of what there was. False when there is none, or not of this length.
+  bool obtain(std::uint64_t length) noexcept {
+    giveBack();
+    length_ = static_cast<std::uint32_t>(length);
+    if (length_ != length) return false;
+    pStorage_ = context_.vector().MEM_Alloc(length_, kSubPool);
+    if (pStorage_ != nullptr) std::memset(pStorage_, 0, length_);
+    return pStorage_ != nullptr;
+  }
+  template <class Type>
+  Type *as() const noexcept {
+    return static_cast<Type *>(pStorage_);
+  }
+
+ private:
+  static constexpr std::int16_t kSubPool = 0;
+
+  void giveBack() noexcept {
+    if (pStorage_ != nullptr) context_.vector().MEM_Free(pStorage_, length_, kSubPool);
+    pStorage_ = nullptr;
+  }
+
+  const Context &context_;
+  std::uint32_t length_ = 0;
+  void *pStorage_ = nullptr;
+};
+
+}  // namespace detail
 
 /** @name Owners: what they share */
 /** @{ */
@@ -345,6 +600,12 @@ struct Member {
 #define MEM_FIELD(Struct, member)                                             \
   (::mem::Member<Struct, ::std::remove_reference_t<decltype(Struct::member)>, \
                  offsetof(Struct, member)>{})
+
+namespace detail {
+
+inline constexpr std::size_t kEntryAlignment = 8;  // of heap entries and of cells' areas
+
+}  // namespace detail
 
 /** The structure at any address: segments of an unpacked chain need not be aligned. */
 template <class Record>

@@ -27,8 +27,6 @@ struct HeapSettings {
 
 namespace detail {
 
-inline constexpr std::size_t kEntryAlignment = 8;  // of heap entries and of cells' areas
-
 struct HeapSlots {
   static constexpr const auto &open = slots::MEM_HeapOpen;
   static constexpr const auto &close = slots::MEM_HeapClose;
@@ -50,6 +48,13 @@ constexpr void checkEntryType() noexcept {
   static_assert(alignof(Record) <= kEntryAlignment, "mem: entries are aligned to 8 bytes");
   static_assert(sizeof(Record) <= std::numeric_limits<std::int32_t>::max(),
                 "mem: an entry is too long");
+}
+
+// Record{args…} in an entry. By way of a temporary that is never made: g++ takes a record with a
+// constant member from one, but not behind `new`.
+template <class Record, class... Args>
+Record *construct(void *pEntry, Args &&...args) noexcept {
+  return new (pEntry) Record(Record{std::forward<Args>(args)...});
 }
 
 }  // namespace detail
@@ -87,7 +92,7 @@ class BasicHeap : public Owner<Derived, HMEMHEAP> {
     detail::checkEntryType<Record>();
     const Result<void *> entry = allocate(static_cast<std::int32_t>(sizeof(Record)));
     if (!entry.isOk()) return entry.error();
-    return new (entry.value()) Record{std::forward<Args>(args)...};
+    return detail::construct<Record>(entry.value(), std::forward<Args>(args)...);
   }
 
   /** `count` records, 1 or more, initialised as Record{} and linked through `link`; the last link
@@ -106,7 +111,7 @@ class BasicHeap : public Owner<Derived, HMEMHEAP> {
       char *const pLink = static_cast<char *>(pEntry) + kOffset;
       void *pNext = nullptr;
       std::memcpy(&pNext, pLink, sizeof pNext);
-      new (pEntry) Record{};
+      detail::construct<Record>(pEntry);
       std::memcpy(pLink, &pNext, sizeof pNext);
       pEntry = pNext;
     }

@@ -4,6 +4,7 @@
 #ifndef QJ7MEM00_MEM_PACK_HPP
 #define QJ7MEM00_MEM_PACK_HPP
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -13,6 +14,7 @@
 #include <tuple>
 #include <type_traits>
 
+#include "chaincheck.hpp"
 #include "context.hpp"
 
 namespace mem {
@@ -36,7 +38,23 @@ inline constexpr bool kIsWideText = std::is_same_v<Type, char16_t>;
 template <class Type>
 inline constexpr bool kIsText = kIsNarrowText<Type> || kIsWideText<Type>;
 
+// Other types of characters, with what to use instead.
+template <class Type>
+constexpr void refuseForeignText() noexcept {
+  static_assert(!std::is_same_v<Type, wchar_t>,
+                "mem: wchar_t differs between platforms: use char16_t");
+  static_assert(!std::is_same_v<Type, char8_t>, "mem: the services' text is no char8_t: use char");
+  static_assert(!std::is_same_v<Type, char32_t>,
+                "mem: the services' text is no char32_t: use char16_t");
+}
+
 inline constexpr std::size_t kMaxOffset = 32767;  // offsets in descriptors have 16 signed bits
+
+// Types that have a meaning in the chains of big-endian writers.
+constexpr bool isEbcdicLetter(std::uint16_t type) noexcept {
+  return type == 0xC3 || type == 0xC6 || type == 0xE2 || type == 0xE5 || type == 0xE6 ||
+         type == 0xE7;
+}
 
 enum class PartRole { kSibling, kChild, kReference };
 
@@ -54,6 +72,7 @@ constexpr Part<kRole, Field> makePart() noexcept {
   static_assert(std::is_pointer_v<typename Field::Type>,
                 "mem: a sibling, child or reference must be a pointer");
   static_assert(Field::kOffset <= kMaxOffset, "mem: the pointer lies too far into the structure");
+  refuseForeignText<Target<typename Field::Type>>();
   return {};
 }
 
@@ -70,9 +89,27 @@ struct SegmentKind {
   }
 };
 
+// Whether no two pointers share a byte, and none has one of the `head` bytes in front.
+template <class... Parts>
+constexpr bool lieApart(std::int32_t head) noexcept {
+  const std::array<std::int32_t, sizeof...(Parts)> offsets{Parts::offset...};
+  for (std::size_t i = 0; i < offsets.size(); ++i) {
+    if (offsets[i] < head) return false;
+    for (std::size_t j = 0; j < i; ++j) {
+      const std::int32_t apart = offsets[i] - offsets[j];
+      if (apart > -8 && apart < 8) return false;
+    }
+  }
+  return true;
+}
+
 template <class Struct, std::uint16_t kType, class... Parts>
 constexpr SegmentKind<Struct, kType, Parts...> makeSegment() noexcept {
   using Kind = SegmentKind<Struct, kType, Parts...>;
+  static_assert(std::is_trivially_copyable_v<Struct>,
+                "mem: a segment is copied byte by byte (trivially copyable)");
+  static_assert(alignof(Struct) <= kEntryAlignment,
+                "mem: a segment's structure is aligned to 8 bytes at most");
   static_assert((std::is_same_v<typename Parts::Struct, Struct> && ...),
                 "mem: a member of another structure in this segment");
   static_assert(Kind::count(PartRole::kSibling) <= 1, "mem: a segment has one sibling at most");
@@ -82,6 +119,8 @@ constexpr SegmentKind<Struct, kType, Parts...> makeSegment() noexcept {
                 "mem: a segment has 8 references at most");
   static_assert(kType != MEM_PACK_FIXED || sizeof(Struct) <= 65535,
                 "mem: a segment is 65,535 bytes long at most");
+  static_assert(lieApart<Parts...>(kType == MEM_PACK_FIXED ? 0 : 2),
+                "mem: a pointer of a segment is named twice, or lies over another or the length");
   return {};
 }
 
@@ -147,6 +186,16 @@ struct PackKinds {
     return descriptor;
   }
 
+  // Calls use(kind, target's kind) for each reference, in the order of the descriptor's.
+  template <class Struct, std::uint16_t kType, class... Parts, class Use>
+  static constexpr void forEachReference(SegmentKind<Struct, kType, Parts...>,
+                                         [[maybe_unused]] Use use) noexcept {
+    ((Parts::role == PartRole::kReference
+          ? use(indexOf<Struct>(), indexOf<typename Parts::Target>())
+          : void()),
+     ...);
+  }
+
   static constexpr MemPackDescriptor text(std::uint16_t type) noexcept {
     MemPackDescriptor descriptor{};
     descriptor.Type = type;
@@ -172,7 +221,8 @@ constexpr std::size_t furtherDescriptors(std::size_t count) noexcept {
 
 }  // namespace detail
 
-/** A control block of `kCount` descriptors whose root segment is a `RootStruct`. */
+/** A control block of `kCount` descriptors whose root segment is a `RootStruct`, and the kinds that
+ * references lead to, which a control block does not tell. */
 template <class RootStruct, std::size_t kCount>
 class PackTable {
  public:
@@ -191,9 +241,53 @@ class PackTable {
     return storage_.head.Descriptors[index];
   }
 
+  /** Kinds that references lead to; what is to be looked at for their sake, by descriptor. */
+  constexpr std::uint16_t targetCount() const noexcept { return targetCount_; }
+  constexpr const detail::KindPlan *plans() const noexcept { return plans_.data(); }
+
  private:
   template <class... Segments>
   friend constexpr auto packTable(Segments... segments) noexcept;
+
+  // Notes that the next reference of a kind leads to this one.
+  constexpr void addReference(std::uint16_t kind, std::uint16_t targetKind) noexcept {
+    detail::KindPlan &target = plans_[targetKind];
+    if (target.target == 0) target.target = ++targetCount_;
+    detail::KindPlan &plan = plans_[kind];
+    const std::uint16_t i = plan.referenceCount++;
+    plan.references[i] = {descriptor(kind).References[i], target.target};
+  }
+
+  // With all references: finds out what has to be walked through. Children mostly stand behind
+  // their parents.
+  constexpr void planWalk() noexcept {
+    std::array<bool, kCount> isWalked{};
+    for (bool hasChanged = true; hasChanged;) {
+      hasChanged = false;
+      for (std::size_t kind = kCount; kind-- > 0;) {
+        if (isWalked[kind] || !leadsToReferences(kind, isWalked)) continue;
+        isWalked[kind] = hasChanged = true;
+      }
+    }
+    for (std::size_t kind = 0; kind < kCount; ++kind) {
+      const MemPackDescriptor &from = descriptor(kind);
+      detail::KindPlan &plan = plans_[kind];
+      plan.siblingOff = isWalked[kind] ? from.SiblingOff : std::int16_t{MEM_PACK_NO_SIBLING};
+      for (int i = 0; i < from.ChildCount; ++i) {
+        if (isWalked[from.Children[i].Descriptor])
+          plan.children[plan.childCount++] = from.Children[i];
+      }
+    }
+  }
+  constexpr bool leadsToReferences(std::size_t kind,
+                                   const std::array<bool, kCount> &isWalked) const noexcept {
+    if (plans_[kind].target != 0 || plans_[kind].referenceCount != 0) return true;
+    const MemPackDescriptor &from = descriptor(kind);
+    for (int i = 0; i < from.ChildCount; ++i) {
+      if (isWalked[from.Children[i].Descriptor]) return true;
+    }
+    return false;
+  }
 
   constexpr void add(const MemPackDescriptor &descriptor) noexcept {
     const auto index = static_cast<std::size_t>(storage_.head.Count++);
@@ -207,6 +301,8 @@ class PackTable {
   }
 
   detail::PackStorage<detail::furtherDescriptors(kCount)> storage_;
+  std::array<detail::KindPlan, kCount> plans_{};
+  std::uint16_t targetCount_ = 0;
 };
 
 /** The pointer to the next segment of the same kind. */
@@ -246,7 +342,7 @@ template <std::uint16_t kType, class Struct, std::size_t kOffset, class... Parts
 constexpr auto selfSizedSegment(Member<Struct, std::uint16_t, kOffset>, Parts...) noexcept {
   static_assert(kOffset == 0, "mem: the length is the first member of its segment");
   static_assert(kType != MEM_PACK_FIXED && kType != MEM_PACK_COUNTED && kType != MEM_PACK_STRING &&
-                    kType != MEM_PACK_WIDE_STRING,
+                    kType != MEM_PACK_WIDE_STRING && !detail::isEbcdicLetter(kType),
                 "mem: this type letter has a meaning of its own");
   return detail::makeSegment<Struct, kType, Parts...>();
 }
@@ -263,6 +359,11 @@ constexpr auto packTable(Segments... segments) noexcept {
   (table.add(Kinds::describe(segments)), ...);
   if constexpr (Kinds::template hasText<char>()) table.add(Kinds::text(MEM_PACK_STRING));
   if constexpr (Kinds::template hasText<char16_t>()) table.add(Kinds::text(MEM_PACK_WIDE_STRING));
+  const auto addReference = [&table](std::uint16_t kind, std::uint16_t targetKind) {
+    table.addReference(kind, targetKind);
+  };
+  (Kinds::forEachReference(segments, addReference), ...);
+  table.planWalk();
   return table;
 }
 /** @} */
@@ -272,132 +373,6 @@ constexpr auto packTable(Segments... segments) noexcept {
 
 /** The longest blocks of use: offsets within a block have 16 signed bits. */
 inline constexpr std::int32_t kPackBlockLen = 32768;
-
-namespace detail {
-
-struct ChainHandle {
-  MemPackBlock *pFirst = nullptr;
-  std::uint32_t blockLen = 0;  // of every block, as it was obtained
-  bool isBigEndian = false;    // order of the used lengths
-  explicit operator bool() const noexcept { return pFirst != nullptr; }
-};
-
-inline constexpr std::int16_t kChainSubPool = 0;
-inline constexpr std::size_t kBlockHead = offsetof(MemPackBlock, UsedLen);  // not in the file form
-inline constexpr std::size_t kUsedLenSize = 2;
-inline constexpr std::size_t kVersionOff = 2;  // in the file form of the first block
-inline constexpr std::size_t kLeastChain = 6;  // used length and version
-
-inline unsigned byteAt(const std::byte *pBytes, std::size_t index) noexcept {
-  return std::to_integer<unsigned>(pBytes[index]);
-}
-
-// The version's last character tells the order; EBCDIC versions are big-endian throughout.
-inline bool isBigEndianChain(const std::byte *pFirstUsed) noexcept {
-  return byteAt(pFirstUsed, kVersionOff) >= 0xF0 || byteAt(pFirstUsed, kVersionOff + 3) == '1';
-}
-
-inline std::size_t usedLength(const std::byte *pUsed, bool isBigEndian) noexcept {
-  const unsigned first = byteAt(pUsed, 0);
-  const unsigned second = byteAt(pUsed, 1);
-  return isBigEndian ? first * 256 + second : second * 256 + first;
-}
-
-// The control block of an unpacked chain, in either layout. One of the current layout is in the
-// machine's order by then, one of the old layout still in its writer's.
-class ChainControlBlock {
- public:
-  ChainControlBlock(const std::byte *pFirstUsed, bool isSwapped) noexcept
-      : pBytes_(pFirstUsed + kLeastChain),
-        isOld_((byteAt(pFirstUsed, kVersionOff + 1) & 0x0F) == 1),  // in ASCII and in EBCDIC
-        isBigEndian_(isBigEndianChain(pFirstUsed)),
-        isSwapped_(isSwapped) {}
-
-  bool isOld() const noexcept { return isOld_; }
-
-  template <class Table>
-  bool isSameAs(const Table &table) const noexcept {
-    if (numberAt(0) != Table::count()) return false;
-    for (std::size_t i = 0; i < Table::count(); ++i) {
-      if (!isSame(2 + i * (isOld_ ? kOldDescriptorLen : sizeof(MemPackDescriptor)),
-                  table.descriptor(i))) {
-        return false;
-      }
-    }
-    return true;
-  }
-
- private:
-  static constexpr std::size_t kOldDescriptorLen = 58;
-  static constexpr std::size_t kOldReferences = 42;
-
-  unsigned numberAt(std::size_t at) const noexcept {
-    std::uint16_t number = 0;
-    std::memcpy(&number, pBytes_ + at, sizeof number);
-    return isSwapped_ ? (number & 0xFFU) << 8 | unsigned{number} >> 8 : number;
-  }
-
-  // EBCDIC letters are those of big-endian writers; elsewhere they are numbers like others.
-  unsigned asciiType(unsigned type) const noexcept {
-    if (!isBigEndian_) return type;
-    switch (type) {
-      case 0xC6:
-        return MEM_PACK_FIXED;
-      case 0xC3:
-        return MEM_PACK_COUNTED;
-      case 0xE2:
-        return MEM_PACK_STRING;
-      case 0xE6:
-        return MEM_PACK_WIDE_STRING;
-      default:
-        return type;
-    }
-  }
-
-  bool isSigned(std::size_t at, std::int16_t expected) const noexcept {
-    return numberAt(at) == static_cast<std::uint16_t>(expected);
-  }
-
-  // What a kind does not use, writers may fill as they like: all of a text's but its type.
-  bool isSame(std::size_t at, const MemPackDescriptor &expected) const noexcept {
-    if (asciiType(numberAt(at)) != expected.Type) return false;
-    if (expected.Type == MEM_PACK_STRING || expected.Type == MEM_PACK_WIDE_STRING) return true;
-    if ((expected.Type == MEM_PACK_FIXED && numberAt(at + 2) != expected.FixedLen) ||
-        !isSigned(at + 4, expected.SiblingOff) || !isSigned(at + 6, expected.ChildCount) ||
-        !isSigned(at + 8, expected.ReferenceCount)) {
-      return false;
-    }
-    for (int i = 0; i < expected.ChildCount; ++i) {
-      const std::size_t entry = at + 10 + 4 * static_cast<std::size_t>(i);
-      if (numberAt(entry) != expected.Children[i].Descriptor ||
-          !isSigned(entry + 2, expected.Children[i].Offset)) {
-        return false;
-      }
-    }
-    const std::size_t references =
-        at + (isOld_ ? kOldReferences : offsetof(MemPackDescriptor, References));
-    for (int i = 0; i < expected.ReferenceCount; ++i) {
-      if (!isSigned(references + 2 * static_cast<std::size_t>(i), expected.References[i])) {
-        return false;
-      }
-    }
-    return true;
-  }
-
-  const std::byte *pBytes_;
-  bool isOld_;
-  bool isBigEndian_;
-  bool isSwapped_;
-};
-
-template <class Table>
-bool describesSame(const std::byte *pFirstUsed, const Table &table) noexcept {
-  const ChainControlBlock native(pFirstUsed, false);
-  return native.isSameAs(table) ||
-         (native.isOld() && ChainControlBlock(pFirstUsed, true).isSameAs(table));
-}
-
-}  // namespace detail
 
 /** A chain of packed blocks. One thread at a time. Unpacking makes it the structure itself: from
  * then on it is kept for its lifetime only. */
@@ -510,39 +485,82 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
     return size;
   }
 
-  /** Turns the chain into linked structures and hands out the root. They live in the chain, at any
-   * alignment (readRecord). Once only; after a failure the chain can only be closed.
+  /** Turns the chain into the structures of a table and hands out the root. They live in the chain,
+   * segments and texts at any alignment (readRecord). Once only; after a failure the chain can only
+   * be closed.
    *
-   * Where MEM_Unpack works in place, segments are as long and pointers lie where the file's own
-   * control block says, not `packCB`: the caller has to trust the writer for that. */
-  Result<void *> unpack(const MemPackCB &packCB) noexcept {
+   * The writer need not be trusted. A chain of other structures is refused, and one in which a
+   * reference leads to anything but the start of a segment that is reached and of its kind. So
+   * every pointer that the table describes is null or leads to a segment of its kind or to a text
+   * with its terminator. Segments of fixed length can be read whole; of others there is as much as
+   * they tell, in their writer's byte order. All else is the writer's choice, pointers included
+   * that the table does not describe. Segments may share bytes that no pointers are in: a change of
+   * one may change another.
+   *
+   * References cost a walk through the segments that have some or are led to, and storage of about
+   * a quarter of the chain's length for the time of the call. */
+  template <class Root, std::size_t kCount>
+  Result<Root *> unpack(const PackTable<Root, kCount> &table) noexcept {
+    const MemPackBlock *const pLoaded = handle().pFirst;
+    const bool isTables = isDescribedBy(table);
+    const std::uint16_t targets = table.targetCount();
+    detail::SegmentMap segments(context());
+    if (targets != 0 && isTables && !segments.open(handle(), targets)) return noStorage();
+    const Result<Root *> root = unpackTable(table, isTables);
+    if (!root.isOk() || targets == 0) return root;
+    if (handle().pFirst != pLoaded && !segments.open(handle(), targets)) return noStorage();
+    if (!detail::ReferenceCheck(table.plans(), segments).run(root.value())) {
+      return Error::refusal("PackedChain::unpack", "a reference leads to no segment of its kind");
+    }
+    return root;
+  }
+
+  /** The same without a look at references: they lead to any byte of the chain. */
+  template <class Root, std::size_t kCount>
+  Result<Root *> unpackUnchecked(const PackTable<Root, kCount> &table) noexcept {
+    return unpackTable(table, isDescribedBy(table));
+  }
+
+  /** The same for any control block. Where MEM_Unpack works in place, segments are as long and
+   * pointers lie where the file's own control block says, not `packCB`: the writer has to be
+   * trusted for that, too. */
+  Result<void *> unpackUnchecked(const MemPackCB &packCB) noexcept {
     MemPackBlock *pFirst = handle().pFirst;
     void *pRoot = nullptr;
     const Status unpacked = call(context(), slots::MEM_Unpack, &pFirst, &pRoot, &packCB);
     if (!unpacked.isOk()) return unpacked.error();
     if (pFirst != handle().pFirst) {  // laid out anew, for a writer of another pointer width
       static_cast<void>(closeHandle(context(), handle()));
-      mutableHandle() = {pFirst, MEM_UNPACK_BLOCK_LEN, false};
+      constexpr bool isBigEndian = std::endian::native == std::endian::big;
+      mutableHandle() = {pFirst, MEM_UNPACK_BLOCK_LEN, isBigEndian};
     }
     return pRoot;
   }
 
-  /** The same for structures of a table. A chain of any other control block is refused, so records
-   * of fixed length can be read without trust in the writer. */
+ private:
+  PackedChain(ContextRef context, detail::ChainHandle handle) noexcept : Owner(context, handle) {}
+
+  // Before it is unpacked.
+  template <class Table>
+  bool isDescribedBy(const Table &table) const noexcept {
+    return isOpen() && detail::ChainControlBlock(usedBytes(handle().pFirst), handle().isBigEndian)
+                           .isSameAs(table);
+  }
+
   template <class Root, std::size_t kCount>
-  Result<Root *> unpack(const PackTable<Root, kCount> &table) noexcept {
+  Result<Root *> unpackTable(const PackTable<Root, kCount> &table, bool isTables) noexcept {
     const MemPackBlock *const pLoaded = handle().pFirst;
-    const Result<void *> root = unpack(table.controlBlock());
+    const Result<void *> root = unpackUnchecked(table.controlBlock());
     if (!root.isOk()) return root.error();
-    const bool isInPlace = handle().pFirst == pLoaded;
-    if (isInPlace && !detail::describesSame(usedBytes(pLoaded), table)) {
+    if (handle().pFirst == pLoaded && !isTables) {
       return Error::refusal("PackedChain::unpack", "the chain describes other structures");
     }
     return static_cast<Root *>(root.value());
   }
 
- private:
-  PackedChain(ContextRef context, detail::ChainHandle handle) noexcept : Owner(context, handle) {}
+  static Error noStorage() noexcept {
+    return Error::withoutRecord("PackedChain::unpack", -1, "no storage to check references");
+  }
 
   static const std::byte *usedBytes(const MemPackBlock *pBlock) noexcept {
     return reinterpret_cast<const std::byte *>(pBlock) + detail::kBlockHead;

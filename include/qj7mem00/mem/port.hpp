@@ -4,6 +4,7 @@
 #ifndef QJ7MEM00_MEM_PORT_HPP
 #define QJ7MEM00_MEM_PORT_HPP
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +15,7 @@
 
 #include "heap.hpp"
 #include "pack.hpp"
+#include "portcheck.hpp"
 
 namespace mem {
 
@@ -70,6 +72,57 @@ constexpr MEMFieldType portCode() noexcept {
   }
 }
 
+// Stand-ins for a value: of any type of numbers, of any scalar type.
+struct AnyNumber {
+  template <class Type>
+  requires((std::is_arithmetic_v<Type> && !std::is_same_v<Type, bool>) || std::is_enum_v<Type>)
+  operator Type() const noexcept;
+};
+struct AnyScalar {
+  template <class Type>
+  requires(std::is_scalar_v<Type>) operator Type() const noexcept;
+};
+
+// Whether an aggregate takes `kCount` numbers and a value behind them. They flow into embedded
+// structures and arrays, whose braces may be left out.
+template <class Type, class Last, std::size_t... kIndexes>
+constexpr bool takesBehind(std::index_sequence<kIndexes...>) noexcept {
+  return requires {
+    Type{(static_cast<void>(kIndexes), AnyNumber{})..., Last{}};
+  };
+}
+template <class Type, class Last, std::size_t kCount>
+inline constexpr bool kTakesBehind = takesBehind<Type, Last>(std::make_index_sequence<kCount>{});
+
+// How many numbers stand at the front of an aggregate: `kFew` or more, fewer than `kMany`.
+template <class Type, std::size_t kFew, std::size_t kMany>
+constexpr std::size_t leadingNumbers() noexcept {
+  constexpr std::size_t kMiddle = kFew + (kMany - kFew) / 2;
+  if constexpr (kMiddle == kFew) {
+    return kFew;
+  } else if constexpr (kTakesBehind<Type, AnyNumber, kMiddle - 1>) {
+    return leadingNumbers<Type, kMiddle, kMany>();
+  } else {
+    return leadingNumbers<Type, kFew, kMiddle>();
+  }
+}
+
+// Whether any bytes are a value of the type: nothing but numbers, as far as a compiler can see. It
+// cannot see into classes that are no aggregates, and is not asked to count for ever.
+template <class Type>
+constexpr bool isPlainBytes() noexcept {
+  constexpr std::size_t kMostNumbers = 4096;
+  if constexpr (!std::is_class_v<Type> && !std::is_union_v<Type>) {
+    return std::is_convertible_v<AnyNumber, Type>;
+  } else if constexpr (!std::is_aggregate_v<Type> || std::is_union_v<Type>) {
+    return false;
+  } else {
+    constexpr std::size_t kLimit = sizeof(Type) < kMostNumbers ? sizeof(Type) : kMostNumbers;
+    constexpr std::size_t kNumbers = leadingNumbers<Type, 0, kLimit + 1>();
+    return !kTakesBehind<Type, AnyScalar, kNumbers>;
+  }
+}
+
 // Whether a member can hold a field of this code.
 template <class FieldType, MEMFieldType kCode>
 constexpr bool canHold() noexcept {
@@ -98,6 +151,36 @@ constexpr bool isPortWideText(MEMFieldType code) noexcept {
 constexpr bool isPortNumber(MEMFieldType code) noexcept {
   return code >= MEM_PORT_SHORT && code <= MEM_PORT_ULONG;
 }
+constexpr bool isPortPointer(MEMFieldType code) noexcept {
+  return code == MEM_PORT_PNT || code == MEM_PORT_PSTR || code == MEM_PORT_WPSTR;
+}
+
+template <std::size_t kLength>
+inline constexpr std::array<std::byte, kLength> kZeros{};
+
+// Has one address for each type.
+template <class Type>
+inline constexpr char kTypeMark = 0;
+
+// The number that an enumerator stands for; other numbers themselves.
+template <class Type>
+constexpr auto numberOf(Type value) noexcept {
+  if constexpr (std::is_enum_v<Type>) {
+    return static_cast<std::underlying_type_t<Type>>(value);
+  } else {
+    return value;
+  }
+}
+
+// Whether a field of this type can hold the number.
+template <class FieldType, auto kValue>
+constexpr bool fits() noexcept {
+  using Number = decltype(numberOf(kValue));
+  using Field = decltype(numberOf(std::remove_cv_t<FieldType>{}));
+  constexpr Number number = numberOf(kValue);
+  return number == static_cast<Number>(static_cast<Field>(number)) &&
+         (number < Number{}) == (static_cast<Field>(number) < Field{});
+}
 
 enum class Repeat { kNone, kByCount, kByLength };
 
@@ -106,30 +189,83 @@ template <class Type, MEMFieldType kCode>
 using PortTarget =
     std::conditional_t<kCode == MEM_PORT_PNT || kCode == MEM_PORT_SUBSTRUCTURE, Target<Type>, void>;
 
+// What no field is, whatever its code.
+template <class FieldType>
+constexpr void checkMember() noexcept {
+  static_assert(std::is_trivially_copyable_v<FieldType>,
+                "mem: a field is copied byte by byte (trivially copyable)");
+  using Type = std::remove_cv_t<FieldType>;
+  refuseForeignText<std::remove_cv_t<std::remove_all_extents_t<Type>>>();
+  refuseForeignText<Target<Type>>();
+}
+
+// A text may set any bits of a field of bytes.
+template <class FieldType, MEMFieldType kCode>
+constexpr void checkBytes() noexcept {
+  if constexpr (kCode == MEM_PORT_CHAR || kCode == MEM_PORT_BIN || kCode == MEM_PORT_BIT) {
+    using Element = std::remove_cv_t<std::remove_all_extents_t<std::remove_cv_t<FieldType>>>;
+    static_assert(!std::is_same_v<Element, bool>,
+                  "mem: a text may set bits that bool does not have: use std::uint8_t");
+    static_assert(std::is_same_v<Element, bool> || isPlainBytes<Element>(),
+                  "mem: a text would set pointers or bool in these bytes, or what cannot be seen");
+  }
+}
+
 // One element of a repeat field, which is declared as such or as an array of one.
 template <class Type>
 using RepeatElement = std::conditional_t<std::is_array_v<Type> && std::extent_v<Type> == 1,
                                          std::remove_extent_t<Type>, Type>;
 
+// Where fields lie.
+struct FieldExtent {
+  std::size_t offset;
+  std::size_t end;
+  std::size_t index;
+};
+
+// For each field whether another one shares bytes with it.
+template <class... Fields>
+constexpr std::array<bool, sizeof...(Fields)> sharedFields() noexcept {
+  std::array<FieldExtent, sizeof...(Fields)> extents{
+      FieldExtent{Fields::kOffset, Fields::kOffset + sizeof(typename Fields::Type), 0}...};
+  for (std::size_t i = 0; i < extents.size(); ++i) extents[i].index = i;
+  std::sort(extents.begin(), extents.end(), [](const FieldExtent &left, const FieldExtent &right) {
+    return left.offset < right.offset;
+  });
+  std::array<bool, sizeof...(Fields)> areShared{};
+  std::size_t furthest = 0;  // of those in front, the one that ends last
+  for (std::size_t i = 1; i < extents.size(); ++i) {
+    const FieldExtent &before = extents[furthest];
+    if (extents[i].offset < before.end) {
+      areShared[extents[i].index] = areShared[before.index] = true;
+    }
+    if (extents[i].end > before.end) furthest = i;
+  }
+  return areShared;
+}
+
 }  // namespace detail
 
 /** One field of a definition: MEM_FIELD's member with identifier, type code and options. */
 template <class StructType, class FieldType, std::uint32_t kId, MEMFieldType kCode,
-          detail::Repeat kRepeat = detail::Repeat::kNone, std::uint32_t kCountId = 0>
+          std::size_t kFieldOffset, detail::Repeat kRepeat = detail::Repeat::kNone,
+          std::uint32_t kCountId = 0>
 class PortField {
  public:
   using Struct = StructType;
+  using Type = FieldType;
   using Target = detail::PortTarget<FieldType, kCode>;
   static constexpr std::uint32_t kFieldId = kId;
   static constexpr MEMFieldType kFieldCode = kCode;
+  static constexpr std::size_t kOffset = kFieldOffset;
   static constexpr detail::Repeat kRepeats = kRepeat;
   static constexpr std::uint32_t kCountFieldId = kCountId;
 
-  constexpr explicit PortField(std::size_t offset) noexcept {
+  constexpr PortField() noexcept {
     def_.FieldID = kId;
     def_.Type = static_cast<std::uint8_t>(kCode);
     def_.Length = static_cast<std::int32_t>(sizeof(FieldType));
-    def_.Offset = static_cast<std::int32_t>(offset);
+    def_.Offset = static_cast<std::int32_t>(kOffset);
   }
 
   /** A text without the field is refused. */
@@ -157,22 +293,24 @@ class PortField {
     static_assert(detail::isPortText(kCode), "mem: this field has no narrow text as its default");
     PortField changed = *this;
     changed.def_.Default.pText = pText;
+    changed.hasDefault_ = true;
     return changed;
   }
   constexpr PortField defaultText(const char16_t *pText) const noexcept {
     static_assert(detail::isPortWideText(kCode), "mem: this field has no wide text as its default");
     PortField changed = *this;
     changed.def_.Default.pWide = pText;
+    changed.hasDefault_ = true;
     return changed;
   }
-  /** For numbers of 16 and 32 bits. Of a 64-bit field readers set half only, so it has no default.
-   */
+  /** For numbers and enumerators of 16 and 32 bits. Of a 64-bit field readers set half only, so it
+   * has no default. */
   template <auto kValue>
   constexpr PortField defaultNumber() const noexcept {
     static_assert(detail::isPortNumber(kCode), "mem: this field has no number as its default");
-    static_assert(kValue == static_cast<decltype(kValue)>(static_cast<FieldType>(kValue)) &&
-                      (kValue < 0) == (static_cast<FieldType>(kValue) < FieldType{}),
-                  "mem: the default does not fit its field");
+    if constexpr (detail::isPortNumber(kCode)) {
+      static_assert(detail::fits<FieldType, kValue>(), "mem: the default does not fit its field");
+    }
     PortField changed = *this;
     if constexpr (sizeof(FieldType) == 2) {
       changed.def_.Default.Short = static_cast<std::uint16_t>(kValue);
@@ -189,13 +327,36 @@ class PortField {
                   "mem: this field has no bytes as its default");
     PortField changed = *this;
     changed.def_.Default.pBytes = pField;
+    changed.hasDefault_ = true;
     return changed;
   }
 
   constexpr const MEMFieldDef &def() const noexcept { return def_; }
 
+  /** The same for a field that lies apart from all others: absent, and without a default, it is
+   * null or empty instead of what its storage held. */
+  constexpr MEMFieldDef completeDef() const noexcept {
+    MEMFieldDef def = def_;
+    if constexpr (kIsBound) {
+      if (def.NotPorted != 0) def.Required = 0;
+    }
+    if constexpr (kCode == MEM_PORT_CHARSZ) {
+      if (!hasDefault_) def.Default.pText = "";
+    } else if constexpr (kCode == MEM_PORT_WCHARSZ) {
+      if (!hasDefault_) def.Default.pWide = u"";
+    } else if constexpr (kCode == MEM_PORT_PNT || kCode == MEM_PORT_SUBSTRUCTURE) {
+      if (!hasDefault_) def.Default.pBytes = detail::kZeros<sizeof(FieldType)>.data();
+    }
+    return def;
+  }
+
  private:
+  // Pointers, and text with a terminator, are read by what they hold.
+  static constexpr bool kIsBound = detail::isPortPointer(kCode) || detail::isPortText(kCode) ||
+                                   detail::isPortWideText(kCode) || kCode == MEM_PORT_SUBSTRUCTURE;
+
   MEMFieldDef def_{};
+  bool hasDefault_ = false;
 };
 
 /** The field `kId` of a structure, its type code taken from the member's type:
@@ -211,9 +372,10 @@ class PortField {
  */
 template <std::uint32_t kId, class Struct, class Type, std::size_t kOffset>
 constexpr auto field(Member<Struct, Type, kOffset>) noexcept {
+  detail::checkMember<Type>();
   static_assert(detail::portCode<Type>() != MEMFieldType{},
                 "mem: this member's type has no type code (use fieldAs to choose one)");
-  return PortField<Struct, Type, kId, detail::portCode<Type>()>(kOffset);
+  return PortField<Struct, Type, kId, detail::portCode<Type>(), kOffset>();
 }
 
 /** The same with a type code of the caller's: Char, WChar, Bin and Bit, which no type tells. */
@@ -221,7 +383,9 @@ template <std::uint32_t kId, MEMFieldType kCode, class Struct, class Type, std::
 constexpr auto fieldAs(Member<Struct, Type, kOffset>) noexcept {
   static_assert(detail::canHold<Type, kCode>(),
                 "mem: this member cannot hold a field of this type");
-  return PortField<Struct, Type, kId, kCode>(kOffset);
+  detail::checkMember<Type>();
+  detail::checkBytes<Type, kCode>();
+  return PortField<Struct, Type, kId, kCode, kOffset>();
 }
 
 /** The repeat field, the last one of its structure: an element, or an array of one, of which there
@@ -229,20 +393,22 @@ constexpr auto fieldAs(Member<Struct, Type, kOffset>) noexcept {
 template <std::uint32_t kId, std::uint32_t kCountId, class Struct, class Type, std::size_t kOffset>
 constexpr auto repeatedField(Member<Struct, Type, kOffset>) noexcept {
   using Element = detail::RepeatElement<Type>;
+  detail::checkMember<Element>();
   static_assert(detail::portCode<Element>() != MEMFieldType{},
                 "mem: the repeated member's type has no type code");
-  return PortField<Struct, Element, kId, detail::portCode<Element>(), detail::Repeat::kByCount,
-                   kCountId>(kOffset);
+  return PortField<Struct, Element, kId, detail::portCode<Element>(), kOffset,
+                   detail::Repeat::kByCount, kCountId>();
 }
 
 /** The same where the field `kLengthId` holds the structure's bytes. */
 template <std::uint32_t kId, std::uint32_t kLengthId, class Struct, class Type, std::size_t kOffset>
 constexpr auto repeatedFieldByLength(Member<Struct, Type, kOffset>) noexcept {
   using Element = detail::RepeatElement<Type>;
+  detail::checkMember<Element>();
   static_assert(detail::portCode<Element>() != MEMFieldType{},
                 "mem: the repeated member's type has no type code");
-  return PortField<Struct, Element, kId, detail::portCode<Element>(), detail::Repeat::kByLength,
-                   kLengthId>(kOffset);
+  return PortField<Struct, Element, kId, detail::portCode<Element>(), kOffset,
+                   detail::Repeat::kByLength, kLengthId>();
 }
 
 /** One structure with its fields. */
@@ -267,7 +433,31 @@ struct PortStructure {
     return ((Fields::kRepeats == detail::Repeat::kByLength) || ...);
   }
 
+  /** Whether there are fields here, or in what is embedded, by which a program goes on to other
+   * storage: pointers and counts. */
+  template <class Table>
+  static constexpr bool leadsOn() noexcept {
+    return (leadsOn<Table, Fields>() || ...);
+  }
+  /** Whether such a field may be written as another one, because the two share bytes. */
+  template <class Table>
+  static constexpr bool isAmbiguous() noexcept {
+    const auto areShared = detail::sharedFields<Fields...>();
+    std::size_t i = 0;
+    return ((areShared[i++] && leadsOn<Table, Fields>()) || ...);
+  }
+
   std::array<MEMFieldDef, kFieldCount> fields;
+
+ private:
+  template <class Table, class Field>
+  static constexpr bool leadsOn() noexcept {
+    if constexpr (Field::kFieldCode == MEM_PORT_SUBSTRUCTURE) {
+      return Table::template leadsOn<typename Field::Target>();
+    } else {
+      return detail::isPortPointer(Field::kFieldCode) || Field::kFieldId == countFieldId();
+    }
+  }
 };
 
 namespace detail {
@@ -298,12 +488,58 @@ constexpr bool hasCountField() noexcept {
           ...);
 }
 
+// Whether the elements, which go on behind the last one declared, lie over nothing else: no other
+// field ends behind the first, and the structure ends with it.
+template <class Struct, class... Fields>
+constexpr bool repeatsAtTheEnd() noexcept {
+  std::size_t othersEnd = 0;
+  std::size_t first = sizeof(Struct);
+  std::size_t end = sizeof(Struct);
+  const auto look = [&](Repeat repeat, std::size_t offset, std::size_t length) {
+    if (repeat == Repeat::kNone) {
+      if (offset + length > othersEnd) othersEnd = offset + length;
+    } else {
+      first = offset;
+      end = offset + length;
+    }
+  };
+  (look(Fields::kRepeats, Fields::kOffset, sizeof(typename Fields::Type)), ...);
+  return othersEnd <= first && sizeof(Struct) - end < alignof(Struct);
+}
+
+// Whether no two fields are one pointer.
+template <class... Fields>
+constexpr bool namesPointersOnce() noexcept {
+  const std::array<bool, sizeof...(Fields)> isPointer{isPortPointer(Fields::kFieldCode)...};
+  const std::array<std::size_t, sizeof...(Fields)> offsets{Fields::kOffset...};
+  const std::array<const void *, sizeof...(Fields)> types{&kTypeMark<typename Fields::Type>...};
+  const auto areShared = sharedFields<Fields...>();
+  for (std::size_t i = 0; i < offsets.size(); ++i) {
+    if (!isPointer[i] || !areShared[i]) continue;
+    for (std::size_t j = 0; j < i; ++j) {
+      if (offsets[i] == offsets[j] && types[i] == types[j]) return false;
+    }
+  }
+  return true;
+}
+
+template <class... Fields>
+constexpr std::array<MEMFieldDef, sizeof...(Fields)> completeFields(
+    const Fields &...fields) noexcept {
+  const auto areShared = sharedFields<Fields...>();
+  std::size_t i = 0;
+  return {(areShared[i++] ? fields.def() : fields.completeDef())...};
+}
+
 template <class Structure, class... Fields>
 constexpr void checkRepeat() noexcept {
   static_assert(repeatsOnlyLast<Fields...>(), "mem: the repeat field is the last one");
   static_assert(!((Fields::kRepeats != Repeat::kNone) || ...) ||
                     hasCountField<Structure::countFieldId(), Fields...>(),
                 "mem: the count field must be a 16- or 32-bit number of the same structure");
+  static_assert(!((Fields::kRepeats != Repeat::kNone) || ...) ||
+                    repeatsAtTheEnd<typename Structure::Struct, Fields...>(),
+                "mem: elements of the repeat field would lie over what is behind it");
 }
 
 }  // namespace detail
@@ -324,8 +560,12 @@ constexpr auto structure(const Fields &...fields) noexcept {
                 "mem: field identifiers are 1 or more and ascend");
   static_assert(sizeof(Struct) <= std::numeric_limits<std::int32_t>::max(),
                 "mem: the structure is too long");
+  static_assert(std::is_trivially_copyable_v<Struct>,
+                "mem: a structure is filled byte by byte (trivially copyable)");
+  static_assert(alignof(Struct) <= detail::kEntryAlignment, "mem: entries are aligned to 8 bytes");
+  static_assert(detail::namesPointersOnce<Fields...>(), "mem: two fields are one pointer");
   detail::checkRepeat<Structure, Fields...>();
-  return Structure{{fields.def()...}};
+  return Structure{detail::completeFields(fields...)};
 }
 
 /** A table of structure definitions, complete and checked: every pointer and embedded structure
@@ -347,6 +587,18 @@ class PortTable {
   template <class Struct>
   static constexpr bool describes() noexcept {
     return timesDescribed<Struct>() == 1;
+  }
+  /** Whether the structure, or one embedded in it, has pointers or counts. */
+  template <class Struct>
+  static constexpr bool leadsOn() noexcept {
+    return ((std::is_same_v<typename Structures::Struct, Struct> &&
+             Structures::template leadsOn<PortTable>()) ||
+            ...);
+  }
+  /** Whether a text decides by itself what pointers and counts are: some share bytes with other
+   * fields. */
+  static constexpr bool isAmbiguous() noexcept {
+    return (Structures::template isAmbiguous<PortTable>() || ...);
   }
   /** Identifier of a structure. */
   template <class Struct>
@@ -406,6 +658,19 @@ class PortTable {
 /** @name Port strings: any number of threads, each on its own object */
 /** @{ */
 
+namespace detail {
+
+// A call that tells of its failure in a record.
+template <class Service, class... Args>
+Status callPort(const Context &context, Slot<Service> slot, Args... args) noexcept {
+  Error::forgetRecord(context);
+  const std::int16_t result = (context.vector().*slot.entry)(args...);
+  if (result != 0) return Error::ofPortCall(context, slot.name, result);
+  return {};
+}
+
+}  // namespace detail
+
 /** A port string in a heap of its own. */
 class PortString {
  public:
@@ -448,8 +713,9 @@ class PortString {
     Result<Heap> heap = Heap::open(context, settings);
     if (!heap.isOk()) return heap.error();
     PortString string(std::move(heap).value(), structId);
-    const Status written = call(context.get(), slots::MEM_StructToPortStr, pDefs, structId, pStruct,
-                                chunkLen, string.heap_.handle(), &string.length_, &string.pFirst_);
+    const Status written =
+        detail::callPort(context.get(), slots::MEM_StructToPortStr, pDefs, structId, pStruct,
+                         chunkLen, string.heap_.handle(), &string.length_, &string.pFirst_);
     if (!written.isOk()) return written.error();
     return string;
   }
@@ -499,40 +765,99 @@ inline bool beginsWith(std::string_view text, std::uint32_t structId) noexcept {
 template <class Struct, class Heap, class Slot, class... Input>
 Result<Struct *> readPort(Heap &heap, const Context &context, Slot slot, const MEMStructDef *pDefs,
                           Input... input) noexcept {
+  checkEntryType<Struct>();
   void *pTop = nullptr;
-  const Status read = call(context, slot, pDefs, input..., heap.handle(), &pTop);
+  const Status read = callPort(context, slot, pDefs, input..., heap.handle(), &pTop);
   if (!read.isOk()) return read.error();
   return static_cast<Struct *>(pTop);
 }
 
-inline constexpr char kOtherStructure[] = "the text begins with another structure";
+// Checks first. A text that the check does not understand is left to the reader, which tells where
+// it fails.
+template <class Struct, class Table, class Heap, class Slot, class... Input>
+Result<Struct *> readPortChecked(Heap &heap, const Context &context, Slot slot, const Table &table,
+                                 const PortCharacters &text, Input... input) noexcept {
+  static_assert(!Table::isAmbiguous(),
+                "mem: a field shares bytes with a pointer or a count, so that a text decides what "
+                "these are (readPortStringUnchecked takes it)");
+  const Result<bool> isGood =
+      isAsDefined(context, slot.name, table.table(), Table::template idOf<Struct>(), text);
+  if (!isGood.isOk()) return isGood.error();
+  const Result<Struct *> read = readPort<Struct>(heap, context, slot, table.table(), input...);
+  if (!read.isOk() || isGood.value()) return read;
+  return Error::refusal(slot.name, "the text is not what the definitions say");
+}
+
+// What the contiguous readers refuse before they look at the text as a whole; null for nothing.
+inline const char *refusalOf(std::string_view text, std::uint32_t structId) noexcept {
+  if (!beginsWith(text, structId)) return kOtherStructure;
+  const bool isLong = text.size() > std::numeric_limits<std::uint32_t>::max();
+  return isLong ? "the text is too long" : nullptr;
+}
 
 }  // namespace detail
 
 /** Reads a port string into structures in the caller's heap, of either kind, and hands out the
- * top-level one, which has to be a `Struct`. The text need not be trusted. On failure what was made
- * so far stays in the heap. */
+ * top-level one, which has to be a `Struct`. The text need not be trusted: it is looked through
+ * first, and refused unless
+ *  - every pointer leads to a structure of its type, and every embedded structure is of its type;
+ *  - as many elements come as the text and the count field say, and only a repeat field comes again
+ *    behind the last one.
+ * So every structure can be read as its type says, every pointer of it is null or leads to such a
+ * structure or to a text with its terminator, and every array of text that shares its bytes with no
+ * other field has one, too. Numbers, enumerations and bytes are the text's choice, and so is which
+ * of several fields was stored in a union. Members that the table does not describe, and what
+ * alternatives leave out, are as the storage came. A structure without elements ends where the
+ * first one would stand.
+ *
+ * On failure what was made so far stays in the heap. The look takes a number of 4 bytes for each
+ * structure, and time in proportion to the text. */
 template <class Struct, class Heap, class... Structures>
 Result<Struct *> readPortString(ContextRef context, Heap &heap,
                                 const PortTable<Structures...> &table,
                                 std::string_view text) noexcept {
   const auto slot = slots::MEM_Port1StrToStruct;
   constexpr std::uint32_t kStructId = PortTable<Structures...>::template idOf<Struct>();
-  if (!detail::beginsWith(text, kStructId)) {
-    return Error::refusal(slot.name, detail::kOtherStructure);
-  }
-  if (text.size() > std::numeric_limits<std::uint32_t>::max()) {
-    return Error::refusal(slot.name, "the text is too long");
-  }
-  return detail::readPort<Struct>(heap, context.get(), slot, table.table(), text.data(),
-                                  static_cast<std::uint32_t>(text.size()));
+  const char *const pRefusal = detail::refusalOf(text, kStructId);
+  if (pRefusal != nullptr) return Error::refusal(slot.name, pRefusal);
+  return detail::readPortChecked<Struct>(heap, context.get(), slot, table,
+                                         detail::PortCharacters(text), text.data(),
+                                         static_cast<std::uint32_t>(text.size()));
 }
 
-/** The same from a string that was written here. */
+/** The same from a string that was written here, maybe with another table. */
 template <class Struct, class Heap, class... Structures>
 Result<Struct *> readPortString(ContextRef context, Heap &heap,
                                 const PortTable<Structures...> &table,
                                 const PortString &string) noexcept {
+  const auto slot = slots::MEM_PortStrToStruct;
+  constexpr std::uint32_t kStructId = PortTable<Structures...>::template idOf<Struct>();
+  if (string.structId() != kStructId) return Error::refusal(slot.name, detail::kOtherStructure);
+  const detail::PortCharacters text(string.firstChunk(), string.length());
+  return detail::readPortChecked<Struct>(heap, context.get(), slot, table, text,
+                                         string.firstChunk());
+}
+
+/** Reads a text whose writer is trusted to have used this table: only the kind of the top-level
+ * structure is compared. The text decides what its pointers lead to
+ * (docs/port-strings.md, "What success does not promise"). */
+template <class Struct, class Heap, class... Structures>
+Result<Struct *> readPortStringUnchecked(ContextRef context, Heap &heap,
+                                         const PortTable<Structures...> &table,
+                                         std::string_view text) noexcept {
+  const auto slot = slots::MEM_Port1StrToStruct;
+  constexpr std::uint32_t kStructId = PortTable<Structures...>::template idOf<Struct>();
+  const char *const pRefusal = detail::refusalOf(text, kStructId);
+  if (pRefusal != nullptr) return Error::refusal(slot.name, pRefusal);
+  return detail::readPort<Struct>(heap, context.get(), slot, table.table(), text.data(),
+                                  static_cast<std::uint32_t>(text.size()));
+}
+
+/** The same from a string that was written here with this table. */
+template <class Struct, class Heap, class... Structures>
+Result<Struct *> readPortStringUnchecked(ContextRef context, Heap &heap,
+                                         const PortTable<Structures...> &table,
+                                         const PortString &string) noexcept {
   const auto slot = slots::MEM_PortStrToStruct;
   constexpr std::uint32_t kStructId = PortTable<Structures...>::template idOf<Struct>();
   if (string.structId() != kStructId) return Error::refusal(slot.name, detail::kOtherStructure);

@@ -76,8 +76,8 @@ std::vector<std::int32_t> Kind::pointerOffsets() const {
 }
 
 std::string Fault::text() const {
-  return fmt::format("block {}, offset {} (file offset {}): {}", place.block, place.offset,
-                     fileOffset, what);
+  return fmt::format("block {}, offset {} (file offset {}): {}{}{}", place.block, place.offset,
+                     fileOffset, what, remark.empty() ? "" : "; ", remark);
 }
 
 std::uint16_t PackedChain::number(std::size_t at) const {

@@ -101,9 +101,9 @@ struct Fault {
   Place place;
   std::size_t fileOffset = 0;
   std::string what;
-  std::uint32_t code = 0;  // MEMERR code with which the library would refuse it, 0: it would not
+  std::string remark = {};  // what else is to be known of it; mostly empty
 
-  // "block 1, offset 34 (file offset 1070): …".
+  // "block 1, offset 34 (file offset 1070): …; …".
   std::string text() const;
 };
 
@@ -117,6 +117,7 @@ class PackedChain {
   std::uint16_t kindCount = 0;  // as the file counts them
   std::vector<Kind> kinds;      // at least 8 where there is no fault: those beyond the count exist
   std::uint32_t pointerWidth = 0;
+  bool isWidthGuessed = false;  // neither given nor shown by the control block
   std::optional<Place> root;
   std::vector<Segment> segments;  // depth first: a segment, its children, its sibling
   std::vector<Pointer> pointers;  // of the segments in turn

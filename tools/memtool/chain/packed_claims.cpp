@@ -25,12 +25,13 @@ Owner Claims::take(Place place, std::uint32_t length, Owner owner) {
   return Owner::None;
 }
 
-Owner Claims::takeNarrow(Place place, std::uint32_t &length) {
+Owner Claims::takeNarrow(Place place, bool mayShareEnd, std::uint32_t &length) {
   BlockClaims &block = blocks_[place.block];
   const auto behind = block.narrow.upper_bound(place.offset);
   if (behind != block.narrow.begin()) {
     const auto before = std::prev(behind);
     if (place.offset < before->second) {
+      if (!mayShareEnd && place.offset != before->first) return Owner::Narrow;
       length = before->second - place.offset;
       return Owner::None;
     }
@@ -46,6 +47,8 @@ Owner Claims::takeNarrow(Place place, std::uint32_t &length) {
   } else if (behind == block.narrow.end()) {
     length = 0;
     return Owner::None;
+  } else if (!mayShareEnd) {
+    return Owner::Narrow;
   }
   const Owner other = take(place, end - place.offset, Owner::Narrow);
   if (other != Owner::None) return other;

@@ -21,10 +21,10 @@ class Claims {
   // REQUIRES: the range lies within its block.
   Owner take(Place place, std::uint32_t length, Owner owner);
 
-  // Takes the bytes of the narrow text at `place` up to its NUL, which it may share with other
-  // narrow texts. `length` is 0 when there is no NUL in the block. Each byte is looked at once,
-  // however many texts share it.
-  Owner takeNarrow(Place place, std::uint32_t &length);
+  // Takes the bytes of the narrow text at `place` up to its NUL. It may be one that is known, and
+  // with `mayShareEnd` it may share its end with other narrow texts. `length` is 0 when there is no
+  // NUL in the block. Each byte is looked at once, however many texts share it.
+  Owner takeNarrow(Place place, bool mayShareEnd, std::uint32_t &length);
 
   std::uint64_t taken() const { return taken_; }
 

@@ -35,9 +35,8 @@ bool isDigit(std::uint8_t byte, bool isEbcdic) {
 }
 
 // A fault in front of the first block's content, where there is no block yet.
-[[noreturn]] void refuseFile(std::size_t fileOffset, std::string what, std::uint32_t code = 0) {
-  throw FaultFound{
-      {{0, static_cast<std::uint32_t>(fileOffset)}, fileOffset, std::move(what), code}};
+[[noreturn]] void refuseFile(std::size_t fileOffset, std::string what) {
+  throw FaultFound{{{0, static_cast<std::uint32_t>(fileOffset)}, fileOffset, std::move(what), {}}};
 }
 
 Version readVersion(const std::string &bytes) {
@@ -46,8 +45,7 @@ Version readVersion(const std::string &bytes) {
   for (std::size_t i = 0; i < 4; ++i) {
     const auto byte = static_cast<std::uint8_t>(bytes[kVersionOff + i]);
     if (!isDigit(byte, isEbcdic)) {
-      refuseFile(kVersionOff, "no version stands here, so this is no packed chain",
-                 i == 0 ? MEMERR_PACKCBID : MEMERR_PACKCBVR);
+      refuseFile(kVersionOff, "no version stands here, so this is no packed chain");
     }
     text += static_cast<char>('0' + (byte & 0x0F));
   }
@@ -56,8 +54,7 @@ Version readVersion(const std::string &bytes) {
   };
   if (std::none_of(std::begin(kVersions), std::end(kVersions), isIt)) {
     refuseFile(kVersionOff,
-               fmt::format("there is no version {}{}", text, isEbcdic ? " in EBCDIC" : ""),
-               MEMERR_PACKCBVR);
+               fmt::format("there is no version {}{}", text, isEbcdic ? " in EBCDIC" : ""));
   }
   return {text, isEbcdic, text[1] == '1', isEbcdic || text[3] == '1', text[2] == '4' ? 4U : 2U};
 }
@@ -66,12 +63,11 @@ void readBlocks(PackedChain &chain) {
   for (std::size_t at = 0; at < chain.bytes.size();) {
     const auto number = static_cast<std::uint32_t>(chain.blocks.size());
     const std::size_t left = chain.bytes.size() - at;
-    const auto refuseBlock = [&](std::string what, std::uint32_t code = 0) {
-      throw FaultFound{{{number, 0}, at, std::move(what), code}};
+    const auto refuseBlock = [&](std::string what) {
+      throw FaultFound{{{number, 0}, at, std::move(what), {}}};
     };
     if (number == MEM_PACK_MAX_BLOCKS) {
-      refuseBlock(fmt::format("the chain has more than {} blocks", MEM_PACK_MAX_BLOCKS),
-                  MEMERR_PACKBMAX);
+      refuseBlock(fmt::format("the chain has more than {} blocks", MEM_PACK_MAX_BLOCKS));
     }
     if (left < kFirstContent) refuseBlock("the file ends within a used length");
     const std::uint32_t used = chain.number(at);
@@ -125,8 +121,7 @@ std::size_t entryCount(const PackedChain &chain, const Kind &kind, Place place, 
   if (isText(kind.form)) return 0;
   const std::int16_t count = chain.signedNumber(chain.fileOffset(place));
   if (count < 0 || count > most) {
-    refuse(chain, place, fmt::format("a kind of segment has {} {}, which cannot be", count, what),
-           MEMERR_PACKCBID);
+    refuse(chain, place, fmt::format("a kind of segment has {} {}, which cannot be", count, what));
   }
   return static_cast<std::size_t>(count);
 }
@@ -164,8 +159,7 @@ void checkChildKinds(const PackedChain &chain, const Kind &kind, std::uint32_t o
     const std::uint16_t child = kind.children[k].Descriptor;
     if (child < present) continue;
     refuse(chain, {0, offset + childrenOff + k * 4},
-           fmt::format("a child is of kind {}, but there are {} kinds", child, present),
-           MEMERR_PACKCBID);
+           fmt::format("a child is of kind {}, but there are {} kinds", child, present));
   }
 }
 
@@ -189,18 +183,16 @@ Kind readUncountedKind(const PackedChain &chain, std::uint32_t offset, std::uint
 void readControlBlock(PackedChain &chain) {
   const std::uint32_t used = chain.blocks[0].used;
   const Place place{0, kHeadLen};
-  if (used < kHeadLen + 2) refuse(chain, place, "there is no control block", MEMERR_PACKCBID);
+  if (used < kHeadLen + 2) refuse(chain, place, "there is no control block");
   const std::int16_t count = chain.signedNumber(chain.fileOffset(place));
   if (count < 1) {
-    refuse(chain, place, fmt::format("the control block counts {} kinds of segments", count),
-           MEMERR_PACKCBID);
+    refuse(chain, place, fmt::format("the control block counts {} kinds of segments", count));
   }
   const std::uint32_t length = controlBlockLength(count, chain.version->isOldLayout);
   if (length > used - kHeadLen) {
     refuse(chain, place,
            fmt::format("a control block of {} kinds takes {} bytes, but the block ends {} bytes on",
-                       count, length, used - kHeadLen),
-           MEMERR_PACKCBID);
+                       count, length, used - kHeadLen));
   }
   chain.controlBlockLen = length;
   chain.kindCount = static_cast<std::uint16_t>(count);
@@ -215,8 +207,8 @@ void readControlBlock(PackedChain &chain) {
 
 }  // namespace
 
-void refuse(const PackedChain &chain, Place place, std::string what, std::uint32_t code) {
-  throw FaultFound{{place, chain.fileOffset(place), std::move(what), code}};
+void refuse(const PackedChain &chain, Place place, std::string what) {
+  throw FaultFound{{place, chain.fileOffset(place), std::move(what), {}}};
 }
 
 const DescriptorLayout &descriptorLayout(bool isOldLayout) {
@@ -226,6 +218,13 @@ const DescriptorLayout &descriptorLayout(bool isOldLayout) {
 std::uint32_t controlBlockLength(std::int32_t kindCount, bool isOldLayout) {
   const std::int32_t present = std::max<std::int32_t>(kindCount, MEM_PACK_MIN_DESCRIPTORS);
   return 2 + static_cast<std::uint32_t>(present) * descriptorLayout(isOldLayout).length;
+}
+
+std::optional<Place> rootPlace(const PackedChain &chain) {
+  const std::uint32_t behindControlBlock = kHeadLen + chain.controlBlockLen;
+  if (behindControlBlock < chain.blocks[0].used) return Place{0, behindControlBlock};
+  if (chain.blocks.size() < 2 || chain.blocks[1].used <= kFirstContent) return {};
+  return Place{1, kFirstContent};
 }
 
 void readHead(PackedChain &chain) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "packed_chain.hpp"
@@ -15,8 +16,7 @@ struct FaultFound {
 };
 
 // Throws FaultFound. `fileOffset` is found from the place.
-[[noreturn]] void refuse(const PackedChain &chain, Place place, std::string what,
-                         std::uint32_t code = 0);
+[[noreturn]] void refuse(const PackedChain &chain, Place place, std::string what);
 
 // Bytes in front of the control block in block 0's content: used length and version.
 inline constexpr std::uint32_t kHeadLen = 6;
@@ -32,6 +32,9 @@ struct DescriptorLayout {
 };
 const DescriptorLayout &descriptorLayout(bool isOldLayout);
 std::uint32_t controlBlockLength(std::int32_t kindCount, bool isOldLayout);
+
+// Where the root lies; none when the chain ends before it. REQUIRES: the head is read.
+std::optional<Place> rootPlace(const PackedChain &chain);
 
 // Fills in `chain`, whose bytes are set, as far as they go. Throws FaultFound.
 void readHead(PackedChain &chain);

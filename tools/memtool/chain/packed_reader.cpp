@@ -8,6 +8,7 @@
 
 #include "packed_claims.hpp"
 #include "packed_head.hpp"
+#include "packed_width.hpp"
 #include "tool_progress.hpp"
 
 namespace memtool {
@@ -17,16 +18,6 @@ constexpr std::uint32_t kLengthWord = 2;
 constexpr std::uint32_t kWideAlignment = 4;
 // Room of the library's work area for a text of 4-byte characters that it turns into UTF-16.
 constexpr std::uint32_t kMostUtf16 = 32768;
-
-// Bytes of pointer fields that lie closer than 8 tell a writer with 4-byte pointers.
-bool needsNarrowPointers(const Kind &kind) {
-  if (isText(kind.form)) return false;
-  const std::vector<std::int32_t> offsets = kind.pointerOffsets();
-  for (std::size_t i = 1; i < offsets.size(); ++i) {
-    if (offsets[i] - offsets[i - 1] < 8) return true;
-  }
-  return kind.form == Form::Fixed && !offsets.empty() && offsets.back() + 8 > kind.fixedLen;
-}
 
 bool isCharacter(std::uint32_t unit) {
   return unit <= 0x10FFFF && (unit < 0xD800 || unit > 0xDFFF);
@@ -81,16 +72,11 @@ std::uint64_t keyOf(Place place) {
 }
 
 Place Walk::findRoot() const {
-  const std::uint32_t behindControlBlock = kHeadLen + chain_.controlBlockLen;
-  if (behindControlBlock < chain_.blocks[0].used) return {0, behindControlBlock};
+  if (const std::optional<Place> root = rootPlace(chain_)) return *root;
   if (chain_.blocks.size() < 2) {
-    refuse(chain_, {0, 0}, "the chain ends behind its control block, without a root",
-           MEMERR_PACKRBLK);
+    refuse(chain_, {0, 0}, "the chain ends behind its control block, without a root");
   }
-  if (chain_.blocks[1].used <= kFirstContent) {
-    refuse(chain_, {1, 0}, "the block where the root should be is empty", MEMERR_PACKROFF);
-  }
-  return {1, kFirstContent};
+  refuse(chain_, {1, 0}, "the block where the root should be is empty");
 }
 
 void Walk::run() {
@@ -101,9 +87,12 @@ void Walk::run() {
   checkReferences();
 }
 
-// `from` is the pointer field that leads here, or the root itself.
+// `from` is the pointer field that leads here, or the root itself, which alone may be text.
 void Walk::visit(std::uint16_t kind, Place place, Place from) {
   if (isText(chain_.kinds[kind].form)) {
+    if (chain_.kinds[kind].form == Form::WideText && chain_.pointerWidth != 8) {
+      refuse(chain_, place, "the root is wide text, of which no new chain can be made");
+    }
     takeText(kind, place, from);
     return;
   }
@@ -117,24 +106,21 @@ void Walk::refuseOwner(Owner owner, Place place, Place from) const {
       return;
     case Owner::Head:
       refuse(chain_, from,
-             fmt::format("a pointer leads to {}, into the block's head", textOf(place)),
-             MEMERR_PACKROFF);
+             fmt::format("a pointer leads to {}, into the block's head", textOf(place)));
     case Owner::SegmentStart:
     case Owner::Segment:
     case Owner::Wide:
     case Owner::Narrow:
       refuse(chain_, from,
              fmt::format("a pointer leads to {}, which lies over what another pointer leads to",
-                         textOf(place)),
-             MEMERR_PACKCYCL);
+                         textOf(place)));
   }
 }
 
 void Walk::visitSegment(std::uint16_t kind, Place place, Place from) {
   const Kind &descriptor = chain_.kinds[kind];
   if (!descriptor.isDescribed) {
-    refuse(chain_, from, fmt::format("a segment is of kind {}, which is not described", kind),
-           MEMERR_PACKCBID);
+    refuse(chain_, from, fmt::format("a segment is of kind {}, which is not described", kind));
   }
   Segment segment;
   segment.place = place;
@@ -162,8 +148,7 @@ std::uint32_t Walk::measure(std::uint16_t kind, Place place) const {
     refuse(chain_, place,
            fmt::format("a segment of kind {} and {} bytes begins here, but the block's used part "
                        "ends {} bytes on",
-                       kind, length, room),
-           MEMERR_PACKROFF);
+                       kind, length, room));
   };
   std::int32_t length = descriptor.fixedLen;
   if (descriptor.form == Form::Unknown) {
@@ -176,8 +161,7 @@ std::uint32_t Walk::measure(std::uint16_t kind, Place place) const {
     const std::size_t at = chain_.fileOffset(place);
     length = descriptor.form == Form::Counted ? chain_.signedNumber(at) + 2 : chain_.number(at);
     if (length < static_cast<std::int32_t>(kLengthWord)) {
-      refuse(chain_, place, fmt::format("a segment of kind {} tells a length of {}", kind, length),
-             MEMERR_PACKROFF);
+      refuse(chain_, place, fmt::format("a segment of kind {} tells a length of {}", kind, length));
     }
   }
   if (static_cast<std::uint32_t>(length) > room) refuseLength(length);
@@ -194,8 +178,12 @@ void Walk::checkKind(std::uint16_t kind, Place place, std::uint32_t length) {
     refuse(chain_, place,
            fmt::format("a segment of kind {} and {} bytes begins here, too short for its pointer "
                        "at {}",
-                       kind, length, offsets.back()),
-           MEMERR_PACKROFF);
+                       kind, length, offsets.back()));
+  }
+  if (offsets.front() < 0) {
+    refuse(chain_, place,
+           fmt::format("a segment of kind {} begins here, whose pointer at {} would lie before it",
+                       kind, offsets.front()));
   }
   if (kindChecked_[kind]) return;
   kindChecked_[kind] = true;
@@ -209,8 +197,7 @@ void Walk::checkKind(std::uint16_t kind, Place place, std::uint32_t length) {
   if (!liesApart) {
     refuse(chain_, place,
            fmt::format("a segment of kind {} begins here, whose pointer fields of {} bytes overlap",
-                       kind, width),
-           MEMERR_PACKCYCL);
+                       kind, width));
   }
 }
 
@@ -236,16 +223,14 @@ void Walk::readTarget(Place field, Pointer &pointer) const {
     refuse(chain_, field,
            fmt::format("a {} pointer leads to block {}, but the chain has {} block{}",
                        nameOf(pointer.field), block, chain_.blocks.size(),
-                       chain_.blocks.size() == 1 ? "" : "s"),
-           MEMERR_PACKRBLK);
+                       chain_.blocks.size() == 1 ? "" : "s"));
   }
   pointer.target = {static_cast<std::uint32_t>(block), static_cast<std::uint32_t>(offset)};
   const std::uint32_t used = chain_.blocks[pointer.target.block].used;
   if (offset < 0 || pointer.target.offset >= used) {
     refuse(chain_, field,
            fmt::format("a {} pointer leads to offset {} of block {}, which has {} bytes",
-                       nameOf(pointer.field), offset, block, used),
-           MEMERR_PACKROFF);
+                       nameOf(pointer.field), offset, block, used));
   }
   if (!std::all_of(bytes.begin() + 4, bytes.end(), isZero)) {
     refuse(chain_, field, "the bytes behind a relative pointer are not zero");
@@ -259,10 +244,11 @@ std::size_t Walk::takeText(std::uint16_t kind, Place place, Place from) {
   if (isWide) {
     takeWide(place, from, text.length);
   } else {
-    refuseOwner(claims_.takeNarrow(place, text.length), place, from);
+    // Texts keep their places with 8-byte pointers; for others a new chain gets each by itself.
+    const bool mayShareEnd = chain_.pointerWidth == 8;
+    refuseOwner(claims_.takeNarrow(place, mayShareEnd, text.length), place, from);
     if (text.length == 0) {
-      refuse(chain_, place, "a narrow text begins here and has no end in its block",
-             MEMERR_PACKROFF);
+      refuse(chain_, place, "a narrow text begins here and has no end in its block");
     }
     const auto [known, isNew] = textAt_.emplace(keyOf(place), chain_.texts.size());
     if (!isNew) return known->second;
@@ -288,14 +274,13 @@ void Walk::takeWide(Place place, Place from, std::uint32_t &length) {
         refuse(chain_, {place.block, place.offset + length},
                isCharacter(unit)
                    ? "a wide text is too long to be turned into UTF-16"
-                   : fmt::format("a wide text holds 0x{:X}, which is no character", unit),
-               MEMERR_PACKUTF);
+                   : fmt::format("a wide text holds 0x{:X}, which is no character", unit));
       }
     }
     isEnded = unit == 0;
   }
   if (!isEnded) {
-    refuse(chain_, place, "a wide text begins here and has no end in its block", MEMERR_PACKROFF);
+    refuse(chain_, place, "a wide text begins here and has no end in its block");
   }
   if (place.offset % kWideAlignment != 0) {
     refuse(chain_, from,
@@ -326,8 +311,7 @@ bool Walk::advance() {
     }
     if (levels_.size() == MEM_PACK_MAX_LEVELS) {
       refuse(chain_, from,
-             fmt::format("the structure is deeper than {} levels", MEM_PACK_MAX_LEVELS),
-             MEMERR_PACKSTAK);
+             fmt::format("the structure is deeper than {} levels", MEM_PACK_MAX_LEVELS));
     }
     visit(pointer.kind, pointer.target, from);
     return true;
@@ -367,34 +351,37 @@ void readBody(PackedChain &chain, Console &console) {
   }
 }
 
-PackedChain readWith(const PackedChain &head, std::uint32_t pointerWidth, Console &console) {
+PackedChain readWith(const PackedChain &head, PointerWidth width, Console &console) {
   PackedChain chain = head;
-  chain.pointerWidth = pointerWidth;
+  chain.pointerWidth = width.bytes;
+  chain.isWidthGuessed = width.isGuess;
   readBody(chain, console);
   return chain;
+}
+
+// A fault may be none under the other width, which only the user can know then.
+void remarkOnWidth(const PackedChain &head, PackedChain &chain, Console &console) {
+  const std::uint32_t other = chain.pointerWidth == 8 ? 4 : 8;
+  if (readWith(head, {other, true}, console).fault) return;
+  chain.fault->remark = fmt::format(
+      "with pointers of {} bytes the file would be valid (--pointers {})", other, other);
 }
 
 }  // namespace
 
 PackedChain readChain(std::string bytes, std::uint32_t pointerWidth, Console &console) {
-  PackedChain chain;
-  chain.bytes = std::move(bytes);
+  PackedChain head;
+  head.bytes = std::move(bytes);
   try {
-    readHead(chain);
+    readHead(head);
   } catch (const FaultFound &found) {
-    chain.fault = found.fault;
-    return chain;
+    head.fault = found.fault;
+    return head;
   }
-  if (pointerWidth == 0 && std::any_of(chain.kinds.begin(), chain.kinds.begin() + chain.kindCount,
-                                       needsNarrowPointers)) {
-    pointerWidth = 4;
-  }
-  if (pointerWidth != 0) return readWith(chain, pointerWidth, console);
-
-  PackedChain wide = readWith(chain, 8, console);
-  if (!wide.fault) return wide;
-  PackedChain narrow = readWith(chain, 4, console);
-  return !narrow.fault || narrow.segments.size() > wide.segments.size() ? narrow : wide;
+  if (pointerWidth != 0) return readWith(head, {pointerWidth, false}, console);
+  PackedChain chain = readWith(head, findPointerWidth(head), console);
+  if (chain.fault) remarkOnWidth(head, chain, console);
+  return chain;
 }
 
 }  // namespace memtool

@@ -10,8 +10,8 @@
 
 namespace memtool {
 
-// The file does not tell the width of the writer's pointers. With 0 it is found: 4 where pointer
-// fields lie too close for 8, or where only so the segments make sense.
+// The file does not tell the width of the writer's pointers. With 0 it is that of
+// findPointerWidth(); a fault that would be none with the other width has a remark on it.
 PackedChain readChain(std::string bytes, std::uint32_t pointerWidth, Console &console);
 
 }  // namespace memtool

@@ -53,6 +53,9 @@ void printHead(Console &console, const std::string &name, const PackedChain &cha
   console.print("  version  {}{}, {} control block\n", version.text,
                 version.isEbcdic ? " in EBCDIC" : "", version.isOldLayout ? "old" : "current");
   console.print("  writer   {}\n", writerText(chain));
+  if (chain.isWidthGuessed) {
+    console.print("           (the width of pointers is a guess: --pointers 4 or 8 decides it)\n");
+  }
   console.print("  length   {} bytes in {} block{}\n", grouped(chain.bytes.size()),
                 grouped(chain.blocks.size()), chain.blocks.size() == 1 ? "" : "s");
 }
@@ -219,12 +222,22 @@ Json segmentJson(const PackedChain &chain, const Segment &segment, bool withData
   return json;
 }
 
-Json faultJson(const Fault &fault) {
+Json verdictJson(const Verdict &verdict) {
+  if (!verdict.wasAsked) return {{"wasAsked", false}, {"whyNot", verdict.whyNot}};
+  return {{"wasAsked", true},
+          {"takesIt", verdict.code == 0},
+          {"code", verdict.code == 0 ? Json() : Json(verdict.code)},
+          {"text", verdict.text}};
+}
+
+Json faultJson(const Fault &fault, const Verdict &verdict) {
   return {{"block", fault.place.block},
           {"offset", fault.place.offset},
           {"fileOffset", fault.fileOffset},
           {"what", fault.what},
-          {"code", fault.code == 0 ? Json() : Json(fault.code)}};
+          {"remark", fault.remark.empty() ? Json() : Json(fault.remark)},
+          {"code", verdict.code == 0 ? Json() : Json(verdict.code)},
+          {"library", verdictJson(verdict)}};
 }
 
 }  // namespace
@@ -289,16 +302,17 @@ void printChain(Console &console, const std::string &name, const PackedChain &ch
   printSegments(console, chain, withData);
 }
 
-Json chainJson(const std::string &name, const PackedChain &chain, bool withData) {
+Json chainJson(const std::string &name, const PackedChain &chain,
+               const std::optional<Verdict> &verdict, bool withData) {
   Json json{{"file", name}, {"bytes", chain.bytes.size()}};
   if (chain.version) {
     json["version"] = chain.version->text;
-    json["writer"] = {
-        {"isEbcdic", chain.version->isEbcdic},
-        {"isBigEndian", chain.version->isBigEndian},
-        {"hasOldControlBlock", chain.version->isOldLayout},
-        {"wideSize", chain.version->wideSize},
-        {"pointerWidth", chain.pointerWidth == 0 ? Json() : Json(chain.pointerWidth)}};
+    json["writer"] = {{"isEbcdic", chain.version->isEbcdic},
+                      {"isBigEndian", chain.version->isBigEndian},
+                      {"hasOldControlBlock", chain.version->isOldLayout},
+                      {"wideSize", chain.version->wideSize},
+                      {"pointerWidth", chain.pointerWidth == 0 ? Json() : Json(chain.pointerWidth)},
+                      {"isPointerWidthGuessed", chain.isWidthGuessed}};
   }
   json["controlBlock"] = {{"length", chain.controlBlockLen}, {"kinds", Json::array()}};
   for (std::size_t i = 0; i < chain.readKindCount(); ++i) {
@@ -310,7 +324,7 @@ Json chainJson(const std::string &name, const PackedChain &chain, bool withData)
   for (const Segment &segment : chain.segments) {
     json["segments"].push_back(segmentJson(chain, segment, withData));
   }
-  json["fault"] = chain.fault ? faultJson(*chain.fault) : Json();
+  json["fault"] = chain.fault ? faultJson(*chain.fault, verdict.value_or(Verdict{})) : Json();
   return json;
 }
 

@@ -3,10 +3,12 @@
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "packed_chain.hpp"
+#include "packed_verdict.hpp"
 #include "tool_console.hpp"
 
 namespace memtool {
@@ -30,6 +32,8 @@ std::vector<BlockCount> countItems(const PackedChain &chain);
 // Prints all that was read. `withData`: the bytes between the pointer fields as well.
 void printChain(Console &console, const std::string &name, const PackedChain &chain, bool withData);
 
-nlohmann::ordered_json chainJson(const std::string &name, const PackedChain &chain, bool withData);
+// `verdict`: what the library says of a chain with a fault.
+nlohmann::ordered_json chainJson(const std::string &name, const PackedChain &chain,
+                                 const std::optional<Verdict> &verdict, bool withData);
 
 }  // namespace memtool

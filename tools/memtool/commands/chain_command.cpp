@@ -1,11 +1,15 @@
 // memtool chain: looks into the file of a packed chain.
+#include <fmt/format.h>
+
 #include <memory>
+#include <optional>
 
 #include "memtool_commands.hpp"
 #include "packed_native.hpp"
 #include "packed_picture.hpp"
 #include "packed_reader.hpp"
 #include "packed_report.hpp"
+#include "packed_verdict.hpp"
 #include "tool_file.hpp"
 #include "tool_text.hpp"
 
@@ -35,31 +39,38 @@ struct ChainOptions {
   std::uint32_t pointerWidth = 0;
   std::string native;
   std::string like;
+  std::uint32_t likePointerWidth = 0;
   std::int32_t blockLength = 0;
 };
 
-const char *nameOfCode(std::uint32_t code) {
-  switch (code) {
-#define MEM_NAME_OF_CODE(name, number, message) \
-  case number:                                  \
-    return #name;
-    MEMERR_LIST(MEM_NAME_OF_CODE)
-#undef MEM_NAME_OF_CODE
-    default:
-      return "";
+[[noreturn]] void throwFault(const ChainOptions &options, const Fault &fault,
+                             const Verdict &verdict) {
+  throw ToolError(options.file + ": " + fault.text() + remarkOf(verdict));
+}
+
+// What the library says of a chain that has a fault. Without a library the fault is shown alone.
+Verdict verdictOn(const Tool &tool, const PackedChain &chain) {
+  std::optional<RunningLibrary> library;
+  try {
+    library.emplace(pathFromUtf8(tool.library));
+  } catch (const ToolError &error) {
+    return {.whyNot = error.what()};
   }
+  return askLibrary(*library, chain);
 }
 
-[[noreturn]] void throwFault(const ChainOptions &options, const Fault &fault) {
-  const std::string refusal = fault.code == 0 ? ""
-                                              : fmt::format(" (the library's code is {} {})",
-                                                            fault.code, nameOfCode(fault.code));
-  throw ToolError(options.file + ": " + fault.text() + refusal);
+void refuseGuess(const std::string &file, const PackedChain &chain, const char *option) {
+  if (!chain.isWidthGuessed) return;
+  throw ToolError(fmt::format(
+      "{0}: the control block does not show the width of the writer's pointers; give it: "
+      "{1} 4 or {1} 8",
+      file, option));
 }
 
-PackedChain readSound(const std::string &file, std::uint32_t pointerWidth, Console &console) {
-  PackedChain chain = readChain(readFile(file), pointerWidth, console);
-  if (chain.fault) throw ToolError(file + ": " + chain.fault->text());
+PackedChain readLike(const ChainOptions &options, Console &console) {
+  PackedChain chain = readChain(readFile(options.like), options.likePointerWidth, console);
+  if (chain.fault) throw ToolError(options.like + ": " + chain.fault->text());
+  refuseGuess(options.like, chain, "--like-pointers");
   return chain;
 }
 
@@ -76,9 +87,10 @@ void writePicture(Console &console, const ChainOptions &options, const PackedCha
 }
 
 void writeNative(Tool &tool, const ChainOptions &options, const PackedChain &chain) {
+  refuseGuess(options.file, chain, "--pointers");
   NativeRequest request;
   request.blockLength = options.blockLength;
-  if (!options.like.empty()) request.like = readSound(options.like, 0, tool.console);
+  if (!options.like.empty()) request.like = readLike(options, tool.console);
   RunningLibrary library(pathFromUtf8(tool.library));
   const NativeChain native = toNative(library, chain, request, tool.console);
   writeFile(options.native, native.bytes);
@@ -95,17 +107,23 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
   if (options.native.empty() && (!options.like.empty() || options.blockLength != 0)) {
     throw UsageError("--like and --block-length go with --to-native");
   }
+  if (options.like.empty() && options.likePointerWidth != 0) {
+    throw UsageError("--like-pointers goes with --like");
+  }
   const PackedChain chain = readChain(readFile(options.file), options.pointerWidth, tool.console);
+  std::optional<Verdict> verdict;
+  if (chain.fault) verdict = verdictOn(tool, chain);
   const bool isQuiet = options.checks || !options.picture.empty() || !options.native.empty();
   if (options.asJson) {
-    tool.console.print("{}\n", chainJson(options.file, chain, options.withData).dump(2));
+    const auto json = chainJson(options.file, chain, verdict, options.withData);
+    tool.console.print("{}\n", json.dump(2));
   } else if (!isQuiet) {
     printChain(tool.console, options.file, chain, options.withData);
   }
   if (!options.picture.empty() && chain.version) writePicture(tool.console, options, chain);
   if (chain.fault) {
     tool.console.out().flush();
-    throwFault(options, *chain.fault);
+    throwFault(options, *chain.fault, *verdict);
   }
   if (options.checks && !options.asJson) printSound(tool.console, options, chain);
   if (!options.native.empty()) writeNative(tool, options, chain);
@@ -130,13 +148,18 @@ void addChainCommand(CLI::App &app, Tool &tool) {
                    "With --to-native: lay segments out by this chain's control block")
       ->type_name("CHAIN");
   command
+      ->add_option("--like-pointers", options->likePointerWidth,
+                   "Bytes of the pointers in the chain of --like; found when not given")
+      ->type_name("4|8")
+      ->check(CLI::IsMember({4, 8}));
+  command
       ->add_option("--block-length", options->blockLength,
                    "With --to-native: length of the blocks (32768)")
       ->type_name("N")
       ->check(CLI::Range(1, 0x7FFFFFFF));
   command
       ->add_option("--pointers", options->pointerWidth,
-                   "Bytes of the writer's pointers, 4 or 8; found when not given")
+                   "Bytes of the writer's pointers, 4 or 8; from the control block when not given")
       ->type_name("4|8")
       ->check(CLI::IsMember({4, 8}));
   command->footer(kFooter);

@@ -38,6 +38,7 @@ void describe(CLI::App &app, Tool &tool) {
   app.fallthrough();  // --library may stand behind the command's name, too
   app.footer(kFooter);
   addChainCommand(app, tool);
+  addContractCommand(app, tool);
   addErrorsCommand(app, tool);
   addHeapmapCommand(app, tool);
   addPortCommand(app, tool);

@@ -1,10 +1,12 @@
 // memtool port: looks into the file of a port string, and writes one.
 #include <memory>
+#include <vector>
 
 #include "memtool_commands.hpp"
 #include "port_decode.hpp"
 #include "port_defs.hpp"
 #include "port_encode.hpp"
+#include "port_notes.hpp"
 #include "port_picture.hpp"
 #include "port_report.hpp"
 #include "port_text.hpp"
@@ -41,7 +43,11 @@ struct PortOptions {
   throw ToolError(options.file + ": " + fault.text());
 }
 
-void show(Console &console, const PortOptions &options, const PortDocument &document) {
+// `notes`: of what the library skips, drops or changes; they are shown by --check.
+using PortNotes = std::vector<PortNote>;
+
+void show(Console &console, const PortOptions &options, const PortDocument &document,
+          const PortNotes &notes) {
   if (!options.picture.empty()) {
     writeFile(options.picture, portPicture(options.file, document));
     if (!options.asJson) console.print("{}: the picture is written\n", options.picture);
@@ -49,7 +55,8 @@ void show(Console &console, const PortOptions &options, const PortDocument &docu
   const bool isQuiet = options.checks || !options.picture.empty();
   if (options.asJson) {
     const bool isGraph = !options.definitions.empty();
-    const PortJson json = isGraph ? portGraphJson(document) : portTextJson(options.file, document);
+    PortJson json = isGraph ? portGraphJson(document) : portTextJson(options.file, document);
+    if (isGraph && options.checks) json["notes"] = portNotesJson(notes);
     console.print("{}\n", json.dump(2));
   } else if (!isQuiet) {
     printPort(console, options.file, document);
@@ -63,6 +70,11 @@ void showSound(Console &console, const PortOptions &options, const PortDocument 
                 grouped(document.promised), document.promised == 1 ? "" : "s");
 }
 
+void printNotes(Console &console, const PortOptions &options, const PortNotes &notes) {
+  if (options.asJson) return;
+  for (const PortNote &note : notes) console.print("{}: {}\n", options.file, note.text());
+}
+
 // What readers let pass is a fault for --check only.
 void checkText(const PortOptions &options, const PortDocument &document) {
   const bool hasDeviation = document.deviation && (!document.fault || document.deviation->offset <
@@ -73,7 +85,7 @@ void checkText(const PortOptions &options, const PortDocument &document) {
 
 ExitCode showText(Tool &tool, const PortOptions &options) {
   const PortDocument document = readPortText(readFile(options.file), tool.console);
-  show(tool.console, options, document);
+  show(tool.console, options, document, {});
   tool.console.out().flush();
   if (options.checks) checkText(options, document);
   if (document.fault) throwFault(options, *document.fault);
@@ -94,10 +106,22 @@ PortDocument decode(Tool &tool, const PortOptions &options, const PortDefinition
 ExitCode showDecoded(Tool &tool, const PortOptions &options) {
   const PortDefinitions definitions(options.definitions, readFile(options.definitions));
   const std::string text = readFile(options.file);
-  if (options.checks) checkText(options, readPortText(text, tool.console));
-  const PortDocument document = decode(tool, options, definitions, text);
-  show(tool.console, options, document);
-  showSound(tool.console, options, document);
+  PortNotes notes;
+  if (options.checks) {
+    const PortDocument document = readPortText(text, tool.console);
+    checkText(options, document);
+    notes = portNotes(definitions, document);
+  }
+  try {
+    const PortDocument document = decode(tool, options, definitions, text);
+    show(tool.console, options, document, notes);
+    showSound(tool.console, options, document);
+  } catch (const ToolError &) {
+    printNotes(tool.console, options, notes);  // they may be the reason
+    tool.console.out().flush();
+    throw;
+  }
+  printNotes(tool.console, options, notes);
   return kExitFine;
 }
 

@@ -124,7 +124,7 @@ PortStructure GraphReader::structure(const PortStructDefinition &definition,
         throw ToolError(fmt::format("more than {} values", grouped(kMostValues)));
       }
       made.fields.push_back(
-          {field.record.FieldID, &field, value(definition, field, place, offset)});
+          {field.record.FieldID, &field, value(definition, field, place, offset), 0});
     }
   }
   return made;
@@ -255,15 +255,6 @@ void addDefaults(const PortDefinitions &definitions, PortEntries &entries) {
   }
 }
 
-// The header's second number, of which the reader has made as many structures.
-std::uint64_t promisedIn(std::string_view text) {
-  std::uint64_t promised = 0;
-  for (const char c : text.substr(12, 10)) {
-    if (c >= '0' && c <= '9') promised = promised * 10 + static_cast<std::uint64_t>(c - '0');
-  }
-  return promised;
-}
-
 }  // namespace
 
 PortDocument decodePortText(RunningLibrary &library, const PortDefinitions &definitions,
@@ -284,7 +275,7 @@ PortDocument decodePortText(RunningLibrary &library, const PortDefinitions &defi
   addDefaults(definitions, entries);
   PortDocument document;
   document.characters = text.size();
-  document.promised = promisedIn(text);
+  document.promised = portPromised(text);
   GraphReader(document, entries, console).run(root, *definitions.find(portRootId(text)));
   return document;
 }

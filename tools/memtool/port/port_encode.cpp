@@ -106,7 +106,7 @@ const MadeStructure &GraphMaker::run() {
 
 // Storage first: pointers may name any structure.
 void GraphMaker::addStructures() {
-  top_.requireKeys({"root", "structures"});
+  top_.requireKeys({"root", "structures", "notes"});  // the notes are those of --check
   std::int64_t total = 0;
   for (const PortJsonNode &node : top_.at("structures").elements()) {
     node.requireKeys({"label", "structure", "fields"});

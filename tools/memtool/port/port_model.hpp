@@ -60,6 +60,7 @@ struct PortField {
   std::uint32_t id = 0;
   const PortFieldDefinition *definition = nullptr;  // null when read from the text alone
   PortValue value;
+  std::size_t offset = 0;  // in the port string, when read from the text alone
 };
 
 struct PortStructure {

@@ -161,19 +161,20 @@ std::uint32_t Parser::identifier(const char *what, std::uint64_t most) {
   return static_cast<std::uint32_t>(read.value);
 }
 
-// A number of the header, in ordinary order. Readers look at one of them only.
+// A number of the header, in ordinary order. Readers look at one of them only, which must be there.
 std::uint64_t Parser::headerNumber(std::size_t offset, bool isNeeded) {
+  const bool isThere = !isNeeded || portPromised(text_) > 0;
   std::uint64_t value = 0;
   for (std::size_t at = offset; at < offset + kDigits; ++at) {
     if (at < text_.size() && isDigit(text_[at])) {
       value = value * 10 + static_cast<std::uint64_t>(text_[at] - '0');
-    } else if (isNeeded || at >= text_.size()) {
+    } else if (!isThere || at >= text_.size()) {
       fail(at, "ten digits in the header");
     } else {
       deviate(at, "ten digits in the header");
     }
   }
-  return value;
+  return isNeeded ? portPromised(text_) : value;
 }
 
 void Parser::header() {
@@ -248,6 +249,7 @@ void Parser::fields(PortStructure &made, int nesting) {
     const std::size_t offset = at_;
     PortField field;
     field.id = identifier("a FieldID", kMostFieldId);
+    field.offset = offset;
     follow(run, field.id, offset);
     field.value = value(nesting);
     made.fields.push_back(std::move(field));
@@ -492,6 +494,20 @@ PortDocument readPortText(std::string_view text, Console &console) {
     document.fault = std::move(fault);
   }
   return document;
+}
+
+std::uint64_t portPromised(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t\n\v\f\r";
+  std::string_view number = text.substr(std::min(kCountOff, text.size()), kDigits);
+  number.remove_prefix(std::min(number.find_first_not_of(kBlanks), number.size()));
+  if (number.starts_with('-')) return 0;
+  if (number.starts_with('+')) number.remove_prefix(1);
+  std::uint64_t promised = 0;
+  for (const char c : number) {
+    if (!isDigit(c)) break;
+    promised = promised * 10 + static_cast<std::uint64_t>(c - '0');
+  }
+  return promised;
 }
 
 std::uint32_t portRootId(std::string_view text) {

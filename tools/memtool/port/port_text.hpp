@@ -1,6 +1,7 @@
 // Reading of a port string without definitions.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
 #include "port_model.hpp"
@@ -10,6 +11,10 @@ namespace memtool {
 
 // Never fails: what is wrong with the text stands in the result.
 PortDocument readPortText(std::string_view text, Console &console);
+
+// Structures that the header tells of, as readers take it: blanks and a sign may stand before the
+// digits, and any character ends them. 0 when there is no such number.
+std::uint64_t portPromised(std::string_view text);
 
 // Identifier of the first structure text, 0 when there is none.
 std::uint32_t portRootId(std::string_view text);

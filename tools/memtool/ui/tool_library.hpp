@@ -28,6 +28,7 @@ class RunningLibrary {
   // loaded or started.
   explicit RunningLibrary(const std::filesystem::path &path);
 
+  refhost::Session &session() { return session_; }
   refhost::Host &host() { return session_.host(); }
   MEMFunctionVector &vector() { return session_.vector(); }
 

@@ -1,0 +1,149 @@
+// The statistics as JSON.
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "memchk_layer.hpp"
+
+namespace memchk {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json placeOf(const Place &place) {
+  if (!place.isKnown()) return nullptr;
+  return {{"service", serviceName(place.slot)},
+          {"call", place.call},
+          {"thread", place.thread},
+          {"caller", addressText(place.pCaller)}};
+}
+
+// From the shortest length that occurs to the longest: {"from": 16, "count": 3} counts 16 to 31.
+Json histogramOf(const Usage &usage) {
+  Json histogram = Json::array();
+  for (std::size_t digits = 0; digits < usage.histogram.size(); ++digits) {
+    if (usage.histogram[digits] == 0) continue;
+    const std::uint64_t from = digits == 0 ? 0 : std::uint64_t{1} << (digits - 1);
+    histogram.push_back({{"from", from}, {"count", usage.histogram[digits]}});
+  }
+  return histogram;
+}
+
+void addUsage(Json &object, const Usage &usage) {
+  object["made"] = usage.made;
+  object["freed"] = usage.freed;
+  object["live"] = usage.live();
+  object["bytesAsked"] = usage.bytesAsked;
+  object["bytesLive"] = usage.liveBytes;
+  object["bytesPeak"] = usage.peakBytes;
+  object["histogram"] = histogramOf(usage);
+}
+
+Json objectOf(const void *pHandle, const Place &opened) {
+  return {{"handle", addressText(pHandle)}, {"opened", placeOf(opened)}};
+}
+
+Json heapJson(const HeapRecord &heap) {
+  Json object = objectOf(heap.handle, heap.opened);
+  const std::uint64_t areaBytes = heap.areas.size() * std::uint64_t{heap.shape.areaSize};
+  object["kind"] = heap.shape.kind == HeapKind::standard ? "standard" : "enhanced";
+  object["subPool"] = heap.subPool;
+  object["areaSize"] = heap.shape.areaSize;
+  object["areas"] = heap.areas.size();
+  object["largeBlocks"] = heap.largeBlocks;
+  object["bytesObtained"] = areaBytes + heap.largeBytes;
+  object["bytesUsed"] = areaBytes - heap.wasted - heap.currentFree + heap.largeBytes;
+  object["bytesWasted"] = heap.wasted;
+  addUsage(object, heap.usage);
+  return object;
+}
+
+Json poolJson(const PoolRecord &pool) {
+  Json object = objectOf(pool.handle, pool.opened);
+  object["subPool"] = pool.subPool;
+  object["areaSize"] = pool.areaLen;
+  object["cellLen"] = pool.cellLen;
+  object["areas"] = pool.areaCount();
+  object["bytesObtained"] = pool.areaCount() * static_cast<std::uint64_t>(pool.areaLen);
+  object["bytesUsed"] = pool.usage.liveBytes;
+  object["bytesWasted"] = pool.wasted;
+  addUsage(object, pool.usage);
+  return object;
+}
+
+Json tableJson(const void *pHandle, const TableRecord &table) {
+  Json object = objectOf(pHandle, table.opened);
+  object["heap"] = addressText(table.pHeap);
+  object["duplicates"] = table.duplicates;
+  object["found"] = table.found;
+  object["notFound"] = table.notFound;
+  addUsage(object, table.usage);
+  return object;
+}
+
+Json bufferJson(const void *pHandle, const BufferRecord &buffer) {
+  Json object = objectOf(pHandle, buffer.opened);
+  object["bytesObtained"] = buffer.storage;
+  object["bytesObtainedPeak"] = buffer.peakStorage;
+  object["moves"] = buffer.moves;
+  addUsage(object, buffer.usage);
+  return object;
+}
+
+Json sinkJson(const SinkRecord &sink) {
+  Json asked = Json::object();
+  addUsage(asked, sink.asked);
+  Json copies = Json::object();
+  addUsage(copies, sink.copies);
+  return {{"texts", asked}, {"copies", copies}, {"found", sink.found}, {"notFound", sink.notFound}};
+}
+
+// The open objects of a family, in the order in which they were opened.
+template <class Records, class Show>
+Json familyOf(const FamilyCount &count, const Records &records, Show show) {
+  std::vector<const typename Records::value_type *> order;
+  order.reserve(records.size());
+  for (const auto &record : records) order.push_back(&record);
+  std::sort(order.begin(), order.end(), [](const auto *pLeft, const auto *pRight) {
+    return pLeft->second.opened.call < pRight->second.opened.call;
+  });
+  Json open = Json::array();
+  for (const auto *pRecord : order) open.push_back(show(*pRecord));
+  return {{"opened", count.opened}, {"closed", count.closed}, {"open", open}};
+}
+
+}  // namespace
+
+std::string Layer::statistics() {
+  Json all;
+  all["componentCalls"] = calls_.load(std::memory_order_relaxed);
+  all["reports"] = reports();
+  Json services = Json::array();
+  for (std::uint32_t slot = 0; slot < counts_.size(); ++slot) {
+    const std::uint64_t calls = counts_[slot].calls.load(std::memory_order_relaxed);
+    if (calls == 0) continue;
+    services.push_back({{"slot", slot},
+                        {"service", serviceName(slot)},
+                        {"calls", calls},
+                        {"failures", counts_[slot].failures.load(std::memory_order_relaxed)}});
+  }
+  all["services"] = services;
+  const std::lock_guard lock(mutex_);
+  all["heaps"] =
+      familyOf(heapCount_, heaps_, [](const auto &record) { return heapJson(record.second); });
+  all["pools"] =
+      familyOf(poolCount_, pools_, [](const auto &record) { return poolJson(record.second); });
+  if (countsAll()) {
+    all["tables"] = familyOf(counted_.tableCount, counted_.tables, [](const auto &record) {
+      return tableJson(record.first, record.second);
+    });
+    all["buffers"] = familyOf(counted_.bufferCount, counted_.buffers, [](const auto &record) {
+      return bufferJson(record.first, record.second);
+    });
+    all["sink"] = sinkJson(counted_.sink);
+  }
+  return all.dump();
+}
+
+}  // namespace memchk

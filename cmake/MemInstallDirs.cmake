@@ -22,7 +22,8 @@ set(MEM_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 # What is installed comes in parts, each a package for Debian, whose name it has:
 #
 #   qj7mem00        the library, the C headers of the contract, and the contract as JSON
-#   qj7mem00-dev    the checking layer with its header, the C++ header, the reference host, and all else that programs are compiled and linked with; what names no part is here
+#   qj7mem00-dev    the checking layer with its header, the C++ header, the reference host, and all
+#                   else that programs are compiled and linked with; what names no part is here
 #   qj7mem00-tools  memtool
 #   qj7mem00-doc    the manual and the examples
 #   qj7mem00-dbg    debug information

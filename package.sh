@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
-# Builds the library for Linux and Windows and makes a Debian package and a zip of it, in
-# build/packages; beside the Debian package one of the Python package.
+# Builds the library for Linux and Windows and makes packages for Debian, with one of the Python
+# package, and a zip for Windows, in build/packages. The packages name MEM_MAINTAINER as their
+# maintainer:
+#
+#   cmake --preset release -DMEM_MAINTAINER='NAME <ADDRESS>'
 #
 #   ./package.sh [release] [windows]
 #
@@ -33,6 +36,7 @@ for preset in "${presets[@]}"; do
   fi
   sed -n 's/^CPack: - package: \(.*\) generated\.$/\1/p' "$log"
   if [[ $preset == release ]]; then
-    cmake/python-package.sh build/packages
+    maintainer=$(sed -n 's/^MEM_MAINTAINER:STRING=//p' build/release/CMakeCache.txt)
+    cmake/python-package.sh build/packages "$maintainer"
   fi
 done

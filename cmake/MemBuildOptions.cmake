@@ -9,7 +9,7 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 find_program(MEM_CCACHE ccache)
-if(MEM_CCACHE)
+if(MEM_CCACHE AND PROJECT_IS_TOP_LEVEL)
   set(CMAKE_C_COMPILER_LAUNCHER ${MEM_CCACHE})
   set(CMAKE_CXX_COMPILER_LAUNCHER ${MEM_CCACHE})
   if(MEM_PCH)  # ccache's manual asks for this; otherwise it keeps nothing that uses such headers
@@ -32,7 +32,7 @@ endif()
 # The public headers, as hosts and callers include them.
 add_library(mem_headers INTERFACE)
 target_include_directories(mem_headers INTERFACE
-  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
 # A sanitizer has to see the library, the host and the tests alike, so it is no target's own affair.
 if(MEM_SANITIZE)
@@ -65,16 +65,46 @@ elseif(NOT WIN32)
   target_link_options(mem_hardened INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
 endif()
 
-# mem_split_debug(<target>)
-# Moves debug information out of a file that is shipped into <file>.debug beside it. There is some
-# even without -g: that of a compiler's runtime.
+# mem_split_debug(<target> [<library>...])
+# Moves debug information out of a file that is shipped into <file>.debug beside it, with that of the
+# static libraries it is made of. It does not change what the compiler makes of the code.
+set(MEM_SPLITS_DEBUG OFF)
+if(NOT MSVC AND CMAKE_BUILD_TYPE STREQUAL "Release" AND CMAKE_OBJCOPY)
+  set(MEM_SPLITS_DEBUG ON)
+endif()
 function(mem_split_debug target)
-  if(MSVC OR NOT CMAKE_BUILD_TYPE STREQUAL "Release" OR NOT CMAKE_OBJCOPY)
+  if(NOT MEM_SPLITS_DEBUG)
     return()
   endif()
+  foreach(part ${target} ${ARGN})
+    target_compile_options(${part} PRIVATE -g)
+  endforeach()
+  target_link_options(${target} PRIVATE -g)
   set(file $<TARGET_FILE:${target}>)
   add_custom_command(TARGET ${target} POST_BUILD
     COMMAND ${CMAKE_OBJCOPY} --only-keep-debug ${file} ${file}.debug
     COMMAND ${CMAKE_OBJCOPY} --strip-debug --add-gnu-debuglink=${file}.debug ${file}
     COMMENT "Debug information of ${target}" VERBATIM)
+endfunction()
+
+# mem_version_resource(<target> <what it is>)
+# What Windows shows as the properties of a file.
+if(WIN32)
+  enable_language(RC)
+endif()
+function(mem_version_resource target description)
+  if(NOT WIN32)
+    return()
+  endif()
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL "EXECUTABLE")
+    set(file_type VFT_APP)
+    set(file_name ${target}.exe)
+  else()
+    set(file_type VFT_DLL)
+    set(file_name ${target}.dll)
+  endif()
+  set(resource ${CMAKE_CURRENT_BINARY_DIR}/${target}_version.rc)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${resource} @ONLY)
+  target_sources(${target} PRIVATE ${resource})
 endfunction()

@@ -1,56 +1,92 @@
 # What `cmake --install` puts under the prefix. Nothing installed holds an absolute path, so the
-# prefix may be moved.
+# prefix may be moved. The parts are those of MemInstallDirs.cmake.
 include(CMakePackageConfigHelpers)
+set(made ${PROJECT_BINARY_DIR}/install)  # files that are made to be installed
 
 # Builds what is installed and no tests.
 add_custom_target(installed_files)
 add_dependencies(installed_files QJ7MEM00 memchk refhost memtool)
 
-install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES ${MEM_CONTRACT_JSON} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qj7mem00)
-install(FILES host/refhost.hpp DESTINATION ${MEM_INSTALL_HOST_INCLUDEDIR})
-
+# The library, and what hosts and components include.
 set_target_properties(QJ7MEM00 PROPERTIES EXPORT_NAME module)
 set_target_properties(mem_headers PROPERTIES EXPORT_NAME headers)
+install(TARGETS QJ7MEM00 EXPORT QJ7MEM00Targets
+  LIBRARY DESTINATION ${MEM_INSTALL_MODULEDIR} COMPONENT qj7mem00)
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT qj7mem00
+  FILES_MATCHING PATTERN *.h PATTERN mem EXCLUDE PATTERN memchk.h EXCLUDE)
+install(FILES ${MEM_CONTRACT_JSON} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qj7mem00 COMPONENT qj7mem00)
+
+# The C++ header, the checking layer with its header, and the reference host.
 set_target_properties(memchk PROPERTIES EXPORT_NAME check)
-install(TARGETS QJ7MEM00 EXPORT QJ7MEM00Targets LIBRARY DESTINATION ${MEM_INSTALL_MODULEDIR})
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN *.hpp PATTERN memchk.h)
+install(FILES host/refhost.hpp DESTINATION ${MEM_INSTALL_HOST_INCLUDEDIR})
 install(TARGETS memchk refhost EXPORT QJ7MEM00Targets ARCHIVE DESTINATION ${MEM_INSTALL_PRIVATEDIR})
 install(TARGETS mem_headers EXPORT QJ7MEM00Targets)
 if(WIN32)
   install(FILES SrcRes/binding/QJ7MEM00.def DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  foreach(folder check host)  # for compilers that have no archives here
+    file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp ${folder}/*.hpp)
+    install(FILES ${sources} DESTINATION ${MEM_INSTALL_SOURCEDIR}/${folder})
+  endforeach()
+  install(FILES cmake/host-sources.cmake DESTINATION ${MEM_INSTALL_SOURCEDIR}/host RENAME CMakeLists.txt)
+  if(MEM_MINGW_GXX)
+    include(MemGnuHost)  # in place of the archives that clang has made
+    add_dependencies(installed_files gnu_archives)
+    install(FILES ${MEM_GNU_ARCHIVES} DESTINATION ${MEM_INSTALL_PRIVATEDIR})
+  endif()
+else()
+  # Hosts find the library by the program's run path; so does refhost::Library::installed(). The
+  # reference host links the checking layer, and has it from there.
+  target_link_options(memchk INTERFACE
+    $<INSTALL_INTERFACE:LINKER:-rpath,$<INSTALL_PREFIX>/${MEM_INSTALL_MODULEDIR}>)
+  set(MEM_PC_RUN_PATH " -Wl,-rpath,\${prefix}/${MEM_INSTALL_MODULEDIR}")
 endif()
 
 # find_package(QJ7MEM00)
 install(EXPORT QJ7MEM00Targets NAMESPACE QJ7MEM00:: DESTINATION ${MEM_INSTALL_PACKAGEDIR})
-configure_package_config_file(cmake/QJ7MEM00Config.cmake.in
-  ${CMAKE_BINARY_DIR}/install/QJ7MEM00Config.cmake
+configure_package_config_file(cmake/QJ7MEM00Config.cmake.in ${made}/QJ7MEM00Config.cmake
   INSTALL_DESTINATION ${MEM_INSTALL_PACKAGEDIR} NO_SET_AND_CHECK_MACRO)
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/install/QJ7MEM00ConfigVersion.cmake
+write_basic_package_version_file(${made}/QJ7MEM00ConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_BINARY_DIR}/install/QJ7MEM00Config.cmake
-  ${CMAKE_BINARY_DIR}/install/QJ7MEM00ConfigVersion.cmake
+install(FILES ${made}/QJ7MEM00Config.cmake ${made}/QJ7MEM00ConfigVersion.cmake
   DESTINATION ${MEM_INSTALL_PACKAGEDIR})
 
 # pkg-config. It knows the folder in which it found a file, and that leads to the prefix.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${MEM_INSTALL_PKGCONFIGDIR} OUTPUT_VARIABLE MEM_PC_PREFIX)
 foreach(name qj7mem00 qj7mem00-check qj7mem00-refhost)
-  configure_file(cmake/${name}.pc.in ${CMAKE_BINARY_DIR}/install/${name}.pc.in @ONLY)
-  file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/install/${name}.pc
-    INPUT ${CMAKE_BINARY_DIR}/install/${name}.pc.in)
-  install(FILES ${CMAKE_BINARY_DIR}/install/${name}.pc DESTINATION ${MEM_INSTALL_PKGCONFIGDIR})
+  configure_file(cmake/${name}.pc.in ${made}/${name}.pc.in @ONLY)
+  file(GENERATE OUTPUT ${made}/${name}.pc INPUT ${made}/${name}.pc.in)
+  install(FILES ${made}/${name}.pc DESTINATION ${MEM_INSTALL_PKGCONFIGDIR})
 endforeach()
 
-install(TARGETS memtool RUNTIME DESTINATION ${MEM_INSTALL_MODULEDIR})
-configure_file(tools/memtool/memtool.1 ${CMAKE_BINARY_DIR}/install/memtool.1 @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/install/memtool.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+# memtool. Manual pages are compressed where man reads such.
+install(TARGETS memtool RUNTIME DESTINATION ${MEM_INSTALL_MODULEDIR} COMPONENT qj7mem00-tools)
+configure_file(tools/memtool/memtool.1 ${made}/memtool.1 @ONLY)
+set(suffix "")
+if(NOT WIN32)
+  set(suffix .gz)
+  find_program(MEM_GZIP gzip REQUIRED)
+  execute_process(COMMAND ${MEM_GZIP} -9nkf ${made}/memtool.1 COMMAND_ERROR_IS_FATAL ANY)
+endif()
+install(FILES ${made}/memtool.1${suffix} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT qj7mem00-tools)
 if(NOT WIN32)
   cmake_path(RELATIVE_PATH MEM_INSTALL_MODULEDIR BASE_DIRECTORY ${CMAKE_INSTALL_BINDIR}
     OUTPUT_VARIABLE folder)
-  file(CREATE_LINK ${folder}/memtool ${CMAKE_BINARY_DIR}/install/memtool SYMBOLIC)
-  install(FILES ${CMAKE_BINARY_DIR}/install/memtool DESTINATION ${CMAKE_INSTALL_BINDIR})
+  file(CREATE_LINK ${folder}/memtool ${made}/memtool SYMBOLIC)
+  install(FILES ${made}/memtool DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT qj7mem00-tools)
 endif()
 
-install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR}
-  FILES_MATCHING PATTERN *.md PATTERN *.svg PATTERN reference EXCLUDE)
+# Debug information lies beside the file that it belongs to: debuggers look there first. Packages for
+# Debian have it elsewhere.
+if(MEM_SPLITS_DEBUG)
+  install(FILES $<TARGET_FILE:QJ7MEM00>.debug $<TARGET_FILE:memtool>.debug
+    DESTINATION ${MEM_INSTALL_MODULEDIR} COMPONENT debug-beside)
+endif()
+
+# The manual and the examples. Links of its pages to what is not installed become plain text.
+install(CODE "
+  set(MEM_FROM \"${PROJECT_SOURCE_DIR}\")
+  set(MEM_TO \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DOCDIR}\")
+  include(\"${PROJECT_SOURCE_DIR}/cmake/install-manual.cmake\")" COMPONENT qj7mem00-doc)

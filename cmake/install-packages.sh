@@ -13,7 +13,8 @@
 # coverage  the report of covered lines and branches
 # memcheck  valgrind
 # docs      Doxygen, for the reference of the headers
-# packages  what makes and looks into Debian packages
+# packages  what makes, looks into and judges Debian packages
+# pictures  what draws the manual's pictures from text
 set -euo pipefail
 
 # What the tools and examples are built with, on and for every platform: headers, and what makes
@@ -38,7 +39,8 @@ packagesFor() {
     coverage) echo gcovr ;;
     memcheck) echo valgrind ;;
     docs) echo doxygen ;;
-    packages) echo dpkg-dev file python3 ;;
+    packages) echo dpkg-dev file lintian python3 ;;
+    pictures) echo graphviz ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2

@@ -19,6 +19,7 @@ mem_require_program(MEM_CLANGXX clang++ clang)
 mem_require_program(MEM_LLD ld.lld lld)
 mem_require_program(MEM_LLVM_AR llvm-ar llvm)
 mem_require_program(MEM_MINGW_GXX x86_64-w64-mingw32-g++-posix g++-mingw-w64-x86-64-posix)
+mem_require_program(MEM_MINGW_GCC x86_64-w64-mingw32-gcc-posix gcc-mingw-w64-x86-64-posix)
 mem_require_program(MEM_WINDRES x86_64-w64-mingw32-windres binutils-mingw-w64-x86-64)
 mem_require_program(MEM_OBJDUMP x86_64-w64-mingw32-objdump binutils-mingw-w64-x86-64)
 

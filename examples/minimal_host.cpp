@@ -3,7 +3,7 @@
 #include "refhost.hpp"
 
 int main() {
-  const refhost::Library library(refhost::Library::besideProgram());
+  const refhost::Library library(refhost::Library::installed());
   refhost::Session session(library.bindEntry());  // binds, starts the process and this thread
   const MEMFunctionVector &mem = session.vector();
 

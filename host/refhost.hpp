@@ -423,6 +423,12 @@ class Library {
    * running program. */
   static std::filesystem::path besideProgram();
 
+  /** besideProgram() where there is such a file, else the file name alone, for which the system's
+   * loader searches: on Linux the folders of LD_LIBRARY_PATH, then the program's run path, which
+   * linking with an installed reference host sets to the library's folder; on Windows the folders
+   * of PATH. */
+  static std::filesystem::path installed();
+
  private:
   void *handle_ = nullptr;
   MEMBindFn *bindEntry_ = nullptr;

@@ -1,5 +1,6 @@
 // Loading the library, and a host with the library started.
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "refhost.hpp"
@@ -27,6 +28,13 @@ Library::~Library() {
 
 std::filesystem::path Library::besideProgram() {
   return platform::programPath().parent_path() / platform::libraryFileName();
+}
+
+std::filesystem::path Library::installed() {
+  std::filesystem::path path = besideProgram();
+  std::error_code ignored;
+  if (std::filesystem::exists(path, ignored)) return path;
+  return platform::libraryFileName();
 }
 
 namespace {

@@ -24,6 +24,12 @@ function(mem_add_label name label)
   set_property(TEST ${name} APPEND PROPERTY LABELS ${label})
 endfunction()
 
+# mem_note_program(<name>)
+# Notes that the entry of this name runs the program of this name; see cmake/name-unbuilt-tests.cmake.
+function(mem_note_program name)
+  set_property(GLOBAL APPEND_STRING PROPERTY MEM_TEST_PROGRAMS "${name} $<TARGET_FILE:${name}>\n")
+endfunction()
+
 # mem_add_test(<name> <source>... [THREADS] [INTERNALS] [UNVALIDATED <filter>] [UNCHECKED <filter>]
 #              [LABELS <label>...] [LINK <library>...])
 # One program of GoogleTest cases, and one entry for all of its cases: starting a program under Wine
@@ -54,6 +60,7 @@ function(mem_add_test name)
     target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/SrcRes)
   endif()
   mem_add_entry(${name} ${name})
+  mem_note_program(${name})
   foreach(label ${arg_LABELS})
     mem_add_label(${name} ${label})
   endforeach()

@@ -37,10 +37,10 @@ void describe(CLI::App &app, Arguments &arguments) {
                  "the catalogue (/var/lib/dpkg/status, or else the sample beside the program)");
   CLI::Option *const output =
       app.add_option("--output", into(arguments.chainFile),
-                     "write the chain to FILE instead of a file in the temp directory")
+                     "write the chain to FILE instead of catalog.chain beside the program")
           ->type_name("FILE");
   app.add_flag("--read", arguments.reads,
-               "read the chain file of an earlier run from the temp directory");
+               "read the chain file that an earlier run wrote beside the program");
   app.add_option("--read-from", into(arguments.chainFile), "read the chain file FILE")
       ->type_name("FILE")
       ->excludes(output);

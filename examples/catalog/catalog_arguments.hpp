@@ -14,7 +14,7 @@ inline constexpr std::int32_t kDefaultBlockLength = 32768;
 struct Arguments {
   std::string help;                 // what --help shows, where that was asked for
   std::filesystem::path catalogue;  // empty: the machine's own, else the sample
-  std::filesystem::path chainFile;  // empty: a file in the temp directory
+  std::filesystem::path chainFile;  // empty: a file beside the program
   std::filesystem::path portFile;   // beside the chain file; not the user's to name
   bool reads = false;               // read the chain file and compare, instead of writing it
   std::int32_t blockLength = kDefaultBlockLength;

@@ -25,11 +25,13 @@ namespace {
 
 constexpr const char *kMachineCatalogue = "/var/lib/dpkg/status";
 constexpr const char *kSampleCatalogue = "sample-status";  // beside the program
-constexpr const char *kDefaultOutput = "qj7mem00-catalog.chain";
+constexpr const char *kDefaultOutput = "catalog.chain";    // beside the program, too
 
 constexpr std::size_t kMostNeeded = 3;  // packages that the report names
 
-// Names the catalogue and the chain file where the user did not. They must be two files.
+// Names the catalogue and the chain file where the user did not. They must be two files. The chain
+// file has no place in a folder that everybody writes to: two users, or two builds, would meet
+// there.
 void complete(Arguments &arguments, const std::filesystem::path &programFolder) {
   std::error_code ignored;
   if (arguments.catalogue.empty()) {
@@ -37,11 +39,7 @@ void complete(Arguments &arguments, const std::filesystem::path &programFolder) 
                               ? std::filesystem::path(kMachineCatalogue)
                               : programFolder / kSampleCatalogue;
   }
-  if (arguments.chainFile.empty()) {
-    std::error_code error;
-    arguments.chainFile = std::filesystem::temp_directory_path(error) / kDefaultOutput;
-    if (error) throw InputError("there is no temp directory; name the chain file with --output");
-  }
+  if (arguments.chainFile.empty()) arguments.chainFile = programFolder / kDefaultOutput;
   arguments.portFile = arguments.chainFile;
   arguments.portFile += ".port";
   if (!arguments.reads &&

@@ -4,10 +4,14 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <fstream>
 #include <system_error>
 
 #ifdef _WIN32
+#include <fcntl.h>
+#include <io.h>
+#include <sys/stat.h>
 #include <windows.h>
 
 #include <shellapi.h>  // needs what windows.h declares
@@ -113,20 +117,62 @@ std::string readBytes(const std::filesystem::path &path) {
   return bytes;
 }
 
-void writeBytes(const std::filesystem::path &path, std::string_view bytes) {
-  errno = 0;
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  const bool isOpen = file.is_open();
-  if (file) file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  file.close();
-  if (file) return;
+namespace {
 
-  const std::string why = systemReason();
+// Opens a new file for writing; never one that is there, and never the target of a link.
+std::FILE *openNew(const std::filesystem::path &path) {
+#ifdef _WIN32
+  const int descriptor =
+      _wopen(path.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
+  return descriptor < 0 ? nullptr : _fdopen(descriptor, "wb");
+#else
+  return std::fopen(path.c_str(), "wbx");
+#endif
+}
+
+bool writeAndClose(std::FILE *file, std::string_view bytes) {
+  const bool isWritten = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+  return std::fclose(file) == 0 && isWritten;
+}
+
+void requirePlainFile(const std::filesystem::path &path, const std::string &refusal) {
   std::error_code ignored;
-  if (isOpen && std::filesystem::is_regular_file(path, ignored)) {
-    std::filesystem::remove(path, ignored);
+  switch (std::filesystem::symlink_status(path, ignored).type()) {
+    case std::filesystem::file_type::symlink:
+      throw InputError(refusal + "it is a link, and links are not followed");
+    case std::filesystem::file_type::directory:
+      throw InputError(refusal + "it is a directory");
+    case std::filesystem::file_type::none:
+    case std::filesystem::file_type::not_found:
+    case std::filesystem::file_type::regular:
+      return;
+    default:
+      throw InputError(refusal + "it is no regular file");
   }
-  throw InputError("cannot write " + utf8FromPath(path) + ": " + why);
+}
+
+}  // namespace
+
+void writeBytes(const std::filesystem::path &path, std::string_view bytes) {
+  const std::string refusal = "cannot write " + utf8FromPath(path) + ": ";
+  requirePlainFile(path, refusal);
+  // What is there stays whole until all of its successor is written. A rename replaces a link that
+  // somebody has put there meanwhile, and does not follow it.
+  std::filesystem::path successor = path;
+  successor += ".new";
+  std::error_code error;
+  std::filesystem::remove(successor, error);
+  errno = 0;
+  std::FILE *const file = openNew(successor);
+  if (file == nullptr) throw InputError(refusal + systemReason());
+  if (writeAndClose(file, bytes)) {
+    std::filesystem::rename(successor, path, error);
+    if (!error) return;
+    errno = error.default_error_condition().value();
+  }
+  const std::string why = systemReason();
+  std::filesystem::remove(successor, error);
+  throw InputError(refusal + why);
 }
 
 }  // namespace catalog

@@ -66,7 +66,8 @@ std::vector<std::string> programArguments(int count, const char *const *values);
 // it cannot be read.
 std::string readBytes(const std::filesystem::path &path);
 
-// Throws InputError with the reason when the file cannot be written; a file begun is removed then.
+// Replaces a regular file or makes a new one; follows no link. Throws InputError with the reason when
+// that cannot be done; what was there is then as it was.
 void writeBytes(const std::filesystem::path &path, std::string_view bytes);
 
 }  // namespace catalog

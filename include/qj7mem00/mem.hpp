@@ -22,6 +22,11 @@
 #ifndef QJ7MEM00_MEM_HPP
 #define QJ7MEM00_MEM_HPP
 
+/* One message says it all. Compilers whose C++20 was not yet complete give a number in between. */
+#if __cplusplus <= 201703L && (!defined(_MSVC_LANG) || _MSVC_LANG <= 201703L)
+#error "mem.hpp needs C++20 or later: compile with -std=c++20 (/std:c++20)"
+#else
+
 #include "mem/cell.hpp"
 #include "mem/context.hpp"
 #include "mem/hash.hpp"
@@ -34,4 +39,5 @@
 #include "mem/resource.hpp"
 #endif
 
+#endif
 #endif

@@ -1,5 +1,6 @@
 # A project outside this tree finds, builds with and runs what `cmake --install` installs, first with
-# find_package, then with pkg-config. The prefix is moved first: nothing may hold its old place.
+# find_package, then with pkg-config. The prefix is moved first: nothing may hold its old place. Then
+# it takes this tree in, with add_subdirectory and with FetchContent.
 #
 #   cmake -DBUILD=… -DCONFIG=… -DSOURCE=… -DWORK=… -DVERSION=… -DGENERATOR=… [-DTOOLCHAIN=…]
 #         [-DC_COMPILER=… -DCXX_COMPILER=…] [-DFLAGS=…] [-DLINK_FLAGS=…] [-DLIBDIR=…]
@@ -47,19 +48,28 @@ function(must_not_hold folder)
   endforeach()
 endfunction()
 
-function(build_and_run how)
-  set(build ${WORK}/${how})
+# configure(<how>): makes the build folder WORK/<how>.
+function(configure how)
   run(${CMAKE_COMMAND} -E env "CFLAGS=${FLAGS}" "CXXFLAGS=${FLAGS}" "LDFLAGS=${FLAGS} ${LINK_FLAGS}"
-    ${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${build} -G ${GENERATOR} ${compilers}
-    -DCMAKE_BUILD_TYPE=${CONFIG} -DHOW=${how} -DWANTED_VERSION=${VERSION} ${search})
+    ${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${WORK}/${how} -G ${GENERATOR} ${compilers}
+    -DCMAKE_BUILD_TYPE=${CONFIG} -DHOW=${how} -DWANTED_VERSION=${VERSION} -DTREE=${SOURCE} ${search})
+endfunction()
+
+# build_and_run(<how> <folder>): the module must be said to be under the folder.
+function(build_and_run how folder)
+  set(build ${WORK}/${how})
+  configure(${how})
   run(${CMAKE_COMMAND} --build ${build})
   file(READ ${build}/module-path.txt module)
-  string(FIND "${module}" "${moved}/" at)
+  string(FIND "${module}" "${folder}/" at)
   if(NOT at EQUAL 0)
-    message(FATAL_ERROR "The module is said to be ${module}, which is not under ${moved}")
+    message(FATAL_ERROR "The module is said to be ${module}, which is not under ${folder}")
   endif()
+  cmake_path(GET module PARENT_PATH module_folder)
+  set(ENV{WINEPATH} Z:${module_folder})  # where Windows looks for libraries
   must_print("the module is there" ${build}/consumer_probe${SUFFIX} ${module})
   must_print("the component works" ${build}/consumer_program${SUFFIX} ${module})
+  must_print("the component works" ${build}/consumer_program${SUFFIX})
   must_print("the layer wants a bound vector" ${build}/consumer_check${SUFFIX} ${module})
 endfunction()
 
@@ -77,8 +87,24 @@ else()
   set(compilers -DCMAKE_C_COMPILER=${C_COMPILER} -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
   set(search -DCMAKE_PREFIX_PATH=${moved})
 endif()
-build_and_run(CMake)
+build_and_run(CMake ${moved})
 
 set(search "")
 set(ENV{PKG_CONFIG_LIBDIR} ${moved}/${LIBDIR}/pkgconfig)
-build_and_run(pkg-config)
+build_and_run(pkg-config ${moved})
+
+# The tree as a part of the project; nothing of it is installed, and no target of its own gets in the
+# way. Once is enough: sanitizers have nothing to find here.
+if(FLAGS)
+  return()
+endif()
+find_program(CCACHE ccache)
+if(CCACHE)
+  list(APPEND compilers -DCMAKE_C_COMPILER_LAUNCHER=${CCACHE} -DCMAKE_CXX_COMPILER_LAUNCHER=${CCACHE})
+endif()
+build_and_run(subproject ${WORK}/subproject)
+configure(FetchContent)
+file(READ ${WORK}/FetchContent/module-path.txt module)
+if(NOT module MATCHES "^${WORK}/FetchContent/.*QJ7MEM00")
+  message(FATAL_ERROR "The module is said to be ${module}")
+endif()

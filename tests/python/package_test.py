@@ -1,6 +1,7 @@
 """The wheel holds the package, and what pip has installed from this folder works."""
 
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -61,14 +62,19 @@ class PackageTest(unittest.TestCase):
         self.expect_works(place)
 
     def test_debian_package(self) -> None:
-        made = subprocess.run([ROOT / "cmake" / "python-package.sh", str(self.work)],
+        made = subprocess.run([ROOT / "cmake" / "python-package.sh", str(self.work), "A <a@b.org>"],
                               capture_output=True, text=True, check=True).stdout.strip()
         place = self.work / "content"
         subprocess.run(["dpkg-deb", "--extract", made, str(place)], check=True)
-        fields = subprocess.run(["dpkg-deb", "--field", made, "Package", "Depends"],
+        fields = subprocess.run(["dpkg-deb", "--field", made, "Package", "Depends", "Maintainer"],
                                 capture_output=True, text=True, check=True).stdout
         self.assertEqual(fields, "Package: python3-qj7mem00\n"
-                         "Depends: python3 (>= 3.11), qj7mem00 (>= 1.0.0)\n")
+                         "Depends: python3 (>= 3.11), qj7mem00 (>= 1.0.0)\n"
+                         "Maintainer: A <a@b.org>\n")
+        if shutil.which("lintian"):
+            judged = subprocess.run(["lintian", "--allow-root", "--display-level", ">=warning", made],
+                                    capture_output=True, text=True, check=False)
+            self.assertEqual(judged.stdout + judged.stderr, "")
         self.expect_works(place / "usr" / "lib" / "python3" / "dist-packages")
 
 

@@ -15,7 +15,7 @@ import qj7mem00
 from support import FIXTURES, PORT_FIXTURES, ROOT, ProcessTest
 
 PAGE = (ROOT / "docs" / "python.md").read_text(encoding="utf-8")
-CHAIN = "/tmp/qj7mem00-catalog.chain"  # as the page has it
+CHAIN = "build/release/bin/catalog.chain"  # as the page has it
 
 
 def marked(mark: str) -> list[str]:

@@ -9,6 +9,10 @@
 set(ENV{WINEDEBUG} "-all")
 set(ENV{LC_ALL} "C.UTF-8")
 cmake_path(GET PROGRAM STEM program_name)
+if(NOT EXISTS ${PROGRAM})
+  message(FATAL_ERROR "${program_name} is not built. Build it:\n"
+    "  cmake --build <build folder> --target ${program_name}")
+endif()
 if(WORK)
   file(REMOVE_RECURSE ${WORK})
   file(MAKE_DIRECTORY ${WORK})

@@ -1,7 +1,9 @@
-// Runs the component in the reference host: consumer_program <path of the module>
+// Runs the component in the reference host: consumer_program [<path of the module>]
+// Without the path it finds the module itself.
 #include <refhost.hpp>
 
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <string>
 #include <string_view>
@@ -24,7 +26,7 @@ static bool isSunkOnce(const MEMFunctionVector &mem) {
          mem.MEM_SinkDelete(first) == 0;
 }
 
-static bool works(const char *module) {
+static bool works(const std::filesystem::path &module) {
   const refhost::Library library(module);
   refhost::Session session(library.bindEntry());
   refhost::Host &host = session.host();
@@ -40,7 +42,7 @@ static bool works(const char *module) {
 }
 
 int main(int count, char **args) try {
-  if (count != 2 || !works(args[1])) return 1;
+  if (!works(count == 2 ? args[1] : refhost::Library::installed())) return 1;
   std::cout << "the component works\n";
   return 0;
 } catch (const std::exception &error) {

@@ -153,6 +153,12 @@ class _Node:
             raise self.fail(f"expected a number, {least} to {most}")
         return self.value
 
+    def number(self, least: int, most: int) -> int:
+        """A number, or its digits as text."""
+        if isinstance(self.value, str) and re.fullmatch("-?[0-9]+", self.value):
+            return _Node(int(self.value), self.place).integer(least, most)
+        return self.integer(least, most)
+
     def text(self) -> str:
         if not isinstance(self.value, str):
             raise self.fail("expected text")
@@ -394,10 +400,10 @@ class Definitions:
             return
         if field.type in ("Short", "UShort"):
             least, most = (-1 << 15, (1 << 15) - 1) if field.type == "Short" else (0, 0xFFFF)
-            field.default = given.integer(least, most) & 0xFFFF
+            field.default = given.number(least, most) & 0xFFFF
         elif field.type in NUMBERS and field.type != "Bit":
             least, most = (-1 << 31, _INT32) if field.type == "Long" else (0, _UINT32)
-            field.default = given.integer(least, most) & _UINT32
+            field.default = given.number(least, most) & _UINT32
         elif field.type == "Pnt":
             raise given.fail("a pointer has no default but null")
         else:
@@ -409,7 +415,7 @@ class Definitions:
     @staticmethod
     def _default_bytes(field: Field, given: _Node) -> bytes:
         if field.type == "Bit":
-            return bytes([given.integer(0, 255)])
+            return bytes([given.number(0, 255)])
         if field.type in ("CharSZ", "PStr"):
             raw = narrow_bytes(given.value)
             if 0 in raw:

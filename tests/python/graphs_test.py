@@ -84,6 +84,8 @@ class Listing:
             return narrow(value)
         if field.type in ("WChar", "WCharSZ", "WPStr"):
             return wide(value)
+        if field.type in ("BigInt", "UBigInt"):
+            return str(value)
         return value
 
 

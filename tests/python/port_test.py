@@ -147,6 +147,19 @@ class DefinitionsTest(unittest.TestCase):
         with self.assertRaisesRegex(qj7mem00.DefinitionError, words):
             Definitions(document)
 
+    def test_defaults_may_be_digits_as_text(self) -> None:
+        for default, type, low in (("-5", "Short", 0xFFFB), (-5, "Short", 0xFFFB),
+                                   ("4294967295", "BigInt", 0xFFFFFFFF)):
+            with self.subTest(default=default, type=type):
+                kind, = Definitions({"structures": [{"id": 1, "length": 8, "fields": [
+                    {"id": 1, "type": type, "offset": 0, "default": default}]}]}).structures
+                self.assertEqual(kind.fields[0].default, low)
+        for default in ("", "five", "1.5", "65536", "--1"):
+            with self.subTest(default=default), self.assertRaisesRegex(
+                    qj7mem00.DefinitionError, r"default: expected a number, 0 to 65535"):
+                Definitions({"structures": [{"id": 1, "length": 8, "fields": [
+                    {"id": 1, "type": "UShort", "offset": 0, "default": default}]}]})
+
     def test_faults_are_named_with_their_place(self) -> None:
         def field(index: int, **changes: Any) -> Any:
             return lambda list: list[0]["fields"][index].update(changes)

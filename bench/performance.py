@@ -6,8 +6,8 @@
 FIGURES.json is what peerbench writes with --benchmark_out, WORKLOADS.json what workloadbench writes.
 In the document everything between a line
 "<!-- figures: NAME -->" and the next "<!-- end -->" is replaced; all else is prose and stays. Charts
-go to the folder "pictures" beside the document. Ends with 1 when the figures and the document do not
-fit together.
+go to the folder "pictures" next to the document. Ends with 1 when the figures and the document do
+not match.
 """
 
 import datetime
@@ -150,7 +150,7 @@ def floors(figures):
     return markdown(["nanoseconds", "bench host", "reference host"], lines)
 
 
-# Service, benchmark, and the multiple of the floor that is wished for.
+# Service, benchmark, and the multiple of the floor that is the aim.
 SERVICES = [
     ("heap entry, slot 14", "heap-48/MEM_HeapAllocEntryLong", 1.5),
     ("heap entry, slot 12", "heap-48/MEM_HeapAllocEntry", 1.5),
@@ -187,7 +187,7 @@ def host_calls(run):
 
 
 def multiples(figures):
-    head = ["service", "host calls of one operation", "floor", "measured", "multiple", "wished",
+    head = ["service", "host calls of one operation", "floor", "measured", "multiple", "aim",
             "multiple, reference host"]
     lines = []
     for label, name, wished in SERVICES:
@@ -218,7 +218,7 @@ def aims(figures):
         floor = figures.floor(name) if own is not None else None
         met = "not measured" if own is None or limit is None else "yes" if own <= limit else "no"
         if met == "no" and floor > limit:
-            met = "no: below the floor"
+            met = "no: limit below the floor"
         lines.append([aim, number(own), f"{number(limit)} ({what})", number(floor), met])
 
     for label, name, wished in SERVICES:
@@ -256,7 +256,7 @@ def aims(figures):
     return markdown(["aim", "measured", "limit", "floor", "met"], lines)
 
 
-# Work, benchmark, what it stands beside, its benchmark, and the wished ratio.
+# Work, benchmark, what it is compared with, its benchmark, and the ratio that is the aim.
 WORKLOADS = [
     ("read a structure with a union of 1,024 required alternatives",
      "alternatives/MEM_Port1StrToStruct/1024",
@@ -280,7 +280,7 @@ WORKLOADS = [
 
 
 def workloads(figures):
-    head = ["nanoseconds per operation", "measured", "beside", "measured", "ratio", "wished"]
+    head = ["nanoseconds per operation", "measured", "compared with", "measured", "ratio", "aim"]
     lines = []
     for label, name, other_label, other, wished in WORKLOADS:
         own, beside = figures.ns(name), figures.ns(other)
@@ -321,8 +321,8 @@ def machine(figures):
         ["compiler", f"g++ {figures.context.get('compiler', '')}, `-O2 -DNDEBUG` for the library "
                      "and for all peers that are compiled here"],
         ["peers", ", ".join(f"{name} {version}" for name, version in versions)],
-        ["repetitions", f"{figures.repetitions}, in mixed order; each figure is the quietest one's"],
-        ["disturbance", f"half of the benchmarks' median batches took more than "
+        ["repetitions", f"{figures.repetitions}, in mixed order; each figure is from the quietest one"],
+        ["disturbance", f"for half of the benchmarks, the median batch took more than "
                         f"{figures.disturbance:.2f} times the figure"],
     ]
     return markdown(["", ""], lines).replace("|--:|", "|---|")
@@ -413,9 +413,9 @@ def charts(figures):
     yield "floor", bar_chart("Services as multiples of their floor, less is better",
                              [(label, figures.ns(name) / figures.floor(name))
                               for label, name, _ in SERVICES if name in figures.quietest])
-    yield "heap", bar_chart(f"10,000 entries of 48 bytes, all given back: an entry, {per}",
+    yield "heap", bar_chart(f"10,000 entries of 48 bytes, all freed: an entry, {per}",
                             bars_of(figures, "heap-48"))
-    yield "cell", bar_chart(f"A cell of 64 bytes taken and given back, {per}",
+    yield "cell", bar_chart(f"A cell of 64 bytes allocated and freed, {per}",
                             bars_of(figures, "cell-churn"))
     yield "hash", line_chart(f"Hash tables: a look-up, {per}", "records in the table",
                              lines_of(figures, "hash-get"))

@@ -1,7 +1,7 @@
-// Workloads that some users have and others never see, each beside a kindred one that it should not
-// be much dearer than: wide unions, texts of newer writers under tracing, structures packed densely
+// Workloads that some users have and others never see, each compared with similar work that should
+// not be much cheaper: wide unions, texts of newer writers under tracing, structures packed densely
 // in storage, small catalogues, chains of the other byte order. The library alone, under the bench
-// host. bench/performance.py makes the table "Workloads" of docs/performance.md of the figures.
+// host. bench/performance.py makes the table of workloads in docs/performance.md of the figures.
 #include <benchmark/benchmark.h>
 
 #include <cstddef>

@@ -840,7 +840,7 @@ Result<Struct *> readPortString(ContextRef context, Heap &heap,
 
 /** Reads a text whose writer is trusted to have used this table: only the kind of the top-level
  * structure is compared. The text decides what its pointers lead to
- * (docs/port-strings.md, "What success does not promise"). */
+ * (docs/port-strings.md, "Check a text from elsewhere"). */
 template <class Struct, class Heap, class... Structures>
 Result<Struct *> readPortStringUnchecked(ContextRef context, Heap &heap,
                                          const PortTable<Structures...> &table,

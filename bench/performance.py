@@ -6,8 +6,8 @@
 FIGURES.json is what peerbench writes with --benchmark_out, WORKLOADS.json what workloadbench writes.
 In the document everything between a line
 "<!-- figures: NAME -->" and the next "<!-- end -->" is replaced; all else is prose and stays. Charts
-go to the folder "pictures" next to the document. Ends with 1 when the figures and the document do
-not match.
+go to the folder "pictures" beside the document. Ends with 1 when the figures and the document do not
+fit together.
 """
 
 import datetime

@@ -1,6 +1,7 @@
 // The statistics as JSON.
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <utility>
 #include <vector>
 
 #include "memchk_layer.hpp"
@@ -42,6 +43,48 @@ void addUsage(Json &object, const Usage &usage) {
 
 Json objectOf(const void *pHandle, const Place &opened) {
   return {{"handle", addressText(pHandle)}, {"opened", placeOf(opened)}};
+}
+
+Json areaJson(const std::byte *pArea, std::uint64_t length, std::uint32_t headLen) {
+  return {{"area", addressText(pArea)}, {"length", length}, {"head", headLen}};
+}
+
+// `taken` is what an entry occupies beside its red zones.
+Json entryJson(std::int64_t offset, std::int64_t asked, std::int64_t taken, const Place &made) {
+  return {{"offset", offset}, {"asked", asked}, {"taken", taken}, {"made", placeOf(made)}};
+}
+
+Json mapOf(const HeapRecord &heap) {
+  Json areas = Json::array();
+  for (const HeapRecord::AreaMap &area : heap.map()) {
+    Json object = areaJson(area.pArea, area.length, area.headLen);
+    object["isLarge"] = area.isLarge;
+    object["free"] = area.freeOffset;
+    Json &entries = object["entries"] = Json::array();
+    for (const Entry *pEntry : area.entries) {
+      const auto *pFirst = static_cast<const std::byte *>(pEntry->pEntry);
+      Json &entry = entries.emplace_back(
+          entryJson(pFirst - area.pArea, usableLen(heap.shape.kind, pEntry->asked),
+                    alignedLen(heap.shape.kind, pEntry->asked), pEntry->made));
+      entry["zone"] = pEntry->zone;
+      if (pEntry->state == Entry::State::freed) entry["freed"] = placeOf(heap.freedAt(*pEntry));
+    }
+    areas.push_back(std::move(object));
+  }
+  return areas;
+}
+
+Json mapOf(const PoolRecord &pool) {
+  Json areas = Json::array();
+  for (const PoolRecord::AreaMap &area : pool.map()) {
+    Json object = areaJson(area.pArea, static_cast<std::uint64_t>(pool.areaLen), area.headLen);
+    Json &entries = object["entries"] = Json::array();
+    for (const auto &[pBytes, pCell] : area.cells) {
+      entries.push_back(entryJson(pBytes - area.pArea, pool.cellLen, pool.cellLen, pCell->made));
+    }
+    areas.push_back(std::move(object));
+  }
+  return areas;
 }
 
 Json heapJson(const HeapRecord &heap) {
@@ -115,7 +158,8 @@ Json familyOf(const FamilyCount &count, const Records &records, Show show) {
 
 }  // namespace
 
-std::string Layer::statistics() {
+std::string Layer::statistics(bool withMaps) {
+  const bool showsMaps = withMaps && keepsPlaces();
   Json all;
   all["componentCalls"] = calls_.load(std::memory_order_relaxed);
   all["reports"] = reports();
@@ -130,10 +174,16 @@ std::string Layer::statistics() {
   }
   all["services"] = services;
   const std::lock_guard lock(mutex_);
-  all["heaps"] =
-      familyOf(heapCount_, heaps_, [](const auto &record) { return heapJson(record.second); });
-  all["pools"] =
-      familyOf(poolCount_, pools_, [](const auto &record) { return poolJson(record.second); });
+  const auto withMap = [showsMaps](Json object, const auto &record) {
+    if (showsMaps) object["map"] = mapOf(record);
+    return object;
+  };
+  all["heaps"] = familyOf(heapCount_, heaps_, [&](const auto &record) {
+    return withMap(heapJson(record.second), record.second);
+  });
+  all["pools"] = familyOf(poolCount_, pools_, [&](const auto &record) {
+    return withMap(poolJson(record.second), record.second);
+  });
   if (countsAll()) {
     all["tables"] = familyOf(counted_.tableCount, counted_.tables, [](const auto &record) {
       return tableJson(record.first, record.second);

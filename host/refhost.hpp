@@ -249,9 +249,10 @@ struct Message {
 struct StatisticsPlace {
   std::string service;    /**< entry point that the component called; empty when it is not known */
   std::uint64_t call = 0; /**< number of the component's call (memchk.h); 0 without the layer */
-  std::uint64_t thread = 0;      /**< as in Leak; of buffers, entries and cells as in memchk.h */
-  const void *caller = nullptr;  /**< address after the component's call instruction; null without
-                                      the layer */
+  std::uint64_t thread = 0;     /**< as in Leak; of buffers, entries and cells as in memchk.h */
+  const void *caller = nullptr; /**< address after the component's call instruction; null without
+                                     the layer */
+  std::string from; /**< the same as file and offset, with the function where it is exported */
   std::uint64_t storageCall = 0; /**< number of the call that obtained the object's first area, as
                                       in Leak; 0 for buffers, entries and cells */
 };

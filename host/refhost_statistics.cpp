@@ -48,6 +48,7 @@ StatisticsPlace placeIn(const Json &object) {
   place.call = object.at("call");
   place.thread = object.at("thread");
   place.caller = addressIn(object.at("caller"));
+  read(object, "from", place.from);
   return place;
 }
 

@@ -38,6 +38,7 @@ Json placeJson(const StatisticsPlace &place) {
   if (place.call != 0) made["call"] = place.call;
   made["thread"] = place.thread;
   if (place.caller != nullptr) made["caller"] = addressText(place.caller);
+  if (!place.from.empty()) made["from"] = place.from;
   if (place.storageCall != 0) made["storageCall"] = place.storageCall;
   return made;
 }
@@ -381,7 +382,7 @@ std::string Statistics::json() const {
   if (tables) all["tables"] = familyJson(*tables);
   if (buffers) all["buffers"] = familyJson(*buffers);
   all["sink"] = sinkJson(sink);
-  return all.dump();
+  return all.dump(-1, ' ', false, Json::error_handler_t::replace);  // names of files are any bytes
 }
 
 std::string Statistics::table() const {

@@ -801,6 +801,7 @@ TEST_F(CheckTest, StatisticsOfHeapsAreThoseOfTheComponent) {
   EXPECT_EQ(heap["kind"], "enhanced");
   EXPECT_EQ(heap["handle"], "0x" + hex16(enhanced));
   EXPECT_EQ(heap["opened"]["service"], "MEM_EHeapOpen");
+  EXPECT_EQ(heap["opened"]["from"].get<std::string>().find("check_test"), 0U) << heap["opened"];
   EXPECT_EQ(heap["subPool"], 7);
   EXPECT_EQ(heap["areaSize"], 1024);
   EXPECT_EQ(heap["areas"], 2);

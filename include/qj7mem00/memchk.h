@@ -146,7 +146,7 @@ uint64_t MEMCheckReports(const MEMCheck *pCheck);
 int16_t MEMCheckStatistics(MEMCheck *pCheck, MEMCheckTextFn *pText, void *pContext);
 
 /** The same, with a member "map" in each heap and pool: its areas and what lies where in them.
- * There is none under MEMCHK_NO_CHECKS without MEMCHK_PLACES. */
+ * `memtool heapmap` draws it. There is none under MEMCHK_NO_CHECKS without MEMCHK_PLACES. */
 int16_t MEMCheckMap(MEMCheck *pCheck, MEMCheckTextFn *pText, void *pContext);
 
 #ifdef __cplusplus

@@ -264,6 +264,8 @@ TEST_F(MemtoolCommandsTest, WhatIsNoSnapshotIsRefusedWithItsPlace) {
   refusedArea(entries + R"(900,"zone":100,"asked":1,"taken":100}])", "ends behind its area");
   refusedArea(entries + R"(16,"asked":1,"taken":8,"made":null}])",
               "the entry at offset 16 begins before 24");
+  refusedArea(entries + R"(40,"zone":32,"asked":1,"taken":8,"made":null}])",
+              "the entry at offset 40 begins before 24");
   refusedArea(entries + R"(24,"asked":1,"taken":16,"made":null},)"
                         R"({"offset":32,"asked":1,"taken":16,"made":null}])",
               "the entry at offset 32 begins before 40");

@@ -243,6 +243,27 @@ TEST(HostStatisticsTest, ControlBlocksTellWhatTheLayerCounts) {
   }
 }
 
+TEST(HostStatisticsTest, TablesHaveDashesForWhatIsNotKnown) {
+  Scene scene(with(false, false, false));
+  HMEMHEAP heap = scene.openHeap();
+  scene.take(heap, 100);
+  const Statistics taken = scene.host.statistics();
+  const std::string number = std::to_string(storageCallOf(scene.host, heap));
+  const std::string thread = std::to_string(taken.heaps.open.at(0).opened.thread);
+  const std::string text = taken.table();
+  const std::string wanted =
+      "heaps: 1 open\n"
+      "  handle              opened by     kind      call  storage call  thread  areas  obtained"
+      "  used  wasted  live  live bytes  peak bytes\n"
+      "  0x" +
+      hex16(heap) + "  MEM_HeapOpen  standard     -" + std::string(14 - number.size(), ' ') +
+      number + std::string(8 - thread.size(), ' ') + thread +
+      "      1      1024   160       0     -           -           -\n"
+      "sink: ";
+  EXPECT_EQ(text.find(wanted), 0U) << text << wanted;
+  scene.closeHeap(heap);
+}
+
 // --- with the layer
 
 std::string layerText(MEMCheck *check, decltype(&MEMCheckStatistics) ask) {

@@ -171,7 +171,7 @@ TEST(HostStatisticsTest, DamagedControlBlocksAreReadAsFarAsTheyAreWhole) {
   HMEMCELL pool = scene.openPool();
   for (int i = 0; i < 20; ++i) scene.takeCell(pool);
   const Statistics whole = scene.host.statistics();
-  for (const std::size_t offset : {8, 32}) {  // areas, large blocks
+  for (const std::size_t offset : {8U, 32U}) {  // areas, large blocks
     auto *const field = reinterpret_cast<char *>(heap) + offset;
     const Bytes before = bytesOf(field, sizeof(void *));
     for (const std::uint64_t value : {wild[0], wild[1], asNumber(heap)}) {
@@ -182,7 +182,7 @@ TEST(HostStatisticsTest, DamagedControlBlocksAreReadAsFarAsTheyAreWhole) {
     }
     std::memcpy(field, before.data(), before.size());
   }
-  for (const std::size_t offset : {8, 16}) {  // nodes, free cells
+  for (const std::size_t offset : {8U, 16U}) {  // nodes, free cells
     auto *const field = reinterpret_cast<char *>(pool) + offset;
     const Bytes before = bytesOf(field, sizeof(void *));
     for (const std::uint64_t value : {wild[0], wild[1], asNumber(pool)}) {

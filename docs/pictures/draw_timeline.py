@@ -5,7 +5,7 @@
 
 Each thread has rows of spans, one for each depth; trace records are marks at the lower edge of their
 span. A name that is longer than its span is cut or, where little would be left of it, stands below the
-rows, once for neighbours of one name.
+rows, once for neighbours of one name, and those of the longest spans only. A long run is for a browser.
 """
 
 import json
@@ -20,6 +20,7 @@ BAR = 22.0
 CHARACTER = 6.7
 LABEL_ROW = 17.0
 LEAST_CUT = 12  # characters of a name that is cut
+MOST_OUTSIDE = 10  # names of a thread below its rows
 STYLES = """
   text { font-family: Helvetica, Arial, sans-serif; font-size: 12px; fill: #222; }
   .mono { font-family: 'DejaVu Sans Mono', Consolas, Menlo, monospace; font-size: 11px; }
@@ -91,6 +92,7 @@ class Picture:
         self.threads = threads
         self.body = []
         self.y = MARGIN
+        self.unnamed = 0  # spans
 
     def x(self, time):
         return MARGIN + (time - self.start) * WIDTH / self.length
@@ -110,7 +112,7 @@ class Picture:
         step = grid_step(self.length)
         for time in range(0, int(self.length) + 1, step):
             unit = " µs" if time == 0 else ""
-            self.text(self.x(self.start + time) + 3, self.y + 10, "mono dim", f"{time}{unit}")
+            self.text(self.x(self.start + time) + 3, self.y + 10, "mono dim", f"{time:,}{unit}")
         return step
 
     def draw_grid(self, step, top, bottom):
@@ -140,7 +142,10 @@ class Picture:
                 groups[-1].append(span)
             else:
                 groups.append([span])
-        ends = []  # right end of each row of names
+        groups.sort(key=lambda group: -sum(span.end - span.begin for span in group))
+        self.unnamed += sum(len(group) for group in groups[MOST_OUTSIDE:])
+        del groups[MOST_OUTSIDE:]
+        ends = []  # left end of the last name in each row
         placed = []
         for group in sorted(groups, key=lambda group: -group[0].begin):
             centres = [(self.x(span.begin) + self.x(span.end)) / 2 for span in group]
@@ -184,6 +189,8 @@ class Picture:
             x += 44 + 6.2 * len(text)
         self.path(f"M{number(x + 8)} {number(y + 3)}l3 6h-6z", "mark")
         self.text(x + 18, y + 10, "dim", "a trace record")
+        if self.unnamed:
+            self.text(x + 130, y + 10, "dim", f"{self.unnamed} short spans have no name here")
         self.y = y + 14 + MARGIN
 
     def draw(self, title):

@@ -23,8 +23,8 @@ constexpr const char *kSizeStyles =
     "  .size3 { fill: #a2d8ea; } .size4 { fill: #b0c4f2; } .size5 { fill: #d0b6ee; }\n";
 // From old to new.
 constexpr const char *kAgeStyles =
-    "  .age0 { fill: #fdf3e4; } .age1 { fill: #fbe0bd; } .age2 { fill: #f8ca92; }\n"
-    "  .age3 { fill: #f3b06a; } .age4 { fill: #ea9546; }\n";
+    "  .age0 { fill: #fdf6ea; } .age1 { fill: #fce6c8; } .age2 { fill: #f9d3a2; }\n"
+    "  .age3 { fill: #f5be7e; } .age4 { fill: #efa65a; }\n";
 // The last one is that of all others.
 constexpr const char *kOwnerStyles =
     "  .owner0 { fill: #bcd9f3; } .owner1 { fill: #c9e7bf; } .owner2 { fill: #f5e09c; }\n"

@@ -27,6 +27,7 @@ constexpr const char *kStyles =
     "  .part { stroke: #777; stroke-width: 0.7; }\n"
     "  .head { fill: #c9ced6; } .free { fill: #fff; } .rest { fill: #ececec; }\n"
     "  .freed { fill: #f7d9d4; stroke-dasharray: 4 2; }\n"
+    "  .dim { fill: #555; }\n"
     "  .zone { fill: #e9a9a0; } .unknown { fill: #bdb7a6; }\n"
     "  .tick { stroke: #777; stroke-width: 0.7; }\n"
     "  .caption { font-size: 14px; font-weight: bold; }\n"

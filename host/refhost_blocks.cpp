@@ -12,7 +12,7 @@ namespace {
 
 using Kind = ObjectStatistics::Kind;
 
-constexpr std::size_t kLeastBlock = 40;  // the shortest control block
+constexpr std::size_t kLeastBlock = 48;  // the shortest area with a control block is longer
 constexpr std::size_t kEyeLen = 8;
 constexpr std::size_t kNext = 8;  // of areas, blocks and nodes of a pool's list of them
 
@@ -51,10 +51,11 @@ constexpr HeapPlaces kStandardPlaces{32, 40, 44};
 constexpr HeapPlaces kEnhancedPlaces{48, 56, 28};
 constexpr std::size_t kHeapFreeLen = 20;
 constexpr std::size_t kBlockLen = 16;
+constexpr std::size_t kBlockHeaderLen = 24;
 
 void addLargeBlocks(ObjectStatistics &heap, const LiveAreas &areas, std::uintptr_t first) {
   std::set<std::uintptr_t> seen;
-  for (auto block = first; lengthAt(areas, block) != 0 && hasEye(block, "QQQHBLKN");
+  for (auto block = first; lengthAt(areas, block) >= kBlockHeaderLen && hasEye(block, "QQQHBLKN");
        block = load<std::uintptr_t>(block, kNext)) {
     if (!seen.insert(block).second) return;
     const auto length = load<std::uint32_t>(block, kBlockLen);
@@ -97,12 +98,14 @@ constexpr std::size_t kNodeLen = 16;
 // A pool's areas, each with the offset of its first cell: behind the nodes that lie in it.
 using CellStarts = std::map<std::uintptr_t, std::uintptr_t>;
 
-// The area of a pool that an address lies in; end() for none.
-CellStarts::iterator areaOf(CellStarts &starts, std::uintptr_t address, std::uint64_t areaLen) {
+// The area of a pool that holds some bytes at an address; end() for none.
+CellStarts::iterator areaOf(CellStarts &starts, std::uintptr_t address, std::size_t bytes,
+                            std::uint64_t areaLen) {
   auto next = starts.upper_bound(address);
   if (next == starts.begin()) return starts.end();
   --next;
-  return address - next->first < areaLen ? next : starts.end();
+  const std::uint64_t offset = address - next->first;
+  return offset < areaLen && areaLen - offset >= bytes ? next : starts.end();
 }
 
 CellStarts readNodes(const LiveAreas &areas, std::uintptr_t block, std::uint64_t areaLen) {
@@ -114,13 +117,14 @@ CellStarts readNodes(const LiveAreas &areas, std::uintptr_t block, std::uint64_t
     const auto holder = areas.upper_bound(node);  // the area behind the node's
     if (holder == areas.begin() || !seen.insert(node).second) break;
     const auto &[from, pArea] = *std::prev(holder);
-    if (node - from + kNodeLen > pArea->length) break;
+    const std::uint64_t offset = node - from;
+    if (offset >= pArea->length || pArea->length - offset < kNodeLen) break;
     nodes.push_back(node);
     const auto area = load<std::uintptr_t>(node, kNodeArea);
     if (lengthAt(areas, area) == areaLen) starts.try_emplace(area, 0);
   }
   for (const std::uintptr_t node : nodes) {
-    const auto area = areaOf(starts, node, areaLen);
+    const auto area = areaOf(starts, node, kNodeLen, areaLen);
     if (area != starts.end()) area->second = std::max(area->second, node + kNodeLen - area->first);
   }
   return starts;
@@ -130,7 +134,7 @@ std::int64_t countFreeCells(CellStarts &starts, std::uintptr_t block, std::uint6
                             std::int64_t most) {
   std::int64_t count = 0;
   for (auto cell = load<std::uintptr_t>(block, kPoolFreeCells);
-       count < most && areaOf(starts, cell, areaLen) != starts.end();
+       count < most && areaOf(starts, cell, sizeof(void *), areaLen) != starts.end();
        cell = load<std::uintptr_t>(cell, 0)) {
     ++count;
   }

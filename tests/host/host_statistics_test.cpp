@@ -164,6 +164,8 @@ TEST(HostStatisticsTest, ControlBlocksOfPoolsAndTablesTellWithoutTheLayer) {
 TEST(HostStatisticsTest, DamagedControlBlocksAreReadAsFarAsTheyAreWhole) {
   Scene scene(with(false, false, false));
   const std::uint64_t wild[] = {0x1234, ~std::uint64_t{0}};
+  void *const tiny = scene.mem.MEM_Alloc(12, kSubPool);  // too short for what may stand there
+  std::memcpy(tiny, "QQQHBLKN", 8);
   HMEMHEAP heap = scene.openHeap();
   scene.take(heap, 900);
   scene.take(heap, 900);
@@ -174,7 +176,7 @@ TEST(HostStatisticsTest, DamagedControlBlocksAreReadAsFarAsTheyAreWhole) {
   for (const std::size_t offset : {8U, 32U}) {  // areas, large blocks
     auto *const field = reinterpret_cast<char *>(heap) + offset;
     const Bytes before = bytesOf(field, sizeof(void *));
-    for (const std::uint64_t value : {wild[0], wild[1], asNumber(heap)}) {
+    for (const std::uint64_t value : {wild[0], wild[1], asNumber(heap), asNumber(tiny)}) {
       std::memcpy(field, &value, sizeof value);
       const ObjectStatistics read = scene.host.statistics().heaps.open.at(0);
       EXPECT_EQ(read.areas, offset == 8 ? 1 : 2);
@@ -185,13 +187,21 @@ TEST(HostStatisticsTest, DamagedControlBlocksAreReadAsFarAsTheyAreWhole) {
   for (const std::size_t offset : {8U, 16U}) {  // nodes, free cells
     auto *const field = reinterpret_cast<char *>(pool) + offset;
     const Bytes before = bytesOf(field, sizeof(void *));
-    for (const std::uint64_t value : {wild[0], wild[1], asNumber(pool)}) {
+    for (const std::uint64_t value :
+         {wild[0], wild[1], asNumber(pool), asNumber(pool) + 1020, asNumber(tiny)}) {
       std::memcpy(field, &value, sizeof value);
       EXPECT_LE(scene.host.statistics().pools.open.at(0).areas, 3);
     }
     std::memcpy(field, before.data(), before.size());
   }
   EXPECT_EQ(scene.host.statistics().json(), whole.json());
+  scene.mem.MEM_Free(tiny, 12, kSubPool);
+  for (const std::uint32_t length : {8U, 40U}) {
+    void *const likeAHeap = scene.mem.MEM_Alloc(length, kSubPool);
+    std::memcpy(likeAHeap, "QQQHEAP1", 8);
+    EXPECT_EQ(scene.host.statistics().heaps.open.size(), 1U);
+    scene.mem.MEM_Free(likeAHeap, length, kSubPool);
+  }
   scene.closeHeap(heap);
   EXPECT_EQ(scene.mem.MEM_CellClose(pool), 0);
 }

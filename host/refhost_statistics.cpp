@@ -165,42 +165,42 @@ void addOrigins(std::vector<ObjectStatistics> &objects, const LiveAreas &areas) 
 
 // --- differences
 
-// Calls `change` with each figure of one and the same figure of the other.
-template <class Change>
-void withFigures(Usage &one, const Usage &other, Change change) {
-  change(one.made, other.made);
-  change(one.freed, other.freed);
-  change(one.live, other.live);
-  change(one.bytesAsked, other.bytesAsked);
-  change(one.bytesLive, other.bytesLive);
-  change(one.bytesPeak, other.bytesPeak);
+// Calls `visit` with each figure of one and the same figure of the other.
+template <class Visit>
+void withFigures(Usage &one, const Usage &other, Visit visit) {
+  visit(one.made, other.made);
+  visit(one.freed, other.freed);
+  visit(one.live, other.live);
+  visit(one.bytesAsked, other.bytesAsked);
+  visit(one.bytesLive, other.bytesLive);
+  visit(one.bytesPeak, other.bytesPeak);
   for (std::size_t i = 0; i < one.histogram.size(); ++i) {
-    change(one.histogram[i], other.histogram[i]);
+    visit(one.histogram[i], other.histogram[i]);
   }
 }
 
-template <class Change>
-void withFigures(std::optional<Usage> &one, const std::optional<Usage> &other, Change change) {
+template <class Visit>
+void withFigures(std::optional<Usage> &one, const std::optional<Usage> &other, Visit visit) {
   if (one && other) {
-    withFigures(*one, *other, change);
+    withFigures(*one, *other, visit);
   } else {
     one.reset();
   }
 }
 
-template <class Change>
-void withFigures(ObjectStatistics &one, const ObjectStatistics &other, Change change) {
-  change(one.areas, other.areas);
-  change(one.largeBlocks, other.largeBlocks);
-  change(one.bytesObtained, other.bytesObtained);
-  change(one.bytesUsed, other.bytesUsed);
-  change(one.bytesWasted, other.bytesWasted);
-  change(one.duplicates, other.duplicates);
-  change(one.found, other.found);
-  change(one.notFound, other.notFound);
-  change(one.bytesObtainedPeak, other.bytesObtainedPeak);
-  change(one.moves, other.moves);
-  withFigures(one.usage, other.usage, change);
+template <class Visit>
+void withFigures(ObjectStatistics &one, const ObjectStatistics &other, Visit visit) {
+  visit(one.areas, other.areas);
+  visit(one.largeBlocks, other.largeBlocks);
+  visit(one.bytesObtained, other.bytesObtained);
+  visit(one.bytesUsed, other.bytesUsed);
+  visit(one.bytesWasted, other.bytesWasted);
+  visit(one.duplicates, other.duplicates);
+  visit(one.found, other.found);
+  visit(one.notFound, other.notFound);
+  visit(one.bytesObtainedPeak, other.bytesObtainedPeak);
+  visit(one.moves, other.moves);
+  withFigures(one.usage, other.usage, visit);
 }
 
 template <class Figures>

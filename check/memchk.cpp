@@ -32,6 +32,13 @@ void describeError(const void *pAddress) {
   if (pLayer != nullptr) pLayer->describe(pAddress);
 }
 
+void passOn(const std::string &text, MEMCheckTextFn *pText, void *pContext) {
+  constexpr std::size_t kPiece = 4096;
+  for (std::size_t at = 0; at < text.size(); at += kPiece) {
+    pText(pContext, text.data() + at, std::min(kPiece, text.size() - at));
+  }
+}
+
 }  // namespace
 
 int16_t MEMCheckAttach(MEMFunctionVector *pVector, const MEMCheckOptions *pOptions,
@@ -75,10 +82,11 @@ uint64_t MEMCheckReports(const MEMCheck *pCheck) {
 }
 
 int16_t MEMCheckStatistics(MEMCheck *pCheck, MEMCheckTextFn *pText, void *pContext) {
-  const std::string text = pCheck->layer.statistics();
-  constexpr std::size_t kPiece = 4096;
-  for (std::size_t at = 0; at < text.size(); at += kPiece) {
-    pText(pContext, text.data() + at, std::min(kPiece, text.size() - at));
-  }
+  passOn(pCheck->layer.statistics(false), pText, pContext);
+  return 0;
+}
+
+int16_t MEMCheckMap(MEMCheck *pCheck, MEMCheckTextFn *pText, void *pContext) {
+  passOn(pCheck->layer.statistics(true), pText, pContext);
   return 0;
 }

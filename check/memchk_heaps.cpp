@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <map>
 
 #include "memchk_checkers.hpp"
 
@@ -26,6 +27,11 @@ struct HeaderPlaces {
   std::size_t areaSize;
   std::size_t subPool;
 };
+
+constexpr std::uint32_t headLen(HeapKind kind, bool isFirstArea) noexcept {
+  if (!isFirstArea) return 24;
+  return kind == HeapKind::standard ? 56 : 64;
+}
 
 constexpr HeaderPlaces places(HeapKind kind) noexcept {
   return kind == HeapKind::standard ? HeaderPlaces{40, 44} : HeaderPlaces{56, 28};
@@ -153,6 +159,14 @@ void HeapRecord::count(std::int32_t asked, std::uint32_t zone) {
   usage.add(static_cast<std::uint64_t>(usableLen(shape.kind, asked)));
 }
 
+void HeapRecord::countFree(const void *pEntry, std::int32_t length, const Place &freed) {
+  usage.remove(static_cast<std::uint64_t>(usableLen(shape.kind, length)));
+  Entry *pFound = entries_.empty() ? nullptr : find(pEntry);
+  if (pFound == nullptr) return;
+  pFound->state = Entry::State::freed;
+  freed_.emplace(pEntry, freed);
+}
+
 void HeapRecord::add(void *pEntry, std::int32_t asked, std::uint32_t zone, const Place &made) {
   count(asked, zone);
   Entry entry{pEntry, made, asked, zone, 0, Entry::State::live};
@@ -193,7 +207,7 @@ bool HeapRecord::isInAreas(const void *pAddress) const noexcept {
 }
 
 void HeapRecord::deny(const Entry &entry) const noexcept {
-  if (!checkers::isPresent()) return;
+  if (!checks || !checkers::isPresent()) return;
   const std::byte *pStart = zoneStart(entry);
   const auto length = static_cast<std::size_t>(zoneEnd(entry) - pStart);
   checkers::deny(pStart, length);
@@ -203,7 +217,7 @@ void HeapRecord::deny(const Entry &entry) const noexcept {
 }
 
 void HeapRecord::rename(Entry &entry) const {
-  if (!checkers::showsNames()) return;
+  if (!checks || !checkers::showsNames()) return;
   checkers::unname(entry.block);
   std::string text = entry.state == Entry::State::freed ? "freed and " : "";
   text += "red-zoned " + entryText(entry, shape.kind);
@@ -367,6 +381,36 @@ void HeapRecord::noteAreas() {
   currentFree = load<std::uint32_t>(areas.back(), kFreeLen);
 }
 
+// Large blocks are known by their entries: the list of an enhanced heap's may be changing.
+std::vector<HeapRecord::AreaMap> HeapRecord::map() const {
+  std::vector<AreaMap> found;
+  std::map<const std::byte *, std::size_t> byAddress;
+  for (const std::byte *pArea : areas) {
+    const bool isFirst = found.empty();
+    byAddress[pArea] = found.size();
+    found.push_back({pArea,
+                     shape.areaSize,
+                     false,
+                     headLen(shape.kind, isFirst),
+                     load<std::uint32_t>(pArea, kNextFreeOff),
+                     {}});
+  }
+  for (const Entry &entry : entries_) {
+    const std::byte *pFirst = zoneStart(entry);
+    const std::int64_t length = zoneEnd(entry) - pFirst;
+    if (shape.isLarge(length)) {
+      const auto whole = static_cast<std::uint32_t>(kBlockHeaderLen + length);
+      found.push_back({pFirst - kBlockHeaderLen, whole, true, kBlockHeaderLen, whole, {&entry}});
+      continue;
+    }
+    auto area = byAddress.upper_bound(pFirst);
+    if (area == byAddress.begin()) continue;
+    --area;
+    if (pFirst < area->first + shape.areaSize) found[area->second].entries.push_back(&entry);
+  }
+  return found;
+}
+
 void HeapRecord::denyTail(const std::byte *pArea) const noexcept {
   if (!checks || !checkers::isPresent()) return;
   const auto used = load<std::uint32_t>(pArea, kNextFreeOff);
@@ -374,7 +418,7 @@ void HeapRecord::denyTail(const std::byte *pArea) const noexcept {
 }
 
 void HeapRecord::allowAll() {
-  if (!checkers::isPresent()) return;
+  if (!checks || !checkers::isPresent()) return;
   for (const std::byte *pArea : areas) checkers::allow(pArea, shape.areaSize);
   for (Entry &entry : entries_) {
     checkers::allow(zoneStart(entry), static_cast<std::size_t>(zoneEnd(entry) - zoneStart(entry)));
@@ -384,7 +428,7 @@ void HeapRecord::allowAll() {
 }
 
 void HeapRecord::denyAll() {
-  if (!checkers::isPresent()) return;
+  if (!checks || !checkers::isPresent()) return;
   for (const std::byte *pArea : areas) denyTail(pArea);
   for (const Entry &entry : entries_) {
     deny(entry);

@@ -71,9 +71,11 @@ class HeapRecord {
   // read but its header.
   HeapRecord(HMEMHEAP hMemHeap, HeapKind kind, const Place &opened, bool isNew, bool checks);
 
-  // The heap has made an entry. With `count` alone nothing is kept of it but the numbers.
+  // The heap has made an entry. With `count` alone nothing is kept of it but the numbers; so it is
+  // with its free without checks, where the entry is not kept.
   void count(std::int32_t asked, std::uint32_t zone);
   void add(void *pEntry, std::int32_t asked, std::uint32_t zone, const Place &made);
+  void countFree(const void *pEntry, std::int32_t length, const Place &freed);
 
   // The entry that begins at an address; null when none does.
   Entry *find(const void *pEntry);
@@ -86,6 +88,18 @@ class HeapRecord {
   void cancelFree(Entry &entry, Entry::State before);  // the heap has refused it
 
   const Place &freedAt(const Entry &entry) const;
+
+  // An area or a large block, and the entries that lie in it.
+  struct AreaMap {
+    const std::byte *pArea;
+    std::uint64_t length;
+    bool isLarge;
+    std::uint32_t headLen;
+    std::uint32_t freeOffset;  // of what no entry has got
+    std::vector<const Entry *> entries;
+  };
+  // Valid as long as the record is not changed. Of a heap from before the layer no area is known.
+  std::vector<AreaMap> map() const;
 
   // Reports and repairs what has been written to outside of live entries.
   void check(Entry &entry, Findings &findings);

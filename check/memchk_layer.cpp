@@ -183,11 +183,11 @@ void Layer::entryMade(HMEMHEAP hMemHeap, void *pEntry, std::int32_t asked, std::
   const std::lock_guard lock(mutex_);
   HeapRecord *pHeap = heapOf(hMemHeap);
   if (pHeap == nullptr) return;  // being closed meanwhile
-  if (!checks()) {
-    pHeap->count(asked, 0);
-    return;
+  if (keepsPlaces()) {
+    pHeap->add(pEntry, asked, zone, made);
+  } else {
+    pHeap->count(asked, zone);
   }
-  pHeap->add(pEntry, asked, zone, made);
 }
 
 // The heap that has an entry of this address; null when none does.
@@ -275,9 +275,7 @@ void Layer::endEntryFree(const EntryFree &begun, HMEMHEAP hMemHeap, void *pEntry
   const std::lock_guard lock(mutex_);
   if (!checks()) {
     HeapRecord *pHeap = isFreed ? heapOf(hMemHeap) : nullptr;
-    if (pHeap != nullptr) {
-      pHeap->usage.remove(static_cast<std::uint64_t>(usableLen(pHeap->shape.kind, begun.length)));
-    }
+    if (pHeap != nullptr) pHeap->countFree(pEntry, begun.length, place);
     return;
   }
   HeapRecord *pOwner = heapOf(begun.owner);
@@ -381,6 +379,7 @@ void Layer::endCellAlloc(HMEMCELL hMemCell, void *pCell, const Place &place) {
     pPool->endAlloc(pCell, place);
   } else {
     pPool->count(pCell);
+    if (keepsPlaces()) pPool->keep(pCell, place);
   }
 }
 
@@ -434,7 +433,7 @@ void Layer::endCellFree(HMEMCELL hMemCell, void *pCell, bool isFreed, const Plac
     PoolRecord *pPool = poolOf(hMemCell);
     if (pPool == nullptr || pCell == nullptr) return;
     if (!checks()) {
-      if (isFreed) pPool->countFree();
+      if (isFreed) pPool->countFree(pCell);
       return;
     }
     Cell *pKnown = pPool->find(pCell);

@@ -67,6 +67,7 @@ class Layer {
 
   bool checks() const noexcept { return (options_.Flags & MEMCHK_NO_CHECKS) == 0; }
   bool countsAll() const noexcept { return (options_.Flags & MEMCHK_STATISTICS) != 0; }
+  bool keepsPlaces() const noexcept { return checks() || (options_.Flags & MEMCHK_PLACES) != 0; }
 
   // A component calls a service: the number of the call; everything is verified when it is time.
   Place enter(std::uint32_t slot, const void *pCaller);
@@ -133,7 +134,7 @@ class Layer {
 
   std::uint64_t verify(const Place &place);
   std::uint64_t reports() const noexcept { return reports_.load(std::memory_order_relaxed); }
-  std::string statistics();
+  std::string statistics(bool withMaps);
 
   // Before the layer ends: nothing is denied any more.
   void release();

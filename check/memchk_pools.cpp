@@ -1,5 +1,6 @@
 #include "memchk_pools.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <utility>
@@ -74,7 +75,7 @@ void PoolRecord::addArea(std::byte *pArea, std::byte *pFirstCell, std::byte *pFi
   std::byte *pAreaEnd = pArea + areaLen;
   const auto rest = static_cast<std::uint64_t>((pAreaEnd - pFirstCell) % cellLen);
   wasted += rest;
-  areas_[pArea] = {pFirstFree, pAreaEnd - rest};
+  areas_[pArea] = {pFirstFree, pAreaEnd - rest, static_cast<std::uint32_t>(pFirstCell - pArea)};
   if (checks) checkers::deny(pFirstFree, static_cast<std::size_t>(pAreaEnd - pFirstFree));
 }
 
@@ -169,7 +170,7 @@ void PoolRecord::cancelFree(Cell &cell) {
 }
 
 void PoolRecord::endFree(void *pCell, Cell &cell, const Place &freed, Findings &findings) {
-  countFree();
+  usage.remove(static_cast<std::uint64_t>(cellLen));
   cell.freed = freed;
   auto *pBytes = static_cast<std::byte *>(pCell);
   if (!isLibrarys || head() != pBytes) {  // not the library's way of freeing
@@ -207,8 +208,31 @@ void PoolRecord::count(void *pCell) {
   if (isLibrarys && !isInAreas(pCell)) noteGrowth(static_cast<std::byte *>(pCell));
 }
 
-void PoolRecord::countFree() {
+void PoolRecord::keep(void *pCell, const Place &made) {
+  cells_[pCell] = {made, {}, nullptr, 0, Cell::State::live};
+}
+
+void PoolRecord::countFree(const void *pCell) {
   usage.remove(static_cast<std::uint64_t>(cellLen));
+  cells_.erase(pCell);
+}
+
+std::vector<PoolRecord::AreaMap> PoolRecord::map() const {
+  std::vector<AreaMap> found;
+  if (!isSeenWhole) return found;
+  std::map<const std::byte *, std::size_t> byAddress;
+  for (const auto &[pArea, fresh] : areas_) {
+    byAddress[pArea] = found.size();
+    found.push_back({pArea, fresh.headLen, {}});
+  }
+  for (const auto &[pCell, cell] : cells_) {
+    if (cell.state == Cell::State::kept || cell.state == Cell::State::free) continue;
+    const auto area = areaOf(pCell);
+    if (area == areas_.end()) continue;
+    found[byAddress[area->first]].cells.emplace_back(static_cast<const std::byte *>(pCell), &cell);
+  }
+  for (AreaMap &area : found) std::sort(area.cells.begin(), area.cells.end());
+  return found;
 }
 
 void PoolRecord::checkKept(std::byte *pCell, const Cell &cell, Findings &findings) const {

@@ -15,6 +15,8 @@
 #include <map>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "memchk_report.hpp"
 #include "memchk_usage.hpp"
@@ -57,9 +59,10 @@ class PoolRecord {
   void endFree(void *pCell, Cell &cell, const Place &freed, Findings &findings);
   void cancelFree(Cell &cell);
 
-  // Statistics alone.
+  // Without checks: numbers alone, and the cell's place where places are kept.
   void count(void *pCell);
-  void countFree();
+  void keep(void *pCell, const Place &made);
+  void countFree(const void *pCell);
 
   // Reports and repairs what has been written to in cells that are free.
   void checkAll(Findings &findings);
@@ -75,6 +78,15 @@ class PoolRecord {
 
   Finding finding(MEMCheckKind kind, const void *pCell, const Cell &cell) const;
   std::string name() const;
+
+  // An area, and the cells of it that are in use.
+  struct AreaMap {
+    const std::byte *pArea;
+    std::uint32_t headLen;  // where its cells begin
+    std::vector<std::pair<const std::byte *, const Cell *>> cells;
+  };
+  // Valid as long as the record is not changed. Of a pool from before the layer no area is known.
+  std::vector<AreaMap> map() const;
 
   const HMEMCELL handle;
   const Place opened;
@@ -94,6 +106,7 @@ class PoolRecord {
   struct FreshCells {
     std::byte *pFirst = nullptr;
     std::byte *pEnd = nullptr;
+    std::uint32_t headLen = 0;  // what is before the area's cells, all that were there included
   };
   using Areas = std::map<std::byte *, FreshCells>;
 

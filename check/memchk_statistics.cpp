@@ -1,9 +1,13 @@
 // The statistics as JSON.
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "memchk_layer.hpp"
+#include "memchk_platform.hpp"
 
 namespace memchk {
 
@@ -11,12 +15,28 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-Json placeOf(const Place &place) {
+// Places in code by their addresses: most entries have few callers.
+class CodeNames {
+ public:
+  const std::string &of(const void *pCode) {
+    const auto [found, isNew] = names_.try_emplace(pCode);
+    if (isNew) found->second = platform::codeName(pCode);
+    return found->second;
+  }
+
+ private:
+  std::unordered_map<const void *, std::string> names_;
+};
+
+Json placeOf(const Place &place, CodeNames &names) {
   if (!place.isKnown()) return nullptr;
-  return {{"service", serviceName(place.slot)},
-          {"call", place.call},
-          {"thread", place.thread},
-          {"caller", addressText(place.pCaller)}};
+  Json made = {{"service", serviceName(place.slot)},
+               {"call", place.call},
+               {"thread", place.thread},
+               {"caller", addressText(place.pCaller)}};
+  const std::string &from = names.of(place.pCaller);
+  if (!from.empty()) made["from"] = from;
+  return made;
 }
 
 // From the shortest length that occurs to the longest: {"from": 16, "count": 3} counts 16 to 31.
@@ -40,12 +60,57 @@ void addUsage(Json &object, const Usage &usage) {
   object["histogram"] = histogramOf(usage);
 }
 
-Json objectOf(const void *pHandle, const Place &opened) {
-  return {{"handle", addressText(pHandle)}, {"opened", placeOf(opened)}};
+Json objectOf(const void *pHandle, const Place &opened, CodeNames &names) {
+  return {{"handle", addressText(pHandle)}, {"opened", placeOf(opened, names)}};
 }
 
-Json heapJson(const HeapRecord &heap) {
-  Json object = objectOf(heap.handle, heap.opened);
+Json areaJson(const std::byte *pArea, std::uint64_t length, std::uint32_t headLen) {
+  return {{"area", addressText(pArea)}, {"length", length}, {"head", headLen}};
+}
+
+// `taken` is what an entry occupies beside its red zones.
+Json entryJson(std::int64_t offset, std::int64_t asked, std::int64_t taken, Json made) {
+  return {{"offset", offset}, {"asked", asked}, {"taken", taken}, {"made", std::move(made)}};
+}
+
+Json mapOf(const HeapRecord &heap, CodeNames &names) {
+  Json areas = Json::array();
+  for (const HeapRecord::AreaMap &area : heap.map()) {
+    Json object = areaJson(area.pArea, area.length, area.headLen);
+    object["isLarge"] = area.isLarge;
+    object["free"] = area.freeOffset;
+    Json &entries = object["entries"] = Json::array();
+    for (const Entry *pEntry : area.entries) {
+      const auto *pFirst = static_cast<const std::byte *>(pEntry->pEntry);
+      Json &entry = entries.emplace_back(
+          entryJson(pFirst - area.pArea, usableLen(heap.shape.kind, pEntry->asked),
+                    alignedLen(heap.shape.kind, pEntry->asked), placeOf(pEntry->made, names)));
+      entry["zone"] = pEntry->zone;
+      if (pEntry->state == Entry::State::freed) {
+        entry["freed"] = placeOf(heap.freedAt(*pEntry), names);
+      }
+    }
+    areas.push_back(std::move(object));
+  }
+  return areas;
+}
+
+Json mapOf(const PoolRecord &pool, CodeNames &names) {
+  Json areas = Json::array();
+  for (const PoolRecord::AreaMap &area : pool.map()) {
+    Json object = areaJson(area.pArea, static_cast<std::uint64_t>(pool.areaLen), area.headLen);
+    Json &entries = object["entries"] = Json::array();
+    for (const auto &[pBytes, pCell] : area.cells) {
+      entries.push_back(
+          entryJson(pBytes - area.pArea, pool.cellLen, pool.cellLen, placeOf(pCell->made, names)));
+    }
+    areas.push_back(std::move(object));
+  }
+  return areas;
+}
+
+Json heapJson(const HeapRecord &heap, CodeNames &names) {
+  Json object = objectOf(heap.handle, heap.opened, names);
   const std::uint64_t areaBytes = heap.areas.size() * std::uint64_t{heap.shape.areaSize};
   object["kind"] = heap.shape.kind == HeapKind::standard ? "standard" : "enhanced";
   object["subPool"] = heap.subPool;
@@ -59,8 +124,8 @@ Json heapJson(const HeapRecord &heap) {
   return object;
 }
 
-Json poolJson(const PoolRecord &pool) {
-  Json object = objectOf(pool.handle, pool.opened);
+Json poolJson(const PoolRecord &pool, CodeNames &names) {
+  Json object = objectOf(pool.handle, pool.opened, names);
   object["subPool"] = pool.subPool;
   object["areaSize"] = pool.areaLen;
   object["cellLen"] = pool.cellLen;
@@ -72,8 +137,8 @@ Json poolJson(const PoolRecord &pool) {
   return object;
 }
 
-Json tableJson(const void *pHandle, const TableRecord &table) {
-  Json object = objectOf(pHandle, table.opened);
+Json tableJson(const void *pHandle, const TableRecord &table, CodeNames &names) {
+  Json object = objectOf(pHandle, table.opened, names);
   object["heap"] = addressText(table.pHeap);
   object["duplicates"] = table.duplicates;
   object["found"] = table.found;
@@ -82,8 +147,8 @@ Json tableJson(const void *pHandle, const TableRecord &table) {
   return object;
 }
 
-Json bufferJson(const void *pHandle, const BufferRecord &buffer) {
-  Json object = objectOf(pHandle, buffer.opened);
+Json bufferJson(const void *pHandle, const BufferRecord &buffer, CodeNames &names) {
+  Json object = objectOf(pHandle, buffer.opened, names);
   object["bytesObtained"] = buffer.storage;
   object["bytesObtainedPeak"] = buffer.peakStorage;
   object["moves"] = buffer.moves;
@@ -115,7 +180,8 @@ Json familyOf(const FamilyCount &count, const Records &records, Show show) {
 
 }  // namespace
 
-std::string Layer::statistics() {
+std::string Layer::statistics(bool withMaps) {
+  const bool showsMaps = withMaps && keepsPlaces();
   Json all;
   all["componentCalls"] = calls_.load(std::memory_order_relaxed);
   all["reports"] = reports();
@@ -130,20 +196,27 @@ std::string Layer::statistics() {
   }
   all["services"] = services;
   const std::lock_guard lock(mutex_);
-  all["heaps"] =
-      familyOf(heapCount_, heaps_, [](const auto &record) { return heapJson(record.second); });
-  all["pools"] =
-      familyOf(poolCount_, pools_, [](const auto &record) { return poolJson(record.second); });
+  CodeNames names;
+  const auto withMap = [&](Json object, const auto &record) {
+    if (showsMaps) object["map"] = mapOf(record, names);
+    return object;
+  };
+  all["heaps"] = familyOf(heapCount_, heaps_, [&](const auto &record) {
+    return withMap(heapJson(record.second, names), record.second);
+  });
+  all["pools"] = familyOf(poolCount_, pools_, [&](const auto &record) {
+    return withMap(poolJson(record.second, names), record.second);
+  });
   if (countsAll()) {
-    all["tables"] = familyOf(counted_.tableCount, counted_.tables, [](const auto &record) {
-      return tableJson(record.first, record.second);
+    all["tables"] = familyOf(counted_.tableCount, counted_.tables, [&](const auto &record) {
+      return tableJson(record.first, record.second, names);
     });
-    all["buffers"] = familyOf(counted_.bufferCount, counted_.buffers, [](const auto &record) {
-      return bufferJson(record.first, record.second);
+    all["buffers"] = familyOf(counted_.bufferCount, counted_.buffers, [&](const auto &record) {
+      return bufferJson(record.first, record.second, names);
     });
     all["sink"] = sinkJson(counted_.sink);
   }
-  return all.dump();
+  return all.dump(-1, ' ', false, Json::error_handler_t::replace);  // names of files are any bytes
 }
 
 }  // namespace memchk

@@ -152,9 +152,12 @@ Host::~Host() {
 // The vector keeps what binding and the layer have made of it. One that binding has not filled gets
 // no layer.
 void Host::Impl::attachCheck() {
-  if (!checked) return;
+  const bool counts = options.statistics || options.places;
+  if (!checked && !counts) return;
   MEMCheckOptions layer{};
   layer.Size = sizeof layer;
+  layer.Flags = (checked ? 0 : MEMCHK_NO_CHECKS) | (counts ? MEMCHK_STATISTICS : 0) |
+                (options.places ? MEMCHK_PLACES : 0);
   layer.pContext = this;
   layer.pReport = [](void *pContext, const MEMCheckReport *pReport) {
     static_cast<Impl *>(pContext)->checkReports.fetch_add(1);

@@ -169,8 +169,12 @@ struct Options {
   bool nullSysEnv = false;        /**< bind with a null pSysEnv */
   std::uint32_t traceFlags = 0;   /**< flags of every frame until setTraceFlags */
   TraceLineStyle traceLines = {}; /**< of streams and files, until setTraceLines */
-  bool checked = false; /**< bind attaches the checking layer (memchk.h), unbind detaches it;
-                             so does MEM_CHECKED=1 in the environment */
+  bool checked = false;    /**< bind attaches the checking layer (memchk.h), unbind detaches it;
+                                so does MEM_CHECKED=1 in the environment */
+  bool statistics = false; /**< bind attaches the layer to count everything for Host::statistics,
+                                without its checks unless they are wanted as well */
+  bool places = false;     /**< as statistics; the layer also keeps the place of each entry and cell
+                                for maps, as it does where it checks */
 
   /** @name What is found at the end */
   /** @{ */
@@ -239,6 +243,138 @@ struct Fault {
 struct Message {
   std::string name;
   std::string text;
+};
+
+/** Where a component has opened an object or made an entry. */
+struct StatisticsPlace {
+  std::string service;    /**< entry point that the component called; empty when it is not known */
+  std::uint64_t call = 0; /**< number of the component's call (memchk.h); 0 without the layer */
+  std::uint64_t thread = 0;     /**< as in Leak; of buffers, entries and cells as in memchk.h */
+  const void *caller = nullptr; /**< address after the component's call instruction; null without
+                                     the layer */
+  std::string from; /**< the same as file and offset, with the function where it is exported */
+  std::uint64_t storageCall = 0; /**< number of the call that obtained the object's first area, as
+                                      in Leak; 0 for buffers, entries and cells */
+};
+
+/** What was asked for: entries, cells, records, appended texts, texts of the sink. */
+struct Usage {
+  std::int64_t made = 0;
+  std::int64_t freed = 0;
+  std::int64_t live = 0;
+  std::int64_t bytesAsked = 0; /**< of all that were made, in bytes */
+  std::int64_t bytesLive = 0;
+  std::int64_t bytesPeak = 0;
+  std::array<std::int64_t, 33> histogram{}; /**< [n]: how many had a length of n binary digits,
+                                                 which is 2^(n-1) or more; [0]: of none */
+};
+
+/** An entry or a cell in a map. */
+struct MappedEntry {
+  std::uint64_t offset = 0; /**< from the start of its area */
+  std::uint64_t asked = 0;
+  std::uint64_t taken = 0; /**< bytes that it occupies, without red zones */
+  std::uint64_t zone = 0;  /**< length of each of its two red zones */
+  StatisticsPlace made;
+  std::optional<StatisticsPlace> freed; /**< of an enhanced heap's entry that was freed */
+};
+
+/** An area or a large block in a map. */
+struct MappedArea {
+  const void *area = nullptr;
+  std::uint64_t length = 0;
+  std::uint64_t head = 0; /**< bytes that the library keeps at the start */
+  bool isLarge = false;
+  std::uint64_t free = 0; /**< heaps: offset of what no entry has got */
+  std::vector<MappedEntry> entries;
+};
+
+/** What has become of an object between two snapshots. */
+enum class Change { none, opened, closed, changed };
+
+/** An open heap, pool, table or buffer. Figures that the object's family has not are 0. */
+struct ObjectStatistics {
+  enum class Kind { standardHeap, enhancedHeap, cellPool, hashTable, buffer };
+
+  Kind kind = Kind::standardHeap;
+  const void *handle = nullptr; /**< of a buffer its control block */
+  StatisticsPlace opened;
+  Change change = Change::none; /**< in a difference */
+
+  /** @name Heaps and pools */
+  /** @{ */
+  std::uint16_t subPool = 0;
+  std::uint64_t areaSize = 0;
+  std::uint64_t cellLen = 0; /**< pools */
+  std::int64_t areas = 0;
+  std::int64_t largeBlocks = 0;   /**< heaps */
+  std::int64_t bytesObtained = 0; /**< from the host; of buffers, too */
+  std::int64_t bytesUsed = 0;     /**< of these, with headers, rounding and red zones */
+  std::int64_t bytesWasted = 0;   /**< at the ends of areas */
+  std::vector<MappedArea> map;    /**< in a snapshot with maps */
+  /** @} */
+
+  /** @name Tables and buffers */
+  /** @{ */
+  const void *heap = nullptr; /**< of a table's records */
+  std::int64_t duplicates = 0;
+  std::int64_t found = 0;
+  std::int64_t notFound = 0;
+  std::int64_t bytesObtainedPeak = 0;
+  std::int64_t moves = 0; /**< of a buffer's text */
+  /** @} */
+
+  std::optional<Usage> usage; /**< nothing without the layer */
+};
+
+/** The objects of a family. Nothing in the counts: not known. */
+struct FamilyStatistics {
+  std::optional<std::int64_t> opened;
+  std::optional<std::int64_t> closed;
+  std::vector<ObjectStatistics> open; /**< in the order of opening */
+};
+
+struct SinkStatistics {
+  std::int64_t areas = 0; /**< of the sink's subpool */
+  std::int64_t bytesObtained = 0;
+  std::int64_t bytesObtainedPeak = 0;
+  std::optional<Usage> texts;  /**< each text of each call */
+  std::optional<Usage> copies; /**< each shared copy once */
+  std::int64_t found = 0;
+  std::int64_t notFound = 0;
+};
+
+struct ServiceStatistics {
+  std::uint32_t slot = 0;
+  std::string service;
+  std::int64_t calls = 0;
+  std::int64_t failures = 0;
+};
+
+/** What components have opened and use: a snapshot, or the difference of two. All figures are
+ * signed: in a difference they say by how much each has risen. docs/reference-host.md tells which
+ * of them need the checking layer. */
+struct Statistics {
+  bool isDifference = false;
+  bool isCounted = false; /**< the layer was attached */
+  std::int64_t componentCalls = 0;
+  std::int64_t reports = 0;
+  std::vector<ServiceStatistics> services; /**< those that were called, by slot */
+  FamilyStatistics heaps;
+  FamilyStatistics pools;
+  std::optional<FamilyStatistics> tables;
+  std::optional<FamilyStatistics> buffers;
+  SinkStatistics sink;
+
+  /** What has changed since an earlier snapshot. An object counts as nothing before it was opened
+   * and after it was closed; one without a change is left out, and so are maps. */
+  Statistics since(const Statistics &before) const;
+
+  /** Tables for reading. */
+  std::string table() const;
+  /** One line with the members of MEMCheckStatistics' JSON (docs/checking-layer.md), and further
+   * ones. What is not known is left out. */
+  std::string json() const;
 };
 
 class Host {
@@ -312,13 +448,18 @@ class Host {
    * once. REQUIRES: no call through the vector is running. */
   Findings report();
 
-  /** @name The checking layer, with Options::checked
+  /** @name The checking layer, with Options::checked, statistics or places
    * Its reports go to stderr. check is null while no layer is attached; checkReports counts since
    * construction. */
   /** @{ */
   MEMCheck *check() const;
   std::uint64_t checkReports() const;
   /** @} */
+
+  /** What is open and how it is used. With the layer attached services may run meanwhile; without
+   * it, REQUIRES: no call through the vector is running, since control blocks are read. Maps need
+   * Options::checked or Options::places. */
+  Statistics statistics(bool withMaps = false) const;
 
   /** @name Fault injection
    * Arming replaces an earlier fault of the same service. Frames cannot fail: arming EnterFrame or

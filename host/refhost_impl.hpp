@@ -85,7 +85,7 @@ struct Host::Impl {
   bool isBound = false;
   const void *libraryModule = nullptr;  // of the library bound last
   const bool checked;
-  MEMCheck *check = nullptr;  // attached to `vector` while bound and checked
+  MEMCheck *check = nullptr;  // attached to `vector` while bound, when checked or counting
   std::atomic<std::uint64_t> checkReports{0};
   MEMSysEnv sysEnv{};
   std::array<void *, MEM_HOST_VECTORS> hostCells{};

@@ -91,6 +91,9 @@ typedef void MEMCheckTextFn(void *pContext, const char *pText, size_t Len);
 #define MEMCHK_NO_CHECKERS                                               \
   0x00000004U /**< tell AddressSanitizer and valgrind nothing: damage is \
                    found by the layer's own looks only */
+#define MEMCHK_PLACES                                                           \
+  0x00000008U /**< with MEMCHK_NO_CHECKS: keep the place of each entry and cell \
+                   for MEMCheckMap; without it they are kept anyway */
 /** @} */
 
 enum {
@@ -105,7 +108,8 @@ enum {
 /** How a layer works. Zeros, but for `Size`, are the defaults. */
 typedef struct MEMCheckOptions {
   uint32_t Size;        /**< sizeof(MEMCheckOptions); what lies beyond counts as 0 */
-  uint32_t Flags;       /**< MEMCHK_STATISTICS, MEMCHK_NO_CHECKS, MEMCHK_NO_CHECKERS */
+  uint32_t Flags;       /**< MEMCHK_STATISTICS, MEMCHK_NO_CHECKS, MEMCHK_NO_CHECKERS,
+                             MEMCHK_PLACES */
   uint32_t VerifyEvery; /**< verify everything at each so many calls of components; 0 = never */
   uint32_t RedZone;     /**< bytes before and after each entry, made a multiple of 16; 0 =
                              MEMCHK_RED_ZONE */
@@ -140,6 +144,10 @@ uint64_t MEMCheckReports(const MEMCheck *pCheck);
 /** Passes the statistics on as one JSON text in UTF-8, piece by piece. docs/checking-layer.md lists
  * the members. Services may run meanwhile; each object's figures fit together. */
 int16_t MEMCheckStatistics(MEMCheck *pCheck, MEMCheckTextFn *pText, void *pContext);
+
+/** The same, with a member "map" in each heap and pool: its areas and what lies where in them.
+ * `memtool heapmap` draws it. There is none under MEMCHK_NO_CHECKS without MEMCHK_PLACES. */
+int16_t MEMCheckMap(MEMCheck *pCheck, MEMCheckTextFn *pText, void *pContext);
 
 #ifdef __cplusplus
 }

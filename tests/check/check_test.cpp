@@ -765,9 +765,10 @@ TEST_F(CheckTest, ThreadsShareAnEnhancedHeapUnderTheLayer) {
 
 // --- statistics
 
-nlohmann::json statisticsOf(MEMCheck *check) {
+nlohmann::json statisticsOf(MEMCheck *check,
+                            decltype(&MEMCheckStatistics) ask = MEMCheckStatistics) {
   std::string text;
-  MEMCheckStatistics(
+  ask(
       check,
       [](void *pContext, const char *pText, std::size_t len) {
         static_cast<std::string *>(pContext)->append(pText, len);
@@ -800,6 +801,7 @@ TEST_F(CheckTest, StatisticsOfHeapsAreThoseOfTheComponent) {
   EXPECT_EQ(heap["kind"], "enhanced");
   EXPECT_EQ(heap["handle"], "0x" + hex16(enhanced));
   EXPECT_EQ(heap["opened"]["service"], "MEM_EHeapOpen");
+  EXPECT_EQ(heap["opened"]["from"].get<std::string>().find("check_test"), 0U) << heap["opened"];
   EXPECT_EQ(heap["subPool"], 7);
   EXPECT_EQ(heap["areaSize"], 1024);
   EXPECT_EQ(heap["areas"], 2);
@@ -846,6 +848,106 @@ TEST_F(CheckTest, StatisticsOfPools) {
     EXPECT_EQ(mem.MEM_CellClose(pool), 0);
     detach();
   }
+}
+
+// The parts of an area of a map as "64+100/104 MEM_EHeapAllocEntry": offset, bytes asked and taken.
+std::string mapText(const nlohmann::json &area) {
+  std::string text;
+  for (const nlohmann::json &entry : area["entries"]) {
+    text += (text.empty() ? "" : ", ") + std::to_string(entry["offset"].get<int>()) + "+" +
+            std::to_string(entry["asked"].get<int>()) + "/" +
+            std::to_string(entry["taken"].get<int>()) + " " +
+            entry["made"]["service"].get<std::string>();
+    if (entry.count("freed") != 0)
+      text += ", freed by " + entry["freed"]["service"].get<std::string>();
+  }
+  return text;
+}
+
+TEST_F(CheckTest, MapsShowWhereEntriesOfHeapsLie) {
+  attach({.flags = MEMCHK_NO_CHECKS | MEMCHK_PLACES});
+  openHeaps(1);
+  void *entry = take(enhanced, 100);
+  take(enhanced, 5);
+  take(enhanced, 900);  // a second area
+  take(enhanced, 2000);
+  take(standard, 30);
+  EXPECT_EQ(mem.MEM_EHeapFreeEntry(enhanced, 100, entry), 0);
+
+  const nlohmann::json all = statisticsOf(check, MEMCheckMap);
+  const nlohmann::json &heap = all["heaps"]["open"][1];
+  EXPECT_EQ(heap["bytesLive"], 2905) << "as without places";
+  const nlohmann::json &map = heap["map"];
+  ASSERT_EQ(map.size(), 3U);
+  EXPECT_EQ(map[0]["area"], heap["handle"]);
+  EXPECT_EQ(map[0]["length"], 1024);
+  EXPECT_EQ(map[0]["head"], 64);
+  EXPECT_EQ(map[0]["free"], 184);
+  EXPECT_EQ(map[0]["isLarge"], false);
+  EXPECT_EQ(mapText(map[0]),
+            "64+100/104 MEM_HeapAllocEntryLong, freed by MEM_EHeapFreeEntry, "
+            "168+5/16 MEM_HeapAllocEntryLong");
+  EXPECT_EQ(map[1]["head"], 24);
+  EXPECT_EQ(map[1]["free"], 24 + 904);
+  EXPECT_EQ(mapText(map[1]), "24+900/904 MEM_HeapAllocEntryLong");
+  EXPECT_EQ(map[2]["isLarge"], true);
+  EXPECT_EQ(map[2]["length"], 2024);
+  EXPECT_EQ(mapText(map[2]), "24+2000/2000 MEM_HeapAllocEntryLong");
+  EXPECT_EQ(all["heaps"]["open"][0]["map"][0]["head"], 56);
+  EXPECT_EQ(mapText(all["heaps"]["open"][0]["map"][0]), "56+30/32 MEM_HeapAllocEntryLong");
+  EXPECT_EQ(statisticsOf(check)["heaps"]["open"][0].count("map"), 0U) << "where none is wanted";
+  closeHeaps();
+}
+
+TEST_F(CheckTest, MapsOfCheckedHeapsHaveRedZones) {
+  attach({.toldCheckers = true});
+  openHeaps();
+  take(standard, 30);
+  take(standard, 10000);
+  const nlohmann::json map = statisticsOf(check, MEMCheckMap)["heaps"]["open"][0]["map"];
+  ASSERT_EQ(map.size(), 2U);
+  EXPECT_EQ(mapText(map[0]), "120+30/32 MEM_HeapAllocEntryLong");
+  EXPECT_EQ(map[0]["entries"][0]["zone"], 64);
+  EXPECT_EQ(map[0]["free"], 120 + 32 + 64);
+  EXPECT_EQ(mapText(map[1]), "88+10000/10000 MEM_HeapAllocEntryLong");
+  EXPECT_EQ(map[1]["length"], 24 + 64 + 10000 + 64);
+  closeHeaps();
+}
+
+TEST_F(CheckTest, MapsShowWhichCellsAreInUse) {
+  for (const std::uint32_t flags : {0U, MEMCHK_NO_CHECKS | MEMCHK_PLACES}) {
+    attach({.flags = flags, .toldCheckers = true});
+    HMEMCELL pool = openPool(1024, 100);
+    std::vector<std::uint8_t *> cells;
+    for (int i = 0; i < 10; ++i) cells.push_back(takeCell(pool));  // 8 in the first area
+    for (const int i : {0, 1, 2, 3, 5, 7, 9}) {
+      EXPECT_EQ(mem.MEM_CellFreeEntry(pool, cells[static_cast<std::size_t>(i)]), 0);
+    }
+    const nlohmann::json map = statisticsOf(check, MEMCheckMap)["pools"]["open"][0]["map"];
+    ASSERT_EQ(map.size(), 2U);
+    const bool isInOrder = map[0]["area"] == "0x" + hex16(pool);  // they are by address
+    const nlohmann::json &first = map[isInOrder ? 0 : 1];
+    const nlohmann::json &second = map[isInOrder ? 1 : 0];
+    EXPECT_EQ(first["head"], 216);
+    EXPECT_EQ(first["length"], 1024);
+    EXPECT_EQ(mapText(first), "616+100/100 MEM_CellAllocEntry, 816+100/100 MEM_CellAllocEntry");
+    EXPECT_EQ(second["head"], 0);
+    EXPECT_EQ(mapText(second), "0+100/100 MEM_CellAllocEntry");
+    EXPECT_EQ(mem.MEM_CellClear(pool), 0);
+    const nlohmann::json cleared = statisticsOf(check, MEMCheckMap)["pools"]["open"][0]["map"];
+    ASSERT_EQ(cleared.size(), 1U);
+    EXPECT_EQ(mapText(cleared[0]), "");
+    EXPECT_EQ(mem.MEM_CellClose(pool), 0);
+    detach();
+  }
+}
+
+TEST_F(CheckTest, WithoutPlacesThereIsNoMap) {
+  attach({.flags = MEMCHK_NO_CHECKS});
+  openHeaps();
+  take(standard, 30);
+  EXPECT_EQ(statisticsOf(check, MEMCheckMap)["heaps"]["open"][0].count("map"), 0U);
+  closeHeaps();
 }
 
 TEST_F(CheckTest, StatisticsOfTablesBuffersAndTheSink) {

@@ -6,11 +6,11 @@
 # ROOT  the root of the tree
 cmake_minimum_required(VERSION 3.25)
 
-file(GLOB texts ${ROOT}/docs/pictures/*.dot)
+file(GLOB texts ${ROOT}/docs/pictures/*.dot ${ROOT}/docs/pictures/*.json)
 foreach(text IN LISTS texts)
   cmake_path(GET text FILENAME name)
   file(SHA256 ${text} sum)
-  string(REGEX REPLACE "\\.dot$" ".svg" picture "${text}")
+  string(REGEX REPLACE "\\.[a-z]+$" ".svg" picture "${text}")
   file(STRINGS ${picture} made REGEX "^<!-- ${name} ${sum} -->$")
   if(NOT made)
     message(SEND_ERROR "${picture} is not what ${name} describes now; run docs/pictures/draw.sh")

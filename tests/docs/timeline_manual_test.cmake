@@ -1,5 +1,5 @@
 # The program of the page on the reference host writes its calls to a file: it must be JSON and begin
-# as the page shows.
+# as the page shows. The page's picture is drawn from such a file with the same calls.
 #
 #   cmake -DPROGRAM=… -DPAGE=… -DWORK=… [-DEMULATOR=…] -P timeline_manual_test.cmake
 cmake_minimum_required(VERSION 3.25)
@@ -30,6 +30,29 @@ foreach(i RANGE ${last})
 endforeach()
 if(NOT depth EQUAL 0 OR spans LESS 10)
   fail("timeline.json has ${spans} spans, ${depth} of them without end")
+endif()
+
+# events_of(<timeline> <result>)
+# What begins, ends and is marked, in order.
+function(events_of timeline result)
+  string(JSON count LENGTH "${timeline}")
+  math(EXPR last "${count} - 1")
+  set(events "")
+  foreach(i RANGE ${last})
+    string(JSON phase GET "${timeline}" ${i} ph)
+    string(JSON name ERROR_VARIABLE missing GET "${timeline}" ${i} name)
+    string(JSON function ERROR_VARIABLE missing GET "${timeline}" ${i} args function)
+    string(APPEND events "${phase} ${name} ${function}\n")
+  endforeach()
+  set(${result} "${events}" PARENT_SCOPE)
+endfunction()
+
+cmake_path(GET PAGE PARENT_PATH docs)
+file(READ ${docs}/pictures/timeline.json drawn)
+events_of("${drawn}" drawn)
+events_of("${timeline}" written)
+if(NOT drawn STREQUAL written)
+  fail("pictures/timeline.json has other calls than the program:\n${written}")
 endif()
 
 mask(timeline)

@@ -56,6 +56,223 @@ TEST_F(MemtoolCommandsTest, HeapmapOfTheExampleIsAsItWas) {
   EXPECT_EQ(outputOf({"heapmap", "script"}), readBytes(fixtures / "heapmap.txt"));
 }
 
+// What classes the legend of a picture explains, as "size1 17 to 64".
+std::vector<std::string> meaningsIn(const std::string &svg) {
+  std::vector<std::string> meanings;
+  std::size_t at = svg.find("Entries and cells by");
+  while (at != std::string::npos) {
+    at = svg.find("class=\"part ", at);
+    if (at == std::string::npos) break;
+    at += 12;
+    const std::string className = svg.substr(at, svg.find('"', at) - at);
+    at = svg.find("class=\"dim\">", at) + 12;
+    meanings.push_back(className + svg.substr(at, svg.find('<', at) - at).replace(0, 0, " "));
+  }
+  return meanings;
+}
+
+std::string pictureOf(std::vector<std::string> words) {
+  words.insert(words.begin(), "heapmap");
+  words.insert(words.end(), {"--svg", "out.svg"});
+  outputOf(words);
+  std::string svg = readBytes("out.svg");
+  EXPECT_EQ(XmlCheck::fault(svg), "");
+  return svg;
+}
+
+std::size_t countOf(const std::string &text, const std::string &part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+TEST_F(MemtoolCommandsTest, ColoursOfEntriesMeanWhatTheLegendSays) {
+  writeBytes("script",
+             "open h heap 1\nentry h a 16\nentry h b 17\nchain h c 64 3\n"
+             "entry h d 65\nentry h e 300\nentry h f 2000\nentry h g 5000\n");
+  const std::string bySize = pictureOf({"script"});
+  EXPECT_EQ(meaningsIn(bySize),
+            (std::vector<std::string>{"size0 up to 16", "size1 17 to 64", "size2 65 to 256",
+                                      "size3 257 to 1,024", "size4 1,025 to 4,096",
+                                      "size5 4,097 and more"}));
+  EXPECT_EQ(countOf(bySize, "class=\"part size1\""), 1U + 3U + 1U) << "b, c.1 to c.3, legend";
+  EXPECT_EQ(pictureOf({"script", "--colour", "size"}), bySize);
+  const std::string byAge = pictureOf({"script", "--colour", "age"});
+  EXPECT_NE(byAge.find("by the script's line"), std::string::npos);
+  EXPECT_EQ(meaningsIn(byAge), (std::vector<std::string>{"age0 1 to 2", "age1 3 to 4", "age2 5",
+                                                         "age3 6 to 7", "age4 8"}));
+  const std::string byOwner = pictureOf({"script", "--colour", "owner"});
+  EXPECT_EQ(meaningsIn(byOwner),
+            (std::vector<std::string>{"owner0 g", "owner1 f", "owner2 e", "owner3 c", "owner4 d",
+                                      "owner5 b", "owner6 a"}));
+  EXPECT_EQ(countOf(byOwner, "class=\"part owner3\""), 3U + 1U);
+}
+
+TEST_F(MemtoolCommandsTest, OwnersThatAreManyShareAColour) {
+  std::string script = "open h heap 4\n";
+  for (int i = 0; i < 12; ++i) {
+    script += "entry h e" + std::to_string(i) + " " + std::to_string(200 - 8 * i) + "\n";
+  }
+  writeBytes("script", script);
+  const std::string svg = pictureOf({"script", "--colour", "owner"});
+  const std::vector<std::string> meanings = meaningsIn(svg);
+  ASSERT_EQ(meanings.size(), 8U);
+  EXPECT_EQ(meanings.front(), "owner0 e0");
+  EXPECT_EQ(meanings.back(), "owner7 others");
+  EXPECT_EQ(countOf(svg, "class=\"part owner7\""), 5U + 1U);
+}
+
+TEST_F(MemtoolCommandsTest, ColoursAreAskedForWithAPicture) {
+  expectRefused(2, "--colour goes with --svg", {"heapmap", "--colour", "age"});
+  expectRefused(2, "--colour", {"heapmap", "--svg", "out.svg", "--colour", "blue"});
+}
+
+// --- statistics of a program
+
+// A host with a heap, a pool and a table, and what it writes of them.
+std::string snapshotOf(const refhost::Options &options, bool withMaps = true) {
+  const refhost::Library module(refhost::Library::besideProgram());
+  refhost::Session session(module.bindEntry(), options);
+  const MEMFunctionVector &mem = session.vector();
+  HMEMHEAP heap = nullptr;
+  HMEMCELL pool = nullptr;
+  void *entry = nullptr;
+  EXPECT_EQ(mem.MEM_EHeapOpen(&heap, 1, 7), 0);
+  for (const int length : {100, 5, 900, 2000}) {
+    EXPECT_EQ(mem.MEM_EHeapAllocEntry(heap, length, &entry), 0);
+    if (length == 100) {
+      EXPECT_EQ(mem.MEM_EHeapFreeEntry(heap, length, entry), 0);
+    }
+  }
+  EXPECT_EQ(mem.MEM_CellOpen(&pool, 1024, 100, 7), 0);
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(mem.MEM_CellAllocEntry(pool, &entry), 0);
+    if (i == 4) {
+      EXPECT_EQ(mem.MEM_CellFreeEntry(pool, entry), 0);
+    }
+  }
+  std::string json = session.host().statistics(withMaps).json();
+  EXPECT_EQ(mem.MEM_CellClose(pool), 0);
+  EXPECT_EQ(mem.MEM_EHeapClose(heap), 0);
+  return json;
+}
+
+refhost::Options withPlaces() {
+  refhost::Options options;
+  options.places = true;
+  return options;
+}
+
+// Lines of a table without where entries were made.
+std::string linesOf(const std::string &text) {
+  std::istringstream stream(text);
+  std::string shown;
+  for (std::string line; std::getline(stream, line);) {
+    line.resize(std::min(line.find("  MEM_"), line.size()));
+    shown += line.substr(0, line.find_last_not_of(' ') + 1) + '\n';
+  }
+  return shown;
+}
+
+TEST_F(MemtoolCommandsTest, SnapshotsOfProgramsAreShown) {
+  writeBytes("snapshot.json", snapshotOf(withPlaces()));
+  const std::string shown = linesOf(outputOf({"heapmap", "snapshot.json"}));
+  for (const char *const part :
+       {"== snapshot.json after 19 calls\n",
+        "heap 1: enhanced heap, areas of 1,024 bytes, subpool 7\n"
+        "  opened by MEM_EHeapOpen, call 2; 3 entries of 2,905 bytes, 840 lost at the ends of "
+        "areas\n",
+        "        64    104  #3 (100), freed\n       168     16  #5 (5)\n       184    840  free\n",
+        "         0     24  head\n        24    904  #6 (900)\n       928     96  free\n",
+        "  large block, 2,024 bytes\n", "        24   2000  #7\n",
+        "pool 1: cell pool, areas of 1,024 bytes, cells of 100 bytes, subpool 7\n",
+        "       216    100  #9\n", "       616    100  #15\n", "  area 2, 1,024 bytes\n"}) {
+    EXPECT_NE(shown.find(part), std::string::npos) << part << "is not in\n" << shown;
+  }
+  const std::string svg = pictureOf({"snapshot.json", "--colour", "owner"});
+  const std::vector<std::string> meanings = meaningsIn(svg);
+  ASSERT_EQ(meanings.size(), 2U);
+  EXPECT_EQ(meanings[0].find("owner0 MEM_EHeapAllocEntry from memtool_commands_test"), 0U)
+      << meanings[0];
+  EXPECT_EQ(meanings[1].find("owner1 MEM_CellAllocEntry from memtool_commands_test"), 0U)
+      << meanings[1];
+  EXPECT_NE(svg.find("large block, 2,024 bytes, not drawn to its end"), std::string::npos);
+  EXPECT_NE(pictureOf({"snapshot.json", "--colour", "age"}).find("by the call that made them"),
+            std::string::npos);
+}
+
+TEST_F(MemtoolCommandsTest, SnapshotsOfCheckedProgramsHaveRedZones) {
+  refhost::Options options;
+  options.checked = true;
+  writeBytes("snapshot.json", snapshotOf(options));
+  const std::string shown = linesOf(outputOf({"heapmap", "snapshot.json"}));
+  EXPECT_NE(shown.find("        64     64  red zone\n       128    104  #2 (100), freed\n"
+                       "       232     64  red zone\n"),
+            std::string::npos)
+      << shown;
+  EXPECT_NE(pictureOf({"snapshot.json"}).find(">red zone<"), std::string::npos);
+}
+
+// Of a big heap's areas the first are drawn, and entries that nobody could tell apart are one part.
+TEST_F(MemtoolCommandsTest, PicturesOfBigHeapsStaySmall) {
+  std::string areas;
+  for (int area = 0; area < 1000; ++area) {
+    areas += areas.empty() ? "" : ",";
+    areas += R"({"area":"0x1","length":262144,"head":24,"isLarge":false,"free":262144,"entries":[)";
+    for (int i = 0; area < 30 && i < 1000; ++i) {
+      areas += (i == 0 ? "" : ",") + std::string(R"({"offset":)") + std::to_string(24 + 8 * i) +
+               R"(,"asked":8,"taken":8,"made":null})";
+    }
+    areas += "]}";
+  }
+  writeBytes("big.json", R"({"heaps":{"open":[{"handle":"0x1","opened":null,"kind":"standard",)"
+                         R"("subPool":7,"areaSize":262144,"live":1,"bytesLive":8,"bytesWasted":0,)"
+                         R"("map":[)" +
+                             areas + "]}]}}");
+  const std::string svg = pictureOf({"big.json"});
+  EXPECT_LT(svg.size(), 50000U);
+  EXPECT_NE(svg.find("976 more areas and large blocks are not drawn"), std::string::npos);
+  EXPECT_NE(svg.find(">not known<"), std::string::npos);
+}
+
+TEST_F(MemtoolCommandsTest, WhatIsNoSnapshotIsRefusedWithItsPlace) {
+  const auto refused = [](const std::string &json, const std::string &text) {
+    writeBytes("x.json", json);
+    expectRefused(1, text, {"heapmap", "x.json"});
+  };
+  refused("{", "x.json: no JSON from byte 1 on");
+  refused("{}", "x.json: these are no statistics of heaps and pools");
+  refused(R"({"isDifference":true,"heaps":{"open":[]}})", "a difference of statistics has no maps");
+  refused(snapshotOf(withPlaces(), false), "no heap or pool has a map: statistics(true)");
+  refused(snapshotOf({}, true), "no heap or pool has a map");
+  const std::string before =
+      R"({"heaps":{"open":[{"handle":"0x1","opened":null,"kind":"standard","subPool":7,)"
+      R"("areaSize":1024,"live":1,"bytesLive":8,"bytesWasted":0,"map":[{"area":"0x1",)";
+  const auto refusedArea = [&](const std::string &area, const std::string &text) {
+    refused(before + area + "}]}]}}", text);
+  };
+  refusedArea(R"("length":-1)", "map[0].length: expected a whole number from 1 to 4294967295");
+  refusedArea(R"("length":1024,"head":1025)", "head: expected a whole number from 0 to 1024");
+  refusedArea(R"("length":1024,"head":24,"free":1025)", "free: expected a whole number");
+  refusedArea(R"("length":1024,"head":24)", "\"entries\" is missing");
+  const std::string entries = R"("length":1024,"head":24,"entries":[{"offset":)";
+  refusedArea(entries + R"(1025}])", "entries[0].offset: expected a whole number from 0 to 1024");
+  refusedArea(entries + R"(1000,"asked":1,"taken":25}])", "taken: expected a whole number from 0");
+  refusedArea(entries + R"(900,"zone":901}])", "zone: expected a whole number from 0 to 900");
+  refusedArea(entries + R"(900,"zone":100,"asked":1,"taken":100}])", "ends behind its area");
+  refusedArea(entries + R"(16,"asked":1,"taken":8,"made":null}])",
+              "the entry at offset 16 begins before 24");
+  refusedArea(entries + R"(40,"zone":32,"asked":1,"taken":8,"made":null}])",
+              "the entry at offset 40 begins before 24");
+  refusedArea(entries + R"(24,"asked":1,"taken":16,"made":null},)"
+                        R"({"offset":32,"asked":1,"taken":16,"made":null}])",
+              "the entry at offset 32 begins before 40");
+  refusedArea(entries + R"(24,"asked":1,"taken":16,"made":{"service":1}}])",
+              "made.service: expected text");
+}
+
 TEST_F(MemtoolCommandsTest, OutputsReplaceOldFilesWhole) {
   memtool::writeFile("out", "new");
   EXPECT_EQ(readBytes("out"), "new");
@@ -190,6 +407,7 @@ std::string takeBetween(const std::string &text, std::size_t &at, const std::str
 TEST_F(MemtoolCommandsTest, ManualShowsRealOutput) {
   const std::filesystem::path fixtures(MEM_FIXTURES);
   std::filesystem::copy_file(fixtures / "memtool" / "items.chain", "items.chain");
+  std::filesystem::copy_file(fixtures / "memtool" / "orders.json", "orders.json");
   std::filesystem::copy_file(fixtures / "chains" / "ebcdic0200_32bit.chain", "mainframe.chain");
   std::string doubtful = readBytes("items.chain");
   doubtful[988] = 7;  // the upper half of the root's sibling pointer

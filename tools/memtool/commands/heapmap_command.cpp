@@ -1,10 +1,12 @@
-// memtool heapmap: runs a script of heap and cell calls and shows where everything lies.
+// memtool heapmap: shows where everything lies in heaps and pools, of a script of calls that it
+// runs or of a program whose statistics it reads.
 #include <iostream>
 #include <iterator>
 #include <memory>
 
 #include "heap_picture.hpp"
 #include "heap_script.hpp"
+#include "heap_snapshot.hpp"
 #include "memtool_commands.hpp"
 #include "tool_file.hpp"
 #include "tool_table.hpp"
@@ -27,15 +29,19 @@ constexpr const char *kFooter =
     "  close NAME                                      close a heap or a pool\n"
     "What is still open at the end is shown and closed.\n"
     "\n"
+    "A file that begins with { holds statistics of a running program with maps, as JSON.\n"
+    "\n"
     "Examples:\n"
     "  memtool heapmap --svg OUT.svg           the example, as text and as a picture\n"
     "  memtool heapmap --example > SCRIPT      the example's script, to change it\n"
     "  memtool heapmap SCRIPT                  another script\n"
+    "  memtool heapmap snapshot.json --svg OUT.svg --colour owner\n"
     "  echo 'open a heap 1' | memtool heapmap -";
 
 struct HeapmapOptions {
   std::vector<std::string> scripts;
   std::string picture;
+  std::string colour;
   bool showsExample = false;
 };
 
@@ -44,6 +50,7 @@ Ink inkOf(AreaPart::What what) {
     case AreaPart::What::Entry:
       return Ink::Name;
     case AreaPart::What::Freed:
+    case AreaPart::What::Zone:
       return Ink::Bad;
     default:
       break;
@@ -51,27 +58,34 @@ Ink inkOf(AreaPart::What what) {
   return Ink::Dim;
 }
 
-void printArea(Console &console, const Store &store, const StoreArea &area, std::size_t number) {
+// Of a program's entries their places in it, too; those of a script have names.
+void printArea(Console &console, const Store &store, const StoreArea &area, std::size_t number,
+               bool isOfProgram) {
   const std::string what = area.isLarge ? "large block" : "area " + std::to_string(number);
   console.print("  {}, {} bytes\n", what, grouped(area.length));
-  Table table({{"offset", true}, {"bytes", true}, {"what"}});
+  std::vector<Column> columns{{"offset", true}, {"bytes", true}, {"what"}};
+  if (isOfProgram) columns.push_back({"made by"});
+  Table table(std::move(columns));
   for (const AreaPart &part : partsOf(store, area)) {
-    table.add({{std::to_string(part.offset), Ink::Place},
-               {std::to_string(part.length)},
-               {part.text, inkOf(part.what)}});
+    std::vector<Cell> row{{std::to_string(part.offset), Ink::Place},
+                          {std::to_string(part.length)},
+                          {part.text, inkOf(part.what)}};
+    if (part.entry != nullptr && isOfProgram) row.push_back({part.entry->owner});
+    table.add(std::move(row));
   }
   console.write(table.text(console, 4));
 }
 
-void printStore(Console &console, const Store &store) {
+void printStore(Console &console, const Store &store, bool isOfProgram) {
   console.print("{}: {}, areas of {} bytes", console.paint(Ink::Heading, store.name),
                 nameOf(store.type), grouped(store.areaLen));
   if (store.type == StoreType::Pool) console.print(", cells of {} bytes", grouped(store.cellLen));
   console.print(", subpool {}\n", store.subPool);
+  if (!store.note.empty()) console.print("  {}\n", store.note);
   std::size_t number = 0;
   for (const StoreArea &area : store.areas) {
     if (!area.isLarge) ++number;
-    printArea(console, store, area, number);
+    printArea(console, store, area, number, isOfProgram);
   }
 }
 
@@ -83,7 +97,9 @@ void printSnapshots(Console &console, const std::vector<Snapshot> &snapshots) {
     if (!snapshot.caption.empty()) {
       console.print("{}\n", console.paint(Ink::Heading, "== " + snapshot.caption));
     }
-    for (const Store &store : snapshot.stores) printStore(console, store);
+    for (const Store &store : snapshot.stores) {
+      printStore(console, store, snapshot.isOfProgram);
+    }
   }
 }
 
@@ -92,14 +108,23 @@ std::string scriptText(const std::string &file) {
   return readFile(file);
 }
 
-ExitCode runScript(Tool &tool, const HeapmapOptions &options, const std::string &file) {
-  const std::string name = file.empty() ? "the example" : file;
-  const std::string script = scriptText(file);
+std::vector<Snapshot> snapshotsOf(Tool &tool, const std::string &name, const std::string &text) {
+  if (isHeapSnapshot(text)) return {readHeapSnapshot(name, text)};
   RunningLibrary library(pathFromUtf8(tool.library));
-  const std::vector<Snapshot> snapshots = runHeapScript(library, name, script);
+  return runHeapScript(library, name, text);
+}
+
+ColourBy colourOf(const HeapmapOptions &options) {
+  if (options.colour == "age") return ColourBy::Age;
+  return options.colour == "owner" ? ColourBy::Owner : ColourBy::Size;
+}
+
+ExitCode showFile(Tool &tool, const HeapmapOptions &options, const std::string &file) {
+  const std::string name = file.empty() ? "the example" : file;
+  const std::vector<Snapshot> snapshots = snapshotsOf(tool, name, scriptText(file));
   printSnapshots(tool.console, snapshots);
   if (options.picture.empty()) return kExitFine;
-  writeFile(options.picture, heapPicture(name, snapshots));
+  writeFile(options.picture, heapPicture(name, snapshots, colourOf(options)));
   tool.console.print("\n{}: the picture is written\n", options.picture);
   return kExitFine;
 }
@@ -110,12 +135,15 @@ ExitCode runHeapmap(Tool &tool, const HeapmapOptions &options) {
     return kExitFine;
   }
   if (!options.picture.empty() && options.scripts.size() > 1) {
-    throw UsageError("--svg takes one SCRIPT");
+    throw UsageError("--svg takes one SCRIPT or SNAPSHOT");
+  }
+  if (!options.colour.empty() && options.picture.empty()) {
+    throw UsageError("--colour goes with --svg");
   }
   std::vector<std::string> scripts = options.scripts;
   if (scripts.empty()) scripts.emplace_back();
   return forEachFile(tool, scripts, false, true,
-                     [&](const std::string &script) { return runScript(tool, options, script); });
+                     [&](const std::string &script) { return showFile(tool, options, script); });
 }
 
 }  // namespace
@@ -123,10 +151,17 @@ ExitCode runHeapmap(Tool &tool, const HeapmapOptions &options) {
 void addHeapmapCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<HeapmapOptions>();
   CLI::App *const command =
-      app.add_subcommand("heapmap", "Run heap and cell calls and show where everything lies");
-  command->add_option("SCRIPT", options->scripts, "The calls; - is stdin; none: an example")
+      app.add_subcommand("heapmap", "Show where everything lies in heaps and pools");
+  command
+      ->add_option("SCRIPT", options->scripts,
+                   "Calls to run, or a program's statistics; - is stdin; none: an example")
       ->type_name("");
   command->add_option("--svg", options->picture, "Draw the areas")->type_name("OUT.svg");
+  command
+      ->add_option("--colour", options->colour,
+                   "What the colours of entries mean: size (default), age or owner")
+      ->check(CLI::IsMember({"size", "age", "owner"}))
+      ->type_name("BY");
   command->add_flag("--example", options->showsExample, "Write the example's script");
   command->footer(kFooter);
   command->callback(

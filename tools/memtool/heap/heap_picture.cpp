@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <set>
+#include <utility>
 
 #include "tool_svg.hpp"
 #include "tool_text.hpp"
@@ -14,65 +16,94 @@ constexpr double kMargin = 20;
 constexpr double kBarWidth = 880;  // of the longest area
 constexpr double kBarHeight = 34;
 constexpr double kTickRow = 16;
+constexpr double kCutWidth = 20;  // that a large block may be longer
 constexpr double kLine = 20;
 constexpr double kPanelGap = 22;
 constexpr double kAreaGap = 10;
-constexpr double kTextPad = 2.5;  // beside a label
-constexpr std::size_t kEntryColours = 5;
+constexpr double kTextPad = 2.5;     // beside a label
+constexpr double kLeastWidth = 1.5;  // of a part that is drawn by itself
 
 constexpr const char *kStyles =
     "  .part { stroke: #777; stroke-width: 0.7; }\n"
     "  .head { fill: #c9ced6; } .free { fill: #fff; } .rest { fill: #ececec; }\n"
     "  .freed { fill: #f7d9d4; stroke-dasharray: 4 2; }\n"
-    "  .entry0 { fill: #cfe2f5; } .entry1 { fill: #d7ecd0; } .entry2 { fill: #f5e6c4; }\n"
-    "  .entry3 { fill: #e6d6ee; } .entry4 { fill: #cdebe8; }\n"
+    "  .dim { fill: #555; }\n"
+    "  .zone { fill: #e9a9a0; } .unknown { fill: #bdb7a6; }\n"
     "  .tick { stroke: #777; stroke-width: 0.7; }\n"
     "  .caption { font-size: 14px; font-weight: bold; }\n"
     "  .rule { stroke: #ccc; }\n";
 
 class HeapPicture {
  public:
-  explicit HeapPicture(const std::string &name) : svg_("Heaps and pools of " + name, kStyles) {}
+  HeapPicture(const std::string &name, const std::vector<Snapshot> &snapshots, ColourBy colour)
+      : colours_(colour, snapshots),
+        svg_("Heaps and pools of " + name, std::string(kStyles) + colours_.styles()) {}
 
   std::string draw(const std::vector<Snapshot> &snapshots);
 
  private:
   void findScale(const std::vector<Snapshot> &snapshots);
   void drawSnapshot(const Snapshot &snapshot);
-  void drawStore(const Store &store);
-  void drawArea(const Store &store, const StoreArea &area, std::size_t number);
-  bool drawPart(const AreaPart &part, std::size_t number);
+  void drawStore(const Store &store, bool isOfProgram);
+  void drawArea(const Store &store, const StoreArea &area, const std::string &what,
+                bool isOfProgram);
+  std::string classOf(const AreaPart &part);
+  bool drawPart(const AreaPart &part);
+  std::string drawParts(const std::vector<AreaPart> &parts);
   void drawTicks(const std::vector<AreaPart> &parts, std::uint32_t length);
   void drawLegend();
+  void drawMeaning(const std::string &className, const std::string &text);
 
-  double xOf(std::uint32_t offset) const { return kMargin + offset * scale_; }
+  // A large block that is longer than the bar is cut.
+  double xOf(std::uint32_t offset) const {
+    return kMargin + std::min(offset * scale_, kBarWidth + kCutWidth);
+  }
 
+  EntryColours colours_;
+  std::set<AreaPart::What> drawn_;
+  double legendX_ = kMargin;
   Svg svg_;
   double scale_ = 1;  // units of a byte
   double y_ = kMargin;
 };
 
-std::string classOf(const AreaPart &part, std::size_t number) {
-  switch (part.what) {
+const char *plainClassOf(AreaPart::What what) {
+  switch (what) {
     case AreaPart::What::Head:
       return "part head";
-    case AreaPart::What::Entry:
-      return fmt::format("part entry{}", number % kEntryColours);
     case AreaPart::What::Freed:
       return "part freed";
+    case AreaPart::What::Zone:
+      return "part zone";
+    case AreaPart::What::Unknown:
+      return "part unknown";
     case AreaPart::What::Free:
       return "part free";
-    case AreaPart::What::Rest:
+    default:
       break;
   }
   return "part rest";
 }
 
+std::string HeapPicture::classOf(const AreaPart &part) {
+  drawn_.insert(part.what);
+  return part.entry == nullptr ? plainClassOf(part.what) : colours_.classOf(*part.entry);
+}
+
+std::uint32_t longestArea(const Store &store, bool withLarge) {
+  std::uint32_t longest = 0;
+  for (const StoreArea &area : store.areas) {
+    if (withLarge || !area.isLarge) longest = std::max(longest, area.length);
+  }
+  return longest;
+}
+
+// Of all snapshots of a script.
 void HeapPicture::findScale(const std::vector<Snapshot> &snapshots) {
   std::uint32_t longest = 1;
   for (const Snapshot &snapshot : snapshots) {
     for (const Store &store : snapshot.stores) {
-      for (const StoreArea &area : store.areas) longest = std::max(longest, area.length);
+      longest = std::max(longest, longestArea(store, true));
     }
   }
   scale_ = kBarWidth / longest;
@@ -80,9 +111,9 @@ void HeapPicture::findScale(const std::vector<Snapshot> &snapshots) {
 
 // The label stands in its part, with what else there is to say where it fits. False when not even
 // the label does.
-bool HeapPicture::drawPart(const AreaPart &part, std::size_t number) {
-  const double width = part.length * scale_;
-  svg_.rect(xOf(part.offset), y_, width, kBarHeight, classOf(part, number));
+bool HeapPicture::drawPart(const AreaPart &part) {
+  const double width = xOf(part.offset + part.length) - xOf(part.offset);
+  svg_.rect(xOf(part.offset), y_, width, kBarHeight, classOf(part));
   const std::size_t columns = columnsIn(width - 2 * kTextPad);
   const std::string length = grouped(part.length);
   const std::string &text = displayColumns(part.text) <= columns ? part.text : part.label;
@@ -92,6 +123,23 @@ bool HeapPicture::drawPart(const AreaPart &part, std::size_t number) {
     svg_.text(xOf(part.offset) + kTextPad, y_ + 28, "mono dim", length);
   }
   return fits;
+}
+
+// Neighbours that look the same are drawn as one where they are too narrow to be told apart.
+// Returns the labels that found no place.
+std::string HeapPicture::drawParts(const std::vector<AreaPart> &parts) {
+  std::string outside;
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    const auto isNarrow = [&](const AreaPart &part) { return part.length * scale_ < kLeastWidth; };
+    AreaPart part = parts[i];
+    while (i + 1 < parts.size() && isNarrow(parts[i]) && isNarrow(parts[i + 1]) &&
+           classOf(parts[i]) == classOf(parts[i + 1])) {
+      part.length += parts[++i].length;
+    }
+    if (drawPart(part) || part.what == AreaPart::What::Head) continue;
+    outside += fmt::format("{}{}: {}", outside.empty() ? "at " : ", ", part.offset, part.text);
+  }
+  return outside;
 }
 
 // Offsets below the bar, as many as have room.
@@ -113,27 +161,26 @@ void HeapPicture::drawTicks(const std::vector<AreaPart> &parts, std::uint32_t le
   svg_.text(lastX, top + 14, "mono dim", last);
 }
 
-void HeapPicture::drawArea(const Store &store, const StoreArea &area, std::size_t number) {
-  const std::string what = area.isLarge ? "large block" : fmt::format("area {}", number);
-  svg_.text(kMargin, y_ + 12, "dim", fmt::format("{}, {} bytes", what, grouped(area.length)));
+// Labels that find no place stand below the bar; of a program's entries there are too many.
+void HeapPicture::drawArea(const Store &store, const StoreArea &area, const std::string &what,
+                           bool isOfProgram) {
+  const bool isCut = area.length * scale_ > kBarWidth + kCutWidth;
+  svg_.text(kMargin, y_ + 12, "dim",
+            fmt::format("{}, {} bytes{}", what, grouped(area.length),
+                        isCut ? ", not drawn to its end" : ""));
   y_ += kLine;
   const std::vector<AreaPart> parts = partsOf(store, area);
-  std::string outside;
-  for (std::size_t i = 0; i < parts.size(); ++i) {
-    if (drawPart(parts[i], i) || parts[i].what == AreaPart::What::Head) continue;
-    outside +=
-        fmt::format("{}{}: {}", outside.empty() ? "at " : ", ", parts[i].offset, parts[i].text);
-  }
-  drawTicks(parts, area.length);
-  y_ += kBarHeight + kTickRow;
-  if (!outside.empty()) {
+  const std::string outside = drawParts(parts);
+  if (!isCut) drawTicks(parts, area.length);
+  y_ += kBarHeight + (isCut ? 4 : kTickRow);
+  if (!outside.empty() && !isOfProgram) {
     svg_.text(kMargin, y_ + 14, "mono", fitted(outside, columnsIn(kBarWidth)));
     y_ += kTickRow;
   }
   y_ += kAreaGap;
 }
 
-void HeapPicture::drawStore(const Store &store) {
+void HeapPicture::drawStore(const Store &store, bool isOfProgram) {
   std::string text = fmt::format("{}: {}, areas of {} bytes", store.name, nameOf(store.type),
                                  grouped(store.areaLen));
   if (store.type == StoreType::Pool) {
@@ -141,11 +188,25 @@ void HeapPicture::drawStore(const Store &store) {
   }
   svg_.text(kMargin, y_ + 13, "label", text);
   y_ += kLine;
+  if (!store.note.empty()) {
+    svg_.text(kMargin, y_ + 12, "dim", store.note);
+    y_ += kLine;
+  }
+  if (isOfProgram) scale_ = kBarWidth / std::max(longestArea(store, false), 1U);
   std::size_t number = 0;
+  std::size_t drawn = 0;
   for (const StoreArea &area : store.areas) {
     if (!area.isLarge) ++number;
-    drawArea(store, area, number);
+    if (isOfProgram && drawn == kMostAreas) continue;
+    drawArea(store, area, area.isLarge ? "large block" : fmt::format("area {}", number),
+             isOfProgram);
+    ++drawn;
   }
+  if (drawn == store.areas.size()) return;
+  svg_.text(kMargin, y_ + 12, "dim",
+            fmt::format("{} more areas and large blocks are not drawn",
+                        grouped(store.areas.size() - drawn)));
+  y_ += kLine + kAreaGap;
 }
 
 void HeapPicture::drawSnapshot(const Snapshot &snapshot) {
@@ -154,25 +215,46 @@ void HeapPicture::drawSnapshot(const Snapshot &snapshot) {
     svg_.text(kMargin, y_ + 14, "caption", fitted(snapshot.caption, columnsIn(width)));
     y_ += kLine + 6;
   }
-  for (const Store &store : snapshot.stores) drawStore(store);
+  for (const Store &store : snapshot.stores) drawStore(store, snapshot.isOfProgram);
   svg_.line(kMargin, y_, kMargin + width, y_, "rule");
   y_ += kPanelGap;
 }
 
-void HeapPicture::drawLegend() {
-  constexpr std::pair<const char *, const char *> kLegend[] = {
-      {"part head", "what the library keeps"},
-      {"part entry0", "an entry or a cell (bytes asked for)"},
-      {"part freed", "freed, not used again"},
-      {"part free", "free"},
-      {"part rest", "too short for a cell"}};
-  double x = kMargin;
-  for (const auto &[className, text] : kLegend) {
-    svg_.rect(x, y_, 16, 12, className);
-    svg_.text(x + 22, y_ + 10, "dim", text);
-    x += 44 + 6.2 * static_cast<double>(columnsOf(text));
+// On the same line as the one before where there is room.
+void HeapPicture::drawMeaning(const std::string &className, const std::string &text) {
+  const double width = 44 + 6.8 * static_cast<double>(columnsOf(text));
+  if (legendX_ > kMargin && legendX_ + width > kMargin + kBarWidth) {
+    legendX_ = kMargin;
+    y_ += kLine;
   }
-  y_ += kLine + kMargin;
+  svg_.rect(legendX_, y_, 16, 12, className);
+  svg_.text(legendX_ + 22, y_ + 10, "dim", text);
+  legendX_ += width;
+}
+
+void HeapPicture::drawLegend() {
+  using What = AreaPart::What;
+  constexpr std::pair<What, const char *> kLegend[] = {{What::Head, "what the library keeps"},
+                                                       {What::Freed, "freed, not used again"},
+                                                       {What::Zone, "red zone"},
+                                                       {What::Unknown, "not known"},
+                                                       {What::Free, "free"},
+                                                       {What::Rest, "too short for a cell"}};
+  for (const auto &[what, text] : kLegend) {
+    if (drawn_.contains(what)) drawMeaning(plainClassOf(what), text);
+  }
+  y_ += kLine;
+  if (!colours_.meanings().empty()) {
+    y_ += kLine - 6;
+    svg_.text(kMargin, y_, "label", colours_.title());
+    y_ += 8;
+    legendX_ = kMargin;
+    for (const auto &[className, text] : colours_.meanings()) {
+      drawMeaning("part " + className, text);
+    }
+    y_ += kLine;
+  }
+  y_ += kMargin;
 }
 
 std::string HeapPicture::draw(const std::vector<Snapshot> &snapshots) {
@@ -184,8 +266,9 @@ std::string HeapPicture::draw(const std::vector<Snapshot> &snapshots) {
 
 }  // namespace
 
-std::string heapPicture(const std::string &name, const std::vector<Snapshot> &snapshots) {
-  return HeapPicture(name).draw(snapshots);
+std::string heapPicture(const std::string &name, const std::vector<Snapshot> &snapshots,
+                        ColourBy colour) {
+  return HeapPicture(name, snapshots, colour).draw(snapshots);
 }
 
 }  // namespace memtool

@@ -130,7 +130,8 @@ class Runner {
   Runner(const Runner &) = delete;
   Runner &operator=(const Runner &) = delete;
 
-  void runLine(const std::vector<std::string> &words);
+  // The line has this number.
+  void runLine(std::size_t line, const std::vector<std::string> &words);
   // Shows the end of the script unless it was just shown or nothing is open.
   std::vector<Snapshot> finish();
 
@@ -165,6 +166,7 @@ class Runner {
   std::vector<Store> stores_;
   std::vector<Snapshot> snapshots_;
   bool isShown_ = true;
+  std::size_t line_ = 0;
 };
 
 void Runner::expectWords(const Words &words, std::size_t least, std::size_t most,
@@ -204,7 +206,8 @@ void Runner::expectNewLabel(const Store &store, const std::string &label) {
   }
 }
 
-void Runner::runLine(const Words &words) {
+void Runner::runLine(std::size_t line, const Words &words) {
+  line_ = line;
   struct Verb {
     const char *name;
     void (Runner::*run)(const Words &words);
@@ -306,6 +309,12 @@ void *Runner::allocateEntry(Store &store, std::int32_t length) {
   return entry;
 }
 
+// Entries of a chain and cells of one line have the name that stands there.
+std::string ownerOf(const std::string &label) {
+  const std::size_t point = label.rfind('.');
+  return point == std::string::npos ? label : label.substr(0, point);
+}
+
 // Notes an entry in the area where it lies; the first one of an area shows how long its head is.
 void Runner::addEntry(Store &store, const std::string &label, const void *address,
                       std::uint32_t asked) {
@@ -316,6 +325,8 @@ void Runner::addEntry(Store &store, const std::string &label, const void *addres
     if (at < from || at - from >= area.length) continue;
     StoreEntry entry;
     entry.label = label;
+    entry.made = line_;
+    entry.owner = ownerOf(label);
     entry.offset = static_cast<std::uint32_t>(at - from);
     entry.asked = asked;
     const std::uint32_t least = store.type == StoreType::EnhancedHeap ? kLeastEnhancedEntry : 1;
@@ -462,70 +473,7 @@ std::vector<Snapshot> Runner::finish() {
   return std::move(snapshots_);
 }
 
-const char *whatOf(const StoreEntry &entry) {
-  return entry.isFreed ? ", freed" : "";
-}
-
-std::string entryText(const StoreEntry &entry) {
-  const bool isExact = entry.asked == entry.taken;
-  return isExact ? entry.label + whatOf(entry)
-                 : fmt::format("{} ({}){}", entry.label, entry.asked, whatOf(entry));
-}
-
-// The cells from `from` to `to`, none of which is in use.
-void addFreeCells(std::vector<AreaPart> &parts, std::uint32_t from, std::uint32_t to,
-                  std::uint32_t cellLen) {
-  if (from >= to) return;
-  const std::uint32_t count = (to - from) / cellLen;
-  const std::string text = count == 1 ? "1 free cell" : fmt::format("{} free cells", count);
-  parts.push_back({AreaPart::What::Free, from, to - from, "free", text});
-}
-
 }  // namespace
-
-const char *nameOf(StoreType type) {
-  switch (type) {
-    case StoreType::Heap:
-      return "standard heap";
-    case StoreType::EnhancedHeap:
-      return "enhanced heap";
-    case StoreType::Pool:
-      break;
-  }
-  return "cell pool";
-}
-
-std::vector<AreaPart> partsOf(const Store &store, const StoreArea &area) {
-  using What = AreaPart::What;
-  const bool isPool = store.type == StoreType::Pool;
-  std::vector<StoreEntry> entries;
-  for (const StoreEntry &entry : area.entries) {
-    if (!isPool || !entry.isFreed) entries.push_back(entry);  // a freed cell is a free cell
-  }
-  std::sort(entries.begin(), entries.end(),
-            [](const StoreEntry &a, const StoreEntry &b) { return a.offset < b.offset; });
-
-  std::vector<AreaPart> parts;
-  if (area.headLen > 0) parts.push_back({What::Head, 0, area.headLen, "head", "head"});
-  std::uint32_t at = area.headLen;
-  for (const StoreEntry &entry : entries) {
-    if (isPool) addFreeCells(parts, at, entry.offset, store.cellLen);
-    parts.push_back({entry.isFreed ? What::Freed : What::Entry, entry.offset, entry.taken,
-                     entry.label, entryText(entry)});
-    at = entry.offset + entry.taken;
-  }
-  std::uint32_t end = area.length;
-  if (isPool) {
-    end = at + (area.length - at) / store.cellLen * store.cellLen;
-    addFreeCells(parts, at, end, store.cellLen);
-  } else if (at < end) {
-    parts.push_back({What::Free, at, end - at, "free", "free"});
-  }
-  if (isPool && end < area.length) {
-    parts.push_back({What::Rest, end, area.length - end, "rest", "rest"});
-  }
-  return parts;
-}
 
 std::vector<Snapshot> runHeapScript(RunningLibrary &library, const std::string &name,
                                     std::string_view script) {
@@ -536,7 +484,7 @@ std::vector<Snapshot> runHeapScript(RunningLibrary &library, const std::string &
     script.remove_prefix(std::min(end + 1, script.size()));
     if (words.empty()) continue;
     try {
-      runner.runLine(words);
+      runner.runLine(line, words);
     } catch (const ToolError &error) {
       throw ToolError(fmt::format("{}, line {}: {}", name, line, error.what()));
     }

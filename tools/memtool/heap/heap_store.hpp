@@ -1,0 +1,68 @@
+// Heaps and pools with what lies where in them, from whatever they are known.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace memtool {
+
+enum class StoreType { Heap, EnhancedHeap, Pool };
+// "standard heap", "enhanced heap", "cell pool".
+const char *nameOf(StoreType type);
+
+// An entry or a cell.
+struct StoreEntry {
+  std::string label;
+  std::uint32_t offset = 0;  // in its area
+  std::uint32_t asked = 0;   // bytes asked for
+  std::uint32_t taken = 0;   // bytes that it occupies, without red zones
+  std::uint32_t zone = 0;    // bytes of the red zone on each side
+  std::uint64_t made = 0;    // number of the script's line or of the program's call; 0: not known
+  std::string owner = {};    // what made it: a name of the script, a place in the program
+  bool isFreed = false;
+};
+
+// An area or a large block, as obtained from the host.
+struct StoreArea {
+  const char *address = nullptr;
+  std::uint32_t length = 0;
+  bool isLarge = false;
+  std::uint32_t headLen = 0;  // what the library keeps at the start
+  std::uint32_t free = 0;     // where no entry has been; 0: behind the last one
+  std::vector<StoreEntry> entries = {};
+};
+
+// A heap or a pool.
+struct Store {
+  std::string name;
+  StoreType type = StoreType::Heap;
+  void *handle = nullptr;
+  std::uint32_t areaLen = 0;  // bytes
+  std::uint32_t cellLen = 0;  // of a pool
+  std::uint16_t subPool = 0;
+  std::vector<StoreArea> areas;
+  std::string note = {};  // of a program's: who opened it, how it is used
+};
+
+// The state after a line of a script, or of a program.
+struct Snapshot {
+  std::string caption;
+  std::vector<Store> stores;
+  bool isOfProgram = false;
+};
+
+// A part of an area.
+struct AreaPart {
+  enum class What { Head, Entry, Freed, Zone, Unknown, Free, Rest };
+  What what;
+  std::uint32_t offset;
+  std::uint32_t length;
+  std::string label;
+  std::string text;  // the label with what else there is to say
+  const StoreEntry *entry =
+      nullptr;  // of an entry that was not freed: it lives as long as the area
+};
+std::vector<AreaPart> partsOf(const Store &store, const StoreArea &area);
+
+}  // namespace memtool

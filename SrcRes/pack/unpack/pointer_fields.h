@@ -26,7 +26,7 @@ std::int64_t lastFieldEnd(const MemPackDescriptor &descriptor, std::uint32_t wid
 
 // True when no pointer field overlaps another one or the length word of its segment, so that each
 // can be stored without changing the others.
-// REQUIRES: the fields lie within the segment.
+// REQUIRES: the fields are within the segment.
 bool fieldsLieApart(const MemPackDescriptor &descriptor) noexcept;
 
 // One side of a copy between layouts.

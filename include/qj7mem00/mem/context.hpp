@@ -390,7 +390,8 @@ class [[nodiscard]] Result {
   static auto chained(Self &&self, Use &&use) noexcept {
     using Next = std::remove_cvref_t<decltype(std::invoke(std::forward<Use>(use),
                                                           std::forward<Self>(self).value()))>;
-    static_assert(detail::kIsResult<Next>, "mem: and_then takes what returns a Result or a Status");
+    static_assert(detail::kIsResult<Next>,
+                  "mem: and_then needs a function that returns a Result or a Status");
     if (!self.isOk()) return Next(self.error());
     return Next(std::invoke(std::forward<Use>(use), std::forward<Self>(self).value()));
   }
@@ -423,7 +424,8 @@ class [[nodiscard]] Result<void> {
   template <class Use>
   auto and_then(Use &&use) const noexcept {
     using Next = std::remove_cvref_t<std::invoke_result_t<Use>>;
-    static_assert(detail::kIsResult<Next>, "mem: and_then takes what returns a Result or a Status");
+    static_assert(detail::kIsResult<Next>,
+                  "mem: and_then needs a function that returns a Result or a Status");
     return isOk() ? Next(std::invoke(std::forward<Use>(use))) : Next(*error_);
   }
   template <class Use>

@@ -102,7 +102,7 @@ class BasicHeap : public Owner<Derived, HMEMHEAP> {
   Result<Record *> makeChain(Member<Record, Record *, kOffset>, std::int32_t count) noexcept {
     detail::checkEntryType<Record>();
     static_assert(kOffset <= std::numeric_limits<std::int16_t>::max(),
-                  "mem: the link lies too far into the structure");
+                  "mem: the link's offset in the structure is too large");
     void *pFirst = nullptr;
     const Status made = call(this->context(), Slots::allocateChain, this->handle(),
                              static_cast<std::int32_t>(sizeof(Record)), count,

@@ -71,7 +71,8 @@ template <PartRole kRole, class Field>
 constexpr Part<kRole, Field> makePart() noexcept {
   static_assert(std::is_pointer_v<typename Field::Type>,
                 "mem: a sibling, child or reference must be a pointer");
-  static_assert(Field::kOffset <= kMaxOffset, "mem: the pointer lies too far into the structure");
+  static_assert(Field::kOffset <= kMaxOffset,
+                "mem: the pointer's offset in the structure is too large");
   refuseForeignText<Target<typename Field::Type>>();
   return {};
 }
@@ -120,7 +121,7 @@ constexpr SegmentKind<Struct, kType, Parts...> makeSegment() noexcept {
   static_assert(kType != MEM_PACK_FIXED || sizeof(Struct) <= 65535,
                 "mem: a segment is 65,535 bytes long at most");
   static_assert(lieApart<Parts...>(kType == MEM_PACK_FIXED ? 0 : 2),
-                "mem: a pointer of a segment is named twice, or lies over another or the length");
+                "mem: a pointer of a segment is named twice, or overlaps another or the length");
   return {};
 }
 

@@ -207,8 +207,9 @@ constexpr void checkBytes() noexcept {
     using Element = std::remove_cv_t<std::remove_all_extents_t<std::remove_cv_t<FieldType>>>;
     static_assert(!std::is_same_v<Element, bool>,
                   "mem: a text may set bits that bool does not have: use std::uint8_t");
-    static_assert(std::is_same_v<Element, bool> || isPlainBytes<Element>(),
-                  "mem: a text would set pointers or bool in these bytes, or what cannot be seen");
+    static_assert(
+        std::is_same_v<Element, bool> || isPlainBytes<Element>(),
+        "mem: a text could set pointers or bool in these bytes, or their type is unknown");
   }
 }
 
@@ -352,8 +353,8 @@ class PortField {
   }
 
  private:
-  // True for pointers and text with a terminator: their values affect which storage a program
-  // reads.
+  // True for pointers, text with a terminator and embedded structures, which may contain them:
+  // their values affect which storage a program reads.
   static constexpr bool kIsBound = detail::isPortPointer(kCode) || detail::isPortText(kCode) ||
                                    detail::isPortWideText(kCode) || kCode == MEM_PORT_SUBSTRUCTURE;
 
@@ -542,7 +543,7 @@ constexpr void checkRepeat() noexcept {
                 "mem: the count field must be a 16- or 32-bit number of the same structure");
   static_assert(!((Fields::kRepeats != Repeat::kNone) || ...) ||
                     repeatsAtTheEnd<typename Structure::Struct, Fields...>(),
-                "mem: elements of the repeat field would lie over what is behind it");
+                "mem: elements of the repeat field would overlap what follows it");
 }
 
 }  // namespace detail
@@ -566,7 +567,7 @@ constexpr auto structure(const Fields &...fields) noexcept {
   static_assert(std::is_trivially_copyable_v<Struct>,
                 "mem: a structure is filled byte by byte (trivially copyable)");
   static_assert(alignof(Struct) <= detail::kEntryAlignment, "mem: entries are aligned to 8 bytes");
-  static_assert(detail::namesPointersOnce<Fields...>(), "mem: two fields are one pointer");
+  static_assert(detail::namesPointersOnce<Fields...>(), "mem: two fields are the same pointer");
   detail::checkRepeat<Structure, Fields...>();
   return Structure{detail::completeFields(fields...)};
 }
@@ -627,7 +628,7 @@ class PortTable {
       return 0;
     } else {
       static_assert(timesDescribed<Target>() == 1,
-                    "mem: a field leads to a structure that the table does not describe");
+                    "mem: a field refers to a structure that the table does not describe");
       return idOf<Target>();
     }
   }
@@ -636,7 +637,7 @@ class PortTable {
   constexpr void add(const PortStructure<Struct, kId, Members...> &added) noexcept {
     using Structure = PortStructure<Struct, kId, Members...>;
     static_assert(timesDescribed<Struct>() == 1, "mem: a structure is described twice");
-    static_assert(timesUsed(kId) == 1, "mem: two structures have one identifier");
+    static_assert(timesUsed(kId) == 1, "mem: two structures have the same identifier");
     const std::array<std::uint32_t, Structure::kFieldCount> targets = {targetId<Members>()...};
     MEMStructDef &def = defs_[defCount_++];
     def.StructID = kId;

@@ -322,8 +322,8 @@ class [[nodiscard]] Result {
   bool isOk() const noexcept { return state_.index() == 0; }
 
   /** The value. If the call failed, prints the error to stderr and ends the program. A temporary
-   * result returns the value itself and not a reference, so that `for (… :
-   * PortString::write(…).value())` keeps its range alive. */
+   * result returns the value itself and not a reference, so that a range-based for loop over
+   * `PortString::write(…).value()` keeps its range alive. */
   Value &value() &noexcept { return existing(*this); }
   const Value &value() const &noexcept { return existing(*this); }
   Value value() &&noexcept { return std::move(existing(*this)); }

@@ -15,8 +15,8 @@
  * use.
  *
  * Conventions (see membase.h, too):
- *  1. Results are 0, -1, or a MEMCHK code. No call touches the thread's error area or a trace
- * frame.
+ *  1. Results are 0, -1, or a MEMCHK code. No call changes the thread's error area or a trace
+ *     frame.
  *  2. The layer's own records come from the C++ runtime's allocator, never from the host's storage.
  *     When that allocator fails, the program ends.
  *  3. Attach and detach must not overlap any call through the vector, nor each other. Any number of
@@ -85,8 +85,8 @@ typedef void MEMCheckTextFn(void *pContext, const char *pText, size_t Len);
 /** @name Flags of MEMCheckOptions */
 /** @{ */
 #define MEMCHK_STATISTICS 0x00000001U /**< count in all slots from 8 on */
-#define MEMCHK_NO_CHECKS                                                     \
-  0x00000002U /**< only count: entries, addresses and cells stay as they are \
+#define MEMCHK_NO_CHECKS                                                    \
+  0x00000002U /**< only count: entries, addresses and cells are the same as \
                    without the layer, and nothing is reported */
 #define MEMCHK_NO_CHECKERS                                               \
   0x00000004U /**< do not inform AddressSanitizer and valgrind: only the \

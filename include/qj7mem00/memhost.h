@@ -47,7 +47,7 @@ typedef struct MEMErrorArea {
   uint32_t PrevInnerCode; /**< [88] the value of [84] before a nested failure replaced it */
   uint8_t Reserved28[268];
   char NameText[MEM_NAME_TEXT_LEN];  /**< [360] name or text of what failed */
-  char InnerText[MEM_NAME_TEXT_LEN]; /**< [424] name or text that goes with InnerCode */
+  char InnerText[MEM_NAME_TEXT_LEN]; /**< [424] name or text that belongs to InnerCode */
   uint8_t Reserved424[128];
 } MEMErrorArea;
 
@@ -138,7 +138,7 @@ typedef struct MEMRuntimeServices {
 
   /** 27: makes a gate and stores its handle, any number. 0 = success. */
   uint16_t (*CreateGate)(uint32_t *phGate);
-  /** 28: deletes a gate that nobody holds. */
+  /** 28: deletes a gate that no thread holds. */
   void (*DeleteGate)(uint32_t hGate);
   /** 29: waits until the gate is free, then holds it. 0 = success. */
   uint16_t (*AcquireGate)(uint32_t hGate);

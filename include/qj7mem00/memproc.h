@@ -124,7 +124,7 @@ MEM_CHECK_OFFSET(MEMThreadBlock, pProcessBlk, 280);
 
 /** Argument of MEMSetProcOptions. Nothing else of the record is read. */
 typedef struct MEMProcOptions {
-  uint8_t Set; /**< 0 = leave the options alone */
+  uint8_t Set; /**< 0 = do not change the options */
   uint8_t Reserved1[63];
   uint8_t OldPackCB; /**< new value of MEMProcessBlock.OldPackCB */
 } MEMProcOptions;

@@ -175,9 +175,9 @@ using mem::structure;
       mem::countedSegment(MEM_FIELD(Packed, length), child(mem::Member<Packed, Leaf *, 1>{})));
 #elif CASE == 62  // mem: wchar_t differs between platforms: use char16_t
   static_cast<void>(child(MEM_FIELD(Texts, pWide)));
-#elif CASE == 63  // mem: the services' text is no char8_t: use char
+#elif CASE == 63  // mem: the services' text is not char8_t: use char
   static_cast<void>(child(MEM_FIELD(Texts, pUtf8)));
-#elif CASE == 64  // mem: the services' text is no char32_t: use char16_t
+#elif CASE == 64  // mem: the services' text is not char32_t: use char16_t
   static_cast<void>(child(MEM_FIELD(Texts, pUtf32)));
 #elif CASE == 65  // mem: this type letter has a meaning of its own
   static_cast<void>(mem::selfSizedSegment<0xE5>(mem::Member<Node, std::uint16_t, 0>{}));
@@ -280,11 +280,11 @@ using mem::structure;
   static_cast<void>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Bytes, hidden)));
 #elif CASE == 76  // mem: wchar_t differs between platforms: use char16_t
   static_cast<void>(field<1>(MEM_FIELD(Texts, pWide)));
-#elif CASE == 77  // mem: the services' text is no char8_t: use char
+#elif CASE == 77  // mem: the services' text is not char8_t: use char
   static_cast<void>(field<1>(MEM_FIELD(Texts, pUtf8)));
 #elif CASE == 78  // mem: wchar_t differs between platforms: use char16_t
   static_cast<void>(field<1>(MEM_FIELD(Texts, wide)));
-#elif CASE == 79  // mem: the services' text is no char8_t: use char
+#elif CASE == 79  // mem: the services' text is not char8_t: use char
   static_cast<void>(field<1>(MEM_FIELD(Texts, utf8)));
 #elif CASE == 80  // mem: the default does not fit its field
   static_cast<void>(field<1>(NODE(elements[0])).defaultNumber<Color::kRed>());

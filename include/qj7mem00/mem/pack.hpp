@@ -43,9 +43,9 @@ template <class Type>
 constexpr void refuseForeignText() noexcept {
   static_assert(!std::is_same_v<Type, wchar_t>,
                 "mem: wchar_t differs between platforms: use char16_t");
-  static_assert(!std::is_same_v<Type, char8_t>, "mem: the services' text is no char8_t: use char");
+  static_assert(!std::is_same_v<Type, char8_t>, "mem: the services' text is not char8_t: use char");
   static_assert(!std::is_same_v<Type, char32_t>,
-                "mem: the services' text is no char32_t: use char16_t");
+                "mem: the services' text is not char32_t: use char16_t");
 }
 
 inline constexpr std::size_t kMaxOffset = 32767;  // offsets in descriptors have 16 signed bits

@@ -111,7 +111,7 @@ void addFreeCell(MEMCellCtlBlk &ctl, void *pCell) noexcept {
   ctl.pFreeCells = pCell;
 }
 
-// The state of a fresh pool: one area, all of whose cells are free.
+// Sets the state of a new pool: one area whose cells are all free.
 void initFirstArea(MEMCellCtlBlk &ctl) noexcept {
   ctl.pAreaLocList = nullptr;
   ctl.pFreeCells = nullptr;

@@ -150,8 +150,8 @@ class CallFrame {
   // Moves the error of a failed host call from the error area's main fields to its inner fields.
   void keepHostError() noexcept;
 
-  // The one place that composes a failure: fills the error area, has the host report it, stores
-  // and returns the failure's result.
+  // The one place that composes a failure: fills the error area, calls the host's reporting
+  // service, stores and returns the failure's result.
   MEM_NOINLINE std::int16_t fail(const Failure &failure) noexcept;
 
   // A failure that the calling service reports as its own: code and text become the inner ones, and

@@ -40,7 +40,7 @@ inline void freeHeapStorage(CallFrame &frame, void *pBlock, std::uint32_t size,
   functionVector().MEM_Free(pBlock, size, static_cast<std::int16_t>(subPool));
 }
 
-// Fills the fields that every area begins with; `headerLen` is what the area's header takes.
+// Fills the fields that every area begins with; `headerLen` is the length of the area's header.
 inline void initArea(MEMHeapArea &area, const Eyecatcher &eye, std::uint32_t headerLen,
                      std::uint32_t areaSize) noexcept {
   writeEyecatcher(area.Eyecatcher, eye);

@@ -1,4 +1,4 @@
-// Packing: pointer-linked structures become a chain of blocks.
+// Packing: turns pointer-linked structures into a chain of blocks.
 #pragma once
 
 #include "frame/callframe.h"

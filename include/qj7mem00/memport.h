@@ -45,16 +45,16 @@ enum MEMFieldType {
 };
 
 /** Description of one field. Fields of a definition are listed in ascending order of `FieldID`;
- * fields with one `Offset` are alternatives (a union). */
+ * fields with the same `Offset` are alternatives (a union). */
 typedef struct MEMFieldDef {
   uint32_t FieldID;      /**< identifies the field in its structure, 1 or more */
   uint8_t Type;          /**< MEMFieldType */
   uint8_t Required;      /**< non-zero: must be present when reading, unless an alternative is */
-  uint8_t Reserved6[2];  /**< may hold anything */
+  uint8_t Reserved6[2];  /**< may have any value */
   int32_t Length;        /**< bytes of the field; of one element, for a repeat field */
   uint32_t SubStructID;  /**< types 9 and 10: the structure pointed to or embedded */
   int32_t Offset;        /**< bytes from the start of the structure */
-  uint8_t Reserved20[4]; /**< may hold anything */
+  uint8_t Reserved20[4]; /**< may have any value */
   union {
     const void *pBytes;    /**< types 1, 4, 9, 10, 11, 14: `Length` bytes, or null for none */
     const char *pText;     /**< types 2, 3 */
@@ -65,7 +65,7 @@ typedef struct MEMFieldDef {
                               is shared, not copied */
   uint8_t NoTruncate;    /**< non-zero: text longer than the field is an error when reading */
   uint8_t NotPorted;     /**< non-zero: never written, not required when reading */
-  uint8_t Reserved34[6]; /**< may hold anything */
+  uint8_t Reserved34[6]; /**< may have any value */
 } MEMFieldDef;
 
 MEM_CHECK_SIZE(MEMFieldDef, 40);
@@ -89,7 +89,7 @@ typedef struct MEMStructDef {
   int32_t FieldCount; /**< entries of `Fields` */
   const MEMFieldDef *Fields;
   uint8_t CountIsLength; /**< non-zero: the count field holds the structure's bytes instead */
-  uint8_t Reserved25[7]; /**< may hold anything */
+  uint8_t Reserved25[7]; /**< may have any value */
 } MEMStructDef;
 
 MEM_CHECK_SIZE(MEMStructDef, 32);

@@ -46,7 +46,7 @@ typedef struct MEMSinkSegment {
   uint8_t *pBase;   /**< the block, owned by the sink */
   uint8_t *pSpace;  /**< string space, pBase + 16384 */
   uint8_t *pLast;   /**< last byte of the string space, pBase + 0x43FFF */
-  uint8_t *pMap;    /**< allocation map, one bit a 2-byte granule, most significant bit first */
+  uint8_t *pMap;    /**< allocation map, one bit per 2-byte granule, most significant bit first */
   uint32_t Counter; /**< 0 when the block is allocated */
   uint32_t UsedLen; /**< bytes reserved for copies */
   int32_t FreeLen;  /**< bytes still free, 0x40000 when the block is allocated, never below 0 */
@@ -74,7 +74,7 @@ typedef struct MEMProcessBlock {
   MEMSinkSegment Segments[MEM_SINK_SEGMENTS];
   uint32_t Gate; /**< sink gate, any number while there is an index, else 0 */
   uint32_t Reserved3180;
-  void *pIndex;       /**< sorted index of the copies, 16 bytes a slot */
+  void *pIndex;       /**< sorted index of the copies, 16 bytes for each slot */
   uint32_t IndexLen;  /**< bytes of the index area */
   uint32_t SlotCount; /**< slots that fit in the index area */
   uint32_t Used;      /**< Act + Garbage */

@@ -53,7 +53,7 @@ std::int32_t findField(const StructText &text, std::uint32_t fieldID) noexcept {
   return -1;
 }
 
-// True for a field that a text must not leave out.
+// True for a field that must be present in a text.
 bool isDemanded(const MEMFieldDef &field) noexcept {
   return field.Required != 0 && field.NotPorted == 0;
 }

@@ -1,4 +1,4 @@
-// Copies of short pieces of storage.
+// Copies of short byte ranges.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 
 namespace memlib {
 
-// Copies a piece by its ends, which may overlap.
+// Copies `length` bytes as two pieces, one at each end. The pieces may overlap.
 // REQUIRES: sizeof(Piece) <= length <= 2 * sizeof(Piece).
 template <class Piece>
 inline void copyEnds(void *pTo, const void *pFrom, std::size_t length) noexcept {
@@ -20,8 +20,8 @@ inline void copyEnds(void *pTo, const void *pFrom, std::size_t length) noexcept 
   storeAs(bytesAt(pTo, length - sizeof(Piece)), last);
 }
 
-// Copies a piece of storage that is mostly short: pairs of stores that may overlap take less than a
-// call of memcpy. The two pieces do not overlap.
+// Copies `length` bytes between ranges that do not overlap. Optimised for short lengths: a pair of
+// overlapping stores is faster than a call of memcpy.
 inline void copyBytes(void *pTo, const void *pFrom, std::size_t length) noexcept {
   struct Block {
     std::uint64_t words[2];

@@ -1,4 +1,4 @@
-// Lists that a check must not follow in circles.
+// Detects cycles in lists, for checks that must end.
 #pragma once
 
 #include <cstddef>
@@ -7,8 +7,8 @@
 
 namespace memlib {
 
-// Whether a list whose members have the address of the next one at `linkOffset` comes to a null
-// link. One walk goes twice as fast as the other and meets it where the list runs in circles.
+// True when a list whose members hold the address of the next one at `linkOffset` ends with a null
+// link. Two walks, one twice as fast as the other, meet if the list has a cycle.
 inline bool listEnds(const void *pFirst, std::size_t linkOffset) noexcept {
   const auto next = [linkOffset](const void *pMember) noexcept {
     return loadAs<const void *>(bytesAt(pMember, linkOffset));

@@ -1,5 +1,5 @@
-// Parts of a text that are known to be there. The standard library's own check their range and
-// throw, and what can throw brings storage that is obtained when the library is loaded.
+// Substrings whose range is known to be valid. The standard library's functions check the range and
+// throw; code that can throw links in a runtime that allocates storage when the library is loaded.
 #pragma once
 
 #include <cstddef>

@@ -6,7 +6,7 @@
 namespace memlib {
 
 // Results other than 0 = success.
-inline constexpr std::uint16_t kConvertBadInput = 1;  // a value that is no character
+inline constexpr std::uint16_t kConvertBadInput = 1;  // a value that is not a character
 inline constexpr std::uint16_t kConvertNoRoom = 2;
 
 // Converts the NUL-terminated text at `pIn` into at most `outLen` bytes at `pOut`, the terminator

@@ -1,7 +1,7 @@
 // All entry points, declared from the list of slots, and the filling and clearing of the MEM
-// function vector. Each entry point is the function that memvect.h describes and lets no exception
-// out. Their definitions are in the rooms of their families; one that differs from its slot's type
-// is missing when the library is linked.
+// function vector. Each entry point is the function that memvect.h describes and throws no
+// exception. The definitions are in the rooms of their families. If a definition differs from its
+// slot's type, linking fails.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ inline constexpr std::int16_t kFillVector = 1;
 inline constexpr std::int16_t kClearVector = 2;
 
 // Fills slots 4 to 51 of the host's MEM function vector with the library's entry points, or clears
-// them, inside a trace frame of its own. The host's slots 0 to 3 are never touched.
+// them, inside a trace frame of its own. Slots 0 to 3 belong to the host and are never touched.
 void PSdynamn(std::int16_t Action) noexcept;
 
 }  // namespace memlib

@@ -10,7 +10,7 @@ constinit Binding binding{};
 
 namespace {
 
-// The lists hold addresses of cells; the cells hold the vectors.
+// The lists hold addresses of cells; the cells hold the addresses of the vectors.
 void keepVectors(void **kept, void **const *ppCells, int count) noexcept {
   for (int i = 0; i < count; ++i) kept[i] = *ppCells[i];
 }
@@ -27,7 +27,7 @@ void bind(void **const *ppHostVectors, void **const *ppServiceVectors, const MEM
 
 void unbind() noexcept {
   if (!isBound()) return;
-  PSdynamn(kClearVector);  // needs the host's vectors once more
+  PSdynamn(kClearVector);  // still needs the host's vectors
   binding = {};
   releaseGuards();  // the library may be unloaded next
 }

@@ -1,4 +1,4 @@
-// Concatenation buffers: wide text that grows as it is appended to.
+// Concatenation buffers: wide text that grows with each append.
 #include <cstring>
 #include <limits>
 
@@ -16,7 +16,7 @@ constexpr EntryPoint kCat{"MEM_Cat", kSourceCat, 251, 273};
 constexpr EntryPoint kMemCat{"MEM_MemCat", kSourceCat, 0, 389};  // writes no entry record
 
 constexpr std::int32_t kLineLongText = 254;
-constexpr std::size_t kLongText = 512;  // characters from which a text is traced as a wide record
+constexpr std::size_t kLongText = 512;  // least characters of a text traced as a wide record
 
 constexpr char kMark = 'A';
 constexpr std::uint32_t kMaxStringLen = 0x7FFFFFFF;  // bytes
@@ -34,7 +34,7 @@ std::uint32_t *threadFlags(const CallFrame &frame) noexcept {
   return &pThread->pMemThreadBlk->Flags;
 }
 
-// Tells MEM_MemCat, through the thread block, that MEM_Cat reports for it.
+// Marks in the thread block that MEM_Cat reports the failures of MEM_MemCat.
 void setInCat(const CallFrame &frame, bool inCat) noexcept {
   std::uint32_t *pFlags = threadFlags(frame);
   if (pFlags == nullptr) return;
@@ -66,7 +66,7 @@ std::int16_t failStorage(CallFrame &frame) noexcept {
   return failAppend(frame, MEMERR_CATAMEM, ErrorText("Memory Alloc failed"));
 }
 
-// The next step above `need`, also when `need` is a whole number of steps.
+// The smallest multiple of the step that is greater than `need`.
 std::uint32_t grownLen(std::uint64_t need) noexcept {
   return static_cast<std::uint32_t>((need / MEM_CAT_STEP + 1) * MEM_CAT_STEP);
 }
@@ -75,13 +75,13 @@ std::size_t bytesOf(std::size_t characters) noexcept {
   return characters * sizeof(char16_t);
 }
 
-// Puts the text and its terminator behind the buffer's. The text may be the buffer's own.
+// Appends the text and its terminator. The text may be part of the buffer.
 void append(MEMCatCB &cat, const char16_t *pText, std::uint32_t length) noexcept {
   std::memmove(cat.pText + cat.Len, pText, bytesOf(std::size_t{length} + 1));
   cat.Len += length;
 }
 
-// As append, into new storage of `newLen` bytes. The old storage goes last, since the text may lie
+// Appends into new storage of `newLen` bytes. The old storage is freed last because the text may be
 // in it.
 void appendMoved(MEMCatCB &cat, char16_t *pNew, std::uint32_t newLen, const char16_t *pText,
                  std::uint32_t length) noexcept {
@@ -95,7 +95,7 @@ void appendMoved(MEMCatCB &cat, char16_t *pNew, std::uint32_t newLen, const char
   functionVector().MEM_Free(pOld, oldLen, kTextSubPool);
 }
 
-// Characters in front of the terminator, as MEM_MemCat takes them. What is too long for that is too
+// Characters before the terminator, as MEM_MemCat expects them. A text too long for the type is too
 // long for any buffer.
 std::int32_t textLength(const char16_t *pText) noexcept {
   constexpr std::size_t kMost = std::numeric_limits<std::int32_t>::max();
@@ -162,7 +162,7 @@ std::int16_t MEM_MemCat(MEMCatCB *pCatCB, const char16_t *pText, std::int32_t Le
   if (pCatCB == nullptr) return failStorage(frame);
   if (pText == nullptr) return failAppend(frame, MEMERR_CATSTDSTR, ErrorText(kAppendFailed));
   if (pCatCB->BlkLen >= kMaxStringLen) return failStringSize(frame);
-  const auto length = static_cast<std::uint32_t>(Len);  // no text is as long as a negative length
+  const auto length = static_cast<std::uint32_t>(Len);  // negative: longer than any text
   const std::uint64_t need = (std::uint64_t{length} + pCatCB->Len + 1) * sizeof(char16_t);
   if (need > kMaxStringLen) return failStringSize(frame);
   if (pCatCB->pText == nullptr) return failStorage(frame);

@@ -6,12 +6,12 @@ namespace memlib {
 
 namespace {
 
-// How far into an area an address is. Far beyond any area for one before it.
+// Offset of an address in an area. An address before the area gives an offset beyond any area.
 std::size_t offsetIn(const void *pArea, const void *pAddress) noexcept {
   return reinterpret_cast<std::uintptr_t>(pAddress) - reinterpret_cast<std::uintptr_t>(pArea);
 }
 
-// The recorded area that an address is in, or null.
+// The recorded area that contains an address, or null.
 const void *areaOf(const MEMCellCtlBlk &ctl, const void *pAddress) noexcept {
   const auto areaLen = static_cast<std::size_t>(ctl.AreaLen);
   for (const CellAreaNode *pNode = ctl.pAreaLocList; pNode != nullptr; pNode = pNode->pNext) {
@@ -20,7 +20,7 @@ const void *areaOf(const MEMCellCtlBlk &ctl, const void *pAddress) noexcept {
   return nullptr;
 }
 
-// Where the node block of an area begins, and where it ends if the area has one.
+// Offsets of the begin of an area's node block, and of its end if the area has one.
 std::size_t nodesBegin(const MEMCellCtlBlk &ctl, const void *pArea) noexcept {
   return pArea == &ctl ? sizeof ctl : 0;
 }
@@ -36,7 +36,7 @@ bool areLengthsValid(const MEMCellCtlBlk &ctl) noexcept {
          ctl.CellLen >= kMinCellLen && ctl.AreaLen - kCellOverhead >= ctl.CellLen;
 }
 
-// Vacant nodes, then used ones, last that of the first area.
+// Vacant nodes come first, then used ones; the first area's node is last.
 bool areNodesInOrder(const MEMCellCtlBlk &ctl) noexcept {
   if (!listEnds(ctl.pAreaLocList, offsetof(CellAreaNode, pNext))) return false;
   const void *pLastArea = nullptr;
@@ -47,7 +47,7 @@ bool areNodesInOrder(const MEMCellCtlBlk &ctl) noexcept {
   return pLastArea == &ctl;
 }
 
-// The nodes are those of whole blocks, each from its end to its begin.
+// The list consists of whole node blocks, each from its end to its begin.
 bool areNodesInPlace(const MEMCellCtlBlk &ctl) noexcept {
   const CellAreaNode *pNode = ctl.pAreaLocList;
   while (pNode != nullptr) {
@@ -80,7 +80,7 @@ bool isCell(const MEMCellCtlBlk &ctl, const void *pCell) noexcept {
          cellLen <= static_cast<std::size_t>(ctl.AreaLen) - offset;
 }
 
-// No cell is free twice either, since the list would not end then.
+// A cell freed twice would make the list endless, so a list that ends has none.
 bool areFreeCellsValid(const MEMCellCtlBlk &ctl) noexcept {
   if (!listEnds(ctl.pFreeCells, 0)) return false;
   const void *pCell = ctl.pFreeCells;

@@ -4,10 +4,10 @@
 //   further areas  | location nodes, only when no vacant one was left | cells ... | rest |
 //
 // The location list goes from the latest nodes to the oldest: vacant nodes first, then used ones,
-// last the node of the first area. A node lies in the area that it records or in an older one, so
-// a walk that releases areas never meets a node in an area already gone.
+// last the node of the first area. A node is in the area that it records or in an older one, so a
+// walk that frees areas never reaches a node in a freed area.
 //
-// Cells may lie at any alignment; a free cell begins with the address of the next one.
+// Cells may have any alignment. A free cell begins with the address of the next one.
 #pragma once
 
 #include <cstdint>
@@ -49,8 +49,8 @@ inline constexpr std::int32_t kMinCellLen = 8;      // room for a free cell's li
 inline constexpr std::int32_t kMinNodeSpace = 128;  // bytes for location nodes in a node block
 inline constexpr std::int64_t kCellOverhead = sizeof(MEMCellCtlBlk) + kMinNodeSpace;
 
-// Bytes for location nodes behind a header of `headerLen`: at least kMinNodeSpace, and such that
-// header, nodes and whole cells fill the area up to less than one node.
+// Bytes for location nodes after a header of `headerLen`: at least kMinNodeSpace, and enough that
+// header, nodes and whole cells leave less than one node of the area unused.
 inline std::int32_t nodeSpace(const MEMCellCtlBlk &ctl, std::int32_t headerLen) noexcept {
   const std::int32_t rest = ctl.AreaLen % ctl.CellLen;
   const std::int32_t lacking = headerLen + kMinNodeSpace - rest;

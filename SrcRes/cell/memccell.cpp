@@ -1,4 +1,4 @@
-// Cell pools: cells of one length from areas that are obtained as they are needed.
+// Cell pools: cells of one length from areas that are allocated on demand.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -13,7 +13,7 @@ namespace memlib {
 
 namespace {
 
-// Two trace names differ from the entry points'; hosts know them so.
+// Two trace names differ from the names of the entry points; hosts rely on them.
 constexpr EntryPoint kCellOpen{"MEM_CellOpen", kSourceCell, 173, 218};
 constexpr EntryPoint kCellClose{"MemCellClose", kSourceCell, 268, 291};
 constexpr EntryPoint kCellClear{"MEM_CellClear", kSourceCell, 337, 375};
@@ -83,7 +83,7 @@ void buildAvailCells(MEMCellCtlBlk &ctl, const void *pArea, std::byte *pFirstCel
   storeAs<void *>(pCell, nullptr);
 }
 
-constexpr std::size_t kBlockLen = 16;  // what one store of every processor can clear
+constexpr std::size_t kBlockLen = 16;  // every processor of the platform clears this with one store
 
 void clearBlock(void *pTo) noexcept {
   struct Block {
@@ -92,8 +92,8 @@ void clearBlock(void *pTo) noexcept {
   storeAs(pTo, Block{});
 }
 
-// Clears a cell and puts it in front of the free ones. Cells are mostly short: blocks that may
-// overlap take less than a call of memset.
+// Clears a cell and adds it to the head of the free list. Optimised for short cells: overlapping
+// blocks are faster than a call of memset.
 void addFreeCell(MEMCellCtlBlk &ctl, void *pCell) noexcept {
   const auto length = static_cast<std::size_t>(ctl.CellLen);
   std::byte *pEnd = bytesAt(pCell, length);
@@ -111,7 +111,7 @@ void addFreeCell(MEMCellCtlBlk &ctl, void *pCell) noexcept {
   ctl.pFreeCells = pCell;
 }
 
-// The state of a fresh pool: one area, all of whose cells are free.
+// Sets the state of a new pool: one area whose cells are all free.
 void initFirstArea(MEMCellCtlBlk &ctl) noexcept {
   ctl.pAreaLocList = nullptr;
   ctl.pFreeCells = nullptr;
@@ -173,7 +173,7 @@ std::int16_t MEM_CellClose(HMEMCELL hMemCell) noexcept {
   const std::int32_t areaLen = ctl.AreaLen;
   const std::int16_t subPool = ctl.SubPool;
   const CellAreaNode *pNode = ctl.pAreaLocList;
-  // A stale handle fails the eye-catcher test as long as the storage is not reused.
+  // A stale handle fails the eye-catcher test until the storage is reused.
   std::memset(ctl.Eyecatcher, 0, sizeof ctl.Eyecatcher);
   while (pNode != nullptr) {
     const CellAreaNode *pNext = pNode->pNext;

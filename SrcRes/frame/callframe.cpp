@@ -71,7 +71,7 @@ std::int16_t CallFrame::succeed() noexcept {
 }
 
 std::int16_t CallFrame::finish(std::int16_t result) noexcept {
-  // The upper half of the field is the host's.
+  // The upper half of the field belongs to the host.
   frame_.Result = (frame_.Result & 0xFFFF0000U) | static_cast<std::uint16_t>(result);
   return result;
 }

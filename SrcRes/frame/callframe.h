@@ -1,6 +1,6 @@
 // The frame of every entry point: enter the host's trace frame, find the thread environment, clear
 // the error area, trace, report a failure, store the result, leave. With clear trace flags it costs
-// the host's enter and leave calls and the clearing of the error area, nothing more.
+// only the host's enter and leave calls and the clearing of the error area.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@
 
 namespace memlib {
 
-// What an entry point is called in frames and trace records. Line numbers are fixed markers of the
-// trace statements; hosts filter by them.
+// Names of an entry point in frames and trace records. Line numbers are fixed markers of the trace
+// statements; hosts filter by them.
 struct EntryPoint {
   const char *traceName;
   const char *source;
@@ -41,10 +41,10 @@ enum class ErrorArea { clear, keep };
 enum class Wording {
   composed,  // into the free message text and from there into the name field
   named,     // into the name field only
-  standing   // the name field takes what the free message text holds already
+  standing   // the name field gets the current free message text
 };
 
-// Which text the host's reporting service is handed.
+// Which text is passed to the host's reporting service.
 enum class Reported { nameText, messageText };
 
 struct Failure {
@@ -52,7 +52,7 @@ struct Failure {
   const char *text = "";  // unused for Wording::standing
   Wording wording = Wording::named;
   bool marksComponent = false;                  // sets the component number, too
-  std::optional<std::uint32_t> innerCode = {};  // the nested service's code, where one failed
+  std::optional<std::uint32_t> innerCode = {};  // the nested service's code, if one failed
   Reported reported = Reported::nameText;
   const char *detail = "";  // for the report only
   std::int16_t result = -1;
@@ -88,7 +88,7 @@ class CallFrame {
   CallFrame(const CallFrame &) = delete;
   CallFrame &operator=(const CallFrame &) = delete;
 
-  // For a call that is unwound without its destructors.
+  // For a call that is unwound without running its destructors.
   void abandon() noexcept { runtimeServices().LeaveFrame(&frame_, MEM_COMPONENT); }
 
   // The host's record of this call, for its exception filter.
@@ -99,7 +99,7 @@ class CallFrame {
   // Null when the host has no environment for the thread.
   MEMThreadEnv *thread() const noexcept { return frame_.pThreadEnv; }
 
-  // For entry points that fetch the anchor before they clear.
+  // For entry points that get the anchor before they clear the error area.
   void clearErrorArea() noexcept;
 
   // Trace lines. A text without arguments is copied, never formatted.
@@ -121,10 +121,10 @@ class CallFrame {
     }
   }
 
-  // A record whose text is a wide one too long for the trace buffer.
+  // A record with a wide text that is too long for the trace buffer.
   void traceWide(const RecordKind &kind, std::int32_t line, const char16_t *text) noexcept;
 
-  // An exception record of an internal routine, written whatever the flags are. `format` has
+  // An exception record of an internal routine, written regardless of the flags. `format` has
   // arguments.
   template <class... Args>
   void traceException(const char *routine, std::int32_t line, const char *format,
@@ -142,28 +142,28 @@ class CallFrame {
   // Ways to end. Each stores the result in the frame and returns it.
   std::int16_t succeed() noexcept;                    // 0, traced as "Return=SUCCESS"
   std::int16_t finish(std::int16_t result) noexcept;  // untraced
-  std::int16_t finishAsHostSet() const noexcept;      // the result that the host's frame holds
+  std::int16_t finishAsHostSet() const noexcept;      // the result in the host's frame
 
-  // The free message text, for entry points that put more into it than a failure's own text.
+  // Sets the free message text, for entry points that put more into it than a failure's text.
   void setMessage(const char *text) noexcept;
 
-  // Moves the error that a failed host call left in the error area to the inner fields.
+  // Moves the error of a failed host call from the error area's main fields to its inner fields.
   void keepHostError() noexcept;
 
-  // The one place that composes a failure: fills the error area, has the host report it, stores
-  // and returns the failure's result.
+  // The one place that composes a failure: fills the error area, calls the host's reporting
+  // service, stores and returns the failure's result.
   MEM_NOINLINE std::int16_t fail(const Failure &failure) noexcept;
 
-  // A failure that the service which called this one reports as its own: code and text become the
-  // inner ones, what stood as the inner code the previous one.
+  // A failure that the calling service reports as its own: code and text become the inner ones, and
+  // the former inner code becomes the previous one.
   std::int16_t failForCaller(std::uint32_t innerCode, const char *innerText) noexcept;
 
-  // A failure of process start: code and text go to the inner fields and the host is not asked to
-  // report, since its message table may not be registered yet.
+  // A failure of process start: code and text go to the inner fields. The host's reporting service
+  // is not called because the message table may not be registered yet.
   std::int16_t failInside(std::uint32_t innerCode, const char *innerText) noexcept;
-  // The same with what stood as the error code kept as the previous inner code.
+  // The same, and keeps the former error code as the previous inner code.
   std::int16_t failInsideKeepingCode(std::uint32_t innerCode, const char *innerText) noexcept;
-  // Marks the error area as a failure of this component and leaves its codes and texts standing.
+  // Marks the error area as a failure of this component. Keeps its codes and texts.
   std::int16_t failAsRecorded() noexcept;
 
  private:
@@ -180,7 +180,7 @@ class CallFrame {
                                const char *text) noexcept;
   void writeRecord(const RecordKind &kind, std::int32_t line) noexcept;
   void setText(MEMTraceBuf &buf, const char *text) noexcept;
-  // A negative length is a refusal to format.
+  // A negative length means that the host refused to format.
   static void setLength(MEMTraceBuf &buf, std::int32_t formatted) noexcept {
     buf.TextLen = formatted < 0 ? 0 : static_cast<std::uint32_t>(formatted);
   }
@@ -189,8 +189,7 @@ class CallFrame {
   const EntryPoint &entryPoint_;
 };
 
-// Keeps what a failing call has recorded while cleaning up, since nested calls clear the error
-// area.
+// Saves the recorded failure during cleanup, because nested calls clear the error area.
 class ErrorAreaKeeper {
  public:
   explicit ErrorAreaKeeper(const CallFrame &frame) noexcept : pThread_(frame.thread()) {

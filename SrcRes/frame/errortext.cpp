@@ -14,7 +14,7 @@ ErrorText &ErrorText::text(const char *pText) noexcept {
 ErrorText &ErrorText::decimal(std::int64_t value) noexcept {
   char digits[20];
   std::size_t count = 0;
-  // Negation in unsigned arithmetic also holds for the smallest value.
+  // Negation in unsigned arithmetic is right for the smallest value, too.
   std::uint64_t rest =
       value < 0 ? 0 - static_cast<std::uint64_t>(value) : static_cast<std::uint64_t>(value);
   do {

@@ -1,5 +1,5 @@
-// Composer of error texts. The library writes these itself, so that a failing call with clear trace
-// flags makes no format call and no text ever doubles as a format.
+// Composes error texts. The library formats these itself, so that a failing call with clear trace
+// flags makes no format call and no text is ever used as a format.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@ namespace memlib {
 
 class ErrorText {
  public:
-  // `lead` is the fixed part in front of the value, or the whole text.
+  // `lead` is the fixed part before the value, or the whole text.
   explicit ErrorText(const char *lead = "") noexcept { text(lead); }
 
   ErrorText &text(const char *pText) noexcept;

@@ -9,8 +9,8 @@
 
 namespace memlib {
 
-// All state that the library keeps between calls. All zero while unbound. Written by binding and
-// unbinding only, which never overlap a call.
+// All state that the library keeps between calls. All zero while unbound. Only binding and
+// unbinding write it, and they never overlap a call.
 struct Binding {
   std::uint32_t SysFlags;
   const MEMSysEnv *pSysEnv;
@@ -41,8 +41,8 @@ inline bool isBound() noexcept {
   return binding.HostVector[MEM_HOST_RUNTIME] != nullptr;
 }
 
-// The host's platform flag. It marks packed chains and picks the packer's hash byte; it says
-// nothing about this machine's own byte order.
+// The host's platform flag. It marks packed chains and selects the packer's hash byte; it does not
+// describe this machine's byte order.
 inline bool platformIsBigEndian() noexcept {
   return binding.pSysEnv != nullptr &&
          (binding.pSysEnv->PlatformFlags & MEM_PLATFORM_BIG_ENDIAN) != 0;

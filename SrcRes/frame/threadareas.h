@@ -1,5 +1,6 @@
-// Storage that the library keeps for a thread beyond a call: areas that hang on its thread block.
-// The room that makes one returns it; what is left at the thread's end goes with the thread block.
+// Storage that the library keeps for a thread between calls: areas in a list on its thread block.
+// The room that allocates an area frees it; areas left at the thread's end are freed with the
+// thread block.
 #pragma once
 
 #include <cstdint>
@@ -8,10 +9,10 @@
 
 namespace memlib {
 
-// The head of such an area.
+// The header of such an area.
 struct ThreadArea {
   ThreadArea *pNext;
-  std::uint32_t size;    // bytes, this head included
+  std::uint32_t size;    // bytes, this header included
   std::int16_t subPool;  // of the storage
 };
 
@@ -21,14 +22,14 @@ inline MEMThreadBlock *threadBlock(const CallFrame &frame) noexcept {
   return pThread == nullptr ? nullptr : pThread->pMemThreadBlk;
 }
 
-// Where the calling thread's first area hangs, or null when the frame has no thread block.
+// The link to the calling thread's first area, or null when the frame has no thread block.
 inline ThreadArea **threadAreas(const CallFrame &frame) noexcept {
   MEMThreadBlock *pThreadBlk = threadBlock(frame);
   if (pThreadBlk == nullptr) return nullptr;
   return reinterpret_cast<ThreadArea **>(&pThreadBlk->pHashIndexes);
 }
 
-// Takes the area that a link points at off the thread and returns its storage.
+// Unlinks the area that a link points at and frees its storage.
 inline void releaseThreadArea(ThreadArea **ppLink) noexcept {
   ThreadArea *pArea = *ppLink;
   *ppLink = pArea->pNext;

@@ -48,7 +48,7 @@ bool HashIndex::isValid(MEMHashCtlBlk &ctl) const noexcept {
   bool tellsOfAll = true;
   for (std::int32_t i = 0; i <= ctl.Max; ++i) {
     const auto index = static_cast<std::int16_t>(i);
-    // Others may have changed a bucket; the index does not tell of it then.
+    // If others have changed a bucket, the index does not answer for it.
     if (!stillEnds(ctl, index)) {
       tellsOfAll = false;
     } else if (!knowsChain(ctl, index, known)) {
@@ -69,7 +69,7 @@ bool HashIndex::hasValidSlots() const noexcept {
   return used == count_ && count_ <= capacity() / 2;
 }
 
-// Adds to `known` the nodes that have slots. Of two with one key the first has.
+// Adds to `known` the nodes that have slots. Of two nodes with one key only the first has a slot.
 bool HashIndex::knowsChain(MEMHashCtlBlk &ctl, std::int16_t index,
                            std::uint32_t &known) const noexcept {
   const HashNode *pLast = nullptr;

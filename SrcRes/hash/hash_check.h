@@ -6,10 +6,10 @@
 
 namespace memlib {
 
-// True when the control block is whole, all chains and the list of deleted nodes end, each record
-// of a table that may have an index is in the bucket that its hash function tells, and the index,
-// where the frame finds one, tells what a walk of the chains would. A caller's hash function is not
-// asked: its host would see that. Changes nothing.
+// True when the control block is valid, all chains and the list of deleted nodes end, each record
+// of a table that may have an index is in the bucket that its hash function returns, and the index,
+// if the frame finds one, gives the same answers as a walk of the chains. A caller's hash function
+// is not called, because the host could notice. Changes nothing.
 bool isValidTable(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
 
 }  // namespace memlib

@@ -10,9 +10,9 @@ namespace memlib {
 namespace {
 
 constexpr std::uint32_t kMaxCapacity = 0x4000000;  // a gigabyte of slots
-constexpr std::uint32_t kSlotsPerNode = 16;        // of a fresh index: it is about to grow
-constexpr std::uint32_t kGrowth = 4;               // of one that is full
-constexpr std::uint32_t kLeastGrowth = 2;          // when so much is not to be had
+constexpr std::uint32_t kSlotsPerNode = 16;        // of a new index, which is about to grow
+constexpr std::uint32_t kGrowth = 4;               // of a full index
+constexpr std::uint32_t kLeastGrowth = 2;          // when there is no storage for that
 
 std::uint64_t nodeCount(MEMHashCtlBlk &ctl) noexcept {
   std::uint64_t count = 0;
@@ -22,7 +22,7 @@ std::uint64_t nodeCount(MEMHashCtlBlk &ctl) noexcept {
 
 void want(const void *pWanted) noexcept {
   MEM_PREFETCH(pWanted);
-  // g++ takes a function that only asks ahead for one without effect, and drops calls of it.
+  // g++ treats a function that only prefetches as one without effect and drops calls of it.
   std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
@@ -37,7 +37,7 @@ HashIndex *HashIndex::create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
   const auto areaLen = static_cast<std::uint32_t>(sizeof(HashIndex) + capacity * sizeof(Slot) +
                                                   buckets * sizeof(Tail));
   const auto storagePool = static_cast<std::int16_t>(ctl.SubPool);
-  // A refusal is none of the caller's concern, nor is what storage records of itself.
+  // A refused allocation does not fail the caller's request, so its error must not be recorded.
   const ErrorAreaKeeper keeper(frame);
   auto *pIndex = static_cast<HashIndex *>(functionVector().MEM_Alloc(areaLen, storagePool));
   if (pIndex == nullptr) return nullptr;
@@ -60,7 +60,7 @@ void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
                            std::uint32_t passed) noexcept {
   const bool isLost = ctl.IndexState == kIndexLost;
   if ((ctl.IndexState != kMayBeIndexed && !isLost) || ctl.KeyLen != sizeof(std::uint64_t)) return;
-  if (isLost) forget(frame, &ctl);  // what was lost elsewhere may be this thread's
+  if (isLost) forget(frame, &ctl);  // the lost index may be this thread's
   const bool isFull = ctl.WalkedNodes == kMostWalkedNodes;
   if (!isFull) ++ctl.WalkedNodes;
   if (isFull || (passed >= kLongestWalkedChain && !isLost)) make(frame, ctl);
@@ -68,8 +68,9 @@ void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
 
 void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
   if (threadAreas(frame) == nullptr) return;
-  // An index is made when a table passes a limit that is a power of two, so the node just inserted
-  // would double the number of slots: it is not counted. After deletions it may be the only one.
+  // An index is made when a table exceeds a limit that is a power of two. Counting the node just
+  // inserted would double the number of slots, so it is left out. After deletions it may be the
+  // only node.
   const std::uint64_t nodes = std::max<std::uint64_t>(nodeCount(ctl), 2) - 1;
   HashIndex *pIndex = create(frame, ctl, std::bit_ceil(nodes * kSlotsPerNode));
   if (pIndex == nullptr) {
@@ -145,9 +146,10 @@ void HashIndex::grow(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
   releaseThreadArea(ppLink);
 }
 
-// Another key has the key's place. Keys less than 16 bytes apart, which would fill the places of
-// their page many times over, go on where their lowest bits lead: those with the same ones stay
-// side by side for 256 bytes. Others go on at the next place.
+// Called when another key has the key's place. Keys less than 16 bytes apart would overfill the
+// places of their page, so the search continues at a place chosen by their lowest bits: keys with
+// the same lowest bits stay adjacent for 256 bytes. For all other keys it continues at the next
+// place.
 HashIndex::Slot *HashIndex::seekElsewhere(std::uint64_t key) const noexcept {
   std::uint32_t place = placeOf(key) + 1;
   if (key % 16 != 0) {
@@ -161,7 +163,7 @@ HashIndex::Slot *HashIndex::seekElsewhere(std::uint64_t key) const noexcept {
   return pSlot;
 }
 
-// Others may have inserted a key twice: a walk finds the first.
+// Others may have inserted a key twice. A walk finds the first one, so the index keeps it.
 void HashIndex::put(const Slot &entry) noexcept {
   Slot *pSlot = slotOf(entry.key);
   if (pSlot->pNode != nullptr) return;
@@ -169,8 +171,8 @@ void HashIndex::put(const Slot &entry) noexcept {
   ++count_;
 }
 
-// A table that was closed where the thread's note of it was not seen may have given its place to
-// anything by now, which is not written to: hence the look at the eye-catcher.
+// The table may have been closed by a frame that could not clear the thread's record of it, and its
+// storage may have a new owner, which must not be overwritten. So the eye-catcher is checked.
 void allowIndex(const CallFrame &frame, HMEMHASH hMemHash, MEMHashFunc pFunc) noexcept {
   MEMThreadBlock *pThreadBlk = threadBlock(frame);
   if (pThreadBlk == nullptr || pThreadBlk->pOpenedTable != hMemHash) return;
@@ -184,7 +186,7 @@ void KeyLookahead::wantSlot(const void *pKey) const noexcept {
   want(static_cast<const HashIndex *>(this)->firstSlotOf(pKey));
 }
 
-// To ask for an address that is not there takes long.
+// Prefetching an unmapped address is slow.
 void KeyLookahead::wantRecord(const void *pKey, std::size_t offset) const noexcept {
   const HashIndex::Slot *pSlot = static_cast<const HashIndex *>(this)->firstSlotOf(pKey);
   const void *pWanted = pSlot;

@@ -1,22 +1,22 @@
-// Private index of a hash table whose chains have grown long: from a key to its node, and from a
-// bucket to its last node. The table itself, its chains and their order stay as they are; insert
-// and get only find their place without walking a chain.
+// Private index of a hash table with long chains: from a key to its node, and from a bucket to its
+// last node. The table, its chains and their order do not change; insert and get only find their
+// place without walking a chain.
 //
-// Only tables whose owner has allowed it get one (owned_table.h): the library's packer and port
-// string writer. Their keys are addresses that never change in place, as a caller's keys may; and
-// their hash functions leave many buckets empty, so that chains grow with the graph.
+// Only tables whose owner allows it get an index (owned_table.h). The owners are the library's
+// packer and port string writer. Their keys are addresses that never change in place; a caller's
+// keys may. Their hash functions leave many buckets empty, so chains grow with the graph.
 //
-// An index lives in storage from the table's subpool, hangs on the thread block of the thread that
-// made it, and goes with the table or with that thread. Without a thread block or storage the
-// chains are walked.
+// An index is in storage from the table's subpool and is linked to the thread block of the thread
+// that made it. It is freed with the table or at the end of that thread. Without a thread block or
+// storage the chains are walked.
 //
-// The table's blocks are public: a host's own services may work on them, and so may other threads
-// and frames without a thread block, which do not find the index. So it never tells that a key is
-// absent without a look at the chain: a get walks it, an insert sees that it ends as noted. A node
-// that the index knows still has to have its key, and the list of deleted nodes to begin as noted;
-// else chains are walked, and an insert gives the index up. This sees all inserts of others, and
-// deletions unless there are two or more between two inserts of the library and every deleted node
-// is in use again by then.
+// The table's blocks are public. A host's own services may change them, and so may other threads
+// and frames without a thread block, which do not find the index. So the index alone never decides
+// that a key is absent: a get walks the chain, an insert checks that the chain still ends with the
+// recorded node. A node in the index must still have its key, and the list of deleted nodes must
+// still begin with the recorded node; otherwise chains are walked, and an insert drops the index.
+// This detects all inserts of others. It detects deletions unless two or more happen between two
+// inserts of the library and every deleted node is in use again by then.
 #pragma once
 
 #include <cstdint>
@@ -28,24 +28,24 @@
 
 namespace memlib {
 
-// A table with chains up to this long is walked, and makes no storage calls of its own, ...
+// The chains of a table are walked, without any storage calls, while they are up to this long ...
 inline constexpr std::uint32_t kLongestWalkedChain = 64;
-// ... as long as it has no more nodes than this. The port string writer's buckets are many: short
-// chains all over storage take as long to walk as a long one.
+// ... and the table has at most this many nodes. The port string writer has many buckets, and many
+// short chains spread over storage take as long to walk as one long chain.
 inline constexpr std::uint16_t kMostWalkedNodes = 2048;
 
 // States of a table: MEMHashCtlBlk.IndexState. Without an index, WalkedNodes is the number of nodes
-// inserted since the table was opened or has lost its index, up to kMostWalkedNodes. A host that
-// opens tables itself may leave anything in both, so the states are numbers that nobody stores by
+// inserted since the table was opened or lost its index, up to kMostWalkedNodes. A host that opens
+// tables itself may leave any values in both fields, so the states are numbers that are unlikely by
 // chance.
 inline constexpr std::uint16_t kNeverIndexed = 0;  // not allowed, or storage for one was refused
 inline constexpr std::uint16_t kMayBeIndexed = 0x4D49;
-// Another index is made only when the table has grown by kMostWalkedNodes, since making one takes
-// long, and others may go on as they did.
+// A new index is made only after the table has grown by kMostWalkedNodes: making one is slow, and
+// others may continue to change the table.
 inline constexpr std::uint16_t kIndexLost = 0x4C49;
-// The upper byte when the table has an index. The lower one, and WalkedNodes, tell which (mark()):
-// a thread may come upon one of an earlier table at the same address, or one that the table has
-// lost elsewhere.
+// The upper byte when the table has an index. The lower byte and WalkedNodes identify the index
+// (mark()): a thread may find one of an earlier table at the same address, or one that the table
+// lost on another thread.
 inline constexpr std::uint16_t kIndexed = 0xD600;
 
 inline bool isIndexed(const MEMHashCtlBlk &ctl) noexcept {
@@ -54,29 +54,29 @@ inline bool isIndexed(const MEMHashCtlBlk &ctl) noexcept {
 
 class HashIndex : public ThreadArea, public KeyLookahead {
  public:
-  // The table's index, or null: also where the table has one that this frame cannot find, and where
-  // others have deleted nodes since.
+  // The table's index, or null. Also null when this frame cannot find the index, and when others
+  // have deleted nodes since the last change.
   static HashIndex *of(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept {
     return isIndexed(ctl) ? find(frame, ctl) : nullptr;
   }
 
-  // Takes note of a node that has become the last of a chain with `passed` nodes in front of it.
-  // Makes an index of all that the table holds when it has grown enough, if it is a table that may
-  // have one and there is storage for it.
+  // Counts a new node at the end of a chain with `passed` nodes before it. Makes an index of the
+  // whole table when the table has grown enough, may have an index and there is storage for it.
   static void noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl, std::uint32_t passed) noexcept;
 
-  // For an insert: if the table has an index, it is wrong or not to be found.
+  // For an insert that could not use the index: an index of the table is wrong, or this frame
+  // cannot find it.
   static void lose(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {
     if (isIndexed(ctl)) markLost(frame, ctl);
   }
 
-  // For a delete: returns the table's index, if it has one.
+  // For a delete: frees the table's index, if it has one.
   static void drop(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
 
-  // For open: makes the table the one that the thread's next allowIndex() is about.
+  // For open: records the table for the thread's next allowIndex().
   static void noteOpened(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
 
-  // For open and close: returns all that the thread has for a table at this address.
+  // For open and close: frees all that the thread has for a table at this address.
   static void forget(const CallFrame &frame, const MEMHashCtlBlk *pTable) noexcept;
 
   // A key's place in the index, valid until a node is added.
@@ -86,26 +86,26 @@ class HashIndex : public ThreadArea, public KeyLookahead {
   };
   Slot *slotOf(const void *pKey) const noexcept { return slotOf(loadAs<std::uint64_t>(pKey)); }
 
-  // The node with the key, or null when only a walk tells whether there is one.
+  // The node with the key, or null when only a walk can decide whether there is one.
   HashNode *nodeWith(const MEMHashCtlBlk &ctl, const void *pKey) const noexcept {
     const Slot *pSlot = slotOf(pKey);
     return pSlot->pNode != nullptr && stillHolds(ctl, *pSlot) ? pSlot->pNode : nullptr;
   }
 
-  // True when the key's slot tells what a walk of the key's bucket would: the node with the key, or
-  // that there is none.
+  // True when the key's slot gives the same answer as a walk of the key's bucket: the node with the
+  // key, or that there is none.
   bool canTell(MEMHashCtlBlk &ctl, const Slot &slot, std::int16_t index) const noexcept {
     return slot.pNode != nullptr ? stillHolds(ctl, slot) : stillEnds(ctl, index);
   }
 
-  // The null link at the end of a bucket's chain, if the index can tell of the bucket.
+  // The last link of a bucket's chain, which is null unless others have changed the chain.
   HashNode **endOf(MEMHashCtlBlk &ctl, std::int16_t index) const noexcept {
     HashNode *pTail = pTails_[index].pNode;
     return pTail == nullptr ? ctl.bucket(index) : &pTail->pNext;
   }
 
-  // Takes note of a node that has become the last of its bucket; `pSlot` is its key's. The index
-  // may move or, for want of storage, vanish: it is not to be used afterwards.
+  // Adds a node that has become the last of its bucket; `pSlot` is its key's slot. The index may
+  // move, or be freed when there is no storage: do not use it afterwards.
   static void add(const CallFrame &frame, MEMHashCtlBlk &ctl, HashIndex *pIndex, Slot *pSlot,
                   std::int16_t index, HashNode *pNode) noexcept {
     const std::uint64_t key = keyOf(ctl, pNode);
@@ -116,15 +116,16 @@ class HashIndex : public ThreadArea, public KeyLookahead {
     if (pIndex->count_ > pIndex->capacity() / 2) pIndex->grow(frame, ctl);
   }
 
-  // Where a key belongs, whether or not another key has the place.
+  // The place of a key, which may hold another key.
   const Slot *firstSlotOf(const void *pKey) const noexcept {
     return &pSlots_[placeOf(loadAs<std::uint64_t>(pKey))];
   }
 
-  // True when look-ups are likely to wait for storage: the slots are more than near caches hold.
+  // True when look-ups are likely to miss the caches: there are more slots than the near caches
+  // hold.
   bool isLarge() const noexcept { return capacity() >= kLargeCapacity; }
 
-  // For checks (hash_check.cpp): true when what the index tells is what a walk would tell.
+  // For checks (hash_check.cpp): true when the index gives the same answers as a walk.
   bool isValid(MEMHashCtlBlk &ctl) const noexcept;
 
  private:
@@ -140,19 +141,20 @@ class HashIndex : public ThreadArea, public KeyLookahead {
   static std::uint64_t keyOf(const MEMHashCtlBlk &ctl, HashNode *pNode) noexcept {
     return loadAs<std::uint64_t>(keyIn(ctl, pNode));
   }
-  // True when a node that was noted with its key still has it.
+  // True when a recorded node still has its key.
   static bool stillHolds(const MEMHashCtlBlk &ctl, const Slot &noted) noexcept {
     return keyOf(ctl, noted.pNode) == noted.key;
   }
-  // True when a bucket's chain ends as noted. Empty buckets come in no order: no branch for them.
+  // True when a bucket's chain still ends with the recorded node. No branch for empty buckets: it
+  // would be unpredictable.
   bool stillEnds(MEMHashCtlBlk &ctl, std::int16_t index) const noexcept {
     const Tail &tail = pTails_[index];
     const void *pKey = tail.pNode == nullptr ? &tail.key : keyIn(ctl, tail.pNode);
     return *endOf(ctl, index) == nullptr && loadAs<std::uint64_t>(pKey) == tail.key;
   }
 
-  // What its table holds in IndexState and WalkedNodes: bits of the index's address. Two that there
-  // are at a time differ in them, unless they are a multiple of 256 MB apart.
+  // The value for the table's IndexState and WalkedNodes: bits of the index's address. The marks of
+  // two existing indexes differ, unless the indexes are a multiple of 256 MB apart.
   std::uint32_t mark() const noexcept {
     const auto bits = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(this) >> 4);
     return std::uint32_t{kIndexed} << 16 | (bits & 0xFFFFFF);
@@ -189,10 +191,10 @@ class HashIndex : public ThreadArea, public KeyLookahead {
 
   const MEMHashCtlBlk *pTable_;
   Slot *pSlots_;                  // a power of 2, at most half of them in use
-  Tail *pTails_;                  // one for each bucket, behind the slots
-  const HashNode *pFreeEntries_;  // the table's when it was changed last
+  Tail *pTails_;                  // one for each bucket, after the slots
+  const HashNode *pFreeEntries_;  // the table's, at its last change
   std::uint32_t lastPlace_;       // of a slot: one less than a power of 2
-  std::uint32_t shift_;           // leaves the bits of a place of a 64-bit product
+  std::uint32_t shift_;           // reduces a 64-bit product to the bits of a place
   std::uint32_t count_;           // slots in use
   std::uint32_t bucketCount_;     // of the table
   std::uint16_t walkedBefore_;    // the table's WalkedNodes before it had an index
@@ -201,7 +203,7 @@ class HashIndex : public ThreadArea, public KeyLookahead {
 // Spreads consecutive numbers evenly over the upper bits of a product.
 inline constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15U;
 
-// What hangs on a thread are indexes of its tables.
+// The areas of a thread are indexes of its tables.
 inline HashIndex *HashIndex::find(const CallFrame &frame, const MEMHashCtlBlk &ctl) noexcept {
   ThreadArea *const *ppAreas = threadAreas(frame);
   auto *pIndex = ppAreas == nullptr ? nullptr : static_cast<HashIndex *>(*ppAreas);
@@ -211,14 +213,15 @@ inline HashIndex *HashIndex::find(const CallFrame &frame, const MEMHashCtlBlk &c
   return pIndex;
 }
 
-// Where a key belongs. Structures that lie together are met together, so the addresses of one page
-// have places side by side, one for 16 bytes; the pages are spread by a multiplication.
+// The place of a key. Structures that are close in memory are reached close in time, so the
+// addresses of one page have adjacent places, one for each 16 bytes. A multiplication spreads the
+// pages.
 inline std::uint32_t HashIndex::placeOf(std::uint64_t key) const noexcept {
   const auto ofPage = static_cast<std::uint32_t>(((key >> 12) * kSpread) >> shift_);
   return (ofPage + static_cast<std::uint32_t>(key % 4096 / 16)) & lastPlace_;
 }
 
-// The slot with the key, or the free one where it belongs.
+// The slot with the key, or the free slot for it.
 inline HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
   Slot *pSlot = &pSlots_[placeOf(key)];
   return pSlot->pNode == nullptr || pSlot->key == key ? pSlot : seekElsewhere(key);

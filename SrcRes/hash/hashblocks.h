@@ -26,7 +26,7 @@ struct MEMHashCtlBlk {
   std::uint16_t IndexState;  // the library's own: see hash_index.h
   MEMHashFunc pFunc;
   std::uint16_t SubPool;
-  std::uint16_t WalkedNodes;  // the library's own, too
+  std::uint16_t WalkedNodes;  // the library's own
   std::uint32_t CtlBlkLen;
   HMEMHEAP hMemHeap;
   HashNode *pFreeEntries;  // deleted nodes, latest first

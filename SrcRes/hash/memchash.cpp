@@ -1,4 +1,4 @@
-// Hash tables over records with a key at a fixed place and a caller's hash function.
+// Hash tables of records with a key at a fixed offset and a caller's hash function.
 #include <cstring>
 
 #include "base/bytes.h"
@@ -17,7 +17,7 @@ constexpr EntryPoint kHashOpen{"MEM_HashOpen", kSourceHash, 152, 211};
 constexpr EntryPoint kHashClose{"MEM_HashClose", kSourceHash, 263, 309};
 constexpr EntryPoint kHashInsEntry{"MEM_HashInsEntry", kSourceHash, 361, 468};
 constexpr EntryPoint kHashGetEntry{"MEM_HashGetEntry", kSourceHash, 521, 590};
-// Delete and scan trace under the name of get; hosts know them apart by the line.
+// Delete and scan trace under the name of get; hosts distinguish them by the line.
 constexpr EntryPoint kHashDelEntry{"MEM_HashGetEntry", kSourceHash, 643, 721};
 constexpr EntryPoint kHashScan{"MEM_HashGetEntry", kSourceHash, 772, 818};
 
@@ -45,7 +45,7 @@ std::int16_t finishNotFound(CallFrame &frame) noexcept {
   return frame.finish(MEMERR_HASHNFND);
 }
 
-// Ends a call in which another service failed; that service's error stands.
+// Ends a call in which another service failed; that service's error remains recorded.
 std::int16_t finishNested(CallFrame &frame, const char *pExitText) noexcept {
   frame.traceExit(pExitText);
   return frame.finish(-1);
@@ -64,11 +64,11 @@ bool keysEqual(const MEMHashCtlBlk &ctl, const void *pKey, const void *pOther) n
   return ctl.KeyLen <= 0 || std::memcmp(pKey, pOther, static_cast<std::size_t>(ctl.KeyLen)) == 0;
 }
 
-// Where a walk of a chain has ended: at the link that points at the node with the key, or else at
-// the null link at the chain's end.
+// Where a walk of a chain has ended: at the link to the node with the key, or at the null link at
+// the end of the chain.
 struct ChainLink {
   HashNode **ppNode;
-  std::uint32_t passed;  // nodes in front of it
+  std::uint32_t passed;  // nodes before it
 };
 
 template <class IsEqual>
@@ -81,7 +81,7 @@ ChainLink walkChain(MEMHashCtlBlk &ctl, std::int16_t index, IsEqual isEqual) noe
   return link;
 }
 
-// Addresses and numbers as keys are compared as one word.
+// Keys of 8 bytes are compared as one word.
 ChainLink findLink(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexcept {
   if (ctl.KeyLen == sizeof(std::uint64_t)) {
     const auto key = loadAs<std::uint64_t>(pKey);
@@ -94,16 +94,16 @@ ChainLink findLink(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noe
   });
 }
 
-// What an insert finds for a key.
+// The place of a key for an insert.
 struct InsertPlace {
   HashNode *pEqual;   // has the key; null when there is none
   HashNode **ppLast;  // the null link at the chain's end, when there is none
-  HashIndex *pIndex;  // that has answered, else null
+  HashIndex *pIndex;  // the index if it found the place, else null
   HashIndex::Slot *pSlot;
-  std::uint32_t passed;  // nodes of the chain, when it was walked
+  std::uint32_t passed;  // nodes of the chain, if it was walked
 };
 
-// By the index where it can tell; one that cannot is given up.
+// Asks the index if it can answer; drops an index that cannot.
 InsertPlace locate(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t index,
                    const void *pKey) noexcept {
   if (HashIndex *pIndex = HashIndex::of(frame, ctl)) {
@@ -118,7 +118,7 @@ InsertPlace locate(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t inde
 }
 
 // MemHashAllocEntry: a node with a null link for a record of `Len` bytes, or null with the heap's
-// error standing. A deleted node is taken without a look at its size: all records of a table have
+// error recorded. A deleted node is reused without a check of its size: all records of a table have
 // one length.
 HashNode *allocateEntry(MEMHashCtlBlk &ctl, std::int16_t Len) noexcept {
   if (Len >= 0 && ctl.pFreeEntries != nullptr) {
@@ -127,8 +127,8 @@ HashNode *allocateEntry(MEMHashCtlBlk &ctl, std::int16_t Len) noexcept {
     pNode->pNext = nullptr;
     return pNode;
   }
-  // Link and rounding, computed in 16 bits. A negative length goes to the heap as it is, which
-  // refuses it.
+  // Adds the link and rounds up, in 16 bits. A negative length is passed to the heap unchanged,
+  // which refuses it.
   const auto entryLen = static_cast<std::int16_t>(Len < 0 ? Len : Len + 15);
   void *pEntry = nullptr;
   const std::int16_t result = functionVector().MEM_HeapAllocEntry(ctl.hMemHeap, entryLen, &pEntry);
@@ -146,7 +146,7 @@ std::int16_t MEM_HashOpen(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t Ke
   CallFrame frame(kHashOpen, ErrorArea::clear);
   frame.traceEntry("Parms: phHash=%lX, KeyOff=%hd, KeyLen=%hd, Max=%hd, pFunc=%lX", phHash, KeyOff,
                    KeyLen, Max, pFunc);
-  if (Max < -1) return failControlBlock(frame);  // no room for the block's own fields
+  if (Max < -1) return failControlBlock(frame);  // no room for the fields of the block
   const std::size_t buckets = static_cast<std::size_t>(Max + 1);
   const auto ctlBlkLen =
       static_cast<std::uint32_t>(sizeof(MEMHashCtlBlk) + buckets * sizeof(HashNode *));
@@ -154,7 +154,7 @@ std::int16_t MEM_HashOpen(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t Ke
       functionVector().MEM_Alloc(ctlBlkLen, static_cast<std::int16_t>(SubPool)));
   if (pCtl == nullptr) return failControlBlock(frame);
 
-  HashIndex::forget(frame, pCtl);  // of a table that this thread did not see closed
+  HashIndex::forget(frame, pCtl);  // of a table that was closed unnoticed by this thread
   std::memset(static_cast<void *>(pCtl), 0, ctlBlkLen);
   writeEyecatcher(pCtl->Eyecatcher, kHashEye);
   pCtl->KeyOff = KeyOff;
@@ -225,7 +225,7 @@ std::int16_t MEM_HashGetEntry(HMEMHASH hMemHash, const void *pKey, void **ppEntr
   const HashIndex *pIndex = HashIndex::of(frame, ctl);
   HashNode *pNode = pIndex == nullptr ? nullptr : pIndex->nodeWith(ctl, pKey);
   if (pNode == nullptr) {
-    // A key in an index has a bucket: the hash function is the owner's, and was asked for it.
+    // A key in an index has a valid bucket: the owner's hash function returned it before.
     const std::int16_t index = ctl.pFunc(pKey);
     if (!isIndex(ctl, index)) return failIndex(frame, index);
     pNode = *findLink(ctl, index, pKey).ppNode;
@@ -243,7 +243,7 @@ std::int16_t MEM_HashDelEntry(HMEMHASH hMemHash, const void *pKey) noexcept {
   const std::int16_t index = ctl.pFunc(pKey);
   if (!isIndex(ctl, index)) return failIndex(frame, index);
 
-  HashIndex::drop(frame, ctl);  // an index does not follow deletions
+  HashIndex::drop(frame, ctl);  // an index is not updated by deletions
   HashNode **ppLink = findLink(ctl, index, pKey).ppNode;
   HashNode *pNode = *ppLink;
   if (pNode == nullptr) return finishNotFound(frame);

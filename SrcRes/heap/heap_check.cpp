@@ -46,11 +46,11 @@ bool areLargeBlocksValid(const Header &heap) noexcept {
   return true;
 }
 
-// Whether a piece lies in what one of the areas has handed out.
+// True when a piece is within the allocated part of one of the areas.
 bool isHandedOut(const MEMEHeapHeader &heap, const void *pPiece, std::uint32_t length) noexcept {
   std::uint32_t headerLen = sizeof(MEMEHeapHeader);
   for (const MEMHeapArea *pArea = &heap.FirstArea; pArea != nullptr; pArea = pArea->pNextArea) {
-    // Far beyond any area for a piece before this one.
+    // For a piece before this area the offset is beyond any area.
     const std::uintptr_t offset =
         reinterpret_cast<std::uintptr_t>(pPiece) - reinterpret_cast<std::uintptr_t>(pArea);
     if (offset >= headerLen && offset <= pArea->NextFreeOff && isWholeUnits(offset)) {

@@ -1,15 +1,15 @@
-// Walks through a whole heap, for builds that validate: see MEM_ASSERT_VALID.
+// Checks of a whole heap, for MEM_ASSERT_VALID.
 #pragma once
 
 #include "heap/heapblocks.h"
 
 namespace memlib {
 
-// Whether the heap is one as its operations leave it: its lists end, every area and large block is
-// one by its head, nothing is handed out beyond an area's end, and what the head counts is right.
+// True when the heap's invariants hold: its lists end, every area and large block has a valid
+// header, no entry exceeds its area, and the counts in the heap's header are right.
 bool isValid(const MEMHeapHeader &heap) noexcept;
 
-// The same, and every free entry is a piece of storage that was handed out.
+// The same, and every free entry is storage that was allocated before.
 // REQUIRES: no other thread changes the heap: its gate is held, or its handle is not yet known.
 bool isValid(const MEMEHeapHeader &heap) noexcept;
 

@@ -1,5 +1,5 @@
-// What both kinds of heap do alike: storage for areas and large blocks through the vector, carving
-// from the current area, chains of entries, failures. Entry points stay with their units.
+// What both kinds of heap have in common: storage for areas and large blocks through the vector,
+// carving from the current area, chains of entries, failures. The entry points are in their units.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ struct StorageLine {
   const char *format;
 };
 
-// Storage for an area or a large block, traced; null when there is none.
+// Allocates an area or a large block and traces it. Null when there is no storage.
 inline void *getHeapStorage(CallFrame &frame, std::uint32_t size, std::uint16_t subPool,
                             const StorageLine &line) noexcept {
   void *pBlock = functionVector().MEM_Alloc(size, static_cast<std::int16_t>(subPool));
@@ -40,7 +40,7 @@ inline void freeHeapStorage(CallFrame &frame, void *pBlock, std::uint32_t size,
   functionVector().MEM_Free(pBlock, size, static_cast<std::int16_t>(subPool));
 }
 
-// Fills the fields that every area begins with; `headerLen` is what the area's header takes.
+// Fills the fields that every area begins with; `headerLen` is the length of the area's header.
 inline void initArea(MEMHeapArea &area, const Eyecatcher &eye, std::uint32_t headerLen,
                      std::uint32_t areaSize) noexcept {
   writeEyecatcher(area.Eyecatcher, eye);
@@ -58,11 +58,11 @@ inline void *carveEntry(MEMHeapArea &area, std::uint32_t aligned) noexcept {
   return pEntry;
 }
 
-// The two headers keep these fields at different offsets, so what works on either is a template.
-// What few entries need is out of line, so that carving pays nothing for it.
+// The two headers have these fields at different offsets, so functions for both are templates. Code
+// for rare cases is out of line, so that carving does not pay for it.
 
-// A heap in a first area of `AreaLen` KB, or null when there is no storage. What only one kind of
-// heap has in its header is left to the caller.
+// Makes a heap in a first area of `AreaLen` KB. Null when there is no storage. The caller fills the
+// header fields that only one kind of heap has.
 template <class Header>
 Header *makeHeap(CallFrame &frame, const Eyecatcher &eye, std::int16_t AreaLen,
                  std::uint16_t SubPool, const StorageLine &line) noexcept {
@@ -77,8 +77,8 @@ Header *makeHeap(CallFrame &frame, const Eyecatcher &eye, std::int16_t AreaLen,
   return pHeap;
 }
 
-// Puts a new area behind the current one and makes it current; what is left of the old one is
-// abandoned. False, with nothing changed, when there is no storage.
+// Appends a new area and makes it current; the rest of the old one stays unused. False, with
+// nothing changed, when there is no storage.
 template <class Header>
 MEM_NOINLINE bool addArea(CallFrame &frame, Header &heap, const StorageLine &line) noexcept {
   auto *pArea =
@@ -90,8 +90,8 @@ MEM_NOINLINE bool addArea(CallFrame &frame, Header &heap, const StorageLine &lin
   return true;
 }
 
-// An entry of the current area, or of a new one when it is too long for that. Null, with nothing
-// changed, when there is no storage.
+// Allocates an entry from the current area, or from a new one when the rest is too short. Null,
+// with nothing changed, when there is no storage.
 template <class Header>
 void *addAreaEntry(CallFrame &frame, Header &heap, std::uint32_t aligned,
                    const StorageLine &line) noexcept {
@@ -126,14 +126,14 @@ void freeLargeBlocks(CallFrame &frame, const Header &heap, const StorageLine &li
   }
 }
 
-// Kills the handle, then frees the areas, the header with the first of them: nothing of `heap` may
-// be read afterwards.
+// Invalidates the handle, then frees the areas. The header is freed with the first area, so `heap`
+// must not be read afterwards.
 template <class Header>
 void freeAreas(CallFrame &frame, Header &heap, const StorageLine &line) noexcept {
   const std::uint32_t areaSize = heap.AreaSize;
   const std::uint16_t subPool = heap.SubPool;
   MEMHeapArea *pArea = &heap.FirstArea;
-  // A stale handle fails the eye-catcher test as long as the storage is not reused.
+  // A stale handle fails the eye-catcher test until the storage is reused.
   std::memset(pArea->Eyecatcher, 0, sizeof pArea->Eyecatcher);
   while (pArea != nullptr) {
     MEMHeapArea *pNext = pArea->pNextArea;
@@ -142,15 +142,15 @@ void freeAreas(CallFrame &frame, Header &heap, const StorageLine &line) noexcept
   }
 }
 
-// What the calls of a kind of heap have of their own.
+// What differs between the calls of the two kinds of heap.
 struct HeapKind {
   MEM_HeapAllocEntryLongFn *MEMFunctionVector::*entrySlot;  // the entries of chains come from here
-  bool marksComponent;                                      // failures say whose they are
+  bool marksComponent;                                      // failures set the component number
 };
 inline constexpr HeapKind kStandardKind{&MEMFunctionVector::MEM_HeapAllocEntryLong, false};
 inline constexpr HeapKind kEnhancedKind{&MEMFunctionVector::MEM_EHeapAllocEntry, true};
 
-// A failure whose text goes through the free message text.
+// Records a failure whose text is composed in the free message text.
 std::int16_t failComposed(CallFrame &frame, const HeapKind &kind, std::uint32_t code,
                           const ErrorText &text) noexcept;
 
@@ -161,7 +161,7 @@ inline bool isAreaLen(std::int16_t AreaLen) noexcept {
 }
 std::int16_t failAreaLen(CallFrame &frame, const HeapKind &kind, std::int16_t AreaLen) noexcept;
 
-// A chain of entries as a caller asks for it.
+// The arguments of a multiple allocation.
 struct EntryChain {
   std::int32_t Len;
   std::int32_t NumEnties;
@@ -170,12 +170,13 @@ struct EntryChain {
 
 // Ends a multiple allocation: checks the count and the link offset, takes the entries one by one
 // from the kind's slot, links each to the next at `LinkOff`, the last to nothing, and stores the
-// first. When an allocation fails its error stands and the entries made so far stay in the heap.
+// first. When an allocation fails, its error remains recorded and the entries made so far stay in
+// the heap.
 std::int16_t allocChain(CallFrame &frame, const HeapKind &kind, HMEMHEAP hMemHeap,
                         const EntryChain &chain, void **ppEntry) noexcept;
 
-// The two entry points that are called past the vector, within this room: a standard heap's
-// multiple allocations pass an enhanced heap's handle on to them.
+// The two entry points that are called directly, not through the vector, within this room: the
+// multiple allocations of a standard heap pass an enhanced heap's handle to them.
 std::int16_t MEM_EHeapAllocMultEntries(HMEMHEAP hMemHeap, std::int32_t Len, std::int16_t NumEnties,
                                        std::int16_t LinkOff, void **ppEntry) noexcept;
 std::int16_t MEM_EHeapAllocLongMultEntries(HMEMHEAP hMemHeap, std::int32_t Len,

@@ -1,12 +1,12 @@
-// Control blocks of the heaps. Both kinds of heap are chains of areas; handles are told apart by
-// their eye-catchers. The offsets are contract.
+// Control blocks of the heaps. Both kinds of heap are chains of areas; the eye-catcher
+// distinguishes the handles. The offsets are contract.
 //
 //   first area          | MEMHeapHeader or MEMEHeapHeader | entries ... | free |
 //   further areas       | MEMHeapArea | entries ...                     | free |
 //   large blocks        | MEMHeapLargeBlock | one entry |
 //
-// NextFreeOff + FreeLen is the area size in every area. Only the current area, the last one of the
-// chain, is carved from.
+// NextFreeOff + FreeLen is the area size in every area. Entries are carved only from the current
+// area, which is the last one of the chain.
 #pragma once
 
 #include <cstdint>
@@ -22,11 +22,11 @@ inline constexpr Eyecatcher kEHeapEye = "ENHHEAP1";
 inline constexpr Eyecatcher kAreaEye = "QQQHEAPN";
 inline constexpr Eyecatcher kLargeBlockEye = "QQQHBLKN";
 
-// Head of every area after the first.
+// Header of every area after the first.
 struct MEMHeapArea {
   char Eyecatcher[8];
   MEMHeapArea *pNextArea;     // null in the last area
-  std::uint32_t NextFreeOff;  // offset in this area of the first byte not handed out
+  std::uint32_t NextFreeOff;  // offset in this area of the first free byte
   std::int32_t FreeLen;       // bytes from there to the area's end
 };
 MEM_CHECK_SIZE(MEMHeapArea, 24);
@@ -34,18 +34,18 @@ MEM_CHECK_OFFSET(MEMHeapArea, pNextArea, 8);
 MEM_CHECK_OFFSET(MEMHeapArea, NextFreeOff, 16);
 MEM_CHECK_OFFSET(MEMHeapArea, FreeLen, 20);
 
-// A block of its own for an entry that no area can hold; the entry follows.
+// A separate block for an entry that is too long for an area; the entry follows.
 struct MEMHeapLargeBlock {
   char Eyecatcher[8];
   MEMHeapLargeBlock *pNextBlock;
-  std::uint32_t BlockSize;  // bytes obtained, this header included
+  std::uint32_t BlockSize;  // bytes allocated, this header included
   std::uint32_t Reserved20;
 };
 MEM_CHECK_SIZE(MEMHeapLargeBlock, 24);
 MEM_CHECK_OFFSET(MEMHeapLargeBlock, pNextBlock, 8);
 MEM_CHECK_OFFSET(MEMHeapLargeBlock, BlockSize, 16);
 
-// What an enhanced heap writes over an area entry that is given back.
+// What an enhanced heap writes into a freed area entry.
 struct MEMEHeapFreeItem {
   MEMEHeapFreeItem *pNextFree;
   std::uint32_t EntrySize;
@@ -69,11 +69,11 @@ MEM_CHECK_OFFSET(MEMHeapHeader, AreaSize, 40);
 MEM_CHECK_OFFSET(MEMHeapHeader, SubPool, 44);
 
 // Flags of an enhanced heap.
-inline constexpr std::uint8_t kGateHeld = 0x01;  // by the running operation
+inline constexpr std::uint8_t kGateHeld = 0x01;  // by the current operation
 inline constexpr std::uint8_t kHasLargeBlock = 0x02;
 
-// Enhanced heap. Its first fields are those of an area; the others lie elsewhere than a standard
-// heap's.
+// Enhanced heap. Its first fields are those of an area; the others have other offsets than in a
+// standard heap.
 struct MEMEHeapHeader {
   MEMHeapArea FirstArea;
   std::uint32_t hGate;
@@ -97,24 +97,24 @@ MEM_CHECK_OFFSET(MEMEHeapHeader, AreaSize, 56);
 
 inline constexpr std::int16_t kMaxAreaKB = 256;
 
-// Entries up to AreaSize less this come from areas, longer ones get a large block. The same for
-// every area of either kind of heap, whatever its header takes.
+// Entries of up to AreaSize minus this come from areas; longer ones get a large block. The same for
+// every area of both kinds of heap, regardless of the length of its header.
 inline constexpr std::uint32_t kAreaEntryOverhead = sizeof(MEMHeapHeader);
 
 inline bool fitsInArea(std::int64_t aligned, std::uint32_t areaSize) noexcept {
   return aligned <= static_cast<std::int64_t>(areaSize) - kAreaEntryOverhead;
 }
 
-// An entry that an enhanced heap gets back must have room for a free item's link and size.
+// A freed entry of an enhanced heap must have room for a free item's link and size.
 inline constexpr std::int64_t kMinEHeapEntryLen = 16;
 
-// Entry lengths are multiples of 8. Wide, so that no length of 32 bits wraps.
+// Entry lengths are multiples of 8. 64-bit, so that no 32-bit length wraps.
 inline std::int64_t alignedEntryLen(std::int32_t Len) noexcept {
   return (static_cast<std::int64_t>(Len) + 7) & ~std::int64_t{7};
 }
 
-// Reads what an allocation reads of a handle before anything else: the eye-catcher and the header.
-// So that a handle that cannot be read faults here, and not in a service that is never left then.
+// Reads the parts of a handle that an allocation reads first: the eye-catcher and the header. An
+// unreadable handle then faults here, and not inside a service whose frame would never be left.
 inline void readHandle(HMEMHEAP hMemHeap) noexcept {
   if (hMemHeap == nullptr) return;
   std::size_t length = 0;

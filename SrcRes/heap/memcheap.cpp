@@ -19,7 +19,7 @@ constexpr StorageLine kAreaFreed{306, "Freeing Std Heap Area, ptr=%p, size=%lu"}
 constexpr StorageLine kAreaObtained{521, "Allocating Std Heap area, ptr=%p, size=%lu"};
 constexpr StorageLine kBlockObtained{553, "Allocating Large Heap block, ptr=%p, size=%lu"};
 
-// Line numbers of the storage trace where an allocation tells what kind of heap it was given.
+// Line numbers of the storage trace that shows which kind of heap an allocation got.
 constexpr std::int32_t kLineAllocKind = 470;
 constexpr std::int32_t kLineMultKind = 647;
 constexpr std::int32_t kLineLongMultKind = 779;
@@ -30,7 +30,7 @@ MEMHeapHeader &header(HMEMHEAP hMemHeap) noexcept {
 
 enum class HandleKind { standard, enhanced, invalid };
 
-// What an allocation was given; traced, but for null.
+// The kind of an allocation's handle. Traced unless the handle is null.
 inline HandleKind tracedKind(CallFrame &frame, HMEMHEAP hMemHeap, std::int32_t line) noexcept {
   if (hMemHeap == nullptr) return HandleKind::invalid;
   if (isEnhancedHeap(hMemHeap)) {
@@ -41,7 +41,7 @@ inline HandleKind tracedKind(CallFrame &frame, HMEMHEAP hMemHeap, std::int32_t l
   return isStandardHeap(hMemHeap) ? HandleKind::standard : HandleKind::invalid;
 }
 
-// Ends a call with the result of another service; a failure's error stands.
+// Ends a call with the result of another service. The error of a failure remains recorded.
 std::int16_t passOn(CallFrame &frame, std::int16_t result) noexcept {
   return result == 0 ? frame.succeed() : frame.finish(result);
 }
@@ -52,7 +52,7 @@ std::int16_t failHandle(CallFrame &frame, HMEMHEAP hMemHeap) noexcept {
 }
 
 // The long and the multiple allocations show the free message text of an earlier failure in the
-// name field instead of the handle; hosts know them by it.
+// name field instead of the handle. Hosts rely on it.
 std::int16_t failHandleWithStandingText(CallFrame &frame) noexcept {
   return frame.fail({.code = MEMERR_HEAPBHDL, .wording = Wording::standing});
 }

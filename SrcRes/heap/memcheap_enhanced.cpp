@@ -1,5 +1,5 @@
-// Enhanced heaps: heaps that threads share. Each has a gate of its own, held while its chains are
-// looked at or changed.
+// Enhanced heaps: heaps that threads share. Each has its own gate, held while its chains are read
+// or changed.
 #include "heap/heap_parts.h"
 
 namespace memlib {
@@ -24,7 +24,8 @@ MEMEHeapHeader &header(HMEMHEAP hMemHeap) noexcept {
   return *reinterpret_cast<MEMEHeapHeader *>(hMemHeap);
 }
 
-// Any length is served; those too small for a free item, 0 and less among them, as the smallest.
+// Any length is valid. Lengths too small for a free item, including 0 and negative ones, become the
+// smallest length.
 std::int64_t enhancedEntryLen(std::int32_t Len) noexcept {
   const std::int64_t aligned = alignedEntryLen(Len);
   return aligned < kMinEHeapEntryLen ? kMinEHeapEntryLen : aligned;
@@ -40,15 +41,15 @@ std::int16_t failEntry(CallFrame &frame, const void *pEntry) noexcept {
                       ErrorText("BuffPtr=").pointer(pEntry));
 }
 
-// A gate service has failed: its own code and text become the inner ones.
+// Records the failure of a gate service: its code and text become the inner ones.
 std::int16_t failGate(CallFrame &frame, const char *pService) noexcept {
   frame.keepHostError();
   return failComposed(frame, kEnhancedKind, MEMERR_HEAPGATE, ErrorText(pService));
 }
 
-// Holds a heap's gate until the end of its scope: on a failing path past the report, so that the
-// error is complete when another thread gets its turn. Only the operation that has taken the gate
-// releases it; the flag in the header is for observers and decides nothing.
+// Holds a heap's gate until the end of its scope. On failure that is after the report, so that the
+// error is complete before another thread continues. Only the operation that acquired the gate
+// releases it; the flag in the header is only for observers.
 class HeldGate {
  public:
   explicit HeldGate(MEMEHeapHeader &heap) noexcept
@@ -70,8 +71,8 @@ class HeldGate {
   const bool isHeld_;
 };
 
-// Unlinks the first free entry of exactly this size and hands it out cleared; null when the list
-// has none. Nothing in the library links entries into the list: a free only prepares them.
+// Unlinks the first free entry of exactly this size, clears and returns it. Null when the list has
+// none. The library never links entries into the list: a free only prepares them.
 void *takeFreeEntry(MEMEHeapHeader &heap, std::uint32_t aligned) noexcept {
   void *pLink = &heap.pFreeEntries;
   while (void *pItem = loadAs<void *>(pLink)) {
@@ -93,15 +94,15 @@ void *takeAreaEntry(CallFrame &frame, MEMEHeapHeader &heap, std::uint32_t aligne
   return addAreaEntry(frame, heap, aligned, kAreaObtained);
 }
 
-// As takeAreaEntry, for an entry that no area can hold.
+// As takeAreaEntry, for an entry that is too long for an area.
 void *takeLargeEntry(CallFrame &frame, MEMEHeapHeader &heap, std::uint32_t aligned) noexcept {
   void *pEntry = addLargeEntry(frame, heap, aligned, kBlockObtained);
   if (pEntry != nullptr) heap.Flags |= kHasLargeBlock;
   return pEntry;
 }
 
-// True when the entry is a large block's and the block is storage up to this length. The block
-// stays until the heap is closed, so there is nothing else to do.
+// True when the entry belongs to a large block and the block is accessible storage up to this
+// length. The block stays until the heap is closed, so there is nothing else to do.
 bool isLargeEntry(const void *pEntry, std::int64_t aligned) noexcept {
   const auto blockAddress = reinterpret_cast<std::uintptr_t>(pEntry) - sizeof(MEMHeapLargeBlock);
   const auto *pBlock = reinterpret_cast<const void *>(blockAddress);
@@ -111,8 +112,8 @@ bool isLargeEntry(const void *pEntry, std::int64_t aligned) noexcept {
          hasEyecatcher(pBlock, kLargeBlockEye);
 }
 
-// Clears an area entry and writes what a member of the free list holds. The list itself is not
-// changed: freed storage is not handed out again and returns to the host at close.
+// Clears an area entry and fills the fields of a free item. The free list is not changed: freed
+// storage is not allocated again and returns to the host at close.
 void prepareFreeEntry(const MEMEHeapHeader &heap, void *pEntry, std::uint32_t aligned) noexcept {
   std::memset(pEntry, 0, aligned);
   storeAs(bytesAt(pEntry, offsetof(MEMEHeapFreeItem, pNextFree)), heap.pFreeEntries);
@@ -146,7 +147,7 @@ std::int16_t MEM_EHeapClose(HMEMHEAP hMemHeap) noexcept {
   CallFrame frame(kEHeapClose, ErrorArea::clear);
   frame.traceEntry("Parms: hMemHeap=%lX", hMemHeap);
   if (!isEnhancedHeap(hMemHeap)) {
-    // As for a standard heap, an earlier failure's text is shown instead of the handle.
+    // As for a standard heap, the text of an earlier failure is shown instead of the handle.
     return frame.fail(
         {.code = MEMERR_HEAPBHDL, .wording = Wording::standing, .marksComponent = true});
   }

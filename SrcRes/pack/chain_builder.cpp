@@ -7,7 +7,7 @@ namespace memlib {
 MemPackBlock *ChainBuilder::obtainBlock() const noexcept {
   const auto length = static_cast<std::uint32_t>(blockLen_);
   void *pBlock = functionVector().MEM_Alloc(length, 0);
-  // What stays unwritten must carry nothing of the host's old storage into a file.
+  // Unwritten bytes must not carry old contents of the host's storage into a file.
   if (pBlock != nullptr) std::memset(pBlock, 0, length);
   return static_cast<MemPackBlock *>(pBlock);
 }

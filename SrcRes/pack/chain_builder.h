@@ -18,19 +18,20 @@ namespace memlib {
 enum class Placement {
   done,
   tooLong,       // no block of this length can hold the item
-  noStorage,     // a further block could not be obtained
-  tooManyBlocks  // the chain would pass MEM_PACK_MAX_BLOCKS
+  noStorage,     // no storage for a further block
+  tooManyBlocks  // the chain would exceed MEM_PACK_MAX_BLOCKS
 };
 
-// The failure of an item that was not placed; `tooLong` is that of one too long for every block.
+// The failure of an item that was not placed. `tooLong` is the failure of an item too long for
+// every block.
 inline StepFailure notPlaced(Placement placement, const StepFailure &tooLong) noexcept {
   if (placement == Placement::tooLong) return tooLong;
   if (placement == Placement::tooManyBlocks) return badBlockCount(MEM_PACK_MAX_BLOCKS + 1);
   return failure(MEMERR_PACKAMEM, ErrorText("NthBlkMemAllocFail"));
 }
 
-// A MemPackRelPtr as one word: put together from parts in storage it could not be read as a whole
-// before these are there.
+// A MemPackRelPtr as one word. Storing it in parts and then reading it as a whole would stall the
+// processor.
 using RelPtrWord = std::uint64_t;
 static_assert(sizeof(RelPtrWord) == sizeof(MemPackRelPtr));
 
@@ -40,18 +41,18 @@ struct PlacedItem {
   RelPtrWord relPtr = 0;
 };
 
-// A packed chain under construction. The blocks belong to the caller of the library from the moment
-// they are linked; nothing is released here.
+// A packed chain under construction. The blocks belong to the caller of the library as soon as they
+// are linked; nothing is freed here.
 //
 // Invariants: the current block is the last of the chain; used <= min(block length - 8, 65535),
 // counted from block offset 8; every item starts at a content offset of at most 32767, so that a
-// signed 16-bit offset finds it; all bytes that were not written are zero.
+// signed 16-bit offset finds it; all unwritten bytes are zero.
 class ChainBuilder {
  public:
   explicit ChainBuilder(std::int32_t blockLen) noexcept
       : blockLen_(blockLen), end_(std::min(std::int64_t{blockLen} - kUsedStart, kMaxUsed)) {}
 
-  // Obtains block 0. Null when there is no storage. REQUIRES: canHoldHeader().
+  // Allocates block 0. Null when there is no storage. REQUIRES: canHoldHeader().
   MemPackBlock *start() noexcept;
 
   bool canHoldHeader() const noexcept { return blockLen_ >= kContentStart; }
@@ -59,18 +60,19 @@ class ChainBuilder {
   // True when version and control block fit in the first block.
   bool canHoldControlBlock(std::uint32_t controlBlockLen) const noexcept;
 
-  // Room for `length` bytes in the current block, for the version and the control block.
+  // Reserves `length` bytes in the current block, for the version and the control block.
   // REQUIRES: canHoldControlBlock().
   std::byte *append(std::uint32_t length) noexcept;
 
-  // Room for a segment, in a new block where the current one is too full.
+  // Reserves room for a segment, in a new block if the current one is too full.
   Placement placeSegment(std::int64_t length, PlacedItem &item) noexcept {
     if (!canHold(length, kFirstSegmentOff)) return Placement::tooLong;
     return fits(used_, length) ? put(used_, length, item)
                                : putInNewBlock(kFirstSegmentOff, length, item);
   }
 
-  // Room of `reserved` bytes for a string, wide text at a content offset that is a multiple of 4.
+  // Reserves `reserved` bytes for a string; wide text gets a content offset that is a multiple of
+  // 4.
   Placement placeString(std::int64_t reserved, bool isWide, PlacedItem &item) noexcept {
     if (!canHold(reserved, kFirstStringOff)) return Placement::tooLong;
     const std::uint32_t aligned = isWide ? (used_ + 3U) & ~3U : used_;
@@ -82,13 +84,14 @@ class ChainBuilder {
   friend class ChainCheck;
 
   static constexpr std::int64_t kUsedStart = 8;  // used lengths and content offsets count from here
-  static constexpr std::int32_t kContentStart = 10;     // block offset of the first content byte
-  static constexpr std::uint32_t kFirstSegmentOff = 2;  // content offsets in a fresh block
+  static constexpr std::int32_t kContentStart = 10;  // block offset of the first content byte
+  static constexpr std::uint32_t kFirstSegmentOff =
+      2;  // content offset of the first item in a new block
   static constexpr std::uint32_t kFirstStringOff = 4;
   static constexpr std::int64_t kMaxUsed = 0xFFFF;      // used lengths are 16-bit
   static constexpr std::uint32_t kMaxItemOff = 0x7FFF;  // relative offsets are signed 16-bit
 
-  // True when a fresh block whose first item starts at `firstOff` can hold `length` bytes.
+  // True when a new block whose first item starts at `firstOff` can hold `length` bytes.
   bool canHold(std::int64_t length, std::uint32_t firstOff) const noexcept {
     return length <= blockLen_ - MEM_PACK_BLOCK_OVERHEAD && length <= kMaxUsed - firstOff;
   }

@@ -1,4 +1,4 @@
-// Whether a packed chain under construction is as its invariants say. Nothing is changed.
+// Checks the invariants of a packed chain under construction. Changes nothing.
 #pragma once
 
 #include <cstdint>
@@ -10,11 +10,11 @@ struct PlacedItem;
 
 class ChainCheck {
  public:
-  // The whole chain: its blocks in order, their used lengths, and zero behind these. True of one
-  // that has not been started.
+  // Checks the whole chain: the order of its blocks, their used lengths, and zeros after these.
+  // True for a chain that has not been started.
   static bool isValid(const ChainBuilder &chain) noexcept;
 
-  // That an item of `length` bytes is the last one of the current block, which ends with it.
+  // True when an item of `length` bytes is the last one of the current block and ends it.
   static bool isLast(const ChainBuilder &chain, const PlacedItem &item,
                      std::int64_t length) noexcept;
 };

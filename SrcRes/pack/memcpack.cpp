@@ -26,7 +26,7 @@ std::int16_t MEM_Pack(const MemPackCB *pPackCB, const void *pRoot, std::int32_t 
     return finishWith(frame, *failed);
   }
   if (packer.closeTable() != 0) {
-    // The chain is complete; only the table's storage is in doubt.
+    // The chain is complete; only the table could not be closed.
     frame.traceExit("HashClose Return=FAILED");
     return frame.finish(0);
   }

@@ -1,4 +1,4 @@
-// The pack control block: the kinds of segments, their pointer fields, and the two layouts of it.
+// The pack control block: the kinds of segments, their pointer fields, and its two layouts.
 #pragma once
 
 #include <cstddef>
@@ -11,10 +11,10 @@
 
 namespace memlib {
 
-// Characters of the version in front of a packed control block.
+// Characters of the version before a packed control block.
 inline constexpr std::uint32_t kPackVersionLen = 4;
 
-// Descriptors that there is room for in a control block that counts so many.
+// Descriptors that exist in a control block with this count.
 constexpr std::int32_t descriptorsPresent(std::int32_t count) noexcept {
   return count > MEM_PACK_MIN_DESCRIPTORS ? count : MEM_PACK_MIN_DESCRIPTORS;
 }
@@ -23,7 +23,7 @@ inline bool isTextKind(const MemPackDescriptor &descriptor) noexcept {
   return descriptor.Type == MEM_PACK_STRING || descriptor.Type == MEM_PACK_WIDE_STRING;
 }
 
-// Pointer fields of a kind of segment. Text has none, whatever its descriptor holds.
+// Pointer fields of a kind of segment. Text has none, regardless of its descriptor.
 // REQUIRES: hasValidCounts(descriptor).
 inline std::span<const MemPackChild> children(const MemPackDescriptor &descriptor) noexcept {
   const std::int16_t count = isTextKind(descriptor) ? std::int16_t{0} : descriptor.ChildCount;
@@ -37,8 +37,8 @@ inline std::span<const std::int16_t> references(const MemPackDescriptor &descrip
   return {descriptor.References, static_cast<std::size_t>(count)};
 }
 
-// Entries that a descriptor's counts name, of text as well: with these conversions and byte swaps
-// deal. A count that is out of range names none.
+// The entries that a descriptor's counts cover, also for text: those that conversions and byte
+// swaps process. None for a count that is out of range.
 inline std::span<const MemPackChild> usedChildren(const MemPackDescriptor &descriptor) noexcept {
   const std::int16_t count = descriptor.ChildCount;
   const bool isInRange = count >= 0 && count <= MEM_PACK_MAX_CHILDREN;
@@ -55,16 +55,16 @@ inline bool hasSibling(const MemPackDescriptor &descriptor) noexcept {
   return !isTextKind(descriptor) && descriptor.SiblingOff != MEM_PACK_NO_SIBLING;
 }
 
-// Bytes of a counted or self-describing segment whose first word this is. Less than the word itself
-// where the word is wrong.
+// Bytes of a counted or self-describing segment with this first word. Less than the length of the
+// word when the word is wrong.
 inline constexpr std::int32_t kLengthWordLen = sizeof(std::uint16_t);
 inline std::int32_t lengthByWord(const MemPackDescriptor &descriptor, std::uint16_t word) noexcept {
   if (descriptor.Type != MEM_PACK_COUNTED) return word;
   return static_cast<std::int16_t>(word) + kLengthWordLen;
 }
 
-// Calls use(offset) for each pointer field, until its result counts as true: a failure, or what is
-// looked for. Returns the last result.
+// Calls use(offset) for each pointer field until a result is true: a failure, or the field that is
+// searched for. Returns the last result.
 template <class Use>
 auto anyPointerField(const MemPackDescriptor &descriptor, Use use) noexcept
     -> decltype(use(std::int16_t{})) {
@@ -80,12 +80,12 @@ auto anyPointerField(const MemPackDescriptor &descriptor, Use use) noexcept
   return {};
 }
 
-// A pointer field of a segment, at whatever alignment the descriptor gives it.
+// Reads a pointer field of a segment, which may have any alignment.
 inline void *loadPointer(const void *pSegment, std::int16_t offset) noexcept {
   return loadAs<void *>(bytesAt(pSegment, static_cast<std::size_t>(offset)));
 }
 
-// True when every pointer field of `width` bytes lies wholly inside a segment of `length` bytes.
+// True when every pointer field of `width` bytes is entirely within a segment of `length` bytes.
 bool pointersLieWithin(const MemPackDescriptor &descriptor, std::int64_t length,
                        std::uint32_t width = sizeof(void *)) noexcept;
 
@@ -96,7 +96,7 @@ struct DescriptorLayout {
   std::uint32_t referencesOff;
   std::int16_t maxChildren;
 
-  // Bytes of a control block with so many descriptors.
+  // Bytes of a control block with this count of descriptors.
   constexpr std::uint32_t controlBlockLen(std::int32_t count) const noexcept {
     return static_cast<std::uint32_t>(sizeof(std::int16_t)) +
            static_cast<std::uint32_t>(descriptorsPresent(count)) * length;
@@ -107,11 +107,11 @@ inline constexpr DescriptorLayout kCurrentLayout{
     offsetof(MemPackDescriptor, References), MEM_PACK_MAX_CHILDREN};
 inline constexpr DescriptorLayout kOldLayout{58, 10, 42, 8};
 
-// Stores the used entries of a descriptor, as they are, in one of that layout at `pTo`.
+// Stores the used entries of a descriptor, unchanged, in a descriptor of that layout at `pTo`.
 void storeUsedEntries(const MemPackDescriptor &descriptor, const DescriptorLayout &layout,
                       std::byte *pTo) noexcept;
 
-// View of a caller's control block. Descriptors up to index 7 exist even beyond the count.
+// View of a caller's control block. Descriptors up to index 7 exist regardless of the count.
 class PackControlBlock {
  public:
   explicit PackControlBlock(const MemPackCB *pPackCB) noexcept : pPackCB_(pPackCB) {}
@@ -130,7 +130,8 @@ class PackControlBlock {
   // REQUIRES: index < present().
   const MemPackDescriptor &descriptor(std::int32_t index) const noexcept;
 
-  // True when the descriptor's counts and child kinds are in range. Text may hold anything there.
+  // True when the descriptor's counts and child kinds are in range. For text any values are in
+  // range.
   bool hasValidCounts(const MemPackDescriptor &descriptor) const noexcept;
 
   // The first of the counted descriptors without valid counts, or null.
@@ -140,8 +141,8 @@ class PackControlBlock {
   const MemPackCB *pPackCB_;
 };
 
-// The kinds of a control block that conversions and byte swaps deal with: those that count, and of
-// those beyond the count the ones that such a kind names as a child, and so on.
+// The kinds of a control block that conversions and byte swaps process: those within the count, and
+// those beyond it that a used kind names as a child.
 class UsedKinds {
  public:
   // REQUIRES: controlBlock.exists().
@@ -153,7 +154,7 @@ class UsedKinds {
 
  private:
   std::int32_t count_;
-  std::uint32_t named_ = 0;  // one bit for each kind that is there whatever the count
+  std::uint32_t named_ = 0;  // one bit for each kind that exists regardless of the count
 };
 
 // True when a used kind has more child entries than the old layout can hold.

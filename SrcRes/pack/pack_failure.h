@@ -1,4 +1,4 @@
-// Failures of packing and unpacking that more than one step has.
+// Failures that several steps of packing and unpacking have in common.
 #pragma once
 
 #include <cstdint>

@@ -16,13 +16,13 @@ constexpr std::int16_t kTableMax = 127;
 constexpr std::int16_t kTableAreaKB = 4;
 constexpr std::uint16_t kTableSubPool = 0;
 
-// Records by which the fix-up asks for storage ahead: for slots of the table's index, and for the
-// records that these lead to.
+// How many records ahead the fix-up prefetches: slots of the table's index, and the records that
+// these point to.
 constexpr int kFarAhead = 8;
 constexpr int kNearAhead = 4;
 
-// MEM_PackHashFunc: 0..127 from an 8-byte address, by the byte that is the lowest one of a 4-byte
-// address on the host's platform, without the bit that alignment clears.
+// MEM_PackHashFunc: 0..127 from an 8-byte address. Uses the byte that would be the lowest one of a
+// 4-byte address on the host's platform, without the bit that alignment clears.
 std::int16_t packHash(const void *pKey) noexcept {
   const std::size_t lowestByte = platformIsBigEndian() ? 3 : 0;
   return static_cast<std::int16_t>(loadAs<std::uint8_t>(bytesAt(pKey, lowestByte)) >> 1);
@@ -63,7 +63,7 @@ std::int64_t segmentLength(const MemPackDescriptor &descriptor, const void *pSeg
   }
 }
 
-// The record that was made `count` records before this one, or null.
+// The record made `count` records before this one, or null.
 const PackRecord *recordBefore(const PackRecord *pRecord, int count) noexcept {
   for (; pRecord != nullptr && count > 0; --count) pRecord = pRecord->pPrevious;
   return pRecord;
@@ -100,7 +100,7 @@ bool Packer::openTable() noexcept {
 }
 
 bool Packer::startChain() noexcept {
-  if (!chain_.canHoldHeader()) return fail(blockTooSmall(blockLen_));  // and there is no block
+  if (!chain_.canHoldHeader()) return fail(blockTooSmall(blockLen_));  // before any block exists
   MemPackBlock *pFirst = chain_.start();
   if (pFirst == nullptr) return fail(failure(MEMERR_PACKAMEM, ErrorText("1stBlkMemAllocFail")));
   *ppFirstBlk_ = pFirst;
@@ -147,7 +147,7 @@ bool Packer::copySegment(const Level &level) noexcept {
   if (descriptor.Type == MEM_PACK_WIDE_STRING) {
     return fail({.result = -1, .code = 0, .text = ErrorText("WideStringOutOfPlace")});
   }
-  // Kinds beyond the count were not looked at before the walk.
+  // Kinds beyond the count were not checked before the walk.
   const SegmentPlan &plan = plans_.of(level.descriptor);
   if (!plan.isValid()) return fail(badDescriptor(&descriptor));
 
@@ -163,8 +163,8 @@ bool Packer::copySegment(const Level &level) noexcept {
   return copyStrings(plan, level.pSegment, item.pBytes) && recordSegment(level, item);
 }
 
-// Reads the pointers from the caller's segment: in the copy, one that an earlier entry names too
-// would be a relative pointer already.
+// Reads the pointers from the caller's segment. In the copy a field that several entries name would
+// already be a relative pointer.
 bool Packer::copyStrings(const SegmentPlan &plan, const void *pSegment, std::byte *pCopy) noexcept {
   for (const TextField &field : plan.texts()) {
     const void *pText = loadPointer(pSegment, field.Offset);
@@ -176,7 +176,7 @@ bool Packer::copyStrings(const SegmentPlan &plan, const void *pSegment, std::byt
   return true;
 }
 
-// Wide text gets twice its room, so that a reader with 4-byte characters can widen it in place.
+// Wide text gets twice its length, so that a reader with 4-byte characters can widen it in place.
 bool Packer::copyString(bool isWide, const void *pText, RelPtrWord &relPtr) noexcept {
   const std::int64_t length =
       isWide ? 2 * static_cast<std::int64_t>(wideLength(pText)) + 2
@@ -208,7 +208,7 @@ bool Packer::recordSegment(const Level &level, const PlacedItem &item) noexcept 
   return true;
 }
 
-// Moves on to the segment that is copied next. Sibling chains do not deepen the stack.
+// Moves to the segment that is copied next. Sibling chains do not deepen the stack.
 Packer::Next Packer::nextSegment() noexcept {
   for (; depth_ >= 0; --depth_) {
     Level &level = levels_[depth_];
@@ -228,7 +228,7 @@ Packer::Next Packer::nextSegment() noexcept {
   return Next::finished;
 }
 
-// The level's next child that is a segment of its own, or a level without a segment.
+// The level's next child that is a segment, or a level without a segment.
 Packer::Level Packer::takeChild(const SegmentPlan &plan, Level &level) noexcept {
   const auto all = plan.children();
   while (level.nextChild < all.size()) {
@@ -240,8 +240,8 @@ Packer::Level Packer::takeChild(const SegmentPlan &plan, Level &level) noexcept 
   return {};
 }
 
-// In a large graph the table's index and records are met all over storage: what a record's pointers
-// lead to is asked for some records ahead.
+// In a large graph the table's index and records are spread over memory, so the targets of a
+// record's pointers are prefetched some records ahead.
 bool Packer::fixPointers() noexcept {
   const KeyLookahead *pIndex = indexToAskAhead(frame_, hTable_);
   const PackRecord *pFar = pIndex == nullptr ? nullptr : recordBefore(pLastRecord_, kFarAhead);
@@ -269,7 +269,7 @@ void Packer::forEachTarget(const PackRecord &record, Use use) noexcept {
   }
 }
 
-// Pointers to text were replaced when the text was copied.
+// Replaces the pointers to segments. Those to text were replaced when the text was copied.
 bool Packer::fixRecord(const PackRecord &record) noexcept {
   for (const std::int16_t offset : plans_.of(record.Descriptor).links()) {
     if (!fixPointer(record.pCopy, offset)) return false;

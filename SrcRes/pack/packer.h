@@ -1,4 +1,4 @@
-// Packing: pointer-linked structures become a chain of blocks.
+// Packing: turns pointer-linked structures into a chain of blocks.
 #pragma once
 
 #include "frame/callframe.h"
@@ -9,7 +9,7 @@
 
 namespace memlib {
 
-// What the table of packed segments keeps of one. The key comes first.
+// The table's record of a packed segment. The key comes first.
 struct PackRecord {
   const void *pSegment;   // in the caller's structure
   std::byte *pCopy;       // in the blocks
@@ -48,7 +48,7 @@ class Packer {
   };
   enum class Next { segment, finished, overflow };
 
-  // Each of these is done, or returns false with the failure set.
+  // Each of these steps returns true, or sets the failure and returns false.
   bool checkArguments() noexcept;
   bool openTable() noexcept;
   bool startChain() noexcept;

@@ -1,4 +1,5 @@
-// What packing a segment takes, read off its descriptor once and not for every segment again.
+// What the packer needs to know of a kind of segment, read from its descriptor once and not again
+// for every segment.
 #pragma once
 
 #include <cstdint>
@@ -8,21 +9,21 @@
 
 namespace memlib {
 
-// A pointer field that leads to text.
+// A pointer field that points to text.
 struct TextField {
   std::int16_t Offset;
   bool isWide;
 };
 
-// The plan of one descriptor. Text has no pointer fields, whatever its descriptor holds.
+// The plan of one descriptor. Text has no pointer fields, regardless of its descriptor.
 class SegmentPlan {
  public:
-  SegmentPlan() noexcept = default;  // of no descriptor
+  SegmentPlan() noexcept = default;  // without a descriptor
   void make(const PackControlBlock &controlBlock, std::uint16_t index) noexcept;
 
   bool isOf(std::uint16_t index) const noexcept { return index_ == index; }
 
-  // False when the descriptor's counts or child kinds are out of range; then there is no more.
+  // False when the descriptor's counts or child kinds are out of range; then nothing else is set.
   bool isValid() const noexcept { return isValid_; }
   bool pointersLieWithin(std::int64_t length) const noexcept { return length >= pointersEnd_; }
 
@@ -51,19 +52,19 @@ class SegmentPlan {
   std::uint8_t textCount_;
   std::uint8_t childCount_;
   std::uint8_t linkCount_;
-  std::int64_t pointersEnd_;  // the least length of a segment that holds all pointer fields
+  std::int64_t pointersEnd_;  // least length of a segment with all pointer fields
   TextField texts_[MEM_PACK_MAX_CHILDREN];
   MemPackChild children_[MEM_PACK_MAX_CHILDREN];
   std::int16_t links_[1 + MEM_PACK_MAX_CHILDREN + MEM_PACK_MAX_REFERENCES];
 };
 
-// The plans of a control block, made when they are asked for first.
+// The plans of a control block, each made on first use.
 class PlanTable {
  public:
   explicit PlanTable(const PackControlBlock &controlBlock) noexcept : controlBlock_(controlBlock) {}
 
-  // Valid until the plan of another descriptor is asked for: in a control block with many
-  // descriptors several share a place. REQUIRES: index < present().
+  // Valid until the next call for another descriptor: in a control block with many descriptors
+  // several share a place. REQUIRES: index < present().
   const SegmentPlan &of(std::uint16_t index) noexcept {
     MEM_ASSERT(index < controlBlock_.present());
     SegmentPlan &plan = plans_[index % kPlaces];

@@ -1,10 +1,10 @@
-// Checks of the library's own work, in builds that check. What a caller or a file can cause is
-// refused in every build and never checked here.
+// Checks of the library's own work, in builds with checks. Errors that a caller or a file can cause
+// are refused in every build and never checked here.
 #pragma once
 
 namespace memlib {
 
-// Ends the process, with the condition and its place on stderr, unless it holds.
+// Ends the process if the condition is false; prints the condition and its place to stderr.
 void checkThat(bool holds, const char *pCondition, const char *pFile, int line) noexcept;
 
 }  // namespace memlib
@@ -12,15 +12,15 @@ void checkThat(bool holds, const char *pCondition, const char *pFile, int line) 
 #define MEM_CHECKED(condition) ::memlib::checkThat((condition), #condition, __FILE__, __LINE__)
 #define MEM_UNCHECKED(condition) static_cast<void>(sizeof((condition) ? 1 : 0))
 
-// What a comment calls REQUIRES. Build option MEM_CHECKS.
+// Checks what comments call REQUIRES. Build option MEM_CHECKS.
 #if defined(MEM_CHECKS)
 #define MEM_ASSERT(condition) MEM_CHECKED(condition)
 #else
 #define MEM_ASSERT(condition) MEM_UNCHECKED(condition)
 #endif
 
-// A walk through a whole structure, at the end of each operation on it: the time of every call
-// grows with the structure. Build option MEM_VALIDATE.
+// Checks a whole structure at the end of each operation on it: the time of every call grows with
+// the structure. Build option MEM_VALIDATE.
 #if defined(MEM_VALIDATE)
 #define MEM_ASSERT_VALID(condition) MEM_CHECKED(condition)
 #else

@@ -27,13 +27,14 @@ MEM_AVX_CODE inline void storeZeros(std::byte *pTo) noexcept {
   _mm256_storeu_ps(reinterpret_cast<float *>(pTo), _mm256_setzero_ps());
 }
 
-// A statement for each store, since a compiler makes a call of memset of a loop.
+// One statement for each store, because compilers replace a loop by a call of memset.
 template <std::size_t... kIndex>
 MEM_AVX_CODE inline void storeZeros(std::byte *pTo, std::index_sequence<kIndex...>) noexcept {
   (storeZeros(pTo + kIndex * kWideLen), ...);
 }
 
-// All bits of some neighbouring blocks in one, joined as a tree: no join waits for all before it.
+// The bits of adjacent blocks combined by OR, as a tree, so that the steps do not form one long
+// dependency chain.
 template <std::size_t kCount>
 MEM_AVX_CODE inline __m256 joinedBlocks(const std::byte *pFrom) noexcept {
   if constexpr (kCount == 1) {
@@ -45,10 +46,10 @@ MEM_AVX_CODE inline __m256 joinedBlocks(const std::byte *pFrom) noexcept {
   }
 }
 
-// Stores zeros into one part and looks at the rest, which is nearly always clean, since few calls
-// fail. A processor loads and stores at the same time, and more of the former: this is quicker than
-// either alone. What crosses a cache line takes twice as long, so the blocks in between are aligned
-// wherever the area lies, and those at its ends overlap them.
+// Stores zeros into one part and checks the rest, which is clean unless a call has failed. A
+// processor loads and stores at the same time, and does more loads than stores: this is faster than
+// either alone. An access across a cache line takes twice as long, so the blocks in the middle are
+// aligned for any address of the area, and the blocks at its ends overlap them.
 MEM_AVX_CODE void clearByWideStores(MEMErrorArea &area) noexcept {
   constexpr std::size_t kBetween = sizeof area / kWideLen - 1;
   constexpr std::size_t kStored = 6;

@@ -1,4 +1,4 @@
-// The clearing of a thread's error area: 552 bytes, and nearly every call does it first.
+// Clears a thread's error area of 552 bytes. Most entry points begin with it.
 #pragma once
 
 #include "qj7mem00/memhost.h"
@@ -7,8 +7,8 @@ namespace memlib {
 
 using ErrorAreaClear = void (*)(MEMErrorArea &area) noexcept;
 
-// The fastest one that this processor can run. Binding asks for it and keeps it: to ask takes
-// longer than to clear.
+// The fastest function that this processor can run. Binding selects and keeps it, because selecting
+// takes longer than clearing.
 ErrorAreaClear fastestErrorAreaClear() noexcept;
 
 }  // namespace memlib

@@ -1,5 +1,6 @@
-// What differs between compilers, processors and systems. Only this room asks about them. The
-// sources: platform_posix.cpp and platform_windows.cpp, one per system, and platform_processor.cpp.
+// Everything that depends on the compiler, the processor or the system. Only this room tests for
+// them. Sources: platform_posix.cpp and platform_windows.cpp, one per system, and
+// platform_processor.cpp.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +11,7 @@
 #define MEM_NOINLINE __attribute__((noinline))
 #endif
 
-// Asks for a line of storage that will be read soon. Any address will do.
+// Prefetches a cache line that will be read soon. Any address is allowed.
 #if defined(_MSC_VER) && !defined(__clang__)
 #include <intrin.h>
 #define MEM_PREFETCH(address) _mm_prefetch(reinterpret_cast<const char *>(address), _MM_HINT_T0)
@@ -26,8 +27,8 @@
 #define MEM_HAS_SSE2 0
 #endif
 
-// Whether 16 bytes at their own alignment may be read where only some of them are an object's: all
-// of them are on one page. Sanitizers look at objects.
+// True when 16 aligned bytes may be read although only some of them belong to an object: all of
+// them are on one page. Sanitizers check objects.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define MEM_READS_ALIGNED 0
 #elif defined(__has_feature)
@@ -41,8 +42,8 @@
 #define MEM_READS_ALIGNED MEM_HAS_SSE2
 #endif
 
-// Code for processors with AVX in a library that runs on others, too. Clang would make a call of
-// memset of a row of stores.
+// Code for processors with AVX in a library that also runs on others. Clang would replace a row of
+// stores by a call of memset.
 #if defined(_M_X64) && defined(_MSC_VER) && !defined(__clang__)
 #define MEM_AVX_CODE
 #elif defined(__x86_64__) && defined(__clang__)
@@ -51,8 +52,8 @@
 #define MEM_AVX_CODE __attribute__((target("avx")))
 #endif
 
-// The binding entry is exported by name: QJ7MEM00.def does it on Windows, QJ7MEM00.map together
-// with default visibility elsewhere.
+// Exports the binding entry by name: on Windows through QJ7MEM00.def, elsewhere through
+// QJ7MEM00.map and default visibility.
 #if defined(_WIN32)
 #define MEM_EXPORT
 #else
@@ -61,32 +62,33 @@
 
 namespace memlib {
 
-// Whether MEM_AVX_CODE may run: the processor has AVX, and the system keeps its registers.
+// True when MEM_AVX_CODE may run: the processor has AVX, and the system saves its registers.
 bool processorHasAvx() noexcept;
 
 // Answers of a fault filter.
 inline constexpr std::int32_t kFaultEndsWork = 1;
-inline constexpr std::int32_t kFaultIsNotOurs = 0;  // goes on to the process
+inline constexpr std::int32_t kFaultIsNotOurs = 0;  // the process handles it
 inline constexpr std::int32_t kFaultIsMended = -1;  // the faulting instruction runs again
 
-// Work that may fault, and who decides then. All get the context. The filter runs where the fault
-// happened; `pException` is the platform's exception information.
+// Work that may fault, and the functions that handle the fault. All get the context. The filter
+// runs where the fault happened; `pException` is the platform's exception information.
 struct GuardedWork {
   void (*run)(void *pContext) noexcept;
   std::int32_t (*filter)(void *pException, void *pContext) noexcept;
-  // When others than runGuarded() unwind the work and its callers, on platforms that tell. On
-  // others such work just ends.
+  // Called when code other than runGuarded() unwinds the work and its callers, on platforms that
+  // report it. On others such work just ends.
   void (*abandoned)(void *pContext) noexcept;
   void *pContext;
 };
 
-// Runs the work and returns true, or false when a fault (an access violation or the like) ended it.
-// Nothing is unwound then: the work must have no object with a destructor. Calls nest and run on
-// any number of threads; outside of them nothing is installed. The filter and the process's own
-// handlers may leave by a jump instead of returning: faults of the thread are the process's again.
+// Runs the work and returns true, or false when a fault (such as an access violation) ended it. A
+// fault unwinds nothing, so the work must have no object with a destructor. Calls nest and run on
+// any number of threads; without a running call nothing is installed. The filter and the process's
+// own handlers may leave by a jump instead of returning: then the process handles the faults of the
+// thread again.
 bool runGuarded(const GuardedWork &work) noexcept;
 
-// Takes away whatever calls that were left by a jump have left installed. No guarded call may run.
+// Uninstalls handlers that remain after calls that ended by a jump. No guarded call may run.
 void releaseGuards() noexcept;
 
 }  // namespace memlib

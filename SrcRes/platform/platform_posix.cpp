@@ -16,21 +16,23 @@ namespace memlib {
 
 namespace {
 
-// A fault must never be answered for a call that is gone. So wherever other code may jump out of a
-// call, which is in the host's filter and in the process's handlers, the thread has no guard in
-// force: it gets it back when that code returns. A jump then leaves nothing behind.
+// A fault must never be handled for a call that has ended. The host's filter and the process's
+// handlers may jump out of a call, so the thread has no guard in force while they run. The guard is
+// restored when they return; after a jump nothing remains.
 
 // Handlers.
 
 constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
 constexpr int kSignalCount = sizeof kSignals / sizeof kSignals[0];
 
-// While guarded calls run, a handler of ours stands before the process's. One that the process
-// installs meanwhile stays, and may call ours as the one before it from then on. So ours keeps what
-// it has covered, and the next call installs another function: each has a place in the chain of
-// handlers and passes on to the one it covers, and no fault goes round in circles.
+// While guarded calls run, our handler is installed over the process's. A handler that the process
+// installs meanwhile stays, and may from then on call ours as the previous one. So ours keeps the
+// handler that it covers, and the next call installs another function. Each function has its own
+// place in the chain of handlers and passes signals to the handler that it covers, so no fault can
+// circulate.
 //
-// When all places are taken, ours is not installed again: it is there behind the process's.
+// When all places are used, ours is not installed again: it is already in the chain, below the
+// process's.
 constexpr int kPlaces = 4;
 
 using Handler = void(int, siginfo_t *, void *) noexcept;
@@ -42,13 +44,13 @@ struct sigaction handlerAt(int place) noexcept {
   struct sigaction ours;
   std::memset(&ours, 0, sizeof ours);
   ours.sa_sigaction = kHandlers[place];
-  // Nothing is blocked while the handler runs: a fault of the filter reaches the process.
+  // No signal is blocked while the handler runs, so that a fault in the filter reaches the process.
   ours.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
   sigemptyset(&ours.sa_mask);
   return ours;
 }
 
-// kPlaces when the handler is none of ours.
+// Returns kPlaces when the handler is not one of ours.
 int placeOf(const struct sigaction &handler) noexcept {
   int place = 0;
   while (place < kPlaces && handler.sa_sigaction != kHandlers[place]) ++place;
@@ -62,21 +64,22 @@ struct sigaction handlerOf(int signal) noexcept {
 }
 
 bool isSame(const struct sigaction &one, const struct sigaction &other) noexcept {
-  constexpr std::size_t kMaskLen = (NSIG - 1) / 8;  // the system leaves the rest of a mask as it is
+  constexpr std::size_t kMaskLen = (NSIG - 1) / 8;  // the system does not set the rest of a mask
   return one.sa_sigaction == other.sa_sigaction && one.sa_flags == other.sa_flags &&
          std::memcmp(&one.sa_mask, &other.sa_mask, kMaskLen) == 0;
 }
 
-// The handlers of one signal. Changed by one thread at a time, read by any in a handler of ours.
+// The handlers of one signal. One thread at a time changes them; any thread in a handler of ours
+// may read them.
 class SignalChain {
  public:
   void install(int signal) noexcept;
   void uninstall(int signal) noexcept;
   void release(int signal) noexcept;
 
-  // What the handler at a place has covered.
+  // The handler that the one at a place covers.
   struct sigaction covered(int place) const noexcept;
-  // To be called when the covered handler runs that wants to do so only once.
+  // Call this when a covered handler runs that was installed to run only once.
   void spend(int place, int signal) noexcept;
 
  private:
@@ -87,8 +90,8 @@ class SignalChain {
     std::atomic<bool> isSpent = false;
   };
   Place places_[kPlaces];
-  int free_ = 0;   // places below may be called by handlers of the process
-  int place_ = 0;  // of ours that is installed; kPlaces when none is
+  int free_ = 0;   // handlers of the process may call the places below
+  int place_ = 0;  // of our installed handler; kPlaces without one
 };
 
 struct sigaction SignalChain::covered(int place) const noexcept {
@@ -107,7 +110,7 @@ void SignalChain::spend(int place, int signal) noexcept {
 
 void SignalChain::cover(const struct sigaction &handler) noexcept {
   Place &place = places_[place_];
-  // Mostly the same as ever; who reads it in a handler that still runs is not disturbed then.
+  // Not written when equal, so that a handler that still runs on another thread can read it.
   if (!isSame(place.covered, handler)) place.covered = handler;
   place.isSpent.store(false, std::memory_order_relaxed);
 }
@@ -117,15 +120,15 @@ void SignalChain::install(int signal) noexcept {
   for (int tries = 1;; ++tries) {
     const struct sigaction current = handlerOf(signal);
     place_ = placeOf(current);
-    if (place_ < kPlaces) return;  // the process has taken back what it put before ours
+    if (place_ < kPlaces) return;  // the process has removed its handler over ours
     place_ = free_;
     if (place_ == kPlaces) return;
-    cover(current);  // known before ours can run, on whatever thread
+    cover(current);  // before ours can run on any thread
     const struct sigaction ours = handlerAt(place_);
     struct sigaction replaced;
     sigaction(signal, &ours, &replaced);
     if (isSame(replaced, current) || tries == kMostTries) return;
-    sigaction(signal, &replaced, nullptr);  // changed meanwhile: once more
+    sigaction(signal, &replaced, nullptr);  // changed meanwhile: try again
   }
 }
 
@@ -160,12 +163,13 @@ SignalChain &chainOf(int signal) noexcept {
 
 // Installing.
 
-// Threads with a guard in force. Ours are installed while there are any. Goes to and from 0 under
-// the lock only.
+// Threads with a guard in force. Our handlers are installed while there are any. Changes from and
+// to 0 only under the lock.
 constinit std::atomic<int> guardedThreads{0};
 constinit std::atomic_flag isInstalling;
 
-// Made of what a signal handler may use. Never held where a fault of guarded work can be.
+// Uses only functions that are allowed in a signal handler. Never held where guarded work can
+// fault.
 class InstallLock {
  public:
   InstallLock() noexcept {
@@ -179,7 +183,7 @@ class InstallLock {
   InstallLock &operator=(const InstallLock &) = delete;
 };
 
-// Changes the count unless it is `limit` or below, which takes the lock.
+// Changes the count if it is above `limit`. Other changes need the lock.
 bool changeAbove(int limit, int change) noexcept {
   int count = guardedThreads.load(std::memory_order_relaxed);
   while (count > limit) {
@@ -208,11 +212,11 @@ void removeThread() noexcept {
 
 struct Guard;
 
-// A thread's innermost guard and where its call's frame is. Without a guard: null.
+// A thread's innermost guard and the address of its call's stack frame. Null without a guard.
 struct InForce {
   Guard *pGuard = nullptr;
   const void *pFrame = nullptr;
-  std::uint32_t binding = 0;  // guards do not outlast the binding they were made under
+  std::uint32_t binding = 0;  // guards end with the binding that they were made in
 };
 
 struct Guard {
@@ -221,8 +225,8 @@ struct Guard {
   sigjmp_buf end;
 };
 
-// In the thread's static storage, where a handler on any thread finds it without an allocation. The
-// C library keeps room there for a few bytes of libraries that are loaded later.
+// In static thread-local storage, which a handler on any thread reads without an allocation. The C
+// library reserves a few bytes there for libraries that are loaded later.
 __attribute__((tls_model("initial-exec"))) constinit thread_local InForce threadGuard;
 
 constinit std::atomic<std::uint32_t> bindings{0};
@@ -231,12 +235,13 @@ InForce inForce() noexcept {
   return threadGuard.binding == bindings.load(std::memory_order_relaxed) ? threadGuard : InForce{};
 }
 
-// Changes which guard answers for the thread's faults, or that none does.
+// Sets the guard that handles the thread's faults, or none.
 void putInForce(const InForce &next) noexcept {
   const bool wasGuarded = inForce().pGuard != nullptr;
   const bool isGuarded = next.pGuard != nullptr;
   if (isGuarded && !wasGuarded) addThread();
-  // A handler on this thread sees these in turn, and what the work reads on its side of them.
+  // A handler on this thread sees these stores in order, and the work's accesses on the right side
+  // of them.
   std::atomic_signal_fence(std::memory_order_seq_cst);
   if (isGuarded) {
     threadGuard.pFrame = next.pFrame;
@@ -253,9 +258,9 @@ bool contains(const stack_t &stack, std::uintptr_t address) noexcept {
   return (stack.ss_flags & SS_DISABLE) == 0 && address - start < stack.ss_size;
 }
 
-// True when code that runs at a stack position has left the guard's call by a jump that did not
-// come by here. `alternate` is the thread's other stack for signals: what runs there may have
-// interrupted a call on the usual one.
+// True when the code at a stack position has left the guard's call by a jump that bypassed this
+// file. `alternate` is the thread's alternate signal stack: code on it may have interrupted a call
+// on the normal stack.
 bool isLeft(const InForce &guarded, std::uintptr_t position, const stack_t &alternate) noexcept {
   const auto frame = reinterpret_cast<std::uintptr_t>(guarded.pFrame);
   const bool isAlternate = contains(alternate, frame);
@@ -269,19 +274,19 @@ bool isLeft(const InForce &guarded, const ucontext_t &machine) noexcept {
 #elif defined(__aarch64__)
   const std::uintptr_t position = machine.uc_mcontext.sp;
 #else
-  const std::uintptr_t position = 0;  // not known: inside of all calls
+  const std::uintptr_t position = 0;  // unknown: assume that all calls are still active
 #endif
   return isLeft(guarded, position, machine.uc_stack);
 }
 
 // Signals.
 
-// Not by an instruction of the thread, but by somebody's call of kill() or the like.
+// True when kill() or a similar call sent the signal, and not an instruction of the thread.
 bool isSent(const siginfo_t &info) noexcept {
   return info.si_code <= 0;
 }
 
-// Calls a handler as the system would: with what it wants to be blocked.
+// Calls a handler as the system would, with its signals blocked.
 void callHandler(const struct sigaction &handler, int signal, siginfo_t *pInfo,
                  void *pMachine) noexcept {
   sigset_t blocked = handler.sa_mask;
@@ -296,8 +301,8 @@ void callHandler(const struct sigaction &handler, int signal, siginfo_t *pInfo,
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// A signal that is none of ours goes where it would have gone without us. False when the system's
-// own action ends the process.
+// Passes a signal that is not ours to the handler that would get it without us. False when the
+// system's default action ends the process.
 bool passOn(int place, int signal, siginfo_t *pInfo, void *pMachine) noexcept {
   SignalChain &chain = chainOf(signal);
   const struct sigaction handler = chain.covered(place);
@@ -308,14 +313,14 @@ bool passOn(int place, int signal, siginfo_t *pInfo, void *pMachine) noexcept {
     return true;
   }
   if (isSent(*pInfo) && !isDefault) return true;
-  // The instruction runs again and faults under the system's own handling.
+  // The instruction runs again and faults with the system's default handling.
   sigaction(signal, &handler, nullptr);
   if (isSent(*pInfo)) raise(signal);
   return false;
 }
 
-// Has the filter of the thread's guard decide about a fault, and the process if that declines or if
-// it is something else.
+// The filter of the thread's guard decides about a fault. The process decides if the filter
+// declines, and about all other signals.
 void decide(const InForce &guarded, int place, int signal, siginfo_t *pInfo,
             void *pMachine) noexcept {
   const auto &machine = *static_cast<ucontext_t *>(pMachine);
@@ -328,12 +333,12 @@ void decide(const InForce &guarded, int place, int signal, siginfo_t *pInfo,
   }
   errno = error;
   if (answer == kFaultEndsWork) {
-    // Whoever called this handler may have blocked signals; the work had this mask.
+    // The caller of this handler may have blocked signals; this is the mask of the work.
     pthread_sigmask(SIG_SETMASK, &machine.uc_sigmask, nullptr);
     siglongjmp(guarded.pGuard->end, 1);
   }
   const bool goesOn = answer == kFaultIsMended || passOn(place, signal, pInfo, pMachine);
-  // The process may have the thread go on elsewhere.
+  // The process may have changed where the thread continues.
   if (goesOn && !isLeft(guarded, machine)) putInForce(guarded);
 }
 

@@ -13,11 +13,11 @@ namespace {
 
 #if defined(MEM_AVX_CODE)
 
-// What the processor says of itself in register ECX of leaf 1.
-constexpr std::uint32_t kSystemSavesMore = 1U << 27;  // OSXSAVE: there is an XCR0 to read
+// The processor's features in register ECX of leaf 1.
+constexpr std::uint32_t kSystemSavesMore = 1U << 27;  // OSXSAVE: XCR0 exists
 constexpr std::uint32_t kHasAvx = 1U << 28;
 
-// Bits of XCR0: registers that the system keeps for a thread.
+// Bits of XCR0: registers that the system saves for a thread.
 constexpr std::uint32_t kKeepsVectors = 0b110;
 
 #if defined(_MSC_VER) && !defined(__clang__)

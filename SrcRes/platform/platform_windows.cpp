@@ -6,12 +6,12 @@ namespace memlib {
 
 namespace {
 
-// A function of its own: faults are caught in functions that the guarded region calls.
+// A separate function, because faults are caught only in functions that the guarded region calls.
 MEM_NOINLINE void runWork(const GuardedWork &work) noexcept {
   work.run(work.pContext);
 }
 
-// Another one, so that what is caught here is no abnormal end of the caller's region.
+// A separate function, so that a fault caught here is not an abnormal end of the caller's region.
 MEM_NOINLINE bool runCaught(const GuardedWork &work) noexcept {
   bool isDone = false;
   __try {

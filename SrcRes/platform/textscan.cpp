@@ -25,7 +25,7 @@ const __m128i *stepAt(const void *pText, std::size_t offset) noexcept {
   return reinterpret_cast<const __m128i *>(at(pText, offset));
 }
 
-// The first zero unit of a step, or of some.
+// The first zero unit of one or more steps.
 template <class Bits>
 std::size_t unitAt(std::size_t offset, Bits zeros) noexcept {
   return (offset + static_cast<std::uint32_t>(std::countr_zero(zeros))) / sizeof(char16_t);
@@ -37,7 +37,7 @@ std::size_t unitAt(std::size_t offset, Bits zeros) noexcept {
 
 constexpr std::size_t kStride = 4 * kStep;
 
-// The zero units of a stride, a quarter of the bits for each step.
+// The zero units of a stride; each step has a quarter of the bits.
 std::uint64_t zerosOfStride(const __m128i *pSteps) noexcept {
   const __m128i none = _mm_setzero_si128();
   const __m128i a = _mm_cmpeq_epi16(_mm_load_si128(pSteps), none);
@@ -62,7 +62,7 @@ std::size_t plainWideLength(const void *pText) noexcept {
 }
 
 #if MEM_READS_ALIGNED
-// Single steps up to a whole stride, which begins no second page either.
+// Single steps up to an aligned stride, which never crosses a page either.
 std::size_t wideLengthFrom(const void *pText, std::size_t offset) noexcept {
   const auto address = reinterpret_cast<std::uintptr_t>(pText);
   MEM_ASSERT((address + offset) % kStep == 0);

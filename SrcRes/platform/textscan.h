@@ -1,5 +1,5 @@
-// Where text ends, by the widest looks that every processor of the platform allows: the one place
-// that looks for the end of wide text, and the look at narrow text of a known room.
+// Finds the end of text with the widest loads that every processor of the platform has. The only
+// place that searches for the end of wide text, and of narrow text of limited length.
 #pragma once
 
 #include <bit>
@@ -18,17 +18,17 @@ inline std::uint32_t zeroUnits(__m128i units) noexcept {
 }
 #endif
 
-// Units in front of the terminator, one after the other.
+// Counts the units before the terminator one by one.
 std::size_t plainWideLength(const void *pText) noexcept;
 
 #if MEM_READS_ALIGNED
-// As wideLength, when there is no terminator in the first `offset` bytes.
-// REQUIRES: the address there is one of 16 bytes.
+// As wideLength, for text without a terminator in the first `offset` bytes.
+// REQUIRES: the address at `offset` is a multiple of 16.
 std::size_t wideLengthFrom(const void *pText, std::size_t offset) noexcept;
 #endif
 
-// Units in front of the zero unit that ends the text. The text may stand at any address; no page is
-// read that it does not reach.
+// Units before the zero unit that ends the text. The text may have any alignment. Only pages that
+// contain part of the text are read.
 inline std::size_t wideLength(const void *pText) noexcept {
 #if MEM_READS_ALIGNED
   const auto address = reinterpret_cast<std::uintptr_t>(pText);
@@ -43,11 +43,11 @@ inline std::size_t wideLength(const void *pText) noexcept {
 #endif
 }
 
-// The same for text that need not end: at most `most` units, and nothing behind them is read.
+// The same for text that may lack a terminator: at most `most` units; nothing after them is read.
 std::size_t wideLengthWithin(const void *pText, std::size_t most) noexcept;
 
-// Characters in front of the NUL that ends narrow text, at most `most`, and nothing behind them is
-// read. In line for the first ones, since most texts are short.
+// Characters before the NUL that ends narrow text, at most `most`; nothing after them is read.
+// Inline for the first ones, because most texts are short.
 inline std::size_t narrowLengthWithin(const void *pText, std::size_t most) noexcept {
   const auto *pBytes = static_cast<const std::byte *>(pText);
   std::size_t looked = 0;

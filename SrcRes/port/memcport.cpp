@@ -1,8 +1,8 @@
-// Port strings: graphs of structures as portable text, and back. The entry points, each inside the
+// Port strings: graphs of structures as portable text, and back. The entry points run inside the
 // fault guard.
 //
-// The work of a call runs inside the guard, which may leave it at any instruction. So nothing there
-// has a destructor; what a call opens is noted in its state record and closed outside.
+// The guard may end the work of a call at any instruction. So nothing in the work has a destructor;
+// what a call opens is recorded in its state and closed outside.
 #include "frame/callframe.h"
 #include "port/read/port_reader.h"
 #include "port/write/port_writer.h"
@@ -11,7 +11,7 @@ namespace memlib {
 
 namespace {
 
-// All three calls trace under the writer's name; hosts know the readers by their lines.
+// All three calls trace under the writer's name; hosts recognise the readers by their lines.
 constexpr EntryPoint kStructToPortStr{"MEM_StructToPortStr", kSourcePort, 301, 389};
 constexpr EntryPoint kPortStrToStruct{"MEM_StructToPortStr", kSourcePort, 2103, 2188};
 constexpr EntryPoint kPort1StrToStruct{"MEM_StructToPortStr", kSourcePort, 2251, 2297};
@@ -19,8 +19,8 @@ constexpr EntryPoint kPort1StrToStruct{"MEM_StructToPortStr", kSourcePort, 2251,
 constexpr std::int32_t kLineNullChunk = 2117;
 constexpr std::int32_t kLineNullText = 2265;
 
-// Runs the work of a call under the fault guard. A fault is shown to the host's filter, with the
-// call's frame, unless the work says that it is none of the call's. False when a fault ended the
+// Runs the work of a call under the fault guard. A fault is passed to the host's filter with the
+// call's frame, unless the work declares that looking ahead caused it. False when a fault ended the
 // work.
 template <class Work>
 bool runUnderGuard(CallFrame &frame, Work &work) noexcept {
@@ -44,7 +44,7 @@ bool runUnderGuard(CallFrame &frame, Work &work) noexcept {
   return runGuarded(guarded);
 }
 
-// Ends a call that a fault ended: with the result that the host's filter stored, if it did.
+// Ends a call after a fault, with the result that the host's filter stored, if any.
 std::int16_t finishFaulted(CallFrame &frame) noexcept {
   const std::int16_t stored = frame.finishAsHostSet();
   return stored != 0 ? stored : frame.finish(-1);

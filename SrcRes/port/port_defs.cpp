@@ -19,13 +19,13 @@ bool applyText(const MEMFieldDef &field, std::byte *pField) noexcept {
   const auto length = static_cast<std::int64_t>(std::strlen(pText));
   if (length >= field.Length && field.NoTruncate != 0) return false;
   const auto last = static_cast<std::size_t>(field.Length - 1);
-  // One byte more than the text is its terminator.
+  // One byte more: the terminator.
   std::memcpy(pField, pText, std::min(last, static_cast<std::size_t>(length) + 1));
   pField[last] = std::byte{0};
   return true;
 }
 
-// The test for truncation compares units with bytes; callers' definitions rely on it.
+// The test for truncation compares units with bytes. Callers' definitions rely on it.
 bool applyWideText(const MEMFieldDef &field, std::byte *pField) noexcept {
   const char16_t *pText = field.Default.pWide;
   if (pText == nullptr || field.Length < kWideUnit) return true;

@@ -1,4 +1,4 @@
-// Definition tables. They are the caller's and are read in place, at every look-up.
+// Definition tables. They belong to the caller and are read in place at every look-up.
 #pragma once
 
 #include <cstddef>
@@ -12,19 +12,18 @@ namespace memlib {
 // identifier below 1.
 const MEMStructDef *findStructDef(const MEMStructDef *pDefs, std::uint32_t StructID) noexcept;
 
-// The entries of Fields: none where FieldCount is negative.
+// Number of entries of Fields; 0 if FieldCount is negative.
 inline std::int32_t fieldCount(const MEMStructDef &def) noexcept {
   return def.FieldCount > 0 ? def.FieldCount : 0;
 }
 
-// True when the definition has a repeat field, its last one.
+// True when the definition has a repeat field, which is its last field.
 inline bool hasRepeatField(const MEMStructDef &def) noexcept {
   return def.CountField != MEM_PORT_NO_COUNT;
 }
 
-// Gives an absent field its default. False when a text is too long for a field that must not be
-// truncated. REQUIRES: as many bytes at `pField` as
-// the reader stores there.
+// Stores the default of an absent field. False when a text is too long for a field that must not be
+// truncated. REQUIRES: as many bytes at `pField` as the reader stores there.
 bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept;
 
 }  // namespace memlib

@@ -1,4 +1,4 @@
-// Error records of port string calls. They are written whatever the trace flags are.
+// Error records of port string calls. They are written regardless of the trace flags.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace memlib {
 
-// A place in the code that reports: internal routine and fixed line, as in all trace records.
+// The place that an error record names: internal routine and fixed line, as in all trace records.
 struct MessagePoint {
   const char *routine;
   std::int32_t line;
@@ -16,7 +16,7 @@ struct MessagePoint {
 // Short form, for writers: "(source:line)ERROR:message".
 void reportWriting(CallFrame &frame, const MessagePoint &point, const char *pMessage) noexcept;
 
-// Where a reader stands: what was read last and what comes next.
+// A reader's position, the text that it read last and the text that comes next.
 struct Excerpts {
   static constexpr std::size_t kLen = 80;
   std::int32_t position = 0;  // in the current chunk

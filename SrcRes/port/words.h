@@ -1,5 +1,5 @@
-// Text looked at eight characters at a time: runs of digits, and runs of characters that stand for
-// themselves. Nothing is read at or behind the end that a caller gives.
+// Processes text eight characters at a time: runs of digits, and runs of plain characters, which
+// are not escaped. Reads nothing at or after the end that the caller passes.
 #pragma once
 
 #include <bit>
@@ -17,20 +17,20 @@ using TextWord = std::uint64_t;
 static_assert(std::endian::native == std::endian::little);
 
 inline constexpr std::size_t kTextWordLen = sizeof(TextWord);
-inline constexpr std::uint32_t kTextWordDigits = 100000000;  // 10 to the power of a word's length
+inline constexpr std::uint32_t kTextWordDigits = 100000000;  // 10 to the power of the word's length
 
 constexpr TextWord everyByte(char c) noexcept {
   return static_cast<unsigned char>(c) * TextWord{0x0101010101010101};
 }
 
-// Marks, bits in the bytes of a word. Only the lowest one is sure to be right: those above it may
-// come from a carry.
+// The index of the lowest mark. Marks are bits in the bytes of a word. Only the lowest one is
+// reliable; those above it may come from a carry.
 constexpr std::size_t charactersBelow(TextWord marks) noexcept {
-  return static_cast<std::size_t>(std::countr_zero(marks)) / 8;  // all of them without a mark
+  return static_cast<std::size_t>(std::countr_zero(marks)) / 8;  // without a mark: all characters
 }
 
-// Characters that are no digits, in a word whose digits are values already. Marks are the highest
-// bits of their bytes.
+// Marks the characters that are not digits, in a word whose digits are already values. Marks are
+// the highest bits of their bytes.
 constexpr TextWord marksOfNonDigits(TextWord values) noexcept {
   return (values | (values + everyByte(0x7F - 9))) & everyByte('\x80');
 }
@@ -43,7 +43,7 @@ inline TextWord bytesBelow(TextWord marks) noexcept {
 constexpr TextWord marksOfZeros(TextWord word) noexcept {
   return (word - everyByte(1)) & ~word & everyByte('\x80');
 }
-// The end of text that stands for itself: its closing quote or the "/" of an escape. As
+// Marks the characters that end plain text: the closing quote or the "/" of an escape. Equals
 // marksOfZeros of both differences; a byte and its differences have the same highest bit.
 constexpr TextWord marksOfSpecials(TextWord word, char quote) noexcept {
   const TextWord quotes = (word ^ everyByte(quote)) - everyByte(1);
@@ -51,8 +51,8 @@ constexpr TextWord marksOfSpecials(TextWord word, char quote) noexcept {
   return (quotes | escapes) & ~word & everyByte('\x80');
 }
 
-// The number in eight bytes of 0 to 9, the lowest one worth 1. Each step joins neighbours in the
-// place of the upper one; no sum outgrows its place.
+// The number in eight bytes of 0 to 9; the lowest byte is the least significant digit. Each step
+// combines two adjacent values in the place of the upper one; no sum overflows its place.
 constexpr std::uint32_t reversedNumber(TextWord values) noexcept {
   values = values * (10 + (TextWord{1} << 8)) >> 8 & 0x00FF00FF00FF00FF;
   values = values * (100 + (TextWord{1} << 16)) >> 16 & 0x0000FFFF0000FFFF;
@@ -68,7 +68,7 @@ constexpr bool isDigit(char c) noexcept {
 // Fewer than a word of reversed digits, least significant first.
 struct ShortNumber {
   std::uint32_t value;
-  const char *pBehind;  // null when there are more of them
+  const char *pBehind;  // null when there are more digits
 };
 
 // REQUIRES: a word of characters at `p`.
@@ -79,8 +79,8 @@ inline ShortNumber shortNumber(const char *p) noexcept {
   return {reversedNumber(values & bytesBelow(others)), p + charactersBelow(others)};
 }
 
-// The same for what mostly has one or two digits, and as many of them from case to case. Then the
-// processor foresees where the text goes on.
+// The same, optimised for numbers of one or two digits whose length rarely changes. The processor
+// then predicts where the text continues.
 inline ShortNumber shorterNumber(const char *p) noexcept {
   if (isDigit(p[0])) {
     const auto first = static_cast<std::uint32_t>(p[0] - '0');
@@ -90,13 +90,13 @@ inline ShortNumber shorterNumber(const char *p) noexcept {
   return shortNumber(p);
 }
 
-// Reversed digits that may be many. Excess ones wrap in the type.
+// Any number of reversed digits. Excess digits wrap in the type.
 template <class Number>
 class ReversedDigits {
  public:
   Number value() const noexcept { return value_; }
 
-  // Takes the digits at `p` and returns what is behind them.
+  // Reads the digits at `p` and returns the address after them.
   const char *take(const char *p, const char *pEnd) noexcept {
     for (; pEnd - p >= static_cast<std::ptrdiff_t>(kTextWordLen); p += kTextWordLen) {
       const ShortNumber rest = shortNumber(p);
@@ -120,10 +120,10 @@ class ReversedDigits {
   Number weight_ = 1;
 };
 
-// Whether a zero stands for itself. A writer's does not.
+// Whether a zero is a plain character. Writers escape it.
 enum class Zeros : bool { plain, escaped };
 
-// Characters of the text that stand for themselves, up to the first `quote`, "/" or escaped zero.
+// Number of plain characters before the first `quote`, "/" or escaped zero.
 inline std::size_t plainLength(std::string_view text, char quote,
                                Zeros zeros = Zeros::plain) noexcept {
   std::size_t i = 0;
@@ -146,8 +146,8 @@ inline void storePart(std::byte *pTo, TextWord word, std::size_t count) noexcept
   storeAs(pTo + count - 4, static_cast<std::uint32_t>(word >> 8 * (count - 4)));
 }
 
-// Copies text of a known length and returns true, if all of it stands for itself. Of other text,
-// `pTo` holds some of the characters in front of the first one that does not.
+// Copies text of a known length if all of it is plain, and returns true. Otherwise `pTo` holds some
+// of the characters before the first one that is not plain.
 // REQUIRES: a word of characters at `pFrom`.
 inline bool copyPlain(std::byte *pTo, const char *pFrom, std::size_t length, char quote) noexcept {
   if (length < kTextWordLen) {
@@ -166,7 +166,7 @@ inline bool copyPlain(std::byte *pTo, const char *pFrom, std::size_t length, cha
     storeAs(pWordTo, word);
     return true;
   };
-  // The last word overlaps the one in front of it, as far as there is not a whole one left.
+  // The last word overlaps the one before it, unless a whole word is left.
   const std::size_t last = length - kTextWordLen;
   for (std::size_t i = 0; i < last; i += kTextWordLen) {
     if (!copyWord(pTo + i, pFrom + i)) return false;

@@ -16,7 +16,7 @@ constexpr EntryPoint kThreadAct{"MEM_ThreadAct", kSourceProc, 0, 0};
 constexpr EntryPoint kThreadTerm{"MEM_ThreadTerm", kSourceProc, 0, 0};
 constexpr EntryPoint kSetProcOptions{"MEMSetProcOptions", kSourceProc, 0, 0};
 
-// What MEM_ProcessInit registers with the host; ends with the row of code 0.
+// The table that MEM_ProcessInit registers with the host. The row of code 0 ends it.
 constexpr MEMMessageRow kMessages[] = {
 #define MEM_MESSAGE_ROW(name, code, message) {name, 0, #name, message, ""},
     MEMERR_LIST(MEM_MESSAGE_ROW)

@@ -9,7 +9,7 @@ constexpr EntryPoint kAlloc{"MemAlloc", kSourceServ, 117, 133};
 constexpr EntryPoint kFree{"MEM_Free", kSourceServ, 175, 182};
 constexpr EntryPoint kInitQTRFTbls{"MEM_InitQTRFTbls", kSourceServ, 228, 0};
 
-constexpr std::int16_t kSecondKindOfPool0 = -256;  // a negative zero, so to say
+constexpr std::int16_t kSecondKindOfPool0 = -256;  // since 0 has no negative
 
 // The host's subpool number: the absolute value, taken in 16 bits, so that -32768 becomes 32768.
 std::uint16_t hostSubPool(std::int16_t SubPool) noexcept {
@@ -26,7 +26,7 @@ std::uint16_t storageKind(std::int16_t SubPool) noexcept {
 
 void *MEM_Alloc(std::uint32_t Size, std::int16_t SubPool) noexcept {
   CallFrame frame(kAlloc, ErrorArea::keep);
-  processBlock();  // hosts see the anchor fetched in every storage call
+  processBlock();  // hosts rely on a GetAnchor call in every storage call
   frame.clearErrorArea();
   frame.traceEntry("Parms: Size=%ld, SubPool=%hd", Size, SubPool);
   void *pArea = nullptr;

@@ -17,7 +17,7 @@ namespace memlib {
 
 namespace {
 
-// Start and stop write no entry records, look-ups none either.
+// Start, stop and look-ups write no entry records.
 constexpr EntryPoint kSinkInit{"MEM_SinkInit", kSourceStrg, 0, 231};
 constexpr EntryPoint kSinkTerm{"MEM_SinkTerm", kSourceStrg, 0, 302};
 constexpr EntryPoint kSinkString{"MEM_SinkString", kSourceStrg, 344, 352};
@@ -27,7 +27,7 @@ constexpr EntryPoint kWSinkString{"MEM_WSinkString", kSourceStrg, 452, 464};
 constexpr EntryPoint kWSinkDelete{"MEM_WSinkDelete", kSourceStrg, 492, 504};
 constexpr EntryPoint kWSinkVerify{"MEM_WSinkVerify", kSourceStrg, 0, 544};
 
-// Names of failures that more than one step has.
+// Names of failures that several steps have in common.
 constexpr char kStorageName[] = "GetVSTGErr";
 constexpr char kProtectionName[] = "ProtPageErr";
 constexpr char kWritableName[] = "ProtPageErrReadWrite";
@@ -37,14 +37,14 @@ MEM_NOINLINE StepFailure failure(std::uint32_t code, const char *pName) noexcept
   return {.code = code, .text = ErrorText(pName)};
 }
 
-// Why there is no block. REQUIRES: one was not obtained, or not protected.
+// Name of the failure. REQUIRES: a block was not allocated, or not protected.
 const char *nameOf(SpaceResult result) noexcept {
   MEM_ASSERT(result == SpaceResult::noStorage || result == SpaceResult::noProtection);
   return result == SpaceResult::noProtection ? kProtectionName : kStorageName;
 }
 
-// The process block of a running sink, or null. Asked without the gate: the first block stays where
-// it is while the sink runs, the index may move.
+// The process block of a running sink, or null. Called without the gate, so it tests the first
+// block, which does not move while the sink runs; the index may.
 MEMProcessBlock *sinkProcess() noexcept {
   MEMProcessBlock *pProcess = processBlock();
   return pProcess != nullptr && pProcess->Segments[0].pBase != nullptr ? pProcess : nullptr;
@@ -73,13 +73,13 @@ class GateHold {
   bool isHeld_ = false;
 };
 
-// One call of a string service, after its frame was entered.
+// One call of a string service, inside its frame.
 class SinkCall {
  public:
   SinkCall(CallFrame &frame, const void *pText, bool isWide) noexcept
       : frame_(frame), pProcess_(sinkProcess()), text_{nullptr, 0, isWide}, pText_(pText) {}
 
-  // The common workers, MEM_SinkStringCommon and its kin. Each returns the result of the call.
+  // The common workers: MEM_SinkStringCommon and similar. Each returns the result of the call.
   std::int16_t stringCommon(const void **ppSunk) noexcept {
     return end(sink(ppSunk), Echo::ofSinking);
   }
@@ -101,15 +101,15 @@ class SinkCall {
   void keepForEcho() noexcept;
   SinkPlace find() noexcept;
 
-  // Keeps the host's own error and names the sink's.
+  // Moves the host's error to the inner fields and returns the sink's failure.
   MEM_NOINLINE StepFailure hostFailure(std::uint32_t code, const char *pName) noexcept;
   StepFailure badAddress() const noexcept;
 
   CallFrame &frame_;
   MEMProcessBlock *const pProcess_;
-  SinkText text_;  // measured once the pointer is known to be there
+  SinkText text_;  // set after the pointer is checked
   const void *const pText_;
-  bool isAbsent_ = false;            // from the sink, which is no failure but a result of its own
+  bool isAbsent_ = false;            // the text is not in the sink: a result, not a failure
   std::uint8_t kept_[kEchoedBytes];  // start of a text that is being erased
 };
 
@@ -118,7 +118,7 @@ StepFailure SinkCall::hostFailure(std::uint32_t code, const char *pName) noexcep
   return failure(code, pName);
 }
 
-// The text of a copy stands at an address that is not its own, or in no block.
+// The failure for a sunk text at an address that is not its copy's.
 StepFailure SinkCall::badAddress() const noexcept {
   return {.code = MEMERR_SINKIERR,
           .text = ErrorText("Bad SinkPtr=").pointer(pText_),
@@ -189,7 +189,7 @@ Outcome SinkCall::deleteUse() noexcept {
   return {};
 }
 
-// Reserves, writes and indexes a copy, or leaves everything as it was.
+// Reserves, writes and indexes a copy. Changes nothing on failure.
 Outcome SinkCall::addCopy(SinkPlace place, const void **ppSunk) noexcept {
   const SinkRoom room = roomFor(text_);
   traceRoom(frame_, text_, room);
@@ -208,7 +208,7 @@ Outcome SinkCall::addCopy(SinkPlace place, const void **ppSunk) noexcept {
   return {};
 }
 
-// The host's error is kept first: returning a block that is not protected may fail, too.
+// The host's error is saved first, because freeing a block that is not protected may fail, too.
 Outcome SinkCall::reserve(const SinkRoom &room, SinkRun &run) noexcept {
   const SpaceResult reserved = reserveRun(*pProcess_, room, run);
   if (reserved == SpaceResult::done) return {};
@@ -221,7 +221,7 @@ Outcome SinkCall::reserve(const SinkRoom &room, SinkRun &run) noexcept {
   return failed;
 }
 
-// Only the copy's own bytes are writable, and only here and while it is erased.
+// Only the copy's bytes are made writable, and only while it is written or erased.
 Outcome SinkCall::writeCopy(const SinkRun &run, const SinkRoom &room) noexcept {
   std::uint8_t *pCopy = run.address();
   if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {
@@ -240,8 +240,9 @@ Outcome SinkCall::writeCopy(const SinkRun &run, const SinkRoom &room) noexcept {
   return {};
 }
 
-// The last use is gone: bytes, map bits, lengths and slot. A refusal to make the copy writable
-// leaves all of it; one to protect it again leaves nothing of it, and the host is asked once more.
+// Called after the last use: removes bytes, map bits, lengths and slot. If the host refuses to make
+// the copy writable, nothing is removed. If it refuses to protect the bytes again, everything is
+// removed, and protection is requested once more.
 Outcome SinkCall::erase(std::uint32_t slot) noexcept {
   std::uint8_t *pCopy = sinkSlots(*pProcess_)[slot].pCopy;
   MEMSinkSegment *pSegment = segmentOf(*pProcess_, pCopy);
@@ -263,15 +264,15 @@ Outcome SinkCall::erase(std::uint32_t slot) noexcept {
   return failed;
 }
 
-// The text of a delete is the copy itself, and a failure echoes it when the copy is gone.
+// The text of a delete is the copy itself, and a failure may echo it after the copy is erased.
 void SinkCall::keepForEcho() noexcept {
   if (text_.length > sizeof kept_) text_.length = sizeof kept_;
   std::memcpy(kept_, text_.pBytes, text_.length);
   text_.pBytes = kept_;
 }
 
-// Returns what the sink has, in the order in which it got it but for the gate, and clears its part
-// of the process block. REQUIRES: there is a gate.
+// Frees what the sink has, in the order of allocation except for the gate, and clears its part of
+// the process block. REQUIRES: there is a gate.
 void releaseSink(MEMProcessBlock &process) noexcept {
   for (std::int32_t i = 0; i < process.SegmentCount; ++i) {
     MEMSinkSegment &segment = process.Segments[i];
@@ -289,13 +290,13 @@ void releaseSink(MEMProcessBlock &process) noexcept {
   process.First = process.End = 0;
 }
 
-// The index comes last in the start. Its pointer tells whether the sink runs, and not the gate's
-// handle, which may be any number.
+// The index is allocated last at start, so its pointer shows that the sink runs. The gate's handle
+// may be any number, even 0.
 bool isRunning(const MEMProcessBlock &process) noexcept {
   return process.pIndex != nullptr;
 }
 
-// A start that has failed behind its gate.
+// Ends a start that failed after creating the gate.
 std::int16_t failStart(CallFrame &frame, MEMProcessBlock &process, const char *pName) noexcept {
   const std::int16_t result = frame.failInsideKeepingCode(MEMERR_SINKVSTG, pName);
   const ErrorAreaKeeper keeper(frame);
@@ -303,7 +304,7 @@ std::int16_t failStart(CallFrame &frame, MEMProcessBlock &process, const char *p
   return result;
 }
 
-// A call that stores the address of a copy: sinking or verifying.
+// A worker that stores the address of a copy: sinking or verifying.
 using StoringWorker = std::int16_t (SinkCall::*)(const void **) noexcept;
 
 // Only the wide entry points need a thread environment.

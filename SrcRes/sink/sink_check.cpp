@@ -10,7 +10,7 @@ namespace memlib {
 
 namespace {
 
-// What the copies in a segment take.
+// Totals of the copies in a segment.
 struct Taken {
   std::uint64_t text = 0;
   std::uint64_t reserved = 0;
@@ -63,8 +63,8 @@ bool isCounted(const MEMProcessBlock &process) noexcept {
          process.End + process.Garbage + 1 == process.SlotCount;
 }
 
-// A copy as an input. Narrow text of odd length has one zero byte more in front of the two; wide
-// text that ends so sorts as the narrow text of its other bytes.
+// A copy as an input. Narrow text of odd length has one more zero byte before the two. Wide text
+// that ends in this way sorts as the narrow text of its other bytes.
 SinkText textOf(const std::uint8_t *pCopy) noexcept {
   const std::size_t end = copyEnd(pCopy);
   const bool isEven = end == 0 || pCopy[end - 1] != 0;
@@ -75,7 +75,7 @@ bool isInOrder(MEMProcessBlock &process, const SinkSlot &slot, const SinkSlot &n
   return PSTssecmp(textOf(slot.pCopy), next.pCopy, roomBehind(process, next.pCopy)) < 0;
 }
 
-// Adds what the slot's copy takes to its segment's sum.
+// Adds the room of the slot's copy to its segment's totals.
 bool addTaken(MEMProcessBlock &process, const SinkSlot &slot, Taken *pTaken) noexcept {
   MEMSinkSegment *pSegment = segmentOf(process, slot.pCopy);
   if (pSegment == nullptr || slot.uses == 0) return false;

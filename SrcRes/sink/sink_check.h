@@ -5,9 +5,9 @@
 
 namespace memlib {
 
-// True when the index counts its slots right and has its copies in order, each of them in a string
-// space, and each segment's map and lengths say what the copies take. Changes nothing. REQUIRES:
-// the sink runs, its gate is held.
+// True when the index has the right counts and its copies in order, each copy is in a string space,
+// and each segment's map and lengths match the copies. Changes nothing. REQUIRES: the sink runs,
+// its gate is held.
 bool isValidSink(MEMProcessBlock &process) noexcept;
 
 }  // namespace memlib

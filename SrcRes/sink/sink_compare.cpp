@@ -35,9 +35,8 @@ SinkText measureText(const void *pText, bool isWide) noexcept {
   return {static_cast<const std::uint8_t *>(pText), length, isWide};
 }
 
-// Within the input's length a copy that ends early needs no test of its own: the input has no two
-// zero bytes there, so the copy's first differing byte is one of its terminating zeros, and
-// smaller.
+// A copy that is shorter than the input needs no separate test: the input has no two zero bytes
+// there, so the first differing byte of the copy is one of its terminating zeros, which is smaller.
 int PSTssecmp(const SinkText &input, const std::uint8_t *pCopy, std::size_t room) noexcept {
   const std::size_t limit = input.length < room ? input.length : room;
   const std::size_t i = firstDifference(input.pBytes, pCopy, limit);

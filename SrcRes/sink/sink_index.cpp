@@ -22,7 +22,7 @@ void moveSlots(SinkSlot *pSlots, std::uint32_t to, std::uint32_t from,
   std::memmove(pSlots + to, pSlots + from, std::size_t{count} * sizeof(SinkSlot));
 }
 
-// The active slots now end at the last slot and nothing else is used.
+// Sets the counts for active slots that end at the last slot, with no garbage.
 void settleAtTop(MEMProcessBlock &process) noexcept {
   process.First = process.SlotCount - process.Act;
   process.End = process.SlotCount - 1;
@@ -58,13 +58,13 @@ int compareWith(MEMProcessBlock &process, const SinkText &text,
 
 // A move that opens a slot for a new entry.
 struct SlotMove {
-  std::uint32_t slot;  // opened
+  std::uint32_t slot;  // the new slot
   std::uint32_t to;
   std::uint32_t from;
   std::uint32_t count;
 };
 
-// The slots in front of the place move down into the free slot.
+// The move of the slots before the place down into the free slot, with the counts updated for it.
 SlotMove openBelow(MEMProcessBlock &process, std::uint32_t place) noexcept {
   const std::uint32_t first = process.First--;
   --process.Free;
@@ -72,14 +72,14 @@ SlotMove openBelow(MEMProcessBlock &process, std::uint32_t place) noexcept {
   return {place - 1, first - 1, first, place - first};
 }
 
-// The slots from the place on move up into the garbage.
+// The move of the slots from the place on up into the garbage, with the counts updated for it.
 SlotMove openAbove(MEMProcessBlock &process, std::uint32_t place) noexcept {
   const std::uint32_t count = ++process.End - place;
   --process.Garbage;
   return {place, place + 1, place, count};
 }
 
-// Opens a slot at the place by moving the shorter side that can be moved.
+// Opens a slot at the place by moving the shorter side that can move.
 SlotMove openSlot(MEMProcessBlock &process, std::uint32_t place) noexcept {
   const std::uint32_t below = place - process.First;
   const std::uint32_t above = process.End + 1 - place;
@@ -118,7 +118,7 @@ SinkPlace findText(CallFrame &frame, MEMProcessBlock &process, const SinkText &t
   while (low <= high) {
     traceSearchStep(frame, low, high);
     const std::int64_t middle = (low + high) / 2;
-    // One of these two comes next; both lie between the first and the last.
+    // One of these two comes next; both are in the active range.
     MEM_PREFETCH(sinkSlots(process)[(low + middle) / 2].pCopy);
     MEM_PREFETCH(sinkSlots(process)[(middle + high + 1) / 2].pCopy);
     const std::uint8_t *pCopy = sinkSlots(process)[middle].pCopy;
@@ -146,8 +146,8 @@ bool makeRoom(MEMProcessBlock &process, SinkPlace &place) noexcept {
   return true;
 }
 
-// The range of an empty index is put back to the top first; its first copy then goes in as any new
-// first one does, below the others.
+// For an empty index the range is moved back to the top first. Its first copy is then inserted like
+// any copy that sorts before all others.
 void insertSlot(CallFrame &frame, MEMProcessBlock &process, const SinkPlace &place,
                 std::uint8_t *pCopy) noexcept {
   MEM_ASSERT(process.Used < process.SlotCount);
@@ -172,9 +172,9 @@ void insertSlot(CallFrame &frame, MEMProcessBlock &process, const SinkPlace &pla
   ++process.Act;
 }
 
-// Narrow text of odd length and wide text that ends in a unit below 256 look alike, but the wide
-// one reserved a granule more. That granule is the copy's if it is in use, zero, and not the copy
-// of the empty text, which sorts first.
+// Narrow text of odd length and wide text that ends in a unit below 256 look the same, but the wide
+// one reserved one more granule. That granule belongs to the copy if it is in use, zero, and not
+// the copy of the empty text, which sorts first.
 SinkRoom reservedRoom(MEMProcessBlock &process, MEMSinkSegment &segment,
                       const std::uint8_t *pCopy) noexcept {
   const std::size_t end = copyEnd(pCopy);

@@ -1,9 +1,9 @@
-// The sink's index: copies in the order of the sink comparison. The active slots lie together at
+// The sink's index: copies in the order of the sink comparison. The active slots are contiguous at
 // the high end of the index area:
 //
 //   0 ... Free | First ... End | garbage | top
 //
-// Used = Act + Garbage; Free is First - 1. All of it runs with the sink gate held.
+// Used = Act + Garbage; Free is First - 1. All functions run with the sink gate held.
 #pragma once
 
 #include <cstdint>
@@ -29,27 +29,27 @@ inline SinkSlot *sinkSlots(MEMProcessBlock &process) noexcept {
   return static_cast<SinkSlot *>(process.pIndex);
 }
 
-// Outcome of a search: the slot of an equal copy, or where a new one belongs (before that slot).
+// Result of a search: the slot of an equal copy, or the slot before which a new copy is inserted.
 struct SinkPlace {
   bool isFound;
   std::uint32_t slot;
 };
 
-// Gives the sink its first, empty index area. False when there is no storage.
+// Allocates the sink's first, empty index area. False when there is no storage.
 bool openIndex(MEMProcessBlock &process) noexcept;
 
 // Binary search, with detail records under `frame`.
 SinkPlace findText(CallFrame &frame, MEMProcessBlock &process, const SinkText &text) noexcept;
 
-// Makes room for one more slot where all are used: garbage is reclaimed when there is enough of it,
-// else the area grows. `place` stays where the text belongs. False when there is no storage.
+// Makes room for one more slot if all are used: reclaims garbage if there is enough of it, else
+// enlarges the area. Updates `place`. False when there is no storage.
 bool makeRoom(MEMProcessBlock &process, SinkPlace &place) noexcept;
 
 // Inserts a copy with one use. REQUIRES: Used < SlotCount.
 void insertSlot(CallFrame &frame, MEMProcessBlock &process, const SinkPlace &place,
                 std::uint8_t *pCopy) noexcept;
 
-// What a copy of the index reserved in its segment when it was written.
+// The room that a copy of the index reserved in its segment when it was written.
 SinkRoom reservedRoom(MEMProcessBlock &process, MEMSinkSegment &segment,
                       const std::uint8_t *pCopy) noexcept;
 

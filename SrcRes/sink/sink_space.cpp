@@ -37,7 +37,7 @@ std::uint32_t runWithin(std::uint64_t free, std::uint64_t count) noexcept {
 }
 
 // The first run of `count` free granules. The segment's counter is the first map byte that can have
-// a free granule at all, so that full stretches are not looked at again.
+// a free granule, so full parts are not searched again.
 std::optional<std::uint32_t> findRun(MEMSinkSegment &segment, std::uint64_t count) noexcept {
   bool isFirstFree = true;
   std::uint64_t open = 0;  // free granules at the end of the words so far
@@ -140,7 +140,7 @@ void releaseLastBlock(MEMProcessBlock &process) noexcept {
 }
 
 SpaceResult reserveRun(MEMProcessBlock &process, const SinkRoom &room, SinkRun &run) noexcept {
-  if (room.reservedLen > kSinkSpaceLen) return SpaceResult::full;  // no block can ever hold it
+  if (room.reservedLen > kSinkSpaceLen) return SpaceResult::full;  // too long for any block
   for (std::int32_t i = 0; i < MEM_SINK_SEGMENTS; ++i) {
     if (i == process.SegmentCount) {
       const SpaceResult obtained = obtainBlock(process);

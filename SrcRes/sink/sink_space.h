@@ -1,5 +1,5 @@
-// The sink's string spaces: blocks of host storage with an allocation map, first fit, and the
-// write-protection around every change. All of it runs with the sink gate held.
+// The sink's string spaces: blocks of host storage with an allocation map, first fit,
+// write-protected except during changes. All functions run with the sink gate held.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ static_assert(kSinkMapLen * 8 * kSinkGranule == kSinkSpaceLen);
 struct SinkRoom {
   std::uint64_t textLen;      // TLenOrig: bytes of the text
   std::uint64_t closedLen;    // TLen: with the two zero bytes
-  std::uint64_t reservedLen;  // GLen: what is reserved
+  std::uint64_t reservedLen;  // GLen: reserved bytes
   std::uint64_t granules() const noexcept { return reservedLen / kSinkGranule; }  // GBlk
 };
 SinkRoom roomFor(const SinkText &text) noexcept;
@@ -46,23 +46,23 @@ inline SinkRun runAt(MEMSinkSegment &segment, const std::uint8_t *pAddress) noex
 
 enum class SpaceResult { done, noStorage, noProtection, full };
 
-// Obtains storage of the sink from the host itself; null on failure.
+// Allocates storage for the sink directly from the host. Null on failure.
 std::uint8_t *getSinkStorage(std::uint32_t length) noexcept;
 void freeSinkStorage(void *pArea, std::uint32_t length) noexcept;
 
-// Gives the next table entry its block: obtained, map cleared, string space protected. A block
-// whose protection failed stays in the table; the caller decides. REQUIRES: not all entries have
-// blocks.
+// Allocates the block of the next table entry, clears its map and protects its string space. If the
+// protection fails, the block stays in the table and the caller decides what to do. REQUIRES: not
+// all entries have blocks.
 SpaceResult obtainBlock(MEMProcessBlock &process) noexcept;
 
-// Makes an entry's string space writable, returns the block and clears the entry.
+// Makes an entry's string space writable, frees the block and clears the entry.
 void releaseBlock(MEMSinkSegment &segment) noexcept;
 
-// The same with the last entry that has a block, which becomes one without. REQUIRES: there is one.
+// The same for the last entry that has a block. REQUIRES: there is one.
 void releaseLastBlock(MEMProcessBlock &process) noexcept;
 
-// The first run of free granules in table order, its bits set. Obtains further blocks as needed;
-// one whose protection failed is left to the caller, as the last entry.
+// Finds the first run of free granules in table order and sets its bits. Allocates further blocks
+// as needed. A block whose protection failed stays in the table as the last entry, for the caller.
 SpaceResult reserveRun(MEMProcessBlock &process, const SinkRoom &room, SinkRun &run) noexcept;
 
 // True when the first granule of a run is in use.
@@ -71,18 +71,18 @@ bool isUsed(const SinkRun &run) noexcept;
 // Clears the bits of a run.
 void releaseRun(const SinkRun &run, const SinkRoom &room) noexcept;
 
-// Undoes a written copy that is not counted: its bytes, where the host lets them be cleared, and
+// Undoes a written copy that is not counted: clears its bytes, if the host makes them writable, and
 // its map bits.
 void takeBack(const SinkRun &run, const SinkRoom &room) noexcept;
 
 // Changes the protection of a run of bytes. False when the host refuses.
 bool protectRun(std::uint8_t *pRun, std::uint64_t length, std::uint16_t mode) noexcept;
 
-// Counts a copy in, or out of, its segment's lengths.
+// Adds a copy to its segment's lengths, or subtracts it.
 void countCopy(MEMSinkSegment &segment, const SinkRoom &room) noexcept;
 void uncountCopy(MEMSinkSegment &segment, const SinkRoom &room) noexcept;
 
-// The segment whose string space holds the address, or null.
+// The segment whose string space contains the address, or null.
 MEMSinkSegment *segmentOf(MEMProcessBlock &process, const std::uint8_t *pAddress) noexcept;
 
 // Bytes from an address to the end of the string space around it.

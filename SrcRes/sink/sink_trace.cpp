@@ -28,9 +28,9 @@ constexpr std::int32_t kLineNotFound = 980;
 constexpr std::int32_t kLineEcho = 1044;
 
 constexpr RecordKind kDetail{MEM_TRACE_SINK, "SL32"};
-constexpr std::size_t kShown = 511;  // characters handed to the host's formatting
+constexpr std::size_t kShown = 511;  // characters passed to the host's formatting
 
-// The start of a byte string as narrow and as wide text, each up to its own terminator.
+// The start of a byte string as narrow and as wide text, each up to its terminator.
 struct ShownText {
   char narrow[kShown + 1];
   char16_t wide[kShown + 1];
@@ -215,7 +215,7 @@ void traceInsertInside(CallFrame &frame, std::uint32_t movedSlots, const SinkSlo
   frame.trace(kDetail, kLineInsertInside, "Internal Add pSse=%p", pSlot);
 }
 
-// The width of at least one character leaves a blank for an empty input.
+// A width of at least one character gives a blank for an empty input.
 void echoInput(CallFrame &frame, const SinkText &text, Echo echo) noexcept {
   const bool marksWide = echo == Echo::ofSinking && text.isWide;
   ErrorText record(marksWide ? "Error Exit Text(WIDE)=" : "Error Exit Text=");

@@ -1,5 +1,6 @@
 // Trace records of the sink: entry lines, detail records ("SL32", trace flag bit 31) and the echo
-// of a failing input. No text handed to the host's formatting is longer than 511 characters.
+// of a failing input. No text passed to the host's formatting service is longer than 511
+// characters.
 #pragma once
 
 #include <cstddef>
@@ -40,15 +41,14 @@ void traceInsertLast(CallFrame &frame, std::uint32_t slot, std::uint32_t garbage
 void traceInsertInside(CallFrame &frame, std::uint32_t movedSlots, const SinkSlot *pTo,
                        const SinkSlot *pFrom, const SinkSlot *pSlot) noexcept;
 
-// Characters of a failing input that are echoed, and the bytes that hold them in either kind.
+// Number of characters of a failing input that are echoed, and their bytes in narrow and wide text.
 inline constexpr std::size_t kEchoed = 62;
 inline constexpr std::size_t kEchoedBytes = kEchoed * sizeof(char16_t);
 
 // Which call echoes its failing input.
 enum class Echo { ofLookUp, ofSinking };
 
-// Puts the input into the free message text and writes it as an exception record. `text` may be of
-// no bytes at all.
+// Writes the input to the free message text and as an exception record. `text` may be empty.
 void echoInput(CallFrame &frame, const SinkText &text, Echo echo) noexcept;
 
 }  // namespace memlib

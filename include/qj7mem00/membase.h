@@ -1,17 +1,17 @@
 /** @file membase.h
- * What every public header of QJ7MEM00 builds on: fixed-width types, UTF-16 characters and
- * compile-time layout checks, for C11 and C++20 alike.
+ * The base of all public headers of QJ7MEM00: fixed-width types, UTF-16 characters and compile-time
+ * layout checks, for C11 and C++20.
  *
  * Conventions that hold for all public headers:
- *  1. Records are plain and shared with hosts and callers at fixed byte offsets. Each layout is
- *     proved below its declaration.
+ *  1. Records are plain structures, shared with hosts and callers at fixed byte offsets. Each
+ *     layout is checked after its declaration.
  *  2. Lengths are in bytes unless a name or comment says otherwise.
- *  3. Integers in records are in the machine's own byte order.
+ *  3. Integers in records have the machine's byte order.
  *  4. Narrow text is 8-bit and NUL-terminated. Wide text is UTF-16 in `char16_t`, NUL-terminated,
  *     never `wchar_t`.
  *  5. A result of 16 bits is 0 for success and -1 (0xFFFF) for a failure that is recorded in the
  *     calling thread's error area, unless a declaration says otherwise.
- *  6. An out-parameter is left as it was when a call fails, unless a declaration says otherwise.
+ *  6. An out-parameter keeps its value when a call fails, unless a declaration says otherwise.
  */
 #ifndef QJ7MEM00_MEMBASE_H
 #define QJ7MEM00_MEMBASE_H
@@ -23,15 +23,15 @@
 #include <uchar.h>
 #endif
 
-/** Proves that `type` occupies exactly `bytes` bytes. */
+/** Checks at compile time that `type` has exactly `bytes` bytes. */
 #define MEM_CHECK_SIZE(type, bytes) \
   static_assert(sizeof(type) == (bytes), #type " has the wrong size")
 
-/** Proves that `field` lies `bytes` bytes into `type`. */
+/** Checks at compile time that `field` has the offset `bytes` in `type`. */
 #define MEM_CHECK_OFFSET(type, field, bytes) \
   static_assert(offsetof(type, field) == (bytes), #type "." #field " has moved")
 
-/** The number by which the host knows this library in every service call. */
+/** The number of this library in every service call to the host. */
 enum { MEM_COMPONENT = 3 };
 
 static_assert(sizeof(void *) == 8, "the contract is for 64-bit platforms");

@@ -1,18 +1,19 @@
 /** @file memerr.h
  * The library's error codes and the message table that it registers with the host.
  *
- * Codes are part of the contract with hosts and callers. They fall into bands by owner: 3073 to
- * 3092 process, thread and storage services, 4010 to 4014 cell pools, 4025 to 4027 concatenation,
- * 4030 to 4034 hash tables, 4050 to 4058 heaps, 4065 to 4076 pack and unpack, 4080 to 4086 the
- * string sink, 4096 a service that this build does not provide.
+ * Codes are part of the contract with hosts and callers. They are in bands by owner: 3073 to 3092
+ * process, thread and storage services, 4010 to 4014 cell pools, 4025 to 4027 concatenation, 4030
+ * to 4034 hash tables, 4050 to 4058 heaps, 4065 to 4076 pack and unpack, 4080 to 4086 the string
+ * sink, 4096 a service that this build does not provide.
  */
 #ifndef QJ7MEM00_MEMERR_H
 #define QJ7MEM00_MEMERR_H
 
 #include "membase.h"
 
-/** Every code with its message, in the order of the message table. Use as MEMERR_LIST(ROW) where
- * ROW(name, code, message) is a macro of your own. Some messages are shared; that is intended. */
+/** Every code with its message, in the order of the message table. Use it as MEMERR_LIST(ROW),
+ * where ROW(name, code, message) is your own macro. Some codes have the same message; that is
+ * intended. */
 #define MEMERR_LIST(ROW)                                             \
   ROW(MEMERR_PBLKFAIL, 3073, "Acquire ProcessBlk failed")            \
   ROW(MEMERR_TBLKFAIL, 3074, "Acquire ThreadBlk failed")             \

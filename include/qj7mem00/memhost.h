@@ -1,16 +1,17 @@
 /** @file memhost.h
- * What a host provides: its service vectors, the trace frame and the thread environment.
+ * The records that a host provides: its service vectors, the trace frame and the thread
+ * environment.
  *
  * A service vector is a table of function pointers; slot n is the n-th 8-byte pointer. The library
  * keeps the address of each vector from bind to unbind and reads the slot at every call, so a host
- * may patch slots at any time. Only the named slots are called. Reserved slots may hold anything
+ * may patch slots at any time. Only the named slots are called. Reserved slots may have any value,
  * and a vector may be longer than its type here.
  *
- * Of a 16-bit result only the low 16 bits count. Before the library has a service store into a
- * cell, it clears the cell.
+ * Only the low 16 bits of a 16-bit result count. The library clears a cell before it calls a
+ * service that stores into it.
  *
- * Threading: the library calls every service on the thread that called the library, from several
- * threads at once where the host calls it so. Gates are the only services that may wait.
+ * Threading: the library calls every service on the thread that called the library, and on several
+ * threads at once if the host calls the library so. Gates are the only services that may wait.
  */
 #ifndef QJ7MEM00_MEMHOST_H
 #define QJ7MEM00_MEMHOST_H
@@ -33,9 +34,9 @@ enum {
   MEM_MESSAGE_TEXT_LEN = 256 /**< the most that the library writes at `MessageText` */
 };
 
-/** The part of the thread environment that most entry points clear to zero when they are entered,
- * so that it describes the current call only. 552 bytes at offset 64 of the environment; offsets
- * in brackets count from the start of the environment. */
+/** The part of the thread environment that most entry points clear on entry, so that it describes
+ * only the current call. 552 bytes at offset 64 of the environment; offsets in brackets count from
+ * the start of the environment. */
 typedef struct MEMErrorArea {
   uint8_t Reserved0[10];
   uint16_t Component;  /**< [74] number of the failing component, 3 */
@@ -43,10 +44,10 @@ typedef struct MEMErrorArea {
   uint8_t Reserved14[2];
   uint32_t Code;          /**< [80] MEMERR code */
   uint32_t InnerCode;     /**< [84] code of the failure inside a nested call */
-  uint32_t PrevInnerCode; /**< [88] what stood at [84] before a nested failure replaced it */
+  uint32_t PrevInnerCode; /**< [88] the value of [84] before a nested failure replaced it */
   uint8_t Reserved28[268];
   char NameText[MEM_NAME_TEXT_LEN];  /**< [360] name or text of what failed */
-  char InnerText[MEM_NAME_TEXT_LEN]; /**< [424] name or text that goes with InnerCode */
+  char InnerText[MEM_NAME_TEXT_LEN]; /**< [424] name or text that belongs to InnerCode */
   uint8_t Reserved424[128];
 } MEMErrorArea;
 
@@ -59,21 +60,21 @@ MEM_CHECK_OFFSET(MEMErrorArea, PrevInnerCode, 88 - 64);
 MEM_CHECK_OFFSET(MEMErrorArea, NameText, 360 - 64);
 MEM_CHECK_OFFSET(MEMErrorArea, InnerText, 424 - 64);
 
-/** A thread's trace buffer: the text of the record that is written next. Text and
- * length are the contract's places; the room for text is the host's. 4,096 bytes hold every line of
- * this library, with texts of 511 wide characters shown twice as UTF-8. */
+/** A thread's trace buffer: the text of the next record. The contract fixes the offsets of text and
+ * length; the host chooses the size. 4,096 bytes hold every line of this library, with texts of 511
+ * wide characters shown twice as UTF-8. */
 typedef struct MEMTraceBuf {
   uint8_t Reserved0[32];
   uint32_t TextLen; /**< bytes of text, without a terminator */
   uint8_t Reserved36[4];
-  char Text[1]; /**< the text starts here and goes on behind the record */
+  char Text[1]; /**< the text starts here and continues after the record */
 } MEMTraceBuf;
 
 MEM_CHECK_OFFSET(MEMTraceBuf, TextLen, 32);
 MEM_CHECK_OFFSET(MEMTraceBuf, Text, 40);
 
 /** Thread environment: one per thread, owned by the host, found through the trace frame. The
- * library touches the named fields only. */
+ * library uses only the named fields. */
 typedef struct MEMThreadEnv {
   uint8_t Reserved0[64];
   MEMErrorArea Error;
@@ -91,8 +92,8 @@ MEM_CHECK_OFFSET(MEMThreadEnv, MessageText, 1232);
 MEM_CHECK_OFFSET(MEMThreadEnv, pTraceBuf, 1848);
 MEM_CHECK_OFFSET(MEMThreadEnv, pMemThreadBlk, 1864);
 
-/** Trace frame: a record in an entry point's own stack frame. The library clears it, names the
- * entry point and hands it to EnterFrame and LeaveFrame. */
+/** Trace frame: a record in an entry point's own stack frame. The library clears it, stores the
+ * entry point's name and passes it to EnterFrame and LeaveFrame. */
 typedef struct MEMTraceFrame {
   void *pHostLink;          /**< the host's own */
   MEMThreadEnv *pThreadEnv; /**< set by EnterFrame; may be null */
@@ -117,14 +118,15 @@ typedef struct MEMSysEnv {
 
 MEM_CHECK_OFFSET(MEMSysEnv, PlatformFlags, 176);
 
-/** Platform flag: this machine is big-endian. Chains are marked so, those of the other byte order
- * are swapped when they are unpacked, and the packer hashes byte 3. */
+/** Platform flag: this machine is big-endian. Packed chains are marked as big-endian, chains of the
+ * other byte order are swapped when they are unpacked, and the packer hashes byte 3. */
 #define MEM_PLATFORM_BIG_ENDIAN 0x00000001U
 
 /** A slot that the library neither calls nor changes. */
 typedef void (*MEMReservedSlot)(void);
 
-/** Operations of the host runtime (HostVector[0]). The slot number stands behind each name. */
+/** Operations of the host runtime (HostVector[0]). The comment of each begins with its slot
+ * number. */
 typedef struct MEMRuntimeServices {
   MEMReservedSlot Reserved0[7];
 
@@ -136,7 +138,7 @@ typedef struct MEMRuntimeServices {
 
   /** 27: makes a gate and stores its handle, any number. 0 = success. */
   uint16_t (*CreateGate)(uint32_t *phGate);
-  /** 28: deletes a gate that nobody holds. */
+  /** 28: deletes a gate that no thread holds. */
   void (*DeleteGate)(uint32_t hGate);
   /** 29: waits until the gate is free, then holds it. 0 = success. */
   uint16_t (*AcquireGate)(uint32_t hGate);
@@ -144,15 +146,15 @@ typedef struct MEMRuntimeServices {
   void (*ReleaseGate)(uint32_t hGate);
   MEMReservedSlot Reserved31[17];
 
-  /** 48: obtains `Length` bytes, 8-byte aligned, from a subpool. 0 = success. */
+  /** 48: allocates `Length` bytes, 8-byte aligned, from a subpool. 0 = success. */
   uint16_t (*GetPoolStorage)(uint16_t SubPool, uint32_t Length, void **ppArea);
-  /** 49: returns storage obtained through slot 48. */
+  /** 49: frees storage allocated through slot 48. */
   void (*FreePoolStorage)(uint16_t SubPool, void *pArea);
   MEMReservedSlot Reserved50[62];
 
-  /** 112: obtains `Length` bytes of a storage kind (0, 1 or 2), 8-byte aligned. 0 = success. */
+  /** 112: allocates `Length` bytes of a storage kind (0, 1 or 2), 8-byte aligned. 0 = success. */
   uint16_t (*GetStorage)(void **ppArea, uint32_t Length, uint16_t SubPool, uint16_t Kind);
-  /** 113: returns storage obtained through slot 112, with its length. */
+  /** 113: frees storage allocated through slot 112; `Length` is the allocated length. */
   void (*FreeStorage)(void *pArea, uint32_t Length, uint16_t SubPool);
   MEMReservedSlot Reserved114[19];
 
@@ -171,9 +173,9 @@ typedef struct MEMRuntimeServices {
   MEMReservedSlot Reserved150[8];
 
   /** 158: converts text between code pages (1200 = UTF-16, 12000 = UTF-32, both in the machine's
-   * byte order). `InLen` is in bytes, -1 for NUL-terminated input; `OutLen` is the room at `pOut`
-   * in bytes. The result is NUL-terminated. 0 = success. May be null: the library then converts by
-   * itself. */
+   * byte order). `InLen` is in bytes, -1 for NUL-terminated input; `OutLen` is the size of the
+   * buffer at `pOut` in bytes. The result is NUL-terminated. 0 = success. May be null: then the
+   * library converts the text itself. */
   uint16_t (*ConvertText)(uint16_t FromPage, uint16_t ToPage, const void *pIn, int32_t InLen,
                           void *pOut, int32_t OutLen);
   MEMReservedSlot Reserved159[126];
@@ -207,7 +209,7 @@ MEM_CHECK_SLOT(MEMRuntimeServices, CheckStorage, 285);
 MEM_CHECK_SIZE(MEMRuntimeServices, 286 * 8);
 
 /** Trace operations (HostVector[1]). Record types: "STDE" entry, "STDX" exit, "EXCP" exception,
- * "SL05" heap storage, "SL32" sink detail. Text and length of a record are taken from the calling
+ * "SL05" heap storage, "SL32" sink detail. The text and length of a record are in the calling
  * thread's trace buffer. `Zero` is always 0. */
 typedef struct MEMTraceServices {
   MEMReservedSlot Reserved0[9];
@@ -219,7 +221,7 @@ typedef struct MEMTraceServices {
 
   /** 12: formats by the printf rules of 64-bit Windows and returns the length of the text: every
    * argument is 8 bytes wide, `l` means 32 bits and `h` 16, `%S` is UTF-16, `%p` 16 digits. A
-   * negative length makes a record without text. */
+   * negative result makes a record without text. */
   int32_t (*Format)(char *pDest, const char *pFormat, ...);
   MEMReservedSlot Reserved13[3];
 
@@ -228,7 +230,7 @@ typedef struct MEMTraceServices {
                          const char *pFunction, int32_t Line);
   MEMReservedSlot Reserved17[4];
 
-  /** 21: writes a trace record whose text is the wide text given, not the trace buffer's. */
+  /** 21: writes a trace record with the wide text `pText` instead of the trace buffer's text. */
   void (*WriteWideRecord)(int32_t Component, int32_t Zero, const char *pType, const char *pSource,
                           const char *pFunction, int32_t Line, const char16_t *pText);
 } MEMTraceServices;
@@ -243,15 +245,15 @@ MEM_CHECK_SIZE(MEMTraceServices, 22 * 8);
 typedef struct MEMTextServices {
   MEMReservedSlot Reserved0[8];
 
-  /** 8: called once a failing call has filled the thread's error area. `pErrorText` is the text
-   * just filled there; `pDetail` is mostly the empty text. */
+  /** 8: called after a failing call has filled the thread's error area. `pErrorText` is the text in
+   * it; `pDetail` adds detail to a few failures and is otherwise the empty text. */
   void (*ReportError)(char *pErrorText, const char *pDetail);
   MEMReservedSlot Reserved9[3];
 
-  /** 12: exception filter for faults inside the port string calls. `pException` is the
-   * platform's exception information. 1 = end the call, 0 = not ours, the fault goes on to the
-   * process, -1 = continue. A result that the filter stores in the frame becomes the call's.
-   * May be null: same as 1. */
+  /** 12: exception filter for faults inside the port string calls. `pException` is the platform's
+   * exception information. 1 = end the call, 0 = not ours, the process handles the fault, -1 =
+   * continue. If the filter stores a result in the frame, it becomes the result of the call. May be
+   * null: same as 1. */
   int32_t (*FilterException)(void *pException, MEMTraceFrame *pFrame);
 } MEMTextServices;
 

@@ -1,5 +1,5 @@
 /** @file mempack.h
- * The pack control block, with which a caller describes its structures, and the packed block.
+ * The pack control block, which describes a caller's structures, and the packed block.
  *
  * MEM_Pack turns a tree of segments (the caller's structures) into a chain of equal-sized blocks
  * in which every pointer is replaced by a relative pointer. docs/packed-chain.md describes the
@@ -13,11 +13,11 @@
 enum {
   MEM_PACK_MAX_CHILDREN = 24,   /**< child pointers of a descriptor */
   MEM_PACK_MAX_REFERENCES = 8,  /**< reference pointers of a descriptor */
-  MEM_PACK_MIN_DESCRIPTORS = 8, /**< a control block has room for at least so many descriptors */
+  MEM_PACK_MIN_DESCRIPTORS = 8, /**< least number of descriptors in a control block */
   MEM_PACK_MAX_LEVELS = 64,     /**< depth of a structure, the root included */
   MEM_PACK_MAX_BLOCKS = 32767,  /**< blocks of a chain */
   MEM_PACK_NO_SIBLING = -1,     /**< SiblingOff of a segment without a sibling chain */
-  MEM_PACK_BLOCK_OVERHEAD = 15, /**< an item is at most the block length less this */
+  MEM_PACK_BLOCK_OVERHEAD = 15, /**< the longest item is the block length minus this */
   MEM_UNPACK_BLOCK_LEN = 33024  /**< bytes of each block of a new chain from MEM_Unpack */
 };
 
@@ -38,8 +38,9 @@ typedef struct MemPackChild {
 
 MEM_CHECK_SIZE(MemPackChild, 4);
 
-/** Description of one kind of segment. Unused entries may hold anything, but MEM_Unpack compares
- * the offsets in the first two child entries of descriptor 0 as they are stored: clear them. */
+/** Description of one kind of segment. Unused entries may have any value, except the first two
+ * child entries of descriptor 0: clear them, because MEM_Unpack compares their offsets even if they
+ * are unused. */
 typedef struct MemPackDescriptor {
   uint16_t Type;          /**< MEM_PACK_FIXED, … */
   uint16_t FixedLen;      /**< bytes of a MEM_PACK_FIXED segment */
@@ -60,8 +61,8 @@ MEM_CHECK_OFFSET(MemPackDescriptor, ReferenceCount, 8);
 MEM_CHECK_OFFSET(MemPackDescriptor, Children, 10);
 MEM_CHECK_OFFSET(MemPackDescriptor, References, 106);
 
-/** Pack control block. Descriptor 0 describes the root segment. With more than 8 descriptors the
- * further ones follow the record; MEM_PACK_CB_LEN tells the length of the whole. */
+/** Pack control block. Descriptor 0 describes the root segment. Descriptors beyond the eighth
+ * follow the record; MEM_PACK_CB_LEN gives the total length. */
 typedef struct MemPackCB {
   int16_t Count; /**< descriptors, 1 or more */
   MemPackDescriptor Descriptors[MEM_PACK_MIN_DESCRIPTORS];
@@ -73,7 +74,7 @@ MEM_CHECK_OFFSET(MemPackCB, Descriptors, 2);
 /** Bytes of a control block with `count` descriptors. */
 #define MEM_PACK_CB_LEN(count) (978 + ((count) > 8 ? 122 * ((count)-8) : 0))
 
-/** Head of a packed block. The content follows at offset 10; content offsets in relative pointers
+/** Header of a packed block. The content follows at offset 10; content offsets in relative pointers
  * count from offset 8. The first block's content starts with a version of four characters and the
  * control block. */
 typedef struct MemPackBlock {
@@ -83,7 +84,7 @@ typedef struct MemPackBlock {
 
 MEM_CHECK_OFFSET(MemPackBlock, UsedLen, 8);
 
-/** What MEM_Pack leaves in a pointer field: where the target lies. A null pointer stays null. */
+/** What MEM_Pack stores in a pointer field: the place of the target. A null pointer stays null. */
 typedef struct MemPackRelPtr {
   int16_t Block;      /**< block number, from 0 */
   int16_t Offset;     /**< content offset within the block, from block offset 8 */

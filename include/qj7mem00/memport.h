@@ -1,10 +1,10 @@
 /** @file memport.h
- * How a caller describes its structures to the port string services, and the form in which the
- * writer hands a port string back.
+ * The definitions with which a caller describes its structures to the port string services, and the
+ * chunks in which the writer returns a port string.
  *
  * A port string is a portable text form of a structure and of all that it reaches through pointers.
- * The library knows structures only by a table of definitions that the caller passes to every call.
- * The table is read in place, must not change during a call and is never written to.
+ * The library knows structures only through a table of definitions that the caller passes to every
+ * call. The table is read in place, must not change during a call and is never written to.
  * docs/port-strings.md describes the text.
  */
 #ifndef QJ7MEM00_MEMPORT_H
@@ -15,13 +15,13 @@
 enum {
   MEM_PORT_MAX_FIELDS = 1024,   /**< fields of a definition that the reader accepts */
   MEM_PORT_MAX_NESTING = 64,    /**< structures embedded in one another */
-  MEM_PORT_HEADER_LEN = 23,     /**< characters in front of the first structure text */
+  MEM_PORT_HEADER_LEN = 23,     /**< characters before the first structure text */
   MEM_PORT_CHUNK_OVERHEAD = 16, /**< bytes of a chunk's heap entry beyond its capacity */
   MEM_PORT_NO_COUNT = -1        /**< CountField of a structure without a repeat field */
 };
 
-/** Trace flag of a reading call: fields that are skipped as newer than the definition leave a
- * record each. */
+/** Trace flag of a reading call: writes a record for each field that is skipped because it is newer
+ * than the definition. */
 #define MEM_TRACE_SKIPPED 0x00000100U
 
 /** Field types (MEMFieldDef.Type). */
@@ -45,16 +45,16 @@ enum MEMFieldType {
 };
 
 /** Description of one field. Fields of a definition are listed in ascending order of `FieldID`;
- * fields with one `Offset` are alternatives (a union). */
+ * fields with the same `Offset` are alternatives (a union). */
 typedef struct MEMFieldDef {
   uint32_t FieldID;      /**< identifies the field in its structure, 1 or more */
   uint8_t Type;          /**< MEMFieldType */
   uint8_t Required;      /**< non-zero: must be present when reading, unless an alternative is */
-  uint8_t Reserved6[2];  /**< may hold anything */
+  uint8_t Reserved6[2];  /**< may have any value */
   int32_t Length;        /**< bytes of the field; of one element, for a repeat field */
-  uint32_t SubStructID;  /**< for types 9 and 10: the structure pointed to or embedded */
+  uint32_t SubStructID;  /**< types 9 and 10: the structure pointed to or embedded */
   int32_t Offset;        /**< bytes from the start of the structure */
-  uint8_t Reserved20[4]; /**< may hold anything */
+  uint8_t Reserved20[4]; /**< may have any value */
   union {
     const void *pBytes;    /**< types 1, 4, 9, 10, 11, 14: `Length` bytes, or null for none */
     const char *pText;     /**< types 2, 3 */
@@ -64,8 +64,8 @@ typedef struct MEMFieldDef {
   } Default;             /**< value of an absent field that is not required. Text of types 3 and 16
                               is shared, not copied */
   uint8_t NoTruncate;    /**< non-zero: text longer than the field is an error when reading */
-  uint8_t NotPorted;     /**< non-zero: never written, not demanded when reading */
-  uint8_t Reserved34[6]; /**< may hold anything */
+  uint8_t NotPorted;     /**< non-zero: never written, not required when reading */
+  uint8_t Reserved34[6]; /**< may have any value */
 } MEMFieldDef;
 
 MEM_CHECK_SIZE(MEMFieldDef, 40);
@@ -83,13 +83,13 @@ MEM_CHECK_OFFSET(MEMFieldDef, NotPorted, 33);
 typedef struct MEMStructDef {
   uint32_t StructID;  /**< identifies the structure, 1 or more */
   int32_t Length;     /**< bytes of the structure, with one element of its repeat field */
-  int32_t CountField; /**< index in `Fields` of the field (types 5 to 8) that counts the
-                           elements of the repeat field, or MEM_PORT_NO_COUNT. The repeat
-                           field is the last one; its elements lie back to back */
+  int32_t CountField; /**< index in `Fields` of the field (types 5 to 8) that counts the elements of
+                         the repeat field, or MEM_PORT_NO_COUNT. The repeat field is the last one;
+                         its elements are contiguous */
   int32_t FieldCount; /**< entries of `Fields` */
   const MEMFieldDef *Fields;
   uint8_t CountIsLength; /**< non-zero: the count field holds the structure's bytes instead */
-  uint8_t Reserved25[7]; /**< may hold anything */
+  uint8_t Reserved25[7]; /**< may have any value */
 } MEMStructDef;
 
 MEM_CHECK_SIZE(MEMStructDef, 32);
@@ -99,13 +99,13 @@ MEM_CHECK_OFFSET(MEMStructDef, FieldCount, 12);
 MEM_CHECK_OFFSET(MEMStructDef, Fields, 16);
 MEM_CHECK_OFFSET(MEMStructDef, CountIsLength, 24);
 
-/** One piece of a port string: a heap entry of the caller's, packed, so that the characters begin
- * at byte 12. */
+/** One chunk of a port string: an entry of the caller's heap. The structure is packed, so that the
+ * characters begin at byte 12. */
 #pragma pack(push, 1)
 typedef struct MEMPortChunk {
-  struct MEMPortChunk *pNext; /**< next piece, null in the last */
-  int32_t Used;               /**< characters in this piece; none when 0 or less */
-  char Text[1];               /**< the characters, without terminator, go on behind the record */
+  struct MEMPortChunk *pNext; /**< next chunk, null in the last */
+  int32_t Used;               /**< characters in this chunk; none when 0 or less */
+  char Text[1]; /**< the characters, without terminator; they continue after the record */
 } MEMPortChunk;
 #pragma pack(pop)
 

@@ -2,7 +2,7 @@
  * The library's two context blocks: one per process, one per thread, and the option record.
  *
  * The process block is registered with the host as component 3's anchor (RuntimeServices slots 7
- * and 8). The thread block hangs on the thread environment (`pMemThreadBlk`). Both belong to the
+ * and 8). The thread environment points to the thread block (`pMemThreadBlk`). Both belong to the
  * library; hosts and tools may read them.
  */
 #ifndef QJ7MEM00_MEMPROC_H
@@ -46,10 +46,10 @@ typedef struct MEMSinkSegment {
   uint8_t *pBase;   /**< the block, owned by the sink */
   uint8_t *pSpace;  /**< string space, pBase + 16384 */
   uint8_t *pLast;   /**< last byte of the string space, pBase + 0x43FFF */
-  uint8_t *pMap;    /**< allocation map, one bit a 2-byte granule, most significant bit first */
-  uint32_t Counter; /**< 0 when the block is obtained */
+  uint8_t *pMap;    /**< allocation map, one bit per 2-byte granule, most significant bit first */
+  uint32_t Counter; /**< 0 when the block is allocated */
   uint32_t UsedLen; /**< bytes reserved for copies */
-  int32_t FreeLen;  /**< bytes still free, 0x40000 when the block is obtained, never below 0 */
+  int32_t FreeLen;  /**< bytes still free, 0x40000 when the block is allocated, never below 0 */
   uint32_t TextLen; /**< bytes of text and terminators in the copies */
 } MEMSinkSegment;
 
@@ -63,23 +63,23 @@ MEM_CHECK_OFFSET(MEMSinkSegment, FreeLen, 40);
 MEM_CHECK_OFFSET(MEMSinkSegment, TextLen, 44);
 
 /** The process block, 3248 bytes. Bytes without a field are 0. The sink's fields (96 to 3223) are
- * guarded by `Gate`; the others change only in the process calls and in MEMSetProcOptions. */
+ * protected by `Gate`; the others change only in the process calls and in MEMSetProcOptions. */
 typedef struct MEMProcessBlock {
   MEMBlockHeader Header;
   uint8_t Flags; /**< MEM_PROCESS_READY after a complete initialisation, else 0 */
   uint8_t Reserved33[7];
   void *Pointers[7];    /**< process-wide pointers of the host; copied into new thread blocks */
-  int32_t SegmentCount; /**< sink blocks obtained so far, 1 after start */
+  int32_t SegmentCount; /**< sink blocks allocated so far, 1 after start */
   uint32_t Reserved100;
   MEMSinkSegment Segments[MEM_SINK_SEGMENTS];
   uint32_t Gate; /**< sink gate, any number while there is an index, else 0 */
   uint32_t Reserved3180;
-  void *pIndex;       /**< sorted index of the copies, 16 bytes a slot */
+  void *pIndex;       /**< sorted index of the copies, 16 bytes for each slot */
   uint32_t IndexLen;  /**< bytes of the index area */
   uint32_t SlotCount; /**< slots that fit in the index area */
   uint32_t Used;      /**< Act + Garbage */
   uint32_t Act;       /**< strings currently sunk */
-  uint32_t Garbage;   /**< slots above End left behind by deletes */
+  uint32_t Garbage;   /**< slots above End that deletes left unused */
   int32_t Free;       /**< highest free slot below First; below 0 when there is none */
   uint32_t First;     /**< first slot of the active range */
   uint32_t End;       /**< last slot of the active range */
@@ -104,14 +104,14 @@ MEM_CHECK_OFFSET(MEMProcessBlock, First, 3216);
 MEM_CHECK_OFFSET(MEMProcessBlock, End, 3220);
 MEM_CHECK_OFFSET(MEMProcessBlock, OldPackCB, 3224);
 
-/** The thread block, 296 bytes, touched by its own thread only. */
+/** The thread block, 296 bytes, used only by its own thread. */
 typedef struct MEMThreadBlock {
   MEMBlockHeader Header;
   void *Pointers[7]; /**< the process block's pointers when this block was made */
   uint32_t Flags;    /**< MEM_THREAD_IN_CAT */
   uint8_t Reserved92[4];
   void *pHashIndexes; /**< the library's own: indexes of tables that this thread has open */
-  void *pOpenedTable; /**< the library's own: the hash table that this thread has opened last */
+  void *pOpenedTable; /**< the library's own: the hash table that this thread opened last */
   uint8_t Reserved112[168];
   MEMProcessBlock *pProcessBlk; /**< the process block, not owned */
   uint8_t Reserved288[8];
@@ -124,7 +124,7 @@ MEM_CHECK_OFFSET(MEMThreadBlock, pProcessBlk, 280);
 
 /** Argument of MEMSetProcOptions. Nothing else of the record is read. */
 typedef struct MEMProcOptions {
-  uint8_t Set; /**< 0 = leave the options alone */
+  uint8_t Set; /**< 0 = do not change the options */
   uint8_t Reserved1[63];
   uint8_t OldPackCB; /**< new value of MEMProcessBlock.OldPackCB */
 } MEMProcOptions;

@@ -2,15 +2,16 @@
  * The MEM function vector: every service of the library, slot by slot, and the binding entry.
  *
  * The vector is a table of at least 52 pointers that the host owns. Slots 0 to 3 are the host's.
- * Binding fills slots 4 to 51, unbinding clears them. Callers reach the library through the vector
- * only; the library reaches its own services through it too, so a replaced slot takes effect for
- * internal users as well. MEM_VECTOR_SLOTS is the one list of slots.
+ * Binding fills slots 4 to 51, unbinding clears them. Callers reach the library only through the
+ * vector. The library also calls its own services through it, so a replaced slot takes effect for
+ * internal users, too. MEM_VECTOR_SLOTS is the one list of slots.
  *
  * Conventions of all services (see membase.h too):
  *  1. A service runs inside a trace frame (MEMTraceFrame) and, unless noted, first clears the
- *     calling thread's error area. A failure sets `Code` and `ReturnCode` there, mostly with a text
- *     in `NameText`, and then calls TextServices slot 8.
- *  2. A missing thread environment, trace buffer or thread block is tolerated: nothing is written.
+ *     calling thread's error area. A failure sets `Code` and `ReturnCode` there, in most cases with
+ *     a text in `NameText`, and then calls TextServices slot 8.
+ *  2. The thread environment, trace buffer or thread block may be missing: then nothing is written
+ *     to it.
  *  3. Handles are addresses of control blocks and are checked by their eye-catcher.
  *  4. "One thread at a time" means: the caller serialises all calls on one object; different
  *     objects may be used on different threads at once.
@@ -32,9 +33,9 @@ typedef struct MEMCellObject *HMEMCELL;
 /** Handle of a hash table ("QQQQHASH"). */
 typedef struct MEMHashObject *HMEMHASH;
 
-/** A caller's hash function: bucket index, 0..Max, of the `KeyLen` bytes at `pKey`. */
+/** A caller's hash function: returns the bucket index, 0..Max, of the `KeyLen` bytes at `pKey`. */
 typedef int16_t (*MEMHashFunc)(const void *pKey);
-/** A caller's scan callback: 0, or a code that MEM_HashScan remembers. */
+/** A caller's scan callback: returns 0, or a code that MEM_HashScan keeps. */
 typedef int16_t (*MEMScanFunc)(void *pRecord, void *pParm);
 
 struct MEMStructDef;
@@ -44,41 +45,41 @@ struct MEMPortChunk;
 /** @{ */
 
 /** Makes the process block (subpool 1), registers it and the message table for component 3 and
- * starts the string sink. Once per process, before any other service, with no other call running.
- * On failure the cause is in `InnerCode` and `InnerText`, not in `Code` and `NameText`; what was
- * made so far stays until MEM_ProcessTerm. */
+ * starts the string sink. Call it once per process, before any other service and with no other call
+ * running. On failure the cause is in `InnerCode` and `InnerText`, not in `Code` and `NameText`;
+ * what exists so far stays until MEM_ProcessTerm. */
 typedef int16_t MEM_ProcessInitFn(void);
 
-/** Stops the sink, returns the process block and withdraws the anchor and the message table. 0
- * also when there is no process block. Leaves the error area alone. After the last thread's
+/** Stops the sink, frees the process block and withdraws the anchor and the message table. 0 also
+ * when there is no process block. Does not change the error area. Call it after the last thread's
  * MEM_ThreadTerm, with no other call running. */
 typedef int16_t MEM_ProcessTermFn(void);
 
 /** Makes the calling thread's thread block (subpool 2). A second call makes a second block and
  * loses the first. Without a process block or thread environment: -1, nothing recorded.
- * MEMERR_TBLKFAIL when there is no storage. Leaves the rest of the error area alone. */
+ * MEMERR_TBLKFAIL when there is no storage. Does not change the rest of the error area. */
 typedef int16_t MEM_ThreadActFn(void);
 
-/** Returns the calling thread's thread block. 0 also when there is none. Leaves the error area
- * alone. */
+/** Frees the calling thread's thread block. 0 also when there is none. Does not change the error
+ * area. */
 typedef int16_t MEM_ThreadTermFn(void);
 
 /** Sets the process option when `pOptions->Set` is not 0. Always 0, also with a null record or
- * without a process block. Leaves the error area alone. */
+ * without a process block. Does not change the error area. */
 typedef int16_t MEMSetProcOptionsFn(const MEMProcOptions *pOptions);
 /** @} */
 
 /** @name Storage by subpool */
 /** @{ */
 
-/** Obtains `Size` bytes, 8-byte aligned, from a subpool; null when the host has none. A negative
- * `SubPool` names the subpool of its absolute value (-256: subpool 0) and asks for storage kind 2
- * instead of 1. Records no error of its own. The caller returns the storage through MEM_Free. Any
+/** Allocates `Size` bytes, 8-byte aligned, from a subpool; null when the host has no storage. A
+ * negative `SubPool` means the subpool of its absolute value (-256: subpool 0) and storage kind 2
+ * instead of 1. Records no error of its own. The caller frees the storage through MEM_Free. Any
  * number of threads. */
 typedef void *MEM_AllocFn(uint32_t Size, int16_t SubPool);
 
-/** Returns storage with the size and subpool with which it was obtained. Leaves the error area
- * alone. Any number of threads. */
+/** Frees storage, with the size and subpool with which it was allocated. Does not change the error
+ * area. Any number of threads. */
 typedef void MEM_FreeFn(void *pArea, uint32_t Size, int16_t SubPool);
 
 /** Dialog tables of another platform: always -1 with MEMERR_NOT_SUPPORTED. */
@@ -86,25 +87,25 @@ typedef int16_t MEM_InitQTRFTblsFn(void);
 /** @} */
 
 /** @name Standard heap: one thread at a time
- * Entries are 8-byte aligned, never cleared, never freed singly and live until the heap is closed.
- * The allocation services take enhanced heaps too and pass them on. */
+ * Entries are 8-byte aligned, never cleared, never freed individually, and live until the heap is
+ * closed. The allocation services also accept enhanced heaps and pass the call on. */
 /** @{ */
 
 /** Opens a heap with areas of `AreaLen` KB, 1..256, from `SubPool`. The heap belongs to the caller
  * until MEM_HeapClose. MEMERR_HEAPSIZE, MEMERR_HEAPAMEM. */
 typedef int16_t MEM_HeapOpenFn(HMEMHEAP *phMemHeap, int16_t AreaLen, uint16_t SubPool);
 
-/** Returns all areas and large blocks. MEMERR_HEAPBHDL, also for an enhanced heap. */
+/** Frees all areas and large blocks. MEMERR_HEAPBHDL, also for an enhanced heap. */
 typedef int16_t MEM_HeapCloseFn(HMEMHEAP hMemHeap);
 
 /** Allocates an entry of `Len` bytes, 1 or more. Served by slot 14 or, for an enhanced heap, by
  * slot 38. MEMERR_HEAPBHDL, MEMERR_HEAPEMIN, MEMERR_HEAPAMEM. */
 typedef int16_t MEM_HeapAllocEntryFn(HMEMHEAP hMemHeap, int16_t Len, void **ppEntry);
 
-/** Allocates `NumEnties` entries of `Len` bytes, each holding at `LinkOff` the address of the
- * next, the last null, and stores the first. `LinkOff` is not compared with `Len`. Each entry
- * comes from slot 14. On failure the entries made so far stay in the heap. MEMERR_HEAPBHDL,
- * MEMERR_HEAPNUME, MEMERR_HEAPLOFF and those of the single allocation. */
+/** Allocates `NumEnties` entries of `Len` bytes and stores the address of the first. Each entry has
+ * at `LinkOff` the address of the next one, the last one null. `LinkOff` is not compared with
+ * `Len`. Each entry comes from slot 14. On failure the entries made so far stay in the heap.
+ * MEMERR_HEAPBHDL, MEMERR_HEAPNUME, MEMERR_HEAPLOFF and those of the single allocation. */
 typedef int16_t MEM_HeapAllocMultEntriesFn(HMEMHEAP hMemHeap, int16_t Len, int16_t NumEnties,
                                            int16_t LinkOff, void **ppEntry);
 
@@ -118,33 +119,34 @@ typedef int16_t MEM_HeapAllocLongMultEntriesFn(HMEMHEAP hMemHeap, int32_t Len, i
 /** @} */
 
 /** @name Enhanced heap: any number of threads, serialised by the heap's gate
- * Entries are those of a standard heap but for their size: 16 bytes at least. Each call takes and
- * releases the gate (RuntimeServices 29 and 30) itself; no failure leaves it held. Where a gate
- * service or, at open, storage failed, the host's own code and text are in `InnerCode` and
- * `InnerText`. Failures set `Component`, too. */
+ * Entries are as in a standard heap, but have at least 16 bytes. Each call acquires and releases
+ * the gate (RuntimeServices 29 and 30) itself; no failure leaves it held. If a gate service or, at
+ * open, the allocation fails, the host's own code and text are in `InnerCode` and `InnerText`.
+ * Failures also set `Component`. */
 /** @{ */
 
 /** Opens an enhanced heap with a gate of its own; arguments as for MEM_HeapOpen. The heap belongs
  * to the caller until MEM_EHeapClose. MEMERR_HEAPSIZE, MEMERR_HEAPGATE, MEMERR_HEAPAMEM. */
 typedef int16_t MEM_EHeapOpenFn(HMEMHEAP *phMemHeap, int16_t AreaLen, uint16_t SubPool);
 
-/** Returns all areas and large blocks, then the gate. No other call on the heap may be running or
- * follow. MEMERR_HEAPBHDL, also for a standard heap; MEMERR_HEAPGATE leaves the heap as it was. */
+/** Frees all areas and large blocks, then deletes the gate. No other call on the heap may be
+ * running or follow. MEMERR_HEAPBHDL, also for a standard heap; after MEMERR_HEAPGATE the heap is
+ * unchanged. */
 typedef int16_t MEM_EHeapCloseFn(HMEMHEAP hMemHeap);
 
-/** Allocates an entry of `Len` bytes, rounded up to a multiple of 8; any `Len` of less than 16, 0
- * and negative ones among them, gives 16 bytes. An entry too large for an area gets a block of its
- * own. MEMERR_HEAPBHDL, MEMERR_HEAPGATE, MEMERR_HEAPAMEM. */
+/** Allocates an entry of `Len` bytes, rounded up to a multiple of 8; any `Len` below 16, including
+ * 0 and negative values, gives 16 bytes. An entry too large for an area gets a block of its own.
+ * MEMERR_HEAPBHDL, MEMERR_HEAPGATE, MEMERR_HEAPAMEM. */
 typedef int16_t MEM_EHeapAllocEntryFn(HMEMHEAP hMemHeap, int32_t Len, void **ppEntry);
 
-/** Gives back an entry with the length with which it was allocated. An area entry is cleared; its
- * storage is not handed out again and returns to the host at close, as does a large entry's.
+/** Frees an entry, with the length with which it was allocated. An area entry is cleared. Its
+ * storage is not allocated again and returns to the host at close, as does that of a large entry.
  * MEMERR_HEAPBHDL, MEMERR_HEAPGATE, MEMERR_HEAPENTRY (the host's storage check refuses the range,
- * or the length is a large entry's and no large block lies in front of the address). */
+ * or the length is that of a large entry and there is no large block before the address). */
 typedef int16_t MEM_EHeapFreeEntryFn(HMEMHEAP hMemHeap, int32_t Len, void *pEntry);
 
-/** Allocates a chain of entries as MEM_HeapAllocMultEntries does; each comes from slot 38 under the
- * gate of its own, so other threads' entries may lie between them. */
+/** Allocates a chain of entries as MEM_HeapAllocMultEntries does; each comes from slot 38, which
+ * acquires the gate for each entry, so entries of other threads may be between them. */
 typedef int16_t MEM_EHeapAllocMultEntriesFn(HMEMHEAP hMemHeap, int32_t Len, int16_t NumEnties,
                                             int16_t LinkOff, void **ppEntry);
 /** MEM_EHeapAllocMultEntries with a 32-bit count. */
@@ -153,9 +155,9 @@ typedef int16_t MEM_EHeapAllocLongMultEntriesFn(HMEMHEAP hMemHeap, int32_t Len, 
 /** @} */
 
 /** @name Cell pool: one thread at a time
- * Cells of one length from areas of one length. Areas are obtained one by one as cells run out and
- * are returned together. Cells follow each other without gaps, so a cell is as aligned as its
- * length makes it. */
+ * Cells of one length from areas of one length. A new area is allocated when no cell is free; all
+ * areas are freed together. Cells follow each other without gaps, so the cell length determines the
+ * alignment. */
 /** @{ */
 
 /** Opens a pool. `AreaLen` is 256 to 1,048,576 bytes and at least `CellLen` + 168; `CellLen` is 8
@@ -163,39 +165,39 @@ typedef int16_t MEM_EHeapAllocLongMultEntriesFn(HMEMHEAP hMemHeap, int32_t Len, 
  * MEMERR_CELLBNDS, MEMERR_CELLSIZE, MEMERR_CELLELEN; then MEMERR_CELLAMEM. */
 typedef int16_t MEM_CellOpenFn(HMEMCELL *phMemCell, int32_t AreaLen, int32_t CellLen,
                                int16_t SubPool);
-/** Returns all areas, whatever cells are still out. MEMERR_CELLBHDL. */
+/** Frees all areas, even if cells are still allocated. MEMERR_CELLBHDL. */
 typedef int16_t MEM_CellCloseFn(HMEMCELL hMemCell);
-/** Returns the areas added since open and makes the pool as it was after open; all cells are gone.
- * MEMERR_CELLBHDL. */
+/** Frees the areas added since open and resets the pool to its state after open; all cells become
+ * invalid. MEMERR_CELLBHDL. */
 typedef int16_t MEM_CellClearFn(HMEMCELL hMemCell);
-/** Takes the cell that was given back last, or the next fresh one. Its first 8 bytes are zero; the
- * others are zero in a cell given back before and as the host delivered them in a fresh one.
- * MEMERR_CELLBHDL, MEMERR_CELLAMEM (the pool stays as it was). */
+/** Allocates the cell that was freed last, or the next unused one. Its first 8 bytes are zero. The
+ * others are zero in a cell that was freed before, and as the host delivered them in an unused one.
+ * MEMERR_CELLBHDL, MEMERR_CELLAMEM (the pool is unchanged). */
 typedef int16_t MEM_CellAllocEntryFn(HMEMCELL hMemCell, void **ppCell);
-/** Gives a cell back, filled with zeros. That it is one of the pool's and given back once is the
- * caller's to keep; null is ignored. MEMERR_CELLBHDL. */
+/** Frees a cell and fills it with zeros. The caller must ensure that the cell is one of the pool's
+ * and is freed only once; null is ignored. MEMERR_CELLBHDL. */
 typedef int16_t MEM_CellFreeEntryFn(HMEMCELL hMemCell, void *pEntry);
 /** @} */
 
 /** @name Hash table: one thread at a time
- * Records are copies in a standard heap of the table's own and live until MEM_HashClose. Callers
- * see the copy's address and may change it, but not its key. */
+ * The table copies records into its own standard heap, where they live until MEM_HashClose. Callers
+ * get the address of the copy and may change the copy, but not its key. */
 /** @{ */
 
 /** Opens a table for records with a key of `KeyLen` bytes at offset `KeyOff`, with buckets 0..`Max`
  * chosen by `pFunc`. `AreaLen` (KB) and `SubPool` are those of the entry heap. A `KeyLen` of 0 or
- * less makes all keys equal. MEMERR_HASHAMEM (also for `Max` below -1); a heap failure passes up
- * with the heap's own error and leaves the control block to the host. */
+ * less makes all keys equal. MEMERR_HASHAMEM (also for `Max` below -1); a heap failure is returned
+ * with the heap's own error, and the control block is not freed. */
 typedef int16_t MEM_HashOpenFn(HMEMHASH *phHash, int16_t KeyOff, int16_t KeyLen, int16_t Max,
                                MEMHashFunc pFunc, int16_t AreaLen, uint16_t SubPool);
 
-/** Closes the entry heap and returns the table. MEMERR_HASHBHDL; a heap failure leaves the table
- * as it was. */
+/** Closes the entry heap and frees the table. MEMERR_HASHBHDL; after a heap failure the table is
+ * unchanged. */
 typedef int16_t MEM_HashCloseFn(HMEMHASH hMemHash);
 
 /** Copies the `Len` bytes at `pInputEntry` into the table and stores the copy's address. When the
- * key is there already: MEMERR_HASHDKEY as the result (no error recorded), nothing copied, the
- * address of the record that is there stored. MEMERR_HASHBHDL, MEMERR_HASHFERR, or the heap's. */
+ * table already has the key, returns MEMERR_HASHDKEY (no error recorded), copies nothing and stores
+ * the address of the existing record. MEMERR_HASHBHDL, MEMERR_HASHFERR, or the heap's errors. */
 typedef int16_t MEM_HashInsEntryFn(HMEMHASH hMemHash, int16_t Len, const void *pInputEntry,
                                    void **ppNewEntry);
 
@@ -203,13 +205,13 @@ typedef int16_t MEM_HashInsEntryFn(HMEMHASH hMemHash, int16_t Len, const void *p
  * MEMERR_HASHBHDL, MEMERR_HASHFERR. */
 typedef int16_t MEM_HashGetEntryFn(HMEMHASH hMemHash, const void *pKey, void **ppEntry);
 
-/** Removes the record with the key; its storage is reused by a later insert. MEMERR_HASHNFND as the
- * result when there is none. MEMERR_HASHBHDL, MEMERR_HASHFERR. */
+/** Removes the record with the key; a later insert reuses its storage. Returns MEMERR_HASHNFND when
+ * there is none. MEMERR_HASHBHDL, MEMERR_HASHFERR. */
 typedef int16_t MEM_HashDelEntryFn(HMEMHASH hMemHash, const void *pKey);
 
 /** Calls `pFct(record, pParm)` for every record, bucket by bucket in order of insertion. The result
- * is the last non-zero one of `pFct`, else 0; the scan goes on in every case. `pFct` must not
- * delete records. MEMERR_HASHBHDL. */
+ * is the last non-zero result of `pFct`, else 0; a non-zero result does not end the scan. `pFct`
+ * must not delete records. MEMERR_HASHBHDL. */
 typedef int16_t MEM_HashScanFn(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm);
 /** @} */
 
@@ -220,97 +222,97 @@ typedef int16_t MEM_HashScanFn(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm)
  * `BlkLen` bytes from subpool 0. The structure is not changed. `*ppFirstBlk` is stored as soon as
  * the first block exists, on failures after that point too: the caller returns each block with
  * MEM_Free(block, BlkLen, 0). The result is the MEMERR code itself (MEMERR_PACK…), -1 after a
- * failure of a hash service but its closing (the service's error stands) or for
- * "WideStringOutOfPlace" and a control block that the old layout cannot hold. */
+ * failure of a hash service except its closing (the service's error remains recorded), for
+ * "WideStringOutOfPlace", and for a control block that the old layout cannot hold. */
 typedef int16_t MEM_PackFn(const MemPackCB *pPackCB, const void *pRoot, int32_t BlkLen,
                            MemPackBlock **ppFirstBlk);
 
-/** Turns a packed chain of any writer back into linked structures and stores the root. The bytes of
- * the chain need not be trusted: whatever they are, nothing outside the blocks is touched. Each
- * block must have room for its used length + 8 bytes, block 0 for 14 and the others for 10 at
- * least.
+/** Converts a packed chain of any writer back to linked structures and stores the root. The bytes
+ * of the chain need not be trusted: nothing outside the blocks is read or written. Each block must
+ * have room for its used length + 8 bytes; block 0 for at least 14 bytes, the others for at least
+ * 10.
  *
- * Where the first child offsets of `pPackCB` agree with the file's, used or not, the blocks
- * themselves become the structure, with segments at any alignment. Otherwise `*ppFirstBlk` becomes
- * a new chain of blocks of MEM_UNPACK_BLOCK_LEN bytes from subpool 0, laid out by `pPackCB`; the
- * old chain is only read and stays the caller's. On failure both cells are untouched, and blocks
- * that were being unpacked in place are of no further use. The result is the MEMERR code itself
- * (MEMERR_PACK…).
+ * If the first child offsets of `pPackCB` equal those of the file, used or not, the chain is
+ * unpacked in place: the blocks become the structure, with segments at any alignment. Otherwise
+ * `*ppFirstBlk` becomes a new chain of blocks of MEM_UNPACK_BLOCK_LEN bytes from subpool 0, laid
+ * out by `pPackCB`; the old chain is only read and stays the caller's. On failure both cells are
+ * unchanged, and blocks that were being unpacked in place can only be freed. The result is the
+ * MEMERR code itself (MEMERR_PACK…).
  *
- * Success promises that child and sibling pointers lead to segments and texts of the kinds that the
- * descriptors tell, each reached once (narrow text may be shared), and that these end in their
- * blocks, as far as their lengths are known (those of the EBCDIC types 0xE5 and 0xE7 are not). It
- * does not promise:
+ * After success, child and sibling pointers point to segments and texts of the kinds in the
+ * descriptors. Each is reached once (narrow text may be shared) and ends within its block, if its
+ * length is known (for the EBCDIC types 0xE5 and 0xE7 it is not). Success does not guarantee:
  *  - in place, that the descriptors are the caller's. The file's own control block (offset 14 of
- *    the first block) is followed; of `pPackCB` only the first child offset is compared, and the
- *    second one in files of 21 or more descriptors. A segment may be shorter than the caller's
- *    structure, and bytes that the caller takes for a pointer may be any. Who does not trust the
- *    writer compares the two control blocks before it reads a segment, as PackedChain::unpack of
- *    mem.hpp does with a table;
- *  - where references lead: in place to any byte in use of any block, in a new chain to any segment
- *    or text;
- *  - in place, that segments and narrow texts lie apart: a write to one may change another;
- *  - an amount of storage. `FixedLen` of `pPackCB` is the length of a new chain's segments: with
- *    33,009 a chain of 257 KB becomes one of 1 GB. The host's limit for subpool 0 is the guard. */
+ *    the first block) is used; of `pPackCB` only the first child offset is compared, and the second
+ *    one in files of 21 or more descriptors. A segment may be shorter than the caller's structure,
+ *    and the bytes of a pointer of the caller's structure may have any value. If you do not trust
+ *    the writer, compare the two control blocks before you read a segment, as PackedChain::unpack
+ *    of mem.hpp does with a table;
+ *  - the target of references: in place any used byte of any block, in a new chain any segment or
+ *    text;
+ *  - in place, that segments and narrow texts do not overlap: a write to one may change another;
+ *  - a limit of storage. `FixedLen` of `pPackCB` is the length of a new chain's segments: with
+ *    33,009 a chain of 257 KB becomes one of 1 GB. Only the host's limit for subpool 0 protects
+ *    against this. */
 typedef int16_t MEM_UnpackFn(MemPackBlock **ppFirstBlk, void **ppRoot, const MemPackCB *pPackCB);
 /** @} */
 
 /** @name Concatenation buffer: one thread at a time */
 /** @{ */
 
-/** Gives the caller's control block its first text storage, 1,024 bytes without text. On failure
- * `pText` is null and nothing else of the block is written. MEMERR_CATAMEM. */
+/** Initialises the caller's control block and allocates its first text storage, 1,024 bytes without
+ * text. On failure `pText` is null and nothing else of the block is written. MEMERR_CATAMEM. */
 typedef int16_t MEM_CatOpenFn(MEMCatCB *pCatCB);
 
-/** Returns the text storage, if there is any, and makes `pText` null; the other fields stay.
- * MEM_CAT_CLOSE_ERROR when `BlkLen` is 0x80000000 or more, whatever `pText` is: a block whose open
- * failed holds what the caller left there. */
+/** Frees the text storage, if there is any, and sets `pText` to null; the other fields keep their
+ * values. MEM_CAT_CLOSE_ERROR when `BlkLen` is 0x80000000 or more, regardless of `pText`. After a
+ * failed open `BlkLen` still has the caller's value. */
 typedef int16_t MEM_CatCloseFn(MEMCatCB *pCatCB);
 
 /** Appends NUL-terminated wide text through slot 29. On failure the error is MEMERR_CATSTDSTR with
- * slot 29's code and text as the inner ones (where the thread has no thread block: without). */
+ * slot 29's code and text as the inner ones (without them if the thread has no thread block). */
 typedef int16_t MEM_CatFn(MEMCatCB *pCatCB, const char16_t *pText);
 
-/** Appends `Len` characters of wide text; `pText[Len]` is copied, too, and has to be the
- * terminator. The text may lie in the buffer itself. Storage that is too small is replaced by the
- * next multiple of 2,048 bytes above the need. MEMERR_CATSTRSIZE (more than 2,147,483,647 bytes,
- * a negative `Len` among them), MEMERR_CATAMEM (also for a buffer without storage),
- * MEMERR_CATSTDSTR (null text); a failure leaves the buffer as it was. */
+/** Appends `Len` characters of wide text; `pText[Len]` is copied, too, and must be the terminator.
+ * The text may be in the buffer itself. Storage that is too small is replaced by the next multiple
+ * of 2,048 bytes above the need. MEMERR_CATSTRSIZE (more than 2,147,483,647 bytes, also for a
+ * negative `Len`), MEMERR_CATAMEM (also for a buffer without storage), MEMERR_CATSTDSTR (null
+ * text); a failure does not change the buffer. */
 typedef int16_t MEM_MemCatFn(MEMCatCB *pCatCB, const char16_t *pText, int32_t Len);
 /** @} */
 
 /** @name String sink: any number of threads, serialised by the sink gate
- * Failures of the six calls for strings set `Component`, echo the start of the text in the free
- * message text and in an "EXCP" record, and have the code and text of a host service that failed in
+ * Failures of the six calls for strings set `Component` and echo the start of the text in the free
+ * message text and in an "EXCP" record. The code and text of a failed host service are in
  * `InnerCode` and `InnerText`. */
 /** @{ */
 
 /** Starts the process's sink: gate, first block (write-protected) and index. Called by
- * MEM_ProcessInit. 0 without an effect while the sink runs. On failure the code and text are in
- * `InnerCode` and `InnerText`, what stood in `Code` is in `PrevInnerCode`, and what was obtained
- * has been returned. */
+ * MEM_ProcessInit. While the sink runs, does nothing and returns 0. On failure the code and text
+ * are in `InnerCode` and `InnerText`, the former `Code` is in `PrevInnerCode`, and all storage and
+ * the gate have been freed. */
 typedef int16_t MEM_SinkInitFn(void);
-/** Returns all that the sink holds; without an effect when it does not run. Called by
- * MEM_ProcessTerm. Always 0. Leaves the error area alone. */
+/** Frees all that the sink has; does nothing when it does not run. Called by MEM_ProcessTerm.
+ * Always 0. Does not change the error area. */
 typedef int16_t MEM_SinkTermFn(void);
-/** Stores the address of the shared copy of a text, made if there is none yet, and counts one more
- * use. The copy stays where it is until its last use is given up or the sink ends; it is
- * write-protected storage of the sink's: never write to it or free it. MEMERR_SINKITEXT (null
- * text), MEMERR_SINKIERR (null `ppSunk`, or no sink), MEMERR_SINKLGATE, MEMERR_SINKVSTG,
- * MEMERR_SINKNOSPACE (also a text that no block can hold); a failure leaves sink and `*ppSunk` as
- * they were. */
+/** Stores the address of the shared copy of a text and counts one more use. Makes the copy if there
+ * is none yet. The copy does not move until its last use ends or the sink ends. It is
+ * write-protected storage of the sink: never write to it or free it. MEMERR_SINKITEXT (null text),
+ * MEMERR_SINKIERR (null `ppSunk`, or no sink), MEMERR_SINKLGATE, MEMERR_SINKVSTG,
+ * MEMERR_SINKNOSPACE (also a text that no block can hold); a failure changes neither the sink nor
+ * `*ppSunk`. */
 typedef int16_t MEM_SinkStringFn(const char *pText, const char **ppSunk);
-/** Gives up one use of a shared copy. `pSunk` is the address that MEM_SinkString has stored; with
- * the last use the copy is erased and the address is dead. The text at `pSunk` is read, and
- * MEMERR_SINKNFND is the result (no error recorded) when no such text is sunk. MEMERR_SINKIERR
- * (null, the address of an equal text that is not the copy, or no sink), MEMERR_SINKLGATE,
- * MEMERR_SINKVSTG: where the copy could not be made writable it stays with its uses, where it could
- * not be protected again it is gone. */
+/** Ends one use of a shared copy. `pSunk` is the address that MEM_SinkString has stored. After the
+ * last use the copy is erased and the address is invalid. The text at `pSunk` is read; when no such
+ * text is sunk, the result is MEMERR_SINKNFND (no error recorded). MEMERR_SINKIERR (null, the
+ * address of an equal text that is not the copy, or no sink), MEMERR_SINKLGATE, MEMERR_SINKVSTG: if
+ * the copy could not be made writable, it stays with its uses; if it could not be protected again,
+ * it is erased. */
 typedef int16_t MEM_SinkDeleteFn(const char *pSunk);
-/** Stores the address of the shared copy of a text if there is one, else MEMERR_SINKNFND is the
- * result (no error recorded). Counts no use: the address is good only as long as another's use
- * lasts. `pReserved` is not used. MEMERR_SINKITEXT (null text), MEMERR_SINKSTEXT (null `ppSunk`),
- * MEMERR_SINKIERR (no sink), MEMERR_SINKLGATE; but for success `*ppSunk` stays as it was. */
+/** Stores the address of the shared copy of a text if there is one; otherwise the result is
+ * MEMERR_SINKNFND (no error recorded). Counts no use: the address is valid only as long as another
+ * use lasts. `pReserved` is not used. MEMERR_SINKITEXT (null text), MEMERR_SINKSTEXT (null
+ * `ppSunk`), MEMERR_SINKIERR (no sink), MEMERR_SINKLGATE; `*ppSunk` changes only on success. */
 typedef int16_t MEM_SinkVerifyFn(const char *pText, const char **ppSunk, void *pReserved);
 /** MEM_SinkString for wide text, which ends with a zero unit. A narrow and a wide text of the same
  * bytes share one copy. Without a thread environment: -1, nothing done. */
@@ -323,45 +325,46 @@ typedef int16_t MEM_WSinkVerifyFn(const char16_t *pText, const char16_t **ppSunk
 
 /** @name Port strings: any number of threads, each on its own heap
  * A failing call returns -1, or the result that the host's exception filter has stored. It sets no
- * code of its own: the reason is an "EXCP" record (a wrong count in the header and a default that
- * is too long leave none), and a heap's error stands. All that a call has allocated in `hMemHeap`,
- * a heap of either kind, stays there until the heap is closed. */
+ * code of its own. The reason is in an "EXCP" record (none for a wrong count in the header or a
+ * default that is too long), and a heap's error remains recorded. All that a call has allocated in
+ * `hMemHeap`, a heap of either kind, stays there until the heap is closed. */
 /** @{ */
 
 /** Writes the structure at `pStruct`, described by the definition `StructID`, and all that it
  * reaches through pointers, as a chain of text chunks in the caller's heap. Each chunk is filled to
- * `ChunkLen` characters, 23 or more; 0 takes what fills an area of the heap. `*pTotalLen` and
- * `*ppFirstChunk` become 0 and null first; after a failure the latter may be the first chunk of a
- * text without a header. The structures are only read and must not change meanwhile. */
+ * `ChunkLen` characters, 23 or more; 0 selects the length that fills an area of the heap.
+ * `*pTotalLen` and `*ppFirstChunk` are first set to 0 and null; after a failure `*ppFirstChunk` may
+ * be the first chunk of a text without a header. The structures are only read and must not change
+ * meanwhile. */
 typedef int16_t MEM_StructToPortStrFn(const struct MEMStructDef *pDefs, uint32_t StructID,
                                       const void *pStruct, int32_t ChunkLen, HMEMHEAP hMemHeap,
                                       uint32_t *pTotalLen, struct MEMPortChunk **ppFirstChunk);
 
 /** Reads a chunk chain back into structures in the caller's heap and stores the address of the
- * top-level one. The text need not be trusted: whatever it is, nothing is written but the
- * structures and strings being made, and nothing is read but the chunks and the definitions.
+ * top-level one. The text need not be trusted: the call writes only the structures and strings that
+ * it makes, and reads only the chunks and the definitions.
  *
- * Success does not promise that the structures are what the definitions say:
- *  - a pointer field may lead to a structure of another kind than its `SubStructID`, an embedded
- *    text may be of another kind and lie over fields behind it, the top-level structure may be of
- *    any kind in the table;
- *  - the count field may hold another number than that of the elements that there is room for, and
- *    fewer elements than that may have come;
- *  - fields of one offset, and further occurrences of the last field, may lie over each other: a
- *    pointer field holds what was stored there last;
- *  - an absent field without a default is as the storage came;
- *  - the storage is what element counts ask for, up to 2 GB for a text of 45 characters. The host's
- *    limit for the heap's subpool is the guard.
- * docs/port-strings.md tells what a careful caller does.
+ * Success does not guarantee that the structures match the definitions:
+ *  - a pointer field may point to a structure of another kind than its `SubStructID`, an embedded
+ *    text may be of another kind and overwrite the fields after it, the top-level structure may be
+ *    of any kind in the table;
+ *  - the count field may differ from the number of elements that there is room for, and the text
+ *    may have had fewer elements than that;
+ *  - fields with the same offset, and further occurrences of the last field, may overlap: a pointer
+ *    field has the value that was stored last;
+ *  - an absent field without a default has the old contents of the storage;
+ *  - the element counts determine the storage, up to 2 GB for a text of 45 characters. Only the
+ *    host's limit for the heap's subpool protects against this.
+ * docs/port-strings.md describes what a careful caller does.
  *
- * After a failure `*ppStruct` is as it was, null, or the top-level structure, not complete and with
- * pointer fields that lead elsewhere: it is not to be followed. */
+ * After a failure `*ppStruct` is unchanged, null, or the address of an incomplete top-level
+ * structure whose pointer fields may be invalid: do not use it. */
 typedef int16_t MEM_PortStrToStructFn(const struct MEMStructDef *pDefs,
                                       const struct MEMPortChunk *pFirstChunk, HMEMHEAP hMemHeap,
                                       void **ppStruct);
 
-/** MEM_PortStrToStruct for `Len` characters that lie together. What is behind the last structure is
- * not read. */
+/** MEM_PortStrToStruct for `Len` contiguous characters. Nothing after the last structure is
+ * read. */
 typedef int16_t MEM_Port1StrToStructFn(const struct MEMStructDef *pDefs, const char *pText,
                                        uint32_t Len, HMEMHEAP hMemHeap, void **ppStruct);
 /** @} */
@@ -419,7 +422,7 @@ typedef int16_t MEM_Port1StrToStructFn(const struct MEMStructDef *pDefs, const c
 
 enum { MEM_VECTOR_HOST_SLOTS = 4, MEM_VECTOR_LEN = 52 };
 
-/** The MEM function vector. A host's table may go on behind the last slot. */
+/** The MEM function vector. A host's table may continue after the last slot. */
 typedef struct MEMFunctionVector {
   void *HostSlots[MEM_VECTOR_HOST_SLOTS]; /**< the host's; never read or written by the library */
 #define MEM_VECTOR_FIELD(slot, name) name##Fn *name;
@@ -453,8 +456,8 @@ enum {
  *
  * Binding keeps `*ppHostVectors[0..31]`, `*ppServiceVectors[0..47]`, `pSysEnv` and `SysFlags` and
  * fills slots 4 to 51 of the MEM function vector, inside a trace frame named "PSdynamn". Unbinding
- * clears those slots, then forgets all that was kept; the lists are not read. Unbinding while
- * unbound does nothing. Arguments are not checked. Must not overlap any call through the vector.
+ * clears those slots, then drops all that was kept; the lists are not read. Unbinding while unbound
+ * does nothing. Arguments are not checked. Must not overlap any call through the vector.
  *
  * @param ppHostVectors     32 addresses of cells that hold the host's service vectors
  * @param ppServiceVectors  48 addresses of further cells; kept, never called

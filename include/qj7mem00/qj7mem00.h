@@ -3,7 +3,7 @@
 #ifndef QJ7MEM00_QJ7MEM00_H
 #define QJ7MEM00_QJ7MEM00_H
 
-/* One message says it all; without this an older standard ends in a page of them. */
+/* One clear message, instead of a page of errors with an older standard. */
 #if defined(__cplusplus) && __cplusplus < 201103L && (!defined(_MSVC_LANG) || _MSVC_LANG < 201103L)
 #error "qj7mem00.h needs C++11 or later; C++20 is what it is tested with: compile with -std=c++20"
 #elif !defined(__cplusplus) && (!defined(__STDC_VERSION__) || __STDC_VERSION__ < 201112L)

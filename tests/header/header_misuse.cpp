@@ -150,7 +150,7 @@ using mem::structure;
   static_cast<void>(segment<Node>(r, r, r, r, r, r, r, r, r));
 #elif CASE == 11  // mem: a segment is 65,535 bytes long at most
   static_cast<void>(segment<std::array<char, 65536>>());
-#elif CASE == 12  // mem: the pointer lies too far into the structure
+#elif CASE == 12  // mem: the pointer's offset in the structure is too large
   static_cast<void>(child(mem::Member<Node, Node *, 32768>{}));
 #elif CASE == 13  // mem: too many descriptors for a control block
   [&]<int... kNumbers>(std::integer_sequence<int, kNumbers...>) {
@@ -166,18 +166,18 @@ using mem::structure;
   static_cast<void>(segment<Wide>());
 #elif CASE == 18  // mem: a segment is copied byte by byte (trivially copyable)
   static_cast<void>(segment<Counting>());
-#elif CASE == 19  // mem: a pointer of a segment is named twice, or lies over another or the length
+#elif CASE == 19  // mem: a pointer of a segment is named twice, or overlaps another or the length
   static_cast<void>(segment<Node>(sibling(NODE(pNext)), reference(NODE(pNext))));
-#elif CASE == 60  // mem: a pointer of a segment is named twice, or lies over another or the length
+#elif CASE == 60  // mem: a pointer of a segment is named twice, or overlaps another or the length
   static_cast<void>(segment<Node>(child(NODE(pLeaf)), child(mem::Member<Node, Leaf *, 20>{})));
-#elif CASE == 61  // mem: a pointer of a segment is named twice, or lies over another or the length
+#elif CASE == 61  // mem: a pointer of a segment is named twice, or overlaps another or the length
   static_cast<void>(
       mem::countedSegment(MEM_FIELD(Packed, length), child(mem::Member<Packed, Leaf *, 1>{})));
 #elif CASE == 62  // mem: wchar_t differs between platforms: use char16_t
   static_cast<void>(child(MEM_FIELD(Texts, pWide)));
-#elif CASE == 63  // mem: the services' text is no char8_t: use char
+#elif CASE == 63  // mem: the services' text is not char8_t: use char
   static_cast<void>(child(MEM_FIELD(Texts, pUtf8)));
-#elif CASE == 64  // mem: the services' text is no char32_t: use char16_t
+#elif CASE == 64  // mem: the services' text is not char32_t: use char16_t
   static_cast<void>(child(MEM_FIELD(Texts, pUtf32)));
 #elif CASE == 65  // mem: this type letter has a meaning of its own
   static_cast<void>(mem::selfSizedSegment<0xE5>(mem::Member<Node, std::uint16_t, 0>{}));
@@ -196,14 +196,14 @@ using mem::structure;
   static_cast<void>(structure<Node, 1>());
 #elif CASE == 26  // mem: a field of another structure
   static_cast<void>(structure<Leaf, 1>(field<1>(NODE(id))));
-#elif CASE == 27  // mem: a field leads to a structure that the table does not describe
+#elif CASE == 27  // mem: a field refers to a structure that the table does not describe
   static constexpr mem::PortTable kTable{structure<Node, 1>(field<1>(NODE(pLeaf)))};
-#elif CASE == 28  // mem: a field leads to a structure that the table does not describe
+#elif CASE == 28  // mem: a field refers to a structure that the table does not describe
   static constexpr mem::PortTable kTable{structure<Node, 1>(field<1>(NODE(leaf)))};
 #elif CASE == 29  // mem: a structure is described twice
   static constexpr mem::PortTable kTable{structure<Node, 1>(field<1>(NODE(id))),
                                          structure<Node, 2>(field<1>(NODE(id)))};
-#elif CASE == 30  // mem: two structures have one identifier
+#elif CASE == 30  // mem: two structures have the same identifier
   static constexpr mem::PortTable kTable{structure<Node, 1>(field<1>(NODE(id))),
                                          structure<Leaf, 1>(field<1>(MEM_FIELD(Leaf, id)))};
 #elif CASE == 31  // mem: the repeat field is the last one
@@ -227,14 +227,14 @@ using mem::structure;
   static_cast<void>(field<1>(NODE(pName)).defaultText(u"text"));
 #elif CASE == 39  // mem: this field has no bytes as its default
   static_cast<void>(field<1>(NODE(big)).defaultBytes(nullptr));
-#elif CASE == 40  // mem: elements of the repeat field would lie over what is behind it
+#elif CASE == 40  // mem: elements of the repeat field would overlap what follows it
   static_cast<void>(structure<Early, 1>(field<1>(MEM_FIELD(Early, count)),
                                         field<2>(MEM_FIELD(Early, behind)),
                                         mem::repeatedField<3, 1>(MEM_FIELD(Early, elements))));
-#elif CASE == 41  // mem: elements of the repeat field would lie over what is behind it
+#elif CASE == 41  // mem: elements of the repeat field would overlap what follows it
   static_cast<void>(structure<Long, 1>(field<1>(MEM_FIELD(Long, count)),
                                        mem::repeatedField<2, 1>(MEM_FIELD(Long, elements))));
-#elif CASE == 42  // mem: elements of the repeat field would lie over what is behind it
+#elif CASE == 42  // mem: elements of the repeat field would overlap what follows it
   static_cast<void>(
       structure<Early, 1>(field<1>(MEM_FIELD(Early, count)),
                           mem::fieldAs<2, MEM_PORT_BIN>(mem::Member<Early, std::uint32_t, 4>{}),
@@ -250,7 +250,7 @@ using mem::structure;
   static_cast<void>(structure<Counting, 1>(field<1>(MEM_FIELD(Counting, id))));
 #elif CASE == 46  // mem: a field is copied byte by byte (trivially copyable)
   static_cast<void>(field<1>(mem::Member<Node, Counting, 0>{}));
-#elif CASE == 47  // mem: two fields are one pointer
+#elif CASE == 47  // mem: two fields are the same pointer
   static_cast<void>(structure<Node, 1>(field<1>(NODE(pLeaf)), field<2>(NODE(pLeaf))));
 #elif CASE == 48  // (readPortStringUnchecked takes it)
   static constexpr mem::PortTable kTable{
@@ -270,28 +270,28 @@ using mem::structure;
   static_cast<void>(mem::fieldAs<1, MEM_PORT_BIT>(MEM_FIELD(Bytes, flag)));
 #elif CASE == 71  // mem: a text may set bits that bool does not have: use std::uint8_t
   static_cast<void>(mem::fieldAs<1, MEM_PORT_CHAR>(MEM_FIELD(Bytes, flag)));
-#elif CASE == 72  // mem: a text would set pointers or bool in these bytes, or what cannot be seen
+#elif CASE == 72  // mem: a text could set pointers or bool in these bytes, or their type is unknown
   static_cast<void>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Bytes, pointers)));
-#elif CASE == 73  // mem: a text would set pointers or bool in these bytes, or what cannot be seen
+#elif CASE == 73  // mem: a text could set pointers or bool in these bytes, or their type is unknown
   static_cast<void>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Bytes, truths)));
-#elif CASE == 74  // mem: a text would set pointers or bool in these bytes, or what cannot be seen
+#elif CASE == 74  // mem: a text could set pointers or bool in these bytes, or their type is unknown
   static_cast<void>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Bytes, either)));
-#elif CASE == 75  // mem: a text would set pointers or bool in these bytes, or what cannot be seen
+#elif CASE == 75  // mem: a text could set pointers or bool in these bytes, or their type is unknown
   static_cast<void>(mem::fieldAs<1, MEM_PORT_BIN>(MEM_FIELD(Bytes, hidden)));
 #elif CASE == 76  // mem: wchar_t differs between platforms: use char16_t
   static_cast<void>(field<1>(MEM_FIELD(Texts, pWide)));
-#elif CASE == 77  // mem: the services' text is no char8_t: use char
+#elif CASE == 77  // mem: the services' text is not char8_t: use char
   static_cast<void>(field<1>(MEM_FIELD(Texts, pUtf8)));
 #elif CASE == 78  // mem: wchar_t differs between platforms: use char16_t
   static_cast<void>(field<1>(MEM_FIELD(Texts, wide)));
-#elif CASE == 79  // mem: the services' text is no char8_t: use char
+#elif CASE == 79  // mem: the services' text is not char8_t: use char
   static_cast<void>(field<1>(MEM_FIELD(Texts, utf8)));
 #elif CASE == 80  // mem: the default does not fit its field
   static_cast<void>(field<1>(NODE(elements[0])).defaultNumber<Color::kRed>());
 #elif CASE == 81  // use of deleted function
   const mem::Result<int> (*result)() = nullptr;
   static_cast<void>(result().value());
-#elif CASE == 82  // mem: and_then takes what returns a Result or a Status
+#elif CASE == 82  // mem: and_then needs a function that returns a Result or a Status
   static_cast<void>(mem::Result<int>(1).and_then([](int number) { return number; }));
 
 #elif CASE == 50  // mem: a key is compared byte by byte and must not have padding

@@ -259,7 +259,7 @@ TEST(MemtoolContractTest, ShowsOneEntryOrAll) {
     EXPECT_NE(list.find(text), std::string::npos) << text;
   }
   EXPECT_EQ(outputOf({"contract", "MEM_HeapClose"}),
-            "Slot 11\nint16_t MEM_HeapClose(HMEMHEAP hMemHeap)\n\nReturns all areas and large "
+            "Slot 11\nint16_t MEM_HeapClose(HMEMHEAP hMemHeap)\n\nFrees all areas and large "
             "blocks. MEMERR_HEAPBHDL, also for an enhanced heap.\n");
   EXPECT_NE(outputOf({"contract", "GetStorage"}).find("Slot 112 of MEMRuntimeServices\n"),
             std::string::npos);

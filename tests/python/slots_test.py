@@ -189,7 +189,7 @@ class ArgumentsTest(ProcessTest):
     def test_slots_tell_what_they_are(self) -> None:
         slot = self.process.slots.MEM_HeapClose
         self.assertEqual(repr(slot), "<slot 11 MEM_HeapClose(HMEMHEAP hMemHeap)>")
-        self.assertIn("Returns all areas and large blocks", slot.__doc__ or "")
+        self.assertIn("Frees all areas and large blocks", slot.__doc__ or "")
         self.assertIn("MEM_HeapClose", dir(self.process.slots))
         self.assertEqual([each.number for each in self.process.slots], list(range(4, 52)))
 

@@ -46,7 +46,7 @@ Outcome ChainReader::listBlocks(MemPackBlock *pFirst) noexcept {
   return {};
 }
 
-// At most 32,767 blocks of 65,535 bytes, two bits each: every sum here stays below 2^32.
+// At most 32,767 blocks of 65,535 bytes with two bits for each byte: no sum here reaches 2^32.
 Outcome ChainReader::obtainWork() noexcept {
   for (std::int32_t i = 0; i < blockCount_; ++i) wordCount_ += wordsFor(usedLenInFile(i));
   const std::uint32_t listLen = static_cast<std::uint32_t>(blockCount_) * sizeof(BlockExtent);
@@ -148,8 +148,8 @@ bool ChainReader::claim(const ContentPlace &place, std::uint32_t length) noexcep
   return true;
 }
 
-// Goes on word by word of the bits, up to the terminator or to text that is known to end. A claimed
-// terminator stays what it is, whatever becomes of the bytes in front of it.
+// Continues word by word of the bits, up to the terminator or to text that is known to end. A
+// claimed terminator cannot change, even if the bytes before it do.
 Outcome ChainReader::takeNarrowText(const ContentPlace &place) noexcept {
   const std::uint32_t used = usedLen(place.block);
   ContentPlace next = place;

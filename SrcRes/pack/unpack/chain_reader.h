@@ -1,5 +1,5 @@
-// A packed chain of any writer, as the unpacker reads it. Every byte of it may be hostile: whatever
-// is followed is checked against the used lengths first, and no byte is changed twice.
+// A packed chain of any writer, as the unpacker reads it. Every byte may be hostile: every place is
+// checked against the used lengths before it is followed, and no byte is changed twice.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace memlib {
 
-// A content byte: block number, and offset from block offset 8.
+// The place of a content byte: block number, and offset from block offset 8.
 struct ContentPlace {
   std::int32_t block;
   std::uint32_t offset;
@@ -33,19 +33,19 @@ inline StepFailure reachedTwice() noexcept {
   return failure(MEMERR_PACKCYCL, ErrorText("RecursiveStructure"));
 }
 
-// What the chain knows of a block besides its address.
+// What the reader knows of a block besides its address.
 struct BlockExtent {
-  std::uint32_t firstWord;  // of the block's bits among those of all blocks
+  std::uint32_t firstWord;  // index of the first word of the block's bits
   std::uint16_t used;
-  std::uint16_t reachable;  // the end of the content offsets that a relative pointer can name
+  std::uint16_t reachable;  // end of the content offsets that a relative pointer can have
 };
 
-// Lengths, block addresses and descriptors are copied out when the chain is opened, since a hostile
-// segment may lie over them.
+// Lengths, block addresses and descriptors are copied when the chain is opened, because a hostile
+// segment may overlap them.
 class ChainReader {
  public:
-  // Reads version, control block and block list of the chain at `pFirst`, which may be null. No
-  // byte of it is changed.
+  // Reads version, control block and block list of the chain at `pFirst`, which may be null.
+  // Changes nothing.
   Outcome open(MemPackBlock *pFirst) noexcept;
 
   // REQUIRES for the rest: opened.
@@ -69,44 +69,44 @@ class ChainReader {
   std::byte *at(const ContentPlace &place) const noexcept {
     return bytesAt(blocks()[place.block], std::size_t{8} + place.offset);
   }
-  // True when `length` bytes from `place` on lie within the block's used length.
+  // True when `length` bytes from `place` on are within the block's used length.
   bool holds(const ContentPlace &place, std::uint64_t length) const noexcept {
     const std::uint32_t used = usedLen(place.block);
     return place.offset <= used && length <= used - place.offset;
   }
 
-  // Reads a relative pointer that is not null and checks where it leads.
+  // Reads a relative pointer that is not null and checks its target.
   Outcome follow(const void *pRelPtr, ContentPlace &target) const noexcept;
 
-  // Bytes of the segment at `place`, checked to lie in its block.
+  // Bytes of the segment at `place`. Fails unless it ends within its block.
   Outcome measureSegment(const MemPackDescriptor &descriptor, const ContentPlace &place,
                          std::uint32_t &length) const noexcept;
 
-  // Bytes of the text at `place` with its terminator, checked to lie in its block. Units are those
-  // of the writer: 1 byte, or 2 or 4 of wide text.
+  // Bytes of the text at `place` with its terminator. Fails unless it ends within its block. Units
+  // are those of the writer: 1 byte, or 2 or 4 for wide text.
   Outcome measureText(const ContentPlace &place, std::uint32_t unitLen,
                       std::uint32_t &length) const noexcept;
 
-  // The storage of the bits below, for other use until startClaims(): bytes of any value, a quarter
-  // of the content's length or more, aligned for words of 64 bits.
+  // The storage of the bits below, free for other use until startClaims(): uninitialised, at least
+  // a quarter of the content's length, aligned for 64-bit words.
   std::span<std::byte> scratch() const noexcept {
     return {reinterpret_cast<std::byte *>(pClaims_),
             std::size_t{2} * wordCount_ * sizeof *pClaims_};
   }
 
-  // Forgets all claims. REQUIRED once before claim() and takeNarrowText().
+  // Clears all claims. REQUIRED once before claim() and takeNarrowText().
   void startClaims() noexcept;
 
-  // Reserves bytes for one use. False when one of them has been claimed before.
+  // Claims bytes for one use. False when one of them has been claimed before.
   // REQUIRES: holds(place, length).
   bool claim(const ContentPlace &place, std::uint32_t length) noexcept;
 
   // Checks that narrow text ends in its block and claims its terminator. Any number of pointers may
-  // lead to it, or into it: no byte of text is looked at twice.
+  // point to the text or into it: no byte of text is checked twice.
   Outcome takeNarrowText(const ContentPlace &place) noexcept;
 
  private:
-  // Work area: extents of the blocks, control block, and two bits for each content byte: claimed,
+  // Work area: extents of the blocks, control block, and two bits for each content byte: claimed;
   // and part of narrow text that is known to end.
 
   std::uint32_t firstWord(std::int32_t block) const noexcept { return extents()[block].firstWord; }

@@ -25,7 +25,8 @@ void swapUnits(std::byte *pText, std::uint32_t length) noexcept {
   }
 }
 
-// Through the host's conversion service (RuntimeServices slot 158) or, where that is null, here.
+// Uses the host's conversion service (RuntimeServices slot 158) or, if that is null, the library's
+// own.
 std::uint16_t convertText(const void *pIn, void *pOut) noexcept {
   const auto convert = runtimeServices().ConvertText;
   if (convert == nullptr) return utf32ToUtf16(pIn, pOut, kAreaLen);
@@ -54,7 +55,7 @@ Outcome TextConverter::narrowUnits(std::byte *pText, std::uint32_t length) noexc
   }
   auto *pArea = area_.as<std::byte>();
   const std::uint16_t code = convertText(pText, pArea);
-  // A good conversion never grows.
+  // A correct conversion never makes the text longer.
   const std::uint32_t end = textLength(pArea, std::min(length, kAreaLen), kUtf16Len);
   if (code != 0 || end == 0) {
     return failure(

@@ -1,4 +1,5 @@
-// Texts of a packed chain: where they end, and the way of wide text into this platform's UTF-16.
+// Texts of a packed chain: their lengths, and the conversion of wide text to this platform's
+// UTF-16.
 #pragma once
 
 #include <cstddef>
@@ -31,8 +32,8 @@ std::uint32_t textLength(const std::byte *pText, std::uint32_t room) noexcept {
 std::uint32_t textLength(const std::byte *pText, std::uint32_t room,
                          std::uint32_t unitLen) noexcept;
 
-// Turns wide text into native UTF-16, in place. Holds a work area from the first text that needs
-// it.
+// Converts wide text to native UTF-16 in place. Allocates a work area for the first text that needs
+// it and keeps it.
 class TextConverter {
  public:
   explicit TextConverter(const ChainReader &chain) noexcept : chain_(chain) {}

@@ -9,12 +9,12 @@
 
 namespace memlib {
 
-// Where a pointer leads to. No value: it is null.
+// The target of a pointer. No value: the pointer is null.
 using PointerTarget = std::optional<ContentPlace>;
 
-// A child pointer that leads to text.
+// A child pointer to text.
 struct TextUse {
-  ContentPlace segment;      // that holds the pointer
+  ContentPlace segment;      // with the pointer
   std::uint16_t descriptor;  // of that segment
   std::uint16_t child;       // entry of the pointer
   ContentPlace text;
@@ -56,14 +56,14 @@ class ChainWalk {
     return chain_.controlBlock().descriptor(descriptor);
   }
 
-  // A segment becomes the current level.
+  // Makes a segment the current level.
   Outcome begin(std::uint16_t descriptor, const ContentPlace &place) noexcept {
     levels_[depth_] = {.descriptor = descriptor, .nextChild = 0, .place = place};
     return visitor_.visit(descriptor, place);
   }
 
-  // One step: down to the next child that is a segment, else on to the sibling, else up. Text is
-  // dealt with where its pointer is; it takes no level.
+  // One step: down to the next child that is a segment, else to the sibling, else up. Text is
+  // visited where its pointer is and takes no level.
   Outcome advance() noexcept {
     Level &level = levels_[depth_];
     const MemPackDescriptor &descriptor = kind(level.descriptor);

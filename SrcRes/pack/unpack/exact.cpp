@@ -1,4 +1,4 @@
-// The plain way of unpacking in place.
+// The plain way to unpack in place.
 #include "pack/unpack/chain_text.h"
 #include "pack/unpack/chain_walk.h"
 #include "pack/unpack/unpack_ways.h"
@@ -7,8 +7,8 @@ namespace memlib {
 
 namespace {
 
-// Pointer fields are claimed when their segment is reached and resolved when the walk follows them,
-// so nothing that was written is read or written again, whatever lies over it.
+// Pointer fields are claimed when their segment is reached and resolved when the walk follows them.
+// So nothing that was written is read or written again, even if it overlaps other items.
 class InPlaceVisitor {
  public:
   static constexpr char kTooDeep[] = "TraversalStackOverflow";
@@ -19,7 +19,7 @@ class InPlaceVisitor {
   Outcome visitText(const TextUse &use) noexcept {
     return use.isWide ? takeWide(use.text) : chain_.takeNarrowText(use.text);
   }
-  // Replaces a relative pointer by the address that it means.
+  // Replaces a relative pointer by the address of its target.
   Outcome pointer(const ContentPlace &segment, std::int16_t offset, PointerTarget &target) noexcept;
 
  private:
@@ -37,7 +37,7 @@ Outcome InPlaceVisitor::visit(std::uint16_t kind, const ContentPlace &place) noe
   const MemPackDescriptor &descriptor = chain_.controlBlock().descriptor(kind);
   if (descriptor.Type == MEM_PACK_STRING) return chain_.takeNarrowText(place);
   if (descriptor.Type == MEM_PACK_WIDE_STRING) return takeWide(place);
-  // Kinds beyond the count were not looked at before the walk.
+  // Kinds beyond the count were not checked before the walk.
   if (!chain_.controlBlock().hasValidCounts(descriptor)) return chain_.file().badKind(kind);
   if (Outcome failed = checkLength(descriptor, place)) return failed;
   if (Outcome failed = claimSegment(descriptor, place)) return failed;
@@ -48,14 +48,14 @@ Outcome InPlaceVisitor::visit(std::uint16_t kind, const ContentPlace &place) noe
   return {};
 }
 
-// Bytes at the start of a segment that nothing else may lie over: its length word, or the byte by
-// which a segment that is reached again is known.
+// Bytes at the start of a segment that nothing else may overlap: its length word, or one byte to
+// detect a segment that is reached twice.
 std::uint32_t headLen(const ChainReader &chain, const MemPackDescriptor &descriptor) noexcept {
   if (descriptor.Type == MEM_PACK_FIXED) return descriptor.FixedLen == 0 ? 0 : 1;
   return chain.file().hasForeignLength(descriptor) ? 1 : kLengthWordLen;
 }
 
-// Callers read a segment whole, so all of it must be there.
+// Callers read whole segments, so the whole segment must be in its block.
 Outcome InPlaceVisitor::checkLength(const MemPackDescriptor &descriptor,
                                     const ContentPlace &place) const noexcept {
   if (chain_.file().hasForeignLength(descriptor)) return {};

@@ -32,7 +32,7 @@ bool startsLikeVersion(const void *pText) noexcept {
   return (first >= '0' && first <= '9') || (first >= 0xF0 && first <= 0xF9);
 }
 
-// The row of the table, or null for a version that is not in it.
+// The row of the table for this version, or null.
 const PackVersion *findVersion(const void *pText) noexcept {
   const auto *pRow = std::ranges::find_if(kVersions, [pText](const PackVersion &row) {
     return std::memcmp(row.text, pText, kPackVersionLen) == 0;
@@ -43,7 +43,7 @@ const PackVersion *findVersion(const void *pText) noexcept {
 constexpr std::uint16_t kEbcdicV = 0xE5;
 constexpr std::uint16_t kEbcdicX = 0xE7;
 
-// The ASCII letter of an EBCDIC one that has a meaning.
+// Converts the EBCDIC letters that have a meaning to ASCII.
 std::uint16_t asciiKind(std::uint16_t type) noexcept {
   switch (type) {
     case 0xC3:
@@ -82,8 +82,8 @@ Outcome FileControlBlock::readVersion(const MemPackBlock *pFirst) noexcept {
   return {};
 }
 
-// All writers with EBCDIC letters are big-endian, whatever their version is written in; elsewhere
-// these are numbers like others.
+// All writers with EBCDIC letters are big-endian, even if their version is in ASCII. In chains of
+// other writers these values are ordinary numbers.
 MemPackDescriptor FileControlBlock::descriptor(std::int32_t index) const noexcept {
   MEM_ASSERT(index >= 0 && index < descriptorsPresent(count_));
   const std::byte *pFrom = at(index);

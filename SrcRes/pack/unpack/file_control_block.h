@@ -1,4 +1,4 @@
-// The version and the control block of a packed chain, as its writer left them in block 0.
+// The version and the control block of a packed chain, as its writer stored them in block 0.
 #pragma once
 
 #include <cstddef>
@@ -20,7 +20,7 @@ struct PackVersion {
 
 class FileControlBlock {
  public:
-  // Reads the version and finds the control block. No byte of the block is changed.
+  // Reads the version and finds the control block. Changes nothing.
   Outcome open(MemPackBlock *pFirst) noexcept;
 
   // REQUIRES for the rest: opened.
@@ -41,17 +41,17 @@ class FileControlBlock {
   }
 
   // A native descriptor of the current layout, with the type in ASCII. Counts that are out of range
-  // stay so; their entries are not used. Entries that are not used are those of the file, or zero
-  // when the file has the old layout. REQUIRES: index < descriptorsPresent(count()).
+  // are kept; their entries count as unused. Unused entries are those of the file, or zero when the
+  // file has the old layout. REQUIRES: index < descriptorsPresent(count()).
   MemPackDescriptor descriptor(std::int32_t index) const noexcept;
 
-  // True for the kinds of some EBCDIC writers whose lengths are in fields that only their owners
-  // know.
+  // True for the kinds of some EBCDIC writers whose lengths are in fields known only to their
+  // owners.
   bool hasForeignLength(const MemPackDescriptor &descriptor) const noexcept;
 
   // Swaps a current control block of the other byte order in the file itself: the count, and of
-  // each used kind the five header fields and the used entries. `native` is what was read of it.
-  // Once.
+  // each used kind the five header fields and the used entries. `native` is its native copy. Call
+  // it only once.
   void swap(const PackControlBlock &native) const noexcept;
 
   // For a kind that is not valid: names its descriptor in the file.

@@ -1,5 +1,4 @@
-// The fast way of unpacking in place. What it brings is written down in bench/TRIED.md: unpacking
-// in the writer's order.
+// The fast way to unpack in place. The gain is in bench/TRIED.md: unpacking in the writer's order.
 #include <algorithm>
 #include <bit>
 
@@ -12,12 +11,13 @@ namespace memlib {
 
 namespace {
 
-// How a kind of segment tells its length. Chains with kinds of no form are not unpacked here.
+// Where a kind of segment has its length. Chains that reach a kind of form `none` are not unpacked
+// here.
 enum class Form : std::uint8_t { none, fixed, byWord, narrowText, wideText };
 
 // What is known of a kind before the walk.
 struct KindRule {
-  std::uint16_t reach;  // bytes that a segment has at least: fixed length, length word, fields
+  std::uint16_t reach;  // least bytes of a segment: fixed length, length word, fields
   Form form;
   std::uint8_t leadingTexts;  // children before the first that is not narrow text
   bool isFlat;                // a segment without other children
@@ -34,8 +34,8 @@ Form formOf(const ChainReader &chain, const MemPackDescriptor &descriptor) noexc
       // Narrowing changes the length of the text, so it could not be undone.
       return chain.wideSize() == kNativeWideSize ? Form::wideText : Form::none;
     default:
-      // Kinds of EBCDIC writers whose length is in another field are measured in this way, too. A
-      // wrong length is safe: what does not fit is left to the exact walk.
+      // Also for kinds of EBCDIC writers whose length is in another field. A wrong length is safe:
+      // if the segment does not fit, the exact walk unpacks the chain.
       return Form::byWord;
   }
 }
@@ -73,8 +73,8 @@ constexpr std::uint32_t blockOf(PlaceKey key) noexcept {
   return static_cast<std::uint32_t>(key >> kOffsetBits);
 }
 
-// A relative pointer in native byte order: the block's number, then the offset. What the field
-// holds beside them counts as part of the offset, which is too large for every block then.
+// A relative pointer in native byte order: the block's number, then the offset. The field's other
+// bytes count as part of the offset; if they are not zero, the offset is too large for every block.
 struct RelativePointer {
   std::uint64_t value;
 
@@ -86,7 +86,7 @@ struct RelativePointer {
 
 template <bool isSwapped>
 RelativePointer readRelative(const std::byte *pField) noexcept {
-  // Block and offset are one number of 32 bits here, in which either may be the upper half.
+  // Reads block and offset as one 32-bit number, in which either may be the upper half.
   constexpr bool isBlockUpper = isSwapped == (std::endian::native == std::endian::little);
   const auto stored = loadAs<std::uint32_t>(pField);
   const std::uint32_t numbers = isSwapped ? byteSwapped(stored) : stored;
@@ -94,7 +94,8 @@ RelativePointer readRelative(const std::byte *pField) noexcept {
   return {rest << 32 | (isBlockUpper ? std::rotl(numbers, 16) : numbers)};
 }
 
-// The reverse of readRelative(). What was beside block and offset is zero, or nothing was linked.
+// The reverse of readRelative(). The field's other bytes were zero, or the field would not be
+// linked.
 void storeRelative(const ChainReader &chain, std::byte *pField,
                    const ContentPlace &target) noexcept {
   const auto inOrder = [&chain](std::uint32_t value) {
@@ -105,7 +106,7 @@ void storeRelative(const ChainReader &chain, std::byte *pField,
                                 inOrder(target.offset), 0});
 }
 
-// Where a pointer leads to.
+// The target of a pointer.
 struct Target {
   std::byte *pBytes;
   PlaceKey key;
@@ -118,7 +119,7 @@ struct Kind {
   const KindRule *pRule;
 };
 
-// A segment with what is left to do there.
+// A segment with unprocessed pointer fields.
 struct OpenSegment {
   Kind kind;
   const MemPackChild *pNextChild;
@@ -127,29 +128,30 @@ struct OpenSegment {
   PlaceKey gapEnd;
 };
 
-// What is left to do above a root.
+// Ends the walk above the root: no child, no sibling.
 constexpr MemPackDescriptor kNothingLeft = [] {
   MemPackDescriptor descriptor{};
   descriptor.SiblingOff = MEM_PACK_NO_SIBLING;
   return descriptor;
 }();
 
-// Out of line, since few narrow texts are looked at.
+// Out of line, because few narrow texts are measured.
 MEM_NOINLINE std::uint32_t narrowLength(const std::byte *pText, std::uint32_t room) noexcept {
   return textLength<1>(pText, room);
 }
 
-// Walks as ChainWalk does and links on the way. All that was reached is below `end_`, and nothing
-// of it is in the gap of an open segment: the part between a segment's own texts and its first
-// child that is a segment, where the texts are that the walk reaches after that child. So nothing
-// overlaps as long as each item is beyond the end or in the gap of its segment.
+// Walks in the order of ChainWalk and links the pointers. All items reached so far are below
+// `end_`, and none of them is in the gap of an open segment. The gap is the part between a
+// segment's leading texts and its first child that is a segment; it holds the texts that the walk
+// reaches after that child. So nothing overlaps as long as each item is at or after the end, or in
+// the gap of its segment.
 //
-// Where a text ends is seldom looked for: writers place the next item right behind its terminator,
-// and a zero there shows that the text ends before that item. Until one is reached the text is
-// open, `end_` is behind its first byte, and nothing beyond it is changed.
+// The end of a text is rarely searched for: writers place the next item directly after the
+// terminator, and a zero there proves that the text ends before that item. Until the next item is
+// reached, the text is open: `end_` is after its first byte, and nothing after that is changed.
 //
-// Each address depends on what was read at the one before. So that little has to be waited for in
-// between, the segment and the block at hand are kept apart from their tables.
+// Each address depends on a load from the previous one. To keep this dependency chain short, the
+// current segment and the current block are copied out of their tables.
 template <bool isSwapped>
 class InOrderWalk {
  public:
@@ -164,7 +166,7 @@ class InOrderWalk {
         text_(text),
         pAbove_(pAbove) {}
 
-  // True when all that is reached from `root` was in order and is linked.
+  // True when all items reached from `root` were in order and are linked.
   bool run(const ContentPlace &root) noexcept {
     useBlock(static_cast<std::uint32_t>(root.block));
     kind_ = kindOf(0);
@@ -181,11 +183,11 @@ class InOrderWalk {
     return false;
   }
 
-  // Pointer fields passed, null or linked, and wide texts converted.
+  // Number of pointer fields processed, null or linked, plus wide texts converted.
   std::uint64_t steps() const noexcept { return steps_; }
 
  private:
-  // Takes the segment at hand; of a flat one its siblings, too.
+  // Takes the current segment and, if it is flat, its siblings.
   bool takeSegments(Target &target) noexcept {
     while (takeSegment(target)) {
       if (!kind_.pRule->isFlat) {
@@ -198,7 +200,7 @@ class InOrderWalk {
     return false;
   }
 
-  // A segment: its own bytes, its references, the narrow texts that come first among its children.
+  // Takes a segment: its bytes, its references, and the narrow texts at the begin of its children.
   bool takeSegment(const Target &target) noexcept {
     return takeBytes(target) && takeReferences(target.pBytes) && takeLeadingTexts(target.pBytes);
   }
@@ -231,7 +233,7 @@ class InOrderWalk {
     return taken == count;
   }
 
-  // Most children are texts, and they come first in most kinds.
+  // Takes the narrow texts that come before all other children.
   bool takeLeadingTexts(std::byte *pSegment) noexcept {
     const MemPackChild *const pFirst = kind_.pDescriptor->Children;
     const MemPackChild *const pEnd = pFirst + kind_.pRule->leadingTexts;
@@ -242,8 +244,8 @@ class InOrderWalk {
   }
 
   // Takes a text or null without a branch between the two: which one it is depends on the data, and
-  // a mispredicted branch costs more than taking a text. Null is a text of no bytes at the end, and
-  // null is stored again.
+  // a mispredicted branch costs more than taking a text. Null is treated as an empty text at the
+  // end, and null is stored again.
   bool takeLeadingText(std::byte *pField) noexcept {
     const RelativePointer stored = readRelative<isSwapped>(pField);
     const std::uint64_t count = stored.isNull() ? 0 : 1;
@@ -271,7 +273,7 @@ class InOrderWalk {
     segment_.gapStart = segment_.gapEnd = 0;
   }
 
-  // What is left of the open segment, up to the next segment: its children, then its sibling.
+  // Takes the rest of the open segment, up to the next segment: its children, then its sibling.
   Found takeRest(Target &target) noexcept {
     const Found found = takeChildren(target);
     if (found != Found::nothing) return found;
@@ -298,7 +300,7 @@ class InOrderWalk {
     return Found::nothing;
   }
 
-  // Before the first child that is a segment; later ones find the gap there.
+  // Opens the gap before the first child that is a segment. Later children use the same gap.
   bool openGap(const Target &target) noexcept {
     if (segment_.gapStart != segment_.gapEnd) return true;
     if (openMask_ != 0 && !closeText()) return false;
@@ -307,11 +309,11 @@ class InOrderWalk {
     return true;
   }
 
-  // Flat segments need no level: nothing is left to do there when their siblings come.
+  // Flat segments need no level: they are complete before their siblings are taken.
   bool goDown() noexcept {
     if (depth_ == MEM_PACK_MAX_LEVELS - 1) return false;
     if (kind_.pRule->isFlat) return true;
-    // Part by part: a copy would read together what has just been stored apart, and wait for it.
+    // Copied by members: a copy of the whole would load several recent stores at once and stall.
     OpenSegment &saved = pAbove_[depth_++];
     saved.kind.pDescriptor = segment_.kind.pDescriptor;
     saved.kind.pRule = segment_.kind.pRule;
@@ -322,7 +324,7 @@ class InOrderWalk {
     return true;
   }
 
-  // Back to the segment above. False when there is none.
+  // Returns to the segment above. False when there is none.
   bool goUp() noexcept {
     if (depth_ == 0) return false;
     segment_ = pAbove_[--depth_];
@@ -358,7 +360,7 @@ class InOrderWalk {
     return offset == MEM_PACK_NO_SIBLING ? Found::nothing : link(pSegment + offset, target);
   }
 
-  // Replaces a relative pointer to a child or sibling by the address that it means.
+  // Replaces a relative pointer to a child or sibling by the address of its target.
   Found link(std::byte *pField, Target &target) noexcept {
     const RelativePointer stored = readRelative<isSwapped>(pField);
     if (!stored.isNull()) {
@@ -369,7 +371,7 @@ class InOrderWalk {
     return stored.isNull() ? Found::nothing : Found::target;
   }
 
-  // References lead anywhere and leave the block at hand.
+  // A reference may point anywhere, and does not change the current block.
   bool linkReference(std::byte *pField) noexcept {
     const RelativePointer stored = readRelative<isSwapped>(pField);
     if (stored.isNull()) return true;
@@ -394,8 +396,8 @@ class InOrderWalk {
     return target.key >= end_ && closeText() && target.key >= end_;
   }
 
-  // A zero before the target ends an open text, wherever that text's own terminator is. Before
-  // offset 0 it is the last byte of the block's link, read without effect.
+  // A zero before the target ends an open text at the latest there. Before offset 0 the byte is the
+  // last one of the block's link; reading it has no effect.
   bool isClearlyBehindAll(const Target &target) const noexcept {
     const auto last = std::to_integer<std::uint32_t>(target.pBytes[-1]);
     return target.key >= end_ && (last & openMask_) == 0;
@@ -423,7 +425,7 @@ class InOrderWalk {
     reachable_ = pExtents_[block].reachable;
   }
 
-  // In the block at hand:
+  // In the current block:
   bool isReachable(PlaceKey key) const noexcept { return key - blockKey_ < reachable_; }
   Target targetAt(PlaceKey key) const noexcept { return {pContent_ + (key - blockKey_), key}; }
   std::uint32_t roomAt(PlaceKey key) const noexcept {
@@ -439,28 +441,28 @@ class InOrderWalk {
   const MemPackDescriptor *const pKinds_;
   TextConverter &text_;
 
-  Kind kind_{};  // of the segment at hand
+  Kind kind_{};  // of the current segment
   OpenSegment segment_{.kind = {&kNothingLeft, nullptr},
                        .pNextChild = kNothingLeft.Children,
                        .pBytes = nullptr,
                        .gapStart = 0,
                        .gapEnd = 0};
-  OpenSegment *const pAbove_;  // those above it
+  OpenSegment *const pAbove_;  // the segments above it
   std::uint32_t depth_ = 0;
 
-  // The block at hand, in which the last child or sibling was reached.
+  // The current block, in which the last child or sibling was reached.
   PlaceKey blockKey_ = 0;          // of its offset 0
   std::byte *pContent_ = nullptr;  // from block offset 8 on
   PlaceKey usedEnd_ = 0;
-  std::uint64_t reachable_ = 0;  // the end of the offsets that pointers can name
+  std::uint64_t reachable_ = 0;  // end of the offsets that pointers can have
 
   PlaceKey end_ = 0;
-  // All bits while a text is open, else none. It begins at end_ - 1 in the block at hand.
+  // All bits while a text is open, else none. The text begins at end_ - 1 in the current block.
   std::uint32_t openMask_ = 0;
   std::uint64_t steps_ = 0;
 };
 
-// The walk is in this function as a whole, so that its state can stay in registers.
+// The whole walk is in this function, so that its state can stay in registers.
 template <bool isSwapped>
 bool linkInOrder(const ChainReader &chain, const KindRule *pRules, const ContentPlace &root,
                  std::uint64_t &steps) noexcept {
@@ -472,7 +474,7 @@ bool linkInOrder(const ChainReader &chain, const KindRule *pRules, const Content
   return isDone;
 }
 
-// Blocks with content by their addresses, to find the place that an address means.
+// Finds the place of an address: blocks with content, sorted by address.
 class BlockFinder {
  public:
   explicit BlockFinder(const ChainReader &chain) noexcept
@@ -485,7 +487,7 @@ class BlockFinder {
               [this](std::int32_t one, std::int32_t other) { return start(one) < start(other); });
   }
 
-  // No value: not the address of a content byte, as only a caller's overlapping blocks can make it.
+  // No value: not the address of a content byte. Only overlapping blocks of a caller cause this.
   PointerTarget placeOf(std::uintptr_t address) const noexcept {
     const std::int32_t *pBehind = std::upper_bound(
         pOrder_, pOrder_ + count_, address,
@@ -507,10 +509,10 @@ class BlockFinder {
   std::size_t count_ = 0;
 };
 
-// Goes the way of the walk once more and takes its steps back, as many as there were.
+// Repeats the walk and undoes its steps, as many as there were.
 class Restorer {
  public:
-  static constexpr char kTooDeep[] = "";  // nobody reads it
+  static constexpr char kTooDeep[] = "";  // never read
 
   Restorer(const ChainReader &chain, std::uint64_t steps) noexcept
       : chain_(chain), finder_(chain), text_(chain), left_(steps) {}
@@ -520,7 +522,7 @@ class Restorer {
   Outcome pointer(const ContentPlace &segment, std::int16_t offset, PointerTarget &target) noexcept;
 
  private:
-  // Ends the walk. Nobody reads it.
+  // Ends the walk. The outcome is never read.
   static Outcome allRestored() noexcept { return failure(0, ErrorText()); }
 
   const ChainReader &chain_;
@@ -529,7 +531,8 @@ class Restorer {
   std::uint64_t left_;
 };
 
-// What the walk has linked is whole. Where blocks overlap, an address may lead elsewhere by now.
+// Segments that the walk linked are within their blocks. Where blocks overlap, an address may have
+// changed since, so this is checked again.
 Outcome Restorer::visit(std::uint16_t kind, const ContentPlace &place) noexcept {
   if (left_ == 0) return allRestored();
   const MemPackDescriptor &descriptor = chain_.controlBlock().descriptor(kind);
@@ -550,7 +553,7 @@ Outcome Restorer::visitText(const TextUse &use) noexcept {
   --left_;
   std::byte *pText = chain_.at(use.text);
   const std::uint32_t room = chain_.usedLen(use.text.block) - use.text.offset;
-  // Swapping the bytes of each unit is undone by doing it again.
+  // Swapping the bytes of each unit again undoes the conversion.
   return text_.convert(pText, textLength<sizeof(char16_t)>(pText, room));
 }
 
@@ -567,9 +570,9 @@ Outcome Restorer::pointer(const ContentPlace &segment, std::int16_t offset,
   return {};
 }
 
-// Takes back the first `steps` steps of the walk from `root`: each pointer field that it passed,
-// where null stays null, and each wide text whose bytes it swapped. The chain's scratch is used
-// anew. Out of line, since few chains come here.
+// Undoes the first `steps` steps of the walk from `root`: each pointer field that it processed,
+// where null stays null, and each wide text whose bytes it swapped. Reuses the chain's scratch
+// storage. Out of line, because few chains need it.
 MEM_NOINLINE void takeBack(const ChainReader &chain, const ContentPlace &root,
                            std::uint64_t steps) noexcept {
   if (steps == 0) return;
@@ -581,7 +584,7 @@ MEM_NOINLINE void takeBack(const ChainReader &chain, const ContentPlace &root,
 
 bool unpackInOrder(const ChainReader &chain, const ContentPlace &root) noexcept {
   const auto count = static_cast<std::size_t>(chain.controlBlock().present());
-  // Descriptors are content, and a quarter of their length is scratch.
+  // Descriptors are content, and the scratch storage has a quarter of the content's length.
   static_assert(sizeof(KindRule) <= kOldLayout.length / 4);
   auto *const pRules = reinterpret_cast<KindRule *>(chain.scratch().data());
   for (std::size_t i = 0; i < count; ++i) {

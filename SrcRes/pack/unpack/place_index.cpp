@@ -4,7 +4,7 @@
 
 namespace memlib {
 
-// At most 32,767 blocks of 1,024 words: the sizes stay far below 2^32.
+// At most 32,767 blocks of 1,024 words: all sizes are far below 2^32.
 Outcome PlaceIndex::open() noexcept {
   const std::int32_t blocks = chain_.blockCount();
   if (!firstWords_.obtain((static_cast<std::uint32_t>(blocks) + 1) * 4)) {

@@ -1,5 +1,5 @@
-// Numbers content places of a packed chain: places are added in any order, then each has a number
-// from 0 without gaps. One bit a content byte and one number a 64 bits.
+// Numbers content places of a packed chain: places are added in any order, then each gets a number
+// from 0 without gaps. Takes one bit for each content byte, and one number for each 64 bits.
 #pragma once
 
 #include <bit>
@@ -13,7 +13,7 @@ class PlaceIndex {
  public:
   explicit PlaceIndex(const ChainReader &chain) noexcept : chain_(chain) {}
 
-  // Obtains the tables. Fails with MEMERR_PACKAMEM.
+  // Allocates the tables. Fails with MEMERR_PACKAMEM.
   Outcome open() noexcept;
 
   bool contains(const ContentPlace &place) const noexcept {
@@ -23,7 +23,7 @@ class PlaceIndex {
   bool containsAnyOf(std::int32_t block) const noexcept;
   void add(const ContentPlace &place) noexcept { words()[wordOf(place)] |= bitOf(place); }
 
-  // Numbers the places. No more are added after it. Returns how many there are.
+  // Numbers the places and returns their count. No place may be added afterwards.
   std::uint32_t seal() noexcept;
 
   // REQUIRES: sealed, contains(place).
@@ -50,7 +50,7 @@ class PlaceIndex {
   }
 
   const ChainReader &chain_;
-  WorkStorage firstWords_;  // first word of each block, and of one more behind the last
+  WorkStorage firstWords_;  // first word of each block, then the end of the last one
   WorkStorage tables_;      // bits, then the number of places before each word
 };
 

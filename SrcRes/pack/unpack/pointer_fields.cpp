@@ -8,7 +8,7 @@ namespace memlib {
 
 namespace {
 
-// Offsets of all pointer fields, ascending.
+// Offsets of all pointer fields in ascending order.
 class FieldOffsets {
  public:
   explicit FieldOffsets(const MemPackDescriptor &descriptor) noexcept {
@@ -21,7 +21,7 @@ class FieldOffsets {
 
   std::uint32_t count() const noexcept { return count_; }
   std::uint32_t operator[](std::uint32_t k) const noexcept { return offsets_[k]; }
-  // The end of the run in front of field k, or of the last run.
+  // The end of the run before field k, or of the last run.
   std::uint32_t runEnd(std::uint32_t k, std::uint32_t length) const noexcept {
     return k < count_ ? offsets_[k] : length;
   }
@@ -31,7 +31,7 @@ class FieldOffsets {
   std::uint32_t count_ = 0;
 };
 
-// How segments of a type tell their length; all types without a letter do it in one way.
+// Where segments of a type have their length. All types without a letter count as one.
 std::uint16_t lengthRule(std::uint16_t type) noexcept {
   constexpr std::uint16_t kSelfDescribing = 0;
   switch (type) {

@@ -1,5 +1,5 @@
 // Unpacking into a new chain, in three passes: the survey checks the old chain and numbers its
-// segments and texts, the move copies them, the linking stores the new addresses.
+// segments and texts, the move copies them, and linking stores the new addresses.
 #include "base/copybytes.h"
 #include "pack/chain_builder.h"
 #include "pack/unpack/chain_text.h"
@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::int32_t kLineDirection = 1341;
 
-// The longest item of a new block.
+// Length of the longest item in a new block.
 constexpr std::int64_t kMostOfABlock = MEM_UNPACK_BLOCK_LEN - MEM_PACK_BLOCK_OVERHEAD;
 
 StepFailure blockTooSmall() noexcept {
@@ -28,7 +28,8 @@ StepFailure segmentTooLarge(std::int64_t length) noexcept {
       ErrorText("SegmentLengthTooLargeinUnpack=").decimal(static_cast<std::int16_t>(length)));
 }
 
-// Of text that no new block can hold: by itself, or with the room that wide text gets.
+// The failure of a text that no new block can hold: by itself, or with the double room of wide
+// text.
 StepFailure textTooLarge(std::int64_t length) noexcept {
   const char *const pText =
       length > kMostOfABlock ? "StrBufLengthTooLargeinUnpack=" : "StrBufLengthTooLargeinRepack=";
@@ -41,7 +42,7 @@ StepFailure noStorage(const char *pText) noexcept {
 
 enum class ItemKind : std::uint8_t { segment, narrowText, wideText };
 
-// Where a segment or a text of the old chain went.
+// The new place of a segment or text of the old chain.
 struct Moved {
   ContentPlace from;
   std::byte *pCopy;
@@ -49,7 +50,7 @@ struct Moved {
   ItemKind item;
 };
 
-// What the passes work on.
+// The data of all passes.
 struct RepackJob {
   const MemPackDescriptor &oldKind(std::uint16_t kind) const noexcept {
     return chain.controlBlock().descriptor(kind);
@@ -59,7 +60,7 @@ struct RepackJob {
   }
   Moved &movedFrom(const ContentPlace &place) const noexcept { return pMoved[index.number(place)]; }
 
-  // Reads a pointer field of the old chain. REQUIRES: the field lies in its block.
+  // Reads a pointer field of the old chain. REQUIRES: the field is in its block.
   Outcome read(const ContentPlace &segment, std::int16_t offset,
                PointerTarget &target) const noexcept {
     MEM_ASSERT(offset >= 0 && chain.holds(segment, static_cast<std::uint32_t>(offset) + oldWidth));
@@ -78,7 +79,7 @@ struct RepackJob {
   ChainReader &chain;
   const PackControlBlock &callers;
   std::uint32_t oldWidth;   // of the pointers of the old chain
-  PlaceIndex index;         // of what is moved
+  PlaceIndex index;         // of the items to move
   Moved *pMoved = nullptr;  // one for each place of the index
 };
 
@@ -98,8 +99,8 @@ class Pass {
   RepackJob &job_;
 };
 
-// Checks the whole old chain and numbers what will be moved. Segments and texts must not overlap,
-// so that what is copied is never more than there is.
+// Checks the whole old chain and numbers the items to move. Segments and texts must not overlap, so
+// the copies never take more than the chain has.
 class Survey : public Pass {
  public:
   using Pass::Pass;
@@ -107,7 +108,7 @@ class Survey : public Pass {
   Outcome visit(std::uint16_t kind, const ContentPlace &place) noexcept {
     if (Outcome failed = checkKind(kind)) return failed;
     const MemPackDescriptor &file = job_.oldKind(kind);
-    // Wide text is no segment of its own; only the root can be given as one.
+    // Wide text is never a segment; only a root can be described as one.
     if (file.Type == MEM_PACK_WIDE_STRING) return job_.chain.file().badKind(kind);
     std::uint32_t length = 0;
     if (Outcome failed = job_.chain.measureSegment(file, place, length)) return failed;
@@ -118,7 +119,7 @@ class Survey : public Pass {
   Outcome visitText(const TextUse &use) noexcept {
     const MemPackDescriptor &owner = job_.oldKind(use.descriptor);
     if (Outcome failed = checkKind(owner.Children[use.child].Descriptor)) return failed;
-    // Narrow text may be shared. Whether it is text that was there first shows when it is moved.
+    // Narrow text may be shared. The move checks that the item reached first is text.
     if (!use.isWide && job_.index.contains(use.text)) return {};
     std::uint32_t length = 0;
     if (Outcome failed = job_.measureText(use, length)) return failed;
@@ -126,10 +127,10 @@ class Survey : public Pass {
   }
 
  private:
-  // Both control blocks must mean the same by a kind.
+  // Both control blocks must describe the same kind.
   Outcome checkKind(std::uint16_t kind) const noexcept {
     const MemPackDescriptor &file = job_.oldKind(kind);
-    // Kinds beyond the count were not looked at before the walk.
+    // Kinds beyond the count were not checked before the walk.
     if (!job_.chain.controlBlock().hasValidCounts(file)) return job_.chain.file().badKind(kind);
     if (kind >= job_.callers.present()) return badDescriptor(job_.callers.address());
     const MemPackDescriptor &callers = job_.newKind(kind);
@@ -144,7 +145,7 @@ class Survey : public Pass {
   }
 };
 
-// The new chain, returned to the host unless it is released to the caller.
+// The new chain. Freed unless it is released to the caller.
 class NewChain {
  public:
   NewChain() noexcept : blocks_(MEM_UNPACK_BLOCK_LEN) {}
@@ -180,7 +181,7 @@ class NewChain {
   MemPackBlock *pFirst_ = nullptr;
 };
 
-// Copies every segment and text and remembers where it went. Links the texts.
+// Copies every segment and text and records its new place. Links the texts.
 class Mover : public Pass {
  public:
   Mover(RepackJob &job, ChainBuilder &blocks) noexcept
@@ -198,7 +199,7 @@ class Mover : public Pass {
   TextConverter text_;
 };
 
-// A segment that tells its own length keeps all that lies behind its last pointer field.
+// A segment that contains its own length keeps all bytes after its last pointer field.
 std::int64_t Mover::newLength(const MemPackDescriptor &file, const MemPackDescriptor &callers,
                               std::uint32_t oldLength) const noexcept {
   if (file.Type == MEM_PACK_FIXED) return callers.FixedLen;
@@ -252,7 +253,7 @@ Outcome Mover::visitText(const TextUse &use) noexcept {
 Outcome Mover::copyText(const TextUse &use, Moved &moved) noexcept {
   std::uint32_t length = 0;
   if (Outcome failed = job_.measureText(use, length)) return failed;
-  // Wide text of 2-byte writers keeps the double room that the packer gives it.
+  // Wide text of 2-byte writers keeps the double room that the packer reserves.
   const bool isDoubled = use.isWide && job_.chain.wideSize() == sizeof(char16_t);
   PlacedItem item;
   const Placement placement =
@@ -264,8 +265,8 @@ Outcome Mover::copyText(const TextUse &use, Moved &moved) noexcept {
   return use.isWide ? text_.convert(item.pBytes, length) : Outcome{};
 }
 
-// Texts for a pointer that leads where nothing was moved from: to a block of which nothing was
-// moved, or to another offset of one. Each kind of pointer has its own.
+// Error texts for a pointer to a place that was not moved: in a block from which nothing was moved,
+// or at another offset. Each kind of pointer has its own texts.
 struct MissingTexts {
   const char *pBlock;
   const char *pOffset;
@@ -290,7 +291,7 @@ Outcome linkField(const RepackJob &job, const Moved &moved, std::int16_t oldOffs
   return {};
 }
 
-// Links the pointers of a copied segment that lead to segments.
+// Links the pointers to segments in a copied segment.
 Outcome link(const RepackJob &job, const Moved &moved) noexcept {
   const MemPackDescriptor &file = job.oldKind(moved.descriptor);
   const MemPackDescriptor &callers = job.newKind(moved.descriptor);
@@ -325,8 +326,8 @@ Outcome linkAll(const RepackJob &job, std::uint32_t count) noexcept {
   return {};
 }
 
-// The writer's pointer width, told from where the two control blocks have the root's first two
-// child pointers.
+// The writer's pointer width, derived from the offsets of the root's first two child pointers in
+// the two control blocks.
 std::uint32_t writersPointerWidth(const PackControlBlock &file,
                                   const PackControlBlock &callers) noexcept {
   if (rootChildOffset(file, 0) < rootChildOffset(callers, 0)) return 4;

@@ -1,4 +1,4 @@
-// The ways of unpacking a chain, and the choice between them.
+// The ways to unpack a chain, and the choice between them.
 #pragma once
 
 #include "frame/callframe.h"
@@ -8,27 +8,27 @@
 
 namespace memlib {
 
-// Unpacks the chain at `pFirst`, in place or into a new chain, which `pFirst` is set to then. All
-// work storage is back when it returns. `pFirst` and `pRoot` are written on success only.
+// Unpacks the chain at `pFirst`, in place or into a new chain, to which `pFirst` is then set. All
+// work storage is freed before it returns. `pFirst` and `pRoot` are written on success only.
 Outcome unpackChain(CallFrame &frame, const PackControlBlock &callers, MemPackBlock *&pFirst,
                     void *&pRoot) noexcept;
 
 // In place: the blocks themselves become the structure. Replaces every relative pointer that is
-// reached from `root` by the real address and turns wide text into native UTF-16. A current control
-// block of the other byte order is swapped. Each segment and each pointer field is touched once. A
-// failure leaves the blocks partly converted.
+// reached from `root` by the real address and converts wide text to native UTF-16. A control block
+// of the current layout and the other byte order is swapped. Each segment and each pointer field is
+// processed once. A failure leaves the blocks partly converted.
 Outcome unpackInPlace(ChainReader &chain, const ContentPlace &root) noexcept;
 
-// The same for a chain whose segments and texts are in the order in which writers place them: there
-// the checks need no record of what has been reached, since what comes next is behind it. Returns
-// false, with nothing changed but the chain's scratch, where that does not hold or something is
-// wrong.
+// The same for a chain whose segments and texts are in the order in which writers place them. There
+// the checks need no record of what has been reached, because each item comes after all earlier
+// ones. If the order differs or the chain is invalid, returns false and changes only the chain's
+// scratch storage.
 bool unpackInOrder(const ChainReader &chain, const ContentPlace &root) noexcept;
 
-// Incompatibility mode: a chain whose writer had another pointer width becomes a new chain laid out
-// by the caller's control block, with real addresses in its pointer fields. The old one is only
-// read. On success stores the new chain and the root's address; on failure everything obtained has
-// been returned. Traces the direction under `frame`.
+// Incompatibility mode: copies a chain whose writer had another pointer width into a new chain with
+// the layout of the caller's control block and real addresses in its pointer fields. The old one is
+// only read. On success stores the new chain and the root's address; on failure frees all that it
+// allocated. Traces the direction under `frame`.
 Outcome repack(CallFrame &frame, ChainReader &chain, const ContentPlace &root,
                const PackControlBlock &callers, MemPackBlock *&pNewFirst, void *&pNewRoot) noexcept;
 

@@ -1,6 +1,5 @@
-// Storage that one call needs for itself: obtained through the vector from subpool 0, returned on
-// every path. Returning it happens before a failure is recorded, since nested calls clear the error
-// area.
+// Storage for the time of one call: allocated through the vector from subpool 0 and freed on every
+// path. It is freed before a failure is recorded, because nested calls clear the error area.
 #pragma once
 
 #include <cstdint>
@@ -20,14 +19,15 @@ class WorkStorage {
   WorkStorage(const WorkStorage &) = delete;
   WorkStorage &operator=(const WorkStorage &) = delete;
 
-  // Obtains `size` zero bytes. REQUIRES: nothing obtained yet. False when there is no storage.
+  // Allocates `size` zero bytes. False when there is no storage. REQUIRES: nothing is allocated
+  // yet.
   bool obtain(std::uint32_t size) noexcept {
     if (!obtainUnset(size)) return false;
     std::memset(pArea_, 0, size);
     return true;
   }
 
-  // The same with bytes of any value.
+  // The same without clearing the bytes.
   bool obtainUnset(std::uint32_t size) noexcept {
     MEM_ASSERT(!exists());
     pArea_ = functionVector().MEM_Alloc(size, 0);

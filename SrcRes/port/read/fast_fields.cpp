@@ -7,11 +7,11 @@ namespace memlib {
 
 namespace {
 
-// What may be looked at of a field without a further look at the end: an identifier, the value's
-// opening, a sign, and a word that begins with digits.
+// Characters of a field that may be read after a single check for the end: an identifier, the
+// value's opening, a sign, and a word that begins with digits.
 constexpr std::ptrdiff_t kFieldStartLen = 10 + 1 + 1 + static_cast<std::ptrdiff_t>(kTextWordLen);
 
-// Behind the field's identifier; null when anything else is at `p`.
+// The address after the field's identifier; null when other text is at `p`.
 const char *behindIdentifier(const char *p, std::uint32_t fieldID) noexcept {
   for (; fieldID >= 10; fieldID /= 10) {
     if (*p++ != static_cast<char>('0' + fieldID % 10)) return nullptr;
@@ -20,7 +20,8 @@ const char *behindIdentifier(const char *p, std::uint32_t fieldID) noexcept {
   return p;
 }
 
-// The readers of values move `p` behind what they read. They answer as the way itself.
+// The readers of values move `p` to the address after the value. They return the same results as
+// readFieldsFast().
 
 FastFields readNumber(const char *&p, const char *pEnd, const FieldType &type,
                       std::byte *pField) noexcept {
@@ -43,8 +44,8 @@ FastFields readPointer(PortScanner &scanner, StructIndex &index, const char *&p,
   return FastFields::failed;
 }
 
-// Copies a string's text if it lies in one piece and stands for itself, and moves behind its
-// closing quote. False, with nothing read, for any other.
+// Copies a string's text if it is contiguous and plain, and moves after its closing quote. False,
+// with nothing read, for any other text.
 bool copyString(PortScanner &scanner, std::size_t length, std::byte *pText) noexcept {
   const char *const pFrom = scanner.at();
   const auto ahead = static_cast<std::size_t>(scanner.end() - pFrom);
@@ -72,7 +73,7 @@ FastFields readString(PortScanner &scanner, const char *&p, std::byte *pField) n
   return FastFields::some;
 }
 
-// Reads a value from its opening on.
+// Reads a value, including its opening.
 FastFields readValue(PortScanner &scanner, StructIndex &index, const StructText &text,
                      const MEMFieldDef &field, std::int64_t offset, const char *&p) noexcept {
   const FieldType &type = fieldType(field.Type);
@@ -94,15 +95,15 @@ FastFields readValue(PortScanner &scanner, StructIndex &index, const StructText 
 
 }  // namespace
 
-// The position in the text is kept in a local variable: a store into a structure could alias the
-// scanner's own, so the compiler would load that again after each store.
+// The position in the text is kept in a local variable. A store into a structure could alias the
+// scanner's position, so the compiler would reload it after each store.
 FastFields readFieldsFast(PortScanner &scanner, StructIndex &index, StructText &text) noexcept {
   const char *p = scanner.at();
   if (!text.isExpectedFirst || scanner.end() - p < kFieldStartLen) return FastFields::none;
   const MEMFieldDef *const pFirst = &text.pDef->Fields[text.expected];
   const MEMFieldDef *const pLast = &text.pDef->Fields[text.fields - 1];
   const MEMFieldDef *pField = pFirst;
-  const char *pBehind = nullptr;  // the last field that was read
+  const char *pBehind = nullptr;  // after the last field read
   bool isNextFirst = true;
   for (;; ++p) {
     p = behindIdentifier(p, pField->FieldID);

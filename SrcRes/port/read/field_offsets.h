@@ -1,4 +1,4 @@
-// The offsets at which fields were present, for the question whether an absent field has an
+// The offsets of the fields that are present, to find out whether an absent field has an
 // alternative: another field at its offset.
 #pragma once
 
@@ -11,7 +11,7 @@
 
 namespace memlib {
 
-// A hash table by open addressing with at least two places a field, filled when it is asked first.
+// A hash table with open addressing and at least two places for each field, filled on first use.
 class PresentOffsets {
  public:
   // REQUIRES: 1 to MEM_PORT_MAX_FIELDS fields.
@@ -40,9 +40,9 @@ class PresentOffsets {
     isFilled_ = true;
   }
 
-  // Where a field of the offset is, or else the free place for one. There always is one.
+  // The place of a field with the offset, or else the free place for it. One always exists.
   std::uint16_t &placeOf(std::int32_t offset) noexcept {
-    constexpr std::uint32_t kSpread = 0x9E3779B1;  // offsets are mostly multiples of 4 or 8
+    constexpr std::uint32_t kSpread = 0x9E3779B1;  // for offsets that are multiples of 4 or 8
     std::uint32_t place = static_cast<std::uint32_t>(offset) * kSpread >> shift_;
     while (places_[place] != 0 && pFields_[places_[place] - 1].Offset != offset) {
       place = (place + 1) & mask_;
@@ -56,7 +56,7 @@ class PresentOffsets {
   bool isFilled_ = false;
   std::uint32_t shift_ = 0;
   std::uint32_t mask_ = 0;
-  std::uint16_t places_[kMostPlaces];  // index of a field and 1; 0 for none
+  std::uint16_t places_[kMostPlaces];  // index of a field plus 1; 0 for none
 };
 
 }  // namespace memlib

@@ -30,10 +30,10 @@ constexpr char kMissingWideQuote[] = "Missing  at the start of a string field!";
 constexpr char kNotANumber[] = "Not a numeric field!";
 constexpr char kNotAString[] = "Not a pointer to string field!";
 
-// What happens to characters beyond the room.
+// How characters that do not fit are handled.
 enum class Excess { dropped, tooLarge, inconsistent };
 
-// Where text goes: `room` units of a field or of a fresh string.
+// The target of text: `room` units of a field or of a new string.
 template <class Unit>
 class TextTarget {
  public:
@@ -42,13 +42,14 @@ class TextTarget {
 
   std::size_t stored() const noexcept { return stored_; }
 
-  // Characters of `count` that may be read before one is found to be too many, that one included.
+  // How many of `count` characters may be read, up to and including the first one that does not
+  // fit.
   std::size_t readable(std::size_t count) const noexcept {
     const std::size_t left = room_ - stored_;
     return excess_ == Excess::dropped || count <= left ? count : left + 1;
   }
 
-  // Stores what fits. False when there is an excess that must not be.
+  // Stores the characters that fit. False when there are more and that is an error.
   bool put(std::string_view text) noexcept {
     const std::size_t count = std::min(text.size(), room_ - stored_);
     if constexpr (sizeof(Unit) == 1) {
@@ -68,7 +69,7 @@ class TextTarget {
   void padWithBlanks() noexcept {
     while (stored_ < room_) putUnit(Unit{0x20});
   }
-  // REQUIRES: there is one unit more than the room.
+  // REQUIRES: one unit after the room.
   void terminate() noexcept { storeAs(pText_ + stored_ * sizeof(Unit), Unit{0}); }
 
   bool report(PortScanner &scanner, const MessagePoint &point) const noexcept {
@@ -84,7 +85,8 @@ class TextTarget {
   std::size_t stored_ = 0;
 };
 
-// Text behind its opening quote, up to the closing one. `readEscaped` reads the unit behind a "/".
+// Reads text after its opening quote, up to the closing one. `readEscaped` reads the unit after a
+// "/".
 template <class Unit, class ReadEscaped>
 bool readText(PortScanner &scanner, const MessagePoint &point, char quote, TextTarget<Unit> &target,
               ReadEscaped readEscaped) noexcept {
@@ -104,8 +106,8 @@ bool readText(PortScanner &scanner, const MessagePoint &point, char quote, TextT
   }
 }
 
-// Narrow text, into bytes or widened into units. Behind a "/", "0" is a zero byte and any other
-// character itself.
+// Reads narrow text, into bytes or widened into units. After a "/", "0" means a zero byte and any
+// other character means itself.
 template <class Unit>
 bool readQuoted(PortScanner &scanner, const MessagePoint &point,
                 TextTarget<Unit> &target) noexcept {
@@ -117,7 +119,8 @@ bool readQuoted(PortScanner &scanner, const MessagePoint &point,
   });
 }
 
-// The unit behind a "/": n characters of 6 bits each after a digit n, else the character itself.
+// Reads the unit after a "/": a digit n is followed by n characters of 6 bits each; any other
+// character means itself.
 bool readEscapedUnit(PortScanner &scanner, char16_t &unit) noexcept {
   char c = 0;
   if (!scanner.get(c)) return false;
@@ -148,7 +151,7 @@ TextTarget<Unit> fieldTarget(const MEMFieldDef &field, std::byte *pField,
           field.NoTruncate != 0 ? Excess::tooLarge : Excess::dropped};
 }
 
-// How the text of a field is read: the narrow or the wide form.
+// Reads the text of a field, in the narrow or the wide form.
 template <class Unit>
 using ReadText = bool(PortScanner &, const MessagePoint &, TextTarget<Unit> &) noexcept;
 
@@ -166,13 +169,13 @@ bool readTerminated(PortScanner &scanner, const MessagePoint &point, const MEMFi
                     std::byte *pField) noexcept {
   auto target = fieldTarget<Unit>(field, pField, 1);
   if (!kRead(scanner, point, target)) return false;
-  // A field without room for one unit is left as it is.
+  // A field without room for one unit is not changed.
   if (field.Length >= static_cast<std::int32_t>(sizeof(Unit))) target.terminate();
   return true;
 }
 
-// A string of `units`, which cannot be longer than the input, in the caller's heap; its address is
-// stored in the field. Null, reported, on failure.
+// Allocates a string of `units` in the caller's heap and stores its address in the field. It cannot
+// be longer than the input. Null, reported, on failure.
 template <class Unit>
 std::byte *allocateText(PortScanner &scanner, const MessagePoint &point, std::uint64_t units,
                         std::byte *pField) noexcept {
@@ -189,7 +192,7 @@ std::byte *allocateText(PortScanner &scanner, const MessagePoint &point, std::ui
   return static_cast<std::byte *>(pText);
 }
 
-// A fresh string's text, which must have exactly its length.
+// Reads the text of a new string, which must have exactly its length.
 template <class Unit, ReadText<Unit> *kRead>
 bool fillText(PortScanner &scanner, const MessagePoint &point, std::uint64_t units,
               std::byte *pText) noexcept {
@@ -200,7 +203,7 @@ bool fillText(PortScanner &scanner, const MessagePoint &point, std::uint64_t uni
   return true;
 }
 
-// A string of `units` behind its opening quote.
+// Reads a string of `units` after its opening quote.
 template <class Unit, ReadText<Unit> *kRead>
 bool readString(PortScanner &scanner, const MessagePoint &point, std::uint64_t units,
                 std::byte *pField) noexcept {
@@ -208,7 +211,7 @@ bool readString(PortScanner &scanner, const MessagePoint &point, std::uint64_t u
   return pText != nullptr && fillText<Unit, kRead>(scanner, point, units, pText);
 }
 
-// Makes the pointer null when no string follows, which `isNull` tells then.
+// Stores null in the pointer field and sets `isNull` when no string follows.
 bool readNull(PortScanner &scanner, std::byte *pField, bool &isNull) noexcept {
   const std::string_view text = scanner.run();
   if (text.empty()) return false;
@@ -266,7 +269,7 @@ bool readBin(PortScanner &scanner, const MessagePoint &point, const MEMFieldDef 
   }
 }
 
-// What wraps in 64 bits is right in fewer, too.
+// A value that wraps in 64 bits is right in fewer bits, too.
 bool readNumber(PortScanner &scanner, const MessagePoint &, const MEMFieldDef &field,
                 std::byte *pField) noexcept {
   const FieldType &type = fieldType(field.Type);
@@ -309,10 +312,10 @@ constexpr bool kUnsigned = false;
 
 }  // namespace
 
-// In the order of MEMFieldType. Each row says all its values: compilers have left out defaults of
-// elements of such tables.
+// In the order of MEMFieldType. Each row gives all its values, because compilers have dropped
+// default member initialisers in such tables.
 constexpr FieldType kFieldTypes[] = {
-    {kNone, kNone, kAsDefined, kUnsigned, {nullptr, 0}, nullptr},  // of no type
+    {kNone, kNone, kAsDefined, kUnsigned, {nullptr, 0}, nullptr},  // no type
     {{'"', readChar}, kNone, kAsDefined, kUnsigned, kPointChar, kMissingPaddedQuote},
     {{'"', readCharSZ}, kNone, kAsDefined, kUnsigned, kPointCharSZ, kMissingQuote},
     {{kStringOpening, readPStr}, kNone, 8, kUnsigned, kPointPStr, kNotAString},

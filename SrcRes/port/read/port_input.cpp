@@ -13,7 +13,7 @@ std::string_view textOf(const MEMPortChunk &chunk) noexcept {
           chunk.Used > 0 ? static_cast<std::size_t>(chunk.Used) : std::size_t{0}};
 }
 
-// The last `room` characters, or the first ones.
+// The last `room` characters; head() returns the first ones.
 std::string_view tail(std::string_view text, std::size_t room) noexcept {
   return behind(text, text.size() - std::min(room, text.size()));
 }
@@ -29,7 +29,7 @@ void join(char *pTo, std::string_view first, std::string_view second) noexcept {
 
 }  // namespace
 
-// On to the next chunk that holds anything. At the end everything stays as it is.
+// Moves to the next chunk that is not empty. Changes nothing at the end.
 bool PortInput::step() noexcept {
   const MEMPortChunk *pBefore = pCurrent_;
   const MEMPortChunk *pChunk = pCurrent_ == nullptr ? pFirst_ : pCurrent_->pNext;

@@ -1,5 +1,5 @@
-// The port string being read: a chain of chunks or one block of characters. Reading goes on from
-// chunk to chunk; only within the current chunk can a character be pushed back.
+// The port string being read: a chain of chunks or one block of characters. Reading continues from
+// chunk to chunk; a character can be pushed back only within the current chunk.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace memlib {
 
 class PortInput {
  public:
-  // Nothing is read here: construction is safe outside the fault guard.
+  // Reads nothing, so construction is safe outside the fault guard.
   explicit PortInput(const MEMPortChunk *pFirst) noexcept : pFirst_(pFirst) {}
   PortInput(const char *pText, std::uint32_t length) noexcept
       : pStart_(pText), pNext_(pText), pEnd_(pText + length) {}
@@ -25,7 +25,7 @@ class PortInput {
     return true;
   }
 
-  // What is left of the current chunk, or of the next one that holds anything; empty at the end.
+  // The unread rest of the current chunk, or of the next chunk that is not empty; empty at the end.
   std::string_view rest() noexcept {
     if (pNext_ == pEnd_) step();
     return unread();
@@ -36,14 +36,14 @@ class PortInput {
     pNext_ += count;
   }
 
-  // What is left of the current chunk, which may be nothing.
+  // The unread rest of the current chunk, which may be empty.
   std::string_view unread() const noexcept {
     return {pNext_, static_cast<std::size_t>(pEnd_ - pNext_)};
   }
-  // The same as two places.
+  // The begin and the end of the same.
   const char *at() const noexcept { return pNext_; }
   const char *end() const noexcept { return pEnd_; }
-  // Reading goes on there. REQUIRES: a place from at() to end().
+  // Continues reading at `pNext`. REQUIRES: a place from at() to end().
   void moveTo(const char *pNext) noexcept {
     MEM_ASSERT(pNext >= pNext_ && pNext <= pEnd_);
     pNext_ = pNext;
@@ -56,10 +56,10 @@ class PortInput {
     return true;
   }
 
-  // Characters of the whole input.
+  // Number of characters of the whole input.
   std::uint64_t length() const noexcept;
 
-  // Position and surroundings, for messages.
+  // Position and surrounding text, for messages.
   Excerpts excerpts() const noexcept;
 
  private:
@@ -70,9 +70,9 @@ class PortInput {
 
   const MEMPortChunk *pFirst_ = nullptr;    // null for one block of characters
   const MEMPortChunk *pCurrent_ = nullptr;  // null before the first chunk, too
-  const MEMPortChunk *pBefore_ = nullptr;   // in front of the current one; may hold nothing
+  const MEMPortChunk *pBefore_ = nullptr;   // the one before it; may be empty
 
-  // The current chunk's characters and the next one to be read.
+  // The current chunk's characters and the next one to read.
   const char *pStart_ = nullptr;
   const char *pNext_ = nullptr;
   const char *pEnd_ = nullptr;

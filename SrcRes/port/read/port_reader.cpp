@@ -12,7 +12,7 @@ namespace memlib {
 
 namespace {
 
-// Place of the structure count in the header.
+// Offset of the structure count in the header.
 constexpr std::size_t kCountOff = 12;
 constexpr std::size_t kCountLen = 10;
 
@@ -53,7 +53,7 @@ std::int32_t findField(const StructText &text, std::uint32_t fieldID) noexcept {
   return -1;
 }
 
-// True for a field that a text must not leave out.
+// True for a field that must be present in a text.
 bool isDemanded(const MEMFieldDef &field) noexcept {
   return field.Required != 0 && field.NotPorted == 0;
 }
@@ -86,13 +86,14 @@ bool PortReader::readHeader() noexcept {
   return true;
 }
 
-// One structure text of the top level: allocated, announced to the fields that wait for it, filled.
+// Reads one structure text of the top level: allocates the structure, links the fields that wait
+// for it, and fills it.
 bool PortReader::readTop(std::uint32_t index) noexcept {
   StructText text;
   return readHead(text) && allocateTop(index, text) && readBody(text);
 }
 
-// A structure text inside another one, read in place.
+// Reads an embedded structure text in place.
 bool PortReader::readEmbedded(const MEMFieldDef &field, const StructBytes &bytes,
                               int nesting) noexcept {
   StructText text;
@@ -112,7 +113,7 @@ bool PortReader::readEmbedded(const MEMFieldDef &field, const StructBytes &bytes
   return readBody(text);
 }
 
-// "(", the identifier, an element count and "<".
+// Reads "(", the identifier, an element count and "<".
 bool PortReader::readHead(StructText &text) noexcept {
   if (!scanner_.expect('(', kPointOpen, "Cannot find ( beginning a structure!")) return false;
   std::uint32_t structID = 0;
@@ -152,7 +153,7 @@ bool PortReader::allocateTop(std::uint32_t index, StructText &text) noexcept {
   return true;
 }
 
-// Field texts up to ">", then ")", then what the text left out.
+// Reads field texts up to ">", then ")", then completes the absent fields.
 bool PortReader::readBody(StructText &text) noexcept {
   if (text.fields > MEM_PORT_MAX_FIELDS) {
     return scanner_.fail(kPointFieldCount, "Maximum no. of fields exceeded!");
@@ -182,8 +183,8 @@ bool PortReader::readFields(StructText &text) noexcept {
   }
 }
 
-// First field with the identifier, or -1. Texts mostly name fields in the order of the definition,
-// so the search begins at the expected one and goes on as long as identifiers ascend.
+// First field with the identifier, or -1. Texts usually name fields in the order of the definition,
+// so the search begins at the expected one and continues while identifiers ascend.
 std::int32_t PortReader::indexOf(StructText &text, std::uint32_t fieldID) noexcept {
   const MEMFieldDef *const pFields = text.pDef->Fields;
   if (text.isExpectedFirst) {
@@ -198,8 +199,8 @@ std::int32_t PortReader::indexOf(StructText &text, std::uint32_t fieldID) noexce
   return found;
 }
 
-// Notes that a field is present. Returns its offset: elements of the last field land one behind the
-// other.
+// Marks a field as present and returns its offset. Each element of the last field is stored after
+// the previous one.
 std::int64_t PortReader::startField(StructText &text, std::int32_t fieldIndex) noexcept {
   const MEMFieldDef *const pField = &text.pDef->Fields[fieldIndex];
   text.seen.add(fieldIndex);
@@ -237,7 +238,7 @@ bool PortReader::readField(const StructText &text, const MEMFieldDef &field,
   return readValue(text, field, offset) || failConversion();
 }
 
-// Whatever the definition says, only bytes of the structure's own entry are written.
+// Writes only bytes of the structure's own entry, even if the definition is wrong.
 bool PortReader::readValue(const StructText &text, const MEMFieldDef &field,
                            std::int64_t offset) noexcept {
   const StructBytes &bytes = text.bytes;
@@ -251,15 +252,15 @@ bool PortReader::readValue(const StructText &text, const MEMFieldDef &field,
   return field.Type == MEM_PORT_PNT ? readPointer(pField) : readFieldValue(scanner_, field, pField);
 }
 
-// "S" and the number of a structure.
+// Reads "S" and the number of a structure.
 bool PortReader::readPointer(std::byte *pField) noexcept {
   std::uint32_t number = 0;
   return readOpening(scanner_, fieldType(MEM_PORT_PNT)) && scanner_.number(number) &&
          index_.link(number, pField);
 }
 
-// An unknown field. Above the last one known, the text is newer than the definition and the rest of
-// its fields are dropped; otherwise it is an error.
+// Handles an unknown field. If its identifier is above the last known one, the text is newer than
+// the definition and the rest of its fields are skipped; otherwise it is an error.
 bool PortReader::skipNewer(const StructText &text, std::uint32_t fieldID) noexcept {
   const MEMStructDef &def = *text.pDef;
   const std::uint32_t lastID = text.fields == 0 ? 0 : def.Fields[text.fields - 1].FieldID;
@@ -269,7 +270,7 @@ bool PortReader::skipNewer(const StructText &text, std::uint32_t fieldID) noexce
   return skipRest();
 }
 
-// Up to the ">" that ends the structure text. Only double-quoted text is recognised.
+// Skips up to the ">" that ends the structure text. Recognises only double-quoted text.
 bool PortReader::skipRest() noexcept {
   std::uint64_t depth = 0;
   for (char c = 0; scanner_.get(c);) {
@@ -294,7 +295,7 @@ bool PortReader::skipQuoted() noexcept {
   return false;
 }
 
-// Defaults for what the text left out. A field that must be there may have an alternative.
+// Stores the defaults of absent fields. A required field may have an alternative instead.
 bool PortReader::completeAbsent(const StructText &text) noexcept {
   const MEMFieldDef *const pFields = text.pDef->Fields;
   const std::int32_t count = text.fields;

@@ -1,5 +1,5 @@
-// Reader of port strings: structures are allocated from the caller's heap as their texts come, and
-// pointer fields are linked to them, or wait for them.
+// Reader of port strings: allocates structures from the caller's heap as their texts come, and
+// links pointer fields to them, or lets the fields wait for them.
 #pragma once
 
 #include <cstdint>
@@ -54,7 +54,7 @@ class PortReader {
   PortScanner scanner_;
 
   StructIndex index_;
-  std::uint32_t count_ = 0;  // structures that the header promises
+  std::uint32_t count_ = 0;  // structures according to the header
 };
 
 }  // namespace memlib

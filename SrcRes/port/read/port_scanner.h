@@ -1,4 +1,4 @@
-// What the structure reader and the field readers share: the primitives over the input, each with
+// Shared by the structure reader and the field readers: the primitives to read the input, each with
 // its message, and the caller's heap.
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace memlib {
 
-// What ends a field's text: its separator or the end of the fields.
+// True for the characters that end a field's text: the separator or the end of the fields.
 constexpr bool isFieldEnd(char c) noexcept {
   return c == '/' || c == '>';
 }
@@ -26,15 +26,15 @@ class PortScanner {
   bool get(char &c) noexcept { return input_.next(c) || failAtEnd(); }
   // Steps back one character. False, reported, at the start of the current chunk.
   bool unget() noexcept;
-  // Reads a character that must be `expected`. When it is another one, reports `pMessage`.
+  // Reads a character that must be `expected`. Reports `pMessage` for any other character.
   bool expect(char expected, const MessagePoint &point, const char *pMessage) noexcept {
     char c = 0;
     if (!get(c)) return false;
     return c == expected || fail(point, pMessage);
   }
 
-  // Reversed digits, as many as there are; none is 0. Excess digits wrap in the type. Mostly there
-  // are few of them and more text behind.
+  // Reads any number of reversed digits; none give 0. Excess digits wrap in the type. Optimised for
+  // few digits with more text after them.
   template <class Number>
   bool number(Number &value) noexcept {
     if (end() - at() >= static_cast<std::ptrdiff_t>(kTextWordLen)) {
@@ -50,7 +50,7 @@ class PortScanner {
     return wide.has_value();
   }
 
-  // Unread characters that lie together; empty, reported, at the end of the input.
+  // The next contiguous unread characters; empty, reported, at the end of the input.
   std::string_view run() noexcept {
     const std::string_view text = input_.rest();
     if (text.empty()) failAtEnd();
@@ -58,19 +58,19 @@ class PortScanner {
   }
   void skip(std::size_t count) noexcept { input_.skip(count); }
 
-  // Where the unread characters of the current chunk, maybe none, begin and end. Who looks at many
-  // of them keeps the place in a variable of its own and moves there before anything else reads.
+  // Begin and end of the unread characters of the current chunk, which may be none. To read many of
+  // them, keep the position in a local variable and call moveTo() before any other function reads.
   const char *at() const noexcept { return input_.at(); }
   const char *end() const noexcept { return input_.end(); }
   void moveTo(const char *pNext) noexcept { input_.moveTo(pNext); }
 
-  // Characters of the whole input, counted once.
+  // Number of characters of the whole input, counted once.
   std::uint64_t inputLength() noexcept;
 
   // The caller's heap.
   HMEMHEAP heap() const noexcept { return hMemHeap_; }
 
-  // An entry of the caller's heap, or null with the heap's error standing.
+  // An entry of the caller's heap, or null with the heap's error recorded.
   void *allocate(std::int64_t length) noexcept;
 
   // Reports a message; always false.

@@ -37,7 +37,7 @@ void *StructIndex::allocate(std::int64_t length) noexcept {
   return status == 0 ? pEntry : nullptr;
 }
 
-// The field holds the address of the next waiting one, the table entry its own.
+// Stores the address of the next waiting field in the field, and the field's address in the table.
 bool StructIndex::wait(std::uint32_t index, std::byte *pField) noexcept {
   if (index >= count_) return false;
   auto *pNode = static_cast<WaitingField *>(allocate(sizeof(WaitingField)));

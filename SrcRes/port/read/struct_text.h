@@ -1,5 +1,5 @@
-// One structure text while it is read: the definition, the bytes that are read into, and which
-// fields came so far.
+// One structure text while it is read: the definition, the target bytes, and the fields that were
+// present so far.
 #pragma once
 
 #include <cstdint>
@@ -9,23 +9,23 @@
 
 namespace memlib {
 
-// What a structure text is read into: bytes of one entry of the caller's heap. An embedded
-// structure lies within the entry of the structure around it.
+// The target of a structure text: bytes of one entry of the caller's heap. An embedded structure is
+// in the entry of the structure that contains it.
 struct StructBytes {
   std::byte *pEntry;
   std::int64_t entryLen;
   std::int64_t offset;  // of the structure in the entry
 
   std::byte *at(std::int64_t structOffset) const noexcept { return pEntry + offset + structOffset; }
-  // True when `length` bytes at an offset of the structure lie in the entry.
+  // True when `length` bytes at an offset of the structure are within the entry.
   bool holds(std::int64_t structOffset, std::int64_t length) const noexcept {
     const std::int64_t start = offset + structOffset;
     return start >= 0 && length >= 0 && start <= entryLen - length;
   }
 };
 
-// Which fields of a definition were present. Mostly they come one by one from the first to the
-// last, so those at the front are counted and the others, if there are any, marked.
+// Which fields of a definition were present. Texts usually have all fields in order, so the present
+// fields at the front are counted and only the others are marked.
 class SeenFields {
  public:
   SeenFields() noexcept {}  // bits_ is cleared when it is needed
@@ -37,7 +37,7 @@ class SeenFields {
       mark(i);
     }
   }
-  // Fields from `first` up to the one before `behind`.
+  // The fields from `first` up to, but not including, `behind`.
   void addRange(std::int32_t first, std::int32_t behind) noexcept {
     if (first == front_) {
       front_ = behind;
@@ -48,7 +48,7 @@ class SeenFields {
   bool has(std::int32_t i) const noexcept {
     return i < front_ || (hasBits_ && (bits_[i / 64] >> (i % 64) & 1) != 0);
   }
-  // True when all of the first `count` are known to have been present without a look at each.
+  // True when the count alone shows that the first `count` fields were all present.
   bool hasFront(std::int32_t count) const noexcept { return front_ >= count; }
 
  private:
@@ -60,7 +60,7 @@ class SeenFields {
 
   std::int32_t front_ = 0;  // all fields below were present
   bool hasBits_ = false;
-  std::uint64_t bits_[MEM_PORT_MAX_FIELDS / 64];  // fields that came out of turn
+  std::uint64_t bits_[MEM_PORT_MAX_FIELDS / 64];  // fields that came out of order
 };
 
 struct StructText {
@@ -71,7 +71,7 @@ struct StructText {
   StructBytes bytes;
   std::int64_t lastCount = 0;    // occurrences of the last field so far
   std::int32_t expected = 0;     // index of the field that comes next in an ordered text
-  bool isExpectedFirst = false;  // known: the fields in front of it have lower identifiers
+  bool isExpectedFirst = false;  // the fields before it have lower identifiers
   SeenFields seen;
 };
 

@@ -8,10 +8,10 @@
 
 namespace memlib {
 
-// Characters that putReversed may store, with those behind the end that it returns.
+// Characters that putReversed may store, including those after the end that it returns.
 inline constexpr std::size_t kMostStoredDigits = 24;
 
-// Three digits of a number below 1000, and how many of them the number has by itself.
+// Three digits of a number below 1000, and how many of them the number needs.
 struct ThreeDigits {
   char text[3];
   std::uint8_t length;

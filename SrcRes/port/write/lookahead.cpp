@@ -11,30 +11,30 @@ namespace memlib {
 
 namespace {
 
-// How far ahead of their turn structures are asked for, beyond those whose texts are: they must
-// have arrived by then.
+// How many structures ahead of those whose texts are prefetched the structures themselves are
+// prefetched: their data must have arrived by then.
 constexpr int kStructuresAhead = 3;
 
-// What comes later in the queue, or null.
+// The reference `count` places later in the queue, or null.
 const MEMPortRef *behind(const MEMPortRef *pRef, int count) noexcept {
   for (; pRef != nullptr && count > 0; --count) pRef = pRef->pNext;
   return pRef;
 }
 
-// Asking for null is as slow as for an address that is not there.
+// Prefetching null is as slow as any unmapped address.
 const void *orElse(const void *pWanted, const void *pOther) noexcept {
   return pWanted != nullptr ? pWanted : pOther;
 }
 
-// Keeps the order of what is stored and read, as a fault handler of the same thread sees it.
+// Keeps the order of stores and loads as a fault handler of the same thread sees it.
 void keepOrder() noexcept {
   std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
 }  // namespace
 
-// Each structure is asked for, then what it points to, then the registry's entries of that, always
-// a few structures later.
+// Prefetches each structure, then what it points to, then the registry's entries of these, each a
+// few structures later.
 void PortLookahead::ask(const MEMPortRef &ref) noexcept {
   const MEMPortRef *pNear = ref.pNext;
   const MEMPortRef *pMiddle = behind(pNear, 1);
@@ -49,7 +49,7 @@ void PortLookahead::ask(const MEMPortRef &ref) noexcept {
   isAsking_ = false;
 }
 
-// The texts of a structure, and the places of its pointers in the registry's index.
+// Prefetches the texts of a structure, and the places of its pointers in the registry's index.
 void PortLookahead::askForTexts(const MEMPortRef &ref, const KeyLookahead *pIndex) const noexcept {
   const StructPlan *pPlan = plans_.find(ref.StructID);
   if (pPlan == nullptr) return;
@@ -62,7 +62,7 @@ void PortLookahead::askForTexts(const MEMPortRef &ref, const KeyLookahead *pInde
       pIndex->wantSlot(pField);
     }
   }
-  keepOrder();  // compilers drop calls of functions that only ask
+  keepOrder();  // compilers drop calls of functions that only prefetch
 }
 
 void PortLookahead::askForEntries(const MEMPortRef &ref, const KeyLookahead &index) const noexcept {

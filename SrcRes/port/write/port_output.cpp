@@ -45,7 +45,7 @@ bool PortOutput::start(HMEMHEAP hMemHeap, std::int32_t capacity) noexcept {
 void PortOutput::begin(MEMPortChunk *pChunk) noexcept {
   pCurrent_ = pChunk;
   pNext_ = pChunk->Text;
-  // The header tells at most 2^32 - 1 characters.
+  // The header can hold at most 2^32 - 1 characters.
   pEnd_ = pNext_ + std::min<std::size_t>(static_cast<std::size_t>(capacity_), UINT32_MAX - total_);
 }
 

@@ -1,5 +1,5 @@
 // The port string under construction: a chain of chunks in the caller's heap, each filled to its
-// capacity before the next is begun.
+// capacity before the next one begins.
 #pragma once
 
 #include <cstddef>
@@ -14,25 +14,25 @@
 
 namespace memlib {
 
-// Appends characters, or lets a caller write them itself: at most room() from next() on, and then
-// advanceTo() what is behind them. What is stored behind the place advanced to is scratch: short
-// texts can be stored as whole words. A chunk's Used is brought up to date when the chunk is full
-// and by noteUsed().
+// Appends characters. A caller may also write them itself: at most room() characters from next()
+// on, then advanceTo() the address after them. Bytes stored after that address are scratch, so
+// short texts can be stored as whole words. A chunk's Used is updated when the chunk is full and by
+// noteUsed().
 class PortOutput {
  public:
-  // Characters that may be stored in excess of those that are appended.
+  // Scratch characters that may be stored after the appended ones.
   static constexpr std::size_t kSpill = 16;
 
-  // Obtains the first chunk. False when there is no storage. REQUIRES: capacity >= 1.
+  // Allocates the first chunk. False when there is no storage. REQUIRES: capacity >= 1.
   bool start(HMEMHEAP hMemHeap, std::int32_t capacity) noexcept;
 
-  // Where the current chunk goes on, and how many characters it takes from there on.
+  // Where the current chunk continues, and the room left in it.
   char *next() const noexcept { return pNext_; }
   std::size_t room() const noexcept { return static_cast<std::size_t>(pEnd_ - pNext_); }
   void advanceTo(char *pNext) noexcept { pNext_ = pNext; }
 
-  // Appends text; false, with what fitted appended, when no further chunk can be obtained or no
-  // header could tell the length.
+  // Appends text. False, with the part that fits appended, when no further chunk can be allocated
+  // or the header could not hold the length.
   bool append(std::string_view text) noexcept {
     if (text.size() > room()) return appendAcross(text);
     std::memcpy(pNext_, text.data(), text.size());
@@ -45,7 +45,7 @@ class PortOutput {
     return true;
   }
 
-  // The first `length` characters of a block, which is stored whole where there is room.
+  // Appends the first `length` characters of a block. Stores the whole block if there is room.
   using Block = char[kSpill];
   bool appendBlock(const Block &block, std::size_t length) noexcept {
     if (room() < kSpill) return appendAcross(std::string_view(block, length));
@@ -54,7 +54,7 @@ class PortOutput {
     return true;
   }
 
-  // A number, least significant digit first; 0 writes nothing.
+  // Appends a number, least significant digit first; 0 appends nothing.
   bool appendReversed(std::uint64_t value) noexcept {
     if (room() < kMostStoredDigits) return appendReversedAcross(false, value);
     pNext_ = putReversed(pNext_, value);
@@ -62,8 +62,8 @@ class PortOutput {
   }
   // The same with a sign.
   bool appendSigned(std::int64_t value) noexcept {
-    // Without a branch, since signs come in any order. Negation in unsigned arithmetic gives the
-    // magnitude of the most negative value as well.
+    // Without a branch, because signs are unpredictable. Negation in unsigned arithmetic is right
+    // for the most negative value, too.
     const auto bits = static_cast<std::uint64_t>(value);
     const std::uint64_t isNegative = bits >> 63;
     const std::uint64_t magnitude = (bits ^ (0 - isNegative)) + isNegative;
@@ -74,24 +74,24 @@ class PortOutput {
   }
 
   MEMPortChunk *first() const noexcept { return pFirst_; }
-  // Characters in all chunks.
+  // Number of characters in all chunks.
   std::uint32_t total() const noexcept { return total_ + used(); }
 
   // Overwrites the header's characters in the first chunk.
   void writeHeader(std::uint32_t structures) noexcept;
 
-  // Stores how much of the current chunk is used, if there is one.
+  // Updates Used of the current chunk, if there is one.
   void noteUsed() noexcept {
     if (pCurrent_ != nullptr) pCurrent_->Used = static_cast<std::int32_t>(used());
   }
-  // Leaves zeros where there may be scratch behind the text.
+  // Clears the scratch characters after the text.
   void clearSpill() noexcept;
 
  private:
   std::uint32_t used() const noexcept {
     return static_cast<std::uint32_t>(pNext_ - pCurrent_->Text);
   }
-  // Rare, and out of line so that the usual ways stay short.
+  // Out of line, so that the usual paths stay short.
   MEM_NOINLINE bool addChunk() noexcept;
   MEM_NOINLINE bool appendAcross(std::string_view text) noexcept;
   MEM_NOINLINE bool appendReversedAcross(bool isNegative, std::uint64_t magnitude) noexcept;
@@ -103,7 +103,7 @@ class PortOutput {
   std::uint32_t total_ = 0;  // characters in the chunks before the current one
   MEMPortChunk *pFirst_ = nullptr;
   MEMPortChunk *pCurrent_ = nullptr;
-  char *pNext_ = nullptr;  // where the current chunk goes on
+  char *pNext_ = nullptr;  // where the current chunk continues
   char *pEnd_ = nullptr;   // where it is full
 };
 

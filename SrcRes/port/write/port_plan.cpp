@@ -9,7 +9,7 @@ namespace memlib {
 
 namespace {
 
-// Characters that are put together for a step. At most "(", two numbers of 32 bits and "<".
+// Collects the characters of a step. At most "(", two numbers of 32 bits and "<".
 class FixedText {
  public:
   FixedText &add(std::string_view text) noexcept {
@@ -35,8 +35,8 @@ bool isNumber(std::uint8_t type) noexcept {
          type == MEM_PORT_BIGINT;
 }
 
-// What stands in front of a field's value. A number's letter is written before the number is read,
-// other letters behind.
+// The characters before a field's value. A number's letter is written before the number is read,
+// other letters afterwards.
 FixedText prefixOf(const MEMFieldDef &field, std::string_view before) noexcept {
   FixedText prefix = FixedText().add(before).addReversed(field.FieldID);
   return isNumber(field.Type) ? prefix.add("N") : prefix;
@@ -90,7 +90,7 @@ bool PortPlans::make(const MEMStructDef &def, StructPlan &plan) noexcept {
     before = FixedText().add("/");
   }
   const bool isWritten = nextStep() != pFirst;
-  if (isRepeated && !isWritten) return false;  // odd: the first element is not like the others
+  if (isRepeated && !isWritten) return false;  // the first element differs from the others
   if (!isRepeated) addFixed((isWritten ? FixedText() : before).add(">)").view());
   plan.fields = rowFrom(pFirst);
   if (!isRepeated) return true;
@@ -100,7 +100,7 @@ bool PortPlans::make(const MEMStructDef &def, StructPlan &plan) noexcept {
   return true;
 }
 
-// A field, and in a step of its own what stands in front of it when there is no room for both.
+// Adds a field. The characters before it get a separate step if there is no room for both.
 void PortPlans::addField(const MEMFieldDef &field, std::string_view before) noexcept {
   if (prefixOf(field, before).view().size() > sizeof FieldStep::prefix) {
     addFixed(before);

@@ -1,10 +1,10 @@
-// What the writer keeps of a definition while a call runs: the fixed characters of each field,
+// The writer's copy of a definition for the time of a call: the fixed characters of each field,
 // ready to be stored.
 //
-// A definition gets a plan when a structure of it has been written without one. So its fields are
-// read one by one the first time, each when what is in front of it is written: a table that cannot
-// be read faults there. Plans have a fixed place and go with the call. Definitions that find no
-// place, or whose plan would be an odd one, are read in place each time; the text is the same.
+// A definition gets a plan after a structure of it has been written without one. So the first time
+// its fields are read one by one, each after the text before it is written: a table that cannot be
+// read faults there. Plans have fixed places and end with the call. Definitions that find no place,
+// or for which no plan can be made, are read in place each time; the text is the same.
 #pragma once
 
 #include <cstddef>
@@ -16,10 +16,10 @@
 
 namespace memlib {
 
-// Characters that are known before a structure is read, and the field whose value stands behind
-// them: "/" (unless the field is the first), its identifier and the letter that opens every number.
-// A structure's own characters, in front of its fields and behind them, are steps as well; those in
-// front are joined with the first field's where there is room for both.
+// Characters that are known before a structure is read, and the field whose value follows them: "/"
+// (unless the field is the first), its identifier and the letter that opens every number. The
+// structure's own characters before and after its fields are steps as well; those before the fields
+// are joined with the first field's if there is room for both.
 struct FieldStep {
   char prefix[16];
   const MEMFieldDef *pField;  // null when there is none
@@ -28,17 +28,17 @@ struct FieldStep {
   std::uint8_t prefixLen;
 };
 
-// A field, with what stands in front of its identifier. REQUIRES: all of it fits a prefix, as one
-// character always does.
+// The step of a field, with the characters before its identifier. REQUIRES: all of it fits a
+// prefix, as one character always does.
 FieldStep makeStep(const MEMFieldDef &field, std::string_view before) noexcept;
 
-// The steps of a structure, in rows, one after the other.
+// The steps of a structure, in consecutive rows.
 struct StructPlan {
   using Row = std::span<const FieldStep>;
 
   const MEMStructDef *pDef;
-  Row head;      // what stands in front of the number of elements; empty when there is none
-  Row fields;    // with the structure's end, unless there are elements
+  Row head;      // before the number of elements; empty without one
+  Row fields;    // with the structure's end, unless elements follow
   Row repeated;  // each element of the repeat field; empty when it is not written
 };
 
@@ -50,15 +50,15 @@ class PortPlans {
     return ids_[place] == structID && structID != 0 ? &plans_[place] : nullptr;
   }
 
-  // Makes a plan if there is a place for it. REQUIRES: a structure of the definition has been
-  // written.
+  // Makes a plan if there is a place for it.
+  // REQUIRES: a structure of the definition has been written.
   void add(const MEMStructDef &def) noexcept;
 
  private:
   static constexpr std::size_t kPlaces = 32;
   static constexpr std::int32_t kMostSteps = 256;
 
-  static constexpr std::int32_t kExtraSteps = 3;  // of a plan, beyond those of its fields
+  static constexpr std::int32_t kExtraSteps = 3;  // of a plan, in addition to those of its fields
 
   bool make(const MEMStructDef &def, StructPlan &plan) noexcept;
   void addField(const MEMFieldDef &field, std::string_view before) noexcept;
@@ -67,9 +67,9 @@ class PortPlans {
   const FieldStep *nextStep() const noexcept { return steps_ + stepsInUse_; }
   StructPlan::Row rowFrom(const FieldStep *pFirst) const noexcept { return {pFirst, nextStep()}; }
 
-  std::uint32_t ids_[kPlaces] = {};  // 0 in a free place; no definition has that identifier
+  std::uint32_t ids_[kPlaces] = {};  // 0: a free place; no definition has that identifier
   std::int32_t stepsInUse_ = 0;
-  // What the two above do not name is never read, and left as it is when a call begins.
+  // Left uninitialised: entries that the two members above do not name are never read.
   StructPlan plans_[kPlaces];
   FieldStep steps_[kMostSteps];
 };

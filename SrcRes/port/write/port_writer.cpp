@@ -23,10 +23,10 @@ std::int16_t portHash(const void *pKey) noexcept {
   return static_cast<std::int16_t>(hashed % kModulus);
 }
 
-// What a heap area offers behind the header of a standard heap, less a chunk's own bytes.
+// Bytes of a heap area that text cannot use: the header of a standard heap and a chunk's own bytes.
 constexpr std::int32_t kAreaOverhead = 72;
 
-// A graph with more structures than this leaves the processor's near caches.
+// A graph with more structures than this exceeds the processor's near caches.
 constexpr std::uint32_t kMostInCaches = 8192;
 
 constexpr MessagePoint kPointCapacity{"MEM_StructToPortStr", 412};
@@ -38,7 +38,7 @@ constexpr MessagePoint kPointField{"MEM_Struct2Port", 731};
 
 }  // namespace
 
-// The structure's entry, made at its first mention.
+// The structure's entry, made when the first pointer to it is found.
 inline std::int16_t PortWriter::enter(const void *pStruct, std::uint32_t structID,
                                       MEMPortRef *&pRef) noexcept {
   fresh_.pStruct = pStruct;
@@ -71,9 +71,9 @@ std::int16_t PortWriter::run() noexcept {
   return 0;
 }
 
-// What the caller asks for or what fills an area of its heap, whose size lies at different places
-// in the two kinds of heap. Without a heap any capacity does: the heap's own services refuse the
-// handle, unless the host has replaced them.
+// The capacity that the caller passes, or the one that fills an area of its heap. The two kinds of
+// heap have the area size at different offsets. Without a heap any capacity will do: the heap's
+// services refuse the handle, unless the host has replaced them.
 std::int32_t PortWriter::chunkCapacity() const noexcept {
   if (chunkLen_ != 0) return chunkLen_;
   if (hMemHeap_ == nullptr) return MEM_PORT_HEADER_LEN;
@@ -127,7 +127,7 @@ inline std::int16_t PortWriter::writeStructure(const MEMPortRef &ref, int nestin
 }
 
 // The queue grows at its tail while it is walked: structures are written in the order in which
-// pointers to them are met.
+// pointers to them are found.
 std::int16_t PortWriter::writeAll() noexcept {
   for (; pRef_ != nullptr; pRef_ = pRef_->pNext) {
     askAhead();
@@ -136,7 +136,7 @@ std::int16_t PortWriter::writeAll() noexcept {
   return 0;
 }
 
-// In a small graph most of what comes next is in the near caches, but not the structures.
+// In a small graph the near caches hold most of what comes next, but not the structures.
 void PortWriter::askAhead() noexcept {
   if (structures() > kMostInCaches) {
     lookahead_.ask(*pRef_);
@@ -166,7 +166,7 @@ std::int16_t PortWriter::writeUnplanned(const MEMPortRef &ref, int nesting) noex
   return status;
 }
 
-// A structure with a number of elements in front of its fields.
+// Writes a structure with a number of elements before its fields.
 std::int16_t PortWriter::writeCounted(const StructPlan &plan, const std::byte *pStruct,
                                       int nesting) noexcept {
   const MEMStructDef &def = *plan.pDef;
@@ -182,8 +182,8 @@ std::int16_t PortWriter::writeCounted(const StructPlan &plan, const std::byte *p
   return status == 0 ? append(">)") : status;
 }
 
-// Writes a row of steps. The characters of each are appended before its field is read, which may
-// fault.
+// Writes a row of steps. The characters of each step are appended before its field is read, because
+// the read may fault.
 std::int16_t PortWriter::writeSteps(const MEMStructDef &def, StructPlan::Row row,
                                     const std::byte *pStruct, int nesting) noexcept {
   for (const FieldStep &step : row) {
@@ -194,7 +194,7 @@ std::int16_t PortWriter::writeSteps(const MEMStructDef &def, StructPlan::Row row
   return 0;
 }
 
-// Numbers, pointers and embedded structures are written here, all else by a converter.
+// Writes numbers, pointers and embedded structures; a converter writes all other values.
 inline std::int16_t PortWriter::writeValue(const MEMStructDef &def, const FieldStep &step,
                                            const std::byte *pField, int nesting) noexcept {
   switch (step.type) {
@@ -247,8 +247,8 @@ inline std::int16_t PortWriter::writePointer(const MEMFieldDef &field,
   return checked(output_.appendReversed(pRef->sequence));
 }
 
-// The number of elements of a structure with a repeat field. A negative count writes no digits and
-// no elements.
+// Writes the number of elements of a structure with a repeat field. A negative count writes no
+// digits and no elements.
 std::int16_t PortWriter::writeCount(const MEMStructDef &def, const std::byte *pStruct,
                                     std::uint32_t &elements) noexcept {
   const bool isField = def.CountField >= 0 && def.CountField < fieldCount(def);
@@ -282,7 +282,7 @@ std::int16_t PortWriter::writeCount(const MEMStructDef &def, const std::byte *pS
   return checked(output_.appendReversed(elements));
 }
 
-// The fields of a structure without a plan, read one by one.
+// Writes the fields of a structure without a plan, read one by one.
 std::int16_t PortWriter::writeFields(const MEMStructDef &def, const std::byte *pStruct,
                                      std::uint32_t elements, int nesting) noexcept {
   bool isFirst = true;
@@ -293,7 +293,7 @@ std::int16_t PortWriter::writeFields(const MEMStructDef &def, const std::byte *p
     const std::uint32_t times = isRepeated ? elements : 1;
     FieldStep step;
     for (std::uint32_t k = 0; k < times; ++k) {
-      if (k < 2) step = makeStep(field, isFirst ? "" : "/");  // those behind are like the second
+      if (k < 2) step = makeStep(field, isFirst ? "" : "/");  // later ones are like the second
       const std::int64_t offset = std::int64_t{k} * field.Length;
       const std::int16_t status = writeSteps(def, {&step, 1}, pStruct + offset, nesting);
       if (status != 0) return status;
@@ -312,7 +312,7 @@ std::int16_t PortWriter::writeEmbedded(const MEMFieldDef &field, const std::byte
   return writeStructure(embedded, nesting + 1);
 }
 
-// The status of a field that a converter has appended, or not.
+// The status of a field after its converter ran.
 std::int16_t PortWriter::ported(bool isAppended, const MEMStructDef &def,
                                 const FieldStep &step) noexcept {
   if (isAppended) return 0;

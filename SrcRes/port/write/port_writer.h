@@ -1,4 +1,5 @@
-// Writer of port strings: one structure text after the other, for every structure that is reached.
+// Writer of port strings: writes one structure text after the other, for every structure that is
+// reached.
 #pragma once
 
 #include <cstdint>
@@ -36,17 +37,17 @@ class PortWriter {
         pTotalLen_(pTotalLen),
         ppFirstChunk_(ppFirstChunk) {}
 
-  // 0, or the status with which the call fails. To be called again when a fault has ended it that
-  // isAhead(): it goes on as if the fault had not been.
+  // Returns 0 or the failure status of the call. When a fault ends it and isAhead() is true, call
+  // it again: it continues as if there had been no fault.
   std::int16_t run() noexcept;
 
-  // For whoever catches a fault: true when it is none of the call's but one of looking ahead.
+  // For the fault handler: true when looking ahead caused the fault, not the work of the call.
   bool isAhead() const noexcept { return lookahead_.isAsking(); }
 
   // The registry while it is open, else null.
   HMEMHASH registry() const noexcept { return hRegistry_; }
 
-  // Brings the chunks up to date, in whatever state the work has ended.
+  // Updates the chunks, regardless of where the work has ended.
   void noteUsed() noexcept { output_.noteUsed(); }
 
  private:
@@ -91,9 +92,9 @@ class PortWriter {
 
   PortOutput output_;
   HMEMHASH hRegistry_ = nullptr;
-  MEMPortRef *pRef_ = nullptr;  // the structure that is written
+  MEMPortRef *pRef_ = nullptr;  // the structure being written
   MEMPortRef *pTail_ = nullptr;
-  // The entry of the next structure that is found.
+  // The entry for the next structure that is found.
   MEMPortRef fresh_{.pStruct = nullptr, .StructID = 0, .sequence = 1, .pNext = nullptr};
   PortPlans plans_;
   PortLookahead lookahead_{frame_, plans_};

@@ -18,7 +18,7 @@ std::string_view bytesOf(std::int32_t length, const std::byte *pField) noexcept 
           length > 0 ? static_cast<std::size_t>(length) : std::size_t{0}};
 }
 
-// A text shorter than a word, with zeros behind it. Nothing outside the text is read.
+// Loads a text shorter than a word, with zeros after it. Reads nothing outside the text.
 TextWord loadShort(const char *pFrom, std::size_t length) noexcept {
   constexpr std::size_t kHalfLen = sizeof(std::uint32_t);
   if (length >= kHalfLen) {
@@ -33,9 +33,7 @@ TextWord loadShort(const char *pFrom, std::size_t length) noexcept {
   return byteAt(0) | byteAt(length / 2) | byteAt(length - 1);
 }
 
-// Narrow text between double quotes: runs of characters that stand for themselves, the others
-// behind
-// "/".
+// Appends narrow text between double quotes: plain characters in runs, the others after "/".
 bool appendEscaped(PortOutput &output, std::string_view text) noexcept {
   if (!output.append('"')) return false;
   while (!text.empty()) {
@@ -50,8 +48,8 @@ bool appendEscaped(PortOutput &output, std::string_view text) noexcept {
   return output.append('"');
 }
 
-// Copies text if all of it stands for itself, short text as one word. Of other text, `pTo` holds
-// some characters. REQUIRES: room for a word.
+// Copies text if all of it is plain; short text as one word. Otherwise `pTo` holds some of the
+// characters. REQUIRES: room for a word.
 bool copyIfPlain(char *pTo, std::string_view text) noexcept {
   if (text.size() >= kTextWordLen) {
     return copyPlain(reinterpret_cast<std::byte *>(pTo), text.data(), text.size(), '"');
@@ -61,7 +59,7 @@ bool copyIfPlain(char *pTo, std::string_view text) noexcept {
   return marksOfSpecials(word, '"') == 0;
 }
 
-// Text of UTF-16 units at any alignment.
+// A view of UTF-16 text at any alignment.
 class WideView {
  public:
   WideView(const std::byte *pText, std::size_t units) noexcept : pText_(pText), units_(units) {}
@@ -80,7 +78,7 @@ std::size_t wideUnits(std::int32_t length) noexcept {
   return length > 0 ? static_cast<std::size_t>(length) / 2 : 0;
 }
 
-// One unit as its text: at most "/", a digit and three groups of 6 bits. Returns the end.
+// Writes one unit as text: at most "/", a digit and three groups of 6 bits. Returns the end.
 char *putUnit(char *pTo, std::uint32_t unit) noexcept {
   if (unit == '\'' || unit == '/' || unit == 0) {
     *pTo++ = '/';
@@ -101,7 +99,7 @@ char *putUnit(char *pTo, std::uint32_t unit) noexcept {
   return pTo;
 }
 
-// Wide text between single quotes, collected in pieces.
+// Appends wide text between single quotes, collected in pieces.
 bool appendWideQuoted(PortOutput &output, const WideView &text) noexcept {
   constexpr std::size_t kPiece = 240;
   constexpr std::size_t kLongestUnit = 5;
@@ -129,7 +127,7 @@ std::size_t highSurrogates(const WideView &text) noexcept {
   return count;
 }
 
-// The same for text that mostly stands for itself, and is copied while it is looked through.
+// The same, optimised for text that is mainly plain: copies while it scans.
 // REQUIRES: no zeros in it.
 bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
   MEM_ASSERT(text.find('\0') == std::string_view::npos);

@@ -1,5 +1,5 @@
 // Field values as text of a port string, MEM_Char2PortStr for a Char and so on. Each function
-// returns false when no chunk could be obtained.
+// returns false when no chunk could be allocated.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
 /** @file cell.hpp
- * Cell pools of one type of record. Part of mem.hpp, whose conventions hold.
+ * Cell pools of one type of record. Part of mem.hpp, whose conventions apply.
  */
 #ifndef QJ7MEM00_MEM_CELL_HPP
 #define QJ7MEM00_MEM_CELL_HPP
@@ -14,13 +14,14 @@ namespace mem {
 /** @name Cell pool */
 /** @{ */
 
-/** Areas of `areaLen` bytes, 256 to 1,048,576, from a subpool; -1, -2, … name storage kind 2. */
+/** Areas of `areaLen` bytes, 256 to 1,048,576, from a subpool; -1, -2, … select storage kind 2. */
 struct CellSettings {
   std::int32_t areaLen = 4096;
   std::int16_t subPool = 0;
 };
 
-/** Records of one type, made and given back singly, in constant time. One thread at a time. */
+/** A pool of records of one type, allocated and freed individually in constant time. One thread at
+ * a time. */
 template <class Record>
 class CellPool : public Owner<CellPool<Record>, HMEMCELL> {
   using Base = Owner<CellPool<Record>, HMEMCELL>;
@@ -53,7 +54,7 @@ class CellPool : public Owner<CellPool<Record>, HMEMCELL> {
     return detail::construct<Record>(cell.value(), std::forward<Args>(args)...);
   }
 
-  /** A cell of kCellLen bytes, with whatever it held. */
+  /** A cell of kCellLen bytes with its old contents. */
   Result<void *> allocate() noexcept {
     void *pCell = nullptr;
     const Status taken = call(this->context(), slots::MEM_CellAllocEntry, this->handle(), &pCell);
@@ -61,7 +62,7 @@ class CellPool : public Owner<CellPool<Record>, HMEMCELL> {
     return pCell;
   }
 
-  /** Gives a record back. REQUIRES: it is this pool's and has not been given back. */
+  /** Frees a record. REQUIRES: it belongs to this pool and has not been freed. */
   Status free(Record *pRecord) noexcept { return freeCell(pRecord); }
 
   /** The same for any cell. */
@@ -69,7 +70,7 @@ class CellPool : public Owner<CellPool<Record>, HMEMCELL> {
     return call(this->context(), slots::MEM_CellFreeEntry, this->handle(), pCell);
   }
 
-  /** Gives all records back, and all storage but the first area. */
+  /** Frees all records, and all storage except the first area. */
   Status clear() noexcept { return call(this->context(), slots::MEM_CellClear, this->handle()); }
 
  private:

@@ -1,9 +1,9 @@
 /** @file chaincheck.hpp
- * Whether an unpacked chain is what its table says. Part of mem.hpp, whose conventions hold.
+ * Checks that an unpacked chain matches its table. Part of mem.hpp, whose conventions apply.
  *
- * MEM_Unpack checks what a chain's own control block says, and that owning pointers lead to
- * segments of their kinds. What is in here compares that control block with the reader's, and finds
- * out whether references lead to segments, which in place they need not.
+ * MEM_Unpack checks a chain against its own control block, and that owning pointers point to
+ * segments of their kinds. This header compares that control block with the reader's, and checks
+ * that references point to segments, which MEM_Unpack does not check in place.
  */
 #ifndef QJ7MEM00_MEM_CHAINCHECK_HPP
 #define QJ7MEM00_MEM_CHAINCHECK_HPP
@@ -21,8 +21,8 @@ namespace mem::detail {
 
 struct ChainHandle {
   MemPackBlock *pFirst = nullptr;
-  std::uint32_t blockLen = 0;  // of every block, as it was obtained
-  bool isBigEndian = false;    // order of the used lengths
+  std::uint32_t blockLen = 0;  // of every block, as allocated
+  bool isBigEndian = false;    // byte order of the used lengths
   explicit operator bool() const noexcept { return pFirst != nullptr; }
 };
 
@@ -36,7 +36,7 @@ inline unsigned byteAt(const std::byte *pBytes, std::size_t index) noexcept {
   return std::to_integer<unsigned>(pBytes[index]);
 }
 
-// The version's last character tells the order; EBCDIC versions are big-endian throughout.
+// The version's last character gives the byte order; all EBCDIC versions are big-endian.
 inline bool isBigEndianChain(const std::byte *pFirstUsed) noexcept {
   return byteAt(pFirstUsed, kVersionOff) >= 0xF0 || byteAt(pFirstUsed, kVersionOff + 3) == '1';
 }
@@ -47,15 +47,15 @@ inline std::size_t usedLength(const std::byte *pUsed, bool isBigEndian) noexcept
   return isBigEndian ? first * 256 + second : second * 256 + first;
 }
 
-// The control block of a chain that is not unpacked yet, in either layout. Unpacking may write over
+// The control block of a chain that is not unpacked yet, in either layout. Unpacking may overwrite
 // it.
 class ChainControlBlock {
  public:
-  // `isBigEndian`: the order of the chain's numbers.
+  // `isBigEndian`: the byte order of the chain's numbers.
   ChainControlBlock(const std::byte *pFirstUsed, bool isBigEndian) noexcept
       : pBytes_(pFirstUsed + kLeastChain),
         usedLen_(usedLength(pFirstUsed, isBigEndian)),
-        isOld_((byteAt(pFirstUsed, kVersionOff + 1) & 0x0F) == 1),  // in ASCII and in EBCDIC
+        isOld_((byteAt(pFirstUsed, kVersionOff + 1) & 0x0F) == 1),  // ASCII and EBCDIC
         hasLetters_(isBigEndianChain(pFirstUsed)),
         isSwapped_(isBigEndian != (std::endian::native == std::endian::big)) {}
 
@@ -85,7 +85,7 @@ class ChainControlBlock {
     return isSwapped_ ? (number & 0xFFU) << 8 | unsigned{number} >> 8 : number;
   }
 
-  // EBCDIC letters are those of big-endian writers; elsewhere they are numbers like others.
+  // Only big-endian writers have EBCDIC letters; in other chains these values are ordinary numbers.
   unsigned asciiType(unsigned type) const noexcept {
     if (!hasLetters_) return type;
     switch (type) {
@@ -106,7 +106,8 @@ class ChainControlBlock {
     return numberAt(at) == static_cast<std::uint16_t>(expected);
   }
 
-  // What a kind does not use, writers may fill as they like: all of a text's but its type.
+  // Writers may store any values in the parts that a kind does not use: for text, all parts except
+  // the type.
   bool isSame(std::size_t at, const MemPackDescriptor &expected) const noexcept {
     if (asciiType(numberAt(at)) != expected.Type) return false;
     if (expected.Type == MEM_PACK_STRING || expected.Type == MEM_PACK_WIDE_STRING) return true;
@@ -139,29 +140,29 @@ class ChainControlBlock {
   bool isSwapped_;
 };
 
-// What of a kind of segment has to be looked at for the sake of references. Kinds are numbers of
-// descriptors; those that references lead to have a number of their own, from 1 on.
+// The parts of a kind of segment that the check of references needs. Kinds are numbers of
+// descriptors; the kinds of targets have an additional number, from 1 on.
 struct KindPlan {
   struct Reference {
     std::int16_t offset;
     std::uint16_t target;
   };
 
-  std::uint16_t target;  // the kind's own number, 0 for none
+  std::uint16_t target;  // the kind's number as a target, 0 for none
   std::uint16_t childCount;
   std::uint16_t referenceCount;
-  std::int16_t siblingOff;  // MEM_PACK_NO_SIBLING also where nothing is to be looked at
-  MemPackChild children[MEM_PACK_MAX_CHILDREN];  // from which such kinds are reached
+  std::int16_t siblingOff;  // MEM_PACK_NO_SIBLING also if no sibling needs a check
+  MemPackChild children[MEM_PACK_MAX_CHILDREN];  // those that need a check
   Reference references[MEM_PACK_MAX_REFERENCES];
 };
 
-// For each content byte of a chain, whether a segment begins there and of which kind.
+// Records for each content byte of a chain whether a segment begins there, and its kind.
 class SegmentMap {
  public:
   explicit SegmentMap(const Context &context) noexcept : storage_(context) {}
 
-  // Knows the chain's blocks, and no segments. Used lengths are read now: a hostile chain may lie
-  // over them later. False when there is no storage.
+  // Records the chain's blocks; no segments yet. Reads the used lengths now, because a hostile
+  // chain may overwrite them later. False when there is no storage.
   bool open(const ChainHandle &chain, std::size_t targetCount) noexcept {
     cellBits_ = std::bit_ceil(static_cast<unsigned>(std::bit_width(2 * targetCount + 1)));
     std::size_t blocks = 0;
@@ -183,7 +184,8 @@ class SegmentMap {
     return true;
   }
 
-  // Notes a segment. False when one of another kind, or none, was awaited there.
+  // Records a segment. False when the place has, or awaits, a segment and it is not an awaited one
+  // of this kind.
   bool add(const std::byte *pSegment, unsigned target) noexcept {
     Cell cell;
     if (!find(pSegment, cell)) return false;
@@ -197,8 +199,8 @@ class SegmentMap {
     return true;
   }
 
-  // Awaits a segment where there is none yet. False when there is, or is awaited, one of another
-  // kind.
+  // Awaits a segment unless it is already recorded. False when the place has, or awaits, one of
+  // another kind.
   bool await(const std::byte *pSegment, unsigned target) noexcept {
     Cell cell;
     if (!find(pSegment, cell)) return false;
@@ -227,7 +229,7 @@ class SegmentMap {
   }
   static constexpr unsigned awaited(unsigned target) noexcept { return 2 * target; }
 
-  // By address, which most chains' blocks are from the start.
+  // Sorts the blocks by address. Most chains' blocks already have this order.
   void arrangeBlocks() noexcept {
     const auto isBefore = [](const Block &left, const Block &right) noexcept {
       return std::less<>()(left.pContent, right.pContent);
@@ -262,7 +264,7 @@ class SegmentMap {
     return true;
   }
 
-  // Blocks that were obtained together mostly lie at equal distances.
+  // Blocks that were allocated together are usually at equal distances.
   bool findBlock(const std::byte *pByte) noexcept {
     const std::uint64_t guess = offsetIn(*pBlocks_, pByte) / distance_;
     if (guess < static_cast<std::uint64_t>(pBlocksEnd_ - pBlocks_)) {
@@ -288,23 +290,23 @@ class SegmentMap {
   WorkStorage storage_;
   Block *pBlocks_ = nullptr;
   Block *pBlocksEnd_ = nullptr;
-  const Block *pAtHand_ = nullptr;  // where the last segment was
-  std::uint64_t distance_ = 1;      // from block to block, if it were one
-  // Words of 16 bits with cells in them, one for each content byte: 0, or twice the number of a
-  // kind, and one more where the segment is there and not only awaited.
+  const Block *pAtHand_ = nullptr;  // the block of the last segment
+  std::uint64_t distance_ = 1;      // average distance between blocks
+  // Cells in 16-bit words, one cell for each content byte: 0; or twice the number of a kind, plus
+  // one if the segment is recorded and not only awaited.
   std::uint16_t *pCells_ = nullptr;
   unsigned cellBits_ = 0;
   std::uint64_t awaitedCount_ = 0;
 };
 
-// Goes through the segments of an unpacked chain as MEM_Unpack did, as far as references concern
-// them: each must lead to one that is reached, and that is of the reference's kind.
+// Walks through the segments of an unpacked chain that matter for references, in the order of
+// MEM_Unpack. Each reference must point to a reached segment of its kind.
 class ReferenceCheck {
  public:
   ReferenceCheck(const KindPlan *pPlans, SegmentMap &segments) noexcept
       : pPlans_(pPlans), segments_(segments) {}
 
-  // REQUIRES: what MEM_Unpack promises of a chain with this control block.
+  // REQUIRES: MEM_Unpack has succeeded on a chain with this control block.
   bool run(const void *pRoot) noexcept {
     if (!begin(0, static_cast<const std::byte *>(pRoot))) return false;
     while (depth_ >= 0) {
@@ -339,7 +341,7 @@ class ReferenceCheck {
     return true;
   }
 
-  // Down to the next child, else on to the sibling, else up.
+  // One step: down to the next child, else to the sibling, else up.
   bool advance() noexcept {
     Level &level = levels_[depth_];
     while (level.nextChild < level.pPlan->childCount) {

@@ -1,6 +1,6 @@
 /** @file context.hpp
- * What all of the C++ layer shares: the context, errors and results, calls by slot, owners, and
- * members of structures. Part of mem.hpp, whose conventions hold.
+ * Common parts of the C++ layer: the context, errors and results, calls by slot, owners, and
+ * members of structures. Part of mem.hpp, whose conventions apply.
  */
 #ifndef QJ7MEM00_MEM_CONTEXT_HPP
 #define QJ7MEM00_MEM_CONTEXT_HPP
@@ -24,15 +24,15 @@ namespace mem {
 /** @name Context */
 /** @{ */
 
-/** How the services and the calling thread's error area are reached. Made once by whoever knows the
- * host, passed by reference to everything else. Any number of threads may use one context. */
+/** Access to the services and to the calling thread's error area. Make it once, where the host is
+ * known, and pass it by reference to everything else. Any number of threads may use one context. */
 class Context {
  public:
-  /** Hands out the calling thread's environment, or null where it has none. Must not throw. */
+  /** Returns the calling thread's environment, or null if it has none. Must not throw. */
   using ThreadEnvFn = MEMThreadEnv *(void *pHost);
 
   /** `vector` is the host's; slots that it replaces later take effect. `pThreadEnv` is called with
-   * `pHost` after a failure; without it errors carry only what the result tells. */
+   * `pHost` after a failure; without it errors contain only the result. */
   Context(const MEMFunctionVector &vector, ThreadEnvFn *pThreadEnv, void *pHost = nullptr) noexcept
       : pVector_(&vector), pThreadEnv_(pThreadEnv), pHost_(pHost) {}
 
@@ -47,8 +47,8 @@ class Context {
   void *pHost_;
 };
 
-/** The context of a host object that hands out its vector and the calling thread's environment by
- * vector() and thread(), as the reference host does. The object outlives the context. */
+/** The context of a host object that returns its vector and the calling thread's environment from
+ * vector() and thread(), as the reference host does. The object must outlive the context. */
 template <class Host>
 Context contextOf(Host &host) noexcept {
   return Context(
@@ -72,7 +72,7 @@ class ContextRef {
 /** @name Errors and results */
 /** @{ */
 
-/** Name and message of a code, empty texts for a number that is none of MEMERR_LIST. */
+/** Name and message of a code; empty texts for a number that is not in MEMERR_LIST. */
 struct CodeText {
   const char *name;
   const char *message;
@@ -95,43 +95,42 @@ struct ErrorLine {
   char text[640];
 };
 
-/** What a failed call left: its code and copies of the calling thread's texts, so that later calls
- * do not change it. */
+/** The error of a failed call: its code and copies of the calling thread's texts, which later calls
+ * do not change. */
 class Error {
  public:
-  /** What failed: the service's name ("MEM_HeapOpen"), a constant. */
+  /** The name of the service that failed ("MEM_HeapOpen"), a constant. */
   const char *service() const noexcept { return service_; }
   /** The call's own result, 0 for a refusal. */
   std::int16_t result() const noexcept { return result_; }
-  /** Whether no service was called, because this header refuses what it was given; nameText()
-   * tells why. */
+  /** True when this header refused an argument and called no service; nameText() has the reason. */
   bool isRefusal() const noexcept { return result_ == 0; }
-  /** MEMERR code, or 0: the port string services set none, and the start of the process leaves its
+  /** MEMERR code, or 0: the port string services set none, and the start of the process stores its
    * code as the inner one. */
   std::uint32_t code() const noexcept { return code_; }
   std::uint32_t innerCode() const noexcept { return innerCode_; }
   /** Name or text of what failed, at most 63 characters. */
   const char *nameText() const noexcept { return nameText_; }
   const char *innerText() const noexcept { return innerText_; }
-  /** The thread's free message text as the call left it. No service clears it: where the failing
-   * one wrote nothing there, it is an earlier call's. */
+  /** The thread's free message text after the call. No service clears it: if the failing one wrote
+   * nothing, it is the text of an earlier call. */
   const char *messageText() const noexcept { return messageText_; }
 
   /** @name Of a failed reading or writing of a port string: its last exception record */
   /** @{ */
-  /** "Unknown StructID: 13!", at most 127 characters; empty where there was no record, or where the
-   * host's tracing of later calls has taken its place. */
+  /** "Unknown StructID: 13!", at most 127 characters; empty if there was no record, or if the
+   * host's tracing of later calls has replaced it. */
   const char *reasonText() const noexcept { return reasonText_; }
-  /** How many characters were read when it was found out, of the text or of the chunk at hand; -1
-   * without a place. */
+  /** The number of characters of the text or of the current chunk that had been read when the error
+   * was found; -1 without a place. */
   std::int64_t position() const noexcept { return position_; }
-  /** Up to 80 characters that were read last, and that come next. */
+  /** Up to 80 characters that were read last, and up to 80 that come next. */
   const char *readText() const noexcept { return readText_; }
   const char *nextText() const noexcept { return nextText_; }
   /** @} */
 
   /** "MEM_HeapOpen failed: 4055 MEMERR_HEAPAMEM, Acquire Memory failed (MemAllocFail)". The code is
-   * the inner one where there is no other. "MEM_Port1StrToStruct failed: Unknown StructID: 13! (at
+   * the inner one if there is no other. "MEM_Port1StrToStruct failed: Unknown StructID: 13! (at
    * character 26)". */
   ErrorLine line() const noexcept {
     ErrorLine made;
@@ -159,21 +158,21 @@ class Error {
     return error;
   }
 
-  /** The same for a call that reads or writes a port string. It had been entered with
-   * forgetRecord(). */
+  /** The same for a call that reads or writes a port string, after forgetRecord() before the
+   * call. */
   static Error ofPortCall(const Context &context, const char *service,
                           std::int16_t result) noexcept {
     Error error = ofCall(context, service, result);
     if (const MEMThreadEnv *const pEnv = context.threadEnv()) error.takeRecord(pEnv->pTraceBuf);
     return error;
   }
-  /** Empties the thread's trace buffer, so that what stands there after a call is the call's. */
+  /** Clears the thread's trace buffer, so that its contents after a call come from that call. */
   static void forgetRecord(const Context &context) noexcept {
     const MEMThreadEnv *const pEnv = context.threadEnv();
     if (pEnv != nullptr && pEnv->pTraceBuf != nullptr) pEnv->pTraceBuf->TextLen = 0;
   }
 
-  /** A failure of which the service recorded nothing; the text is this header's. */
+  /** A failure that the service did not record; the text comes from this header. */
   static Error withoutRecord(const char *service, std::int16_t result,
                              const char *text = "") noexcept {
     Error error(service, result);
@@ -181,7 +180,7 @@ class Error {
     return error;
   }
 
-  /** A refusal of this header's; the text tells why. */
+  /** A refusal by this header; the text is the reason. */
   static Error refusal(const char *service, const char *text) noexcept {
     return withoutRecord(service, 0, text);
   }
@@ -210,8 +209,8 @@ class Error {
     to[kRoom - 1] = '\0';
   }
 
-  // "(source:line)ERROR:reason", and of readers "\nPosition: number\nRead:text\nNext:text". The
-  // texts are whatever was read.
+  // "(source:line)ERROR:reason"; readers add "\nPosition: number\nRead:text\nNext:text". These
+  // texts may be any input.
   void takeRecord(const MEMTraceBuf *pBuf) noexcept {
     constexpr std::size_t kLongest = 512;
     constexpr std::string_view kReason = ")ERROR:";
@@ -231,7 +230,7 @@ class Error {
     for (; !rest.empty() && rest.front() >= '0' && rest.front() <= '9'; rest.remove_prefix(1)) {
       position_ = position_ * 10 + (rest.front() - '0');
     }
-    // What was read may hold these words, too.
+    // The input may contain these words, too.
     const std::size_t nextAt = rest.rfind(kNext);
     if (!rest.starts_with(kRead) || nextAt == std::string_view::npos) return;
     copyText(readText_, rest.substr(kRead.size(), nextAt - kRead.size()));
@@ -281,7 +280,7 @@ class Result;
 
 namespace detail {
 
-// The end of a program that asks a result for what it does not have.
+// Ends a program that reads the value of a failure or the error of a success.
 [[noreturn]] inline void endWith(const char *text) noexcept {
   std::fprintf(stderr, "%s\n", text);
   std::abort();
@@ -298,7 +297,7 @@ inline constexpr bool kIsResult = false;
 template <class Value>
 inline constexpr bool kIsResult<Result<Value>> = true;
 
-// The result of calling `use`; of a function without a value, success.
+// The result of calling `use`; success for a function without a value.
 template <class Use, class... Args>
 auto resultOf(Use &&use, Args &&...args) noexcept {
   using Returned = std::invoke_result_t<Use, Args...>;
@@ -313,7 +312,7 @@ auto resultOf(Use &&use, Args &&...args) noexcept {
 
 }  // namespace detail
 
-/** A value or the error that came instead. */
+/** A value, or the error of a failed call. */
 template <class Value>
 class [[nodiscard]] Result {
  public:
@@ -322,26 +321,26 @@ class [[nodiscard]] Result {
 
   bool isOk() const noexcept { return state_.index() == 0; }
 
-  /** The value. A program that asks a failed result for it prints the error to stderr and is ended.
-   * That of a temporary result is handed out itself, so that
-   * `for (… : PortString::write(…).value())` has what it goes through. */
+  /** The value. If the call failed, prints the error to stderr and ends the program. A temporary
+   * result returns the value itself and not a reference, so that a range-based for loop over
+   * `PortString::write(…).value()` keeps its range alive. */
   Value &value() &noexcept { return existing(*this); }
   const Value &value() const &noexcept { return existing(*this); }
   Value value() &&noexcept { return std::move(existing(*this)); }
   const Value &value() const &&noexcept = delete;
 
-  /** A member of the value; of a pointer, a member of what it leads to. As value(). */
+  /** A member of the value, or of its target if the value is a pointer. As value(). */
   auto operator->() noexcept { return addressOf(value()); }
   auto operator->() const noexcept { return addressOf(value()); }
 
-  /** The error. A program that asks a result with a value for it is ended. */
+  /** The error. Ends the program if there is a value instead. */
   const Error &error() const noexcept {
     const Error *const pError = std::get_if<1>(&state_);
     if (pError == nullptr) detail::endWithoutError();
     return *pError;
   }
 
-  /** The result of `use(value)`, which is a Result or a Status; of a failure the error. */
+  /** The result of `use(value)`, which is a Result or a Status; or the error of a failure. */
   template <class Use>
   auto and_then(Use &&use) &noexcept {
     return chained(*this, std::forward<Use>(use));
@@ -355,7 +354,7 @@ class [[nodiscard]] Result {
     return chained(std::move(*this), std::forward<Use>(use));
   }
 
-  /** A result with what `use(value)` returns, a Status if that is nothing; of a failure the error.
+  /** A result with what `use(value)` returns (a Status if that is void), or the error of a failure.
    */
   template <class Use>
   auto transform(Use &&use) &noexcept {
@@ -391,7 +390,8 @@ class [[nodiscard]] Result {
   static auto chained(Self &&self, Use &&use) noexcept {
     using Next = std::remove_cvref_t<decltype(std::invoke(std::forward<Use>(use),
                                                           std::forward<Self>(self).value()))>;
-    static_assert(detail::kIsResult<Next>, "mem: and_then takes what returns a Result or a Status");
+    static_assert(detail::kIsResult<Next>,
+                  "mem: and_then needs a function that returns a Result or a Status");
     if (!self.isOk()) return Next(self.error());
     return Next(std::invoke(std::forward<Use>(use), std::forward<Self>(self).value()));
   }
@@ -420,11 +420,12 @@ class [[nodiscard]] Result<void> {
     return *error_;
   }
 
-  /** As those of a Result, with `use()`. */
+  /** As for a Result, with `use()`. */
   template <class Use>
   auto and_then(Use &&use) const noexcept {
     using Next = std::remove_cvref_t<std::invoke_result_t<Use>>;
-    static_assert(detail::kIsResult<Next>, "mem: and_then takes what returns a Result or a Status");
+    static_assert(detail::kIsResult<Next>,
+                  "mem: and_then needs a function that returns a Result or a Status");
     return isOk() ? Next(std::invoke(std::forward<Use>(use))) : Next(*error_);
   }
   template <class Use>
@@ -439,12 +440,12 @@ class [[nodiscard]] Result<void> {
 
 using Status = Result<void>;
 
-/** Leaves the function with the error if a call has failed:
+/** Returns from the function with the error if a call has failed:
  *
  *     MEM_TRY(heap.close());
  *     MEM_TRY(auto heap, mem::Heap::open(context));  // declares `heap`, or assigns what is named
  *
- * The function returns any Result or Status. The second form is more than one statement. */
+ * The function returns any Result or Status. The second form expands to several statements. */
 #define MEM_TRY(first, ...)                                                         \
   __VA_OPT__(MEM_TRY_VALUE_(MEM_TRY_NAME_(memTried, __LINE__), first, __VA_ARGS__)) \
   MEM_TRY_STATUS##__VA_OPT__(_NONE)##_(first)
@@ -462,7 +463,7 @@ using Status = Result<void>;
 /** @name Calls by slot */
 /** @{ */
 
-/** A slot of the vector with its name. */
+/** A slot of the vector and its name. */
 template <class Service>
 struct Slot {
   const char *name;
@@ -477,8 +478,8 @@ MEM_VECTOR_SLOTS(MEM_SLOT_BY_NAME)
 #undef MEM_SLOT_BY_NAME
 }  // namespace slots
 
-/** Calls a service whose 16-bit result is 0 for success, and takes what a failure left. For
- * services that this header has no better name for. */
+/** Calls a service whose 16-bit result is 0 for success, and returns the error of a failure. For
+ * services without their own function in this header. */
 template <class Service, class... Args>
 Status call(const Context &context, Slot<Service> slot, Args... args) noexcept {
   const std::int16_t result = (context.vector().*slot.entry)(args...);
@@ -497,7 +498,7 @@ class WorkStorage {
   WorkStorage(const WorkStorage &) = delete;
   WorkStorage &operator=(const WorkStorage &) = delete;
 
-  // In place of what there was. False when there is none, or not of this length.
+  // Replaces the storage allocated before. False when there is no storage of this length.
   bool obtain(std::uint64_t length) noexcept {
     giveBack();
     length_ = static_cast<std::uint32_t>(length);
@@ -529,7 +530,7 @@ class WorkStorage {
 /** @name Owners: what they share */
 /** @{ */
 
-/** The base of all owners. `Handle{}` is what an empty one holds and is false. */
+/** The base of all owners. An empty owner has `Handle{}`, which is false. */
 template <class Derived, class Handle>
 class Owner {
  public:
@@ -547,7 +548,7 @@ class Owner {
 
   bool isOpen() const noexcept { return static_cast<bool>(handle_); }
 
-  /** Gives back what is owned; nothing to do for an empty owner. On failure it is still owned. */
+  /** Frees what is owned; does nothing for an empty owner. On failure it is still owned. */
   Status close() noexcept {
     if (!isOpen()) return {};
     const Status status = Derived::closeHandle(*pContext_, handle_);
@@ -555,10 +556,10 @@ class Owner {
     return status;
   }
 
-  /** What is owned, for calls through the vector. */
+  /** The handle of what is owned, for calls through the vector. */
   const Handle &handle() const noexcept { return handle_; }
 
-  /** Hands what is owned to the caller, who gives it back through the vector. */
+  /** Passes ownership to the caller, who frees the handle through the vector. */
   [[nodiscard]] Handle release() noexcept { return std::exchange(handle_, Handle{}); }
 
  protected:
@@ -581,7 +582,7 @@ class Owner {
 /** @name Members */
 /** @{ */
 
-/** A member of a structure: its type and its place, all known to the compiler. Made by MEM_FIELD.
+/** A member of a structure: its type and its offset, both known at compile time. Made by MEM_FIELD.
  */
 template <class StructType, class FieldType, std::size_t kFieldOffset>
 struct Member {
@@ -595,8 +596,8 @@ struct Member {
 /** The member `member` of `Struct`. Members of members and elements of arrays are named as in C:
  * MEM_FIELD(Order, address.street), MEM_FIELD(Order, items[2]).
  *
- * A macro, because a pointer to member does not give its offset in a constant expression, and
- * offsetof does. A structure type with a comma in its name needs an alias. */
+ * A macro, because offsetof gives the offset in a constant expression and a pointer to member does
+ * not. A structure type with a comma in its name needs an alias. */
 #define MEM_FIELD(Struct, member)                                             \
   (::mem::Member<Struct, ::std::remove_reference_t<decltype(Struct::member)>, \
                  offsetof(Struct, member)>{})

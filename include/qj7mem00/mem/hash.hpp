@@ -1,5 +1,5 @@
 /** @file hash.hpp
- * Hash tables of records with a key inside. Part of mem.hpp, whose conventions hold.
+ * Hash tables of records that contain their key. Part of mem.hpp, whose conventions apply.
  */
 #ifndef QJ7MEM00_MEM_HASH_HPP
 #define QJ7MEM00_MEM_HASH_HPP
@@ -16,18 +16,19 @@ namespace mem {
 /** @name Hash table */
 /** @{ */
 
-/** Answer of HashTable::insert. */
+/** Result of HashTable::insert. */
 template <class Record>
 struct Insertion {
-  Record *pRecord;  /**< the table's own record: the new one, or the one that was there */
-  bool isDuplicate; /**< the key was there already; nothing was changed */
+  Record *pRecord;  /**< the table's own record: the new one or the existing one */
+  bool isDuplicate; /**< the table already had the key; nothing was changed */
 };
 
-/** Answer of HashTable::remove. */
+/** Result of HashTable::remove. */
 enum class Removal { kRemoved, kNotFound };
 
-/** Copies of records by a key that lies inside them. Keys are compared byte by byte. Records live
- * until the table is closed; they may be changed, but not their keys. One thread at a time. */
+/** A table of copies of records, found by a key inside the record. Keys are compared byte by byte.
+ * Records live until the table is closed; they may be changed, but not their keys. One thread at a
+ * time. */
 template <class Record, class Key>
 class HashTable : public Owner<HashTable<Record, Key>, HMEMHASH> {
   static_assert(std::is_trivially_copyable_v<Record>, "mem: a record is copied byte by byte");
@@ -41,9 +42,9 @@ class HashTable : public Owner<HashTable<Record, Key>, HMEMHASH> {
  public:
   HashTable() noexcept = default;
 
-  /** Opens a table of `kBuckets` buckets that are chosen by a hash of the key's bytes. Where the
-   * table's heap cannot be opened, the library leaves the control block (8 bytes a bucket and 48)
-   * to the host. */
+  /** Opens a table of `kBuckets` buckets, chosen by a hash of the key's bytes. If the table's heap
+   * cannot be opened, the library does not free the control block (48 bytes and 8 for each
+   * bucket). */
   template <std::int32_t kBuckets, std::size_t kOffset>
   static Result<HashTable> open(ContextRef context, Member<Record, Key, kOffset> key,
                                 HeapSettings settings = {}) noexcept {
@@ -52,7 +53,7 @@ class HashTable : public Owner<HashTable<Record, Key>, HMEMHASH> {
                 settings);
   }
 
-  /** The same with a hash function of the caller's, which answers 0 to `max`. */
+  /** The same with a hash function of the caller, which returns 0 to `max`. */
   template <std::size_t kOffset>
   static Result<HashTable> open(ContextRef context, Member<Record, Key, kOffset>, std::int16_t max,
                                 MEMHashFunc pFunc, HeapSettings settings = {}) noexcept {
@@ -68,7 +69,7 @@ class HashTable : public Owner<HashTable<Record, Key>, HMEMHASH> {
     return call(context, slots::MEM_HashClose, hMemHash);
   }
 
-  /** Copies the record into the table unless its key is there already. */
+  /** Copies the record into the table unless the table already has its key. */
   Result<Insertion<Record>> insert(const Record &record) noexcept {
     void *pStored = nullptr;
     const std::int16_t result = this->context().vector().MEM_HashInsEntry(
@@ -95,8 +96,8 @@ class HashTable : public Owner<HashTable<Record, Key>, HMEMHASH> {
     return Removal::kRemoved;
   }
 
-  /** Calls `visit(record)` for every record, bucket by bucket. It must not remove records and must
-   * not throw: an exception ends the program. */
+  /** Calls `visit(record)` for every record, bucket by bucket. `visit` must not remove records or
+   * throw: an exception ends the program. */
   template <class Visit>
   Status forEach(Visit visit) noexcept {
     const MEMScanFunc pFct = [](void *pRecord, void *pVisit) noexcept -> std::int16_t {

@@ -1,5 +1,5 @@
 /** @file heap.hpp
- * Heaps of both kinds. Part of mem.hpp, whose conventions hold.
+ * Heaps of both kinds. Part of mem.hpp, whose conventions apply.
  */
 #ifndef QJ7MEM00_MEM_HEAP_HPP
 #define QJ7MEM00_MEM_HEAP_HPP
@@ -19,7 +19,7 @@ namespace mem {
 /** @name Heaps */
 /** @{ */
 
-/** Areas of `areaKb` KB, 1 to 256, from a subpool of the host's. */
+/** Areas of `areaKb` KB, 1 to 256, from a host subpool. */
 struct HeapSettings {
   std::int16_t areaKb = 64;
   std::uint16_t subPool = 0;
@@ -50,8 +50,8 @@ constexpr void checkEntryType() noexcept {
                 "mem: an entry is too long");
 }
 
-// Record{args…} in an entry. By way of a temporary that is never made: g++ takes a record with a
-// constant member from one, but not behind `new`.
+// Makes Record{args…} in an entry. Initialised from a temporary, which the compiler elides: g++
+// rejects a record with a constant member directly after `new`.
 template <class Record, class... Args>
 Record *construct(void *pEntry, Args &&...args) noexcept {
   return new (pEntry) Record(Record{std::forward<Args>(args)...});
@@ -59,7 +59,8 @@ Record *construct(void *pEntry, Args &&...args) noexcept {
 
 }  // namespace detail
 
-/** What both kinds of heap do. Entries are 8-byte aligned and live until the heap is closed. */
+/** Operations of both kinds of heap. Entries are 8-byte aligned and live until the heap is
+ * closed. */
 template <class Derived, class Slots>
 class BasicHeap : public Owner<Derived, HMEMHEAP> {
  public:
@@ -77,7 +78,7 @@ class BasicHeap : public Owner<Derived, HMEMHEAP> {
     return call(context, Slots::close, hMemHeap);
   }
 
-  /** An entry of `length` bytes, with whatever the host's storage held. */
+  /** An entry of `length` bytes with the old contents of the host's storage. */
   Result<void *> allocate(std::int32_t length) noexcept {
     void *pEntry = nullptr;
     const Status allocated =
@@ -96,12 +97,12 @@ class BasicHeap : public Owner<Derived, HMEMHEAP> {
   }
 
   /** `count` records, 1 or more, initialised as Record{} and linked through `link`; the last link
-   * is null. On failure what was made so far stays in the heap. */
+   * is null. On failure the records made so far stay in the heap. */
   template <class Record, std::size_t kOffset>
   Result<Record *> makeChain(Member<Record, Record *, kOffset>, std::int32_t count) noexcept {
     detail::checkEntryType<Record>();
     static_assert(kOffset <= std::numeric_limits<std::int16_t>::max(),
-                  "mem: the link lies too far into the structure");
+                  "mem: the link's offset in the structure is too large");
     void *pFirst = nullptr;
     const Status made = call(this->context(), Slots::allocateChain, this->handle(),
                              static_cast<std::int32_t>(sizeof(Record)), count,
@@ -141,7 +142,7 @@ class BasicHeap : public Owner<Derived, HMEMHEAP> {
   }
 };
 
-/** A standard heap: entries are never freed singly. One thread at a time. */
+/** A standard heap: entries are never freed individually. One thread at a time. */
 class Heap : public BasicHeap<Heap, detail::HeapSlots> {
  public:
   Heap() noexcept = default;
@@ -151,13 +152,13 @@ class Heap : public BasicHeap<Heap, detail::HeapSlots> {
   Heap(ContextRef context, HMEMHEAP hMemHeap) noexcept : BasicHeap(context, hMemHeap) {}
 };
 
-/** A heap with a gate: any number of threads may allocate and free. It is moved and closed with no
+/** A heap with a gate: any number of threads may allocate and free. Move or close it only with no
  * other call on it running. */
 class EnhancedHeap : public BasicHeap<EnhancedHeap, detail::EnhancedHeapSlots> {
  public:
   EnhancedHeap() noexcept = default;
 
-  /** Gives back an entry of `length` bytes. Its storage returns to the host at close. */
+  /** Frees an entry of `length` bytes. Its storage returns to the host at close. */
   Status free(void *pEntry, std::int32_t length) noexcept {
     return call(context(), slots::MEM_EHeapFreeEntry, handle(), length, pEntry);
   }

@@ -1,5 +1,5 @@
 /** @file pack.hpp
- * Control blocks made from members, and packed chains. Part of mem.hpp, whose conventions hold.
+ * Control blocks made from members, and packed chains. Part of mem.hpp, whose conventions apply.
  */
 #ifndef QJ7MEM00_MEM_PACK_HPP
 #define QJ7MEM00_MEM_PACK_HPP
@@ -22,8 +22,8 @@ namespace mem {
 /** @name Pack control blocks from members */
 /** @{ */
 
-/** Descriptors of one table, texts' included. Compilers nest expansions 256 deep without further
- * options, and a block of 32,768 bytes has room for 268. */
+/** Most descriptors of one table, including those of texts. Compilers nest expansions 256 deep
+ * without further options, and a block of 32,768 bytes has room for 268. */
 inline constexpr std::size_t kMaxPackDescriptors = 250;
 
 namespace detail {
@@ -38,19 +38,19 @@ inline constexpr bool kIsWideText = std::is_same_v<Type, char16_t>;
 template <class Type>
 inline constexpr bool kIsText = kIsNarrowText<Type> || kIsWideText<Type>;
 
-// Other types of characters, with what to use instead.
+// Refuses other character types and names the type to use instead.
 template <class Type>
 constexpr void refuseForeignText() noexcept {
   static_assert(!std::is_same_v<Type, wchar_t>,
                 "mem: wchar_t differs between platforms: use char16_t");
-  static_assert(!std::is_same_v<Type, char8_t>, "mem: the services' text is no char8_t: use char");
+  static_assert(!std::is_same_v<Type, char8_t>, "mem: the services' text is not char8_t: use char");
   static_assert(!std::is_same_v<Type, char32_t>,
-                "mem: the services' text is no char32_t: use char16_t");
+                "mem: the services' text is not char32_t: use char16_t");
 }
 
 inline constexpr std::size_t kMaxOffset = 32767;  // offsets in descriptors have 16 signed bits
 
-// Types that have a meaning in the chains of big-endian writers.
+// True for types that have a meaning in the chains of big-endian writers.
 constexpr bool isEbcdicLetter(std::uint16_t type) noexcept {
   return type == 0xC3 || type == 0xC6 || type == 0xE2 || type == 0xE5 || type == 0xE6 ||
          type == 0xE7;
@@ -71,7 +71,8 @@ template <PartRole kRole, class Field>
 constexpr Part<kRole, Field> makePart() noexcept {
   static_assert(std::is_pointer_v<typename Field::Type>,
                 "mem: a sibling, child or reference must be a pointer");
-  static_assert(Field::kOffset <= kMaxOffset, "mem: the pointer lies too far into the structure");
+  static_assert(Field::kOffset <= kMaxOffset,
+                "mem: the pointer's offset in the structure is too large");
   refuseForeignText<Target<typename Field::Type>>();
   return {};
 }
@@ -89,7 +90,7 @@ struct SegmentKind {
   }
 };
 
-// Whether no two pointers share a byte, and none has one of the `head` bytes in front.
+// True when no two pointers share a byte and none overlaps the first `head` bytes.
 template <class... Parts>
 constexpr bool lieApart(std::int32_t head) noexcept {
   const std::array<std::int32_t, sizeof...(Parts)> offsets{Parts::offset...};
@@ -120,12 +121,12 @@ constexpr SegmentKind<Struct, kType, Parts...> makeSegment() noexcept {
   static_assert(kType != MEM_PACK_FIXED || sizeof(Struct) <= 65535,
                 "mem: a segment is 65,535 bytes long at most");
   static_assert(lieApart<Parts...>(kType == MEM_PACK_FIXED ? 0 : 2),
-                "mem: a pointer of a segment is named twice, or lies over another or the length");
+                "mem: a pointer of a segment is named twice, or overlaps another or the length");
   return {};
 }
 
-// The kinds of one control block: segments in the order given, then narrow and wide text where a
-// child points to them.
+// The kinds of one control block: segments in the given order, then narrow and wide text if a child
+// points to them.
 template <class... Segments>
 struct PackKinds {
   template <class Struct>
@@ -186,7 +187,7 @@ struct PackKinds {
     return descriptor;
   }
 
-  // Calls use(kind, target's kind) for each reference, in the order of the descriptor's.
+  // Calls use(kind, target's kind) for each reference, in the order of the descriptor.
   template <class Struct, std::uint16_t kType, class... Parts, class Use>
   static constexpr void forEachReference(SegmentKind<Struct, kType, Parts...>,
                                          [[maybe_unused]] Use use) noexcept {
@@ -204,7 +205,7 @@ struct PackKinds {
   }
 };
 
-// Descriptors behind the record, which declares eight.
+// The record with further descriptors after the eight that it declares.
 template <std::size_t kFurther>
 struct PackStorage {
   MemPackCB head{};
@@ -221,8 +222,8 @@ constexpr std::size_t furtherDescriptors(std::size_t count) noexcept {
 
 }  // namespace detail
 
-/** A control block of `kCount` descriptors whose root segment is a `RootStruct`, and the kinds that
- * references lead to, which a control block does not tell. */
+/** A control block of `kCount` descriptors whose root segment is a `RootStruct`, and the kinds of
+ * the references' targets, which a control block does not contain. */
 template <class RootStruct, std::size_t kCount>
 class PackTable {
  public:
@@ -241,7 +242,8 @@ class PackTable {
     return storage_.head.Descriptors[index];
   }
 
-  /** Kinds that references lead to; what is to be looked at for their sake, by descriptor. */
+  /** Number of kinds that references point to; and, by descriptor, what must be checked for
+   * references. */
   constexpr std::uint16_t targetCount() const noexcept { return targetCount_; }
   constexpr const detail::KindPlan *plans() const noexcept { return plans_.data(); }
 
@@ -249,7 +251,7 @@ class PackTable {
   template <class... Segments>
   friend constexpr auto packTable(Segments... segments) noexcept;
 
-  // Notes that the next reference of a kind leads to this one.
+  // Records the kind of the target of a kind's next reference.
   constexpr void addReference(std::uint16_t kind, std::uint16_t targetKind) noexcept {
     detail::KindPlan &target = plans_[targetKind];
     if (target.target == 0) target.target = ++targetCount_;
@@ -258,8 +260,8 @@ class PackTable {
     plan.references[i] = {descriptor(kind).References[i], target.target};
   }
 
-  // With all references: finds out what has to be walked through. Children mostly stand behind
-  // their parents.
+  // Finds the kinds that a check must walk through, after all references are added. Works
+  // backwards, because children usually come after their parents.
   constexpr void planWalk() noexcept {
     std::array<bool, kCount> isWalked{};
     for (bool hasChanged = true; hasChanged;) {
@@ -330,7 +332,7 @@ constexpr auto segment(Parts...) noexcept {
   return detail::makeSegment<Struct, MEM_PACK_FIXED, Parts...>();
 }
 
-/** A kind of segment that begins with a signed 16-bit count of the bytes behind it. */
+/** A kind of segment that begins with a signed 16-bit count of the bytes after it. */
 template <class Struct, std::size_t kOffset, class... Parts>
 constexpr auto countedSegment(Member<Struct, std::int16_t, kOffset>, Parts...) noexcept {
   static_assert(kOffset == 0, "mem: the count is the first member of its segment");
@@ -347,8 +349,8 @@ constexpr auto selfSizedSegment(Member<Struct, std::uint16_t, kOffset>, Parts...
   return detail::makeSegment<Struct, kType, Parts...>();
 }
 
-/** The control block of these segments; the first one is the root's kind. Descriptors stand in this
- * order, those of narrow and of wide text behind them where a child needs them. */
+/** The control block of these segments; the first one is the root's kind. Descriptors have this
+ * order; those of narrow and wide text follow if a child needs them. */
 template <class... Segments>
 constexpr auto packTable(Segments... segments) noexcept {
   static_assert(sizeof...(Segments) + 2 <= kMaxPackDescriptors,
@@ -371,14 +373,14 @@ constexpr auto packTable(Segments... segments) noexcept {
 /** @name Packed chain */
 /** @{ */
 
-/** The longest blocks of use: offsets within a block have 16 signed bits. */
+/** The longest useful block length: offsets within a block are signed 16-bit numbers. */
 inline constexpr std::int32_t kPackBlockLen = 32768;
 
-/** A chain of packed blocks. One thread at a time. Unpacking makes it the structure itself: from
- * then on it is kept for its lifetime only. */
+/** A chain of packed blocks. One thread at a time. Unpacking turns it into the structure; after
+ * that it only keeps the structure's storage. */
 class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
  public:
-  /** The used bytes of each block, as they stand in a file, until the chain is unpacked. */
+  /** The used bytes of each block, as in a file, until the chain is unpacked. */
   class Iterator {
    public:
     using value_type = std::span<const std::byte>;
@@ -411,7 +413,7 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
 
   struct Size {
     std::uint64_t blocks = 0;
-    std::uint64_t bytes = 0;  // used ones: the length of the file form
+    std::uint64_t bytes = 0;  // used bytes: the length of the file form
   };
 
   PackedChain() noexcept = default;
@@ -433,8 +435,8 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
     return pack(context, table.controlBlock(), &root, blockLen);
   }
 
-  /** A chain from its file form, of any writer. Bytes that are none are refused ("it is too short",
-   * "wrong length of block 3"); whether they make sense is for unpack() to tell. */
+  /** A chain from its file form, of any writer. Bytes that are not a chain are refused ("it is too
+   * short", "wrong length of block 3"); unpack() checks the contents. */
   static Result<PackedChain> load(ContextRef context, std::span<const std::byte> file) noexcept {
     if (file.size() < detail::kLeastChain) return refusal("it is too short");
     const bool isBigEndian = detail::isBigEndianChain(file.data());
@@ -485,20 +487,19 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
     return size;
   }
 
-  /** Turns the chain into the structures of a table and hands out the root. They live in the chain,
-   * segments and texts at any alignment (readRecord). Once only; after a failure the chain can only
-   * be closed.
+  /** Turns the chain into the structures of a table and returns the root. They live in the chain,
+   * with segments and texts at any alignment (readRecord). Call it only once; after a failure the
+   * chain can only be closed.
    *
-   * The writer need not be trusted. A chain of other structures is refused, and one in which a
-   * reference leads to anything but the start of a segment that is reached and of its kind. So
-   * every pointer that the table describes is null or leads to a segment of its kind or to a text
-   * with its terminator. Segments of fixed length can be read whole; of others there is as much as
-   * they tell, in their writer's byte order. All else is the writer's choice, pointers included
-   * that the table does not describe. Segments may share bytes that no pointers are in: a change of
-   * one may change another.
+   * The writer need not be trusted. A chain of other structures is refused, and so is one in which
+   * a reference does not point to the start of a reached segment of its kind. So every pointer in
+   * the table is null or points to a segment of its kind or to a text with its terminator. Segments
+   * of fixed length can be read whole; others have the length that they contain, in their writer's
+   * byte order. The writer chooses all other bytes, including pointers that the table does not
+   * describe. Segments may share bytes without pointers: a change of one may change another.
    *
-   * References cost a walk through the segments that have some or are led to, and storage of about
-   * a quarter of the chain's length for the time of the call. */
+   * References cost a walk through the segments that have references or are their targets, and
+   * storage of about a quarter of the chain's length for the time of the call. */
   template <class Root, std::size_t kCount>
   Result<Root *> unpack(const PackTable<Root, kCount> &table) noexcept {
     const MemPackBlock *const pLoaded = handle().pFirst;
@@ -515,21 +516,21 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
     return root;
   }
 
-  /** The same without a look at references: they lead to any byte of the chain. */
+  /** The same without a check of references: they may point to any byte of the chain. */
   template <class Root, std::size_t kCount>
   Result<Root *> unpackUnchecked(const PackTable<Root, kCount> &table) noexcept {
     return unpackTable(table, isDescribedBy(table));
   }
 
-  /** The same for any control block. Where MEM_Unpack works in place, segments are as long and
-   * pointers lie where the file's own control block says, not `packCB`: the writer has to be
-   * trusted for that, too. */
+  /** The same for any control block. If MEM_Unpack works in place, the file's own control block and
+   * not `packCB` defines the lengths of segments and the offsets of pointers: you must trust the
+   * writer for these, too. */
   Result<void *> unpackUnchecked(const MemPackCB &packCB) noexcept {
     MemPackBlock *pFirst = handle().pFirst;
     void *pRoot = nullptr;
     const Status unpacked = call(context(), slots::MEM_Unpack, &pFirst, &pRoot, &packCB);
     if (!unpacked.isOk()) return unpacked.error();
-    if (pFirst != handle().pFirst) {  // laid out anew, for a writer of another pointer width
+    if (pFirst != handle().pFirst) {  // a new chain, for a writer of another pointer width
       static_cast<void>(closeHandle(context(), handle()));
       constexpr bool isBigEndian = std::endian::native == std::endian::big;
       mutableHandle() = {pFirst, MEM_UNPACK_BLOCK_LEN, isBigEndian};
@@ -540,7 +541,7 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
  private:
   PackedChain(ContextRef context, detail::ChainHandle handle) noexcept : Owner(context, handle) {}
 
-  // Before it is unpacked.
+  // Call it before the chain is unpacked.
   template <class Table>
   bool isDescribedBy(const Table &table) const noexcept {
     return isOpen() && detail::ChainControlBlock(usedBytes(handle().pFirst), handle().isBigEndian)
@@ -566,7 +567,7 @@ class PackedChain : public Owner<PackedChain, detail::ChainHandle> {
     return reinterpret_cast<const std::byte *>(pBlock) + detail::kBlockHead;
   }
 
-  // Used length of the block at `at`, 0 when it cannot be one.
+  // Used length of the block at `at`, 0 when it is not valid.
   static std::size_t usedLengthAt(std::span<const std::byte> file, std::size_t at,
                                   bool isBigEndian) noexcept {
     const std::size_t left = file.size() - at;

@@ -1,5 +1,5 @@
 /** @file port.hpp
- * Definition tables made from members, and port strings. Part of mem.hpp, whose conventions hold.
+ * Definition tables made from members, and port strings. Part of mem.hpp, whose conventions apply.
  */
 #ifndef QJ7MEM00_MEM_PORT_HPP
 #define QJ7MEM00_MEM_PORT_HPP
@@ -39,7 +39,7 @@ constexpr MEMFieldType integerCode() noexcept {
   }
 }
 
-// Characters and truth values are integers for the language only.
+// Excludes characters and bool, which the language counts as integers.
 template <class Type>
 inline constexpr bool kIsInteger =
     std::is_integral_v<Type> && !std::is_same_v<Type, bool> && !std::is_same_v<Type, char> &&
@@ -50,7 +50,7 @@ template <class Type>
 inline constexpr bool kIsByte =
     std::is_same_v<Type, unsigned char> || std::is_same_v<Type, std::byte>;
 
-// The type code of a member; 0 where its type leaves it open.
+// The type code of a member; 0 if its type does not determine one.
 template <class FieldType>
 constexpr MEMFieldType portCode() noexcept {
   using Type = std::remove_cv_t<FieldType>;
@@ -72,7 +72,7 @@ constexpr MEMFieldType portCode() noexcept {
   }
 }
 
-// Stand-ins for a value: of any type of numbers, of any scalar type.
+// Placeholders that convert to any number type, or to any scalar type.
 struct AnyNumber {
   template <class Type>
   requires((std::is_arithmetic_v<Type> && !std::is_same_v<Type, bool>) || std::is_enum_v<Type>)
@@ -83,8 +83,8 @@ struct AnyScalar {
   requires(std::is_scalar_v<Type>) operator Type() const noexcept;
 };
 
-// Whether an aggregate takes `kCount` numbers and a value behind them. They flow into embedded
-// structures and arrays, whose braces may be left out.
+// True when an aggregate can be initialised with `kCount` numbers and one value after them. Braces
+// of embedded structures and arrays are elided.
 template <class Type, class Last, std::size_t... kIndexes>
 constexpr bool takesBehind(std::index_sequence<kIndexes...>) noexcept {
   return requires {
@@ -94,7 +94,7 @@ constexpr bool takesBehind(std::index_sequence<kIndexes...>) noexcept {
 template <class Type, class Last, std::size_t kCount>
 inline constexpr bool kTakesBehind = takesBehind<Type, Last>(std::make_index_sequence<kCount>{});
 
-// How many numbers stand at the front of an aggregate: `kFew` or more, fewer than `kMany`.
+// The number of leading numbers of an aggregate: at least `kFew`, fewer than `kMany`.
 template <class Type, std::size_t kFew, std::size_t kMany>
 constexpr std::size_t leadingNumbers() noexcept {
   constexpr std::size_t kMiddle = kFew + (kMany - kFew) / 2;
@@ -107,8 +107,9 @@ constexpr std::size_t leadingNumbers() noexcept {
   }
 }
 
-// Whether any bytes are a value of the type: nothing but numbers, as far as a compiler can see. It
-// cannot see into classes that are no aggregates, and is not asked to count for ever.
+// True when any bytes are a valid value of the type, because it has only numbers. False also for
+// types that cannot be inspected: classes that are not aggregates. The count is limited to keep
+// compile times short.
 template <class Type>
 constexpr bool isPlainBytes() noexcept {
   constexpr std::size_t kMostNumbers = 4096;
@@ -123,7 +124,7 @@ constexpr bool isPlainBytes() noexcept {
   }
 }
 
-// Whether a member can hold a field of this code.
+// True when a member can hold a field of this code.
 template <class FieldType, MEMFieldType kCode>
 constexpr bool canHold() noexcept {
   using Type = std::remove_cv_t<FieldType>;
@@ -158,11 +159,11 @@ constexpr bool isPortPointer(MEMFieldType code) noexcept {
 template <std::size_t kLength>
 inline constexpr std::array<std::byte, kLength> kZeros{};
 
-// Has one address for each type.
+// An object with a different address for each type.
 template <class Type>
 inline constexpr char kTypeMark = 0;
 
-// The number that an enumerator stands for; other numbers themselves.
+// The underlying number of an enumerator; other numbers unchanged.
 template <class Type>
 constexpr auto numberOf(Type value) noexcept {
   if constexpr (std::is_enum_v<Type>) {
@@ -172,7 +173,7 @@ constexpr auto numberOf(Type value) noexcept {
   }
 }
 
-// Whether a field of this type can hold the number.
+// True when a field of this type can hold the number.
 template <class FieldType, auto kValue>
 constexpr bool fits() noexcept {
   using Number = decltype(numberOf(kValue));
@@ -189,7 +190,7 @@ template <class Type, MEMFieldType kCode>
 using PortTarget =
     std::conditional_t<kCode == MEM_PORT_PNT || kCode == MEM_PORT_SUBSTRUCTURE, Target<Type>, void>;
 
-// What no field is, whatever its code.
+// Refuses members that can be no field with any code.
 template <class FieldType>
 constexpr void checkMember() noexcept {
   static_assert(std::is_trivially_copyable_v<FieldType>,
@@ -199,31 +200,32 @@ constexpr void checkMember() noexcept {
   refuseForeignText<Target<Type>>();
 }
 
-// A text may set any bits of a field of bytes.
+// Refuses fields of bytes whose type does not allow all values, because a text may set any bits.
 template <class FieldType, MEMFieldType kCode>
 constexpr void checkBytes() noexcept {
   if constexpr (kCode == MEM_PORT_CHAR || kCode == MEM_PORT_BIN || kCode == MEM_PORT_BIT) {
     using Element = std::remove_cv_t<std::remove_all_extents_t<std::remove_cv_t<FieldType>>>;
     static_assert(!std::is_same_v<Element, bool>,
                   "mem: a text may set bits that bool does not have: use std::uint8_t");
-    static_assert(std::is_same_v<Element, bool> || isPlainBytes<Element>(),
-                  "mem: a text would set pointers or bool in these bytes, or what cannot be seen");
+    static_assert(
+        std::is_same_v<Element, bool> || isPlainBytes<Element>(),
+        "mem: a text could set pointers or bool in these bytes, or their type is unknown");
   }
 }
 
-// One element of a repeat field, which is declared as such or as an array of one.
+// One element of a repeat field, which is declared as one element or as an array of one.
 template <class Type>
 using RepeatElement = std::conditional_t<std::is_array_v<Type> && std::extent_v<Type> == 1,
                                          std::remove_extent_t<Type>, Type>;
 
-// Where fields lie.
+// The place of a field in its structure.
 struct FieldExtent {
   std::size_t offset;
   std::size_t end;
   std::size_t index;
 };
 
-// For each field whether another one shares bytes with it.
+// For each field: true when another field shares bytes with it.
 template <class... Fields>
 constexpr std::array<bool, sizeof...(Fields)> sharedFields() noexcept {
   std::array<FieldExtent, sizeof...(Fields)> extents{
@@ -233,7 +235,7 @@ constexpr std::array<bool, sizeof...(Fields)> sharedFields() noexcept {
     return left.offset < right.offset;
   });
   std::array<bool, sizeof...(Fields)> areShared{};
-  std::size_t furthest = 0;  // of those in front, the one that ends last
+  std::size_t furthest = 0;  // the field with the last end so far
   for (std::size_t i = 1; i < extents.size(); ++i) {
     const FieldExtent &before = extents[furthest];
     if (extents[i].offset < before.end) {
@@ -246,7 +248,7 @@ constexpr std::array<bool, sizeof...(Fields)> sharedFields() noexcept {
 
 }  // namespace detail
 
-/** One field of a definition: MEM_FIELD's member with identifier, type code and options. */
+/** One field of a definition: a MEM_FIELD member with identifier, type code and options. */
 template <class StructType, class FieldType, std::uint32_t kId, MEMFieldType kCode,
           std::size_t kFieldOffset, detail::Repeat kRepeat = detail::Repeat::kNone,
           std::uint32_t kCountId = 0>
@@ -268,19 +270,19 @@ class PortField {
     def_.Offset = static_cast<std::int32_t>(kOffset);
   }
 
-  /** A text without the field is refused. */
+  /** Refuses a text without the field. */
   constexpr PortField required() const noexcept {
     PortField changed = *this;
     changed.def_.Required = 1;
     return changed;
   }
-  /** Text that is longer than the field is refused instead of being cut. */
+  /** Refuses text that is longer than the field instead of truncating it. */
   constexpr PortField noTruncate() const noexcept {
     PortField changed = *this;
     changed.def_.NoTruncate = 1;
     return changed;
   }
-  /** Never written, and not demanded. */
+  /** The field is never written, and not required when reading. */
   constexpr PortField notPorted() const noexcept {
     PortField changed = *this;
     changed.def_.NotPorted = 1;
@@ -303,8 +305,8 @@ class PortField {
     changed.hasDefault_ = true;
     return changed;
   }
-  /** For numbers and enumerators of 16 and 32 bits. Of a 64-bit field readers set half only, so it
-   * has no default. */
+  /** For numbers and enumerators of 16 and 32 bits. A 64-bit field has no default, because readers
+   * set only half of it. */
   template <auto kValue>
   constexpr PortField defaultNumber() const noexcept {
     static_assert(detail::isPortNumber(kCode), "mem: this field has no number as its default");
@@ -333,8 +335,8 @@ class PortField {
 
   constexpr const MEMFieldDef &def() const noexcept { return def_; }
 
-  /** The same for a field that lies apart from all others: absent, and without a default, it is
-   * null or empty instead of what its storage held. */
+  /** The same for a field that overlaps no other: if it is absent and has no default, it becomes
+   * null or empty instead of keeping the old contents of its storage. */
   constexpr MEMFieldDef completeDef() const noexcept {
     MEMFieldDef def = def_;
     if constexpr (kIsBound) {
@@ -351,7 +353,8 @@ class PortField {
   }
 
  private:
-  // Pointers, and text with a terminator, are read by what they hold.
+  // True for pointers, text with a terminator and embedded structures, which may contain them:
+  // their values affect which storage a program reads.
   static constexpr bool kIsBound = detail::isPortPointer(kCode) || detail::isPortText(kCode) ||
                                    detail::isPortWideText(kCode) || kCode == MEM_PORT_SUBSTRUCTURE;
 
@@ -378,7 +381,7 @@ constexpr auto field(Member<Struct, Type, kOffset>) noexcept {
   return PortField<Struct, Type, kId, detail::portCode<Type>(), kOffset>();
 }
 
-/** The same with a type code of the caller's: Char, WChar, Bin and Bit, which no type tells. */
+/** The same with an explicit type code: Char, WChar, Bin and Bit, which no type determines. */
 template <std::uint32_t kId, MEMFieldType kCode, class Struct, class Type, std::size_t kOffset>
 constexpr auto fieldAs(Member<Struct, Type, kOffset>) noexcept {
   static_assert(detail::canHold<Type, kCode>(),
@@ -388,8 +391,8 @@ constexpr auto fieldAs(Member<Struct, Type, kOffset>) noexcept {
   return PortField<Struct, Type, kId, kCode, kOffset>();
 }
 
-/** The repeat field, the last one of its structure: an element, or an array of one, of which there
- * are as many as the field `kCountId` says. */
+/** The repeat field, the last one of its structure: an element or an array of one. The field
+ * `kCountId` has the number of elements. */
 template <std::uint32_t kId, std::uint32_t kCountId, class Struct, class Type, std::size_t kOffset>
 constexpr auto repeatedField(Member<Struct, Type, kOffset>) noexcept {
   using Element = detail::RepeatElement<Type>;
@@ -400,7 +403,7 @@ constexpr auto repeatedField(Member<Struct, Type, kOffset>) noexcept {
                    detail::Repeat::kByCount, kCountId>();
 }
 
-/** The same where the field `kLengthId` holds the structure's bytes. */
+/** The same, but the field `kLengthId` has the structure's length in bytes. */
 template <std::uint32_t kId, std::uint32_t kLengthId, class Struct, class Type, std::size_t kOffset>
 constexpr auto repeatedFieldByLength(Member<Struct, Type, kOffset>) noexcept {
   using Element = detail::RepeatElement<Type>;
@@ -433,13 +436,14 @@ struct PortStructure {
     return ((Fields::kRepeats == detail::Repeat::kByLength) || ...);
   }
 
-  /** Whether there are fields here, or in what is embedded, by which a program goes on to other
-   * storage: pointers and counts. */
+  /** True when the structure, or one embedded in it, has fields that determine which other storage
+   * a program reads: pointers and counts. */
   template <class Table>
   static constexpr bool leadsOn() noexcept {
     return (leadsOn<Table, Fields>() || ...);
   }
-  /** Whether such a field may be written as another one, because the two share bytes. */
+  /** True when another field shares bytes with such a field, so that a text can set one through the
+   * other. */
   template <class Table>
   static constexpr bool isAmbiguous() noexcept {
     const auto areShared = detail::sharedFields<Fields...>();
@@ -488,8 +492,8 @@ constexpr bool hasCountField() noexcept {
           ...);
 }
 
-// Whether the elements, which go on behind the last one declared, lie over nothing else: no other
-// field ends behind the first, and the structure ends with it.
+// True when the elements, which continue after the declared one, overlap nothing else: no other
+// field ends after the first element begins, and the structure ends with it.
 template <class Struct, class... Fields>
 constexpr bool repeatsAtTheEnd() noexcept {
   std::size_t othersEnd = 0;
@@ -507,7 +511,7 @@ constexpr bool repeatsAtTheEnd() noexcept {
   return othersEnd <= first && sizeof(Struct) - end < alignof(Struct);
 }
 
-// Whether no two fields are one pointer.
+// True when no two fields are the same pointer.
 template <class... Fields>
 constexpr bool namesPointersOnce() noexcept {
   const std::array<bool, sizeof...(Fields)> isPointer{isPortPointer(Fields::kFieldCode)...};
@@ -539,13 +543,13 @@ constexpr void checkRepeat() noexcept {
                 "mem: the count field must be a 16- or 32-bit number of the same structure");
   static_assert(!((Fields::kRepeats != Repeat::kNone) || ...) ||
                     repeatsAtTheEnd<typename Structure::Struct, Fields...>(),
-                "mem: elements of the repeat field would lie over what is behind it");
+                "mem: elements of the repeat field would overlap what follows it");
 }
 
 }  // namespace detail
 
 /** The structure `kId` of a table, with its fields in ascending order of their identifiers. Clang
- * takes more than 256 fields with -fbracket-depth only. */
+ * accepts more than 256 fields only with -fbracket-depth. */
 template <class Struct, std::uint32_t kId, class... Fields>
 constexpr auto structure(const Fields &...fields) noexcept {
   using Structure = PortStructure<Struct, kId, Fields...>;
@@ -563,14 +567,14 @@ constexpr auto structure(const Fields &...fields) noexcept {
   static_assert(std::is_trivially_copyable_v<Struct>,
                 "mem: a structure is filled byte by byte (trivially copyable)");
   static_assert(alignof(Struct) <= detail::kEntryAlignment, "mem: entries are aligned to 8 bytes");
-  static_assert(detail::namesPointersOnce<Fields...>(), "mem: two fields are one pointer");
+  static_assert(detail::namesPointersOnce<Fields...>(), "mem: two fields are the same pointer");
   detail::checkRepeat<Structure, Fields...>();
   return Structure{detail::completeFields(fields...)};
 }
 
 /** A table of structure definitions, complete and checked: every pointer and embedded structure
- * leads to a structure of the same table. It holds addresses of its own parts, so it is made in
- * place (a constant of static storage duration) and not copied:
+ * refers to a structure of the same table. It contains addresses of its own parts, so define it in
+ * place (a constant of static storage duration) and do not copy it:
  *
  *     inline constexpr mem::PortTable kTable{mem::structure<…>(…), …};
  */
@@ -581,21 +585,21 @@ class PortTable {
   PortTable(const PortTable &) = delete;
   PortTable &operator=(const PortTable &) = delete;
 
-  /** As the services take it, ended by a record with identifier 0. */
+  /** The table for the services, ended by a record with identifier 0. */
   constexpr const MEMStructDef *table() const noexcept { return defs_.data(); }
 
   template <class Struct>
   static constexpr bool describes() noexcept {
     return timesDescribed<Struct>() == 1;
   }
-  /** Whether the structure, or one embedded in it, has pointers or counts. */
+  /** True when the structure, or one embedded in it, has pointers or counts. */
   template <class Struct>
   static constexpr bool leadsOn() noexcept {
     return ((std::is_same_v<typename Structures::Struct, Struct> &&
              Structures::template leadsOn<PortTable>()) ||
             ...);
   }
-  /** Whether a text decides by itself what pointers and counts are: some share bytes with other
+  /** True when a text can set pointers and counts to any value, because some share bytes with other
    * fields. */
   static constexpr bool isAmbiguous() noexcept {
     return (Structures::template isAmbiguous<PortTable>() || ...);
@@ -624,7 +628,7 @@ class PortTable {
       return 0;
     } else {
       static_assert(timesDescribed<Target>() == 1,
-                    "mem: a field leads to a structure that the table does not describe");
+                    "mem: a field refers to a structure that the table does not describe");
       return idOf<Target>();
     }
   }
@@ -633,7 +637,7 @@ class PortTable {
   constexpr void add(const PortStructure<Struct, kId, Members...> &added) noexcept {
     using Structure = PortStructure<Struct, kId, Members...>;
     static_assert(timesDescribed<Struct>() == 1, "mem: a structure is described twice");
-    static_assert(timesUsed(kId) == 1, "mem: two structures have one identifier");
+    static_assert(timesUsed(kId) == 1, "mem: two structures have the same identifier");
     const std::array<std::uint32_t, Structure::kFieldCount> targets = {targetId<Members>()...};
     MEMStructDef &def = defs_[defCount_++];
     def.StructID = kId;
@@ -660,7 +664,7 @@ class PortTable {
 
 namespace detail {
 
-// A call that tells of its failure in a record.
+// Calls a service that reports its failure in a record.
 template <class Service, class... Args>
 Status callPort(const Context &context, Slot<Service> slot, Args... args) noexcept {
   Error::forgetRecord(context);
@@ -704,9 +708,9 @@ class PortString {
 
   PortString() noexcept = default;
 
-  /** Writes the structure at `pStruct`, of kind `structId`, and all that it reaches. The heap of
-   * `settings` takes the text. `chunkLen` is the capacity of a chunk, 0 for what fills an area. The
-   * error has no code of its own; a failing heap's stands there. */
+  /** Writes the structure at `pStruct`, of kind `structId`, and all that it reaches. The text is in
+   * a heap with `settings`. `chunkLen` is the capacity of a chunk; 0 selects the one that fills an
+   * area. The error has no code of its own, but that of a heap that failed. */
   static Result<PortString> write(ContextRef context, const MEMStructDef *pDefs,
                                   std::uint32_t structId, const void *pStruct,
                                   HeapSettings settings = {}, std::int32_t chunkLen = 0) noexcept {
@@ -749,7 +753,7 @@ class PortString {
 
 namespace detail {
 
-// Whether the first structure text is of this kind. A reader would store whatever comes first.
+// True when the first structure text is of this kind. A reader would accept any kind.
 inline bool beginsWith(std::string_view text, std::uint32_t structId) noexcept {
   constexpr std::size_t kMostDigits = 10;
   char digits[kMostDigits + 1] = {'('};
@@ -772,8 +776,8 @@ Result<Struct *> readPort(Heap &heap, const Context &context, Slot slot, const M
   return static_cast<Struct *>(pTop);
 }
 
-// Checks first. A text that the check does not understand is left to the reader, which tells where
-// it fails.
+// Checks the text first. A text that the check cannot parse is passed to the reader, which reports
+// where it fails.
 template <class Struct, class Table, class Heap, class Slot, class... Input>
 Result<Struct *> readPortChecked(Heap &heap, const Context &context, Slot slot, const Table &table,
                                  const PortCharacters &text, Input... input) noexcept {
@@ -788,7 +792,7 @@ Result<Struct *> readPortChecked(Heap &heap, const Context &context, Slot slot, 
   return Error::refusal(slot.name, "the text is not what the definitions say");
 }
 
-// What the contiguous readers refuse before they look at the text as a whole; null for nothing.
+// Why the contiguous readers refuse a text before they check the whole text; null if they do not.
 inline const char *refusalOf(std::string_view text, std::uint32_t structId) noexcept {
   if (!beginsWith(text, structId)) return kOtherStructure;
   const bool isLong = text.size() > std::numeric_limits<std::uint32_t>::max();
@@ -797,21 +801,21 @@ inline const char *refusalOf(std::string_view text, std::uint32_t structId) noex
 
 }  // namespace detail
 
-/** Reads a port string into structures in the caller's heap, of either kind, and hands out the
- * top-level one, which has to be a `Struct`. The text need not be trusted: it is looked through
- * first, and refused unless
- *  - every pointer leads to a structure of its type, and every embedded structure is of its type;
- *  - as many elements come as the text and the count field say, and only a repeat field comes again
- *    behind the last one.
- * So every structure can be read as its type says, every pointer of it is null or leads to such a
- * structure or to a text with its terminator, and every array of text that shares its bytes with no
- * other field has one, too. Numbers, enumerations and bytes are the text's choice, and so is which
- * of several fields was stored in a union. Members that the table does not describe, and what
- * alternatives leave out, are as the storage came. A structure without elements ends where the
- * first one would stand.
+/** Reads a port string into structures in the caller's heap, of either kind, and returns the
+ * top-level one, which must be a `Struct`. The text need not be trusted: it is checked first, and
+ * refused unless
+ *  - every pointer refers to a structure of its type, and every embedded structure is of its type;
+ *  - the number of elements matches the text and the count field, and after the last field only a
+ *    repeat field occurs again.
+ * So every structure can be read as its type, every pointer in it is null or points to such a
+ * structure or to a text with its terminator, and every array of text that shares no bytes with
+ * another field has a terminator, too. Numbers, enumerations and bytes may have any value, and the
+ * text chooses which of several fields in a union was stored. Members that the table does not
+ * describe, and bytes that alternatives do not store, have the old contents of the storage. A
+ * structure without elements ends where the first one would be.
  *
- * On failure what was made so far stays in the heap. The look takes a number of 4 bytes for each
- * structure, and time in proportion to the text. */
+ * On failure all that was made so far stays in the heap. The check takes 4 bytes for each
+ * structure, and time proportional to the length of the text. */
 template <class Struct, class Heap, class... Structures>
 Result<Struct *> readPortString(ContextRef context, Heap &heap,
                                 const PortTable<Structures...> &table,
@@ -825,7 +829,7 @@ Result<Struct *> readPortString(ContextRef context, Heap &heap,
                                          static_cast<std::uint32_t>(text.size()));
 }
 
-/** The same from a string that was written here, maybe with another table. */
+/** The same from a string that this program wrote, possibly with another table. */
 template <class Struct, class Heap, class... Structures>
 Result<Struct *> readPortString(ContextRef context, Heap &heap,
                                 const PortTable<Structures...> &table,
@@ -838,9 +842,9 @@ Result<Struct *> readPortString(ContextRef context, Heap &heap,
                                          string.firstChunk());
 }
 
-/** Reads a text whose writer is trusted to have used this table: only the kind of the top-level
- * structure is compared. The text decides what its pointers lead to
- * (docs/port-strings.md, "Check a text from elsewhere"). */
+/** Reads a text from a writer that is trusted to have used this table: compares only the kind of
+ * the top-level structure. The text decides what its pointers refer to (docs/port-strings.md, "Check
+ * a text from elsewhere"). */
 template <class Struct, class Heap, class... Structures>
 Result<Struct *> readPortStringUnchecked(ContextRef context, Heap &heap,
                                          const PortTable<Structures...> &table,
@@ -853,7 +857,7 @@ Result<Struct *> readPortStringUnchecked(ContextRef context, Heap &heap,
                                   static_cast<std::uint32_t>(text.size()));
 }
 
-/** The same from a string that was written here with this table. */
+/** The same from a string that this program wrote with this table. */
 template <class Struct, class Heap, class... Structures>
 Result<Struct *> readPortStringUnchecked(ContextRef context, Heap &heap,
                                          const PortTable<Structures...> &table,

@@ -1,9 +1,9 @@
 /** @file portcheck.hpp
- * Whether a port string is what its definitions say. Part of mem.hpp, whose conventions hold.
+ * Checks that a port string matches its definitions. Part of mem.hpp, whose conventions apply.
  *
- * Readers compare a text with the definitions no further than its grammar needs: a pointer is a
- * number, and the kind of what it leads to is the text's choice. What is in here reads a text as
- * they do and compares the rest, once and before they read it.
+ * Readers compare a text with the definitions only as far as the grammar needs: a pointer is a
+ * number, and the text chooses the kind of its target. This header parses a text as readers do and
+ * compares the rest, once, before they read it.
  */
 #ifndef QJ7MEM00_MEM_PORTCHECK_HPP
 #define QJ7MEM00_MEM_PORTCHECK_HPP
@@ -20,16 +20,16 @@
 
 namespace mem::detail {
 
-// Eight characters looked at together.
+// Eight characters processed together.
 class CharacterWord {
  public:
   static constexpr std::ptrdiff_t kLen = 8;
 
   explicit CharacterWord(const char *p) noexcept { std::memcpy(&word_, p, kLen); }
 
-  // Marks, bits in the bytes of a word, none where there is no such character. Only the one of the
-  // first character in memory is sure to be right, and the mark of the first is the lowest on
-  // little-endian machines only.
+  // Marks are bits in the bytes of a word; no mark means that there is no such character. Only the
+  // mark of the first character in memory is reliable, and it is the lowest mark only on
+  // little-endian machines.
   std::uint64_t nonDigits() const noexcept {
     const std::uint64_t values = word_ ^ every('0');
     return (values | (values + every(0x7F - 9))) & every(0x80);
@@ -40,7 +40,7 @@ class CharacterWord {
 
   static std::ptrdiff_t charactersBelow(std::uint64_t marks) noexcept {
     if constexpr (std::endian::native == std::endian::little) return std::countr_zero(marks) / 8;
-    return 0;  // they are looked at one by one
+    return 0;  // the caller checks them one by one
   }
 
  private:
@@ -54,7 +54,7 @@ class CharacterWord {
   std::uint64_t word_ = 0;
 };
 
-// The characters of a text in one piece, or in chunks.
+// The characters of a text, contiguous or in chunks.
 class PortCharacters {
  public:
   explicit PortCharacters(std::string_view text) noexcept
@@ -62,7 +62,7 @@ class PortCharacters {
   PortCharacters(const MEMPortChunk *pFirst, std::uint64_t length) noexcept
       : pChunk_(pFirst), left_(length) {}
 
-  // Characters of the whole text, or more.
+  // Upper bound of the number of characters of the whole text.
   std::uint64_t length() const noexcept { return left_; }
 
   bool hasMore() noexcept { return pNext_ != pEnd_ || step(); }
@@ -86,7 +86,7 @@ class PortCharacters {
 
   static constexpr bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-  // Reversed digits, none are 0. Excess ones wrap, as readers let them.
+  // Reads reversed digits; none give 0. Excess digits wrap, as in readers.
   std::uint64_t number() noexcept {
     std::uint64_t value = 0;
     for (std::uint64_t weight = 1; hasMore() && isDigit(*pNext_); weight *= 10) {
@@ -107,8 +107,8 @@ class PortCharacters {
     }
   }
 
-  // Text behind its opening quote, with the closing one. `hasGroups`: a digit n behind a "/" tells
-  // that n characters belong to it.
+  // Skips text after its opening quote, including the closing one. `hasGroups`: a digit n after a
+  // "/" is followed by n characters that belong to it.
   bool skipQuoted(char quote, bool hasGroups) noexcept {
     while (hasMore()) {
       const char *p = pNext_;
@@ -144,19 +144,19 @@ class PortCharacters {
 
   const char *pNext_ = nullptr;
   const char *pEnd_ = nullptr;
-  const MEMPortChunk *pChunk_ = nullptr;  // the one behind the current one
+  const MEMPortChunk *pChunk_ = nullptr;  // the one after the current one
   std::uint64_t left_;
 };
 
 inline constexpr char kOtherStructure[] = "the text begins with another structure";
 
-// Follows a text with the definitions of a PortTable, which are in order.
+// Parses a text with the definitions of a PortTable, which are valid.
 class PortCheck {
  public:
   PortCheck(const MEMStructDef *pDefs, const PortCharacters &text) noexcept
       : pDefs_(pDefs), text_(text) {}
 
-  // How many structures the header promises, by the rules of readers; 0 where they refuse it.
+  // The number of structures in the header, by the rules of readers; 0 if they refuse it.
   std::uint32_t readHeader() noexcept {
     char header[MEM_PORT_HEADER_LEN];
     for (char &c : header) {
@@ -174,8 +174,8 @@ class PortCheck {
     return isPossible ? static_cast<std::uint32_t>(count) : 0;
   }
 
-  // Looks at all structures; behind readHeader(). `pKinds` has a cleared number for each. False for
-  // a text that is something else than the definitions say, or that no reader understands.
+  // Checks all structures; call it after readHeader(). `pKinds` has a cleared number for each.
+  // False for a text that does not match the definitions, or that readers cannot parse.
   bool run(std::uint32_t rootId, std::uint32_t *pKinds, std::uint32_t count) noexcept {
     pKinds_ = pKinds;
     count_ = count;
@@ -191,7 +191,7 @@ class PortCheck {
     return true;
   }
 
-  // What is wrong with a text that was not looked through; null where a reader finds it.
+  // Why the text was refused; null when a reader will find the error.
   const char *refusal() const noexcept { return pRefusal_; }
 
  private:
@@ -200,11 +200,11 @@ class PortCheck {
   static constexpr std::uint64_t kMostStructures =
       std::numeric_limits<std::int32_t>::max() / sizeof(void *);
 
-  // One structure text while it is looked at.
+  // The state of checking one structure text.
   struct Progress {
-    std::uint32_t elements = 1;  // that the text promises
+    std::uint32_t elements = 1;  // according to the text
     std::uint64_t lastCount = 0;
-    std::int64_t counted = 0;  // what the count field will hold, if it is known
+    std::int64_t counted = 0;  // value of the count field, if known
     bool hasCounted = false;
     bool isCountThere = false;
   };
@@ -214,13 +214,13 @@ class PortCheck {
     return false;
   }
 
-  // Structure `index` has one kind, whoever tells it first: a pointer or the structure's own text.
+  // Structure `index` has one kind, set by the first pointer to it or by its own text.
   bool isKind(std::uint32_t index, std::uint32_t structId) noexcept {
     if (pKinds_[index] == 0) pKinds_[index] = structId;
     return pKinds_[index] == structId;
   }
 
-  // "(" and the identifier. Null where readers fail.
+  // Reads "(" and the identifier. Null if readers fail.
   const MEMStructDef *takeIdentifier() noexcept {
     if (!text_.take('(')) return nullptr;
     const auto structId = static_cast<std::uint32_t>(text_.number());
@@ -268,7 +268,7 @@ class PortCheck {
     return true;
   }
 
-  // Fields of a PortTable ascend.
+  // Fields of a PortTable are in ascending order.
   static const MEMFieldDef *find(const MEMStructDef &def, const MEMFieldDef *pExpected,
                                  std::uint32_t fieldId) noexcept {
     if (pExpected->FieldID == fieldId) return pExpected;
@@ -279,7 +279,7 @@ class PortCheck {
     return pFound != pEnd && pFound->FieldID == fieldId ? pFound : nullptr;
   }
 
-  // A field that is newer than the definition, and all that follow it in its structure text.
+  // Skips a field that is newer than the definition, and all fields after it in its structure text.
   bool skipNewer() noexcept {
     std::uint64_t depth = 0;
     for (char c = 0; text_.get(c);) {
@@ -411,7 +411,7 @@ class PortCheck {
     }
   }
 
-  // Whether the last field came as often as the text and the count field promise.
+  // True when the last field occurs as often as the text and the count field require.
   bool isCounted(const MEMStructDef &def, Progress &progress) noexcept {
     if (def.CountField == MEM_PORT_NO_COUNT) {
       return progress.lastCount <= 1 || refuse("the last field comes more than once");
@@ -429,15 +429,15 @@ class PortCheck {
     return ((isAll || isLeftOut) && isElementCount(def, last, progress)) || refuse(kOtherCount);
   }
 
-  // Whether a field may hold whatever its storage held.
+  // True when a field may keep the old contents of its storage.
   static bool mayBeAny(std::uint8_t type) noexcept {
     return (type >= MEM_PORT_SHORT && type <= MEM_PORT_ULONG) || type == MEM_PORT_UBIGINT ||
            type == MEM_PORT_BIGINT || type == MEM_PORT_CHAR || type == MEM_PORT_WCHAR ||
            type == MEM_PORT_BIN || type == MEM_PORT_BIT;
   }
 
-  // A count that the text leaves out must not promise more than there is. A negative one stands for
-  // no elements, as writers have it.
+  // A count that is absent in the text must not exceed the number of elements. A negative count
+  // means no elements, as in writers.
   static bool isElementCount(const MEMStructDef &def, const MEMFieldDef &last,
                              const Progress &progress) noexcept {
     const std::int64_t elements = progress.elements;
@@ -454,13 +454,13 @@ class PortCheck {
 
   const MEMStructDef *pDefs_;
   PortCharacters text_;
-  std::uint32_t *pKinds_ = nullptr;  // StructID of each structure, 0 while it is not known
+  std::uint32_t *pKinds_ = nullptr;  // StructID of each structure, 0 while it is unknown
   std::uint32_t count_ = 0;
   const char *pRefusal_ = nullptr;
 };
 
-// Whether the text is what the definitions of a PortTable say, from a structure `rootId` on. False,
-// without an error, for a text that readers fail with: they tell where and why.
+// True when the text matches the definitions of a PortTable, starting with a structure `rootId`.
+// False, without an error, for a text that readers refuse: they report where and why.
 inline Result<bool> isAsDefined(const Context &context, const char *service,
                                 const MEMStructDef *pDefs, std::uint32_t rootId,
                                 const PortCharacters &text) noexcept {

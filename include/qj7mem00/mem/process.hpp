@@ -1,5 +1,5 @@
 /** @file process.hpp
- * Process and thread: owners of the context blocks. Part of mem.hpp, whose conventions hold.
+ * Process and thread: owners of the context blocks. Part of mem.hpp, whose conventions apply.
  */
 #ifndef QJ7MEM00_MEM_PROCESS_HPP
 #define QJ7MEM00_MEM_PROCESS_HPP
@@ -13,14 +13,14 @@ namespace mem {
 /** @name Process and thread */
 /** @{ */
 
-/** The library's process block, message table and sink: MEM_ProcessInit until MEM_ProcessTerm.
- * Made with no other call running, before all other owners; closed after them, and after every
+/** The library's process block, message table and sink, from MEM_ProcessInit to MEM_ProcessTerm.
+ * Start it before all other owners, with no other call running; close it after them and after every
  * ActiveThread. */
 class RunningProcess : public Owner<RunningProcess, bool> {
  public:
   RunningProcess() noexcept = default;
 
-  /** What a start that fails had obtained is given back. */
+  /** A start that fails frees what it has allocated. */
   static Result<RunningProcess> start(ContextRef context) noexcept {
     const Status started = call(context.get(), slots::MEM_ProcessInit);
     RunningProcess process(context);
@@ -36,8 +36,8 @@ class RunningProcess : public Owner<RunningProcess, bool> {
   explicit RunningProcess(ContextRef context) noexcept : Owner(context, true) {}
 };
 
-/** The calling thread's thread block: MEM_ThreadAct until MEM_ThreadTerm. Used, and closed, on the
- * thread that made it. One a thread. */
+/** The calling thread's thread block, from MEM_ThreadAct to MEM_ThreadTerm. Use and close it on the
+ * thread that made it. One for each thread. */
 class ActiveThread : public Owner<ActiveThread, bool> {
  public:
   ActiveThread() noexcept = default;
@@ -45,7 +45,7 @@ class ActiveThread : public Owner<ActiveThread, bool> {
   static Result<ActiveThread> activate(ContextRef context) noexcept {
     const std::int16_t result = context->vector().MEM_ThreadAct();
     if (result == 0) return ActiveThread(context);
-    // The call leaves an earlier failure's record where it stands and adds at most this code.
+    // The call keeps the record of an earlier failure and adds at most this code.
     const Error error = Error::ofCall(context.get(), slots::MEM_ThreadAct.name, result);
     if (error.code() == MEMERR_TBLKFAIL) return error;
     return Error::withoutRecord(slots::MEM_ThreadAct.name, result);

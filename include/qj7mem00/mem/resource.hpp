@@ -1,7 +1,7 @@
 /** @file resource.hpp
  * Heaps and cell pools as memory resources of the standard library's containers. Part of mem.hpp,
- * whose conventions hold but for one: memory resources fail by std::bad_alloc, as their users
- * expect. Without exceptions the program is ended instead, with the error printed to stderr.
+ * whose conventions apply with one exception: memory resources throw std::bad_alloc on failure, as
+ * their users expect. Without exceptions they print the error to stderr and end the program.
  */
 #ifndef QJ7MEM00_MEM_RESOURCE_HPP
 #define QJ7MEM00_MEM_RESOURCE_HPP
@@ -34,25 +34,25 @@ namespace detail {
 
 }  // namespace detail
 
-/** A heap as a memory resource: `HeapResource resource(heap);`. Both outlive the containers, as
- * does the heap the resource. One thread at a time over a `Heap`; any number over an
+/** A heap as a memory resource: `HeapResource resource(heap);`. The heap must outlive the resource,
+ * and the resource its containers. One thread at a time over a `Heap`; any number over an
  * `EnhancedHeap`.
  *
- * What a container gives back goes
- *  - of an `EnhancedHeap`: back to the host when the heap is closed; a failure to give it back is
+ * Storage that a container frees
+ *  - of an `EnhancedHeap` returns to the host when the heap is closed; a failure to free it is
  *    ignored;
- *  - of a `Heap`: nowhere. It stays taken until the heap is closed, so a container that grows step
- *    by step takes several times what it holds in the end. Reserve first, or put
+ *  - of a `Heap` stays allocated until the heap is closed, so a container that grows step by step
+ *    takes several times its final size. Reserve first, or put
  *    std::pmr::unsynchronized_pool_resource in between.
- * Closing the heap returns everything, whether containers were destroyed or not. */
+ * Closing the heap frees everything, even if containers still exist. */
 template <class HeapType>
 class HeapResource final : public std::pmr::memory_resource {
  public:
   explicit HeapResource(HeapType &heap) noexcept : heap_(heap) {}
 
  private:
-  // Entries are aligned to 8 bytes. For more, the address of the entry stands in front of what is
-  // handed out.
+  // Entries are aligned to 8 bytes. For a larger alignment, the entry's address is stored before
+  // the returned storage.
   static std::size_t entryLength(std::size_t bytes, std::size_t alignment) noexcept {
     if (alignment > detail::kEntryAlignment) return bytes + alignment;
     return bytes == 0 ? 1 : bytes;
@@ -91,12 +91,13 @@ class HeapResource final : public std::pmr::memory_resource {
   HeapType &heap_;
 };
 
-/** A cell pool as a memory resource, for containers of nodes: `CellResource resource(pool);`. What
- * fits into a cell is one; for other requests, such as a container's arrays, `pUpstream` is asked.
- * All outlive the containers. One thread at a time.
+/** A cell pool as a memory resource, for containers of nodes: `CellResource resource(pool);`. A
+ * request that fits into a cell gets one; other requests, such as a container's arrays, go to
+ * `pUpstream`. The pool, the resource and `pUpstream` must outlive the containers. One thread at a
+ * time.
  *
- * What a container gives back is free for the pool's next cell at once; the pool's storage returns
- * to the host when it is cleared or closed, whether containers were destroyed or not. */
+ * The pool can reuse a cell as soon as a container frees it. The pool's storage returns to the host
+ * when it is cleared or closed, even if containers still exist. */
 template <class Record>
 class CellResource final : public std::pmr::memory_resource {
  public:
@@ -106,14 +107,14 @@ class CellResource final : public std::pmr::memory_resource {
       Pool &pool, std::pmr::memory_resource *pUpstream = std::pmr::null_memory_resource()) noexcept
       : pool_(pool), pUpstream_(pUpstream) {}
 
-  /** Whether a request is served by a cell. */
+  /** True when a cell serves the request. */
   static constexpr bool isCell(std::size_t bytes, std::size_t alignment) noexcept {
     return bytes <= kCellLen && alignment <= kAlignment;
   }
 
  private:
   static constexpr auto kCellLen = static_cast<std::size_t>(Pool::kCellLen);
-  // Areas are aligned to 8 bytes, and cells lie end to end.
+  // Areas are aligned to 8 bytes, and cells are contiguous.
   static constexpr std::size_t kAlignment =
       std::size_t{1} << (std::countr_zero(kCellLen) < 3 ? std::countr_zero(kCellLen) : 3);
 

@@ -1,5 +1,5 @@
 /** @file text.hpp
- * Wide text that grows, and strings in the sink. Part of mem.hpp, whose conventions hold.
+ * Growing wide text, and strings in the sink. Part of mem.hpp, whose conventions apply.
  */
 #ifndef QJ7MEM00_MEM_TEXT_HPP
 #define QJ7MEM00_MEM_TEXT_HPP
@@ -25,7 +25,7 @@ struct CatHandle : MEMCatCB {
 
 }  // namespace detail
 
-/** Wide text that grows piece by piece. One thread at a time. */
+/** A growing buffer of wide text. One thread at a time. */
 class ConcatBuffer : public Owner<ConcatBuffer, detail::CatHandle> {
  public:
   ConcatBuffer() noexcept = default;
@@ -41,12 +41,12 @@ class ConcatBuffer : public Owner<ConcatBuffer, detail::CatHandle> {
     return call(context, slots::MEM_CatClose, static_cast<MEMCatCB *>(&block));
   }
 
-  /** Appends text up to its terminator. A failure leaves the buffer as it was. */
+  /** Appends text up to its terminator. A failure does not change the buffer. */
   Status append(const char16_t *pText) noexcept {
     return call(context(), slots::MEM_Cat, block(), pText);
   }
 
-  /** Appends a string, zero units in it as well. */
+  /** Appends a string, including any zero units in it. */
   Status append(const std::u16string &text) noexcept {
     if (text.size() > std::numeric_limits<std::int32_t>::max()) {
       return Error::refusal(slots::MEM_MemCat.name, "the text is too long");
@@ -101,8 +101,8 @@ class BasicSunkString : public Owner<BasicSunkString<Char>, const Char *> {
     return BasicSunkString(context, pSunk);
   }
 
-  /** The copy that the sink has of a text, or null. It stays as long as somebody uses it; this is
-   * no use. */
+  /** The sink's copy of a text, or null. Does not count as a use: the copy stays only as long as
+   * another use lasts. */
   static Result<const Char *> find(ContextRef context, const Char *pText) noexcept {
     const Char *pSunk = nullptr;
     const std::int16_t result = (context->vector().*Slots::verify.entry)(pText, &pSunk, nullptr);
@@ -115,7 +115,7 @@ class BasicSunkString : public Owner<BasicSunkString<Char>, const Char *> {
     return call(context, Slots::remove, pSunk);
   }
 
-  /** The copy, read-only for everybody; null for an empty owner. */
+  /** The copy, which is read-only; null for an empty owner. */
   const Char *text() const noexcept { return this->handle(); }
 
  private:

@@ -40,7 +40,7 @@ packagesFor() {
     memcheck) echo valgrind ;;
     docs) echo doxygen doxygen-awesome-css python3 ;;
     packages) echo dpkg-dev file lintian python3 ;;
-    pictures) echo graphviz ;;
+    pictures) echo graphviz python3 ;;
     *)
       echo "install-packages.sh: no packages are listed for \"$1\"" >&2
       exit 2

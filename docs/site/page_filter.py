@@ -9,7 +9,8 @@ Doxygen calls it for each page (FILTER_PATTERNS). The pages stay plain Markdown,
   page has: here it is the page's name, a dash and the heading's anchor;
 - a link leads to a file, perhaps to a heading in it. Here it leads to the page or header of the
   site; what is not in the site becomes its text;
-- a picture has a text for those who do not see it. Doxygen would print it below;
+- a picture has a text for those who do not see it. Doxygen would print it below. Here the picture leads
+  to its file, too, for those who want it larger;
 - code is code. Doxygen would end it at a quote, look for an entity at an ampersand, and take a
   percent sign away.
 
@@ -117,7 +118,8 @@ class Page:
     def picture(self, match):
         text, file = match.groups()
         text = html.escape(" ".join(text.split()))
-        return f'<img src="{os.path.basename(file)}" alt="{text}"/>'
+        name = os.path.basename(file)
+        return f'<div class="picture"><a href="{name}"><img src="{name}" alt="{text}"/></a></div>'
 
     def code(self, match):
         text = match.group(1)

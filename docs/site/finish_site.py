@@ -7,6 +7,7 @@ Doxygen's search knows names and titles, each by its beginning. Added are the he
 each of their words, and words that few sections have; each leads to its sections. Doxygen makes a
 file page for each page of the manual as well, without contents: these go. Its navigation leads to places
 in a header's page for what it describes in the page of a namespace: the header's page gets these places.
+Its menu for narrow windows gets the pages of the manual.
 """
 import collections
 import glob
@@ -112,7 +113,7 @@ def extend_search(site):
             file.write(f"var searchData=\n[\n{lines}\n];\n")
         with open(f"{folder}/all_{i:x}.html", "w", encoding="utf-8") as file:
             file.write(results.replace("all_0.js", f"all_{i:x}.js"))
-    rewrite(f"{folder}/searchdata.js", r'0: "[^\n]*",', f'0: "{letters}",')
+    rewrite(f"{folder}/searchdata.js", r'(indexSectionsWithContent =\n\{\n  0: )"[^\n]*",', rf'\g<1>"{letters}",')
 
 
 def rewrite(path, pattern, replacement):
@@ -122,6 +123,22 @@ def rewrite(path, pattern, replacement):
     if changed != text:
         with open(path, "w", encoding="utf-8") as file:
             file.write(changed)
+
+
+def fill_menu(site):
+    """The menu of narrow windows has the pages, in the order of README.md."""
+    with open(f"{page_filter.ROOT}/README.md", encoding="utf-8") as file:
+        listed = re.search(rf"(?ms)^## {page_filter.LIST}$(.*?)(^## |\Z)", file.read()).group(1)
+    items = []
+    for path in [*re.findall(r"\]\(([\w./-]+\.md)\)", listed), "docs/site/reference.md"]:
+        page = page_filter.Page(path)
+        title = next(sections(path))[1]
+        items.append(f'{{text:"{title}",url:"{page.url()}"}}')
+    rewrite(f"{site}/menudata.js", r'url:"pages\.html"',
+            f'url:"index.html#readme-{page_filter.LIST.lower()}",children:[\n' + ",\n".join(items) + "]")
+    os.remove(f"{site}/pages.html")  # it has the pages that README.md does not list: none
+    for path in glob.glob(f"{site}/navtreeindex*.js"):
+        rewrite(path, r'(?m)^"pages\.html":\[\],?\n', "")
 
 
 def drop_file_pages(site):
@@ -169,6 +186,7 @@ def main():
     extend_search(sys.argv[1])
     drop_file_pages(sys.argv[1])
     add_places(sys.argv[1])
+    fill_menu(sys.argv[1])
 
 
 main()

@@ -93,13 +93,36 @@ for page in ("heaps.html#heaps-areas-and-large-blocks", "memtool-port.html", "re
     if f'"{page}"' not in navigation:
         faults.append(f"the navigation has no {page}")
 
+# The menu of narrow windows has the pages, too.
+menu = re.findall(r'url:"([^"]+)"', read(f"{site}/menudata.js"))
+for page in ("index.html", "heaps.html", "codes.html", "contributing.html", "reference.html", "files.html"):
+    if page not in menu:
+        faults.append(f"the menu has no {page}")
+
+
+def search(typed):
+    """The entries that are shown for what is typed, found as the site's script finds them."""
+    data = read(f"{site}/search/searchdata.js")
+    letters, names = (re.search(rf'{name} =\n\{{\n  0: "([^"]*)"', data).group(1)
+                      for name in ("indexSectionsWithContent", "indexSectionNames"))
+    if typed[0].lower() not in letters:
+        return []
+    page = f"{site}/search/{names}_{letters.index(typed[0].lower()):x}.html"
+    script = re.search(r'src="(\w+_\w+\.js)"', read(page)).group(1)
+    name = "".join(c if c.isalnum() else f"_{ord(c):02x}" for c in typed.lower())
+    return re.findall(rf"\['{name}[^']*_\d+',(\[.*\])", read(f"{site}/search/{script}"))
+
+
 # What is typed, and where it has to lead.
-found = "".join(read(path) for path in glob.glob(f"{site}/search/all_*.js"))
-for typed, target in (("leak", "find-a-leak.html"), ("ebcdic", "packed-chain.html#packed-chain-version"),
-                      ("mem_5fheapopenfn", "memvect_8h.html"), ("4055", "codes.html#codes-4055"),
-                      ("large_20blocks", "heaps.html#heaps-areas-and-large-blocks")):
-    if not re.search(rf"\['{typed}_\d+',\[.*'\.\./{re.escape(target)}", found):
-        faults.append(f"the search for {typed} does not lead to {target}")
+for typed, target in (("leak", "find-a-leak.html"), ("EBCDIC", "packed-chain.html#packed-chain-version"),
+                      ("MEM_HeapOpenFn", "memvect_8h.html"), ("4055", "codes.html#codes-4055"),
+                      ("large blocks", "heaps.html#heaps-areas-and-large-blocks"),
+                      ("cell p", "cell-pools.html"), ("~Session", "classrefhost_1_1Session.html")):
+    try:
+        if not any(f"'../{target}" in entry for entry in search(typed)):
+            faults.append(f"the search for {typed} does not lead to {target}")
+    except OSError as error:
+        faults.append(f"the search for {typed}: {error}")
 
 if len(documents) < 100 or count < 5000:
     faults.append(f"found only {count} links in {len(documents)} files")

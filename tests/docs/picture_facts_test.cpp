@@ -50,8 +50,8 @@ Value valueAt(const void *block, std::size_t offset) {
   std::memcpy(&value, static_cast<const char *>(block) + offset, sizeof value);
   return value;
 }
-const char *pointerAt(const void *block, std::size_t offset) {
-  return valueAt<const char *>(block, offset);
+const std::byte *pointerAt(const void *block, std::size_t offset) {
+  return valueAt<const std::byte *>(block, offset);
 }
 std::string numberAt(const void *block, std::size_t offset) {
   return std::to_string(valueAt<std::uint32_t>(block, offset));
@@ -84,9 +84,9 @@ TEST_F(PictureFacts, Heap) {
   const void *const first = heap;
   const std::vector<void *> entries = {entry(heap, 400), entry(heap, 400), entry(heap, 600),
                                        entry(heap, 2000), entry(heap, 969)};
-  const char *const second = pointerAt(first, 8);
-  const char *const latest = pointerAt(first, 32);
-  const char *const earlier = pointerAt(latest, 8);
+  const std::byte *const second = pointerAt(first, 8);
+  const std::byte *const latest = pointerAt(first, 32);
+  const std::byte *const earlier = pointerAt(latest, 8);
   EXPECT_EQ(pointerAt(first, 24), second);
   EXPECT_EQ(pointerAt(second, 8), nullptr);
   EXPECT_EQ(pointerAt(earlier, 8), nullptr);
@@ -125,9 +125,9 @@ TEST_F(PictureFacts, EnhancedHeap) {
   HMEMHEAP heap = nullptr;
   ASSERT_EQ(mem.MEM_EHeapOpen(&heap, 1, 20), 0);
   const void *const small = entry(heap, 16);
-  const char *const large = static_cast<const char *>(entry(heap, 2000));
+  const auto *const large = static_cast<const std::byte *>(entry(heap, 2000));
   EXPECT_EQ(place(heap, small), "+64");
-  EXPECT_EQ(pointerAt(heap, 40), reinterpret_cast<const char *>(heap));
+  EXPECT_EQ(pointerAt(heap, 40), reinterpret_cast<const std::byte *>(heap));
   EXPECT_EQ(pointerAt(heap, 48), large - 24);
   EXPECT_NE(valueAt<std::uint32_t>(heap, 24), 0U);
   picture.expectText("header of 64 bytes: current area at +40, large blocks at +48, gate at +24.");
@@ -147,14 +147,14 @@ TEST_F(PictureFacts, CellPool) {
   picture.expectRow("+8  location nodes: " + place(first, pointerAt(first, 8)));
   picture.expectRow("+24  AreaLen: " + numberAt(first, 24) + ", CellLen: " + numberAt(first, 28) +
                     ", SubPool");
-  const char *const second = pointerAt(first, 56 + 8);
+  const std::byte *const second = pointerAt(first, 56 + 8);
   std::vector<std::string> vacant;
-  const char *node = pointerAt(first, 8);
+  const std::byte *node = pointerAt(first, 8);
   for (; pointerAt(node, 8) == nullptr; node = pointerAt(node, 0))
     vacant.push_back(place(first, node));
   EXPECT_EQ(vacant.size(), 9U);
   picture.expectRow(vacant.back() + " to " + vacant.front() + "  nine nodes without an area yet;");
-  const char *const last = pointerAt(node, 0);
+  const std::byte *const last = pointerAt(node, 0);
   picture.expectRow(place(first, node) + "  node: next " + place(first, last) + "; area");
   picture.expectRow(place(first, last) + "  node: next null; area: this one");
   EXPECT_EQ(pointerAt(node, 8), second);
@@ -171,8 +171,8 @@ TEST_F(PictureFacts, CellPool) {
   EXPECT_EQ(pointerAt(first, 16), cells[1]);
   EXPECT_EQ(pointerAt(cells[1], 0), second + 100);
   std::size_t free = 0;
-  const char *lastFree = nullptr;
-  for (const char *at = second + 100; at != nullptr; at = pointerAt(at, 0)) {
+  const std::byte *lastFree = nullptr;
+  for (const std::byte *at = second + 100; at != nullptr; at = pointerAt(at, 0)) {
     EXPECT_EQ(at, second + 100 * ++free);
     lastFree = at;
   }
@@ -241,10 +241,10 @@ class SinkPictureFacts : public memtest::SinkTest {};
 
 TEST_F(SinkPictureFacts, Sink) {
   const Picture picture("string-sink");
-  const char *const libc = sink(std::string("libc6"));
+  const void *const libc = sink(std::string("libc6"));
   EXPECT_EQ(sink(std::string("libc6")), libc);
   const char *const dpkg = sink(std::string("dpkg"));
-  const char *const bash = sink(std::string("bash"));
+  const void *const bash = sink(std::string("bash"));
   ASSERT_EQ(mem.MEM_SinkDelete(dpkg), 0);
 
   const MEMProcessBlock &state = block();
@@ -265,9 +265,9 @@ TEST_F(SinkPictureFacts, Sink) {
   picture.expectArrow("process:space", "block:space");
   picture.expectArrow("process:index", "index:begin");
 
-  const char *const space = reinterpret_cast<const char *>(segment.pSpace);
+  const auto *const space = reinterpret_cast<const std::byte *>(segment.pSpace);
   EXPECT_EQ(libc, space);
-  EXPECT_EQ(dpkg, space + 8);
+  EXPECT_EQ(static_cast<const void *>(dpkg), space + 8);
   EXPECT_EQ(bash, space + 0x10);
   EXPECT_EQ(segment.pMap[0], 0b11110000);
   EXPECT_EQ(segment.pMap[1], 0b11110000);

@@ -129,8 +129,12 @@ def fill_menu(site):
     """The menu of narrow windows has the pages, in the order of README.md."""
     with open(f"{page_filter.ROOT}/README.md", encoding="utf-8") as file:
         listed = re.search(rf"(?ms)^## {page_filter.LIST}$(.*?)(^## |\Z)", file.read()).group(1)
+    listed = re.findall(r"\]\(([\w./-]+\.md)\)", listed)
+    for path in pages(site):
+        if path not in listed and path not in page_filter.BELOW and path != "README.md":
+            sys.exit(f"README.md does not list {path} below {page_filter.LIST}")
     items = []
-    for path in [*re.findall(r"\]\(([\w./-]+\.md)\)", listed), "docs/site/reference.md"]:
+    for path in [*listed, "docs/site/reference.md"]:
         page = page_filter.Page(path)
         title = next(sections(path))[1]
         items.append(f'{{text:"{title}",url:"{page.url()}"}}')

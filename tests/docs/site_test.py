@@ -86,9 +86,14 @@ for path in glob.glob(f"{site}/**/*", recursive=True):
         text = read(path)
         faults += (f"{path} names {folder}" for folder in sys.argv[2:] if folder in text)
 
-# A title as the navigation has it, and a page: each page of the manual is there with its headings.
+# The headings of one page stand for all: (place, heading).
+headings = re.findall(r'id="(heaps-[^"]+)"></a>\s*([^<]+)</h\d>', read(f"{site}/heaps.html"))
+if len(headings) < 3:
+    faults.append(f"heaps.html has only {len(headings)} headings")
+
+# The navigation has the pages with their headings.
 navigation = "".join(read(path) for path in glob.glob(f"{site}/navtreedata.js") + glob.glob(f"{site}/*.js"))
-for page in ("heaps.html#heaps-areas-and-large-blocks", "memtool-port.html", "reference.html", "map.html",
+for page in (*(f"heaps.html#{place}" for place, _ in headings), "memtool-port.html", "reference.html", "map.html",
              "changelog.html", "contributing.html", "codes.html", "memvect_8h.html"):
     if f'"{page}"' not in navigation:
         faults.append(f"the navigation has no {page}")
@@ -114,10 +119,10 @@ def search(typed):
 
 
 # What is typed, and where it has to lead.
-for typed, target in (("leak", "find-a-leak.html"), ("EBCDIC", "packed-chain.html#packed-chain-version"),
+for typed, target in (("leak", "find-a-leak.html"), ("EBCDIC", "packed-chain.html#"),
                       ("MEM_HeapOpenFn", "memvect_8h.html"), ("4055", "codes.html#codes-4055"),
-                      ("large blocks", "heaps.html#heaps-areas-and-large-blocks"),
-                      ("cell p", "cell-pools.html"), ("~Session", "classrefhost_1_1Session.html")):
+                      ("cell p", "cell-pools.html"), ("~Session", "classrefhost_1_1Session.html"),
+                      *((heading.strip().split()[-1], f"heaps.html#{place}") for place, heading in headings)):
     try:
         if not any(f"'../{target}" in entry for entry in search(typed)):
             faults.append(f"the search for {typed} does not lead to {target}")

@@ -1,6 +1,6 @@
 # The manual and the reference of the headers as a site, in <build folder>/site: target `docs`. Any
 # warning of Doxygen's is a failure. Where Doxygen and the theme are installed, the build that is shipped
-# makes the site unasked, and installs it.
+# makes the site with all else, and installs it.
 
 set(run_tool ${PROJECT_SOURCE_DIR}/cmake/run-tool.sh)
 set(site ${PROJECT_BINARY_DIR}/site)

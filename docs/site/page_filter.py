@@ -84,7 +84,7 @@ class Page:
         if len(marks) == 1:
             return f"{marks} {title} {{#{self.name}}}"
         place = self.place(title)
-        if self.path == "README.md":  # whose headings are not to stand among the pages
+        if self.path == "README.md":  # its headings do not belong among the pages
             return f"@anchor {place}\n\n{marks} {title}"
         return f"{marks} {title} {{#{place}}}"
 

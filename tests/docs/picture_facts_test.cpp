@@ -114,8 +114,8 @@ TEST_F(PictureFacts, Heap) {
   picture.expectRow(place(second, entries[2]) + "  entry of 600 bytes");
   picture.expectRow(place(earlier, entries[3]) + "  entry of 2,000 bytes");
   picture.expectRow(place(latest, entries[4]) + "  entry of 969 bytes");
-  picture.expectRow("+16  bytes obtained: " + numberAt(latest, 16));
-  picture.expectRow("+16  bytes obtained: " + numberAt(earlier, 16));
+  picture.expectRow("+16  bytes allocated: " + numberAt(latest, 16));
+  picture.expectRow("+16  bytes allocated: " + numberAt(earlier, 16));
   EXPECT_EQ(mem.MEM_HeapClose(heap), 0);
 }
 
@@ -162,12 +162,12 @@ TEST_F(PictureFacts, CellPool) {
   EXPECT_EQ(pointerAt(last, 8), first);
   picture.expectArrow("first:node1", "second:begin");
 
-  picture.expectRow(place(first, cells[0]) + "  cell, taken");
+  picture.expectRow(place(first, cells[0]) + "  cell, allocated");
   picture.expectRow(place(first, cells[1]) + "  cell, free: next");
   picture.expectRow(place(first, cells[2]) + " to " + place(first, cells[7]) +
-                    "  six cells, taken");
+                    "  six cells, allocated");
   picture.expectRow(place(first, static_cast<char *>(cells[7]) + 100) + "  8 bytes left over");
-  picture.expectRow(place(second, cells[8]) + "  cell, taken");
+  picture.expectRow(place(second, cells[8]) + "  cell, allocated");
   EXPECT_EQ(pointerAt(first, 16), cells[1]);
   EXPECT_EQ(pointerAt(cells[1], 0), second + 100);
   std::size_t free = 0;

@@ -86,7 +86,7 @@ for path in glob.glob(f"{site}/**/*", recursive=True):
         text = read(path)
         faults += (f"{path} names {folder}" for folder in sys.argv[2:] if folder in text)
 
-# The headings of one page stand for all: (place, heading).
+# The headings of one page, as examples: (place, heading).
 headings = re.findall(r'id="(heaps-[^"]+)"></a>\s*([^<]+)</h\d>', read(f"{site}/heaps.html"))
 if len(headings) < 3:
     faults.append(f"heaps.html has only {len(headings)} headings")

@@ -16,7 +16,7 @@ presets=("$@")
 jobs=()
 for preset in "${presets[@]}"; do
   case $preset in
-    release) jobs+=(linux packages) ;;
+    release) jobs+=(linux docs packages) ;;
     windows) jobs+=(windows) ;;
     *)
       echo "package.sh: there is no package of \"$preset\" (release, windows)" >&2

@@ -85,7 +85,13 @@ if(MEM_SPLITS_DEBUG)
     DESTINATION ${MEM_INSTALL_MODULEDIR} COMPONENT debug-beside)
 endif()
 
-# The manual and the examples. Links of its pages to what is not installed become plain text.
+# The manual as a site.
+if(MEM_HAS_SITE)
+  add_dependencies(installed_files docs)
+  install(DIRECTORY ${MEM_SITE}/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/html COMPONENT qj7mem00-doc)
+endif()
+
+# The manual as Markdown, and the examples. Links of its pages to what is not installed become plain text.
 install(CODE "
   set(MEM_FROM \"${PROJECT_SOURCE_DIR}\")
   set(MEM_TO \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DOCDIR}\")

@@ -84,7 +84,7 @@ else()
     DEPENDS "qj7mem00 (= ${version})")
   set(CPACK_DEBIAN_QJ7MEM00-TOOLS_PACKAGE_SHLIBDEPS ON)
   mem_describe_part(qj7mem00-doc doc "memory services for a host runtime - manual and examples"
-    "This package has the manual and the sources of the examples.")
+    "This package has the manual, with a reference of the headers, as a site\n(html/index.html) and as Markdown, and the sources of the examples.")
   set(CPACK_DEBIAN_QJ7MEM00-DOC_PACKAGE_ARCHITECTURE all)
   mem_describe_part(qj7mem00-dbg debug "memory services for a host runtime - debug information"
     "This package has debug information of the library and of memtool."

@@ -12,7 +12,7 @@
 # bench     what the benchmarks compare the library with
 # coverage  the report of covered lines and branches
 # memcheck  valgrind
-# docs      Doxygen, for the reference of the headers; codespell, for the spelling
+# docs      Doxygen and its theme, for the manual as a site; codespell, for the spelling
 # packages  what makes, looks into and judges Debian packages
 # pictures  what draws the manual's pictures from text
 set -euo pipefail
@@ -38,7 +38,7 @@ packagesFor() {
       ;;
     coverage) echo gcovr ;;
     memcheck) echo valgrind ;;
-    docs) echo doxygen codespell ;;
+    docs) echo doxygen doxygen-awesome-css codespell python3 ;;
     packages) echo dpkg-dev file lintian python3 ;;
     pictures) echo graphviz python3 ;;
     *)

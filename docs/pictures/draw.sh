@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Draws the manual's pictures that are kept as text beside this script as SVG: graphs, *.dot, and time
-# lines that the reference host has written, *.json.
+# Draws the manual's pictures that are kept as text next to this script as SVG: graphs, *.dot, and time
+# lines that the reference host has written, *.json. house.dot is made from the sources first.
 #
 #   docs/pictures/draw.sh
 #
@@ -8,6 +8,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 ../../cmake/install-packages.sh pictures
+./house.py >house.dot
 for text in *.dot; do
   sum=$(sha256sum "$text")
   # The first line of dot's comment has its version, which is of no use to readers.

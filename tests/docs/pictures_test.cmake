@@ -1,5 +1,5 @@
 # Pictures of the README and the manual: each exists and has a text for those who do not see it; one
-# that is drawn from a text is drawn from the text as it is now.
+# that is drawn from a text is drawn from the text as it is now, and that of the house from the sources.
 #
 #   cmake -DROOT=… -P pictures_test.cmake
 #
@@ -17,8 +17,16 @@ foreach(text IN LISTS texts)
   endif()
 endforeach()
 
+# The house is drawn as it is.
+execute_process(COMMAND python3 -B ${ROOT}/docs/pictures/house.py OUTPUT_VARIABLE house
+  COMMAND_ERROR_IS_FATAL ANY)
+file(READ ${ROOT}/docs/pictures/house.dot drawn)
+if(NOT house STREQUAL drawn)
+  message(SEND_ERROR "docs/pictures/house.dot is not the house of SrcRes as it is now; run docs/pictures/draw.sh")
+endif()
+
 set(count 0)
-file(GLOB pages ${ROOT}/README.md ${ROOT}/docs/*.md)
+file(GLOB pages ${ROOT}/README.md ${ROOT}/SrcRes/README.md ${ROOT}/docs/*.md)
 foreach(page IN LISTS pages)
   file(READ ${page} content)
   cmake_path(GET page PARENT_PATH folder)

@@ -3,7 +3,8 @@
 # manual in them lead to something.
 #
 #   cmake -DBUILD=… -DCONFIG=… -DWORK=… -DLIBDIR=… -DMODULE=… -DTOOL=… -DVERSION=… -DOBJDUMP=…
-#         -DGCC=… -DGXX=… -DGENERATOR=… [-DMAINTAINER=…] [-DEMULATOR=…] -P package_test.cmake
+#         -DGCC=… -DGXX=… -DGENERATOR=… [-DMAINTAINER=…]
+#         [-DHAS_SITE=…] [-DEMULATOR=…] -P package_test.cmake
 #
 # BUILD, CONFIG  the build tree and its build type
 # WORK           folder of this test's own
@@ -11,6 +12,7 @@
 # MODULE, TOOL   paths of the module and of memtool under the prefix
 # OBJDUMP        lists the sections of such files
 # MAINTAINER     whom a package for Debian names
+# HAS_SITE       whether this build makes the manual as a site
 # GCC, GXX       compilers that use GNU ld, for a program that uses the packages
 cmake_minimum_required(VERSION 3.25)
 
@@ -110,6 +112,12 @@ if(MODULE MATCHES "\\.so$")
   set(files_qj7mem00-tools ${tool} ${private_tool} "share/man/man1/memtool\\.1\\.gz")
   set(about_qj7mem00-doc "Section: doc" "Architecture: all")
   set(files_qj7mem00-doc ${manual})
+  if(HAS_SITE)
+    list(APPEND files_qj7mem00-doc "share/doc/qj7mem00/html/index\\.html"
+      "share/doc/qj7mem00/html/heaps\\.html" "share/doc/qj7mem00/html/memvect_8h\\.html"
+      "share/doc/qj7mem00/html/[A-Za-z0-9_-]+\\.(html|js|css|svg|png)"
+      "share/doc/qj7mem00/html/search/[a-z0-9_]+\\.(html|js|css|svg|png)")
+  endif()
   set(about_qj7mem00-dbg "Section: debug")
   set(files_qj7mem00-dbg "lib/debug/usr/${module}\\.debug" "lib/debug/usr/${private_tool}\\.debug")
   set(parts qj7mem00 qj7mem00-dev qj7mem00-tools qj7mem00-doc qj7mem00-dbg)

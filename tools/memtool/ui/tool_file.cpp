@@ -62,7 +62,7 @@ std::filesystem::path replaceable(const std::filesystem::path &path) {
   std::error_code failed;
   const std::filesystem::path real = std::filesystem::canonical(path, failed);
   if (failed || !std::filesystem::is_regular_file(real, failed)) return {};
-  if (std::filesystem::hard_link_count(real, failed) != 1 || failed) return {};
+  if (platform::nameCount(real) != 1) return {};
   if (!std::ofstream(real, std::ios::binary | std::ios::in)) return {};
   return real;
 }

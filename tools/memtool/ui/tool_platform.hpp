@@ -1,6 +1,9 @@
-// What differs between the platforms: the terminal, and how a program gets its arguments.
+// What differs between the platforms: the terminal, names of files, and how a program gets its
+// arguments.
 #pragma once
 
+#include <cstdint>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -19,6 +22,10 @@ void prepareTerminal();
 
 // Standard input gives its bytes as they are from now on.
 void makeInputBinary();
+
+// How many names a file has; 0 when that cannot be found out. The C++ runtime of mingw-w64 counts
+// one always.
+std::uintmax_t nameCount(const std::filesystem::path &file);
 
 // The program's arguments without its name, in UTF-8.
 std::vector<std::string> programArguments(int count, const char *const *values);

@@ -1,6 +1,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <system_error>
+
 #include "tool_platform.hpp"
 
 namespace memtool::platform {
@@ -17,6 +19,12 @@ int terminalWidth() {
 void prepareTerminal() {}
 
 void makeInputBinary() {}
+
+std::uintmax_t nameCount(const std::filesystem::path &file) {
+  std::error_code failed;
+  const std::uintmax_t count = std::filesystem::hard_link_count(file, failed);
+  return failed ? 0 : count;
+}
 
 std::vector<std::string> programArguments(int count, const char *const *values) {
   if (count < 2) return {};

@@ -46,6 +46,16 @@ void makeInputBinary() {
   _setmode(_fileno(stdin), _O_BINARY);
 }
 
+std::uintmax_t nameCount(const std::filesystem::path &file) {
+  constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  HANDLE handle = CreateFileW(file.c_str(), 0, kShareAll, nullptr, OPEN_EXISTING, 0, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return 0;
+  BY_HANDLE_FILE_INFORMATION found{};
+  const bool isKnown = GetFileInformationByHandle(handle, &found) != 0;
+  CloseHandle(handle);
+  return isKnown ? found.nNumberOfLinks : 0;
+}
+
 // `main` gets its arguments in the process's code page, which cannot hold every path.
 std::vector<std::string> programArguments(int, const char *const *) {
   static_assert(sizeof(wchar_t) == sizeof(char16_t), "Windows hands over UTF-16");

@@ -1,14 +1,15 @@
 # Every fault of a component is found, with the service, the address and the place.
 #
-#   cmake -DPROGRAM=… [-DCHECKER=asan|valgrind] [-DVALGRIND=…] [-DEMULATOR=…] -P check_faults_test.cmake
+#   cmake -DPROGRAM=… [-DCHECKER=asan|valgrind] [-DVALGRIND=… -DSUPPRESSIONS=…] [-DEMULATOR=…]
+#         -P check_faults_test.cmake
 #
 # PROGRAM   check_faults; for asan a build with that sanitizer, which ends the program at the fault
-# VALGRIND  the program of that name
+# VALGRIND  the program of that name, and the suppressions that are shipped for it
 cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/../support/run_program.cmake)
 
 if(CHECKER STREQUAL "valgrind")
-  set(EMULATOR ${VALGRIND} --quiet --error-exitcode=99)
+  set(EMULATOR ${VALGRIND} --quiet --error-exitcode=99 --suppressions=${SUPPRESSIONS})
 endif()
 
 # What the layer calls each fault, and how the checkers see it: an access to what nobody may touch,

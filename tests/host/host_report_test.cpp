@@ -248,10 +248,20 @@ TEST(HostReport, GoesToStderrUnlessSwitchedOff) {
 
 // ---- Threads and gates that are left.
 
+// The block of the thread, and the call that made it active.
+void expectThreadBlock(const refhost::Misuse &misuse, const void *pBlock, std::uint64_t call) {
+  ASSERT_TRUE(misuse.area);
+  EXPECT_EQ(misuse.area->area, pBlock);
+  EXPECT_EQ(misuse.area->callNumber, call);
+  EXPECT_EQ(misuse.area->services, Lines{"MEM_ThreadAct"});
+  EXPECT_EQ(misuse.area->thread, misuse.thread);
+}
+
 TEST(HostReport, AThreadThatIsStillActiveIsReported) {
   Session session(library().bindEntry(), quietly());
-  ASSERT_EQ(session.vector().MEM_ThreadAct(), 0);  // once more: the first block is lost
+  const void *const pBlock = session.host().thread().pMemThreadBlk;
   const std::uint64_t calls = session.host().account().totalCount;
+  ASSERT_EQ(session.vector().MEM_ThreadAct(), 0);  // once more: the first block is lost
   const Findings findings = session.close();
   EXPECT_TRUE(findings.leaks.empty());
   ASSERT_EQ(findings.misuses.size(), 1U);
@@ -259,15 +269,25 @@ TEST(HostReport, AThreadThatIsStillActiveIsReported) {
   EXPECT_EQ(textsOf(findings), Lines{"FreePoolStorage: thread " + thread +
                                      " is active at the end: MEM_ThreadTerm was not called"});
   EXPECT_EQ(findings.misuses[0].services, Lines{"MEM_ThreadAct"});
-  EXPECT_GT(calls, 0U);
+  expectThreadBlock(findings.misuses[0], pBlock, calls);
 }
 
 TEST(HostReport, AThreadThatEndedActiveIsReportedOnce) {
   Session session(library().bindEntry(), quietly());
-  std::thread([&] { session.vector().MEM_ThreadAct(); }).join();
-  EXPECT_EQ(textsOf(session.close()),
+  Host &host = session.host();
+  const void *pBlock = nullptr;
+  std::uint64_t callNumber = 0;
+  std::thread([&] {
+    callNumber = host.account().totalCount + 1;
+    session.vector().MEM_ThreadAct();
+    pBlock = host.thread().pMemThreadBlk;
+  }).join();
+  const Findings findings = session.close();
+  EXPECT_EQ(textsOf(findings),
             Lines{"FreePoolStorage: a thread ended while it was active: MEM_ThreadTerm was not "
                   "called"});
+  ASSERT_EQ(findings.misuses.size(), 1U);
+  expectThreadBlock(findings.misuses[0], pBlock, callNumber);
 }
 
 TEST(HostReport, GatesThatAreLeftAreReported) {

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Measures the library beside what programmers use instead, and some workloads of its own, and writes
-# the figures into docs/performance.md and its charts. Takes some minutes; the machine should do nothing else.
+# Measures the library beside what programmers use instead, some workloads of its own and the checking
+# layer, and writes the figures into docs/performance.md and its charts. Takes some minutes; the
+# machine should do nothing else. With --page it does so for the tables of one of the programs.
 #
 #   ./bench.sh
+#   ./bench.sh --page peerbench|workloadbench|checkbench
 #
 # With the name of a benchmark program it runs that one only and writes nothing; further arguments go
 # to Google Benchmark (--benchmark_filter=REGEX, --benchmark_repetitions=N, …).
@@ -16,14 +18,18 @@ build=$root/build/bench
 
 "$root/cmake/install-packages.sh" linux bench
 
-if (($#)); then
+programs=(peerbench workloadbench checkbench)
+if [[ ${1-} == --page ]]; then
+  programs=("${2:?--page needs the name of a program}")
+elif (($#)); then
   program=$1
   shift
   "$root/cmake/build-quietly.sh" bench "$program"
   exec "$build/bin/$program" "$@"
 fi
 
-"$root/cmake/build-quietly.sh" bench peerbench workloadbench
+"$root/cmake/build-quietly.sh" bench "${programs[@]}"
+figures=()
 measure() {
   echo "== measuring: $1" >&2
   "$build/bin/$1" --benchmark_out="$build/$1.json" --benchmark_out_format=json \
@@ -33,10 +39,11 @@ measure() {
     grep -a 'ERROR' "$build/$1.log" >&2
     exit 1
   }
+  figures+=("$build/$1.json")
 }
-measure peerbench
-measure workloadbench
+for program in "${programs[@]}"; do
+  measure "$program"
+done
 # Debian's own Python has what install-packages.sh installs.
-/usr/bin/python3 "$root/bench/performance.py" "$build/peerbench.json" "$build/workloadbench.json" \
-  "$root/docs/performance.md"
+/usr/bin/python3 "$root/bench/performance.py" "$root/docs/performance.md" "${figures[@]}"
 echo "== wrote docs/performance.md" >&2

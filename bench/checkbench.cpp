@@ -1,179 +1,264 @@
-// Cost of the checking layer and of its statistics: the same work without a layer, with it, and
-// with counting alone. Read the figures as ratios within one run: machines differ and are noisy.
-//
-// Rows of the argument: 0 without a layer, 1 the layer, 2 with statistics of all slots, 3
-// statistics alone.
+// Cost of the checking layer and of its statistics: the same work without a layer, with it, with
+// statistics of all slots as well, with statistics alone, and after the layer has been detached.
+// The library alone, under the bench host. bench/performance.py makes the table "The checking
+// layer" of docs/performance.md of the figures.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <string>
 #include <vector>
 
 #include "benchlib.hpp"
+#include "peers_host.hpp"
+#include "peers_work.hpp"
 #include "qj7mem00/memchk.h"
+
+namespace bench {
 
 namespace {
 
-using bench::library;
-using bench::require;
+enum class Mode { none, layer, layerAndStatistics, statistics, detached };
 
-enum Mode : std::int64_t { kNone, kChecks, kChecksAndStatistics, kStatistics };
+struct NamedMode {
+  Mode mode;
+  const char *name;
+};
 
-std::uint32_t flagsOf(std::int64_t mode) {
-  if (mode == kChecksAndStatistics) return MEMCHK_STATISTICS;
-  return mode == kStatistics ? MEMCHK_STATISTICS | MEMCHK_NO_CHECKS : 0;
+constexpr NamedMode kModes[] = {{Mode::none, "none"},
+                                {Mode::layer, "layer"},
+                                {Mode::layerAndStatistics, "layer and statistics"},
+                                {Mode::statistics, "statistics"},
+                                {Mode::detached, "detached"}};
+
+std::uint32_t flagsOf(Mode mode) {
+  if (mode == Mode::layerAndStatistics) return MEMCHK_STATISTICS;
+  return mode == Mode::statistics ? MEMCHK_STATISTICS | MEMCHK_NO_CHECKS : 0;
 }
 
-// A session with the layer that a row wants.
-class CheckedSession {
+// A layer as a mode wants it. Detached, it has been at work before.
+class Layer {
  public:
-  explicit CheckedSession(const benchmark::State &state) : session_(library().bindEntry()) {
-    const std::int64_t mode = state.range(0);
-    if (mode == kNone) return;
+  Layer(MEMFunctionVector &mem, Mode mode) {
+    if (mode == Mode::none) return;
     MEMCheckOptions options{};
     options.Size = sizeof options;
     options.Flags = flagsOf(mode);
-    require(MEMCheckAttach(&mem(), &options, &check_), "MEMCheckAttach");
+    require(MEMCheckAttach(&mem, &options, &check_), "MEMCheckAttach");
+    if (mode != Mode::detached) return;
+    { const OpenHeap heap(mem); }
+    MEMCheckDetach(check_);
+    check_ = nullptr;
   }
-  ~CheckedSession() { MEMCheckDetach(check_); }
-  CheckedSession(const CheckedSession &) = delete;
-  CheckedSession &operator=(const CheckedSession &) = delete;
+  ~Layer() { MEMCheckDetach(check_); }
+  Layer(const Layer &) = delete;
+  Layer &operator=(const Layer &) = delete;
 
-  MEMFunctionVector &mem() { return session_.vector(); }
-  refhost::Host &host() { return session_.host(); }
-  MEMCheck *check() const { return check_; }
+  MEMCheck *get() const { return check_; }
 
  private:
-  refhost::Session session_;
   MEMCheck *check_ = nullptr;
 };
 
-void allModes(benchmark::internal::Benchmark *bench) {
-  for (const std::int64_t mode : {kNone, kChecks, kChecksAndStatistics, kStatistics}) {
-    bench->Arg(mode);
-  }
-}
+// What works have in common. A work proves that the layer is there as often as the mode says.
+class Checked {
+ public:
+  Checked(BenchSession &session, Mode mode)
+      : mem_(session.mem()), mode_(mode), plainSlot_(mem_.MEM_HeapOpen), layer_(mem_, mode) {}
 
-constexpr std::int32_t kEntryLen = 48;
-constexpr std::int16_t kAreaKb = 256;  // has pages of its own: malloc's figures are the layer's
-constexpr std::size_t kBatch = 1000;
+  void check() {
+    const bool isAttached = mode_ != Mode::none && mode_ != Mode::detached;
+    demand((mem_.MEM_HeapOpen != plainSlot_) == isAttached, "the layer is not as the mode says");
+  }
+
+ protected:
+  static constexpr std::int32_t kEntryLen = 48;
+  static constexpr std::int64_t kBatch = 1000;
+
+  MEMFunctionVector &mem_;
+
+ private:
+  const Mode mode_;
+  MEM_HeapOpenFn *const plainSlot_;
+  const Layer layer_;
+};
 
 // A standard heap: opened, 1,000 entries, closed.
-void HeapEntries(benchmark::State &state) {
-  CheckedSession session(state);
-  MEMFunctionVector &mem = session.mem();
-  void *entry = nullptr;
-  for (auto _ : state) {
-    const bench::OpenHeap heap(mem, kAreaKb);
-    for (std::size_t i = 0; i < kBatch; ++i) {
-      require(mem.MEM_HeapAllocEntryLong(heap.get(), kEntryLen, &entry), "MEM_HeapAllocEntryLong");
-    }
-  }
-  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kBatch));
-}
-BENCHMARK(HeapEntries)->Apply(allModes);
+class HeapEntries : public Checked {
+ public:
+  using Checked::Checked;
 
-// An enhanced heap: 1,000 entries, each freed.
-void EnhancedEntriesAndFrees(benchmark::State &state) {
-  CheckedSession session(state);
-  MEMFunctionVector &mem = session.mem();
-  std::array<void *, kBatch> entries{};
-  for (auto _ : state) {
-    HMEMHEAP heap = nullptr;
-    require(mem.MEM_EHeapOpen(&heap, kAreaKb, 0), "MEM_EHeapOpen");
-    for (void *&entry : entries) {
-      require(mem.MEM_EHeapAllocEntry(heap, kEntryLen, &entry), "MEM_EHeapAllocEntry");
+  std::int64_t run() {
+    const OpenHeap heap(mem_);
+    void *entry = nullptr;
+    for (std::int64_t i = 0; i < kBatch; ++i) {
+      require(mem_.MEM_HeapAllocEntryLong(heap.get(), kEntryLen, &entry), "MEM_HeapAllocEntryLong");
     }
-    for (void *entry : entries) mem.MEM_EHeapFreeEntry(heap, kEntryLen, entry);
-    mem.MEM_EHeapClose(heap);
+    return kBatch;
   }
-  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kBatch));
-}
-BENCHMARK(EnhancedEntriesAndFrees)->Apply(allModes);
+};
+
+// An enhanced heap: opened, 1,000 entries, each freed, closed.
+class EnhancedEntriesAndFrees : public Checked {
+ public:
+  using Checked::Checked;
+
+  std::int64_t run() {
+    HMEMHEAP heap = nullptr;
+    require(mem_.MEM_EHeapOpen(&heap, 256, 0), "MEM_EHeapOpen");
+    for (void *&entry : entries_) {
+      require(mem_.MEM_EHeapAllocEntry(heap, kEntryLen, &entry), "MEM_EHeapAllocEntry");
+    }
+    for (void *entry : entries_) mem_.MEM_EHeapFreeEntry(heap, kEntryLen, entry);
+    mem_.MEM_EHeapClose(heap);
+    return kBatch;
+  }
+
+ private:
+  std::array<void *, kBatch> entries_{};
+};
 
 // A cell pool with 1,000 cells in use: one is freed, another allocated.
-void CellChurn(benchmark::State &state) {
-  CheckedSession session(state);
-  MEMFunctionVector &mem = session.mem();
-  HMEMCELL pool = nullptr;
-  require(mem.MEM_CellOpen(&pool, 32768, 64, 0), "MEM_CellOpen");
-  std::vector<void *> live(kBatch);
-  for (void *&cell : live) require(mem.MEM_CellAllocEntry(pool, &cell), "MEM_CellAllocEntry");
-  std::size_t i = 0;
-  for (auto _ : state) {
-    mem.MEM_CellFreeEntry(pool, live[i]);
-    mem.MEM_CellAllocEntry(pool, &live[i]);
-    i = (i + 617) % kBatch;
+class CellPairs : public Checked {
+ public:
+  CellPairs(BenchSession &session, Mode mode) : Checked(session, mode), live_(kBatch) {
+    require(mem_.MEM_CellOpen(&pool_, 32768, 64, 0), "MEM_CellOpen");
+    for (void *&cell : live_) require(mem_.MEM_CellAllocEntry(pool_, &cell), "MEM_CellAllocEntry");
   }
-  mem.MEM_CellClose(pool);
-}
-BENCHMARK(CellChurn)->Apply(allModes);
+  ~CellPairs() { mem_.MEM_CellClose(pool_); }
+  CellPairs(const CellPairs &) = delete;
+  CellPairs &operator=(const CellPairs &) = delete;
+
+  std::int64_t run() {
+    for (std::int64_t i = 0; i < kBatch; ++i) {
+      mem_.MEM_CellFreeEntry(pool_, live_[next_]);
+      mem_.MEM_CellAllocEntry(pool_, &live_[next_]);
+      next_ = (next_ + 617) % live_.size();
+    }
+    return kBatch;
+  }
+
+ private:
+  HMEMCELL pool_ = nullptr;
+  std::vector<void *> live_;
+  std::size_t next_ = 0;
+};
 
 std::int16_t bucketOf(const void *pKey) {
   return static_cast<std::int16_t>(*static_cast<const std::uint64_t *>(pKey) % 128);
 }
 
 // A hash table, whose records are entries of its heap: 1,000 inserted and looked up.
-void TableRecords(benchmark::State &state) {
-  CheckedSession session(state);
-  MEMFunctionVector &mem = session.mem();
-  void *stored = nullptr;
-  for (auto _ : state) {
+class TableRecords : public Checked {
+ public:
+  using Checked::Checked;
+
+  std::int64_t run() {
     HMEMHASH table = nullptr;
-    require(mem.MEM_HashOpen(&table, 0, 8, 127, bucketOf, 64, 0), "MEM_HashOpen");
+    void *stored = nullptr;
+    require(mem_.MEM_HashOpen(&table, 0, 8, 127, bucketOf, 64, 0), "MEM_HashOpen");
     for (std::uint64_t key = 0; key < kBatch; ++key) {
       const std::uint64_t record[4] = {key};
-      require(mem.MEM_HashInsEntry(table, sizeof record, record, &stored), "MEM_HashInsEntry");
+      require(mem_.MEM_HashInsEntry(table, sizeof record, record, &stored), "MEM_HashInsEntry");
     }
-    for (std::uint64_t key = 0; key < kBatch; ++key) mem.MEM_HashGetEntry(table, &key, &stored);
-    mem.MEM_HashClose(table);
+    for (std::uint64_t key = 0; key < kBatch; ++key) mem_.MEM_HashGetEntry(table, &key, &stored);
+    mem_.MEM_HashClose(table);
+    return kBatch;
   }
-  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kBatch));
-}
-BENCHMARK(TableRecords)->Apply(allModes);
+};
 
 // A service that the layer has nothing to do with: only counted, if at all.
-void OtherService(benchmark::State &state) {
-  CheckedSession session(state);
-  for (auto _ : state) session.mem().MEMSetProcOptions(nullptr);
-}
-BENCHMARK(OtherService)->Apply(allModes);
+class OtherService : public Checked {
+ public:
+  using Checked::Checked;
 
-// Verification of 10,000 live entries.
-void Verify(benchmark::State &state) {
-  CheckedSession session(state);
-  MEMFunctionVector &mem = session.mem();
-  const bench::OpenHeap heap(mem, kAreaKb);
-  void *entry = nullptr;
-  for (int i = 0; i < 10000; ++i) mem.MEM_HeapAllocEntryLong(heap.get(), kEntryLen, &entry);
-  for (auto _ : state) MEMCheckVerify(session.check());
-}
-BENCHMARK(Verify)->Arg(kChecks)->Unit(benchmark::kMicrosecond);
+  std::int64_t run() {
+    for (std::int64_t i = 0; i < kBatch; ++i) mem_.MEMSetProcOptions(nullptr);
+    return kBatch;
+  }
+};
 
-// Bytes per entry, the host's and the layer's own.
-void BytesPerEntry(benchmark::State &state) {
+// A verification of 10,000 live entries.
+class Verification {
+ public:
+  Verification(BenchSession &session, Mode mode)
+      : layer_(session.mem(), mode), heap_(session.mem()) {
+    void *entry = nullptr;
+    for (int i = 0; i < kEntries; ++i) {
+      session.mem().MEM_HeapAllocEntryLong(heap_.get(), 48, &entry);
+    }
+  }
+
+  std::int64_t run() {
+    demand(MEMCheckVerify(layer_.get()) == 0, "a correct program is reported");
+    return kEntries;
+  }
+
+ private:
+  static constexpr int kEntries = 10000;
+
+  const Layer layer_;
+  const OpenHeap heap_;
+};
+
+template <class Work>
+void add(const std::string &name, const NamedMode &mode) {
+  addLibrary(name + "/" + mode.name, HostKind::bench,
+             [mode](BenchSession &session) { return Work(session, mode.mode); });
+}
+
+// Bytes of an entry, the host's and the layer's own; areas of this host have pages of their own, so
+// malloc's figures are the layer's.
+void countBytes(benchmark::State &state, Mode mode) {
   constexpr std::size_t kEntries = 100000;
-  CheckedSession session(state);
-  MEMFunctionVector &mem = session.mem();
+  refhost::Session session(library().bindEntry());
+  MEMFunctionVector &mem = session.vector();
+  const Layer layer(mem, mode);
+  const auto own = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
   for (auto _ : state) {
     const std::uint64_t hostBefore = session.host().account().liveBytes;
-    const std::size_t ownBefore = mallinfo2().uordblks + mallinfo2().hblkhd;
-    const bench::OpenHeap heap(mem, kAreaKb);
+    const std::size_t ownBefore = own();
+    const OpenHeap heap(mem);
     void *entry = nullptr;
     for (std::size_t i = 0; i < kEntries; ++i) {
-      mem.MEM_HeapAllocEntryLong(heap.get(), kEntryLen, &entry);
+      mem.MEM_HeapAllocEntryLong(heap.get(), 48, &entry);
     }
-    const auto per = [](std::uint64_t bytes) {
+    const auto each = [](std::uint64_t bytes) {
       return static_cast<double>(bytes) / static_cast<double>(kEntries);
     };
-    state.counters["host"] = per(session.host().account().liveBytes - hostBefore);
-    state.counters["layer"] = per(mallinfo2().uordblks + mallinfo2().hblkhd - ownBefore);
+    state.counters["host"] = each(session.host().account().liveBytes - hostBefore);
+    state.counters["layer"] = each(own() - ownBefore);
   }
 }
-BENCHMARK(BytesPerEntry)->Apply(allModes)->Iterations(1);
+
+void addAll() {
+  for (const NamedMode &mode : kModes) {
+    add<HeapEntries>("standard heap", mode);
+    add<EnhancedEntriesAndFrees>("enhanced heap", mode);
+    add<CellPairs>("cell pool", mode);
+    add<TableRecords>("hash table", mode);
+    add<OtherService>("another service", mode);
+    benchmark::RegisterBenchmark((std::string("bytes/") + mode.name).c_str(),
+                                 [mode](benchmark::State &state) { countBytes(state, mode.mode); })
+        ->Iterations(1);
+  }
+  add<Verification>("verification", kModes[1]);
+}
 
 }  // namespace
 
-BENCHMARK_MAIN();
+}  // namespace bench
+
+int main(int argc, char **argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  bench::keepMemory();
+  bench::addAll();
+  benchmark::RunSpecifiedBenchmarks();
+  if (bench::everyCheckPassed()) return 0;
+  std::fprintf(stderr, "checkbench: some work is not done as it should be; see its message\n");
+  return 1;
+}

@@ -1,13 +1,13 @@
 #!/usr/bin/python3
 """Writes the figures of a benchmark run into docs/performance.md and draws its charts.
 
-    bench/performance.py FIGURES.json WORKLOADS.json DOCUMENT.md
+    bench/performance.py DOCUMENT.md PROGRAM.json…
 
-FIGURES.json is what peerbench writes with --benchmark_out, WORKLOADS.json what workloadbench writes.
-In the document everything between a line
-"<!-- figures: NAME -->" and the next "<!-- end -->" is replaced; all else is prose and stays. Charts
-go to the folder "pictures" beside the document. Ends with 1 when the figures and the document do not
-fit together.
+PROGRAM.json is what the program writes with --benchmark_out: peerbench, workloadbench, checkbench. In
+the document everything between a line "<!-- figures: NAME -->" and the next "<!-- end -->" is replaced
+where NAME is one of these programs' tables; all else stays. Charts, of peerbench alone, go to the
+folder "pictures" beside the document. Ends with 1 when the figures and the document do not fit
+together.
 """
 
 import datetime
@@ -40,13 +40,15 @@ class Figures:
         with open(path, encoding="utf-8") as file:
             data = json.load(file)
         self.context = data["context"]
-        runs, self.skipped = {}, {}
+        runs, self.skipped, self.counters = {}, {}, {}
         for run in sorted(data["benchmarks"], key=lambda run: run["family_index"]):
             if run["run_type"] != "iteration":
                 continue
             name = run["name"].removesuffix("/manual_time")
             if run.get("error_occurred"):
                 self.skipped[name] = run["error_message"]
+            elif "ns" not in run:  # it counts something else
+                self.counters[name.removesuffix("/iterations:1")] = run
             else:
                 runs.setdefault(name, []).append(run)
         self.repetitions = max(len(group) for group in runs.values())
@@ -296,6 +298,46 @@ def catalogues(figures):
         number(figures.ns(f"pack-catalogue/MEM_Pack/{column}")) for column in columns]])
 
 
+CHECKED_MODES = [("without", "none"), ("layer", "layer"),
+                 ("layer and statistics", "layer and statistics"), ("statistics alone", "statistics"),
+                 ("after detaching", "detached")]
+CHECKED_WORKS = [
+    ("standard heap: an entry of 48 bytes, with its share of open and close", "standard heap"),
+    ("enhanced heap: an entry of 48 bytes, and its free", "enhanced heap"),
+    ("cell pool: one of 1,000 cells of 64 bytes freed, another allocated", "cell pool"),
+    ("hash table: a record of 32 bytes inserted and found", "hash table"),
+    ("another service (slot 43)", "another service"),
+]
+
+
+def checking(figures):
+    """Nanoseconds of each work in each mode, and in relation to the one without a layer."""
+    head = ["nanoseconds per operation"]
+    for label, _ in CHECKED_MODES:
+        head += [label] if label == "without" else [label, "× without"]
+    lines = []
+    for label, work in CHECKED_WORKS:
+        plain = figures.ns(f"{work}/none")
+        line = [label, number(plain)]
+        for _, mode in CHECKED_MODES[1:]:
+            ns = figures.ns(f"{work}/{mode}")
+            line += [number(ns), times(ns / plain if ns and plain else None)]
+        lines.append(line)
+    return markdown(head, lines)
+
+
+def checking_bytes(figures):
+    head = ["bytes for an entry of 48 bytes"] + [label for label, _ in CHECKED_MODES]
+    return markdown(head, [
+        [label] + [f"{figures.counters[f'bytes/{mode}'][counter]:,.0f}" for _, mode in CHECKED_MODES]
+        for label, counter in [("the host's", "host"), ("the layer's own", "layer")]])
+
+
+def verification(figures):
+    ns = figures.ns("verification/layer")
+    return f"One verification takes {number(ns)} nanoseconds an entry: {ns / 100:.1f} ms for 10,000.\n"
+
+
 def command_output(command):
     try:
         return subprocess.run(command, capture_output=True, text=True, check=True).stdout
@@ -435,36 +477,45 @@ def charts(figures):
                                lines_of(figures, "concat"))
 
 
-def sections(figures, own):
-    made = {"machine": machine(figures), "aims": aims(figures), "floor": floors(figures),
-            "multiples": multiples(figures), "graph-size": sizes(figures, "graph-encode"),
-            "text-size": sizes(figures, "text-encode"),
-            "workloads": workloads(own), "pack-catalogue": catalogues(own)}
-    made.update({table: comparison(figures, table) for table in TABLES})
-    return made
+# The tables of each program.
+SECTIONS = {
+    "peerbench": {
+        "machine": machine, "aims": aims, "floor": floors, "multiples": multiples,
+        "graph-size": lambda figures: sizes(figures, "graph-encode"),
+        "text-size": lambda figures: sizes(figures, "text-encode"),
+        **{table: lambda figures, table=table: comparison(figures, table) for table in TABLES}},
+    "workloadbench": {"workloads": workloads, "pack-catalogue": catalogues},
+    "checkbench": {"checking": checking, "checking-bytes": checking_bytes,
+                   "verification": verification},
+}
 
 
 def fill(document, made):
-    """The document with every section's figures replaced."""
+    """The document with the figures of these sections replaced."""
     wanted = re.findall(r"<!-- figures: ([\w-]+) -->", document)
-    if sorted(wanted) != sorted(made):
+    known = [name for sections in SECTIONS.values() for name in sections]
+    if sorted(wanted) != sorted(known):
         raise SystemExit("performance.py: the document has no place, or more than one, for: " +
-                         ", ".join(sorted(set(made) ^ set(wanted)) or ["a figure named twice"]))
+                         ", ".join(sorted(set(known) ^ set(wanted)) or ["a figure named twice"]))
     pattern = r"(<!-- figures: ([\w-]+) -->\n).*?(<!-- end -->)"
-    return re.sub(pattern, lambda match: f"{match[1]}\n{made[match[2]]}\n{match[3]}", document,
-                  flags=re.S)
+    return re.sub(pattern, lambda match: f"{match[1]}\n{made[match[2]]}\n{match[3]}"
+                  if match[2] in made else match[0], document, flags=re.S)
 
 
 def main():
-    if len(sys.argv) != 4:
+    paths = [pathlib.Path(path) for path in sys.argv[2:]]
+    if not paths or any(path.stem not in SECTIONS for path in paths):
         raise SystemExit(__doc__)
-    figures = Figures(sys.argv[1])
-    document = pathlib.Path(sys.argv[3])
-    made = sections(figures, Figures(sys.argv[2]))
+    document = pathlib.Path(sys.argv[1])
+    figures = {path.stem: Figures(path) for path in paths}
+    made = {name: make(figures[program]) for program in figures
+            for name, make in SECTIONS[program].items()}
     document.write_text(fill(document.read_text(encoding="utf-8"), made), encoding="utf-8")
+    if "peerbench" not in figures:
+        return
     pictures = document.parent / "pictures"
     pictures.mkdir(exist_ok=True)
-    for name, svg in charts(figures):
+    for name, svg in charts(figures["peerbench"]):
         (pictures / f"performance-{name}.svg").write_text(svg, encoding="utf-8")
 
 

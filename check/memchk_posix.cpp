@@ -1,7 +1,9 @@
+#include <cxxabi.h>
 #include <dlfcn.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "memchk_platform.hpp"
@@ -10,12 +12,21 @@ namespace memchk::platform {
 
 namespace {
 
-std::string withOffset(const char *pName, const void *pCode, const void *pStart) {
+std::string withOffset(const std::string &name, const void *pCode, const void *pStart) {
   char offset[32];
   std::snprintf(offset, sizeof offset, "+0x%llx",
                 static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(pCode) -
                                                 reinterpret_cast<std::uintptr_t>(pStart)));
-  return std::string(pName) + offset;
+  return name + offset;
+}
+
+// The name as it is written in the source, where it is a C++ name.
+std::string readableName(const char *pSymbol) {
+  int status = 0;
+  char *const pReadable = abi::__cxa_demangle(pSymbol, nullptr, nullptr, &status);
+  std::string name = status == 0 ? pReadable : pSymbol;
+  std::free(pReadable);
+  return name;
 }
 
 }  // namespace
@@ -31,7 +42,7 @@ std::string codeName(const void *pCode) {
   std::string name =
       withOffset(pSlash == nullptr ? info.dli_fname : pSlash + 1, pCode, info.dli_fbase);
   if (info.dli_sname != nullptr) {
-    name += " (" + withOffset(info.dli_sname, pCode, info.dli_saddr) + ")";
+    name += " (" + withOffset(readableName(info.dli_sname), pCode, info.dli_saddr) + ")";
   }
   return name;
 }

@@ -27,15 +27,17 @@ if(WIN32)
   install(FILES SrcRes/binding/QJ7MEM00.def DESTINATION ${CMAKE_INSTALL_LIBDIR})
   foreach(folder check host)  # for compilers that have no archives here
     file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp ${folder}/*.hpp)
-    install(FILES ${sources} DESTINATION ${MEM_INSTALL_SOURCEDIR}/${folder})
+    install(FILES ${sources} DESTINATION ${MEM_INSTALL_SHAREDIR}/${folder})
   endforeach()
-  install(FILES cmake/host-sources.cmake DESTINATION ${MEM_INSTALL_SOURCEDIR}/host RENAME CMakeLists.txt)
+  install(FILES cmake/host-sources.cmake DESTINATION ${MEM_INSTALL_SHAREDIR}/host RENAME CMakeLists.txt)
   if(MEM_MINGW_GXX)
     include(MemGnuHost)  # in place of the archives that clang has made
     add_dependencies(installed_files gnu_archives)
     install(FILES ${MEM_GNU_ARCHIVES} DESTINATION ${MEM_INSTALL_PRIVATEDIR})
   endif()
 else()
+  install(FILES check/valgrind.supp DESTINATION ${MEM_INSTALL_SHAREDIR})
+  set(MEM_PC_SUPPRESSIONS "suppressions=\${prefix}/${MEM_INSTALL_SHAREDIR}/valgrind.supp\n")
   # Hosts find the library by the program's run path; so does refhost::Library::installed(). The
   # reference host links the checking layer, and has it from there.
   target_link_options(memchk INTERFACE

@@ -76,9 +76,9 @@ else()
     "This package has the library, the C headers that hosts and components\ninclude, and the contract as JSON.")
   set(CPACK_DEBIAN_QJ7MEM00_PACKAGE_SHLIBDEPS ON)
   mem_describe_part(qj7mem00-dev libdevel "memory services for a host runtime - development files"
-    "This package has the C++ header, the checking layer (which finds misuse of\nheap entries and cells), the reference host (a complete host for tests and\ntools), and files for CMake and pkg-config."
+    "This package has the C++ header, the checking layer (which finds misuse of\nheap entries and cells), the reference host (a complete host for tests and\ntools), suppressions for valgrind, and files for CMake and pkg-config."
     DEPENDS "qj7mem00 (= ${version})"
-    SUGGESTS "qj7mem00-doc, g++ (>= 4:12) | clang (>= 1:14), cmake (>= 3.25), pkg-config")
+    SUGGESTS "qj7mem00-doc, qj7mem00-dbg (= ${version}), valgrind, g++ (>= 4:12) | clang (>= 1:14), cmake (>= 3.25), pkg-config")
   mem_describe_part(qj7mem00-tools devel "memory services for a host runtime - memtool"
     "This package has memtool, which looks into packed chains and port strings,\nexplains error codes and draws heaps at work."
     DEPENDS "qj7mem00 (= ${version})")

@@ -5,12 +5,13 @@
 #
 # Installs what is missing. Without names it runs every program of GoogleTest cases but those whose
 # cases provoke faults or end in a child process on purpose, and those that take too long this way.
-# An error or a lost block fails a program; logs are in build/logs/memcheck.
+# An error or a lost block fails a program; logs are in build/logs/memcheck. Nothing is suppressed but
+# what check/valgrind.supp, which is shipped, has.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 cmake/install-packages.sh linux memcheck
-cmake/build-quietly.sh release
+cmake/build-quietly.sh release "$@"  # with names these only
 
 programs=("$@")
 if ((${#programs[@]} == 0)); then
@@ -24,6 +25,7 @@ if ((${#programs[@]} == 0)); then
 fi
 
 logs=$PWD/build/logs/memcheck
+suppressions=$PWD/check/valgrind.supp
 mkdir -p "$logs"
 cd build/release/bin
 failures=0
@@ -32,7 +34,7 @@ for program in "${programs[@]}"; do
   outcome=ok
   # Death tests write into protected storage in a child process.
   valgrind --quiet --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite \
-    --fair-sched=yes --log-file="$logs/$program.%p.log" \
+    --suppressions="$suppressions" --fair-sched=yes --log-file="$logs/$program.%p.log" \
     "./$program" --gtest_filter='-*Death*' --gtest_brief=1 \
     >"$logs/$program.out" 2>&1 || outcome=FAILED
   [[ $outcome == ok ]] || failures=$((failures + 1))

@@ -89,7 +89,8 @@ void appendMisuse(std::string &text, const Misuse &misuse) {
   }
   if (!misuse.area) return;
   const Leak &area = *misuse.area;
-  text += formatText("  area:   %llu bytes, ", area.length) + circumstances(area) + '\n';
+  text += formatText("  area:   %llu bytes at %p, ", area.length, area.area) + circumstances(area) +
+          '\n';
   appendCaller(text, "    ", joined(area.services), area.stack);
 }
 
@@ -197,10 +198,7 @@ void Host::Impl::addThreadsLeftActive(Findings &findings) {
         {Service::FreePoolStorage,
          formatText("thread %llu is active at the end: MEM_ThreadTerm was not called",
                     block.origin.thread),
-         block.origin.thread,
-         *block.origin.services,
-         describe(block.origin.stack),
-         {}});
+         block.origin.thread, *block.origin.services, describe(block.origin.stack), leakOf(block)});
   }
 }
 

@@ -280,10 +280,12 @@ std::vector<FoundArea> StorageAccount::takeThreadBlocks() {
   return takeUnreported(&isThreadBlock);
 }
 
-void StorageAccount::markReported(const void *address) {
+std::optional<FoundArea> StorageAccount::takeThreadBlock(const void *address) {
   const std::lock_guard lock(mutex_);
   const auto area = areas_.find(reinterpret_cast<std::uintptr_t>(address));
-  if (area != areas_.end()) area->second.isReported = true;
+  if (area == areas_.end()) return std::nullopt;
+  area->second.isReported = true;
+  return found(area->first, area->second);
 }
 
 std::string StorageAccount::report() const {

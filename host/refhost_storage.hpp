@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -82,8 +83,8 @@ class StorageAccount {
   std::vector<FoundArea> takeLeaks();         // components'
   std::vector<FoundArea> takeThreadBlocks();  // of threads that are active
 
-  // The area, a thread block, is reported otherwise.
-  void markReported(const void *address);
+  // A thread block that is reported by itself: those above leave it out from now on.
+  std::optional<FoundArea> takeThreadBlock(const void *address);
 
  private:
   struct Area {

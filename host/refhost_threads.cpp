@@ -104,9 +104,10 @@ void Host::Impl::reportLeftBy(ThreadState &ended) {
                  origin);
   }
   if (isActive) {
-    storage.markReported(ended.env.pMemThreadBlk);
+    const std::optional<FoundArea> block = storage.takeThreadBlock(ended.env.pMemThreadBlk);
     reportMisuse(Service::FreePoolStorage,
-                 "a thread ended while it was active: MEM_ThreadTerm was not called", origin);
+                 "a thread ended while it was active: MEM_ThreadTerm was not called", origin,
+                 block ? &*block : nullptr);
   }
 }
 

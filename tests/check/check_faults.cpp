@@ -1,6 +1,7 @@
 // A component with one fault, named by the argument, under a host that has attached the checking
-// layer. On stdout: the address that the layer is to name, the service that is to be named as the
-// origin, then "survived" when the program has come to its end.
+// layer. On stdout: the address that the layer is to name; the call that it is to name as the
+// origin, with its service, number and line here; the call in which it is to find the fault; then
+// "survived" when the program has come to its end.
 //
 //   check_faults <fault>     list shows all; clean is a component without a fault
 #include <cstdint>
@@ -21,10 +22,20 @@ namespace {
 
 constexpr std::int32_t kLen = 40;
 
+// A call of the component, counted from 1.
+struct Call {
+  const char *service;
+  int number;
+  int line;  // 0 where nobody looks at it
+};
+
+constexpr Call kNone{"", 0, 0};
+
 // Announces what the report has to have: before the fault, which may end the program.
-void expect(const void *address, const char *origin) {
-  std::printf("address 0x%016llX\norigin %s\n",
-              static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(address)), origin);
+void expect(const void *address, const Call &origin, const Call &found) {
+  std::printf("address 0x%016llX\norigin %s %d %d\nfound %s %d\n",
+              static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(address)),
+              origin.service, origin.number, origin.line, found.service, found.number);
   std::fflush(stdout);
 }
 
@@ -43,16 +54,23 @@ struct Component {
   void *neighbour = nullptr;
   void *cell = nullptr;
 
-  // Between two entries, so that no storage of others is touched.
+  Call entryMade = kNone;
+  Call cellMade = kNone;
+  Call closing = kNone;  // the first call of close, when nothing comes between
+
+  // Between two entries, so that no storage of others is touched. Eight calls.
   bool open(bool enhanced) {
     const auto openHeap = enhanced ? mem.MEM_EHeapOpen : mem.MEM_HeapOpen;
-    return openHeap(&heap, 4, 7) == 0 && openHeap(&other, 4, 7) == 0 &&
-           mem.MEM_HeapAllocEntry(heap, kLen, &neighbour) == 0 &&
-           mem.MEM_HeapAllocEntry(heap, kLen, &entry) == 0 &&
-           mem.MEM_HeapAllocEntry(heap, kLen, &neighbour) == 0 &&
-           mem.MEM_CellOpen(&pool, 4096, kLen, 7) == 0 &&
-           mem.MEM_CellOpen(&otherPool, 4096, kLen, 7) == 0 &&
-           mem.MEM_CellAllocEntry(pool, &cell) == 0;
+    closing = {enhanced ? "MEM_EHeapClose" : "MEM_HeapClose", 9, 0};
+    if (openHeap(&heap, 4, 7) != 0 || openHeap(&other, 4, 7) != 0) return false;
+    if (mem.MEM_HeapAllocEntry(heap, kLen, &neighbour) != 0) return false;
+    entryMade = {"MEM_HeapAllocEntry", 4, __LINE__ + 1};
+    if (mem.MEM_HeapAllocEntry(heap, kLen, &entry) != 0) return false;
+    if (mem.MEM_HeapAllocEntry(heap, kLen, &neighbour) != 0) return false;
+    if (mem.MEM_CellOpen(&pool, 4096, kLen, 7) != 0) return false;
+    if (mem.MEM_CellOpen(&otherPool, 4096, kLen, 7) != 0) return false;
+    cellMade = {"MEM_CellAllocEntry", 8, __LINE__ + 1};
+    return mem.MEM_CellAllocEntry(pool, &cell) == 0;
   }
 
   void close(bool enhanced) {
@@ -64,7 +82,7 @@ struct Component {
   }
 
   void write(std::int64_t offset) {
-    expect(static_cast<std::uint8_t *>(entry) + offset, "MEM_HeapAllocEntry");
+    expect(static_cast<std::uint8_t *>(entry) + offset, entryMade, closing);
     writeAt(entry, offset);
   }
 };
@@ -93,67 +111,81 @@ const Fault kFaults[] = {
     {"enhanced-underrun-48", true, [](Component &c) { c.write(-48); }},
     {"freed-write", true,
      [](Component &c) {
+       const Call freed{"MEM_EHeapFreeEntry", 9, __LINE__ + 1};
        c.mem.MEM_EHeapFreeEntry(c.heap, kLen, c.entry);
-       expect(static_cast<std::uint8_t *>(c.entry) + 20, "MEM_EHeapFreeEntry");
+       expect(static_cast<std::uint8_t *>(c.entry) + 20, freed, {"MEM_EHeapClose", 10, 0});
        writeAt(c.entry, 20);
      }},
     {"freed-cell-write", true,
      [](Component &c) {
+       const Call freed{"MEM_CellFreeEntry", 9, __LINE__ + 1};
        c.mem.MEM_CellFreeEntry(c.pool, c.cell);
-       expect(static_cast<std::uint8_t *>(c.cell) + 20, "MEM_CellFreeEntry");
+       expect(static_cast<std::uint8_t *>(c.cell) + 20, freed, {"MEM_CellClose", 12, 0});
        writeAt(c.cell, 20);
      }},
     {"wrong-length", true,
      [](Component &c) {
-       expect(c.entry, "MEM_HeapAllocEntry");
+       expect(c.entry, c.entryMade, {"MEM_EHeapFreeEntry", 9, 0});
        c.mem.MEM_EHeapFreeEntry(c.heap, kLen + 8, c.entry);
      }},
     {"double-free", true,
      [](Component &c) {
+       const Call freed{"MEM_EHeapFreeEntry", 9, __LINE__ + 1};
        c.mem.MEM_EHeapFreeEntry(c.heap, kLen, c.entry);
-       expect(c.entry, "MEM_EHeapFreeEntry");
+       expect(c.entry, freed, {"MEM_EHeapFreeEntry", 10, 0});
        c.mem.MEM_EHeapFreeEntry(c.heap, kLen, c.entry);
      }},
     {"double-free-cell", true,
      [](Component &c) {
+       const Call freed{"MEM_CellFreeEntry", 9, __LINE__ + 1};
        c.mem.MEM_CellFreeEntry(c.pool, c.cell);
-       expect(c.cell, "MEM_CellFreeEntry");
+       expect(c.cell, freed, {"MEM_CellFreeEntry", 10, 0});
        c.mem.MEM_CellFreeEntry(c.pool, c.cell);
      }},
     {"foreign-cell", true,
      [](Component &c) {
        static std::uint64_t own[8];
-       expect(own, "");
+       expect(own, kNone, {"MEM_CellFreeEntry", 9, 0});
        c.mem.MEM_CellFreeEntry(c.pool, own);
      }},
     {"cell-of-another-pool", true,
      [](Component &c) {
-       expect(c.cell, "MEM_CellAllocEntry");
+       expect(c.cell, c.cellMade, {"MEM_CellFreeEntry", 9, 0});
        c.mem.MEM_CellFreeEntry(c.otherPool, c.cell);
      }},
     {"foreign-entry", true,
      [](Component &c) {
        void *storage = c.mem.MEM_Alloc(64, 7);
-       expect(storage, "");
+       expect(storage, kNone, {"MEM_EHeapFreeEntry", 9, 0});
        c.mem.MEM_EHeapFreeEntry(c.heap, kLen, storage);
        c.mem.MEM_Free(storage, 64, 7);
      }},
     {"entry-of-another-heap", true,
      [](Component &c) {
-       expect(c.entry, "MEM_HeapAllocEntry");
+       expect(c.entry, c.entryMade, {"MEM_EHeapFreeEntry", 9, 0});
        c.mem.MEM_EHeapFreeEntry(c.other, kLen, c.entry);
      }},
     {"closed-heap", false,
      [](Component &c) {
+       const Call closed{"MEM_HeapClose", 9, __LINE__ + 1};
        c.mem.MEM_HeapClose(c.heap);
-       expect(c.heap, "MEM_HeapClose");
+       expect(c.heap, closed, {"MEM_HeapAllocEntry", 10, 0});
        c.mem.MEM_HeapAllocEntry(c.heap, kLen, &c.entry);
+       c.heap = nullptr;
+     }},
+    {"closed-enhanced-heap", true,
+     [](Component &c) {
+       const Call closed{"MEM_EHeapClose", 9, __LINE__ + 1};
+       c.mem.MEM_EHeapClose(c.heap);
+       expect(c.heap, closed, {"MEM_EHeapFreeEntry", 10, 0});
+       c.mem.MEM_EHeapFreeEntry(c.heap, kLen, c.entry);
        c.heap = nullptr;
      }},
     {"closed-pool", true,
      [](Component &c) {
+       const Call closed{"MEM_CellClose", 9, __LINE__ + 1};
        c.mem.MEM_CellClose(c.pool);
-       expect(c.pool, "MEM_CellClose");
+       expect(c.pool, closed, {"MEM_CellAllocEntry", 10, 0});
        c.mem.MEM_CellAllocEntry(c.pool, &c.cell);
        c.pool = nullptr;
      }},

@@ -1,14 +1,17 @@
-# Every fault of a component is found, with the service, the address and the place.
+# Every fault of a component is found, with the service, the address, the number of the call and the
+# line of the source.
 #
-#   cmake -DPROGRAM=… [-DCHECKER=asan|valgrind] [-DVALGRIND=…] [-DEMULATOR=…] -P check_faults_test.cmake
+#   cmake -DPROGRAM=… [-DCHECKER=asan|valgrind] [-DVALGRIND=… -DSUPPRESSIONS=…] [-DEMULATOR=…]
+#         [-DADDR2LINE=…] -P check_faults_test.cmake
 #
-# PROGRAM   check_faults; for asan a build with that sanitizer, which ends the program at the fault
-# VALGRIND  the program of that name
+# PROGRAM    check_faults; for asan a build with that sanitizer, which ends the program at the fault
+# VALGRIND   the program of that name, and the suppressions that are shipped for it
+# ADDR2LINE  the program that knows the lines of places; without it they are not looked at
 cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/../support/run_program.cmake)
 
 if(CHECKER STREQUAL "valgrind")
-  set(EMULATOR ${VALGRIND} --quiet --error-exitcode=99)
+  set(EMULATOR ${VALGRIND} --quiet --error-exitcode=99 --suppressions=${SUPPRESSIONS})
 endif()
 
 # What the layer calls each fault, and how the checkers see it: an access to what nobody may touch,
@@ -33,6 +36,7 @@ set(cell-of-another-pool "other owner: a cell")
 set(foreign-entry "foreign entry")
 set(entry-of-another-heap "other owner: an entry")
 set(closed-heap "closed handle: MEM_HeapAllocEntry")
+set(closed-enhanced-heap "closed handle: MEM_EHeapFreeEntry")
 set(closed-pool "closed handle: MEM_CellAllocEntry")
 
 function(must_say text)
@@ -42,10 +46,21 @@ function(must_say text)
   endif()
 endfunction()
 
-# "MEM_HeapAllocEntry, call 4, thread 1, from check_faults+0x1234"
-function(must_name origin)
-  if(NOT err MATCHES "by ${origin}, call [0-9]+, thread 1, from ${program_name}[.a-z]*\\+0x[0-9a-f]+")
-    fail("${fault}: the place of ${origin} is not told")
+# must_name(<by> <service> <number> [<line>])
+# "allocated by MEM_HeapAllocEntry, call 4, thread 1, from check_faults+0x1234", where the place is
+# the address after the call.
+function(must_name by service number)
+  if(NOT err MATCHES
+      "  ${by} by ${service}, call ${number}, thread 1, from ${program_name}[.a-z]*\\+(0x[0-9a-f]+)")
+    fail("${fault}: \"${by} by ${service}, call ${number}\" and its place are not said")
+  endif()
+  set(place ${CMAKE_MATCH_1})
+  if(ADDR2LINE AND ARGN)
+    math(EXPR place "${place} - 1" OUTPUT_FORMAT HEXADECIMAL)
+    execute_process(COMMAND ${ADDR2LINE} -e ${PROGRAM} ${place} OUTPUT_VARIABLE where)
+    if(NOT where MATCHES "/check_faults\\.cpp:${ARGN}( |\n)")
+      fail("${fault}: ${place} is ${where}, not line ${ARGN}")
+    endif()
   endif()
 endfunction()
 
@@ -54,15 +69,20 @@ function(check_fault fault)
     message(FATAL_ERROR "This script does not know the fault ${fault}")
   endif()
   run_program(${fault})
-  if(NOT out MATCHES "address (0x[0-9A-F]+)\norigin ([A-Za-z_]*)\n")
+  if(NOT out MATCHES "address (0x[0-9A-F]+)\norigin ([A-Za-z_]*) ([0-9]+) ([0-9]+)\nfound ([A-Za-z_]+) ([0-9]+)\n")
     fail("${fault}: not announced")
   endif()
   set(address ${CMAKE_MATCH_1})
-  set(origin ${CMAKE_MATCH_2})
+  set(origin ${CMAKE_MATCH_2} ${CMAKE_MATCH_3} ${CMAKE_MATCH_4})
+  set(found ${CMAKE_MATCH_5} ${CMAKE_MATCH_6})
   must_say("memchk: ")
   must_say(${address})
-  if(origin)
-    must_name(${origin})
+  if(origin MATCHES "Alloc")
+    must_name(allocated ${origin})
+  elseif(origin MATCHES "Free")
+    must_name(freed ${origin})
+  elseif(origin MATCHES "Close")
+    must_name(closed ${origin})
   endif()
   if(CHECKER STREQUAL "asan" AND fault IN_LIST accesses)
     # The instruction itself; the program ends there.
@@ -75,9 +95,7 @@ function(check_fault fault)
     return()
   endif()
   must_say("memchk: ${${fault}}")
-  if(NOT err MATCHES "found by MEM_[A-Za-z]+, call [0-9]+, thread 1, from ${program_name}")
-    fail("${fault}: the call in which it was found is not told")
-  endif()
+  must_name(found ${found})
   if(CHECKER AND fault MATCHES "^closed")
     return()  # the service's own look at the handle is an access to freed storage
   endif()
@@ -109,7 +127,7 @@ string(STRIP "${faults}" faults)
 string(REPLACE "\n" ";" faults "${faults}")
 list(REMOVE_ITEM faults clean)
 list(LENGTH faults count)
-if(count LESS 19)
+if(count LESS 20)
   message(FATAL_ERROR "Only ${count} faults: ${faults}")
 endif()
 foreach(fault IN LISTS faults)

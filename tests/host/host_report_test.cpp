@@ -155,8 +155,9 @@ TEST(HostReport, WhatTheLibraryHoldsIsNoLeak) {
   for (int i = 0; i < 3; ++i) {  // more than one block of the sink
     const std::string filler(0x30000, static_cast<char>('A' + i));
     ASSERT_EQ(host.vector().MEM_SinkString(filler.c_str(), &narrow), 0);
+    const std::u16string wideFiller(0x18000, static_cast<char16_t>('a' + i));
+    ASSERT_EQ(host.vector().MEM_WSinkString(wideFiller.c_str(), &wide), 0);
   }
-  ASSERT_EQ(host.vector().MEM_WSinkString(u"wide", &wide), 0);
   ASSERT_GT(host.leaks().size(), 4U);
   EXPECT_TRUE(host.report().empty()) << host.leakReport();
   // A component's storage in the subpools of the library is the component's.
@@ -247,10 +248,20 @@ TEST(HostReport, GoesToStderrUnlessSwitchedOff) {
 
 // ---- Threads and gates that are left.
 
+// The block of the thread, and the call that made it active.
+void expectThreadBlock(const refhost::Misuse &misuse, const void *pBlock, std::uint64_t call) {
+  ASSERT_TRUE(misuse.area);
+  EXPECT_EQ(misuse.area->area, pBlock);
+  EXPECT_EQ(misuse.area->callNumber, call);
+  EXPECT_EQ(misuse.area->services, Lines{"MEM_ThreadAct"});
+  EXPECT_EQ(misuse.area->thread, misuse.thread);
+}
+
 TEST(HostReport, AThreadThatIsStillActiveIsReported) {
   Session session(library().bindEntry(), quietly());
-  ASSERT_EQ(session.vector().MEM_ThreadAct(), 0);  // once more: the first block is lost
+  const void *const pBlock = session.host().thread().pMemThreadBlk;
   const std::uint64_t calls = session.host().account().totalCount;
+  ASSERT_EQ(session.vector().MEM_ThreadAct(), 0);  // once more: the first block is lost
   const Findings findings = session.close();
   EXPECT_TRUE(findings.leaks.empty());
   ASSERT_EQ(findings.misuses.size(), 1U);
@@ -258,15 +269,25 @@ TEST(HostReport, AThreadThatIsStillActiveIsReported) {
   EXPECT_EQ(textsOf(findings), Lines{"FreePoolStorage: thread " + thread +
                                      " is active at the end: MEM_ThreadTerm was not called"});
   EXPECT_EQ(findings.misuses[0].services, Lines{"MEM_ThreadAct"});
-  EXPECT_GT(calls, 0U);
+  expectThreadBlock(findings.misuses[0], pBlock, calls);
 }
 
 TEST(HostReport, AThreadThatEndedActiveIsReportedOnce) {
   Session session(library().bindEntry(), quietly());
-  std::thread([&] { session.vector().MEM_ThreadAct(); }).join();
-  EXPECT_EQ(textsOf(session.close()),
+  Host &host = session.host();
+  const void *pBlock = nullptr;
+  std::uint64_t callNumber = 0;
+  std::thread([&] {
+    callNumber = host.account().totalCount + 1;
+    session.vector().MEM_ThreadAct();
+    pBlock = host.thread().pMemThreadBlk;
+  }).join();
+  const Findings findings = session.close();
+  EXPECT_EQ(textsOf(findings),
             Lines{"FreePoolStorage: a thread ended while it was active: MEM_ThreadTerm was not "
                   "called"});
+  ASSERT_EQ(findings.misuses.size(), 1U);
+  expectThreadBlock(findings.misuses[0], pBlock, callNumber);
 }
 
 TEST(HostReport, GatesThatAreLeftAreReported) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -10,7 +11,7 @@
 
 namespace {
 
-constexpr std::int16_t kSubPool = 7;
+constexpr std::uint16_t kSubPool = 7;
 
 void show(const void *address) {
   std::printf("%s\n", refhost::formatText("%p", address).c_str());
@@ -81,11 +82,47 @@ void length(refhost::Host &host, bool isCorrect) {
   host.vector().MEM_Free(storage, isCorrect ? 100 : 99, kSubPool);
 }
 
-void activeThread(refhost::Host &host, bool isCorrect) {
-  std::thread([&] {
-    host.vector().MEM_ThreadAct();
-    if (isCorrect) host.vector().MEM_ThreadTerm();
-  }).join();
+void chain(refhost::Host &host, bool isCorrect) {
+  constexpr std::uint16_t kBlockLen = 2048;
+  const std::uint64_t root = 0;
+  MemPackCB kinds{};
+  kinds.Count = 1;
+  kinds.Descriptors[0].Type = MEM_PACK_FIXED;
+  kinds.Descriptors[0].FixedLen = sizeof root;
+  kinds.Descriptors[0].SiblingOff = MEM_PACK_NO_SIBLING;
+  MemPackBlock *pFirst = nullptr;
+  host.vector().MEM_Pack(&kinds, &root, kBlockLen, &pFirst);
+  show(pFirst);
+  if (isCorrect) host.vector().MEM_Free(pFirst, kBlockLen, 0);
+}
+
+void freedTwice(refhost::Host &host, bool isCorrect) {
+  void *const storage = host.vector().MEM_Alloc(100, kSubPool);
+  show(storage);
+  host.vector().MEM_Free(storage, 100, kSubPool);
+  if (!isCorrect) host.vector().MEM_Free(storage, 100, kSubPool);
+}
+
+void otherSubPool(refhost::Host &host, bool isCorrect) {
+  void *const storage = host.vector().MEM_Alloc(100, kSubPool);
+  show(storage);
+  host.vector().MEM_Free(storage, 100, isCorrect ? kSubPool : kSubPool + 1);
+}
+
+void foreignArea(refhost::Host &host, bool isCorrect) {
+  static std::uint64_t own[8];
+  show(own);
+  if (!isCorrect) host.vector().MEM_Free(own, sizeof own, kSubPool);
+}
+
+void activate(refhost::Host &host, bool isCorrect) {
+  host.vector().MEM_ThreadAct();
+  show(host.thread().pMemThreadBlk);
+  if (isCorrect) host.vector().MEM_ThreadTerm();
+}
+
+void thread(refhost::Host &host, bool isCorrect) {
+  std::thread(activate, std::ref(host), isCorrect).join();
 }
 
 void heldGate(refhost::Host &host, bool isCorrect) {
@@ -113,8 +150,12 @@ constexpr Case kCases[] = {
     {"hashTable", hashTable},
     {"cellPool", cellPool},
     {"textBuffer", textBuffer},
+    {"chain", chain},
     {"length", length},
-    {"thread", activeThread},
+    {"freedTwice", freedTwice},
+    {"otherSubPool", otherSubPool},
+    {"foreignArea", foreignArea},
+    {"thread", thread},
     {"gate", heldGate},
 };
 

@@ -45,11 +45,27 @@ function(expect_text text)
   endif()
 endfunction()
 
-# expect_found(<case> <text>... [LOST <function>])
+# The report has a stack in which the function is: by its name where the program exports names, else
+# by its place in the program.
+function(expect_stack_of function)
+  if(CMAKE_HOST_UNIX AND NOT EMULATOR MATCHES "wine")
+    set(place "${function}\\(refhost::Host&, bool\\)\\+0x[0-9A-F]+ \\(leaking_program\\+0x[0-9A-F]+\\)")
+  else()
+    set(place "[^\n]*leaking_program[^\n]*\\+0x[0-9A-F]+")
+  endif()
+  if(NOT err MATCHES "\n *(stack: )? *${place}\n")
+    fail("${name} --stacks: expected a stack with the function ${function}")
+  endif()
+endfunction()
+
+# expect_found(<case> <function> <text>... [LOST])
 # The program of this case reports each text; ADDRESS stands for what it shows first on stdout, N for
-# any number. Memory checkers see storage lost that the function obtained; without LOST, none.
-function(expect_found name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "LOST" "")
+# any number. With stacks it names the function that made the call. LOST: memory checkers see storage
+# lost that the function allocated; else they see nothing.
+function(expect_found name function)
+  cmake_parse_arguments(PARSE_ARGV 2 arg "LOST" "" "")
+  run_case(${name} --stacks)
+  expect_stack_of(${function})
   run_case(${name})
   if(NOT code STREQUAL "1")
     fail("${name}: expected exit code 1")
@@ -67,34 +83,48 @@ function(expect_found name)
   endif()
   if(NOT arg_LOST AND NOT seen STREQUAL "")
     fail("${name}: the memory checker should see nothing:\n${seen}")
-  elseif(arg_LOST AND NOT seen MATCHES "(definitely lost|[Dd]irect leak).* ${arg_LOST}[( ]")
-    fail("${name}: the memory checker does not see that ${arg_LOST} has lost storage:\n${seen}")
+  elseif(arg_LOST AND NOT seen MATCHES "(definitely lost|[Dd]irect leak).* ${function}[( ]")
+    fail("${name}: the memory checker does not see that ${function} has lost storage:\n${seen}")
   endif()
 endfunction()
 
 set(told "subpool 7, kind 1, call N, thread N\n  called: ")
-expect_found(heap "refhost: 1 leak (4096 bytes)\nleak: 4096 bytes at ADDRESS, ${told}MEM_HeapOpen > MemAlloc\n"
-  LOST heap)
-expect_found(enhancedHeap
+expect_found(heap heap
+  "refhost: 1 leak (4096 bytes)\nleak: 4096 bytes at ADDRESS, ${told}MEM_HeapOpen > MemAlloc\n" LOST)
+expect_found(enhancedHeap enhancedHeap
   "refhost: 1 leak (4096 bytes), 1 misuse\nleak: 4096 bytes at ADDRESS, ${told}MEM_EHeapOpen > MemAlloc\n"
-  "misuse: DeleteGate: gate N was not deleted\n  called: MEM_EHeapOpen, thread N\n"
-  LOST enhancedHeap)
-expect_found(area "refhost: 1 leak (100 bytes)\nleak: 100 bytes at ADDRESS, ${told}MemAlloc\n" LOST area)
-expect_found(largeArea "leak: 1048576 bytes at ADDRESS, ${told}MemAlloc\n" LOST largeArea)
-expect_found(equalAreas
+  "misuse: DeleteGate: gate N was not deleted\n  called: MEM_EHeapOpen, thread N\n" LOST)
+expect_found(area area "refhost: 1 leak (100 bytes)\nleak: 100 bytes at ADDRESS, ${told}MemAlloc\n" LOST)
+expect_found(largeArea largeArea "leak: 1048576 bytes at ADDRESS, ${told}MemAlloc\n" LOST)
+expect_found(equalAreas area
   "refhost: 10 leaks (1000 bytes)\nleak: 10 times 100 bytes, 1000 in all, the first at ADDRESS, ${told}MemAlloc\n"
-  LOST area)
-expect_found(hashTable "refhost: 2 leaks (" "leak: 4096 bytes at OTHER, ${told}MEM_HashOpen > MEM_HeapOpen > MemAlloc\n"
-  "bytes at ADDRESS, ${told}MEM_HashOpen > MemAlloc\n" LOST hashTable)
-expect_found(cellPool "refhost: 1 leak (" "bytes at ADDRESS, ${told}MEM_CellOpen > MemAlloc\n" LOST cellPool)
-expect_found(textBuffer "refhost: 1 leak (1024 bytes)\nleak: 1024 bytes at ADDRESS, subpool 0, kind 1, "
-  "  called: MEM_CatOpen > MemAlloc\n" LOST textBuffer)
-expect_found(length "refhost: 1 misuse\n"
-  "misuse: FreeStorage: ADDRESS was obtained with length 100, returned with 99\n  called: MEM_Free, thread N\n"
-  "  area:   100 bytes, subpool 7, kind 1, call N, thread N\n    called: MemAlloc\n")
-expect_found(thread "refhost: 1 misuse\n"
-  "misuse: FreePoolStorage: a thread ended while it was active: MEM_ThreadTerm was not called\n")
-expect_found(gate "refhost: 1 misuse\n"
+  LOST)
+expect_found(hashTable hashTable "refhost: 2 leaks ("
+  "leak: 4096 bytes at OTHER, ${told}MEM_HashOpen > MEM_HeapOpen > MemAlloc\n"
+  "bytes at ADDRESS, ${told}MEM_HashOpen > MemAlloc\n" LOST)
+expect_found(cellPool cellPool
+  "refhost: 1 leak (" "bytes at ADDRESS, ${told}MEM_CellOpen > MemAlloc\n" LOST)
+expect_found(textBuffer textBuffer
+  "refhost: 1 leak (1024 bytes)\nleak: 1024 bytes at ADDRESS, subpool 0, kind 1, call N, thread N\n"
+  "  called: MEM_CatOpen > MemAlloc\n" LOST)
+expect_found(chain chain
+  "refhost: 1 leak (2048 bytes)\nleak: 2048 bytes at ADDRESS, subpool 0, kind 1, call N, thread N\n"
+  "  called: MEM_Pack > MemAlloc\n" LOST)
+
+set(obtained "  area:   100 bytes at ADDRESS, subpool 7, kind 1, call N, thread N\n    called: MemAlloc\n")
+set(free "\n  called: MEM_Free, thread N\n")
+expect_found(length length "refhost: 1 misuse\n"
+  "misuse: FreeStorage: ADDRESS was obtained with length 100, returned with 99${free}${obtained}")
+expect_found(freedTwice freedTwice "refhost: 1 misuse\n"
+  "misuse: FreeStorage: ADDRESS is not a live area (never obtained or already returned)${free}")
+expect_found(otherSubPool otherSubPool "refhost: 1 misuse\n"
+  "misuse: FreeStorage: ADDRESS was obtained from subpool 7, returned to 8${free}${obtained}")
+expect_found(foreignArea foreignArea "refhost: 1 misuse\n"
+  "misuse: FreeStorage: ADDRESS is not a live area (never obtained or already returned)${free}")
+expect_found(thread activate "refhost: 1 misuse\n"
+  "misuse: FreePoolStorage: a thread ended while it was active: MEM_ThreadTerm was not called\n"
+  "bytes at ADDRESS, subpool 2, kind pool, call N, thread N\n    called: MEM_ThreadAct\n")
+expect_found(gate heldGate "refhost: 1 misuse\n"
   "misuse: ReleaseGate: gate N is held by thread N at the end: ReleaseGate was not called\n")
 
 # The same services, used correctly.
@@ -104,21 +134,11 @@ if(NOT code STREQUAL "0" OR NOT err STREQUAL "" OR NOT seen STREQUAL "")
 endif()
 string(REGEX MATCHALL "\n" lines "${out}")
 list(LENGTH lines count)
-if(NOT count EQUAL 18)
+if(NOT count EQUAL 23)
   fail("none: expected that all cases run")
 endif()
 
-# A stack names the component's functions where the program exports them, else their places, which
-# begin with the program's name.
-run_case(area --stacks)
-if(NOT err MATCHES "called: MemAlloc\n  stack:  [^\n]*leaking_program[^\n]*\n")
-  fail("area --stacks: expected a stack that begins in the program")
-endif()
-if(CMAKE_HOST_UNIX AND NOT EMULATOR MATCHES "wine")
-  if(NOT err MATCHES "\n  stack:  area\\(refhost::Host&, bool\\)\\+0x[0-9A-F]+ \\(leaking_program\\+0x[0-9A-F]+\\)\n")
-    fail("area --stacks: expected a stack that begins in the function area")
-  endif()
-endif()
+# A misuse has the stacks of both calls.
 run_case(length --stacks)
 string(REGEX MATCHALL "stack:  [^\n]*leaking_program" stacks "${err}")
 list(LENGTH stacks count)

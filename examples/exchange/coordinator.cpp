@@ -22,6 +22,7 @@ namespace {
 
 constexpr Milliseconds kWait{100};              // for a report, between looks at the processes
 constexpr Milliseconds kTimeForReports{10000};  // of workers, after the end
+constexpr Milliseconds kTimeForOthers{1000};    // of workers that were started elsewhere
 constexpr Milliseconds kBetweenLines{1000};
 
 volatile sig_atomic_t isInterrupted = 0;
@@ -161,15 +162,17 @@ class Coordinator {
     }
   }
 
-  // Every worker that lives reports. Those that others started may.
+  // Every worker that lives reports. Those that others started do when they see the end.
   void waitForWorkers() {
     const Clock::time_point deadline = Clock::now() + kTimeForReports;
+    const Milliseconds quiet = arguments_.workers == 0 ? kTimeForOthers : kWait;
+    Clock::time_point lastReport = Clock::now();
     while (Clock::now() < deadline) {
-      const bool hasCome = takeReport(kWait);
+      if (takeReport(kWait)) lastReport = Clock::now();
       noteEnds();
       const bool allGone = std::all_of(processes_.begin(), processes_.end(),
                                        [](const NamedProcess &process) { return process.isGone; });
-      if (allGone && !hasCome) return;
+      if (allGone && Clock::now() - lastReport >= quiet) return;
     }
     outcome_.hasFailed = true;
     outcome_.deaths.push_back("a worker did not report in time");

@@ -40,13 +40,17 @@ Milliseconds waitFrom(const std::string &text) {
 
 TransportMaker PipeBroker::connect() {
   auto [ours, theirs] = PacketSocket::makePair();
-  connections_.push_back({std::move(ours), ++lastConnection_});
+  serveAt(std::move(ours));
   auto end = std::make_shared<PacketSocket>(std::move(theirs));
   return [this, end]() -> std::unique_ptr<Transport> {
     connections_
         .clear();  // in the new process: an end that is open there would hide another's death
     return std::make_unique<PipeTransport>(std::move(*end), settings_.patience);
   };
+}
+
+void PipeBroker::serveAt(PacketSocket socket) {
+  connections_.push_back({std::move(socket), ++lastConnection_});
 }
 
 void PipeBroker::publish(Stream stream, const Message &message) {

@@ -29,6 +29,9 @@ class PipeBroker : public Transport {
   // A connection for a process that is forked next. Drop the maker in this process once it is.
   TransportMaker connect();
 
+  // The same for a socket whose other end somebody has already.
+  void serveAt(PacketSocket socket);
+
   // The coordinator's own use of the streams. `take` serves all connections while it waits.
   void publish(Stream stream, const Message &message) override;
   std::optional<Delivery> take(Stream stream, Milliseconds wait) override;

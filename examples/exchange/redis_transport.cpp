@@ -96,9 +96,11 @@ class RedisTransport : public Transport {
     }
   }
 
+  // In this order: where the process dies in between, the message is gone, and what is left of it
+  // among the pending ones goes with the next claim. The other way round it would stay for ever.
   void acknowledge(Stream stream, const std::string &id) override {
-    execute({"XACK", key(stream), kGroup, id});
     execute({"XDEL", key(stream), id});
+    execute({"XACK", key(stream), kGroup, id});
   }
 
   void end() override { execute({"SET", endKey(), "1", "EX", kSecondsThatEndIsTold}); }

@@ -2,7 +2,7 @@
 //
 //   publish       XADD
 //   take          XAUTOCLAIM of what another consumer has held for too long, else XREADGROUP
-//   acknowledge   XACK, XDEL
+//   acknowledge   XDEL, XACK
 //   end           SET
 //
 // While the server is away, each call connects again and repeats its command until the patience is

@@ -11,6 +11,10 @@ namespace {
 
 constexpr std::uint32_t kFatalJob = 3;  // of those that the worker does
 
+// Where the name of the first package is: behind the used length, the version, the control block
+// and the package's own segment.
+constexpr std::size_t kFirstName = 2 + 4 + 978 + 48;
+
 // The ways in turn: bytes that are no chain, a chain that cannot be unpacked, one of other
 // structures, one with another content, one that is too short, no chain.
 void damage(std::uint32_t way, Message &result) {
@@ -26,7 +30,7 @@ void damage(std::uint32_t way, Message &result) {
       chain[10] = static_cast<char>(chain[10] ^ 8);  // the length of the first kind of segment
       return;
     case 3:
-      chain[chain.size() - 2] = static_cast<char>(chain[chain.size() - 2] ^ 1);
+      chain[kFirstName] = static_cast<char>(chain[kFirstName] ^ 1);
       return;
     case 4:
       chain.resize(chain.size() - 5);

@@ -95,7 +95,7 @@ std::optional<Words> PacketSocket::receive() {
     if (length == 0) throw TransportError("the other end is gone");
     const std::string_view bytes(packet.data(), static_cast<std::size_t>(length));
     if (lengths_.empty()) {
-      beginList(std::string(bytes));
+      beginList(bytes);
     } else {
       body_ += bytes;
       if (body_.size() > awaited_) throw TransportError("the other end sends what is no message");
@@ -112,15 +112,17 @@ std::optional<Words> PacketSocket::receive() {
   return words;
 }
 
-void PacketSocket::beginList(const std::string &head) {
+void PacketSocket::beginList(std::string_view head) {
   const std::size_t count = head.size() / sizeof(std::uint32_t);
-  lengths_.resize(count);
-  std::memcpy(lengths_.data(), head.data(), count * sizeof(std::uint32_t));
-  awaited_ = std::accumulate(lengths_.begin(), lengths_.end(), std::size_t{0});
-  if (count == 0 || count > kMostWords || head.size() % sizeof(std::uint32_t) != 0 ||
-      awaited_ > kMostMessageBytes) {
-    throw TransportError("the other end sends what is no message");
+  std::vector<std::uint32_t> lengths(count);
+  std::size_t bytes = kMostMessageBytes + 1;
+  if (count != 0 && count <= kMostWords && head.size() % sizeof(std::uint32_t) == 0) {
+    std::memcpy(lengths.data(), head.data(), head.size());
+    bytes = std::accumulate(lengths.begin(), lengths.end(), std::size_t{0});
   }
+  if (bytes > kMostMessageBytes) throw TransportError("the other end sends what is no message");
+  lengths_ = std::move(lengths);
+  awaited_ = bytes;
 }
 
 }  // namespace exchange

@@ -8,6 +8,7 @@
 #include <deque>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -41,7 +42,7 @@ class PacketSocket {
  private:
   explicit PacketSocket(int descriptor) : descriptor_(descriptor) {}
 
-  void beginList(const std::string &head);
+  void beginList(std::string_view head);
 
   int descriptor_;
   std::deque<std::string> unsent_;      // packets

@@ -320,6 +320,22 @@ TEST_F(HostileConnection, IsCutOffForRequestsThatThereAreNot) {
   EXPECT_EQ(broker_.length(Stream::jobs), 1U);
 }
 
+// Long before what it holds would be claimed for being held too long.
+TEST_F(HostileConnection, LeavesWhatItHeldToOthersAtOnceWhenItCloses) {
+  exchange::PipeBroker broker({Milliseconds(3600000), Milliseconds(1000)});
+  broker.publish(Stream::jobs, {{"job", "1"}});
+  {
+    auto [ours, theirs] = PacketSocket::makePair();
+    broker.serveAt(std::move(ours));
+    theirs.send({"take", "jobs", "0"});
+    broker.take(Stream::reports, Milliseconds(60));
+    EXPECT_EQ(theirs.receive().value()[0], "entry");
+    EXPECT_FALSE(broker.take(Stream::jobs, Milliseconds(0)).has_value());
+  }
+  broker.take(Stream::reports, Milliseconds(60));
+  EXPECT_EQ(broker.take(Stream::jobs, Milliseconds(0))->deliveries, 2);
+}
+
 // A process that stops in the middle of a message holds nobody up.
 TEST_F(HostileConnection, MayLeaveAMessageUnfinished) {
   sendPacket(lengths({7, 9}));

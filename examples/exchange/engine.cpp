@@ -1,5 +1,6 @@
 #include "engine.hpp"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <optional>
@@ -74,7 +75,7 @@ class RedisEngine : public Engine {
     if (!server_) {
       throw catalog::InputError("only a private server can be started again: --redis without URL");
     }
-    server_->kill();
+    server_->stop(SIGKILL);
     std::this_thread::sleep_for(kServerAway);
     server_->start();
   }

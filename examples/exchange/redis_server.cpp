@@ -32,11 +32,7 @@ RedisServer::RedisServer(const std::filesystem::path &parent) {
 }
 
 RedisServer::~RedisServer() {
-  if (process_) {
-    process_->signal(SIGTERM);
-    process_->waitFor(kTimeToStop);
-  }
-  process_.reset();
+  if (process_) stop(SIGTERM);
   close(folderDescriptor_);
   std::error_code ignored;
   std::filesystem::remove_all(folder_, ignored);
@@ -50,6 +46,7 @@ RedisAddress RedisServer::address() const {
 }
 
 std::uint64_t RedisServer::processorTime() const {
+  if (!process_) return 0;
   clockid_t clock = 0;
   timespec time = {};
   if (clock_getcpuclockid(process_->id(), &clock) != 0) return 0;
@@ -58,15 +55,16 @@ std::uint64_t RedisServer::processorTime() const {
          static_cast<std::uint64_t>(time.tv_nsec);
 }
 
-void RedisServer::kill() {
-  process_->signal(SIGKILL);
+void RedisServer::stop(int signal) {
+  process_->signal(signal);
   process_->waitFor(kTimeToStop);
+  process_.reset();
 }
 
 void RedisServer::start() {
-  // No network, no snapshots: a file to which every change is appended before the answer. It is
-  // forced to the disk every second; what a failing machine loses of the last second, the collector
-  // has published again.
+  // No network, no snapshots: a file to which all changes are appended in their order, forced to
+  // the disk every second. Where the server or the machine is killed, the last of them may be
+  // missing; the collector has published again what does not come for it.
   process_ = ChildProcess::run(
       {"redis-server", "--port", "0", "--unixsocket", kSocket, "--unixsocketperm", "700", "--save",
        "", "--appendonly", "yes", "--appendfsync", "everysec", "--daemonize", "no"},

@@ -26,8 +26,9 @@ class RedisServer {
   // Nanoseconds of processor time, of all of its threads.
   std::uint64_t processorTime() const;
 
-  // Kills it, with no time to tidy up, and starts it over what it has written.
-  void kill();
+  // Ends it: SIGTERM in order, SIGKILL with no time to tidy up. start() goes on with what it has
+  // written.
+  void stop(int signal);
   void start();
 
  private:

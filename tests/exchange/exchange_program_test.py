@@ -272,6 +272,36 @@ class ServerOfOthers(ExchangeTest):
         self.assertEqual(set(self.ask("KEYS", "*").split()), {"run:dead", "run:ended"})
 
 
+class Page(ExchangeTest):
+    """docs/between-processes.md."""
+
+    PAGE = (Path(__file__).resolve().parents[2] / "docs" / "between-processes.md").read_text("utf-8")
+
+    def test_its_commands_work(self):
+        commands = re.findall(r"^\./run\.sh --exchange +([^#\n]*)", self.PAGE, re.MULTILINE)
+        self.assertGreaterEqual(len(commands), 2)
+        for command in commands:
+            if "--redis" in command and not HAS_REDIS:
+                continue
+            done = run(*command.split())
+            self.assertEqual(done.code, 0, done)
+            self.assertIn("all is as it was\n", done.out)
+
+    def test_it_has_all_options_and_troubles_and_its_output_has_the_program_s_lines(self):
+        usage = run("--help").out
+        for option in re.findall(r"^  (--[a-z-]+)", usage, re.MULTILINE):
+            if option != "--help":
+                self.assertIn(f"`{option}", self.PAGE.replace("/exchange --worker ", "`--worker "))
+        for trouble in "killed", "killed-late", "doubled", "broken", "restart":
+            self.assertIn(f"--trouble {trouble}`", self.PAGE)
+            self.assertIn(trouble, usage)
+        done = run(str(SAMPLE))
+        shown = re.search(r"^Catalogue .*?^```", self.PAGE, re.MULTILINE | re.DOTALL)[0]
+        words = [re.sub(r"[\d,]+", "N", line).split() for line in done.out.splitlines()]
+        for line in shown.splitlines()[1:-1]:
+            self.assertIn(re.sub(r"[\d,]+", "N", line).split(), words)
+
+
 class Arguments(unittest.TestCase):
     def test_help(self):
         done = run("--help")

@@ -21,6 +21,7 @@
 #include "engine.hpp"
 #include "exchangetest.hpp"
 #include "pipe_transport.hpp"
+#include "redis_server.hpp"
 #include "redis_transport.hpp"
 #include "redis_url.hpp"
 
@@ -212,18 +213,16 @@ INSTANTIATE_TEST_SUITE_P(Exchange, TransportTest, testing::Bool(),
 TEST(RedisTransportTest, SurvivesTheEndOfTheServer) {
   if (!isThereARedisServer()) GTEST_SKIP() << "no redis-server";
   signal(SIGPIPE, SIG_IGN);  // as the program does
-  Arguments arguments;
-  arguments.usesRedis = true;
-  arguments.name = "test";
-  arguments.transport.claimAfter = kClaimAfter;
-  const std::unique_ptr<Engine> engine =
-      exchange::makeEngine(arguments, refhost::Library::besideProgram().parent_path().string());
-  Transport &transport = engine->transport();
+  exchange::RedisServer server(refhost::Library::besideProgram().parent_path());
+  const std::unique_ptr<Transport> made =
+      exchange::makeRedisTransport({server.address(), "test", "consumer"}, {kClaimAfter, kLong});
+  Transport &transport = *made;
   for (int i = 0; i < 3; ++i) transport.publish(Stream::jobs, {{"job", std::to_string(i)}});
   const std::optional<Delivery> first = transport.take(Stream::jobs, kLong);
   transport.acknowledge(Stream::jobs, first->id);
   EXPECT_TRUE(transport.take(Stream::jobs, kLong).has_value());
-  engine->restart();
+  server.stop(SIGTERM);
+  server.start();
   EXPECT_EQ(transport.length(Stream::jobs), 2U);
   std::map<std::string, int> deliveries;  // by job
   for (int i = 0; i < 2; ++i) {

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <exception>
 #include <iostream>
+#include <iterator>
 #include <optional>
 #include <stdexcept>
 
@@ -165,17 +167,22 @@ class Coordinator {
   // Every worker that lives reports. Those that others started do when they see the end.
   void waitForWorkers() {
     const Clock::time_point deadline = Clock::now() + kTimeForReports;
-    const Milliseconds quiet = arguments_.workers == 0 ? kTimeForOthers : kWait;
-    Clock::time_point lastReport = Clock::now();
-    while (Clock::now() < deadline) {
-      if (takeReport(kWait)) lastReport = Clock::now();
+    while (!areAllGone() && Clock::now() < deadline) {
+      takeReport(kWait);
       noteEnds();
-      const bool allGone = std::all_of(processes_.begin(), processes_.end(),
-                                       [](const NamedProcess &process) { return process.isGone; });
-      if (allGone && Clock::now() - lastReport >= quiet) return;
     }
+    while (takeReport(arguments_.workers == 0 ? kTimeForOthers : kWait)) continue;
+    const auto ended =
+        std::count_if(processes_.begin(), std::prev(processes_.end()),
+                      [](NamedProcess &process) { return process.process.status() == 0; });
+    if (areAllGone() && static_cast<std::ptrdiff_t>(outcome_.workers.size()) >= ended) return;
     outcome_.hasFailed = true;
-    outcome_.deaths.push_back("a worker did not report in time");
+    outcome_.deaths.push_back("a worker did not report");
+  }
+
+  bool areAllGone() const {
+    return std::all_of(processes_.begin(), processes_.end(),
+                       [](const NamedProcess &process) { return process.isGone; });
   }
 
   void noteEnds() {

@@ -136,7 +136,7 @@ class Coordinator {
     engine_->transport().acknowledge(Stream::reports, delivery->id);
     const ProcessReport report = reportFrom(delivery->message);
     if (report.role == Role::collector) {
-      outcome_.collector = report;
+      if (!outcome_.collector.isFinal) outcome_.collector = report;
     } else if (std::none_of(
                    outcome_.workers.begin(), outcome_.workers.end(),
                    [&](const ProcessReport &known) { return known.name == report.name; })) {

@@ -20,28 +20,34 @@ constexpr Milliseconds kTimeToStop{5000};
 
 }  // namespace
 
-RedisServer::RedisServer(const std::filesystem::path &parent) {
+PrivateFolder::PrivateFolder(const std::filesystem::path &parent) {
   std::string folder = (parent / "exchange.XXXXXX").string();
-  if (mkdtemp(folder.data()) == nullptr) {  // nobody else may enter it
+  if (mkdtemp(folder.data()) == nullptr) {
     throw catalog::InputError("no folder in " + catalog::utf8FromPath(parent) + ": " +
                               std::generic_category().message(errno));
   }
-  folder_ = folder;
-  folderDescriptor_ = open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  path_ = folder;
+  descriptor_ = open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
+PrivateFolder::~PrivateFolder() {
+  close(descriptor_);
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+RedisServer::RedisServer(const std::filesystem::path &parent) : folder_(parent) {
   start();
 }
 
 RedisServer::~RedisServer() {
   if (process_) stop(SIGTERM);
-  close(folderDescriptor_);
-  std::error_code ignored;
-  std::filesystem::remove_all(folder_, ignored);
 }
 
 // The path of a socket has 107 bytes at most, a folder may have more.
 RedisAddress RedisServer::address() const {
   RedisAddress address;
-  address.socket = "/proc/self/fd/" + std::to_string(folderDescriptor_) + '/' + kSocket;
+  address.socket = "/proc/self/fd/" + std::to_string(folder_.descriptor()) + '/' + kSocket;
   return address;
 }
 
@@ -68,10 +74,9 @@ void RedisServer::start() {
   process_ = ChildProcess::run(
       {"redis-server", "--port", "0", "--unixsocket", kSocket, "--unixsocketperm", "700", "--save",
        "", "--appendonly", "yes", "--appendfsync", "everysec", "--daemonize", "no"},
-      folder_.string(), kLog);
+      folder_.path().string(), kLog);
   const bool hasEnded = process_->waitFor(Milliseconds(100));
   if (!hasEnded) return;
-  const std::string log = catalog::utf8FromPath(folder_ / kLog);
   if (process_->status() == 127 << 8) {
     throw catalog::InputError(
         "--redis needs redis-server. Install it (cmake/install-packages.sh linux; Debian package "

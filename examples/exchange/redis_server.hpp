@@ -10,6 +10,23 @@
 
 namespace exchange {
 
+// A new folder that nobody else may enter. It goes with all that is in it.
+class PrivateFolder {
+ public:
+  // Throws catalog::InputError when there can be none in `parent`.
+  explicit PrivateFolder(const std::filesystem::path &parent);
+  ~PrivateFolder();
+  PrivateFolder(const PrivateFolder &) = delete;
+  PrivateFolder &operator=(const PrivateFolder &) = delete;
+
+  const std::filesystem::path &path() const { return path_; }
+  int descriptor() const { return descriptor_; }
+
+ private:
+  std::filesystem::path path_;
+  int descriptor_ = -1;
+};
+
 class RedisServer {
  public:
   // Starts one, in a new folder within `parent`. What it stores is written to a file, so it
@@ -21,7 +38,6 @@ class RedisServer {
 
   // Valid in processes that are forked from this one.
   RedisAddress address() const;
-  const std::filesystem::path &folder() const { return folder_; }
 
   // Nanoseconds of processor time, of all of its threads.
   std::uint64_t processorTime() const;
@@ -32,8 +48,7 @@ class RedisServer {
   void start();
 
  private:
-  std::filesystem::path folder_;
-  int folderDescriptor_ = -1;
+  PrivateFolder folder_;
   std::optional<ChildProcess> process_;
 };
 

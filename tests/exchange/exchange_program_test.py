@@ -194,6 +194,12 @@ class Servers(ExchangeTest):
         self.assertEqual(folders(), self.folders)
         self.assertFalse(Path(f"/proc/{worker}").exists())
 
+    def test_a_missing_server_program_is_named(self):
+        done = run(str(SAMPLE), "--redis", PATH="/nowhere")
+        self.assertEqual(done.code, 2, done)
+        self.assertIn("exchange: --redis needs redis-server. Install it", done.err)
+        self.assertEqual(folders(), self.folders)
+
     def test_a_server_that_is_not_there_is_named(self):
         done = run(str(SAMPLE), "--redis", "unix:///nowhere/redis.sock")
         self.assertEqual(done.code, 1, done)

@@ -22,6 +22,10 @@ HAS_REDIS = (os.environ.get("MEM_EXCHANGE_REDIS") == "1"
              and shutil.which("redis-server") is not None)
 SECONDS = 50  # for any run
 
+if not PROGRAM.exists():
+    raise SystemExit("exchange is not built. Build it:\n"
+                     "  cmake --build <build folder> --target exchange")
+
 needs_redis = unittest.skipUnless(HAS_REDIS, "no hiredis or no redis-server")
 
 

@@ -25,11 +25,11 @@ constexpr Milliseconds kBetweenProgress{250};
 constexpr int kMostTries = 4;  // of a job: once, and three times again
 
 Verdict refused(std::uint32_t job, const mem::Error &error) {
-  return {Verdict::setAside, error.code(), error.line().text, job};
+  return {Verdict::unusable, error.code(), error.line().text, job};
 }
 
 Verdict refused(std::optional<std::uint32_t> job, const std::string &reason) {
-  return {Verdict::setAside, 0, reason, job};
+  return {Verdict::unusable, 0, reason, job};
 }
 
 }  // namespace
@@ -192,7 +192,7 @@ class Collecting {
       report_.chainBytes += chain->size();
     }
     report_.jobs = collector_.mergedCount();
-    if (verdict.kind == Verdict::setAside) {
+    if (verdict.kind == Verdict::unusable) {
       ++report_.setAside;
       if (verdict.job) publishAgain(*verdict.job);
       setAside(transport_, Stream::results, delivery, verdict.code, verdict.reason);

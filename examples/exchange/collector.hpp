@@ -16,11 +16,11 @@ namespace exchange {
 
 // What became of a result.
 struct Verdict {
-  enum Kind { merged, doubled, setAside };
+  enum Kind { merged, doubled, unusable };
 
   Kind kind = merged;
-  std::uint32_t code = 0;  // the library's, of one that was set aside; 0: it was not asked
-  std::string reason;      // of one that was set aside
+  std::uint32_t code = 0;            // the library's, of an unusable one; 0: it was not asked
+  std::string reason;                // of an unusable one
   std::optional<std::uint32_t> job;  // that the result is of, where it tells one that there is
 };
 

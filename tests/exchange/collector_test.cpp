@@ -56,7 +56,7 @@ class ExchangeCollector : public testing::Test {
 
   void expectSetAside(const Message &result, std::uint32_t code, const std::string &reason) {
     const Verdict verdict = take(result);
-    EXPECT_EQ(verdict.kind, Verdict::setAside);
+    EXPECT_EQ(verdict.kind, Verdict::unusable);
     EXPECT_EQ(verdict.code, code);
     EXPECT_EQ(verdict.reason, reason);
   }
@@ -152,7 +152,7 @@ TEST_F(ExchangeCollector, SetsAsideBytesThatCannotBeUnpackedWithCodeAndText) {
 
 TEST_F(ExchangeCollector, SetsAsideAChainThatIsValidAndSaysSomethingElse) {
   const Verdict verdict = take(withChain(0, results_[1].at("chain")));
-  EXPECT_EQ(verdict.kind, Verdict::setAside);
+  EXPECT_EQ(verdict.kind, Verdict::unusable);
   EXPECT_TRUE(
       verdict.reason.starts_with("the chain differs from the catalogue: package base-files"))
       << verdict.reason;

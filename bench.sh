@@ -10,6 +10,7 @@
 # to Google Benchmark (--benchmark_filter=REGEX, --benchmark_repetitions=N, …).
 #
 #   ./bench.sh checkbench|heapbench|membench|portbench|sinkbench|unpackbench|workloadbench|peerbench [arguments]
+#   ./bench.sh exchange_sizes [CATALOGUE]     bytes of examples/exchange's messages in other forms
 #
 # Installs what is missing.
 set -euo pipefail

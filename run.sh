@@ -4,8 +4,11 @@
 # once, with these. All that it writes is in build/.
 #
 #   ./run.sh [--windows] [arguments of the program; --help lists them]
+#   ./run.sh --exchange [--workers N] [--redis [URL]] [further arguments; --help lists them]
 #
-# --windows  the Windows build of the same program, under Wine
+# --windows   the Windows build of the same program, under Wine
+# --exchange  several processes that send each other packed chains, on Linux only: through pipes, a
+#             private Redis server (--redis) or that of a URL
 #
 # Installs what is missing.
 set -euo pipefail
@@ -14,18 +17,28 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 preset=release
 jobs=linux
 targets=(catalog memtool minimal_host)  # what the README goes on with
+once=
 program=("$root/build/release/bin/catalog")
 if [[ ${1-} == --windows ]]; then
   shift
+  if [[ ${1-} == --exchange ]]; then
+    echo "run.sh: --exchange is for Linux: it needs its processes and sockets" >&2
+    exit 2
+  fi
   preset=windows
   jobs=windows
   targets=(catalog)
   program=("$root/cmake/wine-run.sh" "$root/build/windows/bin/catalog.exe")
+elif [[ ${1-} == --exchange ]]; then
+  shift
+  once=yes
+  targets=(exchange)
+  program=("$root/build/release/bin/exchange")
 fi
 
 "$root/cmake/install-packages.sh" "$jobs"
 "$root/cmake/build-quietly.sh" "$preset" "${targets[@]}"
-if (($# == 0)); then
+if (($# == 0)) && [[ -z $once ]]; then
   "${program[@]}"
   echo
   set -- --read

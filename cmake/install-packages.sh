@@ -23,7 +23,10 @@ tools=(libcli11-dev libfmt-dev libutfcpp-dev nlohmann-json3-dev python3)
 
 packagesFor() {
   case $1 in
-    linux) echo g++ googletest libbenchmark-dev pkg-config valgrind "${tools[@]}" ;;
+    linux)
+      echo g++ googletest libbenchmark-dev libhiredis-dev pkg-config redis-server valgrind \
+        "${tools[@]}"
+      ;;
     python) echo python3 python3-pip python3-matplotlib ;;
     windows)
       echo clang llvm lld g++-mingw-w64-x86-64-posix googletest pkg-config wine wine64 \

@@ -18,6 +18,7 @@ if ((${#programs[@]} == 0)); then
   for program in build/release/bin/*_test; do
     case ${program##*/} in
       port_guard_test) ;;                         # faults are what it is about
+      exchange_test) ;;                           # its processes are killed
       pack_model_test | unpack_mutation_test) ;;  # millions of calls
       *) programs+=("${program##*/}") ;;
     esac

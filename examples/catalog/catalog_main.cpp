@@ -18,14 +18,13 @@
 #include "catalog_support.hpp"
 #include "record_files.hpp"
 #include "refhost.hpp"
+#include "running_library.hpp"
 #include "status_reader.hpp"
 
 namespace catalog {
 namespace {
 
-constexpr const char *kMachineCatalogue = "/var/lib/dpkg/status";
-constexpr const char *kSampleCatalogue = "sample-status";  // beside the program
-constexpr const char *kDefaultOutput = "catalog.chain";    // beside the program, too
+constexpr const char *kDefaultOutput = "catalog.chain";  // beside the program
 
 constexpr std::size_t kMostNeeded = 3;  // packages that the report names
 
@@ -34,11 +33,7 @@ constexpr std::size_t kMostNeeded = 3;  // packages that the report names
 // there.
 void complete(Arguments &arguments, const std::filesystem::path &programFolder) {
   std::error_code ignored;
-  if (arguments.catalogue.empty()) {
-    arguments.catalogue = std::filesystem::is_regular_file(kMachineCatalogue, ignored)
-                              ? std::filesystem::path(kMachineCatalogue)
-                              : programFolder / kSampleCatalogue;
-  }
+  if (arguments.catalogue.empty()) arguments.catalogue = defaultCatalogue(programFolder);
   if (arguments.chainFile.empty()) arguments.chainFile = programFolder / kDefaultOutput;
   arguments.portFile = arguments.chainFile;
   arguments.portFile += ".port";
@@ -50,41 +45,6 @@ void complete(Arguments &arguments, const std::filesystem::path &programFolder) 
 
 constexpr mem::HeapSettings kRecordHeap = {.areaKb = 64,
                                            .subPool = 20};  // any number of the host's
-
-// The library in use: bound to the host, with the process and the calling thread started.
-//
-// Start and stop in their order: bind, process, thread; thread, process, unbind. Everything that
-// uses the vector lives inside this object's lifetime, on the thread that made it.
-class RunningLibrary {
- public:
-  // Throws ServiceError when the process or the thread cannot be started; what was started until
-  // then has been ended.
-  RunningLibrary(refhost::Host &host, MEMBindFn *entry)
-      : binding_(host, entry),
-        context_(mem::contextOf(host)),
-        process_(need(mem::RunningProcess::start(context_))),
-        thread_(need(mem::ActiveThread::activate(context_))) {}
-
-  const mem::Context &context() const { return context_; }
-
- private:
-  struct Binding {
-    Binding(refhost::Host &boundHost, MEMBindFn *bindEntry) : host(boundHost), entry(bindEntry) {
-      host.bind(entry);
-    }
-    ~Binding() { host.unbind(entry); }
-    Binding(const Binding &) = delete;
-    Binding &operator=(const Binding &) = delete;
-
-    refhost::Host &host;
-    MEMBindFn *entry;
-  };
-
-  Binding binding_;
-  mem::Context context_;
-  mem::RunningProcess process_;
-  mem::ActiveThread thread_;
-};
 
 // The job itself, between start and stop of the library.
 void packCatalogue(refhost::Host &host, const mem::Context &context, const Arguments &arguments,

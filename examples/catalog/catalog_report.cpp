@@ -50,27 +50,8 @@ class ProgressLines {
   std::thread thread_;  // last: it uses the members above
 };
 
-// "1,234,567"
-std::string grouped(std::uint64_t number) {
-  std::string digits = std::to_string(number);
-  for (std::size_t end = digits.size(); end > 3;) {
-    end -= 3;
-    digits.insert(end, 1, ',');
-  }
-  return digits;
-}
-
 constexpr int kNameWidth = 14;
 constexpr int kNumberWidth = 12;
-
-std::ostream &line(std::ostream &stream, const std::string &name, const std::string &value) {
-  return stream << "  " << std::left << std::setw(kNameWidth) << name << std::right
-                << std::setw(kNumberWidth) << value;
-}
-
-std::ostream &line(std::ostream &stream, const std::string &name, std::uint64_t number) {
-  return line(stream, name, grouped(number));
-}
 
 void printRecords(std::ostream &stream, const Report &report) {
   const RecordCounts &records = report.records;
@@ -151,6 +132,24 @@ std::string neededLines(const mem::Context &context, const std::vector<NeededPac
     need(lines.append(u"\n"));
   }
   return utf8FromUtf16(lines.text());
+}
+
+std::string grouped(std::uint64_t number) {
+  std::string digits = std::to_string(number);
+  for (std::size_t end = digits.size(); end > 3;) {
+    end -= 3;
+    digits.insert(end, 1, ',');
+  }
+  return digits;
+}
+
+std::ostream &line(std::ostream &stream, const std::string &name, const std::string &value) {
+  return stream << "  " << std::left << std::setw(kNameWidth) << name << std::right
+                << std::setw(kNumberWidth) << value;
+}
+
+std::ostream &line(std::ostream &stream, const std::string &name, std::uint64_t number) {
+  return line(stream, name, grouped(number));
 }
 
 void printReport(std::ostream &stream, const Report &report) {

@@ -53,6 +53,14 @@ struct Report {
 // while it is running. Throws ServiceError when there is none.
 std::string neededLines(const mem::Context &context, const std::vector<NeededPackage> &packages);
 
+// "1,234,567"
+std::string grouped(std::uint64_t number);
+
+// A line of a report up to its end: a name, and a value or number below those of other lines. What
+// follows may tell more.
+std::ostream &line(std::ostream &stream, const std::string &name, const std::string &value);
+std::ostream &line(std::ostream &stream, const std::string &name, std::uint64_t number);
+
 void printReport(std::ostream &stream, const Report &report);
 
 }  // namespace catalog

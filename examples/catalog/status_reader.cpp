@@ -4,12 +4,16 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "catalog_support.hpp"
 
 namespace catalog {
 namespace {
+
+constexpr const char *kMachineCatalogue = "/var/lib/dpkg/status";
+constexpr const char *kSampleCatalogue = "sample-status";
 
 constexpr std::string_view kBlanks = " \t";
 
@@ -173,6 +177,12 @@ std::string_view bareName(std::string_view dependencyName) {
 std::vector<Package> parseCatalogue(std::string_view text, const std::string &source) {
   if (text.empty()) throw InputError(source + " is empty");
   return CatalogueParser(source).parse(text);
+}
+
+std::filesystem::path defaultCatalogue(const std::filesystem::path &programFolder) {
+  std::error_code ignored;
+  if (std::filesystem::is_regular_file(kMachineCatalogue, ignored)) return kMachineCatalogue;
+  return programFolder / kSampleCatalogue;
 }
 
 std::vector<Package> readCatalogue(const std::filesystem::path &path) {

@@ -36,6 +36,10 @@ std::string_view bareName(std::string_view dependencyName);
 // InputError with source, line number and reason when the text is no catalogue.
 std::vector<Package> parseCatalogue(std::string_view text, const std::string &source);
 
+// The catalogue to read where nobody names one: the machine's own, else the sample in the folder of
+// the program.
+std::filesystem::path defaultCatalogue(const std::filesystem::path &programFolder);
+
 // parseCatalogue for a file. Throws InputError too when the file cannot be read.
 std::vector<Package> readCatalogue(const std::filesystem::path &path);
 

@@ -1,0 +1,15 @@
+// The figures of the manual: runs with 1, 2 and 4 workers over both transports.
+#pragma once
+
+#include <iosfwd>
+
+#include "exchange_arguments.hpp"
+#include "exchange_jobs.hpp"
+
+namespace exchange {
+
+// Prints tables in Markdown. Each figure is the quickest of three runs. Throws what coordinate()
+// does, and std::runtime_error for a run that is not good.
+void printFigures(std::ostream &stream, const Arguments &arguments, const JobList &jobs);
+
+}  // namespace exchange

@@ -150,6 +150,10 @@ ExitCode tellFailure(Console &console, const std::exception &error, const std::s
   if (dynamic_cast<const UsageError *>(&error) != nullptr) {
     return tell(std::string(error.what()) + " (try --help)", kExitUsage);
   }
+  if (dynamic_cast<const UnknownValue *>(&error) != nullptr) {
+    const bool isNamed = std::string_view(error.what()).starts_with(file);
+    return tell((file.empty() || isNamed ? "" : file + ": ") + error.what(), kExitUsage);
+  }
   return tell(error.what(), kExitFault);
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <numeric>
 #include <tuple>
 
 #include "tool_errors.hpp"
@@ -22,48 +23,6 @@ std::optional<std::uint32_t> numberFrom(std::string_view text) {
   if (text.empty() || read.ec != std::errc() || read.ptr != end) return {};
   return number;
 }
-
-// Segments by where they begin.
-class SegmentIndex {
- public:
-  explicit SegmentIndex(const PackedChain &chain) : chain_(chain), byPlace_(chain.segments.size()) {
-    for (std::size_t i = 0; i < byPlace_.size(); ++i) byPlace_[i] = static_cast<std::uint32_t>(i);
-    std::sort(byPlace_.begin(), byPlace_.end(), [&](std::uint32_t a, std::uint32_t b) {
-      const Segment &first = chain.segments[a];
-      const Segment &second = chain.segments[b];
-      // One without bytes may be where another one begins.
-      return std::tie(first.place, first.length, a) < std::tie(second.place, second.length, b);
-    });
-  }
-
-  std::optional<std::size_t> beginningAt(Place place) const {
-    const auto found = notAfter(place);
-    if (!found || chain_.segments[*found].place != place) return {};
-    return found;
-  }
-  // The one that has the byte.
-  std::optional<std::size_t> holding(Place place) const {
-    const auto found = notAfter(place);
-    if (!found) return {};
-    const Segment &segment = chain_.segments[*found];
-    const bool isIn =
-        segment.place == place || (segment.place.block == place.block &&
-                                   place.offset - segment.place.offset < segment.length);
-    return isIn ? found : std::nullopt;
-  }
-
- private:
-  std::optional<std::size_t> notAfter(Place place) const {
-    const auto behind = std::upper_bound(
-        byPlace_.begin(), byPlace_.end(), place,
-        [&](Place wanted, std::uint32_t i) { return wanted < chain_.segments[i].place; });
-    if (behind == byPlace_.begin()) return {};
-    return *std::prev(behind);
-  }
-
-  const PackedChain &chain_;
-  std::vector<std::uint32_t> byPlace_;
-};
 
 bool leadsToSegment(const Pointer &pointer) {
   return !pointer.isNull && !pointer.isFaulty && pointer.text == kNoText;
@@ -109,6 +68,41 @@ bool isOfKind(const PackedChain &chain, const Segment &segment, std::uint16_t ki
 
 }  // namespace
 
+SegmentIndex::SegmentIndex(const PackedChain &chain)
+    : chain_(chain), byPlace_(chain.segments.size()) {
+  std::iota(byPlace_.begin(), byPlace_.end(), 0U);
+  std::sort(byPlace_.begin(), byPlace_.end(), [&](std::uint32_t a, std::uint32_t b) {
+    const Segment &first = chain.segments[a];
+    const Segment &second = chain.segments[b];
+    // One without bytes may be where another one begins.
+    return std::tie(first.place, first.length, a) < std::tie(second.place, second.length, b);
+  });
+}
+
+std::optional<std::size_t> SegmentIndex::notAfter(Place place) const {
+  const auto behind = std::upper_bound(
+      byPlace_.begin(), byPlace_.end(), place,
+      [&](Place wanted, std::uint32_t i) { return wanted < chain_.segments[i].place; });
+  if (behind == byPlace_.begin()) return {};
+  return *std::prev(behind);
+}
+
+std::optional<std::size_t> SegmentIndex::beginningAt(Place place) const {
+  const auto found = notAfter(place);
+  if (!found || chain_.segments[*found].place != place) return {};
+  return found;
+}
+
+std::optional<std::size_t> SegmentIndex::holding(Place place) const {
+  const auto found = notAfter(place);
+  if (!found) return {};
+  const Segment &segment = chain_.segments[*found];
+  const bool isIn =
+      segment.place == place ||
+      (segment.place.block == place.block && place.offset - segment.place.offset < segment.length);
+  return isIn ? found : std::nullopt;
+}
+
 Place placeFrom(std::string_view text, std::string_view option) {
   const std::size_t colon = text.find(':');
   if (colon != std::string_view::npos) {
@@ -120,31 +114,54 @@ Place placeFrom(std::string_view text, std::string_view option) {
                                  inQuotes(text, kMostQuoted)));
 }
 
+namespace {
+
 // A walk takes the segments in their order: each pointer that owns one leads to the next of them.
-std::size_t walkEnd(const PackedChain &chain, std::size_t root) {
+// Calls `enter` with the index of each such pointer and of the segment. Returns the index behind
+// the last one.
+template <class Enter>
+std::size_t walkFrom(const PackedChain &chain, std::size_t root, const Enter &enter) {
   struct Level {
     std::size_t segment;
     std::size_t nextPointer;
   };
   std::size_t end = root + 1;
   std::vector<Level> levels{{root, 0}};
-  const auto enter = [&] {
-    if (end < chain.segments.size()) levels.push_back({end++, 0});
+  const auto descend = [&](std::size_t pointer) {
+    if (end == chain.segments.size()) return;
+    enter(pointer, end);
+    levels.push_back({end++, 0});
   };
   while (!levels.empty()) {
     Level &level = levels.back();
     const Segment &segment = chain.segments[level.segment];
     if (level.nextPointer < segment.pointerCount) {
-      const Pointer &pointer = chain.pointers[segment.firstPointer + level.nextPointer++];
-      if (pointer.field == Field::Child && leadsToSegment(pointer)) enter();
+      const std::size_t index = segment.firstPointer + level.nextPointer++;
+      const Pointer &pointer = chain.pointers[index];
+      if (pointer.field == Field::Child && leadsToSegment(pointer)) descend(index);
       continue;
     }
     levels.pop_back();
     if (segment.pointerCount == 0) continue;
     const Pointer &first = chain.pointers[segment.firstPointer];
-    if (first.field == Field::Sibling && leadsToSegment(first)) enter();
+    if (first.field == Field::Sibling && leadsToSegment(first)) descend(segment.firstPointer);
   }
   return end;
+}
+
+}  // namespace
+
+std::size_t walkEnd(const PackedChain &chain, std::size_t root) {
+  return walkFrom(chain, root, [](std::size_t, std::size_t) {});
+}
+
+std::vector<std::uint32_t> ownedTargets(const PackedChain &chain) {
+  std::vector<std::uint32_t> targets(chain.pointers.size(), 0);
+  if (chain.segments.empty()) return targets;
+  walkFrom(chain, 0, [&](std::size_t pointer, std::size_t segment) {
+    targets[pointer] = static_cast<std::uint32_t>(segment);
+  });
+  return targets;
 }
 
 std::size_t segmentAt(const PackedChain &chain, std::string_view text, std::string_view option) {

@@ -23,6 +23,22 @@ struct ChainFilter {
   bool isEmpty() const { return kind.empty() && at.empty() && root.empty() && !depth && !limit; }
 };
 
+// Segments by where they begin.
+class SegmentIndex {
+ public:
+  explicit SegmentIndex(const PackedChain &chain);
+
+  std::optional<std::size_t> beginningAt(Place place) const;
+  // The one that has the byte.
+  std::optional<std::size_t> holding(Place place) const;
+
+ private:
+  std::optional<std::size_t> notAfter(Place place) const;
+
+  const PackedChain &chain_;
+  std::vector<std::uint32_t> byPlace_;
+};
+
 class ChainSelection {
  public:
   // All segments.
@@ -68,6 +84,9 @@ Place placeFrom(std::string_view text, std::string_view option);
 // and its further siblings with what hangs below them. They lie one behind the other. References
 // are not followed.
 std::size_t walkEnd(const PackedChain &chain, std::size_t root);
+
+// Of each child or sibling pointer that leads to a segment, the segment's index.
+std::vector<std::uint32_t> ownedTargets(const PackedChain &chain);
 
 // Index of the segment that begins at `text`, or has bytes or a text there. Throws UnknownValue.
 std::size_t segmentAt(const PackedChain &chain, std::string_view text, std::string_view option);

@@ -34,6 +34,7 @@ ExitCode forEachFile(Tool &tool, const std::vector<std::string> &files, bool asJ
 void addChainCommand(CLI::App &app, Tool &tool);
 void addConformCommand(CLI::App &app, Tool &tool);
 void addContractCommand(CLI::App &app, Tool &tool);
+void addDiffCommand(CLI::App &app, Tool &tool);
 void addErrorsCommand(CLI::App &app, Tool &tool);
 void addHeapmapCommand(CLI::App &app, Tool &tool);
 void addPortCommand(CLI::App &app, Tool &tool);

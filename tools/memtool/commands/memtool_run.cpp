@@ -45,6 +45,7 @@ void describe(CLI::App &app, Tool &tool) {
   addChainCommand(app, tool);
   addConformCommand(app, tool);
   addContractCommand(app, tool);
+  addDiffCommand(app, tool);
   addErrorsCommand(app, tool);
   addHeapmapCommand(app, tool);
   addPortCommand(app, tool);

@@ -417,6 +417,9 @@ TEST_F(MemtoolCommandsTest, ManualShowsRealOutput) {
   std::string damaged = readBytes("items.chain");
   damaged[984] = 7;  // the block number of the root's sibling
   writeBytes("damaged.chain", damaged);
+  std::string changed = whole;
+  changed[1036 + 34] = 'd';  // the second item's text
+  writeBytes("changed.chain", changed);
 
   const std::filesystem::path docs = fixtures.parent_path().parent_path() / "docs";
   const std::string manual = readBytes(docs / "memtool.md");

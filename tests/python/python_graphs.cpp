@@ -52,7 +52,9 @@ class Graphs {
   }
 
   Json decode(const std::string &text) {
-    return memtool::portGraphJson(memtool::decodePortText(library_, *definitions_, text, console_));
+    const memtool::PortDocument document =
+        memtool::decodePortText(library_, *definitions_, text, console_);
+    return memtool::portGraphJson(document, memtool::PortSelection(document));
   }
 
   static void write(const Json &json) { std::cout << json.dump() << std::endl; }

@@ -69,10 +69,6 @@ std::string textOf(Place place) {
   return fmt::format("{}:{}", place.block, place.offset);
 }
 
-std::string countOf(std::uint64_t count, std::string_view thing) {
-  return fmt::format("{} {}{}", grouped(count), thing, count == 1 ? "" : "s");
-}
-
 std::string targetText(const Pointer &pointer) {
   return fmt::format("{}:{}", static_cast<std::int32_t>(pointer.target.block),
                      static_cast<std::int32_t>(pointer.target.offset));

@@ -13,6 +13,7 @@
 
 #include "qj7mem00/memerr.h"
 #include "qj7mem00/mempack.h"
+#include "tool_text.hpp"
 
 namespace memtool {
 
@@ -27,8 +28,6 @@ struct Place {
 
 // "1:34".
 std::string textOf(Place place);
-// A whole number of things: "1 block", "2,000 blocks".
-std::string countOf(std::uint64_t count, std::string_view thing);
 
 // What the four characters of a version tell of the writer.
 struct Version {

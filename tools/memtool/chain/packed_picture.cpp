@@ -10,6 +10,8 @@
 
 #include "packed_head.hpp"
 #include "packed_report.hpp"
+#include "packed_selection.hpp"
+#include "tool_errors.hpp"
 #include "tool_svg.hpp"
 #include "tool_text.hpp"
 
@@ -83,21 +85,28 @@ struct Gutter {
   double width() const { return 2 * kLaneMargin + static_cast<double>(lanes) * kLane; }
 };
 
+constexpr std::size_t kNotDrawn = static_cast<std::size_t>(-1);
+
 class ChainPicture {
  public:
-  ChainPicture(const std::string &name, const PackedChain &chain)
+  ChainPicture(const std::string &name, const PackedChain &chain, const PictureStart &start)
       : name_(name.substr(name.find_last_of("/\\") + 1)),
         chain_(chain),
-        drawn_(std::min(chain.blocks.size(), kMostDrawnBlocks)),
-        svg_("Packed chain " + name_, kStyles) {}
+        end_(chain.segments.size()),
+        svg_("Packed chain " + name_, kStyles) {
+    choose(start);
+  }
 
   std::string draw();
 
  private:
+  void choose(const PictureStart &start);
+  void findReached(std::uint32_t firstBlock);
   void collectItems();
   void addHead();
   void addSegment(const Segment &segment);
   Row pointerRow(const Pointer &pointer) const;
+  void addTexts();
   void cutItems();
   void placeRows();
   void placeArrows();
@@ -110,15 +119,25 @@ class ChainPicture {
   void drawItem(std::size_t block, const Item &item, double &y);
   void drawArrow(const Arrow &arrow, const Gutter &gutter, double gutterX);
   double drawLegend(double y);
+  std::string chosenNote() const;
 
   const char *arrowClass(const Pointer &pointer) const;
+  bool isDrawn(std::uint32_t number) const { return indices_[number] != kNotDrawn; }
+  // Blocks are told by their index among the drawn ones.
   std::size_t columnOf(std::size_t block) const { return block % kBandBlocks; }
   double topOf(std::size_t block) const { return bandTops_[block / kBandBlocks]; }
   double leftOf(std::size_t block) const { return columnLefts_[columnOf(block)]; }
 
   const std::string name_;  // of the file, without its folder
   const PackedChain &chain_;
-  std::size_t drawn_;
+  std::optional<std::size_t> root_;  // segment where the drawn walk begins
+  std::size_t first_ = 0;            // segments that may be drawn
+  std::size_t end_;
+  std::vector<bool> isReachedText_;    // of each text, where only a walk is drawn
+  std::size_t reachedBlocks_ = 0;      // blocks with something of the walk
+  std::vector<std::uint32_t> blocks_;  // numbers of the drawn ones
+  std::vector<std::size_t> indices_;   // of each block of the chain
+  std::size_t drawn_ = 0;
   Svg svg_;
   std::vector<std::vector<Item>> items_;  // of each drawn block, by offset
   std::vector<std::size_t> hidden_;       // items of each that are only counted
@@ -141,6 +160,51 @@ const char *ChainPicture::arrowClass(const Pointer &pointer) const {
       break;
   }
   return isText(chain_.kinds[pointer.kind].form) ? "text" : "child";
+}
+
+void ChainPicture::choose(const PictureStart &start) {
+  const std::uint32_t firstBlock = start.block.value_or(0);
+  if (start.block && firstBlock >= chain_.blocks.size()) {
+    throw UnknownValue(fmt::format("--block: there is no block {}; the chain has {}", firstBlock,
+                                   countOf(chain_.blocks.size(), "block")));
+  }
+  indices_.assign(chain_.blocks.size(), kNotDrawn);
+  if (start.root.empty()) {
+    const std::size_t count = std::min(chain_.blocks.size() - firstBlock, kMostDrawnBlocks);
+    for (std::size_t i = 0; i < count; ++i) {
+      blocks_.push_back(firstBlock + static_cast<std::uint32_t>(i));
+    }
+  } else {
+    root_ = segmentAt(chain_, start.root, "--root");
+    first_ = *root_;
+    end_ = walkEnd(chain_, first_);
+    findReached(firstBlock);
+  }
+  drawn_ = blocks_.size();
+  for (std::size_t i = 0; i < drawn_; ++i) indices_[blocks_[i]] = i;
+}
+
+// The first blocks that the walk comes to, so that its begin is drawn wherever it is.
+void ChainPicture::findReached(std::uint32_t firstBlock) {
+  isReachedText_.assign(chain_.texts.size(), false);
+  std::vector<bool> isReached(chain_.blocks.size(), false);
+  const auto reach = [&](std::uint32_t block) {
+    if (isReached[block]) return;
+    isReached[block] = true;
+    ++reachedBlocks_;
+    if (block >= firstBlock && blocks_.size() < kMostDrawnBlocks) blocks_.push_back(block);
+  };
+  for (std::size_t i = first_; i < end_; ++i) {
+    const Segment &segment = chain_.segments[i];
+    reach(segment.place.block);
+    for (std::size_t k = 0; k < segment.pointerCount; ++k) {
+      const std::uint32_t text = chain_.pointers[segment.firstPointer + k].text;
+      if (text == kNoText) continue;
+      isReachedText_[text] = true;
+      reach(chain_.texts[text].place.block);
+    }
+  }
+  std::sort(blocks_.begin(), blocks_.end());
 }
 
 void ChainPicture::addHead() {
@@ -166,31 +230,36 @@ Row ChainPicture::pointerRow(const Pointer &pointer) const {
 }
 
 void ChainPicture::addSegment(const Segment &segment) {
-  if (segment.place.block >= drawn_) return;
+  if (!isDrawn(segment.place.block)) return;
   Item item{segment.place.offset, fmt::format("kind{}", segment.kind % kKindColours), {}};
   item.rows.push_back({fmt::format("{:>5}  kind {}, {} bytes", segment.place.offset, segment.kind,
                                    segment.length)});
   for (std::size_t i = 0; i < segment.pointerCount; ++i) {
     item.rows.push_back(pointerRow(chain_.pointers[segment.firstPointer + i]));
   }
-  items_[segment.place.block].push_back(std::move(item));
+  items_[indices_[segment.place.block]].push_back(std::move(item));
+}
+
+void ChainPicture::addTexts() {
+  const std::size_t columns = columnsIn(kColumn) + 1;  // as much as may be seen of a text
+  for (std::size_t i = 0; i < chain_.texts.size(); ++i) {
+    const Text &text = chain_.texts[i];
+    if (!isDrawn(text.place.block) || (root_ && !isReachedText_[i])) continue;
+    const std::string shown = inQuotes(chain_.utf8Of(text), columns);
+    items_[indices_[text.place.block]].push_back(
+        {text.place.offset,
+         "string",
+         {{fmt::format("{:>5}  {}{}", text.place.offset, text.isWide ? "wide " : "", shown)}}});
+  }
 }
 
 void ChainPicture::collectItems() {
   items_.resize(drawn_);
   hidden_.resize(drawn_);
   gutters_.resize(drawn_);
-  if (drawn_ > 0) addHead();
-  for (const Segment &segment : chain_.segments) addSegment(segment);
-  const std::size_t columns = columnsIn(kColumn) + 1;  // as much as may be seen of a text
-  for (const Text &text : chain_.texts) {
-    if (text.place.block >= drawn_) continue;
-    const std::string shown = inQuotes(chain_.utf8Of(text), columns);
-    items_[text.place.block].push_back(
-        {text.place.offset,
-         "string",
-         {{fmt::format("{:>5}  {}{}", text.place.offset, text.isWide ? "wide " : "", shown)}}});
-  }
+  if (!blocks_.empty() && blocks_.front() == 0) addHead();
+  for (std::size_t i = first_; i < end_; ++i) addSegment(chain_.segments[i]);
+  addTexts();
   for (std::vector<Item> &items : items_) {
     std::stable_sort(items.begin(), items.end(),
                      [](const Item &a, const Item &b) { return a.offset < b.offset; });
@@ -219,7 +288,7 @@ void ChainPicture::placeRows() {
     for (std::size_t block = first; block < std::min(first + kBandBlocks, drawn_); ++block) {
       double y = bandTop + kBlockHead;
       for (const Item &item : items_[block]) {
-        targetYs_[{static_cast<std::uint32_t>(block), item.offset}] = y + kRow / 2;
+        targetYs_[{blocks_[block], item.offset}] = y + kRow / 2;
         y += static_cast<double>(item.rows.size()) * kRow + kItemGap;
       }
       if (hidden_[block] > 0) y += kRow + kItemGap;
@@ -234,7 +303,7 @@ void ChainPicture::placeRows() {
 // An arrow is drawn to an item of the same block and of its neighbours in the band.
 void ChainPicture::addArrow(std::size_t block, double y, const Pointer &pointer) {
   const auto target = targetYs_.find(pointer.target);
-  const std::size_t to = pointer.target.block;
+  const std::size_t to = indices_[pointer.target.block];
   const bool isNear = target != targetYs_.end() && block / kBandBlocks == to / kBandBlocks &&
                       (block == to || block + 1 == to || to + 1 == block);
   if (!isNear) {
@@ -337,10 +406,11 @@ void ChainPicture::drawBlock(std::size_t block) {
   svg_.rect(x, y, kColumn, heights_[block], "block");
   const auto byUsed = [](const Block &a, const Block &b) { return a.used < b.used; };
   const double most = std::max_element(chain_.blocks.begin(), chain_.blocks.end(), byUsed)->used;
-  svg_.text(x + 6, y + 17, "label", fmt::format("Block {}", block));
-  svg_.text(x + 80, y + 17, "mono dim", grouped(chain_.blocks[block].used) + " bytes used");
+  svg_.text(x + 6, y + 17, "label", fmt::format("Block {}", blocks_[block]));
+  const std::uint32_t used = chain_.blocks[blocks_[block]].used;
+  svg_.text(x + 80, y + 17, "mono dim", grouped(used) + " bytes used");
   svg_.rect(x + 6, y + 25, kColumn - 12, 6, "bar");
-  svg_.rect(x + 6, y + 25, (kColumn - 12) * chain_.blocks[block].used / most, 6, "used");
+  svg_.rect(x + 6, y + 25, (kColumn - 12) * used / most, 6, "used");
   y += kBlockHead;
   for (const Item &item : items_[block]) drawItem(block, item, y);
   if (hidden_[block] > 0) {
@@ -357,6 +427,20 @@ void ChainPicture::drawArrow(const Arrow &arrow, const Gutter &gutter, double gu
   svg_.path(
       fmt::format("M{:.0f} {:.0f}H{:.0f}V{:.0f}H{:.0f}", fromX, arrow.fromY, laneX, arrow.toY, toX),
       arrow.className, true);
+}
+
+// What of the chain is drawn; "" for all of its blocks.
+std::string ChainPicture::chosenNote() const {
+  if (root_) {
+    const bool isCut = drawn_ < reachedBlocks_;
+    return fmt::format("Only what a walk from {} reaches is drawn: {} of {} segments, in {}{}.",
+                       textOf(chain_.segments[*root_].place), grouped(end_ - first_),
+                       grouped(chain_.segments.size()), countOf(reachedBlocks_, "block"),
+                       isCut ? fmt::format(", of which {} are drawn", drawn_) : "");
+  }
+  if (drawn_ == chain_.blocks.size()) return "";
+  return fmt::format("Blocks {} to {} of {} are drawn.", blocks_.front(), blocks_.back(),
+                     grouped(chain_.blocks.size()));
 }
 
 // Returns where the picture ends.
@@ -378,9 +462,7 @@ double ChainPicture::drawLegend(double y) {
         "{} further than to what is drawn next to it, without an arrow.",
         writtenOnly_ == 1 ? "1 pointer leads" : grouped(writtenOnly_) + " pointers lead"));
   }
-  if (drawn_ < chain_.blocks.size()) {
-    note(fmt::format("Blocks 0 to {} of {} are drawn.", drawn_ - 1, grouped(chain_.blocks.size())));
-  }
+  if (const std::string chosen = chosenNote(); !chosen.empty()) note(chosen);
   if (std::any_of(hidden_.begin(), hidden_.end(), [](std::size_t count) { return count > 0; })) {
     note(fmt::format("Of each block the first {} rows are drawn.", kMostDrawnRows));
   }
@@ -406,8 +488,9 @@ std::string ChainPicture::draw() {
 
 }  // namespace
 
-std::string chainPicture(const std::string &name, const PackedChain &chain) {
-  return ChainPicture(name, chain).draw();
+std::string chainPicture(const std::string &name, const PackedChain &chain,
+                         const PictureStart &start) {
+  return ChainPicture(name, chain, start).draw();
 }
 
 }  // namespace memtool

@@ -156,22 +156,37 @@ void printData(Console &console, const PackedChain &chain, const Segment &segmen
   }
 }
 
-void printSegments(Console &console, const PackedChain &chain, bool withData) {
-  if (!chain.root) return;
-  console.print("\n{}: {} in {}\n", console.paint(Ink::Heading, "Segments"),
-                grouped(chain.segments.size()), "the order of the structure");
-  for (const Segment &segment : chain.segments) {
-    const std::string indent(2 + 2 * std::size_t{segment.level}, ' ');
-    console.print(
-        "{}{}  kind {}, {}{} bytes\n", indent, console.paint(Ink::Place, textOf(segment.place)),
-        segment.kind,
-        segment.isCut || chain.kinds[segment.kind].form == Form::Unknown ? "at least " : "",
-        segment.length);
-    for (std::size_t i = 0; i < segment.pointerCount; ++i) {
-      printPointer(console, chain, chain.pointers[segment.firstPointer + i], indent);
-    }
-    if (withData) printData(console, chain, segment, indent);
+void printSegment(Console &console, const PackedChain &chain, const Segment &segment,
+                  std::uint32_t steps, bool withData) {
+  const std::string indent(2 + 2 * std::size_t{steps}, ' ');
+  console.print("{}{}  kind {}, {}{} bytes\n", indent,
+                console.paint(Ink::Place, textOf(segment.place)), segment.kind,
+                segment.isCut || chain.kinds[segment.kind].form == Form::Unknown ? "at least " : "",
+                segment.length);
+  for (std::size_t i = 0; i < segment.pointerCount; ++i) {
+    printPointer(console, chain, chain.pointers[segment.firstPointer + i], indent);
   }
+  if (withData) printData(console, chain, segment, indent);
+}
+
+void printSegments(Console &console, const PackedChain &chain, const ChainSelection &selection,
+                   bool withData) {
+  if (!chain.root) return;
+  const std::string heading = console.paint(Ink::Heading, "Segments");
+  if (selection.isWhole()) {
+    console.print("\n{}: {} in {}\n", heading, grouped(chain.segments.size()),
+                  "the order of the structure");
+  } else {
+    console.print("\n{}: {} of {}{}\n", heading, grouped(selection.matching()),
+                  grouped(chain.segments.size()), selection.text());
+  }
+  for (std::size_t i = 0; i < selection.shown(); ++i) {
+    printSegment(console, chain, selection.segment(i), selection.indentOf(i), withData);
+  }
+  if (selection.leftOut() == 0) return;
+  console.print("  {}\n", console.paint(Ink::Dim, fmt::format("… and {} more (--limit {})",
+                                                              grouped(selection.leftOut()),
+                                                              selection.shown())));
 }
 
 using Json = nlohmann::ordered_json;
@@ -224,21 +239,24 @@ std::string indented(const Json &json, std::size_t columns) {
 // Writes the segments of a chain without holding the document.
 class SegmentsJson {
  public:
-  SegmentsJson(Console &console, const PackedChain &chain, bool withData)
-      : console_(console), chain_(chain), withData_(withData), isWritten_(chain.texts.size()) {
+  SegmentsJson(Console &console, const PackedChain &chain, const ChainSelection &selection,
+               bool withData)
+      : console_(console),
+        chain_(chain),
+        selection_(selection),
+        withData_(withData),
+        isWritten_(chain.texts.size()) {
     findWholeTexts();
   }
 
   void write() {
-    if (chain_.segments.empty()) {
+    if (selection_.shown() == 0) {
       console_.write("[]");
       return;
     }
-    bool isFirst = true;
-    for (const Segment &segment : chain_.segments) {
-      out_ += isFirst ? "[\n" : ",\n";
-      isFirst = false;
-      addSegment(segment);
+    for (std::size_t i = 0; i < selection_.shown(); ++i) {
+      out_ += i == 0 ? "[\n" : ",\n";
+      addSegment(selection_.segment(i));
       if (out_.size() >= kBuffered) flush();
     }
     out_ += "\n  ]";
@@ -257,11 +275,28 @@ class SegmentsJson {
     out_.clear();
   }
 
-  // Of narrow texts that share their end, the longest holds the others.
+  // The texts that the shown segments point to.
+  std::vector<std::uint32_t> shownTexts() const {
+    if (selection_.isWhole()) return wholes_;
+    std::vector<std::uint32_t> texts;
+    std::vector<bool> isShown(chain_.texts.size());
+    for (std::size_t i = 0; i < selection_.shown(); ++i) {
+      const Segment &segment = selection_.segment(i);
+      for (std::size_t k = 0; k < segment.pointerCount; ++k) {
+        const std::uint32_t text = chain_.pointers[segment.firstPointer + k].text;
+        if (text == kNoText || isShown[text]) continue;
+        isShown[text] = true;
+        texts.push_back(text);
+      }
+    }
+    return texts;
+  }
+
+  // Of narrow texts that share their end, the longest that is shown holds the others.
   void findWholeTexts() {
     wholes_.resize(chain_.texts.size());
     std::iota(wholes_.begin(), wholes_.end(), 0U);
-    std::vector<std::uint32_t> order(wholes_);
+    std::vector<std::uint32_t> order = shownTexts();
     const auto keyOf = [this](std::uint32_t index) {
       const Text &text = chain_.texts[index];
       return std::tuple(text.place.block, text.place.offset + text.length, text.place.offset);
@@ -341,6 +376,7 @@ class SegmentsJson {
 
   Console &console_;
   const PackedChain &chain_;
+  const ChainSelection &selection_;
   bool withData_;
   std::vector<std::uint32_t> wholes_;  // of each text: the longest one with the same end
   std::vector<bool> isWritten_;        // of each text
@@ -452,23 +488,31 @@ std::vector<BlockCount> countItems(const PackedChain &chain) {
 }
 
 void printChain(Console &console, const std::string &name, const PackedChain &chain,
-                bool withData) {
+                const ChainSelection &selection, bool withData) {
   if (!chain.version) return;
   printHead(console, name, chain);
-  printKinds(console, chain);
-  printBlocks(console, chain);
-  printSegments(console, chain, withData);
+  if (selection.isWhole()) {
+    printKinds(console, chain);
+    printBlocks(console, chain);
+  }
+  printSegments(console, chain, selection, withData);
 }
 
 void writeChainJson(Console &console, const std::string &name, const PackedChain &chain,
-                    const std::optional<Verdict> &verdict, bool withData) {
-  const Json head = headJson(name, chain);
+                    const ChainSelection &selection, const std::optional<Verdict> &verdict,
+                    bool withData) {
+  Json head = headJson(name, chain);
+  if (!selection.isWhole()) {
+    head["selection"] = {{"matching", selection.matching()},
+                         {"shown", selection.shown()},
+                         {"leftOut", selection.leftOut()}};
+  }
   console.write("{");
   for (const auto &[key, value] : head.items()) {
     console.print("\n  \"{}\": {},", key, indented(value, 2));
   }
   console.write("\n  \"segments\": ");
-  SegmentsJson(console, chain, withData).write();
+  SegmentsJson(console, chain, selection, withData).write();
   console.print(",\n  \"fault\": {},\n  \"faults\": [",
                 indented(firstFaultJson(chain, verdict.value_or(Verdict{})), 2));
   bool isFirst = true;

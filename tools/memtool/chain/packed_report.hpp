@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "packed_chain.hpp"
+#include "packed_selection.hpp"
 #include "packed_verdict.hpp"
 #include "tool_console.hpp"
 
@@ -29,14 +30,17 @@ struct BlockCount {
 };
 std::vector<BlockCount> countItems(const PackedChain &chain);
 
-// Prints all that was read. `withData`: the bytes between the pointer fields as well.
-void printChain(Console &console, const std::string &name, const PackedChain &chain, bool withData);
+// Prints all that was read, or the segments that were chosen of it. `withData`: the bytes between
+// the pointer fields as well.
+void printChain(Console &console, const std::string &name, const PackedChain &chain,
+                const ChainSelection &selection, bool withData);
 
 // `verdict`: what the library says of a chain with a fault.
 // Writes all that was read as JSON, piece by piece. A text stands with the first pointer to it; for
 // others, and for those to its end, "textAt" names where it stands.
 void writeChainJson(Console &console, const std::string &name, const PackedChain &chain,
-                    const std::optional<Verdict> &verdict, bool withData);
+                    const ChainSelection &selection, const std::optional<Verdict> &verdict,
+                    bool withData);
 
 // What --check shows: the counts and the faults.
 nlohmann::ordered_json chainCheckJson(const std::string &name, const PackedChain &chain,

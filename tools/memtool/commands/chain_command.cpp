@@ -10,6 +10,7 @@
 #include "packed_picture.hpp"
 #include "packed_reader.hpp"
 #include "packed_report.hpp"
+#include "packed_selection.hpp"
 #include "packed_verdict.hpp"
 #include "tool_file.hpp"
 #include "tool_text.hpp"
@@ -24,6 +25,11 @@ constexpr const char *kFooter =
     "  memtool chain FILE --json | jq .blocks    the same for programs\n"
     "  memtool chain FILE --check                is it sound? Tells every fault\n"
     "  memtool chain FILE --svg OUT.svg          a picture of its first blocks\n"
+    "  memtool chain FILE --at 1:34              the segment there, and what it points to\n"
+    "  memtool chain FILE --kind 2 --limit 10    the first ten segments of kind 2\n"
+    "  memtool chain FILE --root 1:34 --depth 1  a walk from there, one level down\n"
+    "  memtool chain FILE --svg OUT.svg --block 30\n"
+    "                                            the blocks from there on\n"
     "  memtool chain FILE --to-native OUT        any writer's chain as one of this platform\n"
     "\n"
     "FILE holds the blocks in order, each as its used bytes from block offset 8 on. Places are\n"
@@ -41,6 +47,10 @@ struct ChainOptions {
   std::string like;
   std::uint32_t likePointerWidth = 0;
   std::int32_t blockLength = 0;
+  ChainFilter filter;
+  std::optional<std::uint32_t> pictureBlock;
+
+  bool showsSegments() const { return !checks && (asJson || (picture.empty() && native.empty())); }
 };
 
 // A line for each fault, and for several of them one with what the library says of the chain.
@@ -99,7 +109,8 @@ void printSound(Console &console, const std::string &file, const PackedChain &ch
 
 void writePicture(Console &console, const ChainOptions &options, const std::string &file,
                   const PackedChain &chain) {
-  writeFile(options.picture, chainPicture(file, chain));
+  const PictureStart start{options.pictureBlock, options.filter.root};
+  writeFile(options.picture, chainPicture(file, chain, start));
   if (!options.asJson) console.print("{}: the picture is written\n", options.picture);
 }
 
@@ -126,19 +137,38 @@ ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &f
   const PackedChain chain = readChain(readFile(file), options.pointerWidth, console);
   std::optional<Verdict> verdict;
   if (!chain.isSound()) verdict = verdictOn(tool, chain);
-  const bool isQuiet = options.checks || !options.picture.empty() || !options.native.empty();
   if (options.asJson && options.checks) {
     console.print("{}\n", chainCheckJson(file, chain, verdict).dump(2));
-  } else if (options.asJson) {
-    writeChainJson(console, file, chain, verdict, options.withData);
-  } else if (!isQuiet) {
-    printChain(console, file, chain, options.withData);
+  } else if (options.showsSegments()) {
+    const ChainSelection selection(chain, options.filter);
+    if (options.asJson) {
+      writeChainJson(console, file, chain, selection, verdict, options.withData);
+    } else {
+      printChain(console, file, chain, selection, options.withData);
+    }
   }
   if (!options.picture.empty() && chain.version) writePicture(console, options, file, chain);
   if (!chain.isSound()) return tellFaults(console, file, chain, verdict);
   if (options.checks && !options.asJson) printSound(console, file, chain);
   if (!options.native.empty()) writeNative(tool, options, file, chain);
   return kExitFine;
+}
+
+// A filter must have something to choose from.
+void checkFilter(const ChainOptions &options) {
+  const ChainFilter &filter = options.filter;
+  const bool isDrawing = !options.picture.empty();
+  if (options.pictureBlock && !isDrawing) throw UsageError("--block goes with --svg");
+  ChainFilter ofSegments = filter;
+  if (isDrawing) ofSegments.root.clear();
+  if (!ofSegments.isEmpty() && !options.showsSegments()) {
+    throw UsageError(isDrawing ? "--svg takes --root and --block only, unless --json shows segments"
+                               : "--kind, --at, --root, --depth and --limit go with what shows "
+                                 "segments, not with --check and --to-native");
+  }
+  if (!filter.at.empty() && (!filter.kind.empty() || !filter.root.empty() || filter.depth)) {
+    throw UsageError("--at goes without --kind, --root and --depth");
+  }
 }
 
 ExitCode runChain(Tool &tool, const ChainOptions &options) {
@@ -148,6 +178,7 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
   if (options.like.empty() && options.likePointerWidth != 0) {
     throw UsageError("--like-pointers goes with --like");
   }
+  checkFilter(options);
   const bool writes = !options.native.empty() || !options.picture.empty();
   if (writes && options.files.size() > 1) {
     throw UsageError("--svg and --to-native take one FILE");
@@ -164,6 +195,22 @@ void addChainCommand(CLI::App &app, Tool &tool) {
   command->add_option("FILE", options->files, "The chains; - is stdin")->required()->type_name("");
   command->add_flag("--json", options->asJson, "Write JSON instead of tables");
   command->add_flag("--data", options->withData, "Show the bytes between the pointer fields");
+  command->add_option("--kind", options->filter.kind, "Show the segments of this kind only")
+      ->type_name("KIND");
+  command
+      ->add_option("--at", options->filter.at,
+                   "Show the segment that is there or has that byte, and what it points to")
+      ->type_name("BLOCK:OFFSET");
+  command
+      ->add_option("--root", options->filter.root,
+                   "Start there instead of at the first segment; also in a picture")
+      ->type_name("BLOCK:OFFSET");
+  command->add_option("--depth", options->filter.depth, "Show so many levels below the start")
+      ->type_name("N");
+  command->add_option("--limit", options->filter.limit, "Show the first N segments of those")
+      ->type_name("N");
+  command->add_option("--block", options->pictureBlock, "With --svg: the first block to draw")
+      ->type_name("N");
   command->add_flag("--check", options->checks, "Only tell whether the chain is sound");
   command->add_option("--svg", options->picture, "Draw blocks, segments and pointers")
       ->type_name("OUT.svg");

@@ -43,7 +43,9 @@ void describe(CLI::App &app, Tool &tool) {
   app.fallthrough();  // they may stand behind the command's name, too
   app.footer(kFooter);
   addChainCommand(app, tool);
+  addConformCommand(app, tool);
   addContractCommand(app, tool);
+  addDiffCommand(app, tool);
   addErrorsCommand(app, tool);
   addHeapmapCommand(app, tool);
   addPortCommand(app, tool);
@@ -149,6 +151,10 @@ ExitCode tellFailure(Console &console, const std::exception &error, const std::s
   if (dynamic_cast<const FileError *>(&error) != nullptr) return tell(error.what(), kExitFile);
   if (dynamic_cast<const UsageError *>(&error) != nullptr) {
     return tell(std::string(error.what()) + " (try --help)", kExitUsage);
+  }
+  if (dynamic_cast<const UnknownValue *>(&error) != nullptr) {
+    const bool isNamed = std::string_view(error.what()).starts_with(file);
+    return tell((file.empty() || isNamed ? "" : file + ": ") + error.what(), kExitUsage);
   }
   return tell(error.what(), kExitFault);
 }

@@ -10,6 +10,7 @@
 #include "port_notes.hpp"
 #include "port_picture.hpp"
 #include "port_report.hpp"
+#include "port_selection.hpp"
 #include "port_text.hpp"
 #include "tool_file.hpp"
 #include "tool_text.hpp"
@@ -23,6 +24,8 @@ constexpr const char *kFooter =
     "  memtool port FILE --json | jq .structures     the same for programs\n"
     "  memtool port FILE --check                     is it sound? Tells the first fault\n"
     "  memtool port FILE --svg OUT.svg               a picture of its first structures\n"
+    "  memtool port FILE --kind 12 --limit 10        the first ten structures of StructID 12\n"
+    "  memtool port FILE --root 7 --depth 1          structure 7 and what it points to\n"
     "  memtool port FILE --defs DEFS.json            with names, as the library reads it\n"
     "  memtool port FILE --defs DEFS.json --json > GRAPH.json\n"
     "  memtool port --encode GRAPH.json --defs DEFS.json -o FILE\n"
@@ -39,6 +42,9 @@ struct PortOptions {
   std::string definitions;
   std::string graph;
   std::string output;
+  PortFilter filter;
+
+  bool showsStructures() const { return !checks && (asJson || picture.empty()); }
 };
 
 [[noreturn]] void throwFault(const PortOptions &options, const PortFault &fault) {
@@ -49,21 +55,26 @@ struct PortOptions {
 using PortNotes = std::vector<PortNote>;
 
 void show(Console &console, const PortOptions &options, const PortDocument &document,
-          const PortNotes &notes) {
+          const PortNotes &notes, const PortDefinitions *definitions) {
   if (!options.picture.empty()) {
-    writeFile(options.picture, portPicture(options.file, document));
+    writeFile(options.picture, portPicture(options.file, document, options.filter.root));
     if (!options.asJson) console.print("{}: the picture is written\n", options.picture);
   }
-  const bool isQuiet = options.checks || !options.picture.empty();
-  if (options.asJson) {
-    const bool isGraph = !options.definitions.empty();
-    PortJson json = options.checks ? portCheckJson(options.file, document)
-                    : isGraph      ? portGraphJson(document)
-                                   : portTextJson(options.file, document);
-    if (isGraph && options.checks) json["notes"] = portNotesJson(notes);
+  if (options.checks) {
+    if (!options.asJson) return;
+    PortJson json = portCheckJson(options.file, document);
+    if (definitions != nullptr) json["notes"] = portNotesJson(notes);
     console.print("{}\n", json.dump(2));
-  } else if (!isQuiet) {
-    printPort(console, options.file, document);
+    return;
+  }
+  if (!options.showsStructures()) return;
+  const PortSelection selection(document, options.filter, definitions);
+  if (options.asJson) {
+    const PortJson json = definitions != nullptr ? portGraphJson(document, selection)
+                                                 : portTextJson(options.file, document, selection);
+    console.print("{}\n", json.dump(2));
+  } else {
+    printPort(console, options.file, document, selection);
   }
 }
 
@@ -86,7 +97,7 @@ void checkText(const PortOptions &options, const PortDocument &document) {
 
 ExitCode showText(Tool &tool, const PortOptions &options) {
   const PortDocument document = readPortText(readFile(options.file), tool.console);
-  show(tool.console, options, document, {});
+  show(tool.console, options, document, {}, nullptr);
   tool.console.out().flush();
   if (options.checks) checkText(options, document);
   if (document.fault) throwFault(options, *document.fault);
@@ -115,7 +126,7 @@ ExitCode showDecoded(Tool &tool, const PortOptions &options) {
   }
   try {
     const PortDocument document = decode(tool, options, definitions, text);
-    show(tool.console, options, document, notes);
+    show(tool.console, options, document, notes, &definitions);
     showSound(tool.console, options, document);
   } catch (const ToolError &) {
     printNotes(tool.console, options, notes);  // they may be the reason
@@ -144,6 +155,17 @@ ExitCode showPort(Tool &tool, const PortOptions &options) {
   return options.definitions.empty() ? showText(tool, options) : showDecoded(tool, options);
 }
 
+// A filter must have something to choose from.
+void checkFilter(const PortOptions &options) {
+  PortFilter ofText = options.filter;
+  if (!options.picture.empty()) ofText.root.reset();
+  if (ofText.isEmpty() || options.showsStructures()) return;
+  throw UsageError(options.picture.empty()
+                       ? "--kind, --root, --depth and --limit go with what shows structures, not "
+                         "with --check"
+                       : "--svg takes --root only, unless --json shows structures");
+}
+
 ExitCode runPort(Tool &tool, const PortOptions &options) {
   if (options.graph.empty()) {
     if (options.files.empty()) throw UsageError("port needs a FILE, or --encode");
@@ -151,6 +173,7 @@ ExitCode runPort(Tool &tool, const PortOptions &options) {
     if (!options.picture.empty() && options.files.size() > 1) {
       throw UsageError("--svg takes one FILE");
     }
+    checkFilter(options);
     return forEachFile(tool, options.files, options.asJson, !options.checks,
                        [&](const std::string &file) {
                          PortOptions one = options;
@@ -159,7 +182,8 @@ ExitCode runPort(Tool &tool, const PortOptions &options) {
                        });
   }
   if (options.definitions.empty()) throw UsageError("--encode needs --defs");
-  if (!options.files.empty() || options.asJson || options.checks || !options.picture.empty()) {
+  if (!options.files.empty() || options.asJson || options.checks || !options.picture.empty() ||
+      !options.filter.isEmpty()) {
     throw UsageError("--encode takes --defs and --output only");
   }
   return encode(tool, options);
@@ -172,6 +196,18 @@ void addPortCommand(CLI::App &app, Tool &tool) {
   CLI::App *const command = app.add_subcommand("port", "Look into a port string, or write one");
   command->add_option("FILE", options->files, "The port strings; - is stdin")->type_name("");
   command->add_flag("--json", options->asJson, "Write JSON instead of text");
+  command->add_option("--kind", options->filter.kind, "Show the structures of this kind only")
+      ->type_name("STRUCTID|NAME");
+  command
+      ->add_option("--root", options->filter.root,
+                   "Show what can be reached from this structure; also in a picture")
+      ->type_name("NUMBER");
+  command
+      ->add_option("--depth", options->filter.depth,
+                   "Show what is up to so many pointers away from the root")
+      ->type_name("N");
+  command->add_option("--limit", options->filter.limit, "Show the first N structures of those")
+      ->type_name("N");
   command->add_flag("--check", options->checks, "Only tell whether the port string is sound");
   command->add_option("--svg", options->picture, "Draw structures and pointers")
       ->type_name("OUT.svg");

@@ -106,7 +106,8 @@ const MadeStructure &GraphMaker::run() {
 
 // Storage first: pointers may name any structure.
 void GraphMaker::addStructures() {
-  top_.requireKeys({"root", "structures", "notes"});  // the notes are those of --check
+  // Notes are those of --check, a selection is what a filter left.
+  top_.requireKeys({"root", "structures", "notes", "selection"});
   std::int64_t total = 0;
   for (const PortJsonNode &node : top_.at("structures").elements()) {
     node.requireKeys({"label", "structure", "fields"});

@@ -19,10 +19,12 @@
 #include <cmath>
 #include <deque>
 #include <map>
+#include <numeric>
 #include <set>
 #include <utility>
 #include <vector>
 
+#include "port_selection.hpp"
 #include "port_values.hpp"
 #include "tool_svg.hpp"
 #include "tool_text.hpp"
@@ -112,8 +114,10 @@ std::string titleOf(const std::string &name) {
 
 class Picture {
  public:
-  Picture(const std::string &name, const PortDocument &document)
-      : name_(name), document_(document), svg_(titleOf(name), kStyles) {}
+  Picture(const std::string &name, const PortDocument &document, std::optional<std::uint32_t> root)
+      : name_(name), document_(document), root_(root), svg_(titleOf(name), kStyles) {
+    choose();
+  }
 
   std::string draw();
 
@@ -123,6 +127,7 @@ class Picture {
     int track = 0;  // where it goes down to the box
   };
 
+  void choose();
   void addBoxes();
   void addRows(Box &box, const PortStructure &structure, std::size_t depth);
   void addArrows();
@@ -141,6 +146,10 @@ class Picture {
 
   const std::string &name_;
   const PortDocument &document_;
+  const std::optional<std::uint32_t> root_;
+  std::size_t reached_ = 0;                   // structures that might be drawn
+  std::vector<std::size_t> numbers_;          // of the drawn ones
+  std::map<std::size_t, std::size_t> boxOf_;  // by number
   std::vector<Box> boxes_;
   std::vector<Arrow> arrows_;
   std::vector<int> gutterX_;  // left edge of gutter k, which is left of column k
@@ -166,19 +175,31 @@ void Picture::addRows(Box &box, const PortStructure &structure, std::size_t dept
     if (pointer != nullptr && pointer->number != 0) {
       row.target = pointer->number;
       row.value = fmt::format("→ {}", pointer->number);
-      if (pointer->number > boxes_.size()) row.value += " (not drawn)";
+      if (boxOf_.count(pointer->number) == 0) row.value += " (not drawn)";
     }
     box.rows.push_back(std::move(row));
     if (embedded != nullptr) addRows(box, *embedded->structure, depth + 1);
   }
 }
 
+void Picture::choose() {
+  if (root_) {
+    numbers_ = reachedStructures(document_, checkedNumber(document_, *root_), {});
+  } else {
+    numbers_.resize(document_.structures.size());
+    std::iota(numbers_.begin(), numbers_.end(), std::size_t{1});
+  }
+  reached_ = numbers_.size();
+  numbers_.resize(std::min(reached_, kMostDrawnStructures));
+  for (std::size_t i = 0; i < numbers_.size(); ++i) boxOf_[numbers_[i]] = i;
+}
+
 void Picture::addBoxes() {
-  boxes_.resize(std::min(document_.structures.size(), kMostDrawnStructures));
+  boxes_.resize(numbers_.size());
   for (std::size_t i = 0; i < boxes_.size(); ++i) {
-    const PortStructure &structure = document_.structures[i];
+    const PortStructure &structure = document_.structures[numbers_[i] - 1];
     Box &box = boxes_[i];
-    box.title = fmt::format("{}  {}", i + 1, portStructureName(structure));
+    box.title = fmt::format("{}  {}", numbers_[i], portStructureName(structure));
     box.subtitle = structure.offset ? fmt::format("at character {}", *structure.offset)
                                     : fmt::format("StructID {}", structure.id);
     if (structure.elements) {
@@ -205,8 +226,8 @@ void Picture::addBoxes() {
 void Picture::addArrows() {
   for (std::size_t i = 0; i < boxes_.size(); ++i) {
     for (std::size_t row = 0; row < boxes_[i].rows.size(); ++row) {
-      const std::size_t target = boxes_[i].rows[row].target;
-      if (target != 0 && target <= boxes_.size()) arrows_.push_back({i, row, target - 1});
+      const auto target = boxOf_.find(boxes_[i].rows[row].target);
+      if (target != boxOf_.end()) arrows_.push_back({i, row, target->second});
     }
   }
 }
@@ -363,7 +384,10 @@ std::string Picture::titleText() const {
   std::string text = fmt::format("{}: {} characters, {} structure{}", titleOf(name_),
                                  grouped(document_.characters), grouped(document_.promised),
                                  document_.promised == 1 ? "" : "s");
-  if (boxes_.size() < document_.promised) {
+  if (root_) {
+    text += fmt::format("; drawn is what {} leads to, {} of {}", *root_, boxes_.size(),
+                        countOf(reached_, "structure"));
+  } else if (boxes_.size() < document_.promised) {
     text += fmt::format("; the first {} are drawn", boxes_.size());
   }
   return text;
@@ -384,8 +408,9 @@ std::string Picture::draw() {
 
 }  // namespace
 
-std::string portPicture(const std::string &name, const PortDocument &document) {
-  return Picture(name, document).draw();
+std::string portPicture(const std::string &name, const PortDocument &document,
+                        std::optional<std::uint32_t> root) {
+  return Picture(name, document, root).draw();
 }
 
 }  // namespace memtool

@@ -1,6 +1,8 @@
 // A picture of the graph in a port string.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "port_model.hpp"
@@ -12,7 +14,10 @@ inline constexpr std::size_t kMostDrawnStructures = 40;
 inline constexpr std::size_t kMostDrawnFields = 24;
 
 // SVG with a box for each of the first structures and an arrow for each pointer between them. The
-// columns are the steps that it takes from the first structure.
-std::string portPicture(const std::string &name, const PortDocument &document);
+// columns are the steps that it takes from the first structure. With `root` it is the structures
+// that can be reached from that one, the nearest first. Throws UnknownValue for a root that is not
+// there.
+std::string portPicture(const std::string &name, const PortDocument &document,
+                        std::optional<std::uint32_t> root);
 
 }  // namespace memtool

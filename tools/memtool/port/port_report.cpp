@@ -135,24 +135,39 @@ PortJson faultJson(const PortFault &fault) {
 
 }  // namespace
 
-void printPort(Console &console, const std::string &name, const PortDocument &document) {
+void printPort(Console &console, const std::string &name, const PortDocument &document,
+               const PortSelection &selection) {
   console.print("{}: {} characters, {} structure{}\n", console.paint(Ink::Heading, name),
                 grouped(document.characters), grouped(document.promised),
                 document.promised == 1 ? "" : "s");
-  Printer printer(console);
-  std::size_t number = 0;
-  for (const PortStructure &structure : document.structures) {
-    printer.structure(++number, structure);
+  if (!selection.isWhole()) {
+    console.print("{} of {}{}\n", grouped(selection.matching()),
+                  countOf(document.structures.size(), "structure"), selection.text());
   }
-  if (document.fault || number == document.promised) return;
-  console.print("\n{} more to which no pointer leads\n", grouped(document.promised - number));
+  Printer printer(console);
+  for (std::size_t i = 0; i < selection.shown(); ++i) {
+    const std::size_t number = selection.number(i);
+    printer.structure(number, document.structures[number - 1]);
+  }
+  if (selection.leftOut() > 0) {
+    console.print("\n{}\n", console.paint(Ink::Dim, fmt::format("… and {} more (--limit {})",
+                                                                grouped(selection.leftOut()),
+                                                                selection.shown())));
+  }
+  const std::size_t read = document.structures.size();
+  if (document.fault || read == document.promised) return;
+  console.print("\n{} more to which no pointer leads\n", grouped(document.promised - read));
 }
 
-PortJson portTextJson(const std::string &name, const PortDocument &document) {
+PortJson portTextJson(const std::string &name, const PortDocument &document,
+                      const PortSelection &selection) {
   PortJson json{{"file", validUtf8(name)}, {"characters", document.characters}};
+  if (!selection.isWhole()) json["selection"] = selection.json();
   json["structures"] = PortJson::array();
-  for (const PortStructure &structure : document.structures) {
-    PortJson made{{"number", json["structures"].size() + 1}};
+  for (std::size_t i = 0; i < selection.shown(); ++i) {
+    const std::size_t number = selection.number(i);
+    const PortStructure &structure = document.structures[number - 1];
+    PortJson made{{"number", number}};
     if (structure.offset) made["offset"] = *structure.offset;
     made.update(structureJson(structure));
     json["structures"].push_back(std::move(made));
@@ -170,11 +185,15 @@ PortJson portCheckJson(const std::string &name, const PortDocument &document) {
           {"fault", fault ? faultJson(*fault) : PortJson()}};
 }
 
-PortJson portGraphJson(const PortDocument &document) {
-  PortJson json{{"root", "1"}, {"structures", PortJson::array()}};
-  for (const PortStructure &structure : document.structures) {
-    PortJson made{{"label", std::to_string(json["structures"].size() + 1)},
-                  {"structure", structure.definition->name}};
+PortJson portGraphJson(const PortDocument &document, const PortSelection &selection) {
+  PortJson json = PortJson::object();
+  if (selection.shows(selection.root())) json["root"] = std::to_string(selection.root());
+  if (!selection.isWhole()) json["selection"] = selection.json();
+  json["structures"] = PortJson::array();
+  for (std::size_t i = 0; i < selection.shown(); ++i) {
+    const std::size_t number = selection.number(i);
+    const PortStructure &structure = document.structures[number - 1];
+    PortJson made{{"label", std::to_string(number)}, {"structure", structure.definition->name}};
     if (structure.definition->name == std::to_string(structure.id))
       made["structure"] = structure.id;
     made["fields"] = fieldsJson(structure);

@@ -4,21 +4,26 @@
 #include <string>
 
 #include "port_model.hpp"
+#include "port_selection.hpp"
 #include "port_values.hpp"
 #include "tool_console.hpp"
 
 namespace memtool {
 
 // Structures with their numbers, fields and values, by name where definitions were at hand.
-void printPort(Console &console, const std::string &name, const PortDocument &document);
+void printPort(Console &console, const std::string &name, const PortDocument &document,
+               const PortSelection &selection);
 
 // What the text alone tells: {"file", "characters", "structures": […], "fault"}.
-PortJson portTextJson(const std::string &name, const PortDocument &document);
+PortJson portTextJson(const std::string &name, const PortDocument &document,
+                      const PortSelection &selection);
 
 // What --check shows. A fault that only --check tells of is one here.
 PortJson portCheckJson(const std::string &name, const PortDocument &document);
 
-// A document that was read with definitions, in the form that encodePortText takes.
-PortJson portGraphJson(const PortDocument &document);
+// A document that was read with definitions, in the form that encodePortText takes: all of it, or
+// what can be reached from one structure. A selection that leaves targets of pointers out cannot be
+// encoded.
+PortJson portGraphJson(const PortDocument &document, const PortSelection &selection);
 
 }  // namespace memtool

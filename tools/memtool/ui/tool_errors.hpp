@@ -25,6 +25,12 @@ class FileError : public ToolError {
   using ToolError::ToolError;
 };
 
+// An argument names something that the file does not have. Other files may have it.
+class UnknownValue : public ToolError {
+ public:
+  using ToolError::ToolError;
+};
+
 // Arguments that each have the right form but do not go together.
 class UsageError : public std::runtime_error {
  public:

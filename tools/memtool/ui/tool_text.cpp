@@ -99,4 +99,8 @@ std::string grouped(std::uint64_t number) {
   return digits;
 }
 
+std::string countOf(std::uint64_t count, std::string_view thing) {
+  return fmt::format("{} {}{}", grouped(count), thing, count == 1 ? "" : "s");
+}
+
 }  // namespace memtool

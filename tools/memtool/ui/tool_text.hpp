@@ -31,4 +31,7 @@ std::size_t columnsOf(std::string_view utf8);
 // "1,234,567".
 std::string grouped(std::uint64_t number);
 
+// A whole number of things: "1 block", "2,000 blocks".
+std::string countOf(std::uint64_t count, std::string_view thing);
+
 }  // namespace memtool

@@ -1,4 +1,4 @@
-// Calls that fail, each in its own way, and what each leaves behind.
+// Calls that fail, each in its own way, and what each records.
 #include <cstddef>
 #include <cstdio>
 #include <string_view>

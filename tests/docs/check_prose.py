@@ -4,8 +4,8 @@
     check_prose.py [--codespell PROGRAM] [FILE | FOLDER]...
 
 Without a FILE or FOLDER it checks those that words.txt, next to this program, lists as covered,
-and only the spelling of those that it lists as later. Prints FILE:LINE, the word and what to say
-instead. The exit code is 1 if there are findings.
+and only the spelling of the others that it lists as later. Prints FILE:LINE, the word and what to
+say instead. The exit code is 1 if there are findings.
 """
 
 import argparse
@@ -203,7 +203,9 @@ def main():
                 for finding in check_words(path, text, rules["words"])]
     if arguments.codespell:
         later = [] if arguments.paths else rules["later"]
-        prose = covered + [(path, prose_of(path, [])) for path in files_of(later)]
+        checked = {path for path, _ in covered}
+        prose = covered + [(path, prose_of(path, [])) for path in files_of(later)
+                           if path not in checked]
         findings += check_spelling(arguments.codespell, prose, rules["spelling"])
     for finding in findings:
         print(finding)

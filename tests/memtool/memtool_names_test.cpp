@@ -447,6 +447,28 @@ TEST_F(MemtoolNamesTest, Arguments) {
   expectRefused(3, "none.json", {"chain", "items.chain", "--defs", "none.json"});
 }
 
+// The page's examples, as they are there.
+TEST_F(MemtoolNamesTest, ManualShowsWhatTheProgramWrites) {
+  const std::string page = readBytes(std::filesystem::path(MEM_DOCS) / "memtool-chain-names.md");
+  const auto expectShown = [&](const std::string &text) {
+    EXPECT_NE(page.find(text), std::string::npos) << text;
+  };
+  const std::string json =
+      outputOf({"chain", "items.chain", "--defs", "items.defs.json", "--json"});
+  expectShown("```json\n" + readBytes("items.defs.json") + "```\n");
+  expectShown("$ memtool chain items.chain --defs items.defs.json\n" +
+              outputOf({"chain", "items.chain", "--defs", "items.defs.json"}) + "```\n");
+  expectShown("$ memtool chain items.chain --defs items.defs.json --json\n" +
+              json.substr(0, json.find("    },\n") + 7));
+  writeBytes("items.json", json);
+  expectShown("$ memtool chain --encode items.json --defs items.defs.json -o again.chain\n" +
+              outputOf({"chain", "--encode", "items.json", "--defs", "items.defs.json", "-o",
+                        "again.chain"}));
+  writeBytes("other.defs.json", changedDefs("\"length\": 32", "\"length\": 40"));
+  expectShown("$ memtool chain items.chain --defs other.defs.json\n" +
+              runTool({"chain", "items.chain", "--defs", "other.defs.json"}).err);
+}
+
 // Definitions of port strings describe segments as far as these have no further pointers.
 TEST_F(MemtoolNamesTest, KeysOfPortStringsMeanNothing) {
   writeBytes("defs.json", R"({"structures": [{"id": 1, "name": "P", "length": 48, "fields": [

@@ -57,10 +57,10 @@ void show(Console &console, const PortOptions &options, const PortDocument &docu
   const bool isQuiet = options.checks || !options.picture.empty();
   if (options.asJson) {
     const bool isGraph = !options.definitions.empty();
-    PortJson json = options.checks ? portCheckJson(options.file, document)
-                    : isGraph      ? portGraphJson(document)
-                                   : portTextJson(options.file, document);
-    if (isGraph && options.checks) json["notes"] = portNotesJson(notes);
+    if (!options.checks && isGraph) return writePortGraphJson(console, document);
+    if (!options.checks) return writePortTextJson(console, options.file, document);
+    PortJson json = portCheckJson(options.file, document);
+    if (isGraph) json["notes"] = portNotesJson(notes);
     console.print("{}\n", json.dump(2));
   } else if (!isQuiet) {
     printPort(console, options.file, document);

@@ -133,6 +133,41 @@ PortJson faultJson(const PortFault &fault) {
   return {{"offset", fault.offset}, {"expected", fault.expected}, {"found", fault.found}};
 }
 
+// A value within the document, with its indentation.
+std::string indented(const PortJson &json, std::size_t columns) {
+  std::string shifted;
+  for (const char c : json.dump(2)) {
+    shifted += c;
+    if (c == '\n') shifted.append(columns, ' ');
+  }
+  return shifted;
+}
+
+PortJson numberedJson(const PortStructure &structure, std::size_t number) {
+  PortJson made{{"number", number}};
+  if (structure.offset) made["offset"] = *structure.offset;
+  made.update(structureJson(structure));
+  return made;
+}
+
+PortJson labelledJson(const PortStructure &structure, std::size_t number) {
+  PortJson made{{"label", std::to_string(number)}, {"structure", structure.definition->name}};
+  if (structure.definition->name == std::to_string(structure.id)) made["structure"] = structure.id;
+  made["fields"] = fieldsJson(structure);
+  return made;
+}
+
+// The document is never held as JSON: that would take many times its length.
+void writeStructures(Console &console, const PortDocument &document,
+                     PortJson (*toJson)(const PortStructure &, std::size_t)) {
+  std::size_t number = 0;
+  for (const PortStructure &structure : document.structures) {
+    console.write(number == 0 ? "[\n    " : ",\n    ");
+    console.write(indented(toJson(structure, ++number), 4));
+  }
+  console.write(number == 0 ? "[]" : "\n  ]");
+}
+
 }  // namespace
 
 void printPort(Console &console, const std::string &name, const PortDocument &document) {
@@ -148,17 +183,12 @@ void printPort(Console &console, const std::string &name, const PortDocument &do
   console.print("\n{} more to which no pointer leads\n", grouped(document.promised - number));
 }
 
-PortJson portTextJson(const std::string &name, const PortDocument &document) {
-  PortJson json{{"file", validUtf8(name)}, {"characters", document.characters}};
-  json["structures"] = PortJson::array();
-  for (const PortStructure &structure : document.structures) {
-    PortJson made{{"number", json["structures"].size() + 1}};
-    if (structure.offset) made["offset"] = *structure.offset;
-    made.update(structureJson(structure));
-    json["structures"].push_back(std::move(made));
-  }
-  json["fault"] = document.fault ? faultJson(*document.fault) : PortJson();
-  return json;
+void writePortTextJson(Console &console, const std::string &name, const PortDocument &document) {
+  console.print("{{\n  \"file\": {},\n  \"characters\": {},\n  \"structures\": ",
+                PortJson(validUtf8(name)).dump(), document.characters);
+  writeStructures(console, document, numberedJson);
+  const PortJson fault = document.fault ? faultJson(*document.fault) : PortJson();
+  console.print(",\n  \"fault\": {}\n}}\n", indented(fault, 2));
 }
 
 PortJson portCheckJson(const std::string &name, const PortDocument &document) {
@@ -173,14 +203,15 @@ PortJson portCheckJson(const std::string &name, const PortDocument &document) {
 PortJson portGraphJson(const PortDocument &document) {
   PortJson json{{"root", "1"}, {"structures", PortJson::array()}};
   for (const PortStructure &structure : document.structures) {
-    PortJson made{{"label", std::to_string(json["structures"].size() + 1)},
-                  {"structure", structure.definition->name}};
-    if (structure.definition->name == std::to_string(structure.id))
-      made["structure"] = structure.id;
-    made["fields"] = fieldsJson(structure);
-    json["structures"].push_back(std::move(made));
+    json["structures"].push_back(labelledJson(structure, json["structures"].size() + 1));
   }
   return json;
+}
+
+void writePortGraphJson(Console &console, const PortDocument &document) {
+  console.write("{\n  \"root\": \"1\",\n  \"structures\": ");
+  writeStructures(console, document, labelledJson);
+  console.write("\n}\n");
 }
 
 }  // namespace memtool

@@ -12,13 +12,15 @@ namespace memtool {
 // Structures with their numbers, fields and values, by name where definitions were at hand.
 void printPort(Console &console, const std::string &name, const PortDocument &document);
 
-// What the text alone tells: {"file", "characters", "structures": […], "fault"}.
-PortJson portTextJson(const std::string &name, const PortDocument &document);
+// What the text alone tells: {"file", "characters", "structures": […], "fault"}. Piece by piece.
+void writePortTextJson(Console &console, const std::string &name, const PortDocument &document);
 
 // What --check shows. A fault that only --check tells of is one here.
 PortJson portCheckJson(const std::string &name, const PortDocument &document);
 
 // A document that was read with definitions, in the form that encodePortText takes.
 PortJson portGraphJson(const PortDocument &document);
+// The same piece by piece.
+void writePortGraphJson(Console &console, const PortDocument &document);
 
 }  // namespace memtool

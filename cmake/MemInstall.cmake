@@ -80,6 +80,12 @@ if(NOT WIN32)
   install(FILES ${made}/memtool DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT qj7mem00-tools)
 endif()
 
+if(TARGET memtool_completion)  # a program that runs here has made it
+  add_dependencies(installed_files memtool_completion)
+  install(FILES ${PROJECT_BINARY_DIR}/tools/memtool/memtool.bash RENAME memtool
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT qj7mem00-tools)
+endif()
+
 # Debug information lies beside the file that it belongs to: debuggers look there first. Packages for
 # Debian have it elsewhere.
 if(MEM_SPLITS_DEBUG)

@@ -29,6 +29,7 @@ LIST = "Manual"
 
 # Pages that are not in that list, and the page below which the navigation has them.
 BELOW = {
+    "docs/memtool-chain-names.md": "docs/memtool.md",
     "docs/memtool-port.md": "docs/memtool.md",
     "CHANGELOG.md": "docs/versions.md",
     "bench/TRIED.md": "docs/performance.md",

@@ -315,24 +315,6 @@ class PackProgress {
 
 constinit PackProgress *PackProgress::active_ = nullptr;
 
-NativeChain pack(RunningLibrary &library, const MemPackCB *controlBlock, const void *root,
-                 std::int32_t blockLength) {
-  MemPackBlock *first = nullptr;
-  const std::int16_t result = library.vector().MEM_Pack(controlBlock, root, blockLength, &first);
-  NativeChain native;
-  native.blockLength = blockLength;
-  while (first != nullptr) {  // a failed call may leave the blocks that it had obtained
-    MemPackBlock *const next = first->pNext;
-    native.bytes.append(reinterpret_cast<const char *>(first) + kContentOff, first->UsedLen);
-    ++native.blocks;
-    library.vector().MEM_Free(first, static_cast<std::uint32_t>(blockLength), kChainSubPool);
-    first = next;
-  }
-  library.check("MEM_Pack", result);
-  native.version = native.bytes.substr(2, 4);
-  return native;
-}
-
 // The longest item after its pointers have grown, and the control block, have to fit a block.
 std::int32_t sufficientBlockLen(const PackedChain &chain) {
   constexpr std::uint32_t kMostGrowth =
@@ -411,6 +393,24 @@ std::int16_t firstChildOffset(const std::vector<Kind> &kinds) {
 
 }  // namespace
 
+NativeChain packNative(RunningLibrary &library, const MemPackCB *controlBlock, const void *root,
+                       std::int32_t blockLength) {
+  MemPackBlock *first = nullptr;
+  const std::int16_t result = library.vector().MEM_Pack(controlBlock, root, blockLength, &first);
+  NativeChain native;
+  native.blockLength = blockLength;
+  while (first != nullptr) {  // a failed call may leave the blocks that it had obtained
+    MemPackBlock *const next = first->pNext;
+    native.bytes.append(reinterpret_cast<const char *>(first) + kContentOff, first->UsedLen);
+    ++native.blocks;
+    library.vector().MEM_Free(first, static_cast<std::uint32_t>(blockLength), kChainSubPool);
+    first = next;
+  }
+  library.check("MEM_Pack", result);
+  native.version = native.bytes.substr(2, 4);
+  return native;
+}
+
 NativeChain toNative(RunningLibrary &library, const PackedChain &chain,
                      const NativeRequest &request, Console &console) {
   refuseUnknownKinds(chain);
@@ -445,7 +445,7 @@ NativeChain toNative(RunningLibrary &library, const PackedChain &chain,
   const PackProgress progress(library, chain.segments.size(), console);
   const std::int32_t blockLength =
       request.blockLength == 0 ? sufficientBlockLen(chain) : request.blockLength;
-  NativeChain native = pack(library, packCB.get(), root, blockLength);
+  NativeChain native = packNative(library, packCB.get(), root, blockLength);
   native.remark = remarkOn(chain);
   return native;
 }

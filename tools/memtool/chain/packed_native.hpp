@@ -28,4 +28,8 @@ struct NativeChain {
 NativeChain toNative(RunningLibrary &library, const PackedChain &chain,
                      const NativeRequest &request, Console &console);
 
+// Packs a structure in storage of this program; the blocks go back to the host. Throws ToolError.
+NativeChain packNative(RunningLibrary &library, const MemPackCB *controlBlock, const void *root,
+                       std::int32_t blockLength);
+
 }  // namespace memtool

@@ -4,7 +4,11 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <utility>
 
+#include "chain_defs.hpp"
+#include "chain_encode.hpp"
+#include "chain_names.hpp"
 #include "memtool_commands.hpp"
 #include "packed_native.hpp"
 #include "packed_picture.hpp"
@@ -31,6 +35,9 @@ constexpr const char *kFooter =
     "  memtool chain FILE --svg OUT.svg --block 30\n"
     "                                            the blocks from there on\n"
     "  memtool chain FILE --to-native OUT        any writer's chain as one of this platform\n"
+    "  memtool chain FILE --defs DEFS.json       with names and typed values\n"
+    "  memtool chain FILE --defs DEFS.json --json > GRAPH.json\n"
+    "  memtool chain --encode GRAPH.json --defs DEFS.json -o OUT\n"
     "\n"
     "FILE holds the blocks in order, each as its used bytes from block offset 8 on. Places are\n"
     "written as block:offset, the offset counted as in relative pointers. Of a damaged\n"
@@ -49,6 +56,10 @@ struct ChainOptions {
   std::int32_t blockLength = 0;
   ChainFilter filter;
   std::optional<std::uint32_t> pictureBlock;
+  std::string definitions;
+  bool encodes = false;
+  std::string graph;  // of --encode; empty: the FILE
+  std::string output;
 
   bool showsSegments() const { return !checks && (asJson || (picture.empty() && native.empty())); }
 };
@@ -114,6 +125,12 @@ void writePicture(Console &console, const ChainOptions &options, const std::stri
   if (!options.asJson) console.print("{}: the picture is written\n", options.picture);
 }
 
+void printWritten(Console &console, const std::string &file, const NativeChain &chain) {
+  console.print("{}: {} bytes in {} block{} of {}, version {}\n", file, grouped(chain.bytes.size()),
+                grouped(chain.blocks), chain.blocks == 1 ? "" : "s",
+                grouped(static_cast<std::uint64_t>(chain.blockLength)), chain.version);
+}
+
 void writeNative(Tool &tool, const ChainOptions &options, const std::string &file,
                  const PackedChain &chain) {
   refuseGuess(file, chain, "--pointers");
@@ -124,31 +141,67 @@ void writeNative(Tool &tool, const ChainOptions &options, const std::string &fil
   const NativeChain native = toNative(library, chain, request, tool.console);
   writeFile(options.native, native.bytes);
   if (options.asJson) return;
-  tool.console.print("{}: {} bytes in {} block{} of {}, version {}\n", options.native,
-                     grouped(native.bytes.size()), grouped(native.blocks),
-                     native.blocks == 1 ? "" : "s",
-                     grouped(static_cast<std::uint64_t>(native.blockLength)), native.version);
+  printWritten(tool.console, options.native, native);
   if (!native.remark.empty()) tool.console.print("{}\n", native.remark);
 }
 
+// `definitions`, which may be null, decide the width of pointers where the chain does not show it.
+PackedChain readNamed(const ChainOptions &options, const std::string &file,
+                      const ChainDefinitions *definitions, Console &console) {
+  PackedChain chain = readChain(readFile(file), options.pointerWidth, console);
+  const std::uint32_t width = definitions == nullptr ? 0 : definitions->pointerWidth();
+  if (!chain.isWidthGuessed || width == 0) return chain;
+  return readChain(std::move(chain.bytes), width, console);
+}
+
+void checkReferences(Console &console, const std::string &file, const ChainDefinitions &definitions,
+                     const PackedChain &chain) {
+  const std::optional<std::string> wrong = wrongReference(definitions, chain);
+  if (!wrong) return;
+  console.out().flush();
+  throw ToolError(file + ": " + *wrong);
+}
+
+// With definitions a kind may be named.
+ChainFilter filterOf(const ChainOptions &options, const ChainDefinitions *definitions) {
+  ChainFilter filter = options.filter;
+  const bool isNumber = filter.kind.find_first_not_of("0123456789") == std::string::npos;
+  if (definitions == nullptr || isNumber) return filter;
+  const ChainKindDefinition *const kind = definitions->find(std::string_view(filter.kind));
+  if (kind != nullptr) filter.kind = std::to_string(kind->kind);
+  return filter;
+}
+
+void show(Console &console, const ChainOptions &options, const std::string &file,
+          const PackedChain &chain, const std::optional<Verdict> &verdict,
+          const ChainDefinitions *definitions) {
+  const ChainSelection selection(chain, filterOf(options, definitions));
+  if (definitions != nullptr) {
+    if (options.asJson) return writeNamedChainJson(console, *definitions, chain, selection);
+    return printNamedChain(console, file, *definitions, chain, selection);
+  }
+  if (options.asJson) {
+    return writeChainJson(console, file, chain, selection, verdict, options.withData);
+  }
+  printChain(console, file, chain, selection, options.withData);
+}
+
 // What can be read of the chain is shown in front of its faults, where it is to be shown at all.
-ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &file) {
+ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &file,
+                   const ChainDefinitions *definitions) {
   Console &console = tool.console;
-  const PackedChain chain = readChain(readFile(file), options.pointerWidth, console);
+  const PackedChain chain = readNamed(options, file, definitions, console);
+  if (definitions != nullptr && chain.isHeadSound) definitions->checkAgainst(file, chain);
   std::optional<Verdict> verdict;
   if (!chain.isSound()) verdict = verdictOn(tool, chain);
   if (options.asJson && options.checks) {
     console.print("{}\n", chainCheckJson(file, chain, verdict).dump(2));
   } else if (options.showsSegments()) {
-    const ChainSelection selection(chain, options.filter);
-    if (options.asJson) {
-      writeChainJson(console, file, chain, selection, verdict, options.withData);
-    } else {
-      printChain(console, file, chain, selection, options.withData);
-    }
+    show(console, options, file, chain, verdict, definitions);
   }
   if (!options.picture.empty() && chain.version) writePicture(console, options, file, chain);
   if (!chain.isSound()) return tellFaults(console, file, chain, verdict);
+  if (definitions != nullptr) checkReferences(console, file, *definitions, chain);
   if (options.checks && !options.asJson) printSound(console, file, chain);
   if (!options.native.empty()) writeNative(tool, options, file, chain);
   return kExitFine;
@@ -171,7 +224,29 @@ void checkFilter(const ChainOptions &options) {
   }
 }
 
+ExitCode encode(Tool &tool, const ChainOptions &options) {
+  std::vector<std::string> graphs = options.files;
+  if (!options.graph.empty()) graphs.push_back(options.graph);
+  const bool asksMore = options.asJson || options.checks || options.withData ||
+                        !options.picture.empty() || !options.native.empty();
+  if (asksMore) throw UsageError("--encode takes --defs, --block-length and --output only");
+  if (options.definitions.empty()) throw UsageError("--encode needs --defs");
+  if (options.output.empty()) throw UsageError("--encode needs --output");
+  const ChainDefinitions definitions(options.definitions, readFile(options.definitions));
+  if (graphs.size() != 1) throw UsageError("--encode takes one GRAPH.json");
+  const std::string graph = readFile(graphs.front());
+  RunningLibrary library(pathFromUtf8(tool.library));
+  const NativeChain made =
+      encodeChain(library, definitions, graphs.front(), graph, options.blockLength);
+  writeFile(options.output, made.bytes);
+  printWritten(tool.console, options.output, made);
+  return kExitFine;
+}
+
 ExitCode runChain(Tool &tool, const ChainOptions &options) {
+  if (options.encodes) return encode(tool, options);
+  if (options.files.empty()) throw UsageError("chain needs a FILE, or --encode");
+  if (!options.output.empty()) throw UsageError("--output goes with --encode");
   if (options.native.empty() && (!options.like.empty() || options.blockLength != 0)) {
     throw UsageError("--like and --block-length go with --to-native");
   }
@@ -183,8 +258,15 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
   if (writes && options.files.size() > 1) {
     throw UsageError("--svg and --to-native take one FILE");
   }
-  return forEachFile(tool, options.files, options.asJson, !options.checks,
-                     [&](const std::string &file) { return showChain(tool, options, file); });
+  std::optional<ChainDefinitions> definitions;
+  if (!options.definitions.empty()) {
+    if (writes) throw UsageError("--defs does not go with --svg and --to-native");
+    definitions.emplace(options.definitions, readFile(options.definitions));
+  }
+  const ChainDefinitions *const pDefinitions = definitions ? &*definitions : nullptr;
+  return forEachFile(
+      tool, options.files, options.asJson, !options.checks,
+      [&](const std::string &file) { return showChain(tool, options, file, pDefinitions); });
 }
 
 }  // namespace
@@ -192,7 +274,7 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
 void addChainCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<ChainOptions>();
   CLI::App *const command = app.add_subcommand("chain", "Look into the file of a packed chain");
-  command->add_option("FILE", options->files, "The chains; - is stdin")->required()->type_name("");
+  command->add_option("FILE", options->files, "The chains; - is stdin")->type_name("");
   command->add_flag("--json", options->asJson, "Write JSON instead of tables");
   command->add_flag("--data", options->withData, "Show the bytes between the pointer fields");
   command->add_option("--kind", options->filter.kind, "Show the segments of this kind only")
@@ -227,7 +309,7 @@ void addChainCommand(CLI::App &app, Tool &tool) {
       ->check(CLI::IsMember({4, 8}));
   command
       ->add_option("--block-length", options->blockLength,
-                   "With --to-native: length of the blocks (32768)")
+                   "With --to-native and --encode: length of the blocks (32768)")
       ->type_name("N")
       ->check(CLI::Range(1, 0x7FFFFFFF));
   command
@@ -235,9 +317,18 @@ void addChainCommand(CLI::App &app, Tool &tool) {
                    "Bytes of the writer's pointers, 4 or 8; from the control block when not given")
       ->type_name("4|8")
       ->check(CLI::IsMember({4, 8}));
+  command->add_option("--defs", options->definitions, "Definitions of the kinds, as JSON")
+      ->type_name("DEFS.json");
+  const CLI::Option *const encodeOption =
+      command->add_option("--encode", options->graph, "Make the chain of these structures")
+          ->type_name("GRAPH.json")
+          ->expected(0, 1);  // the FILE may be the graph as well
+  command->add_option("-o,--output", options->output, "With --encode: the file")->type_name("OUT");
   command->footer(kFooter);
-  command->callback(
-      [&tool, options] { tool.command = [&tool, options] { return runChain(tool, *options); }; });
+  command->callback([&tool, options, encodeOption] {
+    options->encodes = encodeOption->count() > 0;
+    tool.command = [&tool, options] { return runChain(tool, *options); };
+  });
 }
 
 }  // namespace memtool

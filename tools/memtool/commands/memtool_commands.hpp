@@ -32,6 +32,7 @@ ExitCode forEachFile(Tool &tool, const std::vector<std::string> &files, bool asJ
 // Each adds its sub-command to `app`. When the user names it, its callback sets `tool.command`,
 // which may throw ToolError and UsageError. Both arguments outlive the command.
 void addChainCommand(CLI::App &app, Tool &tool);
+void addCompletionCommand(CLI::App &app, Tool &tool);
 void addConformCommand(CLI::App &app, Tool &tool);
 void addContractCommand(CLI::App &app, Tool &tool);
 void addDiffCommand(CLI::App &app, Tool &tool);

@@ -43,6 +43,7 @@ void describe(CLI::App &app, Tool &tool) {
   app.fallthrough();  // they may stand behind the command's name, too
   app.footer(kFooter);
   addChainCommand(app, tool);
+  addCompletionCommand(app, tool);
   addConformCommand(app, tool);
   addContractCommand(app, tool);
   addDiffCommand(app, tool);

@@ -69,10 +69,10 @@ void show(Console &console, const PortOptions &options, const PortDocument &docu
   }
   if (!options.showsStructures()) return;
   const PortSelection selection(document, options.filter, definitions);
-  if (options.asJson) {
-    const PortJson json = definitions != nullptr ? portGraphJson(document, selection)
-                                                 : portTextJson(options.file, document, selection);
-    console.print("{}\n", json.dump(2));
+  if (options.asJson && definitions != nullptr) {
+    writePortGraphJson(console, document, selection);
+  } else if (options.asJson) {
+    writePortTextJson(console, options.file, document, selection);
   } else {
     printPort(console, options.file, document, selection);
   }

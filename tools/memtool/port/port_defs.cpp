@@ -70,16 +70,9 @@ bool isNumber(std::string_view text) {
   return text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-// Names stand where identifiers may stand, and in tables and pictures.
 std::string readName(const PortJsonNode &node, std::uint32_t id) {
   const std::optional<PortJsonNode> named = node.find("name");
-  if (!named) return std::to_string(id);
-  const std::string &name = named->text();
-  if (isNumber(name)) named->fail("a name must not be empty or a number");
-  if (inQuotes(name) != fmt::format("\"{}\"", name)) {
-    named->fail("a name must not have control characters, quotes or backslashes");
-  }
-  return name;
+  return named ? named->name() : std::to_string(id);
 }
 
 bool readFlag(const PortJsonNode &node, const std::string &key) {

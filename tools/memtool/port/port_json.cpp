@@ -178,6 +178,17 @@ const std::string &PortJsonNode::text() const {
   return json_->get_ref<const std::string &>();
 }
 
+const std::string &PortJsonNode::name() const {
+  const std::string &name = text();
+  if (name.find_first_not_of("0123456789") == std::string::npos) {
+    fail("a name must not be empty or a number");
+  }
+  if (inQuotes(name) != fmt::format("\"{}\"", name)) {
+    fail("a name must not have control characters, quotes or backslashes");
+  }
+  return name;
+}
+
 // Text is no number here.
 std::int64_t PortJsonNode::integer(std::int64_t least, std::int64_t most) const {
   if (json_->is_string()) fail(fmt::format("expected a whole number from {} to {}", least, most));

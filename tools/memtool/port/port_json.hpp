@@ -49,6 +49,8 @@ class PortJsonNode {
 
   std::vector<PortJsonNode> elements() const;
   const std::string &text() const;
+  // What stands in tables and pictures, and where numbers may stand: neither empty nor a number.
+  const std::string &name() const;
   std::int64_t integer(std::int64_t least, std::int64_t most) const;
   // Values of fields: a number, or its decimal digits as text.
   std::int64_t number(std::int64_t least, std::int64_t most) const;

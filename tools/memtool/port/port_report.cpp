@@ -133,6 +133,46 @@ PortJson faultJson(const PortFault &fault) {
   return {{"offset", fault.offset}, {"expected", fault.expected}, {"found", fault.found}};
 }
 
+// A value within the document, with its indentation.
+std::string indented(const PortJson &json, std::size_t columns) {
+  std::string shifted;
+  for (const char c : json.dump(2)) {
+    shifted += c;
+    if (c == '\n') shifted.append(columns, ' ');
+  }
+  return shifted;
+}
+
+PortJson numberedJson(const PortStructure &structure, std::size_t number) {
+  PortJson made{{"number", number}};
+  if (structure.offset) made["offset"] = *structure.offset;
+  made.update(structureJson(structure));
+  return made;
+}
+
+PortJson labelledJson(const PortStructure &structure, std::size_t number) {
+  PortJson made{{"label", std::to_string(number)}, {"structure", structure.definition->name}};
+  if (structure.definition->name == std::to_string(structure.id)) made["structure"] = structure.id;
+  made["fields"] = fieldsJson(structure);
+  return made;
+}
+
+// The members "selection" and "structures". The document is never held as JSON: that would take
+// many times its length.
+void writeStructures(Console &console, const PortDocument &document, const PortSelection &selection,
+                     PortJson (*toJson)(const PortStructure &, std::size_t)) {
+  if (!selection.isWhole()) {
+    console.print("  \"selection\": {},\n", indented(selection.json(), 2));
+  }
+  console.write("  \"structures\": ");
+  for (std::size_t i = 0; i < selection.shown(); ++i) {
+    const std::size_t number = selection.number(i);
+    console.write(i == 0 ? "[\n    " : ",\n    ");
+    console.write(indented(toJson(document.structures[number - 1], number), 4));
+  }
+  console.write(selection.shown() == 0 ? "[]" : "\n  ]");
+}
+
 }  // namespace
 
 void printPort(Console &console, const std::string &name, const PortDocument &document,
@@ -159,21 +199,13 @@ void printPort(Console &console, const std::string &name, const PortDocument &do
   console.print("\n{} more to which no pointer leads\n", grouped(document.promised - read));
 }
 
-PortJson portTextJson(const std::string &name, const PortDocument &document,
-                      const PortSelection &selection) {
-  PortJson json{{"file", validUtf8(name)}, {"characters", document.characters}};
-  if (!selection.isWhole()) json["selection"] = selection.json();
-  json["structures"] = PortJson::array();
-  for (std::size_t i = 0; i < selection.shown(); ++i) {
-    const std::size_t number = selection.number(i);
-    const PortStructure &structure = document.structures[number - 1];
-    PortJson made{{"number", number}};
-    if (structure.offset) made["offset"] = *structure.offset;
-    made.update(structureJson(structure));
-    json["structures"].push_back(std::move(made));
-  }
-  json["fault"] = document.fault ? faultJson(*document.fault) : PortJson();
-  return json;
+void writePortTextJson(Console &console, const std::string &name, const PortDocument &document,
+                       const PortSelection &selection) {
+  console.print("{{\n  \"file\": {},\n  \"characters\": {},\n", PortJson(validUtf8(name)).dump(),
+                document.characters);
+  writeStructures(console, document, selection, numberedJson);
+  const PortJson fault = document.fault ? faultJson(*document.fault) : PortJson();
+  console.print(",\n  \"fault\": {}\n}}\n", indented(fault, 2));
 }
 
 PortJson portCheckJson(const std::string &name, const PortDocument &document) {
@@ -192,14 +224,19 @@ PortJson portGraphJson(const PortDocument &document, const PortSelection &select
   json["structures"] = PortJson::array();
   for (std::size_t i = 0; i < selection.shown(); ++i) {
     const std::size_t number = selection.number(i);
-    const PortStructure &structure = document.structures[number - 1];
-    PortJson made{{"label", std::to_string(number)}, {"structure", structure.definition->name}};
-    if (structure.definition->name == std::to_string(structure.id))
-      made["structure"] = structure.id;
-    made["fields"] = fieldsJson(structure);
-    json["structures"].push_back(std::move(made));
+    json["structures"].push_back(labelledJson(document.structures[number - 1], number));
   }
   return json;
+}
+
+void writePortGraphJson(Console &console, const PortDocument &document,
+                        const PortSelection &selection) {
+  console.write("{\n");
+  if (selection.shows(selection.root())) {
+    console.print("  \"root\": \"{}\",\n", selection.root());
+  }
+  writeStructures(console, document, selection, labelledJson);
+  console.write("\n}\n");
 }
 
 }  // namespace memtool

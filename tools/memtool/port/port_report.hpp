@@ -14,9 +14,9 @@ namespace memtool {
 void printPort(Console &console, const std::string &name, const PortDocument &document,
                const PortSelection &selection);
 
-// What the text alone tells: {"file", "characters", "structures": […], "fault"}.
-PortJson portTextJson(const std::string &name, const PortDocument &document,
-                      const PortSelection &selection);
+// What the text alone tells: {"file", "characters", "structures": […], "fault"}. Piece by piece.
+void writePortTextJson(Console &console, const std::string &name, const PortDocument &document,
+                       const PortSelection &selection);
 
 // What --check shows. A fault that only --check tells of is one here.
 PortJson portCheckJson(const std::string &name, const PortDocument &document);
@@ -25,5 +25,8 @@ PortJson portCheckJson(const std::string &name, const PortDocument &document);
 // what can be reached from one structure. A selection that leaves targets of pointers out cannot be
 // encoded.
 PortJson portGraphJson(const PortDocument &document, const PortSelection &selection);
+// The same piece by piece.
+void writePortGraphJson(Console &console, const PortDocument &document,
+                        const PortSelection &selection);
 
 }  // namespace memtool

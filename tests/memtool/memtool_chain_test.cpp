@@ -688,7 +688,7 @@ TEST_F(FaultTest, LibraryIsAsked) {
 
 TEST_F(MemtoolChainTest, WrongUseEndsWithTwo) {
   const std::string path = fixturePath("0220_64bit");
-  expectRefused(2, "FILE is required", {"chain"});
+  expectRefused(2, "chain needs a FILE", {"chain"});
   expectRefused(2, "--pointers", {"chain", path, "--pointers", "5"});
   expectRefused(2, "--unknown", {"chain", path, "--unknown"});
   expectRefused(2, "go with --to-native", {"chain", path, "--block-length", "2000"});

@@ -68,10 +68,15 @@ bool isTerminated(MEMFieldType type) {
 }
 
 // Characters that a field of text has room for; the zero at its end is none.
-std::int64_t roomOf(const Field &field) {
+std::uint64_t roomOf(const Field &field) {
   const bool isWide = openingOf(field.type) == Opening::Wide;
   const std::int64_t units = field.record.Length / (isWide ? 2 : 1);
-  return std::max<std::int64_t>(units - (isTerminated(field.type) ? 1 : 0), 0);
+  return static_cast<std::uint64_t>(
+      std::max<std::int64_t>(units - (isTerminated(field.type) ? 1 : 0), 0));
+}
+
+std::uint64_t lengthOf(const Field &field) {
+  return static_cast<std::uint64_t>(std::max(field.record.Length, 0));
 }
 
 bool isSigned(MEMFieldType type) {
@@ -139,7 +144,7 @@ struct Reading {
 
 class Conformity {
  public:
-  Conformity(const PortDefinitions &old, const PortDefinitions &fresh) : old_(old), fresh_(fresh) {}
+  explicit Conformity(const PortDefinitions &fresh) : fresh_(fresh) {}
 
   void addTop(const Structure &structure) {
     if (known_.insert(structure.id).second) top_.push_back(&structure);
@@ -182,7 +187,6 @@ class Conformity {
   void checkOverlaps(const Reading &reading);
   void checkCount(const Reading &reading);
 
-  const PortDefinitions &old_;
   const PortDefinitions &fresh_;
   PortConformity made_;
   std::set<std::tuple<PortEffect, std::uint32_t, std::uint32_t, std::string>> noted_;
@@ -388,8 +392,8 @@ void Conformity::readValue(const Structure &around, const Field &old, const Fiel
 void Conformity::readText(const Structure &around, const Field &old, const Field &fresh) {
   const bool isBytes = old.type == MEM_PORT_BIN;
   const char *const unit = isBytes ? "bytes" : "characters";
-  const std::int64_t most = isBytes ? old.record.Length : roomOf(old);
-  const std::int64_t room = isBytes ? fresh.record.Length : roomOf(fresh);
+  const std::uint64_t most = isBytes ? lengthOf(old) : roomOf(old);
+  const std::uint64_t room = isBytes ? lengthOf(fresh) : roomOf(fresh);
   if (most > room && fresh.record.NoTruncate != 0) {
     refuse(around, &old,
            fmt::format("{} {} do not fit {}, and the reader must not truncate", grouped(most), unit,
@@ -555,7 +559,7 @@ bool PortConformity::isRefused() const {
 
 PortConformity checkConformity(const PortDefinitions &old, const PortDefinitions &fresh,
                                const PortStructDefinition *root) {
-  Conformity conformity(old, fresh);
+  Conformity conformity(fresh);
   if (root != nullptr) {
     conformity.addTop(*root);
     return conformity.run();

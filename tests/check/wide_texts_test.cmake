@@ -21,18 +21,20 @@ foreach(checked 0 1)
 endforeach()
 set(ENV{MEM_CHECKED} 0)
 
-# must_find(<mistake> <reported> <function>): as the only error.
+# must_find(<mistake> <reported> <function> [<errors>]): as the only error, unless there may be more.
 function(must_find mistake reported function)
   run_program(${mistake})
   string(REGEX MATCHALL "Invalid (read|write)" errors "${err}")
   list(LENGTH errors count)
-  if(NOT code STREQUAL "99" OR NOT count EQUAL 1 OR NOT err MATCHES "${reported}\n.*::${function}\\(")
+  if(NOT code STREQUAL "99" OR NOT count MATCHES "^${ARGN}$" AND NOT count EQUAL 1
+      OR NOT err MATCHES "${reported}\n.*::${function}\\(")
     fail("${mistake}: \"${reported}\" in ${function}, and nothing else, is not said")
   endif()
 endfunction()
 must_find(own-read "Invalid read of size 16" "readBeyond")
 must_find(own-write "Invalid write of size 1" "writeBeyond")
-must_find(no-end "Invalid read of size [0-9]+" "passNoEnd")
+# How far such a text goes depends on what follows it, and it is copied as well.
+must_find(no-end "Invalid read of size [0-9]+" "passNoEnd" "[1-9]")
 must_find(short-record "Invalid read of size 16" "passShortRecord")
 
 # Were there nothing to suppress, this test would find out nothing.

@@ -38,4 +38,4 @@ endfunction()
 
 mem_gnu_archive(memchk check)
 mem_gnu_archive(refhost host)
-add_custom_target(gnu_archives DEPENDS ${MEM_GNU_ARCHIVES})
+add_custom_target(gnu_archives ALL DEPENDS ${MEM_GNU_ARCHIVES})

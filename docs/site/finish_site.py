@@ -18,7 +18,7 @@ import sys
 
 import page_filter
 
-COMMON = 8  # a word in more sections than these leads nowhere
+COMMON = 20  # a word in more sections than these leads nowhere
 SHORTEST = 4  # letters of a word that is no heading's
 
 

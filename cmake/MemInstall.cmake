@@ -21,7 +21,13 @@ set_target_properties(memchk PROPERTIES EXPORT_NAME check)
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN *.hpp PATTERN memchk.h)
 install(FILES host/refhost.hpp DESTINATION ${MEM_INSTALL_HOST_INCLUDEDIR})
-install(TARGETS memchk refhost EXPORT QJ7MEM00Targets ARCHIVE DESTINATION ${MEM_INSTALL_PRIVATEDIR})
+if(MEM_MINGW_GXX)
+  # MemGnuHost's archives have the names of clang's and are installed in their place. Installing both,
+  # one over the other, would keep the first where both were made within a second.
+  set(never EXCLUDE_FROM_ALL)
+endif()
+install(TARGETS memchk refhost EXPORT QJ7MEM00Targets
+  ARCHIVE DESTINATION ${MEM_INSTALL_PRIVATEDIR} ${never})
 install(TARGETS mem_headers EXPORT QJ7MEM00Targets)
 if(WIN32)
   install(FILES SrcRes/binding/QJ7MEM00.def DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -31,7 +37,7 @@ if(WIN32)
   endforeach()
   install(FILES cmake/host-sources.cmake DESTINATION ${MEM_INSTALL_SHAREDIR}/host RENAME CMakeLists.txt)
   if(MEM_MINGW_GXX)
-    include(MemGnuHost)  # in place of the archives that clang has made
+    include(MemGnuHost)
     add_dependencies(installed_files gnu_archives)
     install(FILES ${MEM_GNU_ARCHIVES} DESTINATION ${MEM_INSTALL_PRIVATEDIR})
   endif()

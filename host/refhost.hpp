@@ -564,10 +564,10 @@ class Library {
    * running program. */
   static std::filesystem::path besideProgram();
 
-  /** besideProgram() where there is such a file, else the file name alone, for which the system's
-   * loader searches: on Linux the folders of LD_LIBRARY_PATH, then the program's run path, which
-   * linking with an installed reference host sets to the library's folder; on Windows the folders
-   * of PATH. */
+  /** The first that exists of besideProgram() and, on Linux with glibc, the file in the folders of
+   * LD_LIBRARY_PATH, in the program's run path, which linking with an installed reference host sets
+   * to the library's folder, and in the system's folders. Otherwise the file name alone, for which
+   * the system's loader searches: on Windows in the folders of PATH. */
   static std::filesystem::path installed();
 
  private:

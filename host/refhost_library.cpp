@@ -31,9 +31,12 @@ std::filesystem::path Library::besideProgram() {
 }
 
 std::filesystem::path Library::installed() {
-  std::filesystem::path path = besideProgram();
   std::error_code ignored;
-  if (std::filesystem::exists(path, ignored)) return path;
+  if (std::filesystem::exists(besideProgram(), ignored)) return besideProgram();
+  for (const std::filesystem::path &folder : platform::libraryFolders()) {
+    std::filesystem::path path = folder / platform::libraryFileName();
+    if (std::filesystem::exists(path, ignored)) return path;
+  }
   return platform::libraryFileName();
 }
 

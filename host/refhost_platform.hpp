@@ -25,6 +25,11 @@ bool protectPages(void *pages, std::size_t bytes, bool readOnly);
 // Loads a library; null on failure, with the loader's words in `reason`.
 void *loadLibrary(const std::filesystem::path &path, std::string &reason);
 
+// Folders that the loader searches for the program's libraries, in its order; empty where the system
+// does not tell. loadLibrary() finds them too, unless a sanitizer's runtime stands between: the
+// loader then searches on behalf of that runtime, which does not have the program's run path.
+std::vector<std::filesystem::path> libraryFolders();
+
 // Address of an exported name; null when there is none, with the loader's words in `reason`.
 void *findExport(void *library, const char *name, std::string &reason);
 

@@ -10,6 +10,8 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
+#include <new>
 
 #include "refhost.hpp"
 #include "refhost_platform.hpp"
@@ -47,6 +49,23 @@ void *loadLibrary(const std::filesystem::path &path, std::string &reason) {
   void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) reason = loaderReason();
   return library;
+}
+
+std::vector<std::filesystem::path> libraryFolders() {
+  std::vector<std::filesystem::path> folders;
+#if defined(__GLIBC__)  // others do not tell
+  void *const program = dlopen(nullptr, RTLD_NOW);
+  Dl_serinfo size{};
+  if (dlinfo(program, RTLD_DI_SERINFOSIZE, &size) == 0) {
+    const auto storage = std::make_unique<std::byte[]>(size.dls_size);
+    auto *const info = new (storage.get()) Dl_serinfo(size);
+    if (dlinfo(program, RTLD_DI_SERINFO, info) == 0) {
+      for (unsigned i = 0; i < info->dls_cnt; i++) folders.emplace_back(info->dls_serpath[i].dls_name);
+    }
+  }
+  dlclose(program);
+#endif
+  return folders;
 }
 
 void *findExport(void *library, const char *name, std::string &reason) {

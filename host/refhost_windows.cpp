@@ -49,6 +49,10 @@ void *loadLibrary(const std::filesystem::path &path, std::string &reason) {
   return library;
 }
 
+std::vector<std::filesystem::path> libraryFolders() {
+  return {};
+}
+
 void *findExport(void *library, const char *name, std::string &reason) {
   FARPROC address = GetProcAddress(static_cast<HMODULE>(library), name);
   if (address == nullptr) reason = lastErrorText();

@@ -374,7 +374,7 @@ inline std::string segmentInJson(Keys head, std::vector<SegmentField> members) {
     const std::string &name = names.add(member.pName, "field", static_cast<std::uint32_t>(id));
     if (member.isNext) head.addText("next", name);
     fields.push_back(segmentFieldInJson(member, id, name));
-    // Bytes at the end go on without being told to, which the Python package knows, too.
+    // Bytes at the end go on without the key, which the Python package does not know.
     const bool isBytesAtEnd = id == members.size() && member.pType == std::string_view("Bin");
     if (member.goesOn && !isBytesAtEnd) fields.back().addFlag("toEnd", true);
   }
@@ -399,7 +399,7 @@ std::string segmentInJson(const SegmentKind<Struct, kType, Parts...> *, const Na
 /** @name Definitions from tables */
 /** @{ */
 
-/** Lets a listed member go on to the end of its segment, which tells its own length: the last
+/** Lets a listed member go on to the end of its segment, which has its own length: the last
  * member, an array that is declared with as few elements as there may be. */
 template <class Field>
 constexpr auto toEnd(Field) noexcept {
@@ -408,7 +408,7 @@ constexpr auto toEnd(Field) noexcept {
 
 /** The definitions of a table as JSON, which `memtool port --defs` reads
  * (docs/memtool-port.md). Structures and fields have the names that they have in the program;
- * structures are named after their identifiers where the compiler does not tell their names. */
+ * structures are named after their identifiers where the compiler does not provide their names. */
 template <class... Structures>
 std::string definitionsJson(const PortTable<Structures...> &table) {
   detail::Names names;

@@ -454,5 +454,99 @@ TEST_F(MemtoolDefinitionsTest, PackedMembersComeBackByName) {
   EXPECT_EQ(numbers["fields"]["numbers"], Json::parse("[7, 8, 4294967295]"));
 }
 
+// What `memtool defs` writes of definitions that it finds sound.
+class MemtoolDefsTest : public MemtoolDefinitionsTest {};
+
+TEST_F(MemtoolDefsTest, WritesWhatProgramsWriteAgain) {
+  const std::string all[] = {mem::definitionsJson(kEvery), mem::definitionsJson(kRepeats),
+                             mem::definitionsJson(catalog::kPortTable),
+                             mem::definitionsJson(catalog::kPackTable), segmentsJson()};
+  for (const std::string &json : all) {
+    writeBytes("made.json", json);
+    EXPECT_EQ(outputOf({"defs", "made.json"}), json);
+  }
+}
+
+TEST_F(MemtoolDefsTest, OrdersKeysAndLeavesOutWhatSaysNothing) {
+  writeBytes("wild.json", R"({"structures": [{"fields": [{"offset": 0, "type": 7, "id": 1,
+    "required": false, "default": null, "name": "n"}, {"length": 3, "offset": 4, "id": 2,
+    "type": "CharSZ", "default": {"hex": "E9"}}], "length": 8, "countField": null, "id": 4}]})");
+  EXPECT_EQ(outputOf({"defs", "wild.json"}), R"({
+  "structures": [
+    {
+      "id": 4, "length": 8,
+      "fields": [
+        {"id": 1, "name": "n", "type": "Long", "offset": 0},
+        {"id": 2, "type": "CharSZ", "offset": 4, "length": 3, "default": {"hex": "E9"}}
+      ]
+    }
+  ]
+}
+)");
+  writeBytes("chain.json", R"({"structures": [{"id": 1, "fields": [{"id": 1, "offset": 0,
+    "type": "PStr"}], "length": 8, "segment": "F"}, {"segment": "S", "id": 2}], "pointers": 8})");
+  EXPECT_EQ(outputOf({"defs", "chain.json"}), R"({
+  "pointers": 8,
+  "structures": [
+    {
+      "id": 1, "length": 8,
+      "fields": [
+        {"id": 1, "type": "PStr", "offset": 0}
+      ]
+    },
+    {
+      "id": 2, "segment": "S"
+    }
+  ]
+}
+)");
+}
+
+TEST_F(MemtoolDefsTest, FaultsHaveTheirPlace) {
+  struct Row {
+    const char *json;
+    const char *what;
+    const char *subject;
+  };
+  const Row rows[] = {
+      {"{\n \"structures\": []}", "no structure is defined", ""},
+      {"{\n \"structures\": [}", "line 2, column 17", ""},
+      {"[]", "line 1, column 1", ""},
+      {"{\"structures\": [{\"id\": 1,\n\"length\": 4, \"fields\": 7}]}", "line 2, column 24", ""},
+      {"{\"structures\": [{\"id\": 1, \"next\": 5,\n\"length\": 4, \"fields\": 7}]}",
+       "line 2, column 24", ""},
+      {"{\"structures\": 5}", "line 1, column 16", ""},
+      {"{\"structures\": [{\"id\": 1, \"length\": 4, \"fields\": [\n{\"id\": 1, \"offset\": 2, "
+       "\"type\": \"Float\"}]}]}",
+       "line 2, column", ""},
+      {"{\"structures\": [{\"id\": 1, \"length\": 4, \"fields\": [\n{\"id\": 1, \"offset\": 0, "
+       "\"type\": \"Bit\", \"count\": 2}]}]}",
+       "line 2, column", ""},
+      {"{\"pointers\": 8, \"structures\": [{\"id\": 1, \"length\": 4, \"fields\": []}]}",
+       "line 1, column 1", "port"},
+      {"{\"structures\": [{\"id\": 1, \"length\": 4, \"countField\": 1, \"fields\": []}]}",
+       "line 1, column", "chain"}};
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.json);
+    writeBytes("wrong.json", row.json);
+    std::vector<std::string> words{"defs", "wrong.json"};
+    if (*row.subject != 0) words.insert(words.end(), {"--for", row.subject});
+    expectRefused(memtool::kExitFault, row.what, words);
+    EXPECT_EQ(runTool(words).out, "");
+  }
+  const std::size_t deep = 200000;
+  for (const std::string key : {"default", "required"}) {
+    writeBytes("deep.json", R"({"structures": [{"id": 1, "segment": "F", "length": 8, "fields": [
+      {"id": 1, "type": "Bit", "offset": 0, ")" +
+                                key + "\": " + std::string(deep, '[') + std::string(deep, ']') +
+                                "}]}]}");
+    expectRefused(memtool::kExitFault, "no value of a field (line 2, column",
+                  {"defs", "deep.json"});
+  }
+  expectRefused(memtool::kExitFile, "absent.json", {"defs", "absent.json"});
+  expectRefused(memtool::kExitUsage, "--for", {"defs", "wrong.json", "--for", "heap"});
+  expectRefused(memtool::kExitUsage, "FILE", {"defs"});
+}
+
 }  // namespace
 }  // namespace memtest

@@ -1,6 +1,9 @@
 // Wrong uses of the C++ header, one a case. header_misuse_test compiles the cases one by one: case 0
 // must compile, every other one must fail with the text behind its number.
 #include "qj7mem00/mem.hpp"
+#if CASE >= 83
+#include "qj7mem00/mem/defs.hpp"
+#endif
 
 struct Leaf {
   std::uint32_t id;
@@ -312,6 +315,18 @@ using mem::structure;
 #elif CASE == 56  // mem: a structure that the table does not describe
   static constexpr mem::PortTable kTable{structure<Leaf, 1>(field<1>(MEM_FIELD(Leaf, id)))};
   static_cast<void>(mem::readPortString<Node>(context, heap, kTable, ""));
+#elif CASE == 83  // mem: a listed member of a structure that the table does not describe
+  static constexpr auto kTable = mem::packTable(segment<Leaf>());
+  static_cast<void>(mem::definitionsJson(kTable, NODE(id)));
+#elif CASE == 84  // mem: the table describes the pointers; members with other values are listed
+  static constexpr auto kTable = mem::packTable(segment<Node>(), segment<Leaf>());
+  static_cast<void>(mem::definitionsJson(kTable, NODE(pLeaf)));
+#elif CASE == 85  // mem: a segment of fixed length ends with its structure
+  static constexpr auto kTable = mem::packTable(segment<Node>());
+  static_cast<void>(mem::definitionsJson(kTable, mem::toEnd(NODE(elements))));
+#elif CASE == 86  // mem: wchar_t differs between platforms: use char16_t
+  static constexpr auto kTable = mem::packTable(segment<Texts>());
+  static_cast<void>(mem::definitionsJson(kTable, MEM_FIELD(Texts, wide)));
 #else
 #error "no such case"
 #endif

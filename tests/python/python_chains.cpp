@@ -2,6 +2,7 @@
 //
 //   python_chains make SEED COUNT   random trees: {"chain", "nodes"}
 //   python_chains read              of a chain in hexadecimal digits {"nodes"}, or {"error"}
+//   python_chains defs              definitions of the catalogue's tables: {"chain", "port"}
 //
 // Nodes are listed depth first, a node in front of its children, these in front of its siblings.
 #include <cstddef>
@@ -13,8 +14,10 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "catalog_model.hpp"
 #include "port_values.hpp"
 #include "qj7mem00/mem.hpp"
+#include "qj7mem00/mem/defs.hpp"
 #include "randomrun.hpp"
 #include "refhost.hpp"
 
@@ -189,6 +192,14 @@ Json read(const mem::Context &context, const std::string &hex) {
   return {{"nodes", Lister().list(root.value())}};
 }
 
+Json catalogueDefinitions() {
+  const std::string chain =
+      mem::definitionsJson(catalog::kPackTable, MEM_FIELD(catalog::PackageRecord, DependencyCount),
+                           MEM_FIELD(catalog::DependencyRecord, Flags));
+  return {{"chain", Json::parse(chain)},
+          {"port", Json::parse(mem::definitionsJson(catalog::kPortTable))}};
+}
+
 }  // namespace
 
 int main(int count, char **words) {
@@ -200,6 +211,10 @@ int main(int count, char **words) {
     const std::uint64_t first = std::strtoull(words[2], nullptr, 10);
     const std::uint64_t treeCount = std::strtoull(words[3], nullptr, 10);
     for (std::uint64_t seed = first; seed < first + treeCount; ++seed) make(context, seed);
+    return 0;
+  }
+  if (mode == "defs") {
+    std::cout << catalogueDefinitions().dump() << std::endl;
     return 0;
   }
   if (mode != "read") return 2;

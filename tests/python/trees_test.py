@@ -12,6 +12,7 @@ import qj7mem00
 from chain_test import TREE, random_tree
 from qj7mem00 import Segment
 from qj7mem00.definitions import Definitions
+from support import FIXTURES
 
 TREES = int(os.environ.get("MEM_TEST_TREES", "2000"))
 SEED = int(os.environ.get("MEM_TEST_SEED", "20261123"))
@@ -96,6 +97,20 @@ class TreesTest(unittest.TestCase):
                 with self.subTest(turn=turn):
                     self.assertEqual(answer, {"nodes": Lister().make(roots)})
             program.stdin.close()
+
+    def test_definitions_that_cpp_writes_from_its_tables(self) -> None:
+        written = subprocess.run([PROGRAM, "defs"], stdout=subprocess.PIPE, check=True).stdout
+        definitions = json.loads(written)
+        chain = (FIXTURES / "catalog-sample.chain").read_bytes()
+        text = (FIXTURES / "catalog-sample.chain.port").read_bytes()
+        with qj7mem00.Process():
+            packages = qj7mem00.read_chain(chain, definitions["chain"])
+            self.assertEqual(len(packages), 26)
+            self.assertEqual((packages[0].pName, packages[0].DependencyCount), ("base-files", 1))
+            self.assertEqual(qj7mem00.write_chain(packages, definitions["chain"]), chain)
+            package = qj7mem00.read_port_string(text, definitions["port"])
+            self.assertEqual((package["pName"], package["DependencyCount"]), ("base-files", 1))
+            self.assertEqual(qj7mem00.write_port_string(package, definitions["port"]), text)
 
 
 if __name__ == "__main__":

@@ -582,8 +582,7 @@ class Owner {
 /** @name Members */
 /** @{ */
 
-/** A member of a structure: its type and its offset, both known at compile time. Made by MEM_FIELD.
- */
+/** A member of a structure: its type and its offset, both known at compile time. */
 template <class StructType, class FieldType, std::size_t kFieldOffset>
 struct Member {
   static_assert(std::is_standard_layout_v<StructType>,
@@ -591,6 +590,26 @@ struct Member {
   using Struct = StructType;
   using Type = FieldType;
   static constexpr std::size_t kOffset = kFieldOffset;
+  static constexpr const char *kName = "";
+};
+
+namespace detail {
+
+// A name as a template argument, so that it takes no room in programs that do not use it.
+template <std::size_t kSize>
+struct MemberName {
+  constexpr MemberName(const char (&name)[kSize]) noexcept {
+    for (std::size_t i = 0; i < kSize; ++i) text[i] = name[i];
+  }
+  char text[kSize]{};
+};
+
+}  // namespace detail
+
+/** A member that knows its name as well. Made by MEM_FIELD. */
+template <class StructType, class FieldType, std::size_t kFieldOffset, detail::MemberName kText>
+struct NamedMember : Member<StructType, FieldType, kFieldOffset> {
+  static constexpr const char *kName = kText.text;
 };
 
 /** The member `member` of `Struct`. Members of members and elements of arrays are named as in C:
@@ -598,9 +617,9 @@ struct Member {
  *
  * A macro, because offsetof gives the offset in a constant expression and a pointer to member does
  * not. A structure type with a comma in its name needs an alias. */
-#define MEM_FIELD(Struct, member)                                             \
-  (::mem::Member<Struct, ::std::remove_reference_t<decltype(Struct::member)>, \
-                 offsetof(Struct, member)>{})
+#define MEM_FIELD(Struct, member)                                                  \
+  (::mem::NamedMember<Struct, ::std::remove_reference_t<decltype(Struct::member)>, \
+                      offsetof(Struct, member), #member>{})
 
 namespace detail {
 

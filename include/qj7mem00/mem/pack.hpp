@@ -62,6 +62,7 @@ enum class PartRole { kSibling, kChild, kReference };
 template <PartRole kRole, class Field>
 struct Part {
   static constexpr PartRole role = kRole;
+  static constexpr const char *name = Field::kName;
   using Struct = typename Field::Struct;
   using Target = detail::Target<typename Field::Type>;
   static constexpr std::int16_t offset = static_cast<std::int16_t>(Field::kOffset);
@@ -81,6 +82,7 @@ constexpr Part<kRole, Field> makePart() noexcept {
 template <class StructType, std::uint16_t kType, class... Parts>
 struct SegmentKind {
   using Struct = StructType;
+  static constexpr std::uint16_t type = kType;
   static constexpr std::size_t count([[maybe_unused]] PartRole role) noexcept {
     return ((Parts::role == role ? 1U : 0U) + ... + 0U);
   }
@@ -307,6 +309,12 @@ class PackTable {
   std::uint16_t targetCount_ = 0;
 };
 
+/** The same, and the kinds as types, from which definitions are made (defs.hpp). */
+template <class... Segments>
+class PackTableOf
+    : public PackTable<typename std::tuple_element_t<0, std::tuple<Segments...>>::Struct,
+                       detail::PackKinds<Segments...>::kCount> {};
+
 /** The pointer to the next segment of the same kind. */
 template <class Field>
 constexpr auto sibling(Field) noexcept {
@@ -356,8 +364,7 @@ constexpr auto packTable(Segments... segments) noexcept {
   static_assert(sizeof...(Segments) + 2 <= kMaxPackDescriptors,
                 "mem: too many descriptors for a control block");
   using Kinds = detail::PackKinds<Segments...>;
-  using Root = typename std::tuple_element_t<0, std::tuple<Segments...>>::Struct;
-  PackTable<Root, Kinds::kCount> table;
+  PackTableOf<Segments...> table;
   (table.add(Kinds::describe(segments)), ...);
   if constexpr (Kinds::template hasText<char>()) table.add(Kinds::text(MEM_PACK_STRING));
   if constexpr (Kinds::template hasText<char16_t>()) table.add(Kinds::text(MEM_PACK_WIDE_STRING));

@@ -251,7 +251,7 @@ constexpr std::array<bool, sizeof...(Fields)> sharedFields() noexcept {
 /** One field of a definition: a MEM_FIELD member with identifier, type code and options. */
 template <class StructType, class FieldType, std::uint32_t kId, MEMFieldType kCode,
           std::size_t kFieldOffset, detail::Repeat kRepeat = detail::Repeat::kNone,
-          std::uint32_t kCountId = 0>
+          std::uint32_t kCountId = 0, class From = Member<StructType, FieldType, kFieldOffset>>
 class PortField {
  public:
   using Struct = StructType;
@@ -262,6 +262,7 @@ class PortField {
   static constexpr std::size_t kOffset = kFieldOffset;
   static constexpr detail::Repeat kRepeats = kRepeat;
   static constexpr std::uint32_t kCountFieldId = kCountId;
+  static constexpr const char *kName = From::kName;
 
   constexpr PortField() noexcept {
     def_.FieldID = kId;
@@ -362,6 +363,16 @@ class PortField {
   bool hasDefault_ = false;
 };
 
+namespace detail {
+
+// The field that a MEM_FIELD member becomes.
+template <class From, class Type, std::uint32_t kId, MEMFieldType kCode,
+          Repeat kRepeat = Repeat::kNone, std::uint32_t kCountId = 0>
+using PortFieldFrom =
+    PortField<typename From::Struct, Type, kId, kCode, From::kOffset, kRepeat, kCountId, From>;
+
+}  // namespace detail
+
 /** The field `kId` of a structure, its type code taken from the member's type:
  *
  *  | member                                   | type code                  |
@@ -373,45 +384,47 @@ class PortField {
  *  | pointer to a described structure         | Pnt                        |
  *  | described structure                      | Substructure               |
  */
-template <std::uint32_t kId, class Struct, class Type, std::size_t kOffset>
-constexpr auto field(Member<Struct, Type, kOffset>) noexcept {
+template <std::uint32_t kId, class From>
+constexpr auto field(From) noexcept {
+  using Type = typename From::Type;
   detail::checkMember<Type>();
   static_assert(detail::portCode<Type>() != MEMFieldType{},
                 "mem: this member's type has no type code (use fieldAs to choose one)");
-  return PortField<Struct, Type, kId, detail::portCode<Type>(), kOffset>();
+  return detail::PortFieldFrom<From, Type, kId, detail::portCode<Type>()>();
 }
 
 /** The same with an explicit type code: Char, WChar, Bin and Bit, which no type determines. */
-template <std::uint32_t kId, MEMFieldType kCode, class Struct, class Type, std::size_t kOffset>
-constexpr auto fieldAs(Member<Struct, Type, kOffset>) noexcept {
+template <std::uint32_t kId, MEMFieldType kCode, class From>
+constexpr auto fieldAs(From) noexcept {
+  using Type = typename From::Type;
   static_assert(detail::canHold<Type, kCode>(),
                 "mem: this member cannot hold a field of this type");
   detail::checkMember<Type>();
   detail::checkBytes<Type, kCode>();
-  return PortField<Struct, Type, kId, kCode, kOffset>();
+  return detail::PortFieldFrom<From, Type, kId, kCode>();
 }
 
 /** The repeat field, the last one of its structure: an element or an array of one. The field
  * `kCountId` has the number of elements. */
-template <std::uint32_t kId, std::uint32_t kCountId, class Struct, class Type, std::size_t kOffset>
-constexpr auto repeatedField(Member<Struct, Type, kOffset>) noexcept {
-  using Element = detail::RepeatElement<Type>;
+template <std::uint32_t kId, std::uint32_t kCountId, class From>
+constexpr auto repeatedField(From) noexcept {
+  using Element = detail::RepeatElement<typename From::Type>;
   detail::checkMember<Element>();
   static_assert(detail::portCode<Element>() != MEMFieldType{},
                 "mem: the repeated member's type has no type code");
-  return PortField<Struct, Element, kId, detail::portCode<Element>(), kOffset,
-                   detail::Repeat::kByCount, kCountId>();
+  return detail::PortFieldFrom<From, Element, kId, detail::portCode<Element>(),
+                               detail::Repeat::kByCount, kCountId>();
 }
 
 /** The same, but the field `kLengthId` has the structure's length in bytes. */
-template <std::uint32_t kId, std::uint32_t kLengthId, class Struct, class Type, std::size_t kOffset>
-constexpr auto repeatedFieldByLength(Member<Struct, Type, kOffset>) noexcept {
-  using Element = detail::RepeatElement<Type>;
+template <std::uint32_t kId, std::uint32_t kLengthId, class From>
+constexpr auto repeatedFieldByLength(From) noexcept {
+  using Element = detail::RepeatElement<typename From::Type>;
   detail::checkMember<Element>();
   static_assert(detail::portCode<Element>() != MEMFieldType{},
                 "mem: the repeated member's type has no type code");
-  return PortField<Struct, Element, kId, detail::portCode<Element>(), kOffset,
-                   detail::Repeat::kByLength, kLengthId>();
+  return detail::PortFieldFrom<From, Element, kId, detail::portCode<Element>(),
+                               detail::Repeat::kByLength, kLengthId>();
 }
 
 /** One structure with its fields. */
@@ -843,8 +856,8 @@ Result<Struct *> readPortString(ContextRef context, Heap &heap,
 }
 
 /** Reads a text from a writer that is trusted to have used this table: compares only the kind of
- * the top-level structure. The text decides what its pointers refer to (docs/port-strings.md, "Check
- * a text from elsewhere"). */
+ * the top-level structure. The text decides what its pointers refer to (docs/port-strings.md,
+ * "Check a text from elsewhere"). */
 template <class Struct, class Heap, class... Structures>
 Result<Struct *> readPortStringUnchecked(ContextRef context, Heap &heap,
                                          const PortTable<Structures...> &table,

@@ -35,6 +35,7 @@ void addChainCommand(CLI::App &app, Tool &tool);
 void addCompletionCommand(CLI::App &app, Tool &tool);
 void addConformCommand(CLI::App &app, Tool &tool);
 void addContractCommand(CLI::App &app, Tool &tool);
+void addDefsCommand(CLI::App &app, Tool &tool);
 void addDiffCommand(CLI::App &app, Tool &tool);
 void addErrorsCommand(CLI::App &app, Tool &tool);
 void addHeapmapCommand(CLI::App &app, Tool &tool);

@@ -46,6 +46,7 @@ void describe(CLI::App &app, Tool &tool) {
   addCompletionCommand(app, tool);
   addConformCommand(app, tool);
   addContractCommand(app, tool);
+  addDefsCommand(app, tool);
   addDiffCommand(app, tool);
   addErrorsCommand(app, tool);
   addHeapmapCommand(app, tool);

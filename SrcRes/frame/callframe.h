@@ -152,7 +152,7 @@ class CallFrame {
 
   // The one place that composes a failure: fills the error area, calls the host's reporting
   // service, stores and returns the failure's result.
-  MEM_NOINLINE std::int16_t fail(const Failure &failure) noexcept;
+  MEM_COLD std::int16_t fail(const Failure &failure) noexcept;
 
   // A failure that the calling service reports as its own: code and text become the inner ones, and
   // the former inner code becomes the previous one.
@@ -169,15 +169,14 @@ class CallFrame {
  private:
   MEMTraceBuf *traceBuffer() const noexcept;
   template <class... Args>
-  MEM_NOINLINE void writeFormatted(const RecordKind &kind, std::int32_t line, const char *format,
-                                   Args... args) noexcept {
+  MEM_COLD void writeFormatted(const RecordKind &kind, std::int32_t line, const char *format,
+                               Args... args) noexcept {
     MEMTraceBuf *pBuf = traceBuffer();
     if (pBuf == nullptr) return;
     setLength(*pBuf, traceServices().Format(pBuf->Text, format, args...));
     writeRecord(kind, line);
   }
-  MEM_NOINLINE void writeFixed(const RecordKind &kind, std::int32_t line,
-                               const char *text) noexcept;
+  MEM_COLD void writeFixed(const RecordKind &kind, std::int32_t line, const char *text) noexcept;
   void writeRecord(const RecordKind &kind, std::int32_t line) noexcept;
   void setText(MEMTraceBuf &buf, const char *text) noexcept;
   // A negative length means that the host refused to format.

@@ -5,10 +5,14 @@
 
 #include <cstdint>
 
+// MEM_COLD marks functions that run only when a call fails or is traced. Compilers move the
+// branches that lead to them out of the way of the others.
 #if defined(_MSC_VER) && !defined(__clang__)
 #define MEM_NOINLINE __declspec(noinline)
+#define MEM_COLD __declspec(noinline)
 #else
 #define MEM_NOINLINE __attribute__((noinline))
+#define MEM_COLD __attribute__((noinline, cold))
 #endif
 
 // Prefetches a cache line that will be read soon. Any address is allowed.

@@ -6,17 +6,19 @@ import ctypes
 import struct
 from typing import Any
 
-from .definitions import (ADDRESSES, NUMBERS, Definitions, Field, Structure, array_bytes,
-                          narrow_bytes, wide_bytes)
+from .definitions import Definitions
 from .errors import GraphError
+from .port_definitions import Field, PortDefinitions, Structure
 from .process import Process, current_process
 from .records import RECORDS
+from .values import ADDRESSES, NUMBERS, array_bytes, narrow_bytes, terminated, wide_bytes
 
 _HEADER_LENGTH = 23
 _HEAP_KB = 256
 _MOST_VALUES = 10_000_000
 _POINTER = struct.Struct("<Q")
-_NUMBER = {name: struct.Struct("<" + code) for name, (_, code) in NUMBERS.items()}
+_NUMBER = {"Bit": struct.Struct("B"),
+           **{name: struct.Struct("<" + code) for name, (_, code) in NUMBERS.items()}}
 
 
 class Record(dict[str, Any]):
@@ -35,7 +37,7 @@ class _Reader:
     """Walks what the library's reader has made. No address is followed but that of an entry, and no
     byte is read beyond it."""
 
-    def __init__(self, entries: dict[int, int], definitions: Definitions) -> None:
+    def __init__(self, entries: dict[int, int], definitions: PortDefinitions) -> None:
         self._entries = entries
         self._texts = definitions.default_texts
         self._made: dict[int, Record] = {}
@@ -171,7 +173,7 @@ def read_port_string(text: str | bytes, definitions: Any, *,
     :param definitions: :class:`Definitions`, or what they are made from
     :param process: an open :class:`Process`; without it the open one, or one for this call
     """
-    table = Definitions.of(definitions)
+    table = Definitions.of(definitions, "port").port
     raw = text.encode("utf-8", "surrogateescape") if isinstance(text, str) else bytes(text)
     with current_process(process) as used, used.heap(_HEAP_KB) as heap:
         cell = ctypes.c_void_p()
@@ -188,7 +190,7 @@ def read_port_string(text: str | bytes, definitions: Any, *,
 class _Writer:
     """Lays structures and texts out as the library's writer wants to see them."""
 
-    def __init__(self, definitions: Definitions) -> None:
+    def __init__(self, definitions: PortDefinitions) -> None:
         self._definitions = definitions
         self.arena = bytearray()
         self._places: dict[int, int] = {}  # offset of a dict's structure by the dict's id
@@ -335,7 +337,7 @@ class _Writer:
             if value is not None:
                 self._string(field, value, place, pointers)
         else:
-            raw = array_bytes(field, value)
+            raw = array_bytes(field.type, field.length, value)
             self.arena[place:place + len(raw)] = raw
 
     def _embedded_elements(self, field: Field, value: dict[str, Any]) -> int:
@@ -353,12 +355,8 @@ class _Writer:
 
     def _string(self, field: Field, value: Any, place: int,
                 pointers: dict[int, tuple[str, Structure | None]]) -> None:
-        wide = field.type == "WPStr"
-        raw = wide_bytes(value) if wide else narrow_bytes(value)
-        zero = b"\0\0" if wide else b"\0"
-        if any(raw[at:at + len(zero)] == zero for at in range(0, len(raw), len(zero))):
-            raise GraphError("text with a zero in it")
-        self._text(field, raw + zero, place, pointers)
+        raw = wide_bytes(value) if field.type == "WPStr" else narrow_bytes(value)
+        self._text(field, terminated(field.type, raw), place, pointers)
 
     def _text(self, field: Field, raw: bytes, place: int,
               pointers: dict[int, tuple[str, Structure | None]]) -> None:
@@ -413,10 +411,12 @@ def write_port_string(graph: dict[str, Any], definitions: Any, root: str | int |
     :param root: name or id of the top-level structure; without it that of a :class:`Record`, else
         the first one of the definitions
     """
-    table = Definitions.of(definitions)
+    table = Definitions.of(definitions, "port").port
     if root is None:
         root = graph.kind if isinstance(graph, Record) else table.structures[0].name
-    structure = table.need(root)
+    structure = table.find(root)
+    if structure is None:
+        raise GraphError(f"there is no structure {root!r} in the definitions")
     writer = _Writer(table)
     address = writer.lay_out(graph, structure)
     with current_process(process) as used, used.heap(_HEAP_KB) as heap:

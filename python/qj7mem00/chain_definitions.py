@@ -79,6 +79,17 @@ class ChainKind:
         self.by_name: dict[str, ChainField] = {}
         self.names: set[str] = set()
         self.next: ChainField | None = None
+        self.values: list[ChainField] = []  # text first
+        self.pointers: list[ChainField] = []
+        self.shares = False  # fields have bytes in common
+
+    def sort_fields(self) -> None:
+        self.values = sorted((field for field in self.fields if not field.is_pointer),
+                             key=lambda field: not field.is_text)
+        self.pointers = [field for field in self.fields if field.is_pointer]
+        by_offset = sorted(self.values, key=lambda field: field.offset)
+        self.shares = any(two.offset < one.offset + one.extent(8) or one.to_end
+                          for one, two in zip(by_offset, by_offset[1:]))
 
     @property
     def has_own_length(self) -> bool:
@@ -121,6 +132,8 @@ class ChainDefinitions:
             self._add_kind(node)
         for kind in self.kinds:
             self._add_fields(kind)
+            kind.sort_fields()
+        self._valid: set[int] = set()  # widths of pointers
         # Fields that overlap with short pointers do so with long ones.
         self.check_layout(self.pointers or 4)
 
@@ -295,8 +308,11 @@ class ChainDefinitions:
 
     def check_layout(self, pointer_width: int) -> None:
         """Refuses fields that do not fit their segments with pointers of this width."""
+        if pointer_width in self._valid:
+            return
         for kind in self.kinds:
             self._check_layout(kind, pointer_width)
+        self._valid.add(pointer_width)
 
     @staticmethod
     def _check_layout(kind: ChainKind, width: int) -> None:
@@ -309,10 +325,9 @@ class ChainDefinitions:
             is_word = field.offset == 0 and field.type == word and not field.is_array
             if kind.has_own_length and field.offset < LENGTH_WORD and not is_word:
                 field.node.fail(f"the first two bytes are the segment's length, a {word}")
-        pointers = [field for field in kind.fields if field.is_pointer]
-        others = [field for field in kind.fields if not field.is_pointer]
-        for index, pointer in enumerate(pointers):
-            for other in (*pointers[:index], *others):
+        values = [field for field in kind.fields if not field.is_pointer]
+        for index, pointer in enumerate(kind.pointers):
+            for other in (*kind.pointers[:index], *values):
                 end = kind.most if other.to_end else other.offset + other.extent(width)
                 if pointer.offset < end and other.offset < pointer.offset + width:
                     at, over = (pointer, other) if other.is_pointer else (other, pointer)
@@ -322,6 +337,7 @@ class ChainDefinitions:
         """:class:`GraphError` when the chain's control block describes other structures."""
         if not chain.kinds:
             raise GraphError("the chain's control block is damaged")
+        self.check_layout(pointer_width)
         for kind in self.kinds:
             index = kind.index
             found = chain.kinds[index] if index < len(chain.kinds) else None
@@ -332,7 +348,6 @@ class ChainDefinitions:
             if kind.form is Form.FIXED and found.fixed_length != kind.fixed_length:
                 _refuse(kind.node.at("length"), f"kind {index} has {found.fixed_length} bytes")
             if not kind.form.is_text:
-                self._check_layout(kind, pointer_width)
                 _check_pointers(kind, found, chain.kinds, pointer_width)
 
     # The control block that they describe

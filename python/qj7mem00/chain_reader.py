@@ -11,9 +11,9 @@ from .chain_definitions import LENGTH_WORD, ChainDefinitions, ChainField, ChainK
 from .chain_layout import ChainFile, Form, Kind, Role, Widened
 from .contract import CONSTANTS
 from .errors import GraphError
-from .values import NUMBERS
+from .values import NUMBERS, find_zero
 
-_ADDRESS = struct.Struct("<Q")
+_read_address = struct.Struct("<Q").unpack_from
 
 
 class Segment:
@@ -78,15 +78,16 @@ class Texts:
             return None
 
     def wide_zero(self, raw: bytes) -> str | None:
-        zero = bytes(self.unit)
-        for at in range(0, len(raw) - self.unit + 1, self.unit):
-            if raw[at:at + self.unit] == zero:
-                return self.wide(raw[:at])
-        return None
+        end = find_zero(raw, self.unit)
+        return None if end < 0 else self.wide(raw[:end])
 
     def reader(self, kind: str) -> Callable[[bytes], Any]:
         return {"Char": self.narrow, "CharSZ": self.narrow_zero, "WChar": self.wide,
-                "WCharSZ": self.wide_zero, "Bin": bytes, "Bit": lambda raw: raw[0]}[kind]
+                "WCharSZ": self.wide_zero, "Bin": bytes}[kind]
+
+
+# Reads the bytes of a segment from an offset to an end.
+_Read = Callable[[bytes, int, int], Any]
 
 
 class _Value(NamedTuple):
@@ -94,9 +95,9 @@ class _Value(NamedTuple):
 
     name: str
     offset: int
-    length: int | None  # None: to the segment's end
-    step: int           # bytes of an element
-    read: Callable[[bytes], Any]
+    end: int | None  # None: the segment's
+    step: int        # bytes of an element
+    read: _Read
 
 
 class _Pointer(NamedTuple):
@@ -116,7 +117,8 @@ class _Shape:
         self.index = index
         self.name = name
         self.form = kind.form
-        self.definition = definition
+        self.is_text = kind.form.is_text
+        self.is_narrow = kind.form is Form.NARROW
         self.has_own_length = kind.form in (Form.COUNTED, Form.SELF_SIZED)
         self.widened = widened
         self.fixed_length = (widened.kind if widened else kind).fixed_length
@@ -125,13 +127,15 @@ class _Shape:
         self.pointers = [self._pointer(*pointer) for pointer in kind.pointers()]
         self.pointers_end = max((pointer.place + 8 for pointer in self.pointers), default=0)
         self.values = [reader.of(field) for field in self.fields if not field.is_pointer]
+        self.is_as_written = widened is None and (not self.has_own_length
+                                                  or not reader.turns_lengths)
         self.spans = [(pointer.offset, pointer.offset + width) for pointer in self.pointers]
         if self.has_own_length:
             self.spans.append((0, LENGTH_WORD))
         #: of a segment of fixed length in which every value could be read
         self.gaps = None if kind.form is not Form.FIXED else list(gaps_between(
-            self.spans + [(value.offset, value.offset + (value.length or 0))
-                          for value in self.values], kind.fixed_length))
+            self.spans + [(value.offset, value.end or 0) for value in self.values],
+            kind.fixed_length))
 
     def _pointer(self, role: Role, offset: int, target: int) -> _Pointer:
         field = next((field for field in self.fields
@@ -153,24 +157,29 @@ def gaps_between(spans: list[tuple[int, int]], end: int) -> Iterator[tuple[int, 
 class _Values:
     """Readers of fields, in the byte order of a chain's writer."""
 
-    def __init__(self, chain: ChainFile, texts: Texts) -> None:
+    def __init__(self, chain: ChainFile, texts: Texts, turns_lengths: bool) -> None:
         self._order = chain.order
         self._texts = texts
+        self.turns_lengths = turns_lengths
 
     def of(self, field: ChainField) -> _Value:
-        length = None if field.to_end else field.length * field.count
-        return _Value(field.name, field.offset, length,
-                      field.length if field.is_array else 1, self._reader(field))
+        end = None if field.to_end else field.offset + field.length * field.count
+        return _Value(field.name, field.offset, end, field.length if field.is_array else 1,
+                      self._reader(field))
 
-    def _reader(self, field: ChainField) -> Callable[[bytes], Any]:
+    def _reader(self, field: ChainField) -> _Read:
+        if field.type == "Bit":
+            return lambda own, at, end: own[at]
         if field.type not in NUMBERS:
-            return self._texts.reader(field.type)
+            text = self._texts.reader(field.type)
+            return lambda own, at, end: text(own[at:end])
         width, code = NUMBERS[field.type]
         if not field.is_array:
-            number = struct.Struct(self._order + code)
-            return lambda raw: number.unpack(raw)[0]
+            unpack = struct.Struct(self._order + code).unpack_from
+            return lambda own, at, end: unpack(own, at)[0]
         order = self._order
-        return lambda raw: list(struct.unpack(f"{order}{len(raw) // width}{code}", raw))
+        return lambda own, at, end: list(
+            struct.unpack_from(f"{order}{(end - at) // width}{code}", own, at))
 
 
 class Memory:
@@ -198,22 +207,18 @@ class Reader:
         self._length_order = "<" if is_new else chain.order  # the library updates lengths
         self._texts = Texts(chain, encoding)
         self._definitions = definitions
-        values = _Values(chain, self._texts)
-        self._shapes = [kind and self._shape(index, kind, wide, values)
-                        for index, (kind, wide) in enumerate(zip(kinds, widened))]
+        self._values = _Values(chain, self._texts, self._length_order != self._order)
+        self._kinds = kinds
+        self._widened = widened
+        self._shapes: dict[int, _Shape] = {}  # those that were needed
         self._made: dict[int, tuple[Segment, int]] = {}
         self._references: list[tuple[Segment, _Pointer, int]] = []
-
-    def _shape(self, index: int, kind: Kind, widened: Widened | None, values: _Values) -> _Shape:
-        known = self._definitions.kinds
-        return _Shape(index, kind, known[index] if index < len(known) else None,
-                      self._definitions.name_of(index), 4 if widened else 8, widened, values)
 
     def read(self, root: int) -> list[Any]:
         """The root and its siblings; of a chain that is one text this text."""
         shape = self._shape_at(0)
-        if shape.form.is_text:
-            return [self._text(root, shape.form)]
+        if shape.is_text:
+            return [self._text(root, shape.is_narrow)]
         roots = self._list(root, shape, 1)
         for segment, pointer, address in self._references:
             target, kind = self._made.get(address, (None, -1))
@@ -225,9 +230,15 @@ class Reader:
         return roots
 
     def _shape_at(self, index: int) -> _Shape:
-        shape = self._shapes[index] if index < len(self._shapes) else None
+        shape = self._shapes.get(index)
         if shape is None:
-            raise GraphError(f"kind {index} is not described")
+            kind = self._kinds[index] if index < len(self._kinds) else None
+            if kind is None:
+                raise GraphError(f"kind {index} is not described")
+            known, widened = self._definitions.kinds, self._widened[index]
+            shape = self._shapes[index] = _Shape(
+                index, kind, known[index] if index < len(known) else None,
+                self._definitions.name_of(index), 4 if widened else 8, widened, self._values)
         return shape
 
     def _list(self, address: int, shape: _Shape, level: int) -> list[Segment]:
@@ -256,15 +267,22 @@ class Reader:
         if end > len(raw) or at + shape.pointers_end > end:
             raise GraphError(f"{shape.name}: a segment is shorter than its structure")
         own = raw[at:end]
-        self._fill_values(segment, shape, self._as_written(shape, own))
-        following, name = 0, ""
+        self._fill_values(segment.__dict__, shape,
+                          own if shape.is_as_written else self._as_written(shape, own))
+        following, following_name = 0, ""
         for pointer in shape.pointers:
-            target = _ADDRESS.unpack_from(own, pointer.place)[0]
-            if pointer.role is Role.SIBLING:
-                following, name = target, pointer.name
-            elif pointer.field is not None or target:
-                segment.__dict__[pointer.name] = self._target(segment, pointer, target, level)
-        return following, name
+            name, _, place, role, _, field = pointer
+            target = _read_address(own, place)[0]
+            if role is Role.SIBLING:
+                following, following_name = target, name
+            elif target:
+                segment.__dict__[name] = self._target(segment, pointer, target, level)
+            elif field is not None:
+                segment.__dict__[name] = [] if self._is_list(pointer) else None
+        return following, following_name
+
+    def _is_list(self, pointer: _Pointer) -> bool:
+        return pointer.role is Role.CHILD and self._shape_at(pointer.target).next is not None
 
     def _length(self, shape: _Shape, raw: bytes, at: int) -> int:
         if shape.form is Form.UNKNOWN:
@@ -281,58 +299,45 @@ class Reader:
         """The segment as its writer had it, as far as the offsets of fields are concerned."""
         if shape.widened is not None:
             own = shape.widened.narrowed(own)
-        if not shape.has_own_length or self._length_order == self._order and not shape.widened:
+        if not shape.has_own_length:
             return own
         length = len(own) - (LENGTH_WORD if shape.form is Form.COUNTED else 0)
         return struct.pack(self._order + "H", length & 0xFFFF) + own[LENGTH_WORD:]
 
     @staticmethod
-    def _fill_values(segment: Segment, shape: _Shape, own: bytes) -> None:
+    def _fill_values(values: dict[str, Any], shape: _Shape, own: bytes) -> None:
         """Values that cannot be what their types say, and fields that the segment's end cuts, are
         None, and their bytes have no name."""
-        values = segment.__dict__
-        spans = list(shape.spans)
-        is_whole = True
-        for name, offset, length, step, read in shape.values:
-            used = length
-            if used is None:
-                used = max(len(own) - offset, 0) // step * step
-            value = read(own[offset:offset + used]) if offset + used <= len(own) else None
-            values[name] = value
-            if value is None:
-                is_whole = False
-            else:
-                spans.append((offset, offset + used))
+        length = len(own)
+        spans = []
+        for name, offset, end, step, read in shape.values:
+            if end is None:
+                end = offset + max(length - offset, 0) // step * step
+            value = values[name] = read(own, offset, end) if end <= length else None
+            if value is not None:
+                spans.append((offset, end))
         gaps = shape.gaps
-        if gaps is None or not is_whole:
-            gaps = list(gaps_between(spans, len(own)))
+        if gaps is None or len(spans) < len(shape.values):
+            gaps = list(gaps_between(shape.spans + spans, length))
         for begin, end in gaps:
-            if (shape.has_own_length and end == len(own)) or any(own[begin:end]):
+            if (shape.has_own_length and end == length) or any(own[begin:end]):
                 values[f"+{begin}"] = own[begin:end]
 
     def _target(self, segment: Segment, pointer: _Pointer, address: int, level: int) -> Any:
         if pointer.role is Role.REFERENCE:
-            if address:
-                self._references.append((segment, pointer, address))
+            self._references.append((segment, pointer, address))
             return None
         shape = self._shape_at(pointer.target)
-        if shape.form.is_text:
-            return self._text(address, shape.form) if address else None
+        if shape.is_text:
+            return self._text(address, shape.is_narrow)
         made = self._list(address, shape, level + 1)
-        if shape.next is not None:
-            return made
-        return made[0] if made else None
+        return made if shape.next is not None else made[0]
 
-    def _text(self, address: int, form: Form) -> str:
+    def _text(self, address: int, is_narrow: bool) -> str:
         raw, at = self._memory.at(address)
-        if form is Form.NARROW:
-            end = raw.find(b"\0", at)
-            if end < 0:
-                raise GraphError("a text has no end")
-            return self._texts.narrow(raw[at:end])
-        end = at
-        while end + 2 <= len(raw) and raw[end:end + 2] != b"\0\0":
-            end += 2
-        if end + 2 > len(raw):
+        end = raw.find(b"\0", at) if is_narrow else find_zero(raw, 2, at)
+        if end < 0:
             raise GraphError("a text has no end")
+        if is_narrow:
+            return self._texts.narrow(raw[at:end])
         return raw[at:end].decode("utf-16-le", "surrogatepass")

@@ -169,9 +169,9 @@ class Writer:
         values = self._named(segment, kind)
         at = self._append(self._image(values, kind))
         self._places[id(segment)] = at, kind
-        for field in kind.fields:
+        for field in kind.pointers:
             value = values.get(field.name)
-            if value is not None and field.is_pointer and field is not kind.next:
+            if value is not None and field is not kind.next:
                 self._point(kind, field, value, at + field.offset)
         return at
 
@@ -192,25 +192,36 @@ class Writer:
         return named
 
     def _image(self, values: Mapping[str, Any], kind: ChainKind) -> bytearray:
+        if kind.form is not Form.FIXED or kind.shares or not values.keys() <= kind.names:
+            return self._careful_image(values, kind)
+        raw = bytearray(kind.fixed_length)
+        for field in kind.values:
+            value = values.get(field.name)
+            if value is not None:
+                part = self._field_bytes(kind, field, value)
+                raw[field.offset:field.offset + len(part)] = part
+        return raw
+
+    def _careful_image(self, values: Mapping[str, Any], kind: ChainKind) -> bytearray:
         """Text first: its fields set bytes after the terminator, which others can share."""
         image = _Image(kind)
-        for is_text in (True, False):
-            for field in kind.fields:
-                value = values.get(field.name)
-                if field.is_pointer or field.is_text is not is_text or value is None:
-                    continue
-                try:
-                    raw = field_bytes(field, value, self._encoding)
-                except (struct.error, ValueError, OverflowError) as error:
-                    raise GraphError(f"{kind.name}.{field.name}: {error}") from None
+        for field in kind.values:
+            value = values.get(field.name)
+            if value is not None:
+                raw = self._field_bytes(kind, field, value)
                 image.put(field.name, field.offset, raw, _significant(field, raw))
         for name, value in values.items():
             if name.startswith("+") and value is not None:
                 image.put_bytes(name, value)
-        for field in kind.fields:
-            if field.is_pointer:
-                image.reserve(field.name, field.offset, 8)
+        for field in kind.pointers:
+            image.reserve(field.name, field.offset, 8)
         return image.finish()
+
+    def _field_bytes(self, kind: ChainKind, field: ChainField, value: Any) -> bytes:
+        try:
+            return field_bytes(field, value, self._encoding)
+        except (struct.error, ValueError, OverflowError) as error:
+            raise GraphError(f"{kind.name}.{field.name}: {error}") from None
 
     def _point(self, kind: ChainKind, field: ChainField, value: Any, place: int) -> None:
         if field.role is Role.REFERENCE:

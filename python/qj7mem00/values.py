@@ -116,15 +116,19 @@ def plain_bytes(value: Any) -> bytes:
     raise GraphError(f"expected bytes, found {type(value).__name__}")
 
 
-def has_zero(raw: bytes, width: int) -> bool:
-    """Whether a character of so many bytes is zero."""
-    return any(not any(raw[at:at + width]) for at in range(0, len(raw), width))
+def find_zero(raw: bytes, width: int, at: int = 0) -> int:
+    """Where the first character of so many bytes that is zero is, from ``at`` on; -1 without."""
+    zero = bytes(width)
+    found = raw.find(zero, at)
+    while found >= 0 and (found - at) % width:
+        found = raw.find(zero, found + 1)
+    return found
 
 
 def terminated(kind: str, raw: bytes) -> bytes:
     """Text with its terminator."""
     width = 2 if kind.startswith("W") else 1
-    if (0 in raw) if width == 1 else has_zero(raw, width):
+    if find_zero(raw, width) >= 0:
         raise GraphError("text with a zero in it")
     return raw + bytes(width)
 

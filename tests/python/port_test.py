@@ -92,13 +92,13 @@ class PortTest(ProcessTest):
                 ({"amount": 1, "first": {"key": b"123", "asText": None}},
                  "Item.key: 3 bytes instead of 2"),
                 ({"amount": 1, "first": {"asNumber": 5}}, "would take them for an address"),
-                ({"amount": 1, "count": 2, "parts": [1]}, "does not tell the 1 elements"),
+                ({"amount": 1, "count": 2, "parts": [1]}, "count is not for the 1 elements"),
         ):
             with self.subTest(order), self.assertRaisesRegex(qj7mem00.GraphError, words):
                 qj7mem00.write_port_string(order, DEFINITIONS)
         shared: dict[str, Any] = {"amount": 1}
         shared["first"] = shared
-        with self.assertRaisesRegex(qj7mem00.GraphError, "meant to be a Order and a Item"):
+        with self.assertRaisesRegex(qj7mem00.GraphError, "used as a Order and as a Item"):
             qj7mem00.write_port_string(shared, DEFINITIONS)
         with self.assertRaisesRegex(qj7mem00.GraphError, "no structure 'Absent'"):
             qj7mem00.write_port_string({}, DEFINITIONS, "Absent")
@@ -136,7 +136,7 @@ class PortTest(ProcessTest):
                 {"id": 1, "name": "number", "type": "Long", "offset": 0}]}]})
         text = qj7mem00.write_port_string({"big": {"key": bytes(64)}}, definitions)
         head, _, _ = text.partition(b"(2<")
-        with self.assertRaisesRegex(qj7mem00.GraphError, "lies beyond the bytes"):
+        with self.assertRaisesRegex(qj7mem00.GraphError, "ends after the bytes"):
             qj7mem00.read_port_string(head + b"(3<1N5>)", definitions)
 
 

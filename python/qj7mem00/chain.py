@@ -125,8 +125,8 @@ def read_chain(file: Any, definitions: Any, *, encoding: str | None = None,
 
     A field is an attribute of its :class:`Segment`. A child is its segment or None; a child whose
     structure has ``next`` is the list of it and its siblings; a reference is the segment that it
-    leads to. Texts are str, with bytes that cannot be decoded as surrogate escapes; arrays of
-    numbers are lists. Numbers have the byte order of the writer, which is taken into account.
+    refers to. Texts are str, with bytes that cannot be decoded as surrogate escapes; arrays of
+    numbers are lists. Numbers are converted from the writer's byte order.
 
     Bytes and pointers that no field describes are the attribute ``"+44"``, for the offset 44,
     unless they are zero. Of fields that the segment's end cuts and of text without an end the value

@@ -14,12 +14,13 @@ from .errors import GraphError
 from .values import NUMBERS, find_zero
 
 _read_address = struct.Struct("<Q").unpack_from
+_MOST_TEXT = 1 << 30  # bytes; pointers can share text, so that a short file has much of it
 
 
 class Segment:
     """One segment: its fields are attributes, ``kind`` is the structure's name.
 
-    ``segment["kind"]`` reaches a field by its name, whatever that is.
+    ``segment["kind"]`` is the field of that name.
     """
 
     __slots__ = ("kind", "__dict__")
@@ -125,6 +126,8 @@ class _Shape:
         self.fields = definition.fields if definition is not None else []
         self.next = definition.next if definition is not None else None
         self.pointers = [self._pointer(*pointer) for pointer in kind.pointers()]
+        if any(pointer.place < 0 for pointer in self.pointers):
+            raise GraphError(f"{name}: a pointer is before the start of its segment")
         self.pointers_end = max((pointer.place + 8 for pointer in self.pointers), default=0)
         self.values = [reader.of(field) for field in self.fields if not field.is_pointer]
         self.is_as_written = widened is None and (not self.has_own_length
@@ -188,6 +191,7 @@ class Memory:
     def __init__(self, copies: list[tuple[int, bytes]]) -> None:
         self._bases = [address for address, _ in copies]
         self._bytes = [raw for _, raw in copies]
+        self.length = sum(map(len, self._bytes))
 
     def at(self, address: int) -> tuple[bytes, int]:
         place = bisect.bisect_right(self._bases, address) - 1
@@ -212,6 +216,8 @@ class Reader:
         self._widened = widened
         self._shapes: dict[int, _Shape] = {}  # those that were needed
         self._made: dict[int, tuple[Segment, int]] = {}
+        self._room = memory.length  # for further segments, which do not overlap
+        self._text_room = _MOST_TEXT
         self._references: list[tuple[Segment, _Pointer, int]] = []
 
     def read(self, root: int) -> list[Any]:
@@ -266,6 +272,9 @@ class Reader:
         end = at + self._length(shape, raw, at)
         if end > len(raw) or at + shape.pointers_end > end:
             raise GraphError(f"{shape.name}: a segment is shorter than its structure")
+        self._room -= end - at
+        if self._room < 0:
+            raise GraphError("segments overlap")
         own = raw[at:end]
         self._fill_values(segment.__dict__, shape,
                           own if shape.is_as_written else self._as_written(shape, own))
@@ -338,6 +347,9 @@ class Reader:
         end = raw.find(b"\0", at) if is_narrow else find_zero(raw, 2, at)
         if end < 0:
             raise GraphError("a text has no end")
+        self._text_room -= end - at
+        if self._text_room < 0:
+            raise GraphError(f"more than {_MOST_TEXT} bytes of text")
         if is_narrow:
             return self._texts.narrow(raw[at:end])
         return raw[at:end].decode("utf-16-le", "surrogatepass")

@@ -293,6 +293,43 @@ class ChainValuesTest(ProcessTest):
             with self.subTest(words), self.assertRaisesRegex(GraphError, words):
                 qj7mem00.read_chain(FIXTURES / "catalog-sample.chain", document)
 
+    def test_segments_that_overlap_are_refused(self) -> None:
+        definitions: dict[str, Any] = {"structures": [
+            {"id": 1, "name": "Kind", "segment": "D", "next": "next", "fields": [
+                {"id": 1, "name": "next", "type": "Pnt", "offset": 2, "structure": "Kind"},
+                {"id": 2, "name": "rest", "type": "Bin", "offset": 10}]}]}
+        raw = bytearray(qj7mem00.write_chain([
+            Segment("Kind", rest=bytes(2)) for _ in range(200)], definitions))
+        first = len(raw) - 200 * 12
+        for at in range(first, len(raw), 12):  # each goes on to the end of the block
+            struct.pack_into("<H", raw, at, len(raw) - at)
+        with self.assertRaisesRegex(GraphError, "^segments overlap$"):
+            qj7mem00.read_chain(raw, definitions)
+
+    def test_chains_with_pointers_of_4_bytes(self) -> None:
+        text = {"type": "PStr", "offset": 0}
+        number = {"type": "Long", "offset": 4}
+        # Fields, descriptor of the root with its child entries, bytes of the root, values.
+        rows: list[tuple[list[dict[str, Any]], bytes, bytes, dict[str, Any]]] = [
+            ([text, number], struct.pack("<HHhhhHh", 70, 8, -1, 1, 0, 1, 0),
+             struct.pack("<HHi", 0, 992, -5), {"value": "hi", "f1": -5}),
+            ([{"type": "Long", "offset": 0}, {"type": "PStr", "offset": 4}],
+             struct.pack("<HHhhhHh", 70, 8, -1, 1, 0, 1, 4),
+             struct.pack("<iHH", -5, 0, 992), {"value": -5, "f1": "hi"}),
+            ([number], struct.pack("<HHhhhHh", 70, 8, -1, 0, 0, 1, 0),
+             struct.pack("<ii", 7, -5), {"value": -5, "+0": b"\7\0\0\0"}),
+            ([number | {"name": "n"}], struct.pack("<HHhhhHh", 70, 8, 0, 0, 0, 0, 0),
+             struct.pack("<HHi", 0, 0, -5), {"n": -5}),
+        ]
+        for fields, descriptor, root, values in rows:
+            with self.subTest(values):
+                block = struct.pack("<h", 2) + descriptor.ljust(122, b"\0")
+                block += struct.pack("<HHh", 83, 0, -1)
+                block = b"0220" + block.ljust(978, b"\0") + root + b"hi\0"
+                raw = struct.pack("<H", len(block) + 2) + block
+                found = qj7mem00.read_chain(raw, definitions_of("F", fields, 8) | {"pointers": 4})
+                self.assertEqual(vars(found[0]), values)
+
     def test_pointers_of_4_bytes(self) -> None:
         fields: list[dict[str, Any]] = [
             {"type": "Pnt", "offset": 4, "structure": 1}, {"type": "Long", "offset": 0}]

@@ -250,7 +250,8 @@ class DefinitionsTest(unittest.TestCase):
                 ('{"structures": [\n}', "definitions: Expecting value (line 2, column 1)"),
                 ('{"structures": NaN}', "definitions: NaN is not a number of JSON"),
                 ('{"structures": 1e999}', "definitions: the number 1e999 is too large"),
-                ('{"structures": ' + "[" * 100_000, "definitions: the values are nested too deeply"),
+                ('{"structures": ' + "[" * 100_000,
+                 "definitions: the values are nested too deeply"),
                 ('{"structures": 1, "structures": 2}',
                  "definitions: structures: expected an array"),
         ):

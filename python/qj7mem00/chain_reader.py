@@ -45,8 +45,12 @@ class Segment:
 
     def __repr__(self) -> str:
         plain = (f"{name}={value!r}" for name, value in self.__dict__.items()
-                 if not isinstance(value, (Segment, list)))
+                 if not isinstance(value, Segment) and not _is_segments(value))
         return f"{self.kind}({', '.join(plain)})"
+
+
+def _is_segments(value: Any) -> bool:
+    return isinstance(value, list) and (not value or isinstance(value[0], Segment))
 
 
 class Texts:

@@ -105,7 +105,7 @@ class Document:
 
 class Node:
     """A value of a document. A value that does not have the wanted form is a
-    :class:`DefinitionError` with its place: 
+    :class:`DefinitionError` with its place:
     ``"x.json: structures[0].id: … (line 3, column 12)"``.
     """
 

@@ -73,6 +73,13 @@ def big_endian(chain: bytes, tail: int, has_own_length: bool) -> bytearray:
     return turned
 
 
+def little_chain(descriptor: bytes, items: bytes) -> bytes:
+    """A chain of a little-endian writer with two kinds: that of the root, and narrow text."""
+    kinds = struct.pack("<h", 2) + descriptor.ljust(122, b"\0") + struct.pack("<HHh", 83, 0, -1)
+    block = b"0220" + kinds.ljust(978, b"\0") + items
+    return struct.pack("<H", len(block) + 2) + block
+
+
 class ChainValuesTest(ProcessTest):
     def expect(self, definitions: dict[str, Any], start: int, little: bytes, big: bytes,
                value: Any) -> None:
@@ -323,12 +330,16 @@ class ChainValuesTest(ProcessTest):
         ]
         for fields, descriptor, root, values in rows:
             with self.subTest(values):
-                block = struct.pack("<h", 2) + descriptor.ljust(122, b"\0")
-                block += struct.pack("<HHh", 83, 0, -1)
-                block = b"0220" + block.ljust(978, b"\0") + root + b"hi\0"
-                raw = struct.pack("<H", len(block) + 2) + block
+                raw = little_chain(descriptor, root + b"hi\0")
                 found = qj7mem00.read_chain(raw, definitions_of("F", fields, 8) | {"pointers": 4})
                 self.assertEqual(vars(found[0]), values)
+
+    def test_child_entries_that_are_not_used_can_have_any_bytes(self) -> None:
+        definitions = definitions_of("F", [{"type": "Long", "offset": 8}], 16)
+        for unused in (-1, 0x7FFF, 8):
+            raw = little_chain(struct.pack("<HHhhhHh", 70, 16, 0, 0, 0, 0, unused),
+                               struct.pack("<Qii", 0, -5, 0))
+            self.assertEqual(vars(qj7mem00.read_chain(raw, definitions)[0]), {"value": -5})
 
     def test_pointers_of_4_bytes(self) -> None:
         fields: list[dict[str, Any]] = [

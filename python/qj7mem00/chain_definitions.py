@@ -11,7 +11,7 @@ from .chain_layout import ChainFile, Form, Kind, Role, form_of_type
 from .contract import CONSTANTS
 from .document import Document, Node
 from .errors import GraphError
-from .port_definitions import find_by_name_or_id
+from .port_definitions import TYPE_NAMES, find_by_name_or_id
 from .values import ADDRESSES, NARROW, NUMBERS, WIDE
 
 #: by name: bytes of a value, 0 if the field's length decides
@@ -205,10 +205,7 @@ class ChainDefinitions:
         field.name = str(number) if named is None else named.name()
         if named is not None and field.name.startswith("+"):
             named.fail("a name must not begin with +, which bytes without a name have")
-        type_node = node.at("type")
-        field.type = type_node.text()
-        if field.type not in TYPES:
-            type_node.fail("unknown type; the types are " + ", ".join(TYPES))
+        field.type = _type_of(node.at("type"))
         field.offset = node.at("offset").integer(0, MOST_SEGMENT - 1)
         if field.is_pointer:
             self._read_pointer(field)
@@ -399,6 +396,15 @@ class ChainDefinitions:
                 if len(listed) > most:
                     field.node.fail(f"a segment has at most {most} {what}")
         return made
+
+
+def _type_of(node: Node) -> str:
+    """A name, or the code of a type that port strings have, too."""
+    is_code = isinstance(node.value, int) and not isinstance(node.value, bool)
+    kind = TYPE_NAMES.get(node.value, "") if is_code else node.text()
+    if kind not in TYPES:
+        node.fail("unknown type; the types are " + ", ".join(TYPES))
+    return kind
 
 
 def _refuse(node: Node, what: str) -> NoReturn:

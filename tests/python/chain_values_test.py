@@ -73,11 +73,14 @@ def big_endian(chain: bytes, tail: int, has_own_length: bool) -> bytearray:
     return turned
 
 
-def little_chain(descriptor: bytes, items: bytes) -> bytes:
-    """A chain of a little-endian writer with two kinds: that of the root, and narrow text."""
-    kinds = struct.pack("<h", 2) + descriptor.ljust(122, b"\0") + struct.pack("<HHh", 83, 0, -1)
-    block = b"0220" + kinds.ljust(978, b"\0") + items
-    return struct.pack("<H", len(block) + 2) + block
+def chain_of(descriptor: tuple[int, ...], items: bytes, order: str = "<") -> bytes:
+    """A chain with two kinds, that of the root and narrow text. The descriptor has one child entry,
+    used or not."""
+    kinds = struct.pack(order + "h", 2)
+    kinds += struct.pack(order + "HHhhhHh", *descriptor).ljust(122, b"\0")
+    kinds += struct.pack(order + "HHh", 83, 0, -1)
+    block = (b"0221" if order == ">" else b"0220") + kinds.ljust(978, b"\0") + items
+    return struct.pack(order + "H", len(block) + 2) + block
 
 
 class ChainValuesTest(ProcessTest):
@@ -316,29 +319,36 @@ class ChainValuesTest(ProcessTest):
     def test_chains_with_pointers_of_4_bytes(self) -> None:
         text = {"type": "PStr", "offset": 0}
         number = {"type": "Long", "offset": 4}
-        # Fields, descriptor of the root with its child entries, bytes of the root, values.
-        rows: list[tuple[list[dict[str, Any]], bytes, bytes, dict[str, Any]]] = [
-            ([text, number], struct.pack("<HHhhhHh", 70, 8, -1, 1, 0, 1, 0),
+        # Fields, descriptor of the root with a child entry, bytes of the root, values.
+        rows: list[tuple[list[dict[str, Any]], tuple[int, ...], bytes, dict[str, Any]]] = [
+            ([text, number], (70, 8, -1, 1, 0, 1, 0),
              struct.pack("<HHi", 0, 992, -5), {"value": "hi", "f1": -5}),
             ([{"type": "Long", "offset": 0}, {"type": "PStr", "offset": 4}],
-             struct.pack("<HHhhhHh", 70, 8, -1, 1, 0, 1, 4),
+             (70, 8, -1, 1, 0, 1, 4),
              struct.pack("<iHH", -5, 0, 992), {"value": -5, "f1": "hi"}),
-            ([number], struct.pack("<HHhhhHh", 70, 8, -1, 0, 0, 1, 0),
+            ([number], (70, 8, -1, 0, 0, 1, 0),
              struct.pack("<ii", 7, -5), {"value": -5, "+0": b"\7\0\0\0"}),
-            ([number | {"name": "n"}], struct.pack("<HHhhhHh", 70, 8, 0, 0, 0, 0, 0),
+            ([number | {"name": "n"}], (70, 8, 0, 0, 0, 0, 0),
              struct.pack("<HHi", 0, 0, -5), {"n": -5}),
         ]
         for fields, descriptor, root, values in rows:
             with self.subTest(values):
-                raw = little_chain(descriptor, root + b"hi\0")
+                raw = chain_of(descriptor, root + b"hi\0")
                 found = qj7mem00.read_chain(raw, definitions_of("F", fields, 8) | {"pointers": 4})
                 self.assertEqual(vars(found[0]), values)
+        fields = [{"type": "Short", "offset": 0}, {"type": "PStr", "offset": 2},
+                  {"type": "UShort", "offset": 6, "toEnd": True}]
+        for order in "<>":
+            with self.subTest(order):
+                raw = chain_of((67, 0, -1, 1, 0, 1, 2), struct.pack(
+                    order + "hHHHH", 8, 0, 994, 1, 0x0203) + b"hi\0", order)
+                found = qj7mem00.read_chain(raw, definitions_of("C", fields) | {"pointers": 4})
+                self.assertEqual(vars(found[0]), {"value": 8, "f1": "hi", "f2": [1, 0x0203]})
 
     def test_child_entries_that_are_not_used_can_have_any_bytes(self) -> None:
         definitions = definitions_of("F", [{"type": "Long", "offset": 8}], 16)
         for unused in (-1, 0x7FFF, 8):
-            raw = little_chain(struct.pack("<HHhhhHh", 70, 16, 0, 0, 0, 0, unused),
-                               struct.pack("<Qii", 0, -5, 0))
+            raw = chain_of((70, 16, 0, 0, 0, 0, unused), struct.pack("<Qii", 0, -5, 0))
             self.assertEqual(vars(qj7mem00.read_chain(raw, definitions)[0]), {"value": -5})
 
     def test_pointers_of_4_bytes(self) -> None:

@@ -128,6 +128,7 @@ class ChainValuesTest(ProcessTest):
                 ({"f2": [5, 6]}, 10, {"value": 8, "f1": 0, "f2": [5, 6]}),
                 ({"value": 5, "+2": b"\1\2\3\4\5"}, 7,
                  {"value": 5, "f1": 0x04030201, "f2": [], "+6": b"\5"}),
+                ({"+2": bytes(5)}, 7, {"value": 5, "f1": 0, "f2": [], "+6": b"\0"}),
                 ({"+2": b"\1\2"}, 4, {"value": 2, "f1": None, "f2": None, "+2": b"\1\2"}),
         ):
             with self.subTest(segment):

@@ -73,13 +73,14 @@ def big_endian(chain: bytes, tail: int, has_own_length: bool) -> bytearray:
     return turned
 
 
-def chain_of(descriptor: tuple[int, ...], items: bytes, order: str = "<") -> bytes:
+def chain_of(descriptor: tuple[int, ...], items: bytes, order: str = "<",
+             version: bytes = b"") -> bytes:
     """A chain with two kinds, that of the root and narrow text. The descriptor has one child entry,
     used or not."""
     kinds = struct.pack(order + "h", 2)
     kinds += struct.pack(order + "HHhhhHh", *descriptor).ljust(122, b"\0")
     kinds += struct.pack(order + "HHh", 83, 0, -1)
-    block = (b"0221" if order == ">" else b"0220") + kinds.ljust(978, b"\0") + items
+    block = (version or (b"0221" if order == ">" else b"0220")) + kinds.ljust(978, b"\0") + items
     return struct.pack(order + "H", len(block) + 2) + block
 
 
@@ -345,6 +346,28 @@ class ChainValuesTest(ProcessTest):
                     order + "hHHHH", 8, 0, 994, 1, 0x0203) + b"hi\0", order)
                 found = qj7mem00.read_chain(raw, definitions_of("C", fields) | {"pointers": 4})
                 self.assertEqual(vars(found[0]), {"value": 8, "f1": "hi", "f2": [1, 0x0203]})
+
+    def test_text_of_every_code(self) -> None:
+        ebcdic, wide = "0200".encode("cp037"), "WCharSZ"
+        for order, version, kind, raw, encoding, value in (
+                (">", ebcdic, "Char", b"\x40\x40", None, "  "),
+                (">", ebcdic, "Char", b"\xc1\x4a", None, "A¢"),
+                (">", ebcdic, "Char", b"A@", None, "A@"),
+                (">", ebcdic, "Char", b"\xc1\x4a", "cp500", "A["),
+                (">", ebcdic, "Char", b"\x40\x40", "utf-8", "@@"),
+                ("<", b"0220", "Char", b"\xc1\x40", None, "\udcc1@"),
+                ("<", b"0240", wide, b"\xc4\0\0\0\0\0\0\0", None, "Ä"),
+                (">", b"0241", wide, b"\0\1\xf6\x00\0\0\0\0", None, "😀"),
+                ("<", b"0240", wide, b"\0\0\x11\0\0\0\0\0", None, None),
+                ("<", b"0240", "WChar", b"\x34\xd8\0\0", None, None),
+        ):
+            with self.subTest(version=version, raw=raw, encoding=encoding):
+                chain = chain_of((70, len(raw), -1, 0, 0, 0, 0), raw, order, version)
+                found = qj7mem00.read_chain(chain, definitions_of(
+                    "F", [{"type": kind, "offset": 0, "length": len(raw)}], len(raw)),
+                    encoding=encoding)
+                self.assertEqual(vars(found[0]),
+                                 {"value": value} | ({"+0": raw} if value is None else {}))
 
     def test_child_entries_that_are_not_used_can_have_any_bytes(self) -> None:
         definitions = definitions_of("F", [{"type": "Long", "offset": 8}], 16)

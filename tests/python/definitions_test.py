@@ -239,6 +239,17 @@ class DefinitionsTest(unittest.TestCase):
                 Definitions({"structures": [{"id": 1, "segment": "C", "fields": [
                     {"id": 1, "type": code, "offset": 2}]}]})
 
+    def test_wide_text_has_a_whole_character(self) -> None:
+        for use in USES:
+            for kind in ("WChar", "WCharSZ"):
+                document: dict[str, Any] = {"structures": [{"id": 1, "length": 8, "fields": [
+                    {"id": 1, "type": kind, "offset": 0, "length": 2}]}]}
+                Definitions(document, use)
+                document["structures"][0]["fields"][0]["length"] = 1
+                with self.subTest(use=use, kind=kind), self.assertRaisesRegex(
+                        DefinitionError, r"fields\[0\].length: expected a whole number from 2 "):
+                    Definitions(document, use)
+
     def test_both_uses_of_one_object(self) -> None:
         definitions = Definitions({"structures": [{"id": 1, "length": 8, "fields": [
             {"id": 1, "type": "Short", "offset": 0, "default": 5}]}]})

@@ -1,7 +1,7 @@
 """The contract of the library as data: slots, host services, records, codes and types.
 
-It is the file that the library's build makes from its headers; ``memtool contract --json`` writes
-the same. docs/memtool.md of the library describes it.
+The library's build makes this file from the headers; ``memtool contract --json`` writes the same.
+docs/memtool.md of the library describes it.
 """
 
 from __future__ import annotations

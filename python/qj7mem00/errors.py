@@ -4,13 +4,13 @@ from __future__ import annotations
 
 
 class MemError(Exception):
-    """A call of the library that failed, with what the thread's error area tells."""
+    """A call of the library that failed, with the contents of the thread's error area."""
 
     #: entry point, ``"MEM_HeapOpen"``
     service: str
     #: what the call returned
     result: int
-    #: MEMERR code, 0 where the call recorded none
+    #: MEMERR code, 0 if the call recorded none
     code: int
     #: its name, ``"MEMERR_HEAPSIZE"``
     name: str
@@ -56,8 +56,8 @@ class MemError(Exception):
 
 
 class DefinitionError(ValueError):
-    """Definitions of structures that have a fault. The text names the place."""
+    """Definitions of structures with a mistake. The text names the place."""
 
 
 class GraphError(ValueError):
-    """Data that do not fit the definitions: values to be written, or what a file led to."""
+    """Data that do not match the definitions: values to be written, or the contents of a file."""

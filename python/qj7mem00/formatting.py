@@ -14,25 +14,25 @@ _BITS = {"hh": 8, "h": 16, "ll": 64, "I64": 64, "I": 64, "j": 64, "t": 64, "z": 
 
 
 def narrow_at(address: int, most: int = -1) -> bytes:
-    """The bytes at an address up to a zero, at most as many."""
+    """The bytes at an address up to a zero, at most `most`."""
     if most < 0:
         return ctypes.string_at(address)
     return _until_zero(address, most, 1)
 
 
 def wide_at(address: int, most: int = -1) -> str:
-    """The UTF-16 text at an address up to a zero unit, at most as many units."""
+    """The UTF-16 text at an address up to a zero unit, at most `most` units."""
     raw = _until_zero(address, most if most < 0 else 2 * most, 2)
     return raw.decode("utf-16-le", "surrogatepass")
 
 
 def _until_zero(address: int, most: int, unit: int) -> bytes:
-    """No byte is read on a page on which the text does not lie."""
+    """Reads no byte of a page after the one in which the text ends."""
     made = b""
     while most < 0 or len(made) < most:
         at = address + len(made)
         room = _PAGE - at % _PAGE
-        if room < unit:  # a unit over the pages' border
+        if room < unit:  # a unit that crosses the end of a page
             room = unit
         piece = ctypes.string_at(at, room - room % unit if room > unit else unit)
         end = _zero_in(piece, unit)

@@ -1,9 +1,10 @@
-"""A host for the library, in Python: its service vectors and what stands behind them.
+"""A host for the library, in Python: its service vectors and the functions in them.
 
 The library reaches its host through tables of function pointers. Here these are ctypes callbacks:
 storage with an account, gates, trace frames with a thread environment for each thread, trace
-records handed to a callable, and the message table. An exception in a callback never enters the
-library: it is kept, the library sees a failure, and it is raised when the call has returned.
+records that are passed to a callable, and the message table. An exception in a callback never
+enters the library: it is kept, the library receives a failure, and the exception is raised when the
+call has returned.
 """
 
 from __future__ import annotations
@@ -26,7 +27,7 @@ TRACE_SINK: int = CONSTANTS["MEM_TRACE_SINK"]
 
 _COMPONENT: int = CONSTANTS["MEM_COMPONENT"]
 _TEXT_ROOM = 8192  # of a trace buffer
-_FORMAT_ARGUMENTS = 24  # more than any line of the library has
+_FORMAT_ARGUMENTS = 24  # more than any line of the library needs
 _NO_STORAGE = 1
 _NOT_STORAGE = 2
 _NO_GATE = 3
@@ -50,7 +51,7 @@ class TraceRecord:
     text: str
     source: str  #: ``"..\\SrcRes\\MEMCHEAP"``
     line: int
-    thread: int  #: number of the thread, as of :func:`threading.get_ident`
+    thread: int  #: number of the thread, from :func:`threading.get_ident`
 
 
 Trace = Callable[[TraceRecord], None]
@@ -83,7 +84,7 @@ class Host:
 
     :param trace: called with every trace record, on the thread of the call
     :param trace_flags: which records are written (``TRACE_…``); exception records always are
-    :param storage_limit: bytes that may be out at once; beyond it the library gets none
+    :param storage_limit: most bytes that can be allocated at once; the library gets no more
     """
 
     def __init__(self, trace: Trace | None = None, trace_flags: int = 0,
@@ -141,7 +142,7 @@ class Host:
         for service in CONTRACT["services"]:
             method = getattr(self, "_" + service["name"], None)
             if method is None:
-                continue  # may be null: the library then does it itself
+                continue  # can be null: the library then has its own way
             callback = self._prototype(service)(self._guarded(method, ctype(service["result"])))
             self._keep.append(callback)
             address = ctypes.cast(callback, ctypes.c_void_p).value
@@ -151,8 +152,8 @@ class Host:
     def _prototype(service: dict[str, Any]) -> Any:
         if not service.get("variadic"):
             return prototype(service)
-        # Integers behind the named ones lie where further arguments of 64 bits would lie, on every
-        # platform of the library; those that were not passed are not looked at.
+        # Integers after the named ones are where further arguments of 64 bits would be, on every
+        # platform of the library. Those that were not passed are not read.
         return ctypes.CFUNCTYPE(ctype(service["result"]),
                                 *(ctype(row["type"]) for row in service["parameters"]),
                                 *[ctypes.c_uint64] * _FORMAT_ARGUMENTS)
@@ -170,7 +171,7 @@ class Host:
         return service
 
     def guarded_callback(self, kind: str, function: Callable[..., Any]) -> Any:
-        """A callback of the caller's, as a ctypes function of this type of the contract."""
+        """A function of the caller, as a ctypes function of this type of the contract."""
         return prototype(TYPES[kind])(self._guarded(function, ctype(TYPES[kind]["result"])))
 
     # Frames
@@ -191,7 +192,7 @@ class Host:
 
     @property
     def process_block(self) -> Any:
-        """The library's process block, None where there is none."""
+        """The library's process block, or None."""
         return RECORDS["MEMProcessBlock"].from_address(self._anchor) if self._anchor else None
 
     def _RegisterMessages(self, component: int, table: int | None) -> None:
@@ -208,7 +209,7 @@ class Host:
     # Storage
 
     def _refuse(self, code: int, text: bytes) -> int:
-        """Leaves a host service's own error for the library to find."""
+        """Sets the host's own error, which the library reads after a failing service."""
         area = self.thread.env.Error
         area.Code = code
         area.NameText = text
@@ -296,7 +297,7 @@ class Host:
                          line: int, text: int) -> None:
         self._write(kind, source, function, line, wide_at(text))
 
-    # Texts: errors become exceptions once the call has returned
+    # Texts: errors become exceptions when the call has returned
 
     def _ReportError(self, text: int, detail: int) -> None:
         pass

@@ -1,7 +1,7 @@
 """Heaps, pools, tables, buffers and the sink as context managers.
 
-Each belongs to the block that opens it. Storage is handed out as an :class:`Area`, which knows its
-owner: after the owner has been closed it refuses to be read.
+Each belongs to the block that opens it. Allocated storage is an :class:`Area`. It has a reference
+to its owner, and refuses to be read after the owner is closed.
 """
 
 from __future__ import annotations
@@ -23,7 +23,7 @@ _NOT_SUNK: int = CONSTANTS["MEMERR_SINKNFND"]
 
 
 class Area:
-    """Bytes that the library has handed out."""
+    """Bytes that the library has allocated."""
 
     __slots__ = ("address", "length", "_owner")
 
@@ -42,20 +42,20 @@ class Area:
         return f"<{self.length} bytes at {self.address:#x}>"
 
     def view(self) -> memoryview:
-        """The bytes themselves, to be read and written while the owner is open."""
+        """The bytes, to be read and written while the owner is open."""
         if self._owner is not None:
             self._owner.require_open()
         return memoryview((ctypes.c_ubyte * self.length).from_address(self.address)).cast("B")
 
     def write(self, data: bytes, offset: int = 0) -> None:
-        """Writes within the area; what does not fit is a ValueError."""
+        """Writes within the area; data that does not fit is a ValueError."""
         if not 0 <= offset <= self.length - len(data):
             raise ValueError(f"{len(data)} bytes at {offset} do not fit into {self.length}")
         self.view()[offset:offset + len(data)] = data
 
 
 class _Owner:
-    """What is opened and closed once."""
+    """An object that is opened and closed once."""
 
     _close_slot = ""
 
@@ -80,7 +80,7 @@ class _Owner:
         return Area(cell.value or 0, length, self)
 
     def close(self) -> None:
-        """Returns all storage. Once is enough; leaving the block does it."""
+        """Frees all storage. The end of the block does it, too; a second call does nothing."""
         if self.handle is None:
             return
         self.require_open()
@@ -96,7 +96,7 @@ class _Owner:
 
 
 class Heap(_Owner):
-    """A standard heap: entries live until it is closed. One thread at a time."""
+    """A standard heap: it frees its entries when it is closed. One thread at a time."""
 
     _close_slot = "MEM_HeapClose"
     _chain_slot = "MEM_HeapAllocLongMultEntries"
@@ -110,9 +110,9 @@ class Heap(_Owner):
         return self._take("MEM_HeapAllocEntryLong", length, length)
 
     def chain(self, length: int, count: int, link_offset: int = 0) -> list[Area]:
-        """Linked entries: each holds at `link_offset` the address of the next."""
+        """Linked entries: each has the address of the next at `link_offset`."""
         if not 0 <= link_offset <= length - 8:
-            raise ValueError(f"a link at {link_offset} lies beyond {length} bytes")
+            raise ValueError(f"a link at {link_offset} ends after {length} bytes")
         first = self._take(self._chain_slot, length, length, count, link_offset)
         areas = [first]
         while len(areas) < count:
@@ -122,7 +122,7 @@ class Heap(_Owner):
 
 
 class EnhancedHeap(Heap):
-    """An enhanced heap: any number of threads, and entries can be given back."""
+    """An enhanced heap: any number of threads can share it, and entries can be freed."""
 
     _close_slot = "MEM_EHeapClose"
     _chain_slot = "MEM_EHeapAllocLongMultEntries"
@@ -135,7 +135,7 @@ class EnhancedHeap(Heap):
         return self._take("MEM_EHeapAllocEntry", length, length)
 
     def free(self, area: Area) -> None:
-        """Gives an entry back; it must not be used again."""
+        """Frees an entry; it must not be used again."""
         self.require_open()
         self.slots.MEM_EHeapFreeEntry.call(self.handle, area.length, area.address)
 
@@ -155,20 +155,20 @@ class CellPool(_Owner):
         return self._take("MEM_CellAllocEntry", self.cell_length)
 
     def free(self, cell: Area) -> None:
-        """Gives a cell back; it must not be used again."""
+        """Frees a cell; it must not be used again."""
         self.require_open()
         self.slots.MEM_CellFreeEntry.call(self.handle, cell.address)
 
     def clear(self) -> None:
-        """Gives all cells back at once."""
+        """Frees all cells at once."""
         self.require_open()
         self.slots.MEM_CellClear.call(self.handle)
 
 
 class HashTable(_Owner):
-    """Records of one length with a key at a fixed place. One thread at a time.
+    """Records of one length with a key at a fixed offset. One thread at a time.
 
-    :param hash: bucket of a key, 0 to `buckets` - 1; without it a checksum of the key
+    :param hash: function from a key to its bucket, 0 to `buckets` - 1; without it a checksum
     """
 
     _close_slot = "MEM_HashClose"
@@ -178,7 +178,7 @@ class HashTable(_Owner):
                  area_kb: int = 64, subpool: int = 0) -> None:
         super().__init__(process)
         if key_length < 1 or not 0 <= key_offset <= record_length - key_length:
-            raise ValueError(f"a key of {key_length} bytes at {key_offset} does not lie within "
+            raise ValueError(f"a key of {key_length} bytes at {key_offset} is not within "
                              f"{record_length}")
         self.record_length = record_length
         self.key_length = key_length
@@ -191,7 +191,7 @@ class HashTable(_Owner):
                    subpool)
 
     def insert(self, record: bytes) -> tuple[Area, bool]:
-        """The table's copy, and whether it is new: else it is the record with the same key."""
+        """The table's copy and True; or the record that has the same key, and False."""
         self.require_open()
         if len(record) != self.record_length:
             raise ValueError(f"a record has {self.record_length} bytes, not {len(record)}")
@@ -209,7 +209,7 @@ class HashTable(_Owner):
         return bytes(key)
 
     def get(self, key: bytes) -> Area | None:
-        """The record with the key; None when there is none."""
+        """The record with the key, or None."""
         cell = ctypes.c_void_p()
         slot = self.slots.MEM_HashGetEntry
         result = slot(self.handle, self._key(key), cell)
@@ -220,7 +220,7 @@ class HashTable(_Owner):
         return Area(cell.value or 0, self.record_length, self)
 
     def delete(self, key: bytes) -> bool:
-        """Removes the record with the key; False when there is none."""
+        """Removes the record with the key; False if there is no such record."""
         slot = self.slots.MEM_HashDelEntry
         result = slot(self.handle, self._key(key))
         if result not in (0, _NO_KEY):
@@ -261,7 +261,7 @@ class Buffer(_Owner):
         self.slots.MEM_MemCat.call(self._block, text, len(raw) // 2)
 
     def append_until_zero(self, text: str) -> None:
-        """Appends text up to its first zero, as callers with terminated texts do."""
+        """Appends text up to its first zero, as the slot for terminated text does."""
         self.require_open()
         self.slots.MEM_Cat.call(self._block, text)
 
@@ -296,14 +296,14 @@ class SunkText(Generic[_Text]):
 
     @property
     def text(self) -> _Text:
-        """Read from the sink; only while the use lasts."""
+        """Read from the sink; only until the use is given up."""
         read: Callable[[int], Any] = wide_at if self.is_wide else narrow_at
         made: _Text = read(self.address)
         return made
 
 
 class Sink:
-    """The process's string sink: narrow text as bytes, wide text as str. Leaving the block gives
+    """The process's string sink: narrow text as bytes, wide text as str. The end of the block gives
     up the uses that were taken in it."""
 
     def __init__(self, process: "Process") -> None:
@@ -327,7 +327,7 @@ class Sink:
         return "MEM_WSink" if isinstance(text, str) else "MEM_Sink"
 
     def sink(self, text: _Text) -> SunkText[_Text]:
-        """Takes one more use of the shared copy, which is made when there is none."""
+        """Takes one more use of the shared copy, which is made for the first use."""
         cell = ctypes.c_void_p()
         self.process.slots[self._kind(text) + "String"].call(text, cell)
         use: SunkText[_Text] = SunkText(cell.value or 0, type(text))
@@ -335,7 +335,7 @@ class Sink:
         return use
 
     def verify(self, text: _Text) -> int | None:
-        """Address of the shared copy; None when there is none. Takes no use."""
+        """Address of the shared copy, or None. Takes no use."""
         cell = ctypes.c_void_p()
         slot = self.process.slots[self._kind(text) + "Verify"]
         result = slot(text, cell, None)
@@ -356,7 +356,7 @@ class Sink:
 
 
 class Storage(_Owner):
-    """Storage by subpool, given back when its block is left."""
+    """Storage by subpool, freed at the end of its block."""
 
     def __init__(self, process: "Process", length: int, subpool: int = 0) -> None:
         super().__init__(process)

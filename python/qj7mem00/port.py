@@ -6,17 +6,19 @@ import ctypes
 import struct
 from typing import Any
 
-from .definitions import (ADDRESSES, NUMBERS, Definitions, Field, Structure, array_bytes,
-                          narrow_bytes, wide_bytes)
+from .definitions import Definitions
 from .errors import GraphError
+from .port_definitions import Field, PortDefinitions, Structure
 from .process import Process, current_process
 from .records import RECORDS
+from .values import ADDRESSES, NUMBERS, array_bytes, narrow_bytes, terminated, wide_bytes
 
 _HEADER_LENGTH = 23
 _HEAP_KB = 256
 _MOST_VALUES = 10_000_000
 _POINTER = struct.Struct("<Q")
-_NUMBER = {name: struct.Struct("<" + code) for name, (_, code) in NUMBERS.items()}
+_NUMBER = {"Bit": struct.Struct("B"),
+           **{name: struct.Struct("<" + code) for name, (_, code) in NUMBERS.items()}}
 
 
 class Record(dict[str, Any]):
@@ -32,10 +34,10 @@ class Record(dict[str, Any]):
 # Reading
 
 class _Reader:
-    """Walks what the library's reader has made. No address is followed but that of an entry, and no
-    byte is read beyond it."""
+    """Walks the structures that the library's reader has made. It follows only addresses of
+    entries, and reads no byte outside of them."""
 
-    def __init__(self, entries: dict[int, int], definitions: Definitions) -> None:
+    def __init__(self, entries: dict[int, int], definitions: PortDefinitions) -> None:
         self._entries = entries
         self._texts = definitions.default_texts
         self._made: dict[int, Record] = {}
@@ -70,8 +72,8 @@ class _Reader:
             for index in range(times):
                 at = base + field.offset + index * field.length
                 if at + field.stored > len(raw):
-                    raise GraphError(f"{kind.name}: field {field.name} lies beyond the bytes that "
-                                     "the text gave it")
+                    raise GraphError(f"{kind.name}: field {field.name} ends after the bytes that "
+                                     "the text has for it")
                 values.append(self._value(kind, field, raw, at))
             record[field.name] = values if field is kind.repeated else values[0]
 
@@ -81,18 +83,18 @@ class _Reader:
             return 1
         at = base + kind.count.offset
         if at + kind.count.stored > len(raw):
-            raise GraphError(f"{kind.name}: field {kind.count.name} lies beyond the bytes that the "
-                             "text gave it")
+            raise GraphError(f"{kind.name}: field {kind.count.name} ends after the bytes that the "
+                             "text has for it")
         return kind.elements_of(_NUMBER[kind.count.type].unpack_from(raw, at)[0])
 
     def _address_at(self, field: Field, raw: bytes, base: int) -> int | None:
-        """None when the field lies beyond the bytes."""
+        """None if the field ends after the bytes."""
         at = base + field.offset
         return None if at + 8 > len(raw) else _POINTER.unpack_from(raw, at)[0]
 
     def _is_spoken_for(self, field: Field, raw: bytes, base: int) -> bool:
-        """Of fields that share bytes the text told one: a pointer when the bytes are an address of
-        what was read, else none of the pointers."""
+        """Whether the bytes of a field that shares them are another one's: a pointer's if they are
+        the address of something that was read, else a field's that is no pointer."""
         if field.is_address:
             address = self._address_at(field, raw, base)
             return bool(address) and not self._is_known(address)
@@ -128,7 +130,7 @@ class _Reader:
         if field.type == "Pnt" and field.target is not None and address in self._entries:
             return self._record(address, field.target)
         if field.type == "Pnt" or not self._is_known(address):
-            raise GraphError(f"{kind.name}: field {field.name} is a pointer to nothing that was "
+            raise GraphError(f"{kind.name}: field {field.name} points to nothing that was "
                              "read")
         raw = self._texts.get(address)
         if raw is None:
@@ -136,17 +138,17 @@ class _Reader:
         if field.type == "PStr":
             text, end, _ = raw.partition(b"\0")
             if not end:
-                raise GraphError(f"{kind.name}: field {field.name} is no string")
+                raise GraphError(f"{kind.name}: the string of field {field.name} has no end")
             return text.decode("utf-8", "surrogateescape")
         wide, end_unit, _ = raw[:len(raw) // 2 * 2].decode("utf-16-le",
                                                           "surrogatepass").partition("\0")
         if not end_unit:
-            raise GraphError(f"{kind.name}: field {field.name} is no string")
+            raise GraphError(f"{kind.name}: the string of field {field.name} has no end")
         return wide
 
 
 def _root_id(raw: bytes) -> int:
-    """The identifier of the first structure: digits from right to left behind the parenthesis."""
+    """The identifier of the first structure: digits from right to left after the parenthesis."""
     number, weight = 0, 1
     for digit in raw[_HEADER_LENGTH + 1:_HEADER_LENGTH + 11]:
         if not 0x30 <= digit <= 0x39:
@@ -161,17 +163,17 @@ def read_port_string(text: str | bytes, definitions: Any, *,
     """The structures of a port string as dicts, from the top-level one on.
 
     Pointers become references to dicts: shared ones are the same object, cycles are cycles. Numbers
-    are int; texts are str, with bytes that are no UTF-8 as surrogate escapes; Bin is bytes, Bit an
+    are int; texts are str, with bytes that are not UTF-8 as surrogate escapes; Bin is bytes, Bit an
     int of 8 bits; an embedded structure is a dict, a repeat field a list, a null pointer None. Of
-    fields that share bytes those are there that the bytes can be.
+    fields that share bytes, the dict has those that the bytes can be.
 
-    The text need not be trusted. :class:`MemError` when the library refuses it (``reason`` tells
-    why), :class:`GraphError` when what it leads to does not fit the definitions.
+    The text need not be trusted. :class:`MemError` if the library refuses it (``reason`` says why),
+    :class:`GraphError` if the structures do not match the definitions.
 
     :param definitions: :class:`Definitions`, or what they are made from
     :param process: an open :class:`Process`; without it the open one, or one for this call
     """
-    table = Definitions.of(definitions)
+    table = Definitions.of(definitions, "port").port
     raw = text.encode("utf-8", "surrogateescape") if isinstance(text, str) else bytes(text)
     with current_process(process) as used, used.heap(_HEAP_KB) as heap:
         cell = ctypes.c_void_p()
@@ -186,9 +188,9 @@ def read_port_string(text: str | bytes, definitions: Any, *,
 # Writing
 
 class _Writer:
-    """Lays structures and texts out as the library's writer wants to see them."""
+    """Puts structures and texts in storage, as the library's writer reads them."""
 
-    def __init__(self, definitions: Definitions) -> None:
+    def __init__(self, definitions: PortDefinitions) -> None:
         self._definitions = definitions
         self.arena = bytearray()
         self._places: dict[int, int] = {}  # offset of a dict's structure by the dict's id
@@ -198,7 +200,7 @@ class _Writer:
         self._keep: Any = None
 
     def lay_out(self, root: Any, structure: Structure) -> int:
-        """Address of the top-level structure; the arena lives as long as this."""
+        """Address of the top-level structure; the arena exists as long as this object."""
         self._node(root, structure)
         while self._waiting:
             node, kind = self._waiting.pop()
@@ -218,7 +220,7 @@ class _Writer:
             self._kinds[id(node)] = kind
             self._waiting.append((node, kind))
         elif known is not kind:
-            raise GraphError(f"one dict is meant to be a {known.name} and a {kind.name}")
+            raise GraphError(f"one dict is used as a {known.name} and as a {kind.name}")
         return id(node)
 
     def _append(self, raw: bytes) -> int:
@@ -249,7 +251,7 @@ class _Writer:
         if not isinstance(listed, (list, tuple)):
             raise GraphError(f"{kind.name}: field {kind.repeated.name} is a list")
         if counted is not None and kind.elements_of(counted) != len(listed):
-            raise GraphError(f"{kind.name}: {kind.count.name} does not tell the {len(listed)} "
+            raise GraphError(f"{kind.name}: {kind.count.name} is not for the {len(listed)} "
                              f"elements of {kind.repeated.name}")
         return len(listed)
 
@@ -293,7 +295,7 @@ class _Writer:
                 self._embed_nothing(field, at + field.offset)
 
     def _embed_nothing(self, field: Field, at: int) -> None:
-        """An embedded structure of zeros has to tell how many elements fill its field."""
+        """An embedded structure of zeros needs the count of the elements that fill its field."""
         kind = field.target
         if field.type != "Substructure" or kind is None:
             return
@@ -335,12 +337,12 @@ class _Writer:
             if value is not None:
                 self._string(field, value, place, pointers)
         else:
-            raw = array_bytes(field, value)
+            raw = array_bytes(field.type, field.length, value)
             self.arena[place:place + len(raw)] = raw
 
     def _embedded_elements(self, field: Field, value: dict[str, Any]) -> int:
-        """As many elements as fill the field, which readers ask for, unless the dict tells fewer:
-        the bytes may be another field's, too."""
+        """As many elements as fill the field, which readers need, unless the dict has fewer: the
+        bytes can be another field's, too."""
         kind = field.target
         if kind is None or kind.count is None or kind.repeated is None:
             return 1
@@ -353,12 +355,8 @@ class _Writer:
 
     def _string(self, field: Field, value: Any, place: int,
                 pointers: dict[int, tuple[str, Structure | None]]) -> None:
-        wide = field.type == "WPStr"
-        raw = wide_bytes(value) if wide else narrow_bytes(value)
-        zero = b"\0\0" if wide else b"\0"
-        if any(raw[at:at + len(zero)] == zero for at in range(0, len(raw), len(zero))):
-            raise GraphError("text with a zero in it")
-        self._text(field, raw + zero, place, pointers)
+        raw = wide_bytes(value) if field.type == "WPStr" else narrow_bytes(value)
+        self._text(field, terminated(field.type, raw), place, pointers)
 
     def _text(self, field: Field, raw: bytes, place: int,
               pointers: dict[int, tuple[str, Structure | None]]) -> None:
@@ -367,7 +365,7 @@ class _Writer:
 
     def _check_unions(self, kind: Structure, at: int,
                       pointers: dict[int, tuple[str, Structure | None]]) -> None:
-        """The writer writes all fields that share bytes: what it follows must be a pointer."""
+        """The writer writes all fields that share bytes: those that it follows must be pointers."""
         for field in kind.fields:
             if not field.is_address or not field.shares or field.not_ported:
                 continue
@@ -408,15 +406,17 @@ def write_port_string(graph: dict[str, Any], definitions: Any, root: str | int |
 
     The forms of values are those of :func:`read_port_string`; a field that is left out has its
     default or zeros, the field that counts elements follows from their list. :class:`GraphError`
-    names what does not fit the definitions.
+    names the value that does not match the definitions.
 
     :param root: name or id of the top-level structure; without it that of a :class:`Record`, else
         the first one of the definitions
     """
-    table = Definitions.of(definitions)
+    table = Definitions.of(definitions, "port").port
     if root is None:
         root = graph.kind if isinstance(graph, Record) else table.structures[0].name
-    structure = table.need(root)
+    structure = table.find(root)
+    if structure is None:
+        raise GraphError(f"there is no structure {root!r} in the definitions")
     writer = _Writer(table)
     address = writer.lay_out(graph, structure)
     with current_process(process) as used, used.heap(_HEAP_KB) as heap:

@@ -1,4 +1,4 @@
-"""Loading, binding and the life of a process and its threads."""
+"""Loading and binding the library; start and end of a process and its threads."""
 
 from __future__ import annotations
 
@@ -33,7 +33,7 @@ def _places() -> Iterator[Path]:
 
 
 def find_library() -> Path:
-    """Where the library is: named by the variable QJ7MEM00_LIBRARY, beside this package or
+    """The library's file: that of the variable QJ7MEM00_LIBRARY, next to this package, or
     installed under the prefix of Python, /usr/local or /usr."""
     named = os.environ.get(LIBRARY_VARIABLE)
     if named:
@@ -41,7 +41,7 @@ def find_library() -> Path:
     for place in _places():
         if place.exists():
             return place
-    raise FileNotFoundError(f"there is no {_FILE} beside the package or installed; name it, or set "
+    raise FileNotFoundError(f"{_FILE} is not next to the package nor installed; name it, or set "
                             f"{LIBRARY_VARIABLE}")
 
 
@@ -59,7 +59,7 @@ class Thread:
         self._process = process
 
     def __enter__(self) -> "Thread":
-        self._process.host.thread.clear_error()  # the call leaves what an earlier one recorded
+        self._process.host.thread.clear_error()  # the call does not clear it
         self._process.slots.MEM_ThreadAct.call()
         return self
 
@@ -76,14 +76,14 @@ class Process:
             with process.heap(area_kb=64) as heap:
                 area = heap.allocate(100)
 
-    Entering binds the library, starts the process and the calling thread; leaving ends them in the
-    reverse order. Other threads use ``with process.thread():``. A library can be bound once at a
-    time.
+    The block binds the library and starts the process and the calling thread; its end ends them in
+    reverse order. Other threads use ``with process.thread():``. A library can be bound only once at
+    a time.
 
-    :param library: the file; without it, :func:`find_library` looks for it
+    :param library: the file; without it, :func:`find_library` searches for it
     :param trace: called with each :class:`~qj7mem00.host.TraceRecord`
     :param trace_flags: which records are written; with `trace` entry and exit records, else none
-    :param storage_limit: bytes that the library may hold at once
+    :param storage_limit: most bytes that the library can hold at once
     """
 
     _bound: set[str] = set()
@@ -103,20 +103,20 @@ class Process:
         self._lists: tuple[Any, ...] = ()
         self._own_thread = Thread(self)
         self._key = os.path.realpath(self.path)
-        self._is_for_others = True  # calls without a process take it
+        self._is_for_others = True  # used by calls without a process
         self._watchers = 0
         self._watch_lock = threading.Lock()
         # The slot's own function, its replacement, and what they are made of
         self._watched: tuple[int, Any, Any] | None = None
         self.is_open = False
 
-    # Life
+    # Start and end
 
     def bind(self) -> None:
-        """Fills the slots. Entering does it."""
+        """Fills the slots. The begin of the block does it."""
         with self._bind_lock:
             if self._key in self._bound:
-                raise RuntimeError(f"{self.path} is bound already; one Process at a time")
+                raise RuntimeError(f"{self.path} is already bound: use one Process at a time")
             self._bound.add(self._key)
         vectors = self.host.vectors
         hosts: list[Any] = [None] * CONSTANTS["MEM_HOST_VECTORS"]
@@ -133,7 +133,7 @@ class Process:
                          CONSTANTS["MEM_MODE_BIND"])
 
     def unbind(self) -> None:
-        """Clears the slots. Leaving does it."""
+        """Clears the slots. The end of the block does it."""
         self._bind_entry(None, None, None, 0, 0)
         with self._bind_lock:
             self._bound.discard(self._key)
@@ -145,7 +145,7 @@ class Process:
             self._own_thread.__enter__()
         except BaseException:
             try:
-                self.slots.MEM_ProcessTerm()  # releases what there is
+                self.slots.MEM_ProcessTerm()  # frees what is left
             finally:
                 self.unbind()
             raise
@@ -212,7 +212,7 @@ _one_at_a_time = threading.RLock()  # of the processes that calls open for thems
 
 @contextlib.contextmanager
 def current_process(process: Process | None) -> Iterator[Process]:
-    """This process, or the one that is open, or one for the time of the block."""
+    """This process, or the open one, or a new one for the duration of the block."""
     if process is None and Process._open:
         process = Process._open[-1]
     if process is not None:
@@ -226,8 +226,8 @@ def current_process(process: Process | None) -> Iterator[Process]:
 
 
 class EntryWatch:
-    """While it lasts, slot 14 notes the entries that this thread allocates in one heap, as address
-    and length in ``entries``. Other heaps' and other threads' calls pass through."""
+    """Within the block, slot 14 notes the entries that this thread allocates in one heap, as
+    address and length in ``entries``. Calls for other heaps and of other threads pass through."""
 
     _SLOT = next(row for row in CONTRACT["slots"] if row["name"] == "MEM_HeapAllocEntryLong")
 

@@ -1,7 +1,7 @@
 """The contract's records as :mod:`ctypes` structures, made from their offsets.
 
 ``RECORDS["MEMThreadEnv"]`` is the class of a record. Pointers are addresses (``c_void_p``), texts
-``c_char`` arrays, wide units ``c_uint16``. A layout that differs from the contract ends the import.
+``c_char`` arrays, wide units ``c_uint16``. The import fails if a layout differs from the contract.
 """
 
 from __future__ import annotations

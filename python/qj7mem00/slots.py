@@ -57,7 +57,7 @@ def _cell_check(place: str, target: str, is_constant: bool) -> _Check:
     def check(value: Any) -> int | None:
         if isinstance(value, (wanted, ctypes.Array)):
             if isinstance(value, ctypes.Array) and value._type_ is not wanted:
-                raise TypeError(f"{place} leads to {target}, not to {value._type_.__name__}")
+                raise TypeError(f"{place} points to {target}, not to {value._type_.__name__}")
             return ctypes.addressof(value)
         return _address(place, value)
     return check
@@ -75,7 +75,7 @@ def _record_check(place: str, target: str, is_constant: bool) -> _Check:
             if ctypes.sizeof(value) < least:
                 raise ValueError(f"{place} has {least} bytes or more")
             return ctypes.addressof(value)
-        if isinstance(value, ctypes.c_void_p):  # holds the address
+        if isinstance(value, ctypes.c_void_p):  # contains the address
             return value.value
         return _address(place, value)
     return check
@@ -89,7 +89,7 @@ def _bytes_check(place: str, is_constant: bool) -> _Check:
         if isinstance(value, ctypes.c_void_p):
             return value.value
         if isinstance(value, bytes) and is_constant:
-            return value  # ends with a zero of its own
+            return value  # has a zero at its end
         if isinstance(value, bytearray):
             return ctypes.addressof(ctypes.c_char.from_buffer(value))
         return _address(place, getattr(value, "address", value))
@@ -126,9 +126,10 @@ def _pointer_check(place: str, entry: dict[str, Any]) -> _Check:
 class Slot:
     """One service. Calling it returns what the library returns; :meth:`call` raises failures.
 
-    Numbers must have the width of the contract. For pointers stand None, an address, an object of
-    the ctypes type (``RECORDS``, ``c_void_p``, ``c_uint32``), for constant bytes ``bytes``, for
-    wide text ``str``, for functions a Python function, which lives as long as the process.
+    Numbers must have the width of the contract. A pointer takes None, an address or an object of
+    the ctypes type (``RECORDS``, ``c_void_p``, ``c_uint32``); constant bytes take ``bytes``, wide
+    text takes ``str``, and a function takes a Python function, which is kept until the process
+    ends.
     """
 
     def __init__(self, slots: "Slots", entry: dict[str, Any]) -> None:
@@ -168,7 +169,7 @@ class Slot:
 
     @property
     def function(self) -> Any:
-        """What the slot holds now, as a ctypes function without checks."""
+        """The slot's present function, as a ctypes function without checks."""
         address = self._vector[self.number]
         if address != self._at or address is None:
             if address is None:
@@ -183,7 +184,7 @@ class Slot:
         checked = [check(value) for check, value in zip(self._checks, arguments)]
         state = self._host.thread
         state.reason = ""
-        at = self._vector[self.number]  # a host may replace what it holds at any time
+        at = self._vector[self.number]  # a host can replace its function at any time
         function = self._function if at == self._at and at is not None else self.function
         result = function(*checked)
         if state.pending is not None:
@@ -191,7 +192,7 @@ class Slot:
         return result
 
     def call(self, *arguments: Any) -> Any:
-        """The same; a failure raises MemError: a result that is not 0, or a null address."""
+        """Calls the service. A result that is not 0, or a null address, raises MemError."""
         result = self(*arguments)
         if (result is None or result == 0) if self._returns_address else result:
             self._host.fail(self.name, result or 0)

@@ -1,7 +1,7 @@
-"""What a Python host hands out as storage, with an account of it.
+"""The storage of a Python host, with an account of it.
 
-Every area is zero-filled and 16-byte aligned. Small ones are byte arrays, others anonymous maps,
-whose pages can be made read-only. Any number of threads.
+Every area is filled with zeros and aligned to 16 bytes. Small ones are byte arrays, others
+anonymous maps, whose pages can be made read-only. Any number of threads can use it.
 """
 
 from __future__ import annotations
@@ -20,7 +20,7 @@ _MAPPED_LENGTH = 65536
 _PROTECTED_SUBPOOL: int = CONSTANTS["MEM_SINK_SUBPOOL"]
 _READ_ONLY: int = CONSTANTS["MEM_PROTECT_READ_ONLY"]
 _WRITABLE: int = CONSTANTS["MEM_PROTECT_WRITABLE"]
-POOL_KIND = 0xFFFF  #: kind of what GetPoolStorage hands out
+POOL_KIND = 0xFFFF  #: kind of the storage that GetPoolStorage allocates
 
 _Protect = Callable[[int, int, bool], bool]
 
@@ -62,7 +62,7 @@ class Account:
 
 @dataclass(frozen=True)
 class Leak:
-    """An area that has not been given back."""
+    """An area that has not been freed."""
 
     address: int
     length: int
@@ -79,7 +79,7 @@ class _Area:
 
 
 class Storage:
-    """The areas handed out, by address."""
+    """The allocated areas, by address."""
 
     def __init__(self, limit: int) -> None:
         self._limit = limit
@@ -89,11 +89,11 @@ class Storage:
         self._accounts: dict[tuple[int, int], Account] = {}
         self._all = Account()
         self._protect = _protector()
-        #: wrong calls: areas that were returned twice, or with another length or subpool
+        #: misuse: areas that were freed twice, or with another length or subpool
         self.misuses: list[str] = []
 
     def obtain(self, length: int, subpool: int, kind: int) -> int:
-        """Address of a new area, 0 when there is none."""
+        """Address of a new area; 0 if there is no storage or the limit is reached."""
         keeper: bytearray | mmap.mmap
         with self._lock:
             if self._all.live_bytes + length > self._limit:
@@ -114,7 +114,7 @@ class Storage:
         return address
 
     def give_back(self, address: int, length: int | None, subpool: int, pool: bool) -> None:
-        """Releases an area. A length of None is not compared."""
+        """Frees an area. A length of None is not compared."""
         with self._lock:
             area = self._areas.pop(address, None)
             if area is None:
@@ -126,7 +126,7 @@ class Storage:
             if (length is not None and length != area.length) or subpool != area.subpool or (
                     pool != (area.kind == POOL_KIND)):
                 self.misuses.append(f"{address:#x}, {area.length} bytes of subpool {area.subpool}, "
-                                    f"was returned with {length} and {subpool}")
+                                    f"was freed with {length} and {subpool}")
         if isinstance(area.keeper, mmap.mmap):
             area.keeper.close()
 
@@ -138,13 +138,13 @@ class Storage:
         return base, self._areas[base]
 
     def covers(self, address: int, length: int) -> bool:
-        """Whether the range lies in one live area."""
+        """Whether the range is within one live area."""
         with self._lock:
             found = self._area_at(address)
             return found is not None and address + length <= found[0] + found[1].length
 
     def protect(self, address: int, length: int, subpool: int, mode: int) -> bool:
-        """Changes the pages that the range touches."""
+        """Changes the pages with bytes of the range."""
         with self._lock:
             found = self._area_at(address)
             if found is None or mode not in (_READ_ONLY, _WRITABLE):
@@ -170,7 +170,7 @@ class Storage:
             return made
 
     def leaks(self) -> list[Leak]:
-        """What is still out, by address."""
+        """The areas that have not been freed, by address."""
         with self._lock:
             return [Leak(address, area.length, area.subpool, area.kind)
                     for address, area in sorted(self._areas.items())]

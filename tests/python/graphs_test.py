@@ -1,5 +1,6 @@
 """Random graphs: those that C++ writes are read in Python and those that Python writes in C++,
-10,000 each way, and both make the same of them."""
+10,000 each way, and both make the same of them. With random defaults, too: then memtool encodes
+what Python writes."""
 
 import json
 import os
@@ -9,31 +10,13 @@ import unittest
 from typing import Any, Iterator
 
 import qj7mem00
+from memtool import PROGRAM, Memtool, value_json
 from qj7mem00.definitions import Definitions, Field, Structure
 
 GRAPHS = 10_000
 SEED = int(os.environ.get("MEM_TEST_SEED", "20261122"))
-PROGRAM = os.environ["MEM_PYTHON_GRAPHS"]
+DEFAULT_SETS = 150
 WORDS = ["", "plain", "quote \" slash /", "größer", "🙂 smile", "a//b", "  blanks  ", "x" * 40]
-
-
-def narrow(value: str) -> Any:
-    """Text in the form of memtool: what is no UTF-8 is hexadecimal."""
-    raw = value.encode("utf-8", "surrogateescape")
-    try:
-        raw.decode("utf-8")
-    except UnicodeDecodeError:
-        return {"hex": raw.hex().upper()}
-    return value
-
-
-def wide(value: str) -> Any:
-    raw = value.encode("utf-16-le", "surrogatepass")
-    try:
-        return raw.decode("utf-16-le")
-    except UnicodeDecodeError:
-        return {"units": [int.from_bytes(raw[at:at + 2], "little")
-                          for at in range(0, len(raw), 2)]}
 
 
 class Listing:
@@ -78,23 +61,17 @@ class Listing:
             return self._label(value)
         if field.type == "Substructure" and field.target is not None:
             return self._fields(value, field.target)
-        if field.type == "Bin":
-            return value.hex().upper()
-        if field.type in ("Char", "CharSZ", "PStr"):
-            return narrow(value)
-        if field.type in ("WChar", "WCharSZ", "WPStr"):
-            return wide(value)
-        if field.type in ("BigInt", "UBigInt"):
-            return str(value)
-        return value
+        return value_json(value, field.type)
 
 
 class Maker:
     """Random graphs of dicts over given definitions."""
 
-    def __init__(self, definitions: Definitions, chance: random.Random) -> None:
+    def __init__(self, definitions: Definitions, chance: random.Random,
+                 filled: float = 0.9) -> None:
         self._definitions = definitions
         self._chance = chance
+        self._filled = filled  # of the fields that need no value
         self._made: dict[str, list[qj7mem00.Record]] = {}
         self._left = chance.randrange(1, 12)
 
@@ -118,11 +95,11 @@ class Maker:
                 continue  # the writer would take the bytes for an address
             taken.append(field)
             if field is kind.repeated:
-                record[field.name] = [self._value(field) for _ in range(elements)]
-            elif field.required or self._chance.random() < 0.9:
-                record[field.name] = self._value(field)
+                record[field.name] = [self.value(field) for _ in range(elements)]
+            elif field.required or self._chance.random() < self._filled:
+                record[field.name] = self.value(field)
 
-    def _value(self, field: Field) -> Any:
+    def value(self, field: Field) -> Any:
         chance = self._chance
         bits = {"Short": (16, True), "UShort": (16, False), "Long": (32, True),
                 "ULong": (32, False), "BigInt": (64, True), "UBigInt": (64, False),
@@ -173,6 +150,36 @@ def definition_sets(count: int) -> Iterator[dict[str, Any]]:
         yield defs
 
 
+def add_defaults(defs: dict[str, Any], chance: random.Random) -> None:
+    """Defaults for some fields, as JSON."""
+    maker = Maker(Definitions(defs), chance)
+    for structure, listed in zip(Definitions(defs).structures, defs["structures"]):
+        for field, made in zip(structure.fields, listed["fields"]):
+            if chance.random() < 0.5 or field.type == "Pnt":
+                continue
+            if field.type == "Substructure":
+                if field.target is not None and all(
+                        not inner.is_address and inner.type != "Substructure"
+                        for inner in field.target.fields) and field.target.count is None:
+                    made["default"] = chance.randbytes(field.length).hex().upper()
+            elif field.type in ("BigInt", "UBigInt"):
+                made["default"] = str(chance.getrandbits(32))
+            else:
+                made["default"] = value_json(maker.value(field), field.type)
+
+
+def shown_by(memtool: Memtool, text: bytes) -> Any:
+    """With the definitions in defs.json."""
+    memtool.write("in.port", text)
+    return json.loads(memtool.output("port", "in.port", "--defs", "defs.json", "--json"))
+
+
+def encoded_by(memtool: Memtool, graph: dict[str, Any]) -> bytes:
+    memtool.write("graph.json", graph)
+    memtool.output("port", "--encode", "graph.json", "--defs", "defs.json", "-o", "out.port")
+    return (memtool.folder / "out.port").read_bytes()
+
+
 class GraphsTest(unittest.TestCase):
     def test_written_in_cpp_read_in_python(self) -> None:
         with qj7mem00.Process() as process, subprocess.Popen(
@@ -213,6 +220,28 @@ class GraphsTest(unittest.TestCase):
                 seen |= {field.type for kind in definitions.structures for field in kind.fields}
             program.stdin.close()
         self.assertEqual(len(seen), 16)
+
+    def test_encoded_by_memtool_with_defaults(self) -> None:
+        chance = random.Random(SEED)
+        same = 0
+        with qj7mem00.Process(), Memtool() as memtool:
+            for number, defs in enumerate(definition_sets(DEFAULT_SETS)):
+                add_defaults(defs, chance)
+                definitions = Definitions(defs)
+                memtool.write("defs.json", defs)
+                for turn in range(4):
+                    graph = Maker(definitions, chance, 0.5).graph()
+                    text = qj7mem00.write_port_string(graph, definitions)
+                    back = Listing(definitions).make(
+                        qj7mem00.read_port_string(text, definitions))
+                    with self.subTest(set=number, turn=turn, seed=SEED):
+                        self.assertEqual(shown_by(memtool, text), back)
+                        encoded = encoded_by(memtool, Listing(definitions).make(graph))
+                        same += encoded == text
+                        if encoded != text:  # an embedded structure without its elements
+                            with self.assertRaises(qj7mem00.MemError):
+                                qj7mem00.read_port_string(encoded, definitions)
+        self.assertGreater(same, 4 * DEFAULT_SETS * 9 // 10)
 
     def assert_holds(self, wanted: Any, found: Any, definitions: Definitions,
                      done: set[int]) -> None:

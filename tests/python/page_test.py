@@ -104,7 +104,8 @@ class BlocksTest(ProcessTest):
                     names["definitions"] = "python/examples/catalog.chain.json"
                 exec(compile(textwrap.dedent(part), "docs/python.md", "exec"), names)
                 done += 1
-        self.assertEqual(done, 4)
+        self.assertEqual(done, 5)
+        self.assertIn(f"# {names['again'][0]!r}\n", PAGE)
         self.assertEqual(names["order"]["amount"], -305)
 
 

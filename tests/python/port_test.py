@@ -92,13 +92,13 @@ class PortTest(ProcessTest):
                 ({"amount": 1, "first": {"key": b"123", "asText": None}},
                  "Item.key: 3 bytes instead of 2"),
                 ({"amount": 1, "first": {"asNumber": 5}}, "would take them for an address"),
-                ({"amount": 1, "count": 2, "parts": [1]}, "does not tell the 1 elements"),
+                ({"amount": 1, "count": 2, "parts": [1]}, "count is not for the 1 elements"),
         ):
             with self.subTest(order), self.assertRaisesRegex(qj7mem00.GraphError, words):
                 qj7mem00.write_port_string(order, DEFINITIONS)
         shared: dict[str, Any] = {"amount": 1}
         shared["first"] = shared
-        with self.assertRaisesRegex(qj7mem00.GraphError, "meant to be a Order and a Item"):
+        with self.assertRaisesRegex(qj7mem00.GraphError, "used as a Order and as a Item"):
             qj7mem00.write_port_string(shared, DEFINITIONS)
         with self.assertRaisesRegex(qj7mem00.GraphError, "no structure 'Absent'"):
             qj7mem00.write_port_string({}, DEFINITIONS, "Absent")
@@ -136,7 +136,7 @@ class PortTest(ProcessTest):
                 {"id": 1, "name": "number", "type": "Long", "offset": 0}]}]})
         text = qj7mem00.write_port_string({"big": {"key": bytes(64)}}, definitions)
         head, _, _ = text.partition(b"(2<")
-        with self.assertRaisesRegex(qj7mem00.GraphError, "lies beyond the bytes"):
+        with self.assertRaisesRegex(qj7mem00.GraphError, "ends after the bytes"):
             qj7mem00.read_port_string(head + b"(3<1N5>)", definitions)
 
 
@@ -156,7 +156,7 @@ class DefinitionsTest(unittest.TestCase):
                 self.assertEqual(kind.fields[0].default, low)
         for default in ("", "five", "1.5", "65536", "--1"):
             with self.subTest(default=default), self.assertRaisesRegex(
-                    qj7mem00.DefinitionError, r"default: expected a number, 0 to 65535"):
+                    qj7mem00.DefinitionError, r"default: expected a whole number from 0 to 65535"):
                 Definitions({"structures": [{"id": 1, "length": 8, "fields": [
                     {"id": 1, "type": "UShort", "offset": 0, "default": default}]}]})
 
@@ -164,14 +164,14 @@ class DefinitionsTest(unittest.TestCase):
         def field(index: int, **changes: Any) -> Any:
             return lambda list: list[0]["fields"][index].update(changes)
         for words, change in (
-                (r"structures\[0\].id: expected a number", lambda list: list[0].update(id=0)),
+                (r"structures\[0\].id: expected a whole number", lambda list: list[0].update(id=0)),
                 (r"structures\[1\]: a second structure with the id 12",
                  lambda list: list[1].update(id=12)),
                 (r"structures\[0\]: unknown key 'size'", lambda list: list[0].update(size=1)),
                 (r"fields\[0\].type: unknown type", field(0, type="Integer")),
-                (r"fields\[0\]: 4 bytes at 38 lie beyond the structure's 40", field(0, offset=38)),
+                (r"fields\[0\]: 4 bytes at 38 end after the structure's 40", field(0, offset=38)),
                 (r"fields\[1\]: the ids of fields must ascend", field(1, id=1)),
-                (r"fields\[1\]: length is missing",
+                (r'fields\[1\]: "length" is missing',
                  lambda list: list[0]["fields"][1].pop("length")),
                 (r"fields\[1\].default: text with a zero", field(1, default="a\0b")),
                 (r"fields\[2\].structure: no such structure", field(2, structure="Absent")),

@@ -3,13 +3,21 @@
 //   python_graphs make SEED COUNT   random graphs: {"defs", "text", "graph"}
 //   python_graphs read              of {"defs", "text"} the graph that memtool reads, or {"error"};
 //                                   without "defs" those of the line before hold
+//   python_graphs trees SEED COUNT  chains of all writers in turn: {"writer", "defs", "chain"}
+//   python_graphs memtool           runs memtool with the arguments in a line: {"code", "out",
+//   "err"}
 //
-// Texts are hexadecimal. "graph" has the form of `memtool port --defs --json`.
+// Texts and chains are hexadecimal. "graph" has the form of `memtool port --defs --json`.
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <vector>
 
+#include "chaindefsjson.hpp"
+#include "chainwriter.hpp"
+#include "memtool_run.hpp"
 #include "port_decode.hpp"
 #include "port_report.hpp"
 #include "port_values.hpp"
@@ -64,15 +72,44 @@ class Graphs {
   std::unique_ptr<memtool::PortDefinitions> definitions_;
 };
 
+void makeTree(std::uint64_t seed) {
+  const std::vector<chainwriter::Writer> &writers = chainwriter::allWriters();
+  const chainwriter::Writer &writer = writers[seed % writers.size()];
+  const chainwriter::Tree tree = chainwriter::randomTree(seed);
+  const std::size_t blockLen = chainwriter::smallestBlockLen(tree, writer) + 500;
+  const chainwriter::Bytes bytes = chainwriter::write(tree, writer, blockLen).file();
+  const Json line{{"writer", writer.name()},
+                  {"defs", memtest::chainDefinitionsJson(tree, writer.pointerWidth)},
+                  {"chain", memtool::portHex(std::string(bytes.begin(), bytes.end()))}};
+  std::cout << line.dump() << std::endl;
+}
+
+void runTool(const std::string &line) {
+  std::ostringstream out;
+  std::ostringstream err;
+  memtool::Console console(out, err, {false, false, 80});
+  const int code = memtool::runMemtool(Json::parse(line).get<std::vector<std::string>>(), console);
+  const Json answer{{"code", code}, {"out", out.str()}, {"err", err.str()}};
+  std::cout << answer.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+}
+
 }  // namespace
 
 int main(int count, char **words) {
-  Graphs graphs;
   const std::string mode = count > 1 ? words[1] : "";
-  if (mode == "make" && count == 4) {
-    const std::uint64_t first = std::strtoull(words[2], nullptr, 10);
-    const std::uint64_t graphCount = std::strtoull(words[3], nullptr, 10);
-    for (std::uint64_t seed = first; seed < first + graphCount; ++seed) graphs.make(seed);
+  const std::uint64_t first = count == 4 ? std::strtoull(words[2], nullptr, 10) : 0;
+  const std::uint64_t end = count == 4 ? first + std::strtoull(words[3], nullptr, 10) : 0;
+  if (mode == "trees") {
+    for (std::uint64_t seed = first; seed < end; ++seed) makeTree(seed);
+    return 0;
+  }
+  if (mode == "memtool") {
+    for (std::string line; std::getline(std::cin, line);) runTool(line);
+    return 0;
+  }
+  Graphs graphs;
+  if (mode == "make") {
+    for (std::uint64_t seed = first; seed < end; ++seed) graphs.make(seed);
     return 0;
   }
   if (mode != "read") return 2;

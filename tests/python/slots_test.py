@@ -243,7 +243,7 @@ class ArgumentsTest(ProcessTest):
         slots.MEM_HashClose.call(table)
 
     def test_a_closed_library_is_not_called(self) -> None:
-        with self.assertRaisesRegex(RuntimeError, "bound already"):
+        with self.assertRaisesRegex(RuntimeError, "already bound"):
             with qj7mem00.Process():
                 pass
         other = qj7mem00.Process()

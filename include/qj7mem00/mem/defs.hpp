@@ -374,7 +374,7 @@ inline std::string segmentInJson(Keys head, std::vector<SegmentField> members) {
     const std::string &name = names.add(member.pName, "field", static_cast<std::uint32_t>(id));
     if (member.isNext) head.addText("next", name);
     fields.push_back(segmentFieldInJson(member, id, name));
-    // Bytes at the end go on without the key, which the Python package does not know.
+    // Bytes at the end go on without the key.
     const bool isBytesAtEnd = id == members.size() && member.pType == std::string_view("Bin");
     if (member.goesOn && !isBytesAtEnd) fields.back().addFlag("toEnd", true);
   }

@@ -120,15 +120,15 @@ TEST_F(ExchangeCollector, RecognisesResultsThatComeTwice) {
 }
 
 TEST_F(ExchangeCollector, SetsAsideWhatIsNoResult) {
-  expectSetAside({}, 0, "a result of no job");
+  expectSetAside({}, 0, "a result without the number of a job");
   expectSetAside({{"job", "0"}}, 0, "a result without a chain");
   Message stranger = results_[0];
   stranger["job"] = std::to_string(jobs_.count());
-  expectSetAside(stranger, 0, "a result of no job");
+  expectSetAside(stranger, 0, "a result without the number of a job");
   stranger["job"] = "-1";
-  expectSetAside(stranger, 0, "a result of no job");
+  expectSetAside(stranger, 0, "a result without the number of a job");
   stranger["job"] = "1 ";
-  expectSetAside(stranger, 0, "a result of no job");
+  expectSetAside(stranger, 0, "a result without the number of a job");
   expectCompletes();
 }
 
@@ -146,7 +146,7 @@ TEST_F(ExchangeCollector, SetsAsideBytesThatCannotBeUnpackedWithCodeAndText) {
   EXPECT_TRUE(verdict.reason.starts_with("MEM_Unpack failed: 4075 MEMERR_PACKCBVR"))
       << verdict.reason;
   expectSetAside(withChain(0, std::string((std::size_t{16} << 20) + 1, 'x')), 0,
-                 "the chain is too long");
+                 "the chain has 16777217 bytes, more than 16777216");
   expectCompletes();
 }
 

@@ -1,5 +1,5 @@
-// The library beside what programmers use instead, on the same work, in one process and one run.
-// bench/performance.py makes docs/performance.md of the figures.
+// The library compared with what programmers use instead, on the same work, in one process and one
+// run. bench/performance.py makes docs/performance.md from the figures.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>

@@ -8,7 +8,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -253,12 +252,5 @@ void addAll() {
 }  // namespace bench
 
 int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  bench::keepMemory();
-  bench::addAll();
-  benchmark::RunSpecifiedBenchmarks();
-  if (bench::everyCheckPassed()) return 0;
-  std::fprintf(stderr, "checkbench: some work is not done as it should be; see its message\n");
-  return 1;
+  return bench::runBenchmarks(argc, argv, "checkbench", bench::addAll);
 }

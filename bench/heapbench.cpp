@@ -87,8 +87,8 @@ void MallocChurn(benchmark::State &state) {
 }
 BENCHMARK(MallocChurn)->Arg(16)->Arg(64)->Arg(256);
 
-// ---- Entries of one enhanced heap, from one and from two threads. A heap keeps freed entries until
-// it is closed, so the number of iterations is fixed.
+// ---- Entries of one enhanced heap, from one and from two threads. A heap keeps the storage of all
+// its entries until it is closed, so the number of iterations is fixed.
 
 constexpr std::int32_t kEntryLen = 48;
 constexpr std::size_t kBatch = 100;

@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -457,12 +456,5 @@ void addAll() {
 }  // namespace bench
 
 int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  bench::keepMemory();
-  bench::addAll();
-  benchmark::RunSpecifiedBenchmarks();
-  if (bench::everyCheckPassed()) return 0;
-  std::fprintf(stderr, "workloadbench: some work is not done as it should be; see its message\n");
-  return 1;
+  return bench::runBenchmarks(argc, argv, "workloadbench", bench::addAll);
 }

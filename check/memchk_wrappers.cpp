@@ -58,6 +58,12 @@ class Call {
     if (isWatched() && isComponents()) layer_->useHandle(pHandle, place());
   }
 
+  // Changes what is only counted, if a layer is attached.
+  template <class Change>
+  void change(Change changeCounts) const {
+    if (isWatched()) layer_->change(changeCounts);
+  }
+
   // Counts the call and returns its result.
   template <class Result>
   Result finish(Result result, bool failed) const noexcept {
@@ -300,8 +306,8 @@ std::int16_t openTable(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t KeyLe
   const Call call(20, MEMCHK_CALLER);
   const std::int16_t result =
       inner.MEM_HashOpen(phHash, KeyOff, KeyLen, Max, pFunc, AreaLen, SubPool);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       TableRecord &table = counted.tables[*phHash];
       table = {};
       table.opened = call.place();
@@ -318,8 +324,8 @@ std::int16_t openTable(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t KeyLe
 std::int16_t closeTable(HMEMHASH hMemHash) noexcept {
   const Call call(21, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_HashClose(hMemHash);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       counted.tableCount.closed += counted.tables.erase(hMemHash);
     });
   }
@@ -328,8 +334,7 @@ std::int16_t closeTable(HMEMHASH hMemHash) noexcept {
 
 template <class Change>
 void changeTable(const Call &call, HMEMHASH hMemHash, Change change) {
-  if (!call.isWatched()) return;
-  call->change([&](Layer::Counted &counted) {
+  call.change([&](Layer::Counted &counted) {
     const auto found = counted.tables.find(hMemHash);
     if (found != counted.tables.end()) change(found->second);
   });
@@ -375,8 +380,8 @@ std::int16_t scanTable(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm) noexcep
 std::int16_t openBuffer(MEMCatCB *pCatCB) noexcept {
   const Call call(26, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_CatOpen(pCatCB);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       BufferRecord buffer;
       buffer.opened = call.place();
       buffer.storage = buffer.peakStorage = pCatCB->BlkLen;
@@ -391,8 +396,8 @@ std::int16_t openBuffer(MEMCatCB *pCatCB) noexcept {
 std::int16_t closeBuffer(MEMCatCB *pCatCB) noexcept {
   const Call call(27, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_CatClose(pCatCB);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       counted.bufferCount.closed += counted.buffers.erase(pCatCB);
     });
   }
@@ -403,8 +408,8 @@ std::int16_t closeBuffer(MEMCatCB *pCatCB) noexcept {
 std::int16_t appendText(MEMCatCB *pCatCB, const char16_t *pText, std::int32_t Len) noexcept {
   const Call call(29, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_MemCat(pCatCB, pText, Len);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       const auto found = counted.buffers.find(pCatCB);
       if (found == counted.buffers.end()) return;
       BufferRecord &buffer = found->second;
@@ -440,8 +445,8 @@ template <std::uint32_t slot, auto service, class Unit>
 std::int16_t deleteText(const Unit *pSunk) noexcept {
   const Call call(slot, MEMCHK_CALLER);
   const std::int16_t result = (inner.*service)(pSunk);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       const auto copy = counted.sink.byAddress.find(pSunk);
       if (copy == counted.sink.byAddress.end()) return;
       counted.sink.asked.remove(copy->second.bytes);
@@ -457,20 +462,18 @@ template <std::uint32_t slot, auto service, class Unit>
 std::int16_t verifyText(const Unit *pText, const Unit **ppSunk, void *pReserved) noexcept {
   const Call call(slot, MEMCHK_CALLER);
   const std::int16_t result = (inner.*service)(pText, ppSunk, pReserved);
-  if (call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
-      if (result == 0) ++counted.sink.found;
-      if (result == MEMERR_SINKNFND) ++counted.sink.notFound;
-    });
-  }
+  call.change([&](Layer::Counted &counted) {
+    if (result == 0) ++counted.sink.found;
+    if (result == MEMERR_SINKNFND) ++counted.sink.notFound;
+  });
   return call.finish(result);
 }
 
 std::int16_t endSink() noexcept {
   const Call call(32, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_SinkTerm();
-  if (result == 0 && call.isWatched()) {
-    call->change([](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([](Layer::Counted &counted) {
       counted.sink.asked.removeAll();
       counted.sink.copies.removeAll();
       counted.sink.byAddress.clear();

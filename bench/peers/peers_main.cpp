@@ -2,15 +2,10 @@
 // run. bench/performance.py makes docs/performance.md from the figures.
 #include <benchmark/benchmark.h>
 
-#include <cstdio>
-
 #include "peers_tables.hpp"
 #include "peers_work.hpp"
 
-int main(int argc, char **argv) {
-  bench::keepMemory();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+static void addAll() {
   benchmark::AddCustomContext("compiler", __VERSION__);
   bench::addFloors();
   bench::addHeaps();
@@ -20,8 +15,8 @@ int main(int argc, char **argv) {
   bench::addTexts();
   bench::addSinks();
   bench::addConcatenation();
-  benchmark::RunSpecifiedBenchmarks();
-  if (bench::everyCheckPassed()) return 0;
-  std::fprintf(stderr, "peerbench: some work is not done as it should be; see its message\n");
-  return 1;
+}
+
+int main(int argc, char **argv) {
+  return bench::runBenchmarks(argc, argv, "peerbench", addAll);
 }

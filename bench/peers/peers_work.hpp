@@ -33,14 +33,12 @@
 
 namespace bench {
 
-// By default the C library returns large blocks to the system with every free, and gets them again as
-// pages of zeros. For some works that would be most of the cost, so the memory is kept for all.
-void keepMemory();
-
 // Runs `check` unless it has run under this name. If it fails, the benchmark is marked as failed and
 // the program ends with a failure.
 bool passes(benchmark::State &state, const std::string &name, const std::function<void()> &check);
-bool everyCheckPassed();
+// Runs the benchmarks that `add` registers, as the main function of a program with this name.
+// Returns the exit code: 1 if the check of a work has failed, 2 for unknown arguments.
+int runBenchmarks(int argc, char **argv, const char *program, void (*add)());
 
 // The host calls of a work, counted once per name.
 HostCalls countedCalls(const std::string &name, const std::function<HostCalls()> &count);

@@ -1,5 +1,5 @@
-// Chains of foreign writers for benchmarks: a catalogue of records with texts, and the blocks in one
-// area, which one copy restores.
+// Chains of foreign writers for benchmarks: a catalogue of records with texts, and the blocks in
+// one area, which one copy restores.
 #pragma once
 
 #include <algorithm>

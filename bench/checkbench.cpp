@@ -209,8 +209,8 @@ void add(const std::string &name, const NamedMode &mode) {
              [mode](BenchSession &session) { return Work(session, mode.mode); });
 }
 
-// Bytes for an entry, allocated from the host and by the layer itself. Areas of this host have pages
-// of their own, so the figures of malloc are those of the layer.
+// Bytes for an entry, allocated from the host and by the layer itself. Areas of this host have
+// pages of their own, so the figures of malloc are those of the layer.
 void countBytes(benchmark::State &state, Mode mode) {
   constexpr std::size_t kEntries = 100000;
   refhost::Session session(library().bindEntry());

@@ -1,6 +1,6 @@
-// Cost of the enhanced heap, the cell pool and the concatenation buffer, each compared with malloc or
-// std::u16string on the same work and, where the host takes part, with the floor that the host sets.
-// Read the figures as ratios within one run: machines differ and are noisy.
+// Cost of the enhanced heap, the cell pool and the concatenation buffer, each compared with malloc
+// or std::u16string on the same work and, where the host takes part, with the floor that the host
+// sets. Read the figures as ratios within one run: machines differ and are noisy.
 #include <benchmark/benchmark.h>
 
 #include <array>
@@ -226,8 +226,8 @@ std::size_t appendCount(const benchmark::State &state) {
   return static_cast<std::size_t>(state.range(1)) / pieceLen(state);
 }
 
-// Bytes that the growth rule makes an append copy: each piece once with its terminator, and the text
-// so far with its terminator whenever the storage is too small for the next piece.
+// Bytes that the growth rule makes an append copy: each piece once with its terminator, and the
+// text so far with its terminator whenever the storage is too small for the next piece.
 std::uint64_t orderedCopying(std::size_t pieceLength, std::size_t count) {
   std::uint64_t copied = 0;
   std::uint64_t storage = MEM_CAT_FIRST_LEN;

@@ -1,7 +1,7 @@
-// Cost of the string sink by the number of strings in it, for work without peers in peerbench: a new
-// string with its delete, strings in order, a look-up and a delete. Most of the cost of a new string
-// is the host's protection calls, which change page tables; `protect` counts them for each call. The
-// cost of a new string must not grow with the space already used.
+// Cost of the string sink by the number of strings in it, for work without peers in peerbench: a
+// new string with its delete, strings in order, a look-up and a delete. Most of the cost of a new
+// string is the host's protection calls, which change page tables; `protect` counts them for each
+// call. The cost of a new string must not grow with the space already used.
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
@@ -18,8 +18,8 @@ using bench::require;
 
 using refhost::Service;
 
-// A started sink with `count` strings, and their copies. The strings are not sorted, like names: the
-// number is spread over 32 bits.
+// A started sink with `count` strings, and their copies. The strings are not sorted, like names:
+// the number is spread over 32 bits.
 class FilledSink {
  public:
   explicit FilledSink(std::size_t count) : session_(library().bindEntry()) {

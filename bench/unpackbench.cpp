@@ -1,5 +1,5 @@
-// Cost of unpacking for each segment and each byte, compared with memcpy of the same bytes. The cost
-// of a segment must not grow with the chain. Read the figures as ratios within one run.
+// Cost of unpacking for each segment and each byte, compared with memcpy of the same bytes. The
+// cost of a segment must not grow with the chain. Read the figures as ratios within one run.
 #include <benchmark/benchmark.h>
 
 #include <chrono>

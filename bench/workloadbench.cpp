@@ -170,7 +170,7 @@ class ReadSkipping {
   MEMPortChunk *first_ = nullptr;
 };
 
-// ---- Leaves of one byte each, at addresses `stride` bytes apart, as children of a list of branches.
+// ---- Leaves of one byte each, at addresses `stride` bytes apart, children of a list of branches.
 
 class Leaves {
  public:

@@ -60,8 +60,8 @@ struct Entry {
 
   void *pEntry;  // the component's address
   Place made;
-  std::int32_t asked;  // the requested length
-  std::uint32_t zone;  // bytes of each red zone; with 0 only the rounding is checked
+  std::int32_t asked;   // the requested length
+  std::uint32_t zone;   // bytes of each red zone; with 0 only the rounding is checked
   std::uint32_t block;  // name for valgrind
   State state;
 };

@@ -1,6 +1,6 @@
-// What the layer knows of one cell pool. Cells keep their length: by contract they follow each other
-// without gaps, aligned as their length makes them, in areas of a given length. So there is no room
-// for red zones; a write beyond a cell is detected if it hits a free one.
+// What the layer knows of one cell pool. Cells keep their length: by contract they follow each
+// other without gaps, aligned as their length makes them, in areas of a given length. So there is
+// no room for red zones; a write beyond a cell is detected if it hits a free one.
 //
 // The pool frees a cell as without the layer. Then the layer takes it off the pool's list of free
 // cells, fills it with a pattern and keeps it for a while. It puts kept cells back before the pool
@@ -45,8 +45,8 @@ class PoolRecord {
   PoolRecord(HMEMCELL hMemCell, const Place &openedAt, bool isNew, std::size_t mostKept,
              bool isChecking);
 
-  // Around an allocation. beginAlloc() puts a kept cell back if the pool has no free one, and checks
-  // the cell that comes next; endAlloc() records the allocated cell.
+  // Around an allocation. beginAlloc() puts a kept cell back if the pool has no free one, and
+  // checks the cell that comes next; endAlloc() records the allocated cell.
   void beginAlloc(Findings &findings);
   void endAlloc(void *pCell, const Place &made);
   void cancelAlloc();

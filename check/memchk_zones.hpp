@@ -10,8 +10,8 @@ namespace memchk::zones {
 inline constexpr std::uint8_t kZone = 0xFB;   // before and after entries
 inline constexpr std::uint8_t kFreed = 0xDF;  // in freed entries and cells
 
-// Where a pattern was overwritten: from the first changed byte, at `offset`, to the last one. Without
-// damage `length` is 0.
+// Where a pattern was overwritten: from the first changed byte, at `offset`, to the last one.
+// Without damage `length` is 0.
 struct Damage {
   std::size_t offset = 0;
   std::size_t length = 0;

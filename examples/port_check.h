@@ -17,8 +17,8 @@ extern "C" {
  *  - a repeat field occurs as often as the text and the count field say;
  *  - numbers of up to 32 bits fit their fields, and nothing follows the last structure.
  *
- * Allocates four bytes for each structure with malloc. The time is proportional to the length of the
- * text times the length of the table. */
+ * Allocates four bytes for each structure with malloc. The time is proportional to the length of
+ * the text times the length of the table. */
 int isAsDefined(const MEMStructDef *defs, uint32_t rootID, const char *text, size_t length);
 
 #ifdef __cplusplus

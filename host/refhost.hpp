@@ -246,9 +246,9 @@ struct Message {
 
 /** Where a component has opened an object or allocated an entry. */
 struct StatisticsPlace {
-  std::string service;    /**< entry point that the component called; empty if it is not known */
-  std::uint64_t call = 0; /**< number of the component's call (memchk.h); 0 without the layer */
-  std::uint64_t thread = 0;     /**< as in Leak; of buffers, entries and cells as in memchk.h */
+  std::string service;      /**< entry point that the component called; empty if it is not known */
+  std::uint64_t call = 0;   /**< number of the component's call (memchk.h); 0 without the layer */
+  std::uint64_t thread = 0; /**< as in Leak; of buffers, entries and cells as in memchk.h */
   const void *caller = nullptr; /**< address after the component's call instruction; null without
                                      the layer */
   std::string from; /**< the same as file and offset, with the function if it is exported */

@@ -60,7 +60,9 @@ std::vector<std::filesystem::path> libraryFolders() {
     const auto storage = std::make_unique<std::byte[]>(size.dls_size);
     auto *const info = new (storage.get()) Dl_serinfo(size);
     if (dlinfo(program, RTLD_DI_SERINFO, info) == 0) {
-      for (unsigned i = 0; i < info->dls_cnt; i++) folders.emplace_back(info->dls_serpath[i].dls_name);
+      for (unsigned i = 0; i < info->dls_cnt; i++) {
+        folders.emplace_back(info->dls_serpath[i].dls_name);
+      }
     }
   }
   dlclose(program);

@@ -137,8 +137,8 @@ void StorageAccount::giveBack(void *address, std::optional<std::uint32_t> length
                               area.length, *length));
   }
   if (area.subPool != subPool) {
-    complainOfArea(formatText("%p was allocated in subpool %u, freed in %u", address, area.subPool,
-                              subPool));
+    complainOfArea(
+        formatText("%p was allocated in subpool %u, freed in %u", address, area.subPool, subPool));
   }
   destroyArea(address, area);
 }
@@ -351,10 +351,10 @@ std::uint16_t protectStorage(void *pArea, std::uint32_t length, std::uint16_t su
   const std::uint16_t code = call.host().storage.protect(pArea, length, subPool, mode);
   if (code == 0) return call.finish(code);
   if (code == kBadArgument) {
-    call.misuse(isProtectMode(mode) ? formatText("%p is not in subpool %u", pArea, subPool)
-                                    : formatText("protection mode %u is not known: it must be "
-                                                 "%u or %u",
-                                                 mode, MEM_PROTECT_READ_ONLY, MEM_PROTECT_WRITABLE));
+    call.misuse(isProtectMode(mode)
+                    ? formatText("%p is not in subpool %u", pArea, subPool)
+                    : formatText("protection mode %u is not known: it must be %u or %u", mode,
+                                 MEM_PROTECT_READ_ONLY, MEM_PROTECT_WRITABLE));
   }
   return call.finish(call.refuse(code, "ProtectStorage"));
 }

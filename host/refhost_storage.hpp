@@ -1,8 +1,9 @@
 // The storage account: every allocated area, by address, and the sums by subpool and kind.
 //
 // Small areas come from the C++ runtime's allocator one by one, so that memory checkers know their
-// bounds and when they are freed. Areas that can be protected are mapped as whole pages. All members
-// may be called on any thread; one mutex guards the tables; filling and freeing are done without it.
+// bounds and when they are freed. Areas that can be protected are mapped as whole pages. All
+// members may be called on any thread; one mutex guards the tables; filling and freeing are done
+// without it.
 #pragma once
 
 #include <atomic>

@@ -1,8 +1,8 @@
 // Detects the end of a thread. How depends on the C++ runtime rather than on the system.
 #include "refhost_platform.hpp"
 
-// mingw-w64's threads are POSIX threads, too, and need a key: there the destructor of a thread-local
-// object runs after the thread's thread-local memory is freed.
+// mingw-w64's threads are POSIX threads, too, and need a key: there the destructor of a
+// thread-local object runs after the thread's thread-local memory is freed.
 #if __has_include(<pthread.h>)
 
 #include <pthread.h>

@@ -84,7 +84,7 @@ class ThreadState {
   // the environment.
   char *traceText() { return reinterpret_cast<char *>(traceBytes_) + offsetof(MEMTraceBuf, Text); }
 
-  const std::uint64_t number;  // from 1; identifies the thread in frames and gates, also after its end
+  const std::uint64_t number;  // from 1; that of its frames and gates, also after its end
   MEMThreadEnv env{};
   MEMTraceFrame *innermost = nullptr;  // frame entered last, linked by pHostLink to the one before
   OpenFrames frames;

@@ -105,8 +105,8 @@ class CellWork {
   std::array<void *, kLive> taken_{};
 };
 
-// 1,000 cells are allocated, then all are freed in the same order. An operation is one cell allocated
-// and freed.
+// 1,000 cells are allocated, then all are freed in the same order. An operation is one cell
+// allocated and freed.
 template <class Cells>
 class Churn : public CellWork<Cells> {
  public:

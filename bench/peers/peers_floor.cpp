@@ -1,5 +1,6 @@
-// The floor of the contract: the cost of the host's services and of clearing the error area, without
-// the library. An entry point cannot be cheaper than the host calls that its contract requires.
+// The floor of the contract: the cost of the host's services and of clearing the error area,
+// without the library. An entry point cannot be cheaper than the host calls that its contract
+// requires.
 #include <emmintrin.h>
 
 #include <cstring>
@@ -134,8 +135,9 @@ class GatePair : public FloorWork {
   std::uint32_t gate_ = 0;
 };
 
-// The two changes around the write of a string of the usual length. In the middle of protected pages
-// they cost more than at a border: the system splits one mapping into three and joins them again.
+// The two changes around the write of a string of the usual length. In the middle of protected
+// pages they cost more than at a border: the system splits one mapping into three and joins them
+// again.
 class ProtectionPair : public FloorWork {
  public:
   explicit ProtectionPair(BenchSession &session) : FloorWork(session) {

@@ -1,9 +1,9 @@
 // The library under a host whose services cost as little as those of a real runtime could.
 //
 // The reference host checks and counts every call, which costs many times as much as the service
-// itself. The bench host uses the reference host's tables with plain services in their slots: frames
-// that set two fields from a thread-local variable, storage from malloc, gates that are a mutex
-// each, protection by mprotect.
+// itself. The bench host uses the reference host's tables with plain services in their slots:
+// frames that set two fields from a thread-local variable, storage from malloc, gates that are a
+// mutex each, protection by mprotect.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// The graph that is packed and written as text: a catalogue of packages in linked records, as in the
-// storage of a host's component.
+// The graph that is packed and written as text: a catalogue of packages in linked records, as in
+// the storage of a host's component.
 //
 //   PackageRecord ──pNext──▶ PackageRecord ──pNext──▶ … null
 //     │ pName, pVersion, pSummary            ▲
@@ -64,8 +64,8 @@ inline constexpr std::uint32_t kPackageStruct = 1;
 // Visitors of a decoded catalogue. Every form passes its packages in order, and after each its
 // dependencies in order, to one of these.
 //
-// Touch is the traversal that is measured: it reads every number, the first character of every text,
-// and through every shared reference the number of the package that it leads to.
+// Touch is the traversal that is measured: it reads every number, the first character of every
+// text, and through every shared reference the number of the package that it leads to.
 class Touch {
  public:
   void package(std::uint32_t number, const char *name, const char *version, const char *summary) {

@@ -12,8 +12,8 @@ namespace {
 
 bool failed = false;
 
-// By default the C library returns large blocks to the system with every free, and gets them again as
-// pages of zeros. For some works that would be most of the cost, so the memory is kept for all.
+// By default the C library returns large blocks to the system with every free, and gets them again
+// as pages of zeros. For some works that would be most of the cost, so the memory is kept for all.
 void keepMemory() {
   mallopt(M_MMAP_THRESHOLD, 1 << 30);
   mallopt(M_TRIM_THRESHOLD, -1);

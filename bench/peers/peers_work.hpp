@@ -3,18 +3,18 @@
 // A work is a class with
 //   std::int64_t run()   does a batch and returns the number of operations; measured
 //   void prepare()       prepares the next batch; not measured; optional
-//   void check()         checks on a new object that the work is really done, and in the same way as
-//                        by the others; throws if not; runs once, before the first measurement;
-//                        optional
+//   void check()         checks on a new object that the work is really done, as by the others;
+//                        throws if not; runs once, before the first measurement; optional
 //   double size()        bytes of one operation's result; optional
-// A peer's is made without arguments, the library's from a BenchSession. A batch with prepare() takes
-// at least 2 us, so that the 25 ns of reading the clock do not matter; others are repeated until they
-// take as long.
+// A peer's is made without arguments, the library's from a BenchSession. A batch with prepare()
+// takes at least 2 us, so that the 25 ns of reading the clock do not matter; others are repeated
+// until they take as long.
 //
-// The figure of a benchmark is its counter "ns": nanoseconds an operation, at the tenth percentile of
-// all batches. Other programs on the machine make a batch slower, never faster, so the quick batches
-// show the cost of the work. The counter "median" is that of the median batch: the difference shows
-// how much the machine was disturbed. A work that starts threads has a static member kUsesThreads.
+// The figure of a benchmark is its counter "ns": nanoseconds an operation, at the tenth percentile
+// of all batches. Other programs on the machine make a batch slower, never faster, so the quick
+// batches show the cost of the work. The counter "median" is that of the median batch: the
+// difference shows how much the machine was disturbed. A work that starts threads has a static
+// member kUsesThreads.
 //
 // A benchmark's name is "table/row" or "table/row/column"; the report is made from it.
 #pragma once
@@ -33,8 +33,8 @@
 
 namespace bench {
 
-// Runs `check` unless it has run under this name. If it fails, the benchmark is marked as failed and
-// the program ends with a failure.
+// Runs `check` unless it has run under this name. If it fails, the benchmark is marked as failed
+// and the program ends with a failure.
 bool passes(benchmark::State &state, const std::string &name, const std::function<void()> &check);
 // Runs the benchmarks that `add` registers, as the main function of a program with this name.
 // Returns the exit code: 1 if the check of a work has failed, 2 for unknown arguments.

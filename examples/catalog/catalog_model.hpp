@@ -62,8 +62,8 @@ inline constexpr auto kPackTable = mem::packTable(
                                    mem::child(MEM_FIELD(DependencyRecord, pConstraint)),
                                    mem::reference(MEM_FIELD(DependencyRecord, pPackage))));
 
-// The records as structures of a port string. Never change the meaning of an identifier: older files
-// contain it.
+// The records as structures of a port string. Never change the meaning of an identifier: older
+// files contain it.
 inline constexpr mem::PortTable kPortTable{
     mem::structure<PackageRecord, 1>(
         mem::field<1>(MEM_FIELD(PackageRecord, pNext)).required(),
@@ -108,8 +108,8 @@ class WaitingList {
 PackageRecord *buildRecords(const mem::Context &context, mem::Heap &heap,
                             const std::vector<Package> &packages);
 
-// Compares every field and every reference of the records with the catalogue. Throws DifferenceError
-// for the first package that differs.
+// Compares every field and every reference of the records with the catalogue. Throws
+// DifferenceError for the first package that differs.
 void checkRecords(const PackageRecord *root, const std::vector<Package> &packages);
 
 // Calls `visit` with a copy of each record of a chain: those of an unpacked chain may not be

@@ -17,8 +17,9 @@ struct Step {
   double milliseconds = 0;
 };
 
-// Measures the steps of the program, and shows the progress of long ones. One thread runs the steps.
-// While a step runs, a thread of the clock writes to the progress stream and uses nothing else.
+// Measures the steps of the program, and shows the progress of long ones. One thread runs the
+// steps. While a step runs, a thread of the clock writes to the progress stream and uses nothing
+// else.
 class StepClock {
  public:
   // `progress` gets one line for every full second that a step takes. It must exist longer than the

@@ -1,5 +1,5 @@
-// What all parts of the program share: its failures, conversion of text between the program's UTF-8,
-// the library's UTF-16 and the file system's paths, and reading and writing whole files.
+// What all parts of the program share: its failures, conversion of text between the program's
+// UTF-8, the library's UTF-16 and the file system's paths, and reading and writing whole files.
 //
 // Threading: the functions have no state.
 #pragma once
@@ -58,16 +58,17 @@ std::string utf8FromUtf16(std::u16string_view text);
 std::filesystem::path pathFromUtf8(std::string_view text);
 std::string utf8FromPath(const std::filesystem::path &path);
 
-// The program's arguments without its name, in UTF-8. On Windows they are taken from the wide command
-// line, because `main` gets them in a code page, which does not have every character of a path.
+// The program's arguments without its name, in UTF-8. On Windows they are taken from the wide
+// command line, because `main` gets them in a code page, which does not have every character of a
+// path.
 std::vector<std::string> programArguments(int count, const char *const *values);
 
 // A whole file as bytes, in binary form on every platform. Throws InputError with the reason if it
 // cannot be read.
 std::string readBytes(const std::filesystem::path &path);
 
-// Replaces a regular file or makes a new one; follows no link. If that fails, throws InputError with
-// the reason; an existing file is then unchanged.
+// Replaces a regular file or makes a new one; follows no link. If that fails, throws InputError
+// with the reason; an existing file is then unchanged.
 void writeBytes(const std::filesystem::path &path, std::string_view bytes);
 
 }  // namespace catalog

@@ -19,13 +19,13 @@ struct Verdict {
   enum Kind { merged, doubled, unusable };
 
   Kind kind = merged;
-  std::uint32_t code = 0;            // if unusable: the library's code; 0: no service has refused it
-  std::string reason;                // if unusable
+  std::uint32_t code = 0;  // if unusable: the library's code; 0: no service has refused it
+  std::string reason;      // if unusable
   std::optional<std::uint32_t> job;  // its job; null if the result has no valid number
 };
 
-// Merges results, which may come from anybody: none is used before it is unpacked and every field is
-// compared with the catalogue.
+// Merges results, which may come from anybody: none is used before it is unpacked and every field
+// is compared with the catalogue.
 class Collector {
  public:
   // Throws ServiceError if there is no storage, as do the other functions.
@@ -58,8 +58,8 @@ class Collector {
 };
 
 // Collects until each job has a result, and none is open. Publishes a job again if its result could
-// not be used or does not arrive, until the time `patience` is over. Then publishes a report. Throws
-// TransportError if the streams are gone, ServiceError if the library fails.
+// not be used or does not arrive, until the time `patience` is over. Then publishes a report.
+// Throws TransportError if the streams are gone, ServiceError if the library fails.
 ProcessReport collect(Transport &transport, const refhost::Library &library, const JobList &jobs,
                       const std::string &name, Milliseconds patience);
 

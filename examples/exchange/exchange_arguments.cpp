@@ -20,8 +20,8 @@ constexpr const char *kPurpose =
     "chains. A collector unpacks the chains, compares every field with the catalogue and merges\n"
     "them.\n"
     "\n"
-    "The coordinator keeps the messages and sends them through pipes, or a Redis server keeps them\n"
-    "(--redis).\n";
+    "The coordinator keeps the messages and sends them through pipes, or a Redis server keeps\n"
+    "them (--redis).\n";
 
 constexpr const char *kExitCodes =
     "Exit code: 0 success, 1 a result is missing or wrong, a process failed or storage was not\n"

@@ -31,8 +31,8 @@ struct Shard {
 // number of shards.
 class JobList {
  public:
-  // `source` names the text in messages. Throws InputError if the text is not a catalogue, or if the
-  // jobs would need too much memory.
+  // `source` names the text in messages. Throws InputError if the text is not a catalogue, or if
+  // the jobs would need too much memory.
   JobList(std::string_view text, const std::string &source, std::size_t packagesPerJob,
           std::uint32_t times);
 

@@ -1,5 +1,5 @@
-// Sends lists of words between two processes of one machine, over a socket that keeps packets apart:
-// each list arrives completely or not at all.
+// Sends lists of words between two processes of one machine, over a socket that keeps packets
+// apart: each list arrives completely or not at all.
 //
 // A list is a packet with the lengths of its words, and packets with their bytes.
 #pragma once
@@ -36,7 +36,8 @@ class PacketSocket {
   void send(const Words &words);
   void sendKept();
 
-  // A list that has arrived completely; never waits. Also throws TransportError for an invalid list.
+  // A list that has arrived completely; never waits. Also throws TransportError for an invalid
+  // list.
   std::optional<Words> receive();
 
  private:

@@ -1,5 +1,5 @@
-// The streams of a run without a server: the coordinator keeps them, the other processes use sockets
-// that they inherit from it.
+// The streams of a run without a server: the coordinator keeps them, the other processes use
+// sockets that they inherit from it.
 //
 //   coordinator ── PipeBroker ══ socket pair ══ PipeTransport ── worker
 //                        ╚══════ socket pair ══ PipeTransport ── collector

@@ -68,9 +68,9 @@ void RedisServer::stop(int signal) {
 }
 
 void RedisServer::start() {
-  // No network, no snapshots. All changes are appended to a file, which is written to the disk every
-  // second. If the server or the machine fails, the last changes may be missing; the collector
-  // publishes jobs again whose results do not arrive.
+  // No network, no snapshots. All changes are appended to a file, which is written to the disk
+  // every second. If the server or the machine fails, the last changes may be missing; the
+  // collector publishes jobs again whose results do not arrive.
   process_ = ChildProcess::run(
       {"redis-server", "--port", "0", "--unixsocket", kSocket, "--unixsocketperm", "700", "--save",
        "", "--appendonly", "yes", "--appendfsync", "everysec", "--daemonize", "no"},

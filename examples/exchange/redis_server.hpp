@@ -42,8 +42,8 @@ class RedisServer {
   // Nanoseconds of processor time, of all of its threads.
   std::uint64_t processorTime() const;
 
-  // Ends it: in order with SIGTERM, at once with SIGKILL. start() starts it again with the data that
-  // it has written.
+  // Ends it: in order with SIGTERM, at once with SIGKILL. start() starts it again with the data
+  // that it has written.
   void stop(int signal);
   void start();
 

@@ -6,8 +6,8 @@
 //   end           SET
 //
 // While the server is away, each call connects again and repeats its command until the time
-// `patience` is over. If an answer was lost, the command may then have run twice: a message that was
-// published comes twice, and one that was taken is claimed later.
+// `patience` is over. If an answer was lost, the command may then have run twice: a message that
+// was published comes twice, and one that was taken is claimed later.
 #pragma once
 
 #include <memory>

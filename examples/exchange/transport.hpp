@@ -1,8 +1,8 @@
 // How jobs and results get from process to process: streams of messages that processes share.
 //
-// A process that takes a message from a stream holds it until it acknowledges it. If it dies before,
-// or holds it for too long, the message is delivered to another process. So every message is
-// delivered at least once, and sometimes twice.
+// A process that takes a message from a stream holds it until it acknowledges it. If it dies
+// before, or holds it for too long, the message is delivered to another process. So every message
+// is delivered at least once, and sometimes twice.
 //
 // There are two kinds: PipeTransport needs only the processes themselves, RedisTransport a Redis
 // server. Threading: each object is used by one thread.

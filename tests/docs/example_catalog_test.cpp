@@ -87,7 +87,8 @@ TEST(StatusReader, RefusesWhatIsNoCatalogueWithLineAndReason) {
             "status, line 1: is not a field (\"Name: value\"), a continuation or a blank line");
   EXPECT_EQ(refusal("Two words: value\n"),
             "status, line 1: is not a field (\"Name: value\"), a continuation or a blank line");
-  EXPECT_EQ(refusal("Package: a\n\n continued\n"), "status, line 3: is a continuation without a field before it");
+  EXPECT_EQ(refusal("Package: a\n\n continued\n"),
+            "status, line 3: is a continuation without a field before it");
   EXPECT_EQ(refusal("Package: a\n\nVersion: 1\nDescription: b\n"),
             "status, line 3: begins a stanza without a package name");
   EXPECT_EQ(refusal("Package: a\nPackage: b\n"),

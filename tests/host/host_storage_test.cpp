@@ -278,7 +278,8 @@ TEST_F(HostProtectionTest, WrongRangesAndModesAreRefused) {
   EXPECT_TRUE(host_.takeMisuses().empty());
 
   EXPECT_EQ(protect(area_, 1, 17), refhost::kBadArgument);
-  EXPECT_EQ(misuse(Service::ProtectStorage), "protection mode 17 is not known: it must be 16 or 32");
+  EXPECT_EQ(misuse(Service::ProtectStorage),
+            "protection mode 17 is not known: it must be 16 or 32");
   EXPECT_EQ(host_.runtime().ProtectStorage(area_, 1, 5, MEM_PROTECT_READ_ONLY),
             refhost::kBadArgument);
   EXPECT_TRUE(contains(misuse(Service::ProtectStorage), " is not in subpool 5"));

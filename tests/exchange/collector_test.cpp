@@ -230,7 +230,8 @@ TEST_F(ExchangeCollecting, PutsBrokenMessagesAsideAndGoesOn) {
   transport_.publish(Stream::results, {{"job", "1"}, {"chain", "garbage"}, {"more", "here"}});
   for (const Message &result : results_) transport_.publish(Stream::results, result);
   const exchange::ProcessReport report = collect();
-  EXPECT_EQ(report.problem, "jobs are open whose results have come");  // there is no worker
+  EXPECT_EQ(report.problem,
+            "all results have come, but some jobs are still open");  // there is no worker
   EXPECT_EQ(report.jobs, jobs_.count());
   EXPECT_EQ(report.setAside, 1U);
   EXPECT_EQ(report.again, 1U);

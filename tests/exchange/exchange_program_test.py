@@ -328,7 +328,7 @@ class Arguments(unittest.TestCase):
                 ([str(SAMPLE), "--times", "1000000"], "--times 1000000: the jobs of "),
                 ([str(SAMPLE), "--trouble", "rain"], "--trouble: "),
                 ([str(SAMPLE), "--trouble", "restart"], "needs a private server"),
-                (["--worker"], "--worker needs --redis URL and --name NAME"),
+                (["--worker"], "--worker needs the coordinator's --redis URL and --name NAME"),
                 ([str(SAMPLE), "--redis", "http://host"], "invalid URL for --redis: use redis://"),
                 (["--unknown"], "not expected: --unknown")]:
             with self.subTest(arguments=arguments):

@@ -1,18 +1,19 @@
 #!/usr/bin/env bash
-# Measures the library beside what programmers use instead, some workloads of its own and the checking
-# layer, and writes the figures into docs/performance.md and its charts. Takes some minutes; the
-# machine should do nothing else. With --page it does so for the tables of one of the programs.
+# Measures the library in comparison with what programmers use instead, some workloads of its own and
+# the checking layer, and writes the figures into docs/performance.md and its charts. Takes some
+# minutes; the machine should do nothing else. With --page it measures and writes only the tables of
+# one of the programs.
 #
 #   ./bench.sh
 #   ./bench.sh --page peerbench|workloadbench|checkbench
 #
-# With the name of a benchmark program it runs that one only and writes nothing; further arguments go
-# to Google Benchmark (--benchmark_filter=REGEX, --benchmark_repetitions=N, …).
+# With the name of a benchmark program it runs only that one and writes nothing; further arguments are
+# passed to Google Benchmark (--benchmark_filter=REGEX, --benchmark_repetitions=N, …).
 #
 #   ./bench.sh checkbench|heapbench|membench|portbench|sinkbench|unpackbench|workloadbench|peerbench [arguments]
 #   ./bench.sh exchange_sizes [CATALOGUE]     bytes of examples/exchange's messages in other forms
 #
-# Installs what is missing.
+# Installs missing packages.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 build=$root/build/bench
@@ -21,7 +22,7 @@ build=$root/build/bench
 
 programs=(peerbench workloadbench checkbench)
 if [[ ${1-} == --page ]]; then
-  programs=("${2:?--page needs the name of a program}")
+  programs=("${2:?--page needs the name of a program: peerbench, workloadbench or checkbench}")
 elif (($#)); then
   program=$1
   shift
@@ -45,6 +46,6 @@ measure() {
 for program in "${programs[@]}"; do
   measure "$program"
 done
-# Debian's own Python has what install-packages.sh installs.
+# Debian's own Python finds the packages that install-packages.sh installs.
 /usr/bin/python3 "$root/bench/performance.py" "$root/docs/performance.md" "${figures[@]}"
 echo "== wrote docs/performance.md" >&2

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Runs all tests on a build that counts, and tells which lines and branches of the library they ran.
+# Runs all tests on a build that counts, and reports which lines and branches of the library they ran.
 #
 #   ./coverage.sh [ctest argument...]     for example: ./coverage.sh -R sink
 #
-# Installs what is missing. Prints two tables by file, lines and branches, and leaves them in
-# build/coverage/report beside index.html, which shows every line. Left out are the checks of whole
+# Installs missing packages. Prints two tables by file, lines and branches, and writes them to
+# build/coverage/report, with index.html, which shows every line. Not counted are the checks of whole
 # structures, which run only in builds that validate, the branches in which an assertion would fail,
-# and those that only the compiler sees, exceptions behind calls that cannot throw among them.
+# and those that only the compiler generates, such as exceptions after calls that cannot throw.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 

@@ -1,13 +1,12 @@
 #!/usr/bin/env bash
-# Builds the library for Linux and Windows and makes packages for Debian, with one of the Python
-# package, and a zip for Windows, in build/packages. The packages name MEM_MAINTAINER as their
-# maintainer:
+# Builds the library for Linux and Windows and makes packages for Debian, including one for Python, and
+# a zip for Windows, in build/packages. The maintainer of the packages is MEM_MAINTAINER:
 #
 #   cmake --preset release -DMEM_MAINTAINER='NAME <ADDRESS>'
 #
 #   ./package.sh [release] [windows]
 #
-# Installs what is missing.
+# Installs missing packages.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
@@ -19,7 +18,7 @@ for preset in "${presets[@]}"; do
     release) jobs+=(linux docs packages) ;;
     windows) jobs+=(windows) ;;
     *)
-      echo "package.sh: there is no package of \"$preset\" (release, windows)" >&2
+      echo "package.sh: unknown preset \"$preset\": use release or windows" >&2
       exit 2
       ;;
   esac
@@ -31,7 +30,7 @@ for preset in "${presets[@]}"; do
   log=build/logs/$preset-package.log
   if ! cpack --preset "$preset" >"$log" 2>&1; then
     tail -n 20 "$log" >&2
-    echo "== $preset: the package failed; its whole output is in $log" >&2
+    echo "== $preset: making the package failed; the whole output is in $log" >&2
     exit 1
   fi
   sed -n 's/^CPack: - package: \(.*\) generated\.$/\1/p' "$log"

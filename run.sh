@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds the library and runs its main job: packs a package catalogue and prints a report; then a
-# second process turns the file back into structures and compares. With arguments the program runs
-# once, with these. All that it writes is in build/.
+# Builds the library and runs the example catalog: it packs a package catalogue and prints a report;
+# then a second process unpacks the file and compares the structures with the catalogue. With
+# arguments the program runs once, with these. It writes only to build/, unless an argument names
+# another file.
 #
 #   ./run.sh [--windows] [arguments of the program; --help lists them]
 #   ./run.sh --exchange [--workers N] [--redis [URL]] [further arguments; --help lists them]
@@ -10,19 +11,20 @@
 # --exchange  several processes that send each other packed chains, on Linux only: through pipes, a
 #             private Redis server (--redis) or that of a URL
 #
-# Installs what is missing.
+# Installs missing packages.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 preset=release
 jobs=linux
-targets=(catalog memtool minimal_host)  # what the README goes on with
+targets=(catalog memtool minimal_host)  # the README uses these next
 once=
 program=("$root/build/release/bin/catalog")
 if [[ ${1-} == --windows ]]; then
   shift
   if [[ ${1-} == --exchange ]]; then
-    echo "run.sh: --exchange is for Linux: it needs its processes and sockets" >&2
+    echo "run.sh: --exchange does not work with --windows: it needs the processes and sockets of" \
+      "Linux" >&2
     exit 2
   fi
   preset=windows

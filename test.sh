@@ -8,9 +8,9 @@
 # tsan     Linux, under the thread sanitizer: the tests that run several threads
 # fuzz     Linux, the fuzz targets for a minute each
 # windows  Windows, cross-built, under Wine
-# clang    Linux, the library as clang builds it: the tests that ask what a compiler made
+# clang    Linux, the library built by clang: the tests of code that a compiler could get wrong
 #
-# Installs what is missing. Ends with a summary, and with 1 if anything failed.
+# Installs missing packages. Ends with a summary, and with 1 if anything failed.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
@@ -25,7 +25,7 @@ for preset in "${presets[@]}"; do
     windows) jobs+=(windows) ;;
     clang) jobs+=(linux lint) ;;
     *)
-      echo "test.sh: there is no preset \"$preset\" (release, debug, tsan, fuzz, windows, clang)" >&2
+      echo "test.sh: unknown preset \"$preset\": use release, debug, tsan, fuzz, windows or clang" >&2
       exit 2
       ;;
   esac

@@ -1,5 +1,5 @@
 // Chains of foreign writers for benchmarks: a catalogue of records with texts, and the blocks in
-// one area that is made as it was by one copy.
+// one area, which one copy restores.
 #pragma once
 
 #include <algorithm>
@@ -15,7 +15,7 @@ namespace bench {
 
 inline constexpr std::size_t kForeignBlockLen = 2048;
 
-// Records, each with a narrow and a wide text of its own, that take about `blocks` blocks.
+// Records, each with a narrow and a wide text of its own, for about `blocks` blocks.
 inline chainwriter::Tree recordsFor(std::size_t blocks, const chainwriter::Writer &writer) {
   using chainwriter::child;
   using chainwriter::data;

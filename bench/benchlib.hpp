@@ -1,4 +1,4 @@
-// What all benchmark programs share: the library, loaded once, and the check of a service's result.
+// Shared by all benchmark programs: the library, loaded once, and the check of a service's result.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +27,7 @@ inline void returnChain(MEMFunctionVector &mem, MemPackBlock *block, std::uint32
   }
 }
 
-// Definitions for port strings: fields that must be there, and structures without a repeat field.
+// Definitions for port strings: required fields, and structures without a repeat field.
 constexpr MEMFieldDef portField(std::uint32_t id, MEMFieldType type, std::int32_t length,
                                 std::size_t offset, std::uint32_t target = 0) {
   MEMFieldDef made{};

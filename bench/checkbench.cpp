@@ -1,14 +1,13 @@
 // Cost of the checking layer and of its statistics: the same work without a layer, with it, with
 // statistics of all slots as well, with statistics alone, and after the layer has been detached.
-// The library alone, under the bench host. bench/performance.py makes the table "The checking
-// layer" of docs/performance.md of the figures.
+// Only the library, under the bench host. bench/performance.py makes the table "The checking layer"
+// of docs/performance.md from the figures.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -39,7 +38,7 @@ std::uint32_t flagsOf(Mode mode) {
   return mode == Mode::statistics ? MEMCHK_STATISTICS | MEMCHK_NO_CHECKS : 0;
 }
 
-// A layer as a mode wants it. Detached, it has been at work before.
+// The layer of a mode. In the mode `detached` it has been attached and detached before.
 class Layer {
  public:
   Layer(MEMFunctionVector &mem, Mode mode) {
@@ -63,7 +62,7 @@ class Layer {
   MEMCheck *check_ = nullptr;
 };
 
-// What works have in common. A work proves that the layer is there as often as the mode says.
+// The common part of all works. A work checks that the layer is attached, if its mode has one.
 class Checked {
  public:
   Checked(BenchSession &session, Mode mode)
@@ -71,7 +70,7 @@ class Checked {
 
   void check() {
     const bool isAttached = mode_ != Mode::none && mode_ != Mode::detached;
-    demand((mem_.MEM_HeapOpen != plainSlot_) == isAttached, "the layer is not as the mode says");
+    demand((mem_.MEM_HeapOpen != plainSlot_) == isAttached, "the layer is not that of the mode");
   }
 
  protected:
@@ -151,7 +150,7 @@ std::int16_t bucketOf(const void *pKey) {
   return static_cast<std::int16_t>(*static_cast<const std::uint64_t *>(pKey) % 128);
 }
 
-// A hash table, whose records are entries of its heap: 1,000 inserted and looked up.
+// A hash table, whose records are entries of its heap: 1,000 records are inserted and looked up.
 class TableRecords : public Checked {
  public:
   using Checked::Checked;
@@ -170,7 +169,7 @@ class TableRecords : public Checked {
   }
 };
 
-// A service that the layer has nothing to do with: only counted, if at all.
+// A service that the layer only counts, or does not wrap at all.
 class OtherService : public Checked {
  public:
   using Checked::Checked;
@@ -181,7 +180,7 @@ class OtherService : public Checked {
   }
 };
 
-// A verification of 10,000 live entries.
+// One verification of 10,000 live entries.
 class Verification {
  public:
   Verification(BenchSession &session, Mode mode)
@@ -210,8 +209,8 @@ void add(const std::string &name, const NamedMode &mode) {
              [mode](BenchSession &session) { return Work(session, mode.mode); });
 }
 
-// Bytes of an entry, the host's and the layer's own; areas of this host have pages of their own, so
-// malloc's figures are the layer's.
+// Bytes for an entry, allocated from the host and by the layer itself. Areas of this host have
+// pages of their own, so the figures of malloc are those of the layer.
 void countBytes(benchmark::State &state, Mode mode) {
   constexpr std::size_t kEntries = 100000;
   refhost::Session session(library().bindEntry());
@@ -253,12 +252,5 @@ void addAll() {
 }  // namespace bench
 
 int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  bench::keepMemory();
-  bench::addAll();
-  benchmark::RunSpecifiedBenchmarks();
-  if (bench::everyCheckPassed()) return 0;
-  std::fprintf(stderr, "checkbench: some work is not done as it should be; see its message\n");
-  return 1;
+  return bench::runBenchmarks(argc, argv, "checkbench", bench::addAll);
 }

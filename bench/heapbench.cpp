@@ -1,6 +1,6 @@
-// Cost of the enhanced heap, the cell pool and the concatenation buffer, each beside malloc or
-// std::u16string on the same work and, where the host takes part, beside the floor that it sets.
-// Read the figures as ratios within one run: machines differ and are noisy.
+// Cost of the enhanced heap, the cell pool and the concatenation buffer, each compared with malloc
+// or std::u16string on the same work and, where the host takes part, with the floor that the host
+// sets. Read the figures as ratios within one run: machines differ and are noisy.
 #include <benchmark/benchmark.h>
 
 #include <array>
@@ -30,7 +30,7 @@ void require(std::int16_t result, const char *what) {
 constexpr std::int16_t kHeapAreaKb = 32;
 constexpr std::int32_t kCellAreaLen = 32768;
 
-// ---- Cells: give back one of many, take another.
+// ---- Cells: free one of many, allocate another.
 
 constexpr std::size_t kLiveCells = 1000;
 
@@ -62,7 +62,7 @@ void CellChurn(benchmark::State &state) {
 }
 BENCHMARK(CellChurn)->Arg(16)->Arg(64)->Arg(256);
 
-// A cell comes back cleared, so the work is calloc's.
+// An allocated cell is cleared, so calloc does the same work.
 void CallocChurn(benchmark::State &state) {
   const auto cellLen = static_cast<std::size_t>(state.range(0));
   std::vector<void *> live(kLiveCells);
@@ -87,8 +87,8 @@ void MallocChurn(benchmark::State &state) {
 }
 BENCHMARK(MallocChurn)->Arg(16)->Arg(64)->Arg(256);
 
-// ---- Entries of one enhanced heap, from one and from two threads. A heap keeps what it has handed
-// out until it is closed, so the number of iterations is fixed.
+// ---- Entries of one enhanced heap, from one and from two threads. A heap keeps the storage of all
+// its entries until it is closed, so the number of iterations is fixed.
 
 constexpr std::int32_t kEntryLen = 48;
 constexpr std::size_t kBatch = 100;
@@ -96,7 +96,7 @@ constexpr int kBatches = 2000;
 
 using Batch = std::array<void *, kBatch>;
 
-// What the threads of one benchmark share; made and ended on the main thread.
+// The heap that the threads of one benchmark share; opened and closed on the main thread.
 class SharedHeap {
  public:
   SharedHeap() : session_(library().bindEntry()) {
@@ -146,7 +146,7 @@ class BenchThread {
   bool isOther_;
 };
 
-// What the host's services alone take of one heap call: the frame, the error area, the gate.
+// The host's part of one heap call: the frame, the error area, the gate.
 void HostGatedCallFloor(benchmark::State &state) {
   const BenchThread thread(state);
   const MEMRuntimeServices &runtime = sharedHeap->host().runtime();
@@ -173,7 +173,7 @@ void allocBatch(Batch &entries) {
   benchmark::DoNotOptimize(entries);
 }
 
-// Entries that all go with the heap.
+// Entries that are freed with the heap.
 void EHeapEntry(benchmark::State &state) {
   const BenchThread thread(state);
   Batch entries{};
@@ -181,7 +181,7 @@ void EHeapEntry(benchmark::State &state) {
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kBatch));
 }
 
-// Entries that are given back one by one.
+// Entries that are freed one by one.
 void EHeapEntryAndFree(benchmark::State &state) {
   const BenchThread thread(state);
   Batch entries{};
@@ -217,7 +217,7 @@ BENCHMARK(EHeapEntryAndFree)->Apply(onSharedHeap);
 BENCHMARK(MallocAndFree)->Apply(fromOneAndTwoThreads);
 
 // ---- A text of 10,000 or 100,000 units, appended in pieces of 10, 100 and 1,000. Each iteration
-// makes the text from nothing; items are appends.
+// makes the whole text; items are appends.
 
 std::size_t pieceLen(const benchmark::State &state) {
   return static_cast<std::size_t>(state.range(0));
@@ -226,8 +226,8 @@ std::size_t appendCount(const benchmark::State &state) {
   return static_cast<std::size_t>(state.range(1)) / pieceLen(state);
 }
 
-// Bytes that making the text moves, by the growth rule alone: each piece once with its terminator,
-// and the text so far with its terminator whenever the storage is too small for the next piece.
+// Bytes that the growth rule makes an append copy: each piece once with its terminator, and the
+// text so far with its terminator whenever the storage is too small for the next piece.
 std::uint64_t orderedCopying(std::size_t pieceLength, std::size_t count) {
   std::uint64_t copied = 0;
   std::uint64_t storage = MEM_CAT_FIRST_LEN;
@@ -244,7 +244,7 @@ std::uint64_t orderedCopying(std::size_t pieceLength, std::size_t count) {
   return copied;
 }
 
-// The same from the buffer as it is seen to grow: the text so far whenever the storage changes.
+// The same, counted from the buffer: the text so far whenever the storage changes.
 template <class Append>
 std::uint64_t seenCopying(MEMCatCB &buffer, std::size_t count, Append append) {
   std::uint64_t copied = 0;
@@ -257,8 +257,8 @@ std::uint64_t seenCopying(MEMCatCB &buffer, std::size_t count, Append append) {
   return copied;
 }
 
-// Times `append(mem, buffer, piece)` and counts the bytes that it copies per append, beside those
-// that the growth rule orders.
+// Measures `append(mem, buffer, piece)` and counts the bytes that it copies for each append, to be
+// compared with those of the growth rule.
 template <class Append>
 void appendToBuffer(benchmark::State &state, Append append) {
   refhost::Session session(library().bindEntry());
@@ -293,8 +293,8 @@ void MemCatAppend(benchmark::State &state) {
   });
 }
 
-// The storage and the copying that the growth rule orders, from the host alone and without the
-// pieces: what is left of the figures above is the library's.
+// The storage and the copies of the growth rule, with the host alone and without the pieces: the
+// difference to the figures above is the library's part.
 void HostStepsFloor(benchmark::State &state) {
   refhost::Session session(library().bindEntry());
   const MEMRuntimeServices &runtime = session.host().runtime();
@@ -328,7 +328,7 @@ void StringAppend(benchmark::State &state) {
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(count));
 }
 
-// The buffer's own steps, but with realloc, which often need not copy.
+// The buffer's steps with realloc, which often need not copy.
 void ReallocAppend(benchmark::State &state) {
   const std::u16string piece(pieceLen(state), u'x');
   const std::size_t count = appendCount(state);
@@ -361,7 +361,7 @@ BENCHMARK(MemCatAppend)->Apply(piecesAndTotals);
 BENCHMARK(StringAppend)->Apply(piecesAndTotals);
 BENCHMARK(ReallocAppend)->Apply(piecesAndTotals);
 
-// ---- Open and close of each object without any use, beside its storage from malloc.
+// ---- Opening and closing each object without use, compared with its storage from malloc.
 
 constexpr std::int16_t kSmallHeapKb = 4;
 constexpr std::int32_t kSmallPool = 4096;

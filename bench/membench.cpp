@@ -1,4 +1,4 @@
-// Services that peerbench has no peers for, and pack by the number of segments. Read the figures as
+// Services without peers in peerbench, and pack by the number of segments. Read the figures as
 // ratios within one run: machines differ and are noisy.
 #include <benchmark/benchmark.h>
 
@@ -13,7 +13,7 @@ namespace {
 using bench::library;
 using bench::require;
 
-// What does binding and unbinding cost?
+// Binding and unbinding.
 void BindUnbind(benchmark::State &state) {
   refhost::Host host;
   for (auto _ : state) {
@@ -23,14 +23,14 @@ void BindUnbind(benchmark::State &state) {
 }
 BENCHMARK(BindUnbind);
 
-// A call that does nothing but enter, look its anchor up and leave.
+// A call that only enters its frame, looks its anchor up and leaves.
 void EmptyCallFrame(benchmark::State &state) {
   refhost::Session session(library().bindEntry());
   for (auto _ : state) session.vector().MEMSetProcOptions(nullptr);
 }
 BENCHMARK(EmptyCallFrame);
 
-// Storage through the library, under the checks of the reference host.
+// Storage through the library, with the checks of the reference host.
 void AllocFree(benchmark::State &state) {
   refhost::Session session(library().bindEntry());
   MEMFunctionVector &mem = session.vector();
@@ -39,7 +39,7 @@ void AllocFree(benchmark::State &state) {
 }
 BENCHMARK(AllocFree)->Arg(64)->Arg(4096);
 
-// A chain of records, each with a name: what does a segment cost in graphs of several sizes?
+// A chain of records, each with a name: the cost of a segment in graphs of several sizes.
 struct NameRecord {
   NameRecord *next;
   const char *name;

@@ -3,11 +3,11 @@
 
     bench/performance.py DOCUMENT.md PROGRAM.json…
 
-PROGRAM.json is what the program writes with --benchmark_out: peerbench, workloadbench, checkbench. In
-the document everything between a line "<!-- figures: NAME -->" and the next "<!-- end -->" is replaced
-where NAME is one of these programs' tables; all else stays. Charts, of peerbench alone, go to the
-folder "pictures" beside the document. Ends with 1 when the figures and the document do not fit
-together.
+PROGRAM.json is the output of peerbench, workloadbench or checkbench with --benchmark_out. In the
+document everything between a line "<!-- figures: NAME -->" and the next "<!-- end -->" is replaced if
+NAME is a table of one of these programs; the rest is not changed. Charts, from peerbench only, are
+written to the folder "pictures" next to the document. Ends with 1 if the figures do not fit the
+document.
 """
 
 import datetime
@@ -47,7 +47,7 @@ class Figures:
             name = run["name"].removesuffix("/manual_time")
             if run.get("error_occurred"):
                 self.skipped[name] = run["error_message"]
-            elif "ns" not in run:  # it counts something else
+            elif "ns" not in run:  # it counts bytes
                 self.counters[name.removesuffix("/iterations:1")] = run
             else:
                 runs.setdefault(name, []).append(run)
@@ -77,7 +77,7 @@ class Figures:
         return rows, columns
 
     def floor(self, name):
-        """What the host calls of one operation cost by themselves, under the same host."""
+        """The cost of the host calls of one operation, under the same host."""
         run = self.quietest[name]
         host = REFERENCE if REFERENCE in name else ""
         total = sum(run[calls] * self.ns(f"floor/{cost}{host}") for calls, cost in HOST_COSTS)
@@ -116,7 +116,7 @@ def markdown(head, rows):
 
 
 def comparison(figures, table):
-    """A row for each way to do the work: nanoseconds, and in relation to the library's first row."""
+    """A row for each way to do the work: nanoseconds, and the ratio to the library's first row."""
     rows, columns = figures.parts(table)
     base = rows[0]
     head = ["nanoseconds per operation"]
@@ -311,7 +311,7 @@ CHECKED_WORKS = [
 
 
 def checking(figures):
-    """Nanoseconds of each work in each mode, and in relation to the one without a layer."""
+    """Nanoseconds of each work in each mode, and the ratio to that without a layer."""
     head = ["nanoseconds per operation"]
     for label, _ in CHECKED_MODES:
         head += [label] if label == "without" else [label, "× without"]

@@ -1,5 +1,5 @@
-// Throughput of port strings beside a plain copy of the same bytes, and how it holds with the
-// number of structures. Read the figures as ratios within one run.
+// Throughput of port strings, compared with a copy of the same bytes, by the number of structures.
+// Read the figures as ratios within one run.
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
@@ -38,7 +38,7 @@ struct Case {
 
 constexpr std::size_t kElements = 10000;
 
-// One structure with a count and elements of 8 bytes from byte 8 on.
+// One structure with a count, and elements of 8 bytes from offset 8 on.
 void makeRepeated(Case &made, MEMFieldType type) {
   made.fields = {portField(1, MEM_PORT_LONG, 4, 0), portField(2, type, 8, 8)};
   made.define(16, 0);
@@ -63,7 +63,7 @@ void makeStrings(Case &made) {
   }
 }
 
-// A list of `count` structures, each with a number, the next one and one on the way.
+// A list of `count` structures, each with a number and pointers to the next one and to another.
 void makePointers(Case &made, std::size_t count) {
   made.fields = {portField(1, MEM_PORT_LONG, 4, 0), portField(2, MEM_PORT_PNT, 8, 8, 1),
                  portField(3, MEM_PORT_PNT, 8, 16, 1)};
@@ -172,7 +172,7 @@ inline constexpr mem::PortTable kLinks{
 
 enum class Trust : bool { none, full };
 
-// One block, read by readPortString, or by the form that leaves the text's claims alone.
+// One block, read by readPortString, or by the form that does not check the text.
 template <class Struct, class Table>
 void measureTypedReading(benchmark::State &state, const Case &made, const Table &table,
                          Trust trust) {
@@ -216,7 +216,7 @@ void ReadBlock(benchmark::State &state) {
   measureReading(state, made, false);
 }
 
-// How many MB of text per second, for records of one kind?
+// MB of text a second, for records of one kind.
 #define PORT_BENCHES(make)              \
   BENCHMARK_TEMPLATE(Copy, make);       \
   BENCHMARK_TEMPLATE(Write, make);      \
@@ -227,7 +227,7 @@ PORT_BENCHES(makeStrings);
 PORT_BENCHES(makePointers1000);
 #undef PORT_BENCHES
 
-// What does it cost to compare a text with its table before it is read?
+// Comparing a text with its table before it is read.
 template <void (*kMake)(Case &), class Struct, const auto &kTable, Trust kTrust>
 void ReadTyped(benchmark::State &state) {
   Case made;
@@ -241,8 +241,7 @@ BENCHMARK_TEMPLATE(ReadTyped, makeStrings, Strings, kStrings, Trust::none);
 BENCHMARK_TEMPLATE(ReadTyped, makePointers1000, Link, kLinks, Trust::full);
 BENCHMARK_TEMPLATE(ReadTyped, makePointers1000, Link, kLinks, Trust::none);
 
-// How does the cost of a structure grow with the number of structures? The registry has 1,999
-// chains.
+// The cost of a structure by the number of structures. The registry has 1,999 chains.
 void WriteGrowing(benchmark::State &state) {
   Case made;
   makePointers(made, static_cast<std::size_t>(state.range(0)));

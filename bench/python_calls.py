@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What a call of the library costs from Python: the least of many repeats, in microseconds.
+"""The cost of calling the library from Python: the minimum of many repeats, in microseconds.
 
     PYTHONPATH=python QJ7MEM00_LIBRARY=build/release/bin/QJ7MEM00.so bench/python_calls.py
 """

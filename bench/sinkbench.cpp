@@ -1,7 +1,7 @@
-// Cost of the string sink by the number of strings that it holds, where peerbench has no peers for
-// it: a new string with its delete, strings in order, a look-up and a delete. The host's protection
-// calls, which change page tables, are most of what a new string costs; `protect` counts them per
-// call. New strings must not become dearer with the space already used.
+// Cost of the string sink by the number of strings in it, for work without peers in peerbench: a
+// new string with its delete, strings in order, a look-up and a delete. Most of the cost of a new
+// string is the host's protection calls, which change page tables; `protect` counts them for each
+// call. The cost of a new string must not grow with the space already used.
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
@@ -18,8 +18,8 @@ using bench::require;
 
 using refhost::Service;
 
-// A started sink with `count` strings, and their copies. The strings come in no order, as names
-// do: the number is spread over 32 bits.
+// A started sink with `count` strings, and their copies. The strings are not sorted, like names:
+// the number is spread over 32 bits.
 class FilledSink {
  public:
   explicit FilledSink(std::size_t count) : session_(library().bindEntry()) {
@@ -46,14 +46,14 @@ class FilledSink {
   std::vector<const char *> copies_;
 };
 
-// Protection calls since `before`, per iteration.
+// Protection calls since `before`, for each iteration.
 void countProtection(benchmark::State &state, refhost::Host &host, std::uint64_t before) {
   const std::uint64_t calls = host.calls(Service::ProtectStorage) - before;
   state.counters["protect"] =
       benchmark::Counter(static_cast<double>(calls), benchmark::Counter::kAvgIterations);
 }
 
-// How dear is a new string, with its delete, in a sink of this many?
+// A new string, with its delete, in a sink of this many.
 void SinkNewAndDelete(benchmark::State &state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   FilledSink sink(count);
@@ -67,7 +67,7 @@ void SinkNewAndDelete(benchmark::State &state) {
 }
 BENCHMARK(SinkNewAndDelete)->Arg(1000)->Arg(10000)->Arg(100000);
 
-// What does one more of strings in the order of their bytes cost, the best case for the index?
+// One more string, with the strings in the order of their bytes, the best case for the index.
 void SinkNewInOrder(benchmark::State &state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   std::vector<std::string> texts;
@@ -101,7 +101,7 @@ void SinkVerify(benchmark::State &state) {
 }
 BENCHMARK(SinkVerify)->Arg(1000)->Arg(10000)->Arg(100000);
 
-// The last use of each string in the order in which they came. One run empties the sink.
+// Deleting the last use of each string, in the order of sinking. One run empties the sink.
 void SinkDelete(benchmark::State &state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {

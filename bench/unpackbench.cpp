@@ -1,5 +1,5 @@
-// Cost of unpacking, per segment and per byte, beside memcpy of the same bytes. The cost of a
-// segment must not grow with the chain. Read the figures as ratios within one run.
+// Cost of unpacking for each segment and each byte, compared with memcpy of the same bytes. The
+// cost of a segment must not grow with the chain. Read the figures as ratios within one run.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -43,7 +43,7 @@ void CopyChain(benchmark::State &state) {
   setCounters(state, loaded, tree.nodes.size());
 }
 
-// Items are segments and texts. Only the call is timed, not the loading of the chain.
+// Items are segments and texts. Only the call is measured, not the loading of the chain.
 void unpackChain(benchmark::State &state, const Writer &writer) {
   refhost::Session session(library().bindEntry());
   MEMFunctionVector &mem = session.vector();
@@ -79,7 +79,7 @@ void UnpackToNewChain(benchmark::State &state) {
   unpackChain(state, chainwriter::writerOf("0220", 4));
 }
 
-// By the C++ header: records with a reference each, to any other one.
+// With the C++ header: records, each with a reference to any other one.
 struct Record {
   Record *pNext;
   const char *pName;
@@ -107,7 +107,7 @@ std::vector<std::byte> packedRecords(const mem::Context &context, std::size_t co
 
 enum class Trust : bool { none, full };
 
-// What does it cost to find out whether references lead to records?
+// Checking whether references lead to records.
 template <Trust kTrust>
 void UnpackTyped(benchmark::State &state) {
   refhost::Session session(library().bindEntry());

@@ -1,12 +1,11 @@
-// Workloads that some users have and others never see, each compared with similar work that should
-// not be much cheaper: wide unions, texts of newer writers under tracing, structures packed densely
-// in storage, small catalogues, chains of the other byte order. The library alone, under the bench
-// host. bench/performance.py makes the table of workloads in docs/performance.md of the figures.
+// Workloads that only some users have, each compared with similar work that should not be much
+// cheaper: wide unions, texts of newer writers under tracing, structures packed densely in storage,
+// small catalogues, chains of the other byte order. Only the library, under the bench host.
+// bench/performance.py makes the table of workloads in docs/performance.md from the figures.
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -52,7 +51,7 @@ class OneStructTable {
   MEMStructDef rows_[2] = {};
 };
 
-// ---- One structure whose only field has many required alternatives, of which the last is there.
+// ---- One structure whose only field has many required alternatives; the text has the last one.
 
 class ReadAlternatives {
  public:
@@ -75,7 +74,7 @@ class ReadAlternatives {
   }
   void check() {
     const OpenHeap heap(mem_);
-    demand(std::memcmp(read(heap), &kValue, sizeof kValue) == 0, "the value is another");
+    demand(std::memcmp(read(heap), &kValue, sizeof kValue) == 0, "the value differs");
   }
 
  private:
@@ -104,7 +103,7 @@ class ReadAlternatives {
 };
 
 // ---- A list of structures of a newer writer, whose last fields the reader does not know. It skips
-// them and says so in the trace, for every structure.
+// them and traces that, for every structure.
 
 class ReadSkipping {
  public:
@@ -171,7 +170,7 @@ class ReadSkipping {
   MEMPortChunk *first_ = nullptr;
 };
 
-// ---- Leaves of one byte each, at addresses `stride` bytes apart, below a list of branches.
+// ---- Leaves of one byte each, at addresses `stride` bytes apart, children of a list of branches.
 
 class Leaves {
  public:
@@ -227,7 +226,7 @@ class PackLeaves {
     return static_cast<std::int64_t>(leaves_.count());
   }
 
-  // Every leaf comes back.
+  // Every leaf is unpacked.
   void check() {
     MemPackBlock *first = pack();
     void *root = nullptr;
@@ -237,7 +236,7 @@ class PackLeaves {
       const Leaves::Branch branch = recordAt(at);
       for (const std::uint8_t *value : branch.leaves) {
         if (value == nullptr) continue;
-        demand(*value == Leaves::valueOf(leaf), "a leaf is another");
+        demand(*value == Leaves::valueOf(leaf), "a leaf differs");
         ++leaf;
       }
       at = branch.next;
@@ -283,7 +282,7 @@ class WriteLeaves {
     return static_cast<std::int64_t>(leaves_.count());
   }
 
-  // The header tells the number of structures.
+  // The header contains the number of structures.
   void check() {
     constexpr std::size_t kNumberAt = 12;
     constexpr std::size_t kDigits = 10;
@@ -329,7 +328,7 @@ class PackCatalogue {
     Digest digest;
     visitRecords(static_cast<const PackageRecord *>(root), digest);
     returnChain(mem_, first, kBlockLen);
-    demand(digest.result() == expected.result(), "the catalogue is another");
+    demand(digest.result() == expected.result(), "the catalogue differs");
   }
 
  private:
@@ -398,7 +397,7 @@ class UnpackInPlace {
     prepare();
     const std::string difference =
         chainwriter::difference(tree_, writer_, chainwriter::Became::Structure, unpack());
-    demand(difference.empty(), "the structure is another");
+    demand(difference.empty(), "the structure differs");
   }
 
  private:
@@ -457,12 +456,5 @@ void addAll() {
 }  // namespace bench
 
 int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  bench::keepMemory();
-  bench::addAll();
-  benchmark::RunSpecifiedBenchmarks();
-  if (bench::everyCheckPassed()) return 0;
-  std::fprintf(stderr, "workloadbench: some work is not done as it should be; see its message\n");
-  return 1;
+  return bench::runBenchmarks(argc, argv, "workloadbench", bench::addAll);
 }

@@ -19,7 +19,7 @@ struct MEMCheck {
 
 namespace {
 
-// What the caller knows of the options; the rest is 0.
+// The options that the caller's version of the header has; the others are 0.
 MEMCheckOptions readOptions(const MEMCheckOptions *pOptions) noexcept {
   MEMCheckOptions options{};
   if (pOptions == nullptr) return options;
@@ -52,8 +52,8 @@ int16_t MEMCheckAttach(MEMFunctionVector *pVector, const MEMCheckOptions *pOptio
   const MEMCheckOptions options = readOptions(pOptions);
   auto check = std::make_unique<MEMCheck>(*pVector, options);
   if (check->layer.checks()) {
-    const bool isTold = (options.Flags & MEMCHK_NO_CHECKERS) == 0;
-    memchk::checkers::find(isTold);
+    const bool isUsed = (options.Flags & MEMCHK_NO_CHECKERS) == 0;
+    memchk::checkers::find(isUsed);
     memchk::checkers::describeErrors(describeError);
   }
   memchk::wrapSlots(*pVector, check->layer.countsAll());

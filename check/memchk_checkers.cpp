@@ -10,7 +10,7 @@ namespace memchk::checkers {
 
 namespace {
 
-// The sanitizer's interface, looked up by name: the program may be linked with it or not.
+// The sanitizer's interface, looked up by name: a program may be linked with it or not.
 struct Sanitizer {
   void (*poison)(const volatile void *, std::size_t);
   void (*unpoison)(const volatile void *, std::size_t);
@@ -36,11 +36,11 @@ void onSanitizerError(const char *) {
 
 }  // namespace
 
-void find(bool areTold) noexcept {
+void find(bool areUsed) noexcept {
   sanitizer = {};
   onValgrind = false;
   findFunction(sanitizer.symbolizePc, "__sanitizer_symbolize_pc");
-  if (!areTold) return;
+  if (!areUsed) return;
   findFunction(sanitizer.poison, "__asan_poison_memory_region");
   findFunction(sanitizer.unpoison, "__asan_unpoison_memory_region");
   findFunction(sanitizer.reportAddress, "__asan_get_report_address");
@@ -78,7 +78,7 @@ void allow(const void *pBytes, std::size_t length) noexcept {
 std::uint32_t name([[maybe_unused]] const void *pBytes, [[maybe_unused]] std::size_t length,
                    [[maybe_unused]] const char *pName) noexcept {
 #if defined(MEMCHK_VALGRIND)
-  // Numbers of blocks begin at 0, which is kept for none.
+  // valgrind numbers blocks from 0; here 0 means no block.
   if (onValgrind) {
     return static_cast<std::uint32_t>(VALGRIND_CREATE_BLOCK(pBytes, length, pName)) + 1;
   }
@@ -95,7 +95,7 @@ void unname([[maybe_unused]] std::uint32_t block) noexcept {
 std::string codeLine(const void *pCode) {
   if (sanitizer.symbolizePc == nullptr) return {};
   char text[512] = "";
-  // The address is the one after the call, which may be another line.
+  // The address is the one after the call, which may belong to another line.
   auto *pCall = reinterpret_cast<char *>(reinterpret_cast<std::uintptr_t>(pCode) - 1);
   sanitizer.symbolizePc(pCall, "%f %s:%l", text, sizeof text);
   return text;

@@ -1,5 +1,5 @@
-// The memory checkers that a program may run under, and what they are told. Found at run time: one
-// build serves all. Without a checker all of this does nothing.
+// The memory checkers under which a program may run, and the requests to them. They are found at
+// run time, so one build works with and without. Without a checker the functions do nothing.
 #pragma once
 
 #include <cstddef>
@@ -8,36 +8,36 @@
 
 namespace memchk::checkers {
 
-// Looks for AddressSanitizer and valgrind, which are only asked for lines of code unless they are
-// to be told. Before anything else here, with no other call running.
-void find(bool areTold) noexcept;
+// Looks for AddressSanitizer and valgrind. Without `areUsed` only codeLine() uses one. Call it
+// before the other functions here, and while none of them runs.
+void find(bool areUsed) noexcept;
 
-// Whether there is one.
+// Whether a checker was found and is used.
 bool isPresent() noexcept;
 
-// Nobody may touch these bytes; everybody may, and what they hold counts as written.
+// Forbid every access to these bytes; allow it again, with the bytes initialised.
 void deny(const void *pBytes, std::size_t length) noexcept;
 void allow(const void *pBytes, std::size_t length) noexcept;
 
-// Whether there is a checker that shows the names of blocks: valgrind.
+// Whether the checker shows the names of blocks: only valgrind does.
 bool showsNames() noexcept;
 
-// Gives a block a name, with the place of this call. Returns what ends that, 0 where there is no
-// need.
+// Gives a block a name, which valgrind shows with the stack of this call. Returns the number for
+// unname(); 0 if there is no name.
 std::uint32_t name(const void *pBytes, std::size_t length, const char *pName) noexcept;
 void unname(std::uint32_t block) noexcept;
 
-// Function, file and line of code at an address, as AddressSanitizer knows them; else empty.
+// Function, file and line of code at an address, from AddressSanitizer; else empty.
 std::string codeLine(const void *pCode);
 
-// AddressSanitizer calls `describe` with the address of each error that it has reported, null ends
-// that.
+// Makes AddressSanitizer call `describe` with the address of each error that it has reported; null
+// ends that.
 void describeErrors(void (*describe)(const void *pAddress)) noexcept;
 
-// valgrind shows the calling thread's stack, with `pTitle` as its first line.
+// Makes valgrind show the calling thread's stack, with `pTitle` as the first line.
 void showStack(const char *pTitle) noexcept;
 
-// As long as it lives, valgrind lets its thread touch everything.
+// While an object of this class exists, valgrind does not report accesses of its thread.
 class Leave {
  public:
   Leave() noexcept;

@@ -11,7 +11,7 @@ namespace memchk {
 
 namespace {
 
-// The control blocks of heaps as docs/heaps.md has them.
+// The control blocks of heaps, as docs/heaps.md describes them.
 constexpr char kStandardEye[] = "QQQHEAP1";
 constexpr char kEnhancedEye[] = "ENHHEAP1";
 constexpr char kBlockEye[] = "QQQHBLKN";
@@ -50,7 +50,7 @@ bool hasEye(const void *pBlock, const char *pEye) noexcept {
   return std::memcmp(eye, pEye, sizeof eye) == 0;
 }
 
-// A field of a heap that the library has made; 0 of any other.
+// A header field of a heap that the library has made; 0 for any other.
 template <class T>
 T headerField(HMEMHEAP hMemHeap, HeapKind kind, std::size_t offset) noexcept {
   HeapKind found{};
@@ -295,7 +295,7 @@ Finding HeapRecord::accessAt(const Entry &entry, const void *pAddress) const {
   if (pByte < entry.pEntry) found = MEMCHK_UNDERRUN;
   Finding made = finding(found, entry);
   made.pAddress = pAddress;
-  made.what = "the access that was reported is one to an entry";
+  made.what = "the reported access is to a heap entry";
   made.where = addressText(pAddress) + ", " + distanceText(entry, pAddress) + " the " + made.where;
   return made;
 }
@@ -338,7 +338,7 @@ void HeapRecord::check(Entry &entry, Findings &findings) {
   }
   auto *pEntry = static_cast<std::byte *>(entry.pEntry);
   std::byte *pBehind = end(entry);
-  if (entry.state == Entry::State::freed) {  // the pattern takes the rounding, too
+  if (entry.state == Entry::State::freed) {  // the pattern fills the rounding, too
     pBehind = pEntry + alignedLen(shape.kind, entry.asked);
     const auto bytes = static_cast<std::size_t>(pBehind - pEntry);
     if (const zones::Damage inside = zones::look(pEntry, bytes, zones::kFreed)) {
@@ -369,8 +369,8 @@ void HeapRecord::repairAround(const void *pAddress, std::int64_t length) {
   }
 }
 
-// Other threads may be adding areas to an enhanced heap meanwhile. An area has its header before it
-// is linked, and an entry of it is allowed after this, for the record is locked.
+// Other threads may be adding areas to an enhanced heap meanwhile. That is safe: an area has its
+// header before it is linked, and because the record is locked, its entries are allowed after this.
 void HeapRecord::noteAreas() {
   if (areas.empty()) return;
   while (auto *pNext = load<std::byte *>(areas.back(), kNextArea)) {
@@ -381,7 +381,7 @@ void HeapRecord::noteAreas() {
   currentFree = load<std::uint32_t>(areas.back(), kFreeLen);
 }
 
-// Large blocks are known by their entries: the list of an enhanced heap's may be changing.
+// Large blocks are found by their entries, because the heap's list of them may be changing.
 std::vector<HeapRecord::AreaMap> HeapRecord::map() const {
   std::vector<AreaMap> found;
   std::map<const std::byte *, std::size_t> byAddress;

@@ -1,13 +1,13 @@
 // What the layer knows of one heap: its entries with their red zones, and its areas.
 //
-//   an entry as the heap made it   | red zone | the component's entry | rounding | red zone |
-//                                             ^ the address that the component gets
+//   the heap's entry   | red zone | the component's entry | rounding | red zone |
+//                                 ^ the address that the component gets
 //
-// A component frees that address with its own length, and the call goes on to the heap as it is:
-// the heap only looks at bytes of the entry itself. It looks for a large block's header before
-// a large entry of an enhanced heap; the red zone has one there.
+// A component frees that address with its own length, and the layer passes both to the heap: the
+// heap only uses bytes of the component's entry. Before a large entry of an enhanced heap it looks
+// for the header of a large block, so the red zone contains one there.
 //
-// A record is locked by the layer, but for the functions that say so.
+// Call members only while the layer's lock is held, or for a record that is taken out of its table.
 #pragma once
 
 #include <cstddef>
@@ -24,27 +24,29 @@ namespace memchk {
 
 enum class HeapKind { standard, enhanced };
 
-// The bytes of an entry. An enhanced heap serves any length; nothing or less gets its shortest one.
+// Bytes of an entry that the component may use. An enhanced heap allocates its shortest entry for a
+// length of 0 or less.
 std::int64_t usableLen(HeapKind kind, std::int32_t asked) noexcept;
-// The same, as the heap rounds it up.
+// The same, rounded up as the heap does.
 std::int64_t alignedLen(HeapKind kind, std::int32_t asked) noexcept;
 
-// The kind of heap that a handle's first bytes say; false when they say none. Not null.
+// The kind of heap, from the first bytes at the handle, which is not null; false if they are no
+// heap's.
 bool readKind(HMEMHEAP hMemHeap, HeapKind &kind) noexcept;
 
 // How a heap makes its entries.
 struct HeapShape {
   HeapKind kind;
-  std::uint32_t areaSize;  // 0 when the handle is not the library's
+  std::uint32_t areaSize;  // 0 if the handle is not the library's
 
   // Whether an entry gets a block of its own.
   bool isLarge(std::int64_t aligned) const noexcept;
-  // The red zones that an entry gets of those wanted: an entry of an area stays one, for that
-  // decides about the failures of its allocation.
+  // The length of an entry's red zones, at most `wanted`. An entry that fits into an area still
+  // fits with them, because large blocks fail in other ways.
   std::uint32_t zoneOf(std::int32_t asked, std::uint32_t wanted) const noexcept;
-  // Whether the red zone before an entry has a block's header.
+  // Whether the red zone before an entry contains a block header.
   bool hasBlockHeader(std::int32_t asked, std::uint32_t zone) const noexcept;
-  // Fills the red zones of an entry; the rounding is part of the one after it.
+  // Fill the red zones of an entry; the rounding is part of the one after it.
   void fillZoneBefore(void *pEntry, std::int32_t asked, std::uint32_t zone) const noexcept;
   void fillZones(void *pEntry, std::int32_t asked, std::uint32_t zone) const noexcept;
 };
@@ -52,67 +54,66 @@ struct HeapShape {
 struct Entry {
   enum class State : std::uint16_t {
     live,
-    freeing,  // a call that frees it is running: its bytes are that call's
+    freeing,  // a call that frees it is running and uses its bytes
     freed
   };
 
   void *pEntry;  // the component's address
   Place made;
-  std::int32_t asked;  // the length that was asked for
-  std::uint32_t
-      zone;  // bytes of each red zone; 0 for an entry without, whose rounding is all there is
+  std::int32_t asked;   // the requested length
+  std::uint32_t zone;   // bytes of each red zone; with 0 only the rounding is checked
   std::uint32_t block;  // name for valgrind
   State state;
 };
 
 class HeapRecord {
  public:
-  // Of a heap that has just been opened, or one that was there before the layer: of that nothing is
-  // read but its header.
+  // A heap that has just been opened (`isNew`) or that existed before the layer; of the latter only
+  // the header is read.
   HeapRecord(HMEMHEAP hMemHeap, HeapKind kind, const Place &opened, bool isNew, bool checks);
 
-  // The heap has made an entry. With `count` alone nothing is kept of it but the numbers; so it is
-  // with its free without checks, where the entry is not kept.
+  // The heap has made an entry: count() only counts it, add() also keeps it. countFree() is for a
+  // free without checks, which may be of an entry that was not kept.
   void count(std::int32_t asked, std::uint32_t zone);
   void add(void *pEntry, std::int32_t asked, std::uint32_t zone, const Place &made);
   void countFree(const void *pEntry, std::int32_t length, const Place &freed);
 
-  // The entry that begins at an address; null when none does.
+  // The entry that begins at an address; null if none does.
   Entry *find(const void *pEntry);
-  // The entry whose bytes or red zones an address is in.
+  // The entry with the address in its bytes or red zones; null if there is none.
   Entry *findAround(const void *pAddress) noexcept;
   bool isInAreas(const void *pAddress) const noexcept;
 
-  void beginFree(Entry &entry);                        // its bytes are open to the heap
+  void beginFree(Entry &entry);                        // the heap may use its bytes
   void endFree(Entry &entry, const Place &freed);      // it has been freed
   void cancelFree(Entry &entry, Entry::State before);  // the heap has refused it
 
   const Place &freedAt(const Entry &entry) const;
 
-  // An area or a large block, and the entries that lie in it.
+  // An area or a large block, and the entries in it.
   struct AreaMap {
     const std::byte *pArea;
     std::uint64_t length;
     bool isLarge;
     std::uint32_t headLen;
-    std::uint32_t freeOffset;  // of what no entry has got
+    std::uint32_t freeOffset;  // of the bytes that no entry has used yet
     std::vector<const Entry *> entries;
   };
-  // Valid as long as the record is not changed. Of a heap from before the layer no area is known.
+  // Valid until the record changes. The areas of a heap that existed before the layer are unknown.
   std::vector<AreaMap> map() const;
 
-  // Reports and repairs what has been written to outside of live entries.
+  // Report and repair writes outside live entries.
   void check(Entry &entry, Findings &findings);
   void checkAll(Findings &findings);
-  // Writes the red zones of entries near an address anew, after the heap has written there.
+  // Fills the red zones near an address again, after the heap has written there.
   void repairAround(const void *pAddress, std::int64_t length);
 
-  // Before storage goes back to the host, and when it did not go after all.
+  // Before the heap's storage is freed, and if that fails.
   void allowAll();
   void denyAll();
 
   Finding finding(MEMCheckKind kind, const Entry &entry) const;
-  // An access to an address around an entry that a memory checker has reported.
+  // An access to an entry or its red zones, which a memory checker has reported.
   Finding accessAt(const Entry &entry, const void *pAddress) const;
   // "3 bytes after", "8 bytes before", "0 bytes into".
   std::string distanceText(const Entry &entry, const void *pAddress) const;
@@ -122,10 +123,10 @@ class HeapRecord {
   const HeapShape shape;
   const Place opened;
   const std::uint16_t subPool;
-  bool isSeenWhole;  // every entry has come through the layer
+  bool isSeenWhole;  // the layer has seen every entry
   const bool checks;
   Usage usage;
-  std::uint64_t wasted = 0;       // at the ends of areas that are no longer current
+  std::uint64_t wasted = 0;       // unused ends of areas before the current one
   std::uint64_t currentFree = 0;  // in the current area
   std::uint64_t largeBlocks = 0;
   std::uint64_t largeBytes = 0;
@@ -143,7 +144,7 @@ class HeapRecord {
   void reportWrite(Findings &findings, MEMCheckKind found, const Entry &entry,
                    const std::byte *pFirst, std::size_t length) const;
 
-  std::vector<Entry> entries_;                           // in the order in which they were made
+  std::vector<Entry> entries_;                           // in the order of allocation
   std::unordered_map<const void *, std::size_t> index_;  // made at the first search
   bool isIndexed_ = false;
   std::unordered_map<const void *, Place> freed_;

@@ -10,7 +10,7 @@ namespace memchk {
 
 namespace {
 
-// Handles of closed heaps and pools that are known as such.
+// How many handles of closed heaps and pools are kept.
 constexpr std::size_t kMostClosed = 4096;
 
 std::uint32_t threadNumber() noexcept {
@@ -69,7 +69,7 @@ void Layer::useHandle(const void *pHandle, const Place &place) {
     finding.where = closed.name;
   }
   finding.what = std::string("closed handle: ") + serviceName(place.slot) +
-                 " is given a handle that was closed";
+                 " was called with a handle that was closed";
   deliverAll({finding}, place);
 }
 
@@ -99,7 +99,7 @@ void Layer::release() {
   for (auto &[pHandle, pool] : pools_) pool.allowAll();
 }
 
-// The error may be the layer's own, with the lock held: then there is nothing to be said.
+// The error may be the layer's own, while it holds the lock: then nothing is reported.
 void Layer::describe(const void *pAddress) {
   Findings findings;
   {
@@ -126,7 +126,7 @@ void Layer::heapOpened(HMEMHEAP hMemHeap, HeapKind kind, const Place &opened) {
   if (hMemHeap == nullptr) return;
   const std::lock_guard lock(mutex_);
   closed_.erase(hMemHeap);
-  heaps_.erase(hMemHeap);  // closed past the layer
+  heaps_.erase(hMemHeap);  // a heap that was closed without the layer
   heaps_.try_emplace(hMemHeap, hMemHeap, kind, opened, true, checks());
   ++heapCount_.opened;
 }
@@ -138,7 +138,7 @@ std::optional<HeapShape> Layer::shapeOf(HMEMHEAP hMemHeap) {
     if (const HeapRecord *pHeap = heapOf(hMemHeap)) return pHeap->shape;
     if (closed_.contains(hMemHeap)) return std::nullopt;
   }
-  // A heap from before the layer. Its header is what the service reads first, too.
+  // A heap that existed before the layer. Reading its header is safe: the service does it, too.
   HeapKind kind{};
   if (!readKind(hMemHeap, kind)) return std::nullopt;
   HeapRecord heap(hMemHeap, kind, {}, false, checks());
@@ -190,7 +190,7 @@ void Layer::entryMade(HMEMHEAP hMemHeap, void *pEntry, std::int32_t asked, std::
   }
 }
 
-// The heap that has an entry of this address; null when none does.
+// The heap with an entry at this address; null if there is none.
 HeapRecord *Layer::ownerOf(const void *pEntry, Entry *&pFound) {
   for (auto &[pHandle, heap] : heaps_) {
     pFound = heap.find(pEntry);
@@ -202,7 +202,7 @@ HeapRecord *Layer::ownerOf(const void *pEntry, Entry *&pFound) {
 // No entry begins at the address.
 void Layer::misusedEntry(Findings &findings, HeapRecord &heap, const void *pEntry) {
   Finding finding;
-  finding.where = addressText(pEntry) + " is no entry of " + heap.name();
+  finding.where = addressText(pEntry) + " is not an entry of " + heap.name();
   for (auto &[pHandle, other] : heaps_) {
     const Entry *pAround = other.findAround(pEntry);
     if (pAround == nullptr) continue;
@@ -211,7 +211,7 @@ void Layer::misusedEntry(Findings &findings, HeapRecord &heap, const void *pEntr
     break;
   }
   finding.kind = MEMCHK_FOREIGN;
-  finding.what = "foreign entry: what is freed was not allocated";
+  finding.what = "foreign entry: an address is freed that was not allocated";
   finding.code = MEMERR_HEAPENTRY;
   finding.pAddress = pEntry;
   finding.pOwner = heap.handle;
@@ -233,13 +233,13 @@ Layer::EntryFree Layer::beginEntryFree(HMEMHEAP hMemHeap, std::int32_t length, v
       const bool isKnown = pHeap->isSeenWhole || pHeap->findAround(pEntry) != nullptr;
       if (isKnown) misusedEntry(findings, *pHeap, pEntry);
     } else if (pFound->state == Entry::State::freeing) {
-      // Two threads free it at once; that one of them is wrong will show when one has ended.
+      // Two threads free it at once. The layer cannot say which of them is wrong: no report.
     } else {
       begun.owner = pOwner->handle;
       begun.before = pFound->state;
       if (pOwner != pHeap) {
         Finding finding = pOwner->finding(MEMCHK_OTHER_OWNER, *pFound);
-        finding.what = "other owner: an entry of another heap is freed to " + pHeap->name();
+        finding.what = "other owner: an entry of another heap is freed in " + pHeap->name();
         finding.code = MEMERR_HEAPENTRY;
         findings.push_back(std::move(finding));
       }
@@ -257,7 +257,7 @@ Layer::EntryFree Layer::beginEntryFree(HMEMHEAP hMemHeap, std::int32_t length, v
         findings.push_back(std::move(finding));
       }
       pOwner->check(*pFound, findings);
-      // A heap clears the length that it is given, and would clear what is after the entry.
+      // A heap clears the bytes of the length that it gets: no more than those of the entry.
       const bool clears = !pHeap->shape.isLarge(alignedLen(pHeap->shape.kind, length));
       if (clears &&
           alignedLen(pHeap->shape.kind, length) > alignedLen(pOwner->shape.kind, pFound->asked)) {
@@ -285,7 +285,7 @@ void Layer::endEntryFree(const EntryFree &begun, HMEMHEAP hMemHeap, void *pEntry
   } else if (pFound != nullptr) {
     pOwner->cancelFree(*pFound, begun.before);
   } else if (isFreed) {
-    // The heap has cleared what is none of its entries; it may be part of some.
+    // The heap has cleared bytes that are not one of its entries; they may overlap some.
     for (auto &[pHandle, heap] : heaps_) {
       heap.repairAround(pEntry, alignedLen(HeapKind::enhanced, begun.length));
     }
@@ -395,18 +395,18 @@ Finding Layer::misusedCell(PoolRecord &pool, const void *pCell, Cell *pKnown) {
     const Cell *pOther = other.find(pCell);
     if (pOther == nullptr) continue;
     finding = other.finding(MEMCHK_OTHER_OWNER, pCell, *pOther);
-    finding.what = "other owner: a cell of another pool is freed to " + pool.name();
+    finding.what = "other owner: a cell of another pool is freed in " + pool.name();
     return finding;
   }
   finding.kind = MEMCHK_FOREIGN;
   finding.pAddress = pCell;
   finding.pOwner = pool.handle;
-  finding.what = "foreign cell: what is freed was not allocated";
-  finding.where = addressText(pCell) + " is no cell of " + pool.name();
+  finding.what = "foreign cell: an address is freed that was not allocated";
+  finding.where = addressText(pCell) + " is not a cell of " + pool.name();
   return finding;
 }
 
-// A pool that gets what is no cell of its own, or a free one, is damaged by it. It ignores null.
+// Freeing a foreign or free cell damages a pool: the layer passes null instead, which it ignores.
 void *Layer::beginCellFree(HMEMCELL hMemCell, void *pCell, const Place &place) {
   if (!checks() || pCell == nullptr) return pCell;
   Finding finding;

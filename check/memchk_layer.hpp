@@ -1,6 +1,6 @@
-// The layer itself: all records under one lock. The lock is never held while a service or a
-// callback runs, so that neither can wait for the layer, and a service that ends by a fault leaves
-// nothing locked.
+// The layer itself: all records, guarded by one lock. The lock is not held while a service or a
+// callback runs: so they cannot wait for it themselves, and a service that a fault ends leaves it
+// unlocked.
 #pragma once
 
 #include <array>
@@ -19,7 +19,7 @@
 
 namespace memchk {
 
-// How often a slot was called, and ended otherwise than well.
+// How often a slot was called, and how often it failed.
 struct CallCount {
   std::atomic<std::uint64_t> calls{0};
   std::atomic<std::uint64_t> failures{0};
@@ -69,11 +69,12 @@ class Layer {
   bool countsAll() const noexcept { return (options_.Flags & MEMCHK_STATISTICS) != 0; }
   bool keepsPlaces() const noexcept { return checks() || (options_.Flags & MEMCHK_PLACES) != 0; }
 
-  // A component calls a service: the number of the call; everything is verified when it is time.
+  // A component calls a service: returns the place of the call, and verifies everything at each
+  // VerifyEvery-th call.
   Place enter(std::uint32_t slot, const void *pCaller);
   void count(std::uint32_t slot, bool failed) noexcept;
 
-  // A handle that a component uses: reported when it is a closed one's.
+  // A component uses a handle: reported if it is that of a closed heap or pool.
   void useHandle(const void *pHandle, const Place &place);
 
   using Heaps = std::unordered_map<const void *, HeapRecord>;
@@ -81,24 +82,24 @@ class Layer {
 
   // --- heaps
   void heapOpened(HMEMHEAP hMemHeap, HeapKind kind, const Place &opened);
-  // A closing heap is nobody else's; empty for one that is not known.
+  // No other call finds a heap that is being closed. Empty for an unknown heap.
   Heaps::node_type beginHeapClose(HMEMHEAP hMemHeap, const Place &place);
   void endHeapClose(Heaps::node_type &&node, bool isClosed, const Place &place);
 
-  // An entry was made by a service of the host's own, past slots 14 and 38.
+  // A service of the host's own has made an entry without slots 14 and 38.
   void heapNotSeenWhole(HMEMHEAP hMemHeap);
 
-  // How the entries of a heap are made; nothing for a handle that the service will refuse.
+  // How the entries of a heap are made; empty for a handle that the service will refuse.
   std::optional<HeapShape> shapeOf(HMEMHEAP hMemHeap);
   std::uint32_t zone() const noexcept { return checks() ? zone_ : 0; }
   void entryMade(HMEMHEAP hMemHeap, void *pEntry, std::int32_t asked, std::uint32_t zone,
                  const Place &made);
 
-  // An entry is to be freed. Other threads do not look at its bytes until endFree.
+  // An entry will be freed. Other threads do not read its bytes until endEntryFree.
   struct EntryFree {
-    HMEMHEAP owner = nullptr;  // the heap of the entry; null when it is none
+    HMEMHEAP owner = nullptr;  // the heap of the entry; null if it is not an entry
     Entry::State before = Entry::State::live;
-    std::int32_t length = 0;  // that goes on to the service
+    std::int32_t length = 0;  // is passed to the service
   };
   EntryFree beginEntryFree(HMEMHEAP hMemHeap, std::int32_t length, void *pEntry,
                            const Place &place);
@@ -107,14 +108,14 @@ class Layer {
 
   // --- pools
   void poolOpened(HMEMCELL hMemCell, const Place &opened);
-  void adoptPool(HMEMCELL hMemCell);  // one from before the layer; else without effect
-  // So is one that is cleared or closed.
+  void adoptPool(HMEMCELL hMemCell);  // if it existed before the layer; else without effect
+  // No other call finds a pool that is being cleared or closed. Empty for an unknown pool.
   Pools::node_type beginPoolClear(HMEMCELL hMemCell, const Place &place);
   void endPoolClear(Pools::node_type &&node, bool isCleared);
   void endPoolClose(Pools::node_type &&node, bool isClosed, const Place &place);
   void beginCellAlloc(HMEMCELL hMemCell, const Place &place);
   void endCellAlloc(HMEMCELL hMemCell, void *pCell, const Place &place);  // null: failed
-  // The cell that goes on to the service: null for one that must not.
+  // The cell to pass to the service: null for one that must not be freed.
   void *beginCellFree(HMEMCELL hMemCell, void *pCell, const Place &place);
   void endCellFree(HMEMCELL hMemCell, void *pCell, bool isFreed, const Place &place);
 
@@ -136,7 +137,7 @@ class Layer {
   std::uint64_t reports() const noexcept { return reports_.load(std::memory_order_relaxed); }
   std::string statistics(bool withMaps);
 
-  // Before the layer ends: nothing is denied any more.
+  // Before the layer ends: allows access to all bytes again.
   void release();
 
   // AddressSanitizer has reported an error at an address.
@@ -165,11 +166,11 @@ class Layer {
   std::atomic<std::uint64_t> reports_{0};
   std::array<CallCount, MEM_VECTOR_LEN> counts_;
 
-  std::mutex mutex_;  // guards all below
+  std::mutex mutex_;  // guards the following
   Heaps heaps_;
   Pools pools_;
   std::unordered_map<const void *, Closed> closed_;
-  std::deque<const void *> closedOrder_;  // oldest first; may name one that is open again
+  std::deque<const void *> closedOrder_;  // oldest first; may contain handles that are open again
   FamilyCount heapCount_;
   FamilyCount poolCount_;
   Counted counted_;

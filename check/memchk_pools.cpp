@@ -12,7 +12,7 @@ namespace memchk {
 
 namespace {
 
-// The control block and the location nodes as docs/cell-pools.md has them.
+// The control block and the location nodes, as docs/cell-pools.md describes them.
 constexpr char kPoolEye[] = "QQQCELL1";
 constexpr std::size_t kNodeList = 8;
 constexpr std::size_t kFreeCells = 16;
@@ -106,7 +106,8 @@ void PoolRecord::beginAlloc(Findings &findings) {
   checkers::allow(pCell, kLinkLen);
 }
 
-// A cell is free since it was freed, or since its area came: what its link is, is known.
+// The link of a free cell is known: from its free, or because its area is new and links its cells
+// in order.
 void PoolRecord::checkHead(std::byte *pCell, Findings &findings) {
   if (const Cell *pKnown = find(pCell)) {
     if (pKnown->state == Cell::State::free) checkFree(pCell, *pKnown, findings);
@@ -141,9 +142,9 @@ void PoolRecord::cancelAlloc() {
   }
 }
 
-// The pool has got another area, of which this is the lowest cell, for no other was free. A
-// location node on the pool's list has the area. Of one that was there before the layer any cell
-// may come first.
+// The pool has a new area, and this is its lowest cell, because no other cell was free. A location
+// node in the pool's list contains the area. In an area that existed before the layer, any cell may
+// be the first to be allocated.
 void PoolRecord::noteGrowth(std::byte *pCell) {
   constexpr int kMostNodes = 1 << 20;
   const auto *pNode = load<std::byte *>(handle, kNodeList);
@@ -173,7 +174,7 @@ void PoolRecord::endFree(void *pCell, Cell &cell, const Place &freed, Findings &
   usage.remove(static_cast<std::uint64_t>(cellLen));
   cell.freed = freed;
   auto *pBytes = static_cast<std::byte *>(pCell);
-  if (!isLibrarys || head() != pBytes) {  // not the library's way of freeing
+  if (!isLibrarys || head() != pBytes) {  // the library would have freed it otherwise
     cells_.erase(pCell);
     return;
   }
@@ -189,7 +190,7 @@ void PoolRecord::endFree(void *pCell, Cell &cell, const Place &freed, Findings &
   if (kept_.size() > mostKept_) giveBackOldest(findings);
 }
 
-// The pool gets the cell as it has left it.
+// Puts the oldest kept cell back into the pool's list, with the contents of a free cell.
 void PoolRecord::giveBackOldest(Findings &findings) {
   std::byte *pCell = kept_.front();
   kept_.pop_front();
@@ -277,10 +278,10 @@ void PoolRecord::describe(const void *pAddress, Findings &findings) const {
   if (findings.empty()) {
     findings.push_back(finding(MEMCHK_FREED_WRITE, nullptr, {}));
     findings.back().where =
-        addressText(pAddress) + " is in no cell that was allocated, of " + name();
+        addressText(pAddress) + ", outside all allocated cells, in an area of " + name();
   }
   findings.back().pAddress = pAddress;
-  findings.back().what = "the access that was reported is one to a cell";
+  findings.back().what = "the reported access is to a cell";
 }
 
 void PoolRecord::allowAll() {

@@ -1,12 +1,12 @@
-// What the layer knows of one cell pool. Cells keep their length: the contract has them lie side by
-// side, aligned as their length makes them, in areas of a given length. So there is no room for red
-// zones; a write that leaves its cell is found where it meets a free one.
+// What the layer knows of one cell pool. Cells keep their length: by contract they follow each
+// other without gaps, aligned as their length makes them, in areas of a given length. So there is
+// no room for red zones; a write beyond a cell is detected if it hits a free one.
 //
 // The pool frees a cell as without the layer. Then the layer takes it off the pool's list of free
-// cells, fills it with a pattern and keeps it for a while. What it keeps goes back before the pool
-// would need an area for it: a pool has as many areas as without the layer.
+// cells, fills it with a pattern and keeps it for a while. It puts kept cells back before the pool
+// would need another area: a pool has as many areas as without the layer.
 //
-// A record is locked by the layer.
+// Call members only while the layer's lock is held, or for a record that is taken out of its table.
 #pragma once
 
 #include <cstddef>
@@ -29,24 +29,24 @@ struct Cell {
     live,
     changing,  // a call that allocates or frees it is running
     kept,      // freed and kept by the layer, filled with the pattern
-    free       // freed and on the pool's list, zero but for its link
+    free       // freed and in the pool's list, zero except its link
   };
 
   Place made;
   Place freed;
   void *pLink = nullptr;    // in a free cell
-  std::uint32_t block = 0;  // name for valgrind, of a cell that is kept
+  std::uint32_t block = 0;  // name for valgrind, of a kept cell
   State state = State::live;
 };
 
 class PoolRecord {
  public:
-  // Of a pool that has just been opened, or one that was there before the layer.
+  // A pool that has just been opened (`isNew`), or one that existed before the layer.
   PoolRecord(HMEMCELL hMemCell, const Place &openedAt, bool isNew, std::size_t mostKept,
              bool isChecking);
 
-  // Around an allocation: gives back a kept cell where the pool has none, and looks at the cell
-  // that is next; notes the cell that it was.
+  // Around an allocation. beginAlloc() puts a kept cell back if the pool has no free one, and
+  // checks the cell that comes next; endAlloc() records the allocated cell.
   void beginAlloc(Findings &findings);
   void endAlloc(void *pCell, const Place &made);
   void cancelAlloc();
@@ -59,38 +59,38 @@ class PoolRecord {
   void endFree(void *pCell, Cell &cell, const Place &freed, Findings &findings);
   void cancelFree(Cell &cell);
 
-  // Without checks: numbers alone, and the cell's place where places are kept.
+  // Without checks: count() and countFree() only count, keep() records where a cell was allocated.
   void count(void *pCell);
   void keep(void *pCell, const Place &made);
   void countFree(const void *pCell);
 
-  // Reports and repairs what has been written to in cells that are free.
+  // Reports and repairs writes to free and kept cells.
   void checkAll(Findings &findings);
 
   // An access to a free cell that a memory checker has reported.
   void describe(const void *pAddress, Findings &findings) const;
 
-  // Before storage goes back to the host, and when it did not go after all.
+  // Before the pool's storage is freed, and if that fails.
   void allowAll();
   void denyAll();
-  // The pool is as after its opening.
+  // The pool is as it was after opening.
   void clear();
 
   Finding finding(MEMCheckKind kind, const void *pCell, const Cell &cell) const;
   std::string name() const;
 
-  // An area, and the cells of it that are in use.
+  // An area, and its cells that are in use.
   struct AreaMap {
     const std::byte *pArea;
     std::uint32_t headLen;  // where its cells begin
     std::vector<std::pair<const std::byte *, const Cell *>> cells;
   };
-  // Valid as long as the record is not changed. Of a pool from before the layer no area is known.
+  // Valid until the record changes. The areas of a pool that existed before the layer are unknown.
   std::vector<AreaMap> map() const;
 
   const HMEMCELL handle;
   const Place opened;
-  const bool isLibrarys;  // the handle is a control block of the library's
+  const bool isLibrarys;  // the handle is a control block of the library
   const bool checks;
   const std::int32_t areaLen;
   const std::int32_t cellLen;
@@ -101,12 +101,12 @@ class PoolRecord {
   std::size_t areaCount() const noexcept { return areas_.size(); }
 
  private:
-  // Cells of an area that were never allocated; they will be, from the lowest on. Of an area that
-  // was there before the layer nothing is known.
+  // Cells of an area that were never allocated; the pool allocates them from the lowest on. For an
+  // area that existed before the layer all is 0.
   struct FreshCells {
     std::byte *pFirst = nullptr;
     std::byte *pEnd = nullptr;
-    std::uint32_t headLen = 0;  // what is before the area's cells, all that were there included
+    std::uint32_t headLen = 0;  // length of what comes before the area's cells
   };
   using Areas = std::map<std::byte *, FreshCells>;
 

@@ -20,7 +20,7 @@ std::string withOffset(const std::string &name, const void *pCode, const void *p
   return name + offset;
 }
 
-// The name as it is written in the source, where it is a C++ name.
+// The name as the source has it, for a C++ name.
 std::string readableName(const char *pSymbol) {
   int status = 0;
   char *const pReadable = abi::__cxa_demangle(pSymbol, nullptr, nullptr, &status);

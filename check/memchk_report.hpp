@@ -1,4 +1,4 @@
-// Places of calls, and what is found: composed while the layer is locked, delivered afterwards.
+// Places of calls, and findings: composed while the layer is locked, delivered afterwards.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace memchk {
 
-// Where a component has made a call; nothing when the slot is 0. Kept once for each entry.
+// Where a component has made a call; unknown if the slot is 0. Kept for each entry, so it is small.
 struct Place {
   const void *pCaller = nullptr;
   std::uint64_t call = 0;
@@ -43,7 +43,7 @@ struct Finding {
 };
 using Findings = std::vector<Finding>;
 
-// Calls the host back, or writes to stderr.
+// Calls the host's function, or writes to stderr.
 void deliver(const Finding &finding, const Place &found, MEMCheckReportFn *pReport, void *pContext);
 
 // "0x00007F0012345678", the same on all platforms.

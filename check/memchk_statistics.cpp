@@ -15,7 +15,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Places in code by their addresses: most entries have few callers.
+// The names of places in code, each looked up once: many entries have the same caller.
 class CodeNames {
  public:
   const std::string &of(const void *pCode) {
@@ -39,7 +39,7 @@ Json placeOf(const Place &place, CodeNames &names) {
   return made;
 }
 
-// From the shortest length that occurs to the longest: {"from": 16, "count": 3} counts 16 to 31.
+// In ascending order, without empty ranges: {"from": 16, "count": 3} is 3 lengths from 16 to 31.
 Json histogramOf(const Usage &usage) {
   Json histogram = Json::array();
   for (std::size_t digits = 0; digits < usage.histogram.size(); ++digits) {
@@ -68,7 +68,7 @@ Json areaJson(const std::byte *pArea, std::uint64_t length, std::uint32_t headLe
   return {{"area", addressText(pArea)}, {"length", length}, {"head", headLen}};
 }
 
-// `taken` is what an entry occupies beside its red zones.
+// `taken` is what an entry occupies, with rounding, without its red zones.
 Json entryJson(std::int64_t offset, std::int64_t asked, std::int64_t taken, Json made) {
   return {{"offset", offset}, {"asked", asked}, {"taken", taken}, {"made", std::move(made)}};
 }

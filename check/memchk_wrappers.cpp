@@ -22,18 +22,19 @@ constinit std::atomic<Layer *> attachedLayer{nullptr};
 
 namespace {
 
-// What was in the slots. Kept after the layer has ended, for what may still lead to a wrapper.
+// The functions that were in the slots. Kept after the layer has ended, for callers that still have
+// a wrapper.
 constinit MEMFunctionVector inner{};
 
-// The call of a component that the thread is in. Services call each other through the vector; all
-// that they do there is the component's doing.
+// The component's call that the thread is in. Services call each other through the vector; these
+// calls belong to the component's call.
 struct Current {
   Place place;
-  std::uint64_t entries = 0;  // that slots 14 and 38 have made on this thread
+  std::uint64_t entries = 0;  // made by slots 14 and 38 on this thread
 };
 thread_local Current current;
 
-// One call of a wrapper. Also right when a call inside it ends by a fault and is never left.
+// One call of a wrapper. It stays correct if a fault ends a call inside it without its destructor.
 class Call {
  public:
   Call(std::uint32_t slot, const void *pCaller)
@@ -50,14 +51,20 @@ class Call {
   bool isComponents() const noexcept { return !outer_.isKnown(); }
   const Place &place() const noexcept { return current.place; }
 
-  // A component's function is called back: what it calls is its own.
+  // A function of the component will be called: its calls are calls of the component.
   void letCallBack() noexcept { current.place = {}; }
 
   void use(const void *pHandle) const {
     if (isWatched() && isComponents()) layer_->useHandle(pHandle, place());
   }
 
-  // Counts the call and passes its result on.
+  // Changes what is only counted, if a layer is attached.
+  template <class Change>
+  void change(Change changeCounts) const {
+    if (isWatched()) layer_->change(changeCounts);
+  }
+
+  // Counts the call and returns its result.
   template <class Result>
   Result finish(Result result, bool failed) const noexcept {
     if (isWatched()) layer_->count(slot_, failed);
@@ -98,7 +105,7 @@ std::int16_t closeHeap(HMEMHEAP hMemHeap) noexcept {
   return call.finish(result);
 }
 
-// A service that leads to slot 14 or 38 for each entry. One of the host's own may do otherwise.
+// A service that calls slot 14 or 38 for each entry. A service of the host's own may not.
 template <std::uint32_t slot, auto service, class... Args>
 std::int16_t makeEntries(HMEMHEAP hMemHeap, Args... args) noexcept {
   const Call call(slot, MEMCHK_CALLER);
@@ -111,12 +118,12 @@ std::int16_t makeEntries(HMEMHEAP hMemHeap, Args... args) noexcept {
   return call.finish(result);
 }
 
-// From this length on an entry that cannot be had with red zones is asked for again without: a
-// host's limit for single requests is to be where it is without the layer.
+// From this length on, an entry that the host refuses with red zones is requested again without:
+// a host's limit for single requests must be the same as without the layer.
 constexpr std::int32_t kLongEntry = 0x100000;
 
-// The entry itself. The cell gets the component's address when the service has ended well, and
-// keeps what it holds when it has not.
+// Allocates one entry. On success the cell gets the component's address; on failure it keeps what
+// it holds.
 template <auto service>
 std::int16_t makeEntry(const Call &call, const HeapShape &shape, HMEMHEAP hMemHeap,
                        std::int32_t Len, void **ppEntry) {
@@ -152,7 +159,7 @@ std::int16_t allocEntryLong(HMEMHEAP hMemHeap, std::int32_t Len, void **ppEntry)
   };
   if (!call.isWatched() || ppEntry == nullptr) return pass();
   const std::optional<HeapShape> shape = call->shapeOf(hMemHeap);
-  if (shape && shape->kind == HeapKind::enhanced) {  // goes on to slot 38
+  if (shape && shape->kind == HeapKind::enhanced) {  // calls slot 38
     const std::uint64_t before = current.entries;
     const std::int16_t result = pass();
     if (result == 0 && current.entries == before) call->heapNotSeenWhole(hMemHeap);
@@ -247,7 +254,7 @@ std::int16_t freeCell(HMEMCELL hMemCell, void *pEntry) noexcept {
   return call.finish(result);
 }
 
-// --- port strings: their entries are the component's that called them
+// --- port strings: the calls for their entries belong to the component's call
 
 std::int16_t writePort(const MEMStructDef *pDefs, std::uint32_t StructID, const void *pStruct,
                        std::int32_t ChunkLen, HMEMHEAP hMemHeap, std::uint32_t *pTotalLen,
@@ -272,7 +279,7 @@ std::int16_t readPortText(const MEMStructDef *pDefs, const char *pText, std::uin
   return call.finish(inner.MEM_Port1StrToStruct(pDefs, pText, Len, hMemHeap, ppStruct));
 }
 
-// --- what is only counted
+// --- services that are only counted
 
 template <class Function>
 struct Counting;
@@ -299,8 +306,8 @@ std::int16_t openTable(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t KeyLe
   const Call call(20, MEMCHK_CALLER);
   const std::int16_t result =
       inner.MEM_HashOpen(phHash, KeyOff, KeyLen, Max, pFunc, AreaLen, SubPool);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       TableRecord &table = counted.tables[*phHash];
       table = {};
       table.opened = call.place();
@@ -317,8 +324,8 @@ std::int16_t openTable(HMEMHASH *phHash, std::int16_t KeyOff, std::int16_t KeyLe
 std::int16_t closeTable(HMEMHASH hMemHash) noexcept {
   const Call call(21, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_HashClose(hMemHash);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       counted.tableCount.closed += counted.tables.erase(hMemHash);
     });
   }
@@ -327,8 +334,7 @@ std::int16_t closeTable(HMEMHASH hMemHash) noexcept {
 
 template <class Change>
 void changeTable(const Call &call, HMEMHASH hMemHash, Change change) {
-  if (!call.isWatched()) return;
-  call->change([&](Layer::Counted &counted) {
+  call.change([&](Layer::Counted &counted) {
     const auto found = counted.tables.find(hMemHash);
     if (found != counted.tables.end()) change(found->second);
   });
@@ -355,7 +361,7 @@ std::int16_t getRecord(HMEMHASH hMemHash, const void *pKey, void **ppEntry) noex
   return call.finish(result);
 }
 
-// Records of a table are of one length.
+// All records of a table have the same length.
 std::int16_t deleteRecord(HMEMHASH hMemHash, const void *pKey) noexcept {
   const Call call(48, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_HashDelEntry(hMemHash, pKey);
@@ -374,8 +380,8 @@ std::int16_t scanTable(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm) noexcep
 std::int16_t openBuffer(MEMCatCB *pCatCB) noexcept {
   const Call call(26, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_CatOpen(pCatCB);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       BufferRecord buffer;
       buffer.opened = call.place();
       buffer.storage = buffer.peakStorage = pCatCB->BlkLen;
@@ -390,20 +396,20 @@ std::int16_t openBuffer(MEMCatCB *pCatCB) noexcept {
 std::int16_t closeBuffer(MEMCatCB *pCatCB) noexcept {
   const Call call(27, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_CatClose(pCatCB);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       counted.bufferCount.closed += counted.buffers.erase(pCatCB);
     });
   }
   return call.finish(result);
 }
 
-// Slot 28 comes here, too.
+// Slot 28 calls this slot, too.
 std::int16_t appendText(MEMCatCB *pCatCB, const char16_t *pText, std::int32_t Len) noexcept {
   const Call call(29, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_MemCat(pCatCB, pText, Len);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       const auto found = counted.buffers.find(pCatCB);
       if (found == counted.buffers.end()) return;
       BufferRecord &buffer = found->second;
@@ -439,8 +445,8 @@ template <std::uint32_t slot, auto service, class Unit>
 std::int16_t deleteText(const Unit *pSunk) noexcept {
   const Call call(slot, MEMCHK_CALLER);
   const std::int16_t result = (inner.*service)(pSunk);
-  if (result == 0 && call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([&](Layer::Counted &counted) {
       const auto copy = counted.sink.byAddress.find(pSunk);
       if (copy == counted.sink.byAddress.end()) return;
       counted.sink.asked.remove(copy->second.bytes);
@@ -456,20 +462,18 @@ template <std::uint32_t slot, auto service, class Unit>
 std::int16_t verifyText(const Unit *pText, const Unit **ppSunk, void *pReserved) noexcept {
   const Call call(slot, MEMCHK_CALLER);
   const std::int16_t result = (inner.*service)(pText, ppSunk, pReserved);
-  if (call.isWatched()) {
-    call->change([&](Layer::Counted &counted) {
-      if (result == 0) ++counted.sink.found;
-      if (result == MEMERR_SINKNFND) ++counted.sink.notFound;
-    });
-  }
+  call.change([&](Layer::Counted &counted) {
+    if (result == 0) ++counted.sink.found;
+    if (result == MEMERR_SINKNFND) ++counted.sink.notFound;
+  });
   return call.finish(result);
 }
 
 std::int16_t endSink() noexcept {
   const Call call(32, MEMCHK_CALLER);
   const std::int16_t result = inner.MEM_SinkTerm();
-  if (result == 0 && call.isWatched()) {
-    call->change([](Layer::Counted &counted) {
+  if (result == 0) {
+    call.change([](Layer::Counted &counted) {
       counted.sink.asked.removeAll();
       counted.sink.copies.removeAll();
       counted.sink.byAddress.clear();
@@ -530,7 +534,7 @@ void addCountingWrappers(MEMFunctionVector &own) noexcept {
 #undef MEMCHK_COUNT
 }
 
-constinit MEMFunctionVector wrappers{};  // those that are attached; null where none is
+constinit MEMFunctionVector wrappers{};  // the attached ones; null where there is none
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// The functions that stand in the slots while a layer is attached.
+// The functions that are in the slots while a layer is attached.
 #pragma once
 
 #include <atomic>
@@ -9,17 +9,17 @@ namespace memchk {
 
 class Layer;
 
-// The layer that calls go through; null: they pass.
+// The layer that watches calls; null: wrappers only pass them on.
 extern std::atomic<Layer *> attachedLayer;
 
-// Whether every slot of the library's leads somewhere.
+// Whether every slot of the library contains a function.
 bool isBound(const MEMFunctionVector &vector) noexcept;
 
-// Puts the wrappers into a vector and keeps what was there; with `all` into all slots from 8 on.
+// Puts the wrappers into a vector and keeps its functions; with `all` into all slots from 8 on.
 void wrapSlots(MEMFunctionVector &vector, bool all) noexcept;
 
-// Puts back what was there, in each slot that still holds its wrapper. What was there is called by
-// wrappers from then on, too.
+// Puts each kept function back if its slot still contains the wrapper. Another slot may still lead
+// to a wrapper, which then calls the kept function.
 void unwrapSlots(MEMFunctionVector &vector) noexcept;
 
 }  // namespace memchk

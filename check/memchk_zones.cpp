@@ -2,8 +2,7 @@
 
 #include "memchk_checkers.hpp"
 
-// The functions that touch denied bytes, and nothing that they call, are compiled without
-// sanitizers.
+// The functions that use denied bytes are compiled without sanitizers. They call nothing.
 #if defined(__clang__) || defined(__GNUC__)
 #define MEMCHK_UNSEEN __attribute__((no_sanitize("address", "thread", "undefined"), noinline))
 #else

@@ -1,5 +1,5 @@
-// Bytes that nobody may touch, filled with a pattern and looked at later. Sanitizers do not see
-// what is done here, and valgrind lets it pass: the bytes are denied to everybody else.
+// Bytes that no component may use: filled with a pattern and checked later. Memory checkers, which
+// deny all other access to them, do not report what the functions here do.
 #pragma once
 
 #include <cstddef>
@@ -10,8 +10,8 @@ namespace memchk::zones {
 inline constexpr std::uint8_t kZone = 0xFB;   // before and after entries
 inline constexpr std::uint8_t kFreed = 0xDF;  // in freed entries and cells
 
-// What has been written to: `length` bytes from `offset` on, the unchanged ones between included.
-// No damage has length 0.
+// Where a pattern was overwritten: from the first changed byte, at `offset`, to the last one.
+// Without damage `length` is 0.
 struct Damage {
   std::size_t offset = 0;
   std::size_t length = 0;

@@ -1,4 +1,4 @@
-# What every target of this tree is built with.
+# Options for every target of this tree.
 
 set(CMAKE_C_STANDARD 11)
 set(CMAKE_C_STANDARD_REQUIRED ON)
@@ -12,7 +12,7 @@ find_program(MEM_CCACHE ccache)
 if(MEM_CCACHE AND PROJECT_IS_TOP_LEVEL)
   set(CMAKE_C_COMPILER_LAUNCHER ${MEM_CCACHE})
   set(CMAKE_CXX_COMPILER_LAUNCHER ${MEM_CCACHE})
-  if(MEM_PCH)  # ccache's manual asks for this; otherwise it keeps nothing that uses such headers
+  if(MEM_PCH)  # required by ccache; without it no unit with a precompiled header is cached
     list(PREPEND CMAKE_CXX_COMPILER_LAUNCHER
       ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros)
     add_compile_options($<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fpch-preprocess>
@@ -20,7 +20,7 @@ if(MEM_CCACHE AND PROJECT_IS_TOP_LEVEL)
   endif()
 endif()
 
-# The warnings that this tree's own code keeps to; linked privately by each of its targets.
+# The warnings for this tree's own code; linked privately by each of its targets.
 add_library(mem_warnings INTERFACE)
 if(MSVC)
   target_compile_options(mem_warnings INTERFACE /W4 /permissive- $<$<BOOL:${MEM_WERROR}>:/WX>)
@@ -34,29 +34,27 @@ add_library(mem_headers INTERFACE)
 target_include_directories(mem_headers INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
-# A sanitizer has to see the library, the host and the tests alike, so it is no target's own affair.
+# A sanitizer must cover the library, the host and the tests, so the option is not one of a target.
 if(MEM_SANITIZE)
   add_compile_options(-fsanitize=${MEM_SANITIZE} -fno-sanitize-recover=all
     -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${MEM_SANITIZE})
 endif()
 
-# Counters for coverage belong to the library; whatever links its objects needs their runtime. The
-# counts of several threads add up.
+# Only the library has counters for coverage. Everything that links its objects needs their runtime.
 if(MEM_COVERAGE)
   add_link_options(--coverage)
 endif()
 add_compile_definitions($<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
 
-# Windows programs carry the C++ and compiler runtime in themselves: they run on a machine that has
-# nothing but the system's DLLs.
+# Windows programs contain the C++ and compiler runtime: they need only the system's DLLs.
 if(MINGW)
   add_link_options(-static)
 endif()
 
-# What is linked into a process of somebody else's: all that is resolved at loading is read-only
-# after it, no page is both written and run, and addresses are random. Linked privately by each file
-# that is shipped.
+# Options for files that run in other people's processes: what the loader resolves is read-only after
+# loading, no page is both writable and executable, and addresses are random. Linked privately by each
+# shipped file.
 add_library(mem_hardened INTERFACE)
 if(MINGW)
   target_link_options(mem_hardened INTERFACE
@@ -66,8 +64,8 @@ elseif(NOT WIN32)
 endif()
 
 # mem_split_debug(<target> [<library>...])
-# Moves debug information out of a file that is shipped into <file>.debug beside it, with that of the
-# static libraries it is made of. It does not change what the compiler makes of the code.
+# Moves the debug information of a shipped file, and of the static libraries in it, to <file>.debug in
+# the same folder. The generated code does not change.
 set(MEM_SPLITS_DEBUG OFF)
 if(NOT MSVC AND CMAKE_BUILD_TYPE STREQUAL "Release" AND CMAKE_OBJCOPY)
   set(MEM_SPLITS_DEBUG ON)
@@ -88,7 +86,7 @@ function(mem_split_debug target)
 endfunction()
 
 # mem_version_resource(<target> <what it is>)
-# What Windows shows as the properties of a file.
+# Sets the properties of a file that Windows shows.
 if(WIN32)
   enable_language(RC)
 endif()

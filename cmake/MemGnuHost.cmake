@@ -1,6 +1,6 @@
-# The checking layer and the reference host for mingw-w64 once more, compiled by g++: GNU ld warns of
-# every section that clang and g++ make in different sizes, and there are dozens in clang's archives.
-# lld takes these, too.
+# Builds the checking layer and the reference host for mingw-w64 a second time, with g++: GNU ld warns
+# of every section that clang and g++ make in different sizes, and clang's archives have dozens. lld
+# accepts the archives of g++, too.
 find_program(MEM_MINGW_AR x86_64-w64-mingw32-ar REQUIRED)
 set(MEM_GNU_ARCHIVES "")
 
@@ -10,14 +10,14 @@ function(mem_gnu_archive target folder)
   set(objects_folder ${PROJECT_BINARY_DIR}/gnu/${folder})
   file(MAKE_DIRECTORY ${objects_folder})
   get_target_property(sources ${target} SOURCES)
-  list(FILTER sources EXCLUDE REGEX "WIN32|_posix\\.cpp")  # the choice that the folder's CMakeLists.txt makes
+  list(FILTER sources EXCLUDE REGEX "WIN32|_posix\\.cpp")  # the same choice as in the folder's CMakeLists.txt
   list(APPEND sources ${target}_windows.cpp)
   list(REMOVE_DUPLICATES sources)
   set(objects "")
   foreach(source IN LISTS sources)
     set(object ${objects_folder}/${source}.obj)
     set(options "")
-    if(source STREQUAL "memchk_zones.cpp")  # as check/CMakeLists.txt has it
+    if(source STREQUAL "memchk_zones.cpp")  # as in check/CMakeLists.txt
       set(options -fno-builtin -fno-tree-loop-distribute-patterns)
     endif()
     add_custom_command(OUTPUT ${object}

@@ -1,13 +1,13 @@
-# What `cmake --install` puts under the prefix. Nothing installed holds an absolute path, so the
-# prefix may be moved. The parts are those of MemInstallDirs.cmake.
+# Files that `cmake --install` installs below the prefix. No installed file contains an absolute path,
+# so the prefix may be moved. MemInstallDirs.cmake lists the parts.
 include(CMakePackageConfigHelpers)
-set(made ${PROJECT_BINARY_DIR}/install)  # files that are made to be installed
+set(made ${PROJECT_BINARY_DIR}/install)  # generated files to install
 
-# Builds what is installed and no tests.
+# Builds the installed files, without the tests.
 add_custom_target(installed_files)
 add_dependencies(installed_files QJ7MEM00 memchk refhost memtool)
 
-# The library, and what hosts and components include.
+# The library, and the headers for hosts and components.
 set_target_properties(QJ7MEM00 PROPERTIES EXPORT_NAME module)
 set_target_properties(mem_headers PROPERTIES EXPORT_NAME headers)
 install(TARGETS QJ7MEM00 EXPORT QJ7MEM00Targets
@@ -22,8 +22,8 @@ install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN *.hpp PATTERN memchk.h)
 install(FILES host/refhost.hpp DESTINATION ${MEM_INSTALL_HOST_INCLUDEDIR})
 if(MEM_MINGW_GXX)
-  # MemGnuHost's archives have the names of clang's and are installed in their place. Installing both,
-  # one over the other, would keep the first where both were made within a second.
+  # The archives of MemGnuHost.cmake have the same names and are installed instead of clang's. If both
+  # were installed, the first would remain if both were built within the same second.
   set(never EXCLUDE_FROM_ALL)
 endif()
 install(TARGETS memchk refhost EXPORT QJ7MEM00Targets
@@ -31,7 +31,7 @@ install(TARGETS memchk refhost EXPORT QJ7MEM00Targets
 install(TARGETS mem_headers EXPORT QJ7MEM00Targets)
 if(WIN32)
   install(FILES SrcRes/binding/QJ7MEM00.def DESTINATION ${CMAKE_INSTALL_LIBDIR})
-  foreach(folder check host)  # for compilers that have no archives here
+  foreach(folder check host)  # for compilers that cannot use these archives
     file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp ${folder}/*.hpp)
     install(FILES ${sources} DESTINATION ${MEM_INSTALL_SHAREDIR}/${folder})
   endforeach()
@@ -44,8 +44,8 @@ if(WIN32)
 else()
   install(FILES check/valgrind.supp DESTINATION ${MEM_INSTALL_SHAREDIR})
   set(MEM_PC_SUPPRESSIONS "suppressions=\${prefix}/${MEM_INSTALL_SHAREDIR}/valgrind.supp\n")
-  # Hosts find the library by the program's run path; so does refhost::Library::installed(). The
-  # reference host links the checking layer, and has it from there.
+  # Hosts find the library by the program's run path, as refhost::Library::installed() does. The
+  # reference host gets it with the checking layer, which it links.
   target_link_options(memchk INTERFACE
     $<INSTALL_INTERFACE:LINKER:-rpath,$<INSTALL_PREFIX>/${MEM_INSTALL_MODULEDIR}>)
   set(MEM_PC_RUN_PATH " -Wl,-rpath,\${prefix}/${MEM_INSTALL_MODULEDIR}")
@@ -60,7 +60,7 @@ write_basic_package_version_file(${made}/QJ7MEM00ConfigVersion.cmake
 install(FILES ${made}/QJ7MEM00Config.cmake ${made}/QJ7MEM00ConfigVersion.cmake
   DESTINATION ${MEM_INSTALL_PACKAGEDIR})
 
-# pkg-config. It knows the folder in which it found a file, and that leads to the prefix.
+# pkg-config. The prefix is given relative to the folder of the .pc file.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${MEM_INSTALL_PKGCONFIGDIR} OUTPUT_VARIABLE MEM_PC_PREFIX)
 foreach(name qj7mem00 qj7mem00-check qj7mem00-refhost)
@@ -69,7 +69,7 @@ foreach(name qj7mem00 qj7mem00-check qj7mem00-refhost)
   install(FILES ${made}/${name}.pc DESTINATION ${MEM_INSTALL_PKGCONFIGDIR})
 endforeach()
 
-# memtool. Manual pages are compressed where man reads such.
+# memtool. Its manual page is compressed, except for Windows.
 install(TARGETS memtool RUNTIME DESTINATION ${MEM_INSTALL_MODULEDIR} COMPONENT qj7mem00-tools)
 configure_file(tools/memtool/memtool.1 ${made}/memtool.1 @ONLY)
 set(suffix "")
@@ -86,14 +86,14 @@ if(NOT WIN32)
   install(FILES ${made}/memtool DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT qj7mem00-tools)
 endif()
 
-if(TARGET memtool_completion)  # a program that runs here has made it
+if(TARGET memtool_completion)  # exists if memtool can run on this machine
   add_dependencies(installed_files memtool_completion)
   install(FILES ${PROJECT_BINARY_DIR}/tools/memtool/memtool.bash RENAME memtool
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT qj7mem00-tools)
 endif()
 
-# Debug information lies beside the file that it belongs to: debuggers look there first. Packages for
-# Debian have it elsewhere.
+# Debug information is installed in the folder of its file, where debuggers look first. Packages for
+# Debian have it in another folder.
 if(MEM_SPLITS_DEBUG)
   install(FILES $<TARGET_FILE:QJ7MEM00>.debug $<TARGET_FILE:memtool>.debug
     DESTINATION ${MEM_INSTALL_MODULEDIR} COMPONENT debug-beside)
@@ -105,7 +105,7 @@ if(MEM_HAS_SITE)
   install(DIRECTORY ${MEM_SITE}/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/html COMPONENT qj7mem00-doc)
 endif()
 
-# The manual as Markdown, and the examples. Links of its pages to what is not installed become plain text.
+# The manual as Markdown, and the examples. Links to files that are not installed become plain text.
 install(CODE "
   set(MEM_FROM \"${PROJECT_SOURCE_DIR}\")
   set(MEM_TO \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DOCDIR}\")

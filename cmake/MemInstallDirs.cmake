@@ -1,13 +1,13 @@
-# Where things are installed, all below the prefix; the usual CMAKE_INSTALL_… variables move them.
+# Folders of the installation, all below the prefix; the usual CMAKE_INSTALL_… variables change them.
 
 if(NOT CMAKE_INSTALL_DOCDIR)  # the default would have the project's name, in capitals
   set(CMAKE_INSTALL_DOCDIR share/doc/qj7mem00)
 endif()
 include(GNUInstallDirs)
 
-# What is neither linked by name nor started by name has a folder of its own: the module, the
-# static checking layer and reference host, and on Linux the program behind bin/memtool. A program finds the module
-# beside itself; Windows, which has no symbolic links for that, has both in bin.
+# Files that are neither linked nor started by their name have a folder of their own: the module, the
+# static checking layer and reference host, and on Linux the program to which bin/memtool is a link. A
+# program finds the module in its own folder. On Windows, without symbolic links, both are in bin.
 set(MEM_INSTALL_PRIVATEDIR ${CMAKE_INSTALL_LIBDIR}/qj7mem00)
 if(WIN32)
   set(MEM_INSTALL_MODULEDIR ${CMAKE_INSTALL_BINDIR})
@@ -19,11 +19,11 @@ set(MEM_INSTALL_SHAREDIR ${CMAKE_INSTALL_DATADIR}/qj7mem00)
 set(MEM_INSTALL_PACKAGEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/QJ7MEM00)
 set(MEM_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# What is installed comes in parts, each a package for Debian, whose name it has:
+# The installation has parts. Each is a package for Debian of the same name:
 #
 #   qj7mem00        the library, the C headers of the contract, and the contract as JSON
-#   qj7mem00-dev    the checking layer with its header, the C++ header, the reference host, and all
-#                   else that programs are compiled and linked with; what names no part is here
+#   qj7mem00-dev    the checking layer with its header, the C++ header, the reference host, and
+#                   everything else for compiling and linking programs; the default part
 #   qj7mem00-tools  memtool
 #   qj7mem00-doc    the manual and the examples
 #   qj7mem00-dbg    debug information

@@ -1,5 +1,5 @@
-# What `cpack` makes of the installed files: packages for Debian, one for each part, or a zip for
-# Windows, which has all of them.
+# Packages that `cpack` makes from the installed files: packages for Debian, one for each part, or one
+# zip for Windows.
 
 set(CPACK_PACKAGE_NAME qj7mem00)
 set(CPACK_PACKAGE_VENDOR "${MEM_VENDOR}")
@@ -12,7 +12,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 
 # mem_describe_part(<part> <section> <summary> <text> 
 #                   [DEPENDS <packages>] [RECOMMENDS <packages>] [SUGGESTS <packages>])
-# The text tells what of the library is in this package.
+# The text describes the contents of the package.
 function(mem_describe_part part section summary text)
   cmake_parse_arguments(PARSE_ARGV 4 arg "" "DEPENDS;SUGGESTS;RECOMMENDS" "")
   string(TOUPPER ${part} name)
@@ -32,8 +32,8 @@ table of functions.")
 endfunction()
 
 # mem_install_debian_files(<part>)
-# What Debian wants to find in every package: changelog, copyright, and the reasons for what lintian
-# would warn of. An installation without packages has none of these.
+# Installs the files that every package for Debian has: changelog, copyright, and the reasons for
+# overridden warnings of lintian. Only packages have them.
 function(mem_install_debian_files part)
   set(folder share/doc/${part})
   set(files ${PROJECT_BINARY_DIR}/install/debian)
@@ -67,7 +67,7 @@ else()
       COMMAND_ERROR_IS_FATAL ANY)
   endforeach()
 
-  # Debuggers look for debug information below lib/debug as well; it is Debian's place for it.
+  # Debuggers also look for debug information below lib/debug, which is Debian's folder for it.
   install(FILES $<TARGET_FILE:QJ7MEM00>.debug $<TARGET_FILE:memtool>.debug
     DESTINATION lib/debug${CPACK_PACKAGING_INSTALL_PREFIX}/${MEM_INSTALL_MODULEDIR}
     COMPONENT qj7mem00-dbg EXCLUDE_FROM_ALL)

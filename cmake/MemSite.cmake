@@ -1,6 +1,6 @@
 # The manual and the reference of the headers as a site, in <build folder>/site: target `docs`. Any
-# warning of Doxygen's is a failure. Where Doxygen and the theme are installed, the build that is shipped
-# makes the site with all else, and installs it.
+# warning of Doxygen is a failure. If Doxygen and the theme are installed, a release build makes the
+# site by default, and installs it.
 
 set(run_tool ${PROJECT_SOURCE_DIR}/cmake/run-tool.sh)
 set(site ${PROJECT_BINARY_DIR}/site)
@@ -23,7 +23,7 @@ set(check_theme "")
 if(NOT MEM_SITE_THEME)
   set(check_theme COMMAND sh -c "echo 'The target docs needs the Debian package doxygen-awesome-css; cmake/install-packages.sh docs installs it.' >&2; exit 1")
 endif()
-# A page that went would stay in the folder, so it is made anew.
+# The folder is removed first, so that it contains no page that no longer exists.
 add_custom_command(OUTPUT ${site}/index.html
   ${check_theme}
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${site}

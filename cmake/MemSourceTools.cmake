@@ -1,5 +1,5 @@
-# Targets that work on the sources: `tidy` reports, `format` rewrites. Without their tool they fail and
-# say where to get it.
+# Targets for the sources: `tidy` checks them, `format` formats them. If the tool is missing, they fail
+# and name its package.
 
 add_custom_target(format
   COMMAND sh -c "git ls-files -co --exclude-standard '*.h' '*.[ch]pp' | xargs \"$0\" \"$@\""

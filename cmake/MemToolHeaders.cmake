@@ -1,6 +1,6 @@
-# Header-only libraries of the system, for what surrounds the library: the host and the checking layer
-# write JSON; tools, examples and tests use all of them. Their folders are linked into the build folder
-# one by one, because a cross build must not see all of /usr/include.
+# Header-only libraries of the system, which the library itself does not use: the host and the checking
+# layer write JSON with one of them; tools, examples and tests use all. Symbolic links in the build
+# folder lead to their folders, because a cross build must not use the rest of /usr/include.
 set(MEM_TOOL_HEADERS /usr/include CACHE PATH "Folder with CLI, fmt, nlohmann and utf8cpp")
 set(tool_headers ${PROJECT_BINARY_DIR}/tools/headers)
 file(MAKE_DIRECTORY ${tool_headers})
@@ -13,7 +13,8 @@ foreach(pair IN LISTS pairs)
   list(GET pair 0 folder)
   list(GET pair 1 package)
   if(NOT IS_DIRECTORY ${MEM_TOOL_HEADERS}/${folder})
-    message(FATAL_ERROR "No headers in ${MEM_TOOL_HEADERS}/${folder} (Debian package ${package})")
+    message(FATAL_ERROR "No headers in ${MEM_TOOL_HEADERS}/${folder}: install the Debian package "
+      "${package}, or set MEM_TOOL_HEADERS to the folder that contains ${folder}")
   endif()
   file(CREATE_LINK ${MEM_TOOL_HEADERS}/${folder} ${tool_headers}/${folder} SYMBOLIC)
 endforeach()

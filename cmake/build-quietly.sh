@@ -17,6 +17,6 @@ build() {
 echo "== $preset: building" >&2
 if ! build "$@" >"$log" 2>&1; then
   tail -n 100 "$log" >&2
-  echo "== $preset: the build failed; its whole output is in $log" >&2
+  echo "== $preset: the build failed; the whole output is in $log" >&2
   exit 1
 fi

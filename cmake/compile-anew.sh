@@ -1,7 +1,7 @@
 #!/bin/sh
-# Runs a compiler (the arguments) after removing the file that it is to make. For precompiled
-# headers: g++ would otherwise find the former one beside the header while it makes the new one,
-# and keep its contents.
+# Removes the output file of a compiler, then runs the compiler (the arguments). For precompiled
+# headers: otherwise g++ would find the old one next to the header while it makes the new one, and
+# keep its contents.
 previous=
 for argument in "$@"; do
   if [ "$previous" = -o ]; then rm -f -- "$argument"; fi

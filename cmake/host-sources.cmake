@@ -1,18 +1,17 @@
-# Builds the checking layer and the reference host from their sources, for compilers whose programs
-# cannot be linked with the installed archives. Both write JSON with the headers of nlohmann JSON. From
-# a project:
+# Builds the checking layer and the reference host from their sources, for compilers that cannot link
+# the installed archives. Both write JSON with the headers of nlohmann JSON. In a project:
 #
 #   find_package(QJ7MEM00 1.0 REQUIRED)
 #   add_subdirectory(<this folder> refhost)
 #   target_link_libraries(program PRIVATE refhost)    # or memchk: the checking layer alone
 #
-# REFHOST_JSON_HEADERS  folder with nlohmann/json.hpp, where the compiler does not find it by itself
+# REFHOST_JSON_HEADERS  folder with nlohmann/json.hpp, if the compiler does not find it by itself
 cmake_minimum_required(VERSION 3.25)
 project(refhost LANGUAGES CXX)
 
 find_path(REFHOST_JSON_HEADERS nlohmann/json.hpp REQUIRED
   DOC "Folder with nlohmann/json.hpp")
-# Alone in a folder: what else is there may be another platform's.
+# Copied, because other headers in that folder may be for another platform.
 file(COPY ${REFHOST_JSON_HEADERS}/nlohmann DESTINATION ${CMAKE_CURRENT_BINARY_DIR}/headers)
 
 find_package(Threads REQUIRED GLOBAL)
@@ -31,7 +30,7 @@ endfunction()
 
 set(check ${CMAKE_CURRENT_SOURCE_DIR}/../check)
 refhost_add_library(memchk ${check})
-if(NOT MSVC)  # no call of a library function may be made of a loop over red zones
+if(NOT MSVC)  # a loop over red zones must not become a call of a library function
   set_source_files_properties(${check}/memchk_zones.cpp PROPERTIES COMPILE_OPTIONS
     "-fno-builtin;$<$<CXX_COMPILER_ID:GNU>:-fno-tree-loop-distribute-patterns>")
 endif()

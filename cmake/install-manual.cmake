@@ -1,5 +1,5 @@
-# Installs the manual: README.md, CHANGELOG.md, docs/ and the sources of the examples. A link to what is
-# not among these becomes its text; all others keep their places to each other.
+# Installs the manual: README.md, CHANGELOG.md, docs/ and the sources of the examples, in the same
+# folders relative to each other. A link to any other file becomes its text.
 #
 # MEM_FROM  the root of the tree
 # MEM_TO    the folder to install to
@@ -9,8 +9,8 @@ file(COPY ${MEM_FROM}/docs DESTINATION ${MEM_TO}
 file(COPY ${MEM_FROM}/README.md ${MEM_FROM}/CHANGELOG.md DESTINATION ${MEM_TO})
 file(COPY ${MEM_FROM}/examples DESTINATION ${MEM_TO} PATTERN CMakeLists.txt EXCLUDE)
 
-# mem_unlink_prose(<variable> <folder>): the same in a text between <open> and <close> marks, whose
-# links begin at the folder.
+# mem_unlink_prose(<variable> <folder>): the same for a text in which <open> and <close> mark brackets
+# and links are relative to the folder.
 function(mem_unlink_prose variable folder)
   set(text "${${variable}}")
   string(REGEX MATCHALL "${open}[^${open}${close}]+${close}\\([^) ]+\\)" links "${text}")
@@ -26,18 +26,18 @@ function(mem_unlink_prose variable folder)
   set(${variable} "${text}" PARENT_SCOPE)
 endfunction()
 
-# mem_unlink(<page>): in the page, links that lead nowhere become their texts.
+# mem_unlink(<page>): in the page, links to missing files become their texts.
 function(mem_unlink page)
   file(READ ${page} text)
   cmake_path(GET page PARENT_PATH folder)
-  # Brackets and semicolons mean something in lists.
+  # Brackets and semicolons have a meaning in lists.
   string(ASCII 1 open)
   string(ASCII 2 close)
   string(ASCII 3 semicolon)
   string(REPLACE "[" "${open}" text "${text}")
   string(REPLACE "]" "${close}" text "${text}")
   string(REPLACE ";" "${semicolon}" text "${text}")
-  # Prose and fenced code take turns; brackets in code are no links.
+  # Prose and fenced code alternate; brackets in code are no links.
   string(ASCII 4 fence)
   string(REPLACE "\n```" "${fence};" parts "${text}")
   set(text "")

@@ -1,24 +1,23 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that a job needs and this machine lacks. Says and does nothing when
-# all of them are there.
+# Installs missing Debian packages for jobs. If all are installed, it does and prints nothing.
 #
 #   cmake/install-packages.sh <job>...
 #
 # linux     build and tests on Linux
-# python    what the tests of the Python package use; it needs nothing itself
-# windows   cross build, and Wine to run what it makes
+# python    tests of the Python package, which itself needs nothing
+# windows   cross build, and Wine to run its programs
 # lint      clang-format and clang-tidy
 # fuzz      clang with libFuzzer and the sanitizers' runtime
-# bench     what the benchmarks compare the library with
+# bench     libraries with which the benchmarks compare this one
 # coverage  the report of covered lines and branches
 # memcheck  valgrind
 # docs      Doxygen and its theme, for the manual as a site; codespell, for the spelling
-# packages  what makes, looks into and judges Debian packages
-# pictures  what draws the manual's pictures from text
+# packages  tools that make, read and check Debian packages
+# pictures  tools that draw the manual's pictures from text
 set -euo pipefail
 
-# What the tools and examples are built with, on and for every platform: headers, and what makes
-# the contract from the library's own.
+# For the tools and examples, on and for every platform: headers, and Python, which makes the contract
+# from the library's headers.
 tools=(libcli11-dev libfmt-dev libutfcpp-dev nlohmann-json3-dev python3)
 
 packagesFor() {
@@ -45,7 +44,8 @@ packagesFor() {
     packages) echo dpkg-dev file lintian python3 ;;
     pictures) echo graphviz python3 ;;
     *)
-      echo "install-packages.sh: no packages are listed for \"$1\"" >&2
+      echo "install-packages.sh: unknown job \"$1\": use linux, python, windows, lint, fuzz, bench," \
+        "coverage, memcheck, docs, packages or pictures" >&2
       exit 2
       ;;
   esac
@@ -63,7 +63,8 @@ isInstalled() {
 }
 
 if ! command -v dpkg-query >/dev/null; then
-  echo "install-packages.sh: this is no Debian system; install what stands for: ${wanted[*]}" >&2
+  echo "install-packages.sh: this is not a Debian system; install the equivalents of these packages:" \
+    "${wanted[*]}" >&2
   exit 1
 fi
 missing=()
@@ -84,11 +85,11 @@ fi
 echo "== installing ${missing[*]}" >&2
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-# A fresh machine has no package lists; sudo does not pass the environment on by itself.
+# A new machine has no package lists. sudo does not pass the environment on, so env does.
 if ! "${asRoot[@]}" apt-get -qq update >"$log" 2>&1 ||
   ! "${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get -qq install -y --no-install-recommends "${missing[@]}" >>"$log" 2>&1; then
   tail -n 20 "$log" >&2
-  echo "install-packages.sh: could not install ${missing[*]}" >&2
+  echo "install-packages.sh: apt-get could not install ${missing[*]}" >&2
   exit 1
 fi

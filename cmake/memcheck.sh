@@ -3,21 +3,21 @@
 #
 #   cmake/memcheck.sh [<test program>...]     for example: cmake/memcheck.sh heap_test sink_test
 #
-# Installs what is missing. Without names it runs every program of GoogleTest cases but those whose
-# cases provoke faults or end in a child process on purpose, and those that take too long this way.
-# An error or a lost block fails a program; logs are in build/logs/memcheck. Nothing is suppressed but
-# what check/valgrind.supp, which is shipped, has.
+# Installs missing packages. Without names it runs all test programs with GoogleTest, except those that
+# cause faults or kill processes, and those that take too long under valgrind. A program fails on an
+# error or a lost block; logs are in build/logs/memcheck. Only the suppressions of check/valgrind.supp,
+# which is shipped, are used.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 cmake/install-packages.sh linux memcheck
-cmake/build-quietly.sh release "$@"  # with names these only
+cmake/build-quietly.sh release "$@"  # with names: only these
 
 programs=("$@")
 if ((${#programs[@]} == 0)); then
   for program in build/release/bin/*_test; do
     case ${program##*/} in
-      port_guard_test) ;;                         # faults are what it is about
+      port_guard_test) ;;                         # it tests faults
       exchange_test) ;;                           # its processes are killed
       pack_model_test | unpack_mutation_test) ;;  # millions of calls
       *) programs+=("${program##*/}") ;;

@@ -1,9 +1,10 @@
-# Says how to build the programs that the last run of `ctest` missed. CTest runs this at its end.
+# Prints how to build the test programs that were missing in the last run of `ctest`. CTest runs this
+# at its end.
 #
 #   cmake -DBUILD=… -P name-unbuilt-tests.cmake
 #
-# BUILD  the build folder; test-programs.txt there has one line for each test program: its target,
-#        a blank and its path. Testing/begun is as old as the run
+# BUILD  the build folder; test-programs.txt in it has one line for each test program: its target,
+#        a blank and its path. Testing/begun was written when the run began
 cmake_minimum_required(VERSION 3.25)
 
 set(failed ${BUILD}/Testing/Temporary/LastTestsFailed.log)

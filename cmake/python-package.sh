@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Makes the Debian package python3-qj7mem00 of python/ and prints its path.
+# Makes the Debian package python3-qj7mem00 from python/ and prints its path.
 #
 #   cmake/python-package.sh FOLDER [MAINTAINER]
 #
-# FOLDER      where the package is put
-# MAINTAINER  whom it names as its maintainer: NAME <ADDRESS>
+# FOLDER      folder for the package
+# MAINTAINER  maintainer of the package: NAME <ADDRESS>
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 maintainer=${2:-QJ7MEM00 maintainers <maintainers@qj7mem00.invalid>}
@@ -18,13 +18,13 @@ mkdir -p "$work/wheel" "$work/tree/DEBIAN" "$work/tree/usr/lib/python3/dist-pack
   "$work/tree/usr/share/doc/python3-qj7mem00"
 chmod 755 "$work/tree"
 
-# What pip would install, unpacked where Debian's Python looks.
+# The files that pip would install, in the folder where Debian's Python looks.
 (cd "$root/python" && python3 -B -c 'import build_backend, sys
 build_backend.build_wheel(sys.argv[1])' "$work/wheel")
 python3 -m zipfile -e "$work"/wheel/*.whl "$work/tree/usr/lib/python3/dist-packages"
 cp "$root/docs/python.md" "$work/tree/usr/share/doc/python3-qj7mem00/"
 
-# What Debian wants to find in every package, as MemPackages.cmake has it for the others.
+# The files that every package for Debian has, as in MemPackages.cmake.
 about=$work/tree/usr/share/doc/python3-qj7mem00
 filled() {
   sed -e "s/@PROJECT_VERSION@/$version/; s/@CPACK_DEBIAN_PACKAGE_RELEASE@/1/" \
@@ -48,9 +48,9 @@ Depends: python3 (>= 3.11), qj7mem00 (>= $version)
 Maintainer: $maintainer
 Installed-Size: $(du -sk "$work/tree/usr" | cut -f1)
 Description: memory services of QJ7MEM00 for Python
- Loads the library, is its host, reaches every service by name with checked
- arguments, and reads and writes port strings and packed chains. Needs
- nothing but Python's standard library and the library itself.
+ Loads the library, is its host, calls every service by name with checked
+ arguments, and reads and writes port strings and packed chains. Needs only
+ Python's standard library and the library itself.
 END
 dpkg-deb --root-owner-group --build "$work/tree" "$package" >/dev/null
 echo "$package"

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Runs a tool that a target of this tree needs and not every machine has.
+# Runs a tool that a target of this tree needs and that may not be installed.
 #
 #   cmake/run-tool.sh <target> <Debian package> <job of install-packages.sh> <program> [<argument>...]
 target=$1

@@ -38,7 +38,7 @@ set(CMAKE_SYSROOT ${MEM_WINDOWS_ROOT})
 
 # The C++ runtime is built with emulated thread-local storage, so its users must be as well.
 set(CMAKE_C_FLAGS_INIT "-fms-extensions -femulated-tls")
-# Its comparison of types is not inline, which g++ for this platform tells the headers by itself.
+# Its comparison of types is not inline. g++ for this platform defines this by itself.
 set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT} -D__GXX_TYPEINFO_EQUALITY_INLINE=0")
 set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES
   ${MEM_GCC_DIR}/include/c++ ${MEM_GCC_DIR}/include/c++/x86_64-w64-mingw32)
@@ -47,7 +47,7 @@ foreach(kind EXE SHARED MODULE)
 endforeach()
 set(CMAKE_CXX_STANDARD_LIBRARIES "-lpthread")
 
-list(APPEND CMAKE_FIND_ROOT_PATH ${MEM_WINDOWS_ROOT})  # behind what the user names
+list(APPEND CMAKE_FIND_ROOT_PATH ${MEM_WINDOWS_ROOT})  # after the user's folders
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

@@ -1,17 +1,17 @@
 #!/usr/bin/env bash
-# Runs a Windows program under Wine, quietly and in a prefix of this tree's own (build/wine), which
-# is made at first use. CTest and run.sh start every Windows program through it.
+# Runs a Windows program under Wine, without Wine's messages and in a prefix of this tree (build/wine),
+# which is made at first use. CTest and run.sh start every Windows program with it.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 export WINEPREFIX=${WINEPREFIX:-$root/build/wine}
 export WINEDEBUG=${WINEDEBUG:--all}
 export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}  # asks for no Mono and no Gecko
-export LC_ALL=C.UTF-8  # file names are UTF-8, whatever the user speaks
+export LC_ALL=C.UTF-8  # file names are UTF-8, whatever the user's language
 unset DISPLAY
 
 if ! command -v wine >/dev/null; then
-  echo "wine is not installed (Debian packages wine, wine64)" >&2
+  echo "wine-run.sh: wine is not installed: install the Debian packages wine and wine64" >&2
   exit 127
 fi
 
@@ -29,8 +29,8 @@ makePrefix() {
 }
 
 [[ -e $WINEPREFIX/complete ]] || makePrefix
-# The first program in a while starts Wine's services, and they keep its output open for some
-# seconds after it has ended. CTest would wait for that, so a program without output goes first. It
-# fails where those services are just about to end; the next one finds new ones.
+# The first program after a while starts Wine's services, and they keep its output open for some
+# seconds after it has ended. CTest would wait for that, so a program without output runs first. It
+# fails if those services are just ending; the next program starts new ones.
 wine cmd /c exit </dev/null >/dev/null 2>&1 || sleep 1
 exec wine "$@"

@@ -1,8 +1,8 @@
 /* A component in plain C11, with the smallest host that it needs: counts the words of a text in a
- * hash table of the library and prints them. The host takes storage from malloc, knows one thread
- * and shows failures on stderr; it neither traces nor protects storage.
+ * hash table of the library and prints them. The host takes storage from malloc, supports one
+ * thread and writes failures to stderr; it neither traces nor protects storage.
  *
- *   c_example [LIBRARY]    LIBRARY is the library's path; without it the one in this folder */
+ *   c_example [LIBRARY]    LIBRARY is the library's path; by default the one in this folder */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,7 +22,7 @@
 static MEMThreadEnv thread;
 static void *anchor;
 static const MEMMessageRow *messages;
-static int areas; /* obtained and not returned */
+static int areas; /* allocated and not returned */
 
 static uint16_t getAnchor(int32_t zero, int32_t component, void **ppAnchor) {
   (void)zero, (void)component;
@@ -35,7 +35,7 @@ static void setAnchor(int32_t zero, int32_t component, void *pAnchor) {
   anchor = pAnchor;
 }
 
-/* One thread never waits for itself: a gate is a number. */
+/* One thread never waits for another: a gate is only a number. */
 static uint16_t createGate(uint32_t *phGate) {
   *phGate = 1;
   return 0;
@@ -117,7 +117,7 @@ static MEMTraceServices trace;
 static MEMTextServices text = {.ReportError = reportError};
 static MEMFunctionVector mem;
 
-/* The first four cells hold the vectors that the library uses; it only keeps the others. */
+/* The first four cells lead to the vectors that the library uses; it only keeps the others. */
 static void *cells[MEM_HOST_VECTORS] = {&runtime, &trace, &text, &mem};
 static void **hostVectors[MEM_HOST_VECTORS];
 static void *otherCell;
@@ -166,13 +166,13 @@ static int16_t printWord(void *pRecord, void *pParm) {
   return 0;
 }
 
-/* Counts one word; 0 or the failure's result. */
+/* Counts one word. Returns 0 or the result of the service that failed. */
 static int16_t countWord(HMEMHASH table, const char *start, size_t length) {
   Word word = {{0}, 0};
   memcpy(word.text, start, length < WORD_LEN ? length : WORD_LEN);
   void *stored = NULL;
   const int16_t result = mem.MEM_HashInsEntry(table, sizeof word, &word, &stored);
-  if (result != 0 && result != MEMERR_HASHDKEY) return result; /* a known word is no failure */
+  if (result != 0 && result != MEMERR_HASHDKEY) return result; /* a duplicate word is no failure */
   ++((Word *)stored)->count;
   return 0;
 }

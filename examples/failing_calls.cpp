@@ -7,7 +7,7 @@
 
 namespace {
 
-// What the call before has left on this thread. To be read at once: most calls erase it.
+// What the last call has recorded for this thread. Read it at once: most calls erase it.
 void show(refhost::Host &host, const char *call, int result) {
   const MEMErrorArea &error = host.thread().Error;
   std::printf("%s: result %d\n", call, result);
@@ -82,7 +82,7 @@ void findTheServiceThatFails(refhost::Host &host) {
   host.setTraceFlags(0);
 }
 
-// The host learns of every failure, whoever has made the call.
+// The host is notified of every failure, whoever made the call.
 void logEveryFailure(refhost::Host &host) {
   host.text().ReportError = [](char *text, const char *detail) {
     std::printf("  reported: %s%s\n", text, detail);

@@ -9,7 +9,7 @@ struct Check {
   const char *end;
   uint64_t count;    /* structures of the text */
   uint32_t *kinds;   /* StructID of each */
-  int kindsAreKnown; /* in the second pass: pointers may lead on */
+  int kindsAreKnown; /* 1 in the second pass, which checks where pointers lead */
 };
 
 static int take(struct Check *c, char wanted) {
@@ -24,7 +24,8 @@ static size_t takeAll(struct Check *c, const char *wanted) {
   return (size_t)(c->at - begin);
 }
 
-/* Reversed digits; none are 0. Readers let numbers of more than 32 bits wrap. */
+/* Digits in reverse order; without a digit the number is 0. Readers accept numbers of more than 32
+ * bits and wrap them; this check refuses them. */
 static int takeNumber(struct Check *c, int64_t most, uint32_t *number) {
   int64_t value = 0;
   for (int64_t weight = 1; c->at != c->end && *c->at >= '0' && *c->at <= '9'; weight *= 10) {
@@ -50,10 +51,10 @@ static int takeQuoted(struct Check *c, char quote) {
   return 0;
 }
 
-/* A structure text with the identifier wanted, 0 for any; stores the one that it has. */
+/* A structure text with the identifier `wantedID`, 0 for any; stores its identifier in `id`. */
 static int takeStructure(struct Check *c, uint32_t wantedID, uint32_t *id, int nesting);
 
-/* `value` is left alone by what is no integer of up to 32 bits, or is negative. */
+/* Stores an integer of up to 32 bits in `value`, unless it is negative; else `value` is kept. */
 static int takeValue(struct Check *c, const MEMFieldDef *field, int nesting, int64_t *value) {
   static const int64_t most[] = {INT16_MAX, UINT16_MAX, INT32_MAX, UINT32_MAX};
   const int type = field->Type;
@@ -66,7 +67,7 @@ static int takeValue(struct Check *c, const MEMFieldDef *field, int nesting, int
     case MEM_PORT_WCHAR:
     case MEM_PORT_WCHARSZ:
       return takeQuoted(c, '\'');
-    case MEM_PORT_PSTR: /* a null one ends here */
+    case MEM_PORT_PSTR: /* a null pointer has no quoted text */
       if (!take(c, 'X')) return 0;
       if (takeAll(c, "0123456789") == 0 && c->at != c->end && *c->at != '"') return 1;
       return takeQuoted(c, '"');
@@ -77,7 +78,7 @@ static int takeValue(struct Check *c, const MEMFieldDef *field, int nesting, int
       return take(c, 'H') && takeAll(c, "0123456789ABCDEF") % 2 == 0;
     case MEM_PORT_BIT:
       return take(c, 'B') && takeAll(c, "01") == 8;
-    case MEM_PORT_PNT: /* leads to a structure of the kind that the field names */
+    case MEM_PORT_PNT: /* leads to a structure of the field's kind */
       if (!take(c, 'S') || !takeNumber(c, (int64_t)c->count, &number)) return 0;
       return number == 0 || !c->kindsAreKnown || c->kinds[number - 1] == field->SubStructID;
     case MEM_PORT_SUBSTRUCTURE:
@@ -124,7 +125,7 @@ static int takeStructure(struct Check *c, uint32_t wantedID, uint32_t *id, int n
   if (!take(c, '>') || !take(c, ')')) return 0;
   if (!repeats) return 1;
   if (counted >= 0 && def->CountIsLength && last->Length > 0) {
-    counted = (counted - def->Length) / last->Length + 1; /* as writers count */
+    counted = (counted - def->Length) / last->Length + 1; /* as writers calculate it */
   }
   return counted == elements && (written == elements || (last->NotPorted && written == 0));
 }

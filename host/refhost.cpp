@@ -31,7 +31,7 @@ constexpr std::string_view kServiceNames[] = {
 static_assert(std::size(kServiceNames) == kServiceCount);
 static_assert(static_cast<std::size_t>(Service::FilterException) + 1 == kServiceCount);
 
-// What stands in slots that the library must not call.
+// Functions in slots that the library must not call.
 enum class Unused { kRuntimeSlot, kTraceSlot, kTextSlot, kVector };
 
 template <Unused where>
@@ -43,7 +43,7 @@ void unusedSlot() {
   std::abort();
 }
 
-// Puts `slot` into every slot of a service vector; the services' own follow on top.
+// Puts `slot` into every slot of a service vector; the caller then sets those of the services.
 template <class Vector>
 void fillReserved(Vector &vector, MEMReservedSlot slot) {
   static_assert(sizeof(Vector) % sizeof(slot) == 0);
@@ -52,7 +52,7 @@ void fillReserved(Vector &vector, MEMReservedSlot slot) {
   }
 }
 
-// The vector behind all cells that the library keeps but never uses.
+// The vector of all cells that the library keeps but never uses.
 struct UnusedVector {
   MEMReservedSlot slots[512];
 };
@@ -93,7 +93,9 @@ Host::Impl::Impl(Options theOptions)
       storage(options),
       traceFlags(options.traceFlags),
       checked(options.checked || isCheckedByEnvironment()) {
-  if (activeHost != nullptr) throw std::logic_error("a process has one host at a time");
+  if (activeHost != nullptr) {
+    throw std::logic_error("a process has one Host at a time: destroy the other one first");
+  }
   for (int i = 0; i < MEM_VECTOR_HOST_SLOTS; ++i) vector.HostSlots[i] = &hostSlotMarks[i];
   std::memset(&sysEnv, 0xEE, sizeof(sysEnv));
   sysEnv.PlatformFlags = options.bigEndian ? MEM_PLATFORM_BIG_ENDIAN : 0;
@@ -149,8 +151,7 @@ Host::~Host() {
   report();
 }
 
-// The vector keeps what binding and the layer have made of it. One that binding has not filled gets
-// no layer.
+// A vector that binding has not filled gets no layer.
 void Host::Impl::attachCheck() {
   const bool counts = options.statistics || options.places;
   if (!checked && !counts) return;
@@ -180,7 +181,7 @@ void Host::bind(MEMBindFn *entry) {
   impl_->libraryModule = platform::moduleAt(reinterpret_cast<const void *>(entry));
 }
 
-// Unbinding reads neither lists nor environment; nulls prove it.
+// Unbinding reads neither lists nor environment: it gets null pointers.
 void Host::unbind(MEMBindFn *entry, std::int16_t mode) {
   impl_->detachCheck();
   entry(nullptr, nullptr, nullptr, 0, mode);

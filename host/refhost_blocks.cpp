@@ -14,7 +14,7 @@ using Kind = ObjectStatistics::Kind;
 
 constexpr std::size_t kLeastBlock = 48;  // the shortest area with a control block is longer
 constexpr std::size_t kEyeLen = 8;
-constexpr std::size_t kNext = 8;  // of areas, blocks and nodes of a pool's list of them
+constexpr std::size_t kNext = 8;  // of areas and large blocks
 
 template <class T>
 T load(std::uintptr_t block, std::size_t offset) {
@@ -27,7 +27,7 @@ bool hasEye(std::uintptr_t block, std::string_view eye) {
   return std::memcmp(reinterpret_cast<const void *>(block), eye.data(), kEyeLen) == 0;
 }
 
-// Length of the area that begins at an address; 0 when none does.
+// Length of the area that begins at an address; 0 if none does.
 std::uint32_t lengthAt(const LiveAreas &areas, std::uintptr_t address) {
   const auto found = areas.find(address);
   return found == areas.end() ? 0 : found->second->length;
@@ -65,7 +65,7 @@ void addLargeBlocks(ObjectStatistics &heap, const LiveAreas &areas, std::uintptr
   }
 }
 
-// What is free of the last area is not lost yet.
+// The free bytes of the last area are not wasted: later entries use them.
 ObjectStatistics readHeap(const LiveAreas &areas, std::uintptr_t block, Kind kind) {
   const HeapPlaces &places = kind == Kind::standardHeap ? kStandardPlaces : kEnhancedPlaces;
   ObjectStatistics heap = object(kind, block);
@@ -95,10 +95,10 @@ constexpr std::size_t kPoolSubPool = 32;
 constexpr std::size_t kNodeArea = 8;
 constexpr std::size_t kNodeLen = 16;
 
-// A pool's areas, each with the offset of its first cell: behind the nodes that lie in it.
+// A pool's areas, each with the offset of its first cell: after the nodes that are in it.
 using CellStarts = std::map<std::uintptr_t, std::uintptr_t>;
 
-// The area of a pool that holds some bytes at an address; end() for none.
+// The area of a pool that contains `bytes` bytes at an address; end() for none.
 CellStarts::iterator areaOf(CellStarts &starts, std::uintptr_t address, std::size_t bytes,
                             std::uint64_t areaLen) {
   auto next = starts.upper_bound(address);
@@ -114,7 +114,7 @@ CellStarts readNodes(const LiveAreas &areas, std::uintptr_t block, std::uint64_t
   std::set<std::uintptr_t> seen;
   for (auto node = load<std::uintptr_t>(block, kPoolNodes); node != 0;
        node = load<std::uintptr_t>(node, 0)) {
-    const auto holder = areas.upper_bound(node);  // the area behind the node's
+    const auto holder = areas.upper_bound(node);  // the area after the node's
     if (holder == areas.begin() || !seen.insert(node).second) break;
     const auto &[from, pArea] = *std::prev(holder);
     const std::uint64_t offset = node - from;

@@ -1,5 +1,5 @@
-// What the control blocks of heaps, pools and tables tell by themselves, at the offsets that the
-// manual has of them. REQUIRES: no call through the vector is running.
+// Figures from the control blocks of heaps, pools and tables, at the offsets that the manual
+// gives. REQUIRES: no call through the vector is running.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +14,8 @@ namespace refhost {
 // Live areas of the account by address.
 using LiveAreas = std::map<std::uintptr_t, const FoundArea *>;
 
-// Every heap, pool and table whose control block begins an area, without what only counting tells.
-// A list of areas is followed as far as it leads to areas of the right length.
+// Every heap, pool and table whose control block begins an area, without the figures that only the
+// layer counts. A list of areas is followed as far as it leads to areas of the right length.
 struct SeenObjects {
   std::vector<ObjectStatistics> heaps;
   std::vector<ObjectStatistics> pools;

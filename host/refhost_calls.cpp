@@ -18,7 +18,7 @@ CallLog::Begun CallLog::begin(HostCall call) {
   return begun;
 }
 
-// The record may have been taken while the call ran; its result is then nobody's any more.
+// The record may have been taken while the call ran; its result is then dropped.
 void CallLog::finish(std::uint64_t number, std::uint64_t result) {
   const std::lock_guard lock(mutex_);
   if (number >= firstNumber_) calls_[number - firstNumber_].result = result;
@@ -37,9 +37,10 @@ std::vector<HostCall> CallLog::take() {
 }
 
 void CallLog::arm(Fault fault) {
-  if (fault.nth == 0) throw std::logic_error("a fault's calls are counted from 1");
+  if (fault.nth == 0) throw std::logic_error("Fault::nth is 0: calls are counted from 1");
   if (fault.service == Service::EnterFrame || fault.service == Service::LeaveFrame) {
-    throw std::logic_error("frames cannot fail");
+    throw std::logic_error(std::string(serviceName(fault.service)) +
+                           " cannot fail: arm another service");
   }
   const std::lock_guard lock(mutex_);
   faults_[static_cast<std::size_t>(fault.service)] = std::move(fault);

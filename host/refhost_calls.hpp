@@ -1,5 +1,5 @@
-// Recording of service calls and injection of failures. Both are off by default; a service then
-// pays one relaxed load. Any thread may call any member.
+// Recording of service calls and injection of failures. Both are off by default and then cost a
+// service one relaxed load. Any thread may call any member.
 #pragma once
 
 #include <array>
@@ -15,12 +15,12 @@ namespace refhost {
 
 class CallLog {
  public:
-  // Whether calls must be shown to begin().
+  // Whether calls must be passed to begin().
   bool isWatching() const { return watching_.load(std::memory_order_relaxed); }
 
   struct Begun {
     std::uint64_t number = 0;    // for finish; 0: not recorded
-    std::optional<Fault> fault;  // set when this call is to fail
+    std::optional<Fault> fault;  // set if this call must fail
   };
   Begun begin(HostCall call);
   void finish(std::uint64_t number, std::uint64_t result);

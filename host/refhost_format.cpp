@@ -13,7 +13,7 @@ namespace refhost {
 
 namespace {
 
-// Text in a fixed room; what does not fit is dropped.
+// Text in a buffer of fixed size; what does not fit is dropped.
 class BoundedText {
  public:
   BoundedText(char *dest, std::size_t room) : dest_(dest), capacity_(room - 1) {}
@@ -24,7 +24,7 @@ class BoundedText {
     length_ += length;
   }
 
-  // Appends all or nothing. After a part that does not fit nothing else is taken.
+  // Appends the whole text or nothing. After a text that does not fit, nothing more is appended.
   bool appendWhole(const char *text, std::size_t length) {
     if (length > capacity_ - length_) capacity_ = length_;
     append(text, length);
@@ -65,7 +65,7 @@ struct Conversion {
   char type = '\0';
 };
 
-// Widths and precisions beyond any room need not be told apart.
+// Larger widths and precisions count as this one: no buffer is longer.
 constexpr std::size_t kMaxField = 1U << 20;
 
 bool isDigit(char c) {
@@ -153,7 +153,7 @@ void parseSize(const char *&pos, Conversion &spec) {
   }
 }
 
-// Places prefix, zeros and body in the field. `write` appends the body, whose width it is told.
+// Places prefix, zeros and body in the field. `write` appends the body, which is `bodyWidth` wide.
 template <class Write>
 void putField(BoundedText &out, const Conversion &spec, const char *prefix, std::size_t zeros,
               std::size_t bodyWidth, Write write) {
@@ -193,7 +193,7 @@ std::int64_t narrowSigned(std::uint64_t value, Size size) {
   }
 }
 
-// Digits and precision of an integer; the zero flag gives way to a precision.
+// Digits and precision of an integer; with a precision the zero flag has no effect.
 void putInteger(BoundedText &out, Conversion spec, std::uint64_t value, unsigned base,
                 const char *prefix) {
   const char *const digits = spec.type == 'x' ? "0123456789abcdef" : "0123456789ABCDEF";
@@ -247,7 +247,7 @@ void putNarrow(BoundedText &out, const Conversion &spec, const char *text) {
   putField(out, spec, "", 0, length, [&] { out.append(text, length); });
 }
 
-// Width and precision count the input's 16-bit characters. The room's end splits no character.
+// Width and precision count the input's 16-bit units. The buffer's end splits no character.
 void putUtf16(BoundedText &out, const Conversion &spec, const void *text, std::size_t count) {
   putField(out, spec, "", 0, count, [&] {
     for (std::size_t i = 0; i < count;) {
@@ -349,7 +349,7 @@ class WidenedArgs final : public FormatArgs {
   const std::uint64_t *end_;
 };
 
-// Each argument fills eight bytes, whatever its type; the upper ones of a short one are not read.
+// Each argument has eight bytes, whatever its type; the upper bytes of a shorter type are not used.
 class VariadicArgs final : public FormatArgs {
  public:
   explicit VariadicArgs(std::va_list *args) : args_(args) {}
@@ -385,7 +385,7 @@ namespace services {
 
 namespace {
 
-// Room at a destination, with the terminator.
+// Bytes available at a destination, with the terminator.
 std::size_t roomAt(const char *dest, ThreadState &thread) {
   const auto first = reinterpret_cast<std::uintptr_t>(thread.traceText());
   const auto at = reinterpret_cast<std::uintptr_t>(dest);

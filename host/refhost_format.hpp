@@ -1,4 +1,4 @@
-// Formatting by the printf rules of 64-bit Windows; the rules are listed at formatText.
+// Formatting by the printf rules of 64-bit Windows, which the comment of formatText lists.
 #pragma once
 
 #include <cstddef>

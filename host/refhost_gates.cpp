@@ -27,7 +27,7 @@ std::string GateTable::destroy(std::uint32_t handle) {
   const std::lock_guard lock(mutex_);
   const auto found = gates_.find(handle);
   if (found == gates_.end()) return unknownGate(handle);
-  // The gate stays: its threads would otherwise wait on freed memory.
+  // The gate is kept: its threads would otherwise wait on freed memory.
   if (found->second.isInUse()) return formatText("gate %u is in use", handle);
   gates_.erase(found);
   return {};
@@ -39,7 +39,7 @@ GateTable::Acquired GateTable::acquire(std::uint32_t handle, const ThreadState &
   if (found == gates_.end()) return {kNoGate, unknownGate(handle)};
   Gate &gate = found->second;
   if (gate.owner == thread.number) {
-    return {kGateOwned, formatText("gate %u is held by the same thread", handle)};
+    return {kGateOwned, formatText("gate %u is already held by the calling thread", handle)};
   }
   ++gate.waiters;
   gate.freed.wait(lock, [&gate] { return gate.owner == 0 || gate.ownerHasEnded; });

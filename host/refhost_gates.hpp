@@ -1,9 +1,9 @@
 // Gates: locks that are named by number and owned by a thread.
 //
 // One mutex guards all gates and is held for a few instructions only; a thread waits for a gate on
-// the gate's own condition. So a gate that somebody holds for ever can still be deleted with the
-// host, and wrong uses are seen before they block. A gate whose owner has ended stays that owner's:
-// what it guards may be half changed. Nobody gets it any more, nobody waits for it.
+// the gate's own condition variable. So a gate that is never released can still be deleted with the
+// host, and misuse is detected before it blocks. A gate whose owner has ended keeps that owner:
+// what it guards may be half changed. No thread can acquire it any more, none waits for it.
 #pragma once
 
 #include <condition_variable>
@@ -24,24 +24,24 @@ class GateTable {
   // Handles count from 1 and are never used again.
   std::uint32_t create(Origin origin);
 
-  // These return what is wrong with the call; empty when nothing is.
+  // These return what is wrong with the call; empty if nothing is.
   std::string destroy(std::uint32_t handle);
   std::string release(std::uint32_t handle, const ThreadState &thread);
 
-  // Waits until the gate is free and makes the thread its owner, or until its owner ends.
+  // Waits until the gate is free, and makes the thread its owner; refuses it when the owner ends.
   struct Acquired {
     std::uint16_t code = 0;  // the service's
     std::string wrong = {};
   };
   Acquired acquire(std::uint32_t handle, const ThreadState &thread);
 
-  // The gates that the thread holds, in order.
+  // The gates that the thread holds, by handle.
   std::vector<std::uint32_t> heldBy(const ThreadState &thread) const;
 
-  // The thread ends: who waits for its gates is woken and refused.
+  // The thread ends: threads that wait for its gates are woken and refused.
   void endThread(const ThreadState &thread);
 
-  // Gates made and not deleted that have not been asked for here before, in order.
+  // Gates created and not deleted that no earlier call has returned, by handle.
   struct Left {
     std::uint32_t handle;
     std::uint64_t owner;  // number of a thread that has not ended, or 0
@@ -61,12 +61,12 @@ class GateTable {
     std::uint32_t waiters = 0;  // threads inside acquire
     std::condition_variable freed{};
 
-    // A thread may still look at it. One that has ended does not.
+    // A thread may still use it; one that has ended does not.
     bool isInUse() const { return (owner != 0 && !ownerHasEnded) || waiters != 0; }
   };
 
   mutable std::mutex mutex_;
-  std::unordered_map<std::uint32_t, Gate> gates_;  // a gate's place does not move
+  std::unordered_map<std::uint32_t, Gate> gates_;  // a gate does not move
   std::uint32_t lastHandle_ = 0;
 };
 

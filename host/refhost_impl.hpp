@@ -1,4 +1,4 @@
-// The host's inside: its state, the one active host, the service functions and what they share.
+// The host's implementation: its state, the active host, the services and what they share.
 #pragma once
 
 #include <array>
@@ -28,19 +28,19 @@ struct Host::Impl {
 
   void fillTables();
 
-  // Where the calling thread is, whose state is `thread`.
+  // What the calling thread is doing; `thread` is its state.
   Origin originOn(ThreadState &thread);
 
   // A stack as text, one line for each function.
   std::vector<std::string> describe(const std::vector<void *> &stack) const;
   Leak leakOf(const FoundArea &area) const;
 
-  // Keeps a misuse and shows it to Options::onMisuse.
-  // REQUIRES: no lock of the host's is held but the one of thread ends.
+  // Keeps a misuse and passes it to Options::onMisuse.
+  // REQUIRES: no lock of the host's is held except threadEndMutex().
   void reportMisuse(Service service, std::string what, const Origin &origin,
                     const FoundArea *area = nullptr);
 
-  // What is wrong at the end and has not been told yet.
+  // Leaks and misuses that have not been reported yet.
   Findings takeFindings();
   void addGatesLeft(Findings &findings);
   void addThreadsLeftActive(Findings &findings);
@@ -48,8 +48,8 @@ struct Host::Impl {
   void attachCheck();
   void detachCheck();
 
-  // Reports what the calling thread, which ends, has left behind, and forgets the thread. A number
-  // that is not a thread of this host's is ignored.
+  // Reports what the calling thread, which ends, has not undone, and forgets the thread. A number
+  // that is not that of a thread of this host is ignored.
   void endThread(std::uint64_t number);
   void reportLeftBy(ThreadState &ended);
 
@@ -81,7 +81,7 @@ struct Host::Impl {
   MEMTraceServices traceServices{};
   MEMTextServices textServices{};
   MEMFunctionVector vector{};
-  MEMFunctionVector boundVector{};  // what binding made of `vector`
+  MEMFunctionVector boundVector{};  // `vector` after binding
   bool isBound = false;
   const void *libraryModule = nullptr;  // of the library bound last
   const bool checked;
@@ -94,16 +94,16 @@ struct Host::Impl {
   std::array<void **, MEM_SERVICE_VECTORS> serviceList{};
 };
 
-// The host that all services work for; null while there is none. Set by construction and
-// destruction only, which overlap no service call.
+// The host of all services; null while there is none. Set by construction and destruction only,
+// which overlap no service call.
 extern Host::Impl *activeHost;
 
-// Held while activeHost is set and while it is told of a thread's end, for these may overlap. Made
-// by the first host, so it lives longer than any.
+// Held while activeHost is set and while it handles the end of a thread, because these may overlap.
+// Made by the first host, so it exists longer than any.
 std::mutex &threadEndMutex();
 
-// One run of a service: counts it, shows it to the recorder and asks whether it is to fail. Costs
-// next to nothing while nobody records and no fault is armed.
+// One call of a service: counts it, records it and decides whether it fails. Costs two relaxed
+// loads and a count while nothing is recorded, no fault is armed and no time line is written.
 class Call {
  public:
   template <class... Args>
@@ -126,14 +126,14 @@ class Call {
   bool faulted() const { return faulted_; }
   std::uint16_t faultCode() const { return faultCode_; }
 
-  // Completes the record with the service's result, which is passed on.
+  // Completes the record with the service's result and returns the result.
   template <class T>
   T finish(T result) {
     if (number_ != 0) host_.calls.finish(number_, detail::widen(result));
     return result;
   }
 
-  // Leaves a refusal in the thread's error area and passes the code on.
+  // Stores a refusal in the thread's error area and returns the code.
   std::uint16_t refuse(std::uint16_t code, const char *text);
 
   void misuse(std::string what, const FoundArea *area = nullptr) {
@@ -142,7 +142,7 @@ class Call {
 
   Origin origin() { return host_.originOn(thread_); }
 
-  // Makes misuses of what the storage account complains of.
+  // Reports what the storage account refuses as misuses.
   StorageAccount::Complain complaints() {
     return [this](std::string what, const FoundArea *area) { misuse(std::move(what), area); };
   }
@@ -162,7 +162,7 @@ class Call {
   bool hasSpan_ = false;  // on the time line
   bool faulted_ = false;
   std::uint16_t faultCode_ = 0;
-  std::uint64_t number_ = 0;  // of the record, 0 when there is none
+  std::uint64_t number_ = 0;  // of the record, 0 if there is none
 };
 
 // The functions in the service vectors.
@@ -200,7 +200,7 @@ void writeWideRecord(std::int32_t component, std::int32_t zero, const char *pTyp
 void reportError(char *pErrorText, const char *pDetail);
 std::int32_t filterException(void *pException, MEMTraceFrame *pFrame);
 
-// Undoes the frames that were entered after `frame` on the thread. False when the thread has not
+// Undoes the frames that were entered after `frame` on the thread. False if the thread has not
 // entered `frame`.
 bool unwindTo(ThreadState &thread, MEMTraceFrame *frame);
 

@@ -54,7 +54,7 @@ Session::Session(MEMBindFn *entry, Options options) : host_(std::move(options)),
   host_.bind(entry_);
   const MEMErrorArea &error = host_.thread().Error;
   std::string failure;
-  // Process initialisation tells its cause in the inner fields, the other services in the outer.
+  // MEM_ProcessInit stores its cause in the inner fields, the other services in the outer ones.
   if (vector().MEM_ProcessInit() != 0) {
     failure = failureText(host_, "MEM_ProcessInit", error.InnerCode, error.InnerText);
   } else if (vector().MEM_ThreadAct() != 0) {

@@ -1,5 +1,5 @@
-// The list of misuses of services that a host has seen, of bounded length. Any thread may report
-// and take.
+// The misuses of services that a host has detected, a list of bounded length. Any thread may call
+// any member.
 #pragma once
 
 #include <cstdint>

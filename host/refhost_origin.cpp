@@ -18,8 +18,8 @@ Origin Host::Impl::originOn(ThreadState &thread) {
           options.stacks ? platform::callStack() : std::vector<void *>{}};
 }
 
-// What a reader looks for begins where the component called: behind the host's functions and the
-// library's. A library that is linked into the program cannot be told from it.
+// The stack from the component's call on: without the functions of the host and of the library,
+// which come first. A library that is linked into the program cannot be distinguished from it.
 std::vector<std::string> Host::Impl::describe(const std::vector<void *> &stack) const {
   static const char inThisModule = 0;
   const void *const library = libraryModule;

@@ -1,5 +1,5 @@
 // Where a service was called from: the entry points that were open on the thread, the thread, and
-// the native stack if wanted.
+// with Options::stacks the native stack.
 #pragma once
 
 #include <cstdint>
@@ -16,17 +16,17 @@ namespace refhost {
 using ServiceChain = std::vector<std::string>;
 
 struct Origin {
-  const ServiceChain *services = nullptr;  // null before it is set; lives as long as its table
+  const ServiceChain *services = nullptr;  // null before it is set; exists as long as its table
   std::uint64_t thread = 0;
-  std::vector<void *> stack;  // return addresses, the innermost first; empty when not wanted
+  std::vector<void *> stack;  // return addresses, the innermost first
 };
 
 // Each chain that has occurred, once. Names are copied: they belong to the library, which may be
 // unloaded before the host ends. Any thread may call.
 class ChainTable {
  public:
-  // The chain of the frames that are open on the calling thread. As a rule it is the one of the
-  // thread's last such call, which costs a comparison of the names.
+  // The chain of the frames that are open on the calling thread. If it is the same as at the
+  // thread's last such call, this costs a comparison of the names.
   const ServiceChain &current(ThreadState &thread);
 
  private:

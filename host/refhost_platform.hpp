@@ -1,5 +1,5 @@
-// What the host needs of the operating system: pages, dynamic libraries and the program's place.
-// Implemented once per platform. All functions may be called on any thread.
+// What the host needs from the operating system: pages, dynamic libraries, stacks and the program's
+// path. Implemented for each platform. All functions may be called on any thread.
 #pragma once
 
 #include <cstddef>
@@ -12,25 +12,26 @@ namespace refhost::platform {
 // Bytes of a page, a power of two.
 std::size_t pageSize();
 
-// Maps zero-filled writable pages; null when there are none. `bytes` is a multiple of the page
+// Maps zero-filled writable pages; null if the system has none. `bytes` is a multiple of the page
 // size and not 0.
 void *mapPages(std::size_t bytes);
 
-// Returns pages with the length with which they were mapped, whatever their protection.
+// Unmaps pages, whatever their protection. `bytes` is the length with which they were mapped.
 void unmapPages(void *pages, std::size_t bytes);
 
-// Makes whole pages read-only or writable. False when the system refuses.
+// Makes whole pages read-only or writable. False if the system refuses.
 bool protectPages(void *pages, std::size_t bytes, bool readOnly);
 
-// Loads a library; null on failure, with the loader's words in `reason`.
+// Loads a library; null on failure, with the loader's message in `reason`.
 void *loadLibrary(const std::filesystem::path &path, std::string &reason);
 
-// Folders that the loader searches for the program's libraries, in its order; empty where the system
-// does not tell. loadLibrary() finds them too, unless a sanitizer's runtime stands between: the
-// loader then searches on behalf of that runtime, which does not have the program's run path.
+// Folders that the loader searches for the program's libraries, in its order; empty where the
+// system does not report them. loadLibrary() finds files in them too, except under a sanitizer: its
+// runtime intercepts the call, and the loader then searches for that runtime, which does not have
+// the program's run path.
 std::vector<std::filesystem::path> libraryFolders();
 
-// Address of an exported name; null when there is none, with the loader's words in `reason`.
+// Address of an exported name; null if there is none, with the loader's message in `reason`.
 void *findExport(void *library, const char *name, std::string &reason);
 
 void unloadLibrary(void *library);
@@ -38,23 +39,23 @@ void unloadLibrary(void *library);
 // The memory services' file name on this platform.
 const char *libraryFileName();
 
-// Calls `ended(value)` on the calling thread when it ends, after the destructors of its
-// thread-local objects where threads are POSIX threads. Of several calls on a thread the last one
-// holds; there, a thread may ask once more during or after `ended`. No call is promised to threads
-// that still run when the program ends, to the one that ends it, and where the system has no room
-// to remember it.
+// Calls `ended(value)` on the calling thread when it ends; where threads are POSIX threads, after
+// the destructors of its thread-local objects. A later call on the same thread replaces an earlier
+// one; with POSIX threads it may also come during or after `ended`. `ended` may not be called for
+// threads that still run when the program ends, for the thread that ends it, and if the system has
+// no room for another key.
 // REQUIRES: `ended` is the same at every call; `value` is not null.
 void atThreadEnd(void (*ended)(void *), void *value);
 
-// Return addresses on the calling thread's stack, the innermost first; empty where the system has
-// no way to tell. The first calls are the host's own.
+// Return addresses on the calling thread's stack, the innermost first; empty where the system does
+// not provide them. The first are the host's own.
 std::vector<void *> callStack();
 
-// Start of the program or dynamic library that an address belongs to; null when there is none.
+// Start of the program or dynamic library that contains an address; null if none does.
 const void *moduleAt(const void *address);
 
 // What is at a return address, with the offset of the call before it: "function()+0x1B
-// (program+0x2A1B)", without the function where its name is not known.
+// (program+0x2A1B)", without the function if its name is not known.
 std::string placeOf(void *returnAddress);
 
 // Stops in the debugger; without one the program ends.

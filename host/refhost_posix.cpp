@@ -1,6 +1,6 @@
 #include <cxxabi.h>
 #include <dlfcn.h>
-#if __has_include(<execinfo.h>)  // the C library's, where it has one
+#if __has_include(<execinfo.h>)  // not in every C library
 #include <execinfo.h>
 #endif
 #include <sys/mman.h>
@@ -53,14 +53,16 @@ void *loadLibrary(const std::filesystem::path &path, std::string &reason) {
 
 std::vector<std::filesystem::path> libraryFolders() {
   std::vector<std::filesystem::path> folders;
-#if defined(__GLIBC__)  // others do not tell
+#if defined(__GLIBC__)  // others do not report them
   void *const program = dlopen(nullptr, RTLD_NOW);
   Dl_serinfo size{};
   if (dlinfo(program, RTLD_DI_SERINFOSIZE, &size) == 0) {
     const auto storage = std::make_unique<std::byte[]>(size.dls_size);
     auto *const info = new (storage.get()) Dl_serinfo(size);
     if (dlinfo(program, RTLD_DI_SERINFO, info) == 0) {
-      for (unsigned i = 0; i < info->dls_cnt; i++) folders.emplace_back(info->dls_serpath[i].dls_name);
+      for (unsigned i = 0; i < info->dls_cnt; i++) {
+        folders.emplace_back(info->dls_serpath[i].dls_name);
+      }
     }
   }
   dlclose(program);
@@ -84,10 +86,10 @@ const char *libraryFileName() {
 
 namespace {
 
-// Enough to reach a component's own functions; deeper ones are cut off.
+// Enough to reach a component's own functions; the rest of a deeper stack is cut off.
 constexpr int kMostFrames = 48;
 
-// The name as it is written in the source, where it is a C++ name.
+// The name as the source has it, for a C++ name.
 std::string readableName(const char *symbol) {
   int status = 0;
   char *const readable = abi::__cxa_demangle(symbol, nullptr, nullptr, &status);

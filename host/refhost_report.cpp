@@ -1,4 +1,4 @@
-// What a host has found at its end: collecting it and telling it.
+// Findings at a host's end: collecting them and writing the report.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +13,7 @@ namespace refhost {
 
 namespace {
 
-// Groups of leaks that are written out; the rest are counted. Misuses likewise.
+// Groups of leaks that are written; the others are counted. The same for misuses.
 constexpr std::size_t kMostWritten = 100;
 
 std::string joined(const ServiceChain &services) {
@@ -26,7 +26,7 @@ std::string joined(const ServiceChain &services) {
   return text;
 }
 
-// Two lines or more below the one that names a leak or misuse: the entry points, the stack.
+// The lines after the one with a leak or misuse: the entry points, the stack.
 void appendCaller(std::string &text, const std::string &indent, const std::string &called,
                   const std::vector<std::string> &stack) {
   text += indent + "called: " + called + '\n';
@@ -133,13 +133,13 @@ std::string Findings::text() const {
     appendGroup(text, groups[i]);
   }
   if (groups.size() > kMostWritten) {
-    text += formatText("and %llu kinds of leaks more\n", groups.size() - kMostWritten);
+    text += formatText("and %llu more kinds of leaks\n", groups.size() - kMostWritten);
   }
   for (std::size_t i = 0; i < std::min(misuses.size(), kMostWritten); ++i) {
     appendMisuse(text, misuses[i]);
   }
   if (misuses.size() > kMostWritten) {
-    text += formatText("and %llu misuses more\n", misuses.size() - kMostWritten);
+    text += formatText("and %llu more misuses\n", misuses.size() - kMostWritten);
   }
   return text;
 }
@@ -192,7 +192,7 @@ void Host::Impl::addGatesLeft(Findings &findings) {
 }
 
 void Host::Impl::addThreadsLeftActive(Findings &findings) {
-  if (anchor.load() != nullptr) return;  // the library is in use yet
+  if (anchor.load() != nullptr) return;  // the library is still in use
   for (const FoundArea &block : storage.takeThreadBlocks()) {
     findings.misuses.push_back(
         {Service::FreePoolStorage,

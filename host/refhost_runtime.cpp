@@ -7,9 +7,9 @@ namespace refhost {
 
 namespace {
 
-// The host's own bytes 16 to 31 of a frame: whose it is while it is entered, all zero otherwise.
+// The host's own bytes 16 to 31 of a frame: its thread while it is entered, else zero.
 struct FrameStamp {
-  std::uint64_t thread;  // its number
+  std::uint64_t thread;  // number of the thread
   std::uint64_t reserved;
 };
 static_assert(sizeof(FrameStamp) == sizeof(MEMTraceFrame::Reserved16));
@@ -56,7 +56,7 @@ bool isSpan(Service service) {
 
 }  // namespace
 
-// As a frame inside the innermost one.
+// The span is inside that of the innermost frame.
 void Call::beginSpan() {
   if (!isSpan(service_)) return;
   hasSpan_ = true;
@@ -84,7 +84,8 @@ std::uint16_t Call::refuse(std::uint16_t code, const char *text) {
 }
 
 void Call::checkComponent(std::int32_t component) {
-  if (component != MEM_COMPONENT) misuse(formatText("component %d is not known", component));
+  if (component == MEM_COMPONENT) return;
+  misuse(formatText("component %d is not known: it must be %d", component, MEM_COMPONENT));
 }
 
 namespace services {
@@ -106,7 +107,7 @@ void enterFrame(MEMTraceFrame *pFrame, std::int32_t component) {
 }
 
 bool unwindTo(ThreadState &thread, MEMTraceFrame *frame) {
-  // Frames in between may be gone with their functions, so they are not looked at.
+  // Frames in between may no longer exist, because their functions have ended: do not read them.
   if (!isEntered(frame, thread)) return false;
   thread.innermost = frame;
   thread.frames.unwindTo(frame);

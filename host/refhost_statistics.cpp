@@ -1,5 +1,5 @@
-// Statistics: what the checking layer has counted, with what the storage account knows of the same
-// objects; without the layer, what control blocks tell.
+// Statistics: the figures of the checking layer, completed from the storage account; without the
+// layer, those of the control blocks.
 #include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -16,6 +16,32 @@ namespace {
 
 using Json = nlohmann::json;
 using Kind = ObjectStatistics::Kind;
+
+// Figures with their names in the layer's JSON.
+template <class Object>
+struct Figure {
+  const char *name;
+  std::int64_t Object::*value;
+};
+
+constexpr Figure<Usage> kUsageFigures[] = {
+    {"made", &Usage::made},           {"freed", &Usage::freed},
+    {"live", &Usage::live},           {"bytesAsked", &Usage::bytesAsked},
+    {"bytesLive", &Usage::bytesLive}, {"bytesPeak", &Usage::bytesPeak},
+};
+
+constexpr Figure<ObjectStatistics> kObjectFigures[] = {
+    {"areas", &ObjectStatistics::areas},
+    {"largeBlocks", &ObjectStatistics::largeBlocks},
+    {"bytesObtained", &ObjectStatistics::bytesObtained},
+    {"bytesUsed", &ObjectStatistics::bytesUsed},
+    {"bytesWasted", &ObjectStatistics::bytesWasted},
+    {"duplicates", &ObjectStatistics::duplicates},
+    {"found", &ObjectStatistics::found},
+    {"notFound", &ObjectStatistics::notFound},
+    {"bytesObtainedPeak", &ObjectStatistics::bytesObtainedPeak},
+    {"moves", &ObjectStatistics::moves},
+};
 
 // --- the layer's JSON
 
@@ -34,7 +60,7 @@ const void *addressIn(const Json &text) {
       static_cast<std::uintptr_t>(std::stoull(text.get<std::string>(), nullptr, kHexadecimal)));
 }
 
-// A member that the object's family may not have.
+// Reads a member that objects of some families do not have.
 template <class T>
 void read(const Json &object, const char *name, T &value) {
   const auto found = object.find(name);
@@ -54,12 +80,7 @@ StatisticsPlace placeIn(const Json &object) {
 
 Usage usageIn(const Json &object) {
   Usage usage;
-  usage.made = object.at("made");
-  usage.freed = object.at("freed");
-  usage.live = object.at("live");
-  usage.bytesAsked = object.at("bytesAsked");
-  usage.bytesLive = object.at("bytesLive");
-  usage.bytesPeak = object.at("bytesPeak");
+  for (const auto &[name, figure] : kUsageFigures) usage.*figure = object.at(name);
   for (const Json &range : object.at("histogram")) {
     std::size_t digits = 0;
     for (auto from = range.at("from").get<std::uint64_t>(); from != 0; from >>= 1) ++digits;
@@ -97,16 +118,7 @@ ObjectStatistics objectIn(const Json &object, Kind kind) {
   read(object, "subPool", made.subPool);
   read(object, "areaSize", made.areaSize);
   read(object, "cellLen", made.cellLen);
-  read(object, "areas", made.areas);
-  read(object, "largeBlocks", made.largeBlocks);
-  read(object, "bytesObtained", made.bytesObtained);
-  read(object, "bytesUsed", made.bytesUsed);
-  read(object, "bytesWasted", made.bytesWasted);
-  read(object, "duplicates", made.duplicates);
-  read(object, "found", made.found);
-  read(object, "notFound", made.notFound);
-  read(object, "bytesObtainedPeak", made.bytesObtainedPeak);
-  read(object, "moves", made.moves);
+  for (const auto &[name, figure] : kObjectFigures) read(object, name, made.*figure);
   if (object.contains("heap")) made.heap = addressIn(object.at("heap"));
   if (object.contains("map")) {
     for (const Json &area : object.at("map")) made.map.push_back(areaIn(area));
@@ -145,7 +157,7 @@ void addCounted(Statistics &taken, const Json &counted) {
 
 // --- the storage account
 
-// Handles are addresses of areas: the account knows who has obtained them.
+// Handles are addresses of areas: the account has the calls that allocated them.
 void addOrigins(std::vector<ObjectStatistics> &objects, const LiveAreas &areas) {
   for (ObjectStatistics &object : objects) {
     const auto found = areas.find(reinterpret_cast<std::uintptr_t>(object.handle));
@@ -168,12 +180,7 @@ void addOrigins(std::vector<ObjectStatistics> &objects, const LiveAreas &areas) 
 // Calls `visit` with each figure of one and the same figure of the other.
 template <class Visit>
 void withFigures(Usage &one, const Usage &other, Visit visit) {
-  visit(one.made, other.made);
-  visit(one.freed, other.freed);
-  visit(one.live, other.live);
-  visit(one.bytesAsked, other.bytesAsked);
-  visit(one.bytesLive, other.bytesLive);
-  visit(one.bytesPeak, other.bytesPeak);
+  for (const auto &figure : kUsageFigures) visit(one.*figure.value, other.*figure.value);
   for (std::size_t i = 0; i < one.histogram.size(); ++i) {
     visit(one.histogram[i], other.histogram[i]);
   }
@@ -190,16 +197,7 @@ void withFigures(std::optional<Usage> &one, const std::optional<Usage> &other, V
 
 template <class Visit>
 void withFigures(ObjectStatistics &one, const ObjectStatistics &other, Visit visit) {
-  visit(one.areas, other.areas);
-  visit(one.largeBlocks, other.largeBlocks);
-  visit(one.bytesObtained, other.bytesObtained);
-  visit(one.bytesUsed, other.bytesUsed);
-  visit(one.bytesWasted, other.bytesWasted);
-  visit(one.duplicates, other.duplicates);
-  visit(one.found, other.found);
-  visit(one.notFound, other.notFound);
-  visit(one.bytesObtainedPeak, other.bytesObtainedPeak);
-  visit(one.moves, other.moves);
+  for (const auto &figure : kObjectFigures) visit(one.*figure.value, other.*figure.value);
   withFigures(one.usage, other.usage, visit);
 }
 
@@ -216,7 +214,7 @@ bool hasFigures(ObjectStatistics object) {
   return hasSome;
 }
 
-// An object that was opened where another had been has another number.
+// An object that is opened at the address of a closed one has other call numbers.
 using ObjectKey = std::tuple<std::uintptr_t, std::uint64_t, std::uint64_t>;
 using ObjectsByKey = std::map<ObjectKey, const ObjectStatistics *>;
 
@@ -231,7 +229,7 @@ ObjectsByKey byKey(const std::vector<ObjectStatistics> &objects) {
   return found;
 }
 
-// The object as it would be with all figures 0.
+// The object with all figures 0.
 ObjectStatistics nothingOf(const ObjectStatistics &object) {
   ObjectStatistics nothing = object;
   subtract(nothing, object);

@@ -19,7 +19,7 @@ bool isHeap(Kind kind) {
   return kind == Kind::standardHeap || kind == Kind::enhancedHeap;
 }
 
-// The shortest length of n binary digits.
+// The smallest length of n binary digits.
 std::uint64_t leastLength(std::size_t digits) {
   return digits == 0 ? 0 : std::uint64_t{1} << (digits - 1);
 }
@@ -30,7 +30,7 @@ std::string addressText(const void *address) {
 
 // --- JSON
 
-// Members that the layer does not know are left out where it has not counted.
+// Members that only the layer counts are left out without it.
 Json placeJson(const StatisticsPlace &place) {
   if (place.service.empty() && place.thread == 0) return nullptr;
   Json made;
@@ -169,7 +169,7 @@ Json sinkJson(const SinkStatistics &sink) {
 
 // --- tables
 
-// Columns as wide as what is in them; the first `left` of them begin at the left.
+// Columns as wide as their longest text; the first `left` columns are left-aligned.
 class TextTable {
  public:
   explicit TextTable(std::size_t left) : left_(left) {}
@@ -217,7 +217,7 @@ class Tables {
  private:
   using Row = std::vector<std::string>;
 
-  // In a difference a figure that has risen has a sign.
+  // In a difference an increase has a sign.
   std::string figure(std::int64_t value) const {
     return (shown_.isDifference && value > 0 ? "+" : "") + std::to_string(value);
   }
@@ -241,7 +241,7 @@ class Tables {
 
   static constexpr std::array kUsageTitles = {"live", "live bytes", "peak bytes"};
 
-  // What says which object it is; those with texts first.
+  // Columns with texts, which come first: the handle and the service that opened the object.
   static constexpr std::size_t kTexts = 2;
 
   std::size_t textColumns(Kind kind) const {
@@ -258,7 +258,7 @@ class Tables {
     } else if (kind == Kind::hashTable) {
       row.insert(row.end(), {"found", "not found", "duplicates"});
     } else {
-      row.insert(row.end(), {"obtained", "at most", "moves"});
+      row.insert(row.end(), {"obtained", "peak", "moves"});
     }
     row.insert(row.end(), kUsageTitles.begin(), kUsageTitles.end());
     return row;
@@ -321,7 +321,7 @@ class Tables {
     }
   }
 
-  // "lengths of 0x…: 16 to 31: 3, 64 to 127: 1"
+  // "lengths in 0x…: 16 to 31: 3, 64 to 127: 1"
   void addLengths(const std::string &what, const Usage &usage) {
     std::string ranges;
     for (std::size_t digits = 0; digits < usage.histogram.size(); ++digits) {

@@ -25,6 +25,10 @@ bool needsPages(std::uint32_t length, std::uint16_t subPool) {
   return subPool == kProtectedSubPool || length >= kPagedLength;
 }
 
+bool isProtectMode(std::uint16_t mode) {
+  return mode == MEM_PROTECT_READ_ONLY || mode == MEM_PROTECT_WRITABLE;
+}
+
 void add(Account &account, std::uint64_t length) {
   account.liveBytes += length;
   account.liveCount += 1;
@@ -51,7 +55,7 @@ StorageAccount::~StorageAccount() {
   }
 }
 
-// Zero-filled. Every area has at least one byte, so that its address is its own.
+// Zero-filled. Every area has at least one byte, so that no other area has its address.
 void *StorageAccount::makeArea(Area &area) {
   if (area.mappedBytes == 0) return std::calloc(std::max<std::size_t>(area.length, 1), 1);
   void *const pages = platform::mapPages(area.mappedBytes);
@@ -98,7 +102,7 @@ std::uint64_t StorageAccount::enter(std::uintptr_t address, Area area) {
   return lastCall_;
 }
 
-// Takes the area out of the tables; an empty node when the address is none.
+// Takes the area out of the tables; returns an empty node if no area begins at the address.
 StorageAccount::Areas::node_type StorageAccount::remove(void *address, const Complain &complain) {
   {
     const std::lock_guard lock(mutex_);
@@ -108,48 +112,33 @@ StorageAccount::Areas::node_type StorageAccount::remove(void *address, const Com
       return node;
     }
   }
-  complain(formatText("%p is not a live area (never obtained or already returned)", address),
+  complain(formatText("%p is not a live area (never allocated or already freed)", address),
            nullptr);
   return {};
 }
 
-void StorageAccount::giveBack(void *address, std::uint32_t length, std::uint16_t subPool,
-                              const Complain &complain) {
+void StorageAccount::giveBack(void *address, std::optional<std::uint32_t> length,
+                              std::uint16_t subPool, const Complain &complain) {
   const auto node = remove(address, complain);
   if (node.empty()) return;
   const Area &area = node.mapped();
   const auto complainOfArea = [&](std::string what) {
-    const FoundArea asObtained = found(node.key(), area);
-    complain(std::move(what), &asObtained);
+    const FoundArea asAllocated = found(node.key(), area);
+    complain(std::move(what), &asAllocated);
   };
-  if (area.kind == kPoolKind) {
-    complainOfArea(formatText("%p was obtained through GetPoolStorage", address));
+  const bool isPools = area.kind == kPoolKind;
+  if (isPools == length.has_value()) {
+    complainOfArea(formatText("%p was allocated with %s, free it with %s", address,
+                              isPools ? "GetPoolStorage" : "GetStorage",
+                              isPools ? "FreePoolStorage" : "FreeStorage"));
   }
-  if (area.length != length) {
-    complainOfArea(formatText("%p was obtained with length %u, returned with %u", address,
-                              area.length, length));
+  if (length && area.length != *length) {
+    complainOfArea(formatText("%p was allocated with length %u, freed with %u", address,
+                              area.length, *length));
   }
   if (area.subPool != subPool) {
-    complainOfArea(formatText("%p was obtained from subpool %u, returned to %u", address,
-                              area.subPool, subPool));
-  }
-  destroyArea(address, area);
-}
-
-void StorageAccount::giveBackPool(void *address, std::uint16_t subPool, const Complain &complain) {
-  const auto node = remove(address, complain);
-  if (node.empty()) return;
-  const Area &area = node.mapped();
-  const auto complainOfArea = [&](std::string what) {
-    const FoundArea asObtained = found(node.key(), area);
-    complain(std::move(what), &asObtained);
-  };
-  if (area.kind != kPoolKind) {
-    complainOfArea(formatText("%p was obtained through GetStorage", address));
-  }
-  if (area.subPool != subPool) {
-    complainOfArea(formatText("%p was obtained from subpool %u, returned to %u", address,
-                              area.subPool, subPool));
+    complainOfArea(
+        formatText("%p was allocated in subpool %u, freed in %u", address, area.subPool, subPool));
   }
   destroyArea(address, area);
 }
@@ -170,7 +159,7 @@ bool StorageAccount::covers(const void *address, std::uint32_t length) const {
 
 std::uint16_t StorageAccount::protect(void *address, std::uint32_t length, std::uint16_t subPool,
                                       std::uint16_t mode) {
-  if (mode != MEM_PROTECT_READ_ONLY && mode != MEM_PROTECT_WRITABLE) return kBadArgument;
+  if (!isProtectMode(mode)) return kBadArgument;
   const bool readOnly = mode == MEM_PROTECT_READ_ONLY;
   const auto first = reinterpret_cast<std::uintptr_t>(address);
   const std::size_t page = platform::pageSize();
@@ -246,8 +235,7 @@ bool StorageAccount::isThreadBlock(const Area &area) {
   return area.kind == kPoolKind && !services.empty() && services.back() == "MEM_ThreadAct";
 }
 
-// What the library obtains for itself it asks the host for from these entry points; for components
-// it does so in MEM_Alloc alone.
+// The library allocates for itself only in these entry points; for components only in MEM_Alloc.
 bool StorageAccount::isLibrarys(const Area &area) {
   const ServiceChain &services = *area.origin.services;
   if (services.empty()) return false;
@@ -332,7 +320,7 @@ std::uint16_t getPoolStorage(std::uint16_t subPool, std::uint32_t length, void *
 void freePoolStorage(std::uint16_t subPool, void *pArea) {
   Call call(Service::FreePoolStorage, subPool, pArea);
   if (call.faulted()) return;
-  call.host().storage.giveBackPool(pArea, subPool, call.complaints());
+  call.host().storage.giveBack(pArea, std::nullopt, subPool, call.complaints());
 }
 
 std::uint16_t getStorage(void **ppArea, std::uint32_t length, std::uint16_t subPool,
@@ -340,7 +328,7 @@ std::uint16_t getStorage(void **ppArea, std::uint32_t length, std::uint16_t subP
   Call call(Service::GetStorage, ppArea, length, subPool, kind);
   if (call.faulted()) return call.faultCode();
   if (kind > 2) {
-    call.misuse(formatText("storage kind %u", kind));
+    call.misuse(formatText("storage kind %u is not known: it must be 0, 1 or 2", kind));
     return call.refuse(kBadArgument, "GetStorage");
   }
   void *area = call.host().storage.obtain(length, subPool, kind, call.origin());
@@ -362,7 +350,12 @@ std::uint16_t protectStorage(void *pArea, std::uint32_t length, std::uint16_t su
   if (call.faulted()) return call.faultCode();
   const std::uint16_t code = call.host().storage.protect(pArea, length, subPool, mode);
   if (code == 0) return call.finish(code);
-  if (code == kBadArgument) call.misuse(formatText("subpool %u, mode %u", subPool, mode));
+  if (code == kBadArgument) {
+    call.misuse(isProtectMode(mode)
+                    ? formatText("%p is not in subpool %u", pArea, subPool)
+                    : formatText("protection mode %u is not known: it must be %u or %u", mode,
+                                 MEM_PROTECT_READ_ONLY, MEM_PROTECT_WRITABLE));
+  }
   return call.finish(call.refuse(code, "ProtectStorage"));
 }
 

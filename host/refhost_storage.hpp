@@ -1,8 +1,9 @@
-// The storage account: every area handed out, by address, and the sums by subpool and kind.
+// The storage account: every allocated area, by address, and the sums by subpool and kind.
 //
-// Small areas come from the C++ runtime's allocator one by one, so that memory checkers see their
-// bounds and their end. Areas that can be protected are mapped as whole pages. All members may be
-// called on any thread; one mutex guards the tables, while filling and freeing happen outside it.
+// Small areas come from the C++ runtime's allocator one by one, so that memory checkers know their
+// bounds and when they are freed. Areas that can be protected are mapped as whole pages. All
+// members may be called on any thread; one mutex guards the tables; filling and freeing are done
+// without it.
 #pragma once
 
 #include <atomic>
@@ -20,7 +21,7 @@
 
 namespace refhost {
 
-// An area of the account, as it was obtained.
+// An area of the account, as it was allocated.
 struct FoundArea {
   void *address;
   std::uint32_t length;
@@ -41,30 +42,29 @@ class StorageAccount {
         stopAtCall_(options.stopAtCall),
         keepsLeaks_(options.keepLeaks) {}
 
-  // Frees what is left: the library's own areas, and leaks unless they are to stay allocated.
+  // Frees the library's own areas and, without Options::keepLeaks, the leaks.
   ~StorageAccount();
   StorageAccount(const StorageAccount &) = delete;
   StorageAccount &operator=(const StorageAccount &) = delete;
 
-  // A new area of `length` bytes, 16-byte aligned; null when there is none. A length of 0 has an
-  // address of its own too.
+  // A new area of `length` bytes, 16-byte aligned; null if there is no storage. An area of length 0
+  // has an address of its own, too.
   void *obtain(std::uint32_t length, std::uint16_t subPool, std::uint16_t kind, Origin origin);
 
-  // Is told what is wrong with a return, and of which area, while the area is still there. No lock
-  // is held then.
+  // Called with what is wrong with a call that frees, and with its area, before that is freed. No
+  // lock is held then.
   using Complain = std::function<void(std::string what, const FoundArea *area)>;
 
-  // Takes back an area that FreeStorage or FreePoolStorage names. Whatever else is wrong with the
-  // call, a known area is released, so that one mistake is reported once.
-  void giveBack(void *address, std::uint32_t length, std::uint16_t subPool,
+  // Frees an area for FreeStorage or, without a length, FreePoolStorage. A known area is freed even
+  // if length, subpool or service are wrong, so that one mistake is reported once.
+  void giveBack(void *address, std::optional<std::uint32_t> length, std::uint16_t subPool,
                 const Complain &complain);
-  void giveBackPool(void *address, std::uint16_t subPool, const Complain &complain);
 
-  // Changes the protection of all pages that the range touches. 0 or the service's code.
+  // Changes the protection of all pages that the range overlaps. Returns 0 or the service's code.
   std::uint16_t protect(void *address, std::uint32_t length, std::uint16_t subPool,
                         std::uint16_t mode);
 
-  // Whether the whole range lies in one live area.
+  // Whether the whole range is in one live area.
   bool covers(const void *address, std::uint32_t length) const;
   bool isReadOnly(const void *address) const;
 
@@ -79,11 +79,11 @@ class StorageAccount {
   // All live areas, by address.
   std::vector<FoundArea> areas() const;
 
-  // Live areas that have not been asked for here before, in the order of their call numbers.
-  std::vector<FoundArea> takeLeaks();         // components'
-  std::vector<FoundArea> takeThreadBlocks();  // of threads that are active
+  // Live areas that no earlier call has returned, in the order of their call numbers.
+  std::vector<FoundArea> takeLeaks();         // of components
+  std::vector<FoundArea> takeThreadBlocks();  // of active threads
 
-  // A thread block that is reported by itself: those above leave it out from now on.
+  // A thread block that the caller reports: the two above leave it out from now on.
   std::optional<FoundArea> takeThreadBlock(const void *address);
 
  private:
@@ -95,7 +95,7 @@ class StorageAccount {
     Origin origin;
     std::uint64_t callNumber = 0;
     bool isReported = false;
-    // Stands for a mapped area where memory checkers look, who do not see mapped pages: one byte.
+    // One byte that represents a mapped area for memory checkers, which do not see mapped pages.
     void *standIn = nullptr;
     std::vector<bool> readOnlyPages = {};  // one for each mapped page once protected, else empty
   };
@@ -109,7 +109,7 @@ class StorageAccount {
 
   std::vector<FoundArea> takeUnreported(bool (*isWanted)(const Area &));
 
-  // The area that holds the address, the byte behind its last one included; end() when none does.
+  // The area that contains the address or ends just before it; end() if there is none.
   // REQUIRES: mutex_ held.
   Areas::const_iterator areaAt(std::uintptr_t address) const;
 

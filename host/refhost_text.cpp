@@ -23,7 +23,7 @@ std::size_t countUnits(const void *text, std::uint16_t page, std::int32_t length
   return page == kUtf16 ? unitsToTerminator<char16_t>(text) : unitsToTerminator<char32_t>(text);
 }
 
-// Calls use(code point) for each of the text's; false at the first invalid unit.
+// Calls use(codePoint) for each code point of the text; stops with false at the first invalid unit.
 template <class Use>
 bool forEachCodePoint(const void *text, std::uint16_t page, std::size_t count, Use use) {
   for (std::size_t i = 0; i < count;) {
@@ -73,7 +73,7 @@ bool isValidRequest(std::uint16_t fromPage, std::uint16_t toPage, const void *in
   return inLen == -1 || static_cast<std::size_t>(inLen) % unitSize(fromPage) == 0;
 }
 
-// Strict: nothing is replaced, and the output is written only when all of it is known to fit.
+// Invalid text is refused, not replaced. The output is written only if all of it fits.
 std::uint16_t convert(std::uint16_t fromPage, std::uint16_t toPage, const void *in,
                       std::int32_t inLen, void *out, std::int32_t outLen) {
   if (!isValidRequest(fromPage, toPage, in, inLen, out, outLen)) return kBadArgument;
@@ -116,7 +116,7 @@ std::int32_t filterException(void *pException, MEMTraceFrame *pFrame) {
   if (pFrame != nullptr && result != 0) {
     pFrame->Result = (pFrame->Result & 0xFFFF0000U) | result;
   }
-  // The call ends at this frame: calls inside it are cut off without leaving theirs.
+  // The fault ends the calls inside this frame, which then do not leave their frames.
   if (pFrame != nullptr && answer == 1 && !unwindTo(call.thread(), pFrame)) {
     call.misuse("the frame was not entered on this thread");
   }

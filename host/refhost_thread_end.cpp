@@ -1,8 +1,8 @@
-// Learning of the end of a thread. The way depends on the C++ runtime rather than on the system.
+// Detects the end of a thread. How depends on the C++ runtime rather than on the system.
 #include "refhost_platform.hpp"
 
-// mingw-w64's threads are POSIX threads, too, and there it has to be a key: the destructor of a
-// thread-local object runs when the thread's thread-local memory is freed already.
+// mingw-w64's threads are POSIX threads, too, and need a key: there the destructor of a
+// thread-local object runs after the thread's thread-local memory is freed.
 #if __has_include(<pthread.h>)
 
 #include <pthread.h>
@@ -11,7 +11,7 @@ namespace refhost::platform {
 
 namespace {
 
-// Deleted before the code of its destructor can be unloaded.
+// The key is deleted before the code of `ended` can be unloaded.
 class ThreadEndKey {
  public:
   explicit ThreadEndKey(void (*ended)(void *)) : isMade_(pthread_key_create(&key_, ended) == 0) {}

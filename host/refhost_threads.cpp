@@ -1,4 +1,4 @@
-// The table of threads, and the end of one.
+// The table of threads, and what happens at the end of a thread.
 #include "refhost_threads.hpp"
 
 #include <new>
@@ -14,8 +14,8 @@ namespace {
 std::atomic<std::uint64_t> lastThread{0};
 std::atomic<std::uint64_t> lastGeneration{0};
 
-// A thread's number tells the host that knows it from all others: the host may have been destroyed
-// since, and another may be there. The lock keeps the host from being destroyed meanwhile.
+// The thread's host may have been destroyed, and another host may exist: only the thread's own host
+// knows its number. The lock keeps the host from being destroyed meanwhile.
 void threadEnded(void *number) {
   const std::lock_guard lock(threadEndMutex());
   if (activeHost != nullptr) activeHost->endThread(reinterpret_cast<std::uintptr_t>(number));
@@ -52,7 +52,7 @@ std::unique_ptr<ThreadState> ThreadTable::remove(std::uint64_t number) {
   for (std::size_t i = 0; i < kServiceCount; ++i) {
     callsOfEnded_[i] += removed->calls(static_cast<Service>(i));
   }
-  ownState_ = {0, nullptr};  // a service that is called later on this thread begins anew
+  ownState_ = {0, nullptr};  // a service that this thread calls later makes a new state
   return removed;
 }
 
@@ -69,7 +69,7 @@ std::uint64_t ThreadTable::calls(Service service) const {
   return totalCalls(index) - callsBeforeReset_[index];
 }
 
-// Counters belong to their threads, so they run on; what they held by now is taken off.
+// Counters belong to their threads and are not changed; what they hold now is subtracted later.
 void ThreadTable::resetCalls() {
   const std::lock_guard lock(mutex_);
   for (std::size_t i = 0; i < kServiceCount; ++i) callsBeforeReset_[i] = totalCalls(i);
@@ -80,7 +80,7 @@ void Host::Impl::endThread(std::uint64_t number) {
   if (ended == nullptr) return;
   timeline.endTo(number, 0);
   reportLeftBy(*ended);
-  gates.endThread(*ended);  // after the report: those that are woken report, too
+  gates.endThread(*ended);  // after the report: the threads that it wakes report misuses, too
 }
 
 void Host::Impl::reportLeftBy(ThreadState &ended) {
@@ -96,7 +96,7 @@ void Host::Impl::reportLeftBy(ThreadState &ended) {
         formatText("a thread ended while it held gate %u: ReleaseGate was not called", gate),
         origin);
   }
-  // The frames may be gone with the thread's stack, so they are not looked at.
+  // The frames may no longer exist, like the thread's stack: do not read them.
   if (isInFrame) {
     reportMisuse(Service::LeaveFrame,
                  "a thread ended inside a frame: LeaveFrame was not called "

@@ -1,4 +1,4 @@
-// What the host keeps for each thread that runs, and how a thread finds its own.
+// What the host keeps for each running thread, and how a thread finds its own.
 #pragma once
 
 #include <array>
@@ -16,7 +16,7 @@
 namespace refhost {
 
 // The frames that are open on a thread, in the order of entering. Their names are kept here because
-// a frame may be gone with its function when a fault or an exception has cut off calls.
+// a frame no longer exists after a fault or an exception has ended its function.
 class OpenFrames {
  public:
   void enter(const MEMTraceFrame *frame) {
@@ -64,15 +64,14 @@ class OpenFrames {
   std::size_t depth_ = 0;
 };
 
-// State of one thread. Only that thread touches it, but for the call counts, which any thread may
-// read.
+// State of one thread. Only that thread uses it; any thread may read the call counts.
 class ThreadState {
  public:
   ThreadState();  // with a number that no thread of the process had before
   ThreadState(const ThreadState &) = delete;
   ThreadState &operator=(const ThreadState &) = delete;
 
-  // One writer, so a plain add without a locked instruction does.
+  // There is one writer, so an add without a locked instruction is enough.
   void count(Service service) {
     std::atomic<std::uint64_t> &calls = calls_[static_cast<std::size_t>(service)];
     calls.store(calls.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -81,23 +80,23 @@ class ThreadState {
     return calls_[static_cast<std::size_t>(service)].load(std::memory_order_relaxed);
   }
 
-  // Text of the thread's own trace buffer, kTraceTextRoom bytes. The environment may name another
-  // buffer: it is the tests' to change.
+  // Text of the thread's own trace buffer, kTraceTextRoom bytes. A test may put another buffer into
+  // the environment.
   char *traceText() { return reinterpret_cast<char *>(traceBytes_) + offsetof(MEMTraceBuf, Text); }
 
-  const std::uint64_t number;  // from 1; names the thread in frames and gates, also after its end
+  const std::uint64_t number;  // from 1; that of its frames and gates, also after its end
   MEMThreadEnv env{};
   MEMTraceFrame *innermost = nullptr;  // frame entered last, linked by pHostLink to the one before
   OpenFrames frames;
-  const std::vector<std::string> *lastChain = nullptr;  // the ChainTable's, of its last call here
+  const std::vector<std::string> *lastChain = nullptr;  // result of its last ChainTable::current
 
  private:
   std::array<std::atomic<std::uint64_t>, kServiceCount> calls_{};
-  // A MEMTraceBuf with its text behind it.
+  // A MEMTraceBuf, then its text.
   alignas(MEMTraceBuf) std::byte traceBytes_[offsetof(MEMTraceBuf, Text) + kTraceTextRoom] = {};
 };
 
-// All threads that a host has seen and that have not ended.
+// All threads that have called a host and have not ended.
 class ThreadTable {
  public:
   ThreadTable();
@@ -107,15 +106,15 @@ class ThreadTable {
     return ownState_.generation == generation_ ? *ownState_.state : addThread();
   }
 
-  // Takes the calling thread, which ends, out of the table. Null when the number is not a thread of
-  // this table's.
+  // Takes the calling thread, which ends, out of the table. Null if no thread of the table has the
+  // number.
   std::unique_ptr<ThreadState> remove(std::uint64_t number);
 
   std::uint64_t calls(Service service) const;
   void resetCalls();
 
  private:
-  // A thread's way to its state. A table that no longer exists is recognised by its generation.
+  // The calling thread's state. The generation shows whether its table still exists.
   struct OwnState {
     std::uint64_t generation;
     ThreadState *state;

@@ -11,8 +11,8 @@ namespace refhost {
 
 namespace {
 
-// A text as JSON, in ASCII. Bytes that are not UTF-8 become U+FFFD. Most texts stay as they are,
-// and writing an event should take little of the time that it tells.
+// A text as JSON, in ASCII. Bytes that are not UTF-8 become U+FFFD. Plain texts take a short way:
+// writing an event should take little of the time that the time line shows.
 std::string quoted(const std::string &text) {
   const bool isPlain = std::all_of(text.begin(), text.end(), [](char c) {
     return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
@@ -84,7 +84,7 @@ void Timeline::mark(const TraceRecord &record) {
             ",\"text\":" + quoted(record.text) + "}");
 }
 
-// REQUIRES (this and the following): mutex_ held, or nobody else there.
+// REQUIRES (this and the following): mutex_ held, or no other thread uses the time line.
 
 Timeline::OpenCalls &Timeline::callsOf(std::uint64_t thread) {
   const auto [calls, isNew] = open_.try_emplace(thread);

@@ -2,8 +2,8 @@
 // line, a begin and an end for each call, an instant for each trace record. Any thread may call any
 // member.
 //
-// Begins and ends nest on each thread whatever the calls do: a call that was cut off ends with the
-// one around it, and what is open when the time line ends is ended there.
+// Begins and ends nest on each thread, even after a fault: a call that was cut off ends with the
+// call around it, and calls that are open when the time line ends are ended there.
 #pragma once
 
 #include <atomic>
@@ -39,17 +39,18 @@ class Timeline {
   Timeline(const Timeline &) = delete;
   Timeline &operator=(const Timeline &) = delete;
 
-  // Whether events are wanted.
+  // Whether a time line is being written.
   bool isOn() const { return isOn_.load(std::memory_order_relaxed); }
 
-  // Ends the present time line and begins one in a file; with an empty path it begins none. Throws
-  // std::runtime_error when the file cannot be written.
+  // Ends the current time line and begins one in a file; with an empty path it begins none. Throws
+  // std::runtime_error if the file cannot be written.
   void toFile(const std::filesystem::path &path);
 
   // A call begins on a thread. `depth` is the number of calls that are then open there.
   void begin(std::uint64_t thread, std::size_t depth, const char *name);
 
-  // Calls end on a thread until `depth` are open: one with its result, or those that are cut off.
+  // Calls end on a thread until `depth` are open: one call with its result, or several that a fault
+  // has cut off.
   void endTo(std::uint64_t thread, std::size_t depth, std::optional<std::uint32_t> result = {});
 
   // A trace record has been written.

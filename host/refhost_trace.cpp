@@ -48,7 +48,7 @@ void TraceOutput::write(const TraceRecord &record) {
     const std::lock_guard lock(mutex_);
     callback = callback_;
     if (stream_ != nullptr) *stream_ << traceLine(record, style_) << '\n';
-    // Each line is flushed, so that the file tells the end of a program that crashed.
+    // Each line is flushed, so that the file of a program that crashes is complete.
     if (file_.is_open()) file_ << traceLine(record, style_) << std::endl;
     if (keeping_) records_.push_back(record);
   }
@@ -96,14 +96,15 @@ namespace services {
 
 namespace {
 
-// The text of the record that is written next. A test may have hung its own buffer, or none, on the
-// environment.
+// The text of the record that is written next. A test may have put its own buffer, or none, into
+// the environment.
 std::string traceBufferText(Call &call) {
   const MEMTraceBuf *buffer = call.thread().env.pTraceBuf;
   if (buffer == nullptr) return {};
   std::size_t length = buffer->TextLen;
   if (length > kTraceTextRoom) {
-    call.misuse(formatText("trace text of %llu bytes", length));
+    call.misuse(formatText("the trace text of %llu bytes is longer than the buffer of %llu bytes",
+                           length, kTraceTextRoom));
     length = kTraceTextRoom;
   }
   return {reinterpret_cast<const char *>(buffer) + offsetof(MEMTraceBuf, Text), length};

@@ -21,7 +21,7 @@ inline bool isSurrogate(char32_t unit) {
   return isHighSurrogate(unit) || isLowSurrogate(unit);
 }
 
-// The index-th unit (char16_t or char32_t) of text whose address may be odd.
+// Unit number `index` (char16_t or char32_t) of a text at any address.
 template <class Unit>
 Unit loadUnit(const void *text, std::size_t index) {
   Unit unit;
@@ -36,8 +36,8 @@ std::size_t unitsToTerminator(const void *text) {
   return count;
 }
 
-// A code point with the number of units that it takes up; a unit that begins none is invalid and
-// counts as one.
+// A code point with the number of its units. A unit that begins no code point is invalid and counts
+// as one.
 struct Decoded {
   char32_t codePoint;
   std::size_t units;
@@ -51,7 +51,7 @@ Decoded decodeUtf32(const void *text, std::size_t index);
 // Stores 1 to 4 bytes at `out` and returns their number.
 std::size_t encodeUtf8(char32_t codePoint, char (&out)[4]);
 
-// What stands for invalid units is U+FFFD. A null text is shown as "(null)".
+// Invalid units become U+FFFD, a null text "(null)".
 std::string utf8FromUtf16(const char16_t *text);
 
 }  // namespace refhost

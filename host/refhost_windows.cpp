@@ -69,7 +69,7 @@ const char *libraryFileName() {
 
 namespace {
 
-// Enough to reach a component's own functions; deeper ones are cut off.
+// Enough to reach a component's own functions; the rest of a deeper stack is cut off.
 constexpr DWORD kMostFrames = 48;
 
 HMODULE moduleHandleAt(const void *address) {
@@ -103,7 +103,7 @@ const void *moduleAt(const void *address) {
   return moduleHandleAt(address);
 }
 
-// Names are in the debug information only, which this system keeps outside of programs.
+// Names are only in the debug information, which is not part of programs here.
 std::string placeOf(void *returnAddress) {
   const auto call = reinterpret_cast<std::uintptr_t>(returnAddress) - 1;
   const HMODULE module = moduleHandleAt(reinterpret_cast<const void *>(call));

@@ -1,5 +1,5 @@
-// How many bytes a result of examples/exchange has, as a packed chain and in other forms, for jobs
-// of several sizes. Prints a table of docs/between-processes.md.
+// The bytes of a result of examples/exchange, as a packed chain and in other forms, for jobs of
+// several sizes. Prints a table of docs/between-processes.md.
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
@@ -31,7 +31,7 @@ struct Sizes {
   std::uint64_t json = 0;
 };
 
-// Places of packages, from 1.
+// Numbers of packages, from 1.
 using Places = std::unordered_map<const PackageRecord *, std::uint32_t>;
 
 Places placesOf(const PackageRecord *root) {

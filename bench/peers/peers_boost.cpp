@@ -10,8 +10,8 @@
 
 namespace bench {
 
-// The records as classes that own their texts. A shared reference is the package's number:
-// tracked pointers would recurse as deep as the graph is long.
+// The records as classes that own their texts. A shared reference is the package's number, because
+// tracked pointers would recurse to the depth of the whole graph.
 struct BoostDependency {
   std::uint32_t flags = 0;
   std::uint32_t target = 0;
@@ -50,7 +50,7 @@ namespace {
 
 constexpr unsigned kArchiveFlags = boost::archive::no_header | boost::archive::no_codecvt;
 
-// Appends to a string, without the detours of a string stream.
+// Appends to a string directly, because a string stream is slower.
 class StringWriter : public std::streambuf {
  public:
   std::string take() { return std::move(text_); }
@@ -129,7 +129,7 @@ class BoostForm {
     });
   }
 
-  BoostPackage package_;  // kept from package to package with its storage
+  BoostPackage package_;  // used again for each package, with its storage
 };
 
 }  // namespace

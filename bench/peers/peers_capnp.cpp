@@ -10,7 +10,7 @@ namespace bench {
 
 namespace {
 
-// A message in its segments, as it would be written to a file.
+// The segments of a message, as written to a file.
 class CapnMessage {
  public:
   explicit CapnMessage(const Graph &graph)
@@ -52,7 +52,7 @@ class CapnMessage {
   std::unique_ptr<capnp::MallocMessageBuilder> builder_;
 };
 
-// Cap'n Proto checks what it reads as it reads it.
+// Cap'n Proto checks data while it reads them.
 class CapnForm {
  public:
   static CapnMessage encode(const Graph &graph) { return CapnMessage(graph); }

@@ -1,4 +1,4 @@
-// Cells: blocks of one length that come and go one by one.
+// Cells: blocks of one length that are allocated and freed one by one.
 #include <array>
 #include <boost/pool/pool.hpp>
 #include <cstdlib>
@@ -74,7 +74,7 @@ class CellWork {
   template <class... Args>
   explicit CellWork(Args &...args) : cells_(args...) {}
 
-  // Live cells keep what is written into them, and freed cells are handed out again.
+  // Live cells keep their contents, and freed cells are allocated again.
   void check() {
     constexpr int kManyRounds = 20;
     std::set<void *> different;
@@ -105,8 +105,8 @@ class CellWork {
   std::array<void *, kLive> taken_{};
 };
 
-// 1,000 cells are taken, then all are given back in the same order. An operation is one cell taken
-// and given back.
+// 1,000 cells are allocated, then all are freed in the same order. An operation is one cell
+// allocated and freed.
 template <class Cells>
 class Churn : public CellWork<Cells> {
  public:
@@ -120,7 +120,7 @@ class Churn : public CellWork<Cells> {
   }
 };
 
-// A cell is given back before the next one is taken.
+// A cell is freed before the next one is allocated.
 template <class Cells>
 class Pairs : public CellWork<Cells> {
  public:
@@ -135,7 +135,7 @@ class Pairs : public CellWork<Cells> {
   }
 };
 
-// One half each, for the comparison with the floor.
+// Allocating alone and freeing alone, for the comparison with the floor.
 class TakeOnly : public CellWork<LibraryCells> {
  public:
   using CellWork::CellWork;

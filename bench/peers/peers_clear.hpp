@@ -8,8 +8,8 @@
 
 namespace bench {
 
-// One statement a store: a compiler makes a loop of them into its own memset again. The last store
-// overlaps the one before it, since the area is no multiple of the width.
+// One statement for each store, because a compiler would replace a loop by memset. The last store
+// overlaps the one before it, because the area's length is not a multiple of the width.
 template <class Vector, class Store>
 void storeZeros(void *pArea, Store store) {
   constexpr std::size_t kStores = sizeof(MEMErrorArea) / sizeof(Vector);

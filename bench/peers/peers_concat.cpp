@@ -1,4 +1,4 @@
-// Concatenation: wide text grows by appended pieces, to 16,384 units, and is given up.
+// Concatenation: wide text grows by appended pieces to 16,384 units and is then freed.
 #include <string>
 
 #include "peers_tables.hpp"
@@ -16,7 +16,7 @@ std::u16string piece(std::size_t units) {
   return made;
 }
 
-// MEM_MemCat, which is told the length, or MEM_Cat, which finds it.
+// MEM_MemCat, which gets the length, or MEM_Cat, which finds it.
 enum class Length { told, found };
 
 template <Length kLength>
@@ -70,7 +70,7 @@ class Appends {
       text_.append(piece_);
       expected += piece_;
     }
-    demand(text_.text() == expected, "the text is not what was appended");
+    demand(text_.text() == expected, "the text differs from the appended pieces");
     text_.close();
   }
 

@@ -16,7 +16,7 @@ class FlatBuffer {
   flatbuffers::DetachedBuffer buffer_;
 };
 
-// Readers that trust the file go without the verifier.
+// Readers that trust the file do not call the verifier.
 enum class Source { trusted, untrusted };
 
 template <Source kSource>

@@ -1,6 +1,6 @@
-// The floor of the contract: what the host's services, and the clearing of the error area, cost by
-// themselves. Whatever the library does, an entry point cannot be cheaper than the host calls that
-// its contract asks for.
+// The floor of the contract: the cost of the host's services and of clearing the error area,
+// without the library. An entry point cannot be cheaper than the host calls that its contract
+// requires.
 #include <emmintrin.h>
 
 #include <cstring>
@@ -15,11 +15,11 @@ namespace {
 
 constexpr std::int64_t kBatch = 10000;
 
-// The host's tables as the library sees them: behind a pointer that may change at any time.
+// The host's tables as the library uses them: through a pointer that may change at any time.
 const MEMRuntimeServices *volatile hostTable = nullptr;
 
 // Called through pointers, as a component calls the library and the library calls memset: the
-// compiler must not know what is behind them.
+// compiler must not know which functions they are.
 using Clear = void (*)(void *pArea);
 void *(*volatile clearService)(void *, int, std::size_t) = std::memset;
 
@@ -37,10 +37,10 @@ void clearByVectorStores(void *pArea) {
   });
 }
 
-// The fastest way there is, so that the floor is one.
+// The fastest way, because a floor must be a lower bound.
 const Clear fastestClear = hasWideStores() ? clearByWideStores : clearByCall;
 
-// An entry point that does what every one must do, and nothing else.
+// An entry point that does only what every entry point must do.
 std::int16_t emptyEntryPoint() {
   MEMTraceFrame frame{};
   frame.pName = "floor";
@@ -70,7 +70,7 @@ class Frame : public FloorWork {
   }
 };
 
-// The library's frame: nothing is left to do for a null cell.
+// The library's frame: for a null cell the service does nothing else.
 class LibraryFrame : public FloorWork {
  public:
   explicit LibraryFrame(BenchSession &session) : FloorWork(session), mem_(session.mem()) {
@@ -135,8 +135,9 @@ class GatePair : public FloorWork {
   std::uint32_t gate_ = 0;
 };
 
-// The two changes around the write of a string of the usual length. In the midst of protected pages
-// they are dearer than at a border: the system makes one mapping three, and one of three again.
+// The two changes around the write of a string of the usual length. In the middle of protected
+// pages they cost more than at a border: the system splits one mapping into three and joins them
+// again.
 class ProtectionPair : public FloorWork {
  public:
   explicit ProtectionPair(BenchSession &session) : FloorWork(session) {

@@ -2,9 +2,9 @@
 //
 // A form is a class, made like a work, with
 //   Encoded encode(const Graph &)   the encoded catalogue, an owner with size()
-//   Input load(const Encoded &)     a copy to decode, with refresh(), which makes it as it was, as
-//                                   if it had just been read, and
-//   decode(Input &, Visitor &)      reads the copy and shows all packages to the visitor
+//   Input load(const Encoded &)     a copy to decode, with refresh(), which restores it, as if it
+//                                   had just been read, and
+//   decode(Input &, Visitor &)      reads the copy and passes all packages to the visitor
 #pragma once
 
 #include <cstddef>
@@ -35,8 +35,8 @@ class Bytes {
   std::size_t size_;
 };
 
-// A copy of encoded bytes with a NUL behind them. refresh() writes all of it anew for every form,
-// also where decoding leaves it unchanged: then all decoders find it in the same caches.
+// A copy of encoded bytes with a NUL after them. refresh() writes all of it again for every form,
+// even if decoding does not change it: then all decoders find it in the same caches.
 class InputBytes {
  public:
   explicit InputBytes(const Bytes &fresh) : fresh_(fresh), copy_(fresh) {}
@@ -55,7 +55,7 @@ class FormWork {
   explicit FormWork(std::size_t packages, Args &...args)
       : graph_(Graph::ofPackages(packages)), form_(args...) {}
 
-  // What is decoded is what was encoded, to the last character; twice, from a refreshed copy.
+  // The decoded catalogue equals the encoded one, in every character; twice, from a refreshed copy.
   void check() {
     demandSpeed();
     Digest expected;
@@ -65,14 +65,14 @@ class FormWork {
       input.refresh();
       Digest digest;
       form_.decode(input, digest);
-      demand(digest.result() == expected.result(), "the decoded catalogue is another");
+      demand(digest.result() == expected.result(), "the decoded catalogue differs");
     }
   }
 
  protected:
   std::int64_t packages() const { return static_cast<std::int64_t>(graph_.count()); }
 
-  // An encoder whose time grows with the square of the graph would never end with a large one.
+  // An encoder whose time grows with the square of the graph is not measured with a large one.
   void demandSpeed() {
     constexpr std::size_t kLarge = 100000;
     constexpr double kMostSeconds = 0.2;
@@ -88,7 +88,7 @@ class FormWork {
   Form form_;
 };
 
-// The encoded form is made and given up.
+// The encoded form is made and freed.
 template <class Form>
 class Encode : public FormWork<Form> {
  public:

@@ -1,5 +1,5 @@
-// Hash tables: records of 16 bytes under a key of 8. The library's table has 1,023 buckets for
-// ever, so the number of records sets the length of its chains; the others grow.
+// Hash tables: records of 16 bytes with a key of 8. The library's table always has 1,023 buckets,
+// so the number of records determines the length of its chains; the others grow.
 #include <absl/container/flat_hash_map.h>
 
 #include <algorithm>
@@ -83,9 +83,9 @@ class MapTable {
 using StdTable = MapTable<std::unordered_map<std::uint64_t, Record>>;
 using AbslTable = MapTable<absl::flat_hash_map<std::uint64_t, Record>>;
 
-// What MEM_HashGetEntry must do by its contract beyond the frame: call the caller's function, and
-// look at the link and the key of every record up to the one that is sought. A bare table with
-// chains of the same order in one piece of storage.
+// The work of MEM_HashGetEntry that its contract requires in addition to the frame: call the
+// caller's function, and read the link and the key of every record up to the wanted one. A table
+// without the library, with chains of the same order in one block of storage.
 class FloorTable {
  public:
   void open() {
@@ -137,7 +137,7 @@ class HashWork {
       const Record *found = table_.get(record.key);
       demand(found != nullptr && found->value == record.value, "a record is not found");
     }
-    demand(table_.get(keyOf(records_.size())) == nullptr, "a record is found that is not there");
+    demand(table_.get(keyOf(records_.size())) == nullptr, "a record is found that does not exist");
     if constexpr (requires { table_.remove(0); }) {
       for (const Record &record : order_) table_.remove(record.key);
       for (const Record &record : order_) {

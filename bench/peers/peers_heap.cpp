@@ -1,5 +1,5 @@
-// Arenas: many entries are taken and all are given back at once. Where an allocator cannot give
-// back all at once, the entries are freed one by one; that is part of its time.
+// Arenas: many entries are allocated and all are freed together. If an allocator cannot free all
+// together, the entries are freed one by one, and that is part of its time.
 #include <apr_general.h>
 #include <apr_pools.h>
 
@@ -40,7 +40,7 @@ Lengths mixedLengths() {
   return lengths;
 }
 
-// An arena is opened, gives entries and is closed.
+// An arena is opened, allocates entries and is closed.
 template <class Arena>
 class ArenaWork {
  public:
@@ -57,14 +57,14 @@ class ArenaWork {
     return kEntries;
   }
 
-  // Every entry is the caller's alone: what is written into it stays until the end.
+  // No two entries overlap: each keeps its contents until the end.
   void check() {
     arena_.open();
     std::vector<unsigned char *> entries;
     for (const std::uint32_t length : lengths_) {
       auto *entry = static_cast<unsigned char *>(arena_.take(length));
       demand(entry != nullptr && reinterpret_cast<std::uintptr_t>(entry) % 8 == 0,
-             "no aligned entry");
+             "an entry is null or not aligned");
       std::memset(entry, static_cast<int>(entries.size() % 251), length);
       entries.push_back(entry);
     }
@@ -95,7 +95,7 @@ class Remembered {
   std::vector<void *> entries_;
 };
 
-// A heap of the library, by the slots that serve it.
+// A heap of the library, with the slots of its kind.
 template <class Length, auto kOpen, auto kTake, auto kClose>
 class LibraryEntries {
  public:
@@ -147,7 +147,7 @@ class MimallocHeap {
   mi_heap_t *heap_ = nullptr;
 };
 
-// Resources that give all back at once.
+// Resources that free all entries together.
 template <class Resource>
 class Pmr {
  public:
@@ -192,7 +192,7 @@ class AprPool {
   apr_pool_t *pool_ = nullptr;
 };
 
-// Two threads take entries from one arena at the same time. `take` may be called on both.
+// Two threads allocate entries from one arena at the same time. `take` may be called on both.
 constexpr std::int64_t kPerThread = 200000;
 constexpr std::int64_t kLiveEntries = 1000;
 

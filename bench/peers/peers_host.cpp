@@ -39,7 +39,7 @@ void setAnchor(std::int32_t, std::int32_t, void *pAnchor) {
   anchor = pAnchor;
 }
 
-// Gates are handed out in turn; a handle is the place in the table and one.
+// Gates are created in order; a handle is the index in the table plus one.
 struct Gate {
   std::mutex mutex;
   bool isMade = false;
@@ -81,7 +81,7 @@ std::uintptr_t pagesUp(std::uintptr_t bytes) {
   return (bytes + pageSize() - 1) / pageSize() * pageSize();
 }
 
-// Only the sink's storage has to have pages of its own.
+// Only the sink's storage needs pages of its own.
 std::uint16_t getStorage(void **ppArea, std::uint32_t length, std::uint16_t subPool,
                          std::uint16_t) {
   *ppArea = subPool == MEM_SINK_SUBPOOL ? std::aligned_alloc(pageSize(), pagesUp(length))
@@ -114,7 +114,8 @@ std::uint16_t checkStorage(const void *, std::uint32_t) {
   return 0;
 }
 
-// Before the library is bound, so that what is obtained and what is returned go the same way.
+// The slots are replaced before the library is bound, so that the same services free what they
+// allocate.
 void putBenchServices(MEMRuntimeServices &runtime) {
   runtime.GetAnchor = getAnchor;
   runtime.SetAnchor = setAnchor;

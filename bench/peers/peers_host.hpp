@@ -1,9 +1,9 @@
 // The library under a host whose services cost as little as those of a real runtime could.
 //
-// The reference host checks and counts every call, which is many times the cost of the service that
-// a runtime gives its components. The bench host takes the reference host's tables and puts plain
-// services into their slots: frames that set two fields from a thread-local variable, storage from
-// malloc, gates that are a mutex each, protection by mprotect.
+// The reference host checks and counts every call, which costs many times as much as the service
+// itself. The bench host uses the reference host's tables with plain services in their slots:
+// frames that set two fields from a thread-local variable, storage from malloc, gates that are a
+// mutex each, protection by mprotect.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace bench {
 enum class HostKind { bench, reference };
 
 // The library bound to a host of either kind, with process and calling thread started. One at a
-// time; destruction belongs on the same thread.
+// time; destroy it on the same thread.
 class BenchSession {
  public:
   explicit BenchSession(HostKind kind = HostKind::bench);
@@ -31,7 +31,7 @@ class BenchSession {
   refhost::Host host_;
 };
 
-// One further thread of a session, started for the library during the object's life.
+// One further thread of a session, active while the object exists.
 class BenchThread {
  public:
   explicit BenchThread(BenchSession &session);
@@ -43,13 +43,13 @@ class BenchThread {
   BenchSession &session_;
 };
 
-// How often an operation uses the host, on average: what its contract makes it pay.
+// How often an operation calls the host, on average, as its contract requires.
 struct HostCalls {
   double frames = 0;    // trace frames entered and left
   double anchors = 0;   // look-ups of the process block
   double gates = 0;     // gates acquired and released
   double protects = 0;  // pairs of protection changes
-  double storage = 0;   // areas obtained and returned
+  double storage = 0;   // areas allocated and freed
 };
 
 // Counts of the reference host so far.

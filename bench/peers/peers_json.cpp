@@ -52,7 +52,7 @@ class JsonText {
     writer.EndObject();
   }
 
-  mutable rapidjson::StringBuffer buffer_;  // its accessors end the text and are not const
+  mutable rapidjson::StringBuffer buffer_;  // its accessors terminate the text and are not const
 };
 
 enum class Parse { copying, inSitu };

@@ -32,7 +32,7 @@ class Chain {
   MemPackBlock *first_;
 };
 
-// Blocks as a reader has them, one behind the other in one area.
+// The blocks as a reader has them, in one area.
 class LoadedChain {
  public:
   explicit LoadedChain(const Chain &chain) {

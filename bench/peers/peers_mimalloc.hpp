@@ -1,5 +1,5 @@
-// mimalloc, loaded at run time and kept to itself: a program that is linked with it gets its malloc
-// in place of the C library's, which is a peer too.
+// mimalloc, loaded at run time with local names: a program that is linked with it gets its malloc
+// instead of the C library's, which is a peer, too.
 #pragma once
 
 #include <mimalloc.h>
@@ -16,7 +16,7 @@ struct MimallocEntries {
   void (*heapDestroy)(mi_heap_t *);
 };
 
-// Set before main. Calls through it cost what calls through a linked library's table cost.
+// Set before main. Calls through it cost as much as calls of a linked library.
 extern const MimallocEntries kMimalloc;
 
 inline const MimallocEntries &mimalloc() {

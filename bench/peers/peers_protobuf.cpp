@@ -63,7 +63,7 @@ struct Text {
   }
 };
 
-// Messages live in an arena, as is advised where speed counts.
+// Messages are in an arena, as protobuf's manual recommends for speed.
 template <class Syntax>
 class ProtoForm {
  public:

@@ -38,12 +38,12 @@ constexpr MEMStructDef kDefinitions[] = {
 constexpr std::string_view kWords[] = {"shared",  "library", "common", "files",   "for",
                                        "runtime", "tools",   "data",   "network", "system"};
 
-// Texts of a package are made of its number and of words.
+// Texts of a package are made from its number and words.
 class TextMaker {
  public:
   TextMaker(std::vector<char> &texts, std::mt19937 &random) : texts_(texts), random_(random) {}
 
-  // Texts may move until all are made, so their places are kept as offsets.
+  // Texts may move until all are made, so offsets are kept instead of addresses.
   std::size_t keep(const std::string &text) {
     const std::size_t at = texts_.size();
     texts_.insert(texts_.end(), text.c_str(), text.c_str() + text.size() + 1);

@@ -1,5 +1,5 @@
-// The graph that is packed and written as text: a catalogue of packages in linked records, as a
-// host component has it in its storage.
+// The graph that is packed and written as text: a catalogue of packages in linked records, as in
+// the storage of a host's component.
 //
 //   PackageRecord ──pNext──▶ PackageRecord ──pNext──▶ … null
 //     │ pName, pVersion, pSummary            ▲
@@ -40,7 +40,7 @@ struct PackageRecord {
 };
 MEM_CHECK_SIZE(PackageRecord, 48);
 
-// A catalogue of `count` packages, the same one for the same count. Lives as long as the program.
+// A catalogue of `count` packages, the same one for the same count. Exists until the program ends.
 class Graph {
  public:
   static const Graph &ofPackages(std::size_t count);
@@ -56,22 +56,22 @@ class Graph {
   std::vector<char> texts_;
 };
 
-// How the library is told of the records.
+// The descriptions of the records for the library.
 MemPackCB packDescription();
 const MEMStructDef *portDescription();
 inline constexpr std::uint32_t kPackageStruct = 1;
 
-// What is made of a decoded catalogue. Every form shows its packages in order, and after each its
+// Visitors of a decoded catalogue. Every form passes its packages in order, and after each its
 // dependencies in order, to one of these.
 //
-// Touch is the traversal that is timed: it reads every number, the first character of every text,
-// and through every shared reference the number of the package that it leads to.
+// Touch is the traversal that is measured: it reads every number, the first character of every
+// text, and through every shared reference the number of the package that it leads to.
 class Touch {
  public:
   void package(std::uint32_t number, const char *name, const char *version, const char *summary) {
     sum_ += number + byte(name) + byte(version) + byte(summary);
   }
-  // `constraint` is null or the empty text where there is none.
+  // `constraint` is null or the empty text if there is none.
   void dependency(std::uint32_t flags, const char *constraint, std::uint32_t targetNumber) {
     sum_ += flags + targetNumber + (constraint == nullptr ? 0 : byte(constraint));
   }
@@ -108,7 +108,7 @@ class Digest {
   std::uint64_t hash_ = 14695981039346656037U;
 };
 
-// Records in a packed chain lie at any address, so they are copied out.
+// Records in a packed chain may not be aligned, so they are copied out.
 template <class Record>
 Record recordAt(const Record *pRecord) {
   Record record;

@@ -1,4 +1,4 @@
-// Shared strings: one copy of each, found again by its text.
+// Shared strings: one copy of each, found by its text.
 #include <boost/flyweight.hpp>
 #include <mutex>
 #include <string>
@@ -12,7 +12,7 @@ namespace bench {
 
 namespace {
 
-// Names in no order: the number is spread over 32 bits.
+// Unsorted names: the number is spread over 32 bits.
 std::vector<std::string> names(std::size_t count) {
   std::vector<std::string> made;
   for (std::size_t i = 0; i < count; ++i) {
@@ -22,7 +22,7 @@ std::vector<std::string> names(std::size_t count) {
   return made;
 }
 
-// Each store keeps what it was given until it is emptied.
+// Each store keeps its strings until it is emptied.
 class LibrarySink {
  public:
   explicit LibrarySink(BenchSession &session) : mem_(session.mem()) {}
@@ -36,7 +36,7 @@ class LibrarySink {
     return pSunk;
   }
   void forgetUses() {}
-  // A sink that starts anew is emptied faster than by a delete for each string.
+  // Restarting a sink empties it faster than deleting each string.
   void empty() {
     mem_.MEM_SinkTerm();
     require(mem_.MEM_SinkInit(), "MEM_SinkInit");
@@ -54,7 +54,7 @@ class Flyweights {
     kept_.emplace_back(text);
     return kept_.back().get().c_str();
   }
-  // The strings stay while one use of each does.
+  // A string is kept while it has one use.
   void forgetUses() {
     if (first_.empty()) first_ = kept_;
     kept_.clear();
@@ -121,7 +121,7 @@ class NewStrings : public SinkWork<Store> {
   std::int64_t run() { return this->keepAll(); }
 };
 
-// All strings are there already.
+// All strings are already in the store.
 template <class Store>
 class KnownStrings : public SinkWork<Store> {
  public:

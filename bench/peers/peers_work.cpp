@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <time.h>
 
+#include <cstdio>
 #include <map>
 
 namespace bench {
@@ -11,12 +12,14 @@ namespace {
 
 bool failed = false;
 
-}  // namespace
-
+// By default the C library returns large blocks to the system with every free, and gets them again
+// as pages of zeros. For some works that would be most of the cost, so the memory is kept for all.
 void keepMemory() {
   mallopt(M_MMAP_THRESHOLD, 1 << 30);
   mallopt(M_TRIM_THRESHOLD, -1);
 }
+
+}  // namespace
 
 void demand(bool holds, const char *what) {
   if (!holds) throw std::runtime_error(what);
@@ -54,8 +57,15 @@ double BatchTimes::rank(std::size_t place) {
   return *at;
 }
 
-bool everyCheckPassed() {
-  return !failed;
+int runBenchmarks(int argc, char **argv, const char *program, void (*add)()) {
+  keepMemory();
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  add();
+  benchmark::RunSpecifiedBenchmarks();
+  if (!failed) return 0;
+  std::fprintf(stderr, "%s: the check of some work has failed; see the errors above\n", program);
+  return 1;
 }
 
 HostCalls countedCalls(const std::string &name, const std::function<HostCalls()> &count) {

@@ -1,21 +1,20 @@
 // A piece of work, done by the library or by a peer, and how it is measured.
 //
 // A work is a class with
-//   std::int64_t run()   does a batch and returns the number of operations; timed
-//   void prepare()       makes ready for the next batch; not timed; may be missing
-//   void check()         proves on a fresh object that the work is really done, and done as the
-//                        others do it; throws; runs once, before the first measurement; may be
-//                        missing
-//   double size()        bytes that one operation's result takes; may be missing
-// A peer's is made without arguments, the library's from a BenchSession. A batch with prepare() is
-// long enough (2 us and more) for the clock, 25 ns, to be lost in it; others are repeated until
-// they are.
+//   std::int64_t run()   does a batch and returns the number of operations; measured
+//   void prepare()       prepares the next batch; not measured; optional
+//   void check()         checks on a new object that the work is really done, as by the others;
+//                        throws if not; runs once, before the first measurement; optional
+//   double size()        bytes of one operation's result; optional
+// A peer's is made without arguments, the library's from a BenchSession. A batch with prepare()
+// takes at least 2 us, so that the 25 ns of reading the clock do not matter; others are repeated
+// until they take as long.
 //
-// The figure of a benchmark is its counter "ns": nanoseconds an operation in the batch that only a
-// tenth of all batches beat. Whatever else runs on the machine makes a batch dearer, never cheaper,
-// so the quick batches tell what the work costs. The counter "median" is that of the median batch:
-// how far it lies above tells how much the machine was disturbed. A work that starts threads says
-// so with a static member kUsesThreads.
+// The figure of a benchmark is its counter "ns": nanoseconds an operation, at the tenth percentile
+// of all batches. Other programs on the machine make a batch slower, never faster, so the quick
+// batches show the cost of the work. The counter "median" is that of the median batch: the
+// difference shows how much the machine was disturbed. A work that starts threads has a static
+// member kUsesThreads.
 //
 // A benchmark's name is "table/row" or "table/row/column"; the report is made from it.
 #pragma once
@@ -34,20 +33,18 @@
 
 namespace bench {
 
-// The C library would give large blocks back to the system with every free, and take them again as
-// pages of zeros. That would be most of what some works cost, so for all of them memory stays.
-void keepMemory();
-
-// Runs `check` unless it has run under this name. On failure the benchmark is marked as failed and
-// the program's end result is a failure.
+// Runs `check` unless it has run under this name. If it fails, the benchmark is marked as failed
+// and the program ends with a failure.
 bool passes(benchmark::State &state, const std::string &name, const std::function<void()> &check);
-bool everyCheckPassed();
+// Runs the benchmarks that `add` registers, as the main function of a program with this name.
+// Returns the exit code: 1 if the check of a work has failed, 2 for unknown arguments.
+int runBenchmarks(int argc, char **argv, const char *program, void (*add)());
 
 // The host calls of a work, counted once per name.
 HostCalls countedCalls(const std::string &name, const std::function<HostCalls()> &count);
 void showCalls(benchmark::State &state, const HostCalls &calls);
 
-// Thrown by a check: the work would take too long to be measured. No failure.
+// Thrown by a check: the work would take too long to be measured. This is not a failure.
 class TooSlow : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -66,17 +63,17 @@ void checkWork(Work &&work) {
   if constexpr (requires { work.check(); }) work.check();
 }
 
-// Seconds of the calling thread on a processor. Reading it is a system call of almost 1 us.
+// Processor time of the calling thread in seconds. Reading it is a system call of almost 1 us.
 double threadSeconds();
 
-// Times batches and keeps the nanoseconds an operation of each.
+// Measures batches and keeps the nanoseconds an operation of each.
 class BatchTimes {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Runs `work` as many times in a row as makes a batch, and returns its seconds. Long batches of
-  // one thread get the thread's own time instead of the clock's: the system would surely run
-  // something else in between on a busy machine.
+  // Runs `work` several times as one batch, and returns its seconds. For long batches of one thread
+  // these are the thread's processor time instead of the clock's time, because on a busy machine
+  // the system runs other programs in between.
   template <class Work>
   double time(Work &work, std::int64_t times) {
     std::int64_t operations = 0;
@@ -100,7 +97,7 @@ class BatchTimes {
   std::vector<double> batches_;
 };
 
-// How often a work is run for a batch of 50 us or more. Works that need preparing run once.
+// How often a work is run for a batch of at least 50 us. Works with prepare() run once.
 template <class Work>
 std::int64_t timesInBatch(Work &work) {
   if constexpr (requires { work.prepare(); }) {

@@ -4,8 +4,8 @@
   docs/pictures/draw_timeline.py TIMELINE.json >PICTURE.svg
 
 Each thread has rows of spans, one for each depth; trace records are marks at the lower edge of their
-span. A name that is longer than its span is cut or, where little would be left of it, stands below the
-rows, once for neighbours of one name, and those of the longest spans only. A long run is for a browser.
+span. A name that is longer than its span is cut or, if little would remain, written below the rows,
+once for neighbours of the same name, and only for the longest spans. Show a long run in a browser.
 """
 
 import json
@@ -14,7 +14,7 @@ from xml.sax.saxutils import escape
 
 WIDTH = 880.0  # of all the time
 MARGIN = 20.0
-RIGHT = 50.0  # beside the time, for names that begin near its end
+RIGHT = 50.0  # right of the time, for names that begin near its end
 ROW = 26.0
 BAR = 22.0
 CHARACTER = 6.7

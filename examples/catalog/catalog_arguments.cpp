@@ -10,17 +10,17 @@ namespace {
 
 constexpr const char *kPurpose =
     "Reads a package catalogue in the form of dpkg's status file, builds linked structures from\n"
-    "it in a heap of QJ7MEM00, packs them into a chain of blocks and writes the chain to a file,\n"
-    "and as a port string to a second one, named FILE.port.\n"
+    "it in a heap of QJ7MEM00, packs them into a chain of blocks and writes the chain to a file.\n"
+    "It also writes the structures as a port string to a second file, FILE.port.\n"
     "\n"
-    "With --read it reads the two files that an earlier run wrote, on whatever platform, turns\n"
-    "them back into structures and compares these with the catalogue.\n";
+    "With --read it reads the two files of an earlier run, which may be from another platform,\n"
+    "makes structures from them and compares these with the catalogue.\n";
 
 constexpr const char *kExitCodes =
     "Exit code: 0 success, 1 a service failed, storage was not returned or the chain differs from\n"
-    "the catalogue, 2 wrong input.\n";
+    "the catalogue, 2 invalid input.\n";
 
-// Takes the name of a file.
+// Stores the name of a file.
 CLI::callback_t into(std::filesystem::path &path) {
   return [&path](const CLI::results_t &words) {
     path = pathFromUtf8(words.back());
@@ -34,13 +34,13 @@ void describe(CLI::App &app, Arguments &arguments) {
   app.allow_windows_style_options(false);  // /name is a path on every platform
   app.set_help_flag("--help", "show this text");
   app.add_option("CATALOGUE", into(arguments.catalogue),
-                 "the catalogue (/var/lib/dpkg/status, or else the sample beside the program)");
+                 "the catalogue [/var/lib/dpkg/status, or the sample in the program's folder]");
   CLI::Option *const output =
       app.add_option("--output", into(arguments.chainFile),
-                     "write the chain to FILE instead of catalog.chain beside the program")
+                     "write the chain to FILE [catalog.chain in the program's folder]")
           ->type_name("FILE");
   app.add_flag("--read", arguments.reads,
-               "read the chain file that an earlier run wrote beside the program");
+               "read the chain file of an earlier run in the program's folder");
   app.add_option("--read-from", into(arguments.chainFile), "read the chain file FILE")
       ->type_name("FILE")
       ->excludes(output);
@@ -56,7 +56,7 @@ Arguments parseArguments(std::vector<std::string> words) {
   Arguments arguments;
   CLI::App app(kPurpose);
   describe(app, arguments);
-  std::reverse(words.begin(), words.end());  // the order that the parser takes
+  std::reverse(words.begin(), words.end());  // the order that the parser expects
   try {
     app.parse(std::move(words));
   } catch (const CLI::CallForHelp &) {

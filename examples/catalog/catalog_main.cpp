@@ -1,9 +1,9 @@
-// A host that packs a package catalogue: loads the library, binds it, builds linked records in a
-// heap with the help of a cell pool, puts a part of its report together in a concatenation buffer,
-// packs the records into a chain of blocks, writes the chain to a file and the records as a port
-// string to another, sinks the names, ends everything and accounts for every byte. Run with --read
-// it is the second process, which knows the structures from these files only. `catalog --help`
-// tells the options.
+// A host that packs a package catalogue. It loads the library, binds it, builds linked records in a
+// heap with the help of a cell pool, composes a part of its report in a concatenation buffer, packs
+// the records into a chain of blocks, writes the chain to a file and the records as a port string
+// to another, sinks the names, ends everything and reports the storage account. With --read it is a
+// second process, which gets the structures from these files only. `catalog --help` lists the
+// options.
 #include <cstddef>
 #include <exception>
 #include <filesystem>
@@ -24,13 +24,13 @@
 namespace catalog {
 namespace {
 
-constexpr const char *kDefaultOutput = "catalog.chain";  // beside the program
+constexpr const char *kDefaultOutput = "catalog.chain";  // in the program's folder
 
 constexpr std::size_t kMostNeeded = 3;  // packages that the report names
 
-// Names the catalogue and the chain file where the user did not. They must be two files. The chain
-// file has no place in a folder that everybody writes to: two users, or two builds, would meet
-// there.
+// Sets the catalogue and the chain file if the user did not. They must be two files. The default of
+// the chain file is not in a temporary folder: two users, or two builds, would overwrite each
+// other's.
 void complete(Arguments &arguments, const std::filesystem::path &programFolder) {
   std::error_code ignored;
   if (arguments.catalogue.empty()) arguments.catalogue = defaultCatalogue(programFolder);
@@ -39,12 +39,13 @@ void complete(Arguments &arguments, const std::filesystem::path &programFolder) 
   arguments.portFile += ".port";
   if (!arguments.reads &&
       std::filesystem::equivalent(arguments.catalogue, arguments.chainFile, ignored)) {
-    throw InputError("the chain would overwrite " + utf8FromPath(arguments.catalogue));
+    throw InputError("the chain would overwrite the catalogue " +
+                     utf8FromPath(arguments.catalogue) + ": use another file for --output");
   }
 }
 
 constexpr mem::HeapSettings kRecordHeap = {.areaKb = 64,
-                                           .subPool = 20};  // any number of the host's
+                                           .subPool = 20};  // the host chooses the number
 
 // The job itself, between start and stop of the library.
 void packCatalogue(refhost::Host &host, const mem::Context &context, const Arguments &arguments,
@@ -114,7 +115,7 @@ ExitCode run(Arguments arguments) {
   report.account = host.account();
   printReport(std::cout, report);
   if (!std::cout.flush()) throw std::runtime_error("the report could not be written");
-  return host.report().empty() ? kExitSuccess : kExitFailure;  // the host tells what it found
+  return host.report().empty() ? kExitSuccess : kExitFailure;  // report() writes its findings
 }
 
 ExitCode runWithArguments(const std::vector<std::string> &words) {

@@ -23,7 +23,7 @@ class Builder {
     PackageRecord *record = root;
     for (const Package &package : packages) {
       fillPackage(*record, package);
-      // Of packages with one name the first is meant.
+      // Of packages with the same name the first is used.
       if (byName_.emplace(package.name, record).second) waiting_.resolve(package.name, *record);
       record = record->pNext;
     }
@@ -58,7 +58,7 @@ class Builder {
     }
   }
 
-  // Points the dependency at its package, now or when that has its record.
+  // Sets the dependency's pointer to its package, now or when that has its record.
   void resolve(DependencyRecord &record, std::string_view packageName) {
     const auto found = byName_.find(packageName);
     if (found != byName_.end()) {
@@ -78,7 +78,7 @@ bool isText(const Char *pText, std::basic_string_view<Char> expected) {
   return pText == nullptr ? expected.empty() : expected == pText;
 }
 
-// Checks records against the catalogue; what differs is told by the name of its package.
+// Compares records with the catalogue; a difference is reported with the name of its package.
 class Checker {
  public:
   void check(const PackageRecord *root, const std::vector<Package> &packages) {

@@ -7,8 +7,8 @@
 //     └─pFirstDependency──▶ DependencyRecord ┘──pNext──▶ DependencyRecord … null
 //                             pName, pConstraint: narrow strings
 //
-// The first package is the root. Records and strings are entries of one heap and live until it is
-// closed. A pointer to a string is null where the catalogue has no such text.
+// The first package is the root. Records and strings are entries of one heap and exist until it is
+// closed. A pointer to a string is null if the catalogue has no such text.
 #pragma once
 
 #include <cstddef>
@@ -29,14 +29,14 @@ struct DependencyRecord {
   DependencyRecord *pNext;  // the same package's next dependency
   char *pName;
   char *pConstraint;
-  PackageRecord *pPackage;  // the package of that name, null when the catalogue does not have it
+  PackageRecord *pPackage;  // the package of that name, null if the catalogue does not have it
   std::uint32_t Flags;      // kDependency…
   std::uint32_t Reserved36;
 };
 MEM_CHECK_SIZE(DependencyRecord, 40);
 
 inline constexpr std::uint32_t kDependencyPre = 0x1;          // from Pre-Depends
-inline constexpr std::uint32_t kDependencyAlternative = 0x2;  // may stand for the one before it
+inline constexpr std::uint32_t kDependencyAlternative = 0x2;  // may replace the one before it
 
 // One package.
 struct PackageRecord {
@@ -62,8 +62,8 @@ inline constexpr auto kPackTable = mem::packTable(
                                    mem::child(MEM_FIELD(DependencyRecord, pConstraint)),
                                    mem::reference(MEM_FIELD(DependencyRecord, pPackage))));
 
-// The records as structures of a port string. Identifiers keep their meaning for as long as files
-// are read.
+// The records as structures of a port string. Never change the meaning of an identifier: older
+// files contain it.
 inline constexpr mem::PortTable kPortTable{
     mem::structure<PackageRecord, 1>(
         mem::field<1>(MEM_FIELD(PackageRecord, pNext)).required(),
@@ -79,19 +79,19 @@ inline constexpr mem::PortTable kPortTable{
         mem::field<4>(MEM_FIELD(DependencyRecord, pPackage)).required(),
         mem::field<5>(MEM_FIELD(DependencyRecord, Flags)).required())};
 
-// Dependencies that wait until the package they name has its record: work items in cells of the
-// library. An item is given back when its package has come, so the pool stays as small as the most
-// that ever wait at once. One thread at a time.
+// Dependencies that wait until their package has its record: work items in cells of the library. An
+// item is freed when its package has a record, so the pool only has as many cells as items ever
+// wait at the same time. One thread at a time.
 class WaitingList {
  public:
-  // Throws ServiceError when there is no storage. Those that still wait when it dies keep their
-  // null pointer.
+  // Throws ServiceError if there is no storage. Dependencies that still wait at the list's
+  // destruction keep their null pointer.
   explicit WaitingList(const mem::Context &context);
 
-  // `package` and `dependency` are kept by address. Throws ServiceError when there is no storage.
+  // Keeps the addresses of `package` and `dependency`. Throws ServiceError if there is no storage.
   void add(std::string_view package, DependencyRecord &dependency);
 
-  // Points all that wait for `package` at its record, and returns how many did.
+  // Sets the pointers of all that wait for `package` to its record, and returns their number.
   std::uint64_t resolve(std::string_view package, PackageRecord &record);
 
  private:
@@ -108,12 +108,12 @@ class WaitingList {
 PackageRecord *buildRecords(const mem::Context &context, mem::Heap &heap,
                             const std::vector<Package> &packages);
 
-// Compares records with the catalogue that they were made from, every field and every reference.
-// Throws DifferenceError for the first package that differs.
+// Compares every field and every reference of the records with the catalogue. Throws
+// DifferenceError for the first package that differs.
 void checkRecords(const PackageRecord *root, const std::vector<Package> &packages);
 
-// Calls `visit` with a copy of each record of a chain: those of an unpacked chain lie at any
-// address.
+// Calls `visit` with a copy of each record of a chain: those of an unpacked chain may not be
+// aligned.
 template <class Record, class Visit>
 void forEachRecord(const Record *first, Visit visit) {
   while (first != nullptr) {
@@ -143,13 +143,13 @@ std::vector<NeededPackage> mostNeeded(const PackageRecord *root, std::size_t cou
 
 struct NameCounts {
   std::uint64_t names = 0;          // of packages and in dependencies
-  std::uint64_t separateBytes = 0;  // that a copy of each would take, with its terminator
+  std::uint64_t separateBytes = 0;  // of separate copies of all, with terminators
   std::uint64_t distinct = 0;       // copies in the sink
-  std::uint64_t sinkBytes = 0;      // that they reserve
+  std::uint64_t sinkBytes = 0;      // reserved by these copies
 };
 
-// Sinks every name of the records at `root`. The copies live until the process, whose block is
-// given, is ended. Throws ServiceError.
+// Sinks every name of the records at `root`. The copies exist until the process with this block is
+// ended. Throws ServiceError.
 NameCounts sinkNames(const mem::Context &context, const MEMProcessBlock &process,
                      const PackageRecord *root);
 

@@ -15,7 +15,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Writes the progress lines of one step for as long as the object lives.
+// Writes the progress lines of one step while the object exists.
 class ProgressLines {
  public:
   ProgressLines(std::ostream &stream, const std::string &step)
@@ -68,7 +68,8 @@ void printChain(std::ostream &stream, const Report &report) {
   stream << "Packed chain " << report.chainFile << '\n';
   if (report.blockLength == 0) {
     line(stream, "blocks", report.chain.blocks) << '\n';
-    line(stream, "bytes", report.chain.bytes) << "  used, read from the file; all is as it was\n";
+    line(stream, "bytes", report.chain.bytes)
+        << "  used, read from the file; equal to the catalogue\n";
     return;
   }
   line(stream, "blocks", report.chain.blocks)
@@ -79,7 +80,7 @@ void printChain(std::ostream &stream, const Report &report) {
 void printPort(std::ostream &stream, const Report &report) {
   stream << "Port string " << report.chainFile << ".port\n";
   line(stream, "characters", report.portCharacters)
-      << (report.names.names == 0 ? "  read from the file; all is as it was\n"
+      << (report.names.names == 0 ? "  read from the file; equal to the catalogue\n"
                                   : "  written to the file\n");
 }
 
@@ -101,7 +102,7 @@ void printSteps(std::ostream &stream, const Report &report) {
 }
 
 void printAccount(std::ostream &stream, const refhost::Account &account) {
-  stream << "Storage obtained from the host\n";
+  stream << "Storage allocated from the host\n";
   line(stream, "in all", account.totalBytes)
       << "  bytes in " << grouped(account.totalCount) << " areas\n";
   line(stream, "at the peak", account.peakBytes) << "  bytes\n";

@@ -1,4 +1,4 @@
-// What the program tells about a run: how long its steps take, and the report.
+// The report about a run, and the times of its steps.
 #pragma once
 
 #include <cstdint>
@@ -17,12 +17,13 @@ struct Step {
   double milliseconds = 0;
 };
 
-// Times the steps of the program and tells the user when a long one is still at work. One thread
-// runs the steps. While a step runs, a thread of the clock's own writes to the progress stream and
-// touches nothing else.
+// Measures the steps of the program, and shows the progress of long ones. One thread runs the
+// steps. While a step runs, a thread of the clock writes to the progress stream and uses nothing
+// else.
 class StepClock {
  public:
-  // `progress` gets one line for every full second that a step takes. It must outlive the clock.
+  // `progress` gets one line for every full second that a step takes. It must exist longer than the
+  // clock.
   explicit StepClock(std::ostream &progress) : progress_(progress) {}
 
   // Runs `work`. A step that throws is not recorded.
@@ -39,7 +40,7 @@ class StepClock {
 struct Report {
   std::string catalogue;         // name of the file read
   std::string chainFile;         // name of the file written, or read
-  std::int32_t blockLength = 0;  // 0 for a chain that was read: a file does not tell
+  std::int32_t blockLength = 0;  // 0 for a chain that was read: a file does not contain it
   RecordCounts records;
   std::string mostNeeded;  // neededLines of a run that writes
   mem::PackedChain::Size chain;
@@ -49,15 +50,15 @@ struct Report {
   refhost::Account account;  // of all storage, once the library has been unbound
 };
 
-// The report's lines on these packages, with their summaries. Made in storage of the library, so
-// while it is running. Throws ServiceError when there is none.
+// The report's lines about these packages, with their summaries. Uses storage of the library, which
+// must be running. Throws ServiceError if there is no storage.
 std::string neededLines(const mem::Context &context, const std::vector<NeededPackage> &packages);
 
 // "1,234,567"
 std::string grouped(std::uint64_t number);
 
-// A line of a report up to its end: a name, and a value or number below those of other lines. What
-// follows may tell more.
+// A line of a report without its end: a name, and a value or number in a column. The caller may
+// append an explanation.
 std::ostream &line(std::ostream &stream, const std::string &name, const std::string &value);
 std::ostream &line(std::ostream &stream, const std::string &name, std::uint64_t number);
 

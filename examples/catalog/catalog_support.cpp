@@ -22,8 +22,8 @@ namespace {
 
 constexpr char16_t kReplacement = 0xFFFD;
 
-// More than any file of the program has. It bounds what a device or an endless pipe can make the
-// program hold, and keeps every length within 32 bits.
+// No file of the program is longer. The limit keeps a device or an endless pipe from filling the
+// memory, and every length within 32 bits.
 constexpr std::size_t kLongestFile = std::size_t{1} << 30;
 
 bool isSurrogate(char16_t unit) {
@@ -76,7 +76,7 @@ std::string utf8FromPath(const std::filesystem::path &path) {
 #ifdef _WIN32
 
 std::vector<std::string> programArguments(int, const char *const *) {
-  static_assert(sizeof(wchar_t) == sizeof(char16_t), "Windows hands over UTF-16");
+  static_assert(sizeof(wchar_t) == sizeof(char16_t), "Windows passes UTF-16");
   int count = 0;
   LPWSTR *values = CommandLineToArgvW(GetCommandLineW(), &count);
   std::vector<std::string> arguments;
@@ -111,7 +111,7 @@ std::string readBytes(const std::filesystem::path &path) {
   do {
     file.read(buffer.data(), buffer.size());
     bytes.append(buffer.data(), static_cast<std::size_t>(file.gcount()));
-    if (bytes.size() > kLongestFile) throw InputError(name + " is too large");
+    if (bytes.size() > kLongestFile) throw InputError("cannot read " + name + ": more than 1 GiB");
   } while (file);
   if (file.bad()) throw InputError("cannot read " + name + ": " + systemReason());
   return bytes;
@@ -119,7 +119,7 @@ std::string readBytes(const std::filesystem::path &path) {
 
 namespace {
 
-// Opens a new file for writing; never one that is there, and never the target of a link.
+// Opens a new file for writing; never an existing one, and never the target of a link.
 std::FILE *openNew(const std::filesystem::path &path) {
 #ifdef _WIN32
   const int descriptor =
@@ -147,7 +147,7 @@ void requirePlainFile(const std::filesystem::path &path, const std::string &refu
     case std::filesystem::file_type::regular:
       return;
     default:
-      throw InputError(refusal + "it is no regular file");
+      throw InputError(refusal + "it is not a regular file");
   }
 }
 
@@ -156,8 +156,8 @@ void requirePlainFile(const std::filesystem::path &path, const std::string &refu
 void writeBytes(const std::filesystem::path &path, std::string_view bytes) {
   const std::string refusal = "cannot write " + utf8FromPath(path) + ": ";
   requirePlainFile(path, refusal);
-  // What is there stays whole until all of its successor is written. A rename replaces a link that
-  // somebody has put there meanwhile, and does not follow it.
+  // An existing file is kept until its successor is completely written. If the path has become a
+  // link meanwhile, the rename replaces the link and does not follow it.
   std::filesystem::path successor = path;
   successor += ".new";
   std::error_code error;

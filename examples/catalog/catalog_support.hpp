@@ -1,7 +1,7 @@
-// What all parts of the program share: the ways in which it fails, text between the program's
-// UTF-8, the library's UTF-16 and the file system's paths, and whole files.
+// What all parts of the program share: its failures, conversion of text between the program's
+// UTF-8, the library's UTF-16 and the file system's paths, and reading and writing whole files.
 //
-// Threading: all functions are free of state.
+// Threading: the functions have no state.
 #pragma once
 
 #include <filesystem>
@@ -20,36 +20,36 @@ enum ExitCode {
   kExitSuccess = 0,
   kExitFailure = 1,  // a service failed, the library is missing, storage was not returned, or the
                      // chain differs from the catalogue
-  kExitBadInput = 2  // an argument or a file that the user named is of no use
+  kExitBadInput = 2  // an invalid argument, or a file of the user that cannot be used
 };
 
-// What the user gave cannot be used: an option, the catalogue, the place for the chain.
+// The user's input cannot be used: an option, the catalogue, the file for the chain.
 class InputError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// What was read is not what the catalogue holds.
+// The records that were read differ from the catalogue.
 class DifferenceError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// A service of the library failed. The text names the service, the code and what is known of it.
+// A service of the library failed. The text has the service, the code and its explanation.
 class ServiceError : public std::runtime_error {
  public:
   explicit ServiceError(const mem::Error &error) : std::runtime_error(error.line().text) {}
 };
 
-// The value of a call that must succeed, else a ServiceError.
+// The value of a call that must succeed. Throws ServiceError if it failed.
 template <class Value>
 Value need(mem::Result<Value> result) {
   if (!result.isOk()) throw ServiceError(result.error());
   if constexpr (!std::is_void_v<Value>) return std::move(result).value();
 }
 
-// UTF-16 of UTF-8 text. A byte that belongs to no well-formed character becomes U+FFFD, so that a
-// catalogue with one bad byte is still of use.
+// UTF-16 of UTF-8 text. A byte that is not part of a valid character becomes U+FFFD, so that a
+// catalogue with an invalid byte can still be used.
 std::u16string utf16FromUtf8(std::string_view text);
 
 // UTF-8 of UTF-16 text. A surrogate without its partner becomes U+FFFD.
@@ -58,16 +58,17 @@ std::string utf8FromUtf16(std::u16string_view text);
 std::filesystem::path pathFromUtf8(std::string_view text);
 std::string utf8FromPath(const std::filesystem::path &path);
 
-// The program's arguments without its name, in UTF-8. On Windows `main` gets them in the process's
-// code page, which cannot hold every path; there they are taken from the wide command line.
+// The program's arguments without its name, in UTF-8. On Windows they are taken from the wide
+// command line, because `main` gets them in a code page, which does not have every character of a
+// path.
 std::vector<std::string> programArguments(int count, const char *const *values);
 
-// A whole file as bytes, in binary form on every platform. Throws InputError with the reason when
-// it cannot be read.
+// A whole file as bytes, in binary form on every platform. Throws InputError with the reason if it
+// cannot be read.
 std::string readBytes(const std::filesystem::path &path);
 
-// Replaces a regular file or makes a new one; follows no link. Throws InputError with the reason when
-// that cannot be done; what was there is then as it was.
+// Replaces a regular file or makes a new one; follows no link. If that fails, throws InputError
+// with the reason; an existing file is then unchanged.
 void writeBytes(const std::filesystem::path &path, std::string_view bytes);
 
 }  // namespace catalog

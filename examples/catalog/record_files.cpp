@@ -10,7 +10,7 @@
 namespace catalog {
 namespace {
 
-constexpr mem::HeapSettings kPortHeap = {.areaKb = 256, .subPool = 21};  // any number of the host's
+constexpr mem::HeapSettings kPortHeap = {.areaKb = 256, .subPool = 21};
 
 }  // namespace
 
@@ -27,7 +27,7 @@ mem::PackedChain readChainFile(const mem::Context &context, const std::filesyste
   mem::Result<mem::PackedChain> chain =
       mem::PackedChain::load(context, std::as_bytes(std::span(bytes)));
   if (!chain.isOk() && chain.error().isRefusal()) {
-    throw InputError(utf8FromPath(path) + " is no chain file: " + chain.error().nameText());
+    throw InputError(utf8FromPath(path) + " is not a chain file: " + chain.error().nameText());
   }
   return need(std::move(chain));
 }
@@ -54,7 +54,7 @@ PortRecords readPortFile(const mem::Context &context, const std::filesystem::pat
   mem::Heap heap = need(mem::Heap::open(context, kPortHeap));
   const auto root = mem::readPortString<PackageRecord>(context, heap, kPortTable, text);
   if (!root.isOk()) {
-    throw InputError(utf8FromPath(path) + " is no port string of a catalogue");
+    throw InputError(utf8FromPath(path) + " is not a port string of a catalogue");
   }
   return {std::move(heap), root.value(), text.size()};
 }

@@ -1,6 +1,6 @@
 // The catalogue's records in files: as a packed chain and as a port string.
 //
-// A chain file holds the blocks in chain order, each as its used bytes. Both files are opened in
+// A chain file contains the used bytes of the blocks, in chain order. Both files are opened in
 // binary form on every platform. Threading: one thread at a time for each object.
 #pragma once
 
@@ -11,30 +11,30 @@
 
 namespace catalog {
 
-// Writes the chain file. Throws InputError when it cannot be written; a file begun is removed then.
+// Writes the chain file. Throws InputError if it cannot be written; an incomplete file is removed.
 void writeChainFile(const mem::PackedChain &chain, const std::filesystem::path &path);
 
-// Reads it. Throws InputError when the file cannot be read or is no chain file, ServiceError when
+// Reads it. Throws InputError if the file cannot be read or is not a chain file, ServiceError if
 // there is no storage.
 mem::PackedChain readChainFile(const mem::Context &context, const std::filesystem::path &path);
 
-// Turns a chain that was read into records, which live in it. Throws InputError, with the file's
-// name, when the library refuses the chain.
+// Unpacks a chain that was read. The records are part of the chain. Throws InputError, with the
+// file's name, if the library refuses the chain.
 const PackageRecord *unpackRecords(mem::PackedChain &chain, const std::filesystem::path &path);
 
 // Writes the records at `root` as a port string file and returns its characters. Throws
-// ServiceError and, when the file cannot be written, InputError; a file begun is removed then.
+// ServiceError and, if the file cannot be written, InputError; an incomplete file is removed.
 std::uint64_t writePortFile(const mem::Context &context, const PackageRecord &root,
                             const std::filesystem::path &path);
 
-// Records read from a port string file, and the heap that holds them.
+// Records read from a port string file, and the heap that contains them.
 struct PortRecords {
   mem::Heap heap;
   const PackageRecord *root;
   std::uint64_t characters;
 };
 
-// Throws InputError when the file cannot be read or is no port string of a catalogue.
+// Throws InputError if the file cannot be read or is not a port string of a catalogue.
 PortRecords readPortFile(const mem::Context &context, const std::filesystem::path &path);
 
 }  // namespace catalog

@@ -8,12 +8,12 @@ namespace catalog {
 
 // The library in use: bound to the host, with the process and the calling thread started.
 //
-// Start and stop in their order: bind, process, thread; thread, process, unbind. Everything that
-// uses the vector lives inside this object's lifetime, on the thread that made it.
+// Starts and stops in this order: bind, process, thread; thread, process, unbind. Use the vector
+// only while this object exists, on the thread that made it.
 class RunningLibrary {
  public:
-  // Throws ServiceError when the process or the thread cannot be started; what was started until
-  // then has been ended.
+  // Throws ServiceError if the process or the thread cannot be started; everything that was started
+  // before is then ended.
   RunningLibrary(refhost::Host &host, MEMBindFn *entry)
       : binding_(host, entry),
         context_(mem::contextOf(host)),

@@ -28,7 +28,7 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-// Takes the text before the first `separator` off the front, or all of it where there is none.
+// Removes and returns the text before the first `separator`, or all of it if there is none.
 std::string_view takeUntil(std::string_view &text, char separator) {
   const std::size_t end = text.find(separator);
   const std::string_view head = text.substr(0, end);
@@ -36,8 +36,8 @@ std::string_view takeUntil(std::string_view &text, char separator) {
   return head;
 }
 
-// Names of fields are visible ASCII characters other than the colon, not starting as a comment or a
-// signature does.
+// Names of fields are visible ASCII characters without a colon. They do not begin with # or -, as
+// comments and signatures do.
 bool isFieldName(std::string_view name) {
   const auto isVisible = [](char c) { return c > ' ' && c < 0x7F; };
   return !name.empty() && name[0] != '#' && name[0] != '-' &&
@@ -67,7 +67,7 @@ class CatalogueParser {
       takeLine(line);
     }
     endStanza();
-    if (packages_.empty()) throw InputError(source_ + " holds no package");
+    if (packages_.empty()) throw InputError(source_ + " contains no package");
     return std::move(packages_);
   }
 
@@ -82,7 +82,7 @@ class CatalogueParser {
   }
 
   void takeLine(std::string_view line) {
-    if (line.find('\0') != std::string_view::npos) fail(lineNumber_, "holds a NUL character");
+    if (line.find('\0') != std::string_view::npos) fail(lineNumber_, "contains a NUL character");
     if (trimmed(line).empty()) {
       endStanza();
     } else if (kBlanks.find(line[0]) != std::string_view::npos) {
@@ -95,7 +95,7 @@ class CatalogueParser {
   void startField(std::string_view line) {
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos || !isFieldName(line.substr(0, colon))) {
-      fail(lineNumber_, "is no field (\"Name: value\"), continuation or blank line");
+      fail(lineNumber_, "is not a field (\"Name: value\"), a continuation or a blank line");
     }
     if (stanzaLine_ == 0) stanzaLine_ = lineNumber_;
     current_ = usedField(line.substr(0, colon));
@@ -105,9 +105,9 @@ class CatalogueParser {
     value = {std::string(trimmed(line.substr(colon + 1))), lineNumber_};
   }
 
-  // The lines below a description's first one are its long form, which the program leaves out.
+  // The lines after the first of a description are its long form, which the program does not use.
   void continueField(std::string_view text) {
-    if (stanzaLine_ == 0) fail(lineNumber_, "continues no field");
+    if (stanzaLine_ == 0) fail(lineNumber_, "is a continuation without a field before it");
     if (!current_ || *current_ == kDescription) return;
     values_[*current_].text.append(" ").append(text);
   }
@@ -127,8 +127,8 @@ class CatalogueParser {
     stanzaLine_ = 0;
   }
 
-  // "libc6 (>= 2.36), default-mta | mail-transport-agent": commas part what is needed, bars part
-  // what can stand for each other.
+  // "libc6 (>= 2.36), default-mta | mail-transport-agent": commas separate dependencies, bars
+  // separate alternatives.
   void addDependencies(Package &package, Field field) const {
     std::string_view list = values_[field].text;
     while (!list.empty()) {
@@ -151,7 +151,7 @@ class CatalogueParser {
     const std::string_view name = trimmed(text.substr(0, open));
     const bool isConstrained = open != std::string_view::npos;
     if (name.empty() || (isConstrained && !text.ends_with(')'))) {
-      fail(lineNumber, "holds a dependency that is not \"name\" or \"name (relation version)\"");
+      fail(lineNumber, "contains a dependency that is not \"name\" or \"name (relation version)\"");
     }
     Dependency dependency;
     dependency.name = name;
@@ -164,7 +164,7 @@ class CatalogueParser {
   std::vector<Package> packages_;
   std::uint64_t lineNumber_ = 0;
   std::uint64_t stanzaLine_ = 0;  // line of the stanza's first field, 0 between stanzas
-  std::optional<Field> current_;  // the field that a continuation line goes on with, if used
+  std::optional<Field> current_;  // the field that a continuation line continues, if used
   std::array<FieldValue, kFieldCount> values_;
 };
 

@@ -16,7 +16,7 @@
 namespace exchange {
 namespace {
 
-// The new process goes when its parent does, which may have happened already.
+// The new process is killed when its parent ends. The parent may have ended already.
 void followParent(pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(1);
@@ -42,7 +42,7 @@ void followParent(pid_t parent) {
 pid_t forked() {
   std::cout.flush();
   const pid_t id = ::fork();
-  if (id < 0) throw std::system_error(errno, std::generic_category(), "no further process");
+  if (id < 0) throw std::system_error(errno, std::generic_category(), "cannot start a process");
   return id;
 }
 

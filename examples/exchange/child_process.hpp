@@ -1,4 +1,4 @@
-// Processes of this program's own.
+// Child processes of this program.
 #pragma once
 
 #include <sys/types.h>
@@ -12,12 +12,12 @@
 
 namespace exchange {
 
-// A forked process. It does not outlive its parent, and is killed when the object goes.
+// A forked process. It is killed when its parent ends or the object is destroyed.
 class ChildProcess {
  public:
-  // Runs `work` in a new process, which ends with what it returns. `work` must not throw.
+  // Runs `work` in a new process; its return value is the exit code. `work` must not throw.
   static ChildProcess fork(const std::function<int()> &work);
-  // Runs a program in a folder; what it prints goes to the file `log` there.
+  // Runs a program in a folder; its output is written to the file `log` there.
   static ChildProcess run(const std::vector<std::string> &command, const std::string &folder,
                           const std::string &log);
 
@@ -28,9 +28,9 @@ class ChildProcess {
   pid_t id() const { return id_; }
   void signal(int number) const;
 
-  // How it has ended, as waitpid tells it; null while it runs.
+  // The status of waitpid; null while the process runs.
   std::optional<int> status();
-  // Waits for its end for so long at most. False if it still runs.
+  // Waits at most `time` for its end. False if it still runs.
   bool waitFor(Milliseconds time);
 
  private:

@@ -16,13 +16,13 @@ using catalog::PackageRecord;
 
 constexpr mem::HeapSettings kMergedHeap = {.areaKb = 256, .subPool = 20};
 
-// The longest chain that is looked at. The table's segments have 48 bytes at most, so that what
-// unpacking obtains is in proportion to it.
+// The longest chain that is unpacked. The table's segments have at most 48 bytes, so what unpacking
+// allocates is proportional to it.
 constexpr std::size_t kMostChainBytes = std::size_t{16} << 20;
 
 constexpr Milliseconds kWait{100};  // for a result
 constexpr Milliseconds kBetweenProgress{250};
-constexpr int kMostTries = 4;  // of a job: once, and three times again
+constexpr int kMostTries = 4;  // of a job: once, and three more times
 
 Verdict refused(std::uint32_t job, const mem::Error &error) {
   return {Verdict::unusable, error.code(), error.line().text, job};
@@ -45,10 +45,15 @@ Collector::Collector(const mem::Context &context, const JobList &jobs, WorkTimes
 Verdict Collector::take(const Message &result) {
   const std::optional<std::uint32_t> job = jobOf(result);
   const std::string *const chain = fieldOf(result, kChainField);
-  if (!job || *job >= jobs_.count()) return refused(std::nullopt, "a result of no job");
+  if (!job || *job >= jobs_.count()) {
+    return refused(std::nullopt, "a result without the number of a job");
+  }
   if (isMerged_[*job]) return {Verdict::doubled, 0, "", job};
   if (chain == nullptr) return refused(job, "a result without a chain");
-  if (chain->size() > kMostChainBytes) return refused(job, "the chain is too long");
+  if (chain->size() > kMostChainBytes) {
+    return refused(job, "the chain has " + std::to_string(chain->size()) + " bytes, more than " +
+                            std::to_string(kMostChainBytes));
+  }
   const Verdict verdict = check(*job, *chain);
   if (verdict.kind == Verdict::merged) {
     isMerged_[*job] = true;
@@ -57,7 +62,7 @@ Verdict Collector::take(const Message &result) {
   return verdict;
 }
 
-// A chain that is unpacked is valid as its table says; only the comparison tells that it is right.
+// Unpacking checks the form of a chain; only the comparison shows that its contents are right.
 Verdict Collector::check(std::uint32_t job, const std::string &bytes) {
   mem::Result<mem::PackedChain> chain = times_.measure(Work::unpack, [&] {
     return mem::PackedChain::load(context_, std::as_bytes(std::span(bytes)));
@@ -80,8 +85,8 @@ Verdict Collector::check(std::uint32_t job, const std::string &bytes) {
   return {Verdict::merged, 0, "", job};
 }
 
-// Copies records out of a chain, which goes: it was another process's choice what its bytes share.
-// References come later (link).
+// Copies records out of a chain, which is then freed: in the chain of another process, segments may
+// overlap. link() sets the references later.
 Collector::Records Collector::copy(const PackageRecord *root) {
   Records copies;
   const auto text = [&](auto *from) {
@@ -117,7 +122,7 @@ std::vector<std::uint32_t> Collector::missing() const {
   return jobs;
 }
 
-// The records of all shards in one chain, with references from any shard to any other.
+// Links the records of all shards in one list, with references between the shards.
 void Collector::link() {
   std::unordered_map<std::string_view, PackageRecord *> byName;
   PackageRecord *last = nullptr;
@@ -125,7 +130,7 @@ void Collector::link() {
     for (PackageRecord *const package : shard) {
       if (last != nullptr) last->pNext = package;
       last = package;
-      byName.emplace(package->pName, package);  // of packages with one name the first is meant
+      byName.emplace(package->pName, package);  // of packages with the same name the first is used
     }
   }
   for (const Records &shard : shards_) {
@@ -148,7 +153,7 @@ catalog::RecordCounts Collector::finish() {
 
 namespace {
 
-// Takes results as they come.
+// Takes results as they arrive.
 class Collecting {
  public:
   Collecting(Transport &transport, const mem::Context &context, const JobList &jobs,
@@ -179,13 +184,13 @@ class Collecting {
   }
 
  private:
-  // A job that is still open may have a result that comes twice.
+  // If a job is still open, its result may arrive a second time.
   bool isOver() {
     if (!collector_.isComplete()) return false;
     return transport_.length(Stream::jobs) == 0 && transport_.length(Stream::results) == 0;
   }
 
-  // A message is acknowledged after all that follows from it has been done.
+  // A message is acknowledged only after it has been handled completely.
   void handle(const Delivery &delivery) {
     const Verdict verdict = collector_.take(delivery.message);
     if (const std::string *const chain = fieldOf(delivery.message, kChainField)) {
@@ -210,15 +215,15 @@ class Collecting {
     transport_.publish(Stream::jobs, jobs_.message(job));
   }
 
-  // Nothing came: what is missing may have been lost with a server's last second. False when the
-  // patience is over.
+  // Nothing has arrived: a server that failed may have lost its last second of messages, so missing
+  // jobs are published again. False if the time is over.
   bool isQuiet() {
     const Clock::time_point now = Clock::now();
     const std::vector<std::uint32_t> missing = collector_.missing();
     if (now - lastResult_ >= patience_) {
       report_.problem = std::to_string(missing.size()) + " of " + std::to_string(jobs_.count()) +
                         " jobs have no result";
-      if (missing.empty()) report_.problem = "jobs are open whose results have come";
+      if (missing.empty()) report_.problem = "all results have come, but some jobs are still open";
       return false;
     }
     if (now - lastAgain_ >= patience_ / kMostTries) {

@@ -1,4 +1,4 @@
-// The process that takes results, checks them and puts the catalogue together.
+// The process that takes results, checks them and merges them into the catalogue.
 #pragma once
 
 #include <cstdint>
@@ -14,21 +14,21 @@
 
 namespace exchange {
 
-// What became of a result.
+// What the collector has done with a result.
 struct Verdict {
   enum Kind { merged, doubled, unusable };
 
   Kind kind = merged;
-  std::uint32_t code = 0;            // the library's, of an unusable one; 0: it was not asked
-  std::string reason;                // of an unusable one
-  std::optional<std::uint32_t> job;  // that the result is of, where it tells one that there is
+  std::uint32_t code = 0;  // if unusable: the library's code; 0: no service has refused it
+  std::string reason;      // if unusable
+  std::optional<std::uint32_t> job;  // its job; null if the result has no valid number
 };
 
-// Merges results, from whomever they come: a result is bytes until it has been unpacked and
-// compared with the catalogue in every field.
+// Merges results, which may come from anybody: none is used before it is unpacked and every field
+// is compared with the catalogue.
 class Collector {
  public:
-  // Throws ServiceError when there is no storage; so do the others.
+  // Throws ServiceError if there is no storage, as do the other functions.
   Collector(const mem::Context &context, const JobList &jobs, WorkTimes &times);
 
   Verdict take(const Message &result);
@@ -37,7 +37,7 @@ class Collector {
   bool isComplete() const { return mergedCount_ == jobs_.count(); }
   std::vector<std::uint32_t> missing() const;
 
-  // Links the shards to one catalogue and compares it with the source. REQUIRES: isComplete().
+  // Links the shards into one catalogue and compares it with the source. REQUIRES: isComplete().
   // Throws DifferenceError.
   catalog::RecordCounts finish();
 
@@ -52,14 +52,14 @@ class Collector {
   const JobList &jobs_;
   WorkTimes &times_;
   mem::Heap heap_;               // the merged records
-  std::vector<Records> shards_;  // empty: none of the shard's results has come
+  std::vector<Records> shards_;  // empty: no result of the shard is merged
   std::vector<bool> isMerged_;   // by job
   std::uint32_t mergedCount_ = 0;
 };
 
-// Collects until each job has a result, and none is open. Publishes jobs again whose results could
-// not be used or do not come, at last gives up, and publishes a report. Throws TransportError when
-// the streams are gone, ServiceError when the library fails.
+// Collects until each job has a result, and none is open. Publishes a job again if its result could
+// not be used or does not arrive, until the time `patience` is over. Then publishes a report.
+// Throws TransportError if the streams are gone, ServiceError if the library fails.
 ProcessReport collect(Transport &transport, const refhost::Library &library, const JobList &jobs,
                       const std::string &name, Milliseconds patience);
 

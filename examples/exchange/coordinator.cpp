@@ -22,14 +22,15 @@
 namespace exchange {
 namespace {
 
-constexpr Milliseconds kWait{100};              // for a report, between looks at the processes
+constexpr Milliseconds kWait{100};              // for a report, before the processes are checked
 constexpr Milliseconds kTimeForReports{10000};  // of workers, after the end
-constexpr Milliseconds kTimeForOthers{1000};    // of workers that were started elsewhere
+constexpr Milliseconds kTimeForOthers{1000};    // for reports of workers started elsewhere
 constexpr Milliseconds kBetweenLines{1000};
 
 volatile sig_atomic_t isInterrupted = 0;
 
-// While it lives, an interruption ends the run in order: the server is stopped and its folder goes.
+// While it exists, an interruption ends the run in order: the server is stopped and its folder
+// removed.
 class Interruption {
  public:
   Interruption() {
@@ -54,7 +55,7 @@ std::string withProcess(const std::string &name) {
   return name + " (process " + std::to_string(getpid()) + ')';
 }
 
-// What a process of the run does: connects, loads the library, works. Returns its exit code.
+// Runs a process of the run: connects, loads the library, works. Returns its exit code.
 template <class Work>
 int inProcess(const std::string &name, const TransportMaker &connect, Work doWork) {
   signal(SIGINT, SIG_DFL);
@@ -91,7 +92,7 @@ class Coordinator {
     const Clock::time_point start = Clock::now();
     for (std::uint32_t job = 0; job < jobs_.count(); ++job) {
       engine_->transport().publish(Stream::jobs, jobs_.message(job));
-      if (job % 64 == 63) takeReport(Milliseconds(0));  // others want to be served meanwhile
+      if (job % 64 == 63) takeReport(Milliseconds(0));  // this also serves the other processes
     }
     waitForCollector();
     outcome_.seconds = std::chrono::duration<double>(Clock::now() - start).count();
@@ -129,7 +130,7 @@ class Coordinator {
         {name, ChildProcess::fork([&] { return inProcess(name, connect, doWork); })});
   }
 
-  // The next report, if one comes in time.
+  // Takes the next report. False if none arrives in time.
   bool takeReport(Milliseconds wait) {
     const std::optional<Delivery> delivery = engine_->transport().take(Stream::reports, wait);
     if (!delivery) return false;
@@ -156,15 +157,17 @@ class Coordinator {
     }
   }
 
-  // Its last report may come after its end has been seen.
+  // Its last report may arrive after its end was detected.
   void requireCollector() {
     if (!processes_.back().process.status()) return;
     while (!outcome_.collector.isFinal) {
-      if (!takeReport(kWait)) throw std::runtime_error("the collector has ended");
+      if (!takeReport(kWait)) {
+        throw std::runtime_error("the collector has ended without its report");
+      }
     }
   }
 
-  // Every worker that lives reports. Those that others started do when they see the end.
+  // Every running worker reports. Workers started elsewhere do so when they detect the end.
   void waitForWorkers() {
     const Clock::time_point deadline = Clock::now() + kTimeForReports;
     while (!areAllGone() && Clock::now() < deadline) {
@@ -217,7 +220,7 @@ class Coordinator {
               << catalog::grouped(jobs_.count()) << " jobs merged" << std::endl;
   }
 
-  // They stay where they are, for whoever looks into the server.
+  // They are not acknowledged, so that the user can look at them in the server.
   void takeDead() {
     while (const std::optional<Delivery> delivery =
                engine_->transport().take(Stream::dead, Milliseconds(1))) {

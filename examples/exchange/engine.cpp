@@ -15,9 +15,9 @@
 namespace exchange {
 namespace {
 
-constexpr Milliseconds kServerAway{1000};  // for everybody to notice
+constexpr Milliseconds kServerAway{1000};  // long enough for all processes to notice
 
-// Among the consumers of all machines.
+// A name that no other consumer on any machine has.
 std::string uniqueName(const std::string &consumer) {
   char host[256] = "";
   gethostname(host, sizeof host - 1);
@@ -49,13 +49,13 @@ class RedisEngine : public Engine {
     address_ = server_ ? server_->address() : parseRedisUrl(arguments.redisUrl);
     transport_ = makeRedisTransport({address_, name_, "coordinator"}, settings_);
   }
-  // Of a private server everything goes anyway.
+  // A private server is removed with all its data.
   ~RedisEngine() override {
     if (server_) return;
     try {
       removeStreams(*transport_);
     } catch (const std::exception &) {
-      // The server is gone. What is left there has the run's name.
+      // The server is gone. The streams that remain there have the run's name.
     }
   }
 

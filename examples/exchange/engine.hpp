@@ -1,4 +1,4 @@
-// What holds the streams of a run, as the coordinator sees it.
+// What keeps the streams of a run: the coordinator's interface to it.
 #pragma once
 
 #include <cstdint>
@@ -19,24 +19,25 @@ class Engine {
 
   virtual std::string description() const = 0;
 
-  // The coordinator's own way to the streams.
+  // The coordinator's own transport.
   virtual Transport &transport() = 0;
 
-  // The way of a process that is forked next, to be made there. Drop the maker here once it is.
+  // Makes the transport of the process that is forked next, in that process. Destroy the maker in
+  // this process after the fork.
   virtual TransportMaker connect(const std::string &consumer) = 0;
 
-  // Kills what holds the streams and starts it again. Throws InputError where that cannot be done.
+  // Kills the server and starts it again. Throws InputError if that is not possible.
   virtual void restart() = 0;
 
-  // Nanoseconds of processor time that it has used; 0 where that is not known.
+  // Nanoseconds of processor time that it has used; 0 if unknown.
   virtual std::uint64_t engineTime() const = 0;
 };
 
-// Pipes, a server of one's own, or the one that was named. `folder` is for a server's files. Throws
-// InputError or TransportError when there is none.
+// Pipes, a private server, or the server of the URL. A private server has its files in `folder`.
+// Throws InputError or TransportError if it is not available.
 std::unique_ptr<Engine> makeEngine(const Arguments &arguments, const std::string &folder);
 
-// This process's way to the streams of a run in the Redis server that was named.
+// This process's transport to the streams of a run in the Redis server of the URL.
 std::unique_ptr<Transport> connectToRedis(const Arguments &arguments, const std::string &consumer);
 
 }  // namespace exchange

@@ -7,10 +7,10 @@
 namespace exchange {
 namespace {
 
-// All jobs are published at once: the server's memory, or the coordinator's, has to hold them.
+// All jobs are published at once: they must fit into the memory of the server or the coordinator.
 constexpr std::uint64_t kMostJobBytes = std::uint64_t{1} << 30;
 
-// Takes the next stanza off the front of a catalogue's text, with the blank lines below it.
+// Removes and returns the next stanza of a catalogue's text, with the blank lines after it.
 std::string_view takeStanza(std::string_view &text) {
   std::size_t end = 0;
   bool hasField = false;
@@ -34,7 +34,8 @@ JobList::JobList(std::string_view text, const std::string &source, std::size_t p
     : packages_(catalog::parseCatalogue(text, source)) {
   const std::uint64_t bytes = std::uint64_t{text.size()} * times;
   if (bytes > kMostJobBytes) {
-    throw catalog::InputError(std::to_string(times) + " times " + source + " is more than 1 GB");
+    throw catalog::InputError("--times " + std::to_string(times) + ": the jobs of " + source +
+                              " would need more than 1 GiB");
   }
   while (!text.empty()) {
     std::string shard;

@@ -1,5 +1,5 @@
-// What is exchanged: jobs, which are pieces of the catalogue's text, and results, which are packed
-// chains of their records.
+// The messages of a run: jobs, which are pieces of the catalogue's text, and results, which are
+// packed chains of their records.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +18,8 @@ inline constexpr const char *kJobField = "job";      // its number, in decimal
 inline constexpr const char *kTextField = "text";    // of a job: stanzas of the catalogue
 inline constexpr const char *kChainField = "chain";  // of a result: the chain's file form
 inline constexpr const char *kCodeField = "code";    // of a dead message: the library's code, or 0
-inline constexpr const char *kReasonField = "reason";  // and why it could not be used
-inline constexpr const char *kFromField = "from";      // and the stream that it was in
+inline constexpr const char *kReasonField = "reason";  // of a dead message: why it is unusable
+inline constexpr const char *kFromField = "from";      // of a dead message: its stream
 
 // Some packages of the catalogue, in its order.
 struct Shard {
@@ -27,12 +27,12 @@ struct Shard {
   std::vector<catalog::Package> packages;
 };
 
-// All jobs of a run: each shard of the catalogue as often as wanted. Job n is for shard n modulo
-// the number of shards.
+// All jobs of a run: each shard of the catalogue `times` times. Job n is for shard n modulo the
+// number of shards.
 class JobList {
  public:
-  // `source` names the text in messages. Throws InputError when it is no catalogue, or when the
-  // jobs would be too many to be held.
+  // `source` names the text in messages. Throws InputError if the text is not a catalogue, or if
+  // the jobs would need too much memory.
   JobList(std::string_view text, const std::string &source, std::size_t packagesPerJob,
           std::uint32_t times);
 
@@ -50,13 +50,13 @@ class JobList {
   std::uint32_t count_ = 0;
 };
 
-// The number of the job that a message is about; null where it tells none.
+// The number of a message's job; null if it has none.
 std::optional<std::uint32_t> jobOf(const Message &message);
 
-// A field's bytes; null where the message does not have it.
+// A field's bytes; null if the message does not have it.
 const std::string *fieldOf(const Message &message, const char *name);
 
-// Takes a message out of its stream and puts it into the one for dead messages, with the reason.
+// Moves a message from its stream to the stream of dead messages, with the reason.
 void setAside(Transport &transport, Stream from, const Delivery &delivery, std::uint32_t code,
               const std::string &reason);
 

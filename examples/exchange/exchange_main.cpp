@@ -1,6 +1,6 @@
 // Packs a package catalogue in several processes, which send each other packed chains: through
-// pipes, or through a Redis server. `exchange --help` tells the options;
-// docs/between-processes.md what to think of.
+// pipes, or through a Redis server. `exchange --help` lists the options;
+// docs/between-processes.md explains the program and its rules.
 #include <signal.h>
 
 #include <exception>
@@ -65,6 +65,6 @@ ExitCode runWithArguments(const std::vector<std::string> &words) {
 }  // namespace exchange
 
 int main(int argc, char **argv) {
-  signal(SIGPIPE, SIG_IGN);  // a connection that is gone is a failed call
+  signal(SIGPIPE, SIG_IGN);  // a closed connection makes the call fail instead
   return exchange::runWithArguments(catalog::programArguments(argc, argv));
 }

@@ -26,12 +26,12 @@ void printJobs(std::ostream &stream, const Outcome &outcome, const JobList &jobs
   const ProcessReport workers = sumOfWorkers(outcome);
   const ProcessReport &collector = outcome.collector;
   line(stream, "jobs", jobs.count())
-      << "  of " << grouped(arguments.packagesPerJob) << " packages at most\n";
+      << "  of at most " << grouped(arguments.packagesPerJob) << " packages\n";
   line(stream, "merged", collector.jobs) << "  results\n";
-  line(stream, "came twice", collector.doubled) << "  results, recognised\n";
-  line(stream, "set aside", collector.setAside + workers.setAside) << "  messages\n";
+  line(stream, "came twice", collector.doubled) << "  results, dropped\n";
+  line(stream, "set aside", collector.setAside + workers.setAside) << "  messages, not usable\n";
   line(stream, "claimed", workers.repeated) << "  jobs of workers that died or were too slow\n";
-  line(stream, "again", collector.again) << "  jobs published once more\n";
+  line(stream, "again", collector.again) << "  jobs published again\n";
   line(stream, "job bytes", workers.jobBytes) << "  taken by workers that reported\n";
   line(stream, "chain bytes", collector.chainBytes) << "  taken by the collector\n";
   line(stream, "jobs a second",
@@ -63,7 +63,7 @@ void printMerged(std::ostream &stream, const Outcome &outcome) {
   }
   line(stream, "packages", outcome.collector.packages) << '\n';
   line(stream, "references", outcome.collector.references)
-      << "  to packages of any job; all is as it was\n";
+      << "  to packages of any job; equal to the source\n";
 }
 
 void printDead(std::ostream &stream, const Outcome &outcome) {
@@ -82,13 +82,13 @@ void printDead(std::ostream &stream, const Outcome &outcome) {
 }
 
 void printAccount(std::ostream &stream, const ProcessReport &process) {
-  stream << "  " << process.name << ": " << grouped(process.storageBytes) << " bytes obtained, "
+  stream << "  " << process.name << ": " << grouped(process.storageBytes) << " bytes allocated, "
          << grouped(process.liveBytes) << " bytes in " << grouped(process.liveCount)
          << " areas not returned\n";
 }
 
 void printProcesses(std::ostream &stream, const Outcome &outcome) {
-  stream << "Storage obtained from the hosts\n";
+  stream << "Storage allocated from the hosts\n";
   for (const ProcessReport &worker : outcome.workers) printAccount(stream, worker);
   printAccount(stream, outcome.collector);
   for (const std::string &death : outcome.deaths) stream << "  " << death << '\n';

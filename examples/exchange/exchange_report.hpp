@@ -1,4 +1,4 @@
-// What the program prints about a run.
+// The report about a run.
 #pragma once
 
 #include <iosfwd>
@@ -9,14 +9,14 @@
 
 namespace exchange {
 
-// Whether each job has its result, the merged catalogue is the source, and every process that ended
-// by itself has returned its storage.
+// Whether each job has its result, the merged catalogue equals the source, and every process that
+// was not killed has returned its storage.
 bool isGood(const Outcome &outcome);
 
 void printOutcome(std::ostream &stream, const Outcome &outcome, const JobList &jobs,
                   const std::string &catalogue, const Arguments &arguments);
 
-// Of all workers together.
+// The sum of the workers' reports.
 ProcessReport sumOfWorkers(const Outcome &outcome);
 
 }  // namespace exchange

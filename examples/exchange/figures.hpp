@@ -1,4 +1,4 @@
-// The figures of the manual: runs with 1, 2 and 4 workers over both transports.
+// The figures of the manual: runs with 1, 2 and 4 workers with both transports.
 #pragma once
 
 #include <iosfwd>
@@ -8,8 +8,8 @@
 
 namespace exchange {
 
-// Prints tables in Markdown. Each figure is the quickest of three runs. Throws what coordinate()
-// does, and std::runtime_error for a run that is not good.
+// Prints tables in Markdown. Each row is the quickest of three runs. Throws like coordinate(), and
+// std::runtime_error for a run that fails.
 void printFigures(std::ostream &stream, const Arguments &arguments, const JobList &jobs);
 
 }  // namespace exchange

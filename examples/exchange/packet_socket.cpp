@@ -13,7 +13,7 @@
 namespace exchange {
 namespace {
 
-constexpr std::size_t kPacketBytes = 65536;  // well below what a socket takes at once
+constexpr std::size_t kPacketBytes = 65536;  // well below a socket's limit
 constexpr std::size_t kMostWords = 64;
 
 [[noreturn]] void failForSystem(const char *what) {
@@ -33,7 +33,7 @@ std::string bytesOf(const std::vector<std::uint32_t> &numbers) {
 std::pair<PacketSocket, PacketSocket> PacketSocket::makePair() {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {
-    failForSystem("no pair of sockets");
+    failForSystem("cannot make a pair of sockets");
   }
   return {PacketSocket(ends[0]), PacketSocket(ends[1])};
 }
@@ -79,7 +79,7 @@ void PacketSocket::sendKept() {
     const std::string &packet = unsent_.front();
     if (::send(descriptor_, packet.data(), packet.size(), MSG_NOSIGNAL) < 0) {
       if (isBusy()) return;
-      failForSystem("the other end is gone");
+      failForSystem("cannot send to the other process");
     }
     unsent_.pop_front();
   }
@@ -91,14 +91,14 @@ std::optional<Words> PacketSocket::receive() {
     if (!lengths_.empty() && body_.size() == awaited_) break;
     const ssize_t length = recv(descriptor_, packet.data(), packet.size(), 0);
     if (length < 0 && isBusy()) return std::nullopt;
-    if (length < 0) failForSystem("the other end is gone");
-    if (length == 0) throw TransportError("the other end is gone");
+    if (length < 0) failForSystem("cannot receive from the other process");
+    if (length == 0) throw TransportError("the other process has closed the connection");
     const std::string_view bytes(packet.data(), static_cast<std::size_t>(length));
     if (lengths_.empty()) {
       beginList(bytes);
     } else {
       body_ += bytes;
-      if (body_.size() > awaited_) throw TransportError("the other end sends what is no message");
+      if (body_.size() > awaited_) throw TransportError("a message is longer than announced");
     }
   }
   Words words;
@@ -120,7 +120,10 @@ void PacketSocket::beginList(std::string_view head) {
     std::memcpy(lengths.data(), head.data(), head.size());
     bytes = std::accumulate(lengths.begin(), lengths.end(), std::size_t{0});
   }
-  if (bytes > kMostMessageBytes) throw TransportError("the other end sends what is no message");
+  if (bytes > kMostMessageBytes) {
+    throw TransportError("a message of " + std::to_string(bytes) + " bytes is longer than " +
+                         std::to_string(kMostMessageBytes));
+  }
   lengths_ = std::move(lengths);
   awaited_ = bytes;
 }

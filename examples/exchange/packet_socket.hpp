@@ -1,5 +1,5 @@
-// Lists of words between two processes of one machine, over a socket that keeps the limits of
-// packets: each list comes in whole or not at all.
+// Sends lists of words between two processes of one machine, over a socket that keeps packets
+// apart: each list arrives completely or not at all.
 //
 // A list is a packet with the lengths of its words, and packets with their bytes.
 #pragma once
@@ -18,7 +18,7 @@ namespace exchange {
 
 using Words = std::vector<std::string>;
 
-// One end of a connection. The other end is not trusted: what it sends is bounded and checked.
+// One end of a connection. The other end is not trusted: its messages are limited and checked.
 class PacketSocket {
  public:
   static std::pair<PacketSocket, PacketSocket> makePair();
@@ -31,12 +31,13 @@ class PacketSocket {
   int descriptor() const { return descriptor_; }
   bool hasUnsent() const { return !unsent_.empty(); }
 
-  // Sends a list, or keeps of it what the other end does not take yet. All throw TransportError
-  // when the other end is gone.
+  // Sends a list. Keeps the packets that do not fit into the socket yet; sendKept() sends them. All
+  // throw TransportError if the other end is closed.
   void send(const Words &words);
   void sendKept();
 
-  // A list that has come in whole; never waits. Throws TransportError, too, for what is no list.
+  // A list that has arrived completely; never waits. Also throws TransportError for an invalid
+  // list.
   std::optional<Words> receive();
 
  private:
@@ -46,9 +47,9 @@ class PacketSocket {
 
   int descriptor_;
   std::deque<std::string> unsent_;      // packets
-  std::vector<std::uint32_t> lengths_;  // of the words that are coming in
+  std::vector<std::uint32_t> lengths_;  // of the words that are being received
   std::size_t awaited_ = 0;             // bytes of these words
-  std::string body_;                    // what has come of them
+  std::string body_;                    // the bytes that have arrived
 };
 
 }  // namespace exchange

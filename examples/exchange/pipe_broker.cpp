@@ -12,8 +12,8 @@
 namespace exchange {
 namespace {
 
-// Publishing to a stream that holds more has to wait, so that a slow collector slows the workers
-// down and does not fill the coordinator's memory. The coordinator itself does not wait.
+// Publishing to a stream with more waits, so that a slow collector slows the workers down and does
+// not fill the coordinator's memory. The coordinator itself does not wait.
 constexpr std::size_t kMostWaitingBytes = kMostMessageBytes;
 
 std::size_t bytesOf(const Message &message) {
@@ -24,7 +24,7 @@ std::size_t bytesOf(const Message &message) {
 
 Stream streamNamed(const std::string &name) {
   const auto found = std::find(std::begin(kStreamNames), std::end(kStreamNames), name);
-  if (found == std::end(kStreamNames)) throw TransportError("there is no stream " + name);
+  if (found == std::end(kStreamNames)) throw TransportError("unknown stream: " + name);
   return static_cast<Stream>(found - std::begin(kStreamNames));
 }
 
@@ -32,7 +32,9 @@ Stream streamNamed(const std::string &name) {
 Milliseconds waitFrom(const std::string &text) {
   int milliseconds = -1;
   std::from_chars(text.data(), text.data() + text.size(), milliseconds);
-  if (milliseconds < 0 || milliseconds > 3600000) throw TransportError("no time to wait: " + text);
+  if (milliseconds < 0 || milliseconds > 3600000) {
+    throw TransportError("invalid time to wait: " + text + " ms");
+  }
   return Milliseconds(milliseconds);
 }
 
@@ -43,8 +45,8 @@ TransportMaker PipeBroker::connect() {
   serveAt(std::move(ours));
   auto end = std::make_shared<PacketSocket>(std::move(theirs));
   return [this, end]() -> std::unique_ptr<Transport> {
-    connections_
-        .clear();  // in the new process: an end that is open there would hide another's death
+    // In the new process: a copy of another's end would hide that the other has died.
+    connections_.clear();
     return std::make_unique<PipeTransport>(std::move(*end), settings_.patience);
   };
 }
@@ -76,7 +78,7 @@ std::uint64_t PipeBroker::length(Stream stream) {
   return queue(stream).waiting.size() + queue(stream).held.size();
 }
 
-// What waits comes first, then what another process has held for too long.
+// Waiting messages come first, then those that a process has held for too long.
 std::optional<Delivery> PipeBroker::hand(Stream stream, std::uint64_t holder) {
   Queue &queue = this->queue(stream);
   if (queue.waiting.empty()) {
@@ -95,7 +97,7 @@ std::optional<Delivery> PipeBroker::hand(Stream stream, std::uint64_t holder) {
   return Delivery{entry.id, ++entry.deliveries, entry.message};
 }
 
-// What a process held that is gone is the next to be handed out.
+// The process is gone: its messages are delivered next.
 void PipeBroker::drop(std::uint64_t holder) {
   for (Queue &queue : queues_) {
     for (auto entry = queue.held.begin(); entry != queue.held.end();) {
@@ -114,7 +116,7 @@ void PipeBroker::dropLost() {
   for (const std::uint64_t holder : std::exchange(lost_, {})) drop(holder);
 }
 
-// Waits for requests until then at most, and answers what can be answered.
+// Waits for requests until `until` at the latest, and answers those that it can.
 void PipeBroker::serve(Clock::time_point until) {
   std::vector<pollfd> pollers;
   for (const Connection &connection : connections_) {
@@ -122,7 +124,7 @@ void PipeBroker::serve(Clock::time_point until) {
     const short events = POLLIN | (connection.socket.hasUnsent() ? POLLOUT : 0);
     pollers.push_back({connection.socket.descriptor(), events, 0});
   }
-  // Also in order to see what has been held for too long.
+  // Short enough to detect messages that are held for too long.
   constexpr Milliseconds kLongest{50};
   const auto left = std::chrono::duration_cast<Milliseconds>(until - Clock::now());
   const auto wait = std::clamp(left + Milliseconds(1), Milliseconds(0), kLongest);
@@ -132,7 +134,7 @@ void PipeBroker::serve(Clock::time_point until) {
   for (Connection &connection : connections_) {
     const short events = (poller++)->revents;
     if (connection.request && (events & POLLHUP) != 0) {
-      lost_.push_back(connection.number);  // nobody is there to take the answer
+      lost_.push_back(connection.number);  // the process cannot receive the answer
     } else if (events != 0) {
       readFrom(connection);
     }
@@ -144,7 +146,7 @@ void PipeBroker::serve(Clock::time_point until) {
 void PipeBroker::readFrom(Connection &connection) {
   try {
     connection.socket.sendKept();
-    if (connection.request) return;  // one after the other
+    if (connection.request) return;  // answer this one first
     connection.request = connection.socket.receive();
     if (!connection.request) return;
     const Words &request = *connection.request;
@@ -155,7 +157,7 @@ void PipeBroker::readFrom(Connection &connection) {
   }
 }
 
-// An answer may be what another request waits for.
+// After an answer, another request may no longer have to wait.
 void PipeBroker::answerAll() {
   for (bool hasAnswered = true; hasAnswered;) {
     hasAnswered = false;
@@ -179,7 +181,7 @@ bool PipeBroker::answer(Connection &connection) {
   return true;
 }
 
-// Null where the request has to wait.
+// Null if the request must wait.
 std::optional<Words> PipeBroker::answerTo(const Words &request, const Connection &connection) {
   const std::string &verb = request[0];
   if (verb == "ended") return Words{hasEnded_ ? "yes" : "no"};
@@ -187,7 +189,7 @@ std::optional<Words> PipeBroker::answerTo(const Words &request, const Connection
     end();
     return Words{"done"};
   }
-  if (request.size() < 2) throw TransportError("no request: " + verb);
+  if (request.size() < 2) throw TransportError("invalid request: " + verb);
   const Stream stream = streamNamed(request[1]);
   if (verb == "publish") {
     if (queue(stream).bytes > kMostWaitingBytes) return std::nullopt;
@@ -195,12 +197,12 @@ std::optional<Words> PipeBroker::answerTo(const Words &request, const Connection
     return Words{"done"};
   }
   if (verb == "length") return Words{std::to_string(length(stream))};
-  if (request.size() != 3) throw TransportError("no request: " + verb);
+  if (request.size() != 3) throw TransportError("invalid request: " + verb);
   if (verb == "acknowledge") {
     acknowledge(stream, request[2]);
     return Words{"done"};
   }
-  if (verb != "take") throw TransportError("no request: " + verb);
+  if (verb != "take") throw TransportError("invalid request: " + verb);
   const std::optional<Delivery> delivery = hand(stream, connection.number);
   if (delivery) {
     Words answer = {"entry", delivery->id, std::to_string(delivery->deliveries)};

@@ -1,11 +1,11 @@
-// The streams of a run without a server: the coordinator holds them, the other processes reach it
-// by sockets that they have from it.
+// The streams of a run without a server: the coordinator keeps them, the other processes use
+// sockets that they inherit from it.
 //
 //   coordinator ── PipeBroker ══ socket pair ══ PipeTransport ── worker
 //                        ╚══════ socket pair ══ PipeTransport ── collector
 //
-// A process that ends closes its socket, and at once what it had taken is for others. While the
-// coordinator waits for a report, it serves the others.
+// When a process ends, its socket is closed, and others can take its messages at once. While the
+// coordinator waits for a report, it serves the other processes.
 #pragma once
 
 #include <cstdint>
@@ -26,10 +26,11 @@ class PipeBroker : public Transport {
  public:
   explicit PipeBroker(TransportSettings settings) : settings_(settings) {}
 
-  // A connection for a process that is forked next. Drop the maker in this process once it is.
+  // A connection for the process that is forked next. Destroy the maker in this process after the
+  // fork.
   TransportMaker connect();
 
-  // The same for a socket whose other end somebody has already.
+  // The same for a socket whose other end is already in use.
   void serveAt(PacketSocket socket);
 
   // The coordinator's own use of the streams. `take` serves all connections while it waits.
@@ -45,7 +46,7 @@ class PipeBroker : public Transport {
     PacketSocket socket;
     std::uint64_t number;               // never 0, which is the coordinator's
     std::optional<Words> request = {};  // not answered yet
-    Clock::time_point deadline = {};    // when it is answered in any case
+    Clock::time_point deadline = {};    // when it is answered at the latest
   };
   struct Entry {
     std::string id;
@@ -58,7 +59,7 @@ class PipeBroker : public Transport {
   struct Queue {
     std::list<Entry> waiting;
     std::list<Entry> held;
-    std::size_t bytes = 0;  // of those that wait
+    std::size_t bytes = 0;  // of the waiting ones
   };
 
   Queue &queue(Stream stream) { return queues_[static_cast<int>(stream)]; }

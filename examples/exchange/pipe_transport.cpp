@@ -32,7 +32,9 @@ void PipeTransport::publish(Stream stream, const Message &message) {
 std::optional<Delivery> PipeTransport::take(Stream stream, Milliseconds wait) {
   const Words answer = ask({"take", nameOf(stream), std::to_string(wait.count())}, wait);
   if (answer[0] == "nothing") return std::nullopt;
-  if (answer[0] != "entry" || answer.size() < 3) throw TransportError("unexpected " + answer[0]);
+  if (answer[0] != "entry" || answer.size() < 3) {
+    throw TransportError("unexpected answer: " + answer[0]);
+  }
   return Delivery{answer[1], std::stoi(answer[2]), fieldsFrom(answer, 3)};
 }
 
@@ -58,7 +60,10 @@ Words PipeTransport::ask(const Words &request, Milliseconds wait) {
   for (;;) {
     if (std::optional<Words> answer = socket_.receive()) return std::move(*answer);
     const auto left = std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) throw TransportError("the coordinator does not answer");
+    if (left <= 0) {
+      throw TransportError("the coordinator has not answered for " +
+                           std::to_string((wait + patience_).count()) + " ms");
+    }
     const short events = POLLIN | (socket_.hasUnsent() ? POLLOUT : 0);
     pollfd poller = {socket_.descriptor(), events, 0};
     poll(&poller, 1, static_cast<int>(left));

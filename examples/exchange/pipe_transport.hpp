@@ -1,4 +1,4 @@
-// A process's way to the streams that the coordinator holds (pipe_broker.hpp).
+// A process's transport to the streams that the coordinator keeps (pipe_broker.hpp).
 #pragma once
 
 #include "packet_socket.hpp"
@@ -6,9 +6,9 @@
 
 namespace exchange {
 
-// Requests and answers are lists of words. Requests:
+// Requests and answers are lists of words. A request, and its answer:
 //
-//   publish STREAM {FIELD VALUE}        answered by: done
+//   publish STREAM {FIELD VALUE}        done
 //   take STREAM MILLISECONDS            entry ID DELIVERIES {FIELD VALUE}, or: nothing
 //   acknowledge STREAM ID               done
 //   length STREAM                       a number
@@ -33,9 +33,9 @@ class PipeTransport : public Transport {
   Milliseconds patience_;
 };
 
-// Fields as words: a name and a value in turn.
+// Fields as words: each a name, then a value.
 void appendFields(Words &words, const Message &message);
-// From word `first` on. Throws TransportError for an odd number.
+// The fields from word `first` on. Throws TransportError for an odd number of words.
 Message fieldsFrom(const Words &words, std::size_t first);
 
 }  // namespace exchange

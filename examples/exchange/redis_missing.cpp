@@ -1,4 +1,4 @@
-// In place of redis_transport.cpp where the client library is not installed.
+// Replaces redis_transport.cpp if the client library is not installed.
 #include "catalog_support.hpp"
 #include "redis_transport.hpp"
 
@@ -10,10 +10,9 @@ bool hasRedis() {
 
 std::unique_ptr<Transport> makeRedisTransport(const RedisRun &, const TransportSettings &) {
   throw catalog::InputError(
-      "--redis needs hiredis, which was not there when this program was built. Install it "
+      "--redis needs hiredis, which was not installed when this program was built. Install it "
       "(cmake/install-packages.sh linux; Debian packages libhiredis-dev and redis-server) and "
-      "build "
-      "again");
+      "build again");
 }
 
 void removeStreams(Transport &) {}

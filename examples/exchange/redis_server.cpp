@@ -23,7 +23,7 @@ constexpr Milliseconds kTimeToStop{5000};
 PrivateFolder::PrivateFolder(const std::filesystem::path &parent) {
   std::string folder = (parent / "exchange.XXXXXX").string();
   if (mkdtemp(folder.data()) == nullptr) {
-    throw catalog::InputError("no folder in " + catalog::utf8FromPath(parent) + ": " +
+    throw catalog::InputError("cannot make a folder in " + catalog::utf8FromPath(parent) + ": " +
                               std::generic_category().message(errno));
   }
   path_ = folder;
@@ -44,7 +44,7 @@ RedisServer::~RedisServer() {
   if (process_) stop(SIGTERM);
 }
 
-// The path of a socket has 107 bytes at most, a folder may have more.
+// The path of a socket has at most 107 bytes, but that of a folder may have more.
 RedisAddress RedisServer::address() const {
   RedisAddress address;
   address.socket = "/proc/self/fd/" + std::to_string(folder_.descriptor()) + '/' + kSocket;
@@ -68,9 +68,9 @@ void RedisServer::stop(int signal) {
 }
 
 void RedisServer::start() {
-  // No network, no snapshots: a file to which all changes are appended in their order, forced to
-  // the disk every second. Where the server or the machine is killed, the last of them may be
-  // missing; the collector has published again what does not come for it.
+  // No network, no snapshots. All changes are appended to a file, which is written to the disk
+  // every second. If the server or the machine fails, the last changes may be missing; the
+  // collector publishes jobs again whose results do not arrive.
   process_ = ChildProcess::run(
       {"redis-server", "--port", "0", "--unixsocket", kSocket, "--unixsocketperm", "700", "--save",
        "", "--appendonly", "yes", "--appendfsync", "everysec", "--daemonize", "no"},
@@ -80,7 +80,7 @@ void RedisServer::start() {
   if (process_->status() == 127 << 8) {
     throw catalog::InputError(
         "--redis needs redis-server. Install it (cmake/install-packages.sh linux; Debian package "
-        "redis-server), or give the URL of a server: --redis redis://HOST");
+        "redis-server), or use an existing server: --redis redis://HOST");
   }
   throw catalog::InputError("redis-server " + howItEnded(*process_->status()));
 }

@@ -1,4 +1,4 @@
-// A Redis server for one run: on a socket in a folder of its own, reachable by nobody else.
+// A Redis server for one run: on a socket in a private folder, which other users cannot reach.
 #pragma once
 
 #include <cstdint>
@@ -10,10 +10,10 @@
 
 namespace exchange {
 
-// A new folder that nobody else may enter. It goes with all that is in it.
+// A new folder that other users cannot enter. It is removed with its contents at destruction.
 class PrivateFolder {
  public:
-  // Throws catalog::InputError when there can be none in `parent`.
+  // Throws catalog::InputError if it cannot be made in `parent`.
   explicit PrivateFolder(const std::filesystem::path &parent);
   ~PrivateFolder();
   PrivateFolder(const PrivateFolder &) = delete;
@@ -29,8 +29,8 @@ class PrivateFolder {
 
 class RedisServer {
  public:
-  // Starts one, in a new folder within `parent`. What it stores is written to a file, so it
-  // survives its end. Throws catalog::InputError where there is no redis-server.
+  // Starts one, in a new folder in `parent`. The server writes its data to a file there, so a
+  // restart keeps them. Throws catalog::InputError if there is no redis-server.
   explicit RedisServer(const std::filesystem::path &parent);
   ~RedisServer();
   RedisServer(const RedisServer &) = delete;
@@ -42,8 +42,8 @@ class RedisServer {
   // Nanoseconds of processor time, of all of its threads.
   std::uint64_t processorTime() const;
 
-  // Ends it: SIGTERM in order, SIGKILL with no time to tidy up. start() goes on with what it has
-  // written.
+  // Ends it: in order with SIGTERM, at once with SIGKILL. start() starts it again with the data
+  // that it has written.
   void stop(int signal);
   void start();
 

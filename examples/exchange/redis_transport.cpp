@@ -17,7 +17,7 @@ namespace {
 constexpr const char *kGroup = "exchange";
 constexpr Milliseconds kBetweenTries{100};
 constexpr Milliseconds kFirstPatience{5000};
-constexpr const char *kSecondsThatEndIsTold = "60";
+constexpr const char *kSecondsOfEndKey = "60";
 
 struct FreeContext {
   void operator()(redisContext *context) const { redisFree(context); }
@@ -44,7 +44,7 @@ bool isError(const redisReply &reply, std::string_view code) {
   return reply.type == REDIS_REPLY_ERROR && textOf(reply).starts_with(code);
 }
 
-// What goes by itself: the server reads its file after a restart, or has no room just now.
+// An error that passes: the server is reading its file after a restart, or its memory is full.
 bool isPassing(const redisReply &reply) {
   return isError(reply, "LOADING") || isError(reply, "OOM") || isError(reply, "BUSY ") ||
          isError(reply, "MASTERDOWN") || isError(reply, "TRYAGAIN");
@@ -55,7 +55,7 @@ bool isRefusedPassword(const redisReply &reply) {
          isError(reply, "ERR invalid password") || isError(reply, "NOPERM");
 }
 
-// An entry is an identifier and its fields; no fields where it has been deleted.
+// An entry is an identifier and its fields. A deleted entry has no fields.
 std::optional<Delivery> deliveryFrom(const redisReply &entry) {
   if (!isArray(entry, 2) || !isArray(*entry.element[1], 2)) return std::nullopt;
   Delivery delivery;
@@ -69,7 +69,7 @@ std::optional<Delivery> deliveryFrom(const redisReply &entry) {
 
 class RedisTransport : public Transport {
  public:
-  // A server that is not there at the beginning may be misspelt: less patience.
+  // If the server does not answer at the beginning, its name may be wrong: wait for a shorter time.
   RedisTransport(RedisRun run, TransportSettings settings)
       : run_(std::move(run)), settings_(settings) {
     settings_.patience = std::min(settings.patience, kFirstPatience);
@@ -96,14 +96,14 @@ class RedisTransport : public Transport {
     }
   }
 
-  // In this order: where the process dies in between, the message is gone, and what is left of it
-  // among the pending ones goes with the next claim. The other way round it would stay for ever.
+  // The order matters: if the process dies in between, the message is deleted, and the next claim
+  // removes its pending entry. In the other order the message would never be deleted.
   void acknowledge(Stream stream, const std::string &id) override {
     execute({"XDEL", key(stream), id});
     execute({"XACK", key(stream), kGroup, id});
   }
 
-  void end() override { execute({"SET", endKey(), "1", "EX", kSecondsThatEndIsTold}); }
+  void end() override { execute({"SET", endKey(), "1", "EX", kSecondsOfEndKey}); }
 
   bool hasEnded() override {
     const Reply reply = execute({"EXISTS", endKey()});
@@ -121,7 +121,7 @@ class RedisTransport : public Transport {
   }
 
  private:
-  // Where a stream's claiming goes on, and when.
+  // Where and when claiming from a stream continues.
   struct Claiming {
     std::string cursor = "0-0";
     Clock::time_point next = {};
@@ -134,7 +134,7 @@ class RedisTransport : public Transport {
   Milliseconds untilNext(Stream stream, Clock::time_point deadline) {
     const auto next = std::min(deadline, claiming(stream).next);
     const auto left = std::chrono::duration_cast<Milliseconds>(next - Clock::now());
-    return std::max(left, Milliseconds(1));  // 0 would be for ever
+    return std::max(left, Milliseconds(1));  // 0 would mean no limit
   }
 
   std::optional<Delivery> readNew(Stream stream, Milliseconds wait) {
@@ -147,14 +147,18 @@ class RedisTransport : public Transport {
     return isArray(entries, 1) ? deliveryFrom(*entries.element[0]) : std::nullopt;
   }
 
-  // What a consumer has held for too long, which may be this one, had its answer been lost.
+  // A message that a consumer has held for too long. The consumer may be this one, if an answer of
+  // the server was lost.
   std::optional<Delivery> claim(Stream stream) {
     Claiming &state = claiming(stream);
     if (Clock::now() < state.next) return std::nullopt;
     const Reply reply =
         execute({"XAUTOCLAIM", key(stream), kGroup, run_.consumer,
                  std::to_string(settings_.claimAfter.count()), state.cursor, "COUNT", "1"});
-    if (!isArray(*reply, 2)) throw TransportError("Redis does not know XAUTOCLAIM (6.2 or later)");
+    if (!isArray(*reply, 2)) {
+      throw TransportError("Redis at " + run_.address.shown() +
+                           " does not know XAUTOCLAIM: use version 6.2 or later");
+    }
     state.cursor = textOf(*reply->element[0]);
     const redisReply &entries = *reply->element[1];
     std::optional<Delivery> delivery;
@@ -167,21 +171,21 @@ class RedisTransport : public Transport {
     return delivery;
   }
 
-  // The fourth of what is told of a pending entry.
+  // The number is the fourth value of a pending entry.
   int deliveriesOf(Stream stream, const std::string &id) {
     const Reply reply = execute({"XPENDING", key(stream), kGroup, id, id, "1"});
     if (!isArray(*reply, 1) || !isArray(*reply->element[0], 4)) return 2;
     return static_cast<int>(reply->element[0]->element[3]->integer);
   }
 
-  // Runs a command that may wait for as long as `wait`, again and again while the server is away.
+  // Runs a command, which may wait for `wait`, and repeats it while the server is away.
   Reply execute(const Command &command, Milliseconds wait = Milliseconds(0)) {
     const Clock::time_point deadline = Clock::now() + wait + settings_.patience;
     for (;;) {
       std::string problem = "no answer";
       Reply reply = tryOnce(command, wait, problem);
       if (reply && isError(*reply, "NOGROUP")) {
-        makeGroups();  // the server came back without its data
+        makeGroups();  // the server has restarted without its data
         continue;
       }
       if (reply && !isPassing(*reply)) return checked(std::move(reply));
@@ -204,7 +208,7 @@ class RedisTransport : public Transport {
     return reply;
   }
 
-  // Null, and the connection given up, when there is no answer.
+  // Without an answer it closes the connection and returns null.
   Reply tryOnce(const Command &command, Milliseconds wait, std::string &problem) {
     if (!context_ && !connect(problem)) return nullptr;
     redisSetTimeout(context_.get(), timeOf(wait + settings_.patience));
@@ -242,7 +246,7 @@ class RedisTransport : public Transport {
     return introduce(problem);
   }
 
-  // What a new connection begins with.
+  // The first commands of a new connection.
   bool introduce(std::string &problem) {
     const RedisAddress &address = run_.address;
     std::vector<Command> commands;

@@ -1,13 +1,13 @@
-// The streams of a run in a Redis server: a Redis stream each, with one consumer group.
+// The streams of a run in a Redis server: each is a Redis stream with one consumer group.
 //
 //   publish       XADD
-//   take          XAUTOCLAIM of what another consumer has held for too long, else XREADGROUP
+//   take          XAUTOCLAIM of a message that a consumer has held for too long, else XREADGROUP
 //   acknowledge   XDEL, XACK
 //   end           SET
 //
-// While the server is away, each call connects again and repeats its command until the patience is
-// over. A command whose answer was lost may then have worked twice: what is published comes twice,
-// and what was taken is claimed later.
+// While the server is away, each call connects again and repeats its command until the time
+// `patience` is over. If an answer was lost, the command may then have run twice: a message that
+// was published comes twice, and one that was taken is claimed later.
 #pragma once
 
 #include <memory>
@@ -27,13 +27,13 @@ struct RedisRun {
   std::string consumer;  // this process's name within the run
 };
 
-// Connects at once. Throws TransportError when that cannot be done, catalog::InputError for a
-// password that the server refuses.
+// Connects at once. Throws TransportError if that fails, catalog::InputError if the server refuses
+// the password.
 std::unique_ptr<Transport> makeRedisTransport(const RedisRun &run,
                                               const TransportSettings &settings);
 
-// Deletes the run's streams, but for that of dead messages if there are any. REQUIRES: a transport
-// of makeRedisTransport.
+// Deletes the run's streams; that of dead messages only if it is empty. REQUIRES: a transport of
+// makeRedisTransport.
 void removeStreams(Transport &transport);
 
 }  // namespace exchange

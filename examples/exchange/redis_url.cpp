@@ -9,10 +9,10 @@
 namespace exchange {
 namespace {
 
-// The password is not repeated.
+// The message does not contain the URL, because that may contain a password.
 [[noreturn]] void refuse() {
   throw catalog::InputError(
-      "--redis takes redis://[[USER]:PASSWORD@]HOST[:PORT][/DATABASE] or "
+      "invalid URL for --redis: use redis://[[USER]:PASSWORD@]HOST[:PORT][/DATABASE] or "
       "unix://[[USER]:PASSWORD@]/PATH");
 }
 
@@ -44,7 +44,7 @@ std::string decoded(std::string_view text) {
   return bytes;
 }
 
-// Takes "[USER]:PASSWORD@" off the front.
+// Removes "[USER]:PASSWORD@" from the front.
 void takeUser(std::string_view &rest, RedisAddress &address) {
   const std::size_t at = rest.find('@');
   if (at == std::string_view::npos) return;

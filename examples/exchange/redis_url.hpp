@@ -1,4 +1,4 @@
-// Where a Redis server is.
+// The address of a Redis server.
 #pragma once
 
 #include <string>
@@ -18,9 +18,8 @@ struct RedisAddress {
 };
 
 // "redis://[[USER]:PASSWORD@]HOST[:PORT][/DATABASE]" or "unix://[[USER]:PASSWORD@]/PATH". %XX in
-// the password stands for a byte. Where there is no password, that of the environment variable
-// REDISCLI_AUTH is used, as redis-cli does: other users can see a program's arguments. Throws
-// catalog::InputError.
+// the password means a byte. Without a password, that of the environment variable REDISCLI_AUTH is
+// used, as redis-cli does: other users can see a program's arguments. Throws catalog::InputError.
 RedisAddress parseRedisUrl(const std::string &url);
 
 }  // namespace exchange

@@ -1,11 +1,11 @@
 // How jobs and results get from process to process: streams of messages that processes share.
 //
-// A message that is taken from a stream stays the taker's until it is acknowledged. Where the taker
-// dies before, or holds it for too long, another one gets it. So every message is handed out at
-// least once, and now and then twice.
+// A process that takes a message from a stream holds it until it acknowledges it. If it dies
+// before, or holds it for too long, the message is delivered to another process. So every message
+// is delivered at least once, and sometimes twice.
 //
-// There are two kinds: PipeTransport needs nothing but the processes themselves, RedisTransport a
-// Redis server. Threading: each object is used by one thread.
+// There are two kinds: PipeTransport needs only the processes themselves, RedisTransport a Redis
+// server. Threading: each object is used by one thread.
 #pragma once
 
 #include <chrono>
@@ -26,7 +26,7 @@ using Milliseconds = std::chrono::milliseconds;
 enum class Stream {
   jobs,     // from the coordinator to the workers
   results,  // from the workers to the collector
-  dead,     // what could not be used, with the reason
+  dead,     // unusable messages, with the reason
   reports   // from all of them to the coordinator
 };
 inline constexpr int kStreamCount = 4;
@@ -39,16 +39,16 @@ inline const char *nameOf(Stream stream) {
 // Fields by name. Values are bytes of any kind.
 using Message = std::map<std::string, std::string>;
 
-// More than any message of the program has; it bounds what a process holds for another one's sake.
+// No message of the program is longer. The limit keeps a process from filling another's memory.
 inline constexpr std::size_t kMostMessageBytes = std::size_t{64} << 20;
 
 struct Delivery {
-  std::string id;      // what `acknowledge` takes
-  int deliveries = 1;  // how often it has been handed out, this time included
+  std::string id;      // for `acknowledge`
+  int deliveries = 1;  // how often it has been delivered, including this time
   Message message;
 };
 
-// The other side cannot be reached any more, or does not understand.
+// The other process or the server cannot be reached any more, or sends invalid data.
 class TransportError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -61,20 +61,20 @@ class Transport {
   Transport(const Transport &) = delete;
   Transport &operator=(const Transport &) = delete;
 
-  // When it returns, the message is in the stream and outlives this process. All throw
-  // TransportError.
+  // When it returns, the message is in the stream, even if this process then ends. All functions
+  // throw TransportError.
   virtual void publish(Stream stream, const Message &message) = 0;
 
-  // The next message, waiting for one for as long as `wait`.
+  // The next message; waits for one for `wait`.
   virtual std::optional<Delivery> take(Stream stream, Milliseconds wait) = 0;
 
-  // The message has been dealt with and is not handed out again.
+  // The message has been handled and is not delivered again.
   virtual void acknowledge(Stream stream, const std::string &id) = 0;
 
   // Messages of the stream that are not acknowledged yet.
   virtual std::uint64_t length(Stream stream) = 0;
 
-  // Tells all processes that the work is over.
+  // Ends the run: hasEnded() is then true in all processes.
   virtual void end() = 0;
   virtual bool hasEnded() = 0;
 };
@@ -83,7 +83,7 @@ class Transport {
 using TransportMaker = std::function<std::unique_ptr<Transport>()>;
 
 struct TransportSettings {
-  Milliseconds claimAfter{2000};  // a message that is held for longer is given to another process
+  Milliseconds claimAfter{2000};  // a message that is held for longer is delivered to another
   Milliseconds patience{30000};   // how long to wait for the other side before giving up
 };
 

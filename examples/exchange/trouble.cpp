@@ -9,14 +9,14 @@
 namespace exchange {
 namespace {
 
-constexpr std::uint32_t kFatalJob = 3;  // of those that the worker does
+constexpr std::uint32_t kFatalJob = 3;  // the third job of the worker
 
-// Where the name of the first package is: behind the used length, the version, the control block
+// Offset of the name of the first package: after the used length, the version, the control block
 // and the package's own segment.
 constexpr std::size_t kFirstName = 2 + 4 + 978 + 48;
 
-// The ways in turn: bytes that are no chain, a chain that cannot be unpacked, one of other
-// structures, one with another content, one that is too short, no chain.
+// In turn: bytes that are not a chain, a chain that cannot be unpacked, one of other structures,
+// one with other contents, one that is too short, no chain.
 void damage(std::uint32_t way, Message &result) {
   std::string &chain = result[kChainField];
   switch (way % 6) {

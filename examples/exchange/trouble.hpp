@@ -1,4 +1,4 @@
-// What can go wrong, on demand: for tests, and for readers who want to see it.
+// Failures on demand: for tests, and for readers who want to see them.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ enum class Trouble {
   restart      // the server is killed, and started again
 };
 
-// What befalls one worker.
+// The failures of one worker.
 class WorkerTrouble {
  public:
   explicit WorkerTrouble(Trouble trouble) : trouble_(trouble) {}
@@ -31,7 +31,7 @@ class WorkerTrouble {
 
   Trouble trouble_;
   std::uint32_t jobs_ = 0;
-  std::set<std::uint32_t> damaged_;  // each job once: what is published again is right
+  std::set<std::uint32_t> damaged_;  // each job once: its next result is right
 };
 
 }  // namespace exchange

@@ -12,9 +12,9 @@ namespace exchange {
 namespace {
 
 constexpr mem::HeapSettings kRecordHeap = {.areaKb = 64, .subPool = 20};
-constexpr Milliseconds kWait{200};  // for a job, between looks at whether the run has ended
+constexpr Milliseconds kWait{200};  // for a job, before checking whether the run has ended
 
-// A job that has been handed out so often may be what its workers die of.
+// A job that has been delivered more often may be the reason that its workers die.
 constexpr int kMostDeliveries = 5;
 
 class Worker {
@@ -37,7 +37,10 @@ class Worker {
   void handle(const Delivery &delivery) {
     if (delivery.deliveries > 1) ++report_.repeated;
     try {
-      if (delivery.deliveries > kMostDeliveries) throw catalog::InputError("handed out too often");
+      if (delivery.deliveries > kMostDeliveries) {
+        throw catalog::InputError("delivered more than " + std::to_string(kMostDeliveries) +
+                                  " times without a result");
+      }
       doJob(delivery);
     } catch (const catalog::InputError &error) {
       ++report_.setAside;
@@ -45,8 +48,8 @@ class Worker {
     }
   }
 
-  // The order matters: a job is acknowledged only after its result is in the other stream. A worker
-  // that dies in between leaves a job that is done again, never one that is lost.
+  // The order matters: a job is acknowledged only after its result is in the other stream. If a
+  // worker dies in between, its job is done again; no job is lost.
   void doJob(const Delivery &delivery) {
     const std::optional<std::uint32_t> job = jobOf(delivery.message);
     const std::string *const text = fieldOf(delivery.message, kTextField);
@@ -63,7 +66,7 @@ class Worker {
     ++report_.jobs;
   }
 
-  // The chain's file form: the used bytes of its blocks.
+  // Returns the chain's file form: the used bytes of its blocks.
   std::string pack(const std::string &text) {
     mem::Heap heap;
     const catalog::PackageRecord *root = nullptr;

@@ -1,4 +1,4 @@
-// A process that turns jobs into packed chains.
+// A process that makes packed chains from jobs.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@
 namespace exchange {
 
 // Works until the run has ended, and publishes a report. A job that cannot be done is set aside.
-// Throws TransportError when the streams are gone, ServiceError when the library fails.
+// Throws TransportError if the streams are gone, ServiceError if the library fails.
 ProcessReport work(Transport &transport, const refhost::Library &library, const std::string &name,
                    Trouble trouble);
 

@@ -78,24 +78,25 @@ TEST(StatusReader, AcceptsEitherLineEndAnyCaseAndBlankLinesAnywhere) {
 TEST(StatusReader, RefusesWhatIsNoCatalogueWithLineAndReason) {
   using namespace std::string_literals;
   EXPECT_EQ(refusal(""), "status is empty");
-  EXPECT_EQ(refusal("\n \n\n"), "status holds no package");
+  EXPECT_EQ(refusal("\n \n\n"), "status contains no package");
   EXPECT_EQ(refusal("Package: a\n\nthis is a line\n"),
-            "status, line 3: is no field (\"Name: value\"), continuation or blank line");
+            "status, line 3: is not a field (\"Name: value\"), a continuation or a blank line");
   EXPECT_EQ(refusal("# comment: here\n"),
-            "status, line 1: is no field (\"Name: value\"), continuation or blank line");
+            "status, line 1: is not a field (\"Name: value\"), a continuation or a blank line");
   EXPECT_EQ(refusal(": value\n"),
-            "status, line 1: is no field (\"Name: value\"), continuation or blank line");
+            "status, line 1: is not a field (\"Name: value\"), a continuation or a blank line");
   EXPECT_EQ(refusal("Two words: value\n"),
-            "status, line 1: is no field (\"Name: value\"), continuation or blank line");
-  EXPECT_EQ(refusal("Package: a\n\n continued\n"), "status, line 3: continues no field");
+            "status, line 1: is not a field (\"Name: value\"), a continuation or a blank line");
+  EXPECT_EQ(refusal("Package: a\n\n continued\n"),
+            "status, line 3: is a continuation without a field before it");
   EXPECT_EQ(refusal("Package: a\n\nVersion: 1\nDescription: b\n"),
             "status, line 3: begins a stanza without a package name");
   EXPECT_EQ(refusal("Package: a\nPackage: b\n"),
             "status, line 2: repeats a field of the same package");
-  EXPECT_EQ(refusal("Package: a\nVersion: 1\0002\n"s), "status, line 2: holds a NUL character");
+  EXPECT_EQ(refusal("Package: a\nVersion: 1\0002\n"s), "status, line 2: contains a NUL character");
   for (const char *list : {"b (>= 1", "(>= 1)", "b | | c", "b (1) c"}) {
     EXPECT_EQ(refusal(std::string("Package: a\nDepends: ") + list + "\n"),
-              "status, line 2: holds a dependency that is not \"name\" or "
+              "status, line 2: contains a dependency that is not \"name\" or "
               "\"name (relation version)\"")
         << list;
   }

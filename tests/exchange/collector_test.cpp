@@ -120,15 +120,15 @@ TEST_F(ExchangeCollector, RecognisesResultsThatComeTwice) {
 }
 
 TEST_F(ExchangeCollector, SetsAsideWhatIsNoResult) {
-  expectSetAside({}, 0, "a result of no job");
+  expectSetAside({}, 0, "a result without the number of a job");
   expectSetAside({{"job", "0"}}, 0, "a result without a chain");
   Message stranger = results_[0];
   stranger["job"] = std::to_string(jobs_.count());
-  expectSetAside(stranger, 0, "a result of no job");
+  expectSetAside(stranger, 0, "a result without the number of a job");
   stranger["job"] = "-1";
-  expectSetAside(stranger, 0, "a result of no job");
+  expectSetAside(stranger, 0, "a result without the number of a job");
   stranger["job"] = "1 ";
-  expectSetAside(stranger, 0, "a result of no job");
+  expectSetAside(stranger, 0, "a result without the number of a job");
   expectCompletes();
 }
 
@@ -146,7 +146,7 @@ TEST_F(ExchangeCollector, SetsAsideBytesThatCannotBeUnpackedWithCodeAndText) {
   EXPECT_TRUE(verdict.reason.starts_with("MEM_Unpack failed: 4075 MEMERR_PACKCBVR"))
       << verdict.reason;
   expectSetAside(withChain(0, std::string((std::size_t{16} << 20) + 1, 'x')), 0,
-                 "the chain is too long");
+                 "the chain has 16777217 bytes, more than 16777216");
   expectCompletes();
 }
 
@@ -230,7 +230,8 @@ TEST_F(ExchangeCollecting, PutsBrokenMessagesAsideAndGoesOn) {
   transport_.publish(Stream::results, {{"job", "1"}, {"chain", "garbage"}, {"more", "here"}});
   for (const Message &result : results_) transport_.publish(Stream::results, result);
   const exchange::ProcessReport report = collect();
-  EXPECT_EQ(report.problem, "jobs are open whose results have come");  // there is no worker
+  EXPECT_EQ(report.problem,
+            "all results have come, but some jobs are still open");  // there is no worker
   EXPECT_EQ(report.jobs, jobs_.count());
   EXPECT_EQ(report.setAside, 1U);
   EXPECT_EQ(report.again, 1U);

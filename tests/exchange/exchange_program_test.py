@@ -80,8 +80,8 @@ class ExchangeTest(unittest.TestCase):
         self.assertEqual(done.number("jobs"), jobs, done)
         self.assertEqual(done.number("merged"), jobs, done)
         self.assertEqual(done.number("packages"), 26, done)
-        self.assertIn("to packages of any job; all is as it was\n", done.out)
-        accounts = re.findall(r" obtained, ([0-9,]+) bytes in ([0-9,]+) areas not returned", done.out)
+        self.assertIn("to packages of any job; equal to the source\n", done.out)
+        accounts = re.findall(r" allocated, ([0-9,]+) bytes in ([0-9,]+) areas not returned", done.out)
         self.assertGreaterEqual(len(accounts), 2, done)
         self.assertEqual(set(accounts), {("0", "0")}, done)
         if again is not None:
@@ -276,8 +276,9 @@ class ServerOfOthers(ExchangeTest):
             self.assertEqual(ended.code, 0, ended)
             self.assertRegex(ended.out, r"^worker \(process \d+\): \d+ jobs, 0 bytes in 0 areas")
         dead = self.ask("XRANGE", "run:dead", "-", "+")
-        for text in ("PackedChain::load failed: wrong length of block 0", "a result of no job",
-                     "the job, line 1: is no field", "rubbish", "known", "no stanza"):
+        for text in ("PackedChain::load failed: wrong length of block 0",
+                     "a result without the number of a job", "the job, line 1: is not a field",
+                     "rubbish", "known", "no stanza"):
             self.assertIn(text, dead)
         self.assertEqual(set(self.ask("KEYS", "*").split()), {"run:dead", "run:ended"})
 
@@ -295,7 +296,7 @@ class Page(ExchangeTest):
                 continue
             done = run(*command.split())
             self.assertEqual(done.code, 0, done)
-            self.assertIn("all is as it was\n", done.out)
+            self.assertIn("equal to the source\n", done.out)
 
     def test_it_has_all_options_and_troubles_and_its_output_has_the_program_s_lines(self):
         usage = run("--help").out
@@ -324,11 +325,11 @@ class Arguments(unittest.TestCase):
                 ([str(SAMPLE), "--workers", "-1"], "--workers: Value -1 not in range"),
                 ([str(SAMPLE), "--packages", "0"], "--packages: Value 0 not in range"),
                 ([str(SAMPLE), "--times", "many"], "--times: Value many not in range"),
-                ([str(SAMPLE), "--times", "1000000"], "is more than 1 GB"),
+                ([str(SAMPLE), "--times", "1000000"], "--times 1000000: the jobs of "),
                 ([str(SAMPLE), "--trouble", "rain"], "--trouble: "),
                 ([str(SAMPLE), "--trouble", "restart"], "needs a private server"),
-                (["--worker"], "--worker needs --redis URL and --name NAME"),
-                ([str(SAMPLE), "--redis", "http://host"], "--redis takes redis://"),
+                (["--worker"], "--worker needs the coordinator's --redis URL and --name NAME"),
+                ([str(SAMPLE), "--redis", "http://host"], "invalid URL for --redis: use redis://"),
                 (["--unknown"], "not expected: --unknown")]:
             with self.subTest(arguments=arguments):
                 if "--redis" in arguments and not HAS_REDIS:

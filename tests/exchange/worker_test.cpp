@@ -95,7 +95,7 @@ TEST(ExchangeWorker, SetsAsideJobsThatCannotBeDoneAndGoesOn) {
   ASSERT_EQ(dead.size(), 6U);
   EXPECT_EQ(dead[0].message.at("reason"), "a job without a number or a text");
   EXPECT_EQ(dead[3].message.at("reason"),
-            "the job, line 1: is no field (\"Name: value\"), continuation or blank line");
+            "the job, line 1: is not a field (\"Name: value\"), a continuation or a blank line");
   EXPECT_EQ(dead[3].message.at("from"), "jobs");
   EXPECT_EQ(dead[3].message.at("job"), "8");
   EXPECT_EQ(dead[3].message.at("text"), "no catalogue\n");

@@ -61,7 +61,7 @@ TEST_F(HostGatesTest, AcquiringTwiceIsRefusedInsteadOfWaitingForEver) {
   EXPECT_EQ(acquire(gate), refhost::kGateOwned);
   EXPECT_EQ(host_.thread().Error.Code, refhost::kGateOwned);
   EXPECT_STREQ(host_.thread().Error.NameText, "AcquireGate");
-  expectMisuse(Service::AcquireGate, "gate 1 is held by the same thread");
+  expectMisuse(Service::AcquireGate, "gate 1 is already held by the calling thread");
 }
 
 TEST_F(HostGatesTest, OnlyTheHolderReleases) {

@@ -346,8 +346,8 @@ TEST(HostReport, TheTextIsBounded) {
   EXPECT_EQ(findings.leaks.size(), 101U);
   EXPECT_EQ(findings.misuses.size(), refhost::kKeptMisuses + 1);
   const std::string text = findings.text();
-  EXPECT_NE(text.find("\nand 1 kinds of leaks more\n"), std::string::npos);
-  EXPECT_NE(text.find("\nand 901 misuses more\n"), std::string::npos);
+  EXPECT_NE(text.find("\nand 1 more kinds of leaks\n"), std::string::npos);
+  EXPECT_NE(text.find("\nand 901 more misuses\n"), std::string::npos);
   EXPECT_EQ(findings.misuses.back().what, "103 more misuses were not kept");
 }
 
@@ -441,13 +441,13 @@ void freeWithWrongLength(const Options &options) {
 TEST(HostMisuseDeathTest, MayEndTheProgram) {
   Options options = quietly();
   options.onMisuse = refhost::abortOnMisuse;
-  EXPECT_DEATH(freeWithWrongLength(options), "with length 100, returned with 99");
+  EXPECT_DEATH(freeWithWrongLength(options), "with length 100, freed with 99");
 }
 
 TEST(HostMisuseDeathTest, MayStopInTheDebugger) {
   Options options = quietly();
   options.onMisuse = refhost::stopOnMisuse;
-  EXPECT_DEATH(freeWithWrongLength(options), "with length 100, returned with 99");
+  EXPECT_DEATH(freeWithWrongLength(options), "with length 100, freed with 99");
 }
 
 TEST(HostMisuseDeathTest, ACallMayStopInTheDebugger) {

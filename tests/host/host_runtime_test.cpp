@@ -205,9 +205,9 @@ TEST_F(HostRuntimeTest, KeepsTheAnchor) {
 
 TEST_F(HostRuntimeTest, OtherComponentsAreReported) {
   host_.runtime().SetAnchor(0, 4, nullptr);
-  expectMisuse(Service::SetAnchor, "component 4 is not known");
+  expectMisuse(Service::SetAnchor, "component 4 is not known: it must be 3");
   host_.runtime().EnterFrame(&outer_, -1);
-  expectMisuse(Service::EnterFrame, "component -1 is not known");
+  expectMisuse(Service::EnterFrame, "component -1 is not known: it must be 3");
 }
 
 TEST_F(HostRuntimeTest, KeepsABoundedNumberOfMisuses) {
@@ -218,7 +218,7 @@ TEST_F(HostRuntimeTest, KeepsABoundedNumberOfMisuses) {
   for (std::size_t i = 0; i < kept + 3; ++i) misuse();
   const auto misuses = host_.takeMisuses();
   ASSERT_EQ(misuses.size(), kept + 1);
-  EXPECT_EQ(misuses[kept - 1].what, "component 4 is not known");
+  EXPECT_EQ(misuses[kept - 1].what, "component 4 is not known: it must be 3");
   EXPECT_EQ(misuses[kept].service, Service::SetAnchor);
   EXPECT_EQ(misuses[kept].what, "3 more misuses were not kept");
   EXPECT_TRUE(host_.takeMisuses().empty());

@@ -182,7 +182,8 @@ TEST_F(HostTraceTest, TextBeyondTheBufferIsReportedAndCut) {
   EXPECT_EQ(host_.takeRecords().at(0).text.size(), refhost::kTraceTextRoom);
   const auto misuses = host_.takeMisuses();
   ASSERT_EQ(misuses.size(), 1U);
-  EXPECT_EQ(misuses[0].what, "trace text of 100000 bytes");
+  EXPECT_EQ(misuses[0].what,
+            "the trace text of 100000 bytes is longer than the buffer of 8192 bytes");
 }
 
 TEST_F(HostTraceTest, AMissingBufferGivesAnEmptyText) {

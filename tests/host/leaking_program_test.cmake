@@ -114,13 +114,13 @@ expect_found(chain chain
 set(obtained "  area:   100 bytes at ADDRESS, subpool 7, kind 1, call N, thread N\n    called: MemAlloc\n")
 set(free "\n  called: MEM_Free, thread N\n")
 expect_found(length length "refhost: 1 misuse\n"
-  "misuse: FreeStorage: ADDRESS was obtained with length 100, returned with 99${free}${obtained}")
+  "misuse: FreeStorage: ADDRESS was allocated with length 100, freed with 99${free}${obtained}")
 expect_found(freedTwice freedTwice "refhost: 1 misuse\n"
-  "misuse: FreeStorage: ADDRESS is not a live area (never obtained or already returned)${free}")
+  "misuse: FreeStorage: ADDRESS is not a live area (never allocated or already freed)${free}")
 expect_found(otherSubPool otherSubPool "refhost: 1 misuse\n"
-  "misuse: FreeStorage: ADDRESS was obtained from subpool 7, returned to 8${free}${obtained}")
+  "misuse: FreeStorage: ADDRESS was allocated in subpool 7, freed in 8${free}${obtained}")
 expect_found(foreignArea foreignArea "refhost: 1 misuse\n"
-  "misuse: FreeStorage: ADDRESS is not a live area (never obtained or already returned)${free}")
+  "misuse: FreeStorage: ADDRESS is not a live area (never allocated or already freed)${free}")
 expect_found(thread activate "refhost: 1 misuse\n"
   "misuse: FreePoolStorage: a thread ended while it was active: MEM_ThreadTerm was not called\n"
   "bytes at ADDRESS, subpool 2, kind pool, call N, thread N\n    called: MEM_ThreadAct\n")

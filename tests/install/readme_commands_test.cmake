@@ -75,7 +75,7 @@ foreach(name MAKEFLAGS DESTDIR CMAKE_PREFIX_PATH LD_LIBRARY_PATH)
 endforeach()
 run(bash ${WORK}/commands.sh)
 
-foreach(text "all is as it was" "MEMERR_PACKCYCL" "writer   little-endian")
+foreach(text "equal to the catalogue" "MEMERR_PACKCYCL" "writer   little-endian")
   string(FIND "${out}" "${text}" place)
   if(place EQUAL -1)
     message(FATAL_ERROR "The commands did not print \"${text}\":\n${out}")

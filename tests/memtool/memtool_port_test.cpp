@@ -220,6 +220,33 @@ TEST_F(MemtoolPortTest, LongValuesAreCut) {
   EXPECT_EQ(json["structures"][0]["fields"][1]["value"], std::string(2000, 'A'));
 }
 
+// JSON is written in pieces, which must not divide a character.
+TEST_F(MemtoolPortTest, LongValuesAreWholeInJson) {
+  const auto times = [](std::size_t count, const std::string &text) {
+    std::string made;
+    for (std::size_t i = 0; i < count; ++i) made += text;
+    return made;
+  };
+  for (const std::size_t shift : {0U, 1U, 2U, 3U}) {
+    SCOPED_TRACE(shift);
+    const std::string start(shift, 'a');
+    const std::string narrow = start + times(30000, "本") + times(30000, "ä\t");
+    const std::string lone = start + times(70000, "b") + "/3=Pd";
+    writeBytes("one.port", portText("(1<1\"" + narrow + "\"/2\"" + narrow + "\xE9\"/3'" + start +
+                                    times(70000, "/3=Pd/3=dN") + "'/4'" + lone + "'/5H" +
+                                    times(70000 + shift, "1F") + ">)"));
+    const Json fields = jsonOf({"port", "one.port", "--json"})["structures"][0]["fields"];
+    ASSERT_EQ(fields.size(), 5U);
+    EXPECT_EQ(fields[0]["value"], narrow);
+    EXPECT_EQ(fields[1]["value"]["hex"].get<std::string>().size(), 2 * narrow.size() + 2);
+    EXPECT_TRUE(fields[1]["value"]["hex"].get<std::string>().ends_with("C3A409E9"));
+    EXPECT_EQ(fields[2]["value"], start + times(70000, "𝄞"));
+    EXPECT_EQ(fields[3]["value"]["units"].size(), shift + 70001);
+    EXPECT_EQ(fields[3]["value"]["units"].back(), 0xD834);
+    EXPECT_EQ(fields[4]["value"], times(70000 + shift, "1F"));
+  }
+}
+
 TEST_F(MemtoolPortTest, FaultsOfTheHeader) {
   expectFault("", 0, "\"(\" of the header", "the end");
   expectFault("(00000", 6, "ten digits in the header", "the end");

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
+#include <deque>
 #include <string>
 #include <string_view>
 
@@ -26,8 +26,13 @@ class PortHeap {
   HMEMHEAP handle_ = nullptr;
 };
 
-// Addresses of entries, with their lengths in bytes.
-using PortEntries = std::map<const void *, std::int64_t>;
+// An entry of a heap. There may be millions of them.
+struct PortEntry {
+  const void *address = nullptr;
+  std::int32_t length = 0;   // in bytes
+  std::uint32_t number = 0;  // of the structure in it; 0 for none yet
+};
+using PortEntries = std::deque<PortEntry>;
 
 // Takes note of all entries of a heap while it lives: the library calls the heap through the vector
 // of its host, and the host may replace a slot. So every structure and string that a reading call

@@ -23,10 +23,10 @@ PortJson portCheckJson(const std::string &name, const PortDocument &document);
 
 // A document that was read with definitions, in the form that encodePortText takes: all of it, or
 // what can be reached from one structure. A selection that leaves targets of pointers out cannot be
-// encoded.
-PortJson portGraphJson(const PortDocument &document, const PortSelection &selection);
-// The same piece by piece.
+// encoded. Piece by piece.
 void writePortGraphJson(Console &console, const PortDocument &document,
                         const PortSelection &selection);
+// The same as a whole.
+PortJson portGraphJson(const PortDocument &document, const PortSelection &selection);
 
 }  // namespace memtool

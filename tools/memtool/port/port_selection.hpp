@@ -32,11 +32,11 @@ class PortSelection {
                 const PortDefinitions *definitions);
 
   bool isWhole() const { return isWhole_; }
-  std::size_t shown() const { return numbers_.size(); }
+  std::size_t shown() const { return shown_; }
   std::size_t matching() const { return matching_; }
   std::size_t leftOut() const { return matching_ - shown(); }
   // Sequence number of a shown structure.
-  std::size_t number(std::size_t index) const { return numbers_[index]; }
+  std::size_t number(std::size_t index) const { return isWhole_ ? index + 1 : numbers_[index]; }
   bool shows(std::size_t number) const;
   // Where the graph that is shown begins.
   std::size_t root() const { return root_; }
@@ -47,8 +47,9 @@ class PortSelection {
  private:
   bool isWhole_ = true;
   std::size_t matching_ = 0;
+  std::size_t shown_ = 0;
   std::size_t root_ = 1;
-  std::vector<std::size_t> numbers_;  // ascending
+  std::vector<std::size_t> numbers_;  // ascending; empty for all structures
   std::string text_;
 };
 

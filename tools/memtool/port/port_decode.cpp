@@ -19,7 +19,7 @@
 namespace memtool {
 namespace {
 
-// More than that no one looks at, and a count field may tell any number.
+// Nobody looks at more than that, and a count field may contain any number.
 constexpr std::uint64_t kMostValues = 10'000'000;
 
 template <class T>
@@ -29,7 +29,7 @@ T loadAs(const void *from) {
   return value;
 }
 
-// Units of type Unit in `bytes`, in front of the first zero or to the end.
+// Units of type Unit in `bytes`, before the first zero, or all of them.
 template <class Unit>
 std::size_t unitsUntilZero(std::string_view bytes) {
   const std::size_t count = bytes.size() / sizeof(Unit);
@@ -48,7 +48,7 @@ PortWideText wideTextOf(std::string_view bytes, std::size_t units, bool isString
   return {bytes.substr(0, units * sizeof(char16_t)), units, false, isString, false};
 }
 
-// Where a structure lies in an entry of the heap.
+// Where a structure is in an entry of the heap.
 struct EntryPlace {
   const std::byte *entry = nullptr;
   std::int64_t length = 0;
@@ -114,7 +114,7 @@ class EntryTable {
   std::deque<Found> found_;  // structures in the order of their numbers
 };
 
-// Texts that fields have by default are shared with the definitions.
+// Default texts belong to the definitions: the reader does not copy them.
 void EntryTable::addDefaults() {
   for (const MEMStructDef *row = definitions_.table(); row->StructID != 0; ++row) {
     for (const PortFieldDefinition &field : definitions_.find(row->StructID)->fields) {
@@ -129,7 +129,7 @@ void EntryTable::addDefaults() {
   }
 }
 
-// Walks what the library's reader made of a structure, by the definitions. No address is followed
+// Reads what the library's reader made of a structure, by the definitions. No address is followed
 // but that of an entry.
 class EntryReader final : public PortReader {
  public:
@@ -198,8 +198,8 @@ bool EntryReader::next(PortField &made) {
     }
     const std::int64_t offset = field.record.Offset + open.element * field.record.Length;
     if (!open.place.holds(offset, field.storedLength())) {
-      fail(definition,
-           fmt::format("field {} lies beyond the bytes that the text gave it", field.name));
+      fail(definition, fmt::format("field {} is beyond the bytes that were read for the structure",
+                                   field.name));
     }
     ++open.element;
     made.id = field.record.FieldID;
@@ -219,7 +219,7 @@ std::int64_t EntryReader::elements(const PortStructDefinition &definition,
   const PortFieldDefinition &field = definition.fields[index];
   if (!place.holds(field.record.Offset, field.storedLength())) {
     fail(definition,
-         fmt::format("field {} lies beyond the bytes that the text gave it", field.name));
+         fmt::format("field {} is beyond the bytes that were read for the structure", field.name));
   }
   return definition.elementsOf(readPortCount(field, place.at(field.record.Offset)));
 }
@@ -228,7 +228,7 @@ bool EntryReader::isLeftOut(const Open &open, const PortFieldDefinition &field) 
   return field.isShared && isSpokenFor(*open.definition, field, open.place);
 }
 
-// Of fields that share bytes the text told one. When the bytes are an address, that is one of the
+// Of fields that share bytes the text has one. When the bytes are an address, it is one of the
 // pointers; otherwise it is none of them.
 bool EntryReader::isSpokenFor(const PortStructDefinition &definition,
                               const PortFieldDefinition &field, const EntryPlace &place) const {
@@ -243,7 +243,7 @@ bool EntryReader::isSpokenFor(const PortStructDefinition &definition,
 
 // The field's bytes are null or the address of something that the reader made.
 bool EntryReader::holdsEntry(const PortFieldDefinition &field, const EntryPlace &place) const {
-  if (!place.holds(field.record.Offset, field.storedLength())) return true;  // told elsewhere
+  if (!place.holds(field.record.Offset, field.storedLength())) return true;  // reported elsewhere
   const auto *const address = loadAs<const void *>(place.at(field.record.Offset));
   return address == nullptr || table_.find(address) != EntryTable::kNone;
 }
@@ -286,7 +286,7 @@ PortValue EntryReader::value(const Open &open, const PortFieldDefinition &field,
     case MEM_PORT_SUBSTRUCTURE: {
       EntryPlace place = open.place;
       place.offset += offset;
-      return PortEmbedded{begin(*field.target, place)};  // ends the life of `open`
+      return PortEmbedded{begin(*field.target, place)};  // `open` is invalid after it
     }
     default:
       return pointer(*open.definition, field, loadAs<const void *>(at));

@@ -67,7 +67,7 @@ bool isSame(PortPointer, PortPointer) {
   return true;  // followed
 }
 bool isSame(const PortEmbedded &, const PortEmbedded &) {
-  return true;  // their fields follow by themselves
+  return true;  // their fields are compared on their own
 }
 
 bool haveSameValue(const PortValue &a, const PortValue &b) {
@@ -122,7 +122,7 @@ class PortDiff {
   }
 
   static std::string elements(const PortStructure &structure) {
-    return structure.elements ? std::to_string(*structure.elements) : "none told";
+    return structure.elements ? std::to_string(*structure.elements) : "none";
   }
 
   void compareField(const std::string &name, const NamedField &a, const NamedField &b) {

@@ -102,8 +102,8 @@ class PortReader {
   virtual bool next(PortField &field) = 0;
 };
 
-// The fields of the structure that the reader has just begun, without those of structures embedded
-// in it: who wants those makes a PortFields of its own when it meets their field.
+// The fields of the structure that the reader has just begun. To read those of an embedded
+// structure, make another PortFields when its field is there; otherwise they are skipped.
 class PortFields {
  public:
   explicit PortFields(PortReader &reader) : reader_(reader), depth_(reader.depth()) {}
@@ -146,10 +146,10 @@ struct PortFault {
 
 struct PortDocument {
   std::size_t characters = 0;
-  std::uint64_t promised = 0;  // structures that the header tells of
+  std::uint64_t promised = 0;  // structures according to the header
   std::unique_ptr<const PortSource> source;
-  std::optional<PortFault> fault;      // readers stop here; `source` is what stands in front
-  std::optional<PortFault> deviation;  // the first that readers let pass, but no writer writes
+  std::optional<PortFault> fault;      // readers stop here; `source` has the structures before it
+  std::optional<PortFault> deviation;  // the first that readers let pass and no writer writes
 
   std::size_t count() const { return source->count(); }
   // Begins a structure. REQUIRES: 1 <= number <= count().
@@ -157,7 +157,7 @@ struct PortDocument {
   PortStructure structure(std::size_t number) const { return read(number)->structure(); }
 };
 
-// The fault, or what only --check tells of where that comes first.
+// The fault, or what only --check reports where that comes first.
 std::optional<PortFault> firstPortFault(const PortDocument &document);
 
 }  // namespace memtool

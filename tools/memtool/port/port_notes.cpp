@@ -16,7 +16,7 @@ std::size_t unitsOf(const PortValue &value) {
   return wide == nullptr ? 0 : wide->length;
 }
 
-// Units of text that a field keeps; strings behind a pointer have any length.
+// Units of text that a field keeps; strings of pointer fields have any length.
 std::int64_t roomOf(const PortFieldDefinition &field) {
   const std::int64_t length = field.record.Length;
   switch (field.type) {
@@ -98,12 +98,12 @@ class Notes {
            !isSigned(known.type);
   }
 
-  // A number without a sign ends before it, and any character separates fields.
+  // The reader of an unsigned number stops at the sign, and takes any character for a separator.
   void addLostSign(const PortStructDefinition &definition, const PortFieldDefinition &known,
                    const PortField &field) {
     notes_.push_back(
         {field.offset, definition.id, field.id,
-         fmt::format("the library takes the digits behind the sign of field {} of {} for a FieldID",
+         fmt::format("the library takes the digits after the sign of field {} of {} for a FieldID",
                      known.name, nameOf(definition))});
   }
 
@@ -119,7 +119,7 @@ class Notes {
       behind += fmt::format("{}{}", behind.empty() ? "" : ", ", field.id);
       lookThrough(definition.id, reader, field);
     }
-    if (!behind.empty()) behind = " and all behind it, " + behind;
+    if (!behind.empty()) behind = " and all after it, " + behind;
     const std::string last = definition.fields.empty()
                                  ? "which has no fields"
                                  : "whose last one is " + definition.fields.back().name;
@@ -127,12 +127,12 @@ class Notes {
                                      behind, nameOf(definition), last);
   }
 
-  // Of what is dropped nothing is looked up, and only double quotes count as quotes.
+  // The library looks nothing up in what it drops, and takes only double quotes for quotes.
   void lookThrough(std::uint32_t around, PortReader &reader, const PortField &field) {
     if (const auto *const wide = std::get_if<PortWideText>(&field.value)) {
       if (wide->units().find_first_of(u"\"<>") == std::u16string::npos) return;
       notes_.push_back({field.offset, around, field.id,
-                        "the wide text holds one of \" < >, which the library takes for a mark "
+                        "the wide text contains one of \" < >, which the library takes for a mark "
                         "while it drops fields"});
       return;
     }

@@ -1,5 +1,6 @@
-// Layout. Column k holds the structures that k pointers lead to, at the least; so a pointer leads
-// at most one column to the right. Between the columns are gutters, above the boxes are lanes:
+// Layout. Column k has the structures that are k pointers away, by the shortest way; so a pointer
+// leads at most one column to the right. Between the columns are gutters, above the boxes are
+// lanes:
 //
 //     lane ───────────────────────────────┐       back over more than one column
 //      │  ┌───────┐        ┌───────┐      │  ┌───────┐
@@ -32,7 +33,7 @@
 namespace memtool {
 namespace {
 
-constexpr int kRow = 18;   // height of a row; boxes stand on multiples of it
+constexpr int kRow = 18;   // height of a row; boxes begin at multiples of it
 constexpr int kHead = 36;  // of a structure's head, two rows
 constexpr int kGap = 36;   // between boxes of a column
 constexpr int kMargin = 18;
@@ -107,7 +108,7 @@ const char *classOf(Ink ink) {
   }
 }
 
-// A file name may hold anything.
+// A file name may contain any characters.
 std::string titleOf(const std::string &name) {
   const std::string shown = inQuotes(validUtf8(name), 60);
   return shown.substr(1, shown.rfind('"') - 1);
@@ -244,7 +245,7 @@ void Picture::addArrows() {
   }
 }
 
-// Breadth first along the drawn arrows. What no arrow leads to begins anew in the first column.
+// Breadth first along the drawn arrows. A box to which no arrow leads starts in the first column.
 void Picture::setColumns() {
   std::vector<bool> isReached(boxes_.size(), false);
   for (std::size_t first = 0; first < boxes_.size(); ++first) {
@@ -263,7 +264,7 @@ void Picture::setColumns() {
 }
 
 // Back over more than one column, which takes a lane above the boxes. The same to the right, which
-// happens to boxes that stand in a column of an earlier start.
+// happens to boxes in a column of an earlier start.
 bool Picture::isLong(const Arrow &arrow) const {
   return gutterOfStart(arrow) != gutterOfEnd(arrow);
 }

@@ -88,7 +88,7 @@ class Printer {
       const PortField &field = fields.field();
       const std::string name = names.next(field);
       const std::string type = typeOf(field);
-      // Identifiers stand at the right of their column.
+      // Identifiers are at the right of their column.
       const std::size_t missing = widths.name - columnsOf(name);
       const std::size_t left = field.definition == nullptr ? missing : 0;
       console_.print("{:{}}{}{:{}}{}{:{}}", "", indent + left, console_.paint(Ink::Name, name), "",
@@ -114,7 +114,7 @@ class Printer {
   std::size_t nextWidths_ = 0;
 };
 
-// Structures as JSON by what the text alone tells of them: a field tells what it is.
+// Structures as JSON from the text alone, where a field has its form.
 class TextJson {
  public:
   explicit TextJson(JsonStream &json) : json_(json) {}
@@ -191,7 +191,7 @@ class GraphJson {
   }
 
  private:
-  // The elements of a repeat field come last, one behind the other.
+  // The elements of a repeat field are the last fields.
   void fields(PortReader &reader, const PortStructure &structure) {
     const PortStructDefinition &definition = *structure.definition;
     bool isInElements = false;

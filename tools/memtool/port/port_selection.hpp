@@ -1,5 +1,5 @@
-// Which structures of a port string are shown: those that a user asks for by kind, or by what can
-// be reached from one of them.
+// Which structures of a port string are shown: those of a kind, or those that can be reached from
+// one of them.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace memtool {
 
-// What the user wrote; empty members ask for nothing.
+// What the user wrote. Empty members do not filter.
 struct PortFilter {
   std::string kind;  // a StructID, or a name of the definitions
   std::optional<std::uint32_t> root;
@@ -27,7 +27,8 @@ class PortSelection {
  public:
   // All structures.
   explicit PortSelection(const PortDocument &document);
-  // Throws UnknownValue for a kind or a structure that is not there. `definitions` may be null.
+  // Throws UnknownValue for a kind or a structure that the document does not have. `definitions`
+  // may be null.
   PortSelection(const PortDocument &document, const PortFilter &filter,
                 const PortDefinitions *definitions);
 

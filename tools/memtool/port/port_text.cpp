@@ -235,7 +235,7 @@ void Parser::readHeader() {
   if (promised_ == 0) fail(kCountOff, "a number of structures from 1 on", "0");
 }
 
-// Looked at last: a piece that is missing or too much is better told where it is.
+// Checked last: a missing or surplus piece is better reported where it is.
 void Parser::checkTotal() {
   if (deviation_) return;
   const std::uint64_t told = headerNumber(kTotalOff, false);
@@ -246,7 +246,7 @@ void Parser::checkTotal() {
 
 void Parser::checkEnd() {
   if (isAtEnd()) return;
-  deviate(at_, fmt::format("the end behind {} structure{}", promised_, promised_ == 1 ? "" : "s"));
+  deviate(at_, fmt::format("the end after {} structure{}", promised_, promised_ == 1 ? "" : "s"));
 }
 
 void Parser::begin(std::size_t number) {
@@ -295,7 +295,7 @@ bool Parser::next(PortField &field) {
   return true;
 }
 
-// Fields ascend, and only the last one is there more than once.
+// Fields ascend, and only the last one may come more than once.
 void Parser::follow(std::uint32_t id, std::size_t offset) {
   Open &open = open_.back();
   if (id == open.id) {
@@ -306,7 +306,7 @@ void Parser::follow(std::uint32_t id, std::size_t offset) {
     deviate(offset, fmt::format("a FieldID from {} on", open.id), fmt::format("field {}", id));
   }
   if (open.times > 1) {
-    deviate(offset, "no field behind the repeat field", fmt::format("field {}", id));
+    deviate(offset, "no field after the repeat field", fmt::format("field {}", id));
   }
   open = {open.elements, id, 1, offset};
 }
@@ -320,8 +320,8 @@ void Parser::checkElements(const Open &open) {
 }
 
 void Parser::separator() {
-  if (isAtEnd()) fail(at_, "\"/\" of a further field or \">\" behind the last one");
-  if (peek() != '/') deviate(at_, "\"/\" of a further field or \">\" behind the last one");
+  if (isAtEnd()) fail(at_, "\"/\" of a further field or \">\" after the last one");
+  if (peek() != '/') deviate(at_, "\"/\" of a further field or \">\" after the last one");
   ++at_;
 }
 
@@ -360,7 +360,7 @@ PortNumber Parser::number() {
   }
   const Digits read = digits();
   made.magnitude = read.value;
-  if (made.isNegative && read.value == 0) deviate(read.offset, "digits behind \"-\"");
+  if (made.isNegative && read.value == 0) deviate(read.offset, "digits after \"-\"");
   constexpr std::uint64_t kLowest = std::uint64_t{1} << 63;
   if (read.isTooLarge || (made.isNegative && read.value > kLowest)) {
     deviate(read.offset, "a number of at most 64 bits", "more");
@@ -414,7 +414,7 @@ PortEmbedded Parser::embedded() {
   return {head()};
 }
 
-// Behind the opening quote, up to the closing one.
+// From the character after the opening quote to the closing one.
 Quoted Parser::narrow() {
   const std::size_t begin = at_;
   Quoted made;
@@ -429,9 +429,9 @@ Quoted Parser::narrow() {
 }
 
 char Parser::escaped() {
-  const char c = take("the character behind \"/\"");
+  const char c = take("the character after \"/\"");
   if (c == '0') return '\0';
-  if (c != '"' && c != '/') deviate(at_ - 1, "one of 0 / \" behind \"/\"");
+  if (c != '"' && c != '/') deviate(at_ - 1, "one of 0 / \" after \"/\"");
   return c;
 }
 
@@ -459,7 +459,7 @@ Quoted Parser::wide() {
   for (char c = take(kNoWideQuote); c != '\''; c = take(kNoWideQuote)) {
     const auto byte = static_cast<unsigned char>(c);
     const bool isEscape = c == '/';
-    if (byte == 0 || byte > 127) deviate(at_ - 1, "\"/\" in front of a unit that is not 1 to 127");
+    if (byte == 0 || byte > 127) deviate(at_ - 1, "\"/\" before a unit that is not 1 to 127");
     const char16_t unit = isEscape ? escapedUnit() : byte;
     made.hasZero = made.hasZero || unit == 0;
     if (isHighSurrogate(unit)) ++made.highSurrogates;
@@ -472,9 +472,9 @@ Quoted Parser::wide() {
 // A digit n and n characters of 6 bits each, or the character itself.
 char16_t Parser::escapedUnit() {
   const std::size_t offset = at_;
-  const char c = take("the character behind \"/\"");
+  const char c = take("the character after \"/\"");
   if (!isDigit(c)) {
-    if (c != '\'' && c != '/') deviate(offset, "a digit, \"/\" or ' behind \"/\"");
+    if (c != '\'' && c != '/') deviate(offset, "a digit, \"/\" or ' after \"/\"");
     return static_cast<unsigned char>(c);
   }
   bool isPlain = true;  // groups as a writer writes them

@@ -25,8 +25,8 @@ PortShown quoted(const std::string &utf8, bool isNull, std::size_t most) {
   return {inQuotes(utf8, most), Ink::Text};
 }
 
-// Of the bytes and units of a text not more are looked at than those of the characters shown, and
-// one more: a character has 4 bytes or 2 units at most.
+// Long texts are read only as far as they are shown, and one character further, which decides on
+// the ellipsis. A character has at most 4 bytes or 2 units.
 PortShown shownText(const PortText &value, std::size_t most) {
   return quoted(value.bytes(4 * most + 4), value.isNull, most);
 }

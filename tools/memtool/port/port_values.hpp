@@ -38,7 +38,7 @@ class PortFieldNames {
   std::size_t element_ = 0;
 };
 
-// Kind of value as the text alone tells it: "number", "text", "string", "wide text", …
+// Kind of value as the text alone shows it: "number", "text", "string", "wide text", …
 const char *portFormName(const PortValue &value);
 
 struct PortShown {

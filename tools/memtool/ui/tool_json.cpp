@@ -93,7 +93,7 @@ void JsonStream::begin(char mark, char end) {
   open_.push_back({end, true});
 }
 
-// What stands in front of a key or an element.
+// The comma and the line break before a key or an element.
 void JsonStream::separate() {
   if (hasKey_ || open_.empty()) {
     hasKey_ = false;

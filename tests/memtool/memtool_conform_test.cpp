@@ -95,7 +95,7 @@ constexpr Row kRows[] = {
      "read", "", "{'1':9}", "{'1':9,'2':9}"},
     {"an alternative with a default", "[{'id':1,'type':'Long','offset':0}]",
      "[{'id':1,'type':'Long','offset':0},{'id':2,'type':'Short','offset':0}]", "read with losses",
-     "is put over it", "{'1':9}", "{'1':0,'2':0}"},
+     "overwrites it", "{'1':9}", "{'1':0,'2':0}"},
     {"required and not ported", "[{'id':1,'type':'Long','offset':0}]",
      "[{'id':1,'type':'Long','offset':0},"
      "{'id':2,'type':'Char','length':2,'offset':8,'required':true,'notPorted':true}]",
@@ -151,7 +151,7 @@ constexpr Row kRows[] = {
      "{'structures':[{'id':1,'length':8,'countField':'1','fields':["
      "{'id':1,'type':'Short','offset':0},{'id':2,'type':'Long','offset':4}]}]}",
      "[{'id':1,'type':'Short','offset':0},{'id':2,'type':'Long','offset':4}]", "refused",
-     "tells a number of elements", "{'2':[4]}", nullptr},
+     "has a number of elements", "{'2':[4]}", nullptr},
     {"elements of another length",
      "{'structures':[{'id':1,'length':8,'countField':'1','fields':["
      "{'id':1,'type':'Short','offset':0},{'id':2,'type':'Long','offset':4}]}]}",
@@ -171,7 +171,7 @@ constexpr Row kRows[] = {
      "{'id':1,'type':'Short','offset':0},{'id':2,'type':'Long','offset':4}]}]}",
      "{'structures':[{'id':1,'length':8,'countField':'1','countIsLength':true,'fields':["
      "{'id':1,'type':'Short','offset':0},{'id':2,'type':'Long','offset':4}]}]}",
-     "read with losses", "another number than there are", "{'2':[4,5,6]}", ""},
+     "read with losses", "its value may differ from their number", "{'2':[4,5,6]}", ""},
     {"no field without elements",
      "{'structures':[{'id':1,'length':8,'countField':'1','fields':["
      "{'id':1,'type':'Short','offset':0,'notPorted':true},{'id':2,'type':'Long','offset':4}]}]}",
@@ -196,7 +196,7 @@ constexpr Row kRows[] = {
      "{'structures':[{'id':1,'length':8,'fields':[{'id':1,'type':'Pnt','structure':3,'offset':0}]},"
      "{'id':2,'length':4,'fields':[{'id':1,'type':'Long','offset':0}]},"
      "{'id':3,'length':4,'fields':[{'id':1,'type':'ULong','offset':0}]}]}",
-     "read with losses", "takes a 2 (StructID 2) for a 3 (StructID 3)", "{'1':'2'}", ""},
+     "read with losses", "reads a 2 (StructID 2) as a 3 (StructID 3)", "{'1':'2'}", ""},
     {"an embedded structure that is too short",
      "{'structures':[{'id':1,'length':16,'fields':["
      "{'id':1,'type':'Substructure','structure':2,'offset':0}]},"

@@ -37,23 +37,23 @@ constexpr std::array kLetPass = {
     Row{"characters in all", "a wrong number of characters in the header"},
     Row{"of a further field", "other separators"},
     Row{"a FieldID from", "fields that do not ascend"},
-    Row{"no field behind the repeat field", "a field behind the elements of the repeat field"},
+    Row{"no field after the repeat field", "a field behind the elements of the repeat field"},
     Row{" time", "more elements, or fewer, than the structure tells"},
     Row{"a most significant digit", "zeros at the end of reversed digits"},
-    Row{"digits behind \"-\"", "a sign without digits"},
+    Row{"digits after \"-\"", "a sign without digits"},
     Row{"a number of at most 64 bits", "numbers of more than 64 bits"},
-    Row{"one of 0 / \" behind", "other escapes"},
+    Row{"one of 0 / \" after", "other escapes"},
     Row{"a digit, \"/\" or '", "other escapes"},
     Row{"a unit in as few groups", "other escapes"},
     Row{"/0 for a zero byte", "characters that writers escape"},
-    Row{"in front of a unit", "characters that writers escape"},
+    Row{"before a unit", "characters that writers escape"},
     Row{"a string without a zero", "strings with a zero in them"},
     Row{"the number of surrogate pairs", "a wrong number of surrogate pairs"},
     Row{"a structure number up to",
         "structures that are not numbered in the order of the pointers"},
     Row{"a structure that a pointer before it names",
         "structures that are not numbered in the order of the pointers"},
-    Row{"the end behind", "whatever is behind the last structure"},
+    Row{"the end after", "whatever is behind the last structure"},
 };
 constexpr const char *kDroppedInManual = "What is wrong in fields that the library drops";
 constexpr const char *kSignInManual = "a sign in a field without sign";
@@ -83,7 +83,8 @@ constexpr const char *kOfDefinitionsInManual = "Only definitions tell";
 
 // What memtool refuses of structures that the library has made.
 constexpr std::array kOfResults = {
-    Row{"lies beyond the bytes that the text gave it", "fewer elements than its count field tells"},
+    Row{"is beyond the bytes that were read for the structure",
+        "fewer elements than its count field tells"},
     Row{"is a pointer to nothing that was read", "a pointer to nothing that was read"},
     Row{"is no string", "a string without an end"},
 };
@@ -275,7 +276,7 @@ TEST_F(MemtoolPortDifferentialTest, WithDefinitions) {
     std::vector<std::string> noted;
     bool isComparable = true;
     for (const memtool::PortNote &note : memtool::portNotes(definitions, document)) {
-      isComparable = isComparable && note.what.find("behind the sign") == std::string::npos;
+      isComparable = isComparable && note.what.find("after the sign") == std::string::npos;
       if (note.what.find(" drops field ") == std::string::npos) continue;
       noted.push_back("FieldID " + std::to_string(static_cast<std::int32_t>(note.fieldID)) +
                       " cannot be found in StructID " + std::to_string(note.structID) + "!");

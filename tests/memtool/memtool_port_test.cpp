@@ -220,6 +220,33 @@ TEST_F(MemtoolPortTest, LongValuesAreCut) {
   EXPECT_EQ(json["structures"][0]["fields"][1]["value"], std::string(2000, 'A'));
 }
 
+// JSON is written in pieces, which must not divide a character.
+TEST_F(MemtoolPortTest, LongValuesAreWholeInJson) {
+  const auto times = [](std::size_t count, const std::string &text) {
+    std::string made;
+    for (std::size_t i = 0; i < count; ++i) made += text;
+    return made;
+  };
+  for (const std::size_t shift : {0U, 1U, 2U, 3U}) {
+    SCOPED_TRACE(shift);
+    const std::string start(shift, 'a');
+    const std::string narrow = start + times(30000, "本") + times(30000, "ä\t");
+    const std::string lone = start + times(70000, "b") + "/3=Pd";
+    writeBytes("one.port", portText("(1<1\"" + narrow + "\"/2\"" + narrow + "\xE9\"/3'" + start +
+                                    times(70000, "/3=Pd/3=dN") + "'/4'" + lone + "'/5H" +
+                                    times(70000 + shift, "1F") + ">)"));
+    const Json fields = jsonOf({"port", "one.port", "--json"})["structures"][0]["fields"];
+    ASSERT_EQ(fields.size(), 5U);
+    EXPECT_EQ(fields[0]["value"], narrow);
+    EXPECT_EQ(fields[1]["value"]["hex"].get<std::string>().size(), 2 * narrow.size() + 2);
+    EXPECT_TRUE(fields[1]["value"]["hex"].get<std::string>().ends_with("C3A409E9"));
+    EXPECT_EQ(fields[2]["value"], start + times(70000, "𝄞"));
+    EXPECT_EQ(fields[3]["value"]["units"].size(), shift + 70001);
+    EXPECT_EQ(fields[3]["value"]["units"].back(), 0xD834);
+    EXPECT_EQ(fields[4]["value"], times(70000 + shift, "1F"));
+  }
+}
+
 TEST_F(MemtoolPortTest, FaultsOfTheHeader) {
   expectFault("", 0, "\"(\" of the header", "the end");
   expectFault("(00000", 6, "ten digits in the header", "the end");
@@ -234,7 +261,7 @@ TEST_F(MemtoolPortTest, FaultsOfTheHeader) {
   expectDeviation("(x" + sound.substr(2), 1, "ten digits in the header", "'x'");
   expectDeviation("(0000000031" + sound.substr(11), 1, "0000000030 characters in all",
                   "0000000031");
-  expectDeviation(sound + "\n", 30, "the end behind 1 structure", "the byte 0A");
+  expectDeviation(sound + "\n", 30, "the end after 1 structure", "the byte 0A");
 }
 
 TEST_F(MemtoolPortTest, FaultsOfStructures) {
@@ -250,7 +277,7 @@ TEST_F(MemtoolPortTest, FaultsOfStructures) {
               "'>'");
   expectFault(portText("(1<N>)"), 26, "a FieldID from 1 to 4294967295", "'N'");
   expectFault(portText("(1<1N/>)"), 29, "a FieldID from 1 to 4294967295", "'>'");
-  expectFault(portText("(1<1N"), 28, "\"/\" of a further field or \">\" behind the last one",
+  expectFault(portText("(1<1N"), 28, "\"/\" of a further field or \">\" after the last one",
               "the end");
   expectFault(portText("(1<1N>"), 29, "\")\" of the structure", "the end");
   expectFault(portText("(1<1N>>"), 29, "\")\" of the structure", "'>'");
@@ -283,7 +310,7 @@ TEST_F(MemtoolPortTest, FaultsOfValues) {
   fault("H1fA0>)", 29, "two hexadecimal digits in capitals, \"/\" or \">\"", "'f'");
   fault("H1", 29, "two hexadecimal digits", "the end");
   fault("\"abc", 31, "\" at the end of text", "the end");
-  fault("\"abc/", 32, "the character behind \"/\"", "the end");
+  fault("\"abc/", 32, "the character after \"/\"", "the end");
   fault("'abc", 31, "' at the end of wide text", "the end");
   fault("'/3=P", 32, "the groups of a wide unit", "the end");
   fault("X3abc\"", 29, "the string's length and \"", "'a'");
@@ -301,18 +328,18 @@ TEST_F(MemtoolPortTest, WhatReadersLetPass) {
     expectDeviation(portText("(1<" + fields + ">)"), place, expected, found);
   };
   odd("1N50", 29, "a most significant digit, which is not 0", "'0'");
-  odd("1N-", 29, "digits behind \"-\"", "'>'");
+  odd("1N-", 29, "digits after \"-\"", "'>'");
   odd("1N61615590737044764481", 28, "a number of at most 64 bits", "more");
   odd("1N-9085774586302733229", 29, "a number of at most 64 bits", "more");
-  odd("1N;2N", 28, "\"/\" of a further field or \">\" behind the last one", "';'");
+  odd("1N;2N", 28, "\"/\" of a further field or \">\" after the last one", "';'");
   odd("2N/1N", 29, "a FieldID from 2 on", "field 1");
   odd("1N/1N", 26, "field 1 1 time", "it 2 times");
-  odd("1N/1N/2N", 32, "no field behind the repeat field", "field 2");
-  odd("1\"a/b\"", 30, "one of 0 / \" behind \"/\"", "'b'");
+  odd("1N/1N/2N", 32, "no field after the repeat field", "field 2");
+  odd("1\"a/b\"", 30, "one of 0 / \" after \"/\"", "'b'");
   odd(std::string("1\"a\0b\"", 6), 29, "/0 for a zero byte", "the byte 00");
   odd("1X1\"/0\"", 28, "a string without a zero byte", "one");
-  odd("1'/b'", 29, "a digit, \"/\" or ' behind \"/\"", "'b'");
-  odd("1'\xE9'", 28, "\"/\" in front of a unit that is not 1 to 127", "the byte E9");
+  odd("1'/b'", 29, "a digit, \"/\" or ' after \"/\"", "'b'");
+  odd("1'\xE9'", 28, "\"/\" before a unit that is not 1 to 127", "the byte E9");
   odd("1'/303Y'", 29, "a unit in as few groups of 6 bits as it needs", "'3'");
   odd("1'/2~~'", 29, "a unit in as few groups of 6 bits as it needs", "'2'");
   odd("1x1;1'ab'", 30, "0 as the number of surrogate pairs", "1");
@@ -448,7 +475,7 @@ TEST_F(MemtoolPortTest, DefaultsAndCounts) {
       "char": "x  ", "bit": 5, "wchar": "é ", "big": "9", "bytes": 49, "more": [1, 2]})"));
   expectBadGraph("defs.json",
                  R"({"structures": [{"structure": 1, "fields": {"bytes": 49, "more": [1]}}]})",
-                 "structures[0].fields: bytes tells of 2 elements, more has 1");
+                 "structures[0].fields: bytes counts 2 elements, more has 1");
   // A count below 0 has no elements, and no digits in the text.
   writeBytes("graph.json", R"({"structures": [{"structure": 1, "fields": {"bytes": -1}}]})");
   EXPECT_NE(outputOf({"port", "--encode", "graph.json", "--defs", "defs.json"}).find("(1,<"),
@@ -503,12 +530,11 @@ TEST_F(MemtoolPortTest, NotesOnWhatTheLibraryDrops) {
   const std::string item = "(7<1N04/2H1FA0>)";
   EXPECT_EQ(check("(21<1N-503/2\"ab//c\"/3S2>)" + item, 2),
             "new.port: sound, 64 characters, 2 structures\n");
-  EXPECT_EQ(
-      check("(21<1N1/4N1/5E(99<1N>)/6N>)", 1),
-      "new.port: sound, 50 characters, 1 structure\n"
-      "new.port: character 31: the library drops field 4 and all behind it, 5, 6: it is newer "
-      "than Order (StructID 12), whose last one is first\n"
-      "new.port: character 37: StructID 99 is unknown; the library does not look at it\n");
+  EXPECT_EQ(check("(21<1N1/4N1/5E(99<1N>)/6N>)", 1),
+            "new.port: sound, 50 characters, 1 structure\n"
+            "new.port: character 31: the library drops field 4 and all after it, 5, 6: it is newer "
+            "than Order (StructID 12), whose last one is first\n"
+            "new.port: character 37: StructID 99 is unknown; the library does not look at it\n");
   EXPECT_EQ(
       check("(21<1N1/3S2>)(7<1N/3N>)", 2),
       "new.port: sound, 46 characters, 2 structures\n"
@@ -528,7 +554,7 @@ TEST_F(MemtoolPortTest, NotesOnWhatTheLibraryDrops) {
   EXPECT_EQ(
       check("(21<1N1/3S2>)(7<1N-9>)", 2),
       "new.port: sound, 45 characters, 2 structures\n"
-      "new.port: character 39: the library takes the digits behind the sign of field pieces of "
+      "new.port: character 39: the library takes the digits after the sign of field pieces of "
       "Item (StructID 7) for a FieldID\n");
   writeBytes("new.port", portText("(21<1N8463847412/2\"abcdefgh\"/3S2>)(7<1N63556/2H0A0B0C>)", 2));
   // Only --check with definitions shows them.
@@ -612,7 +638,7 @@ TEST_F(MemtoolPortTest, NotesOnAFailure) {
   writeBytes("new.port", portText("(21<1N1/4'<'>)"));
   const std::vector<std::string> words{"port", "new.port", "--check", "--defs", "order.defs.json"};
   expectRefused(1, "new.port: End of port string reached!", words);
-  EXPECT_NE(runTool(words).out.find("new.port: character 31: the wide text holds one of \" < >, "
+  EXPECT_NE(runTool(words).out.find("new.port: character 31: the wide text contains one of \" < >, "
                                     "which the library takes for a mark while it drops fields\n"),
             std::string::npos);
 }
@@ -626,14 +652,15 @@ TEST_F(MemtoolPortTest, PointersToStructuresThatAreTooShort) {
         {"id": 2, "name": "short", "type": "Pnt", "offset": 8, "structure": 2}]},
       {"id": 2, "length": 2, "fields": [{"id": 1, "type": "Short", "offset": 0}]}]})");
   writeBytes("bad.port", portText("(1<1S2>)(2<1N7>)", 2));
-  expectRefused(1, "structure 2 (1): field next lies beyond the bytes that the text gave it",
+  expectRefused(1,
+                "structure 2 (1): field next is beyond the bytes that were read for the structure",
                 {"port", "bad.port", "--defs", "defs.json"});
   // Counts that are larger than the text's.
   writeBytes("defs.json", R"({"structures": [{"id": 1, "length": 4, "countField": "n", "fields": [
         {"id": 1, "name": "n", "type": "Long", "offset": 0, "length": 4},
         {"id": 2, "name": "b", "type": "Bit", "offset": 3}]}]})");
   writeBytes("bad.port", portText("(1,2<1N0001>)"));
-  expectRefused(1, "structure 1 (1): field b lies beyond the bytes that the text gave it",
+  expectRefused(1, "structure 1 (1): field b is beyond the bytes that were read for the structure",
                 {"port", "bad.port", "--defs", "defs.json"});
   // A text of a few characters that asks for much.
   writeBytes("bad.port", portText("(1,9999999999<1N1>)"));
@@ -709,7 +736,7 @@ TEST_F(MemtoolPortTest, WrongDefinitions) {
         "0].length: expected a whole number from 1 to 1");
   field(R"("type": "Long", "offset": 0, "length": 2)",
         "0].length: expected a whole number from 4 ");
-  field(R"("type": "Long", "offset": 13)", "0]: 4 bytes at 13 lie beyond the structure's 16");
+  field(R"("type": "Long", "offset": 13)", "0]: 4 bytes at 13 exceed the structure's 16");
   field(R"("type": "Long", "offset": -1)", "0].offset: expected a whole number from 0 ");
   field(R"("type": "Pnt", "offset": 0)", "0]: \"structure\" is missing");
   field(R"("type": "Pnt", "offset": 0, "structure": "none")", "0].structure: no such structure");
@@ -739,10 +766,11 @@ TEST_F(MemtoolPortTest, WrongDefinitions) {
   expectBadDefinitions(counted(R"("countField": "b")"),
                        "structures[0].countField: the field that counts must be a Short, ");
   expectBadDefinitions(counted(R"("countIsLength": true)"),
-                       "structures[0]: countIsLength goes with countField");
-  expectBadDefinitions(structure(R"("length": 4, "countField": 1,
+                       "structures[0]: countIsLength needs countField");
+  expectBadDefinitions(
+      structure(R"("length": 4, "countField": 1,
                    "fields": [{"id": 1, "type": "Long", "offset": 0}])"),
-                       "structures[0].countField: the last field is the one that is counted");
+      "structures[0].countField: the last field is the repeat field and cannot count itself");
 }
 
 TEST_F(MemtoolPortTest, StructuresWithoutEnd) {
@@ -797,7 +825,7 @@ TEST_F(MemtoolPortTest, WrongGraphs) {
                            {"label": "a", "structure": 12, "fields": {}}]})",
         "structures[1].label: a second structure with this label");
   fields(R"("x": 1)", ": Order has no field \"x\"");
-  fields(R"("amount": 1, "1": 2)", ".amount: told a second time");
+  fields(R"("amount": 1, "1": 2)", ".amount: appears a second time");
   fields(R"("amount": 2147483648)", ".amount: expected a whole number from -2147483648 to ");
   fields(R"("amount": "1x")", ".amount: expected a whole number");
   fields(R"("amount": "")", ".amount: expected a whole number");
@@ -831,7 +859,7 @@ TEST_F(MemtoolPortTest, WrongGraphs) {
   all(R"("sub": {"kex": 1})", ".sub: 20 has no field \"kex\"");
   all(R"("rows": {})", ".rows: expected an array");
   all(R"("rows": [{"key": "1x"}])", ".rows[0].key: expected a whole number");
-  all(R"("rowCount": 2, "rows": [{}])", ": rowCount tells of 2 elements, rows has 1");
+  all(R"("rowCount": 2, "rows": [{}])", ": rowCount counts 2 elements, rows has 1");
   expectBadGraph("all.defs.json", R"({"structures": [{"structure": 10, "fields": {}}]})",
                  "structures[0].fields: field asLong is required");
 }

@@ -127,6 +127,40 @@ if(code STREQUAL "0")
   endif()
 endif()
 
+# A port string takes little more memory than its text and what the library reads, whether it has many
+# structures (16 MB of text) or many elements (7 MB).
+if(code STREQUAL "3")
+  set(texts [[
+    { printf '(0000000000,0000300000)'
+      seq 2 300000 | rev | sed 's|.*|(1<1N503/2"a name"/3X81"a text of 16 chars"/4S&>)|' | tr -d '\n'
+      printf '(1<1N/4S>)'; } > list.port
+    { printf '(0000000000,0000000001)(1,000004<1N000004'
+      seq 400000 | sed 's|.*|/2E(2<1N1/2"ab">)|' | tr -d '\n'
+      printf '>)'; } > elements.port
+  ]])
+  execute_process(COMMAND sh -ec "${texts}" WORKING_DIRECTORY ${WORK} COMMAND_ERROR_IS_FATAL ANY)
+  file(WRITE ${WORK}/list.json [[{"structures": [{"id": 1, "length": 48, "fields": [
+    {"id": 1, "type": "Long", "offset": 0}, {"id": 2, "type": "CharSZ", "offset": 4, "length": 16},
+    {"id": 3, "type": "PStr", "offset": 24},
+    {"id": 4, "type": "Pnt", "offset": 32, "structure": 1}]}]}]])
+  file(WRITE ${WORK}/elements.json [[{"structures": [
+    {"id": 1, "length": 12, "countField": 1, "fields": [{"id": 1, "type": "Long", "offset": 0},
+      {"id": 2, "type": "Substructure", "offset": 4, "structure": 2}]},
+    {"id": 2, "length": 8, "fields": [{"id": 1, "type": "Long", "offset": 0},
+      {"id": 2, "type": "Char", "offset": 4, "length": 4}]}]}]])
+  foreach(name list elements)
+    foreach(words "" "--json" "--defs ${name}.json" "--defs ${name}.json --json")
+      execute_process(
+        COMMAND sh -c "ulimit -v 90000 && exec '${PROGRAM}' port ${name}.port ${words} > /dev/null"
+        WORKING_DIRECTORY ${WORK} RESULT_VARIABLE code ERROR_VARIABLE err)
+      if(NOT code STREQUAL "0")
+        fail("port ${name}.port ${words} takes more than 90 MB: ${code} ${err}")
+      endif()
+    endforeach()
+  endforeach()
+  file(REMOVE ${WORK}/list.port ${WORK}/elements.port)
+endif()
+
 # An old file survives a disk without room for the new one; special files are written as they are.
 file(WRITE ${WORK}/old.svg "old")
 execute_process(

@@ -96,7 +96,8 @@ void checkText(const PortOptions &options, const PortDocument &document) {
 }
 
 ExitCode showText(Tool &tool, const PortOptions &options) {
-  const PortDocument document = readPortText(readFile(options.file), tool.console);
+  const std::string text = readFile(options.file);
+  const PortDocument document = readPortText(text, tool.console);
   show(tool.console, options, document, {}, nullptr);
   tool.console.out().flush();
   if (options.checks) checkText(options, document);
@@ -105,11 +106,10 @@ ExitCode showText(Tool &tool, const PortOptions &options) {
   return kExitFine;
 }
 
-PortDocument decode(Tool &tool, const PortOptions &options, const PortDefinitions &definitions,
-                    const std::string &text) {
-  RunningLibrary library(pathFromUtf8(tool.library));
+PortDocument decode(RunningLibrary &library, const PortOptions &options,
+                    const PortDefinitions &definitions, const std::string &text, Console &console) {
   try {
-    return decodePortText(library, definitions, text, tool.console);
+    return decodePortText(library, definitions, text, console);
   } catch (const ToolError &error) {
     throw ToolError(options.file + ": " + error.what());
   }
@@ -125,7 +125,8 @@ ExitCode showDecoded(Tool &tool, const PortOptions &options) {
     notes = portNotes(definitions, document);
   }
   try {
-    const PortDocument document = decode(tool, options, definitions, text);
+    RunningLibrary library(pathFromUtf8(tool.library));
+    const PortDocument document = decode(library, options, definitions, text, tool.console);
     show(tool.console, options, document, notes, &definitions);
     showSound(tool.console, options, document);
   } catch (const ToolError &) {

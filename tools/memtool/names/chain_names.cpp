@@ -232,7 +232,7 @@ class NamedPrinter {
     if (item.field != nullptr) return showChainValue(*item.field, *item.value, kMostShown);
     // Only what is shown is copied.
     const std::string_view bytes = items_.bytesOf(segment, item);
-    return showPortValue(PortBytes{std::string(bytes)}, kMostShown);
+    return showPortValue(PortBytes{bytes}, kMostShown);
   }
 
   PortShown shownPointer(const Pointer &pointer) const {

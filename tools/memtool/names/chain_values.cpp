@@ -63,7 +63,7 @@ bool isEbcdicText(std::string_view text) {
 
 PortJson narrowValue(const Version &writer, std::string_view bytes) {
   if (!writer.isEbcdic || !isEbcdicText(bytes)) {
-    return portValueJson(PortText{.bytes = std::string(bytes)});
+    return portTextJson(bytes);
   }
   std::string utf8;
   for (const char byte : bytes) appendUtf8(utf8, latin1FromEbcdic(static_cast<std::uint8_t>(byte)));
@@ -73,11 +73,11 @@ PortJson narrowValue(const Version &writer, std::string_view bytes) {
 // None for 4-byte characters that are none.
 std::optional<PortJson> wideValue(const Version &writer, std::string_view bytes) {
   if (writer.wideSize == 2) {
-    PortWideText text;
+    std::u16string units;
     for (std::size_t at = 0; at < bytes.size(); at += 2) {
-      text.units += static_cast<char16_t>(numberAt(writer.isBigEndian, bytes.substr(at, 2)));
+      units += static_cast<char16_t>(numberAt(writer.isBigEndian, bytes.substr(at, 2)));
     }
-    return portValueJson(text);
+    return portUnitsJson(units);
   }
   std::string utf8;
   for (std::size_t at = 0; at < bytes.size(); at += 4) {

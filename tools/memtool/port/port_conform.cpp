@@ -131,15 +131,15 @@ std::int64_t mostElements(const Structure &structure, std::int64_t room) {
   return std::min(highest, left < 0 ? 0 : left / element);
 }
 
-// What the reader makes of the fields of one structure text.
+// What the reader does with the fields of one structure text.
 struct Reading {
   const Structure &old;
   const Structure &fresh;
-  std::int64_t room;  // bytes from its start to the end of what it is read into, without elements
-  std::int64_t roomWithElement;             // the same with one element, or the last of several
-  std::int64_t elements;                    // most of them
-  std::vector<const Field *> seen = {};     // fields of the new definition that always come
-  const Field *seenWithElements = nullptr;  // the one that comes when there are elements
+  std::int64_t room;             // bytes from its start to the end of its storage, without elements
+  std::int64_t roomWithElement;  // the same with one element, or the last of several
+  std::int64_t elements;         // most of them
+  std::vector<const Field *> seen = {};     // fields of the new definition that every text has
+  const Field *seenWithElements = nullptr;  // the one that texts with elements have
 };
 
 class Conformity {
@@ -196,7 +196,7 @@ class Conformity {
   std::map<std::uint32_t, std::pair<std::int64_t, std::int64_t>> embedded_;
 };
 
-// The definition by which the text is read; null when it is refused at once.
+// The definition for the text; null when the text is refused.
 const Structure *Conformity::readHead(const Structure &old) {
   const Structure *const fresh = fresh_.find(old.id);
   if (fresh == nullptr) {
@@ -204,8 +204,7 @@ const Structure *Conformity::readHead(const Structure &old) {
     return nullptr;
   }
   if (old.hasRepeatField() && !fresh->hasRepeatField()) {
-    refuse(old, nullptr,
-           "the text tells a number of elements, and the reader knows no repeat field");
+    refuse(old, nullptr, "the text has a number of elements, and the reader knows no repeat field");
     return nullptr;
   }
   return fresh;
@@ -226,12 +225,12 @@ void Conformity::readTop(const Structure &old) {
   }
   const std::int64_t least = sizeWithoutElements(old, *fresh);
   if (least < 1)
-    refuse(old, nullptr, "the reader's structure may have no bytes, which no heap gives");
+    refuse(old, nullptr, "the reader's structure may have 0 bytes, which no heap allocates");
   Reading reading{old, *fresh, least, fresh->length, mostElements(old, kEndless)};
   readFields(reading);
 }
 
-// `room`: bytes from the structure's start to the end of what the outermost one is read into.
+// `room`: bytes from the structure's start to the end of the outermost structure.
 void Conformity::readEmbedded(const Structure &old, const Field &around, const Field &freshAround,
                               const Structure &holder, std::int64_t room) {
   const Structure *const fresh = readHead(old);
@@ -250,7 +249,7 @@ void Conformity::readEmbedded(const Structure &old, const Field &around, const F
     return;
   }
   const std::int64_t elements = mostElements(old, around.record.Length);
-  // What holds with less room and more elements holds here.
+  // The findings with less room and more elements include those here.
   const auto seen = embedded_.find(old.id);
   if (seen != embedded_.end() && seen->second.first <= room && seen->second.second >= elements) {
     return;
@@ -289,14 +288,14 @@ void Conformity::readFields(Reading &reading) {
   checkCount(reading);
 }
 
-// Nothing of them is looked up, but what their pointers lead to is read.
+// The reader skips them, but it reads the structures that their pointers lead to.
 void Conformity::dropFrom(const Reading &reading, std::size_t first) {
   const Structure &old = reading.old;
   for (std::size_t i = first; i < old.fields.size(); ++i) {
     const Field &field = old.fields[i];
     if (field.record.NotPorted != 0) continue;
     note(PortEffect::Dropped, old, &field,
-         "the field is newer than what the reader knows, which drops it");
+         "the field is newer than what the reader knows; the reader drops it");
     const Opening opening = openingOf(field.type);
     bool hasWide = opening == Opening::Wide || opening == Opening::WideString;
     if (opening == Opening::Wide && roomOf(field) == 0) hasWide = false;
@@ -304,13 +303,14 @@ void Conformity::dropFrom(const Reading &reading, std::size_t first) {
     std::set<std::uint32_t> known;
     if (opening == Opening::Embedded) lookThrough(*field.target, known, hasWide);
     if (hasWide) {
-      refuse(old, &field,
-             "wide text with one of \" < > ends the dropping of newer fields at another place");
+      refuse(
+          old, &field,
+          "wide text with one of \" < > makes the reader end the dropped fields at another place");
     }
   }
 }
 
-// A structure of which nothing is read: its pointers, and whether it has wide text.
+// A structure that the reader skips: its pointers, and whether it has wide text.
 void Conformity::lookThrough(const Structure &structure, std::set<std::uint32_t> &known,
                              bool &hasWide) {
   if (!known.insert(structure.id).second) return;
@@ -350,7 +350,7 @@ void Conformity::readField(Reading &reading, const Field &old, const Field &fres
   }
 }
 
-// Only bytes of what was allocated are written.
+// The reader writes only within what it has allocated.
 void Conformity::checkRoom(const Reading &reading, const Field &old, const Field &fresh) {
   const bool isElement = isRepeat(reading.old, old);
   const bool isEmbedded = openingOf(old.type) == Opening::Embedded;
@@ -380,7 +380,7 @@ void Conformity::readValue(const Structure &around, const Field &old, const Fiel
     case Opening::Embedded:
       if (old.target->id == fresh.target->id) return;
       note(PortEffect::Changed, around, &old,
-           fmt::format("the reader takes a {} (StructID {}) for a {} (StructID {})",
+           fmt::format("the reader reads a {} (StructID {}) as a {} (StructID {})",
                        old.target->name, old.target->id, fresh.target->name, fresh.target->id));
       return;
     default:
@@ -388,7 +388,7 @@ void Conformity::readValue(const Structure &around, const Field &old, const Fiel
   }
 }
 
-// Char and WChar are written in their whole length.
+// Writers write all bytes of Char and WChar.
 void Conformity::readText(const Structure &around, const Field &old, const Field &fresh) {
   const bool isBytes = old.type == MEM_PORT_BIN;
   const char *const unit = isBytes ? "bytes" : "characters";
@@ -472,13 +472,13 @@ void Conformity::giveDefault(const Reading &reading, const Field &field,
   for (const Field *other : seen) {
     if (!other->overlaps(field)) continue;
     note(PortEffect::Changed, reading.old, other,
-         fmt::format("the default of field {}, which the text does not have, is put over it",
+         fmt::format("the default of field {}, which the text does not have, overwrites it",
                      field.name));
   }
 }
 
-// Two fields lie as in the old definition, and have the same types.
-bool liesAsBefore(const Structure &old, const Field &one, const Field &two) {
+// Two fields have the types, the lengths and the distance of the old definition.
+bool isPlacedAsBefore(const Structure &old, const Field &one, const Field &two) {
   const Field &oldOne = *fieldWithId(old, one.record.FieldID);
   const Field &oldTwo = *fieldWithId(old, two.record.FieldID);
   return oldOne.type == one.type && oldTwo.type == two.type &&
@@ -486,13 +486,13 @@ bool liesAsBefore(const Structure &old, const Field &one, const Field &two) {
          oldTwo.record.Offset - oldOne.record.Offset == two.record.Offset - one.record.Offset;
 }
 
-// Fields that share bytes for the reader only: among each other, and with the elements, which go on
-// over what is behind the repeat field.
+// Fields that share bytes for the reader only: with one another, and with the elements, which
+// continue over what follows the repeat field.
 void Conformity::checkOverlaps(const Reading &reading) {
   const auto check = [&](const Field &one, const Field &two) {
-    if (liesAsBefore(reading.old, one, two)) return;
+    if (isPlacedAsBefore(reading.old, one, two)) return;
     note(PortEffect::Changed, reading.old, &one,
-         fmt::format("the reader puts field {} over some of its bytes", two.name));
+         fmt::format("the reader overwrites some of its bytes with field {}", two.name));
   };
   for (std::size_t i = 0; i < reading.seen.size(); ++i) {
     const Field &one = *reading.seen[i];
@@ -501,13 +501,13 @@ void Conformity::checkOverlaps(const Reading &reading) {
     }
     const Field *const repeated = reading.seenWithElements;
     if (repeated == nullptr) continue;
-    const bool isBehind = reading.elements > 1 && repeated == &reading.fresh.fields.back() &&
-                          one.record.Offset + one.storedLength() > repeated->record.Offset;
-    if (isBehind || one.overlaps(*repeated)) check(one, *repeated);
+    const bool isAfter = reading.elements > 1 && repeated == &reading.fresh.fields.back() &&
+                         one.record.Offset + one.storedLength() > repeated->record.Offset;
+    if (isAfter || one.overlaps(*repeated)) check(one, *repeated);
   }
 }
 
-// Whoever reads the structure counts its elements by the field that counts.
+// Programs count the elements of a structure by its count field.
 void Conformity::checkCount(const Reading &reading) {
   const Structure &old = reading.old;
   const Structure &fresh = reading.fresh;
@@ -526,7 +526,7 @@ void Conformity::checkCount(const Reading &reading) {
   }
   if (!isSame) {
     note(PortEffect::Changed, old, &count,
-         "for the reader the field counts elements, and it may hold another number than there are");
+         "for the reader the field counts elements, and its value may differ from their number");
   }
 }
 

@@ -15,7 +15,7 @@ enum class PortEffect : std::uint8_t {
   Refused,    // the reader refuses at least one text
   Dropped,    // it reads them, without this
   Changed,    // it reads them, and a value may become another one
-  Undefined,  // it reads them, and leaves this as the storage came
+  Undefined,  // it reads them, and does not initialise this
 };
 const char *nameOf(PortEffect effect);
 
@@ -38,9 +38,9 @@ struct PortConformity {
   bool isLossless() const { return findings.empty(); }
 };
 
-// Texts of structures that are as `old` describes them: text with a zero as its end has it inside
-// of its field, embedded structures with elements lie within theirs, and the storage suffices. With
-// `root` only texts that begin with that structure count; null: any structure may be the first.
+// Texts of structures that are as `old` describes them: zero-terminated text ends within its field,
+// embedded structures with their elements do so, too, and there is enough storage. With `root` only
+// texts that begin with that structure count; null: any structure may be the first.
 PortConformity checkConformity(const PortDefinitions &old, const PortDefinitions &fresh,
                                const PortStructDefinition *root);
 

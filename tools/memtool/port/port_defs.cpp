@@ -19,7 +19,7 @@ constexpr std::int64_t kWideUnit = 2;
 
 struct TypeRow {
   const char *name;
-  std::int64_t width;  // of the value; 0 when the field's length tells it
+  std::int64_t width;  // of the value; 0: it is the field's length
 };
 
 // By type code.
@@ -96,8 +96,8 @@ void checkPlace(const PortStructDefinition &definition, const PortFieldDefinitio
                 const PortJsonNode &node) {
   const std::int64_t stored = std::max<std::int64_t>(field.storedLength(), field.record.Length);
   if (field.record.Offset > definition.length - stored) {
-    node.fail(fmt::format("{} bytes at {} lie beyond the structure's {}", stored,
-                          field.record.Offset, definition.length));
+    node.fail(fmt::format("{} bytes at {} exceed the structure's {}", stored, field.record.Offset,
+                          definition.length));
   }
 }
 
@@ -111,7 +111,7 @@ void readNumberDefault(PortFieldDefinition &field, const PortJsonNode &node) {
   const bool isShort = field.type == MEM_PORT_SHORT || field.type == MEM_PORT_USHORT;
   const bool isSigned =
       field.type == MEM_PORT_SHORT || field.type == MEM_PORT_LONG || field.type == MEM_PORT_BIGINT;
-  // Of a 64-bit field the reader sets the lower half only, so a default below 0 cannot be.
+  // Of a 64-bit field the reader sets the lower half only: a default below 0 is impossible.
   const std::int64_t lowest = field.type == MEM_PORT_SHORT  ? INT16_MIN
                               : field.type == MEM_PORT_LONG ? INT32_MIN
                                                             : 0;
@@ -151,7 +151,7 @@ void readDefault(PortFieldDefinition &field, const PortJsonNode &node) {
   }
 }
 
-// The record points to the definition's own text, once that has its final place.
+// The record points to the definition's own text. REQUIRES: the definition no longer moves.
 void linkDefault(PortFieldDefinition &field, bool isGiven) {
   if (!isGiven) return;
   switch (field.type) {
@@ -254,7 +254,7 @@ PortDefinitions::PortDefinitions(const std::string &name, std::string_view json)
   buildTable();
 }
 
-// Heads first: fields may name any structure.
+// Before the fields, which may name any structure.
 void PortDefinitions::addStructures(const std::vector<PortJsonNode> &nodes) {
   for (const PortJsonNode &node : nodes) {
     node.requireKeys({"id", "name", "length", "countField", "countIsLength", "fields"});
@@ -278,7 +278,7 @@ void PortDefinitions::addFields(PortStructDefinition &definition, const PortJson
   if (nodes.size() > MEM_PORT_MAX_FIELDS) {
     list.fail(fmt::format("more than {} fields", static_cast<int>(MEM_PORT_MAX_FIELDS)));
   }
-  definition.fields.reserve(nodes.size());  // defaults are linked to where they lie
+  definition.fields.reserve(nodes.size());  // no default may move once it is linked
   for (const PortJsonNode &field : nodes) addField(definition, field);
   setCount(definition, node);
   markShared(definition);
@@ -330,7 +330,7 @@ void PortDefinitions::setCount(PortStructDefinition &definition, const PortJsonN
   definition.countIsLength = readFlag(node, "countIsLength");
   const std::optional<PortJsonNode> named = node.find("countField");
   if (!named || named->json().is_null()) {
-    if (definition.countIsLength) node.fail("countIsLength goes with countField");
+    if (definition.countIsLength) node.fail("countIsLength needs countField");
     return;
   }
   const PortFieldDefinition *field = definition.find(nameOrId(*named));
@@ -338,12 +338,13 @@ void PortDefinitions::setCount(PortStructDefinition &definition, const PortJsonN
   if (field->type < MEM_PORT_SHORT || field->type > MEM_PORT_ULONG) {
     named->fail("the field that counts must be a Short, UShort, Long or ULong");
   }
-  if (field == &definition.repeatField()) named->fail("the last field is the one that is counted");
+  if (field == &definition.repeatField())
+    named->fail("the last field is the repeat field and cannot count itself");
   if (definition.repeatField().record.Length == 0) named->fail("the last field has no bytes");
   definition.countField = static_cast<std::int32_t>(field - definition.fields.data());
 }
 
-// Refuses structures that hold themselves.
+// Refuses structures that contain themselves.
 PortDefinitions::Size PortDefinitions::measure(const PortStructDefinition &definition,
                                                const PortJsonNode &node, int level) {
   const auto known = sizes_.find(&definition);

@@ -15,8 +15,8 @@
 
 namespace memtool {
 
-// Fields of a structure, those of structures embedded in it counted too, are bounded, so that a few
-// definitions cannot describe a structure without end.
+// Limit of the fields of a structure, with those of the structures embedded in it: a few
+// definitions must not describe an endless structure.
 inline constexpr std::uint64_t kMostPortFields = 65536;
 
 struct PortFieldDefinition {
@@ -32,7 +32,7 @@ struct PortFieldDefinition {
 
   // Bytes that the library reads or writes at the field.
   std::int64_t storedLength() const;
-  // Its bytes hold an address.
+  // Its bytes are an address.
   bool isAddress() const;
   bool overlaps(const PortFieldDefinition &other) const;
 };
@@ -60,21 +60,21 @@ struct PortStructDefinition {
   const PortFieldDefinition *find(std::string_view field) const;
 };
 
-// Value of a field that counts, at its bytes.
+// Value of a count field, at its bytes.
 std::int64_t readPortCount(const PortFieldDefinition &field, const std::byte *at);
 
 // Name of a field type, "CharSZ".
 const char *portTypeName(MEMFieldType type);
 
-// A table of sound definitions: all that the library takes for granted holds.
+// A table of valid definitions: all that the library assumes of a table holds.
 class PortDefinitions {
  public:
-  // Throws ToolError. `name` stands in messages.
+  // Throws ToolError with a message that begins with `name`.
   PortDefinitions(const std::string &name, std::string_view json);
   PortDefinitions(const PortDefinitions &) = delete;
   PortDefinitions &operator=(const PortDefinitions &) = delete;
 
-  // The library's form. It lives as long as this.
+  // The library's form. Valid as long as this object.
   const MEMStructDef *table() const { return table_.data(); }
 
   const PortStructDefinition *find(std::uint32_t id) const;

@@ -14,7 +14,7 @@ constexpr std::size_t kMostShown = 60;  // characters of a value
 
 // A field by its name: "3", "3[1]" for an element, "3.1" in an embedded structure.
 struct NamedField {
-  const PortField *field = nullptr;
+  PortField field;
   std::string text = {};  // of an embedded structure: its kind and elements
 };
 using NamedFields = std::map<std::string, NamedField>;
@@ -25,37 +25,40 @@ std::string headText(const PortStructure &structure) {
   return text;
 }
 
-void addFields(const PortStructure &structure, const std::string &prefix, NamedFields &fields) {
+void addFields(PortReader &reader, const std::string &prefix, NamedFields &named) {
   std::map<std::uint32_t, std::size_t> times;
-  for (const PortField &field : structure.fields) {
+  for (PortFields fields(reader); fields.next();) {
+    const PortField &field = fields.field();
     const std::size_t time = times[field.id]++;
     const std::string index = time == 0 ? "" : fmt::format("[{}]", time);
     const std::string name = fmt::format("{}{}{}", prefix, field.id, index);
     if (const auto *embedded = std::get_if<PortEmbedded>(&field.value)) {
-      fields[name] = {&field, headText(*embedded->structure)};
-      addFields(*embedded->structure, name + ".", fields);
+      named[name] = {field, headText(embedded->structure)};
+      addFields(reader, name + ".", named);
     } else {
-      fields[name] = {&field};
+      named[name] = {field, ""};
     }
   }
 }
 
 std::string shown(const NamedField &named) {
   if (!named.text.empty()) return named.text;
-  return showPortValue(named.field->value, kMostShown).text;
+  return showPortValue(named.field.value, kMostShown).text;
 }
 
 bool isSame(const PortNumber &a, const PortNumber &b) {
   return a.isNegative == b.isNegative && a.magnitude == b.magnitude;
 }
 bool isSame(const PortText &a, const PortText &b) {
-  return a.isString == b.isString && a.isNull == b.isNull && a.bytes == b.bytes;
+  return a.isString == b.isString && a.isNull == b.isNull && a.length == b.length &&
+         a.bytes() == b.bytes();
 }
 bool isSame(const PortWideText &a, const PortWideText &b) {
-  return a.isString == b.isString && a.isNull == b.isNull && a.units == b.units;
+  return a.isString == b.isString && a.isNull == b.isNull && a.length == b.length &&
+         a.units() == b.units();
 }
 bool isSame(const PortBytes &a, const PortBytes &b) {
-  return a.bytes == b.bytes;
+  return a.size() == b.size() && a.bytes(0, a.size()) == b.bytes(0, b.size());
 }
 bool isSame(PortFlags a, PortFlags b) {
   return a.bits == b.bits;
@@ -64,7 +67,7 @@ bool isSame(PortPointer, PortPointer) {
   return true;  // followed
 }
 bool isSame(const PortEmbedded &, const PortEmbedded &) {
-  return true;  // their fields follow by themselves
+  return true;  // their fields are compared on their own
 }
 
 bool haveSameValue(const PortValue &a, const PortValue &b) {
@@ -77,13 +80,11 @@ bool haveSameValue(const PortValue &a, const PortValue &b) {
 class PortDiff {
  public:
   PortDiff(const PortDocument &a, const PortDocument &b, const DifferenceSink &sink)
-      : a_(a),
-        b_(b),
-        walk_(a.structures.size(), b.structures.size(), placeOf(a), placeOf(b), sink) {}
+      : a_(a), b_(b), walk_(a.count(), b.count(), placeOf(a), placeOf(b), sink) {}
 
   PortComparison run() {
     walk_.begin(0, 0);
-    while (const auto pair = walk_.next()) compare(a_.structures[pair->a], b_.structures[pair->b]);
+    while (const auto pair = walk_.next()) compare(*a_.read(pair->a + 1), *b_.read(pair->b + 1));
     return {walk_.pairs(), walk_.differences()};
   }
 
@@ -91,11 +92,13 @@ class PortDiff {
   static GraphWalk::PlaceOf placeOf(const PortDocument &document) {
     return [&document](std::size_t node) {
       return fmt::format("structure {}, character {}", node + 1,
-                         document.structures[node].offset.value_or(0));
+                         document.structure(node + 1).offset.value_or(0));
     };
   }
 
-  void compare(const PortStructure &a, const PortStructure &b) {
+  void compare(PortReader &readerA, PortReader &readerB) {
+    const PortStructure &a = readerA.structure();
+    const PortStructure &b = readerB.structure();
     if (a.id != b.id) {
       walk_.differ("StructID", std::to_string(a.id), std::to_string(b.id));
       return;
@@ -103,8 +106,8 @@ class PortDiff {
     if (a.elements != b.elements) walk_.differ("elements", elements(a), elements(b));
     NamedFields fieldsA;
     NamedFields fieldsB;
-    addFields(a, "", fieldsA);
-    addFields(b, "", fieldsB);
+    addFields(readerA, "", fieldsA);
+    addFields(readerB, "", fieldsB);
     for (const auto &[name, field] : fieldsA) {
       const auto other = fieldsB.find(name);
       if (other == fieldsB.end()) {
@@ -119,15 +122,15 @@ class PortDiff {
   }
 
   static std::string elements(const PortStructure &structure) {
-    return structure.elements ? std::to_string(*structure.elements) : "none told";
+    return structure.elements ? std::to_string(*structure.elements) : "none";
   }
 
   void compareField(const std::string &name, const NamedField &a, const NamedField &b) {
-    const PortValue &one = a.field->value;
-    const PortValue &other = b.field->value;
+    const PortValue &one = a.field.value;
+    const PortValue &other = b.field.value;
     if (one.index() != other.index()) {
       const auto formed = [](const NamedField &field) {
-        return fmt::format("{} {}", portFormName(field.field->value), shown(field));
+        return fmt::format("{} {}", portFormName(field.field.value), shown(field));
       };
       walk_.differ(name, formed(a), formed(b));
     } else if (const auto *pointer = std::get_if<PortPointer>(&one)) {

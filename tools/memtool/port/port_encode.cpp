@@ -51,7 +51,7 @@ T load(const std::byte *from) {
   return value;
 }
 
-// Makes the structures in storage.
+// Builds the structures in memory.
 class GraphMaker {
  public:
   GraphMaker(const PortDefinitions &definitions, const PortJsonNode &top)
@@ -80,14 +80,14 @@ class GraphMaker {
   void applyDefault(const PortFieldDefinition &field, MadePlace structure);
 
   void verify(const PortStructDefinition &definition, const PortJsonNode &node, MadePlace place);
-  bool isSound(const PortFieldDefinition &field, const void *address) const;
+  bool isValid(const PortFieldDefinition &field, const void *address) const;
 
   const PortDefinitions &definitions_;
   const PortJsonNode &top_;
   std::deque<MadeStructure> structures_;
   std::map<std::string, const MadeStructure *, std::less<>> byLabel_;
   std::map<const void *, const PortStructDefinition *> byAddress_;
-  std::deque<std::string> strings_;  // a deque: what they hold keeps its address
+  std::deque<std::string> strings_;  // a deque: its elements keep their addresses
   std::deque<std::u16string> wideStrings_;
   std::set<const void *> stringAddresses_;
   std::set<const void *> wideAddresses_;
@@ -104,9 +104,9 @@ const MadeStructure &GraphMaker::run() {
   return root();
 }
 
-// Storage first: pointers may name any structure.
+// Storage for all before the fields: pointers may name any structure.
 void GraphMaker::addStructures() {
-  // Notes are those of --check, a selection is what a filter left.
+  // "notes" come from --check, "selection" from a filter.
   top_.requireKeys({"root", "structures", "notes", "selection"});
   std::int64_t total = 0;
   for (const PortJsonNode &node : top_.at("structures").elements()) {
@@ -119,7 +119,7 @@ void GraphMaker::addStructures() {
     const std::int64_t length = definition->lengthWith(elementsIn(*definition, fields));
     total += length;
     if (total > kMostStorage) node.fail("the structures take more than 1 GB");
-    // At least a byte, so that each has an address of its own.
+    // One byte more, so that each has its own address.
     auto bytes = std::make_unique<std::byte[]>(static_cast<std::size_t>(length) + 1);
     byAddress_[bytes.get()] = definition;
     structures_.push_back({definition, node, length, std::move(bytes)});
@@ -149,7 +149,7 @@ const PortFieldDefinition &GraphMaker::fieldOf(const PortStructDefinition &defin
   return *field;
 }
 
-// Elements of the array that the last field is; none when it is absent.
+// Elements of the array that the last field is; 0 when it is absent.
 std::int64_t GraphMaker::elementsIn(const PortStructDefinition &definition,
                                     const PortJsonNode &fields) const {
   if (!fields.json().is_object()) fields.fail("expected an object");
@@ -176,7 +176,7 @@ void GraphMaker::fill(const PortStructDefinition &definition, const PortJsonNode
     const PortFieldDefinition &field = fieldOf(definition, fields, key);
     const auto index = static_cast<std::size_t>(&field - definition.fields.data());
     const PortJsonNode node = fields.member(field.name, value);
-    if (isSet[index]) node.fail("told a second time");
+    if (isSet[index]) node.fail("appears a second time");
     isSet[index] = true;
     if (!definition.isRepeatField(index)) {
       fillField(field, node, place, field.record.Offset);
@@ -212,7 +212,7 @@ void GraphMaker::complete(const PortStructDefinition &definition, const PortJson
   if (definition.hasRepeatField()) fillCount(definition, fields, isSet, place);
 }
 
-// Where the field that counts is not described, it follows from the array.
+// A count field that is not described follows from the array.
 void GraphMaker::fillCount(const PortStructDefinition &definition, const PortJsonNode &fields,
                            const std::vector<bool> &isSet, MadePlace place) {
   const auto index = static_cast<std::size_t>(definition.countField);
@@ -225,7 +225,7 @@ void GraphMaker::fillCount(const PortStructDefinition &definition, const PortJso
   const std::int64_t counted =
       definition.elementsOf(readPortCount(field, place.bytes + field.record.Offset));
   if (counted != elements) {
-    fields.fail(fmt::format("{} tells of {} elements, {} has {}", field.name, counted,
+    fields.fail(fmt::format("{} counts {} elements, {} has {}", field.name, counted,
                             definition.repeatField().name, elements));
   }
 }
@@ -266,7 +266,7 @@ void GraphMaker::applyDefault(const PortFieldDefinition &field, MadePlace struct
 
 void GraphMaker::fillField(const PortFieldDefinition &field, const PortJsonNode &node,
                            MadePlace place, std::int64_t offset) {
-  if (!place.holds(offset, field.storedLength())) node.fail("lies beyond the structure");
+  if (!place.holds(offset, field.storedLength())) node.fail("is beyond the end of the structure");
   std::byte *const to = place.bytes + offset;
   switch (field.type) {
     case MEM_PORT_SHORT:
@@ -339,7 +339,7 @@ const char16_t *GraphMaker::keepWideString(const PortJsonNode &node) {
   return kept.c_str();
 }
 
-// The writer believes every pointer and every count. Fields that share bytes can spoil both.
+// The writer trusts every pointer and every count. Fields that share bytes can make both invalid.
 void GraphMaker::verify(const PortStructDefinition &definition, const PortJsonNode &node,
                         MadePlace place) {
   std::int64_t elements = 1;
@@ -348,7 +348,7 @@ void GraphMaker::verify(const PortStructDefinition &definition, const PortJsonNo
     const PortFieldDefinition &count = definition.fields[index];
     elements = definition.elementsOf(readPortCount(count, place.bytes + count.record.Offset));
     if (!place.holds(0, definition.lengthWith(elements))) {
-      node.fail(fmt::format("{} shares its bytes with another field, and tells of {} elements now",
+      node.fail(fmt::format("{} shares its bytes with another field, and counts {} elements now",
                             count.name, elements));
     }
   }
@@ -359,11 +359,11 @@ void GraphMaker::verify(const PortStructDefinition &definition, const PortJsonNo
     for (std::int64_t k = 0; k < times; ++k) {
       const std::int64_t at = field.record.Offset + k * field.record.Length;
       if (!place.holds(at, field.storedLength())) {
-        node.fail(fmt::format("field {} lies beyond the structure", field.name));
+        node.fail(fmt::format("field {} is beyond the end of the structure", field.name));
       }
       if (field.type == MEM_PORT_SUBSTRUCTURE) {
         verify(*field.target, node, place.within(at));
-      } else if (field.isAddress() && !isSound(field, load<const void *>(place.bytes + at))) {
+      } else if (field.isAddress() && !isValid(field, load<const void *>(place.bytes + at))) {
         node.fail(fmt::format("field {} has bytes of another field or a default, and is no pointer",
                               field.name));
       }
@@ -371,7 +371,7 @@ void GraphMaker::verify(const PortStructDefinition &definition, const PortJsonNo
   }
 }
 
-bool GraphMaker::isSound(const PortFieldDefinition &field, const void *address) const {
+bool GraphMaker::isValid(const PortFieldDefinition &field, const void *address) const {
   if (address == nullptr) return true;
   if (field.type == MEM_PORT_PSTR) return stringAddresses_.count(address) != 0;
   if (field.type == MEM_PORT_WPSTR) return wideAddresses_.count(address) != 0;

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <utility>
-#include <vector>
 
 namespace memtool {
 namespace {
@@ -48,7 +47,7 @@ std::int16_t PortHeapWatch::allocateNoting(HMEMHEAP heap, std::int32_t length, v
   if (result != 0) return result;
   total_ += length;
   try {
-    entries_[*entry] = length;
+    entries_.push_back({*entry, length, 0});
   } catch (const std::exception &) {
     return kFailed;
   }

@@ -1,9 +1,9 @@
-// A heap for one call of the port string services, and what a call tells beyond its result.
+// A heap for one call of the port string services, the entries that it allocates, and its messages.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
+#include <deque>
 #include <string>
 #include <string_view>
 
@@ -11,7 +11,7 @@
 
 namespace memtool {
 
-// The heap that a call works in. Closed at destruction, on the thread of construction.
+// The heap of a call. Closed at destruction, on the thread of construction.
 class PortHeap {
  public:
   explicit PortHeap(RunningLibrary &library);
@@ -26,14 +26,19 @@ class PortHeap {
   HMEMHEAP handle_ = nullptr;
 };
 
-// Addresses of entries, with their lengths in bytes.
-using PortEntries = std::map<const void *, std::int64_t>;
+// An entry of a heap. There may be millions of them.
+struct PortEntry {
+  const void *address = nullptr;
+  std::int32_t length = 0;   // in bytes
+  std::uint32_t number = 0;  // of the structure in it; 0 for none yet
+};
+using PortEntries = std::deque<PortEntry>;
 
-// Takes note of all entries of a heap while it lives: the library calls the heap through the vector
-// of its host, and the host may replace a slot. So every structure and string that a reading call
-// makes is known by address and length, whatever the text made of the pointers. Refuses entries
-// when all together pass a limit, because a text of a few characters can ask for any length. One
-// lives at a time.
+// Records all entries of a heap while it exists: the library calls the heap through the vector of
+// its host, and the host may replace a slot. So the address and length of every structure and
+// string that a reading call makes are known, whatever addresses the text puts into pointers.
+// Refuses an entry when all together exceed a limit, because a text of a few characters can ask for
+// any length. One at a time.
 class PortHeapWatch {
  public:
   PortHeapWatch(RunningLibrary &library, const PortHeap &heap);
@@ -54,7 +59,7 @@ class PortHeapWatch {
   std::int64_t total_ = 0;
 };
 
-// Keeps the records of a call to tell why it failed.
+// Keeps the records of a call to report why it failed.
 class PortMessages {
  public:
   explicit PortMessages(RunningLibrary &library);

@@ -14,8 +14,8 @@
 namespace memtool {
 namespace {
 
-// Text as bytes, filled up with `fill` to the whole characters of the field and with zeros to its
-// length. `room` is what the text may take of it.
+// Text as bytes, padded with `fill` to the whole characters of the field and with zeros to its
+// length. The text may have `room` bytes.
 std::string padded(const PortJsonNode &node, std::string bytes, std::size_t room,
                    std::size_t length, std::string_view fill) {
   if (bytes.size() > room) {
@@ -45,21 +45,21 @@ std::string lineAt(std::string_view text, std::size_t offset) {
                      columnsOf(before.substr(start)) + 1);
 }
 
-// Where the string at `at` ends.
-std::size_t behindString(std::string_view json, std::size_t at) {
+// Offset after the string at `at`.
+std::size_t afterString(std::string_view json, std::size_t at) {
   for (++at; at < json.size() && json[at] != '"'; ++at) {
     if (json[at] == '\\') ++at;
   }
   return std::min(at + 1, json.size());
 }
 
-// Where each value of a JSON text begins, in order.
+// Offset of each value of a JSON text, in order.
 std::vector<std::size_t> valueOffsets(std::string_view json) {
   constexpr std::string_view kBetween = " \t\r\n,:]}";
   std::vector<std::size_t> offsets;
   for (std::size_t at = 0; at < json.size();) {
     if (json[at] == '"') {
-      const std::size_t end = behindString(json, at);
+      const std::size_t end = afterString(json, at);
       const std::size_t next = json.find_first_not_of(" \t\r\n", end);
       const bool isKey = next != std::string_view::npos && json[next] == ':';
       if (!isKey) offsets.push_back(at);
@@ -76,7 +76,7 @@ std::vector<std::size_t> valueOffsets(std::string_view json) {
   return offsets;
 }
 
-// A whole number as a JSON number or as its text, which programs that know doubles only keep.
+// A whole number as a JSON number or as text, which programs that know only doubles do not change.
 template <class Number>
 std::optional<Number> wholeNumber(const PortJson &json) {
   if (json.is_number_unsigned()) {
@@ -112,7 +112,7 @@ PortJsonText::PortJsonText(std::string name, std::string_view text)
   }
 }
 
-// Values stand in the document in the order of the text, unless a key stands twice in an object.
+// The document has its values in the order of the text, unless an object has a key twice.
 std::string PortJsonText::placeOf(const PortJson &value) const {
   std::size_t count = 0;
   std::optional<std::size_t> wanted;
@@ -189,7 +189,7 @@ const std::string &PortJsonNode::name() const {
   return name;
 }
 
-// Text is no number here.
+// Does not take a number as text.
 std::int64_t PortJsonNode::integer(std::int64_t least, std::int64_t most) const {
   if (json_->is_string()) fail(fmt::format("expected a whole number from {} to {}", least, most));
   return number(least, most);

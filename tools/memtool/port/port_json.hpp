@@ -1,4 +1,4 @@
-// Reading of JSON that a user wrote: what is wrong with it is told together with its place.
+// Reading of JSON that a user wrote. Mistakes are reported with their place.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace memtool {
 
-// A document, and the text that it was read from, which must outlive it.
+// A document. The text that it is read from must outlive it.
 class PortJsonText {
  public:
   // Throws ToolError with the place where the text stops being JSON.
@@ -30,8 +30,8 @@ class PortJsonText {
   PortJson document_;
 };
 
-// A value within a document, which must outlive it. What does not have the wanted form is a
-// ToolError that names the place: "defs.json: structures[0].id: … (line 3, column 12)".
+// A value within a document, which must outlive it. A value that does not have the wanted form is
+// a ToolError that names the place: "defs.json: structures[0].id: … (line 3, column 12)".
 class PortJsonNode {
  public:
   // A whole document.
@@ -49,7 +49,7 @@ class PortJsonNode {
 
   std::vector<PortJsonNode> elements() const;
   const std::string &text() const;
-  // What stands in tables and pictures, and where numbers may stand: neither empty nor a number.
+  // A name for tables and pictures, and for use in place of a number: neither empty nor a number.
   const std::string &name() const;
   std::int64_t integer(std::int64_t least, std::int64_t most) const;
   // Values of fields: a number, or its decimal digits as text.
@@ -65,10 +65,10 @@ class PortJsonNode {
   const PortJsonText *text_;
   const PortJson *json_;
   std::string place_;
-  const char *separator_;  // in front of a member's name
+  const char *separator_;  // before a member's name
 };
 
-// The forms that portValueJson writes. `node` holds text, {"hex": …} or {"units": […]}.
+// The forms that writePortValue writes. `node` holds text, {"hex": …} or {"units": […]}.
 std::string portTextOf(const PortJsonNode &node);
 std::u16string portUnitsOf(const PortJsonNode &node);
 

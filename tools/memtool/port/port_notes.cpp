@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace memtool {
@@ -10,12 +11,12 @@ namespace {
 
 // Narrow text may be read into wide fields, unit by unit.
 std::size_t unitsOf(const PortValue &value) {
-  if (const auto *text = std::get_if<PortText>(&value)) return text->bytes.size();
+  if (const auto *text = std::get_if<PortText>(&value)) return text->length;
   const auto *wide = std::get_if<PortWideText>(&value);
-  return wide == nullptr ? 0 : wide->units.size();
+  return wide == nullptr ? 0 : wide->length;
 }
 
-// Units of text that a field keeps; strings behind a pointer have any length.
+// Units of text that a field keeps; strings of pointer fields have any length.
 std::int64_t roomOf(const PortFieldDefinition &field) {
   const std::int64_t length = field.record.Length;
   switch (field.type) {
@@ -64,20 +65,21 @@ class Notes {
  public:
   explicit Notes(const PortDefinitions &definitions) : definitions_(definitions) {}
 
-  void add(const PortStructure &structure) {
+  // The structure that the reader has just begun.
+  void add(PortReader &reader, const PortStructure &structure) {
     const PortStructDefinition *const definition = definitions_.find(structure.id);
     if (definition == nullptr) return;  // the library refuses it
-    for (std::size_t i = 0; i < structure.fields.size(); ++i) {
-      const PortField &field = structure.fields[i];
+    for (PortFields fields(reader); fields.next();) {
+      const PortField &field = fields.field();
       const PortFieldDefinition *const known = definition->find(std::to_string(field.id));
       if (known == nullptr) {
         if (definition->fields.empty() || field.id > definition->fields.back().record.FieldID) {
-          addDropped(*definition, structure, i);
+          addDropped(*definition, reader, fields);
         }
         return;
       }
       if (hasLostSign(*known, field)) return addLostSign(*definition, *known, field);
-      addValue(*definition, *known, field);
+      addValue(*definition, *known, reader, field);
     }
   }
 
@@ -96,64 +98,66 @@ class Notes {
            !isSigned(known.type);
   }
 
-  // A number without a sign ends before it, and any character separates fields.
+  // The reader of an unsigned number stops at the sign, and takes any character for a separator.
   void addLostSign(const PortStructDefinition &definition, const PortFieldDefinition &known,
                    const PortField &field) {
     notes_.push_back(
         {field.offset, definition.id, field.id,
-         fmt::format("the library takes the digits behind the sign of field {} of {} for a FieldID",
+         fmt::format("the library takes the digits after the sign of field {} of {} for a FieldID",
                      known.name, nameOf(definition))});
   }
 
-  // The field at `first` is newer than the definition: it goes, and all that follows.
-  void addDropped(const PortStructDefinition &definition, const PortStructure &structure,
-                  std::size_t first) {
-    const PortField &field = structure.fields[first];
+  // The field at hand is newer than the definition: it goes, and all that follows.
+  void addDropped(const PortStructDefinition &definition, PortReader &reader, PortFields &fields) {
+    const PortField &field = fields.field();
+    const std::uint32_t first = field.id;
+    const std::size_t index = notes_.size();
+    notes_.push_back({field.offset, definition.id, first, ""});  // its text needs the others
+    lookThrough(definition.id, reader, field);
     std::string behind;
-    for (std::size_t i = first + 1; i < structure.fields.size(); ++i) {
-      behind += fmt::format("{}{}", behind.empty() ? "" : ", ", structure.fields[i].id);
+    while (fields.next()) {
+      behind += fmt::format("{}{}", behind.empty() ? "" : ", ", field.id);
+      lookThrough(definition.id, reader, field);
     }
-    if (!behind.empty()) behind = " and all behind it, " + behind;
+    if (!behind.empty()) behind = " and all after it, " + behind;
     const std::string last = definition.fields.empty()
                                  ? "which has no fields"
                                  : "whose last one is " + definition.fields.back().name;
-    notes_.push_back({field.offset, structure.id, field.id,
-                      fmt::format("the library drops field {}{}: it is newer than {}, {}", field.id,
-                                  behind, nameOf(definition), last)});
-    for (std::size_t i = first; i < structure.fields.size(); ++i) {
-      lookThrough(structure, structure.fields[i]);
-    }
+    notes_[index].what = fmt::format("the library drops field {}{}: it is newer than {}, {}", first,
+                                     behind, nameOf(definition), last);
   }
 
-  // Of what is dropped nothing is looked up, and only double quotes count as quotes.
-  void lookThrough(const PortStructure &around, const PortField &field) {
+  // The library looks nothing up in what it drops, and takes only double quotes for quotes.
+  void lookThrough(std::uint32_t around, PortReader &reader, const PortField &field) {
     if (const auto *const wide = std::get_if<PortWideText>(&field.value)) {
-      if (wide->units.find_first_of(u"\"<>") == std::u16string::npos) return;
-      notes_.push_back({field.offset, around.id, field.id,
-                        "the wide text holds one of \" < >, which the library takes for a mark "
+      if (wide->units().find_first_of(u"\"<>") == std::u16string::npos) return;
+      notes_.push_back({field.offset, around, field.id,
+                        "the wide text contains one of \" < >, which the library takes for a mark "
                         "while it drops fields"});
       return;
     }
     const auto *const embedded = std::get_if<PortEmbedded>(&field.value);
     if (embedded == nullptr) return;
-    const PortStructure &structure = *embedded->structure;
+    const PortStructure &structure = embedded->structure;
     if (definitions_.find(structure.id) == nullptr) {
       notes_.push_back(
           {structure.offset.value_or(field.offset), structure.id, 0,
            fmt::format("StructID {} is unknown; the library does not look at it", structure.id)});
     }
-    for (const PortField &inner : structure.fields) lookThrough(structure, inner);
+    for (PortFields inner(reader); inner.next();) {
+      lookThrough(structure.id, reader, inner.field());
+    }
   }
 
   void addValue(const PortStructDefinition &definition, const PortFieldDefinition &known,
-                const PortField &field) {
+                PortReader &reader, const PortField &field) {
     const auto note = [&](const std::string &what) {
       notes_.push_back(
           {field.offset, definition.id, field.id,
            fmt::format("the library {} of field {} of {}", what, known.name, nameOf(definition))});
     };
     if (const auto *const embedded = std::get_if<PortEmbedded>(&field.value)) {
-      if (known.type == MEM_PORT_SUBSTRUCTURE) add(*embedded->structure);
+      if (known.type == MEM_PORT_SUBSTRUCTURE) add(reader, embedded->structure);
       return;
     }
     const bool mayCut = known.record.NoTruncate == 0;
@@ -164,8 +168,8 @@ class Notes {
     }
     if (const auto *const bytes = std::get_if<PortBytes>(&field.value)) {
       const auto length = static_cast<std::size_t>(std::max(known.record.Length, 0));
-      if (known.type == MEM_PORT_BIN && mayCut && bytes->bytes.size() > length) {
-        note(fmt::format("keeps {} of the {} bytes", length, bytes->bytes.size()));
+      if (known.type == MEM_PORT_BIN && mayCut && bytes->size() > length) {
+        note(fmt::format("keeps {} of the {} bytes", length, bytes->size()));
       }
     } else if (const auto *const number = std::get_if<PortNumber>(&field.value)) {
       if (numberLength(known.type) != 0 && !fits(known.type, *number)) {
@@ -183,7 +187,10 @@ class Notes {
 
 std::vector<PortNote> portNotes(const PortDefinitions &definitions, const PortDocument &document) {
   Notes notes(definitions);
-  for (const PortStructure &structure : document.structures) notes.add(structure);
+  for (std::size_t number = 1; number <= document.count(); ++number) {
+    const std::unique_ptr<PortReader> reader = document.read(number);
+    notes.add(*reader, reader->structure());
+  }
   return notes.take();
 }
 

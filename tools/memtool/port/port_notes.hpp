@@ -1,4 +1,4 @@
-// What the library's reader skips, drops or changes of a port string without a word, by the
+// What the library's reader skips, drops or changes of a port string without a message, by the
 // definitions.
 #pragma once
 

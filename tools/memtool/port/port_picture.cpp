@@ -1,5 +1,6 @@
-// Layout. Column k holds the structures that k pointers lead to, at the least; so a pointer leads
-// at most one column to the right. Between the columns are gutters, above the boxes are lanes:
+// Layout. Column k has the structures that are k pointers away, by the shortest way; so a pointer
+// leads at most one column to the right. Between the columns are gutters, above the boxes are
+// lanes:
 //
 //     lane ───────────────────────────────┐       back over more than one column
 //      │  ┌───────┐        ┌───────┐      │  ┌───────┐
@@ -32,7 +33,7 @@
 namespace memtool {
 namespace {
 
-constexpr int kRow = 18;   // height of a row; boxes stand on multiples of it
+constexpr int kRow = 18;   // height of a row; boxes begin at multiples of it
 constexpr int kHead = 36;  // of a structure's head, two rows
 constexpr int kGap = 36;   // between boxes of a column
 constexpr int kMargin = 18;
@@ -68,7 +69,8 @@ struct Row {
 struct Box {
   std::string title;
   std::string subtitle;
-  std::vector<Row> rows;
+  std::vector<Row> rows;    // those that are drawn
+  std::size_t allRows = 0;  // that it has
   std::size_t column = 0;
   int x = 0;
   int y = 0;
@@ -106,7 +108,7 @@ const char *classOf(Ink ink) {
   }
 }
 
-// A file name may hold anything.
+// A file name may contain any characters.
 std::string titleOf(const std::string &name) {
   const std::string shown = inQuotes(validUtf8(name), 60);
   return shown.substr(1, shown.rfind('"') - 1);
@@ -129,7 +131,8 @@ class Picture {
 
   void choose();
   void addBoxes();
-  void addRows(Box &box, const PortStructure &structure, std::size_t depth);
+  void addRows(Box &box, PortReader &reader, const PortStructure &structure, std::size_t depth);
+  Row rowOf(const PortField &field, const std::string &name, std::size_t depth) const;
   void addArrows();
   void setColumns();
   void setPlaces();
@@ -162,31 +165,40 @@ class Picture {
   Svg svg_;
 };
 
-void Picture::addRows(Box &box, const PortStructure &structure, std::size_t depth) {
-  const std::vector<std::string> names = portFieldNames(structure);
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    const PortField &field = structure.fields[i];
-    const std::string name = (field.definition == nullptr ? "field " : "") + names[i];
-    const auto *embedded = std::get_if<PortEmbedded>(&field.value);
-    const auto *pointer = std::get_if<PortPointer>(&field.value);
-    PortShown shown = showPortValue(field.value, kMostText);
-    if (embedded != nullptr) shown.text = portStructureName(*embedded->structure);
-    Row row{name, shown.text, classOf(shown.ink), depth, 0};
-    if (pointer != nullptr && pointer->number != 0) {
-      row.target = pointer->number;
-      row.value = fmt::format("→ {}", pointer->number);
-      if (boxOf_.count(pointer->number) == 0) row.value += " (not drawn)";
+// Rows that are not drawn are counted only: there may be more of them than there is memory for.
+void Picture::addRows(Box &box, PortReader &reader, const PortStructure &structure,
+                      std::size_t depth) {
+  PortFieldNames names(structure);
+  for (PortFields fields(reader); fields.next();) {
+    const PortField &field = fields.field();
+    const std::string name = names.next(field);
+    if (++box.allRows <= kMostDrawnFields) box.rows.push_back(rowOf(field, name, depth));
+    if (const auto *embedded = std::get_if<PortEmbedded>(&field.value)) {
+      addRows(box, reader, embedded->structure, depth + 1);
     }
-    box.rows.push_back(std::move(row));
-    if (embedded != nullptr) addRows(box, *embedded->structure, depth + 1);
   }
+}
+
+Row Picture::rowOf(const PortField &field, const std::string &name, std::size_t depth) const {
+  const PortShown shown = showPortValue(field.value, kMostText);
+  Row row{(field.definition == nullptr ? "field " : "") + name, shown.text, classOf(shown.ink),
+          depth, 0};
+  if (const auto *embedded = std::get_if<PortEmbedded>(&field.value)) {
+    row.value = portStructureName(embedded->structure);
+  }
+  const auto *pointer = std::get_if<PortPointer>(&field.value);
+  if (pointer == nullptr || pointer->number == 0) return row;
+  row.target = pointer->number;
+  row.value = fmt::format("→ {}", pointer->number);
+  if (boxOf_.count(pointer->number) == 0) row.value += " (not drawn)";
+  return row;
 }
 
 void Picture::choose() {
   if (root_) {
     numbers_ = reachedStructures(document_, checkedNumber(document_, *root_), {});
   } else {
-    numbers_.resize(document_.structures.size());
+    numbers_.resize(document_.count());
     std::iota(numbers_.begin(), numbers_.end(), std::size_t{1});
   }
   reached_ = numbers_.size();
@@ -197,7 +209,8 @@ void Picture::choose() {
 void Picture::addBoxes() {
   boxes_.resize(numbers_.size());
   for (std::size_t i = 0; i < boxes_.size(); ++i) {
-    const PortStructure &structure = document_.structures[numbers_[i] - 1];
+    const std::unique_ptr<PortReader> reader = document_.read(numbers_[i]);
+    const PortStructure &structure = reader->structure();
     Box &box = boxes_[i];
     box.title = fmt::format("{}  {}", numbers_[i], portStructureName(structure));
     box.subtitle = structure.offset ? fmt::format("at character {}", *structure.offset)
@@ -206,9 +219,9 @@ void Picture::addBoxes() {
       box.subtitle += fmt::format(", {} element{}", grouped(*structure.elements),
                                   *structure.elements == 1 ? "" : "s");
     }
-    addRows(box, structure, 0);
-    if (box.rows.size() > kMostDrawnFields) {
-      const std::size_t more = box.rows.size() - (kMostDrawnFields - 1);
+    addRows(box, *reader, structure, 0);
+    if (box.allRows > kMostDrawnFields) {
+      const std::size_t more = box.allRows - (kMostDrawnFields - 1);
       box.rows.resize(kMostDrawnFields - 1);
       box.rows.push_back({fmt::format("… {} more", grouped(more)), "", "mono dim", 0, 0});
     }
@@ -232,7 +245,7 @@ void Picture::addArrows() {
   }
 }
 
-// Breadth first along the drawn arrows. What no arrow leads to begins anew in the first column.
+// Breadth first along the drawn arrows. A box to which no arrow leads starts in the first column.
 void Picture::setColumns() {
   std::vector<bool> isReached(boxes_.size(), false);
   for (std::size_t first = 0; first < boxes_.size(); ++first) {
@@ -251,7 +264,7 @@ void Picture::setColumns() {
 }
 
 // Back over more than one column, which takes a lane above the boxes. The same to the right, which
-// happens to boxes that stand in a column of an earlier start.
+// happens to boxes in a column of an earlier start.
 bool Picture::isLong(const Arrow &arrow) const {
   return gutterOfStart(arrow) != gutterOfEnd(arrow);
 }

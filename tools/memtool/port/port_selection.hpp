@@ -1,5 +1,5 @@
-// Which structures of a port string are shown: those that a user asks for by kind, or by what can
-// be reached from one of them.
+// Which structures of a port string are shown: those of a kind, or those that can be reached from
+// one of them.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace memtool {
 
-// What the user wrote; empty members ask for nothing.
+// What the user wrote. Empty members do not filter.
 struct PortFilter {
   std::string kind;  // a StructID, or a name of the definitions
   std::optional<std::uint32_t> root;
@@ -27,16 +27,17 @@ class PortSelection {
  public:
   // All structures.
   explicit PortSelection(const PortDocument &document);
-  // Throws UnknownValue for a kind or a structure that is not there. `definitions` may be null.
+  // Throws UnknownValue for a kind or a structure that the document does not have. `definitions`
+  // may be null.
   PortSelection(const PortDocument &document, const PortFilter &filter,
                 const PortDefinitions *definitions);
 
   bool isWhole() const { return isWhole_; }
-  std::size_t shown() const { return numbers_.size(); }
+  std::size_t shown() const { return shown_; }
   std::size_t matching() const { return matching_; }
   std::size_t leftOut() const { return matching_ - shown(); }
   // Sequence number of a shown structure.
-  std::size_t number(std::size_t index) const { return numbers_[index]; }
+  std::size_t number(std::size_t index) const { return isWhole_ ? index + 1 : numbers_[index]; }
   bool shows(std::size_t number) const;
   // Where the graph that is shown begins.
   std::size_t root() const { return root_; }
@@ -47,8 +48,9 @@ class PortSelection {
  private:
   bool isWhole_ = true;
   std::size_t matching_ = 0;
+  std::size_t shown_ = 0;
   std::size_t root_ = 1;
-  std::vector<std::size_t> numbers_;  // ascending
+  std::vector<std::size_t> numbers_;  // ascending; empty for all structures
   std::string text_;
 };
 

@@ -3,11 +3,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
+#include <vector>
 
+#include "port_values.hpp"
 #include "qj7mem00/memport.h"
 #include "tool_progress.hpp"
-#include "tool_text.hpp"
 
 namespace memtool {
 namespace {
@@ -19,6 +21,9 @@ constexpr std::size_t kDigits = 10;
 
 constexpr std::uint64_t kMostId = 0x7FFFFFFF;  // a table of definitions ends below 1 as signed
 constexpr std::uint64_t kMostFieldId = 0xFFFFFFFF;
+
+constexpr const char *kNoQuote = "\" at the end of text";
+constexpr const char *kNoWideQuote = "' at the end of wide text";
 
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
@@ -36,20 +41,56 @@ struct Digits {
   bool isTooLarge = false;  // did wrap
 };
 
-// Reads one text. A fault ends the reading by being thrown, within this class only.
-class Parser {
- public:
-  Parser(std::string_view text, PortDocument &document, Console &console)
-      : text_(text),
-        document_(document),
-        progress_(console, "reading the port string", text.size()) {}
+// Text between quotes, without escapes.
+struct Quoted {
+  std::string_view source;  // with its escapes
+  std::size_t length = 0;
+  std::size_t highSurrogates = 0;
+  bool hasZero = false;
+};
 
-  void run();
+// The number in groups of 6 bits, which are a wide unit; wraps.
+std::uint32_t numberOf(std::string_view groups) {
+  std::uint32_t number = 0;
+  for (const char group : groups) {
+    number = number * 64 + std::uint32_t{static_cast<std::uint8_t>(group)} - '0';
+  }
+  return number;
+}
+
+// Reads structure texts of one port string, a field at a time. A fault ends the reading by being
+// thrown, within this file only.
+class Parser final : public PortReader {
+ public:
+  Parser(std::string_view text, std::uint64_t promised) : text_(text), promised_(promised) {}
+
+  // The structure text at the place, of which it is known that it has no fault.
+  Parser(std::string_view text, std::uint64_t promised, std::size_t place)
+      : Parser(text, promised) {
+    at_ = place;
+    highest_ = promised;
+    beginStructure();
+  }
+
+  const PortStructure &structure() const override { return structure_; }
+  std::size_t depth() const override { return open_.size(); }
+  bool next(PortField &field) override;
+
+  // For a whole port string: its header, each structure text with its number, and its end.
+  void readHeader();
+  void begin(std::size_t number);
+  void checkEnd();
+  void checkTotal();
+
+  std::size_t at() const { return at_; }
+  std::uint64_t promised() const { return promised_; }
+  const std::optional<PortFault> &deviation() const { return deviation_; }
 
  private:
   // What the fields of one structure text have shown so far.
-  struct FieldRun {
-    std::uint32_t id = 0;
+  struct Open {
+    std::optional<std::uint64_t> elements;
+    std::uint32_t id = 0;  // of the last field, and how often it was there
     std::uint64_t times = 0;
     std::size_t offset = 0;
   };
@@ -68,31 +109,34 @@ class Parser {
   std::uint32_t identifier(const char *what, std::uint64_t most);
 
   std::uint64_t headerNumber(std::size_t offset, bool isNeeded);
-  void header();
-  void checkTotal();
-  PortStructure structure(int nesting);
-  void fields(PortStructure &made, int nesting);
-  void follow(FieldRun &run, std::uint32_t id, std::size_t offset);
-  void checkElements(const PortStructure &made, const FieldRun &run);
+  void beginStructure() { structure_ = head(); }
+  PortStructure head();
+  void endStructure();
+  void follow(std::uint32_t id, std::size_t offset);
+  void checkElements(const Open &open);
   void separator();
-  PortValue value(int nesting);
+  PortValue value();
   PortNumber number();
   PortPointer pointer();
   PortFlags flags();
   PortBytes bytes();
-  PortEmbedded embedded(int nesting);
+  PortEmbedded embedded();
   bool isFieldEnd() const { return !isAtEnd() && (peek() == '/' || peek() == '>'); }
-  std::string narrow();
+  Quoted narrow();
   char escaped();
+  PortText text();
   PortText string();
-  std::u16string wide();
+  Quoted wide();
   char16_t escapedUnit();
+  PortWideText wideText();
   PortWideText wideString();
-  void checkPairs(const Digits &told, const std::u16string &units);
+  void checkPairs(const Digits &told, const Quoted &units);
 
   std::string_view text_;
-  PortDocument &document_;
-  Progress progress_;
+  std::uint64_t promised_;  // structures
+  std::optional<PortFault> deviation_;
+  PortStructure structure_;  // of the top level
+  std::vector<Open> open_;   // it and those embedded in it
   std::size_t at_ = 0;
   std::uint64_t highest_ = 1;  // structure number that a pointer has named so far
 };
@@ -117,8 +161,8 @@ void Parser::deviate(std::size_t offset, std::string expected) {
 }
 
 void Parser::deviate(std::size_t offset, std::string expected, std::string found) {
-  if (document_.deviation) return;
-  document_.deviation = PortFault{offset, std::move(expected), std::move(found)};
+  if (deviation_) return;
+  deviation_ = PortFault{offset, std::move(expected), std::move(found)};
 }
 
 char Parser::take(const char *expected) {
@@ -177,7 +221,7 @@ std::uint64_t Parser::headerNumber(std::size_t offset, bool isNeeded) {
   return isNeeded ? portPromised(text_) : value;
 }
 
-void Parser::header() {
+void Parser::readHeader() {
   const auto mark = [this](std::size_t offset, char c) {
     if (offset >= text_.size()) fail(offset, fmt::format("\"{}\" of the header", c));
     if (text_[offset] != c) deviate(offset, fmt::format("\"{}\" of the header", c));
@@ -185,43 +229,36 @@ void Parser::header() {
   mark(0, '(');
   headerNumber(kTotalOff, false);
   mark(kTotalOff + kDigits, ',');
-  document_.promised = headerNumber(kCountOff, true);
+  promised_ = headerNumber(kCountOff, true);
   mark(kCountOff + kDigits, ')');
   at_ = MEM_PORT_HEADER_LEN;
-  if (document_.promised == 0) fail(kCountOff, "a number of structures from 1 on", "0");
+  if (promised_ == 0) fail(kCountOff, "a number of structures from 1 on", "0");
 }
 
-// Looked at last: a piece that is missing or too much is better told where it is.
+// Checked last: a missing or surplus piece is better reported where it is.
 void Parser::checkTotal() {
-  if (document_.deviation) return;
+  if (deviation_) return;
   const std::uint64_t told = headerNumber(kTotalOff, false);
   if (told == text_.size()) return;
   deviate(kTotalOff, fmt::format("{:010} characters in all", text_.size()),
           fmt::format("{:010}", told));
 }
 
-void Parser::run() {
-  header();
-  while (document_.structures.size() < document_.promised) {
-    progress_.redraw(at_);
-    const std::size_t number = document_.structures.size() + 1;
-    if (isAtEnd()) {
-      fail(at_, fmt::format("structure text {} of {}", number, document_.promised));
-    }
-    if (number > highest_) {
-      deviate(at_, "a structure that a pointer before it names", fmt::format("number {}", number));
-      highest_ = number;
-    }
-    document_.structures.push_back(structure(0));
-  }
-  if (!isAtEnd()) {
-    deviate(at_, fmt::format("the end behind {} structure{}", document_.promised,
-                             document_.promised == 1 ? "" : "s"));
-  }
-  checkTotal();
+void Parser::checkEnd() {
+  if (isAtEnd()) return;
+  deviate(at_, fmt::format("the end after {} structure{}", promised_, promised_ == 1 ? "" : "s"));
 }
 
-PortStructure Parser::structure(int nesting) {
+void Parser::begin(std::size_t number) {
+  if (isAtEnd()) fail(at_, fmt::format("structure text {} of {}", number, promised_));
+  if (number > highest_) {
+    deviate(at_, "a structure that a pointer before it names", fmt::format("number {}", number));
+    highest_ = number;
+  }
+  beginStructure();
+}
+
+PortStructure Parser::head() {
   PortStructure made;
   made.offset = at_;
   expect('(', "\"(\" of a structure");
@@ -232,67 +269,69 @@ PortStructure Parser::structure(int nesting) {
   }
   expect('<', made.elements ? "digits of the element count or \"<\" of the fields"
                             : "digits of the StructID, \",\" or \"<\" of the fields");
-  fields(made, nesting);
-  expect(')', "\")\" of the structure");
+  open_.push_back({made.elements, 0, 0, 0});
   return made;
 }
 
-// A structure of which no field is ported has an empty text.
-void Parser::fields(PortStructure &made, int nesting) {
-  FieldRun run;
-  if (!isAtEnd() && peek() == '>') {
-    ++at_;
-    return;
-  }
-  for (;;) {
-    progress_.update(at_);
-    const std::size_t offset = at_;
-    PortField field;
-    field.id = identifier("a FieldID", kMostFieldId);
-    field.offset = offset;
-    follow(run, field.id, offset);
-    field.value = value(nesting);
-    made.fields.push_back(std::move(field));
-    if (!isAtEnd() && peek() == '>') break;
-    separator();
-  }
-  checkElements(made, run);
+void Parser::endStructure() {
+  checkElements(open_.back());
   ++at_;
+  expect(')', "\")\" of the structure");
+  open_.pop_back();
 }
 
-// Fields ascend, and only the last one is there more than once.
-void Parser::follow(FieldRun &run, std::uint32_t id, std::size_t offset) {
-  if (id == run.id) {
-    ++run.times;
+// A structure of which no field is ported has an empty text.
+bool Parser::next(PortField &field) {
+  if (!isAtEnd() && peek() == '>') {
+    endStructure();
+    return false;
+  }
+  const bool isFirst = open_.back().times == 0;
+  if (!isFirst) separator();
+  field.offset = at_;
+  field.id = identifier("a FieldID", kMostFieldId);
+  follow(field.id, field.offset);
+  field.value = value();
+  return true;
+}
+
+// Fields ascend, and only the last one may come more than once.
+void Parser::follow(std::uint32_t id, std::size_t offset) {
+  Open &open = open_.back();
+  if (id == open.id) {
+    ++open.times;
     return;
   }
-  const std::string got = fmt::format("field {}", id);
-  if (id < run.id) deviate(offset, fmt::format("a FieldID from {} on", run.id), got);
-  if (run.times > 1) deviate(offset, "no field behind the repeat field", got);
-  run = {id, 1, offset};
+  if (id < open.id) {
+    deviate(offset, fmt::format("a FieldID from {} on", open.id), fmt::format("field {}", id));
+  }
+  if (open.times > 1) {
+    deviate(offset, "no field after the repeat field", fmt::format("field {}", id));
+  }
+  open = {open.elements, id, 1, offset};
 }
 
-void Parser::checkElements(const PortStructure &made, const FieldRun &run) {
-  if (run.times < 2 || made.elements == run.times) return;
-  deviate(run.offset,
-          fmt::format("field {} {} time{}", run.id, made.elements.value_or(1),
-                      made.elements.value_or(1) == 1 ? "" : "s"),
-          fmt::format("it {} times", run.times));
+void Parser::checkElements(const Open &open) {
+  if (open.times < 2 || open.elements == open.times) return;
+  deviate(open.offset,
+          fmt::format("field {} {} time{}", open.id, open.elements.value_or(1),
+                      open.elements.value_or(1) == 1 ? "" : "s"),
+          fmt::format("it {} times", open.times));
 }
 
 void Parser::separator() {
-  if (isAtEnd()) fail(at_, "\"/\" of a further field or \">\" behind the last one");
-  if (peek() != '/') deviate(at_, "\"/\" of a further field or \">\" behind the last one");
+  if (isAtEnd()) fail(at_, "\"/\" of a further field or \">\" after the last one");
+  if (peek() != '/') deviate(at_, "\"/\" of a further field or \">\" after the last one");
   ++at_;
 }
 
-PortValue Parser::value(int nesting) {
+PortValue Parser::value() {
   const std::size_t offset = at_;
   switch (take("a field's value")) {
     case '"':
-      return PortText{narrow(), false, false};
+      return text();
     case '\'':
-      return PortWideText{wide(), false, false};
+      return wideText();
     case 'X':
       return string();
     case 'x':
@@ -306,7 +345,7 @@ PortValue Parser::value(int nesting) {
     case 'B':
       return flags();
     case 'E':
-      return embedded(nesting);
+      return embedded();
     default:
       fail(offset, "a field's value, which begins with one of \" ' X x H N S B E");
   }
@@ -321,7 +360,7 @@ PortNumber Parser::number() {
   }
   const Digits read = digits();
   made.magnitude = read.value;
-  if (made.isNegative && read.value == 0) deviate(read.offset, "digits behind \"-\"");
+  if (made.isNegative && read.value == 0) deviate(read.offset, "digits after \"-\"");
   constexpr std::uint64_t kLowest = std::uint64_t{1} << 63;
   if (read.isTooLarge || (made.isNegative && read.value > kLowest)) {
     deviate(read.offset, "a number of at most 64 bits", "more");
@@ -332,8 +371,8 @@ PortNumber Parser::number() {
 
 PortPointer Parser::pointer() {
   const Digits read = digits();
-  if (read.isTooLarge || read.value > document_.promised) {
-    fail(read.offset, fmt::format("a structure number up to {}", document_.promised),
+  if (read.isTooLarge || read.value > promised_) {
+    fail(read.offset, fmt::format("a structure number up to {}", promised_),
          read.isTooLarge ? "more" : std::to_string(read.value));
   }
   if (read.value > highest_ + 1) {
@@ -355,91 +394,95 @@ PortFlags Parser::flags() {
 }
 
 PortBytes Parser::bytes() {
-  PortBytes made;
+  const std::size_t begin = at_;
   const auto nibble = [this] {
     const char c = take("two hexadecimal digits");
-    if (isDigit(c)) return static_cast<std::uint32_t>(c - '0');
-    if (c >= 'A' && c <= 'F') return static_cast<std::uint32_t>(c - 'A') + 10;
+    if (isDigit(c) || (c >= 'A' && c <= 'F')) return;
     fail(at_ - 1, "two hexadecimal digits in capitals, \"/\" or \">\"");
   };
   while (!isFieldEnd()) {
-    const std::uint32_t high = nibble();
-    made.bytes.push_back(static_cast<char>(high * 16 + nibble()));
+    nibble();
+    nibble();
   }
-  return made;
+  return {text_.substr(begin, at_ - begin), true};
 }
 
-PortEmbedded Parser::embedded(int nesting) {
-  if (nesting == MEM_PORT_MAX_NESTING) {
+PortEmbedded Parser::embedded() {
+  if (open_.size() > MEM_PORT_MAX_NESTING) {
     fail(at_ - 1, fmt::format("at most {} structures within one another", MEM_PORT_MAX_NESTING));
   }
-  return {std::make_unique<PortStructure>(structure(nesting + 1))};
+  return {head()};
 }
 
-// Behind the opening quote, up to the closing one.
-std::string Parser::narrow() {
-  std::string made;
-  for (;;) {
-    const char c = take("\" at the end of text");
-    if (c == '"') return made;
+// From the character after the opening quote to the closing one.
+Quoted Parser::narrow() {
+  const std::size_t begin = at_;
+  Quoted made;
+  for (char c = take(kNoQuote); c != '"'; c = take(kNoQuote)) {
     if (c == '\0') deviate(at_ - 1, "/0 for a zero byte");
-    made.push_back(c == '/' ? escaped() : c);
+    if (c == '/') c = escaped();
+    made.hasZero = made.hasZero || c == '\0';
+    ++made.length;
   }
+  made.source = text_.substr(begin, at_ - 1 - begin);
+  return made;
 }
 
 char Parser::escaped() {
-  const char c = take("the character behind \"/\"");
+  const char c = take("the character after \"/\"");
   if (c == '0') return '\0';
-  if (c != '"' && c != '/') deviate(at_ - 1, "one of 0 / \" behind \"/\"");
+  if (c != '"' && c != '/') deviate(at_ - 1, "one of 0 / \" after \"/\"");
   return c;
 }
 
-PortText Parser::string() {
-  PortText made{"", true, isFieldEnd()};
-  if (made.isNull) return made;
-  const Digits told = digits();
-  expect('"', "the string's length and \"");
-  made.bytes = narrow();
-  if (told.isTooLarge || told.value != made.bytes.size()) {
-    fail(told.offset, fmt::format("{} as the string's length", made.bytes.size()),
-         told.isTooLarge ? "more" : std::to_string(told.value));
-  }
-  if (made.bytes.find('\0') != std::string::npos) {
-    deviate(told.offset, "a string without a zero byte", "one");
-  }
-  return made;
+PortText Parser::text() {
+  const Quoted read = narrow();
+  return {read.source, read.length, true, false, false};
 }
 
-std::u16string Parser::wide() {
-  std::u16string made;
-  for (;;) {
-    const char c = take("' at the end of wide text");
-    if (c == '\'') return made;
-    if (c == '/') {
-      made.push_back(escapedUnit());
-      continue;
-    }
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte == 0 || byte > 127) deviate(at_ - 1, "\"/\" in front of a unit that is not 1 to 127");
-    made.push_back(byte);
+PortText Parser::string() {
+  if (isFieldEnd()) return {{}, 0, false, true, true};
+  const Digits told = digits();
+  expect('"', "the string's length and \"");
+  const Quoted read = narrow();
+  if (told.isTooLarge || told.value != read.length) {
+    fail(told.offset, fmt::format("{} as the string's length", read.length),
+         told.isTooLarge ? "more" : std::to_string(told.value));
   }
+  if (read.hasZero) deviate(told.offset, "a string without a zero byte", "one");
+  return {read.source, read.length, true, true, false};
+}
+
+Quoted Parser::wide() {
+  const std::size_t begin = at_;
+  Quoted made;
+  for (char c = take(kNoWideQuote); c != '\''; c = take(kNoWideQuote)) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool isEscape = c == '/';
+    if (byte == 0 || byte > 127) deviate(at_ - 1, "\"/\" before a unit that is not 1 to 127");
+    const char16_t unit = isEscape ? escapedUnit() : byte;
+    made.hasZero = made.hasZero || unit == 0;
+    if (isHighSurrogate(unit)) ++made.highSurrogates;
+    ++made.length;
+  }
+  made.source = text_.substr(begin, at_ - 1 - begin);
+  return made;
 }
 
 // A digit n and n characters of 6 bits each, or the character itself.
 char16_t Parser::escapedUnit() {
   const std::size_t offset = at_;
-  const char c = take("the character behind \"/\"");
+  const char c = take("the character after \"/\"");
   if (!isDigit(c)) {
-    if (c != '\'' && c != '/') deviate(offset, "a digit, \"/\" or ' behind \"/\"");
+    if (c != '\'' && c != '/') deviate(offset, "a digit, \"/\" or ' after \"/\"");
     return static_cast<unsigned char>(c);
   }
-  std::uint32_t value = 0;
   bool isPlain = true;  // groups as a writer writes them
   for (int groups = c - '0'; groups > 0; --groups) {
     const char group = take("the groups of a wide unit");
     isPlain = isPlain && group >= '0' && group <= 'o';
-    value = value * 64 + static_cast<std::uint32_t>(static_cast<unsigned char>(group)) - '0';
   }
+  const std::uint32_t value = numberOf(text_.substr(offset + 1, at_ - offset - 1));
   const char shortest = value < 128 ? '0' : value < 4096 ? '2' : '3';
   if (!isPlain || value > 0xFFFF || c != shortest) {
     deviate(offset, "a unit in as few groups of 6 bits as it needs", found(offset));
@@ -447,15 +490,19 @@ char16_t Parser::escapedUnit() {
   return static_cast<char16_t>(value);
 }
 
+PortWideText Parser::wideText() {
+  const Quoted read = wide();
+  return {read.source, read.length, true, false, false};
+}
+
 PortWideText Parser::wideString() {
-  PortWideText made{u"", true, isFieldEnd()};
-  if (made.isNull) return made;
+  if (isFieldEnd()) return {{}, 0, false, true, true};
   const Digits codePoints = digits();
   expect(';', "the number of code points and \";\"");
   const Digits pairs = digits();
   expect('\'', "the number of surrogate pairs and '");
-  made.units = wide();
-  const std::uint64_t units = made.units.size();
+  const Quoted read = wide();
+  const std::uint64_t units = read.length;
   if (codePoints.isTooLarge || pairs.isTooLarge || pairs.value > units ||
       codePoints.value != units - pairs.value) {
     fail(codePoints.offset, fmt::format("{} as the sum of code points and pairs", units),
@@ -463,19 +510,53 @@ PortWideText Parser::wideString() {
              ? "more"
              : fmt::format("{} and {}", codePoints.value, pairs.value));
   }
-  checkPairs(pairs, made.units);
-  return made;
+  checkPairs(pairs, read);
+  return {read.source, read.length, true, true, false};
 }
 
-void Parser::checkPairs(const Digits &told, const std::u16string &units) {
-  const auto pairs =
-      static_cast<std::uint64_t>(std::count_if(units.begin(), units.end(), isHighSurrogate));
-  if (told.value != pairs) {
-    deviate(told.offset, fmt::format("{} as the number of surrogate pairs", pairs),
+void Parser::checkPairs(const Digits &told, const Quoted &units) {
+  if (told.value != units.highSurrogates) {
+    deviate(told.offset, fmt::format("{} as the number of surrogate pairs", units.highSurrogates),
             std::to_string(told.value));
   }
-  if (units.find(u'\0') != std::u16string::npos) {
-    deviate(told.offset, "a string without a zero unit", "one");
+  if (units.hasZero) deviate(told.offset, "a string without a zero unit", "one");
+}
+
+// A port string by the places of its structure texts.
+class TextSource final : public PortSource {
+ public:
+  TextSource(std::string_view text, std::uint64_t promised) : text_(text), promised_(promised) {
+    // A text may promise anything.
+    places_.reserve(
+        static_cast<std::size_t>(std::min<std::uint64_t>(promised, text.size() / kLeastStructure)));
+  }
+
+  std::size_t count() const override { return places_.size(); }
+  std::unique_ptr<PortReader> read(std::size_t number) const override {
+    return std::make_unique<Parser>(text_, promised_, places_[number - 1]);
+  }
+  void add(std::size_t place) { places_.push_back(place); }
+
+ private:
+  static constexpr std::size_t kLeastStructure = std::string_view("(1<>)").size();
+
+  std::string_view text_;
+  std::uint64_t promised_;
+  std::vector<std::size_t> places_;
+};
+
+// All structure texts; those before a fault are in `source` when it is thrown.
+void readStructures(Parser &parser, TextSource &source, Progress &progress) {
+  PortField field;
+  while (source.count() < parser.promised()) {
+    const std::size_t place = parser.at();
+    progress.redraw(place);
+    parser.begin(source.count() + 1);
+    while (parser.depth() > 0) {
+      parser.next(field);
+      progress.update(parser.at());
+    }
+    source.add(place);
   }
 }
 
@@ -491,14 +572,61 @@ std::string PortFault::text() const {
   return fmt::format("character {}: expected {}, found {}", offset, expected, found);
 }
 
+std::string PortText::bytes(std::size_t most) const {
+  if (!isEscaped) return std::string(source.substr(0, most));
+  const std::size_t wanted = std::min(length, most);
+  std::string made;
+  made.reserve(wanted);
+  for (std::size_t at = 0; made.size() < wanted; ++at) {
+    const bool isEscape = source[at] == '/';
+    if (isEscape) ++at;
+    made.push_back(isEscape && source[at] == '0' ? '\0' : source[at]);
+  }
+  return made;
+}
+
+std::u16string PortWideText::units(std::size_t most) const {
+  std::u16string made(std::min(length, most), u'\0');
+  if (!isEscaped) {
+    if (!made.empty()) std::memcpy(made.data(), source.data(), made.size() * sizeof(char16_t));
+    return made;
+  }
+  std::size_t at = 0;
+  for (char16_t &unit : made) {
+    const bool isEscape = source[at] == '/';
+    if (isEscape) ++at;
+    const auto byte = static_cast<std::uint8_t>(source[at++]);
+    unit = byte;
+    if (!isEscape || !isDigit(static_cast<char>(byte))) continue;
+    const std::size_t groups = byte - std::size_t{'0'};
+    unit = static_cast<char16_t>(numberOf(source.substr(at, groups)));
+    at += groups;
+  }
+  return made;
+}
+
+std::string PortBytes::bytes(std::size_t first, std::size_t count) const {
+  if (!isHex) return std::string(source.substr(first, count));
+  return portBytesOfHex(source.substr(2 * first, 2 * std::min(count, size()))).value();
+}
+
 PortDocument readPortText(std::string_view text, Console &console) {
   PortDocument document;
   document.characters = text.size();
+  Parser parser(text, 0);
+  auto source = std::make_unique<TextSource>(text, portPromised(text));
   try {
-    Parser(text, document, console).run();
+    parser.readHeader();
+    Progress progress(console, "reading the port string", text.size());
+    readStructures(parser, *source, progress);
+    parser.checkEnd();
+    parser.checkTotal();
   } catch (PortFault &fault) {
     document.fault = std::move(fault);
   }
+  document.promised = parser.promised();
+  document.source = std::move(source);
+  document.deviation = parser.deviation();
   return document;
 }
 

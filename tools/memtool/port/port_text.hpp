@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "port_model.hpp"
@@ -9,11 +10,13 @@
 
 namespace memtool {
 
-// Never fails: what is wrong with the text stands in the result.
+// Never fails: the result has the fault of the text. The text must outlive the
+// document.
 PortDocument readPortText(std::string_view text, Console &console);
+PortDocument readPortText(std::string &&text, Console &console) = delete;
 
-// Structures that the header tells of, as readers take it: blanks and a sign may stand before the
-// digits, and any character ends them. 0 when there is no such number.
+// Structures according to the header, as readers take it: blanks and a sign may come before the
+// digits, and any other character ends them. 0 when there is no such number.
 std::uint64_t portPromised(std::string_view text);
 
 // Identifier of the first structure text, 0 when there is none.

@@ -5,10 +5,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "port_model.hpp"
 #include "tool_console.hpp"
+#include "tool_json.hpp"
 
 namespace memtool {
 
@@ -25,10 +25,20 @@ std::optional<std::u16string> portWideOf(std::string_view utf8);
 // The definition's name where there is one, else "StructID 7".
 std::string portStructureName(const PortStructure &structure);
 
-// For each field the definition's name, with an index for elements, or the identifier.
-std::vector<std::string> portFieldNames(const PortStructure &structure);
+// Names of the fields of one structure, in order: the definition's name, with an index for
+// elements, or the identifier.
+class PortFieldNames {
+ public:
+  explicit PortFieldNames(const PortStructure &structure) : definition_(structure.definition) {}
 
-// Kind of value as the text alone tells it: "number", "text", "string", "wide text", …
+  std::string next(const PortField &field);
+
+ private:
+  const PortStructDefinition *definition_;
+  std::size_t element_ = 0;
+};
+
+// Kind of value as the text alone shows it: "number", "text", "string", "wide text", …
 const char *portFormName(const PortValue &value);
 
 struct PortShown {
@@ -41,6 +51,13 @@ PortShown showPortValue(const PortValue &value, std::size_t most);
 
 // Loses nothing: text that is no valid Unicode becomes {"hex": …} or {"units": […]}. REQUIRES: no
 // embedded structure and no pointer, whose JSON depends on what surrounds it.
-PortJson portValueJson(const PortValue &value);
+void writePortValue(JsonStream &json, const PortValue &value);
+
+// Text in the same forms.
+PortJson portTextJson(std::string_view bytes);
+PortJson portUnitsJson(std::u16string_view units);
+
+// "-305".
+std::string portDecimal(const PortNumber &number);
 
 }  // namespace memtool

@@ -10,14 +10,6 @@ namespace {
 
 constexpr char16_t kReplacement = 0xFFFD;
 
-bool isSurrogate(char16_t unit) {
-  return unit >= 0xD800 && unit <= 0xDFFF;
-}
-
-bool isPair(char16_t first, char16_t second) {
-  return isSurrogate(first) && first < 0xDC00 && isSurrogate(second) && second >= 0xDC00;
-}
-
 bool isTrail(char byte) {
   return (static_cast<std::uint8_t>(byte) & 0xC0U) == 0x80U;
 }
@@ -42,11 +34,19 @@ void appendUtf8(std::string &text, char32_t codePoint) {
   utf8::unchecked::append(codePoint, std::back_inserter(text));
 }
 
+bool isSurrogate(char16_t unit) {
+  return unit >= 0xD800 && unit <= 0xDFFF;
+}
+
+bool isSurrogatePair(char16_t first, char16_t second) {
+  return isSurrogate(first) && first < 0xDC00 && isSurrogate(second) && second >= 0xDC00;
+}
+
 std::string utf8FromUtf16(std::u16string_view text) {
   std::u16string whole(text);
   for (std::size_t i = 0; i < whole.size(); ++i) {
     if (!isSurrogate(whole[i])) continue;
-    if (i + 1 < whole.size() && isPair(whole[i], whole[i + 1])) {
+    if (i + 1 < whole.size() && isSurrogatePair(whole[i], whole[i + 1])) {
       ++i;
     } else {
       whole[i] = kReplacement;
@@ -68,6 +68,10 @@ std::string validUtf8(std::string_view text) {
   std::string valid;
   while (!text.empty()) appendUtf8(valid, takeCharacter(text));
   return valid;
+}
+
+bool isValidUtf8(std::string_view text) {
+  return utf8::find_invalid(text) == std::string_view::npos;
 }
 
 std::string inQuotes(std::string_view utf8, std::size_t most) {

@@ -12,6 +12,10 @@ namespace memtool {
 
 void appendUtf8(std::string &text, char32_t codePoint);
 
+bool isSurrogate(char16_t unit);
+// Two units that are one character.
+bool isSurrogatePair(char16_t first, char16_t second);
+
 // A surrogate without its partner becomes U+FFFD.
 std::string utf8FromUtf16(std::u16string_view text);
 
@@ -20,6 +24,7 @@ std::string utf8FromPath(const std::filesystem::path &path);
 
 // `text`, which may be any bytes, as valid UTF-8: bytes that belong to no character become U+FFFD.
 std::string validUtf8(std::string_view text);
+bool isValidUtf8(std::string_view text);
 
 // Text in quotes on one line: quotes and backslashes escaped, control characters as "\x0A". Longer
 // texts are cut to `most` characters and end with an ellipsis behind the quotes.

@@ -4,7 +4,6 @@
 #include "base/bytes.h"
 #include "base/copybytes.h"
 #include "frame/callframe.h"
-#include "hash/hash_check.h"
 #include "hash/hash_index.h"
 #include "hash/hashblocks.h"
 #include "platform/check.h"

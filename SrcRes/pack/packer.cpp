@@ -74,7 +74,7 @@ const PackRecord *recordBefore(const PackRecord *pRecord, int count) noexcept {
 const Outcome &Packer::run() noexcept {
   static_cast<void>(checkArguments() && openTable() && startChain() && writeControlBlock() &&
                     copyStructure() && fixPointers());
-  MEM_ASSERT_VALID(ChainCheck::isValid(chain_));
+  MEM_ASSERT_VALID(chain_.isValid());
   return failed_;
 }
 

@@ -170,7 +170,7 @@ class NewChain {
 
   ChainBuilder &blocks() noexcept { return blocks_; }
   MemPackBlock *release() noexcept {
-    MEM_ASSERT_VALID(ChainCheck::isValid(blocks_));
+    MEM_ASSERT_VALID(blocks_.isValid());
     MemPackBlock *pFirst = pFirst_;
     pFirst_ = nullptr;
     return pFirst;

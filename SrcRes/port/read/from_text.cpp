@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "base/bytes.h"
-#include "base/textparts.h"
 #include "port/words.h"
 
 namespace memlib {

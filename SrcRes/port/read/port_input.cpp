@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "base/textparts.h"
+#include "port/words.h"
 
 namespace memlib {
 

@@ -6,10 +6,17 @@
 #include <string_view>
 
 #include "platform/check.h"
-#include "port/port_message.h"
 #include "qj7mem00/memport.h"
 
 namespace memlib {
+
+// A reader's position, the text that it read last and the text that comes next.
+struct Excerpts {
+  static constexpr std::size_t kLen = 80;
+  std::int32_t position = 0;  // in the current chunk
+  char read[kLen + 1] = {};
+  char next[kLen + 1] = {};
+};
 
 class PortInput {
  public:

@@ -43,7 +43,10 @@ void *PortScanner::allocate(std::int64_t length) noexcept {
 }
 
 bool PortScanner::fail(const MessagePoint &point, const char *pMessage) noexcept {
-  reportReading(frame_, point, pMessage, input_.excerpts());
+  const Excerpts excerpts = input_.excerpts();
+  frame_.traceException(point.routine, point.line,
+                        "(%s:%d)ERROR:%s\nPosition: %ld\nRead:%s\nNext:%s", kSourcePort, point.line,
+                        pMessage, excerpts.position, excerpts.read, excerpts.next);
   return false;
 }
 

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "frame/callframe.h"
+#include "port/port_defs.h"
 #include "port/read/port_input.h"
 #include "port/words.h"
 #include "qj7mem00/memvect.h"
@@ -73,7 +74,7 @@ class PortScanner {
   // An entry of the caller's heap, or null with the heap's error recorded.
   void *allocate(std::int64_t length) noexcept;
 
-  // Reports a message; always false.
+  // Writes an error record with the position and the text around it; always false.
   MEM_NOINLINE bool fail(const MessagePoint &point, const char *pMessage) noexcept;
 
   bool tracesSkipped() const noexcept { return frame_.isTraced(MEM_TRACE_SKIPPED); }

@@ -5,7 +5,6 @@
 
 #include "heap/heapblocks.h"
 #include "port/read/fast_fields.h"
-#include "port/read/field_offsets.h"
 #include "port/read/from_text.h"
 
 namespace memlib {

@@ -2,7 +2,6 @@
 #include <cstring>
 
 #include "base/bytes.h"
-#include "base/copybytes.h"
 #include "frame/callframe.h"
 #include "hash/hash_index.h"
 #include "hash/hashblocks.h"

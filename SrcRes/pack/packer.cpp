@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "base/bytes.h"
-#include "base/copybytes.h"
 #include "hash/owned_table.h"
 #include "platform/textscan.h"
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "base/copybytes.h"
+#include "base/bytes.h"
 #include "frame/hostaccess.h"
 #include "pack/unpack/chain_reader.h"
 

@@ -1,6 +1,6 @@
 // Unpacking into a new chain, in three passes: the survey checks the old chain and numbers its
 // segments and texts, the move copies them, and linking stores the new addresses.
-#include "base/copybytes.h"
+#include "base/bytes.h"
 #include "pack/chain_builder.h"
 #include "pack/unpack/chain_text.h"
 #include "pack/unpack/chain_walk.h"

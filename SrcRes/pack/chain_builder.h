@@ -7,7 +7,6 @@
 
 #include "base/bytes.h"
 #include "pack/pack_descriptors.h"
-#include "pack/pack_failure.h"
 #include "platform/check.h"
 #include "platform/platform.h"
 #include "qj7mem00/mempack.h"

@@ -3,7 +3,6 @@
 
 #include "frame/callframe.h"
 #include "pack/pack_descriptors.h"
-#include "pack/pack_failure.h"
 #include "pack/unpack/chain_reader.h"
 
 namespace memlib {

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "heap/heapblocks.h"
-#include "port/read/fast_fields.h"
 #include "port/read/from_text.h"
 
 namespace memlib {

@@ -1,13 +1,20 @@
-// All entry points, declared from the list of slots, and the filling and clearing of the MEM
-// function vector. Each entry point is the function that memvect.h describes and throws no
+// The export, all entry points, declared from the list of slots, and the filling and clearing of
+// the MEM function vector. Each entry point is the function that memvect.h describes and throws no
 // exception. The definitions are in the rooms of their families. If a definition differs from its
 // slot's type, linking fails.
 #pragma once
 
 #include <cstdint>
 
+#include "platform/platform.h"
 #include "qj7mem00/memport.h"
 #include "qj7mem00/memvect.h"
+
+// See MEMBindFn. The only exported name.
+extern "C" MEM_EXPORT void ENV_FWV_V00M00_GFunc(void **const *ppHostVectors,
+                                                void **const *ppServiceVectors,
+                                                const MEMSysEnv *pSysEnv, std::uint32_t SysFlags,
+                                                std::int16_t Mode) noexcept;
 
 namespace memlib {
 

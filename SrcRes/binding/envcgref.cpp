@@ -1,5 +1,3 @@
-#include "binding/envcgref.h"
-
 #include "binding/entrypoints.h"
 #include "frame/hostaccess.h"
 #include "platform/platform.h"

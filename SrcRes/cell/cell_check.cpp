@@ -1,6 +1,5 @@
-#include "cell/cell_check.h"
-
 #include "base/listends.h"
+#include "cell/cellblocks.h"
 
 namespace memlib {
 

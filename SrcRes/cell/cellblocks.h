@@ -59,4 +59,10 @@ inline std::int32_t nodeSpace(const MEMCellCtlBlk &ctl, std::int32_t headerLen) 
   return cells * ctl.CellLen + rest - headerLen;
 }
 
+// For checks (cell_check.cpp): true when the pool's invariants hold: its lists end, vacant nodes
+// come before used ones, every node is in its place in an area, and every free cell is a cell of
+// the pool. The pool does not check what callers free: a caller that frees a foreign cell, or a
+// cell twice, breaks them.
+bool isValid(const MEMCellCtlBlk &ctl) noexcept;
+
 }  // namespace memlib

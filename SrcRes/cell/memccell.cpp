@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <cstring>
 
-#include "cell/cell_check.h"
 #include "cell/cellblocks.h"
 #include "frame/callframe.h"
 #include "platform/check.h"

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "platform/errorclear.h"
+#include "platform/platform.h"
 #include "qj7mem00/qj7mem00.h"
 
 namespace memlib {

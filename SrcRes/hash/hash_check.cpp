@@ -1,5 +1,3 @@
-#include "hash/hash_check.h"
-
 #include "base/listends.h"
 #include "hash/hash_index.h"
 

@@ -227,4 +227,10 @@ inline HashIndex::Slot *HashIndex::slotOf(std::uint64_t key) const noexcept {
   return pSlot->pNode == nullptr || pSlot->key == key ? pSlot : seekElsewhere(key);
 }
 
+// For checks (hash_check.cpp): true when the control block is valid, all chains and the list of
+// deleted nodes end, each record of a table that may have an index is in the bucket that its hash
+// function returns, and the index, if the frame finds one, gives the same answers as a walk of the
+// chains. A caller's hash function is not called, because the host could notice. Changes nothing.
+bool isValidTable(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
+
 }  // namespace memlib

@@ -2,9 +2,7 @@
 #include <cstring>
 
 #include "base/bytes.h"
-#include "base/copybytes.h"
 #include "frame/callframe.h"
-#include "hash/hash_check.h"
 #include "hash/hash_index.h"
 #include "hash/hashblocks.h"
 #include "platform/check.h"

@@ -1,6 +1,5 @@
-#include "heap/heap_check.h"
-
 #include "base/listends.h"
+#include "heap/heap_parts.h"
 
 namespace memlib {
 

@@ -5,7 +5,6 @@
 #include <cstdint>
 
 #include "frame/callframe.h"
-#include "heap/heap_check.h"
 #include "heap/heapblocks.h"
 #include "platform/check.h"
 #include "qj7mem00/memvect.h"
@@ -19,6 +18,15 @@ inline bool isStandardHeap(HMEMHEAP hMemHeap) noexcept {
 inline bool isEnhancedHeap(HMEMHEAP hMemHeap) noexcept {
   return hMemHeap != nullptr && hasEyecatcher(hMemHeap, kEHeapEye);
 }
+
+// For checks (heap_check.cpp): true when the heap's invariants hold: its lists end, every area and
+// large block has a valid header, no entry exceeds its area, and the counts in the heap's header
+// are right.
+bool isValid(const MEMHeapHeader &heap) noexcept;
+
+// The same, and every free entry is storage that was allocated before.
+// REQUIRES: no other thread changes the heap: its gate is held, or its handle is not yet known.
+bool isValid(const MEMEHeapHeader &heap) noexcept;
 
 // A line of the storage trace: its number, and its format with a block's address and size.
 struct StorageLine {

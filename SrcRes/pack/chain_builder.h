@@ -6,9 +6,7 @@
 #include <cstdint>
 
 #include "base/bytes.h"
-#include "pack/chain_check.h"
 #include "pack/pack_descriptors.h"
-#include "pack/pack_failure.h"
 #include "platform/check.h"
 #include "platform/platform.h"
 #include "qj7mem00/mempack.h"
@@ -80,9 +78,11 @@ class ChainBuilder {
                                    : putInNewBlock(kFirstStringOff, reserved, item);
   }
 
- private:
-  friend class ChainCheck;
+  // For checks (chain_check.cpp): true when the blocks are in order, their used lengths are right
+  // and all bytes after these are zero. True for a chain that has not been started.
+  bool isValid() const noexcept;
 
+ private:
   static constexpr std::int64_t kUsedStart = 8;  // used lengths and content offsets count from here
   static constexpr std::int32_t kContentStart = 10;  // block offset of the first content byte
   static constexpr std::uint32_t kFirstSegmentOff =
@@ -107,7 +107,7 @@ class ChainBuilder {
     item.pBytes = bytesAt(pCurrent_, static_cast<std::size_t>(kUsedStart) + offset);
     item.relPtr = relPtrTo(offset);
     setUsed(offset + static_cast<std::uint32_t>(length));
-    MEM_ASSERT_VALID(ChainCheck::isLast(*this, item, length));
+    MEM_ASSERT_VALID(isLast(item, length));
     return Placement::done;
   }
   Placement putInNewBlock(std::uint32_t firstOff, std::int64_t length, PlacedItem &item) noexcept {
@@ -118,6 +118,9 @@ class ChainBuilder {
     used_ = used;
     pCurrent_->UsedLen = static_cast<std::uint16_t>(used);
   }
+  // For checks: true when an item of `length` bytes is the last one of the current block and ends
+  // it.
+  bool isLast(const PlacedItem &item, std::int64_t length) const noexcept;
   MemPackBlock *obtainBlock() const noexcept;
   MEM_NOINLINE Placement addBlock(std::uint32_t firstOff) noexcept;
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "base/copybytes.h"
+#include "base/bytes.h"
 
 namespace memlib {
 

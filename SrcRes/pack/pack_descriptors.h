@@ -1,4 +1,5 @@
-// The pack control block: the kinds of segments, their pointer fields, and its two layouts.
+// The pack control block: the kinds of segments, their pointer fields, and its two layouts. Also
+// the failures that several steps of packing and unpacking have in common.
 #pragma once
 
 #include <cstddef>
@@ -6,10 +7,25 @@
 #include <span>
 
 #include "base/bytes.h"
+#include "frame/outcome.h"
 #include "platform/check.h"
 #include "qj7mem00/mempack.h"
 
 namespace memlib {
+
+// A failure whose result is its code.
+inline StepFailure failure(std::uint32_t code, const ErrorText &text) noexcept {
+  return {.result = static_cast<std::int16_t>(code), .code = code, .text = text};
+}
+
+inline StepFailure badDescriptor(const void *pDescriptor) noexcept {
+  return failure(MEMERR_PACKCBID, ErrorText("MemPackCBstructIDInvalid=").pointer(pDescriptor));
+}
+
+inline StepFailure badBlockCount(std::int32_t count) noexcept {
+  const auto shown = static_cast<std::int16_t>(count);
+  return failure(MEMERR_PACKBMAX, ErrorText("MaxBlocksValueBad=").decimal(shown));
+}
 
 // Characters of the version before a packed control block.
 inline constexpr std::uint32_t kPackVersionLen = 4;

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "base/bytes.h"
-#include "base/copybytes.h"
 #include "hash/owned_table.h"
 #include "platform/textscan.h"
 
@@ -74,7 +73,7 @@ const PackRecord *recordBefore(const PackRecord *pRecord, int count) noexcept {
 const Outcome &Packer::run() noexcept {
   static_cast<void>(checkArguments() && openTable() && startChain() && writeControlBlock() &&
                     copyStructure() && fixPointers());
-  MEM_ASSERT_VALID(ChainCheck::isValid(chain_));
+  MEM_ASSERT_VALID(chain_.isValid());
   return failed_;
 }
 

@@ -4,7 +4,6 @@
 #include "frame/callframe.h"
 #include "pack/chain_builder.h"
 #include "pack/pack_descriptors.h"
-#include "pack/pack_failure.h"
 #include "pack/segment_plan.h"
 
 namespace memlib {

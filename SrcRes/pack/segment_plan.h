@@ -2,7 +2,9 @@
 // for every segment.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <span>
 
 #include "pack/pack_descriptors.h"
@@ -57,6 +59,43 @@ class SegmentPlan {
   MemPackChild children_[MEM_PACK_MAX_CHILDREN];
   std::int16_t links_[1 + MEM_PACK_MAX_CHILDREN + MEM_PACK_MAX_REFERENCES];
 };
+
+inline void SegmentPlan::make(const PackControlBlock &controlBlock, std::uint16_t index) noexcept {
+  const MemPackDescriptor &descriptor = controlBlock.descriptor(index);
+  index_ = index;
+  isValid_ = controlBlock.hasValidCounts(descriptor);
+  hasSibling_ = memlib::hasSibling(descriptor);
+  textCount_ = childCount_ = linkCount_ = 0;
+  pointersEnd_ = std::numeric_limits<std::int64_t>::min();
+  if (!isValid_) return;
+  if (hasSibling_) addLink(descriptor.SiblingOff);
+  for (const MemPackChild &child : memlib::children(descriptor)) {
+    addChild(child, controlBlock.descriptor(child.Descriptor));
+  }
+  for (const std::int16_t offset : references(descriptor)) addLink(offset);
+}
+
+inline void SegmentPlan::addField(std::int16_t offset) noexcept {
+  constexpr std::int64_t kNoLength = std::numeric_limits<std::int64_t>::max();
+  const std::int64_t end = offset < 0 ? kNoLength : offset + std::int64_t{sizeof(void *)};
+  pointersEnd_ = std::max(pointersEnd_, end);
+}
+
+inline void SegmentPlan::addLink(std::int16_t offset) noexcept {
+  addField(offset);
+  links_[linkCount_++] = offset;
+}
+
+inline void SegmentPlan::addChild(const MemPackChild &child,
+                                  const MemPackDescriptor &kind) noexcept {
+  if (isTextKind(kind)) {
+    addField(child.Offset);
+    texts_[textCount_++] = {child.Offset, kind.Type == MEM_PACK_WIDE_STRING};
+  } else {
+    addLink(child.Offset);
+    children_[childCount_++] = child;
+  }
+}
 
 // The plans of a control block, each made on first use.
 class PlanTable {

@@ -2,12 +2,21 @@
 // are refused in every build and never checked here.
 #pragma once
 
+#if defined(MEM_CHECKS) || defined(MEM_VALIDATE)
+#include <cstdio>
+#include <cstdlib>
+
 namespace memlib {
 
 // Ends the process if the condition is false; prints the condition and its place to stderr.
-void checkThat(bool holds, const char *pCondition, const char *pFile, int line) noexcept;
+inline void checkThat(bool holds, const char *pCondition, const char *pFile, int line) noexcept {
+  if (holds) return;
+  std::fprintf(stderr, "%s:%d: %s does not hold\n", pFile, line, pCondition);
+  std::abort();
+}
 
 }  // namespace memlib
+#endif
 
 #define MEM_CHECKED(condition) ::memlib::checkThat((condition), #condition, __FILE__, __LINE__)
 #define MEM_UNCHECKED(condition) static_cast<void>(sizeof((condition) ? 1 : 0))

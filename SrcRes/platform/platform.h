@@ -1,9 +1,10 @@
 // Everything that depends on the compiler, the processor or the system. Only this room tests for
-// them. Sources: platform_posix.cpp and platform_windows.cpp, one per system, and
-// platform_processor.cpp.
+// them. Sources: platform_posix.cpp and platform_windows.cpp, one per system, and errorclear.cpp.
 #pragma once
 
 #include <cstdint>
+
+#include "qj7mem00/memhost.h"
 
 // MEM_COLD marks functions that run only when a call fails or is traced. Compilers move the
 // branches that lead to them out of the way of the others.
@@ -66,8 +67,12 @@
 
 namespace memlib {
 
-// True when MEM_AVX_CODE may run: the processor has AVX, and the system saves its registers.
-bool processorHasAvx() noexcept;
+// Clears a thread's error area of 552 bytes. Most entry points begin with it.
+using ErrorAreaClear = void (*)(MEMErrorArea &area) noexcept;
+
+// The fastest function that this processor can run. Binding selects and keeps it, because selecting
+// takes longer than clearing.
+ErrorAreaClear fastestErrorAreaClear() noexcept;
 
 // Answers of a fault filter.
 inline constexpr std::int32_t kFaultEndsWork = 1;

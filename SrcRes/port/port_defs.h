@@ -1,4 +1,5 @@
-// Definition tables. They belong to the caller and are read in place at every look-up.
+// What writing and reading have in common: definition tables, which belong to the caller and are
+// read in place at every look-up, and the places that error records name.
 #pragma once
 
 #include <cstddef>
@@ -21,6 +22,13 @@ inline std::int32_t fieldCount(const MEMStructDef &def) noexcept {
 inline bool hasRepeatField(const MEMStructDef &def) noexcept {
   return def.CountField != MEM_PORT_NO_COUNT;
 }
+
+// The place that an error record names: internal routine and fixed line, as in all trace records.
+// Error records are written regardless of the trace flags.
+struct MessagePoint {
+  const char *routine;
+  std::int32_t line;
+};
 
 // Stores the default of an absent field. False when a text is too long for a field that must not be
 // truncated. REQUIRES: as many bytes at `pField` as the reader stores there.

@@ -1,5 +1,6 @@
 // Processes text eight characters at a time: runs of digits, and runs of plain characters, which
-// are not escaped. Reads nothing at or after the end that the caller passes.
+// are not escaped. Reads nothing at or after the end that the caller passes. Also the parts of a
+// text that the standard library gives only with a check.
 #pragma once
 
 #include <bit>
@@ -11,6 +12,18 @@
 #include "platform/check.h"
 
 namespace memlib {
+
+// Parts of a text whose range is known to be valid. The standard library's functions check the
+// range and throw; code that can throw links in a runtime that allocates storage when the library
+// is loaded. REQUIRES: count <= text.size().
+inline std::string_view firstOf(std::string_view text, std::size_t count) noexcept {
+  MEM_ASSERT(count <= text.size());
+  return {text.data(), count};
+}
+inline std::string_view behind(std::string_view text, std::size_t count) noexcept {
+  MEM_ASSERT(count <= text.size());
+  return {text.data() + count, text.size() - count};
+}
 
 // Eight characters, the first one in the lowest byte.
 using TextWord = std::uint64_t;

@@ -7,7 +7,6 @@
 #include "frame/outcome.h"
 #include "platform/check.h"
 #include "platform/platform.h"
-#include "sink/sink_check.h"
 #include "sink/sink_compare.h"
 #include "sink/sink_index.h"
 #include "sink/sink_space.h"

@@ -1,5 +1,3 @@
-#include "sink/sink_check.h"
-
 #include <bit>
 
 #include "sink/sink_compare.h"

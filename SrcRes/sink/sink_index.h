@@ -55,4 +55,9 @@ SinkRoom reservedRoom(MEMProcessBlock &process, MEMSinkSegment &segment,
 
 void removeSlot(MEMProcessBlock &process, std::uint32_t slot) noexcept;
 
+// For checks (sink_check.cpp): true when the index has the right counts and its copies in order,
+// each copy is in a string space, and each segment's map and lengths match the copies. Changes
+// nothing. REQUIRES: the sink runs, its gate is held.
+bool isValidSink(MEMProcessBlock &process) noexcept;
+
 }  // namespace memlib

@@ -28,7 +28,7 @@ PURPOSES = {
     "sink": "the string sink",
     "process": "process and\\nthread blocks",
     "frame": "enter, trace, fail, leave;\\naccess to the host",
-    "base": "bytes, copies, texts,\\nUTF: pure functions",
+    "base": "bytes and copies:\\npure functions",
     "platform": "systems, processors, compilers",
 }
 

@@ -33,6 +33,19 @@ function(mem_marked_block page mark result)
   set(${result} "${text}" PARENT_SCOPE)
 endfunction()
 
+# mem_expect_source(<page> <source>)
+# Fails unless the page shows the C++ source line by line.
+function(mem_expect_source page source)
+  file(READ ${page} shown)
+  file(READ ${source} wanted)
+  string(REPLACE "\r\n" "\n" shown "${shown}")
+  string(REPLACE "\r\n" "\n" wanted "${wanted}")
+  string(FIND "${shown}" "```cpp\n${wanted}```\n" place)
+  if(place EQUAL -1)
+    message(FATAL_ERROR "${page} does not show ${source} line by line")
+  endif()
+endfunction()
+
 # Programs in pages of the manual. Each file of a program is marked with its folder and name, and
 # what the program prints with the folder:
 #

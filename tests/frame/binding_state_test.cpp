@@ -5,7 +5,7 @@
 #include <initializer_list>
 #include <iterator>
 
-#include "binding/envcgref.h"
+#include "binding/entrypoints.h"
 #include "frame/hostaccess.h"
 #include "memtest.hpp"
 

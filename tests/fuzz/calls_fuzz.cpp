@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "binding/envcgref.h"
+#include "binding/entrypoints.h"
 #include "fuzzfail.hpp"
 #include "randomrun.hpp"
 #include "refhost.hpp"

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "binding/envcgref.h"
+#include "binding/entrypoints.h"
 #include "portmutants.hpp"
 
 namespace {

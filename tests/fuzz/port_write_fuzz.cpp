@@ -13,7 +13,7 @@
 #include <span>
 #include <string>
 
-#include "binding/envcgref.h"
+#include "binding/entrypoints.h"
 #include "fuzzfail.hpp"
 #include "guardpages.hpp"
 #include "portgraph.hpp"

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "binding/entrypoints.h"
 #include "chainrun.hpp"
-#include "binding/envcgref.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   static refhost::Session session(ENV_FWV_V00M00_GFunc);

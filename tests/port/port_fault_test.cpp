@@ -101,6 +101,24 @@ TEST_F(PortFaultTest, WritingFailsCleanly) {
   }
 }
 
+// Wide text is collected in pieces; each of them may find no new chunk.
+TEST_F(PortFaultTest, WritingALongTextFailsCleanly) {
+  Defs defs;
+  defs.add(1, 8, {Field(1, MEM_PORT_WPSTR, 8, 0)});
+  const std::u16string text(2000, u'w');
+  Record record(8U);
+  record.set(0, text.c_str());
+  const std::string written = portmodel::write(defs.table(), 1, record.data());
+  const std::uint64_t calls = sweepFaults(host, faultOf(Service::GetStorage), [&](std::uint64_t) {
+    attempt([&] {
+      const std::int16_t result = write(defs.table(), 1, record.data(), 100);
+      EXPECT_EQ(result == 0 ? textOf(firstChunk) : written, written);
+      return result;
+    });
+  });
+  EXPECT_GT(calls, 4U);
+}
+
 TEST_F(PortFaultTest, ReadingFailsCleanly) {
   const Chain chain = Chain::cut(text_, 100);
   const std::uint64_t ofChain = sweepFaults(host, faultOf(Service::GetStorage), [&](std::uint64_t) {

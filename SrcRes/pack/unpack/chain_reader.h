@@ -7,7 +7,6 @@
 
 #include "base/bytes.h"
 #include "pack/pack_descriptors.h"
-#include "pack/pack_failure.h"
 #include "pack/unpack/file_control_block.h"
 #include "pack/unpack/workstorage.h"
 

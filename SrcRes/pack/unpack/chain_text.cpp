@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-#include "base/copybytes.h"
-#include "base/utfconvert.h"
+#include "base/bytes.h"
 #include "frame/hostaccess.h"
 #include "pack/unpack/chain_reader.h"
 
@@ -18,10 +17,50 @@ constexpr std::uint16_t kPageUtf32 = 12000;
 constexpr std::uint32_t kAreaLen = 32768;
 constexpr std::uint32_t kUtf16Len = 2;
 
+constexpr char32_t kLastCharacter = 0x10FFFF;
+constexpr char32_t kFirstSupplementary = 0x10000;
+
 template <class Unit>
 void swapUnits(std::byte *pText, std::uint32_t length) noexcept {
   for (std::uint32_t offset = 0; offset < length; offset += sizeof(Unit)) {
     storeAs(pText + offset, byteSwapped(loadAs<Unit>(pText + offset)));
+  }
+}
+
+bool isSurrogate(char32_t unit) noexcept {
+  return unit >= 0xD800 && unit <= 0xDFFF;
+}
+
+// Writes one character as one or two units. Returns the units, 0 when there is no room.
+std::int32_t putUtf16(char32_t character, std::byte *pOut, std::int32_t roomUnits) noexcept {
+  if (character < kFirstSupplementary) {
+    if (roomUnits < 1) return 0;
+    storeAs(pOut, static_cast<char16_t>(character));
+    return 1;
+  }
+  if (roomUnits < 2) return 0;
+  const char32_t rest = character - kFirstSupplementary;
+  storeAs(pOut, static_cast<char16_t>(0xD800 + (rest >> 10)));
+  storeAs(pOut + sizeof(char16_t), static_cast<char16_t>(0xDC00 + (rest & 0x3FF)));
+  return 2;
+}
+
+// Converts terminated UTF-32 into at most `outLen` bytes of UTF-16, both native. Returns 0 or a
+// code as the host's conversion service does.
+std::uint16_t utf32ToUtf16(const void *pIn, void *pOut, std::int32_t outLen) noexcept {
+  constexpr std::uint16_t kBadInput = 1;  // a value that is not a character
+  constexpr std::uint16_t kNoRoom = 2;
+  const auto *pFrom = static_cast<const std::byte *>(pIn);
+  auto *pTo = static_cast<std::byte *>(pOut);
+  std::int32_t roomUnits = outLen / 2;
+  for (;; pFrom += sizeof(char32_t)) {
+    const auto character = loadAs<char32_t>(pFrom);
+    if (character > kLastCharacter || isSurrogate(character)) return kBadInput;
+    const std::int32_t units = putUtf16(character, pTo, roomUnits);
+    if (units == 0) return kNoRoom;
+    if (character == 0) return 0;
+    pTo += static_cast<std::size_t>(units) * sizeof(char16_t);
+    roomUnits -= units;
   }
 }
 

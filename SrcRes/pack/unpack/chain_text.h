@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "base/bytes.h"
-#include "pack/pack_failure.h"
+#include "pack/pack_descriptors.h"
 #include "pack/unpack/workstorage.h"
 #include "platform/textscan.h"
 

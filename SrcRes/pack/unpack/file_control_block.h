@@ -6,7 +6,6 @@
 
 #include "base/bytes.h"
 #include "pack/pack_descriptors.h"
-#include "pack/pack_failure.h"
 
 namespace memlib {
 

@@ -1,6 +1,6 @@
 // Unpacking into a new chain, in three passes: the survey checks the old chain and numbers its
 // segments and texts, the move copies them, and linking stores the new addresses.
-#include "base/copybytes.h"
+#include "base/bytes.h"
 #include "pack/chain_builder.h"
 #include "pack/unpack/chain_text.h"
 #include "pack/unpack/chain_walk.h"
@@ -170,7 +170,7 @@ class NewChain {
 
   ChainBuilder &blocks() noexcept { return blocks_; }
   MemPackBlock *release() noexcept {
-    MEM_ASSERT_VALID(ChainCheck::isValid(blocks_));
+    MEM_ASSERT_VALID(blocks_.isValid());
     MemPackBlock *pFirst = pFirst_;
     pFirst_ = nullptr;
     return pFirst;

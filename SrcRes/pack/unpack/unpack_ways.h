@@ -3,7 +3,6 @@
 
 #include "frame/callframe.h"
 #include "pack/pack_descriptors.h"
-#include "pack/pack_failure.h"
 #include "pack/unpack/chain_reader.h"
 
 namespace memlib {
@@ -13,16 +12,10 @@ namespace memlib {
 Outcome unpackChain(CallFrame &frame, const PackControlBlock &callers, MemPackBlock *&pFirst,
                     void *&pRoot) noexcept;
 
-// In place: the blocks themselves become the structure. Replaces every relative pointer that is
-// reached from `root` by the real address and converts wide text to native UTF-16. A control block
-// of the current layout and the other byte order is swapped. Each segment and each pointer field is
-// processed once. A failure leaves the blocks partly converted.
-Outcome unpackInPlace(ChainReader &chain, const ContentPlace &root) noexcept;
-
-// The same for a chain whose segments and texts are in the order in which writers place them. There
-// the checks need no record of what has been reached, because each item comes after all earlier
-// ones. If the order differs or the chain is invalid, returns false and changes only the chain's
-// scratch storage.
+// The fast way in place, for a chain whose segments and texts are in the order in which writers
+// place them. There the checks need no record of what has been reached, because each item comes
+// after all earlier ones. If the order differs or the chain is invalid, returns false and changes
+// only the chain's scratch storage.
 bool unpackInOrder(const ChainReader &chain, const ContentPlace &root) noexcept;
 
 // Incompatibility mode: copies a chain whose writer had another pointer width into a new chain with

@@ -1,6 +1,8 @@
-#include "port/read/fast_fields.h"
-
+// The fast way to read fields. The plain way, PortReader::readFields, handles every text; this one
+// stops where it cannot continue. It saves a quarter of the time of a catalogue and half of the
+// time of numbers: bench/TRIED.md, "port string reading, fields".
 #include "port/read/from_text.h"
+#include "port/read/port_reader.h"
 #include "port/words.h"
 
 namespace memlib {
@@ -30,8 +32,8 @@ FastFields readNumber(const char *&p, const char *pEnd, const FieldType &type,
   ReversedDigits<std::uint64_t> digits;
   p = digits.take(isNegative ? p + 1 : p, pEnd);
   if (p == pEnd) return FastFields::none;
-  const std::uint64_t value = isNegative ? 0 - digits.value() : digits.value();
-  return storeNumber(pField, type.storedLen, value) ? FastFields::some : FastFields::none;
+  storeNumber(pField, type.storedLen, isNegative ? 0 - digits.value() : digits.value());
+  return FastFields::some;
 }
 
 FastFields readPointer(PortScanner &scanner, StructIndex &index, const char *&p,

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "base/bytes.h"
-#include "base/textparts.h"
 #include "port/words.h"
 
 namespace memlib {
@@ -279,7 +278,8 @@ bool readNumber(PortScanner &scanner, const MessagePoint &, const MEMFieldDef &f
   if (!isNegative && !scanner.unget()) return false;
   std::uint64_t magnitude = 0;
   if (!scanner.number(magnitude)) return false;
-  return storeNumber(pField, type.storedLen, isNegative ? 0 - magnitude : magnitude);
+  storeNumber(pField, type.storedLen, isNegative ? 0 - magnitude : magnitude);
+  return true;
 }
 
 bool readBit(PortScanner &scanner, const MessagePoint &, const MEMFieldDef &field,

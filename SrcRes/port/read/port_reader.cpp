@@ -4,8 +4,6 @@
 #include <cstring>
 
 #include "heap/heapblocks.h"
-#include "port/read/fast_fields.h"
-#include "port/read/field_offsets.h"
 #include "port/read/from_text.h"
 
 namespace memlib {

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "platform/check.h"
-#include "port/write/digits.h"
+#include "port/write/port_output.h"
 
 namespace memlib {
 

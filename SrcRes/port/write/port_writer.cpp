@@ -4,7 +4,6 @@
 #include "hash/owned_table.h"
 #include "heap/heapblocks.h"
 #include "platform/platform.h"
-#include "port/port_defs.h"
 #include "port/write/to_text.h"
 
 namespace memlib {
@@ -342,7 +341,8 @@ std::int16_t PortWriter::checked(bool isAppended) noexcept {
 }
 
 std::int16_t PortWriter::report(const MessagePoint &point, const char *pMessage) noexcept {
-  reportWriting(frame_, point, pMessage);
+  frame_.traceException(point.routine, point.line, "(%s:%d)ERROR:%s", kSourcePort, point.line,
+                        pMessage);
   return -1;
 }
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "frame/callframe.h"
-#include "port/port_message.h"
+#include "port/port_defs.h"
 #include "port/write/lookahead.h"
 #include "port/write/port_output.h"
 #include "port/write/port_plan.h"
@@ -79,6 +79,7 @@ class PortWriter {
   std::int16_t append(std::string_view text) noexcept;
   std::int16_t append(char c) noexcept;
   std::int16_t checked(bool isAppended) noexcept;
+  // Writes an error record; always -1.
   std::int16_t report(const MessagePoint &point, const char *pMessage) noexcept;
 
   CallFrame &frame_;

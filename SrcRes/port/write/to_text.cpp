@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "base/bytes.h"
-#include "base/textparts.h"
 #include "platform/check.h"
 #include "platform/textscan.h"
 #include "port/words.h"

@@ -32,8 +32,8 @@ FastFields readNumber(const char *&p, const char *pEnd, const FieldType &type,
   ReversedDigits<std::uint64_t> digits;
   p = digits.take(isNegative ? p + 1 : p, pEnd);
   if (p == pEnd) return FastFields::none;
-  storeNumber(pField, type.storedLen, isNegative ? 0 - digits.value() : digits.value());
-  return FastFields::some;
+  const std::uint64_t value = isNegative ? 0 - digits.value() : digits.value();
+  return storeNumber(pField, type.storedLen, value) ? FastFields::some : FastFields::none;
 }
 
 FastFields readPointer(PortScanner &scanner, StructIndex &index, const char *&p,

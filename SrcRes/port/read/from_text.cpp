@@ -278,8 +278,7 @@ bool readNumber(PortScanner &scanner, const MessagePoint &, const MEMFieldDef &f
   if (!isNegative && !scanner.unget()) return false;
   std::uint64_t magnitude = 0;
   if (!scanner.number(magnitude)) return false;
-  storeNumber(pField, type.storedLen, isNegative ? 0 - magnitude : magnitude);
-  return true;
+  return storeNumber(pField, type.storedLen, isNegative ? 0 - magnitude : magnitude);
 }
 
 bool readBit(PortScanner &scanner, const MessagePoint &, const MEMFieldDef &field,

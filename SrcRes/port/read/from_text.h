@@ -70,15 +70,21 @@ inline bool readOpening(PortScanner &scanner, const FieldType &type) noexcept {
 std::byte *allocateString(PortScanner &scanner, std::uint32_t length, std::byte *pField) noexcept;
 bool fillString(PortScanner &scanner, std::uint32_t length, std::byte *pText) noexcept;
 
-// Stores a number in `length` bytes; larger values wrap. REQUIRES: 2, 4 or 8 bytes.
-inline void storeNumber(std::byte *pField, std::uint8_t length, std::uint64_t value) noexcept {
-  if (length == sizeof(std::uint16_t)) {
-    storeAs(pField, static_cast<std::uint16_t>(value));
-  } else if (length == sizeof(std::uint32_t)) {
-    storeAs(pField, static_cast<std::uint32_t>(value));
-  } else {
-    MEM_ASSERT(length == sizeof value);
-    storeAs(pField, value);
+// Stores a number in `length` bytes; larger values wrap. False, with nothing stored, for a length
+// that no number has.
+inline bool storeNumber(std::byte *pField, std::int64_t length, std::uint64_t value) noexcept {
+  switch (length) {
+    case 2:
+      storeAs(pField, static_cast<std::uint16_t>(value));
+      return true;
+    case 4:
+      storeAs(pField, static_cast<std::uint32_t>(value));
+      return true;
+    case 8:
+      storeAs(pField, value);
+      return true;
+    default:
+      return false;
   }
 }
 

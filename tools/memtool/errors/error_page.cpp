@@ -26,7 +26,7 @@ This page is made from the table in `tools/memtool/errors/error_table.cpp`. To c
 )";
 
 constexpr std::string_view kSeenHead =
-    R"(## What the caller sees
+    R"(## Find the code and its text
 
 Offsets count from the start of the thread environment (`MEMThreadEnv`). If a failure is recorded, `ReturnCode`
 (offset 76) is 0xFFFF. Most calls erase the record when they begin, so read it right after the failing call. In recorded

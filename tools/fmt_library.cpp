@@ -1,5 +1,5 @@
-// What fmt does not put into every source that formats: compiled once, because Debian has fmt as a
-// library for Linux only.
+// The part of fmt that is not in its headers, compiled once: Debian has fmt as a library for Linux
+// only.
 #include <fmt/format-inl.h>
 
 FMT_BEGIN_NAMESPACE

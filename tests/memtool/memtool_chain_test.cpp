@@ -43,7 +43,7 @@ class MemtoolFixtureTest : public ToolTest, public ::testing::WithParamInterface
 TEST_P(MemtoolFixtureTest, IsSound) {
   const std::string path = fixturePath(GetParam().name);
   EXPECT_EQ(outputOf({"chain", path, "--check"}),
-            path + ": sound, 10 segments and 7 texts in 2 blocks\n");
+            path + ": valid, 10 segments and 7 texts in 2 blocks\n");
 }
 
 TEST_P(MemtoolFixtureTest, HeadTellsTheWriter) {
@@ -234,12 +234,12 @@ TEST_F(FaultTest, WrongPointers) {
       {field(0, 0), {0xFFFF, 2}, "a sibling pointer leads to block -1, "},
       {field(0, 0), root(),
        "a pointer leads to " + std::to_string(root().block) + ":" + std::to_string(root().offset) +
-           ", which lies over"},
+           ", which overlaps what another pointer leads to"},
       {field(0, 2), {0, 100}, "a pointer leads to 0:100, into the block's head"},
       {field(0, 7), noSegment,
        "a reference leads to 1:" + std::to_string(noSegment.offset) + ", where no segment begins"},
       {field(0, 5), oddText,
-       "a wide text stands at 0:" + std::to_string(oddText.offset) + ", not at a multiple of 4"},
+       "a wide text begins at 0:" + std::to_string(oddText.offset) + ", not at a multiple of 4"},
   };
   const Chain right = chain;
   for (const auto &row : rows) {
@@ -262,7 +262,7 @@ TEST_F(FaultTest, BytesBehindARelativePointer) {
   chain.blocks[at.block][at.offset + 7] = 1;
   // Such bytes could mean pointers of 4 bytes, so the width is given here.
   writeBytes("bad.chain", textOf(chain.file()));
-  expectFaults("the bytes behind a relative pointer are not zero",
+  expectFaults("the bytes after a relative pointer are not zero",
                {"chain", "bad.chain", "--check", "--pointers", "8"});
 }
 
@@ -271,7 +271,7 @@ TEST_F(FaultTest, WideTextWithoutEnd) {
   for (std::size_t at = place.offset; at < chain.blocks[place.block].size(); ++at) {
     chain.blocks[place.block][at] = 0x41;
   }
-  expectFault(place, "a wide text begins here and has no end in its block");
+  expectFault(place, "a wide text begins here and does not end in its block");
 }
 
 TEST_F(FaultTest, NarrowTextWithoutEnd) {
@@ -291,11 +291,14 @@ TEST_F(FaultTest, WrongNumbers) {
     const char *what;
   } rows[] = {
       {chain.places[10], 5000, "a segment of kind 2 and 5002 bytes begins here"},
-      {chain.places[6], 1, "a segment of kind 3 tells a length of 1"},
-      {Chain::countPlace(), 0, "the control block counts 0 kinds of segments"},
+      {chain.places[6], 1, "a segment of kind 3 has the invalid length 1"},
+      {Chain::countPlace(), 0,
+       "the control block counts 0 kinds of segments; at least 1 is needed"},
       {Chain::countPlace(), 200, "a control block of 200 kinds takes 24402 bytes"},
       {chain.childEntryPlace(1, 0), 8, "a child is of kind 8, but there are 8 kinds"},
-      {{kind.block, kind.offset + 6}, 25, "a kind of segment has 25 children, which cannot be"},
+      {{kind.block, kind.offset + 6},
+       25,
+       "a kind of segment has 25 children; 0 to 24 are possible"},
   };
   const Chain right = chain;
   for (const auto &row : rows) {
@@ -317,26 +320,26 @@ TEST_F(FaultTest, FixedLengthTooShortForAPointer) {
 
 TEST_F(FaultTest, NoVersion) {
   chain.blocks[0][2] = 'x';
-  expectFault({0, 2}, "no version stands here, so this is no packed chain");
+  expectFault({0, 2}, "no version is here, so the file is not a packed chain");
 }
 
 TEST_F(FaultTest, UnknownVersion) {
   chain.blocks[0][3] = '3';
-  expectFault({0, 2}, "there is no version 0320");
+  expectFault({0, 2}, "the version 0320 is unknown");
 }
 
 TEST_F(FaultTest, UsedLengthBeyondTheFile) {
   const std::size_t real = chain.blocks[1].size();
   chain.setUsedLen(1, static_cast<std::uint16_t>(real + 1));
-  expectFault({1, 0}, "the used length is " + std::to_string(real + 1) + ", but the file ends " +
-                          std::to_string(real) + " bytes on");
+  expectFault({1, 0}, "the used length is " + std::to_string(real + 1) + ", but only " +
+                          std::to_string(real) + " bytes are left in the file");
 }
 
 TEST_F(FaultTest, NoRoot) {
   chain.blocks.resize(1);
   chain.blocks[0].resize(6 + 978);
   chain.setUsedLen(0, 6 + 978);
-  expectFault({0, 0}, "the chain ends behind its control block, without a root");
+  expectFault({0, 0}, "the chain ends after its control block, without a root");
 }
 
 // Siblings may be as many as they like; children may not.
@@ -502,14 +505,14 @@ TEST_F(MemtoolChainTest, FaultsAreNotReadAwayAsTheOtherWidth) {
   chain.blocks[field.block][field.offset + 6] = 1;
   writeBytes("bad", textOf(chain.file()));
   const std::string fault =
-      "the bytes behind a relative pointer are not zero; with pointers of 4 bytes the file would "
+      "the bytes after a relative pointer are not zero; with pointers of 4 bytes the file would "
       "be "
       "valid (--pointers 4)";
   expectRefused(1, fault, {"chain", "bad", "--check"});
   expectRefused(1, fault, {"chain", "bad", "--to-native", "out"});
   EXPECT_FALSE(std::filesystem::exists("out"));
   const Json json = Json::parse(runTool({"chain", "bad", "--json"}).out)["fault"];
-  EXPECT_EQ(json["what"], "the bytes behind a relative pointer are not zero");
+  EXPECT_EQ(json["what"], "the bytes after a relative pointer are not zero");
   EXPECT_EQ(json["remark"], "with pointers of 4 bytes the file would be valid (--pointers 4)");
   // The user's word counts.
   outputOf({"chain", "bad", "--check", "--pointers", "4"});
@@ -613,7 +616,7 @@ TEST_F(CutTest, TwoThirdsShowTwoThirds) {
   EXPECT_EQ(run.code, 1);
   EXPECT_NE(run.out.find("\"text 200\""), std::string::npos);
   EXPECT_TRUE(areLines(run.err)) << run.err;
-  EXPECT_NE(run.err.find("but the file ends "), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find(" bytes are left in the file"), std::string::npos) << run.err;
 }
 
 TEST_F(CutTest, EveryBlockBoundary) {
@@ -673,7 +676,7 @@ TEST_F(FaultTest, LibraryIsAsked) {
 
   chain = right;  // a reference to the middle of a segment
   chain.setPointer(field(0, 7), {1, chain.places[1].offset + 1});
-  ends(refusal(), "where no segment begins (the library takes it)");
+  ends(refusal(), "where no segment begins (the library accepts it)");
   const Json taken = Json::parse(runTool({"chain", "bad.chain", "--json"}).out)["fault"];
   EXPECT_TRUE(taken["code"].is_null());
   EXPECT_EQ(taken["library"]["takesIt"], true);
@@ -701,7 +704,7 @@ TEST_F(MemtoolChainTest, WrongUseEndsWithTwo) {
 // One that cannot be read does not keep the others from being shown; the highest code counts.
 TEST_F(MemtoolChainTest, SeveralFiles) {
   const std::string path = fixturePath("0220_64bit");
-  const std::string sound = path + ": sound, 10 segments and 7 texts in 2 blocks\n";
+  const std::string sound = path + ": valid, 10 segments and 7 texts in 2 blocks\n";
   EXPECT_EQ(outputOf({"chain", path, path, "--check"}), sound + sound);
   EXPECT_EQ(outputOf({"chain", path, path}),
             outputOf({"chain", path}) + "\n" + outputOf({"chain", path}));

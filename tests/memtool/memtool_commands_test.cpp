@@ -234,7 +234,7 @@ TEST_F(MemtoolCommandsTest, PicturesOfBigHeapsStaySmall) {
   const std::string svg = pictureOf({"big.json"});
   EXPECT_LT(svg.size(), 50000U);
   EXPECT_NE(svg.find("976 more areas and large blocks are not drawn"), std::string::npos);
-  EXPECT_NE(svg.find(">not known<"), std::string::npos);
+  EXPECT_NE(svg.find(">unknown<"), std::string::npos);
 }
 
 TEST_F(MemtoolCommandsTest, WhatIsNoSnapshotIsRefusedWithItsPlace) {
@@ -243,9 +243,11 @@ TEST_F(MemtoolCommandsTest, WhatIsNoSnapshotIsRefusedWithItsPlace) {
     expectRefused(1, text, {"heapmap", "x.json"});
   };
   refused("{", "x.json: no JSON from byte 1 on");
-  refused("{}", "x.json: these are no statistics of heaps and pools");
-  refused(R"({"isDifference":true,"heaps":{"open":[]}})", "a difference of statistics has no maps");
-  refused(snapshotOf(withPlaces(), false), "no heap or pool has a map: statistics(true)");
+  refused("{}", "x.json: this JSON has no statistics of heaps or pools");
+  refused(R"({"isDifference":true,"heaps":{"open":[]}})",
+          "this is a difference of statistics, which has no maps");
+  refused(snapshotOf(withPlaces(), false),
+          "no heap or pool has a map; write the statistics with statistics(true)");
   refused(snapshotOf({}, true), "no heap or pool has a map");
   const std::string before =
       R"({"heaps":{"open":[{"handle":"0x1","opened":null,"kind":"standard","subPool":7,)"
@@ -261,7 +263,8 @@ TEST_F(MemtoolCommandsTest, WhatIsNoSnapshotIsRefusedWithItsPlace) {
   refusedArea(entries + R"(1025}])", "entries[0].offset: expected a whole number from 0 to 1024");
   refusedArea(entries + R"(1000,"asked":1,"taken":25}])", "taken: expected a whole number from 0");
   refusedArea(entries + R"(900,"zone":901}])", "zone: expected a whole number from 0 to 900");
-  refusedArea(entries + R"(900,"zone":100,"asked":1,"taken":100}])", "ends behind its area");
+  refusedArea(entries + R"(900,"zone":100,"asked":1,"taken":100}])",
+              "the entry ends after its area");
   refusedArea(entries + R"(16,"asked":1,"taken":8,"made":null}])",
               "the entry at offset 16 begins before 24");
   refusedArea(entries + R"(40,"zone":32,"asked":1,"taken":8,"made":null}])",
@@ -360,23 +363,25 @@ TEST_F(MemtoolCommandsTest, ScriptMistakesNameTheLine) {
     writeBytes("script", script);
     expectRefused(1, text, {"heapmap", "script"});
   };
-  refused("\n# comment\nfly h\n", "script, line 3: there is no \"fly\"; a line begins with open");
-  refused("open h heap\n", "line 1: the form is: open NAME heap|eheap AREA_KB");
-  refused("open h box 1\n", "line 1: the form is: open");
-  refused("open h heap 1\nopen h heap 1\n", "line 2: \"h\" is open already");
+  refused("\n# comment\nfly h\n", "script, line 3: unknown call \"fly\"; a line begins with open");
+  refused("open h heap\n", "line 1: expected: open NAME heap|eheap AREA_KB");
+  refused("open h box 1\n", "line 1: expected: open");
+  refused("open h heap 1\nopen h heap 1\n", "line 2: \"h\" is already open");
   refused("open h heap 257\n", "line 1: MEM_HeapOpen failed: 4050 MEMERR_HEAPSIZE");
   refused("open p pool 100 10\n", "line 1: MEM_CellOpen failed: 4010 MEMERR_CELLBNDS");
   refused("entry h a 1\n", "line 1: no heap or pool \"h\" is open");
-  refused("open h heap 1\nentry h a x\n", "line 2: \"x\" is no number");
+  refused("open h heap 1\nentry h a x\n",
+          "line 2: \"x\" is not a number from -2147483648 to 2147483647");
   refused("open h heap 1\nentry h a 0\n", "line 2: MEM_HeapAllocEntryLong failed: 4051");
-  refused("open h heap 1\nentry h a 1\nentry h a 1\n", "line 3: h has an entry a already");
-  refused("open h heap 1\nentry h a 1\nfree h a\n", "line 3: a standard heap takes no entry back");
+  refused("open h heap 1\nentry h a 1\nentry h a 1\n", "line 3: h already has an entry a");
+  refused("open h heap 1\nentry h a 1\nfree h a\n",
+          "line 3: entries of a standard heap cannot be freed; close the heap");
   refused("open h eheap 1\nfree h a\n", "line 2: h has no entry \"a\"");
-  refused("open h heap 1\nchain h a 4 2\n", "line 2: the entries of a chain hold a pointer");
-  refused("open h heap 1\ncell h a\n", "line 2: a heap has entries");
-  refused("open p pool 512 32\nentry p a 1\n", "line 2: a pool has cells");
+  refused("open h heap 1\nchain h a 4 2\n", "line 2: the entries of a chain contain a pointer");
+  refused("open h heap 1\ncell h a\n", "line 2: a heap has entries; expected: entry HEAP");
+  refused("open p pool 512 32\nentry p a 1\n", "line 2: a pool has cells; expected: cell POOL");
   refused("open h heap 1\nclear h\n", "line 2: only a pool can be cleared");
-  refused("show\n", "line 1: nothing is open");
+  refused("show\n", "line 1: no heap or pool is open to show");
   refused("close h\n", "line 1: no heap or pool \"h\" is open");
   expectRefused(3, "cannot read absent", {"heapmap", "absent"});
 }
@@ -393,7 +398,7 @@ TEST_F(MemtoolCommandsTest, FailedScriptGivesAllStorageBack) {
   EXPECT_EQ(library.host().leaks().size(), library.host().account().liveCount);
 }
 
-// Text between two marks, from `at` on; `at` moves behind it. "" when there is none.
+// Text between two marks, from `at` on; `at` moves after it. "" when there is none.
 std::string takeBetween(const std::string &text, std::size_t &at, const std::string &from,
                         const std::string &to) {
   const std::size_t start = text.find(from, at);

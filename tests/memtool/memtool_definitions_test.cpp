@@ -540,7 +540,7 @@ TEST_F(MemtoolDefsTest, FaultsHaveTheirPlace) {
       {"id": 1, "type": "Bit", "offset": 0, ")" +
                                 key + "\": " + std::string(deep, '[') + std::string(deep, ']') +
                                 "}]}]}");
-    expectRefused(memtool::kExitFault, "no value of a field (line 2, column",
+    expectRefused(memtool::kExitFault, "nested too deeply for a field (line 2, column",
                   {"defs", "deep.json"});
   }
   expectRefused(memtool::kExitFile, "absent.json", {"defs", "absent.json"});

@@ -1,5 +1,5 @@
 // memtool's verdict on damaged chains against the library's, 20,000 of them: what memtool calls
-// sound the library takes, the code that it shows is the library's, and where it is stricter the
+// valid the library accepts, the code that it shows is the library's, and where it is stricter the
 // manual says so.
 
 #include <array>
@@ -33,15 +33,16 @@ struct Stricter {
 };
 constexpr std::array kStricter = {
     Stricter{"into the block's head", "a pointer into the head of a block"},
-    Stricter{"which lies over what another pointer leads to", "items that overlap"},
+    Stricter{"which overlaps what another pointer leads to", "items that overlap"},
     Stricter{"too short for its pointer", "a pointer field that passes the end of its segment"},
-    Stricter{"would lie before it", "a pointer field before the start of its segment"},
+    Stricter{"would be before it", "a pointer field before the start of its segment"},
     Stricter{"whose pointer fields of 4 bytes overlap", "pointer fields of 4 bytes that overlap"},
     Stricter{"where no segment begins", "a reference to a place where no segment begins"},
     Stricter{"not at a multiple of 4", "wide text that is not at a multiple of 4"},
-    Stricter{"without the room to be widened", "wide text without the room to be widened"},
-    Stricter{"behind a relative pointer are not zero",
-             "bytes behind a relative pointer that are not zero"},
+    Stricter{"without the room for 4-byte characters",
+             "wide text without the room for 4-byte characters"},
+    Stricter{"after a relative pointer are not zero",
+             "bytes after a relative pointer that are not zero"},
 };
 
 std::string textOf(const chainwriter::Bytes &bytes) {
@@ -200,7 +201,8 @@ class MemtoolDifferentialTest : public ToolTest {
       ++stricter_[row.what];
       return;
     }
-    FAIL() << "the library takes it, and the manual does not say so: " << chain.faults.front().what;
+    FAIL() << "the library accepts it, and the manual does not say so: "
+           << chain.faults.front().what;
   }
 
   // The same question put by the test itself, for a caller of the tree's structures.

@@ -164,10 +164,10 @@ TEST_F(MemtoolEncodeTest, WrongGraphsAreNamedWithTheirPlace) {
     const char *message;
   };
   const Row rows[] = {
-      {R"()", "structures: there is no structure (line 1, column 16)"},
+      {R"()", "structures: the list has no structure (line 1, column 16)"},
       {R"({"structure": "Nod", "fields": {}})",
-       "structures[0].structure: no definition has this name or id (line 2, column 15)"},
-      {R"({"structure": 2, "fields": {}})", "text is the value of its pointer"},
+       "structures[0].structure: no definition has the name or id \"Nod\" (line 2, column 15)"},
+      {R"({"structure": 2, "fields": {}})", "a text is no structure, but the value of its pointer"},
       {R"({"structure": "Node"})", "structures[0]: \"fields\" is missing (line 2, column 1)"},
       {R"({"structure": "Node", "fields": []})", "fields: expected an object (line 2, column 33)"},
       {R"({"structure": "Node", "fields": {"x": 1}})", "Node has no field \"x\""},
@@ -181,37 +181,40 @@ TEST_F(MemtoolEncodeTest, WrongGraphsAreNamedWithTheirPlace) {
        "no structure has the label \"7\" (line 2, column 43)"},
       {R"({"structure": "Node", "fields": {"child": {"fault": "7:2"}}})", "expected text"},
       {R"({"structure": "Node", "fields": {"+30": "FF"}})", ""},  // of the text's end: nothing
-      {R"({"structure": "Node", "fields": {"+32": "FF"}})", "1 bytes at 32 lie beyond"},
-      {R"({"structure": "Node", "fields": {"+16": "FF"}})", "it lies over the pointer text"},
-      {R"({"structure": "Node", "fields": {"+x": "FF"}})", "a name with + tells an offset"},
+      {R"({"structure": "Node", "fields": {"+32": "FF"}})", "1 bytes at 32 exceed"},
+      {R"({"structure": "Node", "fields": {"+16": "FF"}})", "the bytes overlap the pointer text"},
+      {R"({"structure": "Node", "fields": {"+x": "FF"}})",
+       "a name with + is + and an offset, for example +44"},
       {R"({"structure": "Node", "fields": {"+24": "F"}})",
        "expected bytes in hexadecimal capitals"},
       {R"({"structure": "Node", "fields": {"number": 1, "low": 2}})",
-       "another value has set other bytes here (line 2, column 44)"},
+       "another value has set different bytes here (line 2, column 44)"},
       {R"({"label": "a", "structure": "Node", "fields": {"child": "a"}})",
-       "a child or sibling pointer leads to the root; others are references (line 2, column 57)"},
+       "a child or sibling pointer leads to the root; only references may (line 2, column 57)"},
       {R"({"structure": "Data", "fields": {}})",
-       "the root is a Node, the first one that is defined"},
+       "the root must be a Node, the first structure of the definitions"},
       {R"({"structure": "Node", "fields": {}}, {"structure": "Node", "fields": {}})",
-       "structures[1]: no child or sibling pointer from the root on leads here (line 2, column "
+       "structures[1]: no child or sibling pointers lead from the root to this structure (line 2, "
+       "column "
        "38)"},
       {"{\"structure\": \"Node\", \"fields\": {\"child\": \"b\", \"next\": \"b\"}},\n"
        "{\"label\": \"b\", \"structure\": \"Node\", \"fields\": {}}",
-       "a second child or sibling pointer leads to \"b\"; others are references (line 2, column "
+       "a second child or sibling pointer leads to \"b\"; further ones must be references (line 2, "
+       "column "
        "56)"},
       {"{\"structure\": \"Node\", \"fields\": {}},\n"
        "{\"label\": \"b\", \"structure\": \"Node\", \"fields\": {\"child\": \"c\"}},\n"
        "{\"label\": \"c\", \"structure\": \"Node\", \"fields\": {\"child\": \"b\"}}",
-       "no child or sibling pointer from the root on leads here (line 3, column 1)"},
+       "no child or sibling pointers lead from the root to this structure (line 3, column 1)"},
       {"{\"label\": \"b\", \"structure\": \"Node\", \"fields\": {}},\n"
        "{\"label\": \"b\", \"structure\": \"Node\", \"fields\": {}}",
-       "a second structure with this label (line 3, column 11)"},
+       "a second structure with the label \"b\" (line 3, column 11)"},
       {"{\"structure\": \"Node\", \"fields\": {\"child\": \"d\"}},\n"
        "{\"label\": \"d\", \"structure\": \"Data\", \"fields\": {}}",
-       "\"d\" is a Data, and the field points to a Node (line 2, column 43)"},
+       "\"d\" is a Data, but the field points to a Node (line 2, column 43)"},
       {"{\"structure\": \"Node\", \"fields\": {}},\n"
        "{\"structure\": \"Data\", \"fields\": {\"count\": 9, \"numbers\": [1]}}",
-       "the segment's values make this 16 (line 3, column 43)"},
+       "the length that follows from the segment's other values is 16 (line 3, column 43)"},
       {"{\"structure\": \"Node\", \"fields\": {}},\n"
        "{\"structure\": \"Data\", \"fields\": {\"numbers\": [1, \"2\"]}}",
        "expected a number (line 3, column 49)"},
@@ -246,10 +249,10 @@ TEST_F(MemtoolEncodeTest, DefinitionsThatDoNotMakeAControlBlock) {
        "for pointers of 4 bytes"},
       {R"({"structures": [{"id": 1, "length": 8, "fields": [
            {"id": 1, "type": "Pnt", "structure": 1, "offset": 4}]}]})",
-       "8 bytes at 4 lie beyond"},
+       "8 bytes at 4 exceed"},
       {R"({"structures": [{"id": 1, "length": 16, "fields": [
            {"id": 1, "type": "PStr", "offset": 0}, {"id": 2, "type": "PStr", "offset": 4}]}]})",
-       "it lies over the pointer 1"},
+       "the field overlaps the pointer 1"},
       {R"({"structures": [{"id": 1, "segment": "S"}]})", "no structure"},
   };
   writeBytes("graph.json", R"({"structures": []})");

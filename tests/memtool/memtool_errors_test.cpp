@@ -55,7 +55,7 @@ TEST_F(MemtoolErrorsTest, FailuresWithoutACodeAreFound) {
   EXPECT_EQ(found("WideStringOutOfPlace"), (Codes{0}));
   EXPECT_EQ(found("MEM_HashScan"), (Codes{4031, 0}));
   EXPECT_TRUE(outputOf({"errors", "0"})
-                  .starts_with("0 0x0 no code\n0 is the result of a call that has succeeded."));
+                  .starts_with("0 0x0 no code\n0 is the result of a successful call."));
 }
 
 TEST_F(MemtoolErrorsTest, NamesGoBeforeOtherTexts) {
@@ -121,7 +121,7 @@ TEST_F(MemtoolErrorsTest, JsonHoldsEverything) {
       "passedOnBy": [],
       "seen": "returned only",
       "cause": "The text is not in the sink. Nothing is stored.",
-      "remedy": "From verify this is an answer, not an error. From delete: it was deleted as often as it was sunk before; look for one delete too many."
+      "remedy": "From verify this is an answer, not an error. From delete: the text was already deleted as often as it was sunk; look for one delete too many."
     }]}])");
   EXPECT_EQ(one, wanted);
 }

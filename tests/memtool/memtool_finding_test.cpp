@@ -236,20 +236,20 @@ TEST_F(MemtoolFindingTest, UnknownValuesAreNamed) {
     SCOPED_TRACE(Json(words).dump());
     expectRefused(2, text, words);
   };
-  refuse("--kind: there is no kind \"77\" of segments; the control block has 0 to 6",
+  refuse("--kind: there is no kind \"77\" of segments; the control block has kinds 0 to 6",
          {"chain", path, "--kind", "77"});
   refuse("--kind: there is no kind \"F\" of segments", {"chain", path, "--kind", "F"});
-  refuse("--at: \"7\" is no place; a place is BLOCK:OFFSET, as 1:34", {"chain", path, "--at", "7"});
-  refuse("--at: \"-1:2\" is no place", {"chain", path, "--at=-1:2"});
+  refuse("--at: \"7\" is not a place; a place is BLOCK:OFFSET, for example 1:34",
+         {"chain", path, "--at", "7"});
+  refuse("--at: \"-1:2\" is not a place", {"chain", path, "--at=-1:2"});
   refuse("--at: there is no block 9; the chain has 2 blocks", {"chain", path, "--at", "9:2"});
   refuse("--at: block 1 has ", {"chain", path, "--at", "1:60000"});
-  refuse("--root: no segment and no text that was read is at 0:7",
-         {"chain", path, "--root", "0:7"});
+  refuse("--root: no segment or text that was read is at 0:7", {"chain", path, "--root", "0:7"});
   refuse("--depth", {"chain", path, "--depth", "-1"});
   refuse("--limit", {"chain", path, "--limit", "many"});
-  refuse("--at goes without --kind, --root and --depth",
+  refuse("--at does not go with --kind, --root and --depth",
          {"chain", path, "--at", "1:2", "--depth", "1"});
-  refuse("not with --check", {"chain", path, "--check", "--kind", "1"});
+  refuse("do not go with --check", {"chain", path, "--check", "--kind", "1"});
   refuse("--svg takes --root and --block only", {"chain", path, "--svg", "o.svg", "--kind", "1"});
   refuse("--block goes with --svg", {"chain", path, "--block", "1"});
   refuse("--block: there is no block 2; the chain has 2 blocks",
@@ -267,7 +267,7 @@ TEST_F(MemtoolFindingTest, UnknownValuesAreNamed) {
          {"port", "order.port", "--root", "3"});
   refuse("--root: there is no structure 0",
          {"port", "order.port", "--svg", "o.svg", "--root", "0"});
-  refuse("not with --check", {"port", "order.port", "--check", "--depth", "1"});
+  refuse("do not go with --check", {"port", "order.port", "--check", "--depth", "1"});
   refuse("--svg takes --root only", {"port", "order.port", "--svg", "o.svg", "--limit", "1"});
 
   // One file without the value does not keep the others from being shown.

@@ -87,7 +87,7 @@ TEST_F(MemtoolNamesTest, CatalogueHasItsNames) {
   EXPECT_EQ(dependency["structure"], "Dependency");
   EXPECT_EQ(dependency["fields"]["name"], "awk");
   EXPECT_EQ(outputOf({"chain", "catalog.chain", "--defs", "catalog.defs.json", "--check"}),
-            "catalog.chain: sound, 72 segments and 157 texts in 1 block\n");
+            "catalog.chain: valid, 72 segments and 157 texts in 1 block\n");
 }
 
 // A segment with a value of every type, as each writer lays it out.
@@ -286,7 +286,8 @@ TEST_F(MemtoolNamesTest, DefinitionsThatAreNotOfTheChain) {
       {"\"type\": \"PStr\"", "\"type\": \"BigInt\"", "a pointer is at offset 8 (line 8, column 9)"},
       {", \"reference\": true", "", "the pointer at offset 24 is a reference (line 10, column 9)"},
       {", \"next\": \"next\"", "", "the pointer at offset 0 is a sibling (line 7, column 9)"},
-      {"\"offset\": 0", "\"offset\": 0, \"reference\": true", "the next segment is no reference"},
+      {"\"offset\": 0", "\"offset\": 0, \"reference\": true",
+       "the pointer to the next segment must not be a reference"},
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(row.to);
@@ -359,23 +360,29 @@ TEST_F(MemtoolNamesTest, WrongDefinitions) {
       {R"({"name": "a", "type": "Long", "offset": 0})", "\"id\" is missing"},
       {R"({"id": 1, "type": "Int", "offset": 0})", "unknown type; there are Char, CharSZ"},
       {R"({"id": 1, "name": "+1", "type": "Long", "offset": 0})", "must not begin with +"},
-      {R"({"id": 1, "type": "Long", "offset": 29})", "4 bytes at 29 lie beyond the segment's 32"},
+      {R"({"id": 1, "type": "Long", "offset": 29})", "4 bytes at 29 exceed the segment's 32"},
       {R"({"id": 1, "type": "Long", "offset": 0, "length": 8})", "from 4 to 4"},
       {R"({"id": 1, "type": "Char", "offset": 0})", "\"length\" is missing"},
       {R"({"id": 1, "type": "Bin", "offset": 0})", "\"length\" is missing"},
-      {R"({"id": 1, "type": "Char", "offset": 0, "length": 4, "count": 2})", "only numbers"},
-      {R"({"id": 1, "type": "Long", "offset": 0, "count": 9})", "36 bytes at 0 lie beyond"},
-      {R"({"id": 1, "type": "Long", "offset": 0, "toEnd": true})", "have a varying end"},
-      {R"({"id": 1, "type": "Long", "offset": 0, "reference": true})", "only pointers have it"},
+      {R"({"id": 1, "type": "Char", "offset": 0, "length": 4, "count": 2})",
+       "only numbers have this key"},
+      {R"({"id": 1, "type": "Long", "offset": 0, "count": 9})", "36 bytes at 0 exceed"},
+      {R"({"id": 1, "type": "Long", "offset": 0, "toEnd": true})",
+       "only a segment that begins with its length has a varying end"},
+      {R"({"id": 1, "type": "Long", "offset": 0, "reference": true})",
+       "only pointers have this key"},
       {R"({"id": 1, "type": "Pnt", "offset": 0})", "\"structure\" is missing"},
       {R"({"id": 1, "type": "Pnt", "offset": 0, "structure": 5})", "no such structure"},
-      {R"({"id": 1, "type": "Pnt", "offset": 0, "structure": 2})", "have the types PStr and WPStr"},
-      {R"({"id": 1, "type": "Pnt", "offset": 0, "structure": 1, "count": 8})", "pointers do not"},
-      {R"({"id": 1, "type": "PStr", "offset": 0, "reference": true})", "only a Pnt is a reference"},
+      {R"({"id": 1, "type": "Pnt", "offset": 0, "structure": 2})",
+       "a pointer to text has the type PStr or WPStr"},
+      {R"({"id": 1, "type": "Pnt", "offset": 0, "structure": 1, "count": 8})",
+       "pointers do not have this key"},
+      {R"({"id": 1, "type": "PStr", "offset": 0, "reference": true})",
+       "only a Pnt can be a reference"},
       {R"({"id": 1, "type": "PStr", "offset": 0, "structure": 1})", "PStr leads to text"},
-      {R"({"id": 1, "type": "PStr", "offset": 26})", "8 bytes at 26 lie beyond"},
+      {R"({"id": 1, "type": "PStr", "offset": 26})", "8 bytes at 26 exceed"},
       {R"({"id": 1, "name": "a", "type": "PStr", "offset": 0}, {"id": 2, "type": "Long", "offset": 7})",
-       "it lies over the pointer a"},
+       "the field overlaps the pointer a"},
       {R"({"id": 1, "type": "Long", "offset": 0}, {"id": 1, "name": "b", "type": "Long", "offset": 8})",
        "fields[1]: the ids of fields must ascend"},
       {R"({"id": 1, "name": "a", "type": "Long", "offset": 0}, {"id": 2, "name": "a", "type": "Long", "offset": 8})",

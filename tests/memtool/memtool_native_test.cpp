@@ -254,16 +254,18 @@ TEST_F(MemtoolNativeTest, GuessedWidthsAreRefused) {
   writeChain("in", tree, chainwriter::writerOf("0220", 8), 2000);
   EXPECT_NE(outputOf({"chain", "in"}).find("the width of pointers is a guess"), std::string::npos);
   EXPECT_EQ(chainJson("in")["writer"]["isPointerWidthGuessed"], true);
-  expectRefused(1, "give it: --pointers 4 or --pointers 8", {"chain", "in", "--to-native", "out"});
+  expectRefused(1, "set it with --pointers 4 or --pointers 8",
+                {"chain", "in", "--to-native", "out"});
   EXPECT_FALSE(std::filesystem::exists("out"));
   outputOf({"chain", "in", "--to-native", "out", "--pointers", "8"});
   expectSameStructure("in", "out");
 
   const std::string from = fixturePath("0201_32bit");
   const std::string like = fixturePath("0241_64bit");
-  expectRefused(1, like + ": the control block does not show the width",
+  expectRefused(1,
+                like + ": the width of the writer's pointers is not evident from the control block",
                 {"chain", from, "--to-native", "none", "--like", like});
-  expectRefused(1, "give it: --like-pointers 4 or --like-pointers 8",
+  expectRefused(1, "set it with --like-pointers 4 or --like-pointers 8",
                 {"chain", from, "--to-native", "none", "--like", like});
   expectRefused(2, "--like-pointers goes with --like",
                 {"chain", from, "--to-native", "none", "--like-pointers", "8"});

@@ -37,8 +37,8 @@ constexpr std::array kLetPass = {
     Row{"characters in all", "a wrong number of characters in the header"},
     Row{"of a further field", "other separators"},
     Row{"a FieldID from", "fields that do not ascend"},
-    Row{"no field after the repeat field", "a field behind the elements of the repeat field"},
-    Row{" time", "more elements, or fewer, than the structure tells"},
+    Row{"no field after the repeat field", "a field after the elements of the repeat field"},
+    Row{" time", "another number of elements than the structure states"},
     Row{"a most significant digit", "zeros at the end of reversed digits"},
     Row{"digits after \"-\"", "a sign without digits"},
     Row{"a number of at most 64 bits", "numbers of more than 64 bits"},
@@ -53,9 +53,9 @@ constexpr std::array kLetPass = {
         "structures that are not numbered in the order of the pointers"},
     Row{"a structure that a pointer before it names",
         "structures that are not numbered in the order of the pointers"},
-    Row{"the end after", "whatever is behind the last structure"},
+    Row{"the end after", "anything after the last structure"},
 };
-constexpr const char *kDroppedInManual = "What is wrong in fields that the library drops";
+constexpr const char *kDroppedInManual = "Faults in fields that the library drops";
 constexpr const char *kSignInManual = "a sign in a field without sign";
 constexpr const char *kWrapsInManual = "numbers of more than 32 bits";
 
@@ -79,14 +79,13 @@ constexpr std::array kOfDefinitions = {
     "Field conversion failed!",
     "End of port string reached!",
 };
-constexpr const char *kOfDefinitionsInManual = "Only definitions tell";
+constexpr const char *kOfDefinitionsInManual = "Only the definitions show";
 
 // What memtool refuses of structures that the library has made.
 constexpr std::array kOfResults = {
-    Row{"is beyond the bytes that were read for the structure",
-        "fewer elements than its count field tells"},
-    Row{"is a pointer to nothing that was read", "a pointer to nothing that was read"},
-    Row{"is no string", "a string without an end"},
+    Row{"is beyond the bytes that were read for the structure", "fewer elements than its count field says"},
+    Row{"is a pointer to nothing that was read", "a pointer to something that was not read"},
+    Row{"is no string", "a string without a terminator"},
 };
 
 std::string manual() {

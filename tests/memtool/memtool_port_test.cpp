@@ -73,7 +73,7 @@ class MemtoolPortTest : public ToolTest {
   // The one field of the one structure.
   static Json fieldOf(const std::string &value, std::string &shown) {
     writeBytes("one.port", portText("(1<1" + value + ">)"));
-    EXPECT_EQ(outputOf({"port", "one.port", "--check"}).find("one.port: sound, "), 0U);
+    EXPECT_EQ(outputOf({"port", "one.port", "--check"}).find("one.port: valid, "), 0U);
     const std::string text = outputOf({"port", "one.port"});
     const std::string mark = "\n    1  ";
     shown = text.substr(text.find(mark) + mark.size());
@@ -110,7 +110,7 @@ TEST_F(MemtoolPortTest, ExampleIsAsItWas) {
   EXPECT_EQ(outputOf({"port", "order.port"}), readBytes(fixture("order.txt")));
   EXPECT_EQ(outputOf({"port", "order.port", "--json"}), readBytes(fixture("order.json")));
   EXPECT_EQ(outputOf({"port", "order.port", "--check"}),
-            "order.port: sound, 64 characters, 2 structures\n");
+            "order.port: valid, 64 characters, 2 structures\n");
   EXPECT_EQ(outputOf({"port", "order.port", "--defs", defs}), readBytes(fixture("order.defs.txt")));
   EXPECT_EQ(outputOf({"port", "order.port", "--defs", defs, "--json"}),
             readBytes(fixture("order.graph.json")));
@@ -405,9 +405,9 @@ TEST_F(MemtoolPortTest, JsonAgreesWithTheText) {
 
 TEST_F(MemtoolPortTest, CatalogueIsSoundAndComesBack) {
   EXPECT_EQ(outputOf({"port", "catalog.port", "--check"}),
-            "catalog.port: sound, 4,652 characters, 72 structures\n");
+            "catalog.port: valid, 4,652 characters, 72 structures\n");
   EXPECT_EQ(outputOf({"port", "catalog.port", "--check", "--defs", "catalog.defs.json"}),
-            "catalog.port: sound, 4,652 characters, 72 structures\n");
+            "catalog.port: valid, 4,652 characters, 72 structures\n");
   const std::string graph =
       outputOf({"port", "catalog.port", "--defs", "catalog.defs.json", "--json"});
   const Json json = Json::parse(graph);
@@ -529,20 +529,20 @@ TEST_F(MemtoolPortTest, NotesOnWhatTheLibraryDrops) {
   };
   const std::string item = "(7<1N04/2H1FA0>)";
   EXPECT_EQ(check("(21<1N-503/2\"ab//c\"/3S2>)" + item, 2),
-            "new.port: sound, 64 characters, 2 structures\n");
+            "new.port: valid, 64 characters, 2 structures\n");
   EXPECT_EQ(check("(21<1N1/4N1/5E(99<1N>)/6N>)", 1),
-            "new.port: sound, 50 characters, 1 structure\n"
+            "new.port: valid, 50 characters, 1 structure\n"
             "new.port: character 31: the library drops field 4 and all after it, 5, 6: it is newer "
             "than Order (StructID 12), whose last one is first\n"
             "new.port: character 37: StructID 99 is unknown; the library does not look at it\n");
   EXPECT_EQ(
       check("(21<1N1/3S2>)(7<1N/3N>)", 2),
-      "new.port: sound, 46 characters, 2 structures\n"
+      "new.port: valid, 46 characters, 2 structures\n"
       "new.port: character 42: the library drops field 3: it is newer than Item (StructID 7), "
       "whose last one is key\n");
   EXPECT_EQ(
       check("(21<1N8463847412/2\"abcdefgh\"/3S2>)(7<1N63556/2H0A0B0C>)", 2),
-      "new.port: sound, 78 characters, 2 structures\n"
+      "new.port: valid, 78 characters, 2 structures\n"
       "new.port: character 27: the library keeps 32 bits of the number 2147483648 of field "
       "amount of Order (StructID 12)\n"
       "new.port: character 40: the library keeps 7 of the 8 characters of field code of Order "
@@ -553,13 +553,13 @@ TEST_F(MemtoolPortTest, NotesOnWhatTheLibraryDrops) {
       "(StructID 7)\n");
   EXPECT_EQ(
       check("(21<1N1/3S2>)(7<1N-9>)", 2),
-      "new.port: sound, 45 characters, 2 structures\n"
+      "new.port: valid, 45 characters, 2 structures\n"
       "new.port: character 39: the library takes the digits after the sign of field pieces of "
       "Item (StructID 7) for a FieldID\n");
   writeBytes("new.port", portText("(21<1N8463847412/2\"abcdefgh\"/3S2>)(7<1N63556/2H0A0B0C>)", 2));
   // Only --check with definitions shows them.
   EXPECT_EQ(outputOf({"port", "new.port", "--check"}),
-            "new.port: sound, 78 characters, 2 structures\n");
+            "new.port: valid, 78 characters, 2 structures\n");
   EXPECT_EQ(outputOf({"port", "new.port", "--defs", "order.defs.json"}).find("the library"),
             std::string::npos);
 }

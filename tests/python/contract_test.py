@@ -84,12 +84,12 @@ class MakerTest(unittest.TestCase):
                     "typedef struct MEMCatCB {")
         made = self.make()
         self.assertEqual(made.returncode, 1)
-        self.assertRegex(made.stderr, r"memcat.h:\d+: extern begins no declaration")
+        self.assertRegex(made.stderr, r"memcat.h:\d+: expected a declaration, found extern")
         self.assertFalse(self.json.exists())
 
     def test_a_header_that_it_does_not_know_ends_it(self) -> None:
         (self.headers / "memnew.h").write_text("")
-        self.assertIn("memnew.h: a header that this program does not know", self.make().stderr)
+        self.assertIn("memnew.h: make_contract.py does not know this header", self.make().stderr)
 
 
 if __name__ == "__main__":

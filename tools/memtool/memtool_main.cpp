@@ -1,5 +1,5 @@
-// memtool: looks into packed chains and port strings, shows heaps at work and the message table.
-// `memtool --help` tells the commands, docs/memtool.md shows them.
+// memtool: shows packed chains, port strings and heaps, and explains error codes. `memtool --help`
+// lists the commands, docs/memtool.md describes them.
 #include "memtool_run.hpp"
 #include "tool_platform.hpp"
 

@@ -1,5 +1,5 @@
-// A packed chain as memtool sees it: everything that the file says, found without trust in any of
-// its bytes. docs/packed-chain.md describes the format.
+// A packed chain as memtool reads it: everything that the file contains, read without trusting any
+// of its bytes. docs/packed-chain.md describes the format.
 #pragma once
 
 #include <algorithm>
@@ -29,7 +29,7 @@ struct Place {
 // "1:34".
 std::string textOf(Place place);
 
-// What the four characters of a version tell of the writer.
+// What the four characters of a version say about the writer.
 struct Version {
   std::string text;  // in ASCII, whatever the writer's code
   bool isEbcdic = false;
@@ -41,7 +41,8 @@ struct Version {
 struct Block {
   std::size_t fileOffset = 0;
   std::uint32_t used = 0;  // bytes from block offset 8 on that the file holds
-  std::uint32_t told = 0;  // the used length that stands in it; another one in damaged chains only
+  std::uint32_t told =
+      0;  // the used length that the block contains; differs in damaged chains only
 
   bool isCut() const { return used != told; }
 };
@@ -57,8 +58,8 @@ constexpr bool isText(Form form) {
 
 // A kind of segment: one descriptor of the control block, in numbers of this machine.
 struct Kind {
-  bool isDescribed = true;     // false: beyond the count, and what stands there makes no sense
-  std::uint16_t typeCode = 0;  // as in the file, but the letter of an own length is ASCII
+  bool isDescribed = true;     // false: beyond the count, with an invalid descriptor
+  std::uint16_t typeCode = 0;  // as in the file, but the letter of a SelfDescribing kind is ASCII
   Form form = Form::Fixed;
   std::uint16_t fixedLen = 0;
   std::int16_t siblingOff = MEM_PACK_NO_SIBLING;
@@ -66,9 +67,9 @@ struct Kind {
   std::vector<std::int16_t> references;
 
   bool hasSibling() const { return !isText(form) && siblingOff != MEM_PACK_NO_SIBLING; }
-  // Offsets of all pointer fields, from the lowest.
+  // Offsets of all pointer fields, in ascending order.
   std::vector<std::int32_t> pointerOffsets() const;
-  // Offset behind the last pointer field, 0 when there is none.
+  // Offset after the last pointer field, 0 when there is none.
   std::int32_t pointersEnd(std::uint32_t pointerWidth) const;
 };
 
@@ -80,63 +81,63 @@ const char *nameOf(Field field);
 
 inline constexpr std::uint32_t kNoText = std::numeric_limits<std::uint32_t>::max();
 
-// A pointer field of a segment. There are many: the members are in the order that needs no gaps.
+// A pointer field of a segment. There are many, so the members are in an order without padding.
 struct Pointer {
   std::int16_t offset = 0;  // of the field in its segment
   std::uint16_t kind = 0;   // of a child
   Field field = Field::Child;
   bool isNull = true;
-  bool isFaulty = false;         // it leads nowhere, or to what cannot be what it should be
-  Place target;                  // of a faulty one: what stands there, sign-extended
+  bool isFaulty = false;         // it leads nowhere, or not to what it should
+  Place target;                  // of a faulty one: the values of the field, sign-extended
   std::uint32_t text = kNoText;  // index of the text that the target is
 };
 
-// Where it leads, as text; faulty ones may name negative numbers.
+// Where it leads, as text; faulty ones may contain negative numbers.
 std::string targetText(const Pointer &pointer);
 
 struct Segment {
   Place place;
   std::uint16_t kind = 0;
-  std::uint32_t level = 0;   // of the tree, 0 is the root's
-  std::uint32_t length = 0;  // for a form that is not known: up to its last pointer field
-  bool isCut = false;        // its length cannot be; `length` goes up to its last pointer field
+  std::uint32_t level = 0;   // in the tree; the root has 0
+  std::uint32_t length = 0;  // of an unknown form: up to its last pointer field
+  bool isCut = false;        // its length is invalid; `length` reaches up to its last pointer field
   std::size_t firstPointer = 0;
   std::size_t pointerCount = 0;
 };
 
 struct Text {
   Place place;
-  std::uint32_t length = 0;  // bytes with the terminator
+  std::uint32_t length = 0;  // in bytes, with the terminator
   bool isWide = false;
 };
 
-// Something that is wrong.
+// Something invalid in the file.
 struct Fault {
   Place place;
   std::size_t fileOffset = 0;
   std::string what;
-  std::string remark = {};  // what else is to be known of it; mostly empty
+  std::string remark = {};  // further information, empty for most faults
 
   // "block 1, offset 34 (file offset 1070): …; …".
   std::string text() const;
 };
 
-// All of a chain but what hangs below its faults.
+// All of a chain except what only a faulty pointer leads to.
 class PackedChain {
  public:
   std::string bytes;  // of the file
   std::optional<Version> version;
   std::vector<Block> blocks;
   std::uint32_t controlBlockLen = 0;
-  std::uint16_t kindCount = 0;  // as the file counts them
-  std::vector<Kind> kinds;      // at least 8, those beyond the count exist; fewer when it is cut
+  std::uint16_t kindCount = 0;  // the count in the file
+  std::vector<Kind> kinds;      // at least 8, also beyond the count; fewer when the block is cut
   std::uint32_t pointerWidth = 0;
-  bool isWidthGuessed = false;  // neither given nor shown by the control block
+  bool isWidthGuessed = false;  // neither given nor evident from the control block
   std::optional<Place> root;
   std::vector<Segment> segments;  // depth first: a segment, its children, its sibling
   std::vector<Pointer> pointers;  // of the segments in turn
   std::vector<Text> texts;
-  std::vector<Fault> faults;  // as they were found: the head's, then from the root on
+  std::vector<Fault> faults;  // in the order found: those of the head, then from the root on
 
   bool isHeadSound = false;  // blocks and control block have no fault
 
@@ -158,13 +159,14 @@ class PackedChain {
     return blocks[place.block].fileOffset + place.offset;
   }
 
-  // Counted kinds that the file holds.
+  // Kinds within the count that the file contains.
   std::size_t readKindCount() const { return std::min<std::size_t>(kindCount, kinds.size()); }
 
-  // The text as UTF-8. Narrow text of EBCDIC writers is read in code page 037, unless it is ASCII.
+  // The text as UTF-8. Narrow text of EBCDIC writers is decoded as code page 037, unless it is
+  // ASCII.
   std::string utf8Of(const Text &text) const;
 
-  // Bytes of a segment that are no pointer fields, run by run.
+  // The bytes of a segment outside of its pointer fields, as contiguous runs.
   struct Run {
     std::uint32_t offset;  // in the segment
     std::string_view bytes;

@@ -39,24 +39,24 @@ Owner Claims::take(Place place, std::uint32_t length, Owner owner) {
 
 Owner Claims::takeNarrow(Place place, bool mayShareEnd, std::uint32_t &length) {
   BlockClaims &block = blocks_[place.block];
-  const auto behind = block.narrow.upper_bound(place.offset);
-  if (behind != block.narrow.begin()) {
-    const auto before = std::prev(behind);
+  const auto next = block.narrow.upper_bound(place.offset);
+  if (next != block.narrow.begin()) {
+    const auto before = std::prev(next);
     if (place.offset < before->second) {
       if (!mayShareEnd && place.offset != before->first) return Owner::Narrow;
       length = before->second - place.offset;
       return Owner::None;
     }
   }
-  // Up to the NUL, or to a text that is known: that one's NUL ends this one, too.
+  // Up to the NUL, or to a text that was taken before: its NUL ends this one, too.
   const std::string_view content = chain_.content(place.block);
   const std::uint32_t stop =
-      behind == block.narrow.end() ? static_cast<std::uint32_t>(content.size()) : behind->first;
+      next == block.narrow.end() ? static_cast<std::uint32_t>(content.size()) : next->first;
   const std::size_t nul = content.substr(0, stop).find('\0', place.offset);
   std::uint32_t end = stop;
   if (nul != std::string_view::npos) {
     end = static_cast<std::uint32_t>(nul) + 1;
-  } else if (behind == block.narrow.end()) {
+  } else if (next == block.narrow.end()) {
     length = 0;
     spend(content.size() - place.offset);
     return Owner::None;
@@ -66,8 +66,8 @@ Owner Claims::takeNarrow(Place place, bool mayShareEnd, std::uint32_t &length) {
   const Owner other = take(place, end - place.offset, Owner::Narrow);
   if (other != Owner::None) return other;
   if (nul == std::string_view::npos) {
-    end = behind->second;
-    block.narrow.erase(behind);
+    end = next->second;
+    block.narrow.erase(next);
   }
   block.narrow.emplace(place.offset, end);
   length = end - place.offset;

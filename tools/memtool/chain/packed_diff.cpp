@@ -29,11 +29,11 @@ class ChainGraph {
   explicit ChainGraph(const PackedChain &read)
       : chain(read), index_(read), targets_(ownedTargets(read)) {}
 
-  // Of a pointer to a segment that is not null.
+  // The segment that a pointer leads to. REQUIRES: it is not null and leads to a segment.
   std::size_t target(std::size_t pointer) const {
-    const Pointer &told = chain.pointers[pointer];
-    if (told.field != Field::Reference) return targets_[pointer];
-    return index_.beginningAt(told.target).value_or(0);  // sound chains have one
+    const Pointer &from = chain.pointers[pointer];
+    if (from.field != Field::Reference) return targets_[pointer];
+    return index_.beginningAt(from.target).value_or(0);  // valid chains have one
   }
 
   const PackedChain &chain;
@@ -51,7 +51,7 @@ std::string shownText(const PackedChain &chain, std::uint32_t index) {
   return inQuotes(chain.utf8Of(text), kMostShownText) + (isLong ? "…" : "");
 }
 
-// Units of UTF-16, whatever the width of the writer's.
+// The text in units of UTF-16, for writers with wide characters of 2 or 4 bytes.
 std::u16string unitsOf(const PackedChain &chain, const Text &text) {
   std::u16string units;
   const std::size_t start = chain.fileOffset(text.place);
@@ -68,7 +68,7 @@ std::u16string unitsOf(const PackedChain &chain, const Text &text) {
   return units;
 }
 
-// One string is the other one with its numbers of 2, 4 or 8 bytes turned.
+// One string is the other one with each group of 2, 4 or 8 bytes reversed.
 bool isTurned(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   std::vector<bool> mayEnd(a.size() + 1, false);
@@ -122,7 +122,7 @@ class ChainDiff {
     return made_;
   }
 
-  // A root that is a text, or no segment in one of them.
+  // True unless only one root is a text, or both are texts and differ.
   bool haveEqualRoots() {
     if (a_.chain.segments.empty() != b_.chain.segments.empty()) return false;
     return !a_.chain.segments.empty() || haveEqualText(0, 0);
@@ -169,7 +169,7 @@ class ChainDiff {
     return pointer.field == Field::Child && isText(graph.chain.kinds[pointer.kind].form);
   }
 
-  // Pointers by where they lie in the segment.
+  // The segment's pointers by ascending offset.
   static std::vector<std::size_t> orderOf(const ChainGraph &graph, const Segment &segment) {
     std::vector<std::size_t> order(segment.pointerCount);
     for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
@@ -220,7 +220,7 @@ class ChainDiff {
                  b.isNull ? "null" : shownText(b_.chain, b.text));
   }
 
-  // Many pointers may share two texts: they are compared once.
+  // Many pointers may share the same two texts, which are compared once.
   bool haveEqualText(std::uint32_t a, std::uint32_t b) {
     auto &[last, isEqual] = lastText_[a];
     if (last != b) {
@@ -236,13 +236,14 @@ class ChainDiff {
     if (a.length != b.length) return false;
     if (a_.chain.version->isEbcdic != b_.chain.version->isEbcdic) {
       const std::string_view bytesA = a_.chain.bytesAt(a.place, a.length);
-      if (bytesA == b_.chain.bytesAt(b.place, b.length)) return true;  // left as they were
+      if (bytesA == b_.chain.bytesAt(b.place, b.length)) return true;  // not translated
       return a_.chain.utf8Of(a) == b_.chain.utf8Of(b);
     }
     return a_.chain.bytesAt(a.place, a.length) == b_.chain.bytesAt(b.place, b.length);
   }
 
-  // The bytes before, between and behind the pointer fields. Lengths are known from those.
+  // The bytes before, between and after the pointer fields, without the length that the segment
+  // begins with: it follows from the other bytes.
   std::vector<PackedChain::Run> runsOf(const ChainGraph &graph, const Segment &segment) const {
     std::vector<PackedChain::Run> runs;
     std::uint32_t from = tellsLength(kindOf(graph, segment).form) ? kLengthWord : 0;

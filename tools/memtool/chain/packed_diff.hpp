@@ -1,5 +1,5 @@
-// Two packed chains compared as structures, wherever their segments are and whatever platform wrote
-// them.
+// Compares two packed chains as structures, independent of where their segments are and which
+// platform wrote them.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +12,14 @@ namespace memtool {
 struct ChainComparison {
   std::uint64_t compared = 0;  // pairs of segments
   std::uint64_t differences = 0;
-  std::uint64_t turned = 0;  // runs of bytes that are equal with their numbers turned
+  std::uint64_t turned = 0;  // runs of bytes that are equal after their numbers' bytes are reversed
 };
 
-// Segments are paired along their pointers. Texts are compared as characters, lengths that segments
-// tell by the bytes that follow. Other bytes are compared as they are; between writers of different
-// byte orders also turned, in groups of 2, 4 and 8. Between pointers of different widths zeros may
-// follow the bytes before a pointer, and the ends of segments. REQUIRES: both chains are sound.
+// Pairs segments along their pointers. Compares texts as characters. The lengths that counted and
+// self-describing segments begin with are not compared, but the bytes that follow are. Other bytes
+// are compared as they are; between writers of different byte orders also reversed in groups of 2,
+// 4 or 8. Between pointers of different widths, one side may have additional zeros before a pointer
+// and at the end of a segment. REQUIRES: both chains are valid.
 ChainComparison compareChains(const PackedChain &a, const PackedChain &b,
                               const DifferenceSink &sink);
 

@@ -34,7 +34,7 @@ bool isDigit(std::uint8_t byte, bool isEbcdic) {
   return byte >= zero && byte <= zero + 9;
 }
 
-// A fault in front of the first block's content, where there is no block yet.
+// A fault found before the blocks are known.
 void noteFileFault(PackedChain &chain, std::size_t fileOffset, std::string what) {
   chain.faults.push_back(
       {{0, static_cast<std::uint32_t>(fileOffset)}, fileOffset, std::move(what), {}});
@@ -46,7 +46,7 @@ void readVersion(PackedChain &chain) {
   for (std::size_t i = 0; i < 4; ++i) {
     const auto byte = static_cast<std::uint8_t>(chain.bytes[kVersionOff + i]);
     if (!isDigit(byte, isEbcdic)) {
-      noteFileFault(chain, kVersionOff, "no version stands here, so this is no packed chain");
+      noteFileFault(chain, kVersionOff, "no version is here, so the file is not a packed chain");
       return;
     }
     text += static_cast<char>('0' + (byte & 0x0F));
@@ -56,15 +56,15 @@ void readVersion(PackedChain &chain) {
   };
   if (std::none_of(std::begin(kVersions), std::end(kVersions), isIt)) {
     noteFileFault(chain, kVersionOff,
-                  fmt::format("there is no version {}{}", text, isEbcdic ? " in EBCDIC" : ""));
+                  fmt::format("the version {}{} is unknown", text, isEbcdic ? " in EBCDIC" : ""));
     return;
   }
   chain.version = {text, isEbcdic, text[1] == '1', isEbcdic || text[3] == '1',
                    text[2] == '4' ? 4U : 2U};
 }
 
-// The next block begins where one ends. Where a used length cannot be, that is not known: the rest
-// of the file is the last block then, as it is in a file that was cut.
+// A block begins where the previous one ends. After an invalid used length the rest of the file is
+// taken as the last block, as in a file that was cut.
 void readBlocks(PackedChain &chain) {
   for (std::size_t at = 0; at < chain.bytes.size();) {
     const auto number = static_cast<std::uint32_t>(chain.blocks.size());
@@ -85,8 +85,9 @@ void readBlocks(PackedChain &chain) {
       continue;
     }
     note(told < least
-             ? fmt::format("a used length of {} is too short", told)
-             : fmt::format("the used length is {}, but the file ends {} bytes on", told, left));
+             ? fmt::format("the used length {} is too short; at least {} is needed", told, least)
+             : fmt::format("the used length is {}, but only {} bytes are left in the file", told,
+                           left));
     chain.blocks.push_back(
         {at, static_cast<std::uint32_t>(std::min<std::size_t>(left, 0xFFFF)), told});
     return;
@@ -111,40 +112,26 @@ Form formOfEbcdic(std::uint16_t typeCode) {
   }
 }
 
-// EBCDIC letters are those of big-endian writers, whatever their version is written in.
-Form formOf(std::uint16_t typeCode, bool isBigEndian) {
-  switch (typeCode) {
-    case MEM_PACK_FIXED:
-      return Form::Fixed;
-    case MEM_PACK_COUNTED:
-      return Form::Counted;
-    case MEM_PACK_STRING:
-      return Form::NarrowText;
-    case MEM_PACK_WIDE_STRING:
-      return Form::WideText;
-    default:
-      return isBigEndian ? formOfEbcdic(typeCode) : Form::SelfDescribing;
-  }
-}
-
-// Where the parts of a descriptor lie in the file.
+// Where the parts of a descriptor are in the file.
 struct DescriptorPlace {
   const DescriptorLayout &layout;
   std::uint32_t offset;  // in block 0
 };
 
-// The number of a descriptor's entries; 0 with a fault when it cannot be. Text has none, whatever
-// its descriptor holds.
+// The number of a descriptor's entries; 0 with a fault when it is invalid. Text has none, whatever
+// its descriptor contains.
 std::size_t entryCount(PackedChain &chain, const Kind &kind, Place place, std::int16_t most,
                        const char *what) {
   if (isText(kind.form)) return 0;
   const std::int16_t count = chain.signedNumber(chain.fileOffset(place));
   if (count >= 0 && count <= most) return static_cast<std::size_t>(count);
-  noteFault(chain, place, fmt::format("a kind of segment has {} {}, which cannot be", count, what));
+  noteFault(chain, place,
+            fmt::format("a kind of segment has {} {}; 0 to {} are possible", count, what, most));
   return 0;
 }
 
-// Each child must be of a kind that there is room for; others are left out with a fault.
+// Each child must be of a kind that the control block has room for; others are left out with a
+// fault.
 void readChildren(PackedChain &chain, const DescriptorPlace &place, std::uint32_t present,
                   Kind &kind) {
   const std::size_t count =
@@ -181,7 +168,7 @@ Kind readKind(PackedChain &chain, const DescriptorPlace &place, std::uint32_t pr
   return kind;
 }
 
-// What lies beyond the count means nothing, unless a child is of such a kind.
+// Descriptors beyond the count matter only when a child is of such a kind.
 Kind readUncountedKind(PackedChain &chain, const DescriptorPlace &place, std::uint32_t present) {
   const std::size_t before = chain.faults.size();
   Kind kind = readKind(chain, place, present);
@@ -192,7 +179,7 @@ Kind readUncountedKind(PackedChain &chain, const DescriptorPlace &place, std::ui
   return none;
 }
 
-// False when there is no root behind it, because it is cut or cannot be.
+// False when no root can follow it, because it is cut or invalid.
 bool readControlBlock(PackedChain &chain) {
   const std::uint32_t used = chain.blocks[0].used;
   const Place place{0, kHeadLen};
@@ -202,7 +189,9 @@ bool readControlBlock(PackedChain &chain) {
   }
   const std::int16_t count = chain.signedNumber(chain.fileOffset(place));
   if (count < 1) {
-    noteFault(chain, place, fmt::format("the control block counts {} kinds of segments", count));
+    noteFault(
+        chain, place,
+        fmt::format("the control block counts {} kinds of segments; at least 1 is needed", count));
     return false;
   }
   const std::uint32_t length = controlBlockLength(count, chain.version->isOldLayout);
@@ -210,7 +199,7 @@ bool readControlBlock(PackedChain &chain) {
   if (!isWhole) {
     noteFault(
         chain, place,
-        fmt::format("a control block of {} kinds takes {} bytes, but the block ends {} bytes on",
+        fmt::format("a control block of {} kinds takes {} bytes, but the block has only {} left",
                     count, length, used - kHeadLen));
   }
   chain.controlBlockLen = length;
@@ -228,6 +217,21 @@ bool readControlBlock(PackedChain &chain) {
 
 }  // namespace
 
+Form formOf(std::uint16_t typeCode, bool isBigEndian) {
+  switch (typeCode) {
+    case MEM_PACK_FIXED:
+      return Form::Fixed;
+    case MEM_PACK_COUNTED:
+      return Form::Counted;
+    case MEM_PACK_STRING:
+      return Form::NarrowText;
+    case MEM_PACK_WIDE_STRING:
+      return Form::WideText;
+    default:
+      return isBigEndian ? formOfEbcdic(typeCode) : Form::SelfDescribing;
+  }
+}
+
 void noteFault(PackedChain &chain, Place place, std::string what) {
   chain.faults.push_back({place, chain.fileOffset(place), std::move(what), {}});
 }
@@ -242,8 +246,8 @@ std::uint32_t controlBlockLength(std::int32_t kindCount, bool isOldLayout) {
 }
 
 std::optional<Place> rootPlace(const PackedChain &chain) {
-  const std::uint32_t behindControlBlock = kHeadLen + chain.controlBlockLen;
-  if (behindControlBlock < chain.blocks[0].used) return Place{0, behindControlBlock};
+  const std::uint32_t afterControlBlock = kHeadLen + chain.controlBlockLen;
+  if (afterControlBlock < chain.blocks[0].used) return Place{0, afterControlBlock};
   if (chain.blocks.size() < 2 || chain.blocks[1].used <= kFirstContent) return {};
   return Place{1, kFirstContent};
 }

@@ -10,12 +10,16 @@
 
 namespace memtool {
 
-// Adds a fault. The file offset is found from the place.
+// The form of a type code. Big-endian writers may use EBCDIC letters, also when their version is in
+// ASCII.
+Form formOf(std::uint16_t typeCode, bool isBigEndian);
+
+// Adds a fault. The file offset is computed from the place.
 void noteFault(PackedChain &chain, Place place, std::string what);
 
-// Bytes in front of the control block in block 0's content: used length and version.
+// Bytes before the control block in block 0's content: used length and version.
 inline constexpr std::uint32_t kHeadLen = 6;
-// The first content byte of a block behind its used length.
+// The first content byte of a block after its used length.
 inline constexpr std::uint32_t kFirstContent = 2;
 
 // Offsets in a descriptor of either layout.
@@ -28,11 +32,11 @@ struct DescriptorLayout {
 const DescriptorLayout &descriptorLayout(bool isOldLayout);
 std::uint32_t controlBlockLength(std::int32_t kindCount, bool isOldLayout);
 
-// Where the root lies; none when the chain ends before it. REQUIRES: the head is read.
+// Where the root is; none when the chain ends before it. REQUIRES: the head is read.
 std::optional<Place> rootPlace(const PackedChain &chain);
 
-// Fills in `chain`, whose bytes are set, and its faults. False when so little of it makes sense
-// that no pointer can be followed.
+// Reads the head of `chain`, whose bytes are set, and adds its faults. False when too little of it
+// is valid to follow pointers.
 bool readHead(PackedChain &chain);
 
 }  // namespace memtool

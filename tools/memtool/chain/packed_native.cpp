@@ -15,8 +15,8 @@ namespace memtool {
 namespace {
 
 constexpr std::int32_t kUsualBlockLen = 32768;
-constexpr std::int16_t kChainSubPool = 0;  // where MEM_Pack and MEM_Unpack obtain their blocks
-constexpr std::size_t kContentOff = offsetof(MemPackBlock, UsedLen);  // of what a file holds
+constexpr std::int16_t kChainSubPool = 0;  // where MEM_Pack and MEM_Unpack allocate blocks
+constexpr std::size_t kContentOff = offsetof(MemPackBlock, UsedLen);  // of what a file contains
 constexpr std::uint32_t kNativeWidth = 8;
 
 template <class Number>
@@ -24,9 +24,9 @@ void store(std::string &bytes, std::size_t at, Number value) {
   std::memcpy(bytes.data() + at, &value, sizeof value);
 }
 
-// Where the pointer fields of a kind lie when they are 8 bytes wide. The fields keep their order,
-// and what is between them is as long as before. Where a fixed kind is laid out as compilers do it,
-// with 4-byte pointers at multiples of 4, so it is here, with multiples of 8.
+// The offsets of a kind's pointer fields when they are 8 bytes wide. The fields keep their order
+// and the number of bytes between them. If a fixed kind has its 4-byte pointers at multiples of 4,
+// as compilers place them, the new ones are at multiples of 8.
 class WideLayout {
  public:
   WideLayout(const Kind &kind, std::uint32_t width) : offsets_(kind.pointerOffsets()) {
@@ -54,7 +54,7 @@ class WideLayout {
  private:
   static std::int16_t checked(std::int32_t value, std::int32_t most) {
     if (value <= most) return static_cast<std::int16_t>(value);
-    throw ToolError("a segment of this chain would be too long with pointers of 8 bytes");
+    throw ToolError("with pointers of 8 bytes a segment of this chain would be too long");
   }
 
   std::vector<std::int32_t> offsets_;
@@ -82,7 +82,7 @@ MemPackDescriptor nativeDescriptor(const Kind &kind, std::uint32_t width) {
   return native;
 }
 
-// True when a child of a kind that counts is of one beyond the count.
+// True when a child of a kind within the count is of a kind beyond it.
 bool usesUncounted(const std::vector<Kind> &kinds, std::size_t count) {
   const auto isBeyond = [count](const MemPackChild &child) { return child.Descriptor >= count; };
   return std::any_of(kinds.begin(), kinds.begin() + static_cast<std::ptrdiff_t>(count),
@@ -92,7 +92,7 @@ bool usesUncounted(const std::vector<Kind> &kinds, std::size_t count) {
 }
 
 // A control block as callers pass it, of any number of kinds. Kinds beyond the count are left out
-// where they cannot matter.
+// unless a child is of such a kind.
 class NativeControlBlock {
  public:
   NativeControlBlock(const std::vector<Kind> &kinds, std::size_t count, std::uint32_t width)
@@ -111,7 +111,7 @@ class NativeControlBlock {
   std::string bytes_;
 };
 
-// Writes numbers in the order of a chain's writer.
+// Writes numbers in the byte order of a chain's writer.
 class WriterBytes {
  public:
   explicit WriterBytes(bool isBigEndian) : isBigEndian_(isBigEndian) {}
@@ -134,12 +134,12 @@ class WriterBytes {
   bool isBigEndian_;
 };
 
-// The library tells a writer with 4-byte pointers by the root's first child pointer, which lies at
-// a lower offset there than in its own layout. Where both are the same, the chain gets another root
-// in front: one that holds four bytes and then a pointer to the real root.
-class RootInFront {
+// The library recognises a writer with 4-byte pointers by the root's first child pointer, which has
+// a lower offset in the file than in the caller's layout. If the offsets do not show it, the chain
+// gets an additional root: four bytes and then a pointer to the real root.
+class AddedRoot {
  public:
-  explicit RootInFront(const PackedChain &chain) : chain_(chain) {}
+  explicit AddedRoot(const PackedChain &chain) : chain_(chain) {}
 
   static Kind kind(std::uint32_t width) {
     Kind made;
@@ -149,7 +149,7 @@ class RootInFront {
     return made;
   }
 
-  // The kinds with the new root's as the first.
+  // The kinds, the added root's first.
   std::vector<Kind> kinds() const {
     std::vector<Kind> all{kind(chain_.pointerWidth)};
     all.insert(all.end(), chain_.kinds.begin(), chain_.kinds.end());
@@ -159,11 +159,13 @@ class RootInFront {
     return all;
   }
 
-  // The blocks' contents: one with the control block, one with the new root, then those of the
-  // chain, whose first block keeps its old head as bytes that nothing leads to.
+  // The blocks' contents: one with the control block, one with the added root, then those of the
+  // chain. Its first block keeps its old head as bytes that no pointer leads to.
   std::vector<std::string> contents() const {
     if (chain_.blocks.size() + kNewBlocks > MEM_PACK_MAX_BLOCKS) {
-      throw ToolError("the chain has too many blocks to be turned into one of this platform");
+      throw ToolError(
+          fmt::format("the chain has {} blocks, too many to rewrite it for this platform",
+                      chain_.blocks.size()));
     }
     const bool isBigEndian = chain_.version->isBigEndian;
     WriterBytes root(isBigEndian);
@@ -232,7 +234,7 @@ class RootInFront {
   const PackedChain &chain_;
 };
 
-// A chain in storage of the host. Everything goes back when the object dies.
+// A chain in storage of the host. The destructor frees everything.
 class StoredChain {
  public:
   StoredChain(RunningLibrary &library, const std::vector<std::string> &contents)
@@ -242,7 +244,7 @@ class StoredChain {
           std::max<std::size_t>(kContentOff + content.size(), blocks_.empty() ? 14 : 10));
       auto *const block =
           static_cast<MemPackBlock *>(library_.vector().MEM_Alloc(length, kChainSubPool));
-      if (block == nullptr) throw ToolError("there is no storage for the chain");
+      if (block == nullptr) throw ToolError("there is not enough storage for the chain");
       block->pNext = nullptr;
       content.copy(reinterpret_cast<char *>(block) + kContentOff, content.size());
       if (!blocks_.empty()) blocks_.back().first->pNext = block;
@@ -281,8 +283,8 @@ class StoredChain {
   MemPackBlock *made_ = nullptr;  // the chain that MEM_Unpack made
 };
 
-// Shows how far MEM_Pack is: it inserts each segment into a hash table, through the vector. Service
-// functions carry no context, so one object exists at a time.
+// Shows the progress of MEM_Pack, which inserts each segment into a hash table through the vector.
+// Services have no context argument, so only one object may exist at a time.
 class PackProgress {
  public:
   PackProgress(RunningLibrary &library, std::uint64_t segments, Console &console)
@@ -315,7 +317,7 @@ class PackProgress {
 
 constinit PackProgress *PackProgress::active_ = nullptr;
 
-// The longest item after its pointers have grown, and the control block, have to fit a block.
+// The longest item with its wider pointers, and the control block, must fit a block.
 std::int32_t sufficientBlockLen(const PackedChain &chain) {
   constexpr std::uint32_t kMostGrowth =
       4 * 2 * (1 + MEM_PACK_MAX_CHILDREN + MEM_PACK_MAX_REFERENCES);
@@ -339,20 +341,21 @@ void refuseUnknownKinds(const PackedChain &chain) {
   }
 }
 
-// A segment that tells its own length has it in the writer's order after it was unpacked in place.
-void turnLengths(const PackedChain &chain, StoredChain &stored) {
+// After unpacking in place, the length that a segment begins with is still in the writer's byte
+// order.
+void reverseLengths(const PackedChain &chain, StoredChain &stored) {
   for (const Segment &segment : chain.segments) {
     const Form form = chain.kinds[segment.kind].form;
     if (form != Form::Counted && form != Form::SelfDescribing) continue;
-    const std::uint32_t told = form == Form::Counted ? segment.length - 2 : segment.length;
-    const auto number = static_cast<std::uint16_t>(told);
+    const std::uint32_t length = form == Form::Counted ? segment.length - 2 : segment.length;
+    const auto number = static_cast<std::uint16_t>(length);
     std::memcpy(stored.at(segment.place), &number, sizeof number);
   }
 }
 
 const PackedChain &checkedLike(const PackedChain &chain, const PackedChain &like) {
   if (chain.pointerWidth == kNativeWidth) {
-    throw ToolError("--like is for chains with 4-byte pointers; this one keeps its own layout");
+    throw ToolError("--like is for chains with 4-byte pointers; this chain keeps its own layout");
   }
   if (like.pointerWidth != kNativeWidth || like.kindCount != chain.kindCount) {
     throw ToolError(fmt::format(
@@ -375,8 +378,8 @@ std::string remarkOn(const PackedChain &chain) {
   return isTurned(chain) ? "Numbers within segments are still in the writer's byte order." : "";
 }
 
-// The library compares the root's first two child entries as they are stored, used or not. Those
-// that are not used are zero in the control blocks made here, and so they must be in the chain.
+// The library compares the root's first two child entries as they are stored, even unused ones.
+// Unused entries are zero in the control blocks made here, so they must be zero in the chain.
 void clearUnusedRootEntries(const PackedChain &chain, std::string &firstBlock) {
   constexpr std::size_t kCompared = 2;
   constexpr std::size_t kEntryLen = 4;
@@ -399,7 +402,7 @@ NativeChain packNative(RunningLibrary &library, const MemPackCB *controlBlock, c
   const std::int16_t result = library.vector().MEM_Pack(controlBlock, root, blockLength, &first);
   NativeChain native;
   native.blockLength = blockLength;
-  while (first != nullptr) {  // a failed call may leave the blocks that it had obtained
+  while (first != nullptr) {  // a failed call may leave blocks
     MemPackBlock *const next = first->pNext;
     native.bytes.append(reinterpret_cast<const char *>(first) + kContentOff, first->UsedLen);
     ++native.blocks;
@@ -420,13 +423,13 @@ NativeChain toNative(RunningLibrary &library, const PackedChain &chain,
       chain.pointerWidth != kNativeWidth &&
       packCB.get()->Descriptors[0].Children[0].Offset <= firstChildOffset(chain.kinds);
 
-  const RootInFront inFront(chain);
+  const AddedRoot added(chain);
   std::vector<std::string> contents;
   std::vector<Kind> kinds = layout.kinds;
   std::size_t kindCount = layout.kindCount;
   if (looksNative) {
-    contents = inFront.contents();
-    kinds = RootInFront(layout).kinds();
+    contents = added.contents();
+    kinds = AddedRoot(layout).kinds();
     ++kindCount;
   } else {
     for (std::size_t i = 0; i < chain.blocks.size(); ++i) contents.emplace_back(chain.content(i));
@@ -440,7 +443,7 @@ NativeChain toNative(RunningLibrary &library, const PackedChain &chain,
         static_cast<const char *>(root) + unpackCB.get()->Descriptors[0].Children[0].Offset;
     std::memcpy(&root, pointer, sizeof root);
   }
-  if (stored.isInPlace() && isTurned(chain)) turnLengths(chain, stored);
+  if (stored.isInPlace() && isTurned(chain)) reverseLengths(chain, stored);
 
   const PackProgress progress(library, chain.segments.size(), console);
   const std::int32_t blockLength =

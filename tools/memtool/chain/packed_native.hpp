@@ -1,4 +1,4 @@
-// Any writer's chain as one of this platform, through the library: unpacked and packed again.
+// Rewrites any writer's chain for this platform: the library unpacks it and packs it again.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +12,8 @@
 namespace memtool {
 
 struct NativeRequest {
-  std::int32_t blockLength = 0;     // 0: the usual one, or more where an item needs it
-  std::optional<PackedChain> like;  // a sound chain whose control block lays the segments out
+  std::int32_t blockLength = 0;     // 0: 32,768, or more if an item needs it
+  std::optional<PackedChain> like;  // a valid chain whose control block defines the layout
 };
 
 struct NativeChain {
@@ -21,14 +21,14 @@ struct NativeChain {
   std::uint64_t blocks = 0;
   std::int32_t blockLength = 0;
   std::string version;
-  std::string remark;  // what was left as the writer had it; may be empty
+  std::string remark;  // what is still in the writer's form; may be empty
 };
 
 // Throws ToolError. REQUIRES: the chain has no fault.
 NativeChain toNative(RunningLibrary &library, const PackedChain &chain,
                      const NativeRequest &request, Console &console);
 
-// Packs a structure in storage of this program; the blocks go back to the host. Throws ToolError.
+// Packs a structure that is in this program's storage and frees the blocks. Throws ToolError.
 NativeChain packNative(RunningLibrary &library, const MemPackCB *controlBlock, const void *root,
                        std::int32_t blockLength);
 

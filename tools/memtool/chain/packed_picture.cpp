@@ -24,7 +24,7 @@ constexpr double kColumn = 290;      // width of a block
 constexpr double kBlockHead = 40;    // above a block's rows
 constexpr double kItemGap = 3;       // between two items
 constexpr double kBandGap = 30;      // between two rows of blocks
-constexpr double kLane = 8;          // between two arrows that run side by side
+constexpr double kLane = 8;          // between two parallel arrows
 constexpr double kLaneMargin = 16;   // between a block and the nearest arrow
 constexpr double kTitleHeight = 62;  // of the lines above the blocks
 constexpr double kLegendRow = 20;
@@ -77,7 +77,7 @@ struct Arrow {
   std::size_t lane = 0;
 };
 
-// The room between a block and the next one of its band, where arrows run.
+// The space for arrows between a block and the next one of its band.
 struct Gutter {
   std::vector<Arrow> arrows;
   std::size_t lanes = 0;
@@ -123,7 +123,7 @@ class ChainPicture {
 
   const char *arrowClass(const Pointer &pointer) const;
   bool isDrawn(std::uint32_t number) const { return indices_[number] != kNotDrawn; }
-  // Blocks are told by their index among the drawn ones.
+  // These identify a block by its index among the drawn ones.
   std::size_t columnOf(std::size_t block) const { return block % kBandBlocks; }
   double topOf(std::size_t block) const { return bandTops_[block / kBandBlocks]; }
   double leftOf(std::size_t block) const { return columnLefts_[columnOf(block)]; }
@@ -131,10 +131,10 @@ class ChainPicture {
   const std::string name_;  // of the file, without its folder
   const PackedChain &chain_;
   std::optional<std::size_t> root_;  // segment where the drawn walk begins
-  std::size_t first_ = 0;            // segments that may be drawn
+  std::size_t first_ = 0;            // the range of segments that may be drawn
   std::size_t end_;
-  std::vector<bool> isReachedText_;    // of each text, where only a walk is drawn
-  std::size_t reachedBlocks_ = 0;      // blocks with something of the walk
+  std::vector<bool> isReachedText_;    // of each text, if only a walk is drawn
+  std::size_t reachedBlocks_ = 0;      // blocks with items of the walk
   std::vector<std::uint32_t> blocks_;  // numbers of the drawn ones
   std::vector<std::size_t> indices_;   // of each block of the chain
   std::size_t drawn_ = 0;
@@ -184,7 +184,7 @@ void ChainPicture::choose(const PictureStart &start) {
   for (std::size_t i = 0; i < drawn_; ++i) indices_[blocks_[i]] = i;
 }
 
-// The first blocks that the walk comes to, so that its begin is drawn wherever it is.
+// Chooses the first blocks that the walk reaches, so that its start is drawn wherever it is.
 void ChainPicture::findReached(std::uint32_t firstBlock) {
   isReachedText_.assign(chain_.texts.size(), false);
   std::vector<bool> isReached(chain_.blocks.size(), false);
@@ -266,7 +266,7 @@ void ChainPicture::collectItems() {
   }
 }
 
-// Leaves the items that have room in kMostDrawnRows rows.
+// Keeps the items that fit in kMostDrawnRows rows.
 void ChainPicture::cutItems() {
   for (std::size_t block = 0; block < drawn_; ++block) {
     std::vector<Item> &items = items_[block];
@@ -297,7 +297,7 @@ void ChainPicture::placeRows() {
     }
     bandTop += tallest + kBandGap;
   }
-  bandTops_.push_back(bandTop);  // below the last one
+  bandTops_.push_back(bandTop);  // where the legend begins
 }
 
 // An arrow is drawn to an item of the same block and of its neighbours in the band.
@@ -310,8 +310,8 @@ void ChainPicture::addArrow(std::size_t block, double y, const Pointer &pointer)
     ++writtenOnly_;
     return;
   }
-  // Arrows leave a little below the middle of their row and arrive a little above, so that the two
-  // never run over each other.
+  // Arrows leave a little below the middle of their row and arrive a little above it, so that they
+  // never overlap.
   gutters_[std::min(block, to)].arrows.push_back(
       {arrowClass(pointer), block, to, y + 3, target->second - 3});
 }
@@ -335,8 +335,8 @@ void ChainPicture::placeArrows() {
   }
 }
 
-// Arrows that would touch get lanes of their own, short ones the lanes next to the block. False
-// when the lanes did not suffice and the longest arrow was dropped for it.
+// Arrows that would touch get different lanes, short ones the lanes next to the block. False when
+// there were too few lanes and the longest arrow was dropped.
 bool ChainPicture::assignLanes(Gutter &gutter) {
   const auto lengthOf = [](const Arrow &arrow) { return std::abs(arrow.fromY - arrow.toY); };
   std::stable_sort(gutter.arrows.begin(), gutter.arrows.end(),
@@ -429,7 +429,7 @@ void ChainPicture::drawArrow(const Arrow &arrow, const Gutter &gutter, double gu
       arrow.className, true);
 }
 
-// What of the chain is drawn; "" for all of its blocks.
+// Which part of the chain is drawn; "" for all of its blocks.
 std::string ChainPicture::chosenNote() const {
   if (root_) {
     const bool isCut = drawn_ < reachedBlocks_;
@@ -456,11 +456,11 @@ double ChainPicture::drawLegend(double y) {
     svg_.text(kMargin, y + 4, "dim", text);
     y += kLegendRow;
   };
-  note("Numbers in front are offsets as in relative pointers; +n is a field of the segment.");
+  note("Rows begin with offsets as in relative pointers; +n is a field of the segment.");
   if (writtenOnly_ > 0) {
-    note(fmt::format(
-        "{} further than to what is drawn next to it, without an arrow.",
-        writtenOnly_ == 1 ? "1 pointer leads" : grouped(writtenOnly_) + " pointers lead"));
+    note(writtenOnly_ == 1
+             ? "1 pointer has no arrow: its target is too far away."
+             : grouped(writtenOnly_) + " pointers have no arrow: their targets are too far away.");
   }
   if (const std::string chosen = chosenNote(); !chosen.empty()) note(chosen);
   if (std::any_of(hidden_.begin(), hidden_.end(), [](std::size_t count) { return count > 0; })) {

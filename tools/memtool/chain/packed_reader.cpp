@@ -16,15 +16,15 @@ namespace {
 
 constexpr std::uint32_t kLengthWord = 2;
 constexpr std::uint32_t kWideAlignment = 4;
-// Room of the library's work area for a text of 4-byte characters that it turns into UTF-16.
+// Bytes of the library's work area for a text of 4-byte characters that it converts to UTF-16.
 constexpr std::uint32_t kMostUtf16 = 32768;
 
 bool isCharacter(std::uint32_t unit) {
   return unit <= 0x10FFFF && (unit < 0xD800 || unit > 0xDFFF);
 }
 
-// Follows the pointers of a chain whose head is read, from the root on. A fault ends what hangs
-// below it; the rest is read.
+// Follows the pointers of a chain whose head has been read, from the root on. Faulty pointers are
+// not followed; the rest is read.
 class Walk {
  public:
   Walk(PackedChain &chain, Console &console)
@@ -40,14 +40,14 @@ class Walk {
 
   struct Level {
     std::size_t segment;
-    std::size_t nextPointer;  // of the segment's, to follow next
+    std::size_t nextPointer;  // of the segment, to follow next
   };
 
   std::optional<Place> findRoot();
   bool visit(std::uint16_t kind, Place place, Place from);
   bool visitSegment(std::uint16_t kind, Place place, Place from);
   void measure(Segment &segment);
-  std::optional<std::int32_t> toldLength(const Segment &segment, std::uint32_t room);
+  std::optional<std::int32_t> statedLength(const Segment &segment, std::uint32_t room);
   bool hasGoodLayout(std::uint16_t kind, Place place);
   std::string layoutFault(const Kind &kind) const;
   void addPointers(Segment &segment);
@@ -81,7 +81,7 @@ std::uint64_t keyOf(Place place) {
 std::optional<Place> Walk::findRoot() {
   if (const std::optional<Place> root = rootPlace(chain_)) return root;
   if (chain_.blocks.size() < 2) {
-    note({0, 0}, "the chain ends behind its control block, without a root");
+    note({0, 0}, "the chain ends after its control block, without a root");
   } else {
     note({1, 0}, "the block where the root should be is empty");
   }
@@ -96,19 +96,19 @@ void Walk::run() {
     advance();
     progress_.update(claims_.taken());
     if (claims_.triesLeft() == 0) {
-      note(*root, "the faults are too many to read on");
+      note(*root, "there are too many faults to continue");
       break;
     }
   }
   checkReferences();
 }
 
-// `from` is the pointer field that leads here, or the root itself, which alone may be text. False
-// with a fault when it cannot be what it should be.
+// `from` is the pointer field that leads here, or the root itself. Here only the root may be text.
+// False with a fault when the item is invalid.
 bool Walk::visit(std::uint16_t kind, Place place, Place from) {
   const Form form = chain_.kinds[kind].form;
   if (form == Form::WideText && chain_.pointerWidth != 8) {
-    note(place, "the root is wide text, of which no new chain can be made");
+    note(place, "the root is wide text, of which the library makes no new chain");
     return false;
   }
   if (isText(form)) return takeText(kind, place, from) != kNoText;
@@ -128,7 +128,7 @@ bool Walk::isFree(Owner owner, Place place, Place from) {
     case Owner::Segment:
     case Owner::Wide:
     case Owner::Narrow:
-      note(from, fmt::format("a pointer leads to {}, which lies over what another pointer leads to",
+      note(from, fmt::format("a pointer leads to {}, which overlaps what another pointer leads to",
                              textOf(place)));
       break;
   }
@@ -137,10 +137,11 @@ bool Walk::isFree(Owner owner, Place place, Place from) {
 
 bool Walk::visitSegment(std::uint16_t kind, Place place, Place from) {
   if (!chain_.kinds[kind].isDescribed) {
-    note(from, fmt::format("a segment is of kind {}, which is not described", kind));
+    note(from,
+         fmt::format("a segment is of kind {}, which the control block does not describe", kind));
     return false;
   }
-  // What lies over something else is told alone, whatever its length seems to be.
+  // Of an overlapping segment only the overlap is reported, not its length.
   if (!isFree(claims_.ownerOf(place), place, from)) return false;
   Segment segment;
   segment.place = place;
@@ -155,8 +156,8 @@ bool Walk::visitSegment(std::uint16_t kind, Place place, Place from) {
   return true;
 }
 
-// The length that the segment should have; none with a fault when it cannot be.
-std::optional<std::int32_t> Walk::toldLength(const Segment &segment, std::uint32_t room) {
+// The length by the kind or in the segment; none with a fault when it is invalid.
+std::optional<std::int32_t> Walk::statedLength(const Segment &segment, std::uint32_t room) {
   const Kind &kind = chain_.kinds[segment.kind];
   if (kind.form == Form::Unknown) {
     return std::max(kind.pointersEnd(chain_.pointerWidth), 1);
@@ -168,21 +169,21 @@ std::optional<std::int32_t> Walk::toldLength(const Segment &segment, std::uint32
       kind.form == Form::Counted ? chain_.signedNumber(at) + 2 : chain_.number(at);
   if (length >= static_cast<std::int32_t>(kLengthWord)) return length;
   note(segment.place,
-       fmt::format("a segment of kind {} tells a length of {}", segment.kind, length));
+       fmt::format("a segment of kind {} has the invalid length {}", segment.kind, length));
   return {};
 }
 
-// A length that cannot be is one up to the last pointer field, as far as the block goes: what the
-// segment's pointers lead to is found, and what lies behind it stays free for its owners.
+// A segment of invalid length is taken up to its last pointer field or the end of the block: its
+// pointers are then followed, and the bytes after them stay free for other items.
 void Walk::measure(Segment &segment) {
   const std::int32_t end = chain_.kinds[segment.kind].pointersEnd(chain_.pointerWidth);
   const std::uint32_t room = chain_.blocks[segment.place.block].used - segment.place.offset;
-  const std::optional<std::int32_t> length = toldLength(segment, room);
+  const std::optional<std::int32_t> length = statedLength(segment, room);
   const bool fits = length && static_cast<std::uint32_t>(*length) <= room;
   if (length && !fits) {
     note(segment.place,
-         fmt::format("a segment of kind {} and {} bytes begins here, but the block's used part "
-                     "ends {} bytes on",
+         fmt::format("a segment of kind {} and {} bytes begins here, but only {} bytes are left "
+                     "in the block's used part",
                      segment.kind, *length, room));
   } else if (length && end > *length) {
     note(segment.place,
@@ -195,7 +196,7 @@ void Walk::measure(Segment &segment) {
                                  : static_cast<std::uint32_t>(*length);
 }
 
-// What is wrong with a kind is told at its first segment.
+// The fault of a kind is reported at its first segment.
 bool Walk::hasGoodLayout(std::uint16_t kind, Place place) {
   Layout &layout = layouts_[kind];
   if (layout == Layout::Unknown) {
@@ -208,23 +209,23 @@ bool Walk::hasGoodLayout(std::uint16_t kind, Place place) {
   return layout == Layout::Good;
 }
 
-// Pointer fields must lie in their segment, apart from each other and from the length word.
+// Pointer fields must be in their segment and must not overlap each other or the length word.
 std::string Walk::layoutFault(const Kind &kind) const {
   const std::vector<std::int32_t> offsets = kind.pointerOffsets();
   if (offsets.empty()) return "";
   if (offsets.front() < 0) {
-    return fmt::format("pointer at {} would lie before it", offsets.front());
+    return fmt::format("pointer at {} would be before it", offsets.front());
   }
   const auto width = static_cast<std::int32_t>(chain_.pointerWidth);
   const bool tellsLength = kind.form == Form::Counted || kind.form == Form::SelfDescribing;
-  bool liesApart = offsets.front() >= (tellsLength ? static_cast<std::int32_t>(kLengthWord) : 0);
+  bool isApart = offsets.front() >= (tellsLength ? static_cast<std::int32_t>(kLengthWord) : 0);
   for (std::size_t i = 1; i < offsets.size(); ++i) {
-    liesApart = liesApart && offsets[i] - offsets[i - 1] >= width;
+    isApart = isApart && offsets[i] - offsets[i - 1] >= width;
   }
-  return liesApart ? "" : fmt::format("pointer fields of {} bytes overlap", width);
+  return isApart ? "" : fmt::format("pointer fields of {} bytes overlap", width);
 }
 
-// Those that the file holds: a segment may be cut.
+// Adds the pointers that the file contains: a segment may be cut.
 void Walk::addPointers(Segment &segment) {
   const Kind &kind = chain_.kinds[segment.kind];
   if (kind.hasSibling()) addPointer(segment, Field::Sibling, kind.siblingOff, segment.kind);
@@ -271,11 +272,11 @@ bool Walk::readTarget(Place field, Pointer &pointer) {
     return false;
   }
   if (std::all_of(bytes.begin() + 4, bytes.end(), isZero)) return true;
-  note(field, "the bytes behind a relative pointer are not zero");
+  note(field, "the bytes after a relative pointer are not zero");
   return false;
 }
 
-// Index of the text at `place`, which may be one that is known; kNoText with a fault when there is
+// Index of the text at `place`, which may have been read before; kNoText with a fault when there is
 // none.
 std::uint32_t Walk::takeText(std::uint16_t kind, Place place, Place from) {
   const bool isWide = chain_.kinds[kind].form == Form::WideText;
@@ -283,12 +284,12 @@ std::uint32_t Walk::takeText(std::uint16_t kind, Place place, Place from) {
   if (isWide) {
     if (!takeWide(place, from, text.length)) return kNoText;
   } else {
-    // Texts keep their places with 8-byte pointers; for others a new chain gets each by itself.
+    // With 8-byte pointers the library leaves texts in their places; else it copies each by itself.
     const bool mayShareEnd = chain_.pointerWidth == 8;
     const Owner owner = claims_.takeNarrow(place, mayShareEnd, text.length);
     if (!isFree(owner, place, from)) return kNoText;
     if (text.length == 0) {
-      note(place, "a narrow text begins here and has no end in its block");
+      note(place, "a narrow text begins here and does not end in its block");
       return kNoText;
     }
     const auto [known, isNew] =
@@ -299,7 +300,7 @@ std::uint32_t Walk::takeText(std::uint16_t kind, Place place, Place from) {
   return static_cast<std::uint32_t>(chain_.texts.size() - 1);
 }
 
-// Bytes with the terminator.
+// The length in bytes with the terminator. False with a fault when the text is invalid.
 bool Walk::measureWide(Place place, std::uint32_t &length) {
   const std::uint32_t used = chain_.blocks[place.block].used;
   const std::uint32_t wideSize = chain_.version->wideSize;
@@ -316,14 +317,14 @@ bool Walk::measureWide(Place place, std::uint32_t &length) {
       if (!isCharacter(unit) || utf16Len > kMostUtf16) {
         note({place.block, place.offset + length},
              isCharacter(unit)
-                 ? "a wide text is too long to be turned into UTF-16"
-                 : fmt::format("a wide text holds 0x{:X}, which is no character", unit));
+                 ? "a wide text is too long to be converted to UTF-16"
+                 : fmt::format("a wide text contains 0x{:X}, which is not a character", unit));
         return false;
       }
     }
     isEnded = unit == 0;
   }
-  if (!isEnded) note(place, "a wide text begins here and has no end in its block");
+  if (!isEnded) note(place, "a wide text begins here and does not end in its block");
   return isEnded;
 }
 
@@ -333,7 +334,7 @@ bool Walk::takeWide(Place place, Place from, std::uint32_t &length) {
     return false;
   }
   if (place.offset % kWideAlignment != 0) {
-    note(from, fmt::format("a wide text stands at {}, not at a multiple of {}", textOf(place),
+    note(from, fmt::format("a wide text begins at {}, not at a multiple of {}", textOf(place),
                            kWideAlignment));
     claims_.spend(length);
     return false;
@@ -341,14 +342,14 @@ bool Walk::takeWide(Place place, Place from, std::uint32_t &length) {
   // Writers with 2-byte characters reserve twice the length, for readers with 4-byte ones.
   const std::uint32_t reserved = chain_.version->wideSize == 2 ? 2 * length : length;
   if (reserved > chain_.blocks[place.block].used - place.offset) {
-    note(place, "a wide text begins here without the room to be widened");
+    note(place, "a wide text begins here without the room for 4-byte characters");
     claims_.spend(length);
     return false;
   }
   return isFree(claims_.take(place, reserved, Owner::Wide), place, from);
 }
 
-// One step: into the next child, else on to the sibling, else up.
+// One step: into the next child, else to the sibling, else up.
 void Walk::advance() {
   Level &level = levels_.back();
   const Segment segment = chain_.segments[level.segment];
@@ -365,7 +366,7 @@ void Walk::advance() {
   }
 }
 
-// To a child, or to a sibling when the level of its segment is left.
+// Follows a pointer to a child, or to a sibling after the level of its segment was left.
 void Walk::follow(std::size_t index, const Segment &segment) {
   const Pointer pointer = chain_.pointers[index];
   if (pointer.isNull || pointer.isFaulty) return;
@@ -383,7 +384,7 @@ void Walk::follow(std::size_t index, const Segment &segment) {
   chain_.pointers[index].isFaulty = !isFollowed;
 }
 
-// What a reference names must be reached by an owning pointer.
+// The target of a reference must be reached by a child or sibling pointer.
 void Walk::checkReferences() {
   std::vector<Place> places;
   places.reserve(chain_.segments.size());
@@ -409,7 +410,7 @@ PackedChain readWith(PackedChain chain, PointerWidth width, Console &console) {
   return chain;
 }
 
-// A fault may be none under the other width, which only the user can know then.
+// If the file would be valid with the other width, only the user can know which one holds.
 void remarkOnWidth(PackedChain &chain, Console &console) {
   const std::uint32_t other = chain.pointerWidth == 8 ? 4 : 8;
   if (!chain.isHeadSound) return;

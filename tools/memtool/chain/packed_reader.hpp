@@ -1,5 +1,6 @@
-// Reads a chain file. Whatever the bytes are, nothing outside of them is looked at, every part of
-// a block is claimed by one item only, and the time is proportional to the file's length.
+// Reads a chain file. Whatever the bytes are, nothing outside of them is read, each byte of a block
+// belongs to one item only (narrow texts may share), and the time is proportional to the file's
+// length.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +11,9 @@
 
 namespace memtool {
 
-// The file does not tell the width of the writer's pointers. With 0 it is that of
-// findPointerWidth(); a fault that would be none with the other width has a remark on it.
+// The file does not contain the width of the writer's pointers: 4, 8, or 0 for that of
+// findPointerWidth(). If the file would be valid with the other width, the first fault has a remark
+// on that.
 PackedChain readChain(std::string bytes, std::uint32_t pointerWidth, Console &console);
 
 }  // namespace memtool

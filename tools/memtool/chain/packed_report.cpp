@@ -225,7 +225,7 @@ Json blocksJson(const PackedChain &chain) {
   return list;
 }
 
-// Values within an array of the document, with their indentation.
+// A value within the document, indented.
 std::string indented(const Json &json, std::size_t columns) {
   const std::string text = json.dump(2);
   std::string shifted;
@@ -236,7 +236,7 @@ std::string indented(const Json &json, std::size_t columns) {
   return shifted;
 }
 
-// Writes the segments of a chain without holding the document.
+// Writes the segments of a chain without keeping the document in memory.
 class SegmentsJson {
  public:
   SegmentsJson(Console &console, const PackedChain &chain, const ChainSelection &selection,
@@ -292,7 +292,7 @@ class SegmentsJson {
     return texts;
   }
 
-  // Of narrow texts that share their end, the longest that is shown holds the others.
+  // Of narrow texts that share their end, the longest shown one contains the others.
   void findWholeTexts() {
     wholes_.resize(chain_.texts.size());
     std::iota(wholes_.begin(), wholes_.end(), 0U);
@@ -399,7 +399,7 @@ Json faultJson(const Fault &fault) {
           {"remark", fault.remark.empty() ? Json() : Json(fault.remark)}};
 }
 
-// The first fault, with what the library says of the chain.
+// The first fault, with the library's verdict on the chain.
 Json firstFaultJson(const PackedChain &chain, const Verdict &verdict) {
   if (chain.isSound()) return {};
   Json json = faultJson(chain.faults.front());

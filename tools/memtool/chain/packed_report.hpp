@@ -1,4 +1,4 @@
-// A packed chain in words: tables and a tree for people, JSON for programs.
+// Writes a packed chain as tables and a tree for people, or as JSON for programs.
 #pragma once
 
 #include <cstdint>
@@ -14,35 +14,35 @@
 
 namespace memtool {
 
-// "F", "C", …: a type code as its letter, where it has one; else "0xE5".
+// "F", "C", …: a type code as its letter, or "0xE5" for one without a letter.
 std::string typeName(const Kind &kind);
 
-// What a kind is made of: "fixed", "counted", "own length", "text", "wide text", "unknown".
+// The form of a kind: "fixed", "counted", "own length", "text", "wide text", "unknown".
 const char *formName(Form form);
 
 // "little-endian, pointers of 8 bytes, wide characters of 2 bytes, ASCII".
 std::string writerText(const PackedChain &chain);
 
-// Items of each block.
+// The number of items in each block.
 struct BlockCount {
   std::uint64_t segments = 0;
   std::uint64_t texts = 0;
 };
 std::vector<BlockCount> countItems(const PackedChain &chain);
 
-// Prints all that was read, or the segments that were chosen of it. `withData`: the bytes between
-// the pointer fields as well.
+// Prints all that was read, or only the chosen segments. `withData`: with the bytes between the
+// pointer fields.
 void printChain(Console &console, const std::string &name, const PackedChain &chain,
                 const ChainSelection &selection, bool withData);
 
-// `verdict`: what the library says of a chain with a fault.
-// Writes all that was read as JSON, piece by piece. A text stands with the first pointer to it; for
-// others, and for those to its end, "textAt" names where it stands.
+// Writes all that was read as JSON, piece by piece. The first pointer to a text has the text; other
+// pointers to it, or to its end, have "textAt", the target of that first pointer. `verdict`: the
+// library's, for a chain with a fault.
 void writeChainJson(Console &console, const std::string &name, const PackedChain &chain,
                     const ChainSelection &selection, const std::optional<Verdict> &verdict,
                     bool withData);
 
-// What --check shows: the counts and the faults.
+// The output of --check: the counts and the faults.
 nlohmann::ordered_json chainCheckJson(const std::string &name, const PackedChain &chain,
                                       const std::optional<Verdict> &verdict);
 

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kMostQuoted = 40;
 
-// A whole decimal number; none for anything else.
+// The number if all of `text` is a decimal number, else none.
 std::optional<std::uint32_t> numberFrom(std::string_view text) {
   std::uint32_t number = 0;
   const char *const end = text.data() + text.size();
@@ -28,7 +28,7 @@ bool leadsToSegment(const Pointer &pointer) {
   return !pointer.isNull && !pointer.isFaulty && pointer.text == kNoText;
 }
 
-// The first segment with a pointer to a text that has the byte.
+// The first segment with a pointer to a text that contains the byte.
 std::optional<std::size_t> holderOfTextAt(const PackedChain &chain, Place place) {
   const auto holds = [place](const Text &text) {
     return text.place.block == place.block && text.place.offset <= place.offset &&
@@ -49,14 +49,14 @@ std::uint16_t kindFrom(const PackedChain &chain, const std::string &text) {
   if (kind && *kind < chain.kinds.size() && chain.kinds[*kind].isDescribed) {
     return static_cast<std::uint16_t>(*kind);
   }
-  throw UnknownValue(
-      fmt::format("--kind: there is no kind {} of segments; {}", inQuotes(text, kMostQuoted),
-                  chain.readKindCount() == 0
-                      ? "the file shows none"
-                      : fmt::format("the control block has 0 to {}", chain.readKindCount() - 1)));
+  throw UnknownValue(fmt::format(
+      "--kind: there is no kind {} of segments; {}", inQuotes(text, kMostQuoted),
+      chain.readKindCount() == 0
+          ? "no kind could be read"
+          : fmt::format("the control block has kinds 0 to {}", chain.readKindCount() - 1)));
 }
 
-// Segments of the kind; for a kind of text those that have such a text.
+// True for a segment of the kind; for a kind of text, if the segment points to such a text.
 bool isOfKind(const PackedChain &chain, const Segment &segment, std::uint16_t kind) {
   if (!isText(chain.kinds[kind].form)) return segment.kind == kind;
   for (std::size_t i = 0; i < segment.pointerCount; ++i) {
@@ -74,17 +74,17 @@ SegmentIndex::SegmentIndex(const PackedChain &chain)
   std::sort(byPlace_.begin(), byPlace_.end(), [&](std::uint32_t a, std::uint32_t b) {
     const Segment &first = chain.segments[a];
     const Segment &second = chain.segments[b];
-    // One without bytes may be where another one begins.
+    // A segment without bytes may have the place of another segment.
     return std::tie(first.place, first.length, a) < std::tie(second.place, second.length, b);
   });
 }
 
 std::optional<std::size_t> SegmentIndex::notAfter(Place place) const {
-  const auto behind = std::upper_bound(
+  const auto next = std::upper_bound(
       byPlace_.begin(), byPlace_.end(), place,
       [&](Place wanted, std::uint32_t i) { return wanted < chain_.segments[i].place; });
-  if (behind == byPlace_.begin()) return {};
-  return *std::prev(behind);
+  if (next == byPlace_.begin()) return {};
+  return *std::prev(next);
 }
 
 std::optional<std::size_t> SegmentIndex::beginningAt(Place place) const {
@@ -110,15 +110,15 @@ Place placeFrom(std::string_view text, std::string_view option) {
     const std::optional<std::uint32_t> offset = numberFrom(text.substr(colon + 1));
     if (block && offset) return {*block, *offset};
   }
-  throw UnknownValue(fmt::format("{}: {} is no place; a place is BLOCK:OFFSET, as 1:34", option,
-                                 inQuotes(text, kMostQuoted)));
+  throw UnknownValue(fmt::format("{}: {} is not a place; a place is BLOCK:OFFSET, for example 1:34",
+                                 option, inQuotes(text, kMostQuoted)));
 }
 
 namespace {
 
-// A walk takes the segments in their order: each pointer that owns one leads to the next of them.
-// Calls `enter` with the index of each such pointer and of the segment. Returns the index behind
-// the last one.
+// A walk visits the segments in the order of the list: each child or sibling pointer leads to the
+// next of them. Calls `enter` with the index of each such pointer and of the segment. Returns the
+// index after the last segment.
 template <class Enter>
 std::size_t walkFrom(const PackedChain &chain, std::size_t root, const Enter &enter) {
   struct Level {
@@ -173,11 +173,11 @@ std::size_t segmentAt(const PackedChain &chain, std::string_view text, std::stri
   if (const auto segment = SegmentIndex(chain).holding(place)) return *segment;
   if (const auto segment = holderOfTextAt(chain, place)) return *segment;
   const std::uint32_t used = chain.blocks[place.block].used;
-  throw UnknownValue(place.offset >= used
-                         ? fmt::format("{}: block {} has {} bytes, none at {}", option, place.block,
-                                       used, place.offset)
-                         : fmt::format("{}: no segment and no text that was read is at {}", option,
-                                       textOf(place)));
+  throw UnknownValue(
+      place.offset >= used
+          ? fmt::format("{}: block {} has {} bytes, none at {}", option, place.block, used,
+                        place.offset)
+          : fmt::format("{}: no segment or text that was read is at {}", option, textOf(place)));
 }
 
 ChainSelection::ChainSelection(const PackedChain &chain) : chain_(chain) {}

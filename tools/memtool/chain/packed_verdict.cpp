@@ -16,7 +16,7 @@
 namespace memtool {
 namespace {
 
-constexpr std::size_t kContentOff = offsetof(MemPackBlock, UsedLen);  // of what a file holds
+constexpr std::size_t kContentOff = offsetof(MemPackBlock, UsedLen);  // of what a file contains
 constexpr std::size_t kMostBlocks = std::size_t{MEM_PACK_MAX_BLOCKS} + 1;
 constexpr std::size_t kMostUsed = 0xFFFF;
 constexpr std::int32_t kNativeWidth = 8;
@@ -25,11 +25,11 @@ constexpr std::int32_t kMostOffset = 0x7FFF;
 
 using Contents = std::vector<std::string_view>;
 
-// What the blocks hold. None where the file does not form blocks, or holds no whole head.
+// The contents of the blocks. None when the file does not form blocks or has no whole head.
 std::optional<Contents> contentsOf(const PackedChain &chain) {
   const std::string_view bytes = chain.bytes;
   if (bytes.size() < kHeadLen) return {};
-  // The library looks at the version before anything else.
+  // The library checks the version first.
   if (!chain.version) return Contents{bytes.substr(0, kMostUsed)};
   Contents contents;
   for (std::size_t at = 0; at < bytes.size() && contents.size() < kMostBlocks;) {
@@ -42,7 +42,7 @@ std::optional<Contents> contentsOf(const PackedChain &chain) {
   return contents;
 }
 
-// Blocks in storage, each with guard bytes around it.
+// Copies of the blocks, each between guard bytes.
 class GuardedBlocks {
  public:
   explicit GuardedBlocks(const Contents &contents) {
@@ -87,13 +87,13 @@ class GuardedBlocks {
   std::vector<Area> areas_;
 };
 
-// A control block of a caller's, of any number of kinds.
+// A caller's control block, of any number of kinds.
 class CallersKinds {
  public:
   explicit CallersKinds(std::size_t count)
       : bytes_(static_cast<std::size_t>(MEM_PACK_CB_LEN(count)), std::byte{0}) {
-    const auto told = static_cast<std::int16_t>(count);
-    std::memcpy(bytes_.data(), &told, sizeof told);
+    const auto number = static_cast<std::int16_t>(count);
+    std::memcpy(bytes_.data(), &number, sizeof number);
   }
 
   void set(std::size_t kind, const MemPackDescriptor &descriptor) {
@@ -107,7 +107,7 @@ class CallersKinds {
 };
 
 // The offset in the root's k-th child entry as the library compares it: used entries in this
-// machine's order, others as they are stored, or zero when the layout is the old one.
+// machine's byte order, others as they are stored, or zero for the old layout.
 std::int16_t storedRootOffset(const PackedChain &chain, std::uint32_t k) {
   const bool isOld = chain.version->isOldLayout;
   const DescriptorLayout &layout = descriptorLayout(isOld);
@@ -123,8 +123,8 @@ std::int16_t storedRootOffset(const PackedChain &chain, std::uint32_t k) {
   return stored;
 }
 
-// A caller whose first child pointers lie where the file has them: the library unpacks in place and
-// looks at nothing else of the caller's.
+// A caller whose first child pointers have the offsets of the file: the library then unpacks in
+// place and reads nothing else of the caller's control block.
 CallersKinds callersInPlace(const PackedChain &chain) {
   CallersKinds callers(1);
   MemPackDescriptor root{};
@@ -135,14 +135,14 @@ CallersKinds callersInPlace(const PackedChain &chain) {
   return callers;
 }
 
-// The layout of a kind for a caller with 8-byte pointers: the fields end to end in the order in
-// which the file has them, behind `start` bytes.
+// The layout of a kind for a caller with 8-byte pointers: `start` bytes, then the pointer fields in
+// the file's order without gaps.
 class NewLayout {
  public:
   NewLayout(const Kind &kind, std::int32_t start)
       : kind_(kind), start_(start), order_(kind.pointerOffsets()) {}
 
-  // Fields at one offset of the file get places of their own.
+  // Fields with the same offset in the file get different ones here.
   MemPackDescriptor descriptor() {
     MemPackDescriptor made{};
     made.Type = nativeType(kind_);
@@ -170,16 +170,16 @@ class NewLayout {
     return static_cast<std::int16_t>(start_ + kNativeWidth * index);
   }
 
-  static constexpr std::int32_t kTaken = -0x10000;  // no offset of a field
+  static constexpr std::int32_t kTaken = -0x10000;  // not the offset of a field
 
   const Kind &kind_;
   std::int32_t start_;
-  std::vector<std::int32_t> order_;  // offsets in the file that have no place yet
+  std::vector<std::int32_t> order_;  // offsets in the file; kTaken after they have a new one
 };
 
-// A caller with the same kinds and 8-byte pointers. None when the library could not tell that the
-// writer had 4-byte ones: it does so by the root's first child pointer, which must lie further back
-// in the caller's layout than in the file's.
+// A caller with the same kinds and 8-byte pointers. None when the library could not recognise that
+// the writer had 4-byte pointers: for that the root's first child pointer must have a higher offset
+// in the caller's layout than in the file.
 std::optional<CallersKinds> callersOfNewChain(const PackedChain &chain) {
   CallersKinds callers(chain.kindCount);
   for (std::size_t i = 0; i < chain.kinds.size(); ++i) {
@@ -203,7 +203,7 @@ std::optional<CallersKinds> callersOfNewChain(const PackedChain &chain) {
   return callers;
 }
 
-// Texts end with an address where they name a place in the blocks.
+// Texts that name a place in the blocks end with its address, which differs from run to run.
 std::string withoutAddress(std::string text) {
   constexpr std::size_t kDigits = 16;
   const std::size_t equals = text.rfind('=');
@@ -251,7 +251,7 @@ const char *nameOfCode(std::uint32_t code) {
 
 std::string remarkOf(const Verdict &verdict) {
   if (!verdict.wasAsked) return fmt::format(" (the library was not asked: {})", verdict.whyNot);
-  if (verdict.code == 0) return " (the library takes it)";
+  if (verdict.code == 0) return " (the library accepts it)";
   return fmt::format(" (the library's code is {} {}: {})", verdict.code, nameOfCode(verdict.code),
                      verdict.text);
 }
@@ -263,7 +263,8 @@ Verdict askLibrary(RunningLibrary &library, const PackedChain &chain) {
     return unpack(library, *contents, callersInPlace(chain).get());
   }
   const std::optional<CallersKinds> callers = callersOfNewChain(chain);
-  if (!callers) return notAsked("no caller can have the root's first pointer further back");
+  if (!callers)
+    return notAsked("no caller's layout can have the root's first pointer at a higher offset");
   return unpack(library, *contents, callers->get());
 }
 

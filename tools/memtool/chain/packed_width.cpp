@@ -11,11 +11,11 @@ namespace {
 
 constexpr std::int32_t kNarrow = 4;
 constexpr std::int32_t kWide = 8;
-// So many pointer fields do not all come to lie as 8-byte ones by chance.
+// This many pointer fields are unlikely to be at multiples of 8 by chance.
 constexpr std::size_t kTellingFields = 3;
 
-// Goes through all segments that a reader of either width would find: both read a block and an
-// offset from the first four bytes of a pointer field. What leads nowhere is left out.
+// Visits all segments that a reader finds with either width: both read a block and an offset from
+// the first four bytes of a pointer field. Ignores pointers that lead nowhere.
 class Reach {
  public:
   explicit Reach(const PackedChain &chain) : chain_(chain), isReached_(chain.kinds.size(), false) {
@@ -32,12 +32,12 @@ class Reach {
   }
 
   bool isReached(std::size_t kind) const { return isReached_[kind]; }
-  // Pointers that are not null, by the four bytes after the first four of their fields.
+  // Pointers that are not null, counted by whether the four bytes after their first four are zero.
   std::uint64_t followedByZeros() const { return followedByZeros_; }
   std::uint64_t followedByOthers() const { return followedByOthers_; }
 
  private:
-  // Every place is looked at once, so that the time is proportional to the file's length.
+  // Each place is visited once, so that the time is proportional to the file's length.
   void take(std::uint16_t kind, Place place) {
     const Kind &descriptor = chain_.kinds[kind];
     if (!descriptor.isDescribed || isText(descriptor.form)) return;
@@ -86,10 +86,10 @@ class Reach {
   std::uint64_t followedByOthers_ = 0;
 };
 
-// What the pointer fields of some kinds have in common under one width.
+// Whether the pointer fields of some kinds are possible with one width.
 struct Layouts {
-  bool areApart = true;    // no field lies over another or passes the end of a fixed segment
-  bool areAligned = true;  // fields and fixed segments as a compiler aligns them
+  bool areApart = true;    // no field overlaps another or passes the end of a fixed segment
+  bool areAligned = true;  // fields and lengths of fixed segments are multiples of the width
 
   void add(const Kind &kind, const std::vector<std::int32_t> &offsets, std::int32_t width) {
     areApart = areApart && offsets.front() >= 0;
@@ -104,15 +104,16 @@ struct Layouts {
   bool areOfCompiler() const { return areApart && areAligned; }
 };
 
-// The chain holds one segment of fixed length and nothing else.
+// The chain consists of one segment of fixed length.
 bool isRootAlone(const PackedChain &chain, Place root) {
   const Kind &kind = chain.kinds[0];
   return kind.form == Form::Fixed && root.block + 1 == chain.blocks.size() &&
          root.offset + std::uint32_t{kind.fixedLen} == chain.blocks[root.block].used;
 }
 
-// Damage to one number of the control block must not make 4-byte pointers of 8-byte ones: these
-// would still be followed by the zeros of their upper halves, or their targets would be lost.
+// Damage to one number of the control block must not make 8-byte pointers look like 4-byte ones.
+// The upper halves of 8-byte pointers are zero, so bytes other than zero after a pointer are
+// required.
 bool isNarrow(const Layouts &narrow, const Layouts &wide, const Reach &reach, bool isAlone) {
   if (!narrow.areApart) return false;
   if (!wide.areApart) return reach.followedByOthers() > 0 || isAlone;

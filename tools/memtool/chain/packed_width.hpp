@@ -1,5 +1,5 @@
-// How wide the writer's pointers are. The file does not say it; the control block shows it where
-// its layouts are those of one kind of compiler only.
+// Finds the width of the writer's pointers. The file does not contain it, but some layouts in the
+// control block are possible with one width only.
 #pragma once
 
 #include <cstdint>
@@ -10,11 +10,11 @@ namespace memtool {
 
 struct PointerWidth {
   std::uint32_t bytes = 8;
-  bool isGuess = true;  // the control block fits the other width as well, or neither
+  bool isGuess = true;  // the layouts are possible with both widths, or with neither
 };
 
-// The layouts that count are those of the kinds of which there are segments. REQUIRES: the head of
-// the chain is read without a fault.
+// Uses the layouts of those kinds that have segments. REQUIRES: the head of the chain has been
+// read.
 PointerWidth findPointerWidth(const PackedChain &chain);
 
 }  // namespace memtool

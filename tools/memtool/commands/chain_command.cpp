@@ -1,4 +1,4 @@
-// memtool chain: looks into the file of a packed chain.
+// memtool chain: shows, checks, rewrites and makes packed chains.
 #include <fmt/format.h>
 
 #include <memory>
@@ -24,24 +24,25 @@ namespace {
 
 constexpr const char *kFooter =
     "Examples:\n"
-    "  memtool chain FILE                        what is in it\n"
-    "  memtool chain FILE --data                 the segments' other bytes as well\n"
-    "  memtool chain FILE --json | jq .blocks    the same for programs\n"
-    "  memtool chain FILE --check                is it sound? Tells every fault\n"
-    "  memtool chain FILE --svg OUT.svg          a picture of its first blocks\n"
+    "  memtool chain FILE                        show all of it\n"
+    "  memtool chain FILE --data                 with the bytes between the pointer fields\n"
+    "  memtool chain FILE --json | jq .blocks    as JSON for programs\n"
+    "  memtool chain FILE --check                is it valid? Shows every fault\n"
+    "  memtool chain FILE --svg OUT.svg          draw its first blocks\n"
     "  memtool chain FILE --at 1:34              the segment there, and what it points to\n"
     "  memtool chain FILE --kind 2 --limit 10    the first ten segments of kind 2\n"
     "  memtool chain FILE --root 1:34 --depth 1  a walk from there, one level down\n"
     "  memtool chain FILE --svg OUT.svg --block 30\n"
-    "                                            the blocks from there on\n"
-    "  memtool chain FILE --to-native OUT        any writer's chain as one of this platform\n"
+    "                                            draw the blocks from this one on\n"
+    "  memtool chain FILE --to-native OUT        rewrite any writer's chain for this platform\n"
     "  memtool chain FILE --defs DEFS.json       with names and typed values\n"
     "  memtool chain FILE --defs DEFS.json --json > GRAPH.json\n"
     "  memtool chain --encode GRAPH.json --defs DEFS.json -o OUT\n"
     "\n"
-    "FILE holds the blocks in order, each as its used bytes from block offset 8 on. Places are\n"
-    "written as block:offset, the offset counted as in relative pointers. Of a damaged\n"
-    "chain everything is shown but what hangs below its faults, and the exit code is 1.";
+    "FILE contains the blocks in order, each as its used bytes from block offset 8 on. Places are\n"
+    "written as block:offset; offsets count as in relative pointers. Of a damaged chain "
+    "everything\n"
+    "is shown except what only a faulty pointer leads to, and the exit code is 1.";
 
 struct ChainOptions {
   std::vector<std::string> files;
@@ -58,15 +59,16 @@ struct ChainOptions {
   std::optional<std::uint32_t> pictureBlock;
   std::string definitions;
   bool encodes = false;
-  std::string graph;  // of --encode; empty: the FILE
+  std::string graph;  // of --encode; empty: the graph is the FILE
   std::string output;
 
   bool showsSegments() const { return !checks && (asJson || (picture.empty() && native.empty())); }
 };
 
-// A line for each fault, and for several of them one with what the library says of the chain.
-ExitCode tellFaults(Console &console, const std::string &file, const PackedChain &chain,
-                    const std::optional<Verdict> &verdict) {
+// A line for each fault. The last line has the library's verdict: after several faults, that is a
+// line with their number.
+ExitCode reportFaults(Console &console, const std::string &file, const PackedChain &chain,
+                      const std::optional<Verdict> &verdict) {
   const std::string remark = verdict ? remarkOf(*verdict) : "";
   const bool isOne = chain.faults.size() == 1;
   console.out().flush();
@@ -85,7 +87,7 @@ ExitCode tellFaults(Console &console, const std::string &file, const PackedChain
   return kExitFault;
 }
 
-// What the library says of a chain that has a fault. Without a library the fault is shown alone.
+// The library's verdict on a chain with a fault. Without a library only the fault is shown.
 Verdict verdictOn(const Tool &tool, const PackedChain &chain) {
   std::optional<RunningLibrary> library;
   try {
@@ -99,7 +101,7 @@ Verdict verdictOn(const Tool &tool, const PackedChain &chain) {
 void refuseGuess(const std::string &file, const PackedChain &chain, const char *option) {
   if (!chain.isWidthGuessed) return;
   throw ToolError(fmt::format(
-      "{0}: the control block does not show the width of the writer's pointers; give it: "
+      "{0}: the width of the writer's pointers is not evident from the control block; set it with "
       "{1} 4 or {1} 8",
       file, option));
 }
@@ -111,9 +113,9 @@ PackedChain readLike(const ChainOptions &options, Console &console) {
   return chain;
 }
 
-void printSound(Console &console, const std::string &file, const PackedChain &chain) {
+void printValid(Console &console, const std::string &file, const PackedChain &chain) {
   console.print("{}: {}, {} segments and {} texts in {} block{}\n", file,
-                console.paint(Ink::Good, "sound"), grouped(chain.segments.size()),
+                console.paint(Ink::Good, "valid"), grouped(chain.segments.size()),
                 grouped(chain.texts.size()), grouped(chain.blocks.size()),
                 chain.blocks.size() == 1 ? "" : "s");
 }
@@ -145,7 +147,7 @@ void writeNative(Tool &tool, const ChainOptions &options, const std::string &fil
   if (!native.remark.empty()) tool.console.print("{}\n", native.remark);
 }
 
-// `definitions`, which may be null, decide the width of pointers where the chain does not show it.
+// `definitions`, which may be null, decide the width of pointers if the chain does not show it.
 PackedChain readNamed(const ChainOptions &options, const std::string &file,
                       const ChainDefinitions *definitions, Console &console) {
   PackedChain chain = readChain(readFile(file), options.pointerWidth, console);
@@ -162,7 +164,7 @@ void checkReferences(Console &console, const std::string &file, const ChainDefin
   throw ToolError(file + ": " + *wrong);
 }
 
-// With definitions a kind may be named.
+// With definitions, --kind may be a name.
 ChainFilter filterOf(const ChainOptions &options, const ChainDefinitions *definitions) {
   ChainFilter filter = options.filter;
   const bool isNumber = filter.kind.find_first_not_of("0123456789") == std::string::npos;
@@ -186,7 +188,7 @@ void show(Console &console, const ChainOptions &options, const std::string &file
   printChain(console, file, chain, selection, options.withData);
 }
 
-// What can be read of the chain is shown in front of its faults, where it is to be shown at all.
+// Shows the readable part of the chain, if its segments are to be shown, and then the faults.
 ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &file,
                    const ChainDefinitions *definitions) {
   Console &console = tool.console;
@@ -200,14 +202,14 @@ ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &f
     show(console, options, file, chain, verdict, definitions);
   }
   if (!options.picture.empty() && chain.version) writePicture(console, options, file, chain);
-  if (!chain.isSound()) return tellFaults(console, file, chain, verdict);
+  if (!chain.isSound()) return reportFaults(console, file, chain, verdict);
   if (definitions != nullptr) checkReferences(console, file, *definitions, chain);
-  if (options.checks && !options.asJson) printSound(console, file, chain);
+  if (options.checks && !options.asJson) printValid(console, file, chain);
   if (!options.native.empty()) writeNative(tool, options, file, chain);
   return kExitFine;
 }
 
-// A filter must have something to choose from.
+// Refuses filters when no segments are shown.
 void checkFilter(const ChainOptions &options) {
   const ChainFilter &filter = options.filter;
   const bool isDrawing = !options.picture.empty();
@@ -215,12 +217,12 @@ void checkFilter(const ChainOptions &options) {
   ChainFilter ofSegments = filter;
   if (isDrawing) ofSegments.root.clear();
   if (!ofSegments.isEmpty() && !options.showsSegments()) {
-    throw UsageError(isDrawing ? "--svg takes --root and --block only, unless --json shows segments"
-                               : "--kind, --at, --root, --depth and --limit go with what shows "
-                                 "segments, not with --check and --to-native");
+    throw UsageError(isDrawing ? "--svg takes --root and --block only, unless --json is given"
+                               : "--kind, --at, --root, --depth and --limit do not go with --check "
+                                 "and --to-native, which show no segments");
   }
   if (!filter.at.empty() && (!filter.kind.empty() || !filter.root.empty() || filter.depth)) {
-    throw UsageError("--at goes without --kind, --root and --depth");
+    throw UsageError("--at does not go with --kind, --root and --depth");
   }
 }
 
@@ -273,57 +275,59 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
 
 void addChainCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<ChainOptions>();
-  CLI::App *const command = app.add_subcommand("chain", "Look into the file of a packed chain");
-  command->add_option("FILE", options->files, "The chains; - is stdin")->type_name("");
+  CLI::App *const command =
+      app.add_subcommand("chain", "Show, check, rewrite or make a packed chain");
+  command->add_option("FILE", options->files, "Files of chains; - is stdin")->type_name("");
   command->add_flag("--json", options->asJson, "Write JSON instead of tables");
   command->add_flag("--data", options->withData, "Show the bytes between the pointer fields");
-  command->add_option("--kind", options->filter.kind, "Show the segments of this kind only")
+  command->add_option("--kind", options->filter.kind, "Show only segments of this kind")
       ->type_name("KIND");
   command
       ->add_option("--at", options->filter.at,
-                   "Show the segment that is there or has that byte, and what it points to")
+                   "Show the segment that contains this byte, and what it points to")
       ->type_name("BLOCK:OFFSET");
-  command
-      ->add_option("--root", options->filter.root,
-                   "Start there instead of at the first segment; also in a picture")
+  command->add_option("--root", options->filter.root, "Start at this segment; also in a picture")
       ->type_name("BLOCK:OFFSET");
-  command->add_option("--depth", options->filter.depth, "Show so many levels below the start")
+  command->add_option("--depth", options->filter.depth, "Show at most N levels below the start")
       ->type_name("N");
-  command->add_option("--limit", options->filter.limit, "Show the first N segments of those")
+  command->add_option("--limit", options->filter.limit, "Show only the first N of these segments")
       ->type_name("N");
   command->add_option("--block", options->pictureBlock, "With --svg: the first block to draw")
       ->type_name("N");
-  command->add_flag("--check", options->checks, "Only tell whether the chain is sound");
+  command->add_flag("--check", options->checks, "Only check whether the chain is valid");
   command->add_option("--svg", options->picture, "Draw blocks, segments and pointers")
       ->type_name("OUT.svg");
-  command->add_option("--to-native", options->native, "Write the chain as one of this platform")
+  command->add_option("--to-native", options->native, "Rewrite the chain for this platform")
       ->type_name("OUT");
   command
       ->add_option("--like", options->like,
-                   "With --to-native: lay segments out by this chain's control block")
+                   "With --to-native: use the layout of this chain's control block")
       ->type_name("CHAIN");
   command
       ->add_option("--like-pointers", options->likePointerWidth,
-                   "Bytes of the pointers in the chain of --like; found when not given")
+                   "Bytes of the pointers in the chain of --like; default: from its control block")
       ->type_name("4|8")
       ->check(CLI::IsMember({4, 8}));
   command
-      ->add_option("--block-length", options->blockLength,
-                   "With --to-native and --encode: length of the blocks (32768)")
+      ->add_option(
+          "--block-length", options->blockLength,
+          "With --to-native and --encode: length of the blocks; default: 32768, or more if "
+          "an item needs it")
       ->type_name("N")
       ->check(CLI::Range(1, 0x7FFFFFFF));
   command
       ->add_option("--pointers", options->pointerWidth,
-                   "Bytes of the writer's pointers, 4 or 8; from the control block when not given")
+                   "Bytes of the writer's pointers; default: from the control block")
       ->type_name("4|8")
       ->check(CLI::IsMember({4, 8}));
   command->add_option("--defs", options->definitions, "Definitions of the kinds, as JSON")
       ->type_name("DEFS.json");
   const CLI::Option *const encodeOption =
-      command->add_option("--encode", options->graph, "Make the chain of these structures")
+      command->add_option("--encode", options->graph, "Make a chain from this JSON")
           ->type_name("GRAPH.json")
           ->expected(0, 1);  // the FILE may be the graph as well
-  command->add_option("-o,--output", options->output, "With --encode: the file")->type_name("OUT");
+  command->add_option("-o,--output", options->output, "With --encode: the file to write")
+      ->type_name("OUT");
   command->footer(kFooter);
   command->callback([&tool, options, encodeOption] {
     options->encodes = encodeOption->count() > 0;

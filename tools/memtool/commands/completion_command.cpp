@@ -1,5 +1,5 @@
-// memtool completion: how bash completes the program's words. It is made from what the parser
-// knows, so a command or an option cannot be forgotten.
+// memtool completion: writes the completion script for bash. It is made from the parser's commands
+// and options, so none can be forgotten.
 #include <fmt/format.h>
 
 #include <string>
@@ -11,7 +11,7 @@ namespace memtool {
 namespace {
 
 constexpr std::string_view kScript =
-    R"(# How bash completes the words of memtool. Made by `memtool completion`.
+    R"(# Completes memtool's commands, options and files in bash. Written by `memtool completion`.
 _memtool() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} command= i
   for ((i = 1; i < COMP_CWORD; ++i)); do
@@ -55,14 +55,15 @@ std::string namesOf(const CLI::Option &option, const char *between) {
 // "4|8" is a choice, "N" a number; all other values are files.
 std::string valueOf(const CLI::Option &option) {
   std::string type = option.get_type_name();
-  type = type.substr(0, type.find(':'));  // what a check has added
+  type = type.substr(0, type.find(':'));  // without the text of a check
   if (type == "N") return "value=none";
   if (type.find('|') == std::string::npos) return "value=file";
   for (char &c : type) c = c == '|' ? ' ' : c;
   return fmt::format("value=choices choices='{}'", type);
 }
 
-// The words of one command, "" for the program itself; those of the program go with each.
+// Adds the words of one command, or of the program itself with the name "". The program's options
+// are also those of each command.
 void addCase(std::string &cases, std::string_view name, const CLI::App &app,
              const CLI::App &program, std::string_view commands) {
   std::string options;
@@ -112,7 +113,7 @@ std::string completionOf(const CLI::App &program) {
 
 void addCompletionCommand(CLI::App &app, Tool &tool) {
   CLI::App *const command =
-      app.add_subcommand("completion", "Write how bash completes the words of memtool");
+      app.add_subcommand("completion", "Write the completion script for bash");
   command->footer("Example:\n  source <(memtool completion)");
   command->callback([&app, &tool] {
     tool.command = [&app, &tool] {

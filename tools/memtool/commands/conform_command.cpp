@@ -1,4 +1,5 @@
-// memtool conform: can texts written with old definitions be read with new ones?
+// memtool conform: checks whether port strings written with old definitions can be read with new
+// ones.
 #include <fmt/format.h>
 
 #include <map>
@@ -15,12 +16,12 @@ namespace {
 
 constexpr const char *kFooter =
     "Examples:\n"
-    "  memtool conform OLD.json NEW.json               before a table of definitions is changed\n"
-    "  memtool conform NEW.json OLD.json               and for old readers of new texts\n"
-    "  memtool conform OLD.json NEW.json --root Order  of texts that begin with this structure\n"
+    "  memtool conform OLD.json NEW.json               new readers of old texts\n"
+    "  memtool conform NEW.json OLD.json               old readers of new texts\n"
+    "  memtool conform OLD.json NEW.json --root Order  only texts that begin with this structure\n"
     "\n"
-    "Exit codes: 0 NEW reads every text, also where it drops or changes values, which is shown; 1\n"
-    "it refuses at least one text; 2 wrong usage; 3 a file cannot be read.";
+    "Exit codes: 0 NEW reads every text (dropped or changed values are shown); 1 it refuses at\n"
+    "least one text; 2 wrong usage; 3 a file cannot be read.";
 
 struct ConformOptions {
   std::string old;
@@ -99,14 +100,14 @@ ExitCode runConform(Tool &tool, const ConformOptions &options) {
 void addConformCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<ConformOptions>();
   CLI::App *const command =
-      app.add_subcommand("conform", "Can texts of old definitions be read with new ones?");
+      app.add_subcommand("conform", "Check whether new definitions can read texts of old ones");
   command->add_option("OLD", options->old, "The definitions of the writer, as JSON")
       ->required()
       ->type_name("");
   command->add_option("NEW", options->fresh, "The definitions of the reader, as JSON")
       ->required()
       ->type_name("");
-  command->add_option("--root", options->root, "The structure that texts begin with; else any")
+  command->add_option("--root", options->root, "The structure that texts begin with; default: any")
       ->type_name("STRUCTID|NAME");
   command->add_flag("--json", options->asJson, "Write JSON instead of text");
   command->footer(kFooter);

@@ -1,4 +1,4 @@
-// memtool contract: slots, host services and records, for people and, as JSON, for programs.
+// memtool contract: lists slots, host services and records for people, or as JSON for programs.
 #include <memory>
 
 #include "contract_report.hpp"
@@ -12,7 +12,7 @@ constexpr const char *kFooter =
     "  memtool contract                  slots, host services and records\n"
     "  memtool contract MEM_HeapOpen     one of them\n"
     "  memtool contract MEMThreadEnv     a record with its offsets\n"
-    "  memtool contract --json           all of it for programs: types, codes and constants, too\n"
+    "  memtool contract --json           everything, with types, codes and constants\n"
     "\n"
     "The contract is that of the headers with which memtool was built; no library is loaded.";
 

@@ -1,4 +1,4 @@
-// memtool defs: checks definitions and writes them in one form.
+// memtool defs: checks definitions and writes them in a uniform format.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -15,20 +15,18 @@ namespace {
 
 constexpr const char *kFooter =
     "Examples:\n"
-    "  memtool defs order.defs.json              check them, and write them with a field a line\n"
-    "  memtool defs items.defs.json --for chain  when nothing in them shows that they are of "
-    "chains\n"
+    "  memtool defs order.defs.json              check them, and write them with one field a line\n"
+    "  memtool defs items.defs.json --for chain  if no key in them is only for chains\n"
     "\n"
-    "Exit codes: 0 the definitions are sound; 1 they have a fault, which is shown with its line "
-    "and\n"
-    "column; 2 wrong usage; 3 the file cannot be read.";
+    "Exit codes: 0 the definitions are valid; 1 they have a fault, which is shown with its line\n"
+    "and column; 2 wrong usage; 3 the file cannot be read.";
 
 struct DefsOptions {
   std::string file;
-  std::string subject;  // "chain", "port", or "" when the definitions show it
+  std::string subject;  // "chain", "port", or "" to decide by the keys
 };
 
-// In the order in which they are written.
+// The keys in the order in which they are written.
 constexpr std::array<const char *, 8> kStructureKeys{
     "id", "name", "segment", "length", "next", "countField", "countIsLength", "fields"};
 constexpr std::array<const char *, 13> kFieldKeys{
@@ -47,7 +45,7 @@ bool isChainField(const PortJson &field) {
   return type == "SByte" || type == "UByte" || type == "Float" || type == "Double";
 }
 
-// True when something is said that only chains have. Wrong forms are left to the check.
+// True when a key or type is only for chains. The check finds wrong forms later.
 bool showsChain(const PortJson &document) {
   if (document.contains("pointers")) return true;
   if (!document.contains("structures")) return false;
@@ -60,7 +58,7 @@ bool showsChain(const PortJson &document) {
   return false;
 }
 
-// On one line, with blanks.
+// The JSON on one line, with blanks.
 std::string inLine(const PortJson &json) {
   if (!json.is_structured()) return json.dump();
   std::string line;
@@ -72,17 +70,17 @@ std::string inLine(const PortJson &json) {
   return json.is_object() ? '{' + line + '}' : '[' + line + ']';
 }
 
-// What a key says that need not be there.
-bool saysNothing(const std::string &key, const PortJson &value) {
+// True for the value that an absent key has.
+bool isDefault(const std::string &key, const PortJson &value) {
   return value.is_null() || value == false || (key == "segment" && value == "F");
 }
 
-// The keys in their order, without those that say nothing and without the fields.
+// The keys in their order, without default values and without the fields.
 template <std::size_t kCount>
 PortJson inOrder(const PortJson &json, const std::array<const char *, kCount> &keys) {
   PortJson ordered = PortJson::object();
   for (const std::string key : keys) {
-    if (key == "fields" || !json.contains(key) || saysNothing(key, json[key])) continue;
+    if (key == "fields" || !json.contains(key) || isDefault(key, json[key])) continue;
     const bool isCode = key == "type" && json[key].is_number();
     ordered[key] = isCode ? PortJson(portTypeName(json[key].get<MEMFieldType>())) : json[key];
   }
@@ -126,7 +124,7 @@ bool isFlat(const PortJson &json) {
                       [](const PortJson &part) { return part.is_structured(); });
 }
 
-// Chains do not look at the keys that only port strings use, so any JSON may stand there.
+// Chains ignore the keys that are only for port strings, so their values may be any JSON.
 void checkUnused(const PortJsonText &text) {
   for (const PortJsonNode &structure : PortJsonNode(text).at("structures").elements()) {
     const std::optional<PortJsonNode> fields = structure.find("fields");
@@ -137,7 +135,7 @@ void checkUnused(const PortJsonText &text) {
         if (!unused) continue;
         const PortJson &json = unused->json();
         if (!std::all_of(json.begin(), json.end(), isFlat))
-          unused->fail("this is no value of a field");
+          unused->fail("the value is nested too deeply for a field");
       }
     }
   }
@@ -146,12 +144,12 @@ void checkUnused(const PortJsonText &text) {
 // Throws ToolError with line and column.
 void check(const DefsOptions &options, const std::string &json, bool isChain) {
   if (!isChain) {
-    const PortDefinitions sound(options.file, json);
+    const PortDefinitions valid(options.file, json);
     return;
   }
-  const ChainDefinitions sound(options.file, json);
-  // What does not fit with the short pointers does not fit with long ones.
-  if (sound.pointerWidth() == 0) sound.checkLayout(4);
+  const ChainDefinitions valid(options.file, json);
+  // Fields that do not fit with 4-byte pointers do not fit with 8-byte ones.
+  if (valid.pointerWidth() == 0) valid.checkLayout(4);
 }
 
 ExitCode runDefs(Tool &tool, const DefsOptions &options) {
@@ -170,11 +168,12 @@ ExitCode runDefs(Tool &tool, const DefsOptions &options) {
 void addDefsCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<DefsOptions>();
   CLI::App *const command =
-      app.add_subcommand("defs", "Check definitions and write them in one form");
+      app.add_subcommand("defs", "Check definitions and write them in a uniform format");
   command->add_option("FILE", options->file, "Definitions of port strings or chains, as JSON")
       ->required()
       ->type_name("");
-  command->add_option("--for", options->subject, "What they are for; else what they show")
+  command
+      ->add_option("--for", options->subject, "What they are for; default: decided by their keys")
       ->check(CLI::IsMember({"chain", "port"}))
       ->type_name("chain|port");
   command->footer(kFooter);

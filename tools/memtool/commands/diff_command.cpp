@@ -1,4 +1,4 @@
-// memtool diff: are two packed chains, or two port strings, the same structures?
+// memtool diff: compares two packed chains, or two port strings, as structures.
 #include <fmt/format.h>
 
 #include <memory>
@@ -18,16 +18,17 @@ namespace {
 
 constexpr const char *kFooter =
     "Examples:\n"
-    "  memtool diff A B                   each difference with the way to it from the root\n"
-    "  memtool diff --short A B           how many there are, and the first\n"
-    "  memtool diff A B --json            the same for programs\n"
+    "  memtool diff A B           each difference with its path from the root\n"
+    "  memtool diff --short A B   the first difference and the number of differences\n"
+    "  memtool diff A B --json    as JSON for programs\n"
     "\n"
-    "Both are packed chains or both are port strings. Places in the files do not matter, and of\n"
-    "chains neither do byte order, pointer width, width of wide characters and code of the "
-    "writers,\n"
-    "as far as it can be known without definitions. Exit codes: 0 equal; 1 different, or one has "
-    "a\n"
-    "fault; 2 wrong usage; 3 a file cannot be read.";
+    "Both are packed chains or both are port strings. Places in the files do not matter. Of "
+    "chains,\n"
+    "the writers' byte orders, pointer widths, widths of wide characters and character sets do "
+    "not\n"
+    "matter either, as far as the files show them. Exit codes: 0 equal; 1 different, or a file "
+    "has\n"
+    "a fault; 2 wrong usage; 3 a file cannot be read.";
 
 using Json = nlohmann::ordered_json;
 
@@ -65,7 +66,7 @@ class DiffReport {
     console_.print("{}\n    {}", count_ == 1 ? "" : ",", json.dump());
   }
 
-  // `remark` is put behind the number of pairs.
+  // `remark` follows the number of pairs.
   ExitCode finish(std::uint64_t pairs, const char *thing, const std::string &remark) {
     const std::uint64_t leftOut = count_ > most_ ? count_ - most_ : 0;
     if (options_.asJson) {
@@ -90,14 +91,14 @@ class DiffReport {
   std::uint64_t count_ = 0;
 };
 
-// The header of a port string has its marks where no chain has the same three.
+// True when the header's marks are in their places, which no chain has.
 bool isPort(const std::string &bytes) {
   constexpr std::size_t kComma = 11;
   constexpr std::size_t kEnd = 22;
   return bytes.size() > kEnd && bytes[0] == '(' && bytes[kComma] == ',' && bytes[kEnd] == ')';
 }
 
-void tellFaults(Console &console, const std::string &file, const PackedChain &chain) {
+void reportFaults(Console &console, const std::string &file, const PackedChain &chain) {
   for (const Fault &fault : chain.faults) {
     complain(console, kExitFault, fmt::format("{}: {}", file, fault.text()),
              {{"file", validUtf8(file)},
@@ -107,7 +108,7 @@ void tellFaults(Console &console, const std::string &file, const PackedChain &ch
   }
 }
 
-void tellFault(Console &console, const std::string &file, const PortDocument &document) {
+void reportFault(Console &console, const std::string &file, const PortDocument &document) {
   if (!document.fault) return;
   complain(console, kExitFault, fmt::format("{}: {}", file, document.fault->text()),
            {{"file", validUtf8(file)}, {"offset", document.fault->offset}});
@@ -117,8 +118,8 @@ ExitCode diffChains(Tool &tool, const DiffOptions &options, std::string a, std::
   const PackedChain one = readChain(std::move(a), options.pointerWidth, tool.console);
   const PackedChain other = readChain(std::move(b), options.pointerWidth, tool.console);
   if (!one.isSound() || !other.isSound()) {
-    tellFaults(tool.console, options.a, one);
-    tellFaults(tool.console, options.b, other);
+    reportFaults(tool.console, options.a, one);
+    reportFaults(tool.console, options.b, other);
     return kExitFault;
   }
   DiffReport report(tool.console, options, "packed chain");
@@ -126,7 +127,7 @@ ExitCode diffChains(Tool &tool, const DiffOptions &options, std::string a, std::
       compareChains(one, other, [&](const Difference &difference) { report.add(difference); });
   const std::string remark = made.turned == 0
                                  ? ""
-                                 : fmt::format(" ({} of bytes equal with their numbers turned)",
+                                 : fmt::format(" ({} of bytes equal in the other byte order)",
                                                countOf(made.turned, "run"));
   return report.finish(made.compared, "segment", remark);
 }
@@ -136,8 +137,8 @@ ExitCode diffPorts(Tool &tool, const DiffOptions &options, const std::string &a,
   const PortDocument one = readPortText(a, tool.console);
   const PortDocument other = readPortText(b, tool.console);
   if (one.fault || other.fault) {
-    tellFault(tool.console, options.a, one);
-    tellFault(tool.console, options.b, other);
+    reportFault(tool.console, options.a, one);
+    reportFault(tool.console, options.b, other);
     return kExitFault;
   }
   DiffReport report(tool.console, options, "port string");
@@ -147,13 +148,13 @@ ExitCode diffPorts(Tool &tool, const DiffOptions &options, const std::string &a,
 }
 
 ExitCode runDiff(Tool &tool, const DiffOptions &options) {
-  if (options.isShort && options.limit) throw UsageError("--short goes without --limit");
+  if (options.isShort && options.limit) throw UsageError("--short does not go with --limit");
   std::string a = readFile(options.a);
   std::string b = readFile(options.b);
   if (isPort(a) != isPort(b)) {
     const std::string &port = isPort(a) ? options.a : options.b;
     const std::string &other = isPort(a) ? options.b : options.a;
-    throw ToolError(fmt::format("{} is a port string, and {} is none", port, other));
+    throw ToolError(fmt::format("{} is a port string, but {} is not", port, other));
   }
   if (isPort(a)) return diffPorts(tool, options, a, b);
   return diffChains(tool, options, std::move(a), std::move(b));
@@ -168,13 +169,17 @@ void addDiffCommand(CLI::App &app, Tool &tool) {
   command->add_option("A", options->a, "A packed chain or a port string; - is stdin")
       ->required()
       ->type_name("");
-  command->add_option("B", options->b, "What it is compared with")->required()->type_name("");
-  command->add_flag("-q,--short", options->isShort, "Only the first difference and their number");
-  command->add_option("--limit", options->limit, "Show the first N differences")->type_name("N");
+  command->add_option("B", options->b, "The chain or port string to compare it with")
+      ->required()
+      ->type_name("");
+  command->add_flag("-q,--short", options->isShort,
+                    "Show only the first difference and the number of differences");
+  command->add_option("--limit", options->limit, "Show only the first N differences")
+      ->type_name("N");
   command->add_flag("--json", options->asJson, "Write JSON instead of text");
   command
       ->add_option("--pointers", options->pointerWidth,
-                   "Bytes of the writers' pointers, 4 or 8; found when not given")
+                   "Bytes of the writers' pointers; default: from the control blocks")
       ->type_name("4|8")
       ->check(CLI::IsMember({4, 8}));
   command->footer(kFooter);

@@ -1,4 +1,4 @@
-// memtool errors: the library's codes, and what stands behind each.
+// memtool errors: explains the library's codes.
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -11,15 +11,16 @@ namespace memtool {
 namespace {
 
 constexpr const char *kFooter =
-    "WANTED is a code, decimal or hexadecimal, a name or a part of one, or any text that a failed\n"
-    "call left or that the explanations hold. One code is explained; several are listed.\n"
+    "WANTED is a code (decimal, or hexadecimal after 0x), all or part of a name, a text that a\n"
+    "failed call recorded, or a text of the explanations. One code is explained; several are\n"
+    "listed.\n"
     "\n"
     "Examples:\n"
     "  memtool errors                         all codes\n"
     "  memtool errors 4072                    one code: cause, what the caller sees, what to do\n"
     "  memtool errors 0xFE8                   the same code\n"
     "  memtool errors MEMERR_PACKCYCL         the same by its name\n"
-    "  memtool errors heap                    every code whose name holds \"heap\"\n"
+    "  memtool errors heap                    every code whose name contains \"heap\"\n"
     "  memtool errors \"Link offset=-8 less than zero\"\n"
     "                                         the code that records this text";
 
@@ -29,7 +30,7 @@ struct ErrorsOptions {
   bool asJson = false;
 };
 
-// The results of failing calls, which users take for codes.
+// The results of failing calls, which users may take for codes.
 constexpr std::int64_t kFailedResult = 0xFFFF;
 constexpr std::int64_t kFailedResult32 = 0xFFFFFFFF;
 
@@ -72,7 +73,7 @@ void addErrorsCommand(CLI::App &app, Tool &tool) {
           ->type_name("CODE|NAME|TEXT");
   CLI::Option *const json =
       command->add_flag("--json", options->asJson, "Write JSON instead of text");
-  command->add_option("--page", options->page, "Write all of it as the page of the manual")
+  command->add_option("--page", options->page, "Write all codes as the page of the manual")
       ->type_name("OUT.md")
       ->excludes(wanted)
       ->excludes(json);

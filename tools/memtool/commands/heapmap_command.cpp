@@ -1,5 +1,5 @@
-// memtool heapmap: shows where everything lies in heaps and pools, of a script of calls that it
-// runs or of a program whose statistics it reads.
+// memtool heapmap: shows the contents of heaps and pools, from a script of calls that it runs or
+// from the statistics of a program.
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -22,19 +22,19 @@ constexpr const char *kFooter =
     "  open NAME pool AREA_BYTES CELL_BYTES [SUBPOOL]  open a cell pool\n"
     "  entry HEAP LABEL LENGTH                         allocate an entry\n"
     "  chain HEAP LABEL LENGTH COUNT                   allocate linked entries LABEL.1, LABEL.2 …\n"
-    "  cell POOL LABEL [COUNT]                         take a cell, or LABEL.1, LABEL.2 …\n"
-    "  free NAME LABEL                                 give an entry or a cell back\n"
-    "  clear POOL                                      give all cells back\n"
-    "  show [CAPTION]                                  show what is open\n"
+    "  cell POOL LABEL [COUNT]                         allocate a cell, or LABEL.1, LABEL.2 …\n"
+    "  free NAME LABEL                                 free an entry or a cell\n"
+    "  clear POOL                                      free all cells\n"
+    "  show [CAPTION]                                  show all open heaps and pools\n"
     "  close NAME                                      close a heap or a pool\n"
-    "What is still open at the end is shown and closed.\n"
+    "Heaps and pools that are open at the end are shown and closed.\n"
     "\n"
-    "A file that begins with { holds statistics of a running program with maps, as JSON.\n"
+    "A file that begins with { contains statistics of a running program with maps, as JSON.\n"
     "\n"
     "Examples:\n"
-    "  memtool heapmap --svg OUT.svg           the example, as text and as a picture\n"
-    "  memtool heapmap --example > SCRIPT      the example's script, to change it\n"
-    "  memtool heapmap SCRIPT                  another script\n"
+    "  memtool heapmap --svg OUT.svg           run the example; text and picture\n"
+    "  memtool heapmap --example > SCRIPT      write the example's script, to change it\n"
+    "  memtool heapmap SCRIPT                  run another script\n"
     "  memtool heapmap snapshot.json --svg OUT.svg --colour owner\n"
     "  echo 'open a heap 1' | memtool heapmap -";
 
@@ -58,7 +58,7 @@ Ink inkOf(AreaPart::What what) {
   return Ink::Dim;
 }
 
-// Of a program's entries their places in it, too; those of a script have names.
+// For a program's entries also the callers that made them; a script's entries have names.
 void printArea(Console &console, const Store &store, const StoreArea &area, std::size_t number,
                bool isOfProgram) {
   const std::string what = area.isLarge ? "large block" : "area " + std::to_string(number);
@@ -150,11 +150,10 @@ ExitCode runHeapmap(Tool &tool, const HeapmapOptions &options) {
 
 void addHeapmapCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<HeapmapOptions>();
-  CLI::App *const command =
-      app.add_subcommand("heapmap", "Show where everything lies in heaps and pools");
+  CLI::App *const command = app.add_subcommand("heapmap", "Show the contents of heaps and pools");
   command
       ->add_option("SCRIPT", options->scripts,
-                   "Calls to run, or a program's statistics; - is stdin; none: an example")
+                   "Calls to run, or a program's statistics; - is stdin; default: an example")
       ->type_name("");
   command->add_option("--svg", options->picture, "Draw the areas")->type_name("OUT.svg");
   command

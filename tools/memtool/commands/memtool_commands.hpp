@@ -1,5 +1,5 @@
-// The sub-commands. Each has a source of its own, <name>_command.cpp, and is added to the program
-// in memtool_run.cpp.
+// The sub-commands. Each has its own source, <name>_command.cpp; memtool_run.cpp adds them to the
+// program.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -16,16 +16,16 @@ namespace memtool {
 // What all sub-commands share while the program runs.
 struct Tool {
   Console &console;
-  std::string library = {};                // path of the library; empty: the one beside the program
-  bool hasJsonErrors = false;              // the console knows it from the start
-  std::function<ExitCode()> command = {};  // what the named sub-command does; set by its callback
+  std::string library = {};                // path of the library; empty: in the program's folder
+  bool hasJsonErrors = false;              // for the parser; runMemtool itself finds the option
+  std::function<ExitCode()> command = {};  // runs the named sub-command; set by its callback
 };
 
-// Writes the failure; `file` is what was read, or "". Returns the exit code.
-ExitCode tellFailure(Console &console, const std::exception &error, const std::string &file);
+// Writes the failure; `file` is the file that was read, or "". Returns the exit code.
+ExitCode reportFailure(Console &console, const std::exception &error, const std::string &file);
 
-// Shows each file; a failure of one does not keep the others from being shown. Several are an array
-// in JSON, and have an empty line between them where they are `isApart`. Returns the highest code.
+// Shows each file; after a failure of one it continues with the others. Several files are an array
+// in JSON; as text, `isApart` puts an empty line between them. Returns the highest code.
 ExitCode forEachFile(Tool &tool, const std::vector<std::string> &files, bool asJson, bool isApart,
                      const std::function<ExitCode(const std::string &)> &show);
 

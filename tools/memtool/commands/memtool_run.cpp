@@ -18,10 +18,10 @@ namespace memtool {
 namespace {
 
 constexpr const char *kFooter =
-    "FILE may be - for standard input. Exit codes: 0 good; 1 damaged or different, or the "
-    "operation\n"
-    "failed; 2 wrong usage; 3 something cannot be read or written. Of several files the highest\n"
-    "counts. `memtool COMMAND --help` shows a command's options and examples.";
+    "FILE may be - for standard input. Exit codes: 0 success; 1 the input is damaged or "
+    "different,\n"
+    "or the operation failed; 2 wrong usage; 3 something cannot be read or written. For several\n"
+    "files it is the highest. `memtool COMMAND --help` shows a command's options and examples.";
 constexpr const char *kJsonErrors = "--json-errors";
 
 ExitCode fail(Console &console, const std::string &what, ExitCode code) {
@@ -35,12 +35,12 @@ void describe(CLI::App &app, Tool &tool) {
   app.set_version_flag("--version", std::string("memtool ") + kVersion, "Show the version");
   app.set_help_flag("-h,--help", "Show this help");
   app.add_option("--library", tool.library,
-                 "The library to use instead of the one beside the program")
+                 "The library to use instead of the one in the program's folder")
       ->type_name("PATH");
   app.add_flag(kJsonErrors, tool.hasJsonErrors,
-               "Write each failure as a JSON object on a line of stderr");
+               "Write each failure as a JSON object on one line of stderr");
   app.require_subcommand(1);
-  app.fallthrough();  // they may stand behind the command's name, too
+  app.fallthrough();  // these options may follow the command's name, too
   app.footer(kFooter);
   addChainCommand(app, tool);
   addCompletionCommand(app, tool);
@@ -53,7 +53,7 @@ void describe(CLI::App &app, Tool &tool) {
   addPortCommand(app, tool);
 }
 
-// Characters to insert, remove or change to make one word of the other.
+// The number of characters to insert, remove or change to turn one word into the other.
 std::size_t distance(std::string_view from, std::string_view to) {
   std::vector<std::size_t> row(to.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
@@ -87,8 +87,8 @@ std::vector<std::string> optionsOf(const CLI::App &app) {
   return names;
 }
 
-// Names the word that is not known, and the known one that is most like it. "" when that is not
-// what is wrong.
+// A message that names the unknown word and the most similar known one; "" when the mistake is
+// another one.
 std::string unknownWord(const CLI::App &app) {
   for (const std::string &word : app.remaining(true)) {
     if (word.starts_with("--")) {
@@ -119,7 +119,8 @@ ExitCode parseAndRun(CLI::App &app, Tool &tool, std::vector<std::string> words) 
 
 ExitCode run(const std::vector<std::string> &words, Console &console) {
   Tool tool{console};
-  CLI::App app("Looks into what QJ7MEM00 writes and does.");
+  CLI::App app(
+      "Shows packed chains, port strings and heaps of QJ7MEM00, and explains its error codes.");
   describe(app, tool);
   ExitCode code = kExitFine;
   try {
@@ -139,26 +140,26 @@ ExitCode run(const std::vector<std::string> &words, Console &console) {
 
 }  // namespace
 
-ExitCode tellFailure(Console &console, const std::exception &error, const std::string &file) {
+ExitCode reportFailure(Console &console, const std::exception &error, const std::string &file) {
   console.out().flush();
-  const auto tell = [&](const std::string &what, ExitCode code) {
+  const auto report = [&](const std::string &what, ExitCode code) {
     complain(console, code, what,
              file.empty() ? nlohmann::ordered_json()
                           : nlohmann::ordered_json{{"file", validUtf8(file)}});
     return code;
   };
   if (dynamic_cast<const std::bad_alloc *>(&error) != nullptr) {
-    return tell((file.empty() ? "" : file + ": ") + "there is not enough memory", kExitFile);
+    return report((file.empty() ? "" : file + ": ") + "there is not enough memory", kExitFile);
   }
-  if (dynamic_cast<const FileError *>(&error) != nullptr) return tell(error.what(), kExitFile);
+  if (dynamic_cast<const FileError *>(&error) != nullptr) return report(error.what(), kExitFile);
   if (dynamic_cast<const UsageError *>(&error) != nullptr) {
-    return tell(std::string(error.what()) + " (try --help)", kExitUsage);
+    return report(std::string(error.what()) + " (try --help)", kExitUsage);
   }
   if (dynamic_cast<const UnknownValue *>(&error) != nullptr) {
     const bool isNamed = std::string_view(error.what()).starts_with(file);
-    return tell((file.empty() || isNamed ? "" : file + ": ") + error.what(), kExitUsage);
+    return report((file.empty() || isNamed ? "" : file + ": ") + error.what(), kExitUsage);
   }
-  return tell(error.what(), kExitFault);
+  return report(error.what(), kExitFault);
 }
 
 ExitCode runMemtool(const std::vector<std::string> &words, Console &console) noexcept {
@@ -166,7 +167,7 @@ ExitCode runMemtool(const std::vector<std::string> &words, Console &console) noe
   try {
     return run(words, console);
   } catch (const std::exception &error) {
-    return tellFailure(console, error, "");
+    return reportFailure(console, error, "");
   }
 }
 
@@ -185,7 +186,7 @@ ExitCode forEachFile(Tool &tool, const std::vector<std::string> &files, bool asJ
     } catch (const UsageError &) {
       throw;
     } catch (const std::exception &error) {
-      code = tellFailure(tool.console, error, file);
+      code = reportFailure(tool.console, error, file);
       if (asJson) {
         const nlohmann::ordered_json json{{"file", validUtf8(file)},
                                           {"error", validUtf8(error.what())}};

@@ -1,4 +1,4 @@
-// memtool port: looks into the file of a port string, and writes one.
+// memtool port: shows, checks and makes port strings.
 #include <memory>
 #include <optional>
 #include <vector>
@@ -21,21 +21,21 @@ namespace {
 constexpr const char *kFooter =
     "Examples:\n"
     "  memtool port FILE                             structures, fields and values\n"
-    "  memtool port FILE --json | jq .structures     the same for programs\n"
-    "  memtool port FILE --check                     is it sound? Tells the first fault\n"
-    "  memtool port FILE --svg OUT.svg               a picture of its first structures\n"
+    "  memtool port FILE --json | jq .structures     as JSON for programs\n"
+    "  memtool port FILE --check                     is it valid? Shows the first fault\n"
+    "  memtool port FILE --svg OUT.svg               draw its first structures\n"
     "  memtool port FILE --kind 12 --limit 10        the first ten structures of StructID 12\n"
     "  memtool port FILE --root 7 --depth 1          structure 7 and what it points to\n"
     "  memtool port FILE --defs DEFS.json            with names, as the library reads it\n"
     "  memtool port FILE --defs DEFS.json --json > GRAPH.json\n"
     "  memtool port --encode GRAPH.json --defs DEFS.json -o FILE\n"
     "\n"
-    "Characters are counted from 0. A port string that has a fault is shown up to there, and the\n"
+    "Characters are counted from 0. A port string with a fault is shown up to the fault, and the\n"
     "exit code is 1.";
 
 struct PortOptions {
   std::vector<std::string> files;
-  std::string file;  // the one at hand
+  std::string file;  // the current one
   bool asJson = false;
   bool checks = false;
   std::string picture;
@@ -51,7 +51,7 @@ struct PortOptions {
   throw ToolError(options.file + ": " + fault.text());
 }
 
-// `notes`: of what the library skips, drops or changes; they are shown by --check.
+// What the library skips, drops or changes; --check shows it.
 using PortNotes = std::vector<PortNote>;
 
 void show(Console &console, const PortOptions &options, const PortDocument &document,
@@ -78,10 +78,10 @@ void show(Console &console, const PortOptions &options, const PortDocument &docu
   }
 }
 
-void showSound(Console &console, const PortOptions &options, const PortDocument &document) {
+void showValid(Console &console, const PortOptions &options, const PortDocument &document) {
   if (!options.checks || options.asJson) return;
   console.print("{}: {}, {} characters, {} structure{}\n", options.file,
-                console.paint(Ink::Good, "sound"), grouped(document.characters),
+                console.paint(Ink::Good, "valid"), grouped(document.characters),
                 grouped(document.promised), document.promised == 1 ? "" : "s");
 }
 
@@ -90,7 +90,7 @@ void printNotes(Console &console, const PortOptions &options, const PortNotes &n
   for (const PortNote &note : notes) console.print("{}: {}\n", options.file, note.text());
 }
 
-// What readers let pass is a fault for --check only.
+// Throws for deviations that readers let pass but --check reports.
 void checkText(const PortOptions &options, const PortDocument &document) {
   if (const std::optional<PortFault> fault = firstPortFault(document)) throwFault(options, *fault);
 }
@@ -102,7 +102,7 @@ ExitCode showText(Tool &tool, const PortOptions &options) {
   tool.console.out().flush();
   if (options.checks) checkText(options, document);
   if (document.fault) throwFault(options, *document.fault);
-  showSound(tool.console, options, document);
+  showValid(tool.console, options, document);
   return kExitFine;
 }
 
@@ -128,9 +128,9 @@ ExitCode showDecoded(Tool &tool, const PortOptions &options) {
     RunningLibrary library(pathFromUtf8(tool.library));
     const PortDocument document = decode(library, options, definitions, text, tool.console);
     show(tool.console, options, document, notes, &definitions);
-    showSound(tool.console, options, document);
+    showValid(tool.console, options, document);
   } catch (const ToolError &) {
-    printNotes(tool.console, options, notes);  // they may be the reason
+    printNotes(tool.console, options, notes);  // they may explain the failure
     tool.console.out().flush();
     throw;
   }
@@ -156,15 +156,15 @@ ExitCode showPort(Tool &tool, const PortOptions &options) {
   return options.definitions.empty() ? showText(tool, options) : showDecoded(tool, options);
 }
 
-// A filter must have something to choose from.
+// Refuses filters when no structures are shown.
 void checkFilter(const PortOptions &options) {
   PortFilter ofText = options.filter;
   if (!options.picture.empty()) ofText.root.reset();
   if (ofText.isEmpty() || options.showsStructures()) return;
   throw UsageError(options.picture.empty()
-                       ? "--kind, --root, --depth and --limit go with what shows structures, not "
-                         "with --check"
-                       : "--svg takes --root only, unless --json shows structures");
+                       ? "--kind, --root, --depth and --limit do not go with --check, which "
+                         "shows no structures"
+                       : "--svg takes --root only, unless --json is given");
 }
 
 ExitCode runPort(Tool &tool, const PortOptions &options) {
@@ -194,29 +194,31 @@ ExitCode runPort(Tool &tool, const PortOptions &options) {
 
 void addPortCommand(CLI::App &app, Tool &tool) {
   const auto options = std::make_shared<PortOptions>();
-  CLI::App *const command = app.add_subcommand("port", "Look into a port string, or write one");
-  command->add_option("FILE", options->files, "The port strings; - is stdin")->type_name("");
+  CLI::App *const command = app.add_subcommand("port", "Show, check or make a port string");
+  command->add_option("FILE", options->files, "Files of port strings; - is stdin")->type_name("");
   command->add_flag("--json", options->asJson, "Write JSON instead of text");
-  command->add_option("--kind", options->filter.kind, "Show the structures of this kind only")
+  command->add_option("--kind", options->filter.kind, "Show only structures of this kind")
       ->type_name("STRUCTID|NAME");
   command
       ->add_option("--root", options->filter.root,
-                   "Show what can be reached from this structure; also in a picture")
+                   "Show what this structure reaches; also in a picture")
       ->type_name("NUMBER");
   command
       ->add_option("--depth", options->filter.depth,
-                   "Show what is up to so many pointers away from the root")
+                   "Show structures at most N pointers away from the root")
       ->type_name("N");
-  command->add_option("--limit", options->filter.limit, "Show the first N structures of those")
+  command->add_option("--limit", options->filter.limit, "Show only the first N of these structures")
       ->type_name("N");
-  command->add_flag("--check", options->checks, "Only tell whether the port string is sound");
+  command->add_flag("--check", options->checks, "Only check whether the port string is valid");
   command->add_option("--svg", options->picture, "Draw structures and pointers")
       ->type_name("OUT.svg");
   command->add_option("--defs", options->definitions, "Definitions of the structures, as JSON")
       ->type_name("DEFS.json");
-  command->add_option("--encode", options->graph, "Write the port string of these structures")
+  command->add_option("--encode", options->graph, "Make a port string from this JSON")
       ->type_name("GRAPH.json");
-  command->add_option("-o,--output", options->output, "With --encode: the file; else stdout")
+  command
+      ->add_option("-o,--output", options->output,
+                   "With --encode: the file to write; default: stdout")
       ->type_name("OUT");
   command->footer(kFooter);
   command->callback(

@@ -35,7 +35,7 @@ std::string declaration(const Json &call) {
   return result + (result.back() == '*' ? "" : " ") + textOf(call, "name") + "(" + list + ")";
 }
 
-// Each line of a comment, set apart from what it is about.
+// Prints the lines of a comment after an empty line.
 void printDoc(Console &console, const std::string &doc) {
   if (doc.empty()) return;
   console.print("\n");

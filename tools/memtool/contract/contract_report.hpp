@@ -1,4 +1,4 @@
-// The contract for readers: lists of all that it holds, or one slot, service or record.
+// Prints the contract: lists of everything, or one slot, service or record.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace memtool {
 
-// The JSON as it stands in the installed file, with its last line end.
+// The JSON of the installed file, with its last line end.
 std::string contractText();
 
 // Slots, services and records in tables.

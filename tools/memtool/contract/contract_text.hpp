@@ -6,7 +6,7 @@
 
 namespace memtool {
 
-// The text in pieces, as long as compilers take literals.
+// The text in pieces, because compilers limit the length of literals.
 const std::vector<std::string_view> &contractPieces();
 
 }  // namespace memtool

@@ -3,10 +3,10 @@
 
     make_contract.py HEADERS --version 1.0.0 --json FILE [--text FILE.cpp] [--checks FILE.cpp]
 
-HEADERS is the folder of the headers. --text is the JSON as C++, for programs that hold it; --checks
-has the compiler compare every size, offset, type and number with the headers. The headers are read,
-not compiled: what this program does not understand ends it with the place, so that nothing is left
-out silently. docs/memtool.md describes the JSON.
+HEADERS is the folder of the headers. --text writes the JSON as a C++ source, for memtool. --checks
+writes a C++ source with which the compiler compares every size, offset, type and number with the
+headers. This program reads the headers without a compiler. It stops with the place at anything that
+it does not understand, so that nothing is left out silently. docs/memtool.md describes the JSON.
 """
 
 import argparse
@@ -18,10 +18,10 @@ from pathlib import Path
 HEADERS = ["membase.h", "memcat.h", "memerr.h", "memproc.h", "memhost.h", "mempack.h", "memport.h",
            "memvect.h"]
 
-COLLECTION = "qj7mem00.h"  # includes the others, declares nothing
-BESIDE = "memchk.h"  # the checking layer, which is no part of the contract
+COLLECTION = "qj7mem00.h"  # includes the other headers, declares nothing
+OTHER = "memchk.h"  # the checking layer, which is not part of the contract
 
-INTEGERS = {"char": (1, False), "char16_t": (2, False)}  # texts: no sign that anybody relies on
+INTEGERS = {"char": (1, False), "char16_t": (2, False)}  # text, so the sign does not matter
 for _bits in (8, 16, 32, 64):
     INTEGERS[f"int{_bits}_t"] = (_bits // 8, True)
     INTEGERS[f"uint{_bits}_t"] = (_bits // 8, False)
@@ -44,11 +44,11 @@ TOKEN = re.compile(r"""
 
 
 class Misread(Exception):
-    """A header has something that this program does not know."""
+    """A header has something that this program does not understand."""
 
 
 def doc_text(comment):
-    """The words of a documentation comment, in one line; paragraphs and lists keep their lines."""
+    """The text of a documentation comment on one line; paragraphs and lists keep their lines."""
     body = re.sub(r"^/\*\*<?|\*/$", "", comment)
     lines = [re.sub(r"^\s*\* ?", "", line).strip() for line in body.split("\n")]
     text = ""
@@ -63,7 +63,7 @@ def doc_text(comment):
 
 
 class Tokens:
-    """The tokens of a header. Comments are kept; directives are handed to `on_directive`."""
+    """The tokens of a header. Documentation comments are kept; directives go to `on_directive`."""
 
     def __init__(self, name, text, on_directive):
         self.name = name
@@ -85,7 +85,7 @@ class Tokens:
         raise Misread(f"{self.name}:{line}: {what}")
 
     def _skip(self):
-        """Comments become `doc`; directives take effect where they stand."""
+        """Comments become `doc`; directives take effect in the order of the file."""
         while self.at < len(self.items):
             kind, value, _ = self.items[self.at]
             if kind == "doc":
@@ -110,7 +110,7 @@ class Tokens:
         return value
 
     def take_doc(self):
-        """The comment in front, or the trailing one that follows."""
+        """The comment before a declaration, or the trailing one after it."""
         self.peek()
         if self.at < len(self.items) and self.items[self.at][1].startswith("/**<"):
             self.doc = doc_text(self.items[self.at][1])
@@ -131,13 +131,13 @@ class Tokens:
 
 
 class Contract:
-    """What the headers say, put together header by header."""
+    """The contents of the headers, collected header by header."""
 
     def __init__(self):
         self.macros = {}  # name: replacement text
         self.constants = {}
         self.constant_docs = {}
-        self.enums = {}  # name: names of its constants; one without a name has its first constant's
+        self.enums = {}  # name, or else the first constant: names of its constants
         self.records = {}
         self.functions = {}  # typedef name: signature
         self.callbacks = {}
@@ -178,7 +178,7 @@ class Contract:
     def number(text):
         return int(text.rstrip("U"), 0)
 
-    # Expressions: integers, letters and names, added and multiplied
+    # Expressions: integers, characters and names with + - * and parentheses
 
     def value(self, words):
         def one(word):
@@ -189,14 +189,14 @@ class Contract:
             if word in "+-*()":
                 return word
             if word not in self.constants:
-                raise Misread(f"{word} is no constant that is known yet")
+                raise Misread(f"the constant {word} is unknown")
             return str(self.constants[word])
         return eval("".join(one(word) for word in words), {"__builtins__": {}})
 
     # Types
 
     def spell(self, base, stars):
-        """`const char *`, `void *const **`; `stars` has "*" and "const" as they stand."""
+        """`const char *`, `void *const **`; `stars` has "*" and "const" in their order."""
         text = base
         for index, star in enumerate(stars):
             if star == "*":
@@ -206,7 +206,7 @@ class Contract:
         return re.sub(r"const \*", "const *", text)
 
     def add_type(self, spelling):
-        """Enters the type of this spelling, and those that it is made of, in the table."""
+        """Adds the type with this spelling, and the types it consists of, to the table."""
         spelling = re.sub(r"\s+", " ", spelling).strip()
         if spelling in self.types:
             return spelling
@@ -236,7 +236,7 @@ class Contract:
         elif spelling in self.functions:
             self.types[spelling] = {"kind": "function", "bytes": 0}
         else:
-            self.types[spelling] = {"kind": "record"}  # its size stands in the table of records
+            self.types[spelling] = {"kind": "record"}  # its size is in the table of records
         return spelling
 
     def size_and_alignment(self, spelling):
@@ -267,13 +267,13 @@ class Contract:
         elif word == "struct":
             tokens.take()
             tokens.take(";")
-        elif tokens.peek() == "(":  # static_assert, MEM_CHECK_SIZE, a list of them
+        elif tokens.peek() == "(":  # static_assert, MEM_CHECK_SIZE, lists of them
             tokens.skip_parentheses()
             if tokens.peek() == ";":
                 tokens.take()
             tokens.doc = ""
         else:
-            tokens.fail(f"{word} begins no declaration")
+            tokens.fail(f"expected a declaration, found {word}")
 
     def enum(self, tokens):
         name = None if tokens.peek() == "{" else tokens.take()
@@ -331,7 +331,7 @@ class Contract:
         return None
 
     def type_words(self, tokens):
-        """A type in front of a name."""
+        """The type before a name."""
         base, stars = [], []
         while True:
             word = tokens.peek()
@@ -443,7 +443,7 @@ class Contract:
 
 
 def cleared(entry):
-    """Without keys that say nothing."""
+    """The entry without empty and false values."""
     return {key: value for key, value in entry.items() if value is not False and value != ""}
 
 
@@ -594,9 +594,10 @@ def main():
     options = parser.parse_args()
     contract = Contract()
     try:
-        unknown = {path.name for path in options.headers.glob("*.h")} - {*HEADERS, COLLECTION, BESIDE}
+        known = {*HEADERS, COLLECTION, OTHER}
+        unknown = {path.name for path in options.headers.glob("*.h")} - known
         if unknown:
-            raise Misread(f"{min(unknown)}: a header that this program does not know")
+            raise Misread(f"{min(unknown)}: make_contract.py does not know this header")
         for name in HEADERS:
             contract.read(name, (options.headers / name).read_text(encoding="utf-8"))
     except Misread as error:

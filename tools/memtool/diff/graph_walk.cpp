@@ -35,7 +35,7 @@ std::optional<GraphWalk::Pair> GraphWalk::next() {
   return Pair{steps_[current_].a, steps_[current_].b};
 }
 
-// What is far from the root is told by its last steps.
+// Of a long path only the last steps are shown.
 std::string GraphWalk::pathOf(std::size_t step) const {
   std::vector<std::string> names;
   std::size_t at = step;

@@ -1,5 +1,5 @@
-// Two graphs that are compared from their roots on: which nodes stand for each other, the way to
-// them, and where they differ.
+// Compares two graphs from their roots on: pairs their nodes, finds the paths to them, and reports
+// differences.
 #pragma once
 
 #include <cstddef>
@@ -12,10 +12,10 @@
 namespace memtool {
 
 struct Difference {
-  std::string path;  // "root/sibling*3/child 1"
-  std::string what;  // "bytes at +12"
-  std::string a;     // what the first one has there
-  std::string b;
+  std::string path;    // "root/sibling*3/child 1"
+  std::string what;    // "bytes at +12"
+  std::string a;       // the value in the first graph
+  std::string b;       // and in the second
   std::string placeA;  // of the nodes in their files
   std::string placeB;
 
@@ -24,10 +24,10 @@ struct Difference {
 };
 using DifferenceSink = std::function<void(const Difference &)>;
 
-// Pairs nodes breadth first. A node is compared once, with the node of the other graph that is
-// reached by the same pointers; where one graph shares a node and the other one has two, that is a
-// difference, and the second one is not looked into. So the time is proportional to the smaller
-// graph, whatever its depth, and cycles end.
+// Pairs nodes breadth first. Each node is compared once, with the node of the other graph that the
+// same pointers reach. If one graph shares a node and the other one has two, that is a difference,
+// and the second one is not followed. The time is therefore proportional to the smaller graph,
+// whatever its depth, and cycles end.
 class GraphWalk {
  public:
   using PlaceOf = std::function<std::string(std::size_t)>;  // of a node
@@ -49,7 +49,7 @@ class GraphWalk {
   // The next pair to compare; none at the end.
   std::optional<Pair> next();
 
-  // For the pair at hand: the pointer `name` leads to these nodes, or is null.
+  // For the current pair: the pointer `name` leads to these nodes, or is null.
   void follow(const std::string &name, std::optional<std::size_t> a, std::optional<std::size_t> b);
   void differ(const std::string &what, const std::string &a, const std::string &b);
 
@@ -59,7 +59,7 @@ class GraphWalk {
  private:
   static constexpr std::uint32_t kNone = UINT32_MAX;
 
-  // How a pair was first reached. Pointers of one name, one behind the other, are one step.
+  // How a pair was first reached. Successive pointers of one name are one step.
   struct Step {
     std::uint32_t a;
     std::uint32_t b;
@@ -72,7 +72,7 @@ class GraphWalk {
   std::string pathOf(std::size_t step) const;
   std::string shared(const PlaceOf &placeOf, std::size_t node, std::uint32_t step) const;
 
-  std::vector<std::uint32_t> stepOfA_;  // by which a node was reached
+  std::vector<std::uint32_t> stepOfA_;  // the step by which each node was reached
   std::vector<std::uint32_t> stepOfB_;
   PlaceOf placeA_;
   PlaceOf placeB_;

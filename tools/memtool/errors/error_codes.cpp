@@ -37,8 +37,7 @@ std::string lowered(std::string_view text) {
   return result;
 }
 
-// Whether `line` holds a recorded text with values where the text has formats. A text of a word or
-// less says nothing.
+// True if `line` contains a recorded text, with values for its formats.
 bool holdsWithValues(std::string_view line, std::string_view recorded) {
   std::size_t at = 0;
   while (!recorded.empty()) {
@@ -53,7 +52,7 @@ bool holdsWithValues(std::string_view line, std::string_view recorded) {
   return at > 0;
 }
 
-// A part of a name, or a line of a log with a name in it.
+// True for a part of a name, or a line of a log that contains a name.
 bool isNamed(const ErrorCode &code, const std::string &wanted) {
   const std::string name = lowered(code.name);
   return name.find(wanted) != std::string::npos || wanted.find(name) != std::string::npos;

@@ -1,4 +1,4 @@
-// The library's error codes with what stands behind each: the one table from which `memtool errors`
+// The library's error codes with their causes and remedies: the table from which `memtool errors`
 // and the page docs/codes.md are made.
 #pragma once
 
@@ -22,14 +22,14 @@ enum class Seen {
   Never         // no service of this library reports it
 };
 
-// One way in which a code comes about. Names of entry points have ", " between them. Words of the
-// interface stand in backquotes, which plainText() removes.
+// One way in which a code occurs. Names of entry points are separated by ", ". Words of the
+// interface are in backquotes, which plainText() removes.
 struct ErrorCase {
   std::uint32_t code;
   Seen seen;
-  std::string_view text;        // what is recorded, values as printf formats; may be empty
+  std::string_view text;        // the recorded text, with printf formats for values; may be empty
   std::string_view services;    // entry points that report it
-  std::string_view passedOnBy;  // entry points that fail with it when a service they call does
+  std::string_view passedOnBy;  // entry points that fail with it when a service that they call does
   std::string_view cause;
   std::string_view remedy;
 };
@@ -38,11 +38,11 @@ struct ErrorCode {
   std::uint32_t code;
   std::string_view name;
   std::string_view message;  // the row of the message table; empty when there is none
-  std::string_view note;     // on the code as a whole; mostly empty
+  std::string_view note;     // on the code as a whole; may be empty
   std::span<const ErrorCase> cases;
 };
 
-// Codes that belong together, with the page of the manual on their services.
+// Codes of one subject, with the page of the manual on the services.
 struct ErrorFamily {
   std::string_view title;
   std::string_view page;
@@ -50,32 +50,32 @@ struct ErrorFamily {
   std::uint32_t last;
 };
 
-// Ascending. Codes, names and messages are those of memerr.h, and MEM_CAT_CLOSE_ERROR, which has no
-// row there.
+// In ascending order: the codes, names and messages of memerr.h, and MEM_CAT_CLOSE_ERROR, which has
+// no row there.
 std::span<const ErrorCode> errorCodes();
 
 // The failures without a code, as a code of number 0; not one of errorCodes().
 const ErrorCode &withoutCode();
 
-// Ascending; each code is in one of them.
+// In ascending order; each code is in one of them.
 std::span<const ErrorFamily> errorFamilies();
 
 struct SeenText {
   std::string_view label;  // "recorded"
   std::string_view result;
-  std::string_view record;  // what the error area holds
+  std::string_view record;  // the contents of the error area
 };
 inline constexpr std::size_t kSeenCount = 8;
 SeenText seenText(Seen seen);
 
-// The codes that a user may mean: those with a number (decimal, or hexadecimal behind 0x), else
-// those whose name holds the text or is in it, else those with the text in their message, recorded
-// texts, entry points, causes or remedies, or with a recorded text, values and all, in it. Capitals
-// do not matter. withoutCode() is found as the number 0 and by its texts. All codes when nothing is
-// wanted.
+// The codes that a user may mean: by number (decimal, or hexadecimal after 0x); else those whose
+// name contains the text or is part of it; else those whose message, recorded texts, entry points,
+// causes or remedies contain it, or with a recorded text that it contains, with values for the
+// formats. Ignores case. withoutCode() is found by the number 0 and by its texts. An empty text
+// finds all codes.
 std::vector<const ErrorCode *> findErrorCodes(std::string_view wanted);
 
-// The number that `text` is as a whole, or -1.
+// The number if all of `text` is a number, else -1.
 std::int64_t codeNumber(std::string_view text);
 
 // "MEM_HashInsEntry, MEM_HashGetEntry" as a list.
@@ -86,7 +86,7 @@ std::string plainText(std::string_view text);
 // "0xFE8".
 std::string hexCode(std::uint32_t code);
 
-// docs/codes.md.
+// The text of docs/codes.md.
 std::string errorPage();
 
 }  // namespace memtool

@@ -1,4 +1,4 @@
-// The page of the manual that the table makes.
+// Makes the page of the manual from the table.
 #include <fmt/format.h>
 
 #include "error_codes.hpp"
@@ -9,8 +9,8 @@ namespace {
 constexpr std::string_view kHead =
     R"(# Codes
 
-What each code of the library means, what its caller sees, and what to do. `memtool errors` shows the same on a
-machine: by number, by hexadecimal number, by name, or by a piece of a recorded text.
+For everyone whose call has failed: the cause of each code, what the caller sees, and what to do. `memtool errors`
+finds the same by decimal or hexadecimal number, by name, or by a part of a recorded text.
 
 ```
 memtool errors 4028
@@ -26,11 +26,11 @@ This page is made from the table in `tools/memtool/errors/error_table.cpp`. To c
 )";
 
 constexpr std::string_view kSeenHead =
-    R"(## What the caller sees
+    R"(## Find the code and its text
 
-Offsets count from the start of the thread environment (`MEMThreadEnv`). Wherever a failure is recorded,
-`ReturnCode` (offset 76) is 0xFFFF. Most calls erase the record when they begin: read it right after the failing call.
-In recorded texts, `%p`, `%ld` and the like stand for values.
+Offsets count from the start of the thread environment (`MEMThreadEnv`). If a failure is recorded, `ReturnCode`
+(offset 76) is 0xFFFF. Most calls erase the record when they begin, so read it right after the failing call. In recorded
+texts, formats such as `%p` and `%ld` are replaced by values.
 
 | In this page | Result | Error area |
 |---|---|---|
@@ -38,12 +38,12 @@ In recorded texts, `%p`, `%ld` and the like stand for values.
 
 constexpr std::string_view kWithoutCode =
     R"(
-A service that another one has called records its failure itself, and the record stays: entries below name the
-services that pass it on. Their result is -1.
+If a service calls another one and that one fails, the record is that of the called service. The entries below name
+the services that pass such a failure on; their result is -1.
 
-Other numbers come from elsewhere: 65535 (0xFFFF) is the result of a failing call and not its code; what is in
-`InnerCode` or `PrevInnerCode` and not in the table below is the host's. The reference host's own numbers, 8 to 36,
-are in [its header](../host/refhost.hpp). On a thread for which the host has no environment nothing is recorded.
+Other numbers are not codes of the library: 65535 (0xFFFF) is the result of a failing call, and numbers in `InnerCode`
+or `PrevInnerCode` that are not in the table below are the host's. The reference host's own numbers, 8 to 36, are in
+[its header](../host/refhost.hpp). On a thread for which the host has no environment, nothing is recorded.
 
 )";
 

@@ -9,9 +9,9 @@ namespace memtool {
 namespace {
 
 constexpr std::size_t kWidth = 100;
-constexpr std::size_t kIndent = 14;  // of texts behind their titles
+constexpr std::size_t kIndent = 14;  // of texts after their titles
 
-// The words in lines of at most kWidth columns, all but the first indented.
+// The words in lines of at most kWidth columns; all lines except the first are indented.
 std::string wrapped(std::string_view text) {
   std::string lines;
   std::size_t column = kIndent;

@@ -1,4 +1,4 @@
-// What `memtool errors` writes.
+// The output of `memtool errors`.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -11,10 +11,10 @@ namespace memtool {
 
 using ErrorList = std::vector<const ErrorCode *>;
 
-// Codes with names and messages, a line each.
+// Prints codes with names and messages, one a line.
 void printErrorTable(Console &console, const ErrorList &codes);
 
-// All that is known of one code.
+// Prints all cases of one code.
 void printError(Console &console, const ErrorCode &code);
 
 nlohmann::ordered_json errorJson(const ErrorList &codes);

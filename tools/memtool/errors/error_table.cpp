@@ -1,5 +1,5 @@
-// The table itself. Its texts are those that the library records, to the letter; tests compare them
-// with what it records, code by code and entry point by entry point.
+// The table of codes. Its recorded texts are exactly those of the library; tests compare each code
+// and entry point with the library's failures.
 #include <algorithm>
 #include <array>
 
@@ -14,32 +14,33 @@ namespace {
 constexpr std::string_view kFreeStorage =
     "Free storage of this subpool, or raise its limit in the host, and call again.";
 constexpr std::string_view kFindTheWriter =
-    "When you meet it, look for who else writes the error area: a service that the host put into a "
+    "If you see it, look for what else writes the error area: a service that the host put into a "
     "slot of the vector, or another component.";
 constexpr std::string_view kUnused =
     "None in this library: the row is part of the message table that hosts know.";
 constexpr std::string_view kCheckChain =
-    "Save the blocks to a file and run `memtool chain FILE --check`: it names block and offset of "
-    "the first fault. Get the chain again from its writer.";
+    "Save the blocks to a file and run `memtool chain FILE --check`: it shows block and offset of "
+    "each fault. Get the chain again from its writer.";
 constexpr std::string_view kKeepChain =
-    "Let one thread at a time use a chain, and call `MEM_Unpack` once for it.";
+    "Use a chain from one thread at a time, and call `MEM_Unpack` only once for it.";
 constexpr std::string_view kHeapHandle =
-    "Pass what the open stored, not its address, and close it once, after its last use. The "
-    "services of the standard heap allocate from both kinds; each kind has its own close.";
+    "Pass the handle that the open stored, not its address, and close the heap once, after its "
+    "last "
+    "use. The services of the standard heap allocate from both kinds; each kind has its own close.";
 
 constexpr std::string_view kTextTooLong =
     "The text would take more than 2,147,483,647 bytes with its terminator, the length is "
     "negative, or `BlkLen` of the control block is 0x7FFFFFFF or more. The value in the text is "
     "always 2147483647.";
 constexpr std::string_view kCheckLength =
-    "Check the length first. If it is right, the control block was never opened, or something "
-    "wrote over it.";
+    "Check the length first. If it is right, the control block was never opened, or it was "
+    "overwritten.";
 constexpr std::string_view kNoRoomForText =
-    "No storage in subpool 0 to grow; the buffer has none, because its open failed or it is "
-    "closed; or the control block is a null pointer.";
+    "Subpool 0 has no storage for a longer buffer; the buffer has no storage because `MEM_CatOpen` "
+    "failed or it is closed; or the control block is a null pointer.";
 constexpr std::string_view kCheckOpen =
-    "Look at the result of `MEM_CatOpen`. Otherwise provide storage and append again: the text is "
-    "as it was.";
+    "Check the result of `MEM_CatOpen`. Otherwise provide storage and append again: the text is "
+    "unchanged.";
 
 constexpr ErrorCase kCases[] = {
     // Process, threads, storage
@@ -67,22 +68,23 @@ constexpr ErrorCase kCases[] = {
     // Cell pools
     {MEMERR_CELLBNDS, Seen::Recorded, "Invalid area bounds", "MEM_CellOpen", "",
      "`AreaLen` is less than 256 or more than 1,048,576.",
-     "Pass the length of an area in bytes, not in KB as heaps take it."},
+     "Pass the length of an area in bytes; only heaps take it in KB."},
     {MEMERR_CELLSIZE, Seen::Recorded, "Invalid area length", "MEM_CellOpen", "",
      "`AreaLen` is less than `CellLen` + 168.",
-     "Pass a longer area: the first one holds the control block and its lists, too."},
+     "Pass a longer area: the first one also contains the control block and its lists."},
     {MEMERR_CELLELEN, Seen::Recorded, "Invalid cell length", "MEM_CellOpen", "",
-     "`CellLen` is less than 8.", "Pass the size of the record; 8 bytes is the least."},
+     "`CellLen` is less than 8.", "Pass the size of the record, at least 8 bytes."},
     {MEMERR_CELLAMEM, Seen::Recorded, "Memory Alloc failed", "MEM_CellOpen, MEM_CellAllocEntry", "",
      "Vector slot 8 (`MEM_Alloc`) returned null for an area of `AreaLen` bytes.",
-     "Free storage of this subpool, or raise its limit in the host, and call again: the pool is as "
-     "it was."},
+     "Free storage of this subpool, or raise its limit in the host, and call again: the pool is "
+     "unchanged."},
     {MEMERR_CELLBHDL, Seen::Recorded, "Invalid Cell Handle=%p",
      "MEM_CellClose, MEM_CellClear, MEM_CellAllocEntry, MEM_CellFreeEntry", "",
      "The handle is null, the pool is closed, or no pool is at this address: its first 8 bytes are "
      "not \"QQQCELL1\".",
-     "Pass what `MEM_CellOpen` stored, not its address, and close the pool once, after its last "
-     "use."},
+     "Pass the handle that `MEM_CellOpen` stored, not its address, and close the pool once, after "
+     "its "
+     "last use."},
 
     // Concatenation buffers
     {MEMERR_CATSTRSIZE, Seen::Recorded, "MemCat String area >= %lu", "MEM_MemCat", "", kTextTooLong,
@@ -100,13 +102,14 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_CATSTDSTR, Seen::Recorded, "MemCatStdStringFail", "MEM_Cat, MEM_MemCat", "",
      "The text is a null pointer, or the append inside `MEM_Cat` failed: then `InnerCode` is 4025 "
      "or 4026 and `InnerText` its text. On a thread without a thread block they stay empty.",
-     "With an inner code, look that up. Otherwise pass a text; an empty one is allowed."},
+     "If there is an inner code, look it up. Otherwise pass a text; an empty one is allowed."},
     {MEM_CAT_CLOSE_ERROR, Seen::Recorded, "FreeMemCatExtString", "MEM_CatClose", "",
      "`BlkLen` of the control block is 0x80000000 or more, whatever its pointer is (`TextServices` "
      "slot 8 gets the detail text \"pCatCB->BlkLen>LONG_MAX\"), or the control block is a null "
      "pointer (no detail text).",
-     "Close only what `MEM_CatOpen` has opened; if it was opened, something wrote over the control "
-     "block. Nothing is freed."},
+     "Close only what `MEM_CatOpen` has opened; if it was opened, the control block was "
+     "overwritten. "
+     "Nothing is freed."},
 
     // Hash tables
     {MEMERR_HASHAMEM, Seen::Recorded, "HashCBAllocFail", "MEM_HashOpen",
@@ -118,23 +121,23 @@ constexpr ErrorCase kCases[] = {
      "MEM_HashClose, MEM_HashInsEntry, MEM_HashGetEntry, MEM_HashDelEntry, MEM_HashScan", "",
      "The handle is null, the table is closed, or no table is at this address: its first 8 bytes "
      "are not \"QQQQHASH\".",
-     "Pass what `MEM_HashOpen` stored, not its address, and close the table once, after its last "
-     "use."},
+     "Pass the handle that `MEM_HashOpen` stored, not its address, and close the table once, after "
+     "its last use."},
     {MEMERR_HASHFERR, Seen::Recorded, "Hash Func returned invalid value=%08X",
      "MEM_HashInsEntry, MEM_HashGetEntry, MEM_HashDelEntry", "",
      "The caller's hash function returned a number that is not 0 to `Max`. The text shows its low "
      "16 bits with their sign: FFFFFFFF is -1.",
-     "Reduce modulo `Max` + 1, in unsigned numbers, before converting to 16 bits. The table is as "
-     "it was."},
+     "Reduce modulo `Max` + 1, in unsigned numbers, before converting to 16 bits. The table is "
+     "unchanged."},
     {MEMERR_HASHDKEY, Seen::ResultOnly, "", "MEM_HashInsEntry", "",
      "The table has a record with this key. The address of that record is stored; nothing is "
      "copied.",
-     "This is an answer, not an error: use the record that is stored, or delete it and insert "
-     "again."},
+     "This is an answer, not an error: use the stored record, or delete it and insert again."},
     {MEMERR_HASHNFND, Seen::ResultOnly, "", "MEM_HashGetEntry, MEM_HashDelEntry", "",
      "The table has no record with this key. Nothing is stored.",
-     "This is an answer, not an error. If the record should be there: keys are compared byte by "
-     "byte over `KeyLen` bytes, with whatever follows a text's terminator."},
+     "This is an answer, not an error. If the record should be there: all `KeyLen` bytes of the "
+     "keys "
+     "are compared, including the bytes after a text's terminator."},
 
     // Heaps
     {MEMERR_HEAPSIZE, Seen::Recorded, "Invalid Area Length=%hd", "MEM_HeapOpen, MEM_EHeapOpen",
@@ -150,7 +153,7 @@ constexpr ErrorCase kCases[] = {
      "Check the length, above all where a larger number is converted to 16 bits: "
      "`MEM_HeapAllocEntryLong` takes 32 bits."},
     {MEMERR_HEAPEMAX, Seen::Never, "", "", "",
-     "None in this library: an entry that fits no area gets a block of its own.", kFindTheWriter},
+     "None in this library: an entry that fits no area gets a large block.", kFindTheWriter},
     {MEMERR_HEAPNUME, Seen::Recorded, "Num of entries=%hd too small",
      "MEM_HeapAllocMultEntries, MEM_EHeapAllocMultEntries", "",
      "The number of entries is less than 1.",
@@ -163,7 +166,7 @@ constexpr ErrorCase kCases[] = {
      "MEM_HeapAllocMultEntries, MEM_HeapAllocLongMultEntries, MEM_EHeapAllocMultEntries, "
      "MEM_EHeapAllocLongMultEntries",
      "", "`LinkOff` is negative.",
-     "Pass the offset of the link in the record, as `offsetof` gives it; it must be at most the "
+     "Pass the offset of the link in the record, as `offsetof` returns it; it must be at most the "
      "length less 8, which is not checked."},
     {MEMERR_HEAPAMEM, Seen::Recorded, "MemAllocFail", "MEM_HeapOpen",
      "MEM_HashOpen, MEM_Pack, MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct",
@@ -177,23 +180,24 @@ constexpr ErrorCase kCases[] = {
      "MEM_HeapAllocLongMultEntries, MEM_EHeapAllocMultEntries, MEM_EHeapAllocLongMultEntries, "
      "MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct",
      "Vector slot 8 (`MEM_Alloc`) returned null for a further area of an enhanced heap.",
-     "Free storage of this subpool, or raise its limit in the host, and call again: the heap is as "
-     "it was."},
+     "Free storage of this subpool, or raise its limit in the host, and call again: the heap is "
+     "unchanged."},
     {MEMERR_HEAPAMEM, Seen::Recorded, "MemAllocAreaFail", "MEM_HeapAllocEntryLong",
      "MEM_HeapAllocEntry, MEM_HeapAllocMultEntries, MEM_HeapAllocLongMultEntries, "
      "MEM_HashInsEntry, MEM_Pack, MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct",
      "Vector slot 8 (`MEM_Alloc`) returned null for a further area of a standard heap.",
-     "Free storage of this subpool, or raise its limit in the host, and call again: the heap is as "
-     "it was."},
+     "Free storage of this subpool, or raise its limit in the host, and call again: the heap is "
+     "unchanged."},
     {MEMERR_HEAPAMEM, Seen::Recorded, "MemAllocBlkFail",
      "MEM_HeapAllocEntryLong, MEM_EHeapAllocEntry",
      "MEM_HeapAllocEntry, MEM_HeapAllocMultEntries, MEM_HeapAllocLongMultEntries, "
      "MEM_EHeapAllocMultEntries, MEM_EHeapAllocLongMultEntries, MEM_HashInsEntry, "
      "MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct",
-     "The entry is too long for an area, and vector slot 8 (`MEM_Alloc`) returned null for a block "
-     "of its own.",
-     "Check the length first: it may not be what was meant. Then free storage of this subpool, or "
-     "raise its limit in the host, and call again: the heap is as it was."},
+     "The entry is too long for an area, and vector slot 8 (`MEM_Alloc`) returned null for a large "
+     "block.",
+     "Check the length first: it may be wrong. Then free storage of this subpool, or raise its "
+     "limit "
+     "in the host, and call again: the heap is unchanged."},
     {MEMERR_HEAPBHDL, Seen::Recorded, "Invalid Heap Handle=%p",
      "MEM_HeapClose, MEM_HeapAllocEntry, MEM_EHeapAllocEntry, MEM_EHeapFreeEntry, "
      "MEM_EHeapAllocMultEntries, MEM_EHeapAllocLongMultEntries",
@@ -206,7 +210,7 @@ constexpr ErrorCase kCases[] = {
      "MEM_EHeapClose",
      "MEM_HeapAllocEntry, MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct",
      "The handle is null, the heap is closed, or no heap of the service's kind is at this address. "
-     "Do not go by the text: it is an earlier failure's.",
+     "Ignore the text: it is from an earlier failure.",
      kHeapHandle},
     {MEMERR_HEAPGATE, Seen::Recorded, "CreateGate", "MEM_EHeapOpen", "",
      "The host could not make the heap's gate: `RuntimeServices` slot 27 returned a code other "
@@ -219,11 +223,11 @@ constexpr ErrorCase kCases[] = {
      "The host did not let this thread hold the heap's gate: `RuntimeServices` slot 29 returned a "
      "code other than 0. What the host left in the error area is in `InnerCode` and `InnerText`.",
      "Look for a thread that has ended, or was ended, inside a call on this heap, and for a slot "
-     "of the host's own that calls the heap while its gate is held. The heap is as it was."},
+     "of the host's own that calls the heap while its gate is held. The heap is unchanged."},
     {MEMERR_HEAPENTRY, Seen::Recorded, "BuffPtr=%p", "MEM_EHeapFreeEntry", "",
      "The host's storage check (`RuntimeServices` slot 285) refuses the range, or the length is "
      "that of a large entry and no large block (\"QQQHBLKN\") is before the address.",
-     "Free with the length with which the entry was allocated, on the heap that it came from."},
+     "Free the entry with the length and on the heap with which it was allocated."},
 
     // Packed chains
     {MEMERR_PACKAMEM, Seen::WithCode, "1stBlkMemAllocFail", "MEM_Pack", "",
@@ -238,7 +242,7 @@ constexpr ErrorCase kCases[] = {
      "the chain packed so far is stored: free its blocks. `MEM_Unpack` has freed its own."},
     {MEMERR_PACKAMEM, Seen::WithCode, "BlockPtrTblCallocFail", "MEM_Unpack", "",
      "No storage in subpool 0 for the table of the chain's blocks, 8 bytes each.",
-     "Provide storage in subpool 0 and call again: the chain is as it was."},
+     "Provide storage in subpool 0 and call again: the chain is unchanged."},
     {MEMERR_PACKAMEM, Seen::WithCode, "UnpackBlkMemAllocFail", "MEM_Unpack", "",
      "No storage in subpool 0 for the work area: about a quarter of the chain's length, or 32,768 "
      "bytes to convert wide text.",
@@ -246,17 +250,17 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_PACKAMEM, Seen::WithCode, "PrevBlkOffsetTblCallocFail", "MEM_Unpack", "",
      "No storage in subpool 0 for a work table, 4 bytes for each block. Only for a chain of "
      "another layout.",
-     "Provide storage in subpool 0 and call again: the chain is as it was."},
+     "Provide storage in subpool 0 and call again: the chain is unchanged."},
     {MEMERR_PACKAMEM, Seen::WithCode, "NewBlockTblCallocFail", "MEM_Unpack", "",
-     "No storage in subpool 0 for the table of what is moved. Only for a chain of another layout.",
-     "Provide storage in subpool 0 and call again: the chain is as it was."},
+     "No storage in subpool 0 for the table of moved items. Only for a chain of another layout.",
+     "Provide storage in subpool 0 and call again: the chain is unchanged."},
     {MEMERR_PACKAMEM, Seen::WithCode, "NewPackCBInvalid", "MEM_Unpack", "",
      "`pPackCB` is a null pointer. This has nothing to do with storage.",
      "Pass the control block that describes the structures on this platform."},
     {MEMERR_PACKBMIN, Seen::WithCode, "BlockTooSmallforMemPackCB=%ld", "MEM_Pack", "",
-     "`BlkLen`, the value in the text, does not hold the control block: 978 bytes, 122 more for "
-     "each descriptor beyond 8, and 19 for what is around it.",
-     "Pass a longer block, 32,768 bytes for most. When `BlkLen` is 10 or more the first block is "
+     "`BlkLen`, the value in the text, is too short for the control block: 978 bytes, 122 more for "
+     "each descriptor beyond 8, and 19 other bytes.",
+     "Pass a longer block, usually 32,768 bytes. When `BlkLen` is 10 or more the first block is "
      "stored: free it."},
     {MEMERR_PACKBMIN, Seen::WithCode, "SegmentLengthTooLarge=%hd", "MEM_Pack", "",
      "A segment is longer than `BlkLen` - 15, or the number at the start of a segment of type "
@@ -280,13 +284,14 @@ constexpr ErrorCase kCases[] = {
      "text shows the low 16 bits of the length.",
      "Have the writer split the text."},
     {MEMERR_PACKBMIN, Seen::WithCode, "StrBufLengthTooLargeinRepack=%hd", "MEM_Unpack", "",
-     "A wide text of the chain is longer than 33,009 bytes with the double room that it gets. Only "
-     "for a chain of another layout. The text shows the low 16 bits of its length.",
+     "A wide text of the chain is longer than 33,009 bytes with the double length that is reserved "
+     "for it. Only for a chain of another layout. The text shows the low 16 bits of its length.",
      "Have the writer split the text."},
     {MEMERR_PACKBMAX, Seen::WithCode, "MaxBlocksValueBad=%hd", "MEM_Pack, MEM_Unpack", "",
-     "`MEM_Unpack`: there is no chain (0), or it has more than 32,767 blocks, as one does whose "
-     "links run in a circle (-32768). `MEM_Pack`: the chain would have more than 32,767 blocks.",
-     "Check the address of the chain's address, and the link of its last block, which is null. "
+     "`MEM_Unpack`: there is no chain (0), or it has more than 32,767 blocks, for example because "
+     "its links form a circle (-32768). `MEM_Pack`: the chain would have more than 32,767 blocks.",
+     "Check the address of the chain's address, and the link of its last block, which must be "
+     "null. "
      "Pack with longer blocks."},
     {MEMERR_PACKSMAX, Seen::Never, "", "", "",
      "None in this library: a segment that is too long fails with 4066.", kFindTheWriter},
@@ -299,9 +304,10 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_PACKRBLK, Seen::WithCode, "Invalid Relative Blk=%hd", "MEM_Unpack", "",
      "A pointer of the chain names a block that the chain does not have, or the chain has one "
      "block and the root is not in it.",
-     "Check that all blocks are there and in order, and that the chain was not unpacked before: "
-     "then it holds addresses. Save the blocks to a file and run `memtool chain FILE --check`: it "
-     "names block and offset of the first fault."},
+     "Check that all blocks exist, in their order, and that the chain was not unpacked before: "
+     "then "
+     "it contains addresses. Save the blocks to a file and run `memtool chain FILE --check`: it "
+     "shows block and offset of each fault."},
     {MEMERR_PACKRBLK, Seen::WithCode, "RepackNewBlockTblBlkErr", "MEM_Unpack", "",
      "A reference leads to a block in which no segment is reached. Only for a chain of another "
      "layout.",
@@ -311,9 +317,11 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_PACKRBLK, Seen::WithCode, "UnpackSibNewBlockTblBlkErr", "MEM_Unpack", "",
      "A sibling pointer has changed during the call.", kKeepChain},
     {MEMERR_PACKROFF, Seen::WithCode, "Invalid Relative Offset=%hd", "MEM_Unpack", "",
-     "A pointer of the chain leads beyond the used length of its block, or what is at its target - "
-     "a segment, its length, a pointer field, a text with its terminator - does not end within it. "
-     "The text shows the offset, counted from byte 8 of the block.",
+     "A pointer of the chain leads beyond the used length of its block, or the item at its target "
+     "(a "
+     "segment, its length, a pointer field, a text with its terminator) does not end within it. "
+     "The "
+     "text shows the offset, counted from byte 8 of the block.",
      kCheckChain},
     {MEMERR_PACKROFF, Seen::WithCode, "RepackNewBlockTblOffsetErr", "MEM_Unpack", "",
      "A reference leads to a place where no segment begins. Only for a chain of another layout.",
@@ -345,12 +353,12 @@ constexpr ErrorCase kCases[] = {
      "Clear a `MemPackCB` before filling it. For a chain: run `memtool chain FILE --check`, and "
      "compare the kinds that `memtool chain FILE` shows with those of your control block."},
     {MEMERR_PACKCBVR, Seen::WithCode, "MemPackCBstructIDVersion=%p", "MEM_Unpack", "",
-     "The version of the chain begins with a digit and is none that this library knows.",
-     "Look at the four characters from byte 10 of the first block on: the chain is damaged, or its "
+     "The version of the chain begins with a digit, but this library does not know it.",
+     "Check the four characters from byte 10 of the first block on: the chain is damaged, or its "
      "writer is newer."},
     {MEMERR_PACKUTF, Seen::WithCode, "UTF32 to UTF16 Conversion err=%hd", "MEM_Unpack", "",
-     "A wide text of a writer with wide characters of 4 bytes is no valid UTF-32, or is longer "
-     "than fits. The text shows the code of the host's conversion service (`RuntimeServices` slot "
+     "A wide text of a writer with wide characters of 4 bytes is not valid UTF-32, or is too long. "
+     "The text shows the code of the host's conversion service (`RuntimeServices` slot "
      "158).",
      "Have the writer check its text. The chain is partly converted: load it again."},
     {MEMERR_PACKUTF, Seen::Never, "UTF16 to UTF32 Conversion err=%hd", "", "",
@@ -362,7 +370,7 @@ constexpr ErrorCase kCases[] = {
      "(16,384 bytes) of subpool 230, kind 0. What the host left as its own code is in `Code` and "
      "`PrevInnerCode`.",
      "Provide storage in subpool 230. After a failed `MEM_ProcessInit` call `MEM_ProcessTerm`, "
-     "which frees what is there, and start again."},
+     "which frees what was allocated, and start again."},
     {MEMERR_SINKVSTG, Seen::Inner, "ProtPageErr", "MEM_SinkInit", "MEM_ProcessInit",
      "`RuntimeServices` slot 144 refused to make the string space of the first block read-only.",
      "Let storage of subpool 230 have whole pages from byte 16,384 on. After a failed "
@@ -370,27 +378,28 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_SINKVSTG, Seen::Recorded, "GetVSTGErr", "MEM_SinkString, MEM_WSinkString", "",
      "`RuntimeServices` slot 112 did not provide a further block or a larger index of subpool 230. "
      "What the host left in the error area is in `InnerCode` and `InnerText`.",
-     "Provide storage in subpool 230 and call again: the sink is as it was."},
+     "Provide storage in subpool 230 and call again: the sink is unchanged."},
     {MEMERR_SINKVSTG, Seen::Recorded, "ProtPageErr", "MEM_SinkString, MEM_WSinkString", "",
      "`RuntimeServices` slot 144 refused to make the string space of a further block read-only. "
      "What the host left in the error area is in `InnerCode` and `InnerText`.",
-     "Let storage of subpool 230 have whole pages from byte 16,384 on. The sink is as it was."},
+     "Let storage of subpool 230 have whole pages from byte 16,384 on. The sink is unchanged."},
     {MEMERR_SINKVSTG, Seen::Recorded, "ProtPageErrReadWrite",
      "MEM_SinkString, MEM_WSinkString, MEM_SinkDelete, MEM_WSinkDelete", "",
      "`RuntimeServices` slot 144 refused to make the bytes of the copy writable. What the host "
      "left in the error area is in `InnerCode` and `InnerText`.",
-     "Look the inner code up in the host's manual and call again: the sink is as it was."},
+     "Look the inner code up in the host's manual and call again: the sink is unchanged."},
     {MEMERR_SINKVSTG, Seen::Recorded, "ProtPageErrReadOnly",
      "MEM_SinkString, MEM_WSinkString, MEM_SinkDelete, MEM_WSinkDelete", "",
      "`RuntimeServices` slot 144 refused to make the bytes of the copy read-only again. What the "
      "host left in the error area is in `InnerCode` and `InnerText`.",
-     "Look the inner code up in the host's manual. Sinking has added nothing: call again. Deleting "
-     "is done: do not call again."},
+     "Look the inner code up in the host's manual. After sinking, nothing was added: call again. "
+     "After "
+     "deleting, the text is deleted: do not call again."},
     {MEMERR_SINKLGATE, Seen::Inner, "CreateFailed", "MEM_SinkInit", "MEM_ProcessInit",
      "The host could not make the sink's gate: `RuntimeServices` slot 27 returned a code other "
      "than 0.",
-     "Look at the host's gates. After a failed `MEM_ProcessInit` call `MEM_ProcessTerm`, which "
-     "frees what is there, and start again."},
+     "Check the host's gates. After a failed `MEM_ProcessInit` call `MEM_ProcessTerm`, which "
+     "frees what was allocated, and start again."},
     {MEMERR_SINKLGATE, Seen::Recorded, "ListGateAcq",
      "MEM_SinkString, MEM_SinkDelete, MEM_SinkVerify, MEM_WSinkString, MEM_WSinkDelete, "
      "MEM_WSinkVerify",
@@ -398,7 +407,7 @@ constexpr ErrorCase kCases[] = {
      "The host did not let this thread hold the sink's gate: `RuntimeServices` slot 29 returned a "
      "code other than 0. What the host left in the error area is in `InnerCode` and `InnerText`.",
      "Look for a thread that has ended, or was ended, inside a call of the sink, and for a slot of "
-     "the host's own that calls the sink while its gate is held. The sink is as it was."},
+     "the host's own that calls the sink while its gate is held. The sink is unchanged."},
     {MEMERR_SINKITEXT, Seen::Recorded, "InputTextPtrNull",
      "MEM_SinkString, MEM_SinkVerify, MEM_WSinkString, MEM_WSinkVerify", "",
      "The text is a null pointer.", "Pass a text; an empty one is allowed."},
@@ -408,11 +417,12 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_SINKNFND, Seen::ResultOnly, "",
      "MEM_SinkVerify, MEM_SinkDelete, MEM_WSinkVerify, MEM_WSinkDelete", "",
      "The text is not in the sink. Nothing is stored.",
-     "From verify this is an answer, not an error. From delete: it was deleted as often as it was "
-     "sunk before; look for one delete too many."},
+     "From verify this is an answer, not an error. From delete: the text was already deleted as "
+     "often "
+     "as it was sunk; look for one delete too many."},
     {MEMERR_SINKNOSPACE, Seen::Recorded, "AllSinkBlksFull", "MEM_SinkString, MEM_WSinkString", "",
      "None of the 64 blocks has room, or the text does not fit an empty one of 262,144 bytes.",
-     "Delete what is not used any more; keep long texts elsewhere."},
+     "Delete texts that are no longer used; keep long texts elsewhere."},
     {MEMERR_SINKIERR, Seen::Recorded, "SinkVerifyErr",
      "MEM_SinkString, MEM_SinkDelete, MEM_WSinkString, MEM_WSinkDelete", "",
      "Sinking: the place for the address of the copy is a null pointer. Deleting: the address is a "
@@ -425,7 +435,7 @@ constexpr ErrorCase kCases[] = {
     {MEMERR_SINKIERR, Seen::Recorded, "",
      "MEM_SinkString, MEM_SinkDelete, MEM_SinkVerify, MEM_WSinkString, MEM_WSinkDelete, "
      "MEM_WSinkVerify",
-     "", "There is no process block, or its sink does not run. No text is recorded.",
+     "", "There is no process block, or its sink is not started. No text is recorded.",
      "Call `MEM_ProcessInit` first, and no service of the sink after `MEM_ProcessTerm`."},
     {MEMERR_SINKIERR, Seen::Inner, "", "MEM_SinkInit", "", "There is no process block.",
      "Call `MEM_ProcessInit`, which starts the sink."},
@@ -459,13 +469,13 @@ constexpr ErrorCase kWithoutCode[] = {
      "the trace is \"Too many Child Ptrs for Old MemPackCB, rc=FAILED\".",
      "Clear the option with `MEMSetProcOptions`, or split the structure."},
     {0, Seen::WithoutCode, "", "MEM_HashScan", "",
-     "The caller's function returned something else than 0: the last such number is the result.",
-     "Look into that function. The scan went through all records."},
+     "The caller's function returned a number other than 0: the last such number is the result.",
+     "Check that function. The scan has visited all records."},
     {0, Seen::WithoutCode, "", "MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct", "",
      "Port strings have no codes: the reason is an \"EXCP\" trace record, written whatever the "
      "trace flags are. Where a heap or a hash table has failed inside, `Code` is its code.",
-     "Read the record: it says what is wrong, at which character, what was read and what comes "
-     "next. `memtool port FILE --check` shows it for a file."},
+     "Read the record: it says what is wrong, at which character, what was read and what follows. "
+     "`memtool port FILE --check` shows the fault of a file."},
 };
 
 struct CodeName {
@@ -490,23 +500,23 @@ constexpr std::array<ErrorFamily, 8> kFamilies{{
     {"Services of other platforms", "binding-and-vector.md", 4096, 4096},
 }};
 
-// What a message or its absence may mislead to.
+// A note for codes whose message misleads or is missing.
 std::string_view noteOn(std::uint32_t code) {
   switch (code) {
     case MEM_CAT_CLOSE_ERROR:
       return "The message table has no row for this code: a host shows the number only.";
     case MEMERR_PACKBMIN:
-      return "The message misleads: this code is for what does not fit a block. Too many blocks "
-             "are 4067.";
+      return "The message misleads: this code is for items that do not fit a block. Too many "
+             "blocks are 4067.";
     case MEMERR_PACKBMAX:
-      return "The message misleads: this code is for the number of blocks. What does not fit a "
-             "block is 4066.";
+      return "The message misleads: this code is for the number of blocks. Items that do not fit "
+             "a block are 4066.";
     default:
       return "";
   }
 }
 
-// Cases of one code stand together.
+// The cases of one code are adjacent.
 std::span<const ErrorCase> casesOf(std::uint32_t code) {
   const auto isOf = [code](const ErrorCase &known) { return known.code == code; };
   const auto *const first = std::find_if(std::begin(kCases), std::end(kCases), isOf);
@@ -531,8 +541,8 @@ std::span<const ErrorCode> errorCodes() {
 
 const ErrorCode &withoutCode() {
   static constexpr ErrorCode kNoCode{
-      0, "no code", "",
-      "0 is the result of a call that has succeeded. These failures have no code.", kWithoutCode};
+      0, "no code", "", "0 is the result of a successful call. These failures have no code.",
+      kWithoutCode};
   return kNoCode;
 }
 

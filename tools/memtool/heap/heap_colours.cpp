@@ -13,9 +13,9 @@ namespace memtool {
 namespace {
 
 constexpr std::uint32_t kSizes[] = {16, 64, 256, 1024,
-                                    4096};  // the most of each class but the last
+                                    4096};  // the upper limit of each class except the last
 constexpr std::size_t kAges = 5;
-constexpr std::size_t kOwners = 7;  // with a colour of their own
+constexpr std::size_t kOwners = 7;  // with their own colour
 
 // From yellow to violet.
 constexpr const char *kSizeStyles =
@@ -25,7 +25,7 @@ constexpr const char *kSizeStyles =
 constexpr const char *kAgeStyles =
     "  .age0 { fill: #fdf6ea; } .age1 { fill: #fce6c8; } .age2 { fill: #f9d3a2; }\n"
     "  .age3 { fill: #f5be7e; } .age4 { fill: #efa65a; }\n";
-// The last one is that of all others.
+// The last class is for all other owners.
 constexpr const char *kOwnerStyles =
     "  .owner0 { fill: #bcd9f3; } .owner1 { fill: #c9e7bf; } .owner2 { fill: #f5e09c; }\n"
     "  .owner3 { fill: #dcc4ea; } .owner4 { fill: #b5e6e1; } .owner5 { fill: #f6c79c; }\n"
@@ -131,14 +131,14 @@ std::string EntryColours::textOf(std::size_t number) const {
 const char *EntryColours::title() const {
   switch (by_) {
     case ColourBy::Size:
-      return "Entries and cells by the bytes asked for:";
+      return "Entries and cells by requested bytes:";
     case ColourBy::Age:
-      return isOfProgram_ ? "Entries and cells by the call that made them, the newest the darkest:"
-                          : "Entries and cells by the script's line, the newest the darkest:";
+      return isOfProgram_ ? "Entries and cells by the call that made them; the newest are darkest:"
+                          : "Entries and cells by the script's line; the newest are darkest:";
     case ColourBy::Owner:
       break;
   }
-  return isOfProgram_ ? "Entries and cells by the call's place, most bytes first:"
+  return isOfProgram_ ? "Entries and cells by the calling place, most bytes first:"
                       : "Entries and cells by their names, most bytes first:";
 }
 

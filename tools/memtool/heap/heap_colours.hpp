@@ -1,4 +1,4 @@
-// What the colours of entries in a picture of heaps mean.
+// Chooses the colours of entries in a picture of heaps.
 #pragma once
 
 #include <cstdint>
@@ -16,19 +16,19 @@ class EntryColours {
  public:
   EntryColours(ColourBy by, const std::vector<Snapshot> &snapshots);
 
-  // The class of an entry in the style sheet.
+  // The entry's class in the style sheet.
   std::string classOf(const StoreEntry &entry) const;
 
-  // What the classes that occur mean, in order.
+  // The meanings of the classes that occur, in order.
   struct Meaning {
     std::string className;
     std::string text;
   };
   const std::vector<Meaning> &meanings() const { return meanings_; }
-  // "Entries and cells by the bytes asked for:"
+  // "Entries and cells by requested bytes:"
   const char *title() const;
 
-  // Rules for these classes.
+  // The style sheet's rules for these classes.
   const char *styles() const;
 
  private:
@@ -37,8 +37,8 @@ class EntryColours {
 
   ColourBy by_;
   bool isOfProgram_ = false;
-  std::uint64_t last_ = 1;                     // the highest line or call that has made an entry
-  std::map<std::string, std::size_t> owners_;  // the classes of those that have one of their own
+  std::uint64_t last_ = 1;                     // the highest line or call that made an entry
+  std::map<std::string, std::size_t> owners_;  // the classes of owners with their own class
   std::vector<std::string> ownerNames_;
   std::vector<Meaning> meanings_;
 };

@@ -16,12 +16,12 @@ constexpr double kMargin = 20;
 constexpr double kBarWidth = 880;  // of the longest area
 constexpr double kBarHeight = 34;
 constexpr double kTickRow = 16;
-constexpr double kCutWidth = 20;  // that a large block may be longer
+constexpr double kCutWidth = 20;  // by which a large block may be longer
 constexpr double kLine = 20;
 constexpr double kPanelGap = 22;
 constexpr double kAreaGap = 10;
-constexpr double kTextPad = 2.5;     // beside a label
-constexpr double kLeastWidth = 1.5;  // of a part that is drawn by itself
+constexpr double kTextPad = 2.5;     // on each side of a label
+constexpr double kLeastWidth = 1.5;  // of a part that is drawn separately
 
 constexpr const char *kStyles =
     "  .part { stroke: #777; stroke-width: 0.7; }\n"
@@ -98,7 +98,7 @@ std::uint32_t longestArea(const Store &store, bool withLarge) {
   return longest;
 }
 
-// Of all snapshots of a script.
+// Uses one scale for all snapshots of a script.
 void HeapPicture::findScale(const std::vector<Snapshot> &snapshots) {
   std::uint32_t longest = 1;
   for (const Snapshot &snapshot : snapshots) {
@@ -109,8 +109,7 @@ void HeapPicture::findScale(const std::vector<Snapshot> &snapshots) {
   scale_ = kBarWidth / longest;
 }
 
-// The label stands in its part, with what else there is to say where it fits. False when not even
-// the label does.
+// Writes the label into its part, with details if they fit. False when the label does not fit.
 bool HeapPicture::drawPart(const AreaPart &part) {
   const double width = xOf(part.offset + part.length) - xOf(part.offset);
   svg_.rect(xOf(part.offset), y_, width, kBarHeight, classOf(part));
@@ -125,8 +124,8 @@ bool HeapPicture::drawPart(const AreaPart &part) {
   return fits;
 }
 
-// Neighbours that look the same are drawn as one where they are too narrow to be told apart.
-// Returns the labels that found no place.
+// Neighbours of one class that are too narrow to be distinguished are drawn as one. Returns the
+// labels that did not fit.
 std::string HeapPicture::drawParts(const std::vector<AreaPart> &parts) {
   std::string outside;
   for (std::size_t i = 0; i < parts.size(); ++i) {
@@ -142,7 +141,7 @@ std::string HeapPicture::drawParts(const std::vector<AreaPart> &parts) {
   return outside;
 }
 
-// Offsets below the bar, as many as have room.
+// Writes offsets below the bar, as many as fit.
 void HeapPicture::drawTicks(const std::vector<AreaPart> &parts, std::uint32_t length) {
   const double top = y_ + kBarHeight;
   const std::string last = grouped(length);
@@ -161,7 +160,7 @@ void HeapPicture::drawTicks(const std::vector<AreaPart> &parts, std::uint32_t le
   svg_.text(lastX, top + 14, "mono dim", last);
 }
 
-// Labels that find no place stand below the bar; of a program's entries there are too many.
+// Labels that do not fit are written below the bar, except for a program, which has too many.
 void HeapPicture::drawArea(const Store &store, const StoreArea &area, const std::string &what,
                            bool isOfProgram) {
   const bool isCut = area.length * scale_ > kBarWidth + kCutWidth;
@@ -220,7 +219,7 @@ void HeapPicture::drawSnapshot(const Snapshot &snapshot) {
   y_ += kPanelGap;
 }
 
-// On the same line as the one before where there is room.
+// On the same line as the previous meaning if it fits.
 void HeapPicture::drawMeaning(const std::string &className, const std::string &text) {
   const double width = 44 + 6.8 * static_cast<double>(columnsOf(text));
   if (legendX_ > kMargin && legendX_ + width > kMargin + kBarWidth) {
@@ -234,10 +233,10 @@ void HeapPicture::drawMeaning(const std::string &className, const std::string &t
 
 void HeapPicture::drawLegend() {
   using What = AreaPart::What;
-  constexpr std::pair<What, const char *> kLegend[] = {{What::Head, "what the library keeps"},
+  constexpr std::pair<What, const char *> kLegend[] = {{What::Head, "used by the library"},
                                                        {What::Freed, "freed, not used again"},
                                                        {What::Zone, "red zone"},
-                                                       {What::Unknown, "not known"},
+                                                       {What::Unknown, "unknown"},
                                                        {What::Free, "free"},
                                                        {What::Rest, "too short for a cell"}};
   for (const auto &[what, text] : kLegend) {

@@ -1,4 +1,4 @@
-// Pictures of heaps and pools.
+// Draws heaps and pools.
 #pragma once
 
 #include <string>
@@ -9,9 +9,10 @@
 
 namespace memtool {
 
-// SVG with a panel for each snapshot: every area is a bar to scale, divided into its parts. Areas
-// of a script have one scale; each heap and pool of a program has its own, and the first kMostAreas
-// areas of it are drawn. A large block is cut where it is longer than that scale allows.
+// SVG with a panel for each snapshot. Every area is a bar, drawn to scale and divided into its
+// parts. All areas of a script have the same scale. Each heap and pool of a program has its own
+// scale, and its first kMostAreas areas are drawn. Large blocks that are too long for the scale are
+// cut.
 inline constexpr std::size_t kMostAreas = 24;
 std::string heapPicture(const std::string &name, const std::vector<Snapshot> &snapshots,
                         ColourBy colour);

@@ -13,7 +13,7 @@
 namespace memtool {
 
 const std::string_view kExampleScript =
-    "# A standard heap with areas of 1 KB: entries stand one behind the other.\n"
+    "# A standard heap with areas of 1 KB: it places entries one after the other.\n"
     "open names heap 1\n"
     "entry names root 120\n"
     "entry names key 20\n"
@@ -21,10 +21,10 @@ const std::string_view kExampleScript =
     "show a standard heap, its entries end to end\n"
     "entry names table 600\n"
     "entry names picture 1200\n"
-    "show what does not fit opens an area; what fits none gets a block of its own\n"
+    "show an entry without room opens an area; one too long for areas gets a large block\n"
     "close names\n"
     "\n"
-    "# An enhanced heap takes entries back, but hands none of them out again.\n"
+    "# Entries of an enhanced heap can be freed, but their storage is not used again.\n"
     "open jobs eheap 1\n"
     "entry jobs first 200\n"
     "entry jobs second 100\n"
@@ -33,7 +33,7 @@ const std::string_view kExampleScript =
     "show an enhanced heap: a freed entry stays where it is\n"
     "close jobs\n"
     "\n"
-    "# A pool hands out cells of one length and uses them again, the last one freed first.\n"
+    "# A pool allocates cells of one length and uses freed ones again, the last freed one first.\n"
     "open slots pool 512 48\n"
     "cell slots a 3\n"
     "free slots a.2\n"
@@ -45,15 +45,16 @@ const std::string_view kExampleScript =
 namespace {
 
 constexpr std::uint32_t kMostAtOnce = 1000;  // entries of a chain, cells of a line
-// What the library keeps at the start of the first area, as long as no entry shows where it ends.
+// The library's bytes at the start of the first area, until the first entry shows where they end.
 constexpr std::uint32_t kHeapHead = 56;
 constexpr std::uint32_t kEnhancedHeapHead = 64;
 constexpr std::uint32_t kEntryAlignment = 8;
 constexpr std::uint32_t kLeastEnhancedEntry = 16;
 constexpr char kLargeBlockMark[] = "QQQHBLKN";
 
-// Sees what the library obtains and returns: it does so through the vector, whose slots are
-// replaced while the object lives. Slots carry no context, so one object exists at a time.
+// Observes what the library allocates and frees. The library does so through the vector, whose
+// slots this object replaces while it lives. Slots have no context argument, so only one object may
+// exist at a time.
 class StorageWatch {
  public:
   explicit StorageWatch(MEMFunctionVector &vector)
@@ -70,7 +71,7 @@ class StorageWatch {
   StorageWatch(const StorageWatch &) = delete;
   StorageWatch &operator=(const StorageWatch &) = delete;
 
-  // Storage that is obtained from now on belongs to `store`; null: to nobody.
+  // Storage allocated from now on belongs to `store`; null: it is not recorded.
   void assign(Store *store) { store_ = store; }
 
  private:
@@ -115,7 +116,7 @@ std::vector<std::string> wordsOf(std::string_view line) {
   return words;
 }
 
-// A mistake in the script; the line is told by whoever catches it.
+// A mistake in the script. The catcher adds the line.
 class ScriptError : public ToolError {
  public:
   using ToolError::ToolError;
@@ -130,9 +131,10 @@ class Runner {
   Runner(const Runner &) = delete;
   Runner &operator=(const Runner &) = delete;
 
-  // The line has this number.
+  // Runs the words of the line with this number.
   void runLine(std::size_t line, const std::vector<std::string> &words);
-  // Shows the end of the script unless it was just shown or nothing is open.
+  // Returns the states, with that at the end of the script unless it was just shown or nothing is
+  // open.
   std::vector<Snapshot> finish();
 
  private:
@@ -172,7 +174,7 @@ class Runner {
 void Runner::expectWords(const Words &words, std::size_t least, std::size_t most,
                          const char *form) {
   if (words.size() < least || words.size() > most) {
-    throw ScriptError(fmt::format("the form is: {}", form));
+    throw ScriptError(fmt::format("expected: {}", form));
   }
 }
 
@@ -181,7 +183,8 @@ std::int32_t Runner::number(const std::string &word, std::int32_t most) {
   const char *const end = word.data() + word.size();
   const auto [stop, error] = std::from_chars(word.data(), end, value);
   if (error == std::errc() && stop == end && value >= -most - 1 && value <= most) return value;
-  throw ScriptError(fmt::format("{} is no number up to {}", inQuotes(validUtf8(word)), most));
+  throw ScriptError(
+      fmt::format("{} is not a number from {} to {}", inQuotes(validUtf8(word)), -most - 1, most));
 }
 
 std::size_t Runner::indexOf(const std::string &name) const {
@@ -200,7 +203,7 @@ void Runner::expectNewLabel(const Store &store, const std::string &label) {
   for (const StoreArea &area : store.areas) {
     for (const StoreEntry &entry : area.entries) {
       if (entry.label == label && !entry.isFreed) {
-        throw ScriptError(fmt::format("{} has an entry {} already", store.name, label));
+        throw ScriptError(fmt::format("{} already has an entry {}", store.name, label));
       }
     }
   }
@@ -220,7 +223,7 @@ void Runner::runLine(std::size_t line, const Words &words) {
   const auto *const verb = std::find_if(std::begin(kVerbs), std::end(kVerbs), isIt);
   if (verb == std::end(kVerbs)) {
     throw ScriptError(fmt::format(
-        "there is no {}; a line begins with open, entry, chain, cell, free, clear, show or close",
+        "unknown call {}; a line begins with open, entry, chain, cell, free, clear, show or close",
         inQuotes(validUtf8(words[0]))));
   }
   (this->*verb->run)(words);
@@ -233,7 +236,7 @@ void Runner::open(const Words &words) {
       "[SUBPOOL]";
   expectWords(words, 4, 6, kForm);
   if (indexOf(words[1]) < stores_.size()) {
-    throw ScriptError(fmt::format("{} is open already", inQuotes(validUtf8(words[1]))));
+    throw ScriptError(fmt::format("{} is already open", inQuotes(validUtf8(words[1]))));
   }
   Store store;
   store.name = validUtf8(words[1]);
@@ -248,7 +251,7 @@ void Runner::open(const Words &words) {
     store.cellLen = static_cast<std::uint32_t>(number(words[4], kMost));
     used = 5;
   } else {
-    throw ScriptError(fmt::format("the form is: {}", kForm));
+    throw ScriptError(fmt::format("expected: {}", kForm));
   }
   expectWords(words, used, used + 1, kForm);
   if (words.size() > used) store.subPool = static_cast<std::uint16_t>(number(words[used], 0x7FFF));
@@ -291,7 +294,7 @@ void Runner::openStore(Store &store) {
   }
 }
 
-// A cell that is taken and given back leaves a pool as it was, and tells where its cells begin.
+// Allocating and freeing a cell leaves the pool unchanged and shows where its cells begin.
 void Runner::findFirstCell(Store &store) {
   void *cell = nullptr;
   const auto pool = static_cast<HMEMCELL>(store.handle);
@@ -309,13 +312,13 @@ void *Runner::allocateEntry(Store &store, std::int32_t length) {
   return entry;
 }
 
-// Entries of a chain and cells of one line have the name that stands there.
+// Entries of a chain and cells of one line belong to the label of that line.
 std::string ownerOf(const std::string &label) {
   const std::size_t point = label.rfind('.');
   return point == std::string::npos ? label : label.substr(0, point);
 }
 
-// Notes an entry in the area where it lies; the first one of an area shows how long its head is.
+// Records an entry in its area. The first entry of an area shows how long the area's head is.
 void Runner::addEntry(Store &store, const std::string &label, const void *address,
                       std::uint32_t asked) {
   const auto *const start = static_cast<const char *>(address);
@@ -340,13 +343,14 @@ void Runner::addEntry(Store &store, const std::string &label, const void *addres
     area.entries.push_back(std::move(entry));
     return;
   }
-  throw ScriptError(fmt::format("{} does not lie in any area of {}", label, store.name));
+  throw ScriptError(fmt::format("{} is not in any area of {}", label, store.name));
 }
 
 void Runner::entry(const Words &words) {
   expectWords(words, 4, 4, "entry HEAP LABEL LENGTH");
   Store &store = named(words[1]);
-  if (store.type == StoreType::Pool) throw ScriptError("a pool has cells: cell POOL LABEL [COUNT]");
+  if (store.type == StoreType::Pool)
+    throw ScriptError("a pool has cells; expected: cell POOL LABEL [COUNT]");
   const std::string label = validUtf8(words[2]);
   expectNewLabel(store, label);
   const std::int32_t length = number(words[3], std::numeric_limits<std::int32_t>::max());
@@ -359,12 +363,13 @@ void Runner::entry(const Words &words) {
 void Runner::chain(const Words &words) {
   expectWords(words, 5, 5, "chain HEAP LABEL LENGTH COUNT");
   Store &store = named(words[1]);
-  if (store.type == StoreType::Pool) throw ScriptError("a pool has cells: cell POOL LABEL [COUNT]");
+  if (store.type == StoreType::Pool)
+    throw ScriptError("a pool has cells; expected: cell POOL LABEL [COUNT]");
   const std::int32_t length = number(words[3], std::numeric_limits<std::int32_t>::max());
   const std::int32_t count = number(words[4], static_cast<std::int32_t>(kMostAtOnce));
   const std::string label = validUtf8(words[2]);
   if (length < static_cast<std::int32_t>(sizeof(void *))) {
-    throw ScriptError("the entries of a chain hold a pointer, so they have 8 bytes or more");
+    throw ScriptError("the entries of a chain contain a pointer, so they need at least 8 bytes");
   }
   for (std::int32_t i = 1; i <= count; ++i) expectNewLabel(store, fmt::format("{}.{}", label, i));
   watch_.assign(&store);
@@ -383,7 +388,7 @@ void Runner::cell(const Words &words) {
   expectWords(words, 3, 4, "cell POOL LABEL [COUNT]");
   Store &store = named(words[1]);
   if (store.type != StoreType::Pool)
-    throw ScriptError("a heap has entries: entry HEAP LABEL LENGTH");
+    throw ScriptError("a heap has entries; expected: entry HEAP LABEL LENGTH");
   const std::string label = validUtf8(words[2]);
   const std::int32_t count =
       words.size() > 3 ? number(words[3], static_cast<std::int32_t>(kMostAtOnce)) : 1;
@@ -403,7 +408,7 @@ void Runner::free(const Words &words) {
   expectWords(words, 3, 3, "free NAME LABEL");
   Store &store = named(words[1]);
   if (store.type == StoreType::Heap) {
-    throw ScriptError("a standard heap takes no entry back; it is closed as a whole");
+    throw ScriptError("entries of a standard heap cannot be freed; close the heap");
   }
   const std::string label = validUtf8(words[2]);
   for (StoreArea &area : store.areas) {
@@ -440,7 +445,7 @@ void Runner::clear(const Words &words) {
 void Runner::show(const Words &words) {
   std::string caption;
   for (std::size_t i = 1; i < words.size(); ++i) caption += (i > 1 ? " " : "") + words[i];
-  if (stores_.empty()) throw ScriptError("nothing is open that could be shown");
+  if (stores_.empty()) throw ScriptError("no heap or pool is open to show");
   snapshots_.push_back({validUtf8(caption), stores_});
   isShown_ = true;
 }

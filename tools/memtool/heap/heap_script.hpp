@@ -1,4 +1,4 @@
-// The line language of memtool heapmap, and a run of it through the library.
+// Runs the scripts of memtool heapmap through the library.
 #pragma once
 
 #include <string>
@@ -10,11 +10,11 @@
 
 namespace memtool {
 
-// The script that is run when none is given.
+// The script that runs when none is given.
 extern const std::string_view kExampleScript;
 
-// Runs a script and returns the states that it wants shown. `name` stands in messages. Throws
-// ToolError with the line that is wrong, or whose service failed.
+// Runs a script and returns the states at its `show` lines and at its end. Messages contain `name`.
+// Throws ToolError with the line that is wrong or whose service failed.
 std::vector<Snapshot> runHeapScript(RunningLibrary &library, const std::string &name,
                                     std::string_view script);
 

@@ -14,7 +14,7 @@ namespace memtool {
 namespace {
 
 constexpr std::int64_t kMostBytes = std::numeric_limits<std::uint32_t>::max();
-constexpr std::int64_t kMostNumber = 1'000'000'000'000'000;  // of calls and the like
+constexpr std::int64_t kMostNumber = 1'000'000'000'000'000;  // of calls, entries and bytes
 
 std::uint32_t bytesAt(const PortJsonNode &object, const std::string &key, std::int64_t least,
                       std::int64_t most) {
@@ -44,11 +44,11 @@ StoreEntry readEntry(const PortJsonNode &node, std::uint32_t areaLen) {
   entry.asked = bytesAt(node, "asked", 0, kMostBytes);
   entry.taken = bytesAt(node, "taken", 0, std::int64_t{areaLen} - entry.offset);
   if (std::int64_t{entry.offset} + entry.taken + entry.zone > areaLen) {
-    node.fail("ends behind its area");
+    node.fail("the entry ends after its area");
   }
   entry.isFreed = node.find("freed").has_value();
   entry.label = "?";
-  entry.owner = "not known";
+  entry.owner = "unknown";
   const PortJsonNode made = node.at("made");
   if (made.json().is_null()) return entry;
   entry.made = numberIn(made, "call");
@@ -61,7 +61,9 @@ void refuseOverlaps(const PortJsonNode &node, const StoreArea &area) {
   std::uint32_t at = area.headLen;
   for (const StoreEntry &entry : area.entries) {
     if (entry.offset - entry.zone < at) {
-      node.fail(fmt::format("the entry at offset {} begins before {}", entry.offset, at));
+      node.fail(
+          fmt::format("the entry at offset {} begins before {}, where the preceding item ends",
+                      entry.offset, at));
     }
     at = entry.offset + entry.taken + entry.zone;
   }
@@ -85,8 +87,8 @@ StoreArea readArea(const PortJsonNode &node) {
   return area;
 }
 
-// Areas of a pool are listed by address, which says nothing: the control block's comes first, then
-// the one whose cells are the oldest.
+// The areas of a pool are listed by address. Sorts them by age: first the area of the control
+// block, then by the oldest cell.
 void sortAreas(std::vector<std::pair<std::string, StoreArea>> &areas, const std::string &handle) {
   const auto firstCall = [&](const std::pair<std::string, StoreArea> &area) {
     std::uint64_t first = std::numeric_limits<std::uint64_t>::max();
@@ -170,17 +172,17 @@ bool isHeapSnapshot(std::string_view text) {
 Snapshot readHeapSnapshot(const std::string &name, std::string_view text) {
   const PortJsonText json(name, text);
   const PortJsonNode all(json);
-  if (all.find("isDifference")) all.fail("a difference of statistics has no maps");
+  if (all.find("isDifference")) all.fail("this is a difference of statistics, which has no maps");
   if (!all.find("heaps") && !all.find("pools"))
-    all.fail("these are no statistics of heaps and pools");
+    all.fail("this JSON has no statistics of heaps or pools");
   Snapshot snapshot;
   snapshot.isOfProgram = true;
   const std::size_t without = addStores(snapshot.stores, all, "heaps", "heap") +
                               addStores(snapshot.stores, all, "pools", "pool");
   if (snapshot.stores.empty() && without != 0) {
     all.fail(
-        "no heap or pool has a map: statistics(true) of a host with Options::places, or "
-        "MEMCheckMap, writes maps");
+        "no heap or pool has a map; write the statistics with statistics(true) of a host with "
+        "Options::places, or with MEMCheckMap");
   }
   const std::uint64_t calls = numberIn(all, "componentCalls");
   snapshot.caption = fmt::format("{} after {} calls", name, grouped(calls));

@@ -1,4 +1,4 @@
-// Statistics of a running program, as JSON: where its heaps and pools have what.
+// Reads the contents of a running program's heaps and pools from its statistics, which are JSON.
 #pragma once
 
 #include <string>
@@ -8,11 +8,11 @@
 
 namespace memtool {
 
-// Whether a text is such statistics; no line of a script looks so.
+// True for a text that begins like JSON, as no script does.
 bool isHeapSnapshot(std::string_view text);
 
-// Reads what MEMCheckMap and the reference host's Statistics::json write. `name` stands in messages
-// and in the caption. Throws ToolError with the place that is wrong, or when there are no maps.
+// Reads what MEMCheckMap and the reference host's Statistics::json write. Messages and the caption
+// contain `name`. Throws ToolError with the place that is wrong, or when there are no maps.
 Snapshot readHeapSnapshot(const std::string &name, std::string_view text);
 
 }  // namespace memtool

@@ -26,9 +26,9 @@ void addFreeCells(std::vector<AreaPart> &parts, std::uint32_t from, std::uint32_
   parts.push_back({AreaPart::What::Free, from, to - from, "free", text});
 }
 
-// Bytes of a heap that nothing is known of: entries that were made unseen.
+// Bytes of a heap with unknown contents: entries that were made without being recorded.
 void addUnknown(std::vector<AreaPart> &parts, std::uint32_t from, std::uint32_t to) {
-  if (from < to) parts.push_back({AreaPart::What::Unknown, from, to - from, "?", "not known"});
+  if (from < to) parts.push_back({AreaPart::What::Unknown, from, to - from, "?", "unknown"});
 }
 
 void addEntry(std::vector<AreaPart> &parts, const StoreEntry &entry) {

@@ -1,4 +1,4 @@
-// Heaps and pools with what lies where in them, from whatever they are known.
+// Heaps and pools with their contents, from a script or from the statistics of a program.
 #pragma once
 
 #include <cstdint>
@@ -15,21 +15,21 @@ const char *nameOf(StoreType type);
 struct StoreEntry {
   std::string label;
   std::uint32_t offset = 0;  // in its area
-  std::uint32_t asked = 0;   // bytes asked for
+  std::uint32_t asked = 0;   // requested bytes
   std::uint32_t taken = 0;   // bytes that it occupies, without red zones
   std::uint32_t zone = 0;    // bytes of the red zone on each side
-  std::uint64_t made = 0;    // number of the script's line or of the program's call; 0: not known
-  std::string owner = {};    // what made it: a name of the script, a place in the program
+  std::uint64_t made = 0;    // number of the script's line or of the program's call; 0: unknown
+  std::string owner = {};    // who made it: a label of the script, or a place in the program
   bool isFreed = false;
 };
 
-// An area or a large block, as obtained from the host.
+// An area or a large block, as the library allocated it from the host.
 struct StoreArea {
   const char *address = nullptr;
   std::uint32_t length = 0;
   bool isLarge = false;
-  std::uint32_t headLen = 0;  // what the library keeps at the start
-  std::uint32_t free = 0;     // where no entry has been; 0: behind the last one
+  std::uint32_t headLen = 0;  // the library's bytes at the start
+  std::uint32_t free = 0;     // where unused storage begins; 0: after the last entry
   std::vector<StoreEntry> entries = {};
 };
 
@@ -42,7 +42,7 @@ struct Store {
   std::uint32_t cellLen = 0;  // of a pool
   std::uint16_t subPool = 0;
   std::vector<StoreArea> areas;
-  std::string note = {};  // of a program's: who opened it, how it is used
+  std::string note = {};  // of a program: who opened it, and its use
 };
 
 // The state after a line of a script, or of a program.
@@ -59,9 +59,9 @@ struct AreaPart {
   std::uint32_t offset;
   std::uint32_t length;
   std::string label;
-  std::string text;  // the label with what else there is to say
-  const StoreEntry *entry =
-      nullptr;  // of an entry that was not freed: it lives as long as the area
+  std::string text;  // the label with details
+  // Of an entry that was not freed. Valid as long as the area.
+  const StoreEntry *entry = nullptr;
 };
 std::vector<AreaPart> partsOf(const Store &store, const StoreArea &area);
 

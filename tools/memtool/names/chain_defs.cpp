@@ -7,6 +7,7 @@
 #include <charconv>
 #include <utility>
 
+#include "packed_head.hpp"
 #include "packed_report.hpp"
 #include "tool_errors.hpp"
 #include "tool_text.hpp"
@@ -14,13 +15,13 @@
 namespace memtool {
 namespace {
 
-constexpr std::size_t kMostKinds = 0x7FFF - 2;  // text may need two more
+constexpr std::size_t kMostKinds = 0x7FFF - 2;  // text may need two more kinds
 constexpr std::uint32_t kMostSegment = 0xFFFF;
-constexpr std::uint32_t kLengthWord = 2;  // at the start of segments that tell their length
+constexpr std::uint32_t kLengthWord = 2;  // at the start of counted and self-describing segments
 
 struct TypeRow {
   const char *name;
-  std::uint32_t width;  // of the value; 0 when the field's length tells it
+  std::uint32_t width;  // of the value; 0 when it is the field's length
 };
 
 // In the order of ChainType.
@@ -66,28 +67,13 @@ std::string nameOrId(const PortJsonNode &node) {
   return std::to_string(node.integer(1, UINT32_MAX));
 }
 
-Form formOf(std::uint16_t typeCode) {
-  switch (typeCode) {
-    case MEM_PACK_FIXED:
-      return Form::Fixed;
-    case MEM_PACK_COUNTED:
-      return Form::Counted;
-    case MEM_PACK_STRING:
-      return Form::NarrowText;
-    case MEM_PACK_WIDE_STRING:
-      return Form::WideText;
-    default:
-      return Form::SelfDescribing;
-  }
-}
-
-// Of text that a field leads to; Unknown for other fields.
+// The form of the text that a field leads to; Unknown for other fields.
 Form textFormOf(ChainType type) {
   if (type == ChainType::PStr) return Form::NarrowText;
   return type == ChainType::WPStr ? Form::WideText : Form::Unknown;
 }
 
-// Where one field ends, and another one may begin.
+// The bytes of a field, `to` excluded.
 struct Extent {
   std::uint32_t from;
   std::uint32_t to;
@@ -100,10 +86,10 @@ bool shareBytes(const Extent &left, const Extent &right) {
 
 [[noreturn]] void failAgainst(const PortJsonNode &node, const std::string &file,
                               const std::string &what) {
-  node.fail(fmt::format("the control block of {} says another thing: {}", file, what));
+  node.fail(fmt::format("this does not agree with the control block of {}: {}", file, what));
 }
 
-// What a control block has at an offset; none when no pointer is there.
+// The pointer that a control block has at an offset; none when there is no pointer.
 struct ToldPointer {
   Field role;
   std::optional<std::uint16_t> target;
@@ -149,7 +135,7 @@ bool isOfForm(const ChainKindDefinition &kind, const Kind &told) {
   return tellsItself && told.typeCode == kind.typeCode;
 }
 
-// Pointers that are not defined are shown as such, unless something else is said to be there.
+// Pointers without a definition are allowed, unless a field of another type overlaps them.
 void checkPointers(const std::string &file, const ChainKindDefinition &kind, const Kind &told,
                    const PackedChain &chain) {
   const std::vector<std::int32_t> offsets = told.pointerOffsets();
@@ -197,13 +183,15 @@ ChainDefinitions::ChainDefinitions(const std::string &name, std::string json)
   const PortJsonNode list = top.at("structures");
   const std::vector<PortJsonNode> nodes = list.elements();
   if (nodes.empty()) list.fail("no structure is defined");
-  if (nodes.size() > kMostKinds) list.fail("too many structures for a control block");
+  if (nodes.size() > kMostKinds)
+    list.fail(
+        fmt::format("{} structures; a control block has at most {}", nodes.size(), kMostKinds));
   addKinds(nodes);
   for (ChainKindDefinition &kind : kinds_) addFields(kind);
   if (pointerWidth_ != 0) checkLayout(pointerWidth_);
 }
 
-// Heads first: pointers may name any structure.
+// Reads the structures without their fields first, because pointers may name any structure.
 void ChainDefinitions::addKinds(const std::vector<PortJsonNode> &nodes) {
   kinds_.reserve(nodes.size());
   for (const PortJsonNode &node : nodes) {
@@ -234,11 +222,11 @@ void ChainDefinitions::readForm(ChainKindDefinition &kind, const PortJsonNode &n
   } else if (segment) {
     kind.typeCode = static_cast<std::uint16_t>(segment->integer(0, UINT16_MAX));
   }
-  kind.form = formOf(kind.typeCode);
+  kind.form = formOf(kind.typeCode, false);  // the letters are ASCII
   if (kind.form == Form::Fixed) {
     kind.fixedLen = static_cast<std::uint16_t>(node.at("length").integer(1, UINT16_MAX));
   } else if (const std::optional<PortJsonNode> length = node.find("length")) {
-    length->integer(0, UINT16_MAX);  // of the fields; the segment tells its own
+    length->integer(0, UINT16_MAX);  // not used: the segment begins with its length
   }
 }
 
@@ -268,14 +256,15 @@ void ChainDefinitions::addFields(ChainKindDefinition &kind) {
 }
 
 void ChainDefinitions::addField(ChainKindDefinition &kind, const PortJsonNode &node, bool isLast) {
-  // Port strings have the last four, which mean nothing here.
+  // The last four are for port strings and have no effect here.
   node.requireKeys({"id", "name", "type", "offset", "length", "count", "toEnd", "structure",
                     "reference", "required", "noTruncate", "notPorted", "default"});
   ChainFieldDefinition field{.node = node};
   const std::int64_t id = node.at("id").integer(1, UINT32_MAX);
   const std::optional<PortJsonNode> named = node.find("name");
   field.name = named ? named->name() : std::to_string(id);
-  if (field.name[0] == '+') named->fail("a name must not begin with +, as bytes without a name do");
+  if (field.name[0] == '+')
+    named->fail("a name must not begin with +, which marks bytes without a name");
   field.type = readType(node.at("type"));
   field.offset = static_cast<std::uint32_t>(node.at("offset").integer(0, kMostSegment - 1));
   if (isPointer(field.type)) {
@@ -299,7 +288,8 @@ void ChainDefinitions::readNext(ChainKindDefinition &kind) {
   if (field == nullptr || field->type != ChainType::Pnt || field->target != kind.kind) {
     named->fail("expected a Pnt of this structure to the same structure");
   }
-  if (field->role == Field::Reference) named->fail("the next segment is no reference");
+  if (field->role == Field::Reference)
+    named->fail("the pointer to the next segment must not be a reference");
   field->role = Field::Sibling;
 }
 
@@ -308,7 +298,7 @@ void ChainDefinitions::readExtent(const ChainKindDefinition &kind, ChainFieldDef
   const PortJsonNode &node = field.node;
   for (const char *const key : {"structure", "reference"}) {
     if (const std::optional<PortJsonNode> found = node.find(key)) {
-      found->fail("only pointers have it");
+      found->fail("only pointers have this key");
     }
   }
   const std::optional<PortJsonNode> toEnd = node.find("toEnd");
@@ -317,13 +307,13 @@ void ChainDefinitions::readExtent(const ChainKindDefinition &kind, ChainFieldDef
       isLast && kind.tellsLength() && field.type == ChainType::Bin && !length && !toEnd;
   field.toEnd = takesRest || (toEnd && toEnd->flag());
   if (field.toEnd && !kind.tellsLength()) {
-    toEnd->fail("only segments that tell their own length have a varying end");
+    toEnd->fail("only a segment that begins with its length has a varying end");
   }
   if (field.toEnd && field.type == ChainType::Bit) toEnd->fail("a field of type Bit has one byte");
   const std::uint32_t width = widthOf(field.type);
   field.length = width;
   if (length) {
-    if (field.toEnd && width == 0) length->fail("the field goes on to the end of its segment");
+    if (field.toEnd && width == 0) length->fail("the field extends to the end of its segment");
     const std::int64_t least = width != 0 ? width : isWide(field.type) ? 2 : 1;
     field.length = static_cast<std::uint32_t>(
         length->integer(least, width != 0 ? width : std::int64_t{kMostSegment}));
@@ -332,8 +322,8 @@ void ChainDefinitions::readExtent(const ChainKindDefinition &kind, ChainFieldDef
   }
   const std::optional<PortJsonNode> count = node.find("count");
   if (count) {
-    if (field.toEnd) count->fail("the field goes on to the end of its segment");
-    if (!isChainNumber(field.type)) count->fail("only numbers have it");
+    if (field.toEnd) count->fail("the field extends to the end of its segment");
+    if (!isChainNumber(field.type)) count->fail("only numbers have this key");
     field.count = static_cast<std::uint32_t>(count->integer(1, kMostSegment));
   }
   field.isArray = count || (field.toEnd && isChainNumber(field.type));
@@ -342,16 +332,16 @@ void ChainDefinitions::readExtent(const ChainKindDefinition &kind, ChainFieldDef
 void ChainDefinitions::readPointer(ChainFieldDefinition &field) {
   for (const char *const key : {"count", "toEnd"}) {
     if (const std::optional<PortJsonNode> found = field.node.find(key)) {
-      found->fail("pointers do not have it");
+      found->fail("pointers do not have this key");
     }
   }
   if (const std::optional<PortJsonNode> length = field.node.find("length")) length->integer(4, 8);
   const std::optional<PortJsonNode> reference = field.node.find("reference");
   if (reference && reference->flag()) {
-    if (field.type != ChainType::Pnt) reference->fail("only a Pnt is a reference");
+    if (field.type != ChainType::Pnt) reference->fail("only a Pnt can be a reference");
     field.role = Field::Reference;
   }
-  if (field.offset > 0x7FFF) field.node.fail("pointers have offsets up to 32767");
+  if (field.offset > 0x7FFF) field.node.fail("the offset of a pointer is at most 32767");
   readTarget(field);
 }
 
@@ -365,7 +355,7 @@ void ChainDefinitions::readTarget(ChainFieldDefinition &field) {
     named->fail(fmt::format("{} leads to {}", chainTypeName(field.type), formName(wanted)));
   }
   if (wanted == Form::Unknown && isText(target->form)) {
-    named->fail("pointers to text have the types PStr and WPStr");
+    named->fail("a pointer to text has the type PStr or WPStr");
   }
   field.target = target->kind;
 }
@@ -389,10 +379,10 @@ std::optional<std::uint16_t> ChainDefinitions::textKind(Form form) const {
   for (const ChainKindDefinition &kind : kinds_) {
     if (kind.form == form) return kind.kind;
   }
-  const bool isBehindNarrow =
+  const bool isAfterNarrow =
       form == Form::WideText && needsNarrow_ && !definesText(Form::NarrowText);
   if (form == Form::NarrowText ? !needsNarrow_ : !needsWide_) return {};
-  return static_cast<std::uint16_t>(kinds_.size() + (isBehindNarrow ? 1 : 0));
+  return static_cast<std::uint16_t>(kinds_.size() + (isAfterNarrow ? 1 : 0));
 }
 
 std::size_t ChainDefinitions::kindCount() const {
@@ -431,7 +421,7 @@ void ChainDefinitions::checkLayout(std::uint32_t pointerWidth) const {
   for (const ChainKindDefinition &kind : kinds_) checkLayoutOf(kind, pointerWidth);
 }
 
-// Fields may share bytes, as alternatives; pointers and a length at the start are alone.
+// Fields may share bytes, as alternatives, but not with a pointer or with the length at the start.
 void ChainDefinitions::checkLayoutOf(const ChainKindDefinition &kind,
                                      std::uint32_t pointerWidth) const {
   const std::uint32_t most = kind.form == Form::Fixed     ? kind.fixedLen
@@ -443,7 +433,7 @@ void ChainDefinitions::checkLayoutOf(const ChainKindDefinition &kind,
     const std::uint32_t length = field.extent(pointerWidth);
     if (field.offset > most || length > most - field.offset) {
       field.node.fail(
-          fmt::format("{} bytes at {} lie beyond the segment's {}", length, field.offset, most));
+          fmt::format("{} bytes at {} exceed the segment's {}", length, field.offset, most));
     }
     const std::uint32_t end = field.toEnd ? most : field.offset + length;
     (isPointer(field.type) ? pointers : others).push_back({field.offset, end, &field});
@@ -458,13 +448,13 @@ void ChainDefinitions::checkLayoutOf(const ChainKindDefinition &kind,
     const ChainFieldDefinition &field = *pointers[i].field;
     for (std::size_t j = 0; j < i; ++j) {
       if (shareBytes(pointers[i], pointers[j])) {
-        field.node.fail(fmt::format("it lies over the pointer {}, which has {} bytes",
+        field.node.fail(fmt::format("the field overlaps the pointer {}, which has {} bytes",
                                     pointers[j].field->name, pointerWidth));
       }
     }
     for (const Extent &other : others) {
       if (shareBytes(pointers[i], other)) {
-        other.field->node.fail(fmt::format("it lies over the pointer {}, which has {} bytes",
+        other.field->node.fail(fmt::format("the field overlaps the pointer {}, which has {} bytes",
                                            field.name, pointerWidth));
       }
     }
@@ -478,7 +468,7 @@ void ChainDefinitions::checkAgainst(const std::string &file, const PackedChain &
         .fail(fmt::format("{} has pointers of {} bytes", file, chain.pointerWidth));
   }
   for (const ChainKindDefinition &kind : kinds_) {
-    // Kinds beyond the count are there where children need them.
+    // Kinds beyond the count exist when children are of such kinds.
     const bool exists = kind.kind < chain.kinds.size() && chain.kinds[kind.kind].isDescribed &&
                         (kind.kind < chain.kindCount || isOfForm(kind, chain.kinds[kind.kind]));
     if (!exists) {

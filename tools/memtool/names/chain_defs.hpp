@@ -1,5 +1,5 @@
-// Definitions of the structures of a packed chain, read from JSON: names and types for the bytes
-// that a control block only counts. docs/memtool-chain-names.md describes the JSON.
+// Definitions of the structures of a packed chain, read from JSON: names and types of the bytes
+// whose number alone the control block states. docs/memtool-chain-names.md describes the JSON.
 #pragma once
 
 #include <cstddef>
@@ -59,18 +59,18 @@ struct ChainFieldDefinition {
   std::uint32_t length = 0;  // in bytes; of one element of an array; 0 for pointers
   std::uint32_t count = 1;   // elements
   bool isArray = false;
-  bool toEnd = false;                        // goes on to the end of its segment
+  bool toEnd = false;                        // extends to the end of its segment
   Field role = Field::Child;                 // of a pointer
-  std::optional<std::uint16_t> target = {};  // kind that a pointer leads to, where it is told
+  std::optional<std::uint16_t> target = {};  // kind that a pointer leads to, if it is stated
   PortJsonNode node;                         // where it is defined
 
-  // Bytes in a segment with 8- or 4-byte pointers. Of a field to the end: the least.
+  // Its bytes in a segment with pointers of this width; 0 for a field to the end.
   std::uint32_t extent(std::uint32_t pointerWidth) const;
 };
 
-// A structure, which is the kind of segment of its place in the list.
+// A structure. Its index in the list is its kind of segment.
 struct ChainKindDefinition {
-  std::string name = {};  // or its id
+  std::string name = {};  // its id if it has no name
   std::uint32_t id = 0;
   std::uint16_t kind = 0;
   Form form = Form::Fixed;
@@ -84,34 +84,34 @@ struct ChainKindDefinition {
   const ChainFieldDefinition *find(std::string_view field) const;
 };
 
-// Valid by themselves. Whether they are those of a chain is for checkAgainst() to tell.
+// Definitions without a fault of their own. checkAgainst() finds whether they fit a chain.
 class ChainDefinitions {
  public:
-  // Throws ToolError with line and column. `name` stands in messages.
+  // Throws ToolError with line and column. Messages contain `name`.
   ChainDefinitions(const std::string &name, std::string json);
   ChainDefinitions(const ChainDefinitions &) = delete;
   ChainDefinitions &operator=(const ChainDefinitions &) = delete;
 
-  // Bytes of the pointers that they were written for; 0 when they do not tell.
+  // The bytes of a pointer that the offsets are for; 0 when the definitions do not say.
   std::uint32_t pointerWidth() const { return pointerWidth_; }
   const std::vector<ChainKindDefinition> &kinds() const { return kinds_; }
-  // Null when the kind is not defined.
+  // Both return null when the kind is not defined.
   const ChainKindDefinition *find(std::uint16_t kind) const;
   const ChainKindDefinition *find(std::string_view nameOrId) const;
-  // "Package"; "StructID 7" without a name, "kind 3" of a kind that is not defined.
+  // "Package"; "StructID 7" without a name, "kind 3" for an undefined kind.
   std::string nameOf(std::uint16_t kind) const;
 
   // Throws ToolError with line and column when fields do not fit their segments with pointers of
   // this width.
   void checkLayout(std::uint32_t pointerWidth) const;
-  // The same, and when the chain's control block says another thing. REQUIRES: pointerWidth of the
-  // chain is known.
+  // The same, and when they do not agree with the chain's control block. REQUIRES: the chain's
+  // pointerWidth is known.
   void checkAgainst(const std::string &file, const PackedChain &chain) const;
 
-  // The kind of text that fields lead to which name none: the one that is defined, or one behind
-  // those that are, narrow before wide, where a field needs it.
+  // The kind of text for fields that do not name one: the defined kind, or, if none is defined and
+  // a field needs it, one after the defined kinds, narrow before wide.
   std::optional<std::uint16_t> textKind(Form form) const;
-  // Kinds that a control block has by these definitions.
+  // The number of kinds in a control block by these definitions.
   std::size_t kindCount() const;
 
  private:
@@ -133,7 +133,7 @@ class ChainDefinitions {
   std::vector<ChainKindDefinition> kinds_;
   std::map<std::uint32_t, std::size_t> byId_;
   std::map<std::string, std::size_t, std::less<>> byName_;
-  bool needsNarrow_ = false;  // a field leads to text whose kind is not defined
+  bool needsNarrow_ = false;  // a field leads to narrow text without naming its kind
   bool needsWide_ = false;
 };
 

@@ -27,7 +27,7 @@ constexpr std::size_t kMostSegment = 0xFFFF - 2;
 constexpr std::size_t kMostText = 0xFFFF - 4;
 constexpr std::int32_t kUsualBlockLen = 32768;
 
-// A control block of any number of kinds, as callers pass it.
+// A control block as callers pass it, of any number of kinds.
 class EncodeControlBlock {
  public:
   explicit EncodeControlBlock(const ChainDefinitions &definitions)
@@ -101,10 +101,10 @@ struct MadeSegment {
   PortJsonNode node;
   std::string bytes = {};   // of the segment, with addresses in its pointers
   bool isOwned = false;     // a child or sibling pointer leads here
-  std::uint32_t level = 0;  // of those that are reached, from 1
+  std::uint32_t level = 0;  // the root has 1; 0 for one that is not reached
 };
 
-// A pointer to a structure, which has its address when all are made.
+// A pointer to a structure. It is set after all structures are made.
 struct Link {
   std::size_t from;
   const ChainFieldDefinition *field;
@@ -112,7 +112,7 @@ struct Link {
   PortJsonNode node;
 };
 
-// Which bytes a value has set, to find alternatives that contradict each other.
+// The bytes that a value has set, to find contradicting alternatives.
 struct SetBytes {
   std::uint32_t offset;
   std::string bytes;
@@ -135,7 +135,7 @@ class SegmentMaker {
   }
 
   const void *root() const { return root_; }
-  // The longest item, with the room that wide text reserves.
+  // The length of the longest item, with the room that wide text reserves.
   std::size_t longestItem() const { return longest_; }
 
  private:
@@ -145,17 +145,25 @@ class SegmentMaker {
     for (const PortJsonNode &node : list.elements()) {
       node.requireKeys({"label", "structure", "fields"});
       const PortJsonNode named = node.at("structure");
-      const ChainKindDefinition *const kind = definitions_.find(
-          named.json().is_string() ? named.text() : std::to_string(named.integer(1, INT32_MAX)));
-      if (kind == nullptr) named.fail("no definition has this name or id");
-      if (isText(kind->form)) named.fail("text is the value of its pointer");
+      const std::string wanted =
+          named.json().is_string() ? named.text() : std::to_string(named.integer(1, INT32_MAX));
+      const ChainKindDefinition *const kind = definitions_.find(wanted);
+      if (kind == nullptr) {
+        named.fail(fmt::format("no definition has the name or id {}", inQuotes(wanted, 40)));
+      }
+      if (isText(kind->form)) named.fail("a text is no structure, but the value of its pointer");
       segments_.push_back({kind, node});
       const std::optional<PortJsonNode> label = node.find("label");
       if (label && !byLabel_.emplace(label->text(), segments_.size() - 1).second) {
-        label->fail("a second structure with this label");
+        label->fail(
+            fmt::format("a second structure with the label {}", inQuotes(label->text(), 40)));
       }
     }
-    if (segments_.empty()) list.fail("there is no structure");
+    if (segments_.empty()) list.fail("the list has no structure");
+  }
+
+  [[noreturn]] static void failForLabel(const PortJsonNode &node) {
+    node.fail(fmt::format("no structure has the label {}", inQuotes(node.text(), 40)));
   }
 
   std::size_t rootIndex() const {
@@ -163,17 +171,17 @@ class SegmentMaker {
     const std::optional<PortJsonNode> named = top_.find("root");
     if (named) {
       const auto found = byLabel_.find(named->text());
-      if (found == byLabel_.end()) named->fail("no structure has this label");
+      if (found == byLabel_.end()) failForLabel(*named);
       index = found->second;
     }
     if (segments_[index].kind->kind != 0) {
-      segments_[index].node.fail(
-          fmt::format("the root is a {}, the first one that is defined", definitions_.nameOf(0)));
+      segments_[index].node.fail(fmt::format(
+          "the root must be a {}, the first structure of the definitions", definitions_.nameOf(0)));
     }
     return index;
   }
 
-  // Text first, whose fields set bytes that their values do not tell; others may share them.
+  // Text first: it also sets bytes after its end, which other values may share.
   void fill(std::size_t index) {
     MadeSegment &made = segments_[index];
     const PortJsonNode fields = made.node.at("fields");
@@ -187,13 +195,13 @@ class SegmentMaker {
         if (isTextField == isTextTurn) fillValue(index, field, key, fields.member(key, value));
       }
     }
-    for (const ChainFieldDefinition &field : made.kind->fields) {  // null where nothing was said
+    for (const ChainFieldDefinition &field : made.kind->fields) {  // null by default
       if (isPointer(field.type)) reserve(made, field.offset, kPointerLen, field.node);
     }
     setLength(made);
     for (const SetBytes &value : set_) {
       if (made.bytes.compare(value.offset, value.bytes.size(), value.bytes) != 0) {
-        value.node.fail("another value has set other bytes here");
+        value.node.fail("another value has set different bytes here");
       }
     }
     longest_ = std::max(longest_, made.bytes.size());
@@ -217,7 +225,7 @@ class SegmentMaker {
     reserve(made, field->offset, bytes.size(), node);
     made.bytes.replace(field->offset, bytes.size(), bytes);
     if (field->type == ChainType::CharSZ || field->type == ChainType::WCharSZ) {
-      // What is behind the terminator is no part of the value.
+      // The bytes after the terminator are not part of the value.
       const std::size_t unit = field->type == ChainType::CharSZ ? 1 : sizeof(char16_t);
       const std::size_t end = bytes.find_last_not_of('\0');
       const std::size_t used = end == std::string::npos ? 0 : (end / unit + 1) * unit;
@@ -231,7 +239,8 @@ class SegmentMaker {
     std::uint32_t offset = 0;
     const char *const end = key.data() + key.size();
     const auto [parsed, failed] = std::from_chars(key.data() + 1, end, offset);
-    if (failed != std::errc() || parsed != end) node.fail("a name with + tells an offset");
+    if (failed != std::errc() || parsed != end)
+      node.fail("a name with + is + and an offset, for example +44");
     const std::optional<std::string> bytes = portBytesOfHex(node.text());
     if (!bytes) node.fail("expected bytes in hexadecimal capitals");
     if (made.kind->tellsLength() && offset < kLengthWord && !bytes->empty()) {
@@ -240,21 +249,21 @@ class SegmentMaker {
     for (const ChainFieldDefinition &field : made.kind->fields) {
       const bool isOver = isPointer(field.type) && field.offset < offset + bytes->size() &&
                           offset < field.offset + kPointerLen;
-      if (isOver) node.fail(fmt::format("it lies over the pointer {}", field.name));
+      if (isOver) node.fail(fmt::format("the bytes overlap the pointer {}", field.name));
     }
     reserve(made, offset, bytes->size(), node);
     made.bytes.replace(offset, bytes->size(), *bytes);
     set_.push_back({offset, *bytes, node});
   }
 
-  // The segment reaches so far, where it may.
+  // Extends the segment up to the end of these bytes, as far as its type allows.
   void reserve(MadeSegment &made, std::size_t offset, std::size_t length,
                const PortJsonNode &node) {
     const std::size_t most = made.kind->form == Form::Fixed     ? made.kind->fixedLen
                              : made.kind->form == Form::Counted ? 0x7FFF + kLengthWord
                                                                 : kMostSegment;
     if (offset > most || length > most - offset) {
-      node.fail(fmt::format("{} bytes at {} lie beyond the segment's {}", length, offset, most));
+      node.fail(fmt::format("{} bytes at {} exceed the segment's {}", length, offset, most));
     }
     if (made.bytes.size() < offset + length) {
       storage_ += offset + length - made.bytes.size();
@@ -263,18 +272,19 @@ class SegmentMaker {
     }
   }
 
-  // Of a segment that tells it. A value for it may be there and has to agree.
+  // Sets the length at the start of a segment. If the JSON has a value for it, both must be equal.
   void setLength(MadeSegment &made) {
     if (!made.kind->tellsLength()) return;
     reserve(made, 0, kLengthWord, made.node);
-    const std::size_t told =
+    const std::size_t length =
         made.kind->form == Form::Counted ? made.bytes.size() - kLengthWord : made.bytes.size();
-    const auto number = static_cast<std::uint16_t>(told);
+    const auto number = static_cast<std::uint16_t>(length);
     std::string word(sizeof number, '\0');
     std::memcpy(word.data(), &number, sizeof number);
     for (const SetBytes &value : set_) {
       if (value.offset == 0 && value.bytes != word) {
-        value.node.fail(fmt::format("the segment's values make this {}", told));
+        value.node.fail(
+            fmt::format("the length that follows from the segment's other values is {}", length));
       }
     }
     made.bytes.replace(0, word.size(), word);
@@ -288,19 +298,19 @@ class SegmentMaker {
     if (field.type == ChainType::WPStr) return setAddress(made, field, keepWideText(node));
     const auto found = byLabel_.find(node.text());
     if (found == byLabel_.end()) {
-      node.fail(fmt::format("no structure has the label {}", inQuotes(node.text(), 40)));
+      failForLabel(node);
     }
     const ChainKindDefinition &kind = *segments_[found->second].kind;
     if (field.target && *field.target != kind.kind) {
-      node.fail(fmt::format("{} is a {}, and the field points to a {}", inQuotes(node.text(), 40),
+      node.fail(fmt::format("{} is a {}, but the field points to a {}", inQuotes(node.text(), 40),
                             kind.name, definitions_.nameOf(*field.target)));
     }
     if (field.role != Field::Reference) {
       MadeSegment &target = segments_[found->second];
       if (target.isOwned) {
-        node.fail(
-            fmt::format("a second child or sibling pointer leads to {}; others are references",
-                        inQuotes(node.text(), 40)));
+        node.fail(fmt::format(
+            "a second child or sibling pointer leads to {}; further ones must be references",
+            inQuotes(node.text(), 40)));
       }
       target.isOwned = true;
     }
@@ -317,7 +327,7 @@ class SegmentMaker {
   const void *keepWideText(const PortJsonNode &node) {
     const std::u16string &kept = wideTexts_.emplace_back(portUnitsOf(node));
     if (kept.find(u'\0') != std::u16string::npos) node.fail("text with a zero in it");
-    noteText(4 * (kept.size() + 1), node);  // readers may widen it in its place
+    noteText(4 * (kept.size() + 1), node);  // readers may widen it in place
     return kept.c_str();
   }
 
@@ -337,19 +347,19 @@ class SegmentMaker {
     if (segments_[root].isOwned) {
       for (const Link &link : links_) {
         if (link.to == root && link.field->role != Field::Reference) {
-          link.node.fail("a child or sibling pointer leads to the root; others are references");
+          link.node.fail("a child or sibling pointer leads to the root; only references may");
         }
       }
     }
     segments_[root].isOwned = true;
   }
 
-  // Every structure has one owner at most, so what is reached from the root is a tree.
+  // Every structure has at most one owner, so the structures that the root reaches form a tree.
   void findLevels(std::size_t root) {
     std::vector<std::size_t> firstLink(segments_.size() + 1, 0);
     for (const Link &link : links_) ++firstLink[link.from + 1];
     for (std::size_t i = 1; i < firstLink.size(); ++i) firstLink[i] += firstLink[i - 1];
-    std::vector<std::size_t> waiting{root};  // links are in the order of their structures
+    std::vector<std::size_t> waiting{root};  // links are sorted by `from`
     segments_[root].level = 1;
     while (!waiting.empty()) {
       const std::size_t from = waiting.back();
@@ -368,7 +378,7 @@ class SegmentMaker {
     }
     for (const MadeSegment &made : segments_) {
       if (made.level == 0)
-        made.node.fail("no child or sibling pointer from the root on leads here");
+        made.node.fail("no child or sibling pointers lead from the root to this structure");
     }
   }
 
@@ -380,12 +390,12 @@ class SegmentMaker {
 
   const ChainDefinitions &definitions_;
   const PortJsonNode &top_;
-  std::deque<MadeSegment> segments_;  // a deque: what they hold keeps its address
+  std::deque<MadeSegment> segments_;  // a deque, so that addresses stay
   std::map<std::string, std::size_t, std::less<>> byLabel_;
   std::vector<Link> links_;
   std::deque<std::string> texts_;
   std::deque<std::u16string> wideTexts_;
-  std::vector<SetBytes> set_;  // of the structure at hand
+  std::vector<SetBytes> set_;  // of the current structure
   std::size_t storage_ = 0;
   std::size_t longest_ = 0;
   const void *root_ = nullptr;
@@ -396,7 +406,9 @@ class SegmentMaker {
 NativeChain encodeChain(RunningLibrary &library, const ChainDefinitions &definitions,
                         const std::string &name, std::string_view json, std::int32_t blockLength) {
   if (definitions.pointerWidth() == 4) {
-    throw ToolError("the definitions are for pointers of 4 bytes; chains are written with 8");
+    throw ToolError(
+        "the definitions are for pointers of 4 bytes, but chains are made with pointers of 8 "
+        "bytes");
   }
   definitions.checkLayout(kPointerLen);
   const EncodeControlBlock controlBlock(definitions);

@@ -1,4 +1,4 @@
-// Makes a packed chain of structures that are described as JSON, through the library.
+// Makes a packed chain of structures in JSON. The library packs it.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@
 
 namespace memtool {
 
-// `name` stands in messages about the JSON; docs/memtool-chain-names.md describes it. With a block
-// length of 0 the blocks have 32,768 bytes, or more where an item needs it. Throws ToolError.
+// docs/memtool-chain-names.md describes the JSON; messages about it contain `name`. With a block
+// length of 0 the blocks have 32,768 bytes, or more if an item needs it. Throws ToolError.
 NativeChain encodeChain(RunningLibrary &library, const ChainDefinitions &definitions,
                         const std::string &name, std::string_view json, std::int32_t blockLength);
 

@@ -20,8 +20,8 @@ constexpr std::size_t kMostShown = 200;  // characters of a value
 constexpr std::size_t kBuffered = 1 << 16;
 constexpr std::uint64_t kMostTexts = std::uint64_t{1} << 30;  // bytes in JSON
 
-// Numbers of segments, from 1 in the order of the structure, by their places. Writers mostly place
-// segments in that order, and then the list of segments is all that is needed.
+// Finds the number of a segment (from 1 in the order of the structure) by its place. If the writer
+// has placed the segments in that order, the list of segments is searched directly.
 class SegmentNumbers {
  public:
   explicit SegmentNumbers(const PackedChain &chain) : segments_(chain.segments) {
@@ -56,7 +56,7 @@ class SegmentNumbers {
   }
 
   const std::vector<Segment> &segments_;
-  std::vector<std::uint32_t> order_;  // of places; empty when the list has it
+  std::vector<std::uint32_t> order_;  // indices sorted by place; empty when the list is sorted
 };
 
 // A piece of a segment: a field, a pointer without a name, or bytes without one.
@@ -70,14 +70,14 @@ struct Item {
   std::string name() const { return field != nullptr ? field->name : fmt::format("+{}", offset); }
 };
 
-// What a segment consists of, by offset. Fields that its end cuts, and values that cannot be what
-// their types say, are bytes.
+// The items of a segment, sorted by offset. Fields that its end cuts, and values that are invalid
+// for their types, become bytes.
 class SegmentItems {
  public:
   SegmentItems(const ChainDefinitions &definitions, const PackedChain &chain)
       : definitions_(definitions), chain_(chain) {}
 
-  // Until the next call.
+  // The result is valid until the next call.
   const std::vector<Item> &of(const Segment &segment) {
     items_.clear();
     const ChainKindDefinition *const kind = definitions_.find(segment.kind);
@@ -141,26 +141,40 @@ class SegmentItems {
   std::vector<std::pair<std::uint32_t, std::uint32_t>> covered_;
 };
 
-// From 1. REQUIRES: the segment is the chain's own.
+// Numbers begin with 1. REQUIRES: the segment is an element of the chain's list.
 std::size_t numberOf(const PackedChain &chain, const Segment &segment) {
   return static_cast<std::size_t>(&segment - chain.segments.data()) + 1;
 }
 
-// A damaged chain has pointers that lead nowhere, and some that nobody followed.
+// A damaged chain has pointers that lead nowhere, and pointers that were not followed.
 bool leadsNowhere(const Pointer &pointer, bool isToText, std::size_t number) {
   return pointer.isFaulty || (isToText ? pointer.text == kNoText : number == 0);
 }
 
-class NamedPrinter {
+// What both forms of output are made from.
+class NamedChain {
  public:
-  NamedPrinter(Console &console, const ChainDefinitions &definitions, const PackedChain &chain,
-               const ChainSelection &selection)
+  NamedChain(Console &console, const ChainDefinitions &definitions, const PackedChain &chain,
+             const ChainSelection &selection)
       : console_(console),
         definitions_(definitions),
         chain_(chain),
         selection_(selection),
         numbers_(chain),
         items_(definitions, chain) {}
+
+ protected:
+  Console &console_;
+  const ChainDefinitions &definitions_;
+  const PackedChain &chain_;
+  const ChainSelection &selection_;
+  SegmentNumbers numbers_;
+  SegmentItems items_;
+};
+
+class NamedPrinter : NamedChain {
+ public:
+  using NamedChain::NamedChain;
 
   void print() {
     for (std::size_t i = 0; i < selection_.shown(); ++i) {
@@ -215,11 +229,11 @@ class NamedPrinter {
     return item.field->isArray ? type + "[]" : type;
   }
 
-  // Many pointers may share a long text: no more is turned than is shown.
+  // Many pointers may share a long text, so only the part that is shown is converted.
   PortShown shownText(const Text &text) const {
-    constexpr std::uint32_t kMostTurned = 4096;
-    if (text.length > kMostTurned) {
-      const Text start{text.place, kMostTurned, text.isWide};
+    constexpr std::uint32_t kMostConverted = 4096;
+    if (text.length > kMostConverted) {
+      const Text start{text.place, kMostConverted, text.isWide};
       return {inQuotes(chain_.utf8Of(start), kMostShown), Ink::Text};
     }
     const PortJson value = chainTextValue(chain_, text);
@@ -230,7 +244,6 @@ class NamedPrinter {
   PortShown shownOf(const Segment &segment, const Item &item) const {
     if (item.pointer != nullptr) return shownPointer(*item.pointer);
     if (item.field != nullptr) return showChainValue(*item.field, *item.value, kMostShown);
-    // Only what is shown is copied.
     const std::string_view bytes = items_.bytesOf(segment, item);
     return showPortValue(PortBytes{bytes}, kMostShown);
   }
@@ -245,25 +258,11 @@ class NamedPrinter {
     if (isToText) return shownText(chain_.texts[pointer.text]);
     return {fmt::format("-> {}", number), Ink::Place};
   }
-
-  Console &console_;
-  const ChainDefinitions &definitions_;
-  const PackedChain &chain_;
-  const ChainSelection &selection_;
-  SegmentNumbers numbers_;
-  SegmentItems items_;
 };
 
-class NamedJson {
+class NamedJson : NamedChain {
  public:
-  NamedJson(Console &console, const ChainDefinitions &definitions, const PackedChain &chain,
-            const ChainSelection &selection)
-      : console_(console),
-        definitions_(definitions),
-        chain_(chain),
-        selection_(selection),
-        numbers_(chain),
-        items_(definitions, chain) {}
+  using NamedChain::NamedChain;
 
   void write() {
     refuseTooManyTexts();
@@ -301,12 +300,12 @@ class NamedJson {
     }
     if (bytes <= kMostTexts) return;
     throw ToolError(fmt::format(
-        "the texts would take {} bytes, because pointers share them; JSON without --defs names "
-        "each once",
+        "the texts would take {} bytes, because pointers share them and each is written with its "
+        "text; JSON without --defs has each text once",
         grouped(bytes)));
   }
 
-  // Where the structures that are shown begin, if they begin somewhere, and how many were left out.
+  // The label of the root, if the shown structures begin at one, and how many were left out.
   void addRoot() {
     if (chain_.segments.empty()) {
       out_ += "  \"root\": null,\n";
@@ -341,7 +340,7 @@ class NamedJson {
 
   void addValue(const Segment &segment, const Item &item) {
     if (item.pointer != nullptr) {
-      // Without a definition only this tells pointers from bytes.
+      // Without a definition only this distinguishes pointers from bytes.
       if (item.field == nullptr) out_ += "{\"pointer\": ";
       addPointer(*item.pointer);
       if (item.field == nullptr) out_ += '}';
@@ -380,12 +379,6 @@ class NamedJson {
     out_ += "\n  ]";
   }
 
-  Console &console_;
-  const ChainDefinitions &definitions_;
-  const PackedChain &chain_;
-  const ChainSelection &selection_;
-  SegmentNumbers numbers_;
-  SegmentItems items_;
   std::string out_;
 };
 

@@ -1,5 +1,5 @@
-// A packed chain with the names and types of its definitions: a list for people, a graph as JSON
-// for programs and for --encode.
+// Writes a packed chain with the names and types of its definitions: a list for people, or a graph
+// as JSON for programs and for --encode.
 #pragma once
 
 #include <optional>
@@ -12,17 +12,18 @@
 
 namespace memtool {
 
-// All three: REQUIRES definitions that were checked against the chain.
+// All three REQUIRE definitions that were checked against the chain.
 
-// References that lead to another kind than their definition says; none where all are right.
+// A message on the first reference that leads to another kind than its definition says; none when
+// all are right.
 std::optional<std::string> wrongReference(const ChainDefinitions &definitions,
                                           const PackedChain &chain);
 
 void printNamedChain(Console &console, const std::string &name, const ChainDefinitions &definitions,
                      const PackedChain &chain, const ChainSelection &selection);
 
-// Piece by piece. Texts stand with every pointer to them: throws ToolError when all together would
-// pass 1 GB.
+// Writes piece by piece. A text is repeated for every pointer to it; throws ToolError when the
+// texts would exceed 1 GB.
 void writeNamedChainJson(Console &console, const ChainDefinitions &definitions,
                          const PackedChain &chain, const ChainSelection &selection);
 

@@ -15,7 +15,7 @@ namespace {
 
 constexpr char kEbcdicBlank = 0x40;
 
-// A number of 1, 2, 4 or 8 bytes in the order of its writer.
+// A number of 1, 2, 4 or 8 bytes in its writer's byte order.
 std::uint64_t numberAt(bool isBigEndian, std::string_view bytes) {
   std::uint64_t number = 0;
   for (std::size_t i = 0; i < bytes.size(); ++i) {
@@ -38,7 +38,7 @@ std::optional<PortJson> numberValue(bool isBigEndian, ChainType type, std::strin
       return finite(std::bit_cast<float>(static_cast<std::uint32_t>(bits)));
     case ChainType::Double:
       return finite(std::bit_cast<double>(bits));
-    case ChainType::UBigInt:  // as text: programs that know doubles only would change them
+    case ChainType::UBigInt:  // as text: programs that only know doubles would change them
       return PortJson(std::to_string(bits));
     case ChainType::BigInt:
       return PortJson(std::to_string(static_cast<std::int64_t>(bits)));
@@ -53,7 +53,7 @@ std::optional<PortJson> numberValue(bool isBigEndian, ChainType type, std::strin
   }
 }
 
-// Without letters and digits only blanks tell the code of an EBCDIC writer's text.
+// In text without letters and digits, only blanks show whether it is EBCDIC or ASCII.
 bool isEbcdicText(std::string_view text) {
   const auto isForeign = [](char c) { return (c & 0x80) != 0; };
   const auto isBlank = [](char c) { return c == kEbcdicBlank || c == 0; };
@@ -70,7 +70,7 @@ PortJson narrowValue(const Version &writer, std::string_view bytes) {
   return utf8;
 }
 
-// None for 4-byte characters that are none.
+// None for invalid 4-byte characters.
 std::optional<PortJson> wideValue(const Version &writer, std::string_view bytes) {
   if (writer.wideSize == 2) {
     std::u16string units;
@@ -88,7 +88,7 @@ std::optional<PortJson> wideValue(const Version &writer, std::string_view bytes)
   return PortJson(utf8);
 }
 
-// Up to the first zero character; none without one.
+// The bytes before the first zero character; none without one.
 std::optional<std::string_view> untilZero(std::string_view bytes, std::size_t size) {
   for (std::size_t at = 0; at + size <= bytes.size(); at += size) {
     const std::string_view character = bytes.substr(at, size);
@@ -182,7 +182,7 @@ MEMFieldType portTypeOf(ChainType type) {
   }
 }
 
-// Bytes that a value without a length of its own takes.
+// The bytes of a value for a field without a length.
 std::size_t lengthOf(ChainType type, const PortJsonNode &node) {
   switch (type) {
     case ChainType::Char:
@@ -233,7 +233,7 @@ PortJson chainTextValue(const PackedChain &chain, const Text &text) {
   const std::uint32_t zero = text.isWide ? writer.wideSize : 1;
   const std::string_view bytes = chain.bytesAt(text.place, text.length - zero);
   if (!text.isWide) return narrowValue(writer, bytes);
-  return wideValue(writer, bytes).value_or(PortJson());  // only characters were read as such
+  return wideValue(writer, bytes).value_or(PortJson());  // valid: checked when the text was read
 }
 
 PortShown showChainValue(const ChainFieldDefinition &field, const PortJson &value,

@@ -1,4 +1,4 @@
-// Values of named fields between the bytes of a segment and JSON.
+// Converts values of named fields between the bytes of a segment and JSON.
 #pragma once
 
 #include <optional>
@@ -12,21 +12,22 @@
 
 namespace memtool {
 
-// A value of a field that is no pointer: a number, text, bytes, or an array of numbers. None when
-// the bytes cannot be what the type says (text without an end, a number that JSON does not have).
+// The value of a field that is not a pointer: a number, text, bytes, or an array of numbers. None
+// when the bytes are invalid for the type (text without a terminator, a number that JSON does not
+// have).
 std::optional<PortJson> chainValue(const Version &writer, const ChainFieldDefinition &field,
                                    std::string_view bytes);
 
-// A text that a pointer leads to, without its terminator. Loses nothing: what is no valid Unicode
-// becomes {"hex": …} or {"units": […]}.
+// A text that a pointer leads to, without its terminator. Nothing is lost: invalid Unicode becomes
+// {"hex": …} or {"units": […]}.
 PortJson chainTextValue(const PackedChain &chain, const Text &text);
 
-// On one line, at most `most` characters of text and bytes.
+// The value on one line, with at most `most` characters of text and bytes.
 PortShown showChainValue(const ChainFieldDefinition &field, const PortJson &value,
                          std::size_t most);
 
-// The bytes of a value in this machine's order, as many as the field has; of a field to the end of
-// its segment as many as the value has. Throws ToolError with line and column.
+// The bytes of a value in this machine's byte order: as many as the field has, or as the value has
+// for a field to the end of its segment. Throws ToolError with line and column.
 std::string chainValueBytes(const ChainFieldDefinition &field, const PortJsonNode &node);
 
 }  // namespace memtool

@@ -1,4 +1,4 @@
-// Where the program writes, and whether a person reads it.
+// The program's output: its streams, and whether they are terminals.
 #pragma once
 
 #include <fmt/format.h>
@@ -13,14 +13,14 @@
 
 namespace memtool {
 
-// What a piece of text is; each kind has its colour.
+// The kind of a piece of text; each kind has its colour.
 enum class Ink { Plain, Heading, Name, Place, Text, Dim, Good, Bad };
 
-// One thread at a time.
+// For one thread at a time.
 class Console {
  public:
   struct Traits {
-    bool hasColour = false;      // stdout shows colours
+    bool hasColour = false;      // stdout is a terminal with colours
     bool showsProgress = false;  // stderr is a terminal
     int width = 80;              // columns of that terminal
   };
@@ -41,11 +41,11 @@ class Console {
   std::ostream &err() { return err_; }
   const Traits &traits() const { return traits_; }
 
-  // Failures are written as JSON from now on.
+  // From now on failures are written as JSON.
   void useJsonErrors() { hasJsonErrors_ = true; }
   bool hasJsonErrors() const { return hasJsonErrors_; }
 
-  // `text` in its kind's colour where the terminal shows colours.
+  // `text` in its kind's colour if stdout shows colours.
   std::string paint(Ink ink, std::string_view text) const;
 
  private:
@@ -55,8 +55,8 @@ class Console {
   bool hasJsonErrors_ = false;
 };
 
-// A failure: one line on stderr, whatever the text quotes. As JSON it is an object with the text,
-// the exit code and `details`.
+// Writes a failure as one line on stderr, whatever the text contains. As JSON it is an object with
+// the text, the exit code and `details`.
 void complain(Console &console, ExitCode code, std::string_view text);
 void complain(Console &console, ExitCode code, std::string_view text,
               const nlohmann::ordered_json &details);

@@ -1,4 +1,4 @@
-// The ways in which the program ends. A failure is one line on stderr and an exit code.
+// Exit codes and exceptions. A failure is one line on stderr and an exit code.
 #pragma once
 
 #include <stdexcept>
@@ -7,19 +7,19 @@ namespace memtool {
 
 enum ExitCode {
   kExitFine = 0,
-  kExitFault = 1,  // what was read is damaged or not what it should be, or the operation failed
-  kExitUsage = 2,  // the arguments make no sense
+  kExitFault = 1,  // the input is damaged or different, or the operation failed
+  kExitUsage = 2,  // the arguments are wrong
   kExitFile = 3    // something cannot be read or written
 };
 
-// What the user named cannot be read, written or used, or a service of the library failed. The text
-// is one line without the program's name; it tells what to do where that is not plain.
+// An input is invalid, an operation is impossible, or a service of the library failed. The text is
+// one line without the program's name. It says what to do if that is not evident.
 class ToolError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// A file, a stream or the library itself cannot be read or written, or storage is missing for it.
+// A file, a stream or the library itself cannot be read or written.
 class FileError : public ToolError {
  public:
   using ToolError::ToolError;
@@ -31,7 +31,7 @@ class UnknownValue : public ToolError {
   using ToolError::ToolError;
 };
 
-// Arguments that each have the right form but do not go together.
+// Arguments that are valid, but not together.
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

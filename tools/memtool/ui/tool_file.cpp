@@ -24,7 +24,7 @@ std::string reason(int code) {
 }
 
 std::string readInput() {
-  if (std::cin.eof()) throw FileError("standard input can be read once");
+  if (std::cin.eof()) throw FileError("standard input can be read only once");
   platform::makeInputBinary();
   std::string bytes(std::istreambuf_iterator<char>(std::cin), {});
   if (std::cin.bad()) throw FileError("cannot read standard input");
@@ -35,7 +35,7 @@ std::string readInput() {
   throw FileError("cannot write " + name + ": " + reason(code));
 }
 
-// True when all bytes are in the file; errno tells why not.
+// True when all bytes are in the file; else errno is the reason.
 bool tryWrite(const std::filesystem::path &path, std::string_view bytes) {
   errno = 0;
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
@@ -44,8 +44,8 @@ bool tryWrite(const std::filesystem::path &path, std::string_view bytes) {
   return !file.fail();
 }
 
-// A name beside the file that nothing has.
-std::filesystem::path freeNameBeside(const std::filesystem::path &path) {
+// An unused name in the file's folder.
+std::filesystem::path unusedNameNextTo(const std::filesystem::path &path) {
   std::random_device random;
   std::filesystem::path free;
   std::error_code ignored;
@@ -56,8 +56,8 @@ std::filesystem::path freeNameBeside(const std::filesystem::path &path) {
   return free;
 }
 
-// The file that a rename may replace: a regular one without other names, which the user may write
-// on. Links are followed.
+// The path of the file if a rename may replace it: a regular file with one name that the user may
+// write to. Links are followed. Else an empty path.
 std::filesystem::path replaceable(const std::filesystem::path &path) {
   std::error_code failed;
   const std::filesystem::path real = std::filesystem::canonical(path, failed);
@@ -67,11 +67,11 @@ std::filesystem::path replaceable(const std::filesystem::path &path) {
   return real;
 }
 
-// Replaces an old file by a new one, which has its mode before it has its bytes. False when there
-// can be no file beside it. Throws FileError when the bytes cannot be written; the old file is as
-// it was then.
+// Replaces the old file by a new one, which gets the old one's mode before its bytes. False when no
+// file can be made in that folder. Throws FileError when the bytes cannot be written; the old file
+// is unchanged then.
 bool replace(const std::string &name, const std::filesystem::path &real, std::string_view bytes) {
-  const std::filesystem::path fresh = freeNameBeside(real);
+  const std::filesystem::path fresh = unusedNameNextTo(real);
   std::error_code failed;
   if (!tryWrite(fresh, {})) return false;
   std::filesystem::permissions(fresh, std::filesystem::status(real, failed).permissions(), failed);

@@ -1,4 +1,4 @@
-// Whole files as bytes, in binary form on every platform. Names are UTF-8.
+// Reads and writes whole files as bytes, in binary mode on every platform. Names are UTF-8.
 #pragma once
 
 #include <string>
@@ -6,13 +6,12 @@
 
 namespace memtool {
 
-// "-" is standard input, once in a run. Throws FileError with the reason when the file cannot be
-// read.
+// "-" is standard input, which can be read once in a run. Throws FileError with the reason.
 std::string readFile(const std::string &name);
 
-// An old file is replaced when the new one is whole, and keeps its mode; links are followed. What
-// is no regular file, or has several names, is written as it stands. Throws FileError with the
-// reason when the file cannot be written; a new file begun is removed then.
+// Writes a new file first, and then replaces the old file by it, with the old file's mode; links
+// are followed. A file that is not regular or has several names is overwritten in place. Throws
+// FileError with the reason; an incomplete new file is removed.
 void writeFile(const std::string &name, std::string_view bytes);
 
 }  // namespace memtool

@@ -1,4 +1,4 @@
-// The library in use: loaded, bound to a reference host, with the process and this thread started.
+// The running library: loaded, bound to a reference host, with process and thread started.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@
 
 namespace memtool {
 
-// A service failed. The text names it, the code with its name and message, and what the library
-// said.
+// A service failed. The text has the service, the code with its name and message, and the text that
+// the library recorded.
 class ServiceError : public ToolError {
  public:
   ServiceError(const std::string &what, std::uint32_t errorCode)
@@ -21,10 +21,10 @@ class ServiceError : public ToolError {
   std::uint32_t code;
 };
 
-// One at a time, on one thread.
+// One object at a time, on one thread.
 class RunningLibrary {
  public:
-  // The library beside the program when the path is empty. Throws ToolError when it cannot be
+  // With an empty path, the library in the program's folder. Throws ToolError when it cannot be
   // loaded or started.
   explicit RunningLibrary(const std::filesystem::path &path);
 

@@ -1,5 +1,4 @@
-// What differs between the platforms: the terminal, names of files, and how a program gets its
-// arguments.
+// Functions that differ between the platforms: for the terminal, names of files and arguments.
 #pragma once
 
 #include <cstdint>
@@ -11,20 +10,19 @@ namespace memtool::platform {
 
 enum class Stream { Out, Err };
 
-// True when what is written there is read by a person, not by a program or a file.
+// True when the stream is a terminal, not a file or a pipe.
 bool isTerminal(Stream stream);
 
-// Columns of the terminal behind stderr; 80 when it does not tell.
+// Columns of stderr's terminal; 80 when unknown.
 int terminalWidth();
 
-// Makes a terminal show UTF-8 and colours. Nothing happens to what is no terminal.
+// Makes terminals show UTF-8 and colours.
 void prepareTerminal();
 
-// Standard input gives its bytes as they are from now on.
+// From now on standard input returns its bytes unchanged.
 void makeInputBinary();
 
-// How many names a file has; 0 when that cannot be found out. The C++ runtime of mingw-w64 counts
-// one always.
+// How many names a file has; 0 when that is unknown. (The C++ runtime of mingw-w64 always says 1.)
 std::uintmax_t nameCount(const std::filesystem::path &file);
 
 // The program's arguments without its name, in UTF-8.

@@ -1,4 +1,4 @@
-// A progress bar on the terminal for work that takes longer than a moment.
+// Shows a progress bar on the terminal for work that takes longer than half a second.
 #pragma once
 
 #include <chrono>
@@ -9,8 +9,8 @@
 
 namespace memtool {
 
-// The bar stands on one line of stderr from half a second after construction until destruction,
-// when the line is cleared. Nothing is written where stderr is no terminal. One thread at a time.
+// Draws the bar on one line of stderr from half a second after construction on; the destructor
+// clears the line. Writes nothing when stderr is not a terminal. For one thread at a time.
 class Progress {
  public:
   Progress(Console &console, std::string label, std::uint64_t total);
@@ -18,7 +18,7 @@ class Progress {
   Progress(const Progress &) = delete;
   Progress &operator=(const Progress &) = delete;
 
-  // `done` of `total` is done. Cheap enough for every step of a loop.
+  // Sets the progress to `done` of `total`. Cheap enough for every step of a loop.
   void update(std::uint64_t done) {
     if (isShown_ && (++calls_ & 0xFFU) == 0) redraw(done);
   }

@@ -16,7 +16,7 @@ constexpr const char *kBaseStyles =
     "  .dim { fill: #777; }\n"
     "  .ground { fill: #fff; }\n";
 
-// Code points of which XML allows none, beside the control characters.
+// U+FFFE and U+FFFF, which XML does not allow. (It does not allow control characters either.)
 bool isOutsideXml(std::string_view rest) {
   return rest.starts_with("\xEF\xBF\xBE") || rest.starts_with("\xEF\xBF\xBF");
 }
@@ -48,14 +48,15 @@ bool isTrail(char byte) {
   return (static_cast<std::uint8_t>(byte) & 0xC0U) == 0x80U;
 }
 
-// Bytes of the character at the front. REQUIRES: valid UTF-8, not empty.
+// The number of bytes of the first character. REQUIRES: valid UTF-8, not empty.
 std::size_t characterBytes(std::string_view utf8) {
   std::size_t bytes = 1;
   while (bytes < utf8.size() && isTrail(utf8[bytes])) ++bytes;
   return bytes;
 }
 
-// Scripts with wide characters begin at U+1100; between them and the CJK ranges lie few others.
+// An approximation: U+1100 to U+113F, U+3000 to U+DFFF, U+F900 to U+FF7F and all characters of 4
+// bytes are wide.
 std::size_t characterColumns(std::string_view character) {
   const auto lead = static_cast<std::uint8_t>(character[0]);
   const bool isWide = lead >= 0xF0 || (lead >= 0xE3 && lead <= 0xED) ||

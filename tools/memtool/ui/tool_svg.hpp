@@ -1,4 +1,4 @@
-// SVG pictures: shapes with classes of one style sheet, on a white ground.
+// Makes SVG pictures: shapes with classes of one style sheet, on a white ground.
 #pragma once
 
 #include <cstddef>
@@ -10,11 +10,10 @@ namespace memtool {
 // Width of a character in texts of class "mono", in the picture's units.
 inline constexpr double kCharWidth = 6.7;
 
-// Columns that valid UTF-8 takes in a font with fixed widths; East Asian characters and pictures
-// take two.
+// The columns of valid UTF-8 in a font with fixed widths. East Asian characters and emoji take two.
 std::size_t displayColumns(std::string_view utf8);
 
-// `text`, cut to `columns` with an ellipsis where it is longer.
+// The text, cut to `columns` with an ellipsis if it is longer.
 std::string fitted(std::string_view utf8, std::size_t columns);
 
 // How many characters of class "mono" fit.
@@ -22,7 +21,7 @@ std::size_t columnsIn(double width);
 
 class Svg {
  public:
-  // `styles` are CSS rules for the classes; "mono" and "label" are there already.
+  // `styles` are CSS rules for the classes; "mono", "label" and "dim" are predefined.
   Svg(std::string title, std::string styles)
       : title_(std::move(title)), styles_(std::move(styles)) {}
 
@@ -30,9 +29,9 @@ class Svg {
   // `y` is the base line.
   void text(double x, double y, std::string_view className, std::string_view text);
   void line(double x1, double y1, double x2, double y2, std::string_view className);
-  // Path data; with an arrow head of the class's colour where `hasArrow`.
+  // Draws path data, with the class's arrow head if `hasArrow`.
   void path(std::string_view data, std::string_view className, bool hasArrow);
-  // A head for the arrows of a class.
+  // Defines the arrow head of a class.
   void defineArrow(std::string_view className, std::string_view colour);
 
   std::string finish(double width, double height) const;

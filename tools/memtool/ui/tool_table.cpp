@@ -25,7 +25,7 @@ std::vector<std::size_t> Table::widths() const {
 std::string Table::text(const Console &console, std::size_t indent) const {
   const std::vector<std::size_t> widths = this->widths();
   std::string text;
-  // Blanks are written in front of a cell only, so that no line ends with any.
+  // Blanks are written only before a cell, so that no line ends with blanks.
   const auto addLine = [&](const std::vector<Cell> &row) {
     std::size_t blanks = indent;
     for (std::size_t i = 0; i < row.size(); ++i) {

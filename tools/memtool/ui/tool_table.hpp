@@ -1,4 +1,4 @@
-// Tables of aligned columns.
+// Formats tables of aligned columns.
 #pragma once
 
 #include <string>
@@ -15,17 +15,17 @@ struct Cell {
 
 struct Column {
   std::string title;
-  bool isRight = false;  // numbers stand at the right
+  bool isRight = false;  // aligned to the right, for numbers
 };
 
 class Table {
  public:
   explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
-  // A row may be shorter than the table.
+  // A row may have fewer cells than the table has columns.
   void add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
 
-  // Titles and rows, each on a line that begins with `indent` blanks and ends without any.
+  // Titles and rows, each on a line that begins with `indent` blanks and does not end with blanks.
   std::string text(const Console &console, std::size_t indent = 2) const;
 
  private:

@@ -14,8 +14,8 @@ bool isTrail(char byte) {
   return (static_cast<std::uint8_t>(byte) & 0xC0U) == 0x80U;
 }
 
-// Takes one character off the front of `text`, or one byte that is none and stands for U+FFFD.
-// REQUIRES: the text is not empty.
+// Removes and returns the first character of `text`; for an invalid byte, removes that byte and
+// returns U+FFFD. REQUIRES: the text is not empty.
 char32_t takeCharacter(std::string_view &text) {
   constexpr std::size_t kMostBytes = 4;
   if (utf8::find_invalid(text.substr(0, kMostBytes)) == 0) {

@@ -1,5 +1,5 @@
-// Text between UTF-8, which the program writes, and what libraries and files hold; and how text
-// that may hold anything is shown.
+// Converts text to and from UTF-8, which the program writes, and formats text and numbers for
+// output.
 #pragma once
 
 #include <cstddef>
@@ -22,21 +22,22 @@ std::string utf8FromUtf16(std::u16string_view text);
 std::filesystem::path pathFromUtf8(std::string_view text);
 std::string utf8FromPath(const std::filesystem::path &path);
 
-// `text`, which may be any bytes, as valid UTF-8: bytes that belong to no character become U+FFFD.
+// `text`, which may be any bytes, as valid UTF-8: bytes that are not part of a character become
+// U+FFFD.
 std::string validUtf8(std::string_view text);
 bool isValidUtf8(std::string_view text);
 
-// Text in quotes on one line: quotes and backslashes escaped, control characters as "\x0A". Longer
-// texts are cut to `most` characters and end with an ellipsis behind the quotes.
+// Text in quotes on one line: quotes and backslashes are escaped, control characters become "\x0A".
+// Longer texts are cut to `most` characters and end with an ellipsis after the closing quote.
 std::string inQuotes(std::string_view utf8, std::size_t most = SIZE_MAX);
 
-// Length in characters of valid UTF-8; each of them is taken to be one column wide.
+// Length of valid UTF-8 in characters, each counted as one column.
 std::size_t columnsOf(std::string_view utf8);
 
 // "1,234,567".
 std::string grouped(std::uint64_t number);
 
-// A whole number of things: "1 block", "2,000 blocks".
+// A number of things: "1 block", "2,000 blocks".
 std::string countOf(std::uint64_t count, std::string_view thing);
 
 }  // namespace memtool

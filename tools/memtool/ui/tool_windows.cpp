@@ -19,7 +19,7 @@ HANDLE handleOf(Stream stream) {
 
 }  // namespace
 
-// Only a console has a mode.
+// Only consoles have a mode.
 bool isTerminal(Stream stream) {
   DWORD mode = 0;
   return GetConsoleMode(handleOf(stream), &mode) != 0;
@@ -32,7 +32,7 @@ int terminalWidth() {
 }
 
 void prepareTerminal() {
-  // What is written is what comes out: a line end in an encoded text is part of it.
+  // Line ends are not translated: they may be part of an encoded text.
   _setmode(_fileno(stdout), _O_BINARY);
   for (const Stream stream : {Stream::Out, Stream::Err}) {
     DWORD mode = 0;
@@ -56,9 +56,9 @@ std::uintmax_t nameCount(const std::filesystem::path &file) {
   return isKnown ? found.nNumberOfLinks : 0;
 }
 
-// `main` gets its arguments in the process's code page, which cannot hold every path.
+// `main` gets its arguments in the process's code page, which cannot express every path.
 std::vector<std::string> programArguments(int, const char *const *) {
-  static_assert(sizeof(wchar_t) == sizeof(char16_t), "Windows hands over UTF-16");
+  static_assert(sizeof(wchar_t) == sizeof(char16_t), "Windows passes UTF-16");
   int count = 0;
   LPWSTR *values = CommandLineToArgvW(GetCommandLineW(), &count);
   std::vector<std::string> arguments;

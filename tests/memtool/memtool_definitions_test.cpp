@@ -315,7 +315,7 @@ struct Tail {
   std::uint16_t kind;
   std::uint32_t first;
   Plain *pOwner;
-  std::uint8_t rest[1];
+  std::uint8_t rest[2];
 };
 struct Sized {
   std::uint16_t length;

@@ -223,7 +223,6 @@ class GraphsTest(unittest.TestCase):
 
     def test_encoded_by_memtool_with_defaults(self) -> None:
         chance = random.Random(SEED)
-        same = 0
         with qj7mem00.Process(), Memtool() as memtool:
             for number, defs in enumerate(definition_sets(DEFAULT_SETS)):
                 add_defaults(defs, chance)
@@ -237,11 +236,7 @@ class GraphsTest(unittest.TestCase):
                     with self.subTest(set=number, turn=turn, seed=SEED):
                         self.assertEqual(shown_by(memtool, text), back)
                         encoded = encoded_by(memtool, Listing(definitions).make(graph))
-                        same += encoded == text
-                        if encoded != text:  # an embedded structure without its elements
-                            with self.assertRaises(qj7mem00.MemError):
-                                qj7mem00.read_port_string(encoded, definitions)
-        self.assertGreater(same, 4 * DEFAULT_SETS * 9 // 10)
+                        self.assertEqual(encoded, text)
 
     def assert_holds(self, wanted: Any, found: Any, definitions: Definitions,
                      done: set[int]) -> None:

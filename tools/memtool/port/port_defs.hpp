@@ -48,6 +48,7 @@ struct PortStructDefinition {
 
   bool hasRepeatField() const { return countField != MEM_PORT_NO_COUNT; }
   const PortFieldDefinition &repeatField() const { return fields.back(); }
+  const PortFieldDefinition &count() const { return fields[static_cast<std::size_t>(countField)]; }
   bool isRepeatField(std::size_t index) const {
     return hasRepeatField() && index + 1 == fields.size();
   }

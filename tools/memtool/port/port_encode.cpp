@@ -64,11 +64,13 @@ class GraphMaker {
   const MadeStructure &root() const;
   const PortFieldDefinition &fieldOf(const PortStructDefinition &definition,
                                      const PortJsonNode &fields, const std::string &key) const;
-  std::int64_t elementsIn(const PortStructDefinition &definition, const PortJsonNode &fields) const;
+  std::int64_t elementsIn(const PortStructDefinition &definition, const PortJsonNode &fields,
+                          std::int64_t undescribed = 0) const;
 
-  void fill(const PortStructDefinition &definition, const PortJsonNode &fields, MadePlace place);
-  void fillCount(const PortStructDefinition &definition, const PortJsonNode &fields,
-                 const std::vector<bool> &isSet, MadePlace place);
+  void fill(const PortStructDefinition &definition, const PortJsonNode &fields, MadePlace place,
+            std::int64_t elements);
+  void fillCount(const PortStructDefinition &definition, const PortJsonNode &fields, bool isSet,
+                 MadePlace place, std::int64_t elements);
   void fillField(const PortFieldDefinition &field, const PortJsonNode &node, MadePlace place,
                  std::int64_t offset);
   void fillNumber(const PortFieldDefinition &field, const PortJsonNode &node, std::byte *to);
@@ -77,7 +79,9 @@ class GraphMaker {
   const char16_t *keepWideString(const PortJsonNode &node);
   void complete(const PortStructDefinition &definition, const PortJsonNode &fields,
                 const std::vector<bool> &isSet, MadePlace place);
-  void applyDefault(const PortFieldDefinition &field, MadePlace structure);
+  void applyDefault(const PortFieldDefinition &field, const PortJsonNode &fields,
+                    MadePlace structure);
+  void fillAbsent(const PortFieldDefinition &field, const PortJsonNode &fields, MadePlace place);
 
   void verify(const PortStructDefinition &definition, const PortJsonNode &node, MadePlace place);
   bool isValid(const PortFieldDefinition &field, const void *address) const;
@@ -96,7 +100,9 @@ class GraphMaker {
 const MadeStructure &GraphMaker::run() {
   addStructures();
   for (MadeStructure &made : structures_) {
-    fill(*made.definition, made.node.at("fields"), {made.bytes.get(), made.length});
+    const PortJsonNode fields = made.node.at("fields");
+    fill(*made.definition, fields, {made.bytes.get(), made.length},
+         elementsIn(*made.definition, fields));
   }
   for (MadeStructure &made : structures_) {
     verify(*made.definition, made.node, {made.bytes.get(), made.length});
@@ -149,26 +155,39 @@ const PortFieldDefinition &GraphMaker::fieldOf(const PortStructDefinition &defin
   return *field;
 }
 
-// Elements of the array that the last field is; 0 when it is absent.
+// Elements of the array that the last field is. `undescribed` is their number if neither the array
+// nor its count is described.
 std::int64_t GraphMaker::elementsIn(const PortStructDefinition &definition,
-                                    const PortJsonNode &fields) const {
+                                    const PortJsonNode &fields, std::int64_t undescribed) const {
   if (!fields.json().is_object()) fields.fail("expected an object");
   if (!definition.hasRepeatField()) return 1;
   const PortFieldDefinition &repeat = definition.repeatField();
+  bool isDescribed = false;
   std::int64_t elements = 0;
   for (const auto &[key, value] : fields.json().items()) {
-    if (&fieldOf(definition, fields, key) != &repeat) continue;
+    const PortFieldDefinition &field = fieldOf(definition, fields, key);
+    isDescribed = isDescribed || &field == &repeat || &field == &definition.count();
+    if (&field != &repeat) continue;
     if (!value.is_array()) fields.member(repeat.name, value).fail("expected an array");
     elements = static_cast<std::int64_t>(value.size());
   }
+  if (!isDescribed) elements = undescribed;
   if (elements > kMostStorage / repeat.record.Length) fields.fail("too many elements");
   return elements;
 }
 
+// Elements of an embedded structure that fill its field. Readers refuse fewer.
+std::int64_t elementsToFill(const PortFieldDefinition &field) {
+  const PortStructDefinition &embedded = *field.target;
+  if (!embedded.hasRepeatField()) return 1;
+  const std::int64_t room = field.record.Length - embedded.lengthWith(0);
+  return std::max<std::int64_t>(room / embedded.repeatField().record.Length, 0);
+}
+
 void GraphMaker::fill(const PortStructDefinition &definition, const PortJsonNode &fields,
-                      MadePlace place) {
+                      MadePlace place, std::int64_t elements) {
   std::vector<bool> isSet(definition.fields.size(), false);
-  const std::int64_t length = definition.lengthWith(elementsIn(definition, fields));
+  const std::int64_t length = definition.lengthWith(elements);
   if (!place.holds(0, length)) {
     fields.fail(fmt::format("{} bytes; there is room for {}", length, place.length));
   }
@@ -189,6 +208,15 @@ void GraphMaker::fill(const PortStructDefinition &definition, const PortJsonNode
     }
   }
   complete(definition, fields, isSet, place);
+  if (!definition.hasRepeatField()) return;
+  if (!isSet.back()) {
+    for (std::int64_t i = 0; i < elements; ++i) {
+      const PortFieldDefinition &repeat = definition.repeatField();
+      fillAbsent(repeat, fields, place.within(repeat.record.Offset + i * repeat.record.Length));
+    }
+  }
+  const bool isCountSet = isSet[static_cast<std::size_t>(definition.countField)];
+  fillCount(definition, fields, isCountSet, place, elements);
 }
 
 // What the description leaves out has its default, as if a reader had not found it.
@@ -207,18 +235,15 @@ void GraphMaker::complete(const PortStructDefinition &definition, const PortJson
     if (field.record.Required != 0 && field.record.NotPorted == 0) {
       fields.fail(fmt::format("field {} is required", field.name));
     }
-    applyDefault(field, place);
+    applyDefault(field, fields, place);
   }
-  if (definition.hasRepeatField()) fillCount(definition, fields, isSet, place);
 }
 
 // A count field that is not described follows from the array.
 void GraphMaker::fillCount(const PortStructDefinition &definition, const PortJsonNode &fields,
-                           const std::vector<bool> &isSet, MadePlace place) {
-  const auto index = static_cast<std::size_t>(definition.countField);
-  const PortFieldDefinition &field = definition.fields[index];
-  const std::int64_t elements = elementsIn(definition, fields);
-  if (!isSet[index]) {
+                           bool isSet, MadePlace place, std::int64_t elements) {
+  const PortFieldDefinition &field = definition.count();
+  if (!isSet) {
     const PortJson count = definition.countOf(elements);
     return fillField(field, fields.member(field.name, count), place, field.record.Offset);
   }
@@ -230,7 +255,8 @@ void GraphMaker::fillCount(const PortStructDefinition &definition, const PortJso
   }
 }
 
-void GraphMaker::applyDefault(const PortFieldDefinition &field, MadePlace structure) {
+void GraphMaker::applyDefault(const PortFieldDefinition &field, const PortJsonNode &fields,
+                              MadePlace structure) {
   if (!structure.holds(field.record.Offset, field.storedLength())) return;  // without elements
   std::byte *const to = structure.bytes + field.record.Offset;
   const auto length = static_cast<std::size_t>(field.record.Length);
@@ -260,7 +286,30 @@ void GraphMaker::applyDefault(const PortFieldDefinition &field, MadePlace struct
     case MEM_PORT_PNT:
       return;
     default:
+      if (field.type == MEM_PORT_SUBSTRUCTURE && field.defaultBytes.empty()) {
+        return fillAbsent(field, fields, structure.within(field.record.Offset));
+      }
       std::memcpy(to, field.defaultBytes.data(), field.defaultBytes.size());
+  }
+}
+
+// An embedded structure of zeros, which needs the count of the elements that fill its field.
+void GraphMaker::fillAbsent(const PortFieldDefinition &field, const PortJsonNode &fields,
+                            MadePlace place) {
+  if (field.type != MEM_PORT_SUBSTRUCTURE) return;
+  const PortStructDefinition &embedded = *field.target;
+  const std::int64_t elements = elementsToFill(field);
+  if (embedded.hasRepeatField()) {
+    const PortJson count = embedded.countOf(elements);
+    const PortJsonNode node = fields.member(field.name, count);
+    fillField(embedded.count(), node, place, embedded.count().record.Offset);
+  }
+  for (std::size_t i = 0; i < embedded.fields.size(); ++i) {
+    const PortFieldDefinition &inner = embedded.fields[i];
+    const std::int64_t times = embedded.isRepeatField(i) ? elements : 1;
+    for (std::int64_t k = 0; k < times; ++k) {
+      fillAbsent(inner, fields, place.within(inner.record.Offset + k * inner.record.Length));
+    }
   }
 }
 
@@ -283,7 +332,8 @@ void GraphMaker::fillField(const PortFieldDefinition &field, const PortJsonNode 
     case MEM_PORT_WPSTR:
       return store(to, keepWideString(node));
     case MEM_PORT_SUBSTRUCTURE:
-      return fill(*field.target, node, place.within(offset));
+      return fill(*field.target, node, place.within(offset),
+                  elementsIn(*field.target, node, elementsToFill(field)));
     default: {
       const std::string bytes = portFieldBytes(field.type, field.record.Length, node);
       std::memcpy(to, bytes.data(), bytes.size());

@@ -482,6 +482,39 @@ TEST_F(MemtoolPortTest, DefaultsAndCounts) {
             std::string::npos);
 }
 
+// The reader refuses an embedded structure that does not fill its field.
+TEST_F(MemtoolPortTest, EmbeddedArraysThatAreNotDescribedFillTheirField) {
+  writeBytes("defs.json", R"({"structures": [
+      {"id": 5, "name": "Row", "length": 8, "countField": "count", "fields": [
+          {"id": 1, "name": "count", "type": "ULong", "offset": 0},
+          {"id": 2, "name": "values", "type": "ULong", "offset": 4}]},
+      {"id": 6, "name": "Sheet", "length": 16, "countField": "rows", "fields": [
+          {"id": 1, "name": "rows", "type": "ULong", "offset": 0},
+          {"id": 2, "name": "row", "type": "Substructure", "structure": "Row", "offset": 4,
+           "length": 12}]},
+      {"id": 7, "name": "Book", "length": 44, "fields": [
+          {"id": 1, "name": "key", "type": "ULong", "offset": 0},
+          {"id": 2, "name": "sheet", "type": "Substructure", "structure": "Sheet", "offset": 4,
+           "length": 28},
+          {"id": 3, "name": "row", "type": "Substructure", "structure": "Row", "offset": 32,
+           "length": 12}]}]})");
+  const std::string row = "(5,2<1N2/2N/2N>)";
+  const std::string book =
+      portText("(7<1N7/2E(6,2<1N2/2E" + row + "/2E" + row + ">)/3E" + row + ">)");
+  for (const char *fields :
+       {R"("key": 7)", R"("key": 7, "row": {})",
+        R"("key": 7, "sheet": {}, "row": {"values": [0, 0]})",
+        R"("key": 7, "sheet": {"row": [{}, {}]}, "row": {"count": 2, "values": [0, 0]})"}) {
+    SCOPED_TRACE(fields);
+    writeBytes("graph.json", std::string(R"({"structures": [{"structure": "Book", "fields": {)") +
+                                 fields + "}}]}");
+    EXPECT_EQ(outputOf({"port", "--encode", "graph.json", "--defs", "defs.json"}), book);
+  }
+  writeBytes("book.port", book);
+  EXPECT_NE(outputOf({"port", "book.port", "--check", "--defs", "defs.json"}).find("valid"),
+            std::string::npos);
+}
+
 // A field that the text did not tell, of several in one place.
 TEST_F(MemtoolPortTest, AlternativesOfAPointer) {
   writeBytes("defs.json", R"({"structures": [{"id": 1, "name": "S", "length": 16, "fields": [

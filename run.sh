@@ -4,8 +4,8 @@
 # arguments the program runs once, with these. It writes only to build/, unless an argument names
 # another file.
 #
-#   ./run.sh [--windows] [arguments of the program; --help lists them]
-#   ./run.sh --exchange [--workers N] [--redis [URL]] [further arguments; --help lists them]
+#   ./run.sh [--windows] [arguments of the program: build/release/bin/catalog --help lists them]
+#   ./run.sh --exchange [--workers N] [--redis [URL]] [further arguments: exchange --help lists them]
 #
 # --windows   the Windows build of the same program, under Wine
 # --exchange  several processes that send each other packed chains, on Linux only: through pipes, a
@@ -14,6 +14,11 @@
 # Installs missing packages.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+
+if [[ ${1-} == --help ]]; then
+  sed -n '2,/^set /s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
+  exit
+fi
 
 preset=release
 jobs=linux

@@ -694,7 +694,8 @@ TEST_F(MemtoolChainTest, WrongUseEndsWithTwo) {
   expectRefused(2, "chain needs a FILE", {"chain"});
   expectRefused(2, "--pointers", {"chain", path, "--pointers", "5"});
   expectRefused(2, "--unknown", {"chain", path, "--unknown"});
-  expectRefused(2, "go with --to-native", {"chain", path, "--block-length", "2000"});
+  expectRefused(2, "--block-length needs --to-native or --encode",
+                {"chain", path, "--block-length", "2000"});
   expectRefused(2, "--block-length", {"chain", path, "--to-native", "out", "--block-length", "0"});
   expectRefused(2, "take one FILE", {"chain", path, path, "--svg", "out.svg"});
   expectRefused(2, "there is no option --jsn; the most similar one is --json",

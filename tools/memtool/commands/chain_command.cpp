@@ -39,10 +39,10 @@ constexpr const char *kFooter =
     "  memtool chain FILE --defs DEFS.json --json > GRAPH.json\n"
     "  memtool chain --encode GRAPH.json --defs DEFS.json -o OUT\n"
     "\n"
-    "FILE contains the blocks in order, each as its used bytes from block offset 8 on. Places are\n"
-    "written as block:offset; offsets count as in relative pointers. Of a damaged chain "
-    "everything\n"
-    "is shown except what only a faulty pointer leads to, and the exit code is 1.";
+    "FILE contains the used bytes of each block in order. Places are written as block:offset;\n"
+    "offset 0 is the first byte of the block in FILE. Of a damaged chain everything is shown "
+    "except\n"
+    "what can be reached only through a faulty pointer, and the exit code is 1.";
 
 struct ChainOptions {
   std::vector<std::string> files;
@@ -250,7 +250,7 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
   if (options.files.empty()) throw UsageError("chain needs a FILE, or --encode");
   if (!options.output.empty()) throw UsageError("--output goes with --encode");
   if (options.native.empty() && (!options.like.empty() || options.blockLength != 0)) {
-    throw UsageError("--like and --block-length go with --to-native");
+    throw UsageError("--like needs --to-native; --block-length needs --to-native or --encode");
   }
   if (options.like.empty() && options.likePointerWidth != 0) {
     throw UsageError("--like-pointers goes with --like");
@@ -317,7 +317,7 @@ void addChainCommand(CLI::App &app, Tool &tool) {
       ->check(CLI::Range(1, 0x7FFFFFFF));
   command
       ->add_option("--pointers", options->pointerWidth,
-                   "Bytes of the writer's pointers; default: from the control block")
+                   "Bytes of the writer's pointers; default: found from the file")
       ->type_name("4|8")
       ->check(CLI::IsMember({4, 8}));
   command->add_option("--defs", options->definitions, "Definitions of the kinds, as JSON")

@@ -179,7 +179,7 @@ void addDiffCommand(CLI::App &app, Tool &tool) {
   command->add_flag("--json", options->asJson, "Write JSON instead of text");
   command
       ->add_option("--pointers", options->pointerWidth,
-                   "Bytes of the writers' pointers; default: from the control blocks")
+                   "Bytes of the writers' pointers; default: found from the files")
       ->type_name("4|8")
       ->check(CLI::IsMember({4, 8}));
   command->footer(kFooter);

@@ -25,10 +25,10 @@ bool protectPages(void *pages, std::size_t bytes, bool readOnly);
 // Loads a library; null on failure, with the loader's message in `reason`.
 void *loadLibrary(const std::filesystem::path &path, std::string &reason);
 
-// Folders that the loader searches for the program's libraries, in its order; empty where the
-// system does not report them. loadLibrary() finds files in them too, except under a sanitizer: its
-// runtime intercepts the call, and the loader then searches for that runtime, which does not have
-// the program's run path.
+// Folders that the loader searches for the program's libraries before those of the system, in its
+// order; empty if the system does not list them. loadLibrary() searches them too, unless it goes
+// through a sanitizer's runtime: the loader then searches on behalf of that runtime, which does not
+// have the program's run path.
 std::vector<std::filesystem::path> libraryFolders();
 
 // Address of an exported name; null if there is none, with the loader's message in `reason`.

@@ -1,11 +1,13 @@
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <link.h>
 #if __has_include(<execinfo.h>)  // not in every C library
 #include <execinfo.h>
 #endif
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdint>
@@ -55,13 +57,15 @@ std::vector<std::filesystem::path> libraryFolders() {
   std::vector<std::filesystem::path> folders;
 #if defined(__GLIBC__)  // others do not report them
   void *const program = dlopen(nullptr, RTLD_NOW);
+  if (program == nullptr) return folders;
   Dl_serinfo size{};
   if (dlinfo(program, RTLD_DI_SERINFOSIZE, &size) == 0) {
-    const auto storage = std::make_unique<std::byte[]>(size.dls_size);
+    const auto storage = std::make_unique<std::byte[]>(std::max(size.dls_size, sizeof size));
     auto *const info = new (storage.get()) Dl_serinfo(size);
     if (dlinfo(program, RTLD_DI_SERINFO, info) == 0) {
       for (unsigned i = 0; i < info->dls_cnt; i++) {
-        folders.emplace_back(info->dls_serpath[i].dls_name);
+        const Dl_serpath &folder = info->dls_serpath[i];
+        if ((folder.dls_flags & LA_SER_DEFAULT) == 0) folders.emplace_back(folder.dls_name);
       }
     }
   }

@@ -28,16 +28,17 @@ class _Blocks:
     def __init__(self, process: Process) -> None:
         self.process = process
         self.first = ctypes.c_void_p()
-        self.length = 0
+        self.length = 0  # of the blocks that the library has allocated
+        self._lengths: dict[int, int] = {}  # of the loaded ones, by address
 
     def __enter__(self) -> "_Blocks":
         return self
 
     def load(self, blocks: list[bytes]) -> None:
-        self.length = _HEAD + max(len(block) for block in blocks)
         link = ctypes.addressof(self.first)
         for block in blocks:
-            address = self.process.slots.MEM_Alloc.call(self.length, 0)
+            address = self.process.slots.MEM_Alloc.call(_HEAD + len(block), 0)
+            self._lengths[address] = _HEAD + len(block)
             ctypes.memmove(address + _HEAD, block, len(block))
             _POINTER_AT(address).value = None
             _POINTER_AT(link).value = address
@@ -52,13 +53,17 @@ class _Blocks:
 
     def copy(self) -> Memory:
         return Memory(sorted((address + _HEAD,
-                              ctypes.string_at(address + _HEAD, self.length - _HEAD))
+                              ctypes.string_at(address + _HEAD, self._length_of(address) - _HEAD))
                              for address in self.addresses()))
 
     def free(self) -> None:
         for address in self.addresses():
-            self.process.slots.MEM_Free(address, self.length, 0)
+            self.process.slots.MEM_Free(address, self._length_of(address), 0)
         self.first.value = None
+        self._lengths.clear()
+
+    def _length_of(self, address: int) -> int:
+        return self._lengths.get(address, self.length)
 
     def __exit__(self, *_: object) -> None:
         self.free()

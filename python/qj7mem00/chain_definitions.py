@@ -181,6 +181,9 @@ class ChainDefinitions:
         if kind.form.is_text:
             if fields is not None:
                 fields.fail("text has no fields")
+            following = kind.node.find("next")
+            if following is not None:
+                following.fail("text has no next segment")
             return
         fields = kind.node.at("fields")
         nodes = fields.elements()

@@ -161,6 +161,8 @@ class ChainFile:
                 used = struct.unpack_from(self.order + "H", self.raw, at)[0]
             if not least <= used <= len(self.raw) - at:
                 raise GraphError(f"the bytes are no chain: wrong length of block {number}")
+            if number >= CONSTANTS["MEM_PACK_MAX_BLOCKS"]:
+                raise GraphError(f"the bytes are no chain: more than {number} blocks")
             yield self.raw[at:at + used]
             at, number = at + used, number + 1
 

@@ -126,7 +126,10 @@ class Writer:
         if kind.form.is_text and len(roots) == 1:
             first: int | None = self._append(self._text(kind.form, roots[0]))
         else:
-            first = self._list(roots, kind)
+            try:
+                first = self._list(roots, kind)
+            except RecursionError:  # the library allows far fewer levels
+                raise GraphError("the structure has too many levels") from None
         if first is None:
             raise GraphError("a chain has a root")
         for place, target, field in self._references:

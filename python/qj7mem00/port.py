@@ -289,7 +289,8 @@ class _Writer:
                 size = min(field.stored, 4)
                 place = at + field.offset
                 self.arena[place:place + size] = field.default.to_bytes(4, "little")[:size]
-            elif field.default is not None:
+            elif field.default is not None and not (field.type == "Substructure"
+                                                    and not any(field.default)):
                 self._default(field, field.default, at, pointers)
             else:
                 self._embed_nothing(field, at + field.offset)
@@ -303,7 +304,7 @@ class _Writer:
             self._number(kind.count, kind.count_of(_room(field)), at)
         for inner in kind.fields:
             times = _room(field) if inner is kind.repeated else 1
-            for index in range(times):
+            for index in range(times if inner.type == "Substructure" else 0):
                 self._embed_nothing(inner, at + inner.offset + index * inner.length)
 
     def _default(self, field: Field, raw: bytes, at: int,

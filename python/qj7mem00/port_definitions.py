@@ -1,7 +1,8 @@
 """Definitions of the structures of port strings, also as the library's table.
 
-The rules are those of ``memtool port`` (docs/memtool-port.md). The keys that only chains have are
-passed over here, so that one document can describe both.
+The rules are those of ``memtool port`` (docs/memtool-port.md). The keys ``pointers``, ``segment``,
+``next`` and ``reference``, which only chains have, and kinds of text are ignored here, so that one
+document can describe both.
 """
 
 from __future__ import annotations
@@ -301,7 +302,8 @@ class PortDefinitions:
 def _is_text_segment(node: Node) -> bool:
     """A kind of text of a chain, which has no fields."""
     value = node.value
-    return isinstance(value, dict) and value.get("segment") in ("S", "W") and "fields" not in value
+    return (isinstance(value, dict) and value.get("segment") in ("S", "W", ord("S"), ord("W"))
+            and "fields" not in value)
 
 
 def _type_of(node: Node) -> str:

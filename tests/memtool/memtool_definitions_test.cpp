@@ -454,6 +454,37 @@ TEST_F(MemtoolDefinitionsTest, PackedMembersComeBackByName) {
   EXPECT_EQ(numbers["fields"]["numbers"], Json::parse("[7, 8, 4294967295]"));
 }
 
+// A default with a pointer is an address of this program, which means nothing to others.
+struct Label {
+  const char *pText;
+  std::int64_t number;
+};
+struct Sign {
+  Label label;
+};
+struct Street {
+  Sign sign;
+};
+inline constexpr Street kStreet{{{"north", 5}}};
+inline constexpr Sign kBlank{{nullptr, 5}};
+struct Streets {
+  Street street;
+  Sign blank;
+};
+inline constexpr mem::PortTable kStreets{
+    mem::structure<Streets, 1>(mem::field<1>(MEM_FIELD(Streets, street)).defaultBytes(&kStreet),
+                               mem::field<2>(MEM_FIELD(Streets, blank)).defaultBytes(&kBlank)),
+    mem::structure<Street, 2>(mem::field<1>(MEM_FIELD(Street, sign))),
+    mem::structure<Sign, 3>(mem::field<1>(MEM_FIELD(Sign, label))),
+    mem::structure<Label, 4>(mem::field<1>(MEM_FIELD(Label, pText)),
+                             mem::field<2>(MEM_FIELD(Label, number)))};
+
+TEST_F(MemtoolDefinitionsTest, DefaultsWithPointersAreLeftOut) {
+  const Json fields = Json::parse(mem::definitionsJson(kStreets))["structures"][0]["fields"];
+  EXPECT_FALSE(fields[0].contains("default")) << fields[0];
+  EXPECT_EQ(fields[1]["default"], "00000000000000000500000000000000");
+}
+
 // What `memtool defs` writes of definitions that it finds sound.
 class MemtoolDefsTest : public MemtoolDefinitionsTest {};
 

@@ -347,6 +347,7 @@ TEST_F(MemtoolNamesTest, WrongDefinitions) {
        "a second structure A"},
       {R"({"structures": [{"id": 1, "name": "7", "segment": "S"}]})", "a name must not be"},
       {R"({"structures": [{"id": 1, "segment": "S", "fields": []}]})", "text has no fields"},
+      {R"({"structures": [{"id": 1, "segment": "S", "next": [[]]}]})", "text has no next segment"},
       {R"({"structures": [{"id": 1, "length": 8, "next": "a", "fields": []}]})",
        "expected a Pnt of this structure to the same structure"},
   };

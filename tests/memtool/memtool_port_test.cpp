@@ -305,6 +305,12 @@ TEST_F(MemtoolPortTest, FaultsOfValues) {
   };
   fault("S2>)", 28, "a structure number up to 1", "2");
   fault("S99999999999999999999999>)", 28, "a structure number up to 1", "more");
+  for (const char *pointer : {"4294967296", "4294967297"}) {  // 0 and 1 in 32 bits, reversed
+    std::string digits(pointer);
+    std::reverse(digits.begin(), digits.end());
+    expectFault(portText("(1<1S" + digits + ">)", 9999999999), 28,
+                "a structure number up to 4294967295", pointer);
+  }
   fault("B1010", 32, "eight flags, each 0 or 1", "the end");
   fault("B10102000>)", 32, "eight flags, each 0 or 1", "'2'");
   fault("H1fA0>)", 29, "two hexadecimal digits in capitals, \"/\" or \">\"", "'f'");
@@ -497,7 +503,7 @@ TEST_F(MemtoolPortTest, EmbeddedArraysThatAreNotDescribedFillTheirField) {
           {"id": 2, "name": "sheet", "type": "Substructure", "structure": "Sheet", "offset": 4,
            "length": 28},
           {"id": 3, "name": "row", "type": "Substructure", "structure": "Row", "offset": 32,
-           "length": 12}]}]})");
+           "length": 12, "default": "000000000000000000000000"}]}]})");
   const std::string row = "(5,2<1N2/2N/2N>)";
   const std::string book =
       portText("(7<1N7/2E(6,2<1N2/2E" + row + "/2E" + row + ">)/3E" + row + ">)");

@@ -236,10 +236,16 @@ class ChainTest(ProcessTest):
         with self.assertRaises(qj7mem00.MemError) as caught:
             qj7mem00.write_chain(long, TREE)
         self.assertEqual(caught.exception.name, "MEMERR_PACKSTAK")
+        for _ in range(2000):
+            at["children"] = [{}]
+            at = at["children"][0]
+        with self.assertRaisesRegex(qj7mem00.GraphError, "too many levels"):
+            qj7mem00.write_chain(long, TREE)
 
     def test_bytes_that_are_no_chain(self) -> None:
         for raw, words in ((b"", "too short"), (b"\x06\x000220\x01", "wrong length of block 1"),
-                           (b"\xff\xff0220", "wrong length of block 0")):
+                           (b"\xff\xff0220", "wrong length of block 0"),
+                           (b"\x06\x000220" + b"\x02\x00" * 32767, "more than 32767 blocks")):
             with self.subTest(raw), self.assertRaisesRegex(qj7mem00.GraphError, words):
                 qj7mem00.read_chain(raw, TREE)
 

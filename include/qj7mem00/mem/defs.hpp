@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "pack.hpp"
@@ -184,8 +185,29 @@ inline std::string bytesInJson(const MEMFieldDef &field) {
   }
 }
 
-// Adds the default if the field has one that JSON can say: pointers have null only.
-inline void addDefault(Keys &keys, const MEMFieldDef &field) {
+// Whether a structure of the table `pDefs` has a pointer that is not null, itself or in a structure
+// that it embeds.
+inline bool hasAddress(const MEMStructDef *pDefs, std::uint32_t id, const unsigned char *pBytes) {
+  const MEMStructDef *pDef = pDefs;
+  while (pDef->StructID != id) ++pDef;
+  for (std::int32_t i = 0; i < pDef->FieldCount; ++i) {
+    const MEMFieldDef &field = pDef->Fields[i];
+    const unsigned char *const pField = pBytes + field.Offset;
+    const bool isPointer =
+        field.Type == MEM_PORT_PNT || field.Type == MEM_PORT_PSTR || field.Type == MEM_PORT_WPSTR;
+    if (isPointer && std::any_of(pField, pField + 8, [](unsigned char c) { return c != 0; })) {
+      return true;
+    }
+    if (field.Type == MEM_PORT_SUBSTRUCTURE && hasAddress(pDefs, field.SubStructID, pField)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Adds the default if the field has one that JSON can say: pointers have null only, those of an
+// embedded structure too.
+inline void addDefault(Keys &keys, const MEMFieldDef &field, const MEMStructDef *pDefs) {
   switch (field.Type) {
     case MEM_PORT_CHARSZ:
     case MEM_PORT_PSTR:
@@ -195,11 +217,17 @@ inline void addDefault(Keys &keys, const MEMFieldDef &field) {
     case MEM_PORT_WPSTR:
       if (field.Default.pWide != nullptr) keys.add("default", wideInJson(field.Default.pWide));
       return;
+    case MEM_PORT_SUBSTRUCTURE:
+      if (field.Default.pBytes != nullptr &&
+          hasAddress(pDefs, field.SubStructID,
+                     static_cast<const unsigned char *>(field.Default.pBytes))) {
+        return;
+      }
+      [[fallthrough]];
     case MEM_PORT_CHAR:
     case MEM_PORT_BIN:
     case MEM_PORT_BIT:
     case MEM_PORT_WCHAR:
-    case MEM_PORT_SUBSTRUCTURE:
       if (field.Default.pBytes != nullptr) keys.add("default", bytesInJson(field));
       return;
     default:
@@ -209,7 +237,7 @@ inline void addDefault(Keys &keys, const MEMFieldDef &field) {
 }
 
 inline Keys portFieldInJson(const MEMFieldDef &field, const std::string &name,
-                            const std::string &target) {
+                            const std::string &target, const MEMStructDef *pDefs) {
   Keys keys;
   keys.add("id", field.FieldID).addText("name", name);
   keys.addText("type", kPortTypeNames[field.Type - 1U]);
@@ -218,7 +246,7 @@ inline Keys portFieldInJson(const MEMFieldDef &field, const std::string &name,
   if (!target.empty()) keys.addText("structure", target);
   keys.addFlag("required", field.Required != 0).addFlag("noTruncate", field.NoTruncate != 0);
   keys.addFlag("notPorted", field.NotPorted != 0);
-  addDefault(keys, field);
+  addDefault(keys, field, pDefs);
   return keys;
 }
 
@@ -239,7 +267,8 @@ std::string portStructureInJson(const PortStructure<Struct, kId, Members...> *,
     const MEMFieldDef &field = def.Fields[i];
     const std::uint32_t target = field.SubStructID;
     const std::string &name = names.add(members[i], "field", field.FieldID);
-    fields.push_back(portFieldInJson(field, name, target == 0 ? "" : structures[indexOf(target)]));
+    const std::string &targetName = target == 0 ? std::string() : structures[indexOf(target)];
+    fields.push_back(portFieldInJson(field, name, targetName, pDefs));
   }
   Keys head;
   head.add("id", kId).addText("name", structures[indexOf(kId)]);

@@ -234,6 +234,9 @@ void ChainDefinitions::addFields(ChainKindDefinition &kind) {
   const std::optional<PortJsonNode> fields = kind.node.find("fields");
   if (isText(kind.form)) {
     if (fields) fields->fail("text has no fields");
+    if (const std::optional<PortJsonNode> next = kind.node.find("next")) {
+      next->fail("text has no next segment");
+    }
     return;
   }
   const std::vector<PortJsonNode> nodes = kind.node.at("fields").elements();

@@ -341,7 +341,9 @@ class HeapSource final : public PortSource {
   // Numbers the structures from the root on, and throws ToolError where one of them does not fit
   // its definition.
   void number(const PortStructDefinition &root, Progress &progress) {
-    table_->numberOf(table_->find(root_), root);
+    const std::uint32_t index = table_->find(root_);
+    if (index == EntryTable::kNone) throw ToolError("the root is nothing that was read");
+    table_->numberOf(index, root);
     std::uint64_t values = 0;
     PortField field;
     for (std::size_t number = 1; number <= count(); ++number) {

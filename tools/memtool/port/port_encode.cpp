@@ -82,6 +82,8 @@ class GraphMaker {
   void applyDefault(const PortFieldDefinition &field, const PortJsonNode &fields,
                     MadePlace structure);
   void fillAbsent(const PortFieldDefinition &field, const PortJsonNode &fields, MadePlace place);
+  void fillElements(const PortFieldDefinition &field, const PortJsonNode &fields, MadePlace place,
+                    std::int64_t elements);
 
   void verify(const PortStructDefinition &definition, const PortJsonNode &node, MadePlace place);
   bool isValid(const PortFieldDefinition &field, const void *address) const;
@@ -176,6 +178,10 @@ std::int64_t GraphMaker::elementsIn(const PortStructDefinition &definition,
   return elements;
 }
 
+bool isZero(std::string_view bytes) {
+  return bytes.find_first_not_of('\0') == bytes.npos;
+}
+
 // Elements of an embedded structure that fill its field. Readers refuse fewer.
 std::int64_t elementsToFill(const PortFieldDefinition &field) {
   const PortStructDefinition &embedded = *field.target;
@@ -209,12 +215,7 @@ void GraphMaker::fill(const PortStructDefinition &definition, const PortJsonNode
   }
   complete(definition, fields, isSet, place);
   if (!definition.hasRepeatField()) return;
-  if (!isSet.back()) {
-    for (std::int64_t i = 0; i < elements; ++i) {
-      const PortFieldDefinition &repeat = definition.repeatField();
-      fillAbsent(repeat, fields, place.within(repeat.record.Offset + i * repeat.record.Length));
-    }
-  }
+  if (!isSet.back()) fillElements(definition.repeatField(), fields, place, elements);
   const bool isCountSet = isSet[static_cast<std::size_t>(definition.countField)];
   fillCount(definition, fields, isCountSet, place, elements);
 }
@@ -286,7 +287,7 @@ void GraphMaker::applyDefault(const PortFieldDefinition &field, const PortJsonNo
     case MEM_PORT_PNT:
       return;
     default:
-      if (field.type == MEM_PORT_SUBSTRUCTURE && field.defaultBytes.empty()) {
+      if (field.type == MEM_PORT_SUBSTRUCTURE && isZero(field.defaultBytes)) {
         return fillAbsent(field, fields, structure.within(field.record.Offset));
       }
       std::memcpy(to, field.defaultBytes.data(), field.defaultBytes.size());
@@ -296,7 +297,6 @@ void GraphMaker::applyDefault(const PortFieldDefinition &field, const PortJsonNo
 // An embedded structure of zeros, which needs the count of the elements that fill its field.
 void GraphMaker::fillAbsent(const PortFieldDefinition &field, const PortJsonNode &fields,
                             MadePlace place) {
-  if (field.type != MEM_PORT_SUBSTRUCTURE) return;
   const PortStructDefinition &embedded = *field.target;
   const std::int64_t elements = elementsToFill(field);
   if (embedded.hasRepeatField()) {
@@ -306,10 +306,16 @@ void GraphMaker::fillAbsent(const PortFieldDefinition &field, const PortJsonNode
   }
   for (std::size_t i = 0; i < embedded.fields.size(); ++i) {
     const PortFieldDefinition &inner = embedded.fields[i];
-    const std::int64_t times = embedded.isRepeatField(i) ? elements : 1;
-    for (std::int64_t k = 0; k < times; ++k) {
-      fillAbsent(inner, fields, place.within(inner.record.Offset + k * inner.record.Length));
-    }
+    fillElements(inner, fields, place, embedded.isRepeatField(i) ? elements : 1);
+  }
+}
+
+// The same for each element of an array of such structures; other elements are zeros already.
+void GraphMaker::fillElements(const PortFieldDefinition &field, const PortJsonNode &fields,
+                              MadePlace place, std::int64_t elements) {
+  if (field.type != MEM_PORT_SUBSTRUCTURE) return;
+  for (std::int64_t i = 0; i < elements; ++i) {
+    fillAbsent(field, fields, place.within(field.record.Offset + i * field.record.Length));
   }
 }
 

@@ -371,8 +371,9 @@ PortNumber Parser::number() {
 
 PortPointer Parser::pointer() {
   const Digits read = digits();
-  if (read.isTooLarge || read.value > promised_) {
-    fail(read.offset, fmt::format("a structure number up to {}", promised_),
+  const auto most = std::min<std::uint64_t>(promised_, UINT32_MAX);
+  if (read.isTooLarge || read.value > most) {
+    fail(read.offset, fmt::format("a structure number up to {}", most),
          read.isTooLarge ? "more" : std::to_string(read.value));
   }
   if (read.value > highest_ + 1) {
@@ -525,11 +526,7 @@ void Parser::checkPairs(const Digits &told, const Quoted &units) {
 // A port string by the places of its structure texts.
 class TextSource final : public PortSource {
  public:
-  TextSource(std::string_view text, std::uint64_t promised) : text_(text), promised_(promised) {
-    // A text may promise anything.
-    places_.reserve(
-        static_cast<std::size_t>(std::min<std::uint64_t>(promised, text.size() / kLeastStructure)));
-  }
+  TextSource(std::string_view text, std::uint64_t promised) : text_(text), promised_(promised) {}
 
   std::size_t count() const override { return places_.size(); }
   std::unique_ptr<PortReader> read(std::size_t number) const override {
@@ -538,8 +535,6 @@ class TextSource final : public PortSource {
   void add(std::size_t place) { places_.push_back(place); }
 
  private:
-  static constexpr std::size_t kLeastStructure = std::string_view("(1<>)").size();
-
   std::string_view text_;
   std::uint64_t promised_;
   std::vector<std::size_t> places_;

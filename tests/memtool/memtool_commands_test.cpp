@@ -16,7 +16,7 @@ namespace {
 class MemtoolCommandsTest : public ToolTest {};
 
 TEST_F(MemtoolCommandsTest, WrongUseEndsWithTwo) {
-  expectRefused(2, "A subcommand is required", {});
+  expectRefused(2, "a command is required (try --help)", {});
   expectRefused(2, "there is no command \"nonsense\"", {"nonsense"});
   expectRefused(2, "there is no command \"chian\"; the most similar one is chain", {"chian"});
   expectRefused(2, "there is no option --libary; the most similar one is --library",
@@ -34,6 +34,30 @@ TEST_F(MemtoolCommandsTest, HelpHasExamplesForEachCommand) {
     EXPECT_NE(help.find("Examples:\n  memtool " + std::string(command)), std::string::npos) << help;
   }
   EXPECT_TRUE(outputOf({"--version"}).starts_with("memtool "));
+}
+
+TEST_F(MemtoolCommandsTest, HelpListsTheCommands) {
+  const std::string help = outputOf({"--help"});
+  EXPECT_NE(help.find("Usage: memtool [OPTIONS] COMMAND\n"), std::string::npos) << help;
+  EXPECT_NE(help.find("\nCommands:\n  chain "), std::string::npos) << help;
+}
+
+TEST_F(MemtoolCommandsTest, FileOfTheOtherFormNamesTheCommand) {
+  const std::filesystem::path folder = std::filesystem::path(MEM_FIXTURES) / "memtool";
+  const std::string chain = (folder / "items.chain").string();
+  const std::string port = (folder / "port/order.port").string();
+  const std::string defs = (folder / "port/order.defs.json").string();
+  const std::string useChain = "; the file looks like a packed chain: use memtool chain\n";
+  const std::string usePort = "; the file looks like a port string: use memtool port\n";
+  expectRefused(1, useChain, {"port", chain});
+  expectRefused(1, useChain, {"port", "--check", chain});
+  expectRefused(1, useChain, {"port", "--defs", defs, chain});
+  expectRefused(1, usePort, {"chain", port});
+  expectRefused(1, usePort, {"chain", "--check", port});
+  std::string damaged = readBytes(port);
+  damaged.resize(damaged.size() / 2);
+  writeBytes("damaged.port", damaged);
+  EXPECT_EQ(runTool({"port", "damaged.port"}).err.find("looks like"), std::string::npos);
 }
 
 TEST_F(MemtoolCommandsTest, LibraryThatIsNone) {

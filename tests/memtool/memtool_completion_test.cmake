@@ -51,7 +51,7 @@ function(words_of_help out pattern)
 endfunction()
 
 execute_process(COMMAND ${PROGRAM} --help OUTPUT_VARIABLE help COMMAND_ERROR_IS_FATAL ANY)
-string(REGEX REPLACE ".*Subcommands:" "" listed "${help}")
+string(REGEX REPLACE ".*Commands:" "" listed "${help}")
 string(REGEX MATCHALL "\n  [a-z]+" commands "${listed}")
 list(TRANSFORM commands STRIP)
 list(LENGTH commands count)

@@ -252,6 +252,14 @@ std::optional<Place> rootPlace(const PackedChain &chain) {
   return Place{1, kFirstContent};
 }
 
+bool hasVersion(std::string_view bytes) {
+  if (bytes.size() < kLeastFile) return false;
+  PackedChain head;
+  head.bytes = bytes.substr(0, kHeadLen);
+  readVersion(head);
+  return head.version.has_value();
+}
+
 bool readHead(PackedChain &chain) {
   if (chain.bytes.size() < kLeastFile) {
     noteFileFault(

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "packed_chain.hpp"
 
@@ -34,6 +35,9 @@ std::uint32_t controlBlockLength(std::int32_t kindCount, bool isOldLayout);
 
 // Where the root is; none when the chain ends before it. REQUIRES: the head is read.
 std::optional<Place> rootPlace(const PackedChain &chain);
+
+// True when a known version is where a chain has it.
+bool hasVersion(std::string_view bytes);
 
 // Reads the head of `chain`, whose bytes are set, and adds its faults. False when too little of it
 // is valid to follow pointers.

@@ -16,6 +16,7 @@
 #include "packed_report.hpp"
 #include "packed_selection.hpp"
 #include "packed_verdict.hpp"
+#include "port_text.hpp"
 #include "tool_file.hpp"
 #include "tool_text.hpp"
 
@@ -65,11 +66,17 @@ struct ChainOptions {
   bool showsSegments() const { return !checks && (asJson || (picture.empty() && native.empty())); }
 };
 
-// A line for each fault. The last line has the library's verdict: after several faults, that is a
-// line with their number.
+// Ends the report of a chain's faults. With the library's verdict, if it was asked.
+std::string remarkOn(const PackedChain &chain, const std::optional<Verdict> &verdict) {
+  return (verdict ? remarkOf(*verdict) : "") +
+         (isPortText(chain.bytes) ? "; the file looks like a port string: use memtool port" : "");
+}
+
+// A line for each fault. The last line has the remark: after several faults, that is a line with
+// their number.
 ExitCode reportFaults(Console &console, const std::string &file, const PackedChain &chain,
                       const std::optional<Verdict> &verdict) {
-  const std::string remark = verdict ? remarkOf(*verdict) : "";
+  const std::string remark = remarkOn(chain, verdict);
   const bool isOne = chain.faults.size() == 1;
   console.out().flush();
   for (const Fault &fault : chain.faults) {

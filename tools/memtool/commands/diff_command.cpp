@@ -91,13 +91,6 @@ class DiffReport {
   std::uint64_t count_ = 0;
 };
 
-// True when the header's marks are in their places, which no chain has.
-bool isPort(const std::string &bytes) {
-  constexpr std::size_t kComma = 11;
-  constexpr std::size_t kEnd = 22;
-  return bytes.size() > kEnd && bytes[0] == '(' && bytes[kComma] == ',' && bytes[kEnd] == ')';
-}
-
 void reportFaults(Console &console, const std::string &file, const PackedChain &chain) {
   for (const Fault &fault : chain.faults) {
     complain(console, kExitFault, fmt::format("{}: {}", file, fault.text()),
@@ -151,12 +144,12 @@ ExitCode runDiff(Tool &tool, const DiffOptions &options) {
   if (options.isShort && options.limit) throw UsageError("--short does not go with --limit");
   std::string a = readFile(options.a);
   std::string b = readFile(options.b);
-  if (isPort(a) != isPort(b)) {
-    const std::string &port = isPort(a) ? options.a : options.b;
-    const std::string &other = isPort(a) ? options.b : options.a;
+  if (isPortText(a) != isPortText(b)) {
+    const std::string &port = isPortText(a) ? options.a : options.b;
+    const std::string &other = isPortText(a) ? options.b : options.a;
     throw ToolError(fmt::format("{} is a port string, but {} is not", port, other));
   }
-  if (isPort(a)) return diffPorts(tool, options, a, b);
+  if (isPortText(a)) return diffPorts(tool, options, a, b);
   return diffChains(tool, options, std::move(a), std::move(b));
 }
 

@@ -31,6 +31,7 @@ ExitCode fail(Console &console, const std::string &what, ExitCode code) {
 
 void describe(CLI::App &app, Tool &tool) {
   app.name("memtool");
+  app.get_formatter()->label("SUBCOMMAND", "COMMAND");
   app.allow_windows_style_options(false);  // /name is a path on every platform
   app.set_version_flag("--version", std::string("memtool ") + kVersion, "Show the version");
   app.set_help_flag("-h,--help", "Show this help");
@@ -51,6 +52,7 @@ void describe(CLI::App &app, Tool &tool) {
   addErrorsCommand(app, tool);
   addHeapmapCommand(app, tool);
   addPortCommand(app, tool);
+  for (CLI::App *const command : app.get_subcommands(nullptr)) command->group("Commands");
 }
 
 // The number of characters to insert, remove or change to turn one word into the other.
@@ -107,6 +109,14 @@ std::string unknownWord(const CLI::App &app) {
   return "";
 }
 
+std::string mistakeOf(const CLI::App &app, const CLI::ParseError &error) {
+  const std::string unknown = unknownWord(app);
+  if (!unknown.empty()) return unknown;
+  const bool isRequired = dynamic_cast<const CLI::RequiredError *>(&error) != nullptr;
+  if (isRequired && app.get_subcommands().empty()) return "a command is required";
+  return error.what();
+}
+
 void flush(Console &console) {
   if (!console.out().flush()) throw FileError("the output could not be written");
 }
@@ -130,9 +140,7 @@ ExitCode run(const std::vector<std::string> &words, Console &console) {
   } catch (const CLI::CallForVersion &version) {
     console.print("{}\n", version.what());
   } catch (const CLI::ParseError &error) {
-    const std::string unknown = unknownWord(app);
-    const std::string what = unknown.empty() ? std::string(error.what()) : unknown;
-    return fail(console, what + " (try --help)", kExitUsage);
+    return fail(console, mistakeOf(app, error) + " (try --help)", kExitUsage);
   }
   flush(console);
   return code;

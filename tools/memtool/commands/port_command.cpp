@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "memtool_commands.hpp"
+#include "packed_head.hpp"
 #include "port_decode.hpp"
 #include "port_defs.hpp"
 #include "port_encode.hpp"
@@ -47,8 +48,15 @@ struct PortOptions {
   bool showsStructures() const { return !checks && (asJson || picture.empty()); }
 };
 
-[[noreturn]] void throwFault(const PortOptions &options, const PortFault &fault) {
-  throw ToolError(options.file + ": " + fault.text());
+// Ends the report of a fault.
+std::string remarkOn(const std::string &text) {
+  const bool isChain = hasVersion(text) && !isPortText(text);
+  return isChain ? "; the file looks like a packed chain: use memtool chain" : "";
+}
+
+[[noreturn]] void throwFault(const PortOptions &options, const std::string &text,
+                             const PortFault &fault) {
+  throw ToolError(options.file + ": " + fault.text() + remarkOn(text));
 }
 
 // What the library skips, drops or changes; --check shows it.
@@ -91,8 +99,9 @@ void printNotes(Console &console, const PortOptions &options, const PortNotes &n
 }
 
 // Throws for deviations that readers let pass but --check reports.
-void checkText(const PortOptions &options, const PortDocument &document) {
-  if (const std::optional<PortFault> fault = firstPortFault(document)) throwFault(options, *fault);
+void checkText(const PortOptions &options, const std::string &text, const PortDocument &document) {
+  const std::optional<PortFault> fault = firstPortFault(document);
+  if (fault) throwFault(options, text, *fault);
 }
 
 ExitCode showText(Tool &tool, const PortOptions &options) {
@@ -100,8 +109,8 @@ ExitCode showText(Tool &tool, const PortOptions &options) {
   const PortDocument document = readPortText(text, tool.console);
   show(tool.console, options, document, {}, nullptr);
   tool.console.out().flush();
-  if (options.checks) checkText(options, document);
-  if (document.fault) throwFault(options, *document.fault);
+  if (options.checks) checkText(options, text, document);
+  if (document.fault) throwFault(options, text, *document.fault);
   showValid(tool.console, options, document);
   return kExitFine;
 }
@@ -111,7 +120,7 @@ PortDocument decode(RunningLibrary &library, const PortOptions &options,
   try {
     return decodePortText(library, definitions, text, console);
   } catch (const ToolError &error) {
-    throw ToolError(options.file + ": " + error.what());
+    throw ToolError(options.file + ": " + error.what() + remarkOn(text));
   }
 }
 
@@ -121,7 +130,7 @@ ExitCode showDecoded(Tool &tool, const PortOptions &options) {
   PortNotes notes;
   if (options.checks) {
     const PortDocument document = readPortText(text, tool.console);
-    checkText(options, document);
+    checkText(options, text, document);
     notes = portNotes(definitions, document);
   }
   try {

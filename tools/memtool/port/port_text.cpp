@@ -625,6 +625,11 @@ PortDocument readPortText(std::string_view text, Console &console) {
   return document;
 }
 
+bool isPortText(std::string_view text) {
+  return text.size() >= MEM_PORT_HEADER_LEN && text[0] == '(' && text[kTotalOff + kDigits] == ',' &&
+         text[kCountOff + kDigits] == ')';
+}
+
 std::uint64_t portPromised(std::string_view text) {
   constexpr std::string_view kBlanks = " \t\n\v\f\r";
   std::string_view number = text.substr(std::min(kCountOff, text.size()), kDigits);

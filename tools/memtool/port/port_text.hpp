@@ -15,6 +15,9 @@ namespace memtool {
 PortDocument readPortText(std::string_view text, Console &console);
 PortDocument readPortText(std::string &&text, Console &console) = delete;
 
+// True when the header's marks are in their places, which no chain has.
+bool isPortText(std::string_view text);
+
 // Structures according to the header, as readers take it: blanks and a sign may come before the
 // digits, and any other character ends them. 0 when there is no such number.
 std::uint64_t portPromised(std::string_view text);

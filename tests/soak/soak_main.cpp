@@ -2,10 +2,9 @@
 // and addresses are checked throughout. From phase to phase all threads come to rest and have given
 // everything back; after the first phase, which warms up, live storage must not grow by a byte.
 //
-//   soak [--threads N] [--seconds T] [--seed S]
-//
-// Prints a line a phase on request (--verbose) and a summary. Ends with 1 on any violation.
+// Prints a summary. Ends with 1 on any violation.
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -183,39 +182,38 @@ class Run {
   int phases_ = 0;
 };
 
-Settings parse(int argc, char **argv) {
-  Settings settings;
-  for (int i = 1; i < argc; ++i) {
-    const std::string option = argv[i];
-    if (option == "--verbose") {
-      settings.isVerbose = true;
-      continue;
-    }
-    if (i + 1 >= argc) throw std::invalid_argument(option + " needs a value");
-    const std::string value = argv[++i];
-    if (option == "--threads") {
-      settings.threads = static_cast<unsigned>(std::stoul(value));
-    } else if (option == "--seconds") {
-      settings.seconds = std::stod(value);
-    } else if (option == "--seed") {
-      settings.seed = std::stoull(value, nullptr, 0);
-    } else {
-      throw std::invalid_argument("there is no option " + option);
-    }
-  }
-  return settings;
+void describe(CLI::App &app, Settings &settings) {
+  app.name("soak");
+  app.set_help_flag("--help", "show this text");
+  app.add_option("--threads", settings.threads, "number of threads")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  app.add_option("--seconds", settings.seconds, "how long to run")
+      ->type_name("T")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  app.add_option("--seed", settings.seed, "seed of the random calls")
+      ->type_name("S")
+      ->capture_default_str();
+  app.add_flag("--verbose", settings.isVerbose, "print a line for each phase");
+  app.footer("Exit codes: 0 no violation; 1 violations; 2 wrong usage.");
 }
 
 }  // namespace
 }  // namespace soak
 
 int main(int argc, char **argv) {
+  CLI::App app("Calls every family of services from several threads and checks what they do.");
+  soak::Settings settings;
+  soak::describe(app, settings);
   try {
-    return soak::Run(soak::parse(argc, argv)).run() ? 0 : 1;
+    app.parse(argc, argv);
+    return soak::Run(settings).run() ? 0 : 1;
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error) == 0 ? 0 : 2;
   } catch (const std::exception &error) {
-    std::fprintf(stderr,
-                 "soak: %s\nusage: soak [--threads N] [--seconds T] [--seed S] [--verbose]\n",
-                 error.what());
+    std::fprintf(stderr, "soak: %s\n", error.what());
     return 2;
   }
 }

@@ -18,7 +18,7 @@ endfunction()
 
 expect_fine(--help)
 expect_fine(--version)
-expect_refused(2 "A subcommand is required")
+expect_refused(2 "a command is required")
 expect_refused(2 "--nonsense" errors --nonsense)
 expect_refused(2 "there is no command \"chian\"" chian)
 expect_fine(errors)

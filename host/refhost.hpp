@@ -22,6 +22,11 @@
  */
 #pragma once
 
+/* One clear message instead of many errors, or of none: C++17 takes this header. */
+#if __cplusplus <= 201703L && (!defined(_MSVC_LANG) || _MSVC_LANG <= 201703L)
+#error "refhost.hpp needs C++20 or later: compile with -std=c++20 (/std:c++20)"
+#else
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -604,3 +609,5 @@ class Session {
 };
 
 }  // namespace refhost
+
+#endif

@@ -26,7 +26,9 @@
 #ifndef QJ7MEM00_MEMCHK_H
 #define QJ7MEM00_MEMCHK_H
 
-#include "memvect.h"
+#include "qj7mem00.h"
+
+#ifdef QJ7MEM00_MEMVECT_H /* else the standard is too old, which qj7mem00.h says */
 
 #ifdef __cplusplus
 extern "C" {
@@ -154,4 +156,5 @@ int16_t MEMCheckMap(MEMCheck *pCheck, MEMCheckTextFn *pText, void *pContext);
 }
 #endif
 
+#endif
 #endif

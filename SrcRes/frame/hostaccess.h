@@ -9,8 +9,8 @@
 
 namespace memlib {
 
-// All state that the library keeps between calls. All zero while unbound. Only binding and
-// unbinding write it, and they never overlap a call.
+// What binding keeps; the fault guard of Linux keeps its own state (platform_posix.cpp). All zero
+// while unbound. Only binding and unbinding write it, and they never overlap a call.
 struct Binding {
   std::uint32_t SysFlags;
   const MEMSysEnv *pSysEnv;

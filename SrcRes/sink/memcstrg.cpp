@@ -220,7 +220,8 @@ Outcome SinkCall::reserve(const SinkRoom &room, SinkRun &run) noexcept {
   return failed;
 }
 
-// Only the copy's bytes are made writable, and only while it is written or erased.
+// Only the copy's bytes, which the host widens to whole pages, are made writable, and only while it
+// is written or erased.
 Outcome SinkCall::writeCopy(const SinkRun &run, const SinkRoom &room) noexcept {
   std::uint8_t *pCopy = run.address();
   if (!protectRun(pCopy, room.reservedLen, MEM_PROTECT_WRITABLE)) {

@@ -1,6 +1,6 @@
 /** @file membase.h
  * The base of all public headers of QJ7MEM00: fixed-width types, UTF-16 characters and compile-time
- * layout checks, for C11 and C++20.
+ * layout checks, for C11 and C++11.
  *
  * Conventions that hold for all public headers:
  *  1. Records are plain structures, shared with hosts and callers at fixed byte offsets. Each

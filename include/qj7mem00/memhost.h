@@ -44,7 +44,8 @@ typedef struct MEMErrorArea {
   uint8_t Reserved14[2];
   uint32_t Code;          /**< [80] MEMERR code */
   uint32_t InnerCode;     /**< [84] code of the failure inside a nested call */
-  uint32_t PrevInnerCode; /**< [88] the value of [84] before a nested failure replaced it */
+  uint32_t PrevInnerCode; /**< [88] of a nested failure of MEM_Cat: the former value of [84];
+                             of a failing start of the sink: that of [80] */
   uint8_t Reserved28[268];
   char NameText[MEM_NAME_TEXT_LEN];  /**< [360] name or text of what failed */
   char InnerText[MEM_NAME_TEXT_LEN]; /**< [424] name or text that belongs to InnerCode */
@@ -162,7 +163,8 @@ typedef struct MEMRuntimeServices {
   void (*RegisterMessages)(int32_t Component, const MEMMessageRow *pTable);
   MEMReservedSlot Reserved134[10];
 
-  /** 144: makes a range of storage read-only (mode 16) or writable (mode 32). 0 = success. */
+  /** 144: makes a range of storage read-only (mode 16) or writable (mode 32). The range is often
+   * part of a page: every page that it touches changes. 0 = success. */
   uint16_t (*ProtectStorage)(void *pArea, uint32_t Length, uint16_t SubPool, uint16_t Mode);
   MEMReservedSlot Reserved145[3];
 
@@ -180,7 +182,7 @@ typedef struct MEMRuntimeServices {
                           void *pOut, int32_t OutLen);
   MEMReservedSlot Reserved159[126];
 
-  /** 285: 0 when the whole range is accessible storage. */
+  /** 285: 0 when the whole range can be read and written. */
   uint16_t (*CheckStorage)(const void *pArea, uint32_t Length);
 } MEMRuntimeServices;
 
@@ -250,10 +252,10 @@ typedef struct MEMTextServices {
   void (*ReportError)(char *pErrorText, const char *pDetail);
   MEMReservedSlot Reserved9[3];
 
-  /** 12: exception filter for faults inside the port string calls. `pException` is the platform's
-   * exception information. 1 = end the call, 0 = not ours, the process handles the fault, -1 =
-   * continue. If the filter stores a result in the frame, it becomes the result of the call. May be
-   * null: same as 1. */
+  /** 12: exception filter for faults inside the port string calls. `pException` is a siginfo_t * on
+   * Linux, an EXCEPTION_POINTERS * on Windows. 1 = end the call, 0 = not ours, the process handles
+   * the fault, -1 = continue. If the filter stores a result in the frame, it becomes the result of
+   * the call. May be null: same as 1. */
   int32_t (*FilterException)(void *pException, MEMTraceFrame *pFrame);
 } MEMTextServices;
 

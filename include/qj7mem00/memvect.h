@@ -12,7 +12,8 @@
  *     a text in `NameText`, and then calls TextServices slot 8.
  *  2. The thread environment, trace buffer or thread block may be missing: then nothing is written
  *     to it.
- *  3. Handles are addresses of control blocks and are checked by their eye-catcher.
+ *  3. Handles are addresses of control blocks and are checked by their eye-catcher. A handle whose
+ *     storage the host has made inaccessible faults.
  *  4. "One thread at a time" means: the caller serialises all calls on one object; different
  *     objects may be used on different threads at once.
  */
@@ -47,7 +48,8 @@ struct MEMPortChunk;
 /** Makes the process block (subpool 1), registers it and the message table for component 3 and
  * starts the string sink. Call it once per process, before any other service and with no other call
  * running. On failure the cause is in `InnerCode` and `InnerText`, not in `Code` and `NameText`;
- * what exists so far stays until MEM_ProcessTerm. */
+ * what exists so far stays until MEM_ProcessTerm. A second call makes a second block and sink and
+ * loses the first ones. */
 typedef int16_t MEM_ProcessInitFn(void);
 
 /** Stops the sink, frees the process block and withdraws the anchor and the message table. 0 also
@@ -60,8 +62,8 @@ typedef int16_t MEM_ProcessTermFn(void);
  * MEMERR_TBLKFAIL when there is no storage. Does not change the rest of the error area. */
 typedef int16_t MEM_ThreadActFn(void);
 
-/** Frees the calling thread's thread block. 0 also when there is none. Does not change the error
- * area. */
+/** Frees the calling thread's thread block. Without thread block or process block: 0, nothing is
+ * freed. Does not change the error area. */
 typedef int16_t MEM_ThreadTermFn(void);
 
 /** Sets the process option when `pOptions->Set` is not 0. Always 0, also with a null record or
@@ -92,7 +94,8 @@ typedef int16_t MEM_InitQTRFTblsFn(void);
 /** @{ */
 
 /** Opens a heap with areas of `AreaLen` KB, 1..256, from `SubPool`. The heap belongs to the caller
- * until MEM_HeapClose. MEMERR_HEAPSIZE, MEMERR_HEAPAMEM. */
+ * until MEM_HeapClose. `SubPool` goes to MEM_Alloc as a signed number: from 32768 on it means
+ * subpool 65536 - `SubPool`, kind 2. MEMERR_HEAPSIZE, MEMERR_HEAPAMEM. */
 typedef int16_t MEM_HeapOpenFn(HMEMHEAP *phMemHeap, int16_t AreaLen, uint16_t SubPool);
 
 /** Frees all areas and large blocks. MEMERR_HEAPBHDL, also for an enhanced heap. */
@@ -211,7 +214,8 @@ typedef int16_t MEM_HashDelEntryFn(HMEMHASH hMemHash, const void *pKey);
 
 /** Calls `pFct(record, pParm)` for every record, bucket by bucket in order of insertion. The result
  * is the last non-zero result of `pFct`, else 0; a non-zero result does not end the scan. `pFct`
- * must not delete records. MEMERR_HASHBHDL. */
+ * must not delete records or close the table; a record that it inserts is visited too, if its
+ * bucket is the current or a later one. MEMERR_HASHBHDL. */
 typedef int16_t MEM_HashScanFn(HMEMHASH hMemHash, MEMScanFunc pFct, void *pParm);
 /** @} */
 

@@ -1,5 +1,5 @@
 /** @file qj7mem00.h
- * Everything that a host or a caller of QJ7MEM00 includes. C11 and C++20. */
+ * Everything that a host or a caller of QJ7MEM00 includes. C11 and C++11. */
 #ifndef QJ7MEM00_QJ7MEM00_H
 #define QJ7MEM00_QJ7MEM00_H
 

@@ -138,6 +138,17 @@ std::string PackedChain::utf8Of(const Text &text) const {
   return utf8;
 }
 
+std::vector<std::uint32_t> PackedChain::unusedBlocks() const {
+  std::vector<bool> isUsed(blocks.size());
+  for (const Segment &segment : segments) isUsed[segment.place.block] = true;
+  for (const Text &text : texts) isUsed[text.place.block] = true;
+  std::vector<std::uint32_t> unused;
+  for (std::uint32_t block = 1; block < blocks.size(); ++block) {
+    if (!isUsed[block]) unused.push_back(block);
+  }
+  return unused;
+}
+
 std::vector<PackedChain::Run> PackedChain::dataRuns(const Segment &segment) const {
   std::vector<Run> runs;
   const auto add = [&](std::uint32_t from, std::uint32_t to) {

@@ -166,6 +166,10 @@ class PackedChain {
   // ASCII.
   std::string utf8Of(const Text &text) const;
 
+  // Blocks after the first in which no segment and no text is. The library takes them, but a packer
+  // makes none. REQUIRES: no fault.
+  std::vector<std::uint32_t> unusedBlocks() const;
+
   // The bytes of a segment outside of its pointer fields, as contiguous runs.
   struct Run {
     std::uint32_t offset;  // in the segment

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "tool_text.hpp"
+
 namespace memtool {
 namespace {
 
@@ -40,13 +42,22 @@ void noteFileFault(PackedChain &chain, std::size_t fileOffset, std::string what)
       {{0, static_cast<std::uint32_t>(fileOffset)}, fileOffset, std::move(what), {}});
 }
 
+// A block in memory begins with the address of the next one, which is no part of a file.
+std::string noVersion(std::string_view bytes) {
+  constexpr std::size_t kNextAddress = 8;
+  const bool isDump = bytes.size() > kNextAddress && hasVersion(bytes.substr(kNextAddress));
+  return isDump ? "no version is here, but 8 bytes later: the blocks were written with their "
+                  "addresses; write of each the used bytes from offset 8 on"
+                : "no version is here, so the file is not a packed chain";
+}
+
 void readVersion(PackedChain &chain) {
   std::string text;
   const bool isEbcdic = isDigit(static_cast<std::uint8_t>(chain.bytes[kVersionOff]), true);
   for (std::size_t i = 0; i < 4; ++i) {
     const auto byte = static_cast<std::uint8_t>(chain.bytes[kVersionOff + i]);
     if (!isDigit(byte, isEbcdic)) {
-      noteFileFault(chain, kVersionOff, "no version is here, so the file is not a packed chain");
+      noteFileFault(chain, kVersionOff, noVersion(chain.bytes));
       return;
     }
     text += static_cast<char>('0' + (byte & 0x0F));
@@ -262,9 +273,9 @@ bool hasVersion(std::string_view bytes) {
 
 bool readHead(PackedChain &chain) {
   if (chain.bytes.size() < kLeastFile) {
-    noteFileFault(
-        chain, 0,
-        fmt::format("the file has {} bytes, too few for a packed chain", chain.bytes.size()));
+    noteFileFault(chain, 0,
+                  fmt::format("the file has {}, too few for a packed chain",
+                              countOf(chain.bytes.size(), "byte")));
     return false;
   }
   readVersion(chain);

@@ -528,6 +528,7 @@ Json chainCheckJson(const std::string &name, const PackedChain &chain,
   Json json{{"file", validUtf8(name)},           {"isSound", chain.isSound()},
             {"bytes", chain.bytes.size()},       {"blocks", chain.blocks.size()},
             {"segments", chain.segments.size()}, {"texts", chain.texts.size()}};
+  if (chain.isSound()) json["unusedBlocks"] = chain.unusedBlocks();
   addFaults(json, chain, verdict);
   return json;
 }

@@ -121,10 +121,14 @@ PackedChain readLike(const ChainOptions &options, Console &console) {
 }
 
 void printValid(Console &console, const std::string &file, const PackedChain &chain) {
-  console.print("{}: {}, {} segments and {} texts in {} block{}\n", file,
-                console.paint(Ink::Good, "valid"), grouped(chain.segments.size()),
-                grouped(chain.texts.size()), grouped(chain.blocks.size()),
-                chain.blocks.size() == 1 ? "" : "s");
+  console.print("{}: {}, {} and {} in {}\n", file, console.paint(Ink::Good, "valid"),
+                countOf(chain.segments.size(), "segment"), countOf(chain.texts.size(), "text"),
+                countOf(chain.blocks.size(), "block"));
+  for (const std::uint32_t block : chain.unusedBlocks()) {
+    console.print(
+        "{}: nothing leads to block {} ({} bytes): a pointer was lost, or files were joined\n",
+        file, block, grouped(chain.blocks[block].used));
+  }
 }
 
 void writePicture(Console &console, const ChainOptions &options, const std::string &file,
@@ -163,12 +167,14 @@ PackedChain readNamed(const ChainOptions &options, const std::string &file,
   return readChain(std::move(chain.bytes), width, console);
 }
 
-void checkReferences(Console &console, const std::string &file, const ChainDefinitions &definitions,
-                     const PackedChain &chain) {
+// A reference to a segment of another structure than its definition names, if there is one.
+ExitCode reportReference(Console &console, const std::string &file,
+                         const ChainDefinitions &definitions, const PackedChain &chain) {
   const std::optional<std::string> wrong = wrongReference(definitions, chain);
-  if (!wrong) return;
+  if (!wrong) return kExitFine;
   console.out().flush();
-  throw ToolError(file + ": " + *wrong);
+  complain(console, kExitFault, file + ": " + *wrong, {{"file", validUtf8(file)}});
+  return kExitFault;
 }
 
 // With definitions, --kind may be a name.
@@ -206,11 +212,19 @@ ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &f
   if (options.asJson && options.checks) {
     console.print("{}\n", chainCheckJson(file, chain, verdict).dump(2));
   } else if (options.showsSegments()) {
-    show(console, options, file, chain, verdict, definitions);
+    try {
+      show(console, options, file, chain, verdict, definitions);
+    } catch (const UnknownValue &) {
+      if (!chain.isSound()) reportFaults(console, file, chain, verdict);  // they may explain it
+      throw;
+    }
   }
   if (!options.picture.empty() && chain.version) writePicture(console, options, file, chain);
   if (!chain.isSound()) return reportFaults(console, file, chain, verdict);
-  if (definitions != nullptr) checkReferences(console, file, *definitions, chain);
+  if (definitions != nullptr) {
+    const ExitCode code = reportReference(console, file, *definitions, chain);
+    if (code != kExitFine) return code;
+  }
   if (options.checks && !options.asJson) printValid(console, file, chain);
   if (!options.native.empty()) writeNative(tool, options, file, chain);
   return kExitFine;
@@ -243,6 +257,7 @@ ExitCode encode(Tool &tool, const ChainOptions &options) {
   if (options.output.empty()) throw UsageError("--encode needs --output");
   const ChainDefinitions definitions(options.definitions, readFile(options.definitions));
   if (graphs.size() != 1) throw UsageError("--encode takes one GRAPH.json");
+  requireOutput(options.output, {graphs.front(), options.definitions});
   const std::string graph = readFile(graphs.front());
   RunningLibrary library(pathFromUtf8(tool.library));
   const NativeChain made =
@@ -266,6 +281,9 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
   const bool writes = !options.native.empty() || !options.picture.empty();
   if (writes && options.files.size() > 1) {
     throw UsageError("--svg and --to-native take one FILE");
+  }
+  for (const std::string &output : {options.picture, options.native}) {
+    if (!output.empty()) requireOutput(output, {options.files.front(), options.like});
   }
   std::optional<ChainDefinitions> definitions;
   if (!options.definitions.empty()) {
@@ -296,11 +314,14 @@ void addChainCommand(CLI::App &app, Tool &tool) {
   command->add_option("--root", options->filter.root, "Start at this segment; also in a picture")
       ->type_name("BLOCK:OFFSET");
   command->add_option("--depth", options->filter.depth, "Show at most N levels below the start")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(kWholeNumber);
   command->add_option("--limit", options->filter.limit, "Show only the first N of these segments")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(kWholeNumber);
   command->add_option("--block", options->pictureBlock, "With --svg: the first block to draw")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(kWholeNumber);
   command->add_flag("--check", options->checks, "Only check whether the chain is valid");
   command->add_option("--svg", options->picture, "Draw blocks, segments and pointers")
       ->type_name("OUT.svg");
@@ -314,19 +335,19 @@ void addChainCommand(CLI::App &app, Tool &tool) {
       ->add_option("--like-pointers", options->likePointerWidth,
                    "Bytes of the pointers in the chain of --like; default: from its control block")
       ->type_name("4|8")
-      ->check(CLI::IsMember({4, 8}));
+      ->check(kPointerWidth);
   command
       ->add_option(
           "--block-length", options->blockLength,
           "With --to-native and --encode: length of the blocks; default: 32768, or more if "
           "an item needs it")
       ->type_name("N")
-      ->check(CLI::Range(1, 0x7FFFFFFF));
+      ->check(CLI::Range(1, 0x7FFFFFFF).description(""));
   command
       ->add_option("--pointers", options->pointerWidth,
                    "Bytes of the writer's pointers; default: found from the file")
       ->type_name("4|8")
-      ->check(CLI::IsMember({4, 8}));
+      ->check(kPointerWidth);
   command->add_option("--defs", options->definitions, "Definitions of the kinds, as JSON")
       ->type_name("DEFS.json");
   const CLI::Option *const encodeOption =

@@ -174,7 +174,7 @@ void addDefsCommand(CLI::App &app, Tool &tool) {
       ->type_name("");
   command
       ->add_option("--for", options->subject, "What they are for; default: decided by their keys")
-      ->check(CLI::IsMember({"chain", "port"}))
+      ->check(CLI::IsMember({"chain", "port"}).description(""))
       ->type_name("chain|port");
   command->footer(kFooter);
   command->callback(

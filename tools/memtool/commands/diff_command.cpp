@@ -168,13 +168,14 @@ void addDiffCommand(CLI::App &app, Tool &tool) {
   command->add_flag("-q,--short", options->isShort,
                     "Show only the first difference and the number of differences");
   command->add_option("--limit", options->limit, "Show only the first N differences")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(kWholeNumber);
   command->add_flag("--json", options->asJson, "Write JSON instead of text");
   command
       ->add_option("--pointers", options->pointerWidth,
                    "Bytes of the writers' pointers; default: found from the files")
       ->type_name("4|8")
-      ->check(CLI::IsMember({4, 8}));
+      ->check(kPointerWidth);
   command->footer(kFooter);
   command->callback(
       [&tool, options] { tool.command = [&tool, options] { return runDiff(tool, *options); }; });

@@ -141,6 +141,7 @@ ExitCode runHeapmap(Tool &tool, const HeapmapOptions &options) {
     throw UsageError("--colour goes with --svg");
   }
   std::vector<std::string> scripts = options.scripts;
+  if (!options.picture.empty()) requireOutput(options.picture, scripts);
   if (scripts.empty()) scripts.emplace_back();
   return forEachFile(tool, scripts, false, true,
                      [&](const std::string &script) { return showFile(tool, options, script); });
@@ -159,7 +160,7 @@ void addHeapmapCommand(CLI::App &app, Tool &tool) {
   command
       ->add_option("--colour", options->colour,
                    "What the colours of entries mean: size (default), age or owner")
-      ->check(CLI::IsMember({"size", "age", "owner"}))
+      ->check(CLI::IsMember({"size", "age", "owner"}).description(""))
       ->type_name("BY");
   command->add_flag("--example", options->showsExample, "Write the example's script");
   command->footer(kFooter);

@@ -29,6 +29,10 @@ ExitCode reportFailure(Console &console, const std::exception &error, const std:
 ExitCode forEachFile(Tool &tool, const std::vector<std::string> &files, bool asJson, bool isApart,
                      const std::function<ExitCode(const std::string &)> &show);
 
+// Checks of an option's value. The parser itself would take 010 as octal and -1 for a large number.
+extern const CLI::Validator kWholeNumber;
+extern const CLI::Validator kPointerWidth;
+
 // Each adds its sub-command to `app`. When the user names it, its callback sets `tool.command`,
 // which may throw ToolError and UsageError. Both arguments outlive the command.
 void addChainCommand(CLI::App &app, Tool &tool);

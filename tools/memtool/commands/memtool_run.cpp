@@ -146,7 +146,20 @@ ExitCode run(const std::vector<std::string> &words, Console &console) {
   return code;
 }
 
+std::string wholeNumberMistake(const std::string &word) {
+  const bool isNumber = !word.empty() && word.find_first_not_of("0123456789") == word.npos;
+  const bool isDecimal = isNumber && (word.size() == 1 || word.front() != '0');
+  return isDecimal ? "" : "expected a decimal number, found " + inQuotes(word, 40);
+}
+
+std::string pointerWidthMistake(const std::string &word) {
+  return word == "4" || word == "8" ? "" : "expected 4 or 8, found " + inQuotes(word, 40);
+}
+
 }  // namespace
+
+const CLI::Validator kWholeNumber(wholeNumberMistake, "");
+const CLI::Validator kPointerWidth(pointerWidthMistake, "");
 
 ExitCode reportFailure(Console &console, const std::exception &error, const std::string &file) {
   console.out().flush();
@@ -179,9 +192,27 @@ ExitCode runMemtool(const std::vector<std::string> &words, Console &console) noe
   }
 }
 
+namespace {
+
+// A mistake in the arguments is no failure of the file.
+ExitCode showOne(const Tool &tool, const std::string &file,
+                 const std::function<ExitCode(const std::string &)> &show) {
+  try {
+    return show(file);
+  } catch (const UsageError &) {
+    throw;
+  } catch (const UnknownValue &) {
+    throw;
+  } catch (const std::exception &error) {
+    return reportFailure(tool.console, error, file);
+  }
+}
+
+}  // namespace
+
 ExitCode forEachFile(Tool &tool, const std::vector<std::string> &files, bool asJson, bool isApart,
                      const std::function<ExitCode(const std::string &)> &show) {
-  if (files.size() == 1) return show(files.front());
+  if (files.size() == 1) return showOne(tool, files.front(), show);
   ExitCode worst = kExitFine;
   bool isFirst = true;
   for (const std::string &file : files) {

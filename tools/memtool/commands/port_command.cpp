@@ -54,9 +54,12 @@ std::string remarkOn(const std::string &text) {
   return isChain ? "; the file looks like a packed chain: use memtool chain" : "";
 }
 
-[[noreturn]] void throwFault(const PortOptions &options, const std::string &text,
-                             const PortFault &fault) {
-  throw ToolError(options.file + ": " + fault.text() + remarkOn(text));
+ExitCode reportFault(Console &console, const PortOptions &options, const std::string &text,
+                     const PortFault &fault) {
+  console.out().flush();
+  complain(console, kExitFault, options.file + ": " + fault.text() + remarkOn(text),
+           {{"file", validUtf8(options.file)}, {"offset", fault.offset}});
+  return kExitFault;
 }
 
 // What the library skips, drops or changes; --check shows it.
@@ -88,9 +91,8 @@ void show(Console &console, const PortOptions &options, const PortDocument &docu
 
 void showValid(Console &console, const PortOptions &options, const PortDocument &document) {
   if (!options.checks || options.asJson) return;
-  console.print("{}: {}, {} characters, {} structure{}\n", options.file,
-                console.paint(Ink::Good, "valid"), grouped(document.characters),
-                grouped(document.promised), document.promised == 1 ? "" : "s");
+  console.print("{}: {}, {}, {}\n", options.file, console.paint(Ink::Good, "valid"),
+                countOf(document.characters, "character"), countOf(document.promised, "structure"));
 }
 
 void printNotes(Console &console, const PortOptions &options, const PortNotes &notes) {
@@ -98,19 +100,13 @@ void printNotes(Console &console, const PortOptions &options, const PortNotes &n
   for (const PortNote &note : notes) console.print("{}: {}\n", options.file, note.text());
 }
 
-// Throws for deviations that readers let pass but --check reports.
-void checkText(const PortOptions &options, const std::string &text, const PortDocument &document) {
-  const std::optional<PortFault> fault = firstPortFault(document);
-  if (fault) throwFault(options, text, *fault);
-}
-
 ExitCode showText(Tool &tool, const PortOptions &options) {
   const std::string text = readFile(options.file);
   const PortDocument document = readPortText(text, tool.console);
   show(tool.console, options, document, {}, nullptr);
-  tool.console.out().flush();
-  if (options.checks) checkText(options, text, document);
-  if (document.fault) throwFault(options, text, *document.fault);
+  // Readers let deviations pass; --check reports them.
+  const std::optional<PortFault> fault = options.checks ? firstPortFault(document) : document.fault;
+  if (fault) return reportFault(tool.console, options, text, *fault);
   showValid(tool.console, options, document);
   return kExitFine;
 }
@@ -120,17 +116,21 @@ PortDocument decode(RunningLibrary &library, const PortOptions &options,
   try {
     return decodePortText(library, definitions, text, console);
   } catch (const ToolError &error) {
-    throw ToolError(options.file + ": " + error.what() + remarkOn(text));
+    const PortDocument document = readPortText(text, console);
+    const std::string where = document.fault ? "; " + document.fault->text() : "";
+    throw ToolError(options.file + ": " + error.what() + where + remarkOn(text));
   }
 }
 
-ExitCode showDecoded(Tool &tool, const PortOptions &options) {
-  const PortDefinitions definitions(options.definitions, readFile(options.definitions));
+ExitCode showDecoded(Tool &tool, const PortOptions &options, const PortDefinitions &definitions) {
   const std::string text = readFile(options.file);
   PortNotes notes;
   if (options.checks) {
     const PortDocument document = readPortText(text, tool.console);
-    checkText(options, text, document);
+    if (const std::optional<PortFault> fault = firstPortFault(document)) {
+      show(tool.console, options, document, notes, &definitions);
+      return reportFault(tool.console, options, text, *fault);
+    }
     notes = portNotes(definitions, document);
   }
   try {
@@ -161,8 +161,10 @@ ExitCode encode(Tool &tool, const PortOptions &options) {
   return kExitFine;
 }
 
-ExitCode showPort(Tool &tool, const PortOptions &options) {
-  return options.definitions.empty() ? showText(tool, options) : showDecoded(tool, options);
+// `definitions` may be null.
+ExitCode showPort(Tool &tool, const PortOptions &options, const PortDefinitions *definitions) {
+  return definitions == nullptr ? showText(tool, options)
+                                : showDecoded(tool, options, *definitions);
 }
 
 // Refuses filters when no structures are shown.
@@ -176,26 +178,35 @@ void checkFilter(const PortOptions &options) {
                        : "--svg takes --root only, unless --json is given");
 }
 
-ExitCode runPort(Tool &tool, const PortOptions &options) {
-  if (options.graph.empty()) {
-    if (options.files.empty()) throw UsageError("port needs a FILE, or --encode");
-    if (!options.output.empty()) throw UsageError("--output goes with --encode");
-    if (!options.picture.empty() && options.files.size() > 1) {
-      throw UsageError("--svg takes one FILE");
-    }
-    checkFilter(options);
-    return forEachFile(tool, options.files, options.asJson, !options.checks,
-                       [&](const std::string &file) {
-                         PortOptions one = options;
-                         one.file = file;
-                         return showPort(tool, one);
-                       });
+ExitCode showFiles(Tool &tool, const PortOptions &options) {
+  if (options.files.empty()) throw UsageError("port needs a FILE, or --encode");
+  if (!options.output.empty()) throw UsageError("--output goes with --encode");
+  if (!options.picture.empty()) {
+    if (options.files.size() > 1) throw UsageError("--svg takes one FILE");
+    requireOutput(options.picture, {options.files.front(), options.definitions});
   }
+  checkFilter(options);
+  std::optional<PortDefinitions> definitions;
+  if (!options.definitions.empty()) {
+    definitions.emplace(options.definitions, readFile(options.definitions));
+  }
+  const PortDefinitions *const pDefinitions = definitions ? &*definitions : nullptr;
+  return forEachFile(tool, options.files, options.asJson, !options.checks,
+                     [&](const std::string &file) {
+                       PortOptions one = options;
+                       one.file = file;
+                       return showPort(tool, one, pDefinitions);
+                     });
+}
+
+ExitCode runPort(Tool &tool, const PortOptions &options) {
+  if (options.graph.empty()) return showFiles(tool, options);
   if (options.definitions.empty()) throw UsageError("--encode needs --defs");
   if (!options.files.empty() || options.asJson || options.checks || !options.picture.empty() ||
       !options.filter.isEmpty()) {
     throw UsageError("--encode takes --defs and --output only");
   }
+  if (!options.output.empty()) requireOutput(options.output, {options.graph, options.definitions});
   return encode(tool, options);
 }
 
@@ -211,13 +222,16 @@ void addPortCommand(CLI::App &app, Tool &tool) {
   command
       ->add_option("--root", options->filter.root,
                    "Show what this structure reaches; also in a picture")
-      ->type_name("NUMBER");
+      ->type_name("NUMBER")
+      ->check(kWholeNumber);
   command
       ->add_option("--depth", options->filter.depth,
                    "Show structures at most N pointers away from the root")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(kWholeNumber);
   command->add_option("--limit", options->filter.limit, "Show only the first N of these structures")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(kWholeNumber);
   command->add_flag("--check", options->checks, "Only check whether the port string is valid");
   command->add_option("--svg", options->picture, "Draw structures and pointers")
       ->type_name("OUT.svg");

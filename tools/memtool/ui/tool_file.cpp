@@ -28,6 +28,7 @@ std::string readInput() {
   platform::makeInputBinary();
   std::string bytes(std::istreambuf_iterator<char>(std::cin), {});
   if (std::cin.bad()) throw FileError("cannot read standard input");
+  std::cin.setstate(std::ios::eofbit);  // iterators leave it unset
   return bytes;
 }
 
@@ -107,6 +108,18 @@ std::string readFile(const std::string &name) {
   }
   if (!file.eof() || file.bad()) throw FileError("cannot read " + name + ": " + reason(errno));
   return bytes;
+}
+
+void requireOutput(const std::string &output, const std::vector<std::string> &inputs) {
+  if (output == "-") {
+    throw UsageError("- names input only; name a file to write (./- for one of this name)");
+  }
+  for (const std::string &input : inputs) {
+    std::error_code failed;
+    const bool isSame = input != "-" && std::filesystem::equivalent(pathFromUtf8(output),
+                                                                    pathFromUtf8(input), failed);
+    if (isSame && !failed) throw UsageError(output + " is also read; name another file to write");
+  }
 }
 
 void writeFile(const std::string &name, std::string_view bytes) {

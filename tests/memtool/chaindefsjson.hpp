@@ -32,7 +32,7 @@ inline const char *letterOf(chainwriter::Form form) {
   }
 }
 
-// A field for each part, "f0" and so on, and "tail" for what is behind them.
+// A field for each part, "f0" and so on, and "tail" for what follows them.
 inline Json chainDefinitionsJson(const chainwriter::Tree &tree, std::size_t pointerWidth) {
   using What = chainwriter::Part::What;
   Json json{{"pointers", pointerWidth}, {"structures", Json::array()}};

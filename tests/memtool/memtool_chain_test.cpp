@@ -1,4 +1,4 @@
-// memtool chain: what it shows of sound chains and what it says of others.
+// memtool chain: what it shows of valid chains and what it says of others.
 
 #include <optional>
 #include <set>
@@ -178,7 +178,7 @@ class FaultTest : public MemtoolChainTest {
         chain(chainwriter::write(tree, writer, chainwriter::smallestBlockLen(tree, writer) + 130)) {
   }
 
-  // `what` behind "block B, offset O (file offset F): ".
+  // `what` after "block B, offset O (file offset F): ".
   void expectFault(Place place, const std::string &what) {
     writeBytes("bad.chain", textOf(chain.file()));
     const std::size_t fileOffset = fileOffsetOf(chain, place);
@@ -252,7 +252,7 @@ TEST_F(FaultTest, WrongPointers) {
 
 TEST_F(FaultTest, ChildInsideAnotherSegment) {
   chain.setPointer(field(0, 2), {root().block, root().offset + 3});
-  // The segment that begins there takes in the text behind, or the root; both are taken.
+  // The segment that begins there takes in the text after it, or the root; both are taken.
   writeBytes("bad.chain", textOf(chain.file()));
   expectFaults("block 0, offset ", {"chain", "bad.chain", "--check"});
 }
@@ -278,7 +278,7 @@ TEST_F(FaultTest, NarrowTextWithoutEnd) {
   Place place = chain.places[4];
   chain.blocks[place.block].resize(place.offset + 3);
   chain.setUsedLen(place.block, static_cast<std::uint16_t>(chain.blocks[place.block].size()));
-  // The root's wide text lies behind; its pointer is refused first.
+  // The root's wide text follows; the pointer to it is refused first.
   expectFault(field(0, 5), "a child pointer leads to offset ");
 }
 
@@ -463,7 +463,7 @@ Tree itemsTree() {
   return tree;
 }
 
-// The control block tells the width; what is damaged in a segment does not change it.
+// The control block shows the width; what is damaged in a segment does not change it.
 TEST_F(MemtoolChainTest, WidthOfPointersComesFromTheControlBlock) {
   const Tree tree = itemsTree();
   struct Row {
@@ -485,7 +485,7 @@ TEST_F(MemtoolChainTest, WidthOfPointersComesFromTheControlBlock) {
   }
 }
 
-// A kind of which there is no segment tells nothing.
+// A kind of which there is no segment shows nothing.
 TEST_F(MemtoolChainTest, UnusedKindsDoNotDecideTheWidth) {
   Tree tree = itemsTree();
   tree.kinds.push_back({chainwriter::Form::Fixed, {chainwriter::child(1), chainwriter::child(1)}});
@@ -497,7 +497,7 @@ TEST_F(MemtoolChainTest, UnusedKindsDoNotDecideTheWidth) {
   EXPECT_EQ(json["writer"]["pointerWidth"], 8);
 }
 
-// What is a fault of 8-byte pointers would be data behind 4-byte ones: it is told, and so is that.
+// What is a fault of 8-byte pointers would be data after 4-byte ones: both are reported.
 TEST_F(MemtoolChainTest, FaultsAreNotReadAwayAsTheOtherWidth) {
   const Tree tree = itemsTree();
   Chain chain = chainwriter::write(tree, chainwriter::writerOf("0220", 8), 4096);
@@ -562,7 +562,7 @@ TEST_F(FaultTest, DamagedPointersHideWhatHangsBelowThemOnly) {
   }
 }
 
-// A list of many items, all of one kind: those in front of the cut are shown, whatever is missing.
+// A list of many items, all of one kind: those before the cut are shown, whatever is missing.
 class CutTest : public MemtoolChainTest {
  protected:
   static constexpr std::size_t kItems = 400;
@@ -581,7 +581,7 @@ class CutTest : public MemtoolChainTest {
     bytes = textOf(chain->file());
   }
 
-  // Everything whole in front of the cut is shown, and nothing that is not in the chain.
+  // Everything whole before the cut is shown, and nothing that is not in the chain.
   void expectCut(std::size_t length) {
     SCOPED_TRACE("cut to " + std::to_string(length));
     std::ostringstream sink;
@@ -746,7 +746,7 @@ TEST_F(FaultTest, FailuresAsJson) {
   EXPECT_EQ(Json::parse(runTool({"nonsense", "--json-errors"}).err)["exitCode"], 2);
 }
 
-// A text that many pointers lead to, whole or by its end, stands in the JSON once.
+// A text that many pointers lead to, whole or by its end, is in the JSON once.
 TEST_F(MemtoolChainTest, SharedTextsStandOnceInJson) {
   constexpr std::size_t kItems = 500;
   constexpr std::size_t kTextLen = 4000;

@@ -239,7 +239,7 @@ TEST_F(MemtoolCommandsTest, SnapshotsOfCheckedProgramsHaveRedZones) {
   EXPECT_NE(pictureOf({"snapshot.json"}).find(">red zone<"), std::string::npos);
 }
 
-// Of a big heap's areas the first are drawn, and entries that nobody could tell apart are one part.
+// Of a big heap's areas the first are drawn, and indistinguishable entries are one part.
 TEST_F(MemtoolCommandsTest, PicturesOfBigHeapsStaySmall) {
   std::string areas;
   for (int area = 0; area < 1000; ++area) {
@@ -323,7 +323,7 @@ TEST_F(MemtoolCommandsTest, OutputsReplaceOldFilesWhole) {
   for (const auto &entry : std::filesystem::directory_iterator(".")) {
     files += entry.path().empty() ? 0U : 1U;
   }
-  EXPECT_EQ(files, failed ? 2U : 3U);  // nothing is left beside them
+  EXPECT_EQ(files, failed ? 2U : 3U);  // nothing else is left
 }
 
 std::vector<memtool::Snapshot> runScript(const std::string &script) {

@@ -184,13 +184,13 @@ constexpr Row kRows[] = {
      "{'structures':[{'id':1,'length':8,'countField':'1','fields':["
      "{'id':1,'type':'Short','offset':0},{'id':2,'type':'Long','offset':4,'required':true}]}]}",
      "refused", "absent when there are no elements", "{}", nullptr},
-    {"an unknown structure behind a pointer",
+    {"a pointer to an unknown structure",
      "{'structures':[{'id':1,'length':8,'fields':[{'id':1,'type':'Pnt','structure':2,'offset':0}]},"
      "{'id':2,'length':4,'fields':[{'id':1,'type':'Long','offset':0}]}]}",
      "{'structures':[{'id':1,'length':8,'fields':[{'id':1,'type':'Pnt','structure':1,'offset':0}]}]"
      "}",
      "refused", "does not know the structure", "{'1':'2'}", nullptr},
-    {"a structure of another kind behind a pointer",
+    {"a pointer to a structure of another kind",
      "{'structures':[{'id':1,'length':8,'fields':[{'id':1,'type':'Pnt','structure':2,'offset':0}]},"
      "{'id':2,'length':4,'fields':[{'id':1,'type':'Long','offset':0}]}]}",
      "{'structures':[{'id':1,'length':8,'fields':[{'id':1,'type':'Pnt','structure':3,'offset':0}]},"

@@ -173,7 +173,7 @@ TEST(MemtoolContractTest, SizesAndOffsetsAreTheCompilers) {
   }
 }
 
-// Fields and the padding in front of them cover their record: none is left out.
+// Fields and the padding before them cover their record: none is left out.
 TEST(MemtoolContractTest, FieldsCoverTheirRecords) {
   const Json all = contract();
   for (const Json &record : all["records"]) {

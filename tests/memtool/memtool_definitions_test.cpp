@@ -485,7 +485,7 @@ TEST_F(MemtoolDefinitionsTest, DefaultsWithPointersAreLeftOut) {
   EXPECT_EQ(fields[1]["default"], "00000000000000000500000000000000");
 }
 
-// What `memtool defs` writes of definitions that it finds sound.
+// What `memtool defs` writes of definitions that it finds valid.
 class MemtoolDefsTest : public MemtoolDefinitionsTest {};
 
 TEST_F(MemtoolDefsTest, WritesWhatProgramsWriteAgain) {

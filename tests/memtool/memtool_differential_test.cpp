@@ -57,7 +57,7 @@ bool hasControlBlockOf(const Chain &chain, const std::string &file) {
 }
 
 // Unpacking in place may find a segment's length where a pointer has become an address: whether it
-// is refused for its length or for where it lies depends on the address.
+// is refused for its length or for where it is depends on the address.
 constexpr const char *kByAddressInManual = "4071 for one copy and 4072 for another";
 bool isCodeByAddress(std::uint32_t one, std::uint32_t other, std::size_t width) {
   const auto isOfPlace = [](std::uint32_t code) {
@@ -110,7 +110,7 @@ Tree compiledTree(Random &random, std::size_t width) {
   }
   tree.kinds.push_back({chainwriter::Form::Narrow});
   tree.kinds.push_back({chainwriter::Form::Wide});
-  // Depth first; each node's own children come behind it.
+  // Depth first; each node's own children come after it.
   const auto isPointer = [](const chainwriter::Part &part) {
     return part.what != chainwriter::Part::What::Data;
   };
@@ -146,7 +146,7 @@ void setLetter(Random &random, const Tree &tree, Chain &chain) {
                   kLetters[random.below(std::size(kLetters))]);
 }
 
-// A pointer field a few bytes in front of its segments.
+// A pointer field a few bytes before its segments.
 void setNegativeOffset(Random &random, const Tree &tree, Chain &chain) {
   const std::size_t kind = random.below(tree.kinds.size());
   const chainwriter::Place entry = chain.childEntryPlace(kind, 0);
@@ -295,7 +295,7 @@ TEST_F(MemtoolDifferentialTest, ItemsTooLongForANewChain) {
 }
 
 // One flipped bit anywhere in a good chain, the width not given: what the library refuses is not
-// called sound, whatever the bit makes the control block look like.
+// called valid, whatever the bit makes the control block look like.
 TEST_F(MemtoolDifferentialTest, FlippedBitsDoNotHideBehindTheOtherWidth) {
   constexpr int kChains = 6;
   Random random(firstSeed(kSeed));

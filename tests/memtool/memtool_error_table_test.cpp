@@ -1,5 +1,5 @@
 // The table of codes against the library: every code of the message table, and every text, entry
-// point and way of being told that the table names, seen in a failure of the real library.
+// point and way of being reported that the table names, seen in a failure of the real library.
 
 #include <functional>
 #include <set>
@@ -203,7 +203,7 @@ class ErrorTableTest : public StartedTest {
     });
   }
 
-  // The segment at a relative pointer, and the root's place behind the control block.
+  // The segment at a relative pointer, and the root's place after the control block.
   static constexpr std::int16_t kRootOff = 6 + 978;
   static std::byte *segmentAt(MemPackBlock *pFirst, std::int16_t block, std::int16_t offset) {
     for (; block > 0; --block) pFirst = pFirst->pNext;

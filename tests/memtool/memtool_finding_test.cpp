@@ -277,7 +277,7 @@ TEST_F(MemtoolFindingTest, UnknownValuesAreNamed) {
   EXPECT_NE(two.err.find("0100_64bit.chain: --at: "), std::string::npos) << two.err;
 }
 
-// Of a damaged chain what was read is found like of a whole one, and the faults are told.
+// In a damaged chain, what was read is found as in a whole one, and the faults are reported.
 TEST_F(MemtoolFindingTest, DamagedChains) {
   constexpr std::uint64_t kSeed = 20261123;
   Random random(firstSeed(kSeed));

@@ -1,5 +1,5 @@
 // memtool chain on damaged files: whatever the bytes are, it ends with 0 or with 1 and lines,
-// writes JSON that parses and pictures that are well-formed, and calls nothing sound that the
+// writes JSON that parses and pictures that are well-formed, and calls nothing valid that the
 // library refuses.
 
 #include <cstring>
@@ -128,7 +128,7 @@ TEST_F(MemtoolMutationTest, WhatIsSoundTheLibraryTakes) {
   RecordProperty("refusedByToolOnly", refusedByToolOnly);
 }
 
-// What can be read can be rewritten, unless the library has a reason that it tells.
+// What can be read can be rewritten, unless the library reports a reason.
 TEST_F(MemtoolMutationTest, SoundChainsAreRewrittenOrRefused) {
   Random random(firstSeed(kSeed) + 2);
   int rewritten = 0;

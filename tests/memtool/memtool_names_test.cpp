@@ -159,7 +159,7 @@ TypedRecord everyType(const Writer &writer) {
   return record;
 }
 
-// The record is all of a fixed segment, or what is behind the length of one that tells it.
+// The record is all of a fixed segment, or what follows the length in one that holds it.
 class MemtoolTypesTest : public MemtoolNamesTest, public ::testing::WithParamInterface<Writer> {};
 
 TEST_P(MemtoolTypesTest, EveryTypeInEveryWritersOrder) {
@@ -194,7 +194,7 @@ INSTANTIATE_TEST_SUITE_P(Writers, MemtoolTypesTest, ::testing::ValuesIn(chainwri
                            return row.param.name();
                          });
 
-// A chain of one segment that tells its length: the number, then the bytes.
+// A chain of one segment that holds its length: the number, then the bytes.
 void writeCounted(const std::string &name, const chainwriter::Bytes &bytes) {
   Tree tree;
   tree.kinds = {{chainwriter::Form::Counted, {}}};
@@ -430,7 +430,7 @@ TEST_F(MemtoolNamesTest, ReferencesToAnotherKind) {
   EXPECT_TRUE(Json::accept(run.out));
 }
 
-// A text that many pointers share stands with each of them.
+// A text that many pointers share is written with each of them.
 TEST_F(MemtoolNamesTest, SharedTextsWithoutEnd) {
   constexpr std::size_t kSegments = 36000;
   Tree tree;

@@ -39,7 +39,7 @@ Json chainJson(const std::string &name) {
 // text of EBCDIC writers stays what it is, and so is shown as something else once the writer is
 // native.
 //
-// A text stands with the first pointer to it; later ones, and those to its end, name its place.
+// A text is with the first pointer to it; later ones, and those to its end, name its place.
 std::string textAt(const std::map<std::pair<int, int>, std::string> &texts, const Json &pointer) {
   const Json &place = pointer["textAt"];
   const std::size_t skipped =
@@ -175,7 +175,7 @@ TEST_F(MemtoolNativeTest, RemarksTellWhatWasLeftAsItWas) {
   EXPECT_EQ(remark("0220_32bit").find("still"), std::string::npos);
 }
 
-// The root's only pointers lie where the library cannot see their width.
+// The root's only pointers are where the library cannot see their width.
 TEST_F(MemtoolNativeTest, WidthThatTheLibraryCannotSee) {
   using chainwriter::child;
   using chainwriter::data;
@@ -212,7 +212,7 @@ TEST_F(MemtoolNativeTest, WidthThatTheLibraryCannotSee) {
   }
 }
 
-// Pointers at multiples of 4 come to lie at multiples of 8, as compilers place them.
+// Pointers at multiples of 4 move to multiples of 8, as compilers place them.
 TEST_F(MemtoolNativeTest, AlignedLayoutsStayAligned) {
   Tree tree;
   tree.kinds = {

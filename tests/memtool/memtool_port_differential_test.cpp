@@ -59,7 +59,7 @@ constexpr const char *kDroppedInManual = "Faults in fields that the library drop
 constexpr const char *kSignInManual = "a sign in a field without sign";
 constexpr const char *kWrapsInManual = "numbers of more than 32 bits";
 
-// Refusals that follow from the definitions, which the text alone does not tell.
+// Refusals that follow from the definitions, which the text alone does not show.
 constexpr std::array kOfDefinitions = {
     "Unknown StructID: ",
     "FieldID ",
@@ -102,7 +102,7 @@ const Row *findRow(const Rows &rows, const std::string &what) {
   return found == rows.end() ? nullptr : &*found;
 }
 
-// Half of the mutants have a header that tells their length, so that nothing else hides behind it.
+// Half of the mutants have a header with their real length: a wrong one would hide other faults.
 void setTotal(std::string &text) {
   if (text.size() < MEM_PORT_HEADER_LEN) return;
   const std::string digits = std::to_string(text.size());
@@ -123,7 +123,7 @@ struct Answer {
   std::size_t droppedFrom = std::string::npos;  // character where the first of them begins
 };
 
-// A dropped field has a record of its own, with the position behind its digits.
+// A dropped field has a record of its own, with the position after its digits.
 constexpr std::int32_t kLineOfDropped = 2449;
 Answer answerOf(const std::string &text, const ReadOutcome &outcome) {
   constexpr std::string_view kPosition = "\nPosition: ";

@@ -107,7 +107,7 @@ std::string damaged(std::string bytes, Random &random) {
   return bytes;
 }
 
-// Many of the definitions are sound, but not those that the text was written with.
+// Many of the definitions are valid, but not those that the text was written with.
 TEST_F(MemtoolPortRandomTest, DamagedDefinitionsAndGraphs) {
   constexpr std::size_t kMutants = 600;
   Random random(firstSeed(20260903));

@@ -15,7 +15,7 @@ std::filesystem::path fixture(const std::string &name) {
   return std::filesystem::path(MEM_FIXTURES) / "memtool" / "port" / name;
 }
 
-// A port string around structure texts, whose header tells the truth unless told otherwise.
+// A port string around structure texts. Its header is right if `structures` is.
 std::string portText(const std::string &body, std::size_t structures = 1) {
   const auto digits = [](std::size_t number) {
     const std::string text = std::to_string(number);
@@ -42,7 +42,7 @@ class MemtoolPortTest : public ToolTest {
     return "character " + std::to_string(place) + ": expected " + expected + ", found " + found;
   }
 
-  // Readers stop there: told with and without --check.
+  // Readers stop there: reported with and without --check.
   static void expectFault(const std::string &text, std::size_t place, const std::string &expected,
                           const std::string &found) {
     SCOPED_TRACE(text);
@@ -59,7 +59,7 @@ class MemtoolPortTest : public ToolTest {
     EXPECT_EQ(fault["found"], found);
   }
 
-  // Readers let it pass: told with --check only.
+  // Readers let it pass: reported with --check only.
   static void expectDeviation(const std::string &text, std::size_t place,
                               const std::string &expected, const std::string &found) {
     SCOPED_TRACE(text);
@@ -363,7 +363,7 @@ TEST_F(MemtoolPortTest, WhatReadersLetPass) {
                   "number 2");
 }
 
-// What stands in front of a fault is shown.
+// What is before a fault is shown.
 TEST_F(MemtoolPortTest, FaultyTextsAreShownUpToTheFault) {
   writeBytes("bad.port", portText("(1<1S2/2N7>)(1<1Q>)", 2));
   const ToolRun run = runTool({"port", "bad.port"});
@@ -521,7 +521,7 @@ TEST_F(MemtoolPortTest, EmbeddedArraysThatAreNotDescribedFillTheirField) {
             std::string::npos);
 }
 
-// A field that the text did not tell, of several in one place.
+// A field that the text did not set, of several in one place.
 TEST_F(MemtoolPortTest, AlternativesOfAPointer) {
   writeBytes("defs.json", R"({"structures": [{"id": 1, "name": "S", "length": 16, "fields": [
       {"id": 1, "name": "kind", "type": "Short", "offset": 0},
@@ -734,7 +734,7 @@ TEST_F(MemtoolPortTest, WrongDefinitions) {
   const auto structure = [](const std::string &members) {
     return R"({"structures": [{"id": 1, )" + members + "}]}";
   };
-  // A field, and how the message goes on behind "structures[0].fields[".
+  // A field, and how the message continues after "structures[0].fields[".
   const auto field = [&structure](const std::string &members, const std::string &message) {
     expectBadDefinitions(structure(R"("length": 16, "fields": [{"id": 1, )" + members + "}]"),
                          "structures[0].fields[" + message);
@@ -943,7 +943,7 @@ std::vector<Rect> boxesOf(const std::string &svg) {
   return boxes;
 }
 
-// The straight parts, from each point to the next; bends are short and lie between them.
+// The straight parts, from each point to the next; bends are short and are between them.
 std::vector<std::vector<Line>> arrowsOf(const std::string &svg) {
   std::vector<std::vector<Line>> arrows;
   const std::regex path("<path d=\"([^\"]*)\" class=\"(ahead|back)\" marker");

@@ -133,7 +133,7 @@ class XmlCheck {
     if (open_.empty() && text.find_first_not_of(" \r\n") != std::string_view::npos) {
       return "text outside of the element";
     }
-    if (!isText(text)) return "a character that may not stand here";
+    if (!isText(text)) return "a character that is not allowed here";
     rest_.remove_prefix(end);
     return "";
   }

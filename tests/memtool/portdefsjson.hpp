@@ -12,7 +12,7 @@ namespace memtest {
 
 using Json = nlohmann::ordered_json;
 
-// `names` is in front of identifiers; without it, there are none.
+// `names` is the prefix of identifiers; without it, there are none.
 inline Json definitionsJson(const MEMStructDef *defs, const std::string &names) {
   Json json{{"structures", Json::array()}};
   for (const MEMStructDef *def = defs; def->StructID != 0; ++def) {

@@ -19,16 +19,16 @@ inline constexpr std::size_t kCellHeaderLen = 40;
 inline constexpr std::size_t kCellNodeLen = 16;
 inline constexpr std::size_t kLeastNodeBytes = 128;
 
-// Where things lie in an area.
+// The layout of an area.
 struct AreaShape {
   std::size_t nodeCount;  // nodes follow the header
   std::size_t firstCell;  // offset
   std::size_t cellCount;
 };
 
-// Of an area with `headerLen` bytes in front of its nodes: as many whole cells as leave room for
-// the fewest nodes, pushed to the area's end; what is in front of them becomes nodes; and then the
-// cells move down to the last node.
+// Of an area with `headerLen` bytes before its nodes: as many whole cells as leave room for the
+// fewest nodes, pushed to the area's end; what is before them becomes nodes; and then the cells
+// move down to the last node.
 inline AreaShape shapeWithNodes(std::size_t areaLen, std::size_t cellLen, std::size_t headerLen) {
   const std::size_t cells = (areaLen - headerLen - kLeastNodeBytes) / cellLen;
   const std::size_t nodes = (areaLen - cells * cellLen - headerLen) / kCellNodeLen;
@@ -41,10 +41,10 @@ inline AreaShape shapeWithoutNodes(std::size_t areaLen, std::size_t cellLen) {
 }
 
 // Nodes, in the order in which they were made, record the areas in the order in which those were
-// obtained; free cells are a stack.
+// allocated; free cells are a stack.
 class PoolModel {
  public:
-  // What a cell holds behind its first 8 bytes.
+  // What a cell holds after its first 8 bytes.
   struct FreeCell {
     std::uint8_t *address;
     std::uint8_t filling;
@@ -131,7 +131,7 @@ class PoolModel {
   std::size_t cellLen_;
   std::vector<std::uint8_t *> nodes_;  // oldest first
   std::vector<std::uint8_t *> areas_;  // oldest first
-  std::vector<FreeCell> free_;         // the next to be handed out last
+  std::vector<FreeCell> free_;         // the next to be allocated is last
 };
 
 // A pool of the library with its model and what a caller has written into its cells.
@@ -187,7 +187,7 @@ class CheckedPool {
     out_.push_back({expected.address, pattern_});
   }
 
-  // Gives back the cell that was taken as the `index`-th of those that are out.
+  // Frees the cell that was taken as the `index`-th of those that are out.
   void free(std::size_t index) {
     const auto [cell, pattern] = out_[index];
     EXPECT_TRUE(allBytesAre(cell, cellLen_, pattern)) << "somebody else wrote into a cell";

@@ -1,4 +1,4 @@
-// Damaged chains: copies of a sound one with a few changes that a reader must survive.
+// Damaged chains: copies of a valid one with a few changes that a reader must survive.
 #pragma once
 
 #include <algorithm>
@@ -121,7 +121,7 @@ class ChainMutator {
     return static_cast<std::uint16_t>(random_.below(80) - 16);
   }
 
-  // Lets a pointer lead to, or near to, where some item lies, so that items overlap.
+  // Lets a pointer lead to some item, or near to it, so that items overlap.
   void redirect() {
     const std::size_t node = random_.below(tree_.nodes.size());
     const auto &parts = tree_.kinds[tree_.nodes[node].kind].parts;

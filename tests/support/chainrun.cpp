@@ -58,7 +58,7 @@ bool isBigEndian(const std::uint8_t *version) {
 struct Kind {
   std::uint16_t type = 0;
   std::uint16_t fixedLen = 0;
-  bool hasForeignLength = false;       // told by fields of its owner's
+  bool hasForeignLength = false;       // held in fields of its owner
   std::vector<std::int16_t> segments;  // offsets of sibling and child pointers, and their kinds
   std::vector<std::uint16_t> kinds;
   std::vector<std::int16_t> references;
@@ -123,7 +123,7 @@ std::vector<Kind> decodeKinds(const std::uint8_t *from, const Style &style) {
   return kinds;
 }
 
-// Follows every pointer of a structure as its control block tells them.
+// Follows every pointer of a structure as its control block describes them.
 class StructureCheck {
  public:
   StructureCheck(const std::vector<Kind> &kinds, const Ranges &ranges, bool hasSwappedLengths)
@@ -216,7 +216,7 @@ class StructureCheck {
   std::string fault_;
 };
 
-// How a text of the contract goes on behind its fixed part.
+// How a text of the contract continues after its fixed part.
 enum class Tail { None, Number, Address };
 
 struct Row {

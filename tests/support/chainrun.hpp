@@ -1,6 +1,7 @@
-// Runs MEM_Unpack on chains that may be hostile and tells what the call did against its contract:
-// a wrong code or text, an access outside of the blocks, storage that was not returned, a structure
-// that leads out of its blocks. Uses no test framework, so that fuzzers can use it, too.
+// Runs MEM_Unpack on chains that may be hostile and reports what the call did against its
+// contract: a wrong code or text, an access outside of the blocks, storage that was not returned,
+// a structure that leads out of its blocks. Uses no test framework, so that fuzzers can use it,
+// too.
 #pragma once
 
 #include <cstddef>
@@ -20,11 +21,11 @@ using Blocks = std::vector<Bytes>;  // of each block the bytes from block offset
 // Returns the blocks of a chain, each of that length, to the library.
 void returnChain(MEMFunctionVector &mem, MemPackBlock *first, std::int32_t blockLen);
 
-// Ranges of storage that a structure may lie in.
+// Ranges of storage that a structure may be in.
 class Ranges {
  public:
   void add(const void *start, std::size_t length);
-  // Bytes from the address to the end of its range, 0 when it lies in none.
+  // Bytes from the address to the end of its range, 0 when it is in none.
   std::size_t rest(const void *address) const;
 
  private:
@@ -33,7 +34,7 @@ class Ranges {
 
 // A chain in storage. Each block has an area of its own that ends with its last used byte, or with
 // the head that every block has. Under the address sanitizer the area is an allocation; elsewhere
-// guard bytes lie around it.
+// guard bytes surround it.
 class BlockAreas {
  public:
   // `isSwapped`: the used lengths are in the other byte order than this machine's. A block whose

@@ -471,7 +471,7 @@ Bytes bytesFrom(std::string_view text) {
 }
 
 // Grows a random tree. The root has a child and begins with a pointer that is none, so that the
-// first child lies elsewhere under another pointer width: by that readers tell the width.
+// first child is elsewhere under another pointer width: from that, readers derive the width.
 class RandomTree {
  public:
   explicit RandomTree(std::uint64_t seed) : random_(seed), nodesLeft_(random_.between(1, 40)) {}
@@ -513,7 +513,7 @@ class RandomTree {
       if (random_.oneIn(2)) kind.parts.push_back(data(random_.below(7)));
       kind.parts.push_back(part);
     }
-    // Something must tell two segments apart.
+    // Something must distinguish two segments.
     kind.parts.push_back(data(random_.between(1, 12)));
     kind.hasEntriesBackwards = random_.oneIn(3);
   }

@@ -34,7 +34,7 @@ Writer ebcdicWriterOf(std::string_view version, std::size_t pointerWidth = 8);
 
 enum class Form : std::uint8_t { Fixed, Counted, SelfDescribing, Narrow, Wide };
 
-// What a segment consists of, in the order in which it lies there.
+// What a segment consists of, in the order in which it is stored.
 struct Part {
   enum class What : std::uint8_t { Data, Child, Sibling, Reference };
   What what;
@@ -65,7 +65,7 @@ inline constexpr std::size_t kNone = static_cast<std::size_t>(-1);
 struct Node {
   std::size_t kind = 0;
   Bytes data = {};  // of all data parts in turn; what is left over is the tail
-                    // of a segment that tells its own length
+                    // of a segment that holds its own length
   std::vector<std::size_t> targets = {};  // node of each pointer part in turn, kNone: null
   std::string narrow = {};
   std::u32string wide = {};
@@ -77,7 +77,7 @@ struct Tree {
   std::vector<Node> nodes;
 };
 
-// Where the parts of a kind lie under a pointer width. Offsets count from the segment's start.
+// Where the parts of a kind are under a pointer width. Offsets count from the segment's start.
 struct Layout {
   std::vector<std::size_t> offsets;  // of each part
   std::size_t length;                // without a tail
@@ -111,7 +111,7 @@ class Chain {
   Place childEntryPlace(std::size_t kind, std::size_t entry) const;
   Place referenceEntryPlace(std::size_t kind, std::size_t entry) const;
 
-  // The pointer field of a node's n-th part, and what is to stand there.
+  // The pointer field of a node's n-th part, and what it is to hold.
   Place partPlace(const Tree &tree, std::size_t node, std::size_t part) const;
   void setPointer(Place field, Place target);
 

@@ -57,7 +57,7 @@ class StorageTrail {
   StorageTrail(const StorageTrail &) = delete;
   StorageTrail &operator=(const StorageTrail &) = delete;
 
-  // What the next request obtained; null when it was refused.
+  // What the next request allocated; null when it was refused.
   std::uint8_t *take(std::uint32_t length, std::uint16_t subPool) {
     if (next_ == uses_.size()) {
       ADD_FAILURE() << "no storage was asked for where " << length << " bytes are needed";
@@ -340,7 +340,7 @@ class HeapDriver {
               entry.link);
   }
 
-  // An area entry that was given back: no link, its size, zeros.
+  // An area entry that was freed: no link, its size, zeros.
   static void expectFreed(const Entry &entry) {
     const std::uint32_t size = (entry.len + 7) / 8 * 8;
     EXPECT_TRUE(allBytesAre(entry.address, 8, 0));
@@ -353,7 +353,7 @@ class HeapDriver {
   std::vector<Entry> entries_;
 
  private:
-  // Bytes of an entry before and behind its link.
+  // Bytes of an entry before and after its link.
   template <class Visit>
   static void forFreeParts(const Entry &entry, Visit visit) {
     if (entry.linkOff == kNoLink) {
@@ -621,7 +621,7 @@ class CheckedTable {
   std::uint32_t ctlBlkLen() const { return static_cast<std::uint32_t>(shape_.buckets * 8 + 48); }
   std::uint32_t areaSize() const { return static_cast<std::uint32_t>(shape_.areaLen) * 1024; }
 
-  // A key as bytes, lowest first, with zeros behind the eighth.
+  // A key as bytes, lowest first, with zeros after the eighth.
   Bytes keyBytes(std::uint64_t key) const {
     Bytes bytes(static_cast<std::size_t>(shape_.keyLen));
     for (std::size_t i = 0; i < bytes.size() && i < 8; ++i) {

@@ -103,7 +103,7 @@ inline Lines pointLines(const std::vector<refhost::TraceRecord> &records) {
 // One call through a watched slot of the MEM function vector.
 struct SlotUse {
   int slot;
-  const void *object;   // 8: the area obtained or null; 10: the heap made or null;
+  const void *object;   // 8: the area allocated or null; 10: the heap made or null;
                         // 9: the area; 11, 12, 14 and 38: the heap
   std::int64_t length;  // 8, 9: bytes; 10: area length in KB; 12, 14, 38: entry length
   std::int32_t subPool;
@@ -258,7 +258,7 @@ class VectorWatch {
   std::vector<Kept> kept_;
 };
 
-// What the host is told about a failure, and what stands in the error area at that moment.
+// What is reported to the host about a failure, and what the error area holds at that moment.
 struct Report {
   const char *pErrorText;
   std::string errorText;
@@ -268,8 +268,8 @@ struct Report {
   std::uint16_t component;
 };
 
-// What a failure leaves in the error area beside code, name and return code. Enhanced heaps set the
-// component; where the host failed, its own code and text are the inner ones.
+// What a failure leaves in the error area besides code, name and return code. Enhanced heaps set
+// the component; where the host failed, its own code and text are the inner ones.
 struct FailureMarks {
   std::uint16_t component = 0;
   std::uint32_t innerCode = 0;
@@ -287,10 +287,10 @@ inline constexpr FailureMarks kHostMarks = {MEM_COMPONENT, kHostError, kHostErro
 enum class NameBy {
   kMessage,  // composed in the free message text and copied from there
   kItself,   // composed in place, the free message text stays
-  kStanding  // whatever free message text stands is copied
+  kStanding  // the existing free message text is copied
 };
 
-// What the host is told about a failure.
+// What is reported to the host about a failure.
 struct Told {
   std::string detail = {};
   bool messageText = false;  // the free message text instead of the name field
@@ -349,8 +349,8 @@ class HeapHashTest : public StartedTest {
 
   void setMessageText(const std::string &text) { std::strcpy(env().MessageText, text.c_str()); }
 
-  // The error area tells this failure and nothing else. What stands behind the end of a text is of
-  // no meaning.
+  // The error area holds this failure and nothing else. What follows the end of a text has no
+  // meaning.
   void expectError(std::uint32_t code, const std::string &name, const FailureMarks &marks = {}) {
     EXPECT_EQ(error().Code, code);
     EXPECT_EQ(nameText(), name);

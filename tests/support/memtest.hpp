@@ -19,7 +19,8 @@
 
 namespace memtest {
 
-// What is tested: the library beside the program, or what MEM_TEST_MODULE in the environment names.
+// What is tested: the library next to the program, or what MEM_TEST_MODULE in the environment
+// names.
 inline std::filesystem::path testedModule() {
   const char *override = std::getenv("MEM_TEST_MODULE");
   return override == nullptr ? refhost::Library::besideProgram() : override;
@@ -101,8 +102,8 @@ inline std::string argumentText(char kind, std::uint64_t value, const AddressNam
   return named == names.end() ? "?" : named->second;
 }
 
-// Recorded host calls as lines, "MEM_SinkInit: GetStorage(cell, 278528, 230, 0)". The name in front
-// is the innermost trace frame's.
+// Recorded host calls as lines, "MEM_SinkInit: GetStorage(cell, 278528, 230, 0)". The name at
+// the start is the innermost trace frame's.
 inline Lines callLines(const std::vector<refhost::HostCall> &calls,
                        const AddressNames &names = {}) {
   Lines lines;
@@ -147,7 +148,7 @@ inline Lines freeLines(const std::string &area, std::int64_t size, std::uint16_t
                                               ", " + std::to_string(subPool) + ")"});
 }
 
-// The host must have everything back: no storage, no gate, no wrong use of a service. The checking
+// The host must have everything back: no storage, no gate, no misuse of a service. The checking
 // layer, where there is one, must have found nothing.
 inline void expectNothingLeft(refhost::Host &host) {
   EXPECT_EQ(host.checkReports(), 0U);

@@ -102,7 +102,7 @@ std::uint16_t RandomStructure::randomType(std::size_t index) {
   return index == 0 ? pick(random_, kRoot) : pick(random_, kOthers);
 }
 
-// Mostly a few, sometimes none, now and then all.
+// `most` in one of 30 calls, else the smaller of two random numbers up to it.
 std::size_t RandomStructure::fewOf(std::size_t most) {
   if (random_.oneIn(30)) return most;
   return std::min(random_.below(most + 1), random_.below(most + 1));
@@ -181,7 +181,7 @@ void RandomStructure::chooseBlockLen() {
   }
 }
 
-// Bytes behind the pointer fields: few, or all that a block takes.
+// Bytes after the pointer fields: few, or all that a block takes.
 std::size_t RandomStructure::usualTail(std::size_t minLength) {
   const std::size_t most = blockLen_ - kOverhead - minLength;
   if (random_.oneIn(60)) return most;

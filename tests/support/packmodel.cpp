@@ -53,7 +53,7 @@ std::size_t wideLength(const std::uint8_t *text) {
   return units;
 }
 
-// A descriptor with its address, which the texts of failures show. Counts are as they stand.
+// A descriptor with its address, which the texts of failures show. Counts are as stored.
 class Descriptor {
  public:
   const std::uint8_t *address;
@@ -156,7 +156,7 @@ class Chain {
     return length <= blockLen_ - 15 && freshStart + length <= kMaxUsed;
   }
 
-  // Reserves room behind what is used. REQUIRES: holds(length, freshStart).
+  // Reserves room after what is used. REQUIRES: holds(length, freshStart).
   Place reserve(std::int64_t length, std::int64_t freshStart, std::int64_t alignment = 1) {
     std::int64_t start = (used_ + alignment - 1) / alignment * alignment;
     const std::int64_t end = std::min(blockLen_ - 8, kMaxUsed);
@@ -302,7 +302,7 @@ class Packer {
     order_.push_back({kind, place});
   }
 
-  // The string behind a child pointer, if it is one.
+  // The string that a child pointer leads to, if it leads to one.
   void copyText(const Descriptor &kind, std::size_t c, const std::uint8_t *segment, Place owner) {
     const Descriptor textKind = kinds_.at(kind.childKind(c));
     const std::uint8_t *text = pointerIn(segment, kind.childOff(c));

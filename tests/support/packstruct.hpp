@@ -14,7 +14,7 @@ namespace memtest {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// One kind of segment, as a descriptor tells it.
+// One kind of segment, as a descriptor defines it.
 struct Kind {
   std::uint16_t type = MEM_PACK_FIXED;
   std::uint16_t fixedLen = 0;
@@ -56,7 +56,7 @@ class ControlBlock {
     return count > 8 ? 978 + kDescriptorLen * static_cast<std::size_t>(count - 8) : 978;
   }
 
-  // Changes the number in the block only, not the room behind it.
+  // Changes the number in the block only, not the room after it.
   void setCount(std::int16_t count) { std::memcpy(bytes_.data(), &count, sizeof count); }
 
   void set(std::size_t index, const Kind &kind) {

@@ -1,4 +1,4 @@
-// Fixture for tests of the packer: packs, reads the chain as bytes, checks what a call left behind
+// Fixture for tests of the packer: packs, reads the chain as bytes, checks what a call has left
 // and returns the chain.
 #pragma once
 
@@ -15,7 +15,7 @@ namespace memtest {
 
 using Blocks = std::vector<Bytes>;  // from content offset 0, the used length, to the block's end
 
-inline constexpr std::size_t kHeadEnd = 984;  // content offset behind a control block of 978 bytes
+inline constexpr std::size_t kHeadEnd = 984;  // content offset after a control block of 978 bytes
 inline constexpr std::int32_t kSmallestBlock = 997;  // the shortest block that takes this head
 
 struct RelPtr {
@@ -115,7 +115,7 @@ class PackTest : public StartedTest {
 
   Blocks blocks() const { return blocksOf(first, blockLen_); }
 
-  // Packs, expects success and what the model says, and hands the blocks to closer looks.
+  // Packs, expects success and what the model says, and returns the blocks for closer looks.
   Blocks packed(const ControlBlock &controlBlock, const void *root, std::int32_t blockLen) {
     expectPacked(pack(controlBlock, root, blockLen));
     const packmodel::Outcome expected =

@@ -1,4 +1,4 @@
-// Damaged port strings: a rich definition table, sound texts over it, and the reading of hostile
+// Damaged port strings: a rich definition table, valid texts over it, and the reading of hostile
 // texts with a fence around every heap entry and every chunk.
 #pragma once
 
@@ -20,7 +20,7 @@ namespace memtest {
 const Defs &richDefs();
 inline constexpr std::uint32_t kRichID = 1;
 
-// Sound texts over that table.
+// Valid texts over that table.
 std::vector<std::string> soundTexts(std::uint64_t seed, std::size_t count);
 
 // One damaged copy: bytes changed, dropped, doubled, moved, or exchanged with another text's.
@@ -68,7 +68,7 @@ class HostileReader {
   // What is wrong with an outcome; empty when nothing is.
   static std::string fault(const ReadOutcome &outcome);
   // "" or how two readings of a text differ that must not: the status, what is stored, and the
-  // records. Those of a chunk tell the same place, with shorter excerpts.
+  // records. Those of a chunk report the same place, with shorter excerpts.
   static std::string difference(const ReadOutcome &block, const ReadOutcome &chain,
                                 std::string_view text, std::size_t chunkLen);
 

@@ -72,12 +72,12 @@ inline std::string textOf(const MEMPortChunk *chunk) {
   return text;
 }
 
-// A port string of these structure texts. The lengths in the header tell nothing to a reader.
+// A port string of these structure texts. The lengths in the header mean nothing to a reader.
 inline std::string portString(const std::string &body, std::uint32_t structures = 1) {
   return refhost::formatText("(%010lu,%010lu)", body.size() + 23, structures) + body;
 }
 
-// Message texts without the place in front: "(..\SrcRes\MEMCPORT:2311)ERROR:".
+// Message texts without the place at their start: "(..\SrcRes\MEMCPORT:2311)ERROR:".
 inline Lines messageTexts(const std::vector<refhost::TraceRecord> &records) {
   Lines messages;
   for (const refhost::TraceRecord &record : records) {
@@ -151,7 +151,7 @@ class PortTest : public StartedTest {
     return mem.MEM_PortStrToStruct(defs, chunk, heap, &read);
   }
 
-  // The text lies in storage of exactly its length.
+  // The text is in storage of exactly its length.
   std::int16_t readBlock(const MEMStructDef *defs, const std::string &text) {
     read = this;
     host.takeRecords();

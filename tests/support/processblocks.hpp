@@ -42,7 +42,7 @@ inline std::uint8_t *sinkStorage(const refhost::Host &host, std::uint32_t length
 }
 
 // A host call that can fail during process start, what is recorded then, and how far the sink has
-// come by then: what it has to give back.
+// come by then: what it has to release.
 struct StartFailure {
   refhost::Service service;
   std::uint64_t nth;
@@ -120,7 +120,7 @@ inline Lines sinkStartLines() {
                  "ProtectStorage(space, 262144, 230, 16)", "GetStorage(cell, 16384, 230, 0)"});
 }
 
-// How a sink that has come as far as `step` gives back what it has.
+// How a sink that has come as far as `step` releases what it has.
 inline Lines sinkReleaseLines(SinkStep step, std::uint32_t gate, const std::string &frame) {
   Lines lines;
   if (step >= SinkStep::segment) {
@@ -146,7 +146,7 @@ inline Lines sinkStopLines(SinkStep step, std::uint32_t gate) {
 }
 
 // The calls of a start, `lines` when it succeeds, up to the failing one, and how the sink then
-// gives back what it has.
+// releases what it has.
 inline Lines linesOfFailedStart(const Lines &lines, const StartFailure &failure,
                                 std::uint32_t gate) {
   const std::string failing = ": " + std::string(refhost::serviceName(failure.service)) + "(";

@@ -2,10 +2,10 @@
 # variables of the script:
 #
 # PROGRAM   the program; messages begin with its name
-# EMULATOR  command in front of a program for another platform, as a list
+# EMULATOR  command that runs a program for another platform, as a list
 # WORK      folder for the files of a test, where it has any; emptied first
 
-# Wine's own messages would stand among the program's, and it reads names in the locale's encoding.
+# Wine's own messages would mix with the program's, and it reads names in the locale's encoding.
 set(ENV{WINEDEBUG} "-all")
 set(ENV{LC_ALL} "C.UTF-8")
 cmake_path(GET PROGRAM STEM program_name)

@@ -7,7 +7,7 @@ namespace sinkmodel {
 
 namespace {
 
-// An index slot, read where it stands.
+// An index slot, read in place.
 struct Slot {
   const std::uint8_t *address;
   std::uint64_t uses;
@@ -201,7 +201,7 @@ void SinkModel::makeRoom() {
   free_ = static_cast<std::int32_t>(first_) - 1;
 }
 
-// The entry comes to stand at `place` of the order.
+// The entry takes `place` in the order.
 void SinkModel::indexInsert(std::size_t place) {
   const std::size_t above = entries_.size() - place;
   if (entries_.empty()) {
@@ -309,7 +309,7 @@ std::vector<SunkCopy> sunkCopies(const MEMProcessBlock &block) {
 
 namespace {
 
-// The walk of unsoundness(). Each step throws nothing and returns its finding.
+// The walk of `unsoundness()`. Each step throws nothing and returns its finding.
 class SoundnessWalk {
  public:
   explicit SoundnessWalk(const MEMProcessBlock &block) : block_(block) {}
@@ -396,7 +396,7 @@ class SoundnessWalk {
       for (std::uint32_t granule = first; granule < first + run.reservedLen / 2; ++granule) {
         std::uint8_t &byte = maps[number][granule / 8];
         const auto bit = static_cast<std::uint8_t>(0x80U >> granule % 8);
-        if ((byte & bit) != 0) return say("copy %p lies in another one", copies_[i].address);
+        if ((byte & bit) != 0) return say("copy %p overlaps another one", copies_[i].address);
         byte = static_cast<std::uint8_t>(byte | bit);
       }
     }

@@ -1,4 +1,4 @@
-// An independent model of the string sink: which copies there are, where they lie, how often each
+// An independent model of the string sink: which copies there are, where they are, how often each
 // is used, and from that every byte of the sink's part of the process block, of the maps, of the
 // string spaces and of the index. It favours ordered containers over speed and shares no code with
 // the library.
@@ -34,15 +34,15 @@ Text wide(const std::u16string &text);
 // The text at an address of a copy, read as one of the two kinds.
 Text textAt(const void *address, bool isWide);
 
-// The bytes that a copy of the text has in front of its two zero bytes at an even position. Texts
-// with equal keys share a copy, and copies are ordered as their keys are.
+// The bytes that a copy of the text has before its two zero bytes at an even position. Texts with
+// equal keys share a copy, and copies are ordered as their keys are.
 std::string keyOf(const Text &text);
 
 // What a text takes, computed as callers are promised.
 std::uint32_t textLen(const Text &text);      // TLen
 std::uint32_t reservedLen(const Text &text);  // GLen
 
-// Where a copy lies.
+// Where a copy is.
 struct Position {
   std::size_t segment = 0;
   std::uint32_t offset = 0;  // in the string space
@@ -62,7 +62,7 @@ class SinkModel {
 
   Answer sink(const Text &text);
   Answer verify(const Text &text) const;
-  // `isCopy` tells whether the address handed over is `position`'s.
+  // `isCopy`: whether the address passed is `position`'s.
   Answer remove(const Text &text, bool isCopy, Position position);
 
   std::size_t copies() const { return entries_.size(); }
@@ -124,7 +124,7 @@ class SinkModel {
   std::uint64_t growths_ = 0;
 };
 
-// "" when the sink's state is sound in itself: segments, maps, lengths, index and copies agree, the
+// "" when the sink's state is consistent: segments, maps, lengths, index and copies agree, the
 // order is strict and nothing is reserved that belongs to no copy. Needs no model, so it serves
 // where threads or failing host calls decide what the sink holds. REQUIRES: no call is running.
 std::string unsoundness(const MEMProcessBlock &block);

@@ -13,7 +13,7 @@ namespace memtest {
 using sinkmodel::Text;
 
 // A text outside the sink, of even address and with both kinds' terminator, so that its address can
-// be handed to any of the services.
+// be passed to any of the services.
 class OwnText {
  public:
   explicit OwnText(const Text &text) : units_(text.bytes.size() / 2 + 2) {
@@ -26,7 +26,7 @@ class OwnText {
   std::vector<char16_t> units_;
 };
 
-// The string services with a text of either kind. The cell behind `ppSunk` goes in and comes out.
+// The string services with a text of either kind. The cell at `ppSunk` goes in and comes out.
 inline std::int16_t sinkText(MEMFunctionVector &mem, const Text &text, const void **ppSunk) {
   const OwnText own(text);
   const auto call = [ppSunk](auto *entry, auto *pText) {
@@ -56,8 +56,8 @@ inline std::int16_t deleteSunk(MEMFunctionVector &mem, const void *pSunk, bool i
                 : mem.MEM_SinkDelete(static_cast<const char *>(pSunk));
 }
 
-// A started process on dirty storage. After every step of a test all is sound; at its end nothing
-// is left.
+// A started process on dirty storage. After every step of a test the sink is consistent; at the
+// test's end nothing is left.
 class SinkTest : public StartedTest {
  protected:
   SinkTest() : StartedTest(withDirtyStorage()) {}

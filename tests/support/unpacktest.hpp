@@ -1,5 +1,5 @@
 // Fixture for tests of MEM_Unpack: loads a chain into storage, unpacks it and checks what the call
-// left behind.
+// has left.
 #pragma once
 
 #include <memory>

@@ -14,7 +14,7 @@
 namespace replay {
 
 // The lines of a case, for a digest of them. With a stream to write them to, bytes are shown in
-// full, and lines are written after each call, so that they tell how far a case came that ends the
+// full, and lines are written after each call, so that they show how far a case came that ends the
 // process.
 class CaseLog {
  public:

@@ -70,7 +70,7 @@ void setOldControlBlock(Watch &watch, bool isOld) {
 
 namespace {
 
-// A text in chunks, each in storage of exactly its size, with the storage's end behind it.
+// A text in chunks, each at the end of storage of exactly its size.
 class Chunks {
  public:
   Chunks(std::string_view text, std::size_t chunkLen) {

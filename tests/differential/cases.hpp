@@ -1,5 +1,5 @@
 // The kinds of cases. Each makes its materials from a seed and shows the library's work on them to
-// a watch. A case leaves nothing behind that the next one could see.
+// a watch. A case leaves nothing that the next one could see.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ namespace replay {
 
 using memtest::Random;
 
-// The seams at which a run can be made to differ on purpose, to see that a comparison tells.
+// What makes a run differ on purpose, to check that a comparison reports it.
 struct Settings {
   bool oldControlBlock = false;  // every packer writes the old control block
 };
@@ -90,7 +90,7 @@ class Leaves {
   std::vector<Branch> branches_;
 };
 
-// The blocks of a chain, each of `blockLen` bytes; 0: each as long as its used length tells.
+// The blocks of a chain, each of `blockLen` bytes; 0: each as long as its used length says.
 void showChain(Watch &watch, std::string_view what, const MemPackBlock *first, std::size_t blockLen,
                bool isSwapped = false);
 void returnChain(Watch &watch, MemPackBlock *first, std::uint32_t blockLen);

@@ -114,7 +114,7 @@ class Heap {
   void takeChain(Watch &watch, Random &random) {
     const auto length = static_cast<std::int32_t>(random.below(200));
     const auto count = edgeOr<std::int32_t>(random, {-1, 0, 1, 40}, 6);
-    // A link beyond its entry would be the caller's affair; these lie inside.
+    // A link beyond its entry would be the caller's affair; these are inside.
     const auto linkOff = edgeOr<std::int16_t>(random, {-8, -1, 0},
                                               static_cast<std::size_t>(std::max(length - 7, 1)));
     const auto shortLength = static_cast<std::int16_t>(length);

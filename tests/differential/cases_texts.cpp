@@ -85,7 +85,7 @@ void read(Watch &watch, Random &random, const MEMStructDef *defs, const PortGrap
   heap.show();
 }
 
-// A branch and its leaves, as the tables of port strings tell them.
+// A branch and its leaves, as the tables of port strings describe them.
 memtest::Defs leavesTable() {
   using memtest::Field;
   constexpr auto kPointer = static_cast<std::int32_t>(sizeof(void *));

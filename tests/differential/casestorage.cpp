@@ -39,7 +39,7 @@ constexpr std::size_t kPage = 4096;
 constexpr std::uint8_t kFresh =
     0xCB;  // in storage of `new`, so that no run depends on earlier ones
 
-// Hands out one range from its start on; nothing is used again before the next start.
+// Allocates from one range, from its start on; nothing is used again before the next start.
 class Range {
  public:
   constexpr Range(std::uintptr_t start, std::size_t length) : start_(start), length_(length) {}

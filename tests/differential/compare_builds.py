@@ -26,7 +26,7 @@ NONE = "(nothing)"
 
 
 class Runner:
-    """Runs cases on both builds at once and hands over the two files of results."""
+    """Runs cases on both builds at once and returns the two files of results."""
 
     def __init__(self, arguments, folder):
         self.program = arguments.program
@@ -78,7 +78,7 @@ def differing(old, new):
 
 
 def called(line):
-    """The service of a line that tells a call's result, else None."""
+    """The service of a line that shows a call's result, else None."""
     match = re.match(r"(MEM_\w+)\b.* = -?\d+$", line)
     return match and match[1]
 
@@ -110,7 +110,7 @@ def without_numbers(line):
 
 def in_short(difference):
     """What differences with the same cause have in common: the call and the two lines without
-    numbers, as far as that tells them apart."""
+    numbers, as far as that distinguishes them."""
     call, one, other = difference
     one, other = without_numbers(one), without_numbers(other)
     return call, one, other if one != other else "the same with other numbers"

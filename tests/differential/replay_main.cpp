@@ -5,7 +5,7 @@
 //                [--cases FILE] [--full] [--old-control-block] --out FILE
 //
 // --cases names a file with the numbers of the cases to run, one a line. Cases run in a child
-// process; one that ends it (a fault, 20 seconds) is told as such, and a new child goes on.
+// process; one that ends it (a fault, 20 seconds) is reported as such, and a new child goes on.
 #include <dlfcn.h>
 #include <link.h>
 #include <sys/wait.h>
@@ -214,7 +214,7 @@ void writeEnd(std::uint64_t number, int status) {
   std::fflush(out);
 }
 
-// Cases from the one that `next` tells on, which is kept up to date.
+// Cases from index `next` on, which is kept up to date.
 void runCases(volatile std::uint64_t &next) {
   CaseLog log(arguments.isFull ? out : nullptr);
   tellModule(log, reinterpret_cast<const void *>(entry));

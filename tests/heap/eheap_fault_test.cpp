@@ -1,5 +1,5 @@
 // Every call of a host service failing in turn, over one script of enhanced heap calls. The model
-// tells for each call what a failure at that place must give.
+// shows for each call what a failure at that place must give.
 
 #include <algorithm>
 
@@ -14,7 +14,7 @@ class EHeapFaultTest : public HeapHashTest {
  protected:
   EHeapFaultTest() : watch(mem), stage{host, mem, watch, kDirty} { host.recordCalls(true); }
 
-  // First area, further areas and large blocks, singly and in chains, and entries given back.
+  // First area, further areas and large blocks, singly and in chains, and freed entries.
   static void fill(CheckedEHeap &heap) {
     heap.alloc(500, Door::kOwnShort);
     heap.alloc(450, Door::kStandardShort);
@@ -133,7 +133,7 @@ TEST_F(EHeapFaultTest, CloseGoesOnWhenTheHostKeepsTheGate) {
   EXPECT_EQ(host.gateCount(), gates - 1);
 }
 
-// The heap's next user is told so by the host, and the heap tells it on.
+// The host reports it to the heap's next user, and the heap passes the error on.
 TEST_F(EHeapFaultTest, GateThatTheHostDoesNotReleaseIsReported) {
   HMEMHEAP heap = nullptr;
   ASSERT_EQ(mem.MEM_EHeapOpen(&heap, 1, kSubPool), 0);

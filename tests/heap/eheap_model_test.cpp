@@ -47,7 +47,7 @@ class EHeapModelTest : public HeapHashTest, public ::testing::WithParamInterface
     host.arm(fault);
   }
 
-  // Mostly short, often near the longest area entry, now and then long or below 1.
+  // At least 60 % are short, 10 % near the longest area entry, 10 % long or below 1.
   std::int32_t someLength(const Slot &slot) {
     const std::size_t kind = random.below(100);
     if (kind < 60) return numberBetween(random, 1, 64);

@@ -189,7 +189,7 @@ class EHeapThreadTest : public HeapHashTest {
         EXPECT_TRUE(entry.isIntact());
         if (entry.heap != number) continue;
         auto &entries = entry.isLarge() ? large : inAreas;
-        EXPECT_TRUE(entries.emplace(entry.address, entry.taken()).second) << "handed out twice";
+        EXPECT_TRUE(entries.emplace(entry.address, entry.taken()).second) << "allocated twice";
       }
     }
     std::uint8_t *area = at(heap, 0);

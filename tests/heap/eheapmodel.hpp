@@ -95,7 +95,7 @@ class CheckedEHeap : public HeapDriver {
     recordChain(result, first, len, count, linkOff, entryOfModel(len, gates));
   }
 
-  // Gives back the entry of this number, which may have been given back before.
+  // Frees the entry of this number, which may have been freed before.
   void giveBack(std::size_t number) {
     Entry &entry = entries_[number];
     begin();
@@ -111,7 +111,7 @@ class CheckedEHeap : public HeapDriver {
     expectFreed(entry);
   }
 
-  // Gives back what is no entry of this length: the end of the heap's first area.
+  // Frees what is no entry of this length: the end of the heap's first area.
   void giveBackWrong(std::int32_t len) {
     begin();
     std::uint8_t *wrong = model().header() + load<std::uint32_t>(handle_, 56) - 8;
@@ -205,7 +205,7 @@ class CheckedEHeap : public HeapDriver {
     };
   }
 
-  // How giving back is to end. Only area entries need the gate.
+  // How freeing is to end. Only area entries need the gate.
   Outcome expectedFree(std::int32_t len, std::uint8_t *address) {
     const StorageTrail none(stage_);
     GateTrail gates(stage_.host);

@@ -1,5 +1,5 @@
-// The enhanced heap alone: its gate and flags, its free list, entries given back, its trace
-// records. What it shares with the standard heap is tested in heap_test.cpp.
+// The enhanced heap alone: its gate and flags, its free list, freed entries, its trace records.
+// What it shares with the standard heap is tested in heap_test.cpp.
 
 #include <utility>
 
@@ -338,7 +338,7 @@ TEST_F(EHeapTest, ChainsAndStandardEntryPointsTakeFromTheFreeListToo) {
   close(heap);
 }
 
-// Giving back.
+// Freeing.
 
 TEST_F(EHeapTest, FreedEntryIsClearedAndHoldsLinkAndSize) {
   const struct {

@@ -1,5 +1,5 @@
 // Every request of storage refused in turn, over one script of heap and hash table calls. The
-// models tell for each call what a refusal at that place must give.
+// models show for each call what a refusal at that place must give.
 
 #include <memory>
 

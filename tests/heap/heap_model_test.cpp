@@ -39,7 +39,7 @@ class HeapModelTest : public HeapHashTest, public ::testing::WithParamInterface<
     watch.refuseStorage = random.oneIn(oneInSoMany) ? numberBetween(random, 1, 2) : 0;
   }
 
-  // Mostly short, often near the longest area entry, now and then long or wrong.
+  // At least 60 % are short, 10 % near the longest area entry, 10 % long or wrong.
   std::int32_t someLength(const Slot &slot) {
     const std::size_t kind = random.below(100);
     if (kind < 60) return numberBetween(random, 1, 64);

@@ -307,7 +307,7 @@ TEST_P(HeapTest, HeapNeverReturnsToAnEarlierArea) {
   host.recordCalls(true);
   alloc(heap, 960);  // leaves most of the first area
   std::uint8_t *second = obtained();
-  EXPECT_EQ(alloc(heap, 40), second + 24 + 960) << "a further area has 40 bytes behind 960";
+  EXPECT_EQ(alloc(heap, 40), second + 24 + 960) << "a further area has 40 bytes after 960";
   EXPECT_EQ(load<std::int32_t>(second, 20), 0);
   std::uint8_t *entry = alloc(heap, 1);  // would fit in the first area
   std::uint8_t *third = obtained();
@@ -455,7 +455,7 @@ const HandleCase kHandleCases[] = {
      [](MEMFunctionVector &mem, HMEMHEAP heap, void **ppEntry) {
        return mem.MEM_HeapAllocEntryLong(heap, 8, ppEntry);
      }},
-    // Chains tell a wrong handle before a wrong count, link offset or length.
+    // Chains report a wrong handle before a wrong count, link offset or length.
     {"HeapAllocMultEntries", kStandard, NameBy::kStanding, NameBy::kStanding,
      [](MEMFunctionVector &mem, HMEMHEAP heap, void **ppEntry) {
        return mem.MEM_HeapAllocMultEntries(heap, 0, 0, -1, ppEntry);
@@ -981,7 +981,7 @@ TEST_P(HeapTest, ExitRecordsOfFixedTextAreNotFormatted) {
   mem.MEM_HeapAllocMultEntries(heap, 8, 3, 0, &entry);
   EXPECT_EQ(host.calls(Service::Format), 0U);
   // A standard heap has 4 exits and 4 times "Regular heap"; an enhanced one has the exit of its own
-  // chain, too, and tells its kind once.
+  // chain, too, and records its kind once.
   EXPECT_EQ(host.calls(Service::WriteRecord), isEnhanced() ? 6U : 8U);
   host.setTraceFlags(0);
   close(heap);

@@ -1,4 +1,4 @@
-// What tests of heaps share: the two kinds and what tells them apart, the limits of small heaps,
+// What tests of heaps share: the two kinds and what distinguishes them, the limits of small heaps,
 // stand-ins, and a fixture that knows how heaps look in trace records and among host calls.
 #pragma once
 
@@ -45,7 +45,7 @@ inline constexpr OpenCase kOpenCases[] = {
     {255, 7, 7, 1},    {256, 7, 7, 1},    {3, 32767, 32767, 1},
     {3, 0xFFFB, 5, 2}, {3, 0xFF00, 0, 2}, {3, 0x8000, 32768, 2}};
 
-// What tells the two kinds of heap apart. In all else they are alike.
+// What distinguishes the two kinds of heap. In all else they are alike.
 struct HeapKind {
   const char *name;
   const char *eye;
@@ -198,7 +198,7 @@ inline std::vector<std::uint8_t *> entriesOf(void *first, std::size_t count, std
   return entries;
 }
 
-// Stands in for storage that no test machine should have to provide.
+// Replaces storage that no test machine should have to provide.
 struct HugeStorage {
   static constexpr std::uint32_t kRealLen = 64;
   inline static std::uint32_t askedSize = 0;
@@ -261,7 +261,7 @@ class HeapFixture : public HeapHashTest {
     return static_cast<std::uint8_t *>(entry);
   }
 
-  // The first area behind its header.
+  // The first area after its header.
   std::uint8_t *entriesAt(HMEMHEAP heap, std::size_t offset = 0) const {
     return at(heap, kind.headerLen + offset);
   }

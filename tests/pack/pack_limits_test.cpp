@@ -55,7 +55,7 @@ TEST_F(PackTest, ControlBlockIsLimitedByTheUsedLength) {
   ControlBlock most(537);
   for (std::size_t i = 0; i < 537; ++i) most.set(i, fixedKind(8));
   const Blocks made = packed(most, items.make(8, 0x11), 100000);
-  ASSERT_EQ(made.size(), 2U) << "the root cannot start so far behind";
+  ASSERT_EQ(made.size(), 2U) << "the root cannot start so far into the block";
   EXPECT_EQ(usedLen(made[0]), 65522);
 
   ControlBlock tooMany(538);
@@ -101,7 +101,7 @@ class PackSegmentLengthTest : public PackTest, public ::testing::WithParamInterf
     EXPECT_EQ(blocks().size(), 1U);
     EXPECT_EQ(usedLen(blocks().at(0)), 984);
   }
-  // In a block of its own, behind the head of the first.
+  // In a block of its own, after the head in the first.
   void expectFits(const ControlBlock &controlBlock, const void *root) {
     const Blocks made = packed(controlBlock, root, GetParam().blockLen);
     ASSERT_EQ(made.size(), 2U);
@@ -115,7 +115,7 @@ constexpr LengthCase kSegmentLengths[] = {
     {"BlockOf65548", 65533, 65534, 65548}, {"BlockOf65549", 65533, 65534, 65549},
     {"LongBlock", 65533, 65534, 70000}};
 
-constexpr std::size_t kCountable = 3;  // lengths that a signed 16-bit count can tell
+constexpr std::size_t kCountable = 3;  // lengths that a signed 16-bit count can hold
 
 INSTANTIATE_TEST_SUITE_P(Limits, PackSegmentLengthTest, ::testing::ValuesIn(kSegmentLengths),
                          lengthCaseName);
@@ -256,7 +256,7 @@ TEST_F(PackTextTest, TextBeyondAllLengthsIsRefused) {
                 "StringLengthTooLarge=200002");
 }
 
-// What fits behind what a block holds already.
+// What fits after what a block holds already.
 
 TEST_F(PackTest, SegmentGoesIntoTheBlockUpToItsLastByte) {
   Blocks made = packed(ControlBlock{fixedKind(1008)}, items.make(1008, 0x11), 2000);
@@ -448,7 +448,7 @@ TEST_F(PackBlockCountTest, OneBlockMoreIsRefused) {
 TEST_F(PackBlockCountTest, OneBlockMoreIsRefusedForASegmentToo) {
   const ControlBlock segments{{.fixedLen = 985, .siblingOff = 0}};
   std::uint8_t *segment = nullptr;
-  for (int i = 0; i < 32767; ++i) {  // each in a block of its own behind the head's
+  for (int i = 0; i < 32767; ++i) {  // each in a block of its own after the head's
     std::uint8_t *const next = segment;
     segment = items.make(985);
     putPointer(segment, 0, next);

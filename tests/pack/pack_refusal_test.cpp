@@ -1,4 +1,4 @@
-// MEM_Pack: what it refuses, and what a refused call leaves behind.
+// MEM_Pack: what it refuses, and the state that a refused call leaves.
 
 #include <algorithm>
 #include <ostream>
@@ -154,7 +154,7 @@ TEST_F(PackTest, FullCountsAndTheLastKindsArePacked) {
   packed(controlBlock, segment, 2000);
 }
 
-// Pointer fields must lie inside their segment; seen when a segment of the kind is reached.
+// Pointer fields must be inside their segment; seen when a segment of the kind is reached.
 struct OffsetCase {
   const char *name;
   Kind good;
@@ -466,11 +466,11 @@ TEST_F(PackLostReferenceTest, TheSegmentPackedLastIsLookedAtFirst) {
   expectRefused(pack(controlBlock, root, 1200), MEMERR_PACKSPTR, pointerText(lost));
 }
 
-// Storage that cannot be had.
+// Storage that is not available.
 
 class PackStorageTest : public PackTest {
  protected:
-  // Null from slot 8 for the n-th request of a block, with an error of the host's left behind.
+  // Null from slot 8 for the n-th request of a block, which leaves an error of the host.
   void refuseBlock(int nth) {
     left_ = nth;
     self_ = this;

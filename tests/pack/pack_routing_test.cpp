@@ -116,7 +116,7 @@ TEST_F(PackRoutingTest, StoredRecordsFormAListFromTheLastToTheFirst) {
     const void *address;
   };
   std::vector<Stored> stored;
-  watch.onCall = [&](int slot) {  // by the first lookup all records stand
+  watch.onCall = [&](int slot) {  // by the first lookup all records are stored
     if (slot != 23 || !stored.empty()) return;
     for (const PackWatch::Inserted &record : watch.inserted) {
       stored.push_back({bytesOf(record.stored, 40), record.stored});
@@ -164,7 +164,7 @@ TEST_F(PackRoutingTest, BlocksFromAReplacedSlotMayHoldAnything) {
   EXPECT_EQ(blockDifference(blocks(), expected), "");
 }
 
-// Failures of the hash table. Its own record stands, the packer adds none, and the table is closed.
+// Failures of the hash table: its own record remains, the packer adds none, the table is closed.
 
 class PackHashFailureTest : public PackRoutingTest {
  protected:

@@ -23,7 +23,7 @@ class PackWatch {
   };
   struct Inserted {
     std::int16_t length;
-    Bytes record;        // as handed over
+    Bytes record;        // as passed
     const void *stored;  // the table's copy
   };
 

@@ -76,7 +76,7 @@ TEST_F(UnpackFaultTest, CallsWithoutStorageCanBeRepeated) {
             << "block " << i;
       }
     };
-    // In place, the third storage is obtained when the work has begun.
+    // In place, the third allocation comes after the work has begun.
     const bool isInPlace = writer.pointerWidth == 8;
     sweepFaults(host, faultOf(Service::GetStorage, 77), [&](std::uint64_t call) {
       load(chain);

@@ -1,6 +1,6 @@
-// What a failure of MEM_Unpack leaves in the blocks: everything in front of it has become real
-// addresses and native text, everything behind it is as it was written. So it is in whatever order
-// segments, texts and blocks lie.
+// What a failure of MEM_Unpack leaves in the blocks: everything before it has become real addresses
+// and native text, everything after it is as it was written. This holds for every order of
+// segments, texts and blocks.
 
 #include <algorithm>
 
@@ -129,7 +129,7 @@ class UnpackHalfwayTest : public UnpackTest, public ::testing::WithParamInterfac
     }
   }
 
-  // What a narrower text leaves of a wider one stays behind it, in the order of this machine.
+  // What a narrower text leaves of a wider one stays after it, in the order of this machine.
   void turnUnits(std::uint8_t *text, std::size_t count) const {
     for (std::size_t i = 0; i < count; ++i) {
       std::reverse(text + i * writer.wideSize, text + (i + 1) * writer.wideSize);
@@ -186,7 +186,7 @@ class UnpackHalfwayTest : public UnpackTest, public ::testing::WithParamInterfac
       Chain broken = chain_;
       broken.setPointer(field(changes_[i]), {9999, 2});
       expectDone(broken, i, MEMERR_PACKRBLK);
-      // The bytes behind block and offset mean nothing, but stay with what is not reached.
+      // The bytes after block and offset mean nothing, but stay in fields that are not reached.
       for (std::size_t j = i == 0 ? 0 : i - 1; j <= i + 1 && j < changes_.size(); ++j) {
         if (changes_[j].part == kNone) continue;
         Chain odd = broken;

@@ -31,7 +31,7 @@ class UnpackMutationTest : public ::testing::Test {
     const std::size_t blockLen =
         chainwriter::smallestBlockLen(tree, writer) + random.below(500) + 130;
     const Chain chain = chainwriter::write(tree, writer, blockLen);
-    // The mutants mean something only if the original is sound.
+    // The mutants mean something only if the original is valid.
     ASSERT_EQ(unpack.run(chain.blocks, reinterpret_cast<const MemPackCB *>(sound.data())), "");
     ASSERT_EQ(unpack.answer().result, 0) << unpack.answer().text;
     ChainMutator mutator(random, tree, chain);
@@ -68,7 +68,7 @@ TEST_F(UnpackMutationTest, DamagedChainsEndWithinTheContract) {
   }
 }
 
-// Cut at every length, with every used length told to match.
+// Cut at every length, with the used length set to match.
 TEST_F(UnpackMutationTest, BlocksCutAnywhereEndWithinTheContract) {
   const Tree tree = chainwriter::sampleTree();
   const Bytes controlBlock = chainwriter::readersControlBlock(tree);

@@ -24,7 +24,7 @@ using chainwriter::writerOf;
 constexpr std::size_t kRoomy = 4000;
 constexpr char kRecursive[] = "RecursiveStructure";
 constexpr std::size_t kRootLen32 = 2 + 4 + 3 + 4 + 1 + 4 + 4 + 2;
-constexpr std::size_t kFirstItem = 10 + 4 + 978;  // block offset behind version and control block
+constexpr std::size_t kFirstItem = 10 + 4 + 978;  // block offset after version and control block
 
 enum : std::size_t { kRoot, kChild, kName, kTitle };
 
@@ -176,7 +176,7 @@ TEST_F(UnpackRepackTest, LengthWordsGrowByTheFields) {
   }
 }
 
-// A root that tells its length, with one child pointer and a tail behind it.
+// A root that contains its length, with one child pointer and a tail after it.
 Tree tailTree(Form form, std::size_t dataLen, std::size_t tailLen) {
   Tree tree{.kinds = {{form, {data(dataLen), child(kChild)}}, {Form::Fixed, {data(5)}}},
             .nodes = {{kRoot, Bytes(dataLen, 0x11), {1}}, {kChild, {21, 22, 23, 24, 25}}}};
@@ -199,7 +199,7 @@ class UnpackTailTest : public UnpackRepackTest {
     std::memcpy(&told, rootBytes(), sizeof told);
     return told;
   }
-  // `length` bytes in all, of which `tailLen` lie behind the child.
+  // `length` bytes in all, of which `tailLen` are after the child pointer.
   void expectTail(std::size_t length, std::size_t tailLen) {
     const bool isCounted = tree.kinds[kRoot].form == Form::Counted;
     EXPECT_EQ(toldLen(), isCounted ? length - 2 : length);
@@ -370,7 +370,7 @@ TEST_F(UnpackRepackTest, WideTextIsAlignedAndKeepsItsRoom) {
   for (const char *version : {"0100", "0221", "0240", "0241"}) {
     writer = writerOf(version, 4);
     expectTreeInNewChain();
-    // Behind the child's 5 bytes, moved up by 3.
+    // After the child's 5 bytes, moved up by 3.
     const std::size_t units = writer.wideSize == 2 ? 7 : 6;
     EXPECT_EQ(first->UsedLen, 984 + (kRootLen32 + 4 * 4) + 5 + 3 + 4 * units);
   }
@@ -542,7 +542,7 @@ TEST_F(UnpackRepackTest, TextMustFitANewBlock) {
   expectRefused(unpack(callers), MEMERR_PACKBMIN, "StrBufLengthTooLargeinRepack=16506");
 
   // Beyond this the text itself is too long, as text with 4-byte characters is from the start.
-  // These texts lie without room for widening, which no reader looks for.
+  // These texts have no room for widening, which no reader looks for.
   tree.nodes[2].wide.assign(1, U'w');
   for (const std::size_t units : {std::size_t{16504}, std::size_t{16505}}) {
     Chain chain = written();

@@ -149,7 +149,7 @@ class UnpackRoundTripTest : public StartedTest {
   int unreadable = 0;
 };
 
-// A segment without a byte that ends its block lies at the used length, where nothing may lie.
+// A segment without a byte that ends its block is at the used length, where nothing may be.
 bool hasEmptyKind(const MemPackCB *controlBlock) {
   const auto *kinds = reinterpret_cast<const MemPackDescriptor *>(
       reinterpret_cast<const std::uint8_t *>(controlBlock) + 2);
@@ -212,7 +212,7 @@ class UnpackOwnChainTest : public UnpackRoundTripTest {
     EXPECT_EQ(first, before);
     root = static_cast<const std::uint8_t *>(made);
   }
-  // The target of a pointer field, null when it lies out of the blocks.
+  // The target of a pointer field, null when it is outside the blocks.
   const std::uint8_t *follow(const std::uint8_t *segment, std::size_t offset) const {
     const std::uint8_t *const target = segment == nullptr ? nullptr : getPointer(segment, offset);
     for (const MemPackBlock *block = first; block != nullptr; block = block->pNext) {

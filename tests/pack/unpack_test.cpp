@@ -187,8 +187,8 @@ class UnpackStorageTest : public UnpackInPlaceTest {
     mem.MEM_Free = watchedFree;
   }
 
-  // Lengths obtained, in order. All of it is from subpool 0, and what is returned is returned with
-  // its length.
+  // Allocated lengths, in order. All blocks are from subpool 0, and those that are freed are freed
+  // with their length.
   std::vector<std::uint32_t> obtained() {
     std::vector<std::uint32_t> sizes;
     std::map<void *, std::uint32_t> live;
@@ -323,7 +323,7 @@ TEST_F(UnpackInPlaceTest, VersionsOutsideOfTheTableAreRefused) {
   }
 }
 
-// The platform flag tells what the host calls its own order; numbers are the machine's all along.
+// The platform flag shows what the host calls its own order; numbers are the machine's all along.
 TEST_F(UnpackInPlaceTest, HostWithThePlatformFlagReadsItsOwnChains) {
   const auto setVersion = [](Chain &target, const char *version) {
     std::copy(version, version + 4, target.blocks[0].begin() + 2);
@@ -606,9 +606,9 @@ TEST_F(UnpackInPlaceTest, LinksInACircleAreRefused) {
   first->pNext = nullptr;
 }
 
-// Blocks that lie over each other are the caller's mistake. Whatever comes of it, nothing outside
-// of them is read or written. Here block 1's segment begins in the middle of the root's pointer
-// field, and is null until that becomes an address.
+// Blocks that overlap are the caller's mistake. Whatever comes of it, nothing outside of them is
+// read or written. Here block 1's segment begins in the middle of the root's pointer field, and is
+// null until that becomes an address.
 TEST_F(UnpackInPlaceTest, OverlappingBlocksDoNoHarm) {
   constexpr std::size_t kRootOff = 6 + 978;
   constexpr std::size_t kSecondBlock = 976;
@@ -703,7 +703,7 @@ class UnpackLayoutTest : public UnpackTraceTest {
     MemPackChild &moved = descriptorOf(callers, 0).Children[entry];
     moved.Offset = static_cast<std::int16_t>(moved.Offset + by);
   }
-  // The third record tells the direction.
+  // The third record shows the direction.
   std::string direction() {
     const Lines lines = recordsOf(2, asControlBlock(callers));
     return lines.size() < 3 ? "in place" : lines[2];
@@ -1070,7 +1070,7 @@ TEST_F(UnpackInPlaceTest, NarrowTextOfAnyLengthEndsInItsBlock) {
 }
 
 TEST_F(UnpackInPlaceTest, WholePointerFieldIsReplaced) {
-  // The bytes behind block and offset mean nothing to a reader.
+  // The bytes after block and offset mean nothing to a reader.
   for (std::size_t i = 4; i < 8; ++i) {
     chain.blocks[0][part(kChildPart).offset + i] = 0xFF;
   }
@@ -1109,7 +1109,7 @@ TEST_F(UnpackInPlaceTest, NothingOverwritesALengthWordOrATerminator) {
   chain = chainwriter::write(tree, writerOf("0220"), kRoomy);
   load(chain);
   expectTree(tree, writerOf("0220"));
-  // The second segment's pointer field lies over the length word, then over the text's end.
+  // The second segment's pointer field overlaps the length word, then the text's end.
   const std::size_t word = chain.places[1].offset;
   const std::size_t terminator = chain.places[2].offset + 6;
   for (const std::size_t over : {word, terminator}) {
@@ -1159,8 +1159,8 @@ TEST_F(UnpackInPlaceTest, NoPointerFieldLiesOverTheEndOfText) {
   }
 }
 
-// Texts that come first among the children, each in front of a segment. In the chain: root, title,
-// first entry, "one", second entry, "two".
+// Texts that come first among the children, each before a segment. In the chain: root, title, first
+// entry, "one", second entry, "two".
 class UnpackLeadingTextTest : public UnpackTest {
  protected:
   enum : std::size_t { kEntry = 1, kText = 2 };
@@ -1221,7 +1221,7 @@ TEST_F(UnpackLeadingTextTest, LastTextOfABlockMustEnd) {
   expectRefusal(tree, chain, MEMERR_PACKROFF, offText(chain.places[kFirstText].offset));
 }
 
-// Wide text that the walk reaches behind a segment lies in front of it, but not over narrow text.
+// Wide text that the walk reaches after a segment may precede it, but must not overlap narrow text.
 TEST_F(UnpackLeadingTextTest, WideTextMustNotLieOverTheEndOfNarrowText) {
   tree.kinds.push_back({Form::Wide});
   tree.kinds[0].parts.push_back(child(3));
@@ -1251,7 +1251,7 @@ TEST_F(UnpackInPlaceTest, EmptySegmentsShareTheirPlace) {
   expectTree(tree, writerOf("0220"));
 }
 
-// Kinds of some EBCDIC writers tell their length in fields of their own.
+// Kinds of some EBCDIC writers have their length in fields of their own.
 TEST_F(UnpackInPlaceTest, ForeignLengthsAreNotMeasured) {
   for (const std::uint16_t type : {std::uint16_t{0xE5}, std::uint16_t{0xE7}}) {
     Chain foreign = chainwriter::write(tree, chainwriter::ebcdicWriterOf("0200"), kRoomy);
@@ -1305,7 +1305,7 @@ TEST_F(UnpackInPlaceTest, RootMayBeNarrowText) {
   expectTree(text, writerOf("0221"));
 }
 
-// What looks like a length word and a pointer behind it is none.
+// What looks like a length word and a pointer after it is none.
 TEST_F(UnpackInPlaceTest, RootTextHasNoFields) {
   const Tree text{.kinds = {{Form::Narrow}}, .nodes = {{0, {}, {}, "\x10"}}};
   chain = chainwriter::write(text, writerOf("0220"), kRoomy);

@@ -116,7 +116,7 @@ const WriteCase kWriteCases[] = {
 INSTANTIATE_TEST_SUITE_P(Values, WriteValueTest, ::testing::ValuesIn(kWriteCases),
                          caseName<WriteCase>);
 
-// Strings behind pointers.
+// Strings that pointers lead to.
 
 class WriteStringTest : public PortTest {
  protected:
@@ -140,7 +140,7 @@ TEST_F(WriteStringTest, PStrHasItsLengthInFront) {
   EXPECT_EQ(valueOf(MEM_PORT_PSTR, "\"\x80"), "X2\"/\"\x80\"");
 }
 
-// Every length, every special character in every place; nothing behind the text is read.
+// Every length, every special character in every place; nothing after the text is read.
 TEST_F(WriteStringTest, SpecialCharactersInEveryPlace) {
   for (std::size_t length = 0; length <= 35; ++length) {
     for (std::size_t place = 0; place <= length; ++place) {
@@ -295,7 +295,7 @@ TEST_P(ReadValueTest, IsReadInEveryForm) {
             Field(2, MEM_PORT_BIT, 1, kOffset + row.length)});
   const std::string text = portString("(1<1" + row.value + "/2B10000000>)");
   expectOutcome(readBlock(defs.table(), text), "one block");
-  expectOutcome(readBlock(defs.table(), text + std::string(64, '5')), "one block and more behind");
+  expectOutcome(readBlock(defs.table(), text + std::string(64, '5')), "one block and more text");
   for (std::size_t length = 1; length <= 9; ++length) {
     expectOutcome(readChain(defs.table(), Chain::cut(text, length).first()), "chunks");
   }

@@ -56,7 +56,7 @@ class PortFaultTest : public PortTest {
     host.disarm();
     if (failed) {
       EXPECT_EQ(error().ReturnCode, kFailedCode);
-      EXPECT_NE(error().Code, 0U) << "the error of the heap or the hash table stands";
+      EXPECT_NE(error().Code, 0U) << "the error of the heap or the hash table remains";
     }
     returnRegistry();
     EXPECT_EQ(host.account().liveBytes - host.account(kSubPool).liveBytes, outside_)
@@ -167,7 +167,7 @@ class PortPlaceTest : public PortFaultTest {
 };
 
 // A chunk of this many characters takes an area of the heap for itself, so that the character
-// behind it asks for storage. Each character of the text is that one for some capacity.
+// after it needs storage. Each character of the text is that one for some capacity.
 TEST_F(PortPlaceTest, EveryCharacterMayFindNoNewChunk) {
   constexpr std::size_t kFewest = 500;  // half of an area and more
   std::vector<Record> chain;
@@ -183,7 +183,7 @@ TEST_F(PortPlaceTest, EveryCharacterMayFindNoNewChunk) {
   for (std::size_t capacity = kFewest; capacity < kFewest + each; ++capacity) {
     SCOPED_TRACE("capacity " + std::to_string(capacity));
     refhost::Fault fault = faultOf(Service::GetStorage);
-    fault.nth = 3;  // behind the registry and its heap; the first chunk has room in the first area
+    fault.nth = 3;  // after the registry and its heap; the first chunk has room in the first area
     const std::uint64_t firedBefore = host.faultsFired();
     attempt([&] {
       host.arm(fault);

@@ -1,4 +1,4 @@
-// Faults inside the port string calls: wild addresses in what the caller hands over. The call ends,
+// Faults inside the port string calls: wild addresses in what the caller passes. The call ends,
 // everything that it opened is closed again, and the process goes on.
 
 #include <algorithm>
@@ -60,7 +60,7 @@ class PortGuardTest : public PortTest {
   T *wild() {
     return reinterpret_cast<T *>(pages_.page(1));
   }
-  // The last `length` bytes in front of the fault.
+  // The last `length` bytes before the fault.
   std::uint8_t *edge(std::size_t length) { return pages_.behind(0) - length; }
 
   static Defs list() {
@@ -133,7 +133,7 @@ TEST_F(PortGuardTest, TextsWithoutEnd) {
   }
 }
 
-// Where a text may end and nothing behind it can be read, the text of the second structure as well.
+// Where a text may end and nothing after it can be read, the text of the second structure as well.
 TEST_F(PortGuardTest, TextsInFrontOfAFault) {
   Defs defs;
   defs.add(1, 16, {Field(1, MEM_PORT_PSTR, 8, 0), Field(2, MEM_PORT_PNT, 8, 8).of(1)});
@@ -209,7 +209,7 @@ class PortAheadTest : public PortGuardTest {
     return digits;
   }
   static std::string pointer(std::size_t i) { return i < kCount ? reversed(i + 1) : ""; }
-  // The structure texts in front of number `end`.
+  // The structure texts before number `end`.
   static std::string bodyUpTo(std::size_t end) {
     std::string body;
     for (std::size_t i = 0; i < end; ++i) {
@@ -239,7 +239,7 @@ TEST_F(PortAheadTest, FaultComesInItsTurn) {
   });
 }
 
-// What stands in front of a field's value is written before the field is read.
+// What comes before a field's value is written before the field is read.
 TEST_F(PortAheadTest, FaultInALaterField) {
   store(edge(4), 0, std::int32_t{305});
   makeTree(edge(4));
@@ -752,7 +752,7 @@ TEST_F(PortSignalTest, HandlerInstalledDuringACallStays) {
   EXPECT_TRUE(recovers(pages_.page(1)));
 }
 
-// A handler of the process may stand in front of the library's, with signals blocked.
+// A handler of the process may run before the library's, with signals blocked.
 TEST_F(PortSignalTest, SignalMaskIsAsBeforeAfterAFault) {
   static struct sigaction librarys;
   bool isInFront = false;

@@ -12,10 +12,10 @@ namespace {
 
 constexpr std::size_t kExcerpt = 80;
 
-// Where a reader stands: `consumed` characters of the text are read.
+// Where a reader is: `consumed` characters of the text are read.
 struct Place {
   std::size_t consumed;
-  bool pushedBack = false;  // after a push back the reader may stand at the start of a chunk
+  bool pushedBack = false;  // after a push back the reader may be at the start of a chunk
 };
 
 // What a record says, worked out from the pieces of the input.

@@ -40,7 +40,7 @@ class PortReadTest : public PortTest {
       look();
     };
     forEveryForm(defs, text, check);
-    SCOPED_TRACE("one block and more behind");
+    SCOPED_TRACE("one block and more text");
     check(readBlock(defs.table(), text + std::string(64, '5')));
   }
 
@@ -227,7 +227,7 @@ TEST_F(PortReadTest, FieldsMayComeInAnyOrderAndTwice) {
 }
 
 // Definitions need not keep their promise to list identifiers in ascending order: the first field
-// with an identifier is read, wherever the text stood before.
+// with an identifier is read, whichever field came before.
 TEST_F(PortReadTest, FirstFieldOfAnIdentifierCounts) {
   const auto longs = [](const std::vector<std::uint32_t> &ids) {
     std::vector<Field> fields;
@@ -301,7 +301,7 @@ TEST_F(PortReadTest, LastFieldsSecondOccurrenceLandsOneElementFurther) {
   expectRefused(defs, portString("(1<2N1/2N2/2N3/2N4/2N5>)"), {kConversionFailed});
 }
 
-// Every byte that is written lies in the structure.
+// Every byte that is written is in the structure.
 TEST_F(PortReadTest, FieldsReachTheEndAndNoByteFurther) {
   struct Row {
     MEMFieldType type;
@@ -594,7 +594,7 @@ class PortDefaultTest : public PortReadTest {
   }
   static Field absent(MEMFieldType type, std::int32_t length) { return Field(2, type, length, 5); }
 
-  // These bytes, and dirt behind them.
+  // These bytes, and dirt after them.
   static Bytes stored(const void *from, std::size_t length) {
     Bytes bytes = bytesOf(from, length);
     bytes.resize(16, 0xA5);
@@ -929,7 +929,7 @@ class PortPromiseTest : public PortReadTest {
     EXPECT_FALSE(isDefined(defs, text)) << text;
   }
 
-  // A structure 1 with a pointer to a structure 2 and a number behind it; 2 and 3 differ.
+  // A structure 1 with a pointer to a structure 2 and a number after it; 2 and 3 differ.
   static Defs owner() {
     Defs defs;
     defs.add(1, 16, {Field(1, MEM_PORT_PNT, 8, 0).of(2), Field(2, MEM_PORT_LONG, 4, 8)});
@@ -986,7 +986,7 @@ TEST_F(PortPromiseTest, CountMayWrapInItsField) {
   EXPECT_FALSE(isDefined(defs, text));
 }
 
-// One occurrence too many of the last field lands on what lies behind the field.
+// One occurrence too many of the last field lands on what follows the field.
 TEST_F(PortPromiseTest, LastFieldMayComeAgainOverOtherFields) {
   Defs defs;
   defs.add(1, 16, {Field(1, MEM_PORT_PNT, 8, 8).of(1), Field(2, MEM_PORT_UBIGINT, 8, 0)});

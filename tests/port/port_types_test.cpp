@@ -104,14 +104,14 @@ class PortTypesTest : public BoundTest {
     for (const ReadOutcome *outcome : {&block, &chain}) {
       const std::string found = HostileReader::fault(*outcome);
       if (!found.empty()) return found;
-      if (!isFieldsOnly(*outcome)) return "writes beside the field";
+      if (!isFieldsOnly(*outcome)) return "writes outside the field";
       if (outcome->status == 0 && !isOwn) return "takes an opening that is not the type's";
       if (outcome->status != 0 && outcome->records.empty()) return "fails without a record";
     }
     return HostileReader::difference(block, chain, text, 1);
   }
 
-  static constexpr std::size_t kStructure = 2;  // behind the entries of the reader's two tables
+  static constexpr std::size_t kStructure = 2;  // after the entries of the reader's two tables
   static constexpr char kUntouched = static_cast<char>(FencedStorage::kFill);
   static inline const std::string kHeader = "(0000000000,0000000001)";
 };

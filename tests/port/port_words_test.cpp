@@ -1,5 +1,5 @@
 // Text that the readers look at by words of eight characters: digits and strings of every length,
-// with everything that may stand in the way at every place. Each is read where much text follows,
+// with everything that may get in the way at every place. Each is read where much text follows,
 // and in chunks too short for a word; both must agree with what the text says.
 
 #include <cstdint>
@@ -23,7 +23,7 @@ class PortWordsTest : public PortTest {
   static inline const std::string kBehind = std::string(64, '5');
   static constexpr std::size_t kShortChunk = 7;
 
-  // Reads "(1<1VALUE/2N7>)". The second field tells whether the value was left at its end.
+  // Reads "(1<1VALUE/2N7>)". The second field shows whether the value was left at its end.
   void forBothForms(const Defs &defs, const std::string &value,
                     const std::function<void(std::int16_t)> &check) {
     const std::string text = portString("(1<1" + value + "/2N7>)") + kBehind;
@@ -237,7 +237,7 @@ class PortTextTest : public PortWordsTest {
  protected:
   static constexpr std::size_t kMost = 41;
 
-  // Characters beside the quote and the slash, in every bit that could be mistaken for them.
+  // No quote and no slash, but characters close enough in bits to be mistaken for them.
   static std::string plain(std::size_t length) {
     static const std::string kLikely = "!#.0\xA2\xAF\x02\x0F b\x7F\x80\xFF\x01z'";
     std::string text;
@@ -290,7 +290,7 @@ TEST_F(PortTextTest, OfAnotherLengthThanItsOwn) {
   }
 }
 
-// What a failure leaves in the string: all in front of the closing quote, and nothing behind it.
+// What a failure leaves in the string: all before the closing quote, and nothing after it.
 TEST_F(PortTextTest, TooShortTextIsStoredAsFarAsItGoes) {
   for (std::size_t length = 1; length <= kMost; ++length) {
     for (std::size_t other = 0; other < length; ++other) {
@@ -304,7 +304,7 @@ TEST_F(PortTextTest, TooShortTextIsStoredAsFarAsItGoes) {
   }
 }
 
-// The closing quote, what separates and the next field stand in chunks of their own.
+// The closing quote, the separator and the next field are in chunks of their own.
 TEST_F(PortTextTest, AtTheEndOfItsChunk) {
   for (const std::size_t length : {1U, 7U, 8U, 20U, 40U}) {
     const std::string head = portString("(1<1" + value(length, plain(length)));

@@ -124,7 +124,7 @@ TEST_F(PortWriteTest, EmbeddedStructuresAreWrittenInPlace) {
 
 // Fields that are written again and again.
 
-// Two structures of every definition, the second behind the first. The first field points there.
+// Two structures of every definition. The first field of the first points to the second.
 class PortPlanTest : public PortWriteTest {
  protected:
   static constexpr std::int32_t kLength = 64;
@@ -180,7 +180,7 @@ TEST_F(PortPlanTest, EveryTypeAsFirstFieldAndAsLaterOne) {
 }
 
 // Every length around those that are stored at once, the characters to escape in every place, and
-// more of them behind the text.
+// more of them after the text.
 TEST_F(PortPlanTest, TextsOfEveryLength) {
   Defs defs;
   defs.add(5, 16, {Field(1, MEM_PORT_PSTR, 8, 0), Field(2, MEM_PORT_PNT, 8, 8).of(5)});
@@ -503,7 +503,7 @@ TEST_F(PortWriteTest, ChunkThatCannotBeObtainedEndsTheWriting) {
     return std::int16_t{-1};
   };
   const std::string whole = portString("(503<1N7353771361/12\"aaaa\">)");
-  // Capacity 23 is full at once; 41 within the number; 43 in front of the string's end.
+  // Capacity 23 is full at once; 41 within the number; 43 before the string's end.
   struct Row {
     std::int32_t capacity;
     Lines expected;
@@ -526,7 +526,7 @@ TEST_F(PortWriteTest, ChunkThatCannotBeObtainedEndsTheWriting) {
   }
 }
 
-// Entries of exactly their length, each with a mark behind it that nothing may change.
+// Entries of exactly their length, each with a mark after it that nothing may change.
 class PortRoomTest : public PortWriteTest {
  protected:
   PortRoomTest() {
@@ -542,7 +542,7 @@ class PortRoomTest : public PortWriteTest {
     };
   }
 
-  // A chunk's text ends 4 bytes in front of its entry's end.
+  // A chunk's text ends 4 bytes before its entry's end.
   void expectNothingBehindTheText(std::int32_t capacity) {
     for (const auto &entry : entries_) {
       const auto used = static_cast<std::size_t>(load<std::int32_t>(entry->data(), 8));

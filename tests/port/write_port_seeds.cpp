@@ -1,4 +1,4 @@
-// Writes sound port strings into a folder, in the form of the fuzzer's inputs.
+// Writes valid port strings into a folder, in the form of the fuzzer's inputs.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>

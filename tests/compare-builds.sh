@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs two builds of the library on the same random cases and tells where they differ: results, bytes,
-# trace records, host calls.
+# Runs two builds of the library on the same random cases and shows where they differ: results,
+# bytes, trace records, host calls.
 #
 #   tests/compare-builds.sh OLD.so NEW.so [COUNT] [ARGUMENT...]
 #

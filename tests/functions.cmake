@@ -88,8 +88,8 @@ function(mem_add_test name)
 endfunction()
 
 # mem_add_script(<name> [<variable>=<value>...])
-# An entry that runs <name>.cmake. The script starts the programs of this build with ${EMULATOR} in
-# front of them, which is empty for programs of this machine.
+# An entry that runs <name>.cmake. The script starts the programs of this build with ${EMULATOR}
+# before them, which is empty for programs of this machine.
 function(mem_add_script name)
   list(TRANSFORM ARGN PREPEND -D OUTPUT_VARIABLE definitions)
   mem_add_entry(${name} ${CMAKE_COMMAND} ${definitions} "-DEMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR}"

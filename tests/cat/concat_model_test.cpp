@@ -27,7 +27,7 @@ class CatModelTest : public HeapHashTest, public ::testing::WithParamInterface<s
     return text;
   }
 
-  // Mostly short; often so long that the buffer is filled to a byte or two.
+  // Half of them are short; three in ten fill the buffer, give or take two units.
   std::size_t someLength(const CheckedBuffer &buffer) {
     const std::size_t kind = random.below(100);
     if (kind < 5) return 0;

@@ -329,7 +329,7 @@ TEST_P(CatAppendTest, StorageGrowsToTheNextStepAboveTheNeed) {
     const std::uint32_t used = neededFor(expected.size());
     EXPECT_TRUE(allBytesAre(at(cat.pText, used), row.after - used,
                             row.after == row.storage ? kBlockFilling : kDirty))
-        << "what is behind the text is neither copied nor written";
+        << "the bytes after the text are neither copied nor written";
     close();
   }
 }
@@ -380,7 +380,7 @@ TEST_P(CatAppendTest, OldStorageIsCopiedBeforeItIsReturnedAndNotChanged) {
   close();
 }
 
-// Both texts end where readable storage ends, the buffer's in front of its storage's end.
+// Both texts end where readable storage ends; the buffer's text ends before its storage does.
 TEST_P(CatAppendTest, OnlyTextsAndTheirTerminatorsAreRead) {
   GuardPages buffer(2);
   GuardPages added(2);
@@ -495,7 +495,7 @@ TEST_P(CatAppendTest, WithoutABlockFails) {
   expectRefused(4026, kNoStorage, [&] { return GetParam().call(mem, nullptr, u"abc"); });
 }
 
-// Limits. The storage behind the blocks here is shorter than they say.
+// Limits. The blocks here have less storage than they say.
 
 TEST_P(CatAppendTest, BlocksOf2147483647BytesAndMoreAreFull) {
   char16_t storage[8] = {};
@@ -603,7 +603,7 @@ TEST_F(CatTest, NullTextFails) {
   close();
 }
 
-// What MEM_Cat and MEM_MemCat tell each other.
+// What MEM_Cat and MEM_MemCat pass to each other.
 
 class CatNestingTest : public CatTest {
  protected:
@@ -756,7 +756,7 @@ TEST_F(CatTest, DirectAppendUnderTheFlagFailsForItsCaller) {
   close();
 }
 
-// The flag stands while the host is told.
+// The flag is still set when the host reports the inner failure.
 TEST_F(CatTest, FailureIsReportedBeforeTheFlagIsCleared) {
   static std::vector<std::uint32_t> seen;
   static std::uint32_t *pFlags;

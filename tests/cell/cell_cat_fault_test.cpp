@@ -1,6 +1,6 @@
 // Every host call failing in turn, over one script of cell pools and concatenation buffers. The
-// models tell for each call what a refused storage at that place must give; no other service of the
-// host may change what a call does.
+// models predict for each call what a refused storage at that place must give; no other service of
+// the host may change what a call does.
 
 #include <set>
 

@@ -16,7 +16,7 @@ class CellModelTest : public HeapHashTest, public ::testing::WithParamInterface<
 
   CellModelTest() : watch(mem), stage{host, mem, watch, kDirty}, random(GetParam()) {}
 
-  // Mostly small areas, so that nodes run out; now and then the largest.
+  // Half of the areas are small, so that nodes run out; one in 80 is the largest.
   std::int32_t someAreaLen() {
     const std::size_t kind = random.below(100);
     if (kind < 50) return numberBetween(random, 256, 600);

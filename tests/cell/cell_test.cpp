@@ -52,7 +52,7 @@ class CellTest : public HeapHashTest {
 
   void free(HMEMCELL pool, void *cell) { EXPECT_EQ(mem.MEM_CellFreeEntry(pool, cell), 0); }
 
-  // The only area that a call obtained since the watch was read last.
+  // The only area that a call allocated since the watch was read last.
   std::uint8_t *obtained() {
     const std::vector<SlotUse> uses = watch.takeUsesOf(8);
     EXPECT_EQ(uses.size(), 1U);
@@ -127,7 +127,7 @@ INSTANTIATE_TEST_SUITE_P(
         OpenCase{1024, 13, 8, 168, 65, -5, 5, 2}, OpenCase{1024, 100, 11, 216, 8, 7, 7, 1},
         OpenCase{1024, 300, 24, 424, 2, -256, 0, 2}, OpenCase{1024, 500, 30, 520, 1, -255, 255, 2},
         OpenCase{263, 8, 8, 168, 11, -1, 1, 2},
-        OpenCase{1000, 416, 8, 168, 2, 7, 7, 1},  // just enough behind the cells
+        OpenCase{1000, 416, 8, 168, 2, 7, 7, 1},  // just enough after the cells
         OpenCase{999, 416, 33, 568, 1, 7, 7, 1},  // one byte less
         OpenCase{1001, 416, 8, 168, 2, 7, 7, 1}, OpenCase{1015, 416, 8, 168, 2, 7, 7, 1},
         OpenCase{1016, 416, 9, 184, 2, 7, 7, 1}, OpenCase{1024, 856, 8, 168, 1, -32768, 32768, 2},
@@ -455,7 +455,7 @@ struct NodeBlockCase {
   std::size_t cellCount;
 };
 
-// A node block without a control block in front of it takes 128 bytes or more of its own.
+// A node block without a control block before it takes 128 bytes or more of its own.
 TEST_F(CellGrowthTest, NodeBlockOfAFurtherArea) {
   const NodeBlockCase rows[] = {
       {1024, 100, 14, 224, 8},  // 24 + 2 * 100

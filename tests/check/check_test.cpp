@@ -149,7 +149,7 @@ TEST_F(CheckTest, OneLayerAtATimeOnABoundVector) {
   EXPECT_EQ(MEMCheckDetach(nullptr), 0);
 }
 
-// What stood in a slot goes on being used, and what is put there later is left there.
+// What was in a slot before attach stays in use, and what is put there later is left there.
 TEST_F(CheckTest, ServicesOfTheHostStayInUse) {
   static int own;
   static MEM_CellOpenFn *below;
@@ -277,7 +277,7 @@ TEST_F(CheckTest, DetachLooksForTheLastTime) {
   closeHeaps();
 }
 
-// Entries from before detach are freed as ever afterwards, large ones too.
+// Entries from before detach can be freed after it, large ones too.
 TEST_F(CheckTest, HeapsMayStayOpenWhenTheLayerGoes) {
   attach();
   openHeaps();
@@ -630,7 +630,7 @@ TEST_F(CheckTest, FreeCellsOfAPoolAreWatchedToo) {
   const Found one = takeOne(MEMCHK_FREED_WRITE);
   EXPECT_EQ(one.foundBy, "MEM_CellAllocEntry");
   EXPECT_EQ(one.report.Given, 100);
-  // A cell that was never handed out: the link of the next fresh one.
+  // A cell that was never allocated: the link of the next fresh one.
   second[100] = 1;
   EXPECT_EQ(takeCell(pool), second + 100);
   EXPECT_EQ(takeOne(MEMCHK_FREED_WRITE).report.pObject, second + 100);

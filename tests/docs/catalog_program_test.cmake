@@ -29,7 +29,7 @@ if(NOT out MATCHES "blocks +1  of 32,768 bytes" OR NOT out MATCHES "\\(26 packag
   fail("the report on the sample is not what was expected")
 endif()
 if(NOT out MATCHES "\nMost needed packages\n  libc6 +15  dependencies: Bibliothèque C standard – ")
-  fail("the report on the sample does not tell the most needed packages")
+  fail("the report on the sample does not show the most needed packages")
 endif()
 foreach(step read build pack write port sink)
   if(NOT out MATCHES "  ${step} +[0-9]+\\.[0-9]\n")
@@ -57,12 +57,12 @@ endif()
 expect_equal(many.chain ${fixture}-1100.chain)
 expect_packed(${sample} --read-from many.chain)
 
-# Also over a longer file that was there before.
+# Also over an existing file that is longer.
 file(COPY_FILE ${WORK}/many.chain ${WORK}/sample.chain)
 expect_packed(${sample} --output sample.chain)
 expect_equal(sample.chain ${fixture}.chain)
 
-# Without a name the chain is beside the program, in a folder of this build's own.
+# Without a name the chain is next to the program, in a folder of this build's own.
 file(REMOVE ${folder}/catalog.chain ${folder}/catalog.chain.port)
 expect_packed(${sample})
 file(COPY ${folder}/catalog.chain ${folder}/catalog.chain.port DESTINATION ${WORK})

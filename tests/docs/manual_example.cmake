@@ -11,7 +11,7 @@
 #   ```
 
 # mem_marked_block(<page> <mark> <result>)
-# Leaves in <result> the text of the fenced block behind the line `<!-- mark -->` of a page; empty
+# Leaves in <result> the text of the fenced block after the line `<!-- mark -->` of a page; empty
 # when the page has no such line.
 function(mem_marked_block page mark result)
   file(READ ${page} text)

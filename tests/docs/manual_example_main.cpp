@@ -1,6 +1,6 @@
-// Runs the example of a page of the manual, which is compiled as it stands there. It must succeed,
-// free all that it allocates and use the host's services properly; the host reports what it does
-// not.
+// Runs the example of a page of the manual, which is compiled as the page shows it. It must
+// succeed, free all that it allocates and use the host's services properly; the host reports what
+// it does not.
 #include <iostream>
 
 #include "refhost.hpp"

@@ -1,5 +1,5 @@
-# The page on overwrites: its program under the checking layer, and with it under each memory checker
-# that is there.
+# The page on overwrites: its program under the checking layer, and with it under each available
+# memory checker.
 
 set(page ${docs}/find-an-overwrite.md)
 mem_add_manual_program(find_an_overwrite ${page})

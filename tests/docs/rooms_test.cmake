@@ -1,4 +1,4 @@
-# The library's house stands as its map draws it: a file includes only from its own room, from rooms
+# The library's rooms are as its map draws them: a file includes only from its own room, from rooms
 # on floors below and from include/, and asks about systems, processors and compilers in the
 # platform room only.
 #

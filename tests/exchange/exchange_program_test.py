@@ -212,7 +212,7 @@ class Servers(ExchangeTest):
 
 @needs_redis
 class ServerOfOthers(ExchangeTest):
-    """Runs over a server that is there already, with a password."""
+    """Runs over an existing server, with a password."""
 
     PASSWORD = "word of / passage"
 

@@ -46,7 +46,7 @@ bool isThereARedisServer() {
   return exchange::hasRedis() && std::system("redis-server --version >/dev/null 2>&1") == 0;
 }
 
-// Each test runs over pipes and over a private server. Other processes tell what they saw in the
+// Each test runs over pipes and over a private server. Other processes report what they saw in the
 // stream of reports, for the coordinator has to serve them meanwhile.
 class TransportTest : public testing::TestWithParam<bool> {
  protected:
@@ -91,7 +91,7 @@ class TransportTest : public testing::TestWithParam<bool> {
   std::unique_ptr<Engine> engine_;
 };
 
-// What a taker tells of a delivery.
+// What a taker reports about a delivery.
 Message seen(const std::optional<Delivery> &delivery) {
   if (!delivery) return {{"seen", "nothing"}};
   Message message = delivery->message;

@@ -55,7 +55,7 @@ class MarkedVector {
     return count;
   }
 
-  // Whether the words before slot 4 and behind slot 51 are as they were.
+  // Whether the words before slot 4 and after slot 51 are as they were.
   bool surroundingsUntouched() const {
     for (std::size_t i = 0; i < words_.size(); ++i) {
       const bool isOurs = i >= kMargin + kFirstSlot && i <= kMargin + kLastSlot;
@@ -71,7 +71,7 @@ class MarkedVector {
   std::array<void *, kMargin + MEM_VECTOR_LEN + kMargin> words_;
 };
 
-// The two lists that a host hands over, with their cells.
+// The two lists that a host passes, with their cells.
 class BindingLists {
  public:
   BindingLists(refhost::Host &host, void *vector)

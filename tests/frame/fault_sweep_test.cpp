@@ -1,6 +1,6 @@
 // Every call of every host service that can fail, failing in turn, over whole lives of a process:
 // alone, with all later ones, and in the long form in pairs. After each step of each life the error
-// area tells what failed, no gate is held and no string space is left writable; after each life
+// area shows what failed, no gate is held and no string space is left writable; after each life
 // nothing is left and the library lives a whole life more.
 //
 // MEMTEST_LONG=1 or the argument --long runs the long form.
@@ -100,7 +100,7 @@ struct Setting {
   std::string name() const {
     return std::string(isDirty ? "dirty" : "clear") + " storage, " +
            (traceFlags == 0 ? "no trace" : "traced") +
-           (hostError == 0 ? ", mute host" : ", telling host");
+           (hostError == 0 ? ", mute host" : ", reporting host");
   }
 };
 
@@ -232,7 +232,7 @@ std::map<Service, std::uint64_t> sweepSingles(Lives &lives, const Setting &setti
 }
 
 // The n-th call of one service, and then each later call of another: what a failing call does to
-// clean up, and the calls behind it, meet a second failure. The second fault is armed after the
+// clean up, and the calls after it, meet a second failure. The second fault is armed after the
 // step in which the first one fired.
 void sweepPairs(Lives &lives, const Setting &setting, Service first, Service second,
                 std::uint64_t firstPlaces) {

@@ -372,10 +372,10 @@ TEST_P(EverySlotTest, GivesTheSameResultWhateverTheFlags) {
   EXPECT_EQ(traced, usual);
 }
 
-// How the area is cleared hangs on where it lies and on what is used in it.
+// How the area is cleared depends on its address and on what is used in it.
 class ErrorAreaTest : public BoundTest, public ::testing::WithParamInterface<std::size_t> {
  protected:
-  // Entry points see a thread environment that lies the parameter behind a multiple of 64.
+  // Entry points see a thread environment that begins GetParam() bytes after a multiple of 64.
   ErrorAreaTest() {
     ownRuntime = host.runtime();
     placed = reinterpret_cast<MEMThreadEnv *>(storage_ + GetParam());
@@ -472,7 +472,7 @@ TEST_P(TraceFlagTest, FailingCallWritesNoExitRecord) {
   EXPECT_EQ(recordLines(host.takeRecords()), lines);
 }
 
-// The arguments of the last trace call, and what stood in the trace buffer at that time.
+// The arguments of the last trace call, and what was in the trace buffer at that time.
 struct RecordCall {
   int calls = 0;
   std::int32_t component = 0;

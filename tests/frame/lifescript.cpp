@@ -719,7 +719,7 @@ std::vector<Step> makeScript() {
       {43, "set the options", setOptions},
       {32, "stop the sink", stopSink},
       {31, "start the sink", startSink, kSinkStart},
-      {8, "obtain an area", obtainArea},
+      {8, "allocate an area", obtainArea},
       {9, "return the area", returnArea},
       {30, "dialog tables", initTables, {}, kFailed},
       {10, "open a heap", openHeap, {"4055 MemAllocFail"}},

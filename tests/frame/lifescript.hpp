@@ -1,6 +1,6 @@
 // One life of a process, as a script of calls through every entry point of the vector: started,
 // used, ended. A script can be run while host services fail: a step whose objects an earlier
-// failure has taken away is passed over, and what a failing step must leave is written beside it.
+// failure has taken away is passed over, and what a failing step must leave is written next to it.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace memtest {
 
 struct LifeMaterials;
 
-// Storage that was handed out, filled with a pattern of its own, so that overlapping entries and
+// Storage that was allocated, filled with a pattern of its own, so that overlapping entries and
 // stray writes show when all patterns are looked at again.
 class Patterns {
  public:
@@ -84,7 +84,7 @@ struct Step {
   std::int16_t expected = 0;  // the result while the host does its work
 };
 
-// How the failures of a slot are told.
+// How a slot shows its failures.
 enum class Telling {
   reported,   // code and name, and the host was asked to report
   inner,      // process start: in the inner fields, not reported

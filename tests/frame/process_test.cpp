@@ -412,7 +412,7 @@ TEST_F(ProcessTest, ThreadActWithoutStorageRecordsWhyAndLeavesTheRestOfTheErrorA
   EXPECT_EQ(error().ReturnCode, 0xFFFF);
   EXPECT_EQ(nameText(), "MEMThreadBlock");
   EXPECT_EQ(env().pMemThreadBlk, nullptr);
-  // Nothing but those fields; the room behind the name's terminator does not matter.
+  // Nothing but those fields; the room after the name's terminator does not matter.
   Bytes after = envBytes(env());
   std::memcpy(&after[360], &before[360], MEM_NAME_TEXT_LEN);
   EXPECT_EQ(changedRanges(before, after), "76..77 80..87");

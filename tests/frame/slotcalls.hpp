@@ -97,7 +97,7 @@ inline Result setOptions(Scene &scene) {
   return scene.mem.MEMSetProcOptions(&scene.options);
 }
 
-// A port string that is refused before anything is obtained, and without a record of its own.
+// A port string that is refused before anything is allocated, and without a record of its own.
 inline constexpr char kNoStructures[] = "(0000000023,0000000000)";
 
 inline const MEMPortChunk *chunkWithoutStructures(Scene &scene) {

@@ -1,7 +1,7 @@
 // Fuzzes sequences of calls on heaps of both kinds, cell pools, hash tables, the sink and
 // concatenation buffers. Each byte or two of an input decides the next call; storage is refused
 // where the input says so. Models that know only what a caller may rely on check every result, and
-// that nothing which belongs to a caller changes or is handed out twice.
+// that nothing which belongs to a caller changes or is allocated twice.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -31,10 +31,10 @@ class Owned {
   void add(void *area, std::size_t length) {
     auto *start = static_cast<std::uint8_t *>(area);
     const auto above = ranges_.lower_bound(start);
-    require(above == ranges_.end() || start + length <= above->first, "handed out twice");
+    require(above == ranges_.end() || start + length <= above->first, "allocated twice");
     if (above != ranges_.begin()) {
       const auto below = std::prev(above);
-      require(below->first + below->second.length <= start, "handed out twice");
+      require(below->first + below->second.length <= start, "allocated twice");
     }
     const auto pattern = static_cast<std::uint8_t>(++count_ | 1);
     std::memset(start, pattern, length);
@@ -522,7 +522,7 @@ class BufferRun {
 
   void close() {
     require(mem_.MEM_CatClose(&cat_) == 0, "a buffer is not closed");
-    require(cat_.pText == nullptr, "closed storage stands");
+    require(cat_.pText == nullptr, "a closed buffer still has storage");
     isOpen_ = false;
   }
 

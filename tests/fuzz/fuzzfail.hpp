@@ -1,4 +1,4 @@
-// How a fuzz target tells what it found.
+// How a fuzz target reports what it found.
 #pragma once
 
 #include <cstdio>

@@ -22,7 +22,7 @@ class Mutator {
   FuzzInput mutant(std::uint64_t number) const {
     Random random(number);
     FuzzInput made = any(random);
-    // Mostly few changes: an input that differs everywhere is refused at once.
+    // Three in four mutants have few changes: an input that differs everywhere is refused at once.
     for (std::size_t i = random.oneIn(4) ? random.between(4, 16) : random.between(1, 3); i > 0;
          --i) {
       change(made, random);

@@ -1,11 +1,11 @@
 // Fuzzes the writer of port strings. The first byte of an input chooses between two worlds; the
 // rest makes decisions in it.
 //
-// Sound:   a right definition table and a graph over it. The text must be the model's, and reading
+// Valid:   a right definition table and a graph over it. The text must be the model's, and reading
 //          it must give the same graph.
 // Hostile: a definition table and structures of arbitrary bytes, with pointers that lead anywhere,
 //          all in pages with forbidden ones around them. The call ends with a text or with a
-//          failure, at most by way of the host's filter, and leaves nothing behind.
+//          failure, at most by way of the host's filter, and leaves nothing allocated.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -74,7 +74,7 @@ void runSound(refhost::Host &host, std::span<const std::uint8_t> choices, std::i
   MEMPortChunk *first = nullptr;
   require(mem.MEM_StructToPortStr(graph.defs(), graph.rootID(), graph.root(), chunkLen,
                                   scope.heap(), &total, &first) == 0,
-          "a sound graph is not written");
+          "a valid graph is not written");
   if (textOf(first) != expected) stop("wrote " + textOf(first) + "\nnot " + expected);
   require(total == expected.size(), "wrong total length");
   void *read = nullptr;
@@ -85,7 +85,7 @@ void runSound(refhost::Host &host, std::span<const std::uint8_t> choices, std::i
   if (!difference.empty()) stop("the copy differs: " + difference);
 }
 
-// Definitions in one page, structures in others; forbidden pages behind each.
+// Definitions in one page, structures in others; forbidden pages after each.
 class HostileWorld {
  public:
   HostileWorld() : definitions_(2), structures_(kGuards + kPages + kGuards) {
@@ -117,7 +117,7 @@ class HostileWorld {
   static constexpr std::size_t kMostRows = 4;
   static constexpr std::size_t kMostFields = 6;
 
-  // The rows stand at the end of their page, so that a missing end is met at once.
+  // The rows are at the end of their page, so that a missing end is met at once.
   MEMStructDef &row(std::size_t i) const {
     auto *end = reinterpret_cast<MEMStructDef *>(definitions_.behind(0));
     return (end - (kMostRows + 1))[i];
@@ -145,7 +145,7 @@ class HostileWorld {
     }
   }
 
-  // An index of a field in the page of the definitions, or in the forbidden one behind it. Further
+  // An index of a field in the page of the definitions, or in the forbidden one after it. Further
   // away is storage of others, and of a sanitizer's own.
   static std::int32_t anyCountField(Random &random, std::size_t row) {
     constexpr std::size_t kInPages = 150;
@@ -195,7 +195,7 @@ class HostileWorld {
     return structures() + random.below(64) * step + random.below(kPages) * GuardPages::pageLength();
   }
 
-  // The lowest and highest pages are nobody's, and so is what is behind the structures.
+  // The lowest and highest pages are nobody's, and so is what follows the structures.
   const void *wildAddress(Random &random) const {
     const std::uint64_t offset = random.below(4096);
     switch (random.below(3)) {

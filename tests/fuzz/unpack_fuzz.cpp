@@ -1,5 +1,5 @@
 // Fuzzes MEM_Unpack: the chain, the caller's control block and settings of the host. chainrun.hpp
-// tells the form of an input and what is checked after each call.
+// describes the form of an input and what is checked after each call.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

@@ -1024,7 +1024,7 @@ TEST_F(LongListTest, IsPackedInOrder) {
   EXPECT_EQ(env().pMemThreadBlk->pHashIndexes, nullptr);
 }
 
-// A host whose hash service has handles of its own: the packer must not look behind them.
+// A host whose hash service has handles of its own: the packer must not dereference them.
 TEST_F(LongListTest, IsPackedWithAHostsOwnHandles) {
   static MEMFunctionVector own;
   static HMEMHASH real;

@@ -422,7 +422,7 @@ TEST_F(HashTest, FirstRecordOfABucket) {
   EXPECT_EQ(bucket(table, 2), node);
   EXPECT_EQ(next(node), nullptr);
   EXPECT_EQ(changedRanges(bytesOf(&input, kLen), bytesOf(entry, kLen)), "");
-  EXPECT_TRUE(allBytesAre(node + 24, 1024 - 56 - 24, kDirty)) << "nothing behind the record";
+  EXPECT_TRUE(allBytesAre(node + 24, 1024 - 56 - 24, kDirty)) << "nothing after the record";
   EXPECT_EQ(load<std::uint32_t>(heapOf(table), 16), 56U + kNodeLen);
   for (const std::size_t other : {0U, 1U, 3U}) EXPECT_EQ(bucket(table, other), nullptr);
   EXPECT_EQ(freeNodes(table), nullptr);
@@ -438,7 +438,7 @@ TEST_F(HashTest, OnlyTheRecordsBytesAreRead) {
     void *entry = nullptr;
     EXPECT_EQ(mem.MEM_HashInsEntry(table, len, input.get(), &entry), 0);
     EXPECT_TRUE(allBytesAre(entry, length, static_cast<std::uint8_t>(len)));
-    EXPECT_EQ(at(entry, 0)[length], kDirty) << "nothing behind the record is written";
+    EXPECT_EQ(at(entry, 0)[length], kDirty) << "nothing after the record is written";
   }
   close(table);
 }

@@ -43,7 +43,7 @@ inline constexpr mem::PortTable kNodes{
 
 // --- Every owner -------------------------------------------------------------------------------
 
-// How each kind of owner is opened, and how its handle is given back by hand.
+// How each kind of owner is opened, and how its handle is closed by hand.
 template <class Type>
 struct Opening;
 
@@ -522,7 +522,7 @@ TEST_F(CellPoolOwnerTest, MakesAndTakesBackRecords) {
   EXPECT_EQ(record->value, 2U);
   expectOk(pool.free(record));
   Record *const again = taken(pool.make());
-  EXPECT_EQ(again, record) << "the cell given back last is used first";
+  EXPECT_EQ(again, record) << "the cell freed last is used first";
   EXPECT_EQ(again->value, 0U);
 }
 
@@ -815,7 +815,7 @@ TEST_F(ChainOwnerTest, ComparesEveryNumberOfTheControlBlock) {
   }
 }
 
-// EBCDIC's "F" in a little-endian chain: such segments tell a length of their own.
+// EBCDIC's "F" in a little-endian chain: such segments have their own length at their start.
 TEST_F(ChainOwnerTest, RefusesEbcdicLettersOfLittleEndianWriters) {
   struct Told {
     std::uint64_t length;

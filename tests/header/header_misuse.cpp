@@ -1,5 +1,5 @@
-// Wrong uses of the C++ header, one a case. header_misuse_test compiles the cases one by one: case 0
-// must compile, every other one must fail with the text behind its number.
+// Misuses of the C++ header, one a case. header_misuse_test compiles the cases one by one: case 0
+// must compile, every other one must fail with the text after its number.
 #include "qj7mem00/mem.hpp"
 #if CASE >= 83
 #include "qj7mem00/mem/defs.hpp"

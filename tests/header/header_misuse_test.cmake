@@ -1,11 +1,11 @@
-# Wrong uses of mem.hpp must not compile, and tell why; its right use must, with every compiler that
-# is there.
+# Misuses of mem.hpp must fail to compile, with a message that says why; its right use must compile
+# with every available compiler.
 #
 #   cmake -DCOMPILERS=… -DINCLUDE=… -DWORK=… -P header_misuse_test.cmake
 #
 # COMPILERS  C++ compilers, with commas between them
 # INCLUDE    folder of the public headers
-# WORK       folder for the header, compiled once for all wrong uses; emptied first
+# WORK       folder for the header, compiled once for all misuses; emptied first
 cmake_minimum_required(VERSION 3.25)
 
 string(REPLACE "," ";" COMPILERS "${COMPILERS}")
@@ -31,7 +31,7 @@ foreach(compiler ${COMPILERS})
 endforeach()
 
 # Compiles the header once for all cases and leaves the flags that make use of it in `precompiled`;
-# g++ finds it in front of the header itself.
+# g++ finds it before the header itself.
 macro(precompile)
   file(REMOVE_RECURSE ${WORK})
   file(MAKE_DIRECTORY ${WORK}/qj7mem00)
@@ -76,4 +76,4 @@ foreach(compiler ${COMPILERS})
     math(EXPR checked "${checked} + 1")
   endforeach()
 endforeach()
-message(STATUS "${checked} wrong uses refused")
+message(STATUS "${checked} misuses refused")

@@ -109,7 +109,7 @@ TYPED_TEST(HeapResourceTest, IsEqualToItselfOnly) {
   EXPECT_NE(first, second);
 }
 
-// Every entry that a container takes from an enhanced heap it gives back, as it was taken.
+// A container frees every entry that it takes from an enhanced heap, with the length that it took.
 using EnhancedHeapResourceTest = ResourceTest;
 
 std::map<void *, std::int32_t> entries;
@@ -202,7 +202,7 @@ TEST_F(CellResourceTest, OtherRequestsGoUpstream) {
   EXPECT_NO_THROW(alone.deallocate(alone.allocate(64, 8), 64, 8));
 }
 
-// Cells of 12 bytes lie at multiples of 4.
+// Cells of 12 bytes are at multiples of 4.
 TEST_F(CellResourceTest, CellsAreAlignedAsTheirLengthAllows) {
   using Twelve = mem::CellResource<std::array<std::uint32_t, 3>>;
   static_assert(Twelve::isCell(12, 4) && !Twelve::isCell(8, 8));

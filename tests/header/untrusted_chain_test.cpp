@@ -24,7 +24,7 @@ using chainwriter::Writer;
 
 struct Package;
 struct Note {
-  std::int16_t count;  // of the bytes behind it
+  std::int16_t count;  // of the bytes after it
   std::uint8_t bytes[6];
   const char *pText;
 };

@@ -33,7 +33,7 @@ struct Sized {
   Leaf *pLeaves[1];
 };
 struct Tree {
-  std::int64_t big;  // the last field; what comes again lies over pLeft
+  std::int64_t big;  // the last field; what comes again overlaps pLeft
   Tree *pLeft;
   Leaf *pLeaf;
   Leaf leaf;
@@ -313,7 +313,7 @@ TEST_F(UntrustedTextTest, WhatIsNoLieIsTaken) {
         Lie{1, "(1<01N1/1S1/1S>)", ""},
         Lie{1, "(1<1S;2S~6\"a/\"//\">)", ""},            // any separator
         Lie{1, "(1<1S1/21N>)", ""},                      // newer
-        Lie{1, "(1<1S1/21x\"a>\"<E(9<<>>)>/1S9>)", ""},  // newer, with all behind it
+        Lie{1, "(1<1S1/21x\"a>\"<E(9<<>>)>/1S9>)", ""},  // newer, with all after it
         Lie{1, "(1<1S1/21x\"/x/\"//\">)", ""},
         Lie{1, "(1<7X2\"a/\"\">)", ""},  // narrow text for wide
         Lie{1, "(1<7x2;1'/4?_~a/'//'>)", ""},
@@ -322,7 +322,7 @@ TEST_F(UntrustedTextTest, WhatIsNoLieIsTaken) {
         Lie{2, "(1<4S2>)(4,<1N>)", ""},
         Lie{2, "(1<4S2>)(4,2<2E(3<1X>)/2E(3<1X1\"a\">)/1N2>)", ""},
         Lie{2, "(1<4S2>)(4,1<2E(3<1X>)>)", ""},          // the count is left out
-        Lie{2, "(1<4S2>)(4<1N1/2E(3<1X>)>)", ""},        // the number behind the comma, too
+        Lie{2, "(1<4S2>)(4<1N1/2E(3<1X>)>)", ""},        // the number after the comma, too
         Lie{2, "(1<4S2>)(4,1<1N73556/2E(3<1X>)>)", ""},  // 65537 in 16 bits
         Lie{2, "(1<5S2>)(5,2<1N42/2S/2S>)", ""},
         Lie{2, "(1<5S2>)(5,<1N-5>)", ""},
@@ -430,7 +430,7 @@ class RandomTrees {
   std::vector<std::vector<std::uint64_t>> leafLists_;
 };
 
-// Lets a pointer, an identifier or a count behind one of these characters be another number.
+// Lets a pointer, an identifier or a count after one of these characters be another number.
 std::string withOtherNumber(const std::string &text, Random &random) {
   std::string made = text;
   const std::size_t from = MEM_PORT_HEADER_LEN + random.below(text.size() - MEM_PORT_HEADER_LEN);

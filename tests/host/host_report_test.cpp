@@ -52,7 +52,7 @@ TEST(HostReport, NamesAreaServiceCallAndThreadOfALeak) {
   EXPECT_EQ(leak.length, 4096U);
   EXPECT_EQ(leak.subPool, kSubPool);
   EXPECT_EQ(leak.kind, 1U);
-  EXPECT_EQ(leak.callNumber, calls) << "the last area obtained";
+  EXPECT_EQ(leak.callNumber, calls) << "the last area allocated";
   EXPECT_NE(leak.thread, 0U);
   EXPECT_EQ(leak.services, (Lines{"MEM_HeapOpen", "MemAlloc"}));
   EXPECT_TRUE(leak.stack.empty());

@@ -302,7 +302,7 @@ TEST_F(HostRuntimeTest, RecordsCallsInOrderWithFrameArgumentsAndResult) {
 
 class HostFaultTest : public HostRuntimeTest {
  protected:
-  // Whether a request for storage is served; what was obtained is returned at once.
+  // Whether a request for storage is served; what was allocated is freed at once.
   bool obtains() {
     void *area = nullptr;
     const std::uint16_t code = host_.runtime().GetStorage(&area, 8, 1, 1);

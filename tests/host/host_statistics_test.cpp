@@ -1,4 +1,4 @@
-// Statistics of the reference host: what control blocks tell without the checking layer, what the
+// Statistics of the reference host: what control blocks show without the checking layer, what the
 // layer counts, and the difference of two snapshots.
 #include <algorithm>
 #include <cstdint>
@@ -164,7 +164,7 @@ TEST(HostStatisticsTest, ControlBlocksOfPoolsAndTablesTellWithoutTheLayer) {
 TEST(HostStatisticsTest, DamagedControlBlocksAreReadAsFarAsTheyAreWhole) {
   Scene scene(with(false, false, false));
   const std::uint64_t wild[] = {0x1234, ~std::uint64_t{0}};
-  void *const tiny = scene.mem.MEM_Alloc(12, kSubPool);  // too short for what may stand there
+  void *const tiny = scene.mem.MEM_Alloc(12, kSubPool);  // too short for such a control block
   std::memcpy(tiny, "QQQHBLKN", 8);
   HMEMHEAP heap = scene.openHeap();
   scene.take(heap, 900);
@@ -351,7 +351,7 @@ TEST(HostStatisticsTest, ObjectsHaveTheHostsThreadsAndStorageCalls) {
   const Statistics taken = scene.host.statistics();
   const refhost::StatisticsPlace &opened = taken.heaps.open.at(0).opened;
   EXPECT_EQ(opened.service, "MEM_HeapOpen");
-  EXPECT_EQ(opened.call, 2U) << "behind MEM_SinkInit, which the process's start calls";
+  EXPECT_EQ(opened.call, 2U) << "after MEM_SinkInit, which the process's start calls";
   EXPECT_NE(opened.caller, nullptr);
   EXPECT_EQ(opened.storageCall, storageCallOf(scene.host, heap));
   const json shown = json::parse(taken.json())["heaps"]["open"][0]["opened"];

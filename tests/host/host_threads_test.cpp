@@ -1,4 +1,4 @@
-// The end of threads under the reference host: what one left behind is reported, nobody waits for
+// The end of threads under the reference host: what one left open is reported, nobody waits for
 // it, and nothing of it stays.
 
 #if defined(_WIN32)

@@ -1,5 +1,5 @@
 # Programs with one mistake each: the reference host must report it by itself, on stderr, with the
-# service and the address, and the exit code must tell. Memory checkers must see what leaked, too.
+# service and the address, and by the exit code. Memory checkers must see what leaked, too.
 #
 #   cmake -DPROGRAM=… -DCHECKER=… [-DVALGRIND=…] [-DEMULATOR=…] -P leaking_program_test.cmake
 #

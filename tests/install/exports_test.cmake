@@ -76,11 +76,11 @@ if(NOT MODULE MATCHES "\\.dll$")
   list_lines(symbols ${NM} --format=posix ${MODULE})
   collect(counters "^(__gcov_[^ ]+) " "${symbols}")
   if(lookups AND NOT counters)
-    message(FATAL_ERROR "${MODULE} has thread-local storage that is obtained at its first use")
+    message(FATAL_ERROR "${MODULE} has thread-local storage that is allocated at its first use")
   endif()
 endif()
 
-# Nothing runs when the module that is shipped is loaded, and no storage is obtained then.
+# Nothing runs when the module that is shipped is loaded, and no storage is allocated then.
 # (Sanitizers and coverage counters do both, and without optimisation more of the C++ runtime stays.)
 if(NOT MODULE MATCHES "\\.dll$" AND CONFIG STREQUAL "Release")
   list_lines(symbols ${NM} --defined-only --format=posix ${MODULE})
@@ -90,7 +90,7 @@ if(NOT MODULE MATCHES "\\.dll$" AND CONFIG STREQUAL "Release")
   endif()
 endif()
 
-# Files as they are shipped: hardened, without debug information, which is in a file beside them.
+# Files as they are shipped: hardened, without debug information, which is in a file next to them.
 function(require_hardened file)
   list_lines(headers ${OBJDUMP} -p ${file})
   list_lines(sections ${OBJDUMP} -h ${file})

@@ -8,7 +8,7 @@
 #
 # BUILD, CONFIG  the build tree and its build type
 # WORK           folder of this test's own
-# LIBDIR         where libraries lie under the prefix
+# LIBDIR         where libraries are under the prefix
 # MODULE, TOOL   paths of the module and of memtool under the prefix
 # OBJDUMP        lists the sections of such files
 # MAINTAINER     whom a package for Debian names

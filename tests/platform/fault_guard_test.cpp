@@ -1,6 +1,6 @@
 // The guard around the work of the port string calls by itself: what jumps, nested calls, several
 // threads and handlers of the process do to it. This program links the library's objects, and a
-// sigaction() of its own stands before the system's.
+// sigaction() of its own replaces the system's and calls it.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>

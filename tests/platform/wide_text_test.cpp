@@ -30,11 +30,11 @@ class Guarded {
     pages_.forbid(kOpen + 1);
   }
 
-  // `offset` bytes behind the first page that may be read; zeros all around, as of terminators.
+  // `offset` bytes into the first page that may be read; zeros all around, as of terminators.
   std::uint8_t *atStart(const void *from, std::size_t length, std::size_t offset) {
     return put(from, length, begin() + offset, 0);
   }
-  // `offset` bytes in front of the end of the last page that may be read; nothing around is zero.
+  // `offset` bytes before the end of the last page that may be read; nothing around is zero.
   std::uint8_t *atEnd(const void *from, std::size_t length, std::size_t offset) {
     return put(from, length, end() - offset - length, 0xEE);
   }
@@ -75,7 +75,7 @@ void withEveryText(Test &, const Call &call) {
     for (std::size_t offset = 0; offset < kAlignments; ++offset) {
       for (const bool isAtEnd : {false, true}) {
         SCOPED_TRACE(refhost::formatText("%u units, %u bytes %s", length, offset,
-                                         isAtEnd ? "before the end" : "behind the start"));
+                                         isAtEnd ? "before the end" : "after the start"));
         const void *const address = isAtEnd ? guarded.atEnd(text.c_str(), bytes, offset)
                                             : guarded.atStart(text.c_str(), bytes, offset);
         call(static_cast<const char16_t *>(address), text);
@@ -148,7 +148,7 @@ TEST_F(WidePackTest, PacksTheWholeTextAndNoMore) {
   });
 }
 
-// A text that ends where its block does is found, and nothing behind the block is read. Without a
+// A text that ends where its block does is found, and nothing after the block is read. Without a
 // terminator it is refused.
 TEST_F(WidePackTest, UnpacksTextThatEndsWithItsBlock) {
   Guarded guarded;

@@ -1,4 +1,4 @@
-"""Nothing stays behind: neither storage of the library nor objects of Python."""
+"""Nothing remains: neither storage of the library nor objects of Python."""
 
 import gc
 import threading

@@ -4,7 +4,7 @@
 //   python_chains read              of a chain in hexadecimal digits {"nodes"}, or {"error"}
 //   python_chains defs              definitions of the catalogue's tables: {"chain", "port"}
 //
-// Nodes are listed depth first, a node in front of its children, these in front of its siblings.
+// Nodes are listed depth first, a node before its children, these before its siblings.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -70,7 +70,7 @@ Json textOf(const char16_t *text) {
   return portHex(bytes);
 }
 
-// Lists a tree, which lies at any alignment.
+// Lists a tree, which may have any alignment.
 class Lister {
  public:
   Json list(const Node *root) {

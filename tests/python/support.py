@@ -14,7 +14,7 @@ CATALOG_CHAIN = ROOT / "python" / "examples" / "catalog.chain.json"
 
 
 class ProcessTest(unittest.TestCase):
-    """Runs each test in a process of its own, which must leave nothing behind."""
+    """Runs each test in a process of its own, which must leave nothing at its end."""
 
     process: qj7mem00.Process
 

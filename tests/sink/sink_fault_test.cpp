@@ -1,5 +1,5 @@
 // Every host call of the sink failing in turn: the gate is free afterwards, all structures agree,
-// the strings that were there are intact, and nothing is left at the end.
+// the existing strings are intact, and nothing is left at the end.
 
 #include <functional>
 #include <map>
@@ -238,7 +238,7 @@ TEST_F(SinkFaultTest, BytesOfARefusedCopyAreCleared) {
   expectProtected();
 }
 
-// The first refusal is what the caller is told, also when giving back what there was fails, too.
+// The first refusal is reported to the caller, even if the cleanup is refused, too.
 TEST_F(SinkFaultTest, FirstFailureIsTheOneThatIsKept) {
   static decltype(MEMRuntimeServices::ProtectStorage) own = nullptr;
   static std::uint32_t refusals = 0;

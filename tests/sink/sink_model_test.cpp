@@ -117,7 +117,7 @@ class SinkModelTest : public SinkTest {
     expectAnswer(model.verify(text), result, pSunk);
   }
 
-  // Deletes by any address, as either kind: the text is what stands there.
+  // Deletes by any address, as either kind: the text is what that address holds.
   void deleteAt(const void *address, bool isWide, bool isCopy, Position position) {
     const Text text = sinkmodel::textAt(address, isWide);
     const Answer expected = model.remove(text, isCopy, position);

@@ -244,7 +244,7 @@ TEST_P(SinkFailureTest, LeavesNothingForTheStop) {
   host.recordCalls(false);
 }
 
-// What goes wrong on the way back is neither told nor a reason to keep anything.
+// What fails during the cleanup is neither reported nor a reason to keep anything.
 TEST_P(SinkFailureTest, FirstFailureIsTheOneThatIsKept) {
   refhost::Fault fault = faultOf(GetParam().service, 777);
   fault.nth = GetParam().nth;

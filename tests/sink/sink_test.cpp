@@ -274,14 +274,14 @@ TEST_F(SinkCallTest, ComparisonStopsAtTheFirstOfItsThreeEnds) {
       {narrow("a"), narrow("ab"), 1},
       {narrow("a"), wide(u"ab"), 1},
       {narrow(""), wide(u"\x100"), 1},
-      // They differ, far behind the start as well.
+      // They differ, far from the start as well.
       {narrow("b"), narrow("a"), -1},
       {narrow("\x7F"), narrow("\x80"), 1},
       {wide(u"\xFF00"), wide(u"\x00FF"), 1},
       {narrow("0123456789012345x"), narrow("0123456789012345y"), 1},
       {narrow("0123456\xFF"), narrow("0123456a"), -1},
   };
-  sink("\xFF\xFF");  // behind all others; a copy that is alone is compared without a record
+  sink("\xFF\xFF");  // after all others; a copy that is alone is compared without a record
   for (const OrderRow &row : rows) {
     const void *pSunk = nullptr;
     ASSERT_EQ(sinkText(mem, row.copy, &pSunk), 0);
@@ -317,8 +317,8 @@ TEST_F(SinkCallTest, CopiesFollowEachOtherAndHolesAreReusedFirst) {
   EXPECT_EQ(offsetOf(sink("i")), 32);
 }
 
-// Runs on both sides of a map byte (8 granules) and of 64 granules, with one hole in front that is
-// a granule too short.
+// Runs on both sides of a map byte (8 granules) and of 64 granules, with one hole before them that
+// is a granule too short.
 TEST_F(SinkCallTest, RunsOfAnyLengthFindTheFirstHoleThatHoldsThem) {
   for (const std::uint32_t granules : {3U, 7U, 8U, 9U, 63U, 64U, 65U, 127U, 128U, 129U, 300U}) {
     SCOPED_TRACE(granules);
@@ -613,7 +613,7 @@ TEST_F(SinkCallTest, CopyIsWritableOnlyWhileItIsWrittenOrErased) {
   const char *pSunk = nullptr;
   {
     const ProtectionWatch watch(host);
-    pSunk = sink(first + "y");  // lies on two pages, and shares one with the first
+    pSunk = sink(first + "y");  // is on two pages, and shares one with the first
     ASSERT_EQ(watch.seen().size(), 2U);
     EXPECT_EQ(watch.seen()[0].substr(0, 30), "32 before=ro after=rw gates=1 ");
     EXPECT_EQ(watch.seen()[1], "16 before=rw after=ro gates=1 text=" + first + "y");
@@ -816,13 +816,13 @@ TEST_F(SinkCallTest, DeleteTakesOnlyTheCopysOwnAddress) {
   EXPECT_EQ(host.lastReportedDetail(), kBadPointer);
   EXPECT_EQ(uses(tail), 1U);
   EXPECT_EQ(mem.MEM_SinkDelete(pSunk + 1), 4084);
-  // Read as the other kind, another text stands at the address.
+  // Read as the other kind, the address holds another text.
   const char16_t *const pWide = sink(u"ab");
   EXPECT_EQ(mem.MEM_SinkDelete(reinterpret_cast<const char *>(pWide)), 4084);
   EXPECT_EQ(uses(pWide), 1U);
 }
 
-// An index that was written over: the copy stands where no block of the sink is.
+// An index that was written over: the copy is where no block of the sink is.
 TEST_F(SinkCallTest, DeleteOfACopyOutsideOfAllBlocksIsRefused) {
   alignas(2) char stray[] = "stray\0\0";
   const char *const pSunk = sink("stray");
@@ -994,7 +994,7 @@ TEST_F(SinkCallTest, DeleteThatCannotProtectAgainLeavesNothingOfTheCopy) {
   EXPECT_EQ(sink("gone"), pSunk) << "the room is free again";
 }
 
-// The host is asked to protect twice, whatever it answers then, and the first refusal is told.
+// The host is asked to protect twice, whatever it answers then, and the first refusal is reported.
 TEST_F(SinkCallTest, DeleteAsksOnlyTwiceToProtectAgain) {
   const char *const pSunk = sink("gone");
   static decltype(MEMRuntimeServices::ProtectStorage) own = nullptr;

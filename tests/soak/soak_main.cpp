@@ -1,6 +1,6 @@
 // Mixed calls over the whole library from several threads, for as long as wanted. Contents, results
-// and addresses are checked throughout. From phase to phase all threads come to rest and have given
-// everything back; after the first phase, which warms up, live storage must not grow by a byte.
+// and addresses are checked throughout. From phase to phase all threads come to rest and have freed
+// everything; after the first phase, which warms up, live storage must not grow by a byte.
 //
 // Prints a summary. Ends with 1 on any violation.
 
@@ -129,7 +129,7 @@ class Run {
     ++phases_;
   }
 
-  // All threads are at rest and have given everything back.
+  // All threads are at rest and have freed everything.
   void checkRest() {
     const refhost::Account live = host_.account();
     if (phases_ == 1) atFirstRest_ = live;

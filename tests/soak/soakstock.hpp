@@ -1,5 +1,5 @@
 // What the threads of a soak run share: prepared structures with what must come of them, pinned
-// texts of the sink, the enhanced heap of the current phase and a place to hand its entries over.
+// texts of the sink, the enhanced heap of the current phase and a place to exchange its entries.
 // Made before the threads start; but for the exchange, nothing of it changes while they run.
 #pragma once
 

@@ -515,7 +515,7 @@ void Worker::giveUp(std::size_t number) {
             "SinkDelete");
 }
 
-// Wrong use is refused with the right code in this thread's error area, whatever others do.
+// Misuse is refused with the right code in this thread's error area, whatever others do.
 void Worker::useWrongly() {
   void *entry = nullptr;
   switch (random_.below(7)) {

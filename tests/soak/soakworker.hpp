@@ -1,5 +1,5 @@
 // One thread of a soak run: mixed calls over objects of its own and over what all threads share,
-// each result checked. At the end of a phase it has given everything back.
+// each result checked. At the end of a phase it has freed everything.
 #pragma once
 
 #include <chrono>

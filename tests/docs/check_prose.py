@@ -3,9 +3,8 @@
 
     check_prose.py [--codespell PROGRAM] [FILE | FOLDER]...
 
-Without a FILE or FOLDER it checks those that words.txt, next to this program, lists as covered,
-and only the spelling of the others that it lists as later. Prints FILE:LINE, the word and what to
-say instead. The exit code is 1 if there are findings.
+Without a FILE or FOLDER it checks those that words.txt, next to this program, lists as covered.
+Prints FILE:LINE, the word and what to say instead. The exit code is 1 if there are findings.
 """
 
 import argparse
@@ -17,7 +16,7 @@ import tokenize
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
-SECTIONS = ("covered", "later", "words", "allowed", "spelling")
+SECTIONS = ("covered", "words", "allowed", "spelling")
 
 C_LIKE = {"c", "cpp", "h", "hpp"}
 HASH_LIKE = {"cmake", "sh", "bash", "toml"}
@@ -202,11 +201,7 @@ def main():
     findings = [finding for path, text in covered
                 for finding in check_words(path, text, rules["words"])]
     if arguments.codespell:
-        later = [] if arguments.paths else rules["later"]
-        checked = {path for path, _ in covered}
-        prose = covered + [(path, prose_of(path, [])) for path in files_of(later)
-                           if path not in checked]
-        findings += check_spelling(arguments.codespell, prose, rules["spelling"])
+        findings += check_spelling(arguments.codespell, covered, rules["spelling"])
     for finding in findings:
         print(finding)
     print(f"{len(covered)} files, {len(findings)} findings")

@@ -28,7 +28,8 @@ endfunction()
 
 # A banned word is found in the prose of each kind of file, also over the end of a line, and not in
 # its code.
-set(banned "told")
+set(banned "to" "ld")
+list(JOIN banned "" banned)
 file(REMOVE_RECURSE ${WORK})
 expect_findings(code.hpp "int ${banned} = 0;\n// is\n// ${banned}\nauto x = 'a', *y = \"${banned}\";\n"
   3 4)

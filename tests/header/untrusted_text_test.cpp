@@ -317,7 +317,7 @@ TEST_F(UntrustedTextTest, WhatIsNoLieIsTaken) {
         Lie{1, "(1<1S1/21x\"/x/\"//\">)", ""},
         Lie{1, "(1<7X2\"a/\"\">)", ""},  // narrow text for wide
         Lie{1, "(1<7x2;1'/4?_~a/'//'>)", ""},
-        Lie{2, "(1<1S2>)(1<2S>)behind", ""},
+        Lie{2, "(1<1S2>)(1<2S>)after!", ""},
         Lie{2, "(1<200S2>)(200<100N>)", ""},
         Lie{2, "(1<4S2>)(4,<1N>)", ""},
         Lie{2, "(1<4S2>)(4,2<2E(3<1X>)/2E(3<1X1\"a\">)/1N2>)", ""},

@@ -88,22 +88,22 @@ function(expect_found name function)
   endif()
 endfunction()
 
-set(told "subpool 7, kind 1, call N, thread N\n  called: ")
+set(origin "subpool 7, kind 1, call N, thread N\n  called: ")
 expect_found(heap heap
-  "refhost: 1 leak (4096 bytes)\nleak: 4096 bytes at ADDRESS, ${told}MEM_HeapOpen > MemAlloc\n" LOST)
+  "refhost: 1 leak (4096 bytes)\nleak: 4096 bytes at ADDRESS, ${origin}MEM_HeapOpen > MemAlloc\n" LOST)
 expect_found(enhancedHeap enhancedHeap
-  "refhost: 1 leak (4096 bytes), 1 misuse\nleak: 4096 bytes at ADDRESS, ${told}MEM_EHeapOpen > MemAlloc\n"
+  "refhost: 1 leak (4096 bytes), 1 misuse\nleak: 4096 bytes at ADDRESS, ${origin}MEM_EHeapOpen > MemAlloc\n"
   "misuse: DeleteGate: gate N was not deleted\n  called: MEM_EHeapOpen, thread N\n" LOST)
-expect_found(area area "refhost: 1 leak (100 bytes)\nleak: 100 bytes at ADDRESS, ${told}MemAlloc\n" LOST)
-expect_found(largeArea largeArea "leak: 1048576 bytes at ADDRESS, ${told}MemAlloc\n" LOST)
+expect_found(area area "refhost: 1 leak (100 bytes)\nleak: 100 bytes at ADDRESS, ${origin}MemAlloc\n" LOST)
+expect_found(largeArea largeArea "leak: 1048576 bytes at ADDRESS, ${origin}MemAlloc\n" LOST)
 expect_found(equalAreas area
-  "refhost: 10 leaks (1000 bytes)\nleak: 10 times 100 bytes, 1000 in all, the first at ADDRESS, ${told}MemAlloc\n"
+  "refhost: 10 leaks (1000 bytes)\nleak: 10 times 100 bytes, 1000 in all, the first at ADDRESS, ${origin}MemAlloc\n"
   LOST)
 expect_found(hashTable hashTable "refhost: 2 leaks ("
-  "leak: 4096 bytes at OTHER, ${told}MEM_HashOpen > MEM_HeapOpen > MemAlloc\n"
-  "bytes at ADDRESS, ${told}MEM_HashOpen > MemAlloc\n" LOST)
+  "leak: 4096 bytes at OTHER, ${origin}MEM_HashOpen > MEM_HeapOpen > MemAlloc\n"
+  "bytes at ADDRESS, ${origin}MEM_HashOpen > MemAlloc\n" LOST)
 expect_found(cellPool cellPool
-  "refhost: 1 leak (" "bytes at ADDRESS, ${told}MEM_CellOpen > MemAlloc\n" LOST)
+  "refhost: 1 leak (" "bytes at ADDRESS, ${origin}MEM_CellOpen > MemAlloc\n" LOST)
 expect_found(textBuffer textBuffer
   "refhost: 1 leak (1024 bytes)\nleak: 1024 bytes at ADDRESS, subpool 0, kind 1, call N, thread N\n"
   "  called: MEM_CatOpen > MemAlloc\n" LOST)
@@ -111,14 +111,14 @@ expect_found(chain chain
   "refhost: 1 leak (2048 bytes)\nleak: 2048 bytes at ADDRESS, subpool 0, kind 1, call N, thread N\n"
   "  called: MEM_Pack > MemAlloc\n" LOST)
 
-set(obtained "  area:   100 bytes at ADDRESS, subpool 7, kind 1, call N, thread N\n    called: MemAlloc\n")
+set(area "  area:   100 bytes at ADDRESS, subpool 7, kind 1, call N, thread N\n    called: MemAlloc\n")
 set(free "\n  called: MEM_Free, thread N\n")
 expect_found(length length "refhost: 1 misuse\n"
-  "misuse: FreeStorage: ADDRESS was allocated with length 100, freed with 99${free}${obtained}")
+  "misuse: FreeStorage: ADDRESS was allocated with length 100, freed with 99${free}${area}")
 expect_found(freedTwice freedTwice "refhost: 1 misuse\n"
   "misuse: FreeStorage: ADDRESS is not a live area (never allocated or already freed)${free}")
 expect_found(otherSubPool otherSubPool "refhost: 1 misuse\n"
-  "misuse: FreeStorage: ADDRESS was allocated in subpool 7, freed in 8${free}${obtained}")
+  "misuse: FreeStorage: ADDRESS was allocated in subpool 7, freed in 8${free}${area}")
 expect_found(foreignArea foreignArea "refhost: 1 misuse\n"
   "misuse: FreeStorage: ADDRESS is not a live area (never allocated or already freed)${free}")
 expect_found(thread activate "refhost: 1 misuse\n"

@@ -546,7 +546,7 @@ TEST_F(MemtoolNamesTest, DamagedDefinitionsAndChains) {
   const std::string defs = chainDefinitionsJson(tree, 8).dump(1);
   const std::string path = fixture("chains/0221_64bit.chain").string();
   const std::string chain = readBytes(path);
-  writeBytes("sound.json", defs);
+  writeBytes("valid.json", defs);
   std::size_t taken = 0;
   for (std::size_t i = 0; i < kMutants; ++i) {
     SCOPED_TRACE("mutant " + std::to_string(i));
@@ -562,7 +562,7 @@ TEST_F(MemtoolNamesTest, DamagedDefinitionsAndChains) {
       damaged[random.below(damaged.size())] = static_cast<char>(random.below(256));
     }
     writeBytes("bad", damaged);
-    const ToolRun shown = runTool({"chain", "bad", "--defs", "sound.json", "--json"});
+    const ToolRun shown = runTool({"chain", "bad", "--defs", "valid.json", "--json"});
     ASSERT_TRUE(shown.code == 0 || shown.code == 1) << shown.err;
     ASSERT_TRUE(areLines(shown.err)) << shown.err;
     ASSERT_TRUE(shown.out.empty() || Json::accept(shown.out)) << shown.out;

@@ -122,12 +122,12 @@ TEST_F(SinkCallTest, CopyIsFreedWithTheLengthThatItReserved) {
       const void *const pSunk = madeWide ? static_cast<const void *>(sink(std::u16string(text)))
                                          : static_cast<const void *>(sink("abc"));
       EXPECT_EQ(lengths(), madeWide ? "Used=8 Free=262136 Text=6" : "Used=6 Free=262138 Text=5");
-      const char *const behind = sink("behind");
-      EXPECT_EQ(offsetOf(behind), madeWide ? 8 : 6);
+      const char *const second = sink("second");
+      EXPECT_EQ(offsetOf(second), madeWide ? 8 : 6);
       EXPECT_EQ(deleteSunk(mem, pSunk, deletedWide), 0);
       EXPECT_EQ(lengths(), "Used=10 Free=262134 Text=8");
       expectSound();
-      EXPECT_EQ(mem.MEM_SinkDelete(behind), 0);
+      EXPECT_EQ(mem.MEM_SinkDelete(second), 0);
     }
   }
 }

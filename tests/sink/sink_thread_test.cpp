@@ -142,7 +142,7 @@ TEST_F(SinkThreadTest, ReadersSeeTheirCopyWhileOthersWriteBesideIt) {
     }
   });
   for (int i = 0; i < kRounds; ++i) {
-    EXPECT_EQ(mem.MEM_SinkDelete(sink("beside " + std::to_string(i % 7))), 0);
+    EXPECT_EQ(mem.MEM_SinkDelete(sink("others " + std::to_string(i % 7))), 0);
   }
   isDone = true;
   reader.join();
@@ -160,7 +160,7 @@ TEST_F(SinkDeathTest, WriteIntoASunkStringFaults) {
   EXPECT_DEATH(wideTarget[5] = u'D', "");
   EXPECT_STREQ(pSunk, "shared");
   // Also after the page was written again.
-  EXPECT_EQ(mem.MEM_SinkDelete(sink("beside")), 0);
+  EXPECT_EQ(mem.MEM_SinkDelete(sink("others")), 0);
   EXPECT_DEATH(target[0] = 'S', "");
   expectSound();
 }

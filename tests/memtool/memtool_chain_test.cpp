@@ -780,6 +780,48 @@ TEST_F(MemtoolChainTest, SharedTextsStandOnceInJson) {
   EXPECT_EQ(texts, 1U);
 }
 
+TEST_F(MemtoolChainTest, CheckNamesBlocksThatNothingLeadsTo) {
+  const std::string path = (std::filesystem::path(MEM_FIXTURES) / "memtool/items.chain").string();
+  const std::string good = readBytes(path);
+  EXPECT_EQ(outputOf({"chain", path, "--check"}),
+            path + ": valid, 2 segments and 4 texts in 2 blocks\n");
+  writeBytes("joined", good + good);
+  EXPECT_EQ(outputOf({"chain", "joined", "--check"}),
+            "joined: valid, 2 segments and 4 texts in 4 blocks\n"
+            "joined: nothing leads to block 2 (1,036 bytes): a pointer was lost, or files were "
+            "joined\n"
+            "joined: nothing leads to block 3 (44 bytes): a pointer was lost, or files were "
+            "joined\n");
+  std::string lost = good;
+  lost.replace(984, 8, 8, '\0');  // the sibling of the first segment
+  writeBytes("lost", lost);
+  const Json json = Json::parse(outputOf({"chain", "lost", "--check", "--json"}));
+  EXPECT_EQ(json["isSound"], true);
+  EXPECT_EQ(json["unusedBlocks"], Json::array({1}));
+  for (const char *name : {"0220_64bit", "0221_64bit"}) {
+    EXPECT_EQ(outputOf({"chain", fixturePath(name), "--check"}).find("nothing leads"),
+              std::string::npos);
+  }
+}
+
+TEST_F(MemtoolChainTest, FaultsAreShownWhenTheFilterFindsNothing) {
+  std::string damaged = readBytes(std::filesystem::path(MEM_FIXTURES) / "memtool" / "items.chain");
+  damaged[984] = '\7';
+  writeBytes("damaged", damaged);
+  const ToolRun run = runTool({"chain", "damaged", "--at", "1:2"});
+  EXPECT_EQ(run.code, 2);
+  EXPECT_NE(run.err.find("a sibling pointer leads to block 7"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("--at: no segment or text that was read is at 1:2"), std::string::npos);
+}
+
+TEST_F(MemtoolChainTest, BlocksWithTheirAddressesAreRecognised) {
+  const std::string good =
+      readBytes(std::filesystem::path(MEM_FIXTURES) / "memtool" / "items.chain");
+  writeBytes("memory", std::string(8, '\0') + good);
+  expectRefused(1, "no version is here, but 8 bytes later: the blocks were written with their",
+                {"chain", "memory"});
+}
+
 TEST_F(MemtoolChainTest, FilesThatAreNone) {
   expectRefused(3, "cannot read absent", {"chain", "absent"});
   expectRefused(3, "it is a folder", {"chain", "."});

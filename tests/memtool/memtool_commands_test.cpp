@@ -15,6 +15,10 @@ namespace {
 
 class MemtoolCommandsTest : public ToolTest {};
 
+std::string fixture(const char *name) {
+  return (std::filesystem::path(MEM_FIXTURES) / "memtool" / name).string();
+}
+
 TEST_F(MemtoolCommandsTest, WrongUseEndsWithTwo) {
   expectRefused(2, "a command is required (try --help)", {});
   expectRefused(2, "there is no command \"nonsense\"", {"nonsense"});
@@ -43,10 +47,9 @@ TEST_F(MemtoolCommandsTest, HelpListsTheCommands) {
 }
 
 TEST_F(MemtoolCommandsTest, FileOfTheOtherFormNamesTheCommand) {
-  const std::filesystem::path folder = std::filesystem::path(MEM_FIXTURES) / "memtool";
-  const std::string chain = (folder / "items.chain").string();
-  const std::string port = (folder / "port/order.port").string();
-  const std::string defs = (folder / "port/order.defs.json").string();
+  const std::string chain = fixture("items.chain");
+  const std::string port = fixture("port/order.port");
+  const std::string defs = fixture("port/order.defs.json");
   const std::string useChain = "; the file looks like a packed chain: use memtool chain\n";
   const std::string usePort = "; the file looks like a port string: use memtool port\n";
   expectRefused(1, useChain, {"port", chain});
@@ -58,6 +61,95 @@ TEST_F(MemtoolCommandsTest, FileOfTheOtherFormNamesTheCommand) {
   damaged.resize(damaged.size() / 2);
   writeBytes("damaged.port", damaged);
   EXPECT_EQ(runTool({"port", "damaged.port"}).err.find("looks like"), std::string::npos);
+}
+
+// A copy of a fixture in the test's folder, perhaps only its first bytes.
+std::string copyOf(const char *name, const char *copy, std::size_t length = std::string::npos) {
+  writeBytes(copy, readBytes(fixture(name)).substr(0, length));
+  return copy;
+}
+
+TEST_F(MemtoolCommandsTest, OutputsNeverReplaceInputs) {
+  const std::string chain = copyOf("items.chain", "items.chain");
+  const std::string port = copyOf("port/order.port", "order.port");
+  const std::string graph = copyOf("port/order.graph.json", "graph.json");
+  const std::string defs = copyOf("port/order.defs.json", "defs.json");
+  writeBytes("script", "open h heap 1\n");
+  const std::vector<std::vector<std::string>> calls = {
+      {"chain", chain, "--svg", "./items.chain"},
+      {"chain", chain, "--to-native", chain},
+      {"chain", "--encode", graph, "--defs", defs, "-o", defs},
+      {"port", port, "--svg", port},
+      {"port", "--encode", graph, "--defs", defs, "-o", graph},
+      {"heapmap", "script", "--svg", "script"}};
+  for (const std::vector<std::string> &call : calls) {
+    expectRefused(2, call.back() + " is also read; name another file to write", call);
+    std::vector<std::string> toStdin = call;
+    toStdin.back() = "-";
+    expectRefused(2, "- names input only", toStdin);
+  }
+  EXPECT_EQ(readBytes(chain), readBytes(fixture("items.chain")));
+  EXPECT_EQ(readBytes(defs), readBytes(fixture("port/order.defs.json")));
+  EXPECT_FALSE(std::filesystem::exists("-"));
+}
+
+TEST_F(MemtoolCommandsTest, JsonOfSeveralFilesIsWholeAfterFaults) {
+  const std::string good = copyOf("port/order.port", "order.port");
+  const std::string cut = copyOf("port/order.port", "cut.port", 40);
+  const std::string defs = fixture("port/order.defs.json");
+  for (const std::vector<std::string> &more :
+       {std::vector<std::string>{}, {"--check"}, {"--check", "--defs", defs}}) {
+    std::vector<std::string> words{"port", cut, good, "--json"};
+    words.insert(words.end(), more.begin(), more.end());
+    const ToolRun run = runTool(words);
+    EXPECT_EQ(run.code, 1);
+    const Json json = Json::parse(run.out, nullptr, false);
+    ASSERT_EQ(json.size(), 2U) << run.out;
+    EXPECT_EQ(json[0]["file"], cut);
+    EXPECT_EQ(json[0]["fault"]["offset"], 40U);
+    EXPECT_EQ(json[1]["file"], good);
+  }
+}
+
+TEST_F(MemtoolCommandsTest, JsonErrorsHaveFileAndOffset) {
+  const std::string cut = copyOf("port/order.port", "cut.port", 40);
+  const Json fault = Json::parse(runTool({"--json-errors", "port", cut, "--check"}).err);
+  EXPECT_EQ(fault["file"], cut);
+  EXPECT_EQ(fault["offset"], 40U);
+  const Json absent = Json::parse(runTool({"--json-errors", "chain", "absent"}).err);
+  EXPECT_EQ(absent["file"], "absent");
+  EXPECT_EQ(absent["exitCode"], 3);
+}
+
+TEST_F(MemtoolCommandsTest, DefinitionsAreReadOnce) {
+  const std::string port = fixture("port/order.port");
+  writeBytes("defs.json", "{}");
+  expectRefused(1, "defs.json", {"port", port, port, "--defs", "defs.json"});
+}
+
+TEST_F(MemtoolCommandsTest, FailureWithoutMessageGetsThePlace) {
+  writeBytes("header.port", "(9999999999,9999999999)(1<1N5>)");
+  expectRefused(1, "character 31: expected structure text 2 of 9999999999, found the end",
+                {"port", "header.port", "--defs", fixture("port/order.defs.json")});
+}
+
+TEST_F(MemtoolCommandsTest, NumbersOfOptionsAreDecimal) {
+  const std::string chain = fixture("items.chain");
+  const std::string port = fixture("port/order.port");
+  for (const char *wrong : {"-5", "0x1", "010", "", "1 "}) {
+    for (const char *option : {"--limit", "--depth", "--block"}) {
+      EXPECT_EQ(runTool({"chain", chain, option, wrong, "--svg", "x.svg", "--json"}).code, 2)
+          << option << " " << wrong;
+    }
+    for (const char *option : {"--limit", "--depth", "--root"}) {
+      EXPECT_EQ(runTool({"port", port, option, wrong}).code, 2) << option << " " << wrong;
+    }
+    EXPECT_EQ(runTool({"diff", port, port, "--limit", wrong}).code, 2) << wrong;
+  }
+  expectRefused(2, "--limit: expected a decimal number, found \"010\"",
+                {"chain", chain, "--limit", "010"});
+  EXPECT_EQ(runTool({"chain", chain, "--limit", "0"}).code, 0);
+  expectRefused(2, "--pointers: expected 4 or 8, found \"5\"", {"chain", chain, "--pointers", "5"});
 }
 
 TEST_F(MemtoolCommandsTest, LibraryThatIsNone) {

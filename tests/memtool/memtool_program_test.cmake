@@ -83,6 +83,15 @@ if(NOT code STREQUAL "0" OR NOT out MATCHES "^-: valid, 10 segments")
   fail("memtool chain -: expected a valid chain")
 endif()
 
+# Standard input is read once.
+foreach(words "chain;-;-" "diff;-;-")
+  execute_process(COMMAND ${EMULATOR} ${PROGRAM} ${words} INPUT_FILE ${chain}
+    RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT code STREQUAL "3" OR NOT err MATCHES "standard input can be read only once\n$")
+    fail("memtool ${words}: expected that standard input is read once, ${code} ${err}")
+  endif()
+endforeach()
+
 # Terminals, and streams that end: only here, where there are the means.
 find_program(SCRIPT_PROGRAM script)
 if(EMULATOR OR NOT SCRIPT_PROGRAM OR NOT UNIX)

@@ -31,7 +31,8 @@ struct MessagePoint {
 };
 
 // Stores the default of an absent field. False when a text is too long for a field that must not be
-// truncated. REQUIRES: as many bytes at `pField` as the reader stores there.
+// truncated. REQUIRES: as many bytes at `pField` as a value of the type has, for a pointer at least
+// `Length`.
 bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept;
 
 }  // namespace memlib

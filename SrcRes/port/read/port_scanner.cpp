@@ -96,14 +96,6 @@ std::uint64_t PortScanner::inputLength() noexcept {
   return inputLength_;
 }
 
-void *PortScanner::allocate(std::int64_t length) noexcept {
-  if (length > INT32_MAX || length < INT32_MIN) return nullptr;
-  void *pEntry = nullptr;
-  const std::int16_t status = functionVector().MEM_HeapAllocEntryLong(
-      hMemHeap_, static_cast<std::int32_t>(length), &pEntry);
-  return status == 0 ? pEntry : nullptr;
-}
-
 bool PortScanner::fail(const MessagePoint &point, const char *pMessage) noexcept {
   const Excerpts excerpts = input_.excerpts();
   frame_.traceException(point.routine, point.line,

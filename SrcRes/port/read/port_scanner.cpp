@@ -80,7 +80,7 @@ bool PortScanner::unget() noexcept {
 }
 
 std::optional<std::uint64_t> PortScanner::longNumber() noexcept {
-  ReversedDigits<std::uint64_t> digits;
+  ReversedDigits digits;
   for (;;) {
     const std::string_view text = run();
     if (text.empty()) return std::nullopt;

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "frame/callframe.h"
+#include "frame/threadareas.h"
 #include "platform/textscan.h"
 #include "qj7mem00/memcat.h"
 
@@ -28,22 +29,17 @@ char16_t *getText(std::uint32_t size) noexcept {
   return static_cast<char16_t *>(functionVector().MEM_Alloc(size, kTextSubPool));
 }
 
-std::uint32_t *threadFlags(const CallFrame &frame) noexcept {
-  const MEMThreadEnv *pThread = frame.thread();
-  if (pThread == nullptr || pThread->pMemThreadBlk == nullptr) return nullptr;
-  return &pThread->pMemThreadBlk->Flags;
-}
-
 // Marks in the thread block that MEM_Cat reports the failures of MEM_MemCat.
 void setInCat(const CallFrame &frame, bool inCat) noexcept {
-  std::uint32_t *pFlags = threadFlags(frame);
-  if (pFlags == nullptr) return;
-  *pFlags = inCat ? *pFlags | MEM_THREAD_IN_CAT : *pFlags & ~std::uint32_t{MEM_THREAD_IN_CAT};
+  MEMThreadBlock *pThreadBlk = threadBlock(frame);
+  if (pThreadBlk == nullptr) return;
+  std::uint32_t &flags = pThreadBlk->Flags;
+  flags = inCat ? flags | MEM_THREAD_IN_CAT : flags & ~std::uint32_t{MEM_THREAD_IN_CAT};
 }
 
 bool isInCat(const CallFrame &frame) noexcept {
-  const std::uint32_t *pFlags = threadFlags(frame);
-  return pFlags != nullptr && (*pFlags & MEM_THREAD_IN_CAT) != 0;
+  const MEMThreadBlock *pThreadBlk = threadBlock(frame);
+  return pThreadBlk != nullptr && (pThreadBlk->Flags & MEM_THREAD_IN_CAT) != 0;
 }
 
 // The failure exit of MEM_MemCat.

@@ -11,7 +11,7 @@ namespace memlib {
 struct StepFailure {
   std::int16_t result = -1;
   std::uint32_t code = 0;
-  ErrorText text;
+  ErrorText text{};
   const char *pExitText = nullptr;  // exit record, if the failure has one
   bool isRecorded = false;          // another service has recorded the failure; nothing is added
   const char *pDetail = "";         // for the host's report only

@@ -16,7 +16,7 @@ bool isWholeBlock(const MEMHashCtlBlk &ctl) noexcept {
 }
 
 bool isOfBucket(const MEMHashCtlBlk &ctl, HashNode *pNode, std::int32_t index) noexcept {
-  return ctl.pFunc(bytesAt(pNode->record(), static_cast<std::size_t>(ctl.KeyOff))) == index;
+  return ctl.pFunc(keyIn(ctl, pNode->record())) == index;
 }
 
 bool isValidChain(MEMHashCtlBlk &ctl, std::int32_t index) noexcept {

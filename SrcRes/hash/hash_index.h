@@ -135,11 +135,8 @@ class HashIndex : public ThreadArea, public KeyLookahead {
   MEM_NOINLINE static void markLost(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept;
   static HashIndex *create(const CallFrame &frame, const MEMHashCtlBlk &ctl,
                            std::uint64_t slots) noexcept;
-  static const void *keyIn(const MEMHashCtlBlk &ctl, HashNode *pNode) noexcept {
-    return bytesAt(pNode->record(), static_cast<std::size_t>(ctl.KeyOff));
-  }
   static std::uint64_t keyOf(const MEMHashCtlBlk &ctl, HashNode *pNode) noexcept {
-    return loadAs<std::uint64_t>(keyIn(ctl, pNode));
+    return loadAs<std::uint64_t>(keyIn(ctl, pNode->record()));
   }
   // True when a recorded node still has its key.
   static bool stillHolds(const MEMHashCtlBlk &ctl, const Slot &noted) noexcept {
@@ -149,7 +146,7 @@ class HashIndex : public ThreadArea, public KeyLookahead {
   // would be unpredictable.
   bool stillEnds(MEMHashCtlBlk &ctl, std::int16_t index) const noexcept {
     const Tail &tail = pTails_[index];
-    const void *pKey = tail.pNode == nullptr ? &tail.key : keyIn(ctl, tail.pNode);
+    const void *pKey = tail.pNode == nullptr ? &tail.key : keyIn(ctl, tail.pNode->record());
     return *endOf(ctl, index) == nullptr && loadAs<std::uint64_t>(pKey) == tail.key;
   }
 

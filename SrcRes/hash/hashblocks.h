@@ -45,6 +45,10 @@ MEM_CHECK_OFFSET(MEMHashCtlBlk, CtlBlkLen, 28);
 MEM_CHECK_OFFSET(MEMHashCtlBlk, hMemHeap, 32);
 MEM_CHECK_OFFSET(MEMHashCtlBlk, pFreeEntries, 40);
 
+inline const void *keyIn(const MEMHashCtlBlk &ctl, const void *pRecord) noexcept {
+  return static_cast<const std::byte *>(pRecord) + ctl.KeyOff;
+}
+
 // Calls `visit(index, pNode)` for the nodes of all buckets, in the order of a scan. The next node
 // is read after the call.
 template <class Visit>

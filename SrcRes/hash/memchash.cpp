@@ -19,8 +19,6 @@ constexpr EntryPoint kHashGetEntry{"MEM_HashGetEntry", kSourceHash, 521, 590};
 constexpr EntryPoint kHashDelEntry{"MEM_HashGetEntry", kSourceHash, 643, 721};
 constexpr EntryPoint kHashScan{"MEM_HashGetEntry", kSourceHash, 772, 818};
 
-constexpr char kReturnNotFound[] = "Return=MEMERR_HASHNFND";
-
 std::int16_t failHandle(CallFrame &frame, HMEMHASH hMemHash, Wording wording) noexcept {
   return frame.fail({.code = MEMERR_HASHBHDL,
                      .text = ErrorText("Invalid Hash Handle=").pointer(hMemHash).c_str(),
@@ -39,7 +37,7 @@ std::int16_t failControlBlock(CallFrame &frame) noexcept {
 }
 
 std::int16_t finishNotFound(CallFrame &frame) noexcept {
-  frame.traceExit(kReturnNotFound);
+  frame.traceExit("Return=MEMERR_HASHNFND");
   return frame.finish(MEMERR_HASHNFND);
 }
 
@@ -51,10 +49,6 @@ std::int16_t finishNested(CallFrame &frame, const char *pExitText) noexcept {
 
 bool isIndex(const MEMHashCtlBlk &ctl, std::int16_t index) noexcept {
   return index >= 0 && index <= ctl.Max;
-}
-
-const void *keyIn(const MEMHashCtlBlk &ctl, const void *pRecord) noexcept {
-  return static_cast<const std::byte *>(pRecord) + ctl.KeyOff;
 }
 
 // A key length of 0 or less compares nothing: all keys are equal.

@@ -20,11 +20,11 @@ inline bool isEnhancedHeap(HMEMHEAP hMemHeap) noexcept {
 }
 
 // For checks (heap_check.cpp): true when the heap's invariants hold: its lists end, every area and
-// large block has a valid header, no entry exceeds its area, and the counts in the heap's header
-// are right.
+// large block has a valid header, and the current area is the last one.
 bool isValid(const MEMHeapHeader &heap) noexcept;
 
-// The same, and every free entry is storage that was allocated before.
+// The same, the flag for large blocks is right, and every free entry is storage that was allocated
+// before.
 // REQUIRES: no other thread changes the heap: its gate is held, or its handle is not yet known.
 bool isValid(const MEMEHeapHeader &heap) noexcept;
 

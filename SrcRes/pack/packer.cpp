@@ -28,7 +28,7 @@ std::int16_t packHash(const void *pKey) noexcept {
 }
 
 StepFailure hashFailure(const char *pExitText) noexcept {
-  return {.result = -1, .code = 0, .text = ErrorText(), .pExitText = pExitText, .isRecorded = true};
+  return {.pExitText = pExitText, .isRecorded = true};
 }
 
 StepFailure badSegmentPointer(const void *pSegment) noexcept {
@@ -118,10 +118,7 @@ bool Packer::writeControlBlock() noexcept {
   }
   std::memcpy(chain_.append(kPackVersionLen), "0100", kPackVersionLen);
   if (hasTooManyChildrenForOld(controlBlock_)) {
-    return fail({.result = -1,
-                 .code = 0,
-                 .text = ErrorText(),
-                 .pExitText = "Too many Child Ptrs for Old MemPackCB, rc=FAILED"});
+    return fail({.pExitText = "Too many Child Ptrs for Old MemPackCB, rc=FAILED"});
   }
   writeOldControlBlock(controlBlock_,
                        chain_.append(kOldLayout.controlBlockLen(controlBlock_.count())));
@@ -144,7 +141,7 @@ bool Packer::copyStructure() noexcept {
 bool Packer::copySegment(const Level &level) noexcept {
   const MemPackDescriptor &descriptor = controlBlock_.descriptor(level.descriptor);
   if (descriptor.Type == MEM_PACK_WIDE_STRING) {
-    return fail({.result = -1, .code = 0, .text = ErrorText("WideStringOutOfPlace")});
+    return fail({.text = ErrorText("WideStringOutOfPlace")});
   }
   // Kinds beyond the count were not checked before the walk.
   const SegmentPlan &plan = plans_.of(level.descriptor);

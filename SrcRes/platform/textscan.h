@@ -1,5 +1,6 @@
-// Finds the end of text with the widest loads that every processor of the platform has. The only
-// place that searches for the end of wide text, and of narrow text of limited length.
+// Finds the end of text with the widest loads that every processor of the platform has. The place
+// that searches for the end of wide text, and of narrow text of limited length. Exceptions: trace
+// records, which copy text while they scan it, and the port writer's CharSZ fields.
 #pragma once
 
 #include <bit>

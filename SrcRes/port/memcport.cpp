@@ -31,7 +31,7 @@ bool runUnderGuard(CallFrame &frame, Work &work) noexcept {
   const GuardedWork guarded{
       [](void *pContext) noexcept { static_cast<Context *>(pContext)->work.run(); },
       [](void *pException, void *pContext) noexcept -> std::int32_t {
-        if (!static_cast<Context *>(pContext)->work.isShown()) return kFaultEndsWork;
+        if (!static_cast<Context *>(pContext)->work.prepareFilter()) return kFaultEndsWork;
         const auto filter = textServices().FilterException;
         if (filter == nullptr) return kFaultEndsWork;
         return filter(pException, &static_cast<Context *>(pContext)->frame.record());
@@ -55,7 +55,8 @@ struct Writing {
   std::int16_t status = 0;
 
   void run() noexcept { status = writer.run(); }
-  bool isShown() const noexcept {
+  // Before the host's filter, which may read the chunks or leave by a jump. False: no filter.
+  bool prepareFilter() const noexcept {
     writer.noteUsed();
     return !writer.isAhead();
   }
@@ -71,7 +72,7 @@ struct Reading {
   bool isRead = false;
 
   void run() noexcept { isRead = reader.run(); }
-  static bool isShown() noexcept { return true; }
+  static bool prepareFilter() noexcept { return true; }
   void close(const CallFrame &frame) const noexcept {
     const ErrorAreaKeeper keeper(frame);
     if (reader.indexHeap() != nullptr) functionVector().MEM_HeapClose(reader.indexHeap());

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/bytes.h"
+#include "frame/hostaccess.h"
 #include "platform/check.h"
 #include "platform/textscan.h"
 
@@ -74,6 +75,14 @@ bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept {
       }
       return true;
   }
+}
+
+void *heapEntry(HMEMHEAP hMemHeap, std::int64_t length) noexcept {
+  if (length > INT32_MAX || length < INT32_MIN) return nullptr;
+  void *pEntry = nullptr;
+  const std::int16_t status =
+      functionVector().MEM_HeapAllocEntryLong(hMemHeap, static_cast<std::int32_t>(length), &pEntry);
+  return status == 0 ? pEntry : nullptr;
 }
 
 }  // namespace memlib

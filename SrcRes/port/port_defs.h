@@ -1,11 +1,12 @@
 // What writing and reading have in common: definition tables, which belong to the caller and are
-// read in place at every look-up, and the places that error records name.
+// read in place at every look-up, the places that error records name, and heap entries.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 #include "qj7mem00/memport.h"
+#include "qj7mem00/memvect.h"
 
 namespace memlib {
 
@@ -31,7 +32,11 @@ struct MessagePoint {
 };
 
 // Stores the default of an absent field. False when a text is too long for a field that must not be
-// truncated. REQUIRES: as many bytes at `pField` as the reader stores there.
+// truncated. REQUIRES: as many bytes at `pField` as a value of the type has, for a pointer at least
+// `Length`.
 bool applyDefault(const MEMFieldDef &field, std::byte *pField) noexcept;
+
+// An entry of a heap, or null with the heap's error recorded.
+void *heapEntry(HMEMHEAP hMemHeap, std::int64_t length) noexcept;
 
 }  // namespace memlib

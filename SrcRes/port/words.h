@@ -103,34 +103,33 @@ inline ShortNumber shorterNumber(const char *p) noexcept {
   return shortNumber(p);
 }
 
-// Any number of reversed digits. Excess digits wrap in the type.
-template <class Number>
+// Any number of reversed digits. Excess digits wrap in 64 bits.
 class ReversedDigits {
  public:
-  Number value() const noexcept { return value_; }
+  std::uint64_t value() const noexcept { return value_; }
 
   // Reads the digits at `p` and returns the address after them.
   const char *take(const char *p, const char *pEnd) noexcept {
     for (; pEnd - p >= static_cast<std::ptrdiff_t>(kTextWordLen); p += kTextWordLen) {
       const ShortNumber rest = shortNumber(p);
       if (rest.pBehind != nullptr) {
-        value_ += static_cast<Number>(rest.value * weight_);
+        value_ += rest.value * weight_;
         return rest.pBehind;
       }
       const TextWord values = loadAs<TextWord>(p) ^ everyByte('0');
-      value_ += static_cast<Number>(reversedNumber(values) * weight_);
+      value_ += reversedNumber(values) * weight_;
       weight_ *= kTextWordDigits;
     }
     for (; p != pEnd && isDigit(*p); ++p) {
-      value_ += static_cast<Number>(*p - '0') * weight_;
+      value_ += static_cast<std::uint64_t>(*p - '0') * weight_;
       weight_ *= 10;
     }
     return p;
   }
 
  private:
-  Number value_ = 0;
-  Number weight_ = 1;
+  std::uint64_t value_ = 0;
+  std::uint64_t weight_ = 1;
 };
 
 // Whether a zero is a plain character. Writers escape it.

@@ -34,7 +34,6 @@ void fillHeader(MEMBlockHeader &header, std::uint32_t length, const char *pName,
   std::memcpy(header.Eyecatcher, "PST_", sizeof header.Eyecatcher);
   std::memset(header.Name, ' ', sizeof header.Name);
   std::memcpy(header.Name, pName, std::strlen(pName));
-  header.Reserved28 = 0;
   header.Type = type;
 }
 

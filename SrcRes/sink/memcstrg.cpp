@@ -28,7 +28,6 @@ constexpr EntryPoint kWSinkVerify{"MEM_WSinkVerify", kSourceStrg, 0, 544};
 
 // Names of failures that several steps have in common.
 constexpr char kStorageName[] = "GetVSTGErr";
-constexpr char kProtectionName[] = "ProtPageErr";
 constexpr char kWritableName[] = "ProtPageErrReadWrite";
 constexpr char kReadOnlyName[] = "ProtPageErrReadOnly";
 
@@ -39,7 +38,7 @@ MEM_NOINLINE StepFailure failure(std::uint32_t code, const char *pName) noexcept
 // Name of the failure. REQUIRES: a block was not allocated, or not protected.
 const char *nameOf(SpaceResult result) noexcept {
   MEM_ASSERT(result == SpaceResult::noStorage || result == SpaceResult::noProtection);
-  return result == SpaceResult::noProtection ? kProtectionName : kStorageName;
+  return result == SpaceResult::noProtection ? "ProtPageErr" : kStorageName;
 }
 
 // The process block of a running sink, or null. Called without the gate, so it tests the first

@@ -1,8 +1,10 @@
 // Every type code with every byte as the opening of its value, read in one piece and character by
 // character. Both must agree; only a type's own openings are taken; and no byte but the field's is
-// written, whatever follows the opening. It asks the finished library, since what a compiler makes
-// of a constant table need not be what it says while it compiles.
+// written, whatever follows the opening. Nor does an absent field's default write beyond the
+// structure. It asks the finished library, since what a compiler makes of a constant table need not
+// be what it says while it compiles.
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -104,6 +106,7 @@ class PortTypesTest : public BoundTest {
     for (const ReadOutcome *outcome : {&block, &chain}) {
       const std::string found = HostileReader::fault(*outcome);
       if (!found.empty()) return found;
+      if (!outcome->isWhole) return "writes beyond an entry";
       if (!isFieldsOnly(*outcome)) return "writes outside the field";
       if (outcome->status == 0 && !isOwn) return "takes an opening that is not the type's";
       if (outcome->status != 0 && outcome->records.empty()) return "fails without a record";
@@ -156,6 +159,102 @@ TEST_F(PortTypesTest, ZeroByteOpensNothing) {
   EXPECT_TRUE(outcome.isWhole);
   EXPECT_EQ(outcome.entries.at(kStructure), std::string(1, kUntouched));
   EXPECT_EQ(messageHeads(outcome.records), (Lines{"Not a bit field!", "Field conversion failed!"}));
+}
+
+// Absent fields of every type at the end of a structure, alone and embedded at the end of another.
+class PortTypesDefaultTest : public PortTypesTest {
+ protected:
+  static constexpr std::int32_t kEmbeddedOff = 8;
+
+  PortTypesDefaultTest() : reader_(host, defs_) {}
+
+  static Defs emptyDefs() {
+    Defs defs;
+    defs.add(1, kFieldOff, {Field(1, MEM_PORT_CHAR, 0, kFieldOff), Field(2, MEM_PORT_CHAR, 1, 0)});
+    defs.add(2, 0, {Field(1, MEM_PORT_SUBSTRUCTURE, 0, kEmbeddedOff).of(1)});
+    return defs;
+  }
+
+  static bool isNumber(std::uint8_t type) {
+    return (type >= MEM_PORT_SHORT && type <= MEM_PORT_ULONG) || type == MEM_PORT_UBIGINT ||
+           type == MEM_PORT_BIGINT;
+  }
+  static bool hasOwnLength(std::uint8_t type) {
+    return isNumber(type) || type == MEM_PORT_PSTR || type == MEM_PORT_WPSTR;
+  }
+  // Bytes that the structure must have for the field to get its default.
+  static std::int32_t needed(std::uint8_t type, std::int32_t length) {
+    if (hasOwnLength(type)) return typeRow(type).length;
+    return type == MEM_PORT_PNT ? std::max(typeRow(type).length, length) : length;
+  }
+  static bool isGiven(std::uint8_t type, std::int32_t length, std::int32_t room) {
+    const std::int32_t least = type == MEM_PORT_WCHARSZ ? 2 : 1;
+    return needed(type, length) <= room && (hasOwnLength(type) || length >= least);
+  }
+
+  void describe(std::uint8_t type, std::int32_t length, std::int32_t room) {
+    MEMFieldDef &field = defs_.field(0, 0);
+    field.Type = type;
+    field.Length = length;
+    field.Default.pWide = kText.c_str();
+    if (isNumber(type)) field.Default.Long = 0x44444444;
+    defs_.row(0).Length = kFieldOff + room;
+    defs_.field(1, 0).Length = kFieldOff + room;
+    defs_.row(1).Length = kEmbeddedOff + kFieldOff + room;
+  }
+
+  // "" or what is wrong with the structure at `offset` of the first entry.
+  std::string fault(const std::string &text, std::size_t offset, bool given,
+                    std::size_t neededBytes) {
+    const ReadOutcome outcome = reader_.readBlock(kHeader + text);
+    const std::string found = HostileReader::fault(outcome);
+    if (!found.empty()) return found;
+    if (!outcome.isWhole) return "writes beyond the structure";
+    if (outcome.status != 0) return "fails";
+    const std::string &entry = outcome.entries.at(kStructure);
+    const std::string before(offset, kUntouched);
+    const std::string first = "x" + std::string(kFieldOff - 1, kUntouched);
+    if (entry.compare(0, offset + kFieldOff, before + first) != 0) return "writes before the field";
+    const std::string field = entry.substr(offset + kFieldOff);
+    const std::size_t changed = field.find_last_not_of(kUntouched) + 1;
+    if (changed > (given ? neededBytes : 0)) return "writes outside the field";
+    return given == (changed > 0) ? "" : "gives no default";
+  }
+
+  void expectWithin(std::uint8_t type, std::int32_t length, std::int32_t room) {
+    describe(type, length, room);
+    const bool given = isGiven(type, length, room);
+    const auto bytes = static_cast<std::size_t>(std::max(needed(type, length), 0));
+    const auto place = [&] {
+      return "type " + std::to_string(type) + ", length " + std::to_string(length) + ", room " +
+             std::to_string(room);
+    };
+    ASSERT_EQ(fault("(1<2\"x\">)", 0, given, bytes), "") << place();
+    ASSERT_EQ(fault("(2<1E(1<2\"x\">)>)", kEmbeddedOff, given, bytes), "") << place();
+  }
+
+  static constexpr std::int32_t kMost = 65535;
+  // Text of both widths, and more bytes than any default here.
+  static inline const std::u16string kText = std::u16string(kMost, u'\x4444');
+
+ private:
+  Defs defs_ = emptyDefs();
+  HostileReader reader_;
+};
+
+TEST_F(PortTypesDefaultTest, StaysInTheStructure) {
+  constexpr std::int32_t kLengths[] = {24, 0,  1,  2,  4,     7,         8,        9,
+                                       16, 23, 25, -1, kMost, INT32_MIN, INT32_MAX};
+  for (unsigned type = 0; type <= UINT8_MAX; ++type) {
+    for (const std::int32_t length : kLengths) {
+      std::vector<std::int32_t> rooms = {0, 1, 2, 3, 4, 7, 8, 23, 24};
+      if (length > 24 && length <= kMost) rooms.insert(rooms.end(), {length - 1, length});
+      for (const std::int32_t room : rooms) {
+        expectWithin(static_cast<std::uint8_t>(type), length, room);
+        if (HasFatalFailure()) return;
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -105,9 +105,6 @@ class ChainReader {
   Outcome takeNarrowText(const ContentPlace &place) noexcept;
 
  private:
-  // Work area: extents of the blocks, control block, and two bits for each content byte: claimed;
-  // and part of narrow text that is known to end.
-
   std::uint32_t firstWord(std::int32_t block) const noexcept { return extents()[block].firstWord; }
 
   Outcome listBlocks(MemPackBlock *pFirst) noexcept;
@@ -123,6 +120,8 @@ class ChainReader {
   std::uint64_t *pTexts_ = nullptr;
   PackControlBlock controlBlock_{nullptr};
   WorkStorage blockTable_;
+  // Extents of the blocks, control block, and two bits for each content byte: claimed; and part of
+  // narrow text that is known to end.
   WorkStorage work_;
 };
 

@@ -29,7 +29,7 @@ FastFields readNumber(const char *&p, const char *pEnd, const FieldType &type,
                       std::byte *pField) noexcept {
   const bool isNegative = *p == '-';
   if (isNegative && !type.isSigned) return FastFields::none;
-  ReversedDigits<std::uint64_t> digits;
+  ReversedDigits digits;
   p = digits.take(isNegative ? p + 1 : p, pEnd);
   if (p == pEnd) return FastFields::none;
   const std::uint64_t value = isNegative ? 0 - digits.value() : digits.value();

@@ -56,6 +56,13 @@ bool isDemanded(const MEMFieldDef &field) noexcept {
   return field.Required != 0 && field.NotPorted == 0;
 }
 
+// Bytes that a field needs for its default. A pointer's default is copied with the `Length` of the
+// definition, which may be more than a pointer has.
+std::int64_t defaultLength(const MEMFieldDef &field) noexcept {
+  const std::int64_t stored = storedLength(field);
+  return field.Type == MEM_PORT_PNT ? std::max<std::int64_t>(stored, field.Length) : stored;
+}
+
 }  // namespace
 
 bool PortReader::run() noexcept {
@@ -310,10 +317,11 @@ bool PortReader::completeAbsent(const StructText &text) noexcept {
   return true;
 }
 
-// False when a text is too long for a field that must not be truncated.
+// False when a text is too long for a field that must not be truncated. A field that is not wholly
+// in the entry gets no default.
 bool PortReader::giveDefault(const StructText &text, const MEMFieldDef &field) noexcept {
   if (field.Required != 0) return true;
-  const bool exists = text.bytes.holds(field.Offset, storedLength(field));
+  const bool exists = text.bytes.holds(field.Offset, defaultLength(field));
   return !exists || applyDefault(field, text.bytes.at(field.Offset));
 }
 

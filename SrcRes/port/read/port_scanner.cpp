@@ -80,7 +80,7 @@ bool PortScanner::unget() noexcept {
 }
 
 std::optional<std::uint64_t> PortScanner::longNumber() noexcept {
-  ReversedDigits<std::uint64_t> digits;
+  ReversedDigits digits;
   for (;;) {
     const std::string_view text = run();
     if (text.empty()) return std::nullopt;
@@ -94,14 +94,6 @@ std::optional<std::uint64_t> PortScanner::longNumber() noexcept {
 std::uint64_t PortScanner::inputLength() noexcept {
   if (inputLength_ == 0) inputLength_ = input_.length();
   return inputLength_;
-}
-
-void *PortScanner::allocate(std::int64_t length) noexcept {
-  if (length > INT32_MAX || length < INT32_MIN) return nullptr;
-  void *pEntry = nullptr;
-  const std::int16_t status = functionVector().MEM_HeapAllocEntryLong(
-      hMemHeap_, static_cast<std::int32_t>(length), &pEntry);
-  return status == 0 ? pEntry : nullptr;
 }
 
 bool PortScanner::fail(const MessagePoint &point, const char *pMessage) noexcept {

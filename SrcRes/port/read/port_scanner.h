@@ -151,7 +151,7 @@ class PortScanner {
   HMEMHEAP heap() const noexcept { return hMemHeap_; }
 
   // An entry of the caller's heap, or null with the heap's error recorded.
-  void *allocate(std::int64_t length) noexcept;
+  void *allocate(std::int64_t length) noexcept { return heapEntry(hMemHeap_, length); }
 
   // Writes an error record with the position and the text around it; always false.
   MEM_NOINLINE bool fail(const MessagePoint &point, const char *pMessage) noexcept;

@@ -4,6 +4,7 @@
 
 #include "frame/hostaccess.h"
 #include "platform/check.h"
+#include "port/port_defs.h"
 
 namespace memlib {
 
@@ -20,27 +21,19 @@ bool StructIndex::open(std::uint32_t count) noexcept {
   hHeap_ = hHeap;
   count_ = count;
   const std::int64_t length = std::int64_t{count} * static_cast<std::int64_t>(sizeof(void *));
-  pStructs_ = static_cast<void **>(allocate(length));
+  pStructs_ = static_cast<void **>(heapEntry(hHeap_, length));
   if (pStructs_ == nullptr) return false;
-  pWaiting_ = static_cast<WaitingField **>(allocate(length));
+  pWaiting_ = static_cast<WaitingField **>(heapEntry(hHeap_, length));
   if (pWaiting_ == nullptr) return false;
   std::memset(pStructs_, 0, static_cast<std::size_t>(length));
   std::memset(pWaiting_, 0, static_cast<std::size_t>(length));
   return true;
 }
 
-// An entry of the heap, or null.
-void *StructIndex::allocate(std::int64_t length) noexcept {
-  void *pEntry = nullptr;
-  const std::int16_t status =
-      functionVector().MEM_HeapAllocEntryLong(hHeap_, static_cast<std::int32_t>(length), &pEntry);
-  return status == 0 ? pEntry : nullptr;
-}
-
 // Stores the address of the next waiting field in the field, and the field's address in the table.
 bool StructIndex::wait(std::uint32_t index, std::byte *pField) noexcept {
   if (index >= count_) return false;
-  auto *pNode = static_cast<WaitingField *>(allocate(sizeof(WaitingField)));
+  auto *pNode = static_cast<WaitingField *>(heapEntry(hHeap_, sizeof(WaitingField)));
   if (pNode == nullptr) return false;
   *pNode = {pField, pWaiting_[index]};
   pWaiting_[index] = pNode;

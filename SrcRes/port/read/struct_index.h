@@ -39,7 +39,6 @@ class StructIndex {
   void settle(std::uint32_t index, void *pStruct) noexcept;
 
  private:
-  void *allocate(std::int64_t length) noexcept;
   bool wait(std::uint32_t index, std::byte *pField) noexcept;
 
   HMEMHEAP hHeap_ = nullptr;

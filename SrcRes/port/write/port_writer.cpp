@@ -23,7 +23,8 @@ std::int16_t portHash(const void *pKey) noexcept {
 }
 
 // Bytes of a heap area that text cannot use: the header of a standard heap and a chunk's own bytes.
-constexpr std::int32_t kAreaOverhead = 72;
+constexpr std::int32_t kAreaOverhead = kAreaEntryOverhead + MEM_PORT_CHUNK_OVERHEAD;
+static_assert(kAreaOverhead == 72);
 
 // A graph with more structures than this exceeds the processor's near caches.
 constexpr std::uint32_t kMostInCaches = 8192;
@@ -76,17 +77,11 @@ std::int16_t PortWriter::run() noexcept {
 std::int32_t PortWriter::chunkCapacity() const noexcept {
   if (chunkLen_ != 0) return chunkLen_;
   if (hMemHeap_ == nullptr) return MEM_PORT_HEADER_LEN;
-  if (hasEyecatcher(hMemHeap_, kEHeapEye)) {
-    return areaSizeAt(offsetof(MEMEHeapHeader, AreaSize)) - kAreaOverhead;
-  }
-  if (hasEyecatcher(hMemHeap_, kHeapEye)) {
-    return areaSizeAt(offsetof(MEMHeapHeader, AreaSize)) - kAreaOverhead;
-  }
-  return MEM_PORT_HEADER_LEN;
-}
-
-std::int32_t PortWriter::areaSizeAt(std::size_t offset) const noexcept {
-  return loadAs<std::int32_t>(bytesAt(hMemHeap_, offset));
+  const bool isEnhanced = hasEyecatcher(hMemHeap_, kEHeapEye);
+  if (!isEnhanced && !hasEyecatcher(hMemHeap_, kHeapEye)) return MEM_PORT_HEADER_LEN;
+  const std::size_t sizeOff =
+      isEnhanced ? offsetof(MEMEHeapHeader, AreaSize) : offsetof(MEMHeapHeader, AreaSize);
+  return loadAs<std::int32_t>(bytesAt(hMemHeap_, sizeOff)) - kAreaOverhead;
 }
 
 std::int16_t PortWriter::start() noexcept {

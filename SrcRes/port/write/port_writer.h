@@ -52,7 +52,6 @@ class PortWriter {
 
  private:
   std::int32_t chunkCapacity() const noexcept;
-  std::int32_t areaSizeAt(std::size_t offset) const noexcept;
   std::int16_t start() noexcept;
   std::uint32_t structures() const noexcept { return fresh_.sequence - 1; }
   std::int16_t writeAll() noexcept;

@@ -397,10 +397,10 @@ TEST_F(MemtoolCommandsTest, ScriptMistakesNameTheLine) {
   refused("open h heap 1\nentry h a x\n",
           "line 2: \"x\" is not a number from -2147483648 to 2147483647");
   refused("open h heap 1\nentry h a 0\n", "line 2: MEM_HeapAllocEntryLong failed: 4051");
-  refused("open h heap 1\nentry h a 1\nentry h a 1\n", "line 3: h already has an entry a");
+  refused("open h heap 1\nentry h a 1\nentry h a 1\n", "line 3: \"h\" already has an entry \"a\"");
   refused("open h heap 1\nentry h a 1\nfree h a\n",
           "line 3: entries of a standard heap cannot be freed; close the heap");
-  refused("open h eheap 1\nfree h a\n", "line 2: h has no entry \"a\"");
+  refused("open h eheap 1\nfree h a\n", "line 2: \"h\" has no entry \"a\"");
   refused("open h heap 1\nchain h a 4 2\n", "line 2: the entries of a chain contain a pointer");
   refused("open h heap 1\ncell h a\n", "line 2: a heap has entries; expected: entry HEAP");
   refused("open p pool 512 32\nentry p a 1\n", "line 2: a pool has cells; expected: cell POOL");
@@ -408,6 +408,42 @@ TEST_F(MemtoolCommandsTest, ScriptMistakesNameTheLine) {
   refused("show\n", "line 1: no heap or pool is open to show");
   refused("close h\n", "line 1: no heap or pool \"h\" is open");
   expectRefused(3, "cannot read absent", {"heapmap", "absent"});
+}
+
+// A file of another kind may be one line of any length.
+TEST_F(MemtoolCommandsTest, MessagesOnScriptsAreShort) {
+  const std::string word(400000, 'x');
+  const std::string shown = "\"" + std::string(40, 'x') + "\"…";
+  const auto refused = [](const std::string &script, const std::string &text) {
+    writeBytes("script", script);
+    expectRefused(1, text, {"heapmap", "script"});
+    EXPECT_LT(runTool({"heapmap", "script"}).err.size(), 300U);
+  };
+  refused(word, "line 1: unknown call " + shown);
+  refused("open h heap " + word, "line 1: " + shown + " is not a number from ");
+  refused("entry " + word + " a 1", "no heap or pool " + shown + " is open");
+  const std::string open = "open " + word + " eheap 1\n";
+  refused(open + open, "line 2: " + shown + " is already open");
+  refused(open + "free " + word + " " + word, shown + " has no entry " + shown);
+  const std::string entry = "entry " + word + " " + word + " 1\n";
+  refused(open + entry + entry, "line 3: " + shown + " already has an entry " + shown);
+}
+
+// Editors of Windows write such a mark.
+TEST_F(MemtoolCommandsTest, ByteOrderMarksOfScriptsAndSnapshotsMeanNothing) {
+  const std::string mark = "\xEF\xBB\xBF";
+  writeBytes("script", mark + "open h heap 1\nshow\n");
+  EXPECT_NE(outputOf({"heapmap", "script"}).find("h: standard heap"), std::string::npos);
+  const std::string snapshot =
+      readBytes(std::filesystem::path(MEM_FIXTURES) / "memtool" / "orders.json");
+  writeBytes("orders.json", snapshot);
+  const std::string shown = outputOf({"heapmap", "orders.json"});
+  writeBytes("orders.json", mark + snapshot);
+  EXPECT_EQ(outputOf({"heapmap", "orders.json"}), shown);
+  writeBytes("x.json", mark + "{ 5");
+  expectRefused(1, "x.json: no JSON from byte 5 on (line 1, column 3)", {"heapmap", "x.json"});
+  writeBytes("x.json", mark + "{\"heaps\": 5}");
+  expectRefused(1, "(line 1, column 11)", {"heapmap", "x.json"});
 }
 
 // A failing script leaves nothing open.

@@ -122,6 +122,12 @@ class ScriptError : public ToolError {
   using ToolError::ToolError;
 };
 
+// A word of the script in a message. A file of another kind may be one word of any length.
+std::string shown(std::string_view word) {
+  constexpr std::size_t kMostShown = 40;
+  return inQuotes(word, kMostShown);
+}
+
 class Runner {
  public:
   explicit Runner(RunningLibrary &library) : library_(library), watch_(library.vector()) {}
@@ -183,8 +189,7 @@ std::int32_t Runner::number(const std::string &word, std::int32_t most) {
   const char *const end = word.data() + word.size();
   const auto [stop, error] = std::from_chars(word.data(), end, value);
   if (error == std::errc() && stop == end && value >= -most - 1 && value <= most) return value;
-  throw ScriptError(
-      fmt::format("{} is not a number from {} to {}", inQuotes(validUtf8(word)), -most - 1, most));
+  throw ScriptError(fmt::format("{} is not a number from {} to {}", shown(word), -most - 1, most));
 }
 
 std::size_t Runner::indexOf(const std::string &name) const {
@@ -196,14 +201,15 @@ std::size_t Runner::indexOf(const std::string &name) const {
 Store &Runner::named(const std::string &name) {
   const std::size_t index = indexOf(name);
   if (index < stores_.size()) return stores_[index];
-  throw ScriptError(fmt::format("no heap or pool {} is open", inQuotes(validUtf8(name))));
+  throw ScriptError(fmt::format("no heap or pool {} is open", shown(name)));
 }
 
 void Runner::expectNewLabel(const Store &store, const std::string &label) {
   for (const StoreArea &area : store.areas) {
     for (const StoreEntry &entry : area.entries) {
       if (entry.label == label && !entry.isFreed) {
-        throw ScriptError(fmt::format("{} already has an entry {}", store.name, label));
+        throw ScriptError(
+            fmt::format("{} already has an entry {}", shown(store.name), shown(label)));
       }
     }
   }
@@ -224,7 +230,7 @@ void Runner::runLine(std::size_t line, const Words &words) {
   if (verb == std::end(kVerbs)) {
     throw ScriptError(fmt::format(
         "unknown call {}; a line begins with open, entry, chain, cell, free, clear, show or close",
-        inQuotes(validUtf8(words[0]))));
+        shown(words[0])));
   }
   (this->*verb->run)(words);
   watch_.assign(nullptr);
@@ -236,7 +242,7 @@ void Runner::open(const Words &words) {
       "[SUBPOOL]";
   expectWords(words, 4, 6, kForm);
   if (indexOf(words[1]) < stores_.size()) {
-    throw ScriptError(fmt::format("{} is already open", inQuotes(validUtf8(words[1]))));
+    throw ScriptError(fmt::format("{} is already open", shown(words[1])));
   }
   Store store;
   store.name = validUtf8(words[1]);
@@ -343,7 +349,7 @@ void Runner::addEntry(Store &store, const std::string &label, const void *addres
     area.entries.push_back(std::move(entry));
     return;
   }
-  throw ScriptError(fmt::format("{} is not in any area of {}", label, store.name));
+  throw ScriptError(fmt::format("{} is not in any area of {}", shown(label), shown(store.name)));
 }
 
 void Runner::entry(const Words &words) {
@@ -428,7 +434,7 @@ void Runner::free(const Words &words) {
       return;
     }
   }
-  throw ScriptError(fmt::format("{} has no entry {}", store.name, inQuotes(label)));
+  throw ScriptError(fmt::format("{} has no entry {}", shown(store.name), shown(label)));
 }
 
 void Runner::clear(const Words &words) {
@@ -483,6 +489,7 @@ std::vector<Snapshot> Runner::finish() {
 std::vector<Snapshot> runHeapScript(RunningLibrary &library, const std::string &name,
                                     std::string_view script) {
   Runner runner(library);
+  script = withoutByteOrderMark(script);
   for (std::size_t line = 1; !script.empty(); ++line) {
     const std::size_t end = std::min(script.find('\n'), script.size());
     const std::vector<std::string> words = wordsOf(script.substr(0, end));

@@ -165,6 +165,7 @@ std::size_t addStores(std::vector<Store> &stores, const PortJsonNode &all,
 }  // namespace
 
 bool isHeapSnapshot(std::string_view text) {
+  text = withoutByteOrderMark(text);
   const std::size_t first = text.find_first_not_of(" \t\r\n");
   return first != std::string_view::npos && text[first] == '{';
 }

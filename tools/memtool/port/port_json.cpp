@@ -100,13 +100,13 @@ std::optional<Number> wholeNumber(const PortJson &json) {
 }  // namespace
 
 PortJsonText::PortJsonText(std::string name, std::string_view text)
-    : name_(std::move(name)), text_(text) {
+    : name_(std::move(name)), text_(withoutByteOrderMark(text)) {
   try {
-    document_ = PortJson::parse(text);
+    document_ = PortJson::parse(text_);
   } catch (const PortJson::parse_error &error) {
     const std::size_t offset = error.byte > 0 ? error.byte - 1 : 0;
-    throw ToolError(
-        fmt::format("{}: no JSON from byte {} on ({})", name_, offset, lineAt(text, offset)));
+    throw ToolError(fmt::format("{}: no JSON from byte {} on ({})", name_,
+                                offset + text.size() - text_.size(), lineAt(text_, offset)));
   } catch (const PortJson::exception &) {  // a number beyond all ranges
     throw ToolError(fmt::format("{}: JSON with a number that is too large", name_));
   }

@@ -812,6 +812,31 @@ TEST_F(MemtoolPortTest, WrongDefinitions) {
       "structures[0].countField: the last field is the repeat field and cannot count itself");
 }
 
+TEST_F(MemtoolPortTest, DefinitionsOfChainsAndGraphsAreNamed) {
+  const auto structure = [](const std::string &members) {
+    return R"({"structures": [{"id": 1, "length": 8)" + members + "}]}";
+  };
+  const auto ofChains = [](const std::string &json, const std::string &place,
+                           const std::string &key) {
+    const std::string message = place + "unknown key \"" + key +
+                                "\": these definitions are for packed chains, not for port strings";
+    expectBadDefinitions(json, message);
+    expectRefused(1, "bad.json: " + message, {"conform", "bad.json", "bad.json"});
+  };
+  ofChains(R"({"pointers": 8, "structures": []})", "", "pointers");
+  ofChains(structure(R"(, "segment": "C", "fields": [])"), "structures[0]: ", "segment");
+  ofChains(structure(R"(, "next": "a", "fields": [])"), "structures[0]: ", "next");
+  for (const std::string key : {"reference", "count", "toEnd"}) {
+    ofChains(
+        structure(R"(, "fields": [{"id": 1, "type": "Long", "offset": 0, ")" + key + "\": true}]"),
+        "structures[0].fields[0]: ", key);
+  }
+  const std::string graph = ": this is a graph, not definitions";
+  expectBadDefinitions(R"({"root": "1", "structures": []})", "unknown key \"root\"" + graph);
+  expectBadDefinitions(R"({"structures": [{"label": "1", "structure": "A", "fields": {}}]})",
+                       "structures[0]: unknown key \"label\"" + graph);
+}
+
 TEST_F(MemtoolPortTest, StructuresWithoutEnd) {
   expectBadDefinitions(
       R"({"structures": [{"id": 1, "length": 4, "fields": [

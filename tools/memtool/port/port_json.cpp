@@ -231,6 +231,13 @@ std::u16string portUnitsOf(const PortJsonNode &node) {
     units.push_back(static_cast<char16_t>(unit.integer(0, UINT16_MAX)));
   }
   return units;
+void PortJsonNode::refuseKeys(std::initializer_list<const char *> foreign,
+                              std::string_view what) const {
+  for (const char *const key : foreign) {
+    if (find(key)) fail(fmt::format("unknown key \"{}\": {}", key, what));
+  }
+}
+
 }
 
 std::string portFieldBytes(MEMFieldType type, std::int32_t length, const PortJsonNode &node) {

@@ -33,6 +33,13 @@ class PortJsonText {
 // A value within a document, which must outlive it. A value that does not have the wanted form is
 // a ToolError that names the place: "defs.json: structures[0].id: … (line 3, column 12)".
 class PortJsonNode {
+// What unknown keys show.
+inline constexpr std::string_view kIsGraph = "this is a graph, not definitions";
+inline constexpr std::string_view kIsForChains =
+    "these definitions are for packed chains, not for port strings";
+inline constexpr std::string_view kIsForPortStrings =
+    "these definitions are for port strings, not for packed chains";
+
  public:
   // A whole document.
   explicit PortJsonNode(const PortJsonText &text)
@@ -46,6 +53,8 @@ class PortJsonNode {
   PortJsonNode at(const std::string &key) const;
   std::optional<PortJsonNode> find(const std::string &key) const;
   PortJsonNode member(const std::string &key, const PortJson &value) const;
+  // Fails for keys that belong to another kind of document, and says which kind that is.
+  void refuseKeys(std::initializer_list<const char *> foreign, std::string_view what) const;
 
   std::vector<PortJsonNode> elements() const;
   const std::string &text() const;

@@ -329,6 +329,48 @@ TEST_F(MemtoolEncodeTest, BlocksThatAreTooShort) {
   EXPECT_FALSE(std::filesystem::exists("none"));
 }
 
+// What memtool writes with a filter can be made again if no other structure is needed.
+TEST_F(MemtoolEncodeTest, SelectionsAreGraphs) {
+  std::filesystem::copy_file(fixture("memtool/items.chain"), "items.chain");
+  std::filesystem::copy_file(fixture("memtool/chain/items.defs.json"), "defs.json");
+  const auto limited = [](const char *count) {
+    const std::string json =
+        outputOf({"chain", "items.chain", "--defs", "defs.json", "--json", "--limit", count});
+    EXPECT_TRUE(Json::parse(json).contains("selection"));
+    writeBytes("graph.json", json);
+  };
+  limited("2");
+  encode();
+  EXPECT_EQ(decode("out"), decode("items.chain"));
+  limited("1");
+  expectRefused(1,
+                "next: no structure has the label \"2\"; the JSON is a selection, which may have "
+                "left it out (line ",
+                {"chain", "--encode", "graph.json", "--defs", "defs.json", "-o", "none"});
+}
+
+TEST_F(MemtoolEncodeTest, GraphsOfDamagedChains) {
+  std::filesystem::copy_file(fixture("memtool/chain/items.defs.json"), "defs.json");
+  std::string bytes = readBytes(fixture("memtool/items.chain"));
+  bytes[984] = 7;  // the block of the first sibling
+  writeBytes("damaged.chain", bytes);
+  const ToolRun run = runTool({"chain", "damaged.chain", "--defs", "defs.json", "--json"});
+  writeBytes("graph.json", run.out);
+  const std::vector<std::string> words{"chain",     "--encode", "graph.json", "--defs",
+                                       "defs.json", "-o",       "out"};
+  expectRefused(1,
+                "graph.json: faults: this is the JSON of a damaged chain; mend the pointers with "
+                "\"fault\" and the structures with \"isCut\", and delete \"faults\" (line ",
+                words);
+  Json graph = Json::parse(run.out);
+  graph.erase("faults");
+  writeBytes("graph.json", graph.dump());
+  expectRefused(1, "next: expected text (line 1, column ", words);
+  graph["structures"][0]["fields"]["next"] = nullptr;
+  writeBytes("graph.json", graph.dump());
+  outputOf(words);
+}
+
 TEST_F(MemtoolEncodeTest, Arguments) {
   writeBytes("defs.json", kDefs);
   expectRefused(2, "--encode needs --defs", {"chain", "--encode", "graph.json", "-o", "out"});

@@ -139,8 +139,18 @@ class SegmentMaker {
   std::size_t longestItem() const { return longest_; }
 
  private:
+  // Without this, the first pointer with a fault would be refused as a wrong value.
+  void refuseDamaged() const {
+    const std::optional<PortJsonNode> faults = top_.find("faults");
+    if (!faults) return;
+    faults->fail(
+        "this is the JSON of a damaged chain; mend the pointers with \"fault\" and the structures "
+        "with \"isCut\", and delete \"faults\"");
+  }
+
   void addSegments() {
-    top_.requireKeys({"root", "structures"});
+    refuseDamaged();
+    top_.requireKeys({"root", "structures", "selection"});  // the last one comes from a filter
     const PortJsonNode list = top_.at("structures");
     for (const PortJsonNode &node : list.elements()) {
       node.requireKeys({"label", "structure", "fields"});
@@ -162,8 +172,10 @@ class SegmentMaker {
     if (segments_.empty()) list.fail("the list has no structure");
   }
 
-  [[noreturn]] static void failForLabel(const PortJsonNode &node) {
-    node.fail(fmt::format("no structure has the label {}", inQuotes(node.text(), 40)));
+  [[noreturn]] void failForLabel(const PortJsonNode &node) const {
+    const char *const why =
+        top_.find("selection") ? "; the JSON is a selection, which may have left it out" : "";
+    node.fail(fmt::format("no structure has the label {}{}", inQuotes(node.text(), 40), why));
   }
 
   std::size_t rootIndex() const {

@@ -429,6 +429,17 @@ TEST_F(MemtoolEncodeTest, GraphsOfDamagedChains) {
   outputOf(words);
 }
 
+TEST_F(MemtoolEncodeTest, RepeatedKeys) {
+  writeBytes("defs.json", kDefs);
+  writeBytes("graph.json",
+             "{\"structures\": [{\"structure\": \"Node\",\n \"fields\": {\"number\": 1, "
+             "\"number\": 2}}]}");
+  expectRefused(1,
+                "graph.json: structures[0].fields: the key \"number\" appears a second time (line "
+                "2, column 26)",
+                {"chain", "--encode", "graph.json", "--defs", "defs.json", "-o", "none"});
+}
+
 TEST_F(MemtoolEncodeTest, Arguments) {
   writeBytes("defs.json", kDefs);
   expectRefused(2, "--encode needs --defs", {"chain", "--encode", "graph.json", "-o", "out"});

@@ -343,6 +343,8 @@ TEST_F(MemtoolNamesTest, WrongDefinitions) {
        "packed chains"},
       {R"({"structures": [{"id": 1, "length": 8, "countIsLength": true, "fields": []}]})",
        "unknown key \"countIsLength\": these definitions are for port strings"},
+      {R"({"structures": [], "structures": []})",
+       "defs.json: the key \"structures\" appears a second time (line 1, column 20)"},
       {R"({"pointers": 6, "structures": []})", "pointers have 4 or 8 bytes (line 1, column 14)"},
       {R"({"structures": [{"id": 1}]})", "structures[0]: \"length\" is missing"},
       {R"({"structures": [{"id": 1, "length": 0}]})", "from 1 to 65535"},

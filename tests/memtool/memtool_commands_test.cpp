@@ -391,12 +391,11 @@ TEST_F(MemtoolCommandsTest, ScriptMistakesNameTheLine) {
   refused("open h heap\n", "line 1: expected: open NAME heap|eheap AREA_KB");
   refused("open h box 1\n", "line 1: expected: open");
   refused("open h heap 1\nopen h heap 1\n", "line 2: \"h\" is already open");
-  refused("open h heap 257\n", "line 1: MEM_HeapOpen failed: 4050 MEMERR_HEAPSIZE");
-  refused("open p pool 100 10\n", "line 1: MEM_CellOpen failed: 4010 MEMERR_CELLBNDS");
+  refused("open h heap 257\n", "line 1: \"257\" is not a number from 1 to 256");
+  refused("open p pool 256 250\n", "line 1: MEM_CellOpen failed: 4011 MEMERR_CELLSIZE");
   refused("entry h a 1\n", "line 1: no heap or pool \"h\" is open");
-  refused("open h heap 1\nentry h a x\n",
-          "line 2: \"x\" is not a number from -2147483648 to 2147483647");
-  refused("open h heap 1\nentry h a 0\n", "line 2: MEM_HeapAllocEntryLong failed: 4051");
+  refused("open h heap 1\nentry h a x\n", "line 2: \"x\" is not a number from 1 to 2147483647");
+  refused("open h heap 1\nentry h a 0\n", "line 2: \"0\" is not a number from 1 to 2147483647");
   refused("open h heap 1\nentry h a 1\nentry h a 1\n", "line 3: \"h\" already has an entry \"a\"");
   refused("open h heap 1\nentry h a 1\nfree h a\n",
           "line 3: entries of a standard heap cannot be freed; close the heap");
@@ -408,6 +407,76 @@ TEST_F(MemtoolCommandsTest, ScriptMistakesNameTheLine) {
   refused("show\n", "line 1: no heap or pool is open to show");
   refused("close h\n", "line 1: no heap or pool \"h\" is open");
   expectRefused(3, "cannot read absent", {"heapmap", "absent"});
+}
+
+// Each number of a script is taken as far as the library takes it, and the message says how far.
+TEST_F(MemtoolCommandsTest, NumbersOfScriptsHaveTheirRanges) {
+  struct Row {
+    std::string before;
+    std::int64_t least;
+    std::int64_t most;
+    std::string after;
+    bool isTooMuch;  // the library or its host refuses the most
+  };
+  const std::int64_t kMost = 2147483647;
+  const Row rows[] = {{"open h heap ", 1, 256, "", false},
+                      {"open h eheap ", 1, 256, "", false},
+                      {"open h heap 1 ", 0, 65535, "", false},
+                      {"open h eheap 1 ", 0, 65535, "", false},
+                      {"open p pool ", 256, 1048576, " 8", false},
+                      {"open p pool 1024 ", 8, 1048576, "", true},
+                      {"open p pool 512 8 ", -32768, 32767, "", false},
+                      {"open h heap 1\nentry h a ", 1, kMost, "", true},
+                      {"open h eheap 1\nentry h a ", 0, kMost, "", true},
+                      {"open h heap 1\nchain h a ", 8, kMost, " 2", true},
+                      {"open h heap 1\nchain h a 8 ", 1, 1000, "", false},
+                      {"open p pool 512 8\ncell p a ", 1, 1000, "", false}};
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.before);
+    const auto run = [&row](std::int64_t number) {
+      writeBytes("script", row.before + std::to_string(number) + row.after);
+      return runTool({"heapmap", "script"});
+    };
+    EXPECT_EQ(run(row.least).code, 0) << run(row.least).err;
+    EXPECT_EQ(run(row.most).code, row.isTooMuch ? 1 : 0) << run(row.most).err;
+    const std::string range = "to " + std::to_string(row.most) + "\n";
+    EXPECT_NE(run(row.most + 1).err.find("\" is not a number from "), std::string::npos);
+    EXPECT_TRUE(run(row.most + 1).err.ends_with(range)) << run(row.most + 1).err;
+    EXPECT_EQ(run(row.least - 1).code, 1);
+  }
+}
+
+// As they are written; what a host's statistics say is shown in the same way.
+TEST_F(MemtoolCommandsTest, SubpoolsAreShownAsTheyAreAccepted) {
+  const auto shown = [](const std::string &script, const std::string &text) {
+    writeBytes("script", script);
+    EXPECT_NE(outputOf({"heapmap", "script"}).find(text), std::string::npos) << script;
+  };
+  shown("open h heap 1 40000\n", "areas of 1,024 bytes, subpool 40000\n");
+  shown("open h eheap 1 65531\n", "areas of 1,024 bytes, subpool 65531\n");
+  shown("open p pool 512 8 -5\n", "cells of 8 bytes, subpool -5\n");
+  std::string json = readBytes(std::filesystem::path(MEM_FIXTURES) / "memtool" / "orders.json");
+  const std::string seven = "\"subPool\":7";
+  ASSERT_NE(json.find(seven), std::string::npos);
+  for (const std::string number : {"-5", "65531"}) {
+    std::string changed = json;
+    for (std::size_t at = 0; (at = changed.find(seven, at)) != std::string::npos; ++at) {
+      changed.replace(at, seven.size(), "\"subPool\":" + number);
+    }
+    writeBytes("x.json", changed);
+    const std::string out = outputOf({"heapmap", "x.json"});
+    EXPECT_NE(out.find("enhanced heap, areas of 1,024 bytes, subpool 65531\n"), std::string::npos)
+        << out;
+  }
+}
+
+TEST_F(MemtoolCommandsTest, ScriptsWithoutCommandsSaySo) {
+  for (const char *script : {"", "\n \n", "# nothing\n\t# more", "\xEF\xBB\xBF\n"}) {
+    writeBytes("script", script);
+    EXPECT_EQ(outputOf({"heapmap", "script"}), "script: the script has no commands\n");
+  }
+  writeBytes("script", "open h heap 1\nclose h\n");
+  EXPECT_EQ(outputOf({"heapmap", "script"}), "");
 }
 
 // A file of another kind may be one line of any length.

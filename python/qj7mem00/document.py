@@ -6,13 +6,15 @@ import json
 import math
 import os
 import re
-from typing import Any, Iterable, NoReturn
+from typing import Any, Callable, Iterable, NoReturn
 
 from .errors import DefinitionError
 
-# A value or a key of a JSON text; only keys have the colon.
-_TOKEN = re.compile(r'"(?:[^"\\]|\\.)*"(?P<colon>[ \t\r\n]*:)?|[{\[]|[^ \t\r\n,:\]}{\["]+',
-                    re.DOTALL)
+# A value or a key of a JSON text, or the end of an object or array; only keys have the colon.
+_TOKEN = re.compile(r'(?P<key>"(?:[^"\\]|\\.)*")(?P<colon>[ \t\r\n]*:)|(?P<end>[}\]])|'
+                    r'"(?:[^"\\]|\\.)*"|[{\[]|[^ \t\r\n,:\]}{\["]+', re.DOTALL)
+_MOST_LEVELS = 8  # of a path of arbitrary JSON
+_MOST_SHOWN = 40  # characters of a key
 
 
 def _finite(digits: str) -> float:
@@ -30,6 +32,37 @@ def _line_of(text: str, offset: int) -> str:
     """``"line 3, column 12"``; columns are characters."""
     start = text.rfind("\n", 0, offset) + 1
     return f"line {text.count(chr(10), 0, offset) + 1}, column {offset - start + 1}"
+
+
+def _repeated_key(text: str) -> tuple[str, str, int]:
+    """The first key that an object has twice: the path of the object, the key and its offset.
+    The text is valid JSON with such a key."""
+    levels: list[tuple[set[str] | None, list[str]]] = []  # keys of an object; current key or index
+    for found in _TOKEN.finditer(text):
+        if found["end"]:
+            levels.pop()
+            continue
+        keys, step = levels[-1] if levels else (None, [])
+        if found["colon"]:
+            assert keys is not None
+            key = json.loads(found["key"])
+            if key in keys:
+                return _path_of([name[-1] for _, name in levels[:-1]]), key, found.start()
+            keys.add(key)
+            step[:] = [f".{key}"]
+            continue
+        if levels and keys is None:
+            step[:] = [f"[{int(step[-1][1:-1]) + 1}]"]
+        if found[0] == "{":
+            levels.append((set(), [""]))
+        elif found[0] == "[":
+            levels.append((None, ["[-1]"]))
+    raise AssertionError("no key appears twice")
+
+
+def _path_of(steps: list[str]) -> str:
+    path = "".join(steps[:_MOST_LEVELS]) + ("…" if len(steps) > _MOST_LEVELS else "")
+    return path if not path.startswith(".") else f": {path[1:]}"
 
 
 def _count(value: Any) -> int:
@@ -72,8 +105,27 @@ class Document:
             raise DefinitionError(f"{self.name}: byte {error.start} is not UTF-8") from None
 
     def _parsed(self, text: str) -> Any:
+        is_repeated = False
+
+        def as_dict(pairs: list[tuple[str, Any]]) -> dict[str, Any]:
+            nonlocal is_repeated
+            value = dict(pairs)
+            is_repeated = is_repeated or len(value) != len(pairs)
+            return value
+
+        value = self._loaded(text, as_dict)
+        if is_repeated:  # of several keys the first one in the text is reported
+            path, key, offset = _repeated_key(text)
+            shown = json.dumps(key[:_MOST_SHOWN], ensure_ascii=False) + "…" * (
+                len(key) > _MOST_SHOWN)
+            raise DefinitionError(f"{self.name}{path}: the key {shown} appears a second time "
+                                  f"({_line_of(text, offset)})")
+        return value
+
+    def _loaded(self, text: str, as_dict: Callable[[list[tuple[str, Any]]], Any]) -> Any:
         try:
-            return json.loads(text, parse_float=_finite, parse_constant=_refuse)
+            return json.loads(text, parse_float=_finite, parse_constant=_refuse,
+                              object_pairs_hook=as_dict)
         except json.JSONDecodeError as error:
             raise DefinitionError(f"{self.name}: {error.msg} "
                                   f"({_line_of(text, error.pos)})") from None
@@ -87,13 +139,11 @@ class Document:
         return Node(self, self.value, (), self.name)
 
     def line_of(self, path: tuple[str | int, ...]) -> str:
-        """``""`` if the source has no lines, and where a key occurs twice in an object: then the
-        values are not in the order of the text."""
+        """``""`` if the source has no lines. The values are in the order of the text."""
         if self.text is None:
             return ""
-        starts = [found.start() for found in _TOKEN.finditer(self.text) if not found["colon"]]
-        if len(starts) != _count(self.value):
-            return ""
+        starts = [found.start() for found in _TOKEN.finditer(self.text)
+                  if not found["colon"] and not found["end"]]
         at, index = self.value, 0
         for step in path:
             before = at[:step] if isinstance(at, list) else [

@@ -483,16 +483,15 @@ TEST_F(MemtoolCommandsTest, ScriptMistakesNameTheLine) {
   refused("open h heap\n", "line 1: expected: open NAME heap|eheap AREA_KB");
   refused("open h box 1\n", "line 1: expected: open");
   refused("open h heap 1\nopen h heap 1\n", "line 2: \"h\" is already open");
-  refused("open h heap 257\n", "line 1: MEM_HeapOpen failed: 4050 MEMERR_HEAPSIZE");
-  refused("open p pool 100 10\n", "line 1: MEM_CellOpen failed: 4010 MEMERR_CELLBNDS");
+  refused("open h heap 257\n", "line 1: \"257\" is not a number from 1 to 256");
+  refused("open p pool 256 250\n", "line 1: MEM_CellOpen failed: 4011 MEMERR_CELLSIZE");
   refused("entry h a 1\n", "line 1: no heap or pool \"h\" is open");
-  refused("open h heap 1\nentry h a x\n",
-          "line 2: \"x\" is not a number from -2147483648 to 2147483647");
-  refused("open h heap 1\nentry h a 0\n", "line 2: MEM_HeapAllocEntryLong failed: 4051");
-  refused("open h heap 1\nentry h a 1\nentry h a 1\n", "line 3: h already has an entry a");
+  refused("open h heap 1\nentry h a x\n", "line 2: \"x\" is not a number from 1 to 2147483647");
+  refused("open h heap 1\nentry h a 0\n", "line 2: \"0\" is not a number from 1 to 2147483647");
+  refused("open h heap 1\nentry h a 1\nentry h a 1\n", "line 3: \"h\" already has an entry \"a\"");
   refused("open h heap 1\nentry h a 1\nfree h a\n",
           "line 3: entries of a standard heap cannot be freed; close the heap");
-  refused("open h eheap 1\nfree h a\n", "line 2: h has no entry \"a\"");
+  refused("open h eheap 1\nfree h a\n", "line 2: \"h\" has no entry \"a\"");
   refused("open h heap 1\nchain h a 4 2\n", "line 2: the entries of a chain contain a pointer");
   refused("open h heap 1\ncell h a\n", "line 2: a heap has entries; expected: entry HEAP");
   refused("open p pool 512 32\nentry p a 1\n", "line 2: a pool has cells; expected: cell POOL");
@@ -500,6 +499,112 @@ TEST_F(MemtoolCommandsTest, ScriptMistakesNameTheLine) {
   refused("show\n", "line 1: no heap or pool is open to show");
   refused("close h\n", "line 1: no heap or pool \"h\" is open");
   expectRefused(3, "cannot read absent", {"heapmap", "absent"});
+}
+
+// Each number of a script is taken as far as the library takes it, and the message says how far.
+TEST_F(MemtoolCommandsTest, NumbersOfScriptsHaveTheirRanges) {
+  struct Row {
+    std::string before;
+    std::int64_t least;
+    std::int64_t most;
+    std::string after;
+    bool isTooMuch;  // the library or its host refuses the most
+  };
+  const std::int64_t kMost = 2147483647;
+  const Row rows[] = {{"open h heap ", 1, 256, "", false},
+                      {"open h eheap ", 1, 256, "", false},
+                      {"open h heap 1 ", 0, 65535, "", false},
+                      {"open h eheap 1 ", 0, 65535, "", false},
+                      {"open p pool ", 256, 1048576, " 8", false},
+                      {"open p pool 1024 ", 8, 1048576, "", true},
+                      {"open p pool 512 8 ", -32768, 32767, "", false},
+                      {"open h heap 1\nentry h a ", 1, kMost, "", true},
+                      {"open h eheap 1\nentry h a ", 0, kMost, "", true},
+                      {"open h heap 1\nchain h a ", 8, kMost, " 2", true},
+                      {"open h heap 1\nchain h a 8 ", 1, 1000, "", false},
+                      {"open p pool 512 8\ncell p a ", 1, 1000, "", false}};
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.before);
+    const auto run = [&row](std::int64_t number) {
+      writeBytes("script", row.before + std::to_string(number) + row.after);
+      return runTool({"heapmap", "script"});
+    };
+    EXPECT_EQ(run(row.least).code, 0) << run(row.least).err;
+    EXPECT_EQ(run(row.most).code, row.isTooMuch ? 1 : 0) << run(row.most).err;
+    const std::string range = "to " + std::to_string(row.most) + "\n";
+    EXPECT_NE(run(row.most + 1).err.find("\" is not a number from "), std::string::npos);
+    EXPECT_TRUE(run(row.most + 1).err.ends_with(range)) << run(row.most + 1).err;
+    EXPECT_EQ(run(row.least - 1).code, 1);
+  }
+}
+
+// As they are written; what a host's statistics say is shown in the same way.
+TEST_F(MemtoolCommandsTest, SubpoolsAreShownAsTheyAreAccepted) {
+  const auto shown = [](const std::string &script, const std::string &text) {
+    writeBytes("script", script);
+    EXPECT_NE(outputOf({"heapmap", "script"}).find(text), std::string::npos) << script;
+  };
+  shown("open h heap 1 40000\n", "areas of 1,024 bytes, subpool 40000\n");
+  shown("open h eheap 1 65531\n", "areas of 1,024 bytes, subpool 65531\n");
+  shown("open p pool 512 8 -5\n", "cells of 8 bytes, subpool -5\n");
+  std::string json = readBytes(std::filesystem::path(MEM_FIXTURES) / "memtool" / "orders.json");
+  const std::string seven = "\"subPool\":7";
+  ASSERT_NE(json.find(seven), std::string::npos);
+  for (const std::string number : {"-5", "65531"}) {
+    std::string changed = json;
+    for (std::size_t at = 0; (at = changed.find(seven, at)) != std::string::npos; ++at) {
+      changed.replace(at, seven.size(), "\"subPool\":" + number);
+    }
+    writeBytes("x.json", changed);
+    const std::string out = outputOf({"heapmap", "x.json"});
+    EXPECT_NE(out.find("enhanced heap, areas of 1,024 bytes, subpool 65531\n"), std::string::npos)
+        << out;
+  }
+}
+
+TEST_F(MemtoolCommandsTest, ScriptsWithoutCommandsSaySo) {
+  for (const char *script : {"", "\n \n", "# nothing\n\t# more", "\xEF\xBB\xBF\n"}) {
+    writeBytes("script", script);
+    EXPECT_EQ(outputOf({"heapmap", "script"}), "script: the script has no commands\n");
+  }
+  writeBytes("script", "open h heap 1\nclose h\n");
+  EXPECT_EQ(outputOf({"heapmap", "script"}), "");
+}
+
+// A file of another kind may be one line of any length.
+TEST_F(MemtoolCommandsTest, MessagesOnScriptsAreShort) {
+  const std::string word(400000, 'x');
+  const std::string shown = "\"" + std::string(40, 'x') + "\"…";
+  const auto refused = [](const std::string &script, const std::string &text) {
+    writeBytes("script", script);
+    expectRefused(1, text, {"heapmap", "script"});
+    EXPECT_LT(runTool({"heapmap", "script"}).err.size(), 300U);
+  };
+  refused(word, "line 1: unknown call " + shown);
+  refused("open h heap " + word, "line 1: " + shown + " is not a number from ");
+  refused("entry " + word + " a 1", "no heap or pool " + shown + " is open");
+  const std::string open = "open " + word + " eheap 1\n";
+  refused(open + open, "line 2: " + shown + " is already open");
+  refused(open + "free " + word + " " + word, shown + " has no entry " + shown);
+  const std::string entry = "entry " + word + " " + word + " 1\n";
+  refused(open + entry + entry, "line 3: " + shown + " already has an entry " + shown);
+}
+
+// Editors of Windows write such a mark.
+TEST_F(MemtoolCommandsTest, ByteOrderMarksOfScriptsAndSnapshotsMeanNothing) {
+  const std::string mark = "\xEF\xBB\xBF";
+  writeBytes("script", mark + "open h heap 1\nshow\n");
+  EXPECT_NE(outputOf({"heapmap", "script"}).find("h: standard heap"), std::string::npos);
+  const std::string snapshot =
+      readBytes(std::filesystem::path(MEM_FIXTURES) / "memtool" / "orders.json");
+  writeBytes("orders.json", snapshot);
+  const std::string shown = outputOf({"heapmap", "orders.json"});
+  writeBytes("orders.json", mark + snapshot);
+  EXPECT_EQ(outputOf({"heapmap", "orders.json"}), shown);
+  writeBytes("x.json", mark + "{ 5");
+  expectRefused(1, "x.json: no JSON from byte 5 on (line 1, column 3)", {"heapmap", "x.json"});
+  writeBytes("x.json", mark + "{\"heaps\": 5}");
+  expectRefused(1, "(line 1, column 11)", {"heapmap", "x.json"});
 }
 
 // A failing script leaves nothing open.

@@ -1,6 +1,7 @@
 // memtool chain --encode: a chain of the structures that JSON describes. What is decoded and made
 // again says the same, and the library finds the same structures in it.
 
+#include <cstring>
 #include <set>
 
 #include "chaindefsjson.hpp"
@@ -320,13 +321,123 @@ TEST_F(MemtoolEncodeTest, DeepestStructure) {
   }
 }
 
+// The result of packing the structures of the file "out" into blocks of this length.
+std::int16_t packedAgain(std::int32_t blockLength) {
+  memtool::RunningLibrary library({});
+  const mem::Context context = mem::contextOf(library.host());
+  const std::string file = readBytes("out");
+  mem::Result<mem::PackedChain> chain =
+      mem::PackedChain::load(context, std::as_bytes(std::span(file)));
+  EXPECT_TRUE(chain.isOk());
+  std::int16_t kinds = 0;
+  constexpr std::size_t kControlBlockAt = 6;  // after the used length and the version
+  std::memcpy(&kinds, file.data() + kControlBlockAt, sizeof kinds);
+  const std::string bytes =
+      file.substr(kControlBlockAt, MEM_PACK_CB_LEN(static_cast<std::size_t>(kinds)));
+  const auto &controlBlock = *reinterpret_cast<const MemPackCB *>(bytes.data());
+  const mem::Result<void *> root = chain.value().unpackUnchecked(controlBlock);
+  EXPECT_TRUE(root.isOk());
+  MemPackBlock *first = nullptr;
+  const std::int16_t result =
+      library.vector().MEM_Pack(&controlBlock, root.value(), blockLength, &first);
+  while (first != nullptr) {
+    MemPackBlock *const next = first->pNext;
+    library.vector().MEM_Free(first, static_cast<std::uint32_t>(blockLength), 0);
+    first = next;
+  }
+  return result;
+}
+
+// The least length that memtool takes is the least that the library takes.
 TEST_F(MemtoolEncodeTest, BlocksThatAreTooShort) {
+  const auto graph = [](const std::string &fields) {
+    writeBytes("graph.json", R"({"structures": [{"structure": 1, "fields": {)" + fields + "}}]}");
+  };
+  const auto expectLeast = [](int least, const std::string &what) {
+    SCOPED_TRACE(what);
+    encode();
+    EXPECT_EQ(packedAgain(least), 0);
+    EXPECT_EQ(packedAgain(least - 1), MEMERR_PACKBMIN);
+    expectRefused(1,
+                  "--block-length: " + std::to_string(least - 1) + " is too short for " + what +
+                      "; at least " + std::to_string(least) + " is needed",
+                  {"chain", "--encode", "graph.json", "--defs", "defs.json", "-o", "none",
+                   "--block-length", std::to_string(least - 1)});
+    encode({"--block-length", std::to_string(least)});
+    outputOf({"chain", "out", "--check"});
+  };
   writeBytes("defs.json", kDefs);
-  writeBytes("graph.json", R"({"structures": [{"structure": "Node", "fields": {}}]})");
-  expectRefused(1, "MEM_Pack failed: 4066 MEMERR_PACKBMIN",
-                {"chain", "--encode", "graph.json", "--defs", "defs.json", "-o", "none",
-                 "--block-length", "900"});
+  graph("");
+  expectLeast(978 + 19, "this control block");
+  graph(R"("text": ")" + std::string(3000, 'x') + "\"");
+  expectLeast(3001 + 15, "the longest segment or text");
+  Json kinds = Json::array();
+  for (int i = 1; i <= 12; ++i) kinds.push_back({{"id", i}, {"segment", "D"}, {"fields", {}}});
+  kinds[0]["fields"] = {
+      {{"id", 1}, {"name", "wide"}, {"type", "WPStr"}, {"offset", 2}},
+      {{"id", 2}, {"name", "rest"}, {"type", "Char"}, {"offset", 10}, {"toEnd", true}}};
+  for (std::size_t i = 1; i < kinds.size(); ++i) kinds[i]["fields"] = Json::array();
+  writeBytes("defs.json", Json{{"structures", kinds}}.dump());
+  graph("");
+  expectLeast(978 + 5 * 122 + 19, "this control block");  // the wide text is a kind as well
+  graph(R"("wide": ")" + std::string(800, 'x') + "\"");
+  expectLeast(4 * 801 + 15, "the longest segment or text");
+  graph(R"("rest": ")" + std::string(5000, 'x') + "\"");
+  expectLeast(5010 + 15, "the longest segment or text");
   EXPECT_FALSE(std::filesystem::exists("none"));
+}
+
+// What memtool writes with a filter can be made again if no other structure is needed.
+TEST_F(MemtoolEncodeTest, SelectionsAreGraphs) {
+  std::filesystem::copy_file(fixture("memtool/items.chain"), "items.chain");
+  std::filesystem::copy_file(fixture("memtool/chain/items.defs.json"), "defs.json");
+  const auto limited = [](const char *count) {
+    const std::string json =
+        outputOf({"chain", "items.chain", "--defs", "defs.json", "--json", "--limit", count});
+    EXPECT_TRUE(Json::parse(json).contains("selection"));
+    writeBytes("graph.json", json);
+  };
+  limited("2");
+  encode();
+  EXPECT_EQ(decode("out"), decode("items.chain"));
+  limited("1");
+  expectRefused(1,
+                "next: no structure has the label \"2\"; the JSON is a selection, which may have "
+                "left it out (line ",
+                {"chain", "--encode", "graph.json", "--defs", "defs.json", "-o", "none"});
+}
+
+TEST_F(MemtoolEncodeTest, GraphsOfDamagedChains) {
+  std::filesystem::copy_file(fixture("memtool/chain/items.defs.json"), "defs.json");
+  std::string bytes = readBytes(fixture("memtool/items.chain"));
+  bytes[984] = 7;  // the block of the first sibling
+  writeBytes("damaged.chain", bytes);
+  const ToolRun run = runTool({"chain", "damaged.chain", "--defs", "defs.json", "--json"});
+  writeBytes("graph.json", run.out);
+  const std::vector<std::string> words{"chain",     "--encode", "graph.json", "--defs",
+                                       "defs.json", "-o",       "out"};
+  expectRefused(1,
+                "graph.json: faults: this is the JSON of a damaged chain; mend the pointers with "
+                "\"fault\" and the structures with \"isCut\", and delete \"faults\" (line ",
+                words);
+  Json graph = Json::parse(run.out);
+  graph.erase("faults");
+  writeBytes("graph.json", graph.dump());
+  expectRefused(1, "next: expected text (line 1, column ", words);
+  graph["structures"][0]["fields"]["next"] = nullptr;
+  writeBytes("graph.json", graph.dump());
+  outputOf(words);
+}
+
+TEST_F(MemtoolEncodeTest, RepeatedKeys) {
+  writeBytes("defs.json", kDefs);
+  writeBytes("graph.json",
+             "{\"structures\": [{\"structure\": \"Node\",\n \"fields\": {\"number\": 1, "
+             "\"number\": 2}}]}");
+  expectRefused(1,
+                "graph.json: structures[0].fields: the key \"number\" appears a second time (line "
+                "2, column 26)",
+                {"chain", "--encode", "graph.json", "--defs", "defs.json", "-o", "none"});
 }
 
 TEST_F(MemtoolEncodeTest, Arguments) {

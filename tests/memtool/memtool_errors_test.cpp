@@ -90,14 +90,27 @@ TEST_F(MemtoolErrorsTest, SeveralAreListed) {
 }
 
 TEST_F(MemtoolErrorsTest, WhatIsNoCodeIsRefused) {
-  for (const char *wanted : {"40720", "0x40720", "3080", "0xG", "99999999999", "no such text"}) {
-    expectRefused(1, "no code has the number, the name or the text \"" + std::string(wanted) + "\"",
+  for (const char *wanted : {"0xG", "4072x", "no such text"}) {
+    expectRefused(1, "no code has the name or the text \"" + std::string(wanted) + "\"",
                   {"errors", wanted});
   }
-  for (const char *wanted : {"65535", "0xFFFF", "0xFFFFFFFF"}) {
+  for (const char *wanted : {"-1", "65535", "0xFFFF", "4294967295", "0xFFFFFFFF"}) {
     expectRefused(1,
                   "\"" + std::string(wanted) + "\" is the result of a failing call, not its code",
                   {"errors", wanted});
+    EXPECT_TRUE(found(wanted).empty()) << wanted;
+  }
+}
+
+TEST_F(MemtoolErrorsTest, NumbersThatAreNoCodeMayBeTheHosts) {
+  for (const char *wanted : {"71", "0x47", "40720", "0x40720", "3080", "-2", "-4072", "99999999999",
+                             "99999999999999999999999"}) {
+    expectRefused(1,
+                  "\"" + std::string(wanted) +
+                      "\" is not a code of this library; in InnerCode or PrevInnerCode it is the "
+                      "host's own code, which the host's manual explains",
+                  {"errors", wanted});
+    EXPECT_TRUE(found(wanted).empty()) << wanted;
   }
 }
 

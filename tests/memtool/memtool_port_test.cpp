@@ -812,6 +812,61 @@ TEST_F(MemtoolPortTest, WrongDefinitions) {
       "structures[0].countField: the last field is the repeat field and cannot count itself");
 }
 
+TEST_F(MemtoolPortTest, RepeatedKeys) {
+  const auto bad = [](const std::string &json, const std::string &message) {
+    expectBadDefinitions(json, message);
+  };
+  bad(R"({"structures": 1, "structures": [{}]})",
+      "the key \"structures\" appears a second time (line 1, column 19)");
+  bad("{\"structures\": [{}, {\"id\": {\"a\": 1},\n  \"i\\u0064\": 2}]}",
+      "structures[1]: the key \"id\" appears a second time (line 2, column 3)");
+  bad(R"({"structures": [{"id": 1}], "x": {"y": 1, "ü": [0, [[], {"n": "}", "n": 1}]]}, "x": 5})",
+      "x.ü[1][1]: the key \"n\" appears a second time (line 1, column 68)");
+  const auto badArray = [](const std::string &json, const std::string &message) {
+    writeBytes("bad.json", json);
+    expectRefused(1, "bad.json" + message, {"port", "order.port", "--defs", "bad.json"});
+  };
+  badArray(R"([1, {"a": 1, "b": "a", "a": 1}])",
+           "[1]: the key \"a\" appears a second time (line 1, column 24)");
+  bad(R"({"structures": 1, "structures": [})", "no JSON from byte 33 on (line 1, column 34)");
+  const std::string key(100, 'k');
+  bad("{\"" + key + "\": 1, \"" + key + "\": 1}",
+      "the key \"" + key.substr(0, 40) + "\"… appears a second time");
+  constexpr std::size_t kDeep = 100000;
+  badArray(
+      std::string(kDeep, '[') + R"({"a": 1, "a": 1})" + std::string(kDeep, ']'),
+      "[0][0][0][0][0][0][0][0]…: the key \"a\" appears a second time (line 1, column 100010)");
+  writeBytes("same.json", R"({"structures": [{"id": 1, "length": 1, "fields": [
+      {"id": 1, "name": "id", "type": "Bit", "offset": 0, "default": 1}]}, {"id": 2, "length": 1,
+      "fields": []}]})");
+  outputOf({"defs", "same.json"});
+}
+
+TEST_F(MemtoolPortTest, DefinitionsOfChainsAndGraphsAreNamed) {
+  const auto structure = [](const std::string &members) {
+    return R"({"structures": [{"id": 1, "length": 8)" + members + "}]}";
+  };
+  const auto ofChains = [](const std::string &json, const std::string &place,
+                           const std::string &key) {
+    const std::string message = place + "unknown key \"" + key +
+                                "\": these definitions are for packed chains, not for port strings";
+    expectBadDefinitions(json, message);
+    expectRefused(1, "bad.json: " + message, {"conform", "bad.json", "bad.json"});
+  };
+  ofChains(R"({"pointers": 8, "structures": []})", "", "pointers");
+  ofChains(structure(R"(, "segment": "C", "fields": [])"), "structures[0]: ", "segment");
+  ofChains(structure(R"(, "next": "a", "fields": [])"), "structures[0]: ", "next");
+  for (const std::string key : {"reference", "count", "toEnd"}) {
+    ofChains(
+        structure(R"(, "fields": [{"id": 1, "type": "Long", "offset": 0, ")" + key + "\": true}]"),
+        "structures[0].fields[0]: ", key);
+  }
+  const std::string graph = ": this is a graph, not definitions";
+  expectBadDefinitions(R"({"root": "1", "structures": []})", "unknown key \"root\"" + graph);
+  expectBadDefinitions(R"({"structures": [{"label": "1", "structure": "A", "fields": {}}]})",
+                       "structures[0]: unknown key \"label\"" + graph);
+}
+
 TEST_F(MemtoolPortTest, StructuresWithoutEnd) {
   expectBadDefinitions(
       R"({"structures": [{"id": 1, "length": 4, "fields": [

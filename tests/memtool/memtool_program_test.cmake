@@ -25,7 +25,8 @@ expect_fine(errors)
 if(NOT out MATCHES "\n4072 +0xFE8  MEMERR_PACKCYCL +Recursive Structure\n")
   fail("the message table is not what was expected")
 endif()
-expect_refused(1 "no code has the number, the name or the text \"1\"" errors 1)
+expect_refused(1 "\"1\" is not a code of this library" errors 1)
+expect_refused(1 "\"-1\" is the result of a failing call" errors -1)
 
 # Every chain, as text and as JSON.
 file(GLOB chains ${CHAINS}/*.chain)

@@ -120,6 +120,22 @@ class SameAsMemtool(unittest.TestCase):
         self.assertGreater(self.taken, 40)
         self.assertGreater(self.refused, 60)
 
+    def test_repeated_keys(self) -> None:
+        chance = random.Random(SEED)
+        for use, document in (("chain", CHAIN_DOCUMENT), ("port", PORT_DOCUMENT)):
+            for number in range(200):
+                text = with_repeated_key(document, chance)
+                with self.subTest(use=use, number=number, seed=SEED):
+                    self.assertFalse(self.compare(text, use))
+        for text in ('{"structures": [], "structures": []}',
+                     '{"structures": [{"id": 1,\n "i\\u0064": 2}]}',
+                     '{"structures": [], "x": [[[[[[[[[{"a": 1, "a": 1}]]]]]]]]]}',
+                     '{"structures": [{"x": {"é": {"b": "}", "b": ["{"]}}, "x": 1}]}',
+                     '{"a": 1, "a": {"b": 1, "b": 2}}'):
+            for use in USES:
+                with self.subTest(text=text, use=use):
+                    self.assertFalse(self.compare(text, use))
+
     def test_definitions_from_tables(self) -> None:
         for sent in lines_of("trees", SEED, 100):
             with self.subTest(sent["writer"]):
@@ -162,6 +178,16 @@ def passes_over(text: str, use: str) -> bool:
     strings, and codes of types in those of chains."""
     more = r'"(pointers|segment|next|reference)"' if use == "port" else r'"type":\s*\d'
     return re.search(more, text) is not None
+
+
+def with_repeated_key(document: dict[str, Any], chance: random.Random) -> str:
+    """The document with keys that appear a second time, as text over many lines."""
+    text = json.dumps(document, indent=1, ensure_ascii=False)
+    for _ in range(chance.choice([1, 1, 2])):
+        places = [found for found in re.finditer(r'(\n *)"\w+": [^\[{\n]*[^\[{,\n]', text)]
+        place = chance.choice(places)
+        text = text[:place.end()] + "," + place[0] + text[place.end():]
+    return text
 
 
 KEYS = ["id", "name", "type", "offset", "length", "count", "toEnd", "structure", "reference",
@@ -276,7 +302,10 @@ class DefinitionsTest(unittest.TestCase):
                 ('{"structures": ' + "[" * 100_000,
                  "definitions: the values are nested too deeply"),
                 ('{"structures": 1, "structures": 2}',
-                 "definitions: structures: expected an array"),
+                 'definitions: the key "structures" appears a second time (line 1, column 19)'),
+                ('{"structures": [{"fields": [],\n"id": 1, "fields": [{"a": 1, "a": 2}]}]}',
+                 'definitions: structures[0]: the key "fields" appears a second time '
+                 "(line 2, column 10)"),
         ):
             with self.subTest(message), self.assertRaises(DefinitionError) as caught:
                 Definitions(source)

@@ -30,18 +30,18 @@ struct ErrorsOptions {
   bool asJson = false;
 };
 
-// The results of failing calls, which users may take for codes.
-constexpr std::int64_t kFailedResult = 0xFFFF;
-constexpr std::int64_t kFailedResult32 = 0xFFFFFFFF;
-
 std::string notFound(const std::string &wanted) {
-  const std::int64_t number = codeNumber(wanted);
-  if (number == kFailedResult || number == kFailedResult32) {
+  if (isFailedResult(wanted)) {
     return inQuotes(wanted) +
            " is the result of a failing call, not its code; the code is at offset 80 of the thread "
            "environment (MEMThreadEnv.Error.Code)";
   }
-  return "no code has the number, the name or the text " + inQuotes(wanted) +
+  if (isCodeNumber(wanted)) {
+    return inQuotes(wanted) +
+           " is not a code of this library; in InnerCode or PrevInnerCode it is the host's own "
+           "code, which the host's manual explains";
+  }
+  return "no code has the name or the text " + inQuotes(wanted) +
          "; `memtool errors` lists them all";
 }
 

@@ -27,7 +27,8 @@ constexpr const char *kFooter =
     "  clear POOL                                      free all cells\n"
     "  show [CAPTION]                                  show all open heaps and pools\n"
     "  close NAME                                      close a heap or a pool\n"
-    "Heaps and pools that are open at the end are shown and closed.\n"
+    "Heaps and pools that are open at the end are shown and closed. AREA_KB is 1 to 256,\n"
+    "AREA_BYTES 256 to 1048576; SUBPOOL is 0 to 65535 for a heap, -32768 to 32767 for a pool.\n"
     "\n"
     "A file that begins with { contains statistics of a running program with maps, as JSON.\n"
     "\n"
@@ -108,6 +109,10 @@ std::string scriptText(const std::string &file) {
   return readFile(file);
 }
 
+bool isEmptyScript(const std::string &text) {
+  return !isHeapSnapshot(text) && !hasCommands(text);
+}
+
 std::vector<Snapshot> snapshotsOf(Tool &tool, const std::string &name, const std::string &text) {
   if (isHeapSnapshot(text)) return {readHeapSnapshot(name, text)};
   RunningLibrary library(pathFromUtf8(tool.library));
@@ -121,7 +126,9 @@ ColourBy colourOf(const HeapmapOptions &options) {
 
 ExitCode showFile(Tool &tool, const HeapmapOptions &options, const std::string &file) {
   const std::string name = file.empty() ? "the example" : file;
-  const std::vector<Snapshot> snapshots = snapshotsOf(tool, name, scriptText(file));
+  const std::string text = scriptText(file);
+  if (isEmptyScript(text)) tool.console.print("{}: the script has no commands\n", name);
+  const std::vector<Snapshot> snapshots = snapshotsOf(tool, name, text);
   printSnapshots(tool.console, snapshots);
   if (options.picture.empty()) return kExitFine;
   writeFile(options.picture, heapPicture(name, snapshots, colourOf(options)));

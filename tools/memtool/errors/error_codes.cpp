@@ -30,6 +30,10 @@ constexpr std::array<SeenText, kSeenCount> kSeenTexts{{
     {"never", "none", "no service of this library reports it"},
 }};
 
+bool isHexadecimal(std::string_view text) {
+  return text.starts_with("0x") || text.starts_with("0X");
+}
+
 std::string lowered(std::string_view text) {
   std::string result(text);
   std::ranges::transform(result, result.begin(),
@@ -87,8 +91,19 @@ SeenText seenText(Seen seen) {
   return kSeenTexts[static_cast<std::size_t>(seen)];
 }
 
+bool isCodeNumber(std::string_view text) {
+  const bool isHex = isHexadecimal(text);
+  if (isHex) {
+    text.remove_prefix(2);
+  } else if (text.starts_with('-')) {
+    text.remove_prefix(1);
+  }
+  const char *const digits = isHex ? "0123456789abcdefABCDEF" : "0123456789";
+  return !text.empty() && text.find_first_not_of(digits) == std::string_view::npos;
+}
+
 std::int64_t codeNumber(std::string_view text) {
-  const bool isHex = text.starts_with("0x") || text.starts_with("0X");
+  const bool isHex = isHexadecimal(text);
   if (isHex) text.remove_prefix(2);
   std::uint32_t number = 0;
   const char *const end = text.data() + text.size();
@@ -96,10 +111,17 @@ std::int64_t codeNumber(std::string_view text) {
   return error == std::errc() && stop == end ? std::int64_t{number} : -1;
 }
 
+bool isFailedResult(std::string_view text) {
+  const std::int64_t number = codeNumber(text);
+  return text == "-1" || number == 0xFFFF || number == 0xFFFFFFFF;
+}
+
 std::vector<const ErrorCode *> findErrorCodes(std::string_view wanted) {
   const std::int64_t number = codeNumber(wanted);
   if (number == 0) return {&withoutCode()};
-  if (number > 0) return codesThat([&](const ErrorCode &code) { return code.code == number; });
+  if (isCodeNumber(wanted)) {
+    return codesThat([&](const ErrorCode &code) { return code.code == number; });
+  }
   const std::string text = lowered(wanted);
   const auto named = codesThat([&](const ErrorCode &code) { return isNamed(code, text); });
   if (!named.empty()) return named;

@@ -71,12 +71,20 @@ SeenText seenText(Seen seen);
 // The codes that a user may mean: by number (decimal, or hexadecimal after 0x); else those whose
 // name contains the text or is part of it; else those whose message, recorded texts, entry points,
 // causes or remedies contain it, or with a recorded text that it contains, with values for the
-// formats. Ignores case. withoutCode() is found by the number 0 and by its texts. An empty text
-// finds all codes.
+// formats. Ignores case. A number that is no code finds nothing, also where a text
+// contains it. withoutCode() is found by the number 0 and by its texts. An empty text finds all
+// codes.
 std::vector<const ErrorCode *> findErrorCodes(std::string_view wanted);
 
-// The number if all of `text` is a number, else -1.
+// True for a number as numbers of codes are written, also a negative one or one of any length.
+bool isCodeNumber(std::string_view text);
+
+// The number if `text` is one of 32 bits, else -1.
 std::int64_t codeNumber(std::string_view text);
+
+// True for -1 and for what it looks like as an unsigned number of 16 or 32 bits: the result of most
+// failing calls, which users may take for a code.
+bool isFailedResult(std::string_view text);
 
 // "MEM_HashInsEntry, MEM_HashGetEntry" as a list.
 std::vector<std::string_view> namesIn(std::string_view list);

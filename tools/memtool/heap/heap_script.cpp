@@ -44,7 +44,21 @@ const std::string_view kExampleScript =
 
 namespace {
 
-constexpr std::uint32_t kMostAtOnce = 1000;  // entries of a chain, cells of a line
+// What the library takes, or less where more would make no sense.
+struct Range {
+  std::int32_t least;
+  std::int32_t most;
+};
+constexpr std::int32_t kMostLength = std::numeric_limits<std::int32_t>::max();
+constexpr Range kHeapAreaKb{1, 256};
+constexpr Range kPoolArea{256, 0x100000};
+constexpr Range kCellLength{8, 0x100000};
+constexpr Range kHeapSubPool{0, 0xFFFF};        // an unsigned number for the library
+constexpr Range kPoolSubPool{-0x8000, 0x7FFF};  // a signed one
+constexpr Range kEntryLength{1, kMostLength};
+constexpr Range kEnhancedEntryLength{0, kMostLength};
+constexpr Range kCount{1, 1000};  // entries of a chain, cells of a line
+
 // The library's bytes at the start of the first area, until the first entry shows where they end.
 constexpr std::uint32_t kHeapHead = 56;
 constexpr std::uint32_t kEnhancedHeapHead = 64;
@@ -122,6 +136,12 @@ class ScriptError : public ToolError {
   using ToolError::ToolError;
 };
 
+// A word of the script in a message. A file of another kind may be one word of any length.
+std::string shown(std::string_view word) {
+  constexpr std::size_t kMostShown = 40;
+  return inQuotes(word, kMostShown);
+}
+
 class Runner {
  public:
   explicit Runner(RunningLibrary &library) : library_(library), watch_(library.vector()) {}
@@ -160,7 +180,7 @@ class Runner {
   Store &named(const std::string &name);
   static void expectWords(const Words &words, std::size_t least, std::size_t most,
                           const char *form);
-  static std::int32_t number(const std::string &word, std::int32_t most);
+  static std::int32_t number(const std::string &word, const Range &range);
   static void expectNewLabel(const Store &store, const std::string &label);
 
   RunningLibrary &library_;
@@ -178,13 +198,14 @@ void Runner::expectWords(const Words &words, std::size_t least, std::size_t most
   }
 }
 
-std::int32_t Runner::number(const std::string &word, std::int32_t most) {
+std::int32_t Runner::number(const std::string &word, const Range &range) {
   std::int32_t value = 0;
   const char *const end = word.data() + word.size();
   const auto [stop, error] = std::from_chars(word.data(), end, value);
-  if (error == std::errc() && stop == end && value >= -most - 1 && value <= most) return value;
+  const bool isNumber = error == std::errc() && stop == end;
+  if (isNumber && value >= range.least && value <= range.most) return value;
   throw ScriptError(
-      fmt::format("{} is not a number from {} to {}", inQuotes(validUtf8(word)), -most - 1, most));
+      fmt::format("{} is not a number from {} to {}", shown(word), range.least, range.most));
 }
 
 std::size_t Runner::indexOf(const std::string &name) const {
@@ -196,14 +217,15 @@ std::size_t Runner::indexOf(const std::string &name) const {
 Store &Runner::named(const std::string &name) {
   const std::size_t index = indexOf(name);
   if (index < stores_.size()) return stores_[index];
-  throw ScriptError(fmt::format("no heap or pool {} is open", inQuotes(validUtf8(name))));
+  throw ScriptError(fmt::format("no heap or pool {} is open", shown(name)));
 }
 
 void Runner::expectNewLabel(const Store &store, const std::string &label) {
   for (const StoreArea &area : store.areas) {
     for (const StoreEntry &entry : area.entries) {
       if (entry.label == label && !entry.isFreed) {
-        throw ScriptError(fmt::format("{} already has an entry {}", store.name, label));
+        throw ScriptError(
+            fmt::format("{} already has an entry {}", shown(store.name), shown(label)));
       }
     }
   }
@@ -224,7 +246,7 @@ void Runner::runLine(std::size_t line, const Words &words) {
   if (verb == std::end(kVerbs)) {
     throw ScriptError(fmt::format(
         "unknown call {}; a line begins with open, entry, chain, cell, free, clear, show or close",
-        inQuotes(validUtf8(words[0]))));
+        shown(words[0])));
   }
   (this->*verb->run)(words);
   watch_.assign(nullptr);
@@ -236,25 +258,27 @@ void Runner::open(const Words &words) {
       "[SUBPOOL]";
   expectWords(words, 4, 6, kForm);
   if (indexOf(words[1]) < stores_.size()) {
-    throw ScriptError(fmt::format("{} is already open", inQuotes(validUtf8(words[1]))));
+    throw ScriptError(fmt::format("{} is already open", shown(words[1])));
   }
   Store store;
   store.name = validUtf8(words[1]);
   std::size_t used = 4;
-  constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
   if (words[2] == "heap" || words[2] == "eheap") {
     store.type = words[2] == "heap" ? StoreType::Heap : StoreType::EnhancedHeap;
-    store.areaLen = static_cast<std::uint32_t>(number(words[3], 0x7FFF)) * 1024;
+    store.areaLen = static_cast<std::uint32_t>(number(words[3], kHeapAreaKb)) * 1024;
   } else if (words[2] == "pool" && words.size() > 4) {
     store.type = StoreType::Pool;
-    store.areaLen = static_cast<std::uint32_t>(number(words[3], kMost));
-    store.cellLen = static_cast<std::uint32_t>(number(words[4], kMost));
+    store.areaLen = static_cast<std::uint32_t>(number(words[3], kPoolArea));
+    store.cellLen = static_cast<std::uint32_t>(number(words[4], kCellLength));
     used = 5;
   } else {
     throw ScriptError(fmt::format("expected: {}", kForm));
   }
   expectWords(words, used, used + 1, kForm);
-  if (words.size() > used) store.subPool = static_cast<std::uint16_t>(number(words[used], 0x7FFF));
+  if (words.size() > used) {
+    const bool isPool = store.type == StoreType::Pool;
+    store.subPool = number(words[used], isPool ? kPoolSubPool : kHeapSubPool);
+  }
   stores_.push_back(std::move(store));
   watch_.assign(&stores_.back());
   try {
@@ -270,16 +294,17 @@ void Runner::open(const Words &words) {
 void Runner::openStore(Store &store) {
   MEMFunctionVector &mem = library_.vector();
   const auto areaKb = static_cast<std::int16_t>(static_cast<std::int32_t>(store.areaLen) / 1024);
+  const auto subPool = static_cast<std::uint16_t>(store.subPool);
   HMEMHEAP heap = nullptr;
   HMEMCELL pool = nullptr;
   switch (store.type) {
     case StoreType::Heap:
-      library_.check("MEM_HeapOpen", mem.MEM_HeapOpen(&heap, areaKb, store.subPool));
+      library_.check("MEM_HeapOpen", mem.MEM_HeapOpen(&heap, areaKb, subPool));
       store.handle = heap;
       store.areas.front().headLen = kHeapHead;
       break;
     case StoreType::EnhancedHeap:
-      library_.check("MEM_EHeapOpen", mem.MEM_EHeapOpen(&heap, areaKb, store.subPool));
+      library_.check("MEM_EHeapOpen", mem.MEM_EHeapOpen(&heap, areaKb, subPool));
       store.handle = heap;
       store.areas.front().headLen = kEnhancedHeapHead;
       break;
@@ -343,7 +368,7 @@ void Runner::addEntry(Store &store, const std::string &label, const void *addres
     area.entries.push_back(std::move(entry));
     return;
   }
-  throw ScriptError(fmt::format("{} is not in any area of {}", label, store.name));
+  throw ScriptError(fmt::format("{} is not in any area of {}", shown(label), shown(store.name)));
 }
 
 void Runner::entry(const Words &words) {
@@ -353,10 +378,10 @@ void Runner::entry(const Words &words) {
     throw ScriptError("a pool has cells; expected: cell POOL LABEL [COUNT]");
   const std::string label = validUtf8(words[2]);
   expectNewLabel(store, label);
-  const std::int32_t length = number(words[3], std::numeric_limits<std::int32_t>::max());
+  const bool isEnhanced = store.type == StoreType::EnhancedHeap;
+  const std::int32_t length = number(words[3], isEnhanced ? kEnhancedEntryLength : kEntryLength);
   watch_.assign(&store);
-  addEntry(store, label, allocateEntry(store, length),
-           static_cast<std::uint32_t>(std::max(length, 0)));
+  addEntry(store, label, allocateEntry(store, length), static_cast<std::uint32_t>(length));
   isShown_ = false;
 }
 
@@ -365,8 +390,8 @@ void Runner::chain(const Words &words) {
   Store &store = named(words[1]);
   if (store.type == StoreType::Pool)
     throw ScriptError("a pool has cells; expected: cell POOL LABEL [COUNT]");
-  const std::int32_t length = number(words[3], std::numeric_limits<std::int32_t>::max());
-  const std::int32_t count = number(words[4], static_cast<std::int32_t>(kMostAtOnce));
+  const std::int32_t length = number(words[3], kEntryLength);
+  const std::int32_t count = number(words[4], kCount);
   const std::string label = validUtf8(words[2]);
   if (length < static_cast<std::int32_t>(sizeof(void *))) {
     throw ScriptError("the entries of a chain contain a pointer, so they need at least 8 bytes");
@@ -390,8 +415,7 @@ void Runner::cell(const Words &words) {
   if (store.type != StoreType::Pool)
     throw ScriptError("a heap has entries; expected: entry HEAP LABEL LENGTH");
   const std::string label = validUtf8(words[2]);
-  const std::int32_t count =
-      words.size() > 3 ? number(words[3], static_cast<std::int32_t>(kMostAtOnce)) : 1;
+  const std::int32_t count = words.size() > 3 ? number(words[3], kCount) : 1;
   watch_.assign(&store);
   for (std::int32_t i = 1; i <= count; ++i) {
     const std::string full = words.size() > 3 ? fmt::format("{}.{}", label, i) : label;
@@ -428,7 +452,7 @@ void Runner::free(const Words &words) {
       return;
     }
   }
-  throw ScriptError(fmt::format("{} has no entry {}", store.name, inQuotes(label)));
+  throw ScriptError(fmt::format("{} has no entry {}", shown(store.name), shown(label)));
 }
 
 void Runner::clear(const Words &words) {
@@ -480,9 +504,20 @@ std::vector<Snapshot> Runner::finish() {
 
 }  // namespace
 
+bool hasCommands(std::string_view script) {
+  script = withoutByteOrderMark(script);
+  while (!script.empty()) {
+    const std::size_t end = std::min(script.find('\n'), script.size());
+    if (!wordsOf(script.substr(0, end)).empty()) return true;
+    script.remove_prefix(std::min(end + 1, script.size()));
+  }
+  return false;
+}
+
 std::vector<Snapshot> runHeapScript(RunningLibrary &library, const std::string &name,
                                     std::string_view script) {
   Runner runner(library);
+  script = withoutByteOrderMark(script);
   for (std::size_t line = 1; !script.empty(); ++line) {
     const std::size_t end = std::min(script.find('\n'), script.size());
     const std::vector<std::string> words = wordsOf(script.substr(0, end));

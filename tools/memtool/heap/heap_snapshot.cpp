@@ -124,13 +124,20 @@ StoreType typeOf(const PortJsonNode &object) {
   kind->fail("expected \"standard\" or \"enhanced\"");
 }
 
+// Signed for a pool, unsigned for a heap, whichever of both the statistics have.
+std::int32_t subPoolOf(const PortJsonNode &node, bool isPool) {
+  const std::int64_t number = node.integer(std::numeric_limits<std::int16_t>::min(),
+                                           std::numeric_limits<std::uint16_t>::max());
+  if (isPool) return static_cast<std::int16_t>(number);
+  return static_cast<std::uint16_t>(number);
+}
+
 Store readStore(const PortJsonNode &object, const PortJsonNode &map) {
   Store store;
   store.type = typeOf(object);
   const bool isPool = store.type == StoreType::Pool;
   store.areaLen = bytesAt(object, "areaSize", 0, kMostBytes);
-  store.subPool = static_cast<std::uint16_t>(object.at("subPool").integer(
-      std::numeric_limits<std::int16_t>::min(), std::numeric_limits<std::uint16_t>::max()));
+  store.subPool = subPoolOf(object.at("subPool"), isPool);
   if (isPool) store.cellLen = bytesAt(object, "cellLen", 1, kMostBytes);
   store.note = noteOf(object, isPool ? "cells" : "entries");
   std::vector<std::pair<std::string, StoreArea>> areas;
@@ -165,6 +172,7 @@ std::size_t addStores(std::vector<Store> &stores, const PortJsonNode &all,
 }  // namespace
 
 bool isHeapSnapshot(std::string_view text) {
+  text = withoutByteOrderMark(text);
   const std::size_t first = text.find_first_not_of(" \t\r\n");
   return first != std::string_view::npos && text[first] == '{';
 }

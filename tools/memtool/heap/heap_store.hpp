@@ -40,7 +40,7 @@ struct Store {
   void *handle = nullptr;
   std::uint32_t areaLen = 0;  // bytes
   std::uint32_t cellLen = 0;  // of a pool
-  std::uint16_t subPool = 0;
+  std::int32_t subPool = 0;   // 0..65535 of a heap, -32768..32767 of a pool, as their slots take it
   std::vector<StoreArea> areas;
   std::string note = {};  // of a program: who opened it, and its use
 };

@@ -175,6 +175,7 @@ const ChainFieldDefinition *ChainKindDefinition::find(std::string_view field) co
 ChainDefinitions::ChainDefinitions(const std::string &name, std::string json)
     : json_(std::move(json)), text_(name, json_) {
   const PortJsonNode top(text_);
+  top.refuseKeys({"root"}, kIsGraph);
   top.requireKeys({"structures", "pointers"});
   if (const std::optional<PortJsonNode> width = top.find("pointers")) {
     pointerWidth_ = static_cast<std::uint32_t>(width->integer(4, 8));
@@ -195,6 +196,8 @@ ChainDefinitions::ChainDefinitions(const std::string &name, std::string json)
 void ChainDefinitions::addKinds(const std::vector<PortJsonNode> &nodes) {
   kinds_.reserve(nodes.size());
   for (const PortJsonNode &node : nodes) {
+    node.refuseKeys({"label"}, kIsGraph);
+    node.refuseKeys({"countField", "countIsLength"}, kIsForPortStrings);
     node.requireKeys({"id", "name", "length", "segment", "next", "fields"});
     ChainKindDefinition kind{.node = node};
     kind.kind = static_cast<std::uint16_t>(kinds_.size());

@@ -139,8 +139,18 @@ class SegmentMaker {
   std::size_t longestItem() const { return longest_; }
 
  private:
+  // Without this, the first pointer with a fault would be refused as a wrong value.
+  void refuseDamaged() const {
+    const std::optional<PortJsonNode> faults = top_.find("faults");
+    if (!faults) return;
+    faults->fail(
+        "this is the JSON of a damaged chain; mend the pointers with \"fault\" and the structures "
+        "with \"isCut\", and delete \"faults\"");
+  }
+
   void addSegments() {
-    top_.requireKeys({"root", "structures"});
+    refuseDamaged();
+    top_.requireKeys({"root", "structures", "selection"});  // the last one comes from a filter
     const PortJsonNode list = top_.at("structures");
     for (const PortJsonNode &node : list.elements()) {
       node.requireKeys({"label", "structure", "fields"});
@@ -162,8 +172,10 @@ class SegmentMaker {
     if (segments_.empty()) list.fail("the list has no structure");
   }
 
-  [[noreturn]] static void failForLabel(const PortJsonNode &node) {
-    node.fail(fmt::format("no structure has the label {}", inQuotes(node.text(), 40)));
+  [[noreturn]] void failForLabel(const PortJsonNode &node) const {
+    const char *const why =
+        top_.find("selection") ? "; the JSON is a selection, which may have left it out" : "";
+    node.fail(fmt::format("no structure has the label {}{}", inQuotes(node.text(), 40), why));
   }
 
   std::size_t rootIndex() const {
@@ -403,6 +415,22 @@ class SegmentMaker {
 
 }  // namespace
 
+std::int32_t leastBlockLength(std::size_t controlBlockLength, std::size_t longestItem) {
+  constexpr std::size_t kVersionLen = 4;  // before the control block
+  return static_cast<std::int32_t>(std::max(controlBlockLength + kVersionLen, longestItem)) +
+         MEM_PACK_BLOCK_OVERHEAD;
+}
+
+void refuseShortBlocks(std::int32_t blockLength, std::size_t controlBlockLength,
+                       std::size_t longestItem) {
+  const std::int32_t least = leastBlockLength(controlBlockLength, longestItem);
+  if (blockLength >= least) return;
+  const bool isForItem = least > leastBlockLength(controlBlockLength, 0);
+  throw ToolError(
+      fmt::format("--block-length: {} is too short for {}; at least {} is needed", blockLength,
+                  isForItem ? "the longest segment or text" : "this control block", least));
+}
+
 NativeChain encodeChain(RunningLibrary &library, const ChainDefinitions &definitions,
                         const std::string &name, std::string_view json, std::int32_t blockLength) {
   if (definitions.pointerWidth() == 4) {
@@ -416,11 +444,13 @@ NativeChain encodeChain(RunningLibrary &library, const ChainDefinitions &definit
   const PortJsonNode top(document);
   SegmentMaker maker(definitions, top);
   maker.run();
-  const std::size_t longest = std::max(maker.longestItem(), controlBlock.length() + 4);
-  const std::int32_t sufficient =
-      std::max(kUsualBlockLen, static_cast<std::int32_t>(longest) + MEM_PACK_BLOCK_OVERHEAD);
-  return packNative(library, controlBlock.get(), maker.root(),
-                    blockLength == 0 ? sufficient : blockLength);
+  const std::int32_t least = leastBlockLength(controlBlock.length(), maker.longestItem());
+  if (blockLength == 0) {
+    blockLength = std::max(kUsualBlockLen, least);
+  } else {
+    refuseShortBlocks(blockLength, controlBlock.length(), maker.longestItem());
+  }
+  return packNative(library, controlBlock.get(), maker.root(), blockLength);
 }
 
 }  // namespace memtool

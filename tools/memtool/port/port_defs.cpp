@@ -245,6 +245,8 @@ const PortFieldDefinition *PortStructDefinition::find(std::string_view field) co
 PortDefinitions::PortDefinitions(const std::string &name, std::string_view json) {
   const PortJsonText document(name, json);
   const PortJsonNode top(document);
+  top.refuseKeys({"root"}, kIsGraph);
+  top.refuseKeys({"pointers"}, kIsForChains);
   top.requireKeys({"structures"});
   const std::vector<PortJsonNode> nodes = top.at("structures").elements();
   if (nodes.empty()) top.fail("no structure is defined");
@@ -257,6 +259,8 @@ PortDefinitions::PortDefinitions(const std::string &name, std::string_view json)
 // Before the fields, which may name any structure.
 void PortDefinitions::addStructures(const std::vector<PortJsonNode> &nodes) {
   for (const PortJsonNode &node : nodes) {
+    node.refuseKeys({"label"}, kIsGraph);
+    node.refuseKeys({"segment", "next"}, kIsForChains);
     node.requireKeys({"id", "name", "length", "countField", "countIsLength", "fields"});
     auto made = std::make_unique<PortStructDefinition>();
     made->id = readId(node.at("id"), INT32_MAX);
@@ -285,6 +289,7 @@ void PortDefinitions::addFields(PortStructDefinition &definition, const PortJson
 }
 
 void PortDefinitions::addField(PortStructDefinition &definition, const PortJsonNode &node) {
+  node.refuseKeys({"reference", "count", "toEnd"}, kIsForChains);
   node.requireKeys({"id", "name", "type", "length", "offset", "structure", "required", "noTruncate",
                     "notPorted", "default"});
   PortFieldDefinition &field = definition.fields.emplace_back();

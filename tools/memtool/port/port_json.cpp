@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -53,28 +54,103 @@ std::size_t afterString(std::string_view json, std::size_t at) {
   return std::min(at + 1, json.size());
 }
 
-// Offset of each value of a JSON text, in order.
-std::vector<std::size_t> valueOffsets(std::string_view json) {
+enum class Token { Key, Value, End };
+
+// Calls `use` with each token of a JSON text, in order, and the offsets where it begins and ends.
+// Of an object or array the first bracket is the value, and the last one the end.
+template <class Use>
+void forEachToken(std::string_view json, Use use) {
   constexpr std::string_view kBetween = " \t\r\n,:]}";
-  std::vector<std::size_t> offsets;
   for (std::size_t at = 0; at < json.size();) {
+    const std::size_t start = at;
     if (json[at] == '"') {
-      const std::size_t end = afterString(json, at);
-      const std::size_t next = json.find_first_not_of(" \t\r\n", end);
+      at = afterString(json, at);
+      const std::size_t next = json.find_first_not_of(" \t\r\n", at);
       const bool isKey = next != std::string_view::npos && json[next] == ':';
-      if (!isKey) offsets.push_back(at);
-      at = end;
+      use(isKey ? Token::Key : Token::Value, start, at);
     } else if (json[at] == '{' || json[at] == '[') {
-      offsets.push_back(at++);
+      use(Token::Value, start, ++at);
+    } else if (json[at] == '}' || json[at] == ']') {
+      use(Token::End, start, ++at);
     } else if (kBetween.find(json[at]) != std::string_view::npos) {
       ++at;
     } else {
-      offsets.push_back(at);
       at = std::min(json.find_first_of(kBetween, at), json.size());
+      use(Token::Value, start, at);
     }
   }
-  return offsets;
 }
+
+std::size_t countOfValues(std::string_view json) {
+  std::size_t count = 0;
+  forEachToken(json, [&](Token token, std::size_t, std::size_t) {
+    if (token == Token::Value) ++count;
+  });
+  return count;
+}
+
+// Calls `use` with each value of a document, in the order of its text.
+template <class Use>
+void forEachValue(const PortJson &document, Use use) {
+  std::vector<const PortJson *> waiting{&document};
+  while (!waiting.empty()) {
+    const PortJson *const next = waiting.back();
+    waiting.pop_back();
+    use(*next);
+    if (!next->is_structured()) continue;
+    const std::size_t first = waiting.size();
+    for (const PortJson &element : *next) waiting.push_back(&element);
+    std::reverse(waiting.begin() + static_cast<std::ptrdiff_t>(first), waiting.end());
+  }
+}
+
+// Finds the first key that an object of a JSON text has a second time.
+class RepeatedKey {
+ public:
+  explicit RepeatedKey(std::string_view json) {
+    forEachToken(json, [&](Token token, std::size_t from, std::size_t to) {
+      if (!offset_) take(token, json.substr(from, to - from), from);
+    });
+  }
+
+  std::optional<std::size_t> offset() const { return offset_; }
+  const std::string &key() const { return levels_.back().key; }
+
+  // Of the object, as in other messages: "structures[0]: ". Arbitrary JSON may be deep.
+  std::string place(const std::string &name) const {
+    constexpr std::size_t kMostLevels = 8;
+    std::string text = name;
+    const std::size_t steps = levels_.size() - 1;
+    for (std::size_t i = 0; i < std::min(steps, kMostLevels); ++i) {
+      const Level &level = levels_[i];
+      text += level.isObject ? (i == 0 ? ": " : ".") + level.key
+                             : fmt::format("[{}]", level.elements - 1);
+    }
+    return text + (steps > kMostLevels ? "…: " : ": ");
+  }
+
+ private:
+  struct Level {
+    bool isObject;
+    std::size_t elements = 0;  // of an array, up to here
+    std::string key = {};      // of an object: the last one
+    std::set<std::string> keys = {};
+  };
+
+  void take(Token token, std::string_view text, std::size_t at) {
+    if (token == Token::End) return levels_.pop_back();
+    if (token == Token::Key) {
+      levels_.back().key = PortJson::parse(text).get<std::string>();
+      if (!levels_.back().keys.insert(levels_.back().key).second) offset_ = at;
+      return;
+    }
+    if (!levels_.empty()) ++levels_.back().elements;
+    if (text == "{" || text == "[") levels_.push_back({.isObject = text == "{"});
+  }
+
+  std::vector<Level> levels_;
+  std::optional<std::size_t> offset_;
+};
 
 // A whole number as a JSON number or as text, which programs that know only doubles do not change.
 template <class Number>
@@ -100,36 +176,45 @@ std::optional<Number> wholeNumber(const PortJson &json) {
 }  // namespace
 
 PortJsonText::PortJsonText(std::string name, std::string_view text)
-    : name_(std::move(name)), text_(text) {
+    : name_(std::move(name)), text_(withoutByteOrderMark(text)) {
   try {
-    document_ = PortJson::parse(text);
+    document_ = PortJson::parse(text_);
   } catch (const PortJson::parse_error &error) {
     const std::size_t offset = error.byte > 0 ? error.byte - 1 : 0;
-    throw ToolError(
-        fmt::format("{}: no JSON from byte {} on ({})", name_, offset, lineAt(text, offset)));
+    throw ToolError(fmt::format("{}: no JSON from byte {} on ({})", name_,
+                                offset + text.size() - text_.size(), lineAt(text_, offset)));
   } catch (const PortJson::exception &) {  // a number beyond all ranges
     throw ToolError(fmt::format("{}: JSON with a number that is too large", name_));
   }
+  refuseRepeatedKeys();
 }
 
-// The document has its values in the order of the text, unless an object has a key twice.
+// The document has only the last one of the values with the same key, so it has fewer values than
+// the text.
+void PortJsonText::refuseRepeatedKeys() const {
+  std::size_t count = 0;
+  forEachValue(document_, [&](const PortJson &) { ++count; });
+  if (count == countOfValues(text_)) return;
+  const RepeatedKey repeated(text_);
+  throw ToolError(fmt::format("{}the key {} appears a second time ({})", repeated.place(name_),
+                              inQuotes(repeated.key(), 40),
+                              lineAt(text_, repeated.offset().value_or(0))));
+}
+
 std::string PortJsonText::placeOf(const PortJson &value) const {
   std::size_t count = 0;
   std::optional<std::size_t> wanted;
-  std::vector<const PortJson *> waiting{&document_};
-  while (!waiting.empty()) {
-    const PortJson *const next = waiting.back();
-    waiting.pop_back();
-    if (next == &value) wanted = count;
+  forEachValue(document_, [&](const PortJson &each) {
+    if (&each == &value) wanted = count;
     ++count;
-    if (!next->is_structured()) continue;
-    const std::size_t first = waiting.size();
-    for (const PortJson &element : *next) waiting.push_back(&element);
-    std::reverse(waiting.begin() + static_cast<std::ptrdiff_t>(first), waiting.end());
-  }
+  });
   if (!wanted) return "";
-  const std::vector<std::size_t> offsets = valueOffsets(text_);
-  return offsets.size() == count ? lineAt(text_, offsets[*wanted]) : "";
+  std::string place;
+  std::size_t number = 0;
+  forEachToken(text_, [&](Token token, std::size_t from, std::size_t) {
+    if (token == Token::Value && number++ == *wanted) place = lineAt(text_, from);
+  });
+  return place;
 }
 
 void PortJsonNode::fail(std::string_view what) const {
@@ -143,6 +228,13 @@ void PortJsonNode::requireKeys(std::initializer_list<std::string_view> known) co
   for (const auto &[key, value] : json_->items()) {
     if (std::find(known.begin(), known.end(), key) != known.end()) continue;
     fail(fmt::format("unknown key {}; known are {}", inQuotes(key, 40), fmt::join(known, ", ")));
+  }
+}
+
+void PortJsonNode::refuseKeys(std::initializer_list<const char *> foreign,
+                              std::string_view what) const {
+  for (const char *const key : foreign) {
+    if (find(key)) fail(fmt::format("unknown key \"{}\": {}", key, what));
   }
 }
 

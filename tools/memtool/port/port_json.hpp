@@ -16,7 +16,8 @@ namespace memtool {
 // A document. The text that it is read from must outlive it.
 class PortJsonText {
  public:
-  // Throws ToolError with the place where the text stops being JSON.
+  // Throws ToolError with the place where the text stops being JSON, or where an object has a key a
+  // second time.
   PortJsonText(std::string name, std::string_view text);
 
   const std::string &name() const { return name_; }
@@ -25,10 +26,19 @@ class PortJsonText {
   std::string placeOf(const PortJson &value) const;
 
  private:
+  void refuseRepeatedKeys() const;
+
   std::string name_;
   std::string_view text_;
   PortJson document_;
 };
+
+// What unknown keys show.
+inline constexpr std::string_view kIsGraph = "this is a graph, not definitions";
+inline constexpr std::string_view kIsForChains =
+    "these definitions are for packed chains, not for port strings";
+inline constexpr std::string_view kIsForPortStrings =
+    "these definitions are for port strings, not for packed chains";
 
 // A value within a document, which must outlive it. A value that does not have the wanted form is
 // a ToolError that names the place: "defs.json: structures[0].id: … (line 3, column 12)".
@@ -43,6 +53,8 @@ class PortJsonNode {
 
   // For objects.
   void requireKeys(std::initializer_list<std::string_view> known) const;
+  // Fails for keys that belong to another kind of document, and says which kind that is.
+  void refuseKeys(std::initializer_list<const char *> foreign, std::string_view what) const;
   PortJsonNode at(const std::string &key) const;
   std::optional<PortJsonNode> find(const std::string &key) const;
   PortJsonNode member(const std::string &key, const PortJson &value) const;

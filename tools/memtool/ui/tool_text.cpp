@@ -74,6 +74,11 @@ bool isValidUtf8(std::string_view text) {
   return utf8::find_invalid(text) == std::string_view::npos;
 }
 
+std::string_view withoutByteOrderMark(std::string_view utf8) {
+  constexpr std::string_view kMark = "\xEF\xBB\xBF";
+  return utf8.starts_with(kMark) ? utf8.substr(kMark.size()) : utf8;
+}
+
 std::string inQuotes(std::string_view utf8, std::size_t most) {
   std::string text = "\"";
   std::size_t count = 0;

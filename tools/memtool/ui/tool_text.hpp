@@ -27,6 +27,9 @@ std::string utf8FromPath(const std::filesystem::path &path);
 std::string validUtf8(std::string_view text);
 bool isValidUtf8(std::string_view text);
 
+// A file's contents without the byte order mark of UTF-8 that some editors write.
+std::string_view withoutByteOrderMark(std::string_view utf8);
+
 // Text in quotes on one line: quotes and backslashes are escaped, control characters become "\x0A".
 // Longer texts are cut to `most` characters and end with an ellipsis after the closing quote.
 std::string inQuotes(std::string_view utf8, std::size_t most = SIZE_MAX);

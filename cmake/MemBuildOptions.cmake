@@ -53,14 +53,17 @@ if(MINGW)
 endif()
 
 # Options for files that run in other people's processes: what the loader resolves is read-only after
-# loading, no page is both writable and executable, and addresses are random. Linked privately by each
-# shipped file.
+# loading, no page is both writable and executable, addresses are random, and indirect calls end at
+# landing pads. Linked privately by each shipped file and by the static libraries in it.
 add_library(mem_hardened INTERFACE)
 if(MINGW)
   target_link_options(mem_hardened INTERFACE
     -Wl,--dynamicbase,--nxcompat,--high-entropy-va)
 elseif(NOT WIN32)
   target_link_options(mem_hardened INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+    target_compile_options(mem_hardened INTERFACE -fcf-protection)
+  endif()
 endif()
 
 # mem_split_debug(<target> [<library>...])

@@ -92,10 +92,17 @@ class HashIndex : public ThreadArea, public KeyLookahead {
     return pSlot->pNode != nullptr && stillHolds(ctl, *pSlot) ? pSlot->pNode : nullptr;
   }
 
-  // True when the key's slot gives the same answer as a walk of the key's bucket: the node with the
-  // key, or that there is none.
-  bool canTell(MEMHashCtlBlk &ctl, const Slot &slot, std::int16_t index) const noexcept {
-    return slot.pNode != nullptr ? stillHolds(ctl, slot) : stillEnds(ctl, index);
+  // True when the node in a slot that is not free still has its key.
+  static bool stillHolds(const MEMHashCtlBlk &ctl, const Slot &noted) noexcept {
+    return keyOf(ctl, noted.pNode) == noted.key;
+  }
+
+  // True when a bucket's chain still ends with the recorded node, so a key whose slot is free is
+  // not in the bucket. No branch for empty buckets: it would be unpredictable.
+  bool stillEnds(MEMHashCtlBlk &ctl, std::int16_t index) const noexcept {
+    const Tail &tail = pTails_[index];
+    const void *pKey = tail.pNode == nullptr ? &tail.key : keyIn(ctl, tail.pNode->record());
+    return *endOf(ctl, index) == nullptr && loadAs<std::uint64_t>(pKey) == tail.key;
   }
 
   // The last link of a bucket's chain, which is null unless others have changed the chain.
@@ -137,17 +144,6 @@ class HashIndex : public ThreadArea, public KeyLookahead {
                            std::uint64_t slots) noexcept;
   static std::uint64_t keyOf(const MEMHashCtlBlk &ctl, HashNode *pNode) noexcept {
     return loadAs<std::uint64_t>(keyIn(ctl, pNode->record()));
-  }
-  // True when a recorded node still has its key.
-  static bool stillHolds(const MEMHashCtlBlk &ctl, const Slot &noted) noexcept {
-    return keyOf(ctl, noted.pNode) == noted.key;
-  }
-  // True when a bucket's chain still ends with the recorded node. No branch for empty buckets: it
-  // would be unpredictable.
-  bool stillEnds(MEMHashCtlBlk &ctl, std::int16_t index) const noexcept {
-    const Tail &tail = pTails_[index];
-    const void *pKey = tail.pNode == nullptr ? &tail.key : keyIn(ctl, tail.pNode->record());
-    return *endOf(ctl, index) == nullptr && loadAs<std::uint64_t>(pKey) == tail.key;
   }
 
   // The value for the table's IndexState and WalkedNodes: bits of the index's address. The marks of

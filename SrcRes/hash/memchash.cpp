@@ -88,8 +88,8 @@ ChainLink findLink(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noe
 
 // The place of a key for an insert.
 struct InsertPlace {
-  HashNode *pEqual;   // has the key; null when there is none
-  HashNode **ppLast;  // the null link at the chain's end, when there is none
+  HashNode *pEqual;   // has the key; the other members are for a key that no node has
+  HashNode **ppLast;  // the null link at the chain's end
   HashIndex *pIndex;  // the index if it found the place, else null
   HashIndex::Slot *pSlot;
   std::uint32_t passed;  // nodes of the chain, if it was walked
@@ -100,8 +100,10 @@ InsertPlace locate(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t inde
                    const void *pKey) noexcept {
   if (HashIndex *pIndex = HashIndex::of(frame, ctl)) {
     HashIndex::Slot *pSlot = pIndex->slotOf(pKey);
-    if (pIndex->canTell(ctl, *pSlot, index)) {
-      return {pSlot->pNode, pIndex->endOf(ctl, index), pIndex, pSlot, 0};
+    if (pSlot->pNode != nullptr) {
+      if (pIndex->stillHolds(ctl, *pSlot)) return {pSlot->pNode, nullptr, nullptr, nullptr, 0};
+    } else if (pIndex->stillEnds(ctl, index)) {
+      return {nullptr, pIndex->endOf(ctl, index), pIndex, pSlot, 0};
     }
   }
   HashIndex::lose(frame, ctl);

@@ -7,11 +7,14 @@
 #include "qj7mem00/memhost.h"
 
 // MEM_COLD marks functions that run only when a call fails or is traced. Compilers move the
-// branches that lead to them out of the way of the others.
+// branches that lead to them out of the way of the others. MEM_INLINE marks functions whose state
+// must be in the registers of their caller.
 #if defined(_MSC_VER) && !defined(__clang__)
+#define MEM_INLINE __forceinline
 #define MEM_NOINLINE __declspec(noinline)
 #define MEM_COLD __declspec(noinline)
 #else
+#define MEM_INLINE __attribute__((always_inline)) inline
 #define MEM_NOINLINE __attribute__((noinline))
 #define MEM_COLD __attribute__((noinline, cold))
 #endif

@@ -31,6 +31,45 @@ std::size_t unitAt(std::size_t offset, Bits zeros) noexcept {
   return (offset + static_cast<std::uint32_t>(std::countr_zero(zeros))) / sizeof(char16_t);
 }
 
+bool isPlain(__m128i characters, char quote) noexcept {
+  const __m128i quotes = _mm_cmpeq_epi8(characters, _mm_set1_epi8(quote));
+  const __m128i escapes = _mm_cmpeq_epi8(characters, _mm_set1_epi8('/'));
+  return _mm_movemask_epi8(_mm_or_si128(quotes, escapes)) == 0;
+}
+
+bool copyPlainStep(std::byte *pTo, const char *pFrom, char quote) noexcept {
+  const __m128i step = _mm_loadu_si128(stepAt(pFrom, 0));
+  if (!isPlain(step, quote)) return false;
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(pTo), step);
+  return true;
+}
+
+// REQUIRES: length >= kStep. The last step may overlap the one before it.
+bool copyPlainSteps(std::byte *pTo, const char *pFrom, std::size_t length, char quote) noexcept {
+  const std::size_t last = length - kStep;
+  for (std::size_t i = 0; i < last; i += kStep) {
+    if (!copyPlainStep(pTo + i, pFrom + i, quote)) return false;
+  }
+  return copyPlainStep(pTo + last, pFrom + last, quote);
+}
+
+// Text of one to two halves, which may overlap.
+template <class Half>
+bool copyPlainHalves(std::byte *pTo, const char *pFrom, std::size_t length, char quote) noexcept {
+  const std::size_t behind = length - sizeof(Half);
+  Half first;
+  Half last;
+  std::memcpy(&first, pFrom, sizeof first);
+  std::memcpy(&last, pFrom + behind, sizeof last);
+  // The zeros that fill up halves of less than 8 characters are plain.
+  const __m128i both =
+      _mm_set_epi64x(static_cast<std::int64_t>(last), static_cast<std::int64_t>(first));
+  if (!isPlain(both, quote)) return false;
+  std::memcpy(pTo, &first, sizeof first);
+  std::memcpy(pTo + behind, &last, sizeof last);
+  return true;
+}
+
 #endif
 
 #if MEM_READS_ALIGNED
@@ -52,6 +91,15 @@ std::uint64_t zerosOfStride(const __m128i *pSteps) noexcept {
 }
 
 #endif
+
+// Character by character.
+bool copyPlainEach(std::byte *pTo, const char *pFrom, std::size_t length, char quote) noexcept {
+  for (std::size_t i = 0; i < length; ++i) {
+    if (pFrom[i] == quote || pFrom[i] == '/') return false;
+    pTo[i] = static_cast<std::byte>(pFrom[i]);
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -88,6 +136,15 @@ std::size_t wideLengthWithin(const void *pText, std::size_t most) noexcept {
 #endif
   while (units < most && !isZeroUnit(pText, units)) ++units;
   return units;
+}
+
+bool copyPlain(std::byte *pTo, const char *pFrom, std::size_t length, char quote) noexcept {
+#if MEM_HAS_SSE2
+  if (length >= kStep) return copyPlainSteps(pTo, pFrom, length, quote);
+  if (length >= 8) return copyPlainHalves<std::uint64_t>(pTo, pFrom, length, quote);
+  if (length >= 4) return copyPlainHalves<std::uint32_t>(pTo, pFrom, length, quote);
+#endif
+  return copyPlainEach(pTo, pFrom, length, quote);
 }
 
 }  // namespace memlib

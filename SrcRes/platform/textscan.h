@@ -1,6 +1,7 @@
-// Finds the end of text with the widest loads that every processor of the platform has. The place
-// that searches for the end of wide text, and of narrow text of limited length. Exceptions: trace
-// records, which copy text while they scan it, and the port writer's CharSZ fields.
+// Finds the end of text and copies plain text with the widest loads that every processor of the
+// platform has. The place that searches for the end of wide text, and of narrow text of limited
+// length. Exceptions: trace records, which copy text while they scan it, and the port writer's
+// CharSZ fields.
 #pragma once
 
 #include <bit>
@@ -66,5 +67,11 @@ inline std::size_t narrowLengthWithin(const void *pText, std::size_t most) noexc
   if (pEnd == nullptr) return most;
   return static_cast<std::size_t>(static_cast<const std::byte *>(pEnd) - pBytes);
 }
+
+// Copies text and returns true if neither `quote` nor "/" is in it. Otherwise `pTo` holds some of
+// its characters. Reads and stores nothing outside the text. Out of line: inlined into the port
+// string writer, it makes the writer's loop slower.
+MEM_NOINLINE bool copyPlain(std::byte *pTo, const char *pFrom, std::size_t length,
+                            char quote) noexcept;
 
 }  // namespace memlib

@@ -152,38 +152,4 @@ inline std::size_t plainLength(std::string_view text, char quote,
   return i;
 }
 
-// Copies a word's first `count` characters, 4 to 8 of them.
-inline void storePart(std::byte *pTo, TextWord word, std::size_t count) noexcept {
-  storeAs(pTo, static_cast<std::uint32_t>(word));
-  storeAs(pTo + count - 4, static_cast<std::uint32_t>(word >> 8 * (count - 4)));
-}
-
-// Copies text of a known length if all of it is plain, and returns true. Otherwise `pTo` holds some
-// of the characters before the first one that is not plain.
-// REQUIRES: a word of characters at `pFrom`.
-inline bool copyPlain(std::byte *pTo, const char *pFrom, std::size_t length, char quote) noexcept {
-  if (length < kTextWordLen) {
-    const auto word = loadAs<TextWord>(pFrom);
-    if (charactersBelow(marksOfSpecials(word, quote)) < length) return false;
-    if (length >= 4) {
-      storePart(pTo, word, length);
-    } else {
-      for (std::size_t i = 0; i < length; ++i) pTo[i] = static_cast<std::byte>(pFrom[i]);
-    }
-    return true;
-  }
-  const auto copyWord = [quote](std::byte *pWordTo, const char *pWordFrom) noexcept {
-    const auto word = loadAs<TextWord>(pWordFrom);
-    if (marksOfSpecials(word, quote) != 0) return false;
-    storeAs(pWordTo, word);
-    return true;
-  };
-  // The last word overlaps the one before it, unless a whole word is left.
-  const std::size_t last = length - kTextWordLen;
-  for (std::size_t i = 0; i < last; i += kTextWordLen) {
-    if (!copyWord(pTo + i, pFrom + i)) return false;
-  }
-  return copyWord(pTo + last, pFrom + last);
-}
-
 }  // namespace memlib

@@ -1,4 +1,4 @@
-// Text that the readers look at by words of eight characters: digits and strings of every length,
+// Text that the readers look at by eight or sixteen characters: digits and strings of every length,
 // with everything that may get in the way at every place. Each is read where much text follows,
 // and in chunks too short for a word; both must agree with what the text says.
 
@@ -235,7 +235,7 @@ TEST_F(PortWordsTest, FieldsAroundARepeatedOne) {
 
 class PortTextTest : public PortWordsTest {
  protected:
-  static constexpr std::size_t kMost = 41;
+  static constexpr std::size_t kMost = 52;
 
   // No quote and no slash, but characters close enough in bits to be mistaken for them.
   static std::string plain(std::size_t length) {

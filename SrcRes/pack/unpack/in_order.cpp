@@ -167,7 +167,7 @@ class InOrderWalk {
         pAbove_(pAbove) {}
 
   // True when all items reached from `root` were in order and are linked.
-  bool run(const ContentPlace &root) noexcept {
+  MEM_INLINE bool run(const ContentPlace &root) noexcept {
     useBlock(static_cast<std::uint32_t>(root.block));
     kind_ = kindOf(0);
     Target target = targetAt(blockKey_ + root.offset);
@@ -462,7 +462,7 @@ class InOrderWalk {
   std::uint64_t steps_ = 0;
 };
 
-// The whole walk is in this function, so that its state can stay in registers.
+// The whole walk is inlined into this function, so that its state can stay in registers.
 template <bool isSwapped>
 bool linkInOrder(const ChainReader &chain, const KindRule *pRules, const ContentPlace &root,
                  std::uint64_t &steps) noexcept {

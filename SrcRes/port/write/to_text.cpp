@@ -17,21 +17,6 @@ std::string_view bytesOf(std::int32_t length, const std::byte *pField) noexcept 
           length > 0 ? static_cast<std::size_t>(length) : std::size_t{0}};
 }
 
-// Loads a text shorter than a word, with zeros after it. Reads nothing outside the text.
-TextWord loadShort(const char *pFrom, std::size_t length) noexcept {
-  constexpr std::size_t kHalfLen = sizeof(std::uint32_t);
-  if (length >= kHalfLen) {
-    const std::size_t second = length - kHalfLen;  // overlaps the first
-    return loadAs<std::uint32_t>(pFrom) | TextWord{loadAs<std::uint32_t>(pFrom + second)}
-                                              << 8 * second;
-  }
-  if (length == 0) return 0;
-  const auto byteAt = [pFrom](std::size_t i) noexcept {
-    return TextWord{static_cast<unsigned char>(pFrom[i])} << 8 * i;
-  };
-  return byteAt(0) | byteAt(length / 2) | byteAt(length - 1);
-}
-
 // Appends narrow text between double quotes: plain characters in runs, the others after "/".
 bool appendEscaped(PortOutput &output, std::string_view text) noexcept {
   if (!output.append('"')) return false;
@@ -45,17 +30,6 @@ bool appendEscaped(PortOutput &output, std::string_view text) noexcept {
     text.remove_prefix(1);
   }
   return output.append('"');
-}
-
-// Copies text if all of it is plain; short text as one word. Otherwise `pTo` holds some of the
-// characters. REQUIRES: room for a word.
-bool copyIfPlain(char *pTo, std::string_view text) noexcept {
-  if (text.size() >= kTextWordLen) {
-    return copyPlain(reinterpret_cast<std::byte *>(pTo), text.data(), text.size(), '"');
-  }
-  const TextWord word = loadShort(text.data(), text.size());
-  storeAs(pTo, word);
-  return marksOfSpecials(word, '"') == 0;
 }
 
 // A view of UTF-16 text at any alignment.
@@ -128,12 +102,14 @@ std::size_t highSurrogates(const WideView &text) noexcept {
 
 // The same, optimised for text that is mainly plain: copies while it scans.
 // REQUIRES: no zeros in it.
-bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
+inline bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
   MEM_ASSERT(text.find('\0') == std::string_view::npos);
   constexpr std::size_t kQuotes = 2;
   char *pTo = output.next();
-  const bool isRoom = output.room() >= text.size() + kQuotes + PortOutput::kSpill;
-  if (!isRoom || !copyIfPlain(pTo + 1, text)) return appendEscaped(output, text);
+  const bool isCopied =
+      output.room() >= text.size() + kQuotes &&
+      copyPlain(reinterpret_cast<std::byte *>(pTo + 1), text.data(), text.size(), '"');
+  if (!isCopied) return appendEscaped(output, text);
   char *pEnd = pTo + 1 + text.size();
   *pTo = '"';
   *pEnd = '"';

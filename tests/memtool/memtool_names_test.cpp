@@ -439,6 +439,28 @@ TEST_F(MemtoolNamesTest, ReferencesToAnotherKind) {
             "memtool: catalog.chain: the reference package of the Dependency at 0:1500 leads to a "
             "Package, not to a Dependency\n");
   EXPECT_TRUE(Json::accept(run.out));
+
+  const ToolRun check =
+      runTool({"chain", "catalog.chain", "--defs", "defs.json", "--check", "--json"});
+  EXPECT_EQ(check.code, 1);
+  EXPECT_EQ(check.err, run.err);
+  const Json checked = Json::parse(check.out);
+  EXPECT_EQ(checked["isSound"], false);
+  ASSERT_EQ(checked["faults"].size(), 1U);
+  Json fault = checked["faults"][0];
+  EXPECT_EQ(fault["block"], 0);
+  EXPECT_EQ(fault["offset"], 1500 + 24);
+  EXPECT_EQ(fault["fileOffset"], 1500 + 24);
+  const std::string what = fault["what"];
+  EXPECT_EQ(run.err, "memtool: catalog.chain: " + what + "\n");
+  fault["code"] = nullptr;
+  fault["library"] = {{"wasAsked", false}, {"whyNot", "the library does not know the definitions"}};
+  EXPECT_EQ(checked["fault"], fault);
+
+  const Json sound = Json::parse(
+      outputOf({"chain", "catalog.chain", "--defs", "catalog.defs.json", "--check", "--json"}));
+  EXPECT_EQ(sound["isSound"], true);
+  EXPECT_EQ(sound["faults"], Json::array());
 }
 
 // A text that many pointers share is written with each of them.

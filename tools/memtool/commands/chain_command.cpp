@@ -167,13 +167,14 @@ PackedChain readNamed(const ChainOptions &options, const std::string &file,
   return readChain(std::move(chain.bytes), width, console);
 }
 
-// A reference to a segment of another structure than its definition names, if there is one.
-ExitCode reportReference(Console &console, const std::string &file,
-                         const ChainDefinitions &definitions, const PackedChain &chain) {
-  const std::optional<std::string> wrong = wrongReference(definitions, chain);
-  if (!wrong) return kExitFine;
+// A valid chain's reference to a segment of another structure than its definition names.
+ExitCode reportReference(Console &console, const std::string &file, const Fault &wrong) {
   console.out().flush();
-  complain(console, kExitFault, file + ": " + *wrong, {{"file", validUtf8(file)}});
+  complain(console, kExitFault, file + ": " + wrong.what,
+           {{"file", validUtf8(file)},
+            {"block", wrong.place.block},
+            {"offset", wrong.place.offset},
+            {"fileOffset", wrong.fileOffset}});
   return kExitFault;
 }
 
@@ -209,8 +210,10 @@ ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &f
   if (definitions != nullptr && chain.isHeadSound) definitions->checkAgainst(file, chain);
   std::optional<Verdict> verdict;
   if (!chain.isSound()) verdict = verdictOn(tool, chain);
+  std::optional<Fault> wrong;
+  if (definitions != nullptr && chain.isSound()) wrong = wrongReference(*definitions, chain);
   if (options.asJson && options.checks) {
-    console.print("{}\n", chainCheckJson(file, chain, verdict).dump(2));
+    console.print("{}\n", chainCheckJson(file, chain, verdict, wrong).dump(2));
   } else if (options.showsSegments()) {
     try {
       show(console, options, file, chain, verdict, definitions);
@@ -221,10 +224,7 @@ ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &f
   }
   if (!options.picture.empty() && chain.version) writePicture(console, options, file, chain);
   if (!chain.isSound()) return reportFaults(console, file, chain, verdict);
-  if (definitions != nullptr) {
-    const ExitCode code = reportReference(console, file, *definitions, chain);
-    if (code != kExitFine) return code;
-  }
+  if (wrong) return reportReference(console, file, *wrong);
   if (options.checks && !options.asJson) printValid(console, file, chain);
   if (!options.native.empty()) writeNative(tool, options, file, chain);
   return kExitFine;

@@ -371,6 +371,8 @@ TEST_F(MemtoolNamesTest, WrongDefinitions) {
       {R"({"id": 1, "type": "Long"})", "\"offset\" is missing"},
       {R"({"name": "a", "type": "Long", "offset": 0})", "\"id\" is missing"},
       {R"({"id": 1, "type": "Int", "offset": 0})", "unknown type; there are Char, CharSZ"},
+      {R"({"id": 1, "type": "Substructure", "offset": 0})",
+       "only port strings have this type; there are Char, CharSZ"},
       {R"({"id": 1, "name": "+1", "type": "Long", "offset": 0})", "must not begin with +"},
       {R"({"id": 1, "type": "Long", "offset": 29})", "4 bytes at 29 exceed the segment's 32"},
       {R"({"id": 1, "type": "Long", "offset": 0, "length": 8})", "from 4 to 4"},

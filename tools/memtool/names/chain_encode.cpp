@@ -148,10 +148,12 @@ class SegmentMaker {
   }
 
   void addSegments() {
+    refuseDefinitions(top_);
     refuseDamaged();
     top_.requireKeys({"root", "structures", "selection"});  // the last one comes from a filter
     const PortJsonNode list = top_.at("structures");
     for (const PortJsonNode &node : list.elements()) {
+      refuseDefinition(node);
       node.requireKeys({"label", "structure", "fields"});
       const PortJsonNode named = node.at("structure");
       const std::string wanted =

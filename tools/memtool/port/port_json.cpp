@@ -173,6 +173,9 @@ std::optional<Number> wholeNumber(const PortJson &json) {
   return isWhole ? std::optional<Number>(value) : std::nullopt;
 }
 
+constexpr std::string_view kIsGraph = "this is a graph, not definitions";
+constexpr std::string_view kIsDefinitions = "these are definitions, not a graph";
+
 }  // namespace
 
 PortJsonText::PortJsonText(std::string name, std::string_view text)
@@ -304,6 +307,27 @@ std::uint64_t PortJsonNode::unsignedNumber() const {
 bool PortJsonNode::flag() const {
   if (!json_->is_boolean()) fail("expected true or false");
   return json_->get<bool>();
+}
+
+void refuseDefinitions(const PortJsonNode &top) {
+  top.refuseKeys({"file"},
+                 "this JSON was written without --defs, or with --check; a graph is written by "
+                 "--defs DEFS.json --json");
+  top.refuseKeys({"pointers"}, kIsDefinitions);
+}
+
+void refuseDefinition(const PortJsonNode &structure) {
+  structure.refuseKeys({"id", "name", "length", "segment", "next", "countField", "countIsLength"},
+                       kIsDefinitions);
+}
+
+void refuseGraph(const PortJsonNode &top) {
+  top.refuseKeys({"file"}, "this is JSON on a file, not definitions");
+  top.refuseKeys({"root", "selection", "notes", "faults"}, kIsGraph);
+}
+
+void refuseGraphStructure(const PortJsonNode &structure) {
+  structure.refuseKeys({"label", "structure"}, kIsGraph);
 }
 
 std::string portTextOf(const PortJsonNode &node) {

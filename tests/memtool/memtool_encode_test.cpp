@@ -458,8 +458,17 @@ TEST_F(MemtoolEncodeTest, Arguments) {
   expectRefused(2, "--encode needs --defs", {"chain", "--encode", "graph.json", "-o", "out"});
   expectRefused(2, "--encode needs --output",
                 {"chain", "--encode", "graph.json", "--defs", "defs.json"});
-  expectRefused(2, "--encode takes --defs",
-                {"chain", "--encode", "graph.json", "--defs", "defs.json", "-o", "out", "--json"});
+  const std::vector<std::vector<std::string>> ignored{
+      {"--json"},       {"--check"},          {"--data"},          {"--svg", "a.svg"},
+      {"--block", "1"}, {"--to-native", "a"}, {"--like", "a"},     {"--like-pointers", "8"},
+      {"--kind", "0"},  {"--at", "0:984"},    {"--root", "0:984"}, {"--depth", "1"},
+      {"--limit", "1"}, {"--pointers", "8"}};
+  for (const std::vector<std::string> &option : ignored) {
+    std::vector<std::string> words{"chain",     "--encode", "graph.json", "--defs",
+                                   "defs.json", "-o",       "out"};
+    words.insert(words.end(), option.begin(), option.end());
+    expectRefused(2, "--encode takes --defs", words);
+  }
   expectRefused(3, "graph.json",
                 {"chain", "--encode", "graph.json", "--defs", "defs.json", "-o", "out"});
 }

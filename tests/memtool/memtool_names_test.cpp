@@ -517,6 +517,8 @@ TEST_F(MemtoolNamesTest, Arguments) {
   expectRefused(2, "--output goes with --encode", {"chain", "items.chain", "-o", "out"});
   expectRefused(2, "--defs does not go with --svg",
                 {"chain", "items.chain", "--defs", "items.defs.json", "--svg", "out"});
+  expectRefused(2, "--data does not go with --defs",
+                {"chain", "items.chain", "--defs", "items.defs.json", "--data", "--json"});
   expectRefused(3, "none.json", {"chain", "items.chain", "--defs", "none.json"});
 }
 

@@ -247,12 +247,31 @@ void checkFilter(const ChainOptions &options) {
   }
 }
 
+// Refuses --data when no bytes between the pointer fields are shown, or all bytes.
+void checkData(const ChainOptions &options) {
+  if (!options.withData) return;
+  if (!options.showsSegments()) {
+    throw UsageError(
+        "--data does not go with --check, nor without --json with --svg and --to-native: they show "
+        "no segments");
+  }
+  if (!options.definitions.empty()) {
+    throw UsageError("--data does not go with --defs, which shows these bytes anyway");
+  }
+}
+
+// Options that --encode does not use.
+bool asksForMore(const ChainOptions &options) {
+  return options.asJson || options.checks || options.withData || !options.picture.empty() ||
+         options.pictureBlock || !options.native.empty() || !options.like.empty() ||
+         options.likePointerWidth != 0 || options.pointerWidth != 0 || !options.filter.isEmpty();
+}
+
 ExitCode encode(Tool &tool, const ChainOptions &options) {
   std::vector<std::string> graphs = options.files;
   if (!options.graph.empty()) graphs.push_back(options.graph);
-  const bool asksMore = options.asJson || options.checks || options.withData ||
-                        !options.picture.empty() || !options.native.empty();
-  if (asksMore) throw UsageError("--encode takes --defs, --block-length and --output only");
+  if (asksForMore(options))
+    throw UsageError("--encode takes --defs, --block-length and --output only");
   if (options.definitions.empty()) throw UsageError("--encode needs --defs");
   if (options.output.empty()) throw UsageError("--encode needs --output");
   const ChainDefinitions definitions(options.definitions, readFile(options.definitions));
@@ -278,6 +297,7 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
     throw UsageError("--like-pointers goes with --like");
   }
   checkFilter(options);
+  checkData(options);
   const bool writes = !options.native.empty() || !options.picture.empty();
   if (writes && options.files.size() > 1) {
     throw UsageError("--svg and --to-native take one FILE");
@@ -304,7 +324,8 @@ void addChainCommand(CLI::App &app, Tool &tool) {
       app.add_subcommand("chain", "Show, check, rewrite or make a packed chain");
   command->add_option("FILE", options->files, "Files of chains; - is stdin")->type_name("");
   command->add_flag("--json", options->asJson, "Write JSON instead of tables");
-  command->add_flag("--data", options->withData, "Show the bytes between the pointer fields");
+  command->add_flag("--data", options->withData,
+                    "Show the bytes between the pointer fields; not with --defs");
   command->add_option("--kind", options->filter.kind, "Show only segments of this kind")
       ->type_name("KIND");
   command

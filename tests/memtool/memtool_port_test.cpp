@@ -846,6 +846,28 @@ TEST_F(MemtoolPortTest, RepeatedKeys) {
   outputOf({"defs", "same.json"});
 }
 
+// Colons and quotes in text are no members.
+TEST_F(MemtoolPortTest, RepeatedKeysBesideTextLikeJson) {
+  const std::vector<std::string> texts{R"(:)",     R"(::"a": 1,)", R"(\\)",   R"(\)",
+                                       R"(":\":)", R"(\\":\)",     R"(\\"")", R"(","a": ")"};
+  for (const std::string &text : texts) {
+    SCOPED_TRACE(text);
+    const auto definitions = [&](const std::string &more) {
+      const std::string json = Json(text).dump();
+      return R"({"structures": [{"id": 1, "length": 90, "fields": [{"id": 1, "type": "CharSZ",)"
+             R"("offset": 0, "length": 90, "default": )" +
+             json + more + "}]}]}";
+    };
+    writeBytes("good.json", definitions(""));
+    outputOf({"defs", "good.json"});
+    expectBadDefinitions(definitions(", \"id\": 1"),
+                         "structures[0].fields[0]: the key \"id\" appears a second time (line 1, ");
+    expectBadDefinitions(
+        definitions(", \"default\": " + Json(text).dump()),
+        "structures[0].fields[0]: the key \"default\" appears a second time (line 1, ");
+  }
+}
+
 TEST_F(MemtoolPortTest, DefinitionsOfChainsAndGraphsAreNamed) {
   const auto structure = [](const std::string &members) {
     return R"({"structures": [{"id": 1, "length": 8)" + members + "}]}";

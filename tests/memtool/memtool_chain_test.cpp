@@ -698,6 +698,17 @@ TEST_F(MemtoolChainTest, WrongUseEndsWithTwo) {
                 {"chain", path, "--block-length", "2000"});
   expectRefused(2, "--block-length", {"chain", path, "--to-native", "out", "--block-length", "0"});
   expectRefused(2, "take one FILE", {"chain", path, path, "--svg", "out.svg"});
+  const std::string noData = "--data does not go with --check";
+  expectRefused(2, noData, {"chain", path, "--data", "--check"});
+  expectRefused(2, noData, {"chain", path, "--data", "--check", "--json"});
+  for (const std::string option : {"--svg", "--to-native"}) {
+    std::vector<std::string> words{"chain", path, "--pointers", "8", "--data", option, "out"};
+    expectRefused(2, noData, words);
+    EXPECT_FALSE(std::filesystem::exists("out"));
+    words.push_back("--json");
+    EXPECT_NE(outputOf(words).find("\"data\": ["), std::string::npos);
+    std::filesystem::remove("out");
+  }
   expectRefused(2, "there is no option --jsn; the most similar one is --json",
                 {"chain", path, "--jsn"});
 }

@@ -23,6 +23,35 @@ std::filesystem::path fixture(const std::string &name) {
   return std::filesystem::path(MEM_FIXTURES) / name;
 }
 
+// The chain of the file "out", loaded into the library.
+class MadeChain {
+ public:
+  MadeChain() : file_(readBytes("out")) { EXPECT_TRUE(chain_.isOk()); }
+
+  // A control block as it is in the file.
+  std::string controlBlock() const {
+    constexpr std::size_t kAt = 6;  // after the used length and the version
+    std::int16_t kinds = 0;
+    std::memcpy(&kinds, file_.data() + kAt, sizeof kinds);
+    return file_.substr(kAt, MEM_PACK_CB_LEN(static_cast<std::size_t>(kinds)));
+  }
+  // The root; null, which is a failure, if the library refuses the chain.
+  void *unpack(const MemPackCB &controlBlock) {
+    if (!chain_.isOk()) return nullptr;
+    const mem::Result<void *> root = chain_.value().unpackUnchecked(controlBlock);
+    EXPECT_TRUE(root.isOk());
+    return root.isOk() ? root.value() : nullptr;
+  }
+  MEMFunctionVector &vector() { return library_.vector(); }
+
+ private:
+  std::string file_;
+  memtool::RunningLibrary library_{{}};
+  mem::Context context_ = mem::contextOf(library_.host());
+  mem::Result<mem::PackedChain> chain_ =
+      mem::PackedChain::load(context_, std::as_bytes(std::span(file_)));
+};
+
 class MemtoolEncodeTest : public ToolTest {
  protected:
   static void encode(const std::vector<std::string> &more = {}) {
@@ -62,18 +91,12 @@ class MemtoolEncodeTest : public ToolTest {
 
   // What the library unpacks of the made chain is the tree.
   static void expectTree(const Tree &tree) {
-    memtool::RunningLibrary library({});
-    const mem::Context context = mem::contextOf(library.host());
-    const std::string file = readBytes("out");
-    mem::Result<mem::PackedChain> chain =
-        mem::PackedChain::load(context, std::as_bytes(std::span(file)));
-    ASSERT_TRUE(chain.isOk());
+    MadeChain chain;
     const chainwriter::Bytes controlBlock = chainwriter::readersControlBlock(tree);
-    const mem::Result<void *> root =
-        chain.value().unpackUnchecked(*reinterpret_cast<const MemPackCB *>(controlBlock.data()));
-    ASSERT_TRUE(root.isOk());
+    void *const root = chain.unpack(*reinterpret_cast<const MemPackCB *>(controlBlock.data()));
+    ASSERT_NE(root, nullptr);
     EXPECT_EQ(chainwriter::difference(unshared(tree), chainwriter::writerOf("0220"),
-                                      chainwriter::Became::Structure, root.value()),
+                                      chainwriter::Became::Structure, root),
               "");
   }
 };
@@ -323,26 +346,16 @@ TEST_F(MemtoolEncodeTest, DeepestStructure) {
 
 // The result of packing the structures of the file "out" into blocks of this length.
 std::int16_t packedAgain(std::int32_t blockLength) {
-  memtool::RunningLibrary library({});
-  const mem::Context context = mem::contextOf(library.host());
-  const std::string file = readBytes("out");
-  mem::Result<mem::PackedChain> chain =
-      mem::PackedChain::load(context, std::as_bytes(std::span(file)));
-  EXPECT_TRUE(chain.isOk());
-  std::int16_t kinds = 0;
-  constexpr std::size_t kControlBlockAt = 6;  // after the used length and the version
-  std::memcpy(&kinds, file.data() + kControlBlockAt, sizeof kinds);
-  const std::string bytes =
-      file.substr(kControlBlockAt, MEM_PACK_CB_LEN(static_cast<std::size_t>(kinds)));
+  MadeChain chain;
+  const std::string bytes = chain.controlBlock();
   const auto &controlBlock = *reinterpret_cast<const MemPackCB *>(bytes.data());
-  const mem::Result<void *> root = chain.value().unpackUnchecked(controlBlock);
-  EXPECT_TRUE(root.isOk());
+  void *const root = chain.unpack(controlBlock);
+  if (root == nullptr) return -1;
   MemPackBlock *first = nullptr;
-  const std::int16_t result =
-      library.vector().MEM_Pack(&controlBlock, root.value(), blockLength, &first);
+  const std::int16_t result = chain.vector().MEM_Pack(&controlBlock, root, blockLength, &first);
   while (first != nullptr) {
     MemPackBlock *const next = first->pNext;
-    library.vector().MEM_Free(first, static_cast<std::uint32_t>(blockLength), 0);
+    chain.vector().MEM_Free(first, static_cast<std::uint32_t>(blockLength), 0);
     first = next;
   }
   return result;
@@ -445,8 +458,17 @@ TEST_F(MemtoolEncodeTest, Arguments) {
   expectRefused(2, "--encode needs --defs", {"chain", "--encode", "graph.json", "-o", "out"});
   expectRefused(2, "--encode needs --output",
                 {"chain", "--encode", "graph.json", "--defs", "defs.json"});
-  expectRefused(2, "--encode takes --defs",
-                {"chain", "--encode", "graph.json", "--defs", "defs.json", "-o", "out", "--json"});
+  const std::vector<std::vector<std::string>> ignored{
+      {"--json"},       {"--check"},          {"--data"},          {"--svg", "a.svg"},
+      {"--block", "1"}, {"--to-native", "a"}, {"--like", "a"},     {"--like-pointers", "8"},
+      {"--kind", "0"},  {"--at", "0:984"},    {"--root", "0:984"}, {"--depth", "1"},
+      {"--limit", "1"}, {"--pointers", "8"}};
+  for (const std::vector<std::string> &option : ignored) {
+    std::vector<std::string> words{"chain",     "--encode", "graph.json", "--defs",
+                                   "defs.json", "-o",       "out"};
+    words.insert(words.end(), option.begin(), option.end());
+    expectRefused(2, "--encode takes --defs", words);
+  }
   expectRefused(3, "graph.json",
                 {"chain", "--encode", "graph.json", "--defs", "defs.json", "-o", "out"});
 }

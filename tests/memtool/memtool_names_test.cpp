@@ -371,6 +371,8 @@ TEST_F(MemtoolNamesTest, WrongDefinitions) {
       {R"({"id": 1, "type": "Long"})", "\"offset\" is missing"},
       {R"({"name": "a", "type": "Long", "offset": 0})", "\"id\" is missing"},
       {R"({"id": 1, "type": "Int", "offset": 0})", "unknown type; there are Char, CharSZ"},
+      {R"({"id": 1, "type": "Substructure", "offset": 0})",
+       "only port strings have this type; there are Char, CharSZ"},
       {R"({"id": 1, "name": "+1", "type": "Long", "offset": 0})", "must not begin with +"},
       {R"({"id": 1, "type": "Long", "offset": 29})", "4 bytes at 29 exceed the segment's 32"},
       {R"({"id": 1, "type": "Long", "offset": 0, "length": 8})", "from 4 to 4"},
@@ -439,6 +441,28 @@ TEST_F(MemtoolNamesTest, ReferencesToAnotherKind) {
             "memtool: catalog.chain: the reference package of the Dependency at 0:1500 leads to a "
             "Package, not to a Dependency\n");
   EXPECT_TRUE(Json::accept(run.out));
+
+  const ToolRun check =
+      runTool({"chain", "catalog.chain", "--defs", "defs.json", "--check", "--json"});
+  EXPECT_EQ(check.code, 1);
+  EXPECT_EQ(check.err, run.err);
+  const Json checked = Json::parse(check.out);
+  EXPECT_EQ(checked["isSound"], false);
+  ASSERT_EQ(checked["faults"].size(), 1U);
+  Json fault = checked["faults"][0];
+  EXPECT_EQ(fault["block"], 0);
+  EXPECT_EQ(fault["offset"], 1500 + 24);
+  EXPECT_EQ(fault["fileOffset"], 1500 + 24);
+  const std::string what = fault["what"];
+  EXPECT_EQ(run.err, "memtool: catalog.chain: " + what + "\n");
+  fault["code"] = nullptr;
+  fault["library"] = {{"wasAsked", false}, {"whyNot", "the library does not know the definitions"}};
+  EXPECT_EQ(checked["fault"], fault);
+
+  const Json sound = Json::parse(
+      outputOf({"chain", "catalog.chain", "--defs", "catalog.defs.json", "--check", "--json"}));
+  EXPECT_EQ(sound["isSound"], true);
+  EXPECT_EQ(sound["faults"], Json::array());
 }
 
 // A text that many pointers share is written with each of them.
@@ -493,6 +517,8 @@ TEST_F(MemtoolNamesTest, Arguments) {
   expectRefused(2, "--output goes with --encode", {"chain", "items.chain", "-o", "out"});
   expectRefused(2, "--defs does not go with --svg",
                 {"chain", "items.chain", "--defs", "items.defs.json", "--svg", "out"});
+  expectRefused(2, "--data does not go with --defs",
+                {"chain", "items.chain", "--defs", "items.defs.json", "--data", "--json"});
   expectRefused(3, "none.json", {"chain", "items.chain", "--defs", "none.json"});
 }
 

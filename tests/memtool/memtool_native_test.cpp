@@ -160,9 +160,56 @@ TEST_F(MemtoolNativeTest, BlockLengthIsTheUsers) {
       outputOf({"chain", path, "--pointers", "8", "--to-native", "out", "--block-length", "1100"});
   EXPECT_NE(out.find(" in 2 blocks of 1,100, version 0220\n"), std::string::npos) << out;
   expectSameStructure(path, "out");
-  expectRefused(1, "MEM_Pack failed: 4066 MEMERR_PACKBMIN",
-                {"chain", path, "--pointers", "8", "--to-native", "none", "--block-length", "900"});
-  EXPECT_FALSE(std::filesystem::exists("none"));
+}
+
+// A counted segment, a narrow text or a wide text is long, by the number of its kind.
+Tree longItem(int longest) {
+  using chainwriter::child;
+  Tree tree;
+  tree.kinds = {{chainwriter::Form::Fixed, {child(1), chainwriter::data(4)}},
+                {chainwriter::Form::Counted, {child(2), child(3)}},
+                {chainwriter::Form::Narrow},
+                {chainwriter::Form::Wide}};
+  tree.nodes = {{0, {1, 2, 3, 4}, {1}},
+                {1, chainwriter::Bytes(longest == 1 ? 2000 : 1, 7), {2, 3}},
+                {2, {}, {}, std::string(longest == 2 ? 2000 : 1, 'n')},
+                {3, {}, {}, {}, std::u32string(longest == 3 ? 700 : 1, U'w')}};
+  return tree;
+}
+
+// The least length in the message is the least that the library takes.
+TEST_F(MemtoolNativeTest, BlocksThatAreTooShort) {
+  const auto expectLeast = [](const std::string &from, const Writer &writer, int length,
+                              const std::string &what) {
+    SCOPED_TRACE(writer.name());
+    const auto rewrite = [&](int asked) {
+      return runTool({"chain", from, "--pointers", std::to_string(writer.pointerWidth),
+                      "--to-native", "out", "--block-length", std::to_string(asked)});
+    };
+    const ToolRun refused = rewrite(length);
+    EXPECT_EQ(refused.code, memtool::kExitFault);
+    const std::string before = "memtool: --block-length: " + std::to_string(length) +
+                               " is too short for " + what + "; at least ";
+    ASSERT_TRUE(refused.err.starts_with(before)) << refused.err;
+    EXPECT_TRUE(refused.err.ends_with(" is needed\n")) << refused.err;
+    EXPECT_FALSE(std::filesystem::exists("out"));
+    const int least = std::stoi(refused.err.substr(before.size()));
+    EXPECT_EQ(rewrite(least - 1).code, memtool::kExitFault);
+    EXPECT_EQ(rewrite(least).code, memtool::kExitFine);
+    std::filesystem::remove("out");
+  };
+  for (const int longest : {1, 2, 3}) {
+    const Tree tree = longItem(longest);
+    for (const Writer &writer : chainwriter::allWriters()) {
+      writeChain("in", tree, writer, 8000);
+      expectLeast("in", writer, 1100, "the longest segment or text");
+    }
+  }
+  for (const Fixture &fixture : chainwriter::allFixtures()) {
+    const Writer &writer = fixture.chain.writer();
+    expectLeast(fixturePath(fixture.name), writer, 900, "this control block");
+    expectLeast(fixturePath(fixture.name), writer, 1, "this control block");
+  }
 }
 
 TEST_F(MemtoolNativeTest, RemarksTellWhatWasLeftAsItWas) {
@@ -322,6 +369,12 @@ TEST_F(MemtoolNativeTest, GivesAllStorageBack) {
     EXPECT_THROW(memtool::toNative(library, chain, request, console), memtool::ToolError);
     EXPECT_EQ(live(), before);
   }
+  writeChain("in", longItem(2), chainwriter::writerOf("0220", 4), 8000);
+  const memtool::PackedChain chain = memtool::readChain(readBytes("in"), 4, console);
+  memtool::NativeRequest request;
+  request.blockLength = 1100;
+  EXPECT_THROW(memtool::toNative(library, chain, request, console), memtool::ToolError);
+  EXPECT_EQ(live(), before);
 }
 
 }  // namespace

@@ -766,7 +766,11 @@ TEST_F(MemtoolPortTest, WrongDefinitions) {
                                           {"id": 2, "name": "a", "length": 1}]})",
                        "structures[1]: a second structure a");
 
-  field(R"("type": "Float")", "0].type: unknown type; there are Char, CharSZ, ");
+  field(R"("type": "Integer")", "0].type: unknown type; there are Char, CharSZ, ");
+  for (const std::string type : {"SByte", "UByte", "Float", "Double"}) {
+    field(R"("type": ")" + type + '"',
+          "0].type: only packed chains have this type; there are Char, CharSZ, ");
+  }
   field(R"("type": 17)", "0].type: expected a whole");
   field(R"("type": "Char", "offset": 0)", "0]: \"length\" is missing");
   field(R"("type": "Char", "offset": 0, "length": 0)",
@@ -842,6 +846,28 @@ TEST_F(MemtoolPortTest, RepeatedKeys) {
   outputOf({"defs", "same.json"});
 }
 
+// Colons and quotes in text are no members.
+TEST_F(MemtoolPortTest, RepeatedKeysBesideTextLikeJson) {
+  const std::vector<std::string> texts{R"(:)",     R"(::"a": 1,)", R"(\\)",   R"(\)",
+                                       R"(":\":)", R"(\\":\)",     R"(\\"")", R"(","a": ")"};
+  for (const std::string &text : texts) {
+    SCOPED_TRACE(text);
+    const auto definitions = [&](const std::string &more) {
+      const std::string json = Json(text).dump();
+      return R"({"structures": [{"id": 1, "length": 90, "fields": [{"id": 1, "type": "CharSZ",)"
+             R"("offset": 0, "length": 90, "default": )" +
+             json + more + "}]}]}";
+    };
+    writeBytes("good.json", definitions(""));
+    outputOf({"defs", "good.json"});
+    expectBadDefinitions(definitions(", \"id\": 1"),
+                         "structures[0].fields[0]: the key \"id\" appears a second time (line 1, ");
+    expectBadDefinitions(
+        definitions(", \"default\": " + Json(text).dump()),
+        "structures[0].fields[0]: the key \"default\" appears a second time (line 1, ");
+  }
+}
+
 TEST_F(MemtoolPortTest, DefinitionsOfChainsAndGraphsAreNamed) {
   const auto structure = [](const std::string &members) {
     return R"({"structures": [{"id": 1, "length": 8)" + members + "}]}";
@@ -865,6 +891,42 @@ TEST_F(MemtoolPortTest, DefinitionsOfChainsAndGraphsAreNamed) {
   expectBadDefinitions(R"({"root": "1", "structures": []})", "unknown key \"root\"" + graph);
   expectBadDefinitions(R"({"structures": [{"label": "1", "structure": "A", "fields": {}}]})",
                        "structures[0]: unknown key \"label\"" + graph);
+  expectBadDefinitions(R"({"structures": [{"structure": "A", "fields": {}}]})",
+                       "structures[0]: unknown key \"structure\"" + graph);
+  for (const std::string key : {"selection", "notes", "faults"}) {
+    expectBadDefinitions("{\"" + key + "\": 1, \"structures\": []}",
+                         "unknown key \"" + key + '"' + graph);
+  }
+  expectBadDefinitions(R"({"file": "a.port", "structures": []})",
+                       "unknown key \"file\": this is JSON on a file, not definitions");
+}
+
+// Where a graph is expected.
+TEST_F(MemtoolPortTest, DefinitionsAsGraphs) {
+  const auto bad = [](const std::string &json, const std::string &message) {
+    writeBytes("bad.json", json);
+    for (const std::string command : {"port", "chain"}) {
+      expectRefused(1, "bad.json: " + message,
+                    {command, "--encode", "bad.json", "--defs", "order.defs.json", "-o", "out"});
+    }
+  };
+  const std::string definitions = ": these are definitions, not a graph (line 1, column ";
+  bad(readBytes("order.defs.json"), "structures[0]: unknown key \"id\": these are definitions");
+  bad(R"({"pointers": 8, "structures": []})", "unknown key \"pointers\"" + definitions);
+  for (const std::string key :
+       {"id", "name", "length", "segment", "next", "countField", "countIsLength"}) {
+    bad("{\"structures\": [{\"" + key + "\": 1}]}",
+        "structures[0]: unknown key \"" + key + '"' + definitions);
+  }
+  const std::string report =
+      "unknown key \"file\": this JSON was written without --defs, or with --check; a graph is "
+      "written by --defs DEFS.json --json (line 1, column 1)";
+  for (const std::string option : {"--json", "--check"}) {
+    bad(outputOf({"port", "order.port", "--json", option}), report);
+  }
+  bad(R"({"structures": 1})", "structures: expected an array");
+  bad(R"({"structures": [1]})", "structures[0]: expected an object");
+  bad("[]", "expected an object");
 }
 
 TEST_F(MemtoolPortTest, StructuresWithoutEnd) {

@@ -75,6 +75,14 @@ TEST_F(PortMutationTest, TruncatedTextsEndWithAMessage) {
   expectNoFault();
 }
 
+// An embedded structure of another kind reaches beyond the end of the entry: its absent fields
+// there get no default.
+TEST_F(PortMutationTest, DefaultsOfALongerEmbeddedStructureStayInTheEntry) {
+  const std::string text = "(0000000042,0000000001)(1<7N/01E(1<7N>)>)";
+  readBoth(text, 17);
+  EXPECT_EQ(reader_.readBlock(text).status, 0);
+}
+
 // Work is in proportion to the length: what a short text may ask for is bounded by it.
 TEST_F(PortMutationTest, ManyPromisedStructuresAreNotBelieved) {
   for (const char *count : {"0000001000", "2147483647", "4294967295"}) {

@@ -317,6 +317,7 @@ std::string HostileReader::fault(const ReadOutcome &outcome) {
       "Not a bit field!",
       "Missing  at the start of a string field!",
       "Missing code point count at the start of a string field!"};
+  if (!outcome.isWhole) return "writes beyond an entry";
   if (outcome.status != 0 && outcome.status != -1) {
     return "status " + std::to_string(outcome.status);
   }

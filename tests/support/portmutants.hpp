@@ -65,7 +65,7 @@ class HostileReader {
   explicit HostileReader(refhost::Host &host, const Defs &defs = richDefs());
   ReadOutcome readBlock(std::string_view text);
   ReadOutcome readChain(std::string_view text, std::size_t chunkLen);
-  // What is wrong with an outcome; empty when nothing is.
+  // What is wrong with an outcome, writes beyond an entry too; empty when nothing is.
   static std::string fault(const ReadOutcome &outcome);
   // "" or how two readings of a text differ that must not: the status, what is stored, and the
   // records. Those of a chunk report the same place, with shorter excerpts.

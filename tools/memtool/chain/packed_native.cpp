@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "packed_head.hpp"
+#include "packed_reader.hpp"
 #include "tool_progress.hpp"
 
 namespace memtool {
 namespace {
 
-constexpr std::int32_t kUsualBlockLen = 32768;
 constexpr std::int16_t kChainSubPool = 0;  // where MEM_Pack and MEM_Unpack allocate blocks
 constexpr std::size_t kContentOff = offsetof(MemPackBlock, UsedLen);  // of what a file contains
 constexpr std::uint32_t kNativeWidth = 8;
@@ -106,6 +106,7 @@ class NativeControlBlock {
   }
 
   const MemPackCB *get() const { return reinterpret_cast<const MemPackCB *>(bytes_.data()); }
+  std::size_t length() const { return bytes_.size(); }
 
  private:
   std::string bytes_;
@@ -331,6 +332,19 @@ std::int32_t sufficientBlockLen(const PackedChain &chain) {
   return std::max(kUsualBlockLen, static_cast<std::int32_t>(longest) + MEM_PACK_BLOCK_OVERHEAD);
 }
 
+// The length of a chain's longest item, with the room that the packer reserves for wide text.
+// REQUIRES: a chain of this platform.
+std::size_t longestItem(const PackedChain &chain) {
+  std::size_t longest = 0;
+  for (const Segment &segment : chain.segments) {
+    longest = std::max<std::size_t>(longest, segment.length);
+  }
+  for (const Text &text : chain.texts) {
+    longest = std::max<std::size_t>(longest, text.isWide ? 2 * text.length : text.length);
+  }
+  return longest;
+}
+
 void refuseUnknownKinds(const PackedChain &chain) {
   for (const Segment &segment : chain.segments) {
     const Kind &kind = chain.kinds[segment.kind];
@@ -394,7 +408,46 @@ std::int16_t firstChildOffset(const std::vector<Kind> &kinds) {
   return kinds[0].children.empty() ? std::int16_t{0} : kinds[0].children[0].Offset;
 }
 
+// A structure of the program that is to be packed.
+struct Packable {
+  const NativeControlBlock &controlBlock;
+  const void *root;
+  std::int32_t sufficient;  // a block length that is long enough for all items
+};
+
+// With the user's block length. If an item needs more, a chain of longer blocks shows how much.
+NativeChain packAsAsked(RunningLibrary &library, const Packable &made, std::int32_t blockLength,
+                        Console &console) {
+  refuseShortBlocks(blockLength, made.controlBlock.length(), 0);
+  try {
+    return packNative(library, made.controlBlock.get(), made.root, blockLength);
+  } catch (const ServiceError &error) {
+    if (error.code != MEMERR_PACKBMIN) throw;
+    const NativeChain longer =
+        packNative(library, made.controlBlock.get(), made.root, made.sufficient);
+    const PackedChain chain = readChain(longer.bytes, kNativeWidth, console);
+    refuseShortBlocks(blockLength, made.controlBlock.length(), longestItem(chain));
+    throw;
+  }
+}
+
 }  // namespace
+
+std::int32_t leastBlockLength(std::size_t controlBlockLength, std::size_t longestItem) {
+  constexpr std::size_t kVersionLen = 4;  // before the control block
+  return static_cast<std::int32_t>(std::max(controlBlockLength + kVersionLen, longestItem)) +
+         MEM_PACK_BLOCK_OVERHEAD;
+}
+
+void refuseShortBlocks(std::int32_t blockLength, std::size_t controlBlockLength,
+                       std::size_t longestItem) {
+  const std::int32_t least = leastBlockLength(controlBlockLength, longestItem);
+  if (blockLength >= least) return;
+  const bool isForItem = least > leastBlockLength(controlBlockLength, 0);
+  throw ToolError(
+      fmt::format("--block-length: {} is too short for {}; at least {} is needed", blockLength,
+                  isForItem ? "the longest segment or text" : "this control block", least));
+}
 
 NativeChain packNative(RunningLibrary &library, const MemPackCB *controlBlock, const void *root,
                        std::int32_t blockLength) {
@@ -446,9 +499,11 @@ NativeChain toNative(RunningLibrary &library, const PackedChain &chain,
   if (stored.isInPlace() && isTurned(chain)) reverseLengths(chain, stored);
 
   const PackProgress progress(library, chain.segments.size(), console);
-  const std::int32_t blockLength =
-      request.blockLength == 0 ? sufficientBlockLen(chain) : request.blockLength;
-  NativeChain native = packNative(library, packCB.get(), root, blockLength);
+  const std::int32_t sufficient = sufficientBlockLen(chain);
+  const std::int32_t asked = request.blockLength;
+  NativeChain native = asked == 0
+                           ? packNative(library, packCB.get(), root, sufficient)
+                           : packAsAsked(library, {packCB, root, sufficient}, asked, console);
   native.remark = remarkOn(chain);
   return native;
 }

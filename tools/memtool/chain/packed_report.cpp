@@ -399,19 +399,19 @@ Json faultJson(const Fault &fault) {
           {"remark", fault.remark.empty() ? Json() : Json(fault.remark)}};
 }
 
-// The first fault, with the library's verdict on the chain.
-Json firstFaultJson(const PackedChain &chain, const Verdict &verdict) {
-  if (chain.isSound()) return {};
-  Json json = faultJson(chain.faults.front());
+// The first fault, with the library's verdict on the chain; null if there is none.
+Json firstFaultJson(const std::vector<Fault> &faults, const Verdict &verdict) {
+  if (faults.empty()) return {};
+  Json json = faultJson(faults.front());
   json["code"] = verdict.code == 0 ? Json() : Json(verdict.code);
   json["library"] = verdictJson(verdict);
   return json;
 }
 
-void addFaults(Json &json, const PackedChain &chain, const std::optional<Verdict> &verdict) {
-  json["fault"] = firstFaultJson(chain, verdict.value_or(Verdict{}));
+void addFaults(Json &json, const std::vector<Fault> &faults, const Verdict &verdict) {
+  json["fault"] = firstFaultJson(faults, verdict);
   json["faults"] = Json::array();
-  for (const Fault &fault : chain.faults) json["faults"].push_back(faultJson(fault));
+  for (const Fault &fault : faults) json["faults"].push_back(faultJson(fault));
 }
 
 Json headJson(const std::string &name, const PackedChain &chain) {
@@ -514,7 +514,7 @@ void writeChainJson(Console &console, const std::string &name, const PackedChain
   console.write("\n  \"segments\": ");
   SegmentsJson(console, chain, selection, withData).write();
   console.print(",\n  \"fault\": {},\n  \"faults\": [",
-                indented(firstFaultJson(chain, verdict.value_or(Verdict{})), 2));
+                indented(firstFaultJson(chain.faults, verdict.value_or(Verdict{})), 2));
   bool isFirst = true;
   for (const Fault &fault : chain.faults) {
     console.print("{}\n    {}", isFirst ? "" : ",", indented(faultJson(fault), 4));
@@ -524,12 +524,18 @@ void writeChainJson(Console &console, const std::string &name, const PackedChain
 }
 
 Json chainCheckJson(const std::string &name, const PackedChain &chain,
-                    const std::optional<Verdict> &verdict) {
-  Json json{{"file", validUtf8(name)},           {"isSound", chain.isSound()},
+                    const std::optional<Verdict> &verdict,
+                    const std::optional<Fault> &unlikeDefinitions) {
+  const bool isSound = chain.isSound() && !unlikeDefinitions;
+  Json json{{"file", validUtf8(name)},           {"isSound", isSound},
             {"bytes", chain.bytes.size()},       {"blocks", chain.blocks.size()},
             {"segments", chain.segments.size()}, {"texts", chain.texts.size()}};
   if (chain.isSound()) json["unusedBlocks"] = chain.unusedBlocks();
-  addFaults(json, chain, verdict);
+  if (unlikeDefinitions) {
+    addFaults(json, {*unlikeDefinitions}, {.whyNot = "the library does not know the definitions"});
+  } else {
+    addFaults(json, chain.faults, verdict.value_or(Verdict{}));
+  }
   return json;
 }
 

@@ -42,8 +42,10 @@ void writeChainJson(Console &console, const std::string &name, const PackedChain
                     const ChainSelection &selection, const std::optional<Verdict> &verdict,
                     bool withData);
 
-// The output of --check: the counts and the faults.
+// The output of --check: the counts and the faults. `unlikeDefinitions`: where a valid chain is not
+// as its definitions say.
 nlohmann::ordered_json chainCheckJson(const std::string &name, const PackedChain &chain,
-                                      const std::optional<Verdict> &verdict);
+                                      const std::optional<Verdict> &verdict,
+                                      const std::optional<Fault> &unlikeDefinitions);
 
 }  // namespace memtool

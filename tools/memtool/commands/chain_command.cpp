@@ -167,13 +167,14 @@ PackedChain readNamed(const ChainOptions &options, const std::string &file,
   return readChain(std::move(chain.bytes), width, console);
 }
 
-// A reference to a segment of another structure than its definition names, if there is one.
-ExitCode reportReference(Console &console, const std::string &file,
-                         const ChainDefinitions &definitions, const PackedChain &chain) {
-  const std::optional<std::string> wrong = wrongReference(definitions, chain);
-  if (!wrong) return kExitFine;
+// A valid chain's reference to a segment of another structure than its definition names.
+ExitCode reportReference(Console &console, const std::string &file, const Fault &wrong) {
   console.out().flush();
-  complain(console, kExitFault, file + ": " + *wrong, {{"file", validUtf8(file)}});
+  complain(console, kExitFault, file + ": " + wrong.what,
+           {{"file", validUtf8(file)},
+            {"block", wrong.place.block},
+            {"offset", wrong.place.offset},
+            {"fileOffset", wrong.fileOffset}});
   return kExitFault;
 }
 
@@ -209,8 +210,10 @@ ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &f
   if (definitions != nullptr && chain.isHeadSound) definitions->checkAgainst(file, chain);
   std::optional<Verdict> verdict;
   if (!chain.isSound()) verdict = verdictOn(tool, chain);
+  std::optional<Fault> wrong;
+  if (definitions != nullptr && chain.isSound()) wrong = wrongReference(*definitions, chain);
   if (options.asJson && options.checks) {
-    console.print("{}\n", chainCheckJson(file, chain, verdict).dump(2));
+    console.print("{}\n", chainCheckJson(file, chain, verdict, wrong).dump(2));
   } else if (options.showsSegments()) {
     try {
       show(console, options, file, chain, verdict, definitions);
@@ -221,10 +224,7 @@ ExitCode showChain(Tool &tool, const ChainOptions &options, const std::string &f
   }
   if (!options.picture.empty() && chain.version) writePicture(console, options, file, chain);
   if (!chain.isSound()) return reportFaults(console, file, chain, verdict);
-  if (definitions != nullptr) {
-    const ExitCode code = reportReference(console, file, *definitions, chain);
-    if (code != kExitFine) return code;
-  }
+  if (wrong) return reportReference(console, file, *wrong);
   if (options.checks && !options.asJson) printValid(console, file, chain);
   if (!options.native.empty()) writeNative(tool, options, file, chain);
   return kExitFine;
@@ -247,12 +247,31 @@ void checkFilter(const ChainOptions &options) {
   }
 }
 
+// Refuses --data when no bytes between the pointer fields are shown, or all bytes.
+void checkData(const ChainOptions &options) {
+  if (!options.withData) return;
+  if (!options.showsSegments()) {
+    throw UsageError(
+        "--data does not go with --check, nor without --json with --svg and --to-native: they show "
+        "no segments");
+  }
+  if (!options.definitions.empty()) {
+    throw UsageError("--data does not go with --defs, which shows these bytes anyway");
+  }
+}
+
+// Options that --encode does not use.
+bool asksForMore(const ChainOptions &options) {
+  return options.asJson || options.checks || options.withData || !options.picture.empty() ||
+         options.pictureBlock || !options.native.empty() || !options.like.empty() ||
+         options.likePointerWidth != 0 || options.pointerWidth != 0 || !options.filter.isEmpty();
+}
+
 ExitCode encode(Tool &tool, const ChainOptions &options) {
   std::vector<std::string> graphs = options.files;
   if (!options.graph.empty()) graphs.push_back(options.graph);
-  const bool asksMore = options.asJson || options.checks || options.withData ||
-                        !options.picture.empty() || !options.native.empty();
-  if (asksMore) throw UsageError("--encode takes --defs, --block-length and --output only");
+  if (asksForMore(options))
+    throw UsageError("--encode takes --defs, --block-length and --output only");
   if (options.definitions.empty()) throw UsageError("--encode needs --defs");
   if (options.output.empty()) throw UsageError("--encode needs --output");
   const ChainDefinitions definitions(options.definitions, readFile(options.definitions));
@@ -278,6 +297,7 @@ ExitCode runChain(Tool &tool, const ChainOptions &options) {
     throw UsageError("--like-pointers goes with --like");
   }
   checkFilter(options);
+  checkData(options);
   const bool writes = !options.native.empty() || !options.picture.empty();
   if (writes && options.files.size() > 1) {
     throw UsageError("--svg and --to-native take one FILE");
@@ -304,7 +324,8 @@ void addChainCommand(CLI::App &app, Tool &tool) {
       app.add_subcommand("chain", "Show, check, rewrite or make a packed chain");
   command->add_option("FILE", options->files, "Files of chains; - is stdin")->type_name("");
   command->add_flag("--json", options->asJson, "Write JSON instead of tables");
-  command->add_flag("--data", options->withData, "Show the bytes between the pointer fields");
+  command->add_flag("--data", options->withData,
+                    "Show the bytes between the pointer fields; not with --defs");
   command->add_option("--kind", options->filter.kind, "Show only segments of this kind")
       ->type_name("KIND");
   command

@@ -41,8 +41,8 @@ bool hasAny(const PortJson &json, std::initializer_list<const char *> keys) {
 bool isChainField(const PortJson &field) {
   if (hasAny(field, {"reference", "count", "toEnd"})) return true;
   if (!field.contains("type")) return false;
-  const PortJson &type = field["type"];
-  return type == "SByte" || type == "UByte" || type == "Float" || type == "Double";
+  return std::find(kChainOnlyTypes.begin(), kChainOnlyTypes.end(), field["type"]) !=
+         kChainOnlyTypes.end();
 }
 
 // True when a key or type is only for chains. The check finds wrong forms later.

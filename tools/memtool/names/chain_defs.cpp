@@ -59,7 +59,10 @@ ChainType readType(const PortJsonNode &node) {
     if (node.text() == kTypes[i].name) return static_cast<ChainType>(i);
     names += fmt::format("{}{}", i == 0 ? "" : ", ", kTypes[i].name);
   }
-  node.fail("unknown type; there are " + names);
+  const bool isOnlyForPortStrings = node.text() == "Substructure";
+  node.fail(fmt::format("{}; there are {}",
+                        isOnlyForPortStrings ? "only port strings have this type" : "unknown type",
+                        names));
 }
 
 std::string nameOrId(const PortJsonNode &node) {
@@ -175,7 +178,7 @@ const ChainFieldDefinition *ChainKindDefinition::find(std::string_view field) co
 ChainDefinitions::ChainDefinitions(const std::string &name, std::string json)
     : json_(std::move(json)), text_(name, json_) {
   const PortJsonNode top(text_);
-  top.refuseKeys({"root"}, kIsGraph);
+  refuseGraph(top);
   top.requireKeys({"structures", "pointers"});
   if (const std::optional<PortJsonNode> width = top.find("pointers")) {
     pointerWidth_ = static_cast<std::uint32_t>(width->integer(4, 8));
@@ -196,7 +199,7 @@ ChainDefinitions::ChainDefinitions(const std::string &name, std::string json)
 void ChainDefinitions::addKinds(const std::vector<PortJsonNode> &nodes) {
   kinds_.reserve(nodes.size());
   for (const PortJsonNode &node : nodes) {
-    node.refuseKeys({"label"}, kIsGraph);
+    refuseGraphStructure(node);
     node.refuseKeys({"countField", "countIsLength"}, kIsForPortStrings);
     node.requireKeys({"id", "name", "length", "segment", "next", "fields"});
     ChainKindDefinition kind{.node = node};

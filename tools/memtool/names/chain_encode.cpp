@@ -25,7 +25,6 @@ constexpr std::size_t kMostStorage = std::size_t{1} << 30;
 // Used lengths have 16 bits, and items begin at 2 or, texts, at 4.
 constexpr std::size_t kMostSegment = 0xFFFF - 2;
 constexpr std::size_t kMostText = 0xFFFF - 4;
-constexpr std::int32_t kUsualBlockLen = 32768;
 
 // A control block as callers pass it, of any number of kinds.
 class EncodeControlBlock {
@@ -149,10 +148,12 @@ class SegmentMaker {
   }
 
   void addSegments() {
+    refuseDefinitions(top_);
     refuseDamaged();
     top_.requireKeys({"root", "structures", "selection"});  // the last one comes from a filter
     const PortJsonNode list = top_.at("structures");
     for (const PortJsonNode &node : list.elements()) {
+      refuseDefinition(node);
       node.requireKeys({"label", "structure", "fields"});
       const PortJsonNode named = node.at("structure");
       const std::string wanted =
@@ -414,22 +415,6 @@ class SegmentMaker {
 };
 
 }  // namespace
-
-std::int32_t leastBlockLength(std::size_t controlBlockLength, std::size_t longestItem) {
-  constexpr std::size_t kVersionLen = 4;  // before the control block
-  return static_cast<std::int32_t>(std::max(controlBlockLength + kVersionLen, longestItem)) +
-         MEM_PACK_BLOCK_OVERHEAD;
-}
-
-void refuseShortBlocks(std::int32_t blockLength, std::size_t controlBlockLength,
-                       std::size_t longestItem) {
-  const std::int32_t least = leastBlockLength(controlBlockLength, longestItem);
-  if (blockLength >= least) return;
-  const bool isForItem = least > leastBlockLength(controlBlockLength, 0);
-  throw ToolError(
-      fmt::format("--block-length: {} is too short for {}; at least {} is needed", blockLength,
-                  isForItem ? "the longest segment or text" : "this control block", least));
-}
 
 NativeChain encodeChain(RunningLibrary &library, const ChainDefinitions &definitions,
                         const std::string &name, std::string_view json, std::int32_t blockLength) {

@@ -384,8 +384,7 @@ class NamedJson : NamedChain {
 
 }  // namespace
 
-std::optional<std::string> wrongReference(const ChainDefinitions &definitions,
-                                          const PackedChain &chain) {
+std::optional<Fault> wrongReference(const ChainDefinitions &definitions, const PackedChain &chain) {
   const SegmentNumbers numbers(chain);
   for (const Segment &segment : chain.segments) {
     const ChainKindDefinition *const kind = definitions.find(segment.kind);
@@ -400,9 +399,11 @@ std::optional<std::string> wrongReference(const ChainDefinitions &definitions,
         const bool isThis = isPointer(field.type) && field.target &&
                             field.offset == static_cast<std::uint32_t>(pointer.offset);
         if (!isThis || *field.target == found) continue;
-        return fmt::format("the reference {} of the {} at {} leads to a {}, not to a {}",
-                           field.name, kind->name, textOf(segment.place), definitions.nameOf(found),
-                           definitions.nameOf(*field.target));
+        const Place place{segment.place.block, segment.place.offset + field.offset};
+        return Fault{place, chain.fileOffset(place),
+                     fmt::format("the reference {} of the {} at {} leads to a {}, not to a {}",
+                                 field.name, kind->name, textOf(segment.place),
+                                 definitions.nameOf(found), definitions.nameOf(*field.target))};
       }
     }
   }

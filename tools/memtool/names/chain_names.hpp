@@ -14,10 +14,9 @@ namespace memtool {
 
 // All three REQUIRE definitions that were checked against the chain.
 
-// A message on the first reference that leads to another kind than its definition says; none when
-// all are right.
-std::optional<std::string> wrongReference(const ChainDefinitions &definitions,
-                                          const PackedChain &chain);
+// The first reference that leads to another kind than its definition says, with the place of its
+// field; none when all are right.
+std::optional<Fault> wrongReference(const ChainDefinitions &definitions, const PackedChain &chain);
 
 void printNamedChain(Console &console, const std::string &name, const ChainDefinitions &definitions,
                      const PackedChain &chain, const ChainSelection &selection);

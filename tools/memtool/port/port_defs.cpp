@@ -59,7 +59,11 @@ MEMFieldType readType(const PortJsonNode &node) {
   for (std::size_t code = 1; code < kTypes.size(); ++code) {
     names += fmt::format("{}{}", code == 1 ? "" : ", ", kTypes[code].name);
   }
-  node.fail("unknown type; there are " + names);
+  const bool isOnlyForChains = std::find(kChainOnlyTypes.begin(), kChainOnlyTypes.end(),
+                                         node.text()) != kChainOnlyTypes.end();
+  node.fail(fmt::format("{}; there are {}",
+                        isOnlyForChains ? "only packed chains have this type" : "unknown type",
+                        names));
 }
 
 std::uint32_t readId(const PortJsonNode &node, std::int64_t most) {
@@ -245,7 +249,7 @@ const PortFieldDefinition *PortStructDefinition::find(std::string_view field) co
 PortDefinitions::PortDefinitions(const std::string &name, std::string_view json) {
   const PortJsonText document(name, json);
   const PortJsonNode top(document);
-  top.refuseKeys({"root"}, kIsGraph);
+  refuseGraph(top);
   top.refuseKeys({"pointers"}, kIsForChains);
   top.requireKeys({"structures"});
   const std::vector<PortJsonNode> nodes = top.at("structures").elements();
@@ -259,7 +263,7 @@ PortDefinitions::PortDefinitions(const std::string &name, std::string_view json)
 // Before the fields, which may name any structure.
 void PortDefinitions::addStructures(const std::vector<PortJsonNode> &nodes) {
   for (const PortJsonNode &node : nodes) {
-    node.refuseKeys({"label"}, kIsGraph);
+    refuseGraphStructure(node);
     node.refuseKeys({"segment", "next"}, kIsForChains);
     node.requireKeys({"id", "name", "length", "countField", "countIsLength", "fields"});
     auto made = std::make_unique<PortStructDefinition>();

@@ -114,10 +114,12 @@ const MadeStructure &GraphMaker::run() {
 
 // Storage for all before the fields: pointers may name any structure.
 void GraphMaker::addStructures() {
+  refuseDefinitions(top_);
   // "notes" come from --check, "selection" from a filter.
   top_.requireKeys({"root", "structures", "notes", "selection"});
   std::int64_t total = 0;
   for (const PortJsonNode &node : top_.at("structures").elements()) {
+    refuseDefinition(node);
     node.requireKeys({"label", "structure", "fields"});
     const PortJsonNode named = node.at("structure");
     const PortStructDefinition *definition = definitions_.find(

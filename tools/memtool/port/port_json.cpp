@@ -46,12 +46,13 @@ std::string lineAt(std::string_view text, std::size_t offset) {
                      columnsOf(before.substr(start)) + 1);
 }
 
-// Offset after the string at `at`.
+// Offset after the string at `at`. A quote after an odd number of backslashes is part of it.
 std::size_t afterString(std::string_view json, std::size_t at) {
-  for (++at; at < json.size() && json[at] != '"'; ++at) {
-    if (json[at] == '\\') ++at;
+  for (std::size_t end = json.find('"', at + 1); end < json.size(); end = json.find('"', end + 1)) {
+    const std::size_t before = json.find_last_not_of('\\', end - 1);
+    if ((end - before) % 2 == 1) return end + 1;
   }
-  return std::min(at + 1, json.size());
+  return json.size();
 }
 
 enum class Token { Key, Value, End };
@@ -81,11 +82,31 @@ void forEachToken(std::string_view json, Use use) {
   }
 }
 
-std::size_t countOfValues(std::string_view json) {
+// Of all objects of a JSON text.
+std::size_t countOfMembers(std::string_view json) {
   std::size_t count = 0;
-  forEachToken(json, [&](Token token, std::size_t, std::size_t) {
-    if (token == Token::Value) ++count;
-  });
+  for (std::size_t at = 0; at < json.size();) {
+    if (json[at] == '"') {
+      at = afterString(json, at);
+    } else if (json[at++] == ':') {
+      ++count;
+    }
+  }
+  return count;
+}
+
+// Of all objects of a document.
+std::size_t countOfMembers(const PortJson &document) {
+  std::size_t count = 0;
+  std::vector<const PortJson *> waiting{&document};
+  while (!waiting.empty()) {
+    const PortJson &next = *waiting.back();
+    waiting.pop_back();
+    if (next.is_object()) count += next.size();
+    for (const PortJson &element : next) {
+      if (element.is_structured()) waiting.push_back(&element);
+    }
+  }
   return count;
 }
 
@@ -173,6 +194,9 @@ std::optional<Number> wholeNumber(const PortJson &json) {
   return isWhole ? std::optional<Number>(value) : std::nullopt;
 }
 
+constexpr std::string_view kIsGraph = "this is a graph, not definitions";
+constexpr std::string_view kIsDefinitions = "these are definitions, not a graph";
+
 }  // namespace
 
 PortJsonText::PortJsonText(std::string name, std::string_view text)
@@ -189,12 +213,10 @@ PortJsonText::PortJsonText(std::string name, std::string_view text)
   refuseRepeatedKeys();
 }
 
-// The document has only the last one of the values with the same key, so it has fewer values than
-// the text.
+// The document has only the last one of the values with the same key, so its objects have fewer
+// members than those of the text. Counting them takes little time compared with parsing.
 void PortJsonText::refuseRepeatedKeys() const {
-  std::size_t count = 0;
-  forEachValue(document_, [&](const PortJson &) { ++count; });
-  if (count == countOfValues(text_)) return;
+  if (countOfMembers(document_) == countOfMembers(text_)) return;
   const RepeatedKey repeated(text_);
   throw ToolError(fmt::format("{}the key {} appears a second time ({})", repeated.place(name_),
                               inQuotes(repeated.key(), 40),
@@ -304,6 +326,27 @@ std::uint64_t PortJsonNode::unsignedNumber() const {
 bool PortJsonNode::flag() const {
   if (!json_->is_boolean()) fail("expected true or false");
   return json_->get<bool>();
+}
+
+void refuseDefinitions(const PortJsonNode &top) {
+  top.refuseKeys({"file"},
+                 "this JSON was written without --defs, or with --check; a graph is written by "
+                 "--defs DEFS.json --json");
+  top.refuseKeys({"pointers"}, kIsDefinitions);
+}
+
+void refuseDefinition(const PortJsonNode &structure) {
+  structure.refuseKeys({"id", "name", "length", "segment", "next", "countField", "countIsLength"},
+                       kIsDefinitions);
+}
+
+void refuseGraph(const PortJsonNode &top) {
+  top.refuseKeys({"file"}, "this is JSON on a file, not definitions");
+  top.refuseKeys({"root", "selection", "notes", "faults"}, kIsGraph);
+}
+
+void refuseGraphStructure(const PortJsonNode &structure) {
+  structure.refuseKeys({"label", "structure"}, kIsGraph);
 }
 
 std::string portTextOf(const PortJsonNode &node) {

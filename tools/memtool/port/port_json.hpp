@@ -1,6 +1,7 @@
 // Reading of JSON that a user wrote. Mistakes are reported with their place.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
@@ -34,11 +35,13 @@ class PortJsonText {
 };
 
 // What unknown keys show.
-inline constexpr std::string_view kIsGraph = "this is a graph, not definitions";
 inline constexpr std::string_view kIsForChains =
     "these definitions are for packed chains, not for port strings";
 inline constexpr std::string_view kIsForPortStrings =
     "these definitions are for port strings, not for packed chains";
+// Types that fields of port strings do not have.
+inline constexpr std::array<std::string_view, 4> kChainOnlyTypes{"SByte", "UByte", "Float",
+                                                                 "Double"};
 
 // A value within a document, which must outlive it. A value that does not have the wanted form is
 // a ToolError that names the place: "defs.json: structures[0].id: … (line 3, column 12)".
@@ -79,6 +82,14 @@ class PortJsonNode {
   std::string place_;
   const char *separator_;  // before a member's name
 };
+
+// Where a graph is expected: fail for a key that only definitions have, in the document and in one
+// of its structures.
+void refuseDefinitions(const PortJsonNode &top);
+void refuseDefinition(const PortJsonNode &structure);
+// Where definitions are expected: fail for a key that only graphs have.
+void refuseGraph(const PortJsonNode &top);
+void refuseGraphStructure(const PortJsonNode &structure);
 
 // The forms that writePortValue writes. `node` holds text, {"hex": …} or {"units": […]}.
 std::string portTextOf(const PortJsonNode &node);

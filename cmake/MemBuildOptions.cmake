@@ -54,7 +54,7 @@ endif()
 
 # Options for files that run in other people's processes: what the loader resolves is read-only after
 # loading, no page is both writable and executable, addresses are random, and indirect calls end at
-# landing pads. Linked privately by each shipped file and by the static libraries in it.
+# landing pads. Linked privately by each shipped file and by the library of memtool's parts.
 add_library(mem_hardened INTERFACE)
 if(MINGW)
   target_link_options(mem_hardened INTERFACE

@@ -63,7 +63,9 @@ void HashIndex::noteWalked(const CallFrame &frame, MEMHashCtlBlk &ctl,
   if (isLost) forget(frame, &ctl);  // the lost index may be this thread's
   const bool isFull = ctl.WalkedNodes == kMostWalkedNodes;
   if (!isFull) ++ctl.WalkedNodes;
-  if (isFull || (passed >= kLongestWalkedChain && !isLost)) make(frame, ctl);
+  const bool isSmall = ctl.WalkedNodes <= kFewNodes;
+  const bool isLong = passed >= (isSmall ? kLongestWalkedChain : kLongestOfMany);
+  if (isFull || (isLong && !isLost)) make(frame, ctl);
 }
 
 void HashIndex::make(const CallFrame &frame, MEMHashCtlBlk &ctl) noexcept {

@@ -29,7 +29,10 @@
 namespace memlib {
 
 // The chains of a table are walked, without any storage calls, while they are up to this long ...
-inline constexpr std::uint32_t kLongestWalkedChain = 16;
+inline constexpr std::uint32_t kLongestWalkedChain = 64;
+// ... or, once the table has more than a few nodes, up to this long ...
+inline constexpr std::uint32_t kLongestOfMany = 16;
+inline constexpr std::uint16_t kFewNodes = 128;
 // ... and the table has at most this many nodes. The port string writer has many buckets, and many
 // short chains spread over storage take as long to walk as one long chain.
 inline constexpr std::uint16_t kMostWalkedNodes = 2048;

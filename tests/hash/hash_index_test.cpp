@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::int16_t kDuplicate = 4033;
 constexpr std::int16_t kNotFound = 4034;
-constexpr std::size_t kLongestWalked = 16;
+constexpr std::size_t kLongestWalked = 64;
 
 struct Record {
   std::uint64_t value;
@@ -156,15 +156,31 @@ class Areas {
   std::uint16_t subPool_;
 };
 
-TEST_F(HashIndexTest, ChainsUpTo16NodesObtainNothing) {
+TEST_F(HashIndexTest, ChainsUpTo64NodesObtainNothing) {
   const Areas areas(host, kSubPool);
   open();
   const std::uint64_t before = areas.obtained();
   for (std::uint64_t i = 0; i < kLongestWalked; ++i) insert(0x1000 + 256 * i);
   EXPECT_EQ(areas.obtained(), before);
   insert(0x1000 + 256 * kLongestWalked);
-  EXPECT_EQ(areas.obtained(), before + 1) << "the chain has grown past 16";
+  EXPECT_EQ(areas.obtained(), before + 1) << "the chain has grown past 64";
   expectChains();
+}
+
+// The index comes with the 17th node of a chain, if it is at least the 129th of the table.
+TEST_F(HashIndexTest, ChainsUpTo16NodesOfMoreThan128ObtainNothing) {
+  for (const std::uint64_t others : {111U, 112U}) {
+    for (std::vector<std::uint64_t> &chain : chains) chain.clear();
+    open();
+    for (std::uint64_t i = 0; i < others; ++i) insert(0x1002 + 2 * (i % 7) + 256 * (i / 7));
+    for (std::uint64_t i = 0; i < 16; ++i) insert(0x1000 + 256 * i);
+    EXPECT_EQ(env().pMemThreadBlk->pHashIndexes, nullptr);
+    insert(0x1000 + 256 * 16);
+    EXPECT_EQ(env().pMemThreadBlk->pHashIndexes != nullptr, others == 112);
+    for (std::uint64_t i = 0; i <= 16; ++i) expectKnown(0x1000 + 256 * i);
+    expectChains();
+    close();
+  }
 }
 
 TEST_F(HashIndexTest, ManyShortChainsObtainNothingUpTo2048Nodes) {

@@ -52,8 +52,8 @@ inline char *putReversed(char *pTo, std::uint64_t value) noexcept {
 
 // Appends characters. A caller may also write them itself: at most room() characters from next()
 // on, then advanceTo() the address after them. Bytes stored after that address are scratch, so
-// short texts can be stored as whole words. A chunk's Used is updated when the chunk is full and by
-// noteUsed().
+// digits and the characters before a value can be stored as whole blocks. A chunk's Used is updated
+// when the chunk is full and by noteUsed().
 class PortOutput {
  public:
   // Scratch characters that may be stored after the appended ones.

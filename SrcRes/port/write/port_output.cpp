@@ -71,13 +71,6 @@ bool PortOutput::appendAcross(std::string_view text) noexcept {
   return true;
 }
 
-bool PortOutput::appendReversedAcross(bool isNegative, std::uint64_t magnitude) noexcept {
-  if (isNegative && !append('-')) return false;
-  char digits[kMostStoredDigits];
-  const char *pEnd = putReversed(digits, magnitude);
-  return appendAcross(std::string_view(digits, static_cast<std::size_t>(pEnd - digits)));
-}
-
 void PortOutput::clearSpill() noexcept {
   if (pCurrent_ != nullptr) std::memset(pNext_, 0, std::min(kSpill, room()));
 }

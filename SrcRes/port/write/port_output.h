@@ -16,8 +16,10 @@ namespace memlib {
 
 // Numbers are decimal, least significant digit first, 0 as nothing.
 
-// Characters that putReversed may store, including those after the end that it returns.
+// Characters that putReversed may store, including those after the end that it returns, and that
+// putSigned may store.
 inline constexpr std::size_t kMostStoredDigits = 24;
+inline constexpr std::size_t kMostStoredNumber = 1 + kMostStoredDigits;
 
 // Three digits of a number below 1000, and how many of them the number needs.
 struct ThreeDigits {
@@ -50,6 +52,16 @@ inline char *putReversed(char *pTo, std::uint64_t value) noexcept {
   return pTo + last.length;
 }
 
+// The same with a sign. Without a branch, because signs are unpredictable. Negation in unsigned
+// arithmetic is right for the most negative value, too. REQUIRES: room for kMostStoredNumber
+// characters.
+inline char *putSigned(char *pTo, std::int64_t value) noexcept {
+  const auto bits = static_cast<std::uint64_t>(value);
+  const std::uint64_t isNegative = bits >> 63;
+  *pTo = '-';
+  return putReversed(pTo + isNegative, (bits ^ (0 - isNegative)) + isNegative);
+}
+
 // Appends characters. A caller may also write them itself: at most room() characters from next()
 // on, then advanceTo() the address after them. Bytes stored after that address are scratch, so
 // digits and the characters before a value can be stored as whole blocks. A chunk's Used is updated
@@ -64,7 +76,11 @@ class PortOutput {
 
   // Where the current chunk continues, and the room left in it.
   char *next() const noexcept { return pNext_; }
-  std::size_t room() const noexcept { return static_cast<std::size_t>(pEnd_ - pNext_); }
+  std::size_t room() const noexcept { return roomAt(pNext_); }
+  // The room from a later place in the current chunk on.
+  std::size_t roomAt(const char *pTo) const noexcept {
+    return static_cast<std::size_t>(pEnd_ - pTo);
+  }
   void advanceTo(char *pNext) noexcept { pNext_ = pNext; }
 
   // Appends text. False, with the part that fits appended, when no further chunk can be allocated
@@ -81,32 +97,15 @@ class PortOutput {
     return true;
   }
 
-  // Appends the first `length` characters of a block. Stores the whole block if there is room.
-  using Block = char[kSpill];
-  bool appendBlock(const Block &block, std::size_t length) noexcept {
-    if (room() < kSpill) return appendAcross(std::string_view(block, length));
-    std::memcpy(pNext_, block, kSpill);
-    pNext_ += length;
-    return true;
-  }
-
   // Appends a number, least significant digit first; 0 appends nothing.
   bool appendReversed(std::uint64_t value) noexcept {
-    if (room() < kMostStoredDigits) return appendReversedAcross(false, value);
-    pNext_ = putReversed(pNext_, value);
-    return true;
+    char digits[kMostStoredDigits];
+    return append(std::string_view(digits, putReversed(digits, value)));
   }
   // The same with a sign.
   bool appendSigned(std::int64_t value) noexcept {
-    // Without a branch, because signs are unpredictable. Negation in unsigned arithmetic is right
-    // for the most negative value, too.
-    const auto bits = static_cast<std::uint64_t>(value);
-    const std::uint64_t isNegative = bits >> 63;
-    const std::uint64_t magnitude = (bits ^ (0 - isNegative)) + isNegative;
-    if (room() < 1 + kMostStoredDigits) return appendReversedAcross(isNegative != 0, magnitude);
-    *pNext_ = '-';
-    pNext_ = putReversed(pNext_ + isNegative, magnitude);
-    return true;
+    char digits[kMostStoredNumber];
+    return append(std::string_view(digits, putSigned(digits, value)));
   }
 
   MEMPortChunk *first() const noexcept { return pFirst_; }
@@ -130,7 +129,6 @@ class PortOutput {
   // Out of line, so that the usual paths stay short.
   MEM_NOINLINE bool addChunk() noexcept;
   MEM_NOINLINE bool appendAcross(std::string_view text) noexcept;
-  MEM_NOINLINE bool appendReversedAcross(bool isNegative, std::uint64_t magnitude) noexcept;
   MEMPortChunk *obtainChunk() const noexcept;
   void begin(MEMPortChunk *pChunk) noexcept;
 

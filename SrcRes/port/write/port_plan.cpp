@@ -43,7 +43,7 @@ FixedText prefixOf(const MEMFieldDef &field, std::string_view before) noexcept {
 }
 
 FieldStep stepOf(std::string_view prefix, const MEMFieldDef *pField, std::int32_t offset,
-                 std::uint8_t type) noexcept {
+                 std::int16_t type) noexcept {
   MEM_ASSERT(prefix.size() <= sizeof FieldStep::prefix);
   FieldStep step{.prefix = {},
                  .pField = pField,
@@ -110,7 +110,7 @@ void PortPlans::addField(const MEMFieldDef &field, std::string_view before) noex
 }
 
 void PortPlans::addFixed(std::string_view text) noexcept {
-  addStep(stepOf(text, nullptr, 0, 0));
+  addStep(stepOf(text, nullptr, 0, FieldStep::kNoField));
 }
 
 }  // namespace memlib

@@ -21,10 +21,12 @@ namespace memlib {
 // structure's own characters before and after its fields are steps as well; those before the fields
 // are joined with the first field's if there is room for both.
 struct FieldStep {
+  static constexpr std::int16_t kNoField = -1;
+
   char prefix[16];
   const MEMFieldDef *pField;  // null when there is none
   std::int32_t offset;
-  std::uint8_t type;  // the field's; 0 when there is none
+  std::int16_t type;  // the field's, or kNoField
   std::uint8_t prefixLen;
 };
 

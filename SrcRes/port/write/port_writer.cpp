@@ -4,6 +4,7 @@
 #include "hash/owned_table.h"
 #include "heap/heapblocks.h"
 #include "platform/platform.h"
+#include "port/write/fast_steps.h"
 #include "port/write/to_text.h"
 
 namespace memlib {
@@ -112,12 +113,13 @@ std::int16_t PortWriter::start() noexcept {
   return 0;
 }
 
-inline std::int16_t PortWriter::writeStructure(const MEMPortRef &ref, int nesting) noexcept {
+// Inlined, with the steps of most structures, into the loop over all structures.
+MEM_INLINE std::int16_t PortWriter::writeStructure(const MEMPortRef &ref, int nesting) noexcept {
   const StructPlan *pPlan = plans_.find(ref.StructID);
   if (pPlan == nullptr) return writeUnplanned(ref, nesting);
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
   if (!pPlan->head.empty()) return writeCounted(*pPlan, pStruct, nesting);
-  return writeSteps(*pPlan->pDef, pPlan->fields, pStruct, nesting);
+  return writeStepsFast(*pPlan->pDef, pPlan->fields, pStruct, nesting);
 }
 
 // The queue grows at its tail while it is walked: structures are written in the order in which
@@ -176,22 +178,24 @@ std::int16_t PortWriter::writeCounted(const StructPlan &plan, const std::byte *p
   return status == 0 ? append(">)") : status;
 }
 
-// Writes a row of steps. The characters of each step are appended before its field is read, because
-// the read may fault.
+// The steps of other rows.
 std::int16_t PortWriter::writeSteps(const MEMStructDef &def, StructPlan::Row row,
                                     const std::byte *pStruct, int nesting) noexcept {
-  for (const FieldStep &step : row) {
-    std::int16_t status = checked(output_.appendBlock(step.prefix, step.prefixLen));
-    if (status == 0) status = writeValue(def, step, pStruct + step.offset, nesting);
-    if (status != 0) return status;
-  }
-  return 0;
+  return writeStepsFast(def, row, pStruct, nesting);
+}
+
+MEM_NOINLINE std::int16_t PortWriter::writeStep(const MEMStructDef &def, const FieldStep &step,
+                                                const std::byte *pField, int nesting) noexcept {
+  const std::int16_t status = append(std::string_view(step.prefix, step.prefixLen));
+  return status == 0 ? writeValue(def, step, pField, nesting) : status;
 }
 
 // Writes numbers, pointers and embedded structures; a converter writes all other values.
-inline std::int16_t PortWriter::writeValue(const MEMStructDef &def, const FieldStep &step,
-                                           const std::byte *pField, int nesting) noexcept {
+MEM_NOINLINE std::int16_t PortWriter::writeValue(const MEMStructDef &def, const FieldStep &step,
+                                                 const std::byte *pField, int nesting) noexcept {
   switch (step.type) {
+    case FieldStep::kNoField:
+      return 0;
     case MEM_PORT_SHORT:
       return checked(output_.appendSigned(loadAs<std::int16_t>(pField)));
     case MEM_PORT_USHORT:
@@ -226,12 +230,11 @@ inline std::int16_t PortWriter::writeValue(const MEMStructDef &def, const FieldS
       if (step.pField->Length != 1) return reportField(def, step);
       return ported(appendBit(output_, pField), def, step);
     default:
-      return step.pField == nullptr ? std::int16_t{0} : report(kPointType, "Unknown field type!");
+      return report(kPointType, "Unknown field type!");
   }
 }
 
-inline std::int16_t PortWriter::writePointer(const MEMFieldDef &field,
-                                             const void *pTarget) noexcept {
+std::int16_t PortWriter::writePointer(const MEMFieldDef &field, const void *pTarget) noexcept {
   if (const std::int16_t status = append('S'); status != 0) return status;
   if (pTarget == nullptr) return 0;
   MEMPortRef *pRef = nullptr;
@@ -297,8 +300,8 @@ std::int16_t PortWriter::writeFields(const MEMStructDef &def, const std::byte *p
   return 0;
 }
 
-std::int16_t PortWriter::writeEmbedded(const MEMFieldDef &field, const std::byte *pField,
-                                       int nesting) noexcept {
+MEM_NOINLINE std::int16_t PortWriter::writeEmbedded(const MEMFieldDef &field,
+                                                    const std::byte *pField, int nesting) noexcept {
   if (nesting == MEM_PORT_MAX_NESTING) return -1;
   if (const std::int16_t status = append('E'); status != 0) return status;
   const MEMPortRef embedded{

@@ -62,6 +62,17 @@ class PortWriter {
   std::int16_t writeCounted(const StructPlan &plan, const std::byte *pStruct, int nesting) noexcept;
   std::int16_t writeSteps(const MEMStructDef &def, StructPlan::Row row, const std::byte *pStruct,
                           int nesting) noexcept;
+  // The fast way to write steps (fast_steps.h).
+  std::int16_t writeStepsFast(const MEMStructDef &def, StructPlan::Row row,
+                              const std::byte *pStruct, int nesting) noexcept;
+  std::int16_t putValue(char *&pTo, const MEMStructDef &def, const FieldStep &step,
+                        const std::byte *pField, int nesting) noexcept;
+  std::int16_t putPointer(char *&pTo, const MEMFieldDef &field, const void *pTarget) noexcept;
+  std::int16_t putText(char *&pTo, const MEMStructDef &def, const FieldStep &step,
+                       const char *pText) noexcept;
+  // The plain way: writes a step regardless of the room in the chunk.
+  std::int16_t writeStep(const MEMStructDef &def, const FieldStep &step, const std::byte *pField,
+                         int nesting) noexcept;
   std::int16_t writeCount(const MEMStructDef &def, const std::byte *pStruct,
                           std::uint32_t &elements) noexcept;
   std::int16_t writeFields(const MEMStructDef &def, const std::byte *pStruct,

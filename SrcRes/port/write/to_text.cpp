@@ -1,10 +1,8 @@
 #include "port/write/to_text.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "base/bytes.h"
-#include "platform/check.h"
 #include "platform/textscan.h"
 #include "port/words.h"
 
@@ -100,20 +98,12 @@ std::size_t highSurrogates(const WideView &text) noexcept {
   return count;
 }
 
-// The same, optimised for text that is mainly plain: copies while it scans.
+// As appendEscaped, optimised for text that is mainly plain: copies while it scans.
 // REQUIRES: no zeros in it.
-inline bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
-  MEM_ASSERT(text.find('\0') == std::string_view::npos);
-  constexpr std::size_t kQuotes = 2;
-  char *pTo = output.next();
-  const bool isCopied =
-      output.room() >= text.size() + kQuotes &&
-      copyPlain(reinterpret_cast<std::byte *>(pTo + 1), text.data(), text.size(), '"');
-  if (!isCopied) return appendEscaped(output, text);
-  char *pEnd = pTo + 1 + text.size();
-  *pTo = '"';
-  *pEnd = '"';
-  output.advanceTo(pEnd + 1);
+bool appendQuoted(PortOutput &output, std::string_view text) noexcept {
+  char *pEnd = output.room() < text.size() + kQuotesLen ? nullptr : putQuoted(output.next(), text);
+  if (pEnd == nullptr) return appendEscaped(output, text);
+  output.advanceTo(pEnd);
   return true;
 }
 
@@ -130,8 +120,10 @@ bool appendCharSZ(PortOutput &output, std::int32_t length, const std::byte *pFie
 
 bool appendPStr(PortOutput &output, const char *pText) noexcept {
   if (!output.append('X')) return false;
-  if (pText == nullptr) return true;
-  const std::string_view text(pText);
+  return pText == nullptr || appendText(output, pText);
+}
+
+bool appendText(PortOutput &output, std::string_view text) noexcept {
   return output.appendReversed(text.size()) && appendQuoted(output, text);
 }
 

@@ -89,12 +89,6 @@ class HashIndex : public ThreadArea, public KeyLookahead {
   };
   Slot *slotOf(const void *pKey) const noexcept { return slotOf(loadAs<std::uint64_t>(pKey)); }
 
-  // The node with the key, or null when only a walk can decide whether there is one.
-  HashNode *nodeWith(const MEMHashCtlBlk &ctl, const void *pKey) const noexcept {
-    const Slot *pSlot = slotOf(pKey);
-    return pSlot->pNode != nullptr && stillHolds(ctl, *pSlot) ? pSlot->pNode : nullptr;
-  }
-
   // True when the node in a slot that is not free still has its key.
   static bool stillHolds(const MEMHashCtlBlk &ctl, const Slot &noted) noexcept {
     return keyOf(ctl, noted.pNode) == noted.key;

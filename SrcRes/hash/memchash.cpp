@@ -47,6 +47,12 @@ std::int16_t finishNested(CallFrame &frame, const char *pExitText) noexcept {
   return frame.finish(-1);
 }
 
+std::int16_t finishDuplicate(CallFrame &frame, HashNode *pNode, void **ppEntry) noexcept {
+  *ppEntry = pNode->record();
+  frame.traceExit("Return=MEMERR_HASHDKEY");
+  return frame.finish(MEMERR_HASHDKEY);
+}
+
 bool isIndex(const MEMHashCtlBlk &ctl, std::int16_t index) noexcept {
   return index >= 0 && index <= ctl.Max;
 }
@@ -86,29 +92,42 @@ ChainLink findLink(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noe
   });
 }
 
+// What the table's index knows of a key, until the table changes or loses the index. This and the
+// result of locate() would be returned in storage, so both functions are inlined.
+struct Indexed {
+  HashIndex *pIndex;       // null without an index
+  HashIndex::Slot *pSlot;  // the key's; null without an index
+  HashNode *pNode;         // has the key; null when the index knows of no such node
+};
+
+MEM_INLINE Indexed askIndex(const CallFrame &frame, const MEMHashCtlBlk &ctl,
+                            const void *pKey) noexcept {
+  HashIndex *pIndex = HashIndex::of(frame, ctl);
+  if (pIndex == nullptr) return {};
+  HashIndex::Slot *pSlot = pIndex->slotOf(pKey);
+  const bool isKnown = pSlot->pNode != nullptr && HashIndex::stillHolds(ctl, *pSlot);
+  return {pIndex, pSlot, isKnown ? pSlot->pNode : nullptr};
+}
+
 // The place of a key for an insert.
 struct InsertPlace {
-  HashNode *pEqual;   // has the key; the other members are for a key that no node has
-  HashNode **ppLast;  // the null link at the chain's end
-  HashIndex *pIndex;  // the index if it found the place, else null
-  HashIndex::Slot *pSlot;
+  HashNode *pEqual;      // has the key; the other members are for a key that no node has
+  HashNode **ppLast;     // the null link at the chain's end
+  bool isFromIndex;      // the index found the place
   std::uint32_t passed;  // nodes of the chain, if it was walked
 };
 
-// Asks the index if it can answer; drops an index that cannot.
-InsertPlace locate(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t index,
-                   const void *pKey) noexcept {
-  if (HashIndex *pIndex = HashIndex::of(frame, ctl)) {
-    HashIndex::Slot *pSlot = pIndex->slotOf(pKey);
-    if (pSlot->pNode != nullptr) {
-      if (pIndex->stillHolds(ctl, *pSlot)) return {pSlot->pNode, nullptr, nullptr, nullptr, 0};
-    } else if (pIndex->stillEnds(ctl, index)) {
-      return {nullptr, pIndex->endOf(ctl, index), pIndex, pSlot, 0};
-    }
+// For a key that askIndex() has not found. Walks the chain unless the index shows that the key is
+// not in the bucket; drops an index that cannot answer.
+MEM_INLINE InsertPlace locate(const CallFrame &frame, MEMHashCtlBlk &ctl, std::int16_t index,
+                              const void *pKey, const Indexed &indexed) noexcept {
+  if (indexed.pIndex != nullptr && indexed.pSlot->pNode == nullptr &&
+      indexed.pIndex->stillEnds(ctl, index)) {
+    return {nullptr, indexed.pIndex->endOf(ctl, index), true, 0};
   }
   HashIndex::lose(frame, ctl);
   const ChainLink link = findLink(ctl, index, pKey);
-  return {*link.ppNode, link.ppNode, nullptr, nullptr, link.passed};
+  return {*link.ppNode, link.ppNode, false, link.passed};
 }
 
 // MemHashAllocEntry: a node with a null link for a record of `Len` bytes, or null with the heap's
@@ -188,22 +207,21 @@ std::int16_t MEM_HashInsEntry(HMEMHASH hMemHash, std::int16_t Len, const void *p
   if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::composed);
   MEMHashCtlBlk &ctl = *table(hMemHash);
   const void *pKey = keyIn(ctl, pInputEntry);
+  // A key in an index has a valid bucket: the owner's hash function returned it before.
+  const Indexed indexed = askIndex(frame, ctl, pKey);
+  if (indexed.pNode != nullptr) return finishDuplicate(frame, indexed.pNode, ppNewEntry);
   const std::int16_t index = ctl.pFunc(pKey);
   if (!isIndex(ctl, index)) return failIndex(frame, index);
 
-  const InsertPlace place = locate(frame, ctl, index, pKey);
-  if (place.pEqual != nullptr) {
-    *ppNewEntry = place.pEqual->record();
-    frame.traceExit("Return=MEMERR_HASHDKEY");
-    return frame.finish(MEMERR_HASHDKEY);
-  }
+  const InsertPlace place = locate(frame, ctl, index, pKey, indexed);
+  if (place.pEqual != nullptr) return finishDuplicate(frame, place.pEqual, ppNewEntry);
   HashNode *pNode = allocateEntry(ctl, Len);
   if (pNode == nullptr) return finishNested(frame, "MemHashAllocEntry Return=FAILED");
   copyBytes(pNode->record(), pInputEntry, static_cast<std::size_t>(Len));
   *place.ppLast = pNode;  // at the end: a bucket keeps the order of insertion
   *ppNewEntry = pNode->record();
-  if (place.pIndex != nullptr) {
-    HashIndex::add(frame, ctl, place.pIndex, place.pSlot, index, pNode);
+  if (place.isFromIndex) {
+    HashIndex::add(frame, ctl, indexed.pIndex, indexed.pSlot, index, pNode);
   } else {
     HashIndex::noteWalked(frame, ctl, place.passed);
   }
@@ -216,10 +234,8 @@ std::int16_t MEM_HashGetEntry(HMEMHASH hMemHash, const void *pKey, void **ppEntr
   frame.traceEntry("Parms: hMemHash=%lX, pKey=%lX", hMemHash, pKey);
   if (!isTable(hMemHash)) return failHandle(frame, hMemHash, Wording::composed);
   MEMHashCtlBlk &ctl = *table(hMemHash);
-  const HashIndex *pIndex = HashIndex::of(frame, ctl);
-  HashNode *pNode = pIndex == nullptr ? nullptr : pIndex->nodeWith(ctl, pKey);
+  HashNode *pNode = askIndex(frame, ctl, pKey).pNode;  // without the hash function, as in an insert
   if (pNode == nullptr) {
-    // A key in an index has a valid bucket: the owner's hash function returned it before.
     const std::int16_t index = ctl.pFunc(pKey);
     if (!isIndex(ctl, index)) return failIndex(frame, index);
     pNode = *findLink(ctl, index, pKey).ppNode;

@@ -17,17 +17,6 @@ void copyText(char *pTo, std::size_t room, const char *pFrom) noexcept {
   pTo[length] = '\0';
 }
 
-CallFrame::CallFrame(const EntryPoint &entryPoint, ErrorArea errorArea) noexcept
-    : entryPoint_(entryPoint) {
-  frame_.pName = entryPoint.traceName;
-  runtimeServices().EnterFrame(&frame_, MEM_COMPONENT);
-  if (errorArea == ErrorArea::clear) clearErrorArea();
-}
-
-void CallFrame::clearErrorArea() noexcept {
-  if (frame_.pThreadEnv != nullptr) binding.clearErrorArea(frame_.pThreadEnv->Error);
-}
-
 MEMTraceBuf *CallFrame::traceBuffer() const noexcept {
   return frame_.pThreadEnv == nullptr ? nullptr : frame_.pThreadEnv->pTraceBuf;
 }

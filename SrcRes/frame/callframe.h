@@ -83,7 +83,12 @@ auto widened(T value) noexcept {
 
 class CallFrame {
  public:
-  CallFrame(const EntryPoint &entryPoint, ErrorArea errorArea) noexcept;
+  // Here, so that it is inlined into each entry point.
+  CallFrame(const EntryPoint &entryPoint, ErrorArea errorArea) noexcept : entryPoint_(entryPoint) {
+    frame_.pName = entryPoint.traceName;
+    runtimeServices().EnterFrame(&frame_, MEM_COMPONENT);
+    if (errorArea == ErrorArea::clear) clearErrorArea();
+  }
   ~CallFrame() noexcept { runtimeServices().LeaveFrame(&frame_, MEM_COMPONENT); }
   CallFrame(const CallFrame &) = delete;
   CallFrame &operator=(const CallFrame &) = delete;
@@ -100,7 +105,9 @@ class CallFrame {
   MEMThreadEnv *thread() const noexcept { return frame_.pThreadEnv; }
 
   // For entry points that get the anchor before they clear the error area.
-  void clearErrorArea() noexcept;
+  void clearErrorArea() noexcept {
+    if (frame_.pThreadEnv != nullptr) binding.clearErrorArea(frame_.pThreadEnv->Error);
+  }
 
   // Trace lines. A text without arguments is copied, never formatted.
   template <class... Args>

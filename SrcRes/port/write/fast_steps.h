@@ -51,9 +51,9 @@ MEM_INLINE std::int16_t PortWriter::writeStepsFast(const MEMStructDef &def, Stru
   return 0;
 }
 
-// The functions below move `pTo`, up to where the output has been advanced, to the address after
-// the value. When they fail, only the output knows where the text ends. REQUIRES: room for a letter
-// and a number.
+// The functions below append a value at `pTo` and move `pTo` to the address after it; when they
+// fail, output_.next() is the end of the text. REQUIRES: pTo is output_.next(), with room for a
+// letter and a number.
 
 MEM_INLINE std::int16_t PortWriter::putValue(char *&pTo, const MEMStructDef &def,
                                              const FieldStep &step, const std::byte *pField,

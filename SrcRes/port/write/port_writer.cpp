@@ -178,7 +178,7 @@ std::int16_t PortWriter::writeCounted(const StructPlan &plan, const std::byte *p
   return status == 0 ? append(">)") : status;
 }
 
-// The steps of other rows.
+// Out of line, for structures with a count or without a plan.
 std::int16_t PortWriter::writeSteps(const MEMStructDef &def, StructPlan::Row row,
                                     const std::byte *pStruct, int nesting) noexcept {
   return writeStepsFast(def, row, pStruct, nesting);

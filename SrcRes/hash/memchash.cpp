@@ -79,16 +79,19 @@ ChainLink walkChain(MEMHashCtlBlk &ctl, std::int16_t index, IsEqual isEqual) noe
   return link;
 }
 
-// Keys of 8 bytes are compared as one word.
-ChainLink findLink(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexcept {
-  if (ctl.KeyLen == sizeof(std::uint64_t)) {
-    const auto key = loadAs<std::uint64_t>(pKey);
-    return walkChain(ctl, index, [&ctl, key](const void *pRecord) noexcept {
-      return loadAs<std::uint64_t>(keyIn(ctl, pRecord)) == key;
-    });
-  }
+MEM_NOINLINE ChainLink findByBytes(MEMHashCtlBlk &ctl, std::int16_t index,
+                                   const void *pKey) noexcept {
   return walkChain(ctl, index, [&ctl, pKey](const void *pRecord) noexcept {
     return keysEqual(ctl, pKey, keyIn(ctl, pRecord));
+  });
+}
+
+// Keys of 8 bytes are compared as one word.
+MEM_INLINE ChainLink findLink(MEMHashCtlBlk &ctl, std::int16_t index, const void *pKey) noexcept {
+  if (ctl.KeyLen != sizeof(std::uint64_t)) return findByBytes(ctl, index, pKey);
+  const auto key = loadAs<std::uint64_t>(pKey);
+  return walkChain(ctl, index, [&ctl, key](const void *pRecord) noexcept {
+    return loadAs<std::uint64_t>(keyIn(ctl, pRecord)) == key;
   });
 }
 

@@ -54,13 +54,11 @@ void PortLookahead::askForTexts(const MEMPortRef &ref, const KeyLookahead *pInde
   const StructPlan *pPlan = plans_.find(ref.StructID);
   if (pPlan == nullptr) return;
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
-  for (const FieldStep &step : pPlan->fields) {
-    const std::byte *pField = pStruct + step.offset;
-    if (step.type == MEM_PORT_PSTR) {
-      MEM_PREFETCH(orElse(loadAs<const void *>(pField), pStruct));
-    } else if (step.type == MEM_PORT_PNT && pIndex != nullptr) {
-      pIndex->wantSlot(pField);
-    }
+  for (const std::int32_t offset : pPlan->texts) {
+    MEM_PREFETCH(orElse(loadAs<const void *>(pStruct + offset), pStruct));
+  }
+  if (pIndex != nullptr) {
+    for (const std::int32_t offset : pPlan->pointers) pIndex->wantSlot(pStruct + offset);
   }
   keepOrder();  // compilers drop calls of functions that only prefetch
 }
@@ -69,10 +67,8 @@ void PortLookahead::askForEntries(const MEMPortRef &ref, const KeyLookahead &ind
   const StructPlan *pPlan = plans_.find(ref.StructID);
   if (pPlan == nullptr) return;
   const auto *pStruct = static_cast<const std::byte *>(ref.pStruct);
-  for (const FieldStep &step : pPlan->fields) {
-    if (step.type == MEM_PORT_PNT) {
-      index.wantRecord(pStruct + step.offset, offsetof(MEMPortRef, sequence));
-    }
+  for (const std::int32_t offset : pPlan->pointers) {
+    index.wantRecord(pStruct + offset, offsetof(MEMPortRef, sequence));
   }
 }
 

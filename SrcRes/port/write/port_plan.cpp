@@ -64,7 +64,9 @@ void PortPlans::add(const MEMStructDef &def) noexcept {
   const std::size_t place = def.StructID % kPlaces;
   const std::int32_t usedBefore = stepsInUse_;
   if (ids_[place] != 0 || fieldCount(def) > kMostSteps - kExtraSteps - usedBefore) return;
-  if (make(def, plans_[place])) {
+  if (StructPlan &plan = plans_[place]; make(def, plan)) {
+    plan.texts = offsetsOf(plan.fields, MEM_PORT_PSTR);
+    plan.pointers = offsetsOf(plan.fields, MEM_PORT_PNT);
     ids_[place] = def.StructID;
   } else {
     stepsInUse_ = usedBefore;
@@ -74,7 +76,7 @@ void PortPlans::add(const MEMStructDef &def) noexcept {
 bool PortPlans::make(const MEMStructDef &def, StructPlan &plan) noexcept {
   const std::int32_t count = fieldCount(def);
   const bool isRepeated = hasRepeatField(def) && count > 0 && def.Fields[count - 1].NotPorted == 0;
-  plan = {.pDef = &def, .head = {}, .fields = {}, .repeated = {}};
+  plan = {.pDef = &def, .head = {}, .fields = {}, .repeated = {}, .texts = {}, .pointers = {}};
   const FieldStep *pFirst = nextStep();
   FixedText before = FixedText().add("(").addReversed(def.StructID);
   if (hasRepeatField(def)) {
@@ -98,6 +100,14 @@ bool PortPlans::make(const MEMStructDef &def, StructPlan &plan) noexcept {
   addField(def.Fields[count - 1], before.view());
   plan.repeated = rowFrom(pFirst);
   return true;
+}
+
+StructPlan::Offsets PortPlans::offsetsOf(StructPlan::Row row, std::int16_t type) noexcept {
+  const std::int32_t *pFirst = offsets_ + offsetsInUse_;
+  for (const FieldStep &step : row) {
+    if (step.type == type) offsets_[offsetsInUse_++] = step.offset;
+  }
+  return {pFirst, offsets_ + offsetsInUse_};
 }
 
 // Adds a field. The characters before it get a separate step if there is no room for both.

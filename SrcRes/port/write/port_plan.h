@@ -37,11 +37,14 @@ FieldStep makeStep(const MEMFieldDef &field, std::string_view before) noexcept;
 // The steps of a structure, in consecutive rows.
 struct StructPlan {
   using Row = std::span<const FieldStep>;
+  using Offsets = std::span<const std::int32_t>;
 
   const MEMStructDef *pDef;
-  Row head;      // before the number of elements; empty without one
-  Row fields;    // with the structure's end, unless elements follow
-  Row repeated;  // each element of the repeat field; empty when it is not written
+  Row head;          // before the number of elements; empty without one
+  Row fields;        // with the structure's end, unless elements follow
+  Row repeated;      // each element of the repeat field; empty when it is not written
+  Offsets texts;     // of the fields of type MEM_PORT_PSTR in `fields`
+  Offsets pointers;  // of those of type MEM_PORT_PNT
 };
 
 class PortPlans {
@@ -69,11 +72,15 @@ class PortPlans {
   const FieldStep *nextStep() const noexcept { return steps_ + stepsInUse_; }
   StructPlan::Row rowFrom(const FieldStep *pFirst) const noexcept { return {pFirst, nextStep()}; }
 
+  StructPlan::Offsets offsetsOf(StructPlan::Row row, std::int16_t type) noexcept;
+
   std::uint32_t ids_[kPlaces] = {};  // 0: a free place; no definition has that identifier
   std::int32_t stepsInUse_ = 0;
-  // Left uninitialised: entries that the two members above do not name are never read.
+  std::int32_t offsetsInUse_ = 0;  // no more than steps
+  // Left uninitialised: entries that the members above do not name are never read.
   StructPlan plans_[kPlaces];
   FieldStep steps_[kMostSteps];
+  std::int32_t offsets_[kMostSteps];
 };
 
 }  // namespace memlib

@@ -7,6 +7,11 @@
 #   ./bench.sh
 #   ./bench.sh --page peerbench|workloadbench|checkbench
 #
+# With --against it compares the speed of this tree's library with another build of it: each benchmark
+# of the library runs in processes that take turns (bench/against.py). Writes a table to stdout.
+#
+#   ./bench.sh --against OLD.so [--seconds N] [--rows REGEX]
+#
 # With the name of a benchmark program it runs only that one and writes nothing; further arguments are
 # passed to Google Benchmark (--benchmark_filter=REGEX, --benchmark_repetitions=N, …).
 #
@@ -23,6 +28,12 @@ build=$root/build/bench
 programs=(peerbench workloadbench checkbench)
 if [[ ${1-} == --page ]]; then
   programs=("${2:?--page needs the name of a program: peerbench, workloadbench or checkbench}")
+elif [[ ${1-} == --against ]]; then
+  old=${2:?--against needs the file of a library}
+  shift 2
+  programs=(peerbench workloadbench)
+  "$root/cmake/build-quietly.sh" bench "${programs[@]}"
+  exec "$root/bench/against.py" "$old" "$build/bin/QJ7MEM00.so" "${programs[@]/#/$build/bin/}" "$@"
 elif (($#)); then
   program=$1
   shift

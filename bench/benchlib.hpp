@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 
@@ -10,8 +12,15 @@
 
 namespace bench {
 
+// What is measured: the library next to the program, or what MEM_BENCH_MODULE in the environment
+// names.
+inline std::filesystem::path measuredModule() {
+  const char *override = std::getenv("MEM_BENCH_MODULE");
+  return override == nullptr ? refhost::Library::besideProgram() : override;
+}
+
 inline refhost::Library &library() {
-  static refhost::Library loaded(refhost::Library::besideProgram());
+  static refhost::Library loaded(measuredModule());
   return loaded;
 }
 

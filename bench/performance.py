@@ -105,7 +105,7 @@ def number(value):
 def times(value):
     if value is None:
         return "–"
-    if value < 0.1:
+    if round(value, 2) < 0.1:
         return f"{value:.1g}" if value >= 0.0001 else "0"
     return f"{value:.2f}" if value < 10 else f"{value:,.0f}"
 

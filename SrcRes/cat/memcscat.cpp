@@ -156,8 +156,8 @@ std::int16_t MEM_Cat(MEMCatCB *pCatCB, const char16_t *pText) noexcept {
 std::int16_t MEM_MemCat(MEMCatCB *pCatCB, const char16_t *pText, std::int32_t Len) noexcept {
   CallFrame frame(kMemCat, ErrorArea::clear);
   if (pCatCB == nullptr) return failStorage(frame);
-  if (pText == nullptr) return failAppend(frame, MEMERR_CATSTDSTR, ErrorText(kAppendFailed));
   if (pCatCB->BlkLen >= kMaxStringLen) return failStringSize(frame);
+  if (pText == nullptr) return failAppend(frame, MEMERR_CATSTDSTR, ErrorText(kAppendFailed));
   const auto length = static_cast<std::uint32_t>(Len);  // negative: longer than any text
   const std::uint64_t need = (std::uint64_t{length} + pCatCB->Len + 1) * sizeof(char16_t);
   if (need > kMaxStringLen) return failStringSize(frame);

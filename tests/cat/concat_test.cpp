@@ -508,6 +508,7 @@ TEST_P(CatAppendTest, BlocksOf2147483647BytesAndMoreAreFull) {
       expectRefused(4025, kTooLong,
                     [&] { return GetParam().call(mem, &cat, std::u16string(length, u'y')); });
     }
+    expectAppendFails(4025, kTooLong, [&] { return mem.MEM_MemCat(&cat, nullptr, 1); });
     EXPECT_EQ(changedRanges(before, bytesOf(&cat, sizeof cat)), "");
   }
   EXPECT_EQ(storage[0], 0);

@@ -16,9 +16,10 @@ constexpr std::int64_t kWideUnit = 2;
 
 bool applyText(const MEMFieldDef &field, std::byte *pField) noexcept {
   const char *pText = field.Default.pText;
-  if (pText == nullptr || field.Length < 1) return true;
+  if (pText == nullptr) return true;
   const auto length = static_cast<std::int64_t>(std::strlen(pText));
   if (length >= field.Length && field.NoTruncate != 0) return false;
+  if (field.Length < 1) return true;
   const auto last = static_cast<std::size_t>(field.Length - 1);
   // One byte more: the terminator.
   std::memcpy(pField, pText, std::min(last, static_cast<std::size_t>(length) + 1));
@@ -29,9 +30,10 @@ bool applyText(const MEMFieldDef &field, std::byte *pField) noexcept {
 // The test for truncation compares units with bytes. Callers' definitions rely on it.
 bool applyWideText(const MEMFieldDef &field, std::byte *pField) noexcept {
   const char16_t *pText = field.Default.pWide;
-  if (pText == nullptr || field.Length < kWideUnit) return true;
+  if (pText == nullptr) return true;
   const auto length = static_cast<std::int64_t>(wideLength(pText));
   if (length >= field.Length && field.NoTruncate != 0) return false;
+  if (field.Length < kWideUnit) return true;
   const std::int64_t last = field.Length / kWideUnit - 1;
   std::memcpy(pField, pText, static_cast<std::size_t>(std::min(last, length + 1) * kWideUnit));
   storeAs(pField + last * kWideUnit, char16_t{0});

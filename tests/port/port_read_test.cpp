@@ -633,7 +633,9 @@ TEST_F(PortDefaultTest, WCharSZ) {
 
 TEST_F(PortDefaultTest, TooLongForNoTruncateFailsWithoutMessage) {
   const Field fields[] = {absent(MEM_PORT_CHARSZ, 6).byDefault("abcdef").noTruncate(),
-                          absent(MEM_PORT_WCHARSZ, 8).byDefault(u"abcdefgh").noTruncate()};
+                          absent(MEM_PORT_CHARSZ, 0).byDefault("").noTruncate(),
+                          absent(MEM_PORT_WCHARSZ, 8).byDefault(u"abcdefgh").noTruncate(),
+                          absent(MEM_PORT_WCHARSZ, 1).byDefault(u"a").noTruncate()};
   for (const Field &field : fields) {
     Defs defs;
     defs.add(1, 24, {Field(1, MEM_PORT_LONG, 4, 0), field});

@@ -282,6 +282,7 @@ TEST_F(PortWriteTest, CountsOfEveryType) {
       {MEM_PORT_USHORT, 14, true, "2", 2},   {MEM_PORT_LONG, 30, true, "01", 10},
       {MEM_PORT_ULONG, 10, true, "", 0},     {MEM_PORT_LONG, -5, true, "", 0},
       {MEM_PORT_LONG, 13, true, "1", 1},     {MEM_PORT_SHORT, 15, true, "2", 2},
+      {MEM_PORT_SHORT, 4, true, "", 0},      {MEM_PORT_ULONG, -16, true, "", 0},
   };
   for (const CountCase &row : kCases) {
     SCOPED_TRACE(std::to_string(row.type) + " value " + std::to_string(row.value));

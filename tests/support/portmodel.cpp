@@ -119,7 +119,8 @@ std::int64_t elements(const MEMStructDef &def, const void *structure) {
   if (field.Type == 7) value = get<std::int32_t>(place);
   if (field.Type == 8) value = get<std::uint32_t>(place);
   if (def.CountIsLength == 0 || value < 0) return value;
-  return (value - def.Length) / def.Fields[def.FieldCount - 1].Length + 1;
+  const auto length = static_cast<std::int32_t>(value);
+  return (std::int64_t{length} - def.Length) / def.Fields[def.FieldCount - 1].Length + 1;
 }
 
 // Ported fields of a structure with the place of each element.

@@ -273,7 +273,8 @@ std::int16_t PortWriter::writeCount(const MEMStructDef &def, const std::byte *pS
   }
   const std::int32_t elementLen = def.Fields[fieldCount(def) - 1].Length;
   if (def.CountIsLength != 0 && elementLen != 0) {
-    count = (count - def.Length) / elementLen + 1;
+    const auto length = static_cast<std::int32_t>(count);  // of an unsigned field, too
+    count = (std::int64_t{length} - def.Length) / elementLen + 1;
   }
   elements = count > 0 ? static_cast<std::uint32_t>(count) : 0;
   return checked(output_.appendReversed(elements));

@@ -440,6 +440,17 @@ TEST_F(PortGuardTest, UnreadableChunks) {
   expectFault([&] { return readChain(defs.table(), chain.first()); });
 }
 
+// Nor does a chain without end keep the reader from its own end.
+TEST_F(PortGuardTest, ChunksAfterTheEndOfTheTextAreNotRead) {
+  const Defs defs = list();
+  Chain chain;
+  chain.add(portString("(1<1N5>)"));
+  for (const MEMPortChunk *next : {wild<const MEMPortChunk>(), chain.first()}) {
+    std::memcpy(const_cast<MEMPortChunk *>(chain.first()), &next, sizeof next);
+    EXPECT_EQ(readChain(defs.table(), chain.first()), 0);
+  }
+}
+
 TEST_F(PortGuardTest, ChunkShorterThanItsUsedLength) {
   const std::string text = portString("(1<1N5/2");
   std::uint8_t *chunk = edge(12 + text.size());

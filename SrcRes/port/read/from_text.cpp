@@ -178,7 +178,7 @@ bool readTerminated(PortScanner &scanner, const MessagePoint &point, const MEMFi
 template <class Unit>
 std::byte *allocateText(PortScanner &scanner, const MessagePoint &point, std::uint64_t units,
                         std::byte *pField) noexcept {
-  if (units > scanner.inputLength()) {
+  if (!scanner.inputHasAtLeast(units)) {
     scanner.fail(point, kInconsistent);
     return nullptr;
   }

@@ -85,7 +85,7 @@ bool PortReader::readHeader() noexcept {
   std::memcpy(number, header + kCountOff, kCountLen);
   const std::int64_t count = decimal(number);
   // A text cannot hold more structures than characters.
-  if (count < 1 || static_cast<std::uint64_t>(count) > scanner_.inputLength()) return false;
+  if (count < 1 || !scanner_.inputHasAtLeast(static_cast<std::uint64_t>(count))) return false;
   if (count > INT32_MAX / static_cast<std::int64_t>(sizeof(void *))) return false;
   count_ = static_cast<std::uint32_t>(count);
   return true;

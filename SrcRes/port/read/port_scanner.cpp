@@ -46,13 +46,11 @@ bool PortInput::step() noexcept {
   return false;
 }
 
-std::uint64_t PortInput::length() const noexcept {
-  if (pFirst_ == nullptr) return static_cast<std::uint64_t>(pEnd_ - pStart_);
-  std::uint64_t sum = 0;
-  for (const MEMPortChunk *pChunk = pFirst_; pChunk != nullptr; pChunk = pChunk->pNext) {
-    sum += textOf(*pChunk).size();
+bool PortInput::hasAtLeast(std::uint64_t count) noexcept {
+  for (; counted_ < count && pUncounted_ != nullptr; pUncounted_ = pUncounted_->pNext) {
+    counted_ += textOf(*pUncounted_).size();
   }
-  return sum;
+  return counted_ >= count;
 }
 
 Excerpts PortInput::excerpts() const noexcept {
@@ -89,11 +87,6 @@ std::optional<std::uint64_t> PortScanner::longNumber() noexcept {
     moveTo(pBehind);
     if (pBehind != pEnd) return digits.value();
   }
-}
-
-std::uint64_t PortScanner::inputLength() noexcept {
-  if (inputLength_ == 0) inputLength_ = input_.length();
-  return inputLength_;
 }
 
 bool PortScanner::fail(const MessagePoint &point, const char *pMessage) noexcept {

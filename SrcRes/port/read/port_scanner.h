@@ -28,9 +28,9 @@ struct Excerpts {
 class PortInput {
  public:
   // Reads nothing, so construction is safe outside the fault guard.
-  explicit PortInput(const MEMPortChunk *pFirst) noexcept : pFirst_(pFirst) {}
+  explicit PortInput(const MEMPortChunk *pFirst) noexcept : pFirst_(pFirst), pUncounted_(pFirst) {}
   PortInput(const char *pText, std::uint32_t length) noexcept
-      : pStart_(pText), pNext_(pText), pEnd_(pText + length) {}
+      : counted_(length), pStart_(pText), pNext_(pText), pEnd_(pText + length) {}
 
   // The next character; false at the end.
   bool next(char &c) noexcept {
@@ -70,8 +70,9 @@ class PortInput {
     return true;
   }
 
-  // Number of characters of the whole input.
-  std::uint64_t length() const noexcept;
+  // True when the whole input has at least `count` characters. Looks at no more chunks than that
+  // needs: a text may end before a chunk that cannot be read.
+  bool hasAtLeast(std::uint64_t count) noexcept;
 
   // Position and surrounding text, for messages.
   Excerpts excerpts() const noexcept;
@@ -85,6 +86,9 @@ class PortInput {
   const MEMPortChunk *pFirst_ = nullptr;    // null for one block of characters
   const MEMPortChunk *pCurrent_ = nullptr;  // null before the first chunk, too
   const MEMPortChunk *pBefore_ = nullptr;   // the one before it; may be empty
+
+  const MEMPortChunk *pUncounted_ = nullptr;  // the chunks from here on are not in counted_
+  std::uint64_t counted_ = 0;                 // characters
 
   // The current chunk's characters and the next one to read.
   const char *pStart_ = nullptr;
@@ -144,8 +148,8 @@ class PortScanner {
   const char *end() const noexcept { return input_.end(); }
   void moveTo(const char *pNext) noexcept { input_.moveTo(pNext); }
 
-  // Number of characters of the whole input, counted once.
-  std::uint64_t inputLength() noexcept;
+  // True when the whole input has at least `count` characters.
+  bool inputHasAtLeast(std::uint64_t count) noexcept { return input_.hasAtLeast(count); }
 
   // The caller's heap.
   HMEMHEAP heap() const noexcept { return hMemHeap_; }
@@ -165,7 +169,6 @@ class PortScanner {
   CallFrame &frame_;
   PortInput input_;
   const HMEMHEAP hMemHeap_;
-  std::uint64_t inputLength_ = 0;
 };
 
 }  // namespace memlib

@@ -1,6 +1,6 @@
-// What a failure of MEM_Unpack leaves in the blocks: everything before it has become real addresses
-// and native text, everything after it is as it was written. This holds for every order of
-// segments, texts and blocks.
+// What a failure of MEM_Unpack leaves in the blocks: everything before its segment has become real
+// addresses and native text, everything else is as it was written. And which of two failures it
+// is. This holds for every order of segments, texts and blocks.
 
 #include <algorithm>
 
@@ -56,8 +56,17 @@ class ChangeList {
  public:
   explicit ChangeList(const Tree &tree) : tree_(tree) { visit(0); }
   const std::vector<Change> &changes() const { return changes_; }
+  // The pointers in the order in which they are checked: a segment's all at once, when the walk
+  // reaches it.
+  const std::vector<Change> &checks() const { return checks_; }
 
  private:
+  void check(std::size_t node, const std::vector<std::pair<std::size_t, std::size_t>> &pointers) {
+    for (const auto &[part, target] : pointers) {
+      if (target != kNone) checks_.push_back({node, part});
+    }
+  }
+
   std::size_t follow(std::size_t node, std::size_t part, std::size_t target) {
     if (target != kNone) changes_.push_back({node, part});
     return target;
@@ -73,22 +82,28 @@ class ChangeList {
   void visit(std::size_t node) {
     const Kind &kind = tree_.kinds[tree_.nodes[node].kind];
     std::vector<std::pair<std::size_t, std::size_t>> children;  // part and target
+    std::vector<std::pair<std::size_t, std::size_t>> references;
     std::pair<std::size_t, std::size_t> next{0, kNone};
     std::size_t pointer = 0;
     for (std::size_t part = 0; part < kind.parts.size(); ++part) {
       if (kind.parts[part].what == Part::What::Data) continue;
       const std::size_t target = tree_.nodes[node].targets[pointer++];
-      if (kind.parts[part].what == Part::What::Reference) follow(node, part, target);
+      if (kind.parts[part].what == Part::What::Reference) references.emplace_back(part, target);
       if (kind.parts[part].what == Part::What::Child) children.emplace_back(part, target);
       if (kind.parts[part].what == Part::What::Sibling) next = {part, target};
     }
     if (kind.hasEntriesBackwards) std::reverse(children.begin(), children.end());
+    check(node, {next});
+    check(node, children);
+    check(node, references);
+    for (const auto &[part, target] : references) follow(node, part, target);
     for (const auto &[part, target] : children) visitChild(follow(node, part, target));
     if (follow(node, next.first, next.second) != kNone) visit(next.second);
   }
 
   const Tree &tree_;
   std::vector<Change> changes_;
+  std::vector<Change> checks_;
 };
 
 class UnpackHalfwayTest : public UnpackTest, public ::testing::WithParamInterface<const char *> {
@@ -96,7 +111,9 @@ class UnpackHalfwayTest : public UnpackTest, public ::testing::WithParamInterfac
   void use(const Tree &tree, std::size_t blockLen) {
     tree_ = tree;
     chain_ = chainwriter::write(tree, writer, blockLen);
-    changes_ = ChangeList(tree).changes();
+    const ChangeList list(tree);
+    changes_ = list.changes();
+    checks_ = list.checks();
   }
 
   Place target(const Change &change) const {
@@ -185,7 +202,8 @@ class UnpackHalfwayTest : public UnpackTest, public ::testing::WithParamInterfac
       SCOPED_TRACE("change " + std::to_string(i));
       Chain broken = chain_;
       broken.setPointer(field(changes_[i]), {9999, 2});
-      expectDone(broken, i, MEMERR_PACKRBLK);
+      const std::size_t done = changesBefore(changes_[i].node);
+      expectDone(broken, done, MEMERR_PACKRBLK);
       // The bytes after block and offset mean nothing, but stay in fields that are not reached.
       for (std::size_t j = i == 0 ? 0 : i - 1; j <= i + 1 && j < changes_.size(); ++j) {
         if (changes_[j].part == kNone) continue;
@@ -193,18 +211,47 @@ class UnpackHalfwayTest : public UnpackTest, public ::testing::WithParamInterfac
         const Place at = field(changes_[j]);
         std::fill_n(odd.blocks[at.block].begin() + static_cast<std::ptrdiff_t>(at.offset) + 4, 4,
                     std::uint8_t{0xA5});
-        expectDone(odd, i, MEMERR_PACKRBLK);
+        expectDone(odd, done, MEMERR_PACKRBLK);
       }
       if (HasFailure()) return;
+    }
+  }
+
+  // Two pointers in turn lead nowhere: one to a block, one to an offset that does not exist.
+  void expectTheFirstOfTwoFailures() {
+    const Place noBlock{9999, 2};
+    const Place noOffset{0, chain_.blocks[0].size()};
+    for (std::size_t i = 0; i < checks_.size(); ++i) {
+      for (std::size_t j = i + 1; j < checks_.size(); ++j) {
+        SCOPED_TRACE("checks " + std::to_string(i) + " and " + std::to_string(j));
+        const std::size_t done = changesBefore(checks_[i].node);
+        Chain broken = chain_;
+        broken.setPointer(field(checks_[i]), noBlock);
+        broken.setPointer(field(checks_[j]), noOffset);
+        expectDone(broken, done, MEMERR_PACKRBLK);
+        broken.setPointer(field(checks_[i]), noOffset);
+        broken.setPointer(field(checks_[j]), noBlock);
+        expectDone(broken, done, MEMERR_PACKROFF);
+        if (HasFailure()) return;
+      }
     }
   }
 
   Writer writer = writerOf(GetParam());
 
  private:
+  // The changes that are made before the walk reaches a node with pointers.
+  std::size_t changesBefore(std::size_t node) const {
+    const auto found = std::find_if(changes_.begin(), changes_.end(), [node](const Change &change) {
+      return change.node == node && change.part != kNone;
+    });
+    return static_cast<std::size_t>(found - changes_.begin());
+  }
+
   Tree tree_;
   Chain chain_{writerOf("0220")};
   std::vector<Change> changes_;
+  std::vector<Change> checks_;
 };
 
 TEST_P(UnpackHalfwayTest, WhatLiesInOrder) {
@@ -226,12 +273,21 @@ TEST_P(UnpackHalfwayTest, SharedText) {
   expectEveryFailure();
 }
 
+TEST_P(UnpackHalfwayTest, OfTwoFailuresTheFirst) {
+  const Tree tree = chainwriter::sampleTree();
+  for (const std::size_t room : {std::size_t{0}, std::size_t{4000}}) {
+    use(tree, chainwriter::smallestBlockLen(tree, writer) + room);
+    expectTheFirstOfTwoFailures();
+  }
+}
+
 TEST_P(UnpackHalfwayTest, RandomTrees) {
   for (std::uint64_t seed = 1; seed <= 25; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     const Tree tree = chainwriter::randomTree(seed);
     use(tree, chainwriter::smallestBlockLen(tree, writer) + 130 + seed * 20);
     expectEveryFailure();
+    if (seed <= 5) expectTheFirstOfTwoFailures();
     if (HasFailure()) return;
   }
 }

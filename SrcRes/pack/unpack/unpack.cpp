@@ -17,8 +17,9 @@ bool layoutsAgree(const PackControlBlock &file, const PackControlBlock &callers)
          rootChildOffset(file, 1) == rootChildOffset(callers, 1);
 }
 
-// Pointer fields are claimed when their segment is reached and resolved when the walk follows them.
-// So nothing that was written is read or written again, even if it overlaps other items.
+// Pointer fields are claimed and checked when their segment is reached, and resolved when the walk
+// follows them. So nothing that was written is read or written again, even if it overlaps other
+// items, and a segment's own pointers fail before anything that it leads to.
 class InPlaceVisitor {
  public:
   static constexpr char kTooDeep[] = "TraversalStackOverflow";
@@ -37,6 +38,8 @@ class InPlaceVisitor {
                       const ContentPlace &place) const noexcept;
   Outcome claimSegment(const MemPackDescriptor &descriptor, const ContentPlace &place) noexcept;
   Outcome claimField(const ContentPlace &segment, std::int16_t offset) noexcept;
+  Outcome checkPointers(const MemPackDescriptor &descriptor,
+                        const ContentPlace &segment) const noexcept;
   Outcome takeWide(const ContentPlace &place) noexcept;
 
   ChainReader &chain_;
@@ -51,6 +54,7 @@ Outcome InPlaceVisitor::visit(std::uint16_t kind, const ContentPlace &place) noe
   if (!chain_.controlBlock().hasValidCounts(descriptor)) return chain_.file().badKind(kind);
   if (Outcome failed = checkLength(descriptor, place)) return failed;
   if (Outcome failed = claimSegment(descriptor, place)) return failed;
+  if (Outcome failed = checkPointers(descriptor, place)) return failed;
   for (const std::int16_t offset : references(descriptor)) {
     PointerTarget target;
     if (Outcome failed = pointer(place, offset, target)) return failed;
@@ -91,6 +95,15 @@ Outcome InPlaceVisitor::claimField(const ContentPlace &segment, std::int16_t off
   const ContentPlace field{segment.block, static_cast<std::uint32_t>(start)};
   if (start < 0 || !chain_.holds(field, sizeof(void *))) return badOffset(field.offset);
   return chain_.claim(field, sizeof(void *)) ? Outcome{} : reachedTwice();
+}
+
+Outcome InPlaceVisitor::checkPointers(const MemPackDescriptor &descriptor,
+                                      const ContentPlace &segment) const noexcept {
+  return anyPointerField(descriptor, [&](std::int16_t offset) {
+    ContentPlace target{};
+    const std::byte *pField = chain_.at(segment) + offset;
+    return loadAs<std::uint64_t>(pField) == 0 ? Outcome{} : chain_.follow(pField, target);
+  });
 }
 
 Outcome InPlaceVisitor::takeWide(const ContentPlace &place) noexcept {

@@ -15,8 +15,9 @@
 // that a key is absent: a get walks the chain, an insert checks that the chain still ends with the
 // recorded node. A node in the index must still have its key, and the list of deleted nodes must
 // still begin with the recorded node; otherwise chains are walked, and an insert drops the index.
-// This detects all inserts of others. It detects deletions unless two or more happen between two
-// inserts of the library and every deleted node is in use again by then.
+// This detects all inserts of others at the end of a chain. It detects deletions that put the node
+// first in the list of deleted nodes, unless two or more happen between two inserts of the library
+// and every deleted node is in use again by then.
 #pragma once
 
 #include <cstdint>
@@ -40,7 +41,8 @@ inline constexpr std::uint16_t kMostWalkedNodes = 2048;
 // States of a table: MEMHashCtlBlk.IndexState. Without an index, WalkedNodes is the number of nodes
 // inserted since the table was opened or lost its index, up to kMostWalkedNodes. A host that opens
 // tables itself may leave any values in both fields, so the states are numbers that are unlikely by
-// chance.
+// chance. Only kIndexed, which is recognised by one byte, is less unlikely: such a table of keys of
+// 8 bytes gets an index with its 2,049th node, although nobody allowed it.
 inline constexpr std::uint16_t kNeverIndexed = 0;  // not allowed, or storage for one was refused
 inline constexpr std::uint16_t kMayBeIndexed = 0x4D49;
 // A new index is made only after the table has grown by kMostWalkedNodes: making one is slow, and

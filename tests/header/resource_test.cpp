@@ -96,6 +96,9 @@ TYPED_TEST(HeapResourceTest, LackOfStorageThrowsAndChangesNothing) {
   EXPECT_THROW(numbers.resize(100000), std::bad_alloc);
   EXPECT_EQ(numbers, (std::pmr::vector<int>{1, 2, 3}));
   constexpr std::size_t kMost = std::numeric_limits<std::int32_t>::max();
+  for (const std::size_t alignment : {kMost + 1, 2 * (kMost + 1)}) {
+    EXPECT_THROW(static_cast<void>(resource.allocate(16, alignment)), std::bad_alloc);
+  }
   for (const std::size_t length : {kMost, kMost + 1, std::numeric_limits<std::size_t>::max()}) {
     EXPECT_THROW(static_cast<void>(resource.allocate(length)), std::bad_alloc);
   }

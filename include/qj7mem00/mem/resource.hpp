@@ -60,7 +60,7 @@ class HeapResource final : public std::pmr::memory_resource {
 
   void *do_allocate(std::size_t bytes, std::size_t alignment) override {
     constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max());
-    if (bytes > kMost - alignment) {
+    if (alignment > kMost || bytes > kMost - alignment) {
       detail::failToAllocate(Error::refusal("HeapResource", "an entry is too long"));
     }
     const auto length = static_cast<std::int32_t>(entryLength(bytes, alignment));

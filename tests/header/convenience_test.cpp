@@ -687,6 +687,35 @@ TEST_F(SinkOwnerTest, FailuresTellWhy) {
   EXPECT_TRUE(text.isOpen());
 }
 
+// The address may belong to another text by the time of a second close().
+TEST_F(SinkOwnerTest, ACopyErasedByAFailedCloseIsNotOwned) {
+  mem::SunkString text = taken(mem::SunkString::sink(context, "name"));
+  const char *const erased = text.text();
+  refhost::Fault second = faultOf(Service::ProtectStorage);
+  second.nth = 2;
+  host.arm(second);
+  const mem::Status closed = text.close();
+  host.disarm();
+  ASSERT_FALSE(closed.isOk());
+  EXPECT_STREQ(closed.error().nameText(), "ProtPageErrReadOnly");
+  EXPECT_FALSE(text.isOpen());
+  const mem::SunkString other = taken(mem::SunkString::sink(context, "four"));
+  EXPECT_EQ(other.text(), erased);
+  expectOk(text.close());
+  EXPECT_STREQ(other.text(), "four");
+  EXPECT_EQ(taken(mem::SunkString::find(context, "four")), other.text());
+}
+
+// Nothing changes when the copy could not be made writable.
+TEST_F(SinkOwnerTest, ACopyThatCouldNotBeErasedIsStillOwned) {
+  mem::SunkString text = taken(mem::SunkString::sink(context, "name"));
+  host.arm(faultOf(Service::ProtectStorage));
+  EXPECT_FALSE(text.close().isOk());
+  host.disarm();
+  EXPECT_STREQ(text.text(), "name");
+  expectOk(text.close());
+}
+
 // --- Packed chain ------------------------------------------------------------------------------
 
 class ChainOwnerTest : public ConvenienceTest {

@@ -85,7 +85,9 @@ struct SinkSlots<char16_t> {
 
 }  // namespace detail
 
-/** One use of the sink's copy of a text. Copies of equal texts have one address. */
+/** One use of the sink's copy of a text. Copies of equal texts have one address. A failed close()
+ * still owns the use, unless the copy was erased but could not be protected again (MEMERR_SINKVSTG,
+ * "ProtPageErrReadOnly"): then the owner is empty. */
 template <class Char>
 class BasicSunkString : public Owner<BasicSunkString<Char>, const Char *> {
   using Base = Owner<BasicSunkString<Char>, const Char *>;
@@ -111,8 +113,10 @@ class BasicSunkString : public Owner<BasicSunkString<Char>, const Char *> {
     return pSunk;
   }
 
-  static Status closeHandle(const Context &context, const Char *pSunk) noexcept {
-    return call(context, Slots::remove, pSunk);
+  static Status closeHandle(const Context &context, const Char *&pSunk) noexcept {
+    const Status removed = call(context, Slots::remove, pSunk);
+    if (!removed.isOk() && isErased(removed.error())) pSunk = nullptr;
+    return removed;
   }
 
   /** The copy, which is read-only; null for an empty owner. */
@@ -120,6 +124,12 @@ class BasicSunkString : public Owner<BasicSunkString<Char>, const Char *> {
 
  private:
   BasicSunkString(ContextRef context, const Char *pSunk) noexcept : Base(context, pSunk) {}
+
+  // The one failure after which the copy no longer exists: its storage was not protected again.
+  static bool isErased(const Error &error) noexcept {
+    return error.code() == MEMERR_SINKVSTG &&
+           std::string_view(error.nameText()) == "ProtPageErrReadOnly";
+  }
 };
 
 using SunkString = BasicSunkString<char>;

@@ -190,7 +190,9 @@ struct Options {
   /** @} */
 
   /** Called at each misuse, on its thread, before the service returns. It may use the library and
-   * must not throw. The misuse is kept as well. stopOnMisuse and abortOnMisuse can be set here. */
+   * must not throw. The misuse is kept as well. For a thread that ends without undoing its calls it
+   * is called at the thread's end; other threads that end then wait, so it must not wait for them.
+   * stopOnMisuse and abortOnMisuse can be set here. */
   std::function<void(const Misuse &)> onMisuse = {};
 
   /** The call that allocates the area with this number (Leak::callNumber) stops in the debugger; 0:

@@ -35,6 +35,9 @@ struct Host::Impl {
   std::vector<std::string> describe(const std::vector<void *> &stack) const;
   Leak leakOf(const FoundArea &area) const;
 
+  Misuse misuseOf(Service service, std::string what, const Origin &origin,
+                  const FoundArea *area = nullptr) const;
+
   // Keeps a misuse and passes it to Options::onMisuse.
   // REQUIRES: no lock of the host's is held except threadEndMutex().
   void reportMisuse(Service service, std::string what, const Origin &origin,
@@ -51,7 +54,7 @@ struct Host::Impl {
   // Reports what the calling thread, which ends, has not undone, and forgets the thread. A number
   // that is not that of a thread of this host is ignored.
   void endThread(std::uint64_t number);
-  void reportLeftBy(ThreadState &ended);
+  std::vector<Misuse> leftBy(ThreadState &ended);
 
   const Options options;
   ChainTable chains;

@@ -161,11 +161,17 @@ Leak Host::Impl::leakOf(const FoundArea &area) const {
 
 void Host::Impl::reportMisuse(Service service, std::string what, const Origin &origin,
                               const FoundArea *area) {
+  const Misuse misuse = misuseOf(service, std::move(what), origin, area);
+  misuses.report(misuse);
+  if (options.onMisuse) options.onMisuse(misuse);
+}
+
+Misuse Host::Impl::misuseOf(Service service, std::string what, const Origin &origin,
+                            const FoundArea *area) const {
   Misuse misuse{service,          std::move(what),        origin.thread,
                 *origin.services, describe(origin.stack), {}};
   if (area != nullptr) misuse.area = leakOf(*area);
-  misuses.report(misuse);
-  if (options.onMisuse) options.onMisuse(misuse);
+  return misuse;
 }
 
 void Host::Impl::addGatesLeft(Findings &findings) {

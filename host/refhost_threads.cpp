@@ -78,37 +78,42 @@ void ThreadTable::resetCalls() {
 void Host::Impl::endThread(std::uint64_t number) {
   const std::unique_ptr<ThreadState> ended = threads.remove(number);
   if (ended == nullptr) return;
-  timeline.endTo(number, 0);
-  reportLeftBy(*ended);
-  gates.endThread(*ended);  // after the report: the threads that it wakes report misuses, too
+  timeline.endThread(number);
+  const std::vector<Misuse> left = leftBy(*ended);
+  for (const Misuse &misuse : left) misuses.report(misuse);
+  gates.endThread(*ended);  // after the reports: the threads that it wakes report misuses, too
+  if (!options.onMisuse) return;
+  for (const Misuse &misuse : left) options.onMisuse(misuse);  // may acquire the thread's gates
 }
 
-void Host::Impl::reportLeftBy(ThreadState &ended) {
+std::vector<Misuse> Host::Impl::leftBy(ThreadState &ended) {
   const std::vector<std::uint32_t> held = gates.heldBy(ended);
   const bool isInFrame = ended.innermost != nullptr;
   const bool isActive = ended.env.pMemThreadBlk != nullptr;
-  if (held.empty() && !isInFrame && !isActive) return;
+  std::vector<Misuse> left;
+  if (held.empty() && !isInFrame && !isActive) return left;
 
   const Origin origin = originOn(ended);
   for (const std::uint32_t gate : held) {
-    reportMisuse(
+    left.push_back(misuseOf(
         Service::ReleaseGate,
         formatText("a thread ended while it held gate %u: ReleaseGate was not called", gate),
-        origin);
+        origin));
   }
   // The frames may no longer exist, like the thread's stack: do not read them.
   if (isInFrame) {
-    reportMisuse(Service::LeaveFrame,
-                 "a thread ended inside a frame: LeaveFrame was not called "
-                 "(takeCalls shows for which frame)",
-                 origin);
+    left.push_back(misuseOf(Service::LeaveFrame,
+                            "a thread ended inside a frame: LeaveFrame was not called "
+                            "(takeCalls shows for which frame)",
+                            origin));
   }
   if (isActive) {
     const std::optional<FoundArea> block = storage.takeThreadBlock(ended.env.pMemThreadBlk);
-    reportMisuse(Service::FreePoolStorage,
-                 "a thread ended while it was active: MEM_ThreadTerm was not called", origin,
-                 block ? &*block : nullptr);
+    left.push_back(misuseOf(Service::FreePoolStorage,
+                            "a thread ended while it was active: MEM_ThreadTerm was not called",
+                            origin, block ? &*block : nullptr));
   }
+  return left;
 }
 
 }  // namespace refhost

@@ -74,6 +74,12 @@ void Timeline::endTo(std::uint64_t thread, std::size_t depth, std::optional<std:
   }
 }
 
+void Timeline::endThread(std::uint64_t thread) {
+  endTo(thread, 0);
+  const std::lock_guard lock(mutex_);
+  open_.erase(thread);
+}
+
 void Timeline::mark(const TraceRecord &record) {
   const std::lock_guard lock(mutex_);
   if (!file_.is_open()) return;

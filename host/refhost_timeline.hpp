@@ -53,6 +53,9 @@ class Timeline {
   // has cut off.
   void endTo(std::uint64_t thread, std::size_t depth, std::optional<std::uint32_t> result = {});
 
+  // A thread has ended, with all its calls.
+  void endThread(std::uint64_t thread);
+
   // A trace record has been written.
   void mark(const TraceRecord &record);
 

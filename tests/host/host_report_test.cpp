@@ -402,6 +402,23 @@ TEST(HostMisuse, OfAThreadsEndIsShown) {
   EXPECT_EQ(misuses[1].services, Lines{"open"});
 }
 
+// The gate that the thread has left is known to have no owner by then.
+TEST(HostMisuse, OfAThreadsEndIsShownByAFunctionThatUsesTheHost) {
+  std::uint32_t gate = 0;
+  std::vector<std::uint16_t> acquired;
+  Options options = quietly();
+  std::optional<Host> host;
+  options.onMisuse = [&](const Misuse &misuse) {
+    if (misuse.what.find("a thread ended") == std::string::npos) return;
+    acquired.push_back(host->runtime().AcquireGate(gate));
+  };
+  host.emplace(options);
+  host->runtime().CreateGate(&gate);
+  std::thread([&] { host->runtime().AcquireGate(gate); }).join();
+  ASSERT_EQ(acquired.size(), 1U);
+  EXPECT_NE(acquired[0], 0);
+}
+
 // What is found at the end has no spot.
 TEST(HostMisuse, FoundAtTheEndIsReportedOnly) {
   int seen = 0;

@@ -150,11 +150,20 @@ StorageAccount::Areas::const_iterator StorageAccount::areaAt(std::uintptr_t addr
   return address - candidate->first <= candidate->second.length ? candidate : areas_.end();
 }
 
-bool StorageAccount::covers(const void *address, std::uint32_t length) const {
+bool StorageAccount::isWritable(const void *address, std::uint32_t length) const {
   const auto first = reinterpret_cast<std::uintptr_t>(address);
   const std::lock_guard lock(mutex_);
   const auto found = areaAt(first);
-  return found != areas_.end() && length <= found->second.length - (first - found->first);
+  if (found == areas_.end()) return false;
+  const std::uintptr_t offset = first - found->first;
+  if (length > found->second.length - offset) return false;
+  const std::vector<bool> &readOnly = found->second.readOnlyPages;
+  if (readOnly.empty() || length == 0) return true;
+  const std::size_t lastPage = (offset + length - 1) / platform::pageSize();
+  for (std::size_t page = offset / platform::pageSize(); page <= lastPage; ++page) {
+    if (readOnly[page]) return false;
+  }
+  return true;
 }
 
 std::uint16_t StorageAccount::protect(void *address, std::uint32_t length, std::uint16_t subPool,
@@ -362,7 +371,7 @@ std::uint16_t protectStorage(void *pArea, std::uint32_t length, std::uint16_t su
 std::uint16_t checkStorage(const void *pArea, std::uint32_t length) {
   Call call(Service::CheckStorage, pArea, length);
   if (call.faulted()) return call.faultCode();
-  if (call.host().storage.covers(pArea, length)) return call.finish<std::uint16_t>(0);
+  if (call.host().storage.isWritable(pArea, length)) return call.finish<std::uint16_t>(0);
   return call.finish(call.refuse(kNotStorage, "CheckStorage"));
 }
 

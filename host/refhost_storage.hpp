@@ -64,8 +64,8 @@ class StorageAccount {
   std::uint16_t protect(void *address, std::uint32_t length, std::uint16_t subPool,
                         std::uint16_t mode);
 
-  // Whether the whole range is in one live area.
-  bool covers(const void *address, std::uint32_t length) const;
+  // Whether the whole range is in one live area, and no page of it is read-only.
+  bool isWritable(const void *address, std::uint32_t length) const;
   bool isReadOnly(const void *address) const;
 
   void setDirty(bool dirty) { dirty_.store(dirty, std::memory_order_relaxed); }

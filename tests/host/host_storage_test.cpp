@@ -236,6 +236,20 @@ class HostProtectionTest : public HostStorageTest {
   unsigned char *const area_;
 };
 
+TEST_F(HostProtectionTest, CheckRefusesReadOnlyPages) {
+  const auto check = [this](std::uint32_t offset, std::uint32_t length) {
+    return host_.runtime().CheckStorage(area_ + offset, length);
+  };
+  ASSERT_EQ(protect(area_ + 0x10000, 0x10000, MEM_PROTECT_READ_ONLY), 0);
+  EXPECT_EQ(check(0, 0x10000), 0);
+  EXPECT_EQ(check(0, 0x10001), refhost::kNotStorage);
+  EXPECT_EQ(check(0x1FFFF, 1), refhost::kNotStorage);
+  EXPECT_EQ(check(0x20000, kLength - 0x20000), 0);
+  EXPECT_EQ(check(0x10000, 0), 0);
+  ASSERT_EQ(protect(area_ + 0x10000, 0x10000, MEM_PROTECT_WRITABLE), 0);
+  EXPECT_EQ(check(0, kLength), 0);
+}
+
 TEST_F(HostProtectionTest, CoversAllPagesThatTheRangeTouches) {
   ASSERT_EQ(protect(area_ + 16384, 0x40000, MEM_PROTECT_READ_ONLY), 0);
   EXPECT_FALSE(host_.isReadOnly(area_));

@@ -264,6 +264,19 @@ TEST_F(MemtoolPortTest, FaultsOfTheHeader) {
   expectDeviation(sound + "\n", 30, "the end after 1 structure", "the byte 0A");
 }
 
+// Two files in one, for example.
+TEST_F(MemtoolPortTest, CharactersAfterTheLastStructureAreCounted) {
+  const std::string sound = portText("(1<1N>)");
+  for (const std::string &more : {std::string("\n"), sound}) {
+    writeBytes("one.port", sound + more);
+    const std::string shown = outputOf({"port", "one.port"});
+    const std::string line = "\n" + std::to_string(more.size()) +
+                             (more.size() == 1 ? " character" : " characters") +
+                             " after the last structure, which readers ignore: see --check\n";
+    EXPECT_TRUE(shown.ends_with(line)) << shown;
+  }
+}
+
 TEST_F(MemtoolPortTest, FaultsOfStructures) {
   expectFault(portText("1<1N>)"), 23, "\"(\" of a structure", "'1'");
   expectFault(portText("(<1N>)"), 24, "a StructID from 1 to 2147483647", "'<'");

@@ -32,7 +32,7 @@ constexpr const char *kFooter =
     "  memtool port --encode GRAPH.json --defs DEFS.json -o FILE\n"
     "\n"
     "Characters are counted from 0. A port string with a fault is shown up to the fault, and the\n"
-    "exit code is 1.";
+    "exit code is 1. Only --check reports what readers let pass, such as text after the end.";
 
 struct PortOptions {
   std::vector<std::string> files;

@@ -147,6 +147,7 @@ struct PortFault {
 struct PortDocument {
   std::size_t characters = 0;
   std::uint64_t promised = 0;  // structures according to the header
+  std::size_t unread = 0;      // characters of a text after its last structure: readers stop there
   std::unique_ptr<const PortSource> source;
   std::optional<PortFault> fault;      // readers stop here; `source` has the structures before it
   std::optional<PortFault> deviation;  // the first that readers let pass and no writer writes

@@ -273,6 +273,10 @@ void printPort(Console &console, const std::string &name, const PortDocument &do
                                                                 grouped(selection.leftOut()),
                                                                 selection.shown())));
   }
+  if (document.unread > 0) {
+    console.print("\n{} after the last structure, which readers ignore: see --check\n",
+                  countOf(document.unread, "character"));
+  }
   const std::size_t read = document.count();
   if (document.fault || read == document.promised) return;
   console.print("\n{} more to which no pointer leads\n", grouped(document.promised - read));

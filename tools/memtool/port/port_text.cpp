@@ -85,6 +85,8 @@ class Parser final : public PortReader {
   std::size_t at() const { return at_; }
   std::uint64_t promised() const { return promised_; }
   const std::optional<PortFault> &deviation() const { return deviation_; }
+  // Characters after those that have been read.
+  std::size_t unread() const { return text_.size() - at_; }
 
  private:
   // What the fields of one structure text have shown so far.
@@ -614,6 +616,7 @@ PortDocument readPortText(std::string_view text, Console &console) {
     parser.readHeader();
     Progress progress(console, "reading the port string", text.size());
     readStructures(parser, *source, progress);
+    document.unread = parser.unread();
     parser.checkEnd();
     parser.checkTotal();
   } catch (PortFault &fault) {

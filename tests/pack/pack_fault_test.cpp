@@ -309,7 +309,7 @@ TEST_F(PackAnyFaultTest, EveryStorageRequestOfALargeStructureFails) {
     putPointer(chain[i], 0, chain[i + 1]);
     putPointer(chain[i], 24, chain[i * 7 % kLarge]);
   }
-  sweep(controlBlock.get(), chain[0], 4000);
+  sweep(controlBlock.get(), chain[0], 30000);
   EXPECT_GT(refusedIndexes, 0);
 }
 

@@ -473,7 +473,8 @@ constexpr ErrorCase kWithoutCode[] = {
      "Check that function. The scan has visited all records."},
     {0, Seen::WithoutCode, "", "MEM_StructToPortStr, MEM_PortStrToStruct, MEM_Port1StrToStruct", "",
      "Port strings have no codes: the reason is an \"EXCP\" trace record, written whatever the "
-     "trace flags are. Where a heap or a hash table has failed inside, `Code` is its code.",
+     "trace flags are. A wrong count in the header and a default that is too long have no record. "
+     "Where a heap or a hash table has failed inside, `Code` is its code.",
      "Read the record: it says what is wrong, at which character, what was read and what follows. "
      "`memtool port FILE --check` shows the fault of a file."},
 };

@@ -37,11 +37,14 @@ wine cmd /c exit </dev/null >/dev/null 2>&1 || sleep 1
 status=0
 wine "$@" || status=$?
 # When Wine's loader gives up on a program, it ends without a word, with the low byte of the loader's
-# status: of STATUS_DLL_NOT_FOUND (0xC0000135), STATUS_DLL_INIT_FAILED (0xC0000142) and the like. On a
-# busy machine that has happened to programs that lack nothing. No program of this tree ends with
-# these codes, nor does a crash. The program has read and written nothing, so it is started once
+# status: of STATUS_DLL_NOT_FOUND (0xC0000135), STATUS_DLL_INIT_FAILED (0xC0000142) and the like. A
+# program that lacks nothing has ended in such silence. No program of this tree ends with these
+# codes, nor does a crash. The program has read and written nothing, so it is noted and started once
 # more, with the loader's messages.
 case $status in
-  23 | 24 | 34 | 52 | 53 | 57 | 66 | 67 | 123) WINEDEBUG=$WINEDEBUG,err+module exec wine "$@" ;;
+  23 | 24 | 34 | 52 | 53 | 57 | 66 | 67 | 123)
+    echo "$(date -Is) $status $1" >>"$WINEPREFIX.restarts"
+    WINEDEBUG=$WINEDEBUG,err+module exec wine "$@"
+    ;;
 esac
 exit "$status"

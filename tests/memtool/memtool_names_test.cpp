@@ -522,14 +522,13 @@ TEST_F(MemtoolNamesTest, Arguments) {
   expectRefused(3, "none.json", {"chain", "items.chain", "--defs", "none.json"});
 }
 
-// What save.jq of the page does with the JSON of a damaged chain.
-Json saved(const Json &value) {
+Json mended(const Json &value) {
   if (!value.is_structured()) return value;
   if (value.contains("fault")) return nullptr;
   const bool isCut = value.is_object() && value.value("isCut", false);
   Json made = value;
   if (isCut) made.erase("isCut");
-  for (auto &[key, member] : made.items()) member = saved(member);
+  for (auto &[key, member] : made.items()) member = mended(member);
   if (!isCut) return made;
   Json fields = Json::object();
   for (const auto &[key, member] : made["fields"].items()) {
@@ -537,6 +536,13 @@ Json saved(const Json &value) {
   }
   made["fields"] = fields;
   return made;
+}
+
+// What save.jq of the page does with the JSON of a damaged chain.
+std::string savedJson(const std::string &shown) {
+  Json graph = Json::parse(shown);
+  graph.erase("faults");
+  return mended(graph).dump();
 }
 
 // The page's examples, as they are there.
@@ -557,10 +563,8 @@ TEST_F(MemtoolNamesTest, ManualShowsWhatTheProgramWrites) {
               outputOf({"chain", "--encode", "items.json", "--defs", "items.defs.json", "-o",
                         "again.chain"}));
   writeBytes("short.chain", readBytes("items.chain").substr(0, 1060));
-  Json rest =
-      Json::parse(runTool({"chain", "short.chain", "--defs", "items.defs.json", "--json"}).out);
-  rest.erase("faults");
-  writeBytes("saved.json", saved(rest).dump());
+  const ToolRun damaged = runTool({"chain", "short.chain", "--defs", "items.defs.json", "--json"});
+  writeBytes("saved.json", savedJson(damaged.out));
   expectShown("$ memtool chain --encode saved.json --defs items.defs.json -o saved.chain\n" +
               outputOf({"chain", "--encode", "saved.json", "--defs", "items.defs.json", "-o",
                         "saved.chain"}));
@@ -633,9 +637,7 @@ TEST_F(MemtoolNamesTest, DamagedDefinitionsAndChains) {
     // A damaged control block describes other segments than the definitions.
     const bool isDescribed = damaged.compare(0, kRoot, chain, 0, kRoot) == 0;
     if (isDescribed && shown.code == 1) {
-      Json rest = Json::parse(shown.out);
-      rest.erase("faults");
-      writeBytes("saved.json", saved(rest).dump());
+      writeBytes("saved.json", savedJson(shown.out));
       const ToolRun made =
           runTool({"chain", "--encode", "saved.json", "--defs", "valid.json", "-o", "saved.chain"});
       ASSERT_EQ(made.code, 0) << made.err << shown.err;
